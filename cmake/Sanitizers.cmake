@@ -1,0 +1,6 @@
+# STATUSMANAGER_SANITIZE is a list for -fsanitize=, for example "address,undefined" or "thread".
+set(STATUSMANAGER_SANITIZE "" CACHE STRING "Sanitizers to build with, as -fsanitize= takes them")
+if(STATUSMANAGER_SANITIZE)
+    add_compile_options(-fsanitize=${STATUSMANAGER_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${STATUSMANAGER_SANITIZE})
+endif()

@@ -1,0 +1,26 @@
+# What both of this project's shared libraries have in common.
+#   statusmanager_shared_library(TARGET HEADERS file... SOURCES file...)
+function(statusmanager_shared_library target)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")
+    add_library(${target} SHARED ${arg_SOURCES})
+    add_library(StatusManager::${target} ALIAS ${target})
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${PROJECT_VERSION_MAJOR})
+    target_compile_features(${target} PUBLIC cxx_std_17)
+    target_include_directories(${target} PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
+        $<INSTALL_INTERFACE:${STATUSMANAGER_INCLUDE_DIR}>)
+    target_link_libraries(${target} PRIVATE statusmanager_warnings)
+    # Threads of the libraries run until the process ends and logging keeps addresses inside them, so they must
+    # stay loaded even if what pulled them in is unloaded. No undefined symbols: a library names what it needs.
+    target_link_options(${target} PRIVATE LINKER:-z,nodelete)
+    if(NOT STATUSMANAGER_SANITIZE)
+        target_link_options(${target} PRIVATE LINKER:-z,defs)
+    endif()
+
+    get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+    install(TARGETS ${target} EXPORT StatusManagerTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
+    install(FILES ${arg_HEADERS} DESTINATION ${STATUSMANAGER_INCLUDE_DIR}/${folder} COMPONENT Development)
+endfunction()

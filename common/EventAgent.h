@@ -1,0 +1,147 @@
+#ifndef VESK_COMMON_EVENTAGENT_H
+#define VESK_COMMON_EVENTAGENT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "common/Export.h"
+#include "common/IEventDispatcher.h"
+#include "common/RefCount.h"
+
+namespace Orvane
+{
+
+/// A reference-counted thing that happens.
+class OV_EXPORT Event : public RefCount
+{
+public:
+    ~Event() override;
+
+protected:
+    explicit Event(int32_t eventCode) : mEventCode(eventCode) {}
+
+    int32_t mEventCode;
+    void* mUserData = nullptr; ///< For the owner of other kinds of event; agents never touch it.
+};
+
+/// One member-function call, packaged with its arguments to be made on a dispatcher's thread.
+///
+/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker: whoever keeps one for a
+/// while (the queue of a dispatcher, the sender that waits) holds a count, and the last to let go destroys it.
+class OV_EXPORT EventAgent : public Event
+{
+public:
+    ~EventAgent() override;
+
+    /// Makes the packaged call, on the calling thread. Called by dispatchers.
+    virtual void deliver() = 0;
+
+    /// The receiver of the call: by it, queued agents are found and dropped.
+    virtual void* getDeliveryTarget() = 0;
+
+protected:
+    EventAgent();
+};
+
+/// An agent whose sender does not wait.
+class OV_EXPORT AsyncEventAgent : public EventAgent
+{
+public:
+    ~AsyncEventAgent() override;
+
+    /// Queues the agent and returns at once. Any thread. If the dispatcher drops it (its receiver is removed,
+    /// its thread has ended), it is destroyed without having been delivered.
+    void send(IEventDispatcher* dispatcher);
+};
+
+/// An agent whose sender waits until it has been delivered; no result.
+class OV_EXPORT SyncEventAgent : public EventAgent
+{
+public:
+    ~SyncEventAgent() override;
+
+    /// Returns when the call has been made; on the dispatcher's own thread it is made right here, before
+    /// anything that is queued. Any thread. An exception that leaves the call is thrown here. If the agent is
+    /// dropped undelivered, returns without the call having been made. The agent is gone afterwards.
+    void send(IEventDispatcher* dispatcher);
+};
+
+/// Delivers the agent in place on the dispatcher's own thread, through its queue otherwise. The caller holds a
+/// count on the agent.
+OV_EXPORT void deliverAndWait(EventAgent& agent, IEventDispatcher& dispatcher);
+
+/// As SyncEventAgent, with a result.
+template <class R>
+class SyncRetEventAgent : public EventAgent
+{
+public:
+    /// As SyncEventAgent::send, and returns what the call returned: a copy, valid after the agent is gone. An
+    /// agent that is dropped undelivered yields a default-constructed R.
+    R send(IEventDispatcher* dispatcher)
+    {
+        const SmartPtr<EventAgent> hold(this);
+        deliverAndWait(*this, *dispatcher);
+        return mResult;
+    }
+
+protected:
+    R mResult{};
+};
+
+/// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the receiver's
+/// most-derived override. An argument type that is a constant reference is kept as that reference, which only
+/// the waiting kinds may use; everything else is kept as a copy, and each delivery hands on a copy of that copy.
+template <class Kind, class T, class R, class... A>
+class MemberCall : public Kind
+{
+public:
+    using Method = R (T::*)(A...);
+
+    MemberCall(T* receiver, Method method, A... arguments)
+        : mReceiver(receiver), mMethod(method), mArguments(std::forward<A>(arguments)...)
+    {
+        static_assert(alignof(MemberCall) <= alignof(std::max_align_t), "over-aligned arguments are not kept");
+    }
+
+    void deliver() override { call(std::index_sequence_for<A...>()); }
+    void* getDeliveryTarget() override { return mReceiver; }
+
+private:
+    template <std::size_t... I>
+    void call(std::index_sequence<I...>)
+    {
+        if constexpr (std::is_void_v<R>)
+            (mReceiver->*mMethod)(std::get<I>(mArguments)...);
+        else
+            this->mResult = (mReceiver->*mMethod)(std::get<I>(mArguments)...);
+    }
+
+    T* mReceiver;
+    Method mMethod;
+    std::tuple<A...> mArguments;
+};
+
+/// The call shapes. Each is constructed from (receiver, member function, arguments...).
+template <class T, class A1>
+using AsyncEventAgent1 = MemberCall<AsyncEventAgent, T, void, A1>;
+template <class T, class A1, class A2>
+using AsyncEventAgent2 = MemberCall<AsyncEventAgent, T, void, A1, A2>;
+template <class T, class A1, class A2, class A3>
+using AsyncEventAgent3 = MemberCall<AsyncEventAgent, T, void, A1, A2, A3>;
+template <class T>
+using SyncEventAgent0 = MemberCall<SyncEventAgent, T, void>;
+template <class T, class A1>
+using SyncEventAgent1 = MemberCall<SyncEventAgent, T, void, A1>;
+template <class T, class A1, class A2>
+using SyncEventAgent2 = MemberCall<SyncEventAgent, T, void, A1, A2>;
+template <class T, class R>
+using SyncRetEventAgent0 = MemberCall<SyncRetEventAgent<R>, T, R>;
+template <class T, class R, class A1>
+using SyncRetEventAgent1 = MemberCall<SyncRetEventAgent<R>, T, R, A1>;
+
+} // namespace Orvane
+
+#endif

@@ -1,0 +1,298 @@
+#include "common/EventDispatcher.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "common/EventAgent.h"
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
+
+namespace Orvane
+{
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock; // monotonic: this product sets the wall clock
+
+// The dispatcher whose loop runs on this thread. A thread-local answers isThreadCurrent() without a lock.
+thread_local const EventDispatcher* currentDispatcher = nullptr;
+
+// What a waiting sender waits for. It stands on the sender's stack, so complete() must not touch it after the
+// sender can have seen mDone: hence the notification under the lock.
+class Completion
+{
+public:
+    void fail(std::exception_ptr exception) { mException = std::move(exception); }
+
+    void complete()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDone = true;
+        mChanged.notify_one();
+    }
+
+    void wait()
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        mChanged.wait(lock, [this] { return mDone; });
+        if (mException)
+            std::rethrow_exception(mException);
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    bool mDone = false;
+    std::exception_ptr mException; // written before mDone, read after it
+};
+
+void logEscapedException(const char* dispatcher)
+{
+    try
+    {
+        throw;
+    }
+    catch (const std::exception& exception)
+    {
+        OV_LOG(0, "Exception left a call on dispatcher [%s]: %s", dispatcher, exception.what());
+    }
+    catch (...)
+    {
+        OV_LOG(0, "Exception of unknown type left a call on dispatcher [%s]", dispatcher);
+    }
+}
+
+// A queue's hold on one agent and, if its sender waits, its duty to release that sender. However the entry
+// ends, delivered or dropped, the count is given back first and the sender released after it, so that a waiting
+// sender is the last holder of its agent.
+class QueuedAgent
+{
+public:
+    explicit QueuedAgent(EventAgent* agent, Completion* completion = nullptr)
+        : mAgent(agent), mReceiver(agent->getDeliveryTarget()), mCompletion(completion)
+    {
+    }
+
+    QueuedAgent(QueuedAgent&& other) noexcept
+        : mAgent(std::move(other.mAgent)), mReceiver(other.mReceiver),
+          mCompletion(std::exchange(other.mCompletion, nullptr))
+    {
+    }
+
+    QueuedAgent& operator=(QueuedAgent&& other) noexcept
+    {
+        std::swap(mAgent, other.mAgent);
+        std::swap(mReceiver, other.mReceiver);
+        std::swap(mCompletion, other.mCompletion);
+        return *this;
+    }
+
+    ~QueuedAgent()
+    {
+        mAgent = SmartPtr<EventAgent>();
+        if (mCompletion != nullptr)
+            mCompletion->complete();
+    }
+
+    EventAgent* agent() const { return mAgent.get(); }
+    void* receiver() const { return mReceiver; }
+
+    void deliver(const char* dispatcher)
+    {
+        try
+        {
+            mAgent->deliver();
+        }
+        catch (...)
+        {
+            if (mCompletion != nullptr)
+                mCompletion->fail(std::current_exception());
+            else
+                logEscapedException(dispatcher);
+        }
+    }
+
+private:
+    SmartPtr<EventAgent> mAgent;
+    void* mReceiver; // asked once, so that looking for it under the lock calls nothing
+    Completion* mCompletion;
+};
+
+} // namespace
+
+struct EventDispatcher::Queue
+{
+    explicit Queue(const char* queueName) : name(queueName) {}
+
+    const std::string name;
+
+    std::mutex mutex; // guards all below; never held while an agent is delivered or released
+    std::condition_variable changed;
+    std::deque<QueuedAgent> ready;
+    std::multimap<Clock::time_point, QueuedAgent> delayed; // equal times keep their order of insertion
+    bool stopped = false;
+
+    // Moves what is due behind what is ready. Done before every push, too, so that an agent that became due
+    // earlier is not overtaken by one posted later.
+    void admitDue()
+    {
+        if (delayed.empty())
+            return;
+        const auto end = delayed.upper_bound(Clock::now());
+        for (auto entry = delayed.begin(); entry != end; entry = delayed.erase(entry))
+            ready.push_back(std::move(entry->second));
+    }
+
+    // False, with the entry untouched, when the dispatcher has stopped.
+    bool push(QueuedAgent& entry)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        if (stopped)
+            return false;
+        admitDue();
+        ready.push_back(std::move(entry));
+        changed.notify_one();
+        return true;
+    }
+
+    // Waits for the next agent to deliver; nothing when the dispatcher has stopped.
+    std::optional<QueuedAgent> pop()
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        for (;;)
+        {
+            if (stopped)
+                return std::nullopt;
+            admitDue();
+            if (!ready.empty())
+                break;
+            if (delayed.empty())
+                changed.wait(lock);
+            else
+                changed.wait_until(lock, Clock::time_point(delayed.begin()->first));
+        }
+        std::optional<QueuedAgent> next(std::move(ready.front()));
+        ready.pop_front();
+        return next;
+    }
+
+    // Takes out, for the caller to destroy without the lock, every waiting agent that `matches`.
+    template <class Matches>
+    std::vector<QueuedAgent> take(Matches matches)
+    {
+        std::vector<QueuedAgent> taken;
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto kept = std::stable_partition(ready.begin(), ready.end(),
+                                                [&](const QueuedAgent& entry) { return !matches(entry); });
+        std::move(kept, ready.end(), std::back_inserter(taken));
+        ready.erase(kept, ready.end());
+        for (auto entry = delayed.begin(); entry != delayed.end();)
+        {
+            if (matches(entry->second))
+            {
+                taken.push_back(std::move(entry->second));
+                entry = delayed.erase(entry);
+            }
+            else
+                ++entry;
+        }
+        return taken;
+    }
+};
+
+IEventDispatcher::~IEventDispatcher() = default;
+
+EventDispatcher::EventDispatcher(const char* name) : mQueue(std::make_unique<Queue>(name)) {}
+
+EventDispatcher::~EventDispatcher()
+{
+    dropAll();
+}
+
+void EventDispatcher::sendAndWait(EventAgent* agent)
+{
+    if (isThreadCurrent())
+        return agent->deliver();
+
+    Completion completion;
+    {
+        QueuedAgent entry(agent, &completion);
+        mQueue->push(entry);
+    } // an entry that was refused releases its sender here
+    completion.wait();
+}
+
+void EventDispatcher::post(EventAgent* agent)
+{
+    QueuedAgent entry(agent);
+    mQueue->push(entry);
+}
+
+void EventDispatcher::postDelayed(EventAgent* agent, uint32_t delayMs)
+{
+    QueuedAgent entry(agent);
+    const std::lock_guard<std::mutex> lock(mQueue->mutex);
+    if (mQueue->stopped)
+        return;
+    mQueue->delayed.emplace(Clock::now() + std::chrono::milliseconds(delayMs), std::move(entry));
+    mQueue->changed.notify_one();
+}
+
+void EventDispatcher::removeAgentsByReceiver(void* receiver)
+{
+    mQueue->take([receiver](const QueuedAgent& entry) { return entry.receiver() == receiver; });
+}
+
+bool EventDispatcher::removeAgent(EventAgent* agent)
+{
+    return !mQueue->take([agent](const QueuedAgent& entry) { return entry.agent() == agent; }).empty();
+}
+
+void EventDispatcher::dropAll()
+{
+    mQueue->take([](const QueuedAgent&) { return true; });
+}
+
+std::size_t EventDispatcher::getPendingCount()
+{
+    const std::lock_guard<std::mutex> lock(mQueue->mutex);
+    return mQueue->ready.size() + mQueue->delayed.size();
+}
+
+const char* EventDispatcher::getName()
+{
+    return mQueue->name.c_str();
+}
+
+bool EventDispatcher::isThreadCurrent()
+{
+    return currentDispatcher == this;
+}
+
+void EventDispatcher::run()
+{
+    currentDispatcher = this;
+    while (std::optional<QueuedAgent> next = mQueue->pop())
+        next->deliver(mQueue->name.c_str());
+    currentDispatcher = nullptr;
+}
+
+void EventDispatcher::requestStop()
+{
+    const std::lock_guard<std::mutex> lock(mQueue->mutex);
+    mQueue->stopped = true;
+    mQueue->changed.notify_one();
+}
+
+} // namespace Orvane

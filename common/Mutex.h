@@ -1,0 +1,54 @@
+#ifndef VESK_COMMON_MUTEX_H
+#define VESK_COMMON_MUTEX_H
+
+#include <pthread.h>
+
+#include "common/Export.h"
+
+namespace Orvane
+{
+
+/// A mutual-exclusion lock, taken with AutoLock.
+class OV_EXPORT Mutex
+{
+public:
+    /// @param recursive true: the thread that holds the lock may take it again and must then release it as
+    ///                  often; false: a plain lock, on which that would deadlock.
+    /// @throws std::system_error when the system has no room for another mutex.
+    explicit Mutex(bool recursive);
+    ~Mutex();
+
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    /// Blocks until the lock is free and takes it. Any thread.
+    void lock();
+
+    /// Gives the lock back. Only the thread that holds it.
+    void unlock();
+
+    /// The one lock under which every RefCount in the process is changed. It is a plain POSIX mutex that needs
+    /// no construction, so that counts work in static initialisers and until the last moment of the process.
+    static pthread_mutex_t mCriticalSection;
+
+private:
+    pthread_mutex_t mMutex;
+};
+
+/// Holds a Mutex for the length of a scope.
+class AutoLock
+{
+public:
+    explicit AutoLock(Mutex& mutex) : mMutex(mutex) { mMutex.lock(); }
+    ~AutoLock() { mMutex.unlock(); }
+
+    AutoLock(const AutoLock&) = delete;
+    AutoLock& operator=(const AutoLock&) = delete;
+
+private:
+    Mutex& mMutex;
+};
+
+} // namespace Orvane
+
+#endif

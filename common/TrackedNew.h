@@ -1,0 +1,74 @@
+#ifndef VESK_COMMON_TRACKEDNEW_H
+#define VESK_COMMON_TRACKEDNEW_H
+
+#include <atomic>
+#include <cstddef>
+
+#include "common/Export.h"
+
+namespace Orvane
+{
+
+/// One place in the source from which tracked objects are allocated, with its running totals. Sites are made by
+/// OV_NEW, join a process-wide list at their first allocation and stay in it, so code that uses OV_NEW must not
+/// be unloaded. All members may be called from any thread.
+class OV_EXPORT AllocationSite
+{
+public:
+    constexpr AllocationSite(const char* file, int line) : mFile(file), mLine(line) {}
+
+    AllocationSite(const AllocationSite&) = delete;
+    AllocationSite& operator=(const AllocationSite&) = delete;
+
+    /// The source file as the compiler was given it.
+    const char* file() const { return mFile; }
+    int line() const { return mLine; }
+
+    /// Objects allocated here since the start of the process (wraps), and those that exist now.
+    unsigned allocated() const { return mAllocated.load(std::memory_order_relaxed); }
+    unsigned live() const { return mAllocated.load(std::memory_order_relaxed) - mReleased.load(std::memory_order_relaxed); }
+
+    /// Walks all sites that have allocated: `for (auto* s = AllocationSite::first(); s; s = s->next())`.
+    static const AllocationSite* first();
+    const AllocationSite* next() const { return mNext; }
+
+private:
+    friend class Tracked;
+    void countAllocation();
+    void countRelease() { mReleased.fetch_add(1, std::memory_order_relaxed); }
+
+    const char* mFile;
+    int mLine;
+    std::atomic<unsigned> mAllocated{0};
+    std::atomic<unsigned> mReleased{0};
+    std::atomic<bool> mListed{false};
+    const AllocationSite* mNext = nullptr;
+};
+
+/// Gives a class the source-tracking allocation form: `OV_NEW Thing(...)` remembers where the object came from,
+/// an ordinary `delete` finds that out again, and the site's counts tell what is still alive and who made it.
+/// Plain `new` works too and is counted under one nameless site.
+class OV_EXPORT Tracked
+{
+public:
+    static void* operator new(std::size_t size);
+    static void* operator new(std::size_t size, AllocationSite& site);
+    static void operator delete(void* object) noexcept;
+    /// The matching release form: runs when a constructor throws inside `OV_NEW`.
+    static void operator delete(void* object, AllocationSite& site) noexcept;
+
+protected:
+    Tracked() = default;
+    ~Tracked() = default;
+};
+
+} // namespace Orvane
+
+/// Allocates an object of a Tracked class and records the source file and line: `OV_NEW Thing(arguments)`.
+#define OV_NEW                                                                                               \
+    new (*[]() -> ::Orvane::AllocationSite* {                                                                \
+        static ::Orvane::AllocationSite site(__FILE__, __LINE__);                                            \
+        return &site;                                                                                        \
+    }())
+
+#endif

@@ -1,0 +1,294 @@
+#include "statusmanager/BrokerProtocol.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <json/json.h>
+
+// Json::Reader and Json::FastWriter are marked as superseded, but their exact behaviour is the wire format: what
+// they accept, and that they write no white space. They are faster than their successors, too.
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+
+namespace BrokerProtocol
+{
+
+namespace
+{
+
+std::string write(const Json::Value& root)
+{
+    Json::FastWriter writer;
+    writer.omitEndingLineFeed();
+    return writer.write(root);
+}
+
+std::string writeDocument(const char* key, const Json::Value& payload)
+{
+    Json::Value root(Json::objectValue);
+    root[key] = payload;
+    return write(root);
+}
+
+Json::Value objectOf(const StatusMap& values)
+{
+    Json::Value object(Json::objectValue);
+    for (const auto& [name, value] : values)
+        object[name] = value;
+    return object;
+}
+
+// A JSON object, or nothing: JsonCpp throws on nesting that is too deep for it, and later on asking anything but
+// an object for its members.
+std::optional<Json::Value> parseObject(const std::string& text)
+{
+    Json::Value root;
+    try
+    {
+        Json::Reader reader;
+        if (!reader.parse(text, root, false) || !root.isObject())
+            return std::nullopt;
+    }
+    catch (const Json::Exception&)
+    {
+        return std::nullopt;
+    }
+    return root;
+}
+
+bool isScalar(const Json::Value& value)
+{
+    return !value.isArray() && !value.isObject();
+}
+
+// The members as text; nothing if this is no object or one of them is nested.
+std::optional<StatusMap> membersOf(const Json::Value& object)
+{
+    if (!object.isObject() || !std::all_of(object.begin(), object.end(), isScalar))
+        return std::nullopt;
+    StatusMap members;
+    for (auto member = object.begin(); member != object.end(); ++member)
+        members.emplace_hint(members.end(), member.name(), member->asString());
+    return members;
+}
+
+// ---- What the broker accepts as the payload of each command.
+
+bool readText(const Json::Value& payload, Command& command)
+{
+    if (!payload.isString())
+        return false;
+    command.text = payload.asString();
+    return true;
+}
+
+bool isString(const Json::Value& value)
+{
+    return value.isString();
+}
+
+bool readList(const Json::Value& payload, Command& command)
+{
+    if (!payload.isArray() || !std::all_of(payload.begin(), payload.end(), isString))
+        return false;
+    for (const Json::Value& element : payload)
+        command.list.push_back(element.asString());
+    return true;
+}
+
+bool readMap(const Json::Value& payload, Command& command)
+{
+    if (!payload.isObject() || !std::all_of(payload.begin(), payload.end(), isString))
+        return false;
+    command.map = *membersOf(payload);
+    return true;
+}
+
+// JsonCpp takes 5.0 for an unsigned integer, too; only digits are one here.
+bool isNumber(const Json::Value& value)
+{
+    return value.isUInt() && value.type() != Json::realValue;
+}
+
+bool readNumber(const Json::Value& payload, Command& command)
+{
+    if (!isNumber(payload))
+        return false;
+    command.number = payload.asUInt();
+    return true;
+}
+
+bool readNamedNumber(const Json::Value& payload, Command& command)
+{
+    if (!payload.isObject() || payload.size() != 1 || !isNumber(*payload.begin()))
+        return false;
+    command.text = payload.begin().name();
+    command.number = payload.begin()->asUInt();
+    return true;
+}
+
+struct Form
+{
+    std::string_view key;
+    bool (*read)(const Json::Value&, Command&);
+};
+
+constexpr std::array<Form, 9> postForms{{
+    {Key::updateSystemTime, readNumber},
+    {Key::postStatus, readMap},
+    {Key::resetStatus, readList},
+    {Key::postEvent, readMap},
+    {Key::startTimer, readText},
+    {Key::stopTimer, readText},
+    {Key::resetTimer, readText},
+    {Key::restartTimer, readText},
+    {Key::setCounterValue, readNamedNumber},
+}};
+
+constexpr std::array<Form, 7> requestForms{{
+    {Key::getClientInfo, readText},
+    {Key::getClientInfoValue, readText},
+    {Key::getClientInfoValues, readList},
+    {Key::getTimerElapsed, readText},
+    {Key::getTimerLastStarted, readText},
+    {Key::getCounterValue, readText},
+    {Key::incrementCounter, readText},
+}};
+
+template <std::size_t Count>
+std::optional<Command> readCommand(const std::string& message, const std::array<Form, Count>& forms)
+{
+    const std::optional<Json::Value> root = parseObject(message);
+    if (!root || root->size() != 1)
+        return std::nullopt;
+    const std::string key = root->begin().name();
+    const auto form = std::find_if(forms.begin(), forms.end(), [&](const Form& f) { return f.key == key; });
+    if (form == forms.end())
+        return std::nullopt;
+    Command command;
+    command.key = form->key;
+    if (!form->read(*root->begin(), command))
+        return std::nullopt;
+    return command;
+}
+
+} // namespace
+
+std::string writeText(const char* key, const std::string& text)
+{
+    return writeDocument(key, text);
+}
+
+std::string writeList(const char* key, const StatusKeys& texts)
+{
+    Json::Value list(Json::arrayValue);
+    for (const std::string& text : texts)
+        list.append(text);
+    return writeDocument(key, list);
+}
+
+std::string writeMap(const char* key, const StatusMap& values)
+{
+    return writeDocument(key, objectOf(values));
+}
+
+std::string writeUpdateSystemTime(uint32_t seconds)
+{
+    return writeDocument(Key::updateSystemTime, Json::Value(static_cast<Json::UInt>(seconds)));
+}
+
+std::string writePostEvent(const std::string& name, const std::string& value)
+{
+    return writeMap(Key::postEvent, {{name, value}});
+}
+
+std::string writeSetCounterValue(const std::string& name, uint32_t value)
+{
+    Json::Value counter(Json::objectValue);
+    counter[name] = static_cast<Json::UInt>(value);
+    return writeDocument(Key::setCounterValue, counter);
+}
+
+std::string writeGetClientInfo()
+{
+    return writeText(Key::getClientInfo, "null");
+}
+
+std::optional<StatusMap> readMapReply(const std::string& reply)
+{
+    const std::optional<Json::Value> root = parseObject(reply);
+    return root ? membersOf(*root) : std::nullopt;
+}
+
+std::optional<std::string> readStatusValueReply(const std::string& reply)
+{
+    const std::optional<Json::Value> root = parseObject(reply);
+    if (!root)
+        return std::nullopt;
+    const Json::Value value = root->get(Key::statusValue, "");
+    if (!isScalar(value))
+        return std::nullopt;
+    return value.asString();
+}
+
+uint64_t readTimerReply(const std::string& reply)
+{
+    return static_cast<uint64_t>(atoll(reply.c_str()));
+}
+
+uint32_t readCounterReply(const std::string& reply)
+{
+    return static_cast<uint32_t>(atoi(reply.c_str()));
+}
+
+Notification readNotification(const std::string& message)
+{
+    const std::optional<Json::Value> root = parseObject(message);
+    if (!root)
+        return {};
+    const bool isStatus = root->isMember(Key::statusUpdate);
+    if (!isStatus && !root->isMember(Key::eventUpdate))
+        return {Notification::Kind::Unhandled, {}};
+
+    std::optional<StatusMap> members = membersOf((*root)[isStatus ? Key::statusUpdate : Key::eventUpdate]);
+    if (!members)
+        return {};
+    const auto kind = isStatus ? Notification::Kind::StatusUpdate : Notification::Kind::EventUpdate;
+    return {kind, std::move(*members)};
+}
+
+std::optional<Command> readPost(const std::string& message)
+{
+    return readCommand(message, postForms);
+}
+
+std::optional<Command> readRequest(const std::string& message)
+{
+    return readCommand(message, requestForms);
+}
+
+std::string writeMapReply(const StatusMap& values)
+{
+    return write(objectOf(values));
+}
+
+std::string writeStatusValueReply(const std::string& value)
+{
+    return writeText(Key::statusValue, value);
+}
+
+std::string writeNumberReply(uint64_t number)
+{
+    return std::to_string(number);
+}
+
+std::string writeStatusUpdate(const StatusMap& changes)
+{
+    return writeMap(Key::statusUpdate, changes);
+}
+
+std::string writeEventUpdate(const StatusMap& events)
+{
+    return writeMap(Key::eventUpdate, events);
+}
+
+} // namespace BrokerProtocol

@@ -1,0 +1,182 @@
+#ifndef STATUSMANAGER_STATUSMANAGER_H
+#define STATUSMANAGER_STATUSMANAGER_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+
+#include "common/EventThread.h"
+#include "common/Export.h"
+#include "common/Stopwatch.h"
+#include "common/TrackedNew.h"
+#include "statusmanager/StatusTypes.h"
+
+/// Implemented by whoever wants to hear of changes. Both operations are called on the dispatcher given to
+/// StatusManager::registerListener(), never on the manager's thread or a poster's (unless that dispatcher is the
+/// manager's). Their arguments are the callee's own copies. The order of the operations is part of the binary
+/// interface.
+class OV_EXPORT IStatusUpdateListener
+{
+public:
+    /// Status values changed, or this is the first callback after a subscription. Holds only keys that this
+    /// listener subscribed to; a reset key has the empty value. May be empty for a first callback.
+    virtual void onStatusUpdate(StatusMap updates) = 0;
+
+    /// An event occurred whose name this listener subscribed to.
+    virtual void onEventUpdate(std::string name, std::string value) = 0;
+
+    virtual ~IStatusUpdateListener();
+};
+
+struct ClientListenerInfo;
+
+/// The device's status values, events, timers and counters, as one process sees them.
+///
+/// Get the process's one object with getInstance(). Every operation may be called from any thread. All of them do
+/// their work on the manager's own thread; from other threads those marked [queued] return at once and those
+/// marked [waits] when the work is done. Called on the manager's thread, all run at once. Calls of one thread keep
+/// their order. No operation reports an error other than by a log line and a neutral result (nothing, false, 0,
+/// the empty string or map); only want of memory throws (std::bad_alloc).
+///
+/// The descriptions give this class's own, local behaviour; StatusManagerProxy, which getInstance(false) returns,
+/// keeps all but the listeners in the broker.
+///
+/// Virtual operations are in binary-interface order. New ones go to the end.
+class OV_EXPORT StatusManager : public Orvane::Tracked
+{
+public:
+    /// The process's one manager, made by the first call and never destroyed. Any thread.
+    /// @param useStub first call: true makes the inert manager; false the broker client, and then the call
+    ///                blocks until the broker has answered. Ignored later.
+    /// @throws whatever the construction throws (no memory, no thread); the next call tries again.
+    static StatusManager* getInstance(bool useStub);
+
+    /// A manager of one's own, with local stores, for tests and derived implementations. Starts its thread.
+    StatusManager();
+
+    /// [waits] Sets the system clock to whole seconds since the Unix epoch. Failure stays silent.
+    virtual void updateSystemTime(uint32_t seconds);
+
+    /// [waits] All status values, reset ones (empty) included.
+    virtual StatusMap getClientInfo();
+
+    /// [waits] The value of one key; empty when it is reset or unknown.
+    virtual std::string getClientInfoValue(const std::string& key);
+
+    /// [waits] The values of those keys that are known.
+    virtual StatusMap getClientInfoValues(const StatusKeys& keys);
+
+    /// [queued] Timer operations; a timer comes into being when it is first named. The local timers never run:
+    /// each operation acts on a copy of the stored timer, which is then discarded. That is intended; real timers
+    /// are the broker's. An empty name is logged and nothing is stored.
+    virtual void startTimer(std::string name);
+    virtual void stopTimer(std::string name);
+    virtual void resetTimer(std::string name);
+    virtual void restartTimer(std::string name);
+
+    /// [waits] Microseconds that the timer has run; locally always 0.
+    virtual uint64_t getTimerElapsed(const std::string& name);
+
+    /// [waits] The same in whole seconds, truncated.
+    virtual uint64_t getTimerElapsedSeconds(const std::string& name);
+
+    /// [waits] When the timer was last started, in microseconds (the broker's: since the Unix epoch); 0 when it
+    /// never was.
+    virtual uint64_t getTimerLastStarted(const std::string& name);
+
+    /// [waits] A counter's value. Counters come into being, at 0, when first named. As with the timers, the local
+    /// ones never change: they read 0 for ever. An empty name is logged and yields 0.
+    virtual uint32_t getCounterValue(const std::string& name);
+
+    /// [waits] Counts up by one. Locally returns the value before (always 0), from the broker the value after.
+    virtual uint32_t incrementCounter(const std::string& name);
+
+    /// [queued] Sets a counter; without effect on the local ones beyond naming them.
+    virtual void setCounterValue(std::string name, uint32_t value);
+
+    /// [queued] Adds a listener and the dispatcher on which it is to be called; a null dispatcher mutes it.
+    /// Both stay the caller's and must live until unregisterListener() has returned. A second registration is
+    /// logged and changes nothing.
+    virtual void registerListener(IStatusUpdateListener* listener, Orvane::EventDispatcher* dispatcher);
+
+    /// [waits] Removes a listener with its subscriptions and drops its callbacks that still wait on its
+    /// dispatcher. A callback that its dispatcher is running at this moment is not waited for: destroy the
+    /// listener only after that dispatcher is past it (stopped, or from the dispatcher's own thread). Must not be
+    /// called on the manager's thread: there it is logged and refused.
+    virtual void unregisterListener(IStatusUpdateListener* listener);
+
+    /// [queued] Subscribes a registered listener to status keys. It then gets one onStatusUpdate() with the
+    /// current values of the keys that it did not have before, even if there are none.
+    virtual void registerForStatus(IStatusUpdateListener* listener, std::string key);
+    virtual void registerForStatus(IStatusUpdateListener* listener, StatusKeys keys);
+
+    /// [waits] Takes status subscriptions back. Callbacks that are under way still arrive.
+    virtual void unregisterForStatus(IStatusUpdateListener* listener, const std::string& key);
+    virtual void unregisterForStatus(IStatusUpdateListener* listener, const StatusKeys& keys);
+
+    /// [queued] Publishes status values. Listeners hear of those that changed; posting the empty string is the
+    /// same as a reset.
+    virtual void postStatus(std::string key, std::string value);
+    virtual void postStatus(StatusMap updates);
+
+    /// [queued] Sets status values to the empty string; an unknown key comes into being that way.
+    virtual void resetStatus(std::string key);
+    virtual void resetStatus(StatusKeys keys);
+
+    /// [queued] Subscribes a registered listener to events. Events have no current value: no first callback.
+    virtual void registerForEvent(IStatusUpdateListener* listener, std::string name);
+    virtual void registerForEvent(IStatusUpdateListener* listener, EventKeys names);
+
+    /// [waits] Takes event subscriptions back.
+    virtual void unregisterForEvent(IStatusUpdateListener* listener, const std::string& name);
+    virtual void unregisterForEvent(IStatusUpdateListener* listener, const EventKeys& names);
+
+    /// [queued] Publishes an event to the listeners subscribed at that moment; it is stored nowhere.
+    /// @param delay milliseconds to wait first; used by the broker client only, ignored here.
+    virtual void postEvent(std::string name, std::string value, uint32_t delay);
+
+    /// [waits] Returns true when all that was queued before has been done. The broker client asks the broker and
+    /// waits at most `timeoutMs` milliseconds (-1: no limit); false when that ran out.
+    virtual bool sync(int timeoutMs);
+
+    /// Drops what is queued for this object. Listeners that are still registered are forgotten, their records
+    /// are not freed. Not on the manager's thread, and not while another thread is in a call.
+    virtual ~StatusManager();
+
+    StatusManager(const StatusManager&) = delete;
+    StatusManager& operator=(const StatusManager&) = delete;
+
+protected:
+    // For the implementations, not for clients.
+
+    /// Calls every listener that subscribed to one of the keys; stores nothing. Marshals itself.
+    void handleStatusUpdate(StatusMap updates);
+
+    /// Calls every listener that subscribed to the event. Marshals itself.
+    void handleEventUpdate(std::string name, std::string value);
+
+    /// Empties the status values and the registry of listeners. Marshals itself, and waits.
+    void clearInfo();
+
+    /// Looks a timer or counter up, making it if need be, and copies it out. Manager's thread only.
+    void getTimer(const std::string& name, veskcommon::Stopwatch& out);
+    bool getCounter(const std::string& name, Counter& out);
+
+    /// Removes a listener and returns the dispatcher it had. Refused off the manager's thread.
+    Orvane::EventDispatcher* unregisterListenerHelper(IStatusUpdateListener* listener);
+
+    // The manager's thread, and the state that only that thread touches and that therefore needs no lock.
+    Orvane::EventThread mThread;
+    StatusMap mStatusValues;
+    std::deque<Counter> mCounters;
+    std::deque<veskcommon::Stopwatch> mTimers;
+    std::map<IStatusUpdateListener*, ClientListenerInfo*> mListeners; // owns the records
+
+    static StatusManager* mInstance;
+
+private:
+    ClientListenerInfo* findListener(IStatusUpdateListener* listener) const;
+};
+
+#endif

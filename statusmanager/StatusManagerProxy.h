@@ -1,0 +1,88 @@
+#ifndef STATUSMANAGER_STATUSMANAGERPROXY_H
+#define STATUSMANAGER_STATUSMANAGERPROXY_H
+
+#include <atomic>
+
+#include "statusmanager/StatusManager.h"
+
+/// The production manager: a client of the broker process, over three ZeroMQ sockets on the loopback interface.
+/// Posts go to the broker and are not kept here; queries ask the broker; the broker's notifications reach the
+/// listeners through the base's registry.
+///
+/// A query or sync() on any thread, and registerForStatus() on the manager's, wait for the broker's answer; apart
+/// from sync() they do so without limit, so while no broker answers, they block, and what is called after them
+/// waits its turn.
+class OV_EXPORT StatusManagerProxy : public StatusManager
+{
+public:
+    /// Connects, and blocks until a broker has answered. Reports no failure: if the sockets cannot be set up, that
+    /// is logged, and so is every later send.
+    StatusManagerProxy();
+
+    void updateSystemTime(uint32_t time) override;
+    StatusMap getClientInfo() override;
+    std::string getClientInfoValue(const std::string& key) override;
+    StatusMap getClientInfoValues(const StatusKeys& keys) override;
+    void startTimer(std::string name) override;
+    void stopTimer(std::string name) override;
+    void resetTimer(std::string name) override;
+    void restartTimer(std::string name) override;
+    uint64_t getTimerElapsed(const std::string& name) override;
+    uint64_t getTimerLastStarted(const std::string& name) override;
+    uint32_t getCounterValue(const std::string& name) override;
+    uint32_t incrementCounter(const std::string& name) override;
+    void setCounterValue(std::string name, uint32_t value) override;
+    using StatusManager::postStatus;
+    void postStatus(StatusMap status) override;
+    using StatusManager::resetStatus;
+    void resetStatus(StatusKeys keys) override;
+    /// From another thread, the event leaves this process `delay` milliseconds later; on the manager's thread it
+    /// is sent at once and the delay ignored. The broker never sees the delay.
+    void postEvent(std::string name, std::string value, uint32_t delay) override;
+    /// Posts of this process that were made before have reached the broker and taken effect when this returns
+    /// true. A call that timed out leaves the request socket waiting for its answer, so later queries and syncs
+    /// fail until that answer has come, or for good if it never comes.
+    bool sync(int timeoutMs) override;
+
+    /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this
+    /// waits until the broker next publishes something.
+    ~StatusManagerProxy() override;
+
+protected:
+    /// Creates the context, the post and the request socket, shakes hands with the broker and queues the notify
+    /// loop. Runs on the manager's thread; waits.
+    void initSockets();
+
+    /// Stops the notify loop and closes the sockets and the context. Runs on the notify thread; waits. The
+    /// manager must not be used afterwards.
+    void shutdown();
+
+    // One whole message on a socket; false, and a log line, when it did not go through. A received message
+    // replaces `message`, a failure leaves it untouched.
+    bool sendOnSocket(void* socket, const std::string& message);
+    bool receiveOnSocket(void* socket, std::string& message);
+
+    // Manager's thread.
+    bool sendRequest(const std::string& request, std::string& reply, int timeoutMs);
+    void sendPost(std::string message);
+
+    // Notify thread: the loop, which marshals itself there, and what it does with each message.
+    void processStatusMessages(void* context);
+    void handleNotifyMessage(const std::string& message);
+
+    // Raw handles: the order in which they are closed, and one repeated close, are fixed.
+    void* mZmqContext = nullptr;
+    void* mPostSocket = nullptr;    // manager's thread
+    void* mNotifySocket = nullptr;  // notify thread
+    void* mRequestSocket = nullptr; // manager's thread
+    Orvane::EventThread mNotifyThread;
+    std::atomic<bool> mShutdown{false}; // set by whoever shuts down, polled by the notify loop, relaxed
+    bool mSocketsClosed = false;        // notify thread
+
+private:
+    bool createSockets();
+    bool connectSockets();
+    bool discardRestOfMessage(void* socket);
+};
+
+#endif

@@ -1,0 +1,53 @@
+#include "tests/support/FakeClock.h"
+
+#include <cerrno>
+#include <ctime>
+#include <mutex>
+
+namespace
+{
+
+std::mutex mutex;
+std::optional<FakeClock::Setting> last;
+int failure = 0;
+
+int record(const timeval& time, bool hadTimeZone)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    last = FakeClock::Setting{time, hadTimeZone};
+    errno = failure;
+    return failure == 0 ? 0 : -1;
+}
+
+} // namespace
+
+// A definition in the program is found before the C library's, from the shared libraries, too.
+extern "C" __attribute__((visibility("default"))) int settimeofday(const timeval* time,
+                                                                   const struct timezone* zone) noexcept
+{
+    return record(*time, zone != nullptr);
+}
+
+extern "C" __attribute__((visibility("default"))) int clock_settime(clockid_t, const timespec* time) noexcept
+{
+    return record({time->tv_sec, time->tv_nsec / 1000}, false);
+}
+
+std::optional<FakeClock::Setting> FakeClock::lastSetting()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    return last;
+}
+
+void FakeClock::reset()
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    last.reset();
+    failure = 0;
+}
+
+void FakeClock::failWith(int error)
+{
+    const std::lock_guard<std::mutex> lock(mutex);
+    failure = error;
+}

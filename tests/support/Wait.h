@@ -1,0 +1,56 @@
+#ifndef TESTS_SUPPORT_WAIT_H
+#define TESTS_SUPPORT_WAIT_H
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+/// Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
+constexpr std::chrono::seconds testDeadline{30};
+
+/// Polls until `condition` holds; false at the deadline. For what offers nothing to wait on.
+template <class Condition>
+bool eventually(Condition condition, std::chrono::milliseconds deadline = testDeadline)
+{
+    const auto end = std::chrono::steady_clock::now() + deadline;
+    while (!condition())
+    {
+        if (std::chrono::steady_clock::now() >= end)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+/// A gate that one thread opens and others wait at.
+class Gate
+{
+public:
+    void open()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mOpen = true;
+        mChanged.notify_all();
+    }
+
+    /// False at the deadline.
+    bool wait(std::chrono::milliseconds deadline = testDeadline)
+    {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mChanged.wait_for(lock, deadline, [this] { return mOpen; });
+    }
+
+    bool isOpen()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mOpen;
+    }
+
+private:
+    std::mutex mMutex;
+    std::condition_variable mChanged;
+    bool mOpen = false;
+};
+
+#endif
