@@ -29,8 +29,9 @@ protected:
 
 /// One member-function call, packaged with its arguments to be made on a dispatcher's thread.
 ///
-/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker: whoever keeps one for a
-/// while (the queue of a dispatcher, the sender that waits) holds a count, and the last to let go destroys it.
+/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker: whoever keeps one for
+/// a while (the queue of a dispatcher, the sender that waits) holds a count, and the last to let go destroys
+/// it.
 class OV_EXPORT EventAgent : public Event
 {
 public:
@@ -69,8 +70,8 @@ public:
     void send(IEventDispatcher* dispatcher);
 };
 
-/// Delivers the agent in place on the dispatcher's own thread, through its queue otherwise. The caller holds a
-/// count on the agent.
+/// Delivers the agent in place on the dispatcher's own thread, through its queue otherwise. The caller holds
+/// a count on the agent.
 OV_EXPORT void deliverAndWait(EventAgent& agent, IEventDispatcher& dispatcher);
 
 /// As SyncEventAgent, with a result.
@@ -91,9 +92,10 @@ protected:
     R mResult{};
 };
 
-/// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the receiver's
-/// most-derived override. An argument type that is a constant reference is kept as that reference, which only
-/// the waiting kinds may use; everything else is kept as a copy, and each delivery hands on a copy of that copy.
+/// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the
+/// receiver's most-derived override. An argument type that is a constant reference is kept as that reference,
+/// which only the waiting kinds may use; everything else is kept as a copy, and each delivery hands on a copy
+/// of that copy.
 template <class Kind, class T, class R, class... A>
 class MemberCall : public Kind
 {
@@ -103,7 +105,8 @@ public:
     MemberCall(T* receiver, Method method, A... arguments)
         : mReceiver(receiver), mMethod(method), mArguments(std::forward<A>(arguments)...)
     {
-        static_assert(alignof(MemberCall) <= alignof(std::max_align_t), "over-aligned arguments are not kept");
+        static_assert(alignof(MemberCall) <= alignof(std::max_align_t),
+                      "over-aligned arguments are not kept");
     }
 
     void deliver() override { call(std::index_sequence_for<A...>()); }

@@ -74,8 +74,8 @@ void logEscapedException(const char* dispatcher)
 }
 
 // A queue's hold on one agent and, if its sender waits, its duty to release that sender. However the entry
-// ends, delivered or dropped, the count is given back first and the sender released after it, so that a waiting
-// sender is the last holder of its agent.
+// ends, delivered or dropped, the count is given back first and the sender released after it, so that a
+// waiting sender is the last holder of its agent.
 class QueuedAgent
 {
 public:

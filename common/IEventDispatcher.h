@@ -11,16 +11,18 @@ namespace Orvane
 
 class EventAgent;
 
-/// Where agents are sent. A dispatcher holds a count on every agent that it has queued and gives it back after
-/// delivery or removal. The order of the operations is part of the binary interface: new ones go to the end.
+/// Where agents are sent. A dispatcher holds a count on every agent that it has queued and gives it back
+/// after delivery or removal. The order of the operations is part of the binary interface: new ones go to the
+/// end.
 ///
 /// Unless an operation says otherwise, any thread may call it, and agents must not be null.
 class OV_EXPORT IEventDispatcher
 {
 public:
-    /// Queues the agent and blocks until the dispatcher's thread has delivered it. The caller holds a count. An
-    /// exception that leaves the packaged call is thrown here. Returns too when the agent is dropped undelivered
-    /// or the dispatcher has stopped. On the dispatcher's own thread the agent is delivered in place.
+    /// Queues the agent and blocks until the dispatcher's thread has delivered it. The caller holds a count.
+    /// An exception that leaves the packaged call is thrown here. Returns too when the agent is dropped
+    /// undelivered or the dispatcher has stopped. On the dispatcher's own thread the agent is delivered in
+    /// place.
     virtual void sendAndWait(EventAgent* agent) = 0;
 
     /// Queues the agent behind all that is queued and returns at once. An exception that leaves the packaged
@@ -32,7 +34,8 @@ public:
     virtual void postDelayed(EventAgent* agent, uint32_t delayMs) = 0;
 
     /// Drops, without delivery, every waiting agent (delayed ones too) whose receiver is `receiver`, and
-    /// releases the senders that wait for them. An agent that is being delivered at this moment is not stopped.
+    /// releases the senders that wait for them. An agent that is being delivered at this moment is not
+    /// stopped.
     virtual void removeAgentsByReceiver(void* receiver) = 0;
 
     /// Drops this one agent if it still waits; true if it did. The caller holds a count on it.

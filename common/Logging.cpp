@@ -229,7 +229,8 @@ std::string formatted(const char* format, va_list arguments)
     const int length = vsnprintf(shortText.data(), shortText.size(), format, arguments);
     std::string text;
     if (length < 0)
-        text = format; // the C library could not convert an argument: the bare format still tells where and what
+        text =
+            format; // the C library could not convert an argument: the bare format still tells where and what
     else if (static_cast<std::size_t>(length) < shortText.size())
         text = shortText.data();
     else
@@ -248,8 +249,9 @@ std::string timeStamp()
     tm utc{};
     gmtime_r(&now.tv_sec, &utc);
     std::array<char, 80> text{};
-    snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900, utc.tm_mon + 1,
-             utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec, static_cast<long>(now.tv_nsec / 1000));
+    snprintf(text.data(), text.size(), "%04d-%02d-%02dT%02d:%02d:%02d.%06ldZ", utc.tm_year + 1900,
+             utc.tm_mon + 1, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec,
+             static_cast<long>(now.tv_nsec / 1000));
     return text.data();
 }
 
@@ -332,7 +334,8 @@ void ov_log_set_sink(ov_log_sink sink, void* context)
 
 void Tracer::begin() const
 {
-    __atomic_add_fetch(&ov_log_indent, __atomic_load_n(&ov_log_indent_size, __ATOMIC_RELAXED), __ATOMIC_RELAXED);
+    __atomic_add_fetch(&ov_log_indent, __atomic_load_n(&ov_log_indent_size, __ATOMIC_RELAXED),
+                       __ATOMIC_RELAXED);
     ov_log_print(mLevel, mFunction, mFile, mLine, "begin");
 }
 
@@ -343,6 +346,7 @@ void Tracer::end() const
     if (__atomic_load_n(&ov_log_indent, __ATOMIC_RELAXED) <= 0)
         __atomic_store_n(&ov_log_indent, 0, __ATOMIC_RELAXED);
     else
-        __atomic_sub_fetch(&ov_log_indent, __atomic_load_n(&ov_log_indent_size, __ATOMIC_RELAXED), __ATOMIC_RELAXED);
+        __atomic_sub_fetch(&ov_log_indent, __atomic_load_n(&ov_log_indent_size, __ATOMIC_RELAXED),
+                           __ATOMIC_RELAXED);
     ov_log_print(mLevel, mFunction, mFile, mLine, "end");
 }

@@ -5,9 +5,9 @@
 
 #include "common/Export.h"
 
-/// Levels: 0 failures of transport or peer, 1 wrong-thread misuse, 2 bad arguments and retries: always printed.
-/// 5 milestones, 6 progress and notable conditions, 7 detail: printed when the source file's control words
-/// admit them.
+/// Levels: 0 failures of transport or peer, 1 wrong-thread misuse, 2 bad arguments and retries: always
+/// printed. 5 milestones, 6 progress and notable conditions, 7 detail: printed when the source file's control
+/// words admit them.
 
 #ifdef __cplusplus
 extern "C"
@@ -18,12 +18,12 @@ extern "C"
     /// @param function the calling function's full signature
     /// @param file     the tail of the source path, from its last slash on
     /// @param format   printf-style, with its arguments
-    OV_EXPORT void ov_log_print(int level, const char* function, const char* file, int line, const char* format,
-                                ...) __attribute__((format(printf, 5, 6)));
+    OV_EXPORT void ov_log_print(int level, const char* function, const char* file, int line,
+                                const char* format, ...) __attribute__((format(printf, 5, 6)));
 
-    /// Hands a source file's control words to the facility, which may change them at any time from any thread,
-    /// so they must live until the process ends. Settings made so far, by OV_LOG or ov_log_configure(), are
-    /// applied at once. Returns 0.
+    /// Hands a source file's control words to the facility, which may change them at any time from any
+    /// thread, so they must live until the process ends. Settings made so far, by OV_LOG or
+    /// ov_log_configure(), are applied at once. Returns 0.
     /// @param path the source file's compile-time path; not copied
     OV_EXPORT int register_logging(const char* path, volatile unsigned int* flags, volatile int* level);
 
@@ -31,7 +31,8 @@ extern "C"
     /// OV_LOG is read in the same form when the first file registers.
     ///
     /// @param rules "PATTERN=LEVEL[:FLAGS]" rules separated by commas; of several that match a file the last
-    ///              wins. PATTERN is a shell glob for the end of the source path, with or without its extension
+    ///              wins. PATTERN is a shell glob for the end of the source path, with or without its
+    ///              extension
     ///              ("StatusManagerProxy", "statusmanager/*", "*"); LEVEL is decimal; FLAGS is hexadecimal,
     ///              bit 31 for messages and bit 30 for trace scopes, and is left as it was when not given.
     /// @returns 0; -1 when a rule is malformed: then nothing has been changed.
@@ -51,21 +52,21 @@ extern "C"
     typedef void (*ov_log_sink)(const struct ov_log_record* record, void* context);
 
     /// Sends all messages to `sink`, on the thread that logs, instead of to stderr; null restores stderr. No
-    /// lock is held during the call. A thread that was printing at this moment may still call the sink that was
-    /// replaced, so a sink and its context must live until the process ends. A sink must not throw.
+    /// lock is held during the call. A thread that was printing at this moment may still call the sink that
+    /// was replaced, so a sink and its context must live until the process ends. A sink must not throw.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
     /// The current indentation of trace output, in columns, and the step of one trace scope. Shared by all
-    /// threads without a lock: scopes of concurrent threads shift each other's indentation, which is accepted.
-    /// Access them with the compiler's atomic builtins.
+    /// threads without a lock: scopes of concurrent threads shift each other's indentation, which is
+    /// accepted. Access them with the compiler's atomic builtins.
     extern OV_EXPORT int ov_log_indent;
     extern OV_EXPORT int ov_log_indent_size;
 
 #ifdef __cplusplus
 }
 
-/// The test at a call site. Levels 0 to 2 always pass; above, bit 31 of the flags must be set (the word read as
-/// signed is negative) and the file's level must reach the message's.
+/// The test at a call site. Levels 0 to 2 always pass; above, bit 31 of the flags must be set (the word read
+/// as signed is negative) and the file's level must reach the message's.
 inline bool ov_log_admits(int level, volatile unsigned int& flags, volatile int& maximum)
 {
     if (level <= 2)
@@ -86,8 +87,8 @@ constexpr const char* ov_log_file_tail(const char* path)
     return tail;
 }
 
-/// Logs "begin" when it is made and "end" when its scope is left, at the level given and under the control words
-/// given. These are read anew at the end, so a change in between can leave one line without the other.
+/// Logs "begin" when it is made and "end" when its scope is left, at the level given and under the control
+/// words given. These are read anew at the end, so a change in between can leave one line without the other.
 class Tracer
 {
 public:
@@ -145,13 +146,16 @@ private:
     } while (false)
 
 /// Opens a trace scope that ends with the enclosing block.
-#define OV_TRACE(level) const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
+#define OV_TRACE(level)                                                                                      \
+    const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
 
 #define OV_LOG_FILE                                                                                          \
-    ([]() -> const char* {                                                                                   \
-        constexpr const char* tail = ov_log_file_tail(__FILE__);                                             \
-        return tail;                                                                                         \
-    }())
+    (                                                                                                        \
+        []() -> const char*                                                                                  \
+        {                                                                                                    \
+            constexpr const char* tail = ov_log_file_tail(__FILE__);                                         \
+            return tail;                                                                                     \
+        }())
 
 #endif
 

@@ -27,8 +27,9 @@ public:
     /// Gives the lock back. Only the thread that holds it.
     void unlock();
 
-    /// The one lock under which every RefCount in the process is changed. It is a plain POSIX mutex that needs
-    /// no construction, so that counts work in static initialisers and until the last moment of the process.
+    /// The one lock under which every RefCount in the process is changed. It is a plain POSIX mutex that
+    /// needs no construction, so that counts work in static initialisers and until the last moment of the
+    /// process.
     static pthread_mutex_t mCriticalSection;
 
 private:

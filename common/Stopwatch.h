@@ -9,8 +9,8 @@
 namespace veskcommon
 {
 
-/// A named stopwatch on the monotonic clock, so that setting the wall clock does not disturb it. A plain value:
-/// copies are independent. Not thread-safe.
+/// A named stopwatch on the monotonic clock, so that setting the wall clock does not disturb it. A plain
+/// value: copies are independent. Not thread-safe.
 class OV_EXPORT Stopwatch
 {
 public:
@@ -27,8 +27,8 @@ public:
     /// Ends timing and adds the span to the accumulated time. Does nothing while stopped.
     void stop();
 
-    /// Clears the accumulated time. A span under way goes on and still counts from its start; restart() begins
-    /// anew.
+    /// Clears the accumulated time. A span under way goes on and still counts from its start; restart()
+    /// begins anew.
     void reset();
 
     /// Clears the accumulated time and begins timing from now, whether it was running or not.
@@ -50,8 +50,8 @@ private:
     std::string mName;
     uint64_t mAccumulated = 0; // microseconds
     bool mRunning = false;
-    // Seconds and microseconds apart, 32 bits each, as a timeval is on the 32-bit targets. The monotonic clock
-    // counts from boot: 68 years fit.
+    // Seconds and microseconds apart, 32 bits each, as a timeval is on the 32-bit targets. The monotonic
+    // clock counts from boot: 68 years fit.
     int32_t mStartSeconds = 0;
     int32_t mStartMicroseconds = 0;
 };

@@ -37,7 +37,8 @@ void AllocationSite::countAllocation()
     if (mListed.load(std::memory_order_relaxed) || mListed.exchange(true, std::memory_order_relaxed))
         return;
     mNext = firstSite.load(std::memory_order_relaxed);
-    while (!firstSite.compare_exchange_weak(mNext, this, std::memory_order_release, std::memory_order_relaxed))
+    while (
+        !firstSite.compare_exchange_weak(mNext, this, std::memory_order_release, std::memory_order_relaxed))
     {
     }
 }

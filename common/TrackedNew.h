@@ -9,9 +9,9 @@
 namespace Orvane
 {
 
-/// One place in the source from which tracked objects are allocated, with its running totals. Sites are made by
-/// OV_NEW, join a process-wide list at their first allocation and stay in it, so code that uses OV_NEW must not
-/// be unloaded. All members may be called from any thread.
+/// One place in the source from which tracked objects are allocated, with its running totals. Sites are made
+/// by OV_NEW, join a process-wide list at their first allocation and stay in it, so code that uses OV_NEW
+/// must not be unloaded. All members may be called from any thread.
 class OV_EXPORT AllocationSite
 {
 public:
@@ -26,7 +26,10 @@ public:
 
     /// Objects allocated here since the start of the process (wraps), and those that exist now.
     unsigned allocated() const { return mAllocated.load(std::memory_order_relaxed); }
-    unsigned live() const { return mAllocated.load(std::memory_order_relaxed) - mReleased.load(std::memory_order_relaxed); }
+    unsigned live() const
+    {
+        return mAllocated.load(std::memory_order_relaxed) - mReleased.load(std::memory_order_relaxed);
+    }
 
     /// Walks all sites that have allocated: `for (auto* s = AllocationSite::first(); s; s = s->next())`.
     static const AllocationSite* first();
@@ -45,9 +48,9 @@ private:
     const AllocationSite* mNext = nullptr;
 };
 
-/// Gives a class the source-tracking allocation form: `OV_NEW Thing(...)` remembers where the object came from,
-/// an ordinary `delete` finds that out again, and the site's counts tell what is still alive and who made it.
-/// Plain `new` works too and is counted under one nameless site.
+/// Gives a class the source-tracking allocation form: `OV_NEW Thing(...)` remembers where the object came
+/// from, an ordinary `delete` finds that out again, and the site's counts tell what is still alive and who
+/// made it. Plain `new` works too and is counted under one nameless site.
 class OV_EXPORT Tracked
 {
 public:
@@ -66,9 +69,10 @@ protected:
 
 /// Allocates an object of a Tracked class and records the source file and line: `OV_NEW Thing(arguments)`.
 #define OV_NEW                                                                                               \
-    new (*[]() -> ::Orvane::AllocationSite* {                                                                \
-        static ::Orvane::AllocationSite site(__FILE__, __LINE__);                                            \
-        return &site;                                                                                        \
-    }())
+    new (*[]() -> ::Orvane::AllocationSite*                                                                  \
+         {                                                                                                   \
+             static ::Orvane::AllocationSite site(__FILE__, __LINE__);                                       \
+             return &site;                                                                                   \
+         }())
 
 #endif

@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <json/json.h>
 
-// Json::Reader and Json::FastWriter are marked as superseded, but their exact behaviour is the wire format: what
-// they accept, and that they write no white space. They are faster than their successors, too.
+// Json::Reader and Json::FastWriter are marked as superseded, but their exact behaviour is the wire format:
+// what they accept, and that they write no white space. They are faster than their successors, too.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace BrokerProtocol
@@ -37,8 +37,8 @@ Json::Value objectOf(const StatusMap& values)
     return object;
 }
 
-// A JSON object, or nothing: JsonCpp throws on nesting that is too deep for it, and later on asking anything but
-// an object for its members.
+// A JSON object, or nothing: JsonCpp throws on nesting that is too deep for it, and later on asking anything
+// but an object for its members.
 std::optional<Json::Value> parseObject(const std::string& text)
 {
     Json::Value root;

@@ -16,6 +16,10 @@ using namespace Orvane;
 
 using veskcommon::Stopwatch;
 
+// Log lines print each function's signature as its definition spells it, and these have always shown a
+// reference to a string as "const string&".
+using string = std::string;
+
 /// A registered listener and what it subscribed to. Neither list holds a key twice.
 struct ClientListenerInfo
 {
@@ -74,8 +78,8 @@ StatusManager::~StatusManager()
         OV_TRACE(6);
         mThread.removeAgentsByReceiver(this);
     }
-    // Before the fields go, and not only with mThread as the last of them: an agent that is being delivered now
-    // may use them to its end.
+    // Before the fields go, and not only with mThread as the last of them: an agent that is being delivered
+    // now may use them to its end.
     mThread.stop();
     // The records in mListeners are left unfreed, as the one instance of a process, which is never destroyed,
     // leaves them too.
@@ -87,14 +91,15 @@ StatusMap StatusManager::getClientInfo()
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent = OV_NEW SyncRetEventAgent0<StatusManager, StatusMap>(this, &StatusManager::getClientInfo);
+        auto* agent =
+            OV_NEW SyncRetEventAgent0<StatusManager, StatusMap>(this, &StatusManager::getClientInfo);
         return agent->send(&mThread);
     }
     OV_TRACE(7);
     return mStatusValues;
 }
 
-std::string StatusManager::getClientInfoValue(const std::string& key)
+std::string StatusManager::getClientInfoValue(const string& key)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -143,8 +148,8 @@ void StatusManager::postStatus(StatusMap updates)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(this, &StatusManager::postStatus, std::move(updates));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(this, &StatusManager::postStatus,
+                                                                        std::move(updates));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -164,8 +169,8 @@ void StatusManager::resetStatus(std::string key)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetStatus, std::move(key));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetStatus,
+                                                                          std::move(key));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -177,8 +182,8 @@ void StatusManager::resetStatus(StatusKeys keys)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW AsyncEventAgent1<StatusManager, StatusKeys>(this, &StatusManager::resetStatus, std::move(keys));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusKeys>(this, &StatusManager::resetStatus,
+                                                                         std::move(keys));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -198,8 +203,8 @@ void StatusManager::handleStatusUpdate(StatusMap updates)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(this, &StatusManager::handleStatusUpdate, std::move(updates));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(
+            this, &StatusManager::handleStatusUpdate, std::move(updates));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -348,7 +353,7 @@ void StatusManager::registerForStatus(IStatusUpdateListener* listener, StatusKey
     agent->send(info->dispatcher);
 }
 
-void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const std::string& key)
+void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const string& key)
 {
     unregisterForStatus(listener, StatusKeys{key});
 }
@@ -401,7 +406,7 @@ void StatusManager::registerForEvent(IStatusUpdateListener* listener, EventKeys 
     }
 }
 
-void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const std::string& name)
+void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const string& name)
 {
     OV_TRACE(7); // the only single-key form that traces; kept so
     unregisterForEvent(listener, EventKeys{name});
@@ -458,7 +463,7 @@ void StatusManager::handleEventUpdate(std::string name, std::string value)
 // Every operation works on a copy that getTimer() or getCounter() made and drops it: the stores only remember
 // which names were used. Required as it stands; a stored timer never runs, a stored counter stays 0.
 
-void StatusManager::getTimer(const std::string& name, Stopwatch& out)
+void StatusManager::getTimer(const string& name, Stopwatch& out)
 {
     OV_TRACE(7);
     if (name.empty())
@@ -478,7 +483,7 @@ void StatusManager::getTimer(const std::string& name, Stopwatch& out)
     out = mTimers.back();
 }
 
-bool StatusManager::getCounter(const std::string& name, Counter& out)
+bool StatusManager::getCounter(const string& name, Counter& out)
 {
     OV_TRACE(7);
     if (name.empty())
@@ -502,7 +507,8 @@ void StatusManager::startTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::startTimer, std::move(name));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::startTimer,
+                                                                          std::move(name));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -515,7 +521,8 @@ void StatusManager::stopTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::stopTimer, std::move(name));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::stopTimer,
+                                                                          std::move(name));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -528,7 +535,8 @@ void StatusManager::resetTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetTimer, std::move(name));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetTimer,
+                                                                          std::move(name));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -541,8 +549,8 @@ void StatusManager::restartTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::restartTimer, std::move(name));
+        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::restartTimer,
+                                                                          std::move(name));
         return agent->send(&mThread);
     }
     OV_TRACE(7);
@@ -551,7 +559,7 @@ void StatusManager::restartTimer(std::string name)
     timer.restart();
 }
 
-uint64_t StatusManager::getTimerElapsed(const std::string& name)
+uint64_t StatusManager::getTimerElapsed(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -565,7 +573,7 @@ uint64_t StatusManager::getTimerElapsed(const std::string& name)
     return timer.getElapsedTime();
 }
 
-uint64_t StatusManager::getTimerElapsedSeconds(const std::string& name)
+uint64_t StatusManager::getTimerElapsedSeconds(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -578,7 +586,7 @@ uint64_t StatusManager::getTimerElapsedSeconds(const std::string& name)
     return getTimerElapsed(name) / microsecondsPerSecond; // virtual: with a broker, the broker's answer
 }
 
-uint64_t StatusManager::getTimerLastStarted(const std::string& name)
+uint64_t StatusManager::getTimerLastStarted(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -592,7 +600,7 @@ uint64_t StatusManager::getTimerLastStarted(const std::string& name)
     return timer.getLastStartTime();
 }
 
-uint32_t StatusManager::getCounterValue(const std::string& name)
+uint32_t StatusManager::getCounterValue(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -605,7 +613,7 @@ uint32_t StatusManager::getCounterValue(const std::string& name)
     return getCounter(name, counter) ? counter.second : 0;
 }
 
-uint32_t StatusManager::incrementCounter(const std::string& name)
+uint32_t StatusManager::incrementCounter(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -638,8 +646,8 @@ void StatusManager::updateSystemTime(uint32_t seconds)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW SyncEventAgent1<StatusManager, unsigned int>(this, &StatusManager::updateSystemTime, seconds);
+        auto* agent = OV_NEW SyncEventAgent1<StatusManager, unsigned int>(
+            this, &StatusManager::updateSystemTime, seconds);
         return agent->send(&mThread);
     }
     OV_TRACE(7);

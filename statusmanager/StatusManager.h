@@ -13,9 +13,9 @@
 #include "statusmanager/StatusTypes.h"
 
 /// Implemented by whoever wants to hear of changes. Both operations are called on the dispatcher given to
-/// StatusManager::registerListener(), never on the manager's thread or a poster's (unless that dispatcher is the
-/// manager's). Their arguments are the callee's own copies. The order of the operations is part of the binary
-/// interface.
+/// StatusManager::registerListener(), never on the manager's thread or a poster's (unless that dispatcher is
+/// the manager's). Their arguments are the callee's own copies. The order of the operations is part of the
+/// binary interface.
 class OV_EXPORT IStatusUpdateListener
 {
 public:
@@ -33,14 +33,14 @@ struct ClientListenerInfo;
 
 /// The device's status values, events, timers and counters, as one process sees them.
 ///
-/// Get the process's one object with getInstance(). Every operation may be called from any thread. All of them do
-/// their work on the manager's own thread; from other threads those marked [queued] return at once and those
-/// marked [waits] when the work is done. Called on the manager's thread, all run at once. Calls of one thread keep
-/// their order. No operation reports an error other than by a log line and a neutral result (nothing, false, 0,
-/// the empty string or map); only want of memory throws (std::bad_alloc).
+/// Get the process's one object with getInstance(). Every operation may be called from any thread. All of
+/// them do their work on the manager's own thread; from other threads those marked [queued] return at once
+/// and those marked [waits] when the work is done. Called on the manager's thread, all run at once. Calls of
+/// one thread keep their order. No operation reports an error other than by a log line and a neutral result
+/// (nothing, false, 0, the empty string or map); only want of memory throws (std::bad_alloc).
 ///
-/// The descriptions give this class's own, local behaviour; StatusManagerProxy, which getInstance(false) returns,
-/// keeps all but the listeners in the broker.
+/// The descriptions give this class's own, local behaviour; StatusManagerProxy, which getInstance(false)
+/// returns, keeps all but the listeners in the broker.
 ///
 /// Virtual operations are in binary-interface order. New ones go to the end.
 class OV_EXPORT StatusManager : public Orvane::Tracked
@@ -67,9 +67,9 @@ public:
     /// [waits] The values of those keys that are known.
     virtual StatusMap getClientInfoValues(const StatusKeys& keys);
 
-    /// [queued] Timer operations; a timer comes into being when it is first named. The local timers never run:
-    /// each operation acts on a copy of the stored timer, which is then discarded. That is intended; real timers
-    /// are the broker's. An empty name is logged and nothing is stored.
+    /// [queued] Timer operations; a timer comes into being when it is first named. The local timers never
+    /// run: each operation acts on a copy of the stored timer, which is then discarded. That is intended;
+    /// real timers are the broker's. An empty name is logged and nothing is stored.
     virtual void startTimer(std::string name);
     virtual void stopTimer(std::string name);
     virtual void resetTimer(std::string name);
@@ -81,15 +81,16 @@ public:
     /// [waits] The same in whole seconds, truncated.
     virtual uint64_t getTimerElapsedSeconds(const std::string& name);
 
-    /// [waits] When the timer was last started, in microseconds (the broker's: since the Unix epoch); 0 when it
-    /// never was.
+    /// [waits] When the timer was last started, in microseconds (the broker's: since the Unix epoch); 0 when
+    /// it never was.
     virtual uint64_t getTimerLastStarted(const std::string& name);
 
-    /// [waits] A counter's value. Counters come into being, at 0, when first named. As with the timers, the local
-    /// ones never change: they read 0 for ever. An empty name is logged and yields 0.
+    /// [waits] A counter's value. Counters come into being, at 0, when first named. As with the timers, the
+    /// local ones never change: they read 0 for ever. An empty name is logged and yields 0.
     virtual uint32_t getCounterValue(const std::string& name);
 
-    /// [waits] Counts up by one. Locally returns the value before (always 0), from the broker the value after.
+    /// [waits] Counts up by one. Locally returns the value before (always 0), from the broker the value
+    /// after.
     virtual uint32_t incrementCounter(const std::string& name);
 
     /// [queued] Sets a counter; without effect on the local ones beyond naming them.
@@ -102,8 +103,8 @@ public:
 
     /// [waits] Removes a listener with its subscriptions and drops its callbacks that still wait on its
     /// dispatcher. A callback that its dispatcher is running at this moment is not waited for: destroy the
-    /// listener only after that dispatcher is past it (stopped, or from the dispatcher's own thread). Must not be
-    /// called on the manager's thread: there it is logged and refused.
+    /// listener only after that dispatcher is past it (stopped, or from the dispatcher's own thread). Must
+    /// not be called on the manager's thread: there it is logged and refused.
     virtual void unregisterListener(IStatusUpdateListener* listener);
 
     /// [queued] Subscribes a registered listener to status keys. It then gets one onStatusUpdate() with the
@@ -115,8 +116,8 @@ public:
     virtual void unregisterForStatus(IStatusUpdateListener* listener, const std::string& key);
     virtual void unregisterForStatus(IStatusUpdateListener* listener, const StatusKeys& keys);
 
-    /// [queued] Publishes status values. Listeners hear of those that changed; posting the empty string is the
-    /// same as a reset.
+    /// [queued] Publishes status values. Listeners hear of those that changed; posting the empty string is
+    /// the same as a reset.
     virtual void postStatus(std::string key, std::string value);
     virtual void postStatus(StatusMap updates);
 
@@ -136,8 +137,8 @@ public:
     /// @param delay milliseconds to wait first; used by the broker client only, ignored here.
     virtual void postEvent(std::string name, std::string value, uint32_t delay);
 
-    /// [waits] Returns true when all that was queued before has been done. The broker client asks the broker and
-    /// waits at most `timeoutMs` milliseconds (-1: no limit); false when that ran out.
+    /// [waits] Returns true when all that was queued before has been done. The broker client asks the broker
+    /// and waits at most `timeoutMs` milliseconds (-1: no limit); false when that ran out.
     virtual bool sync(int timeoutMs);
 
     /// Drops what is queued for this object. Listeners that are still registered are forgotten, their records

@@ -17,6 +17,10 @@ using namespace Orvane;
 
 namespace Key = BrokerProtocol::Key;
 
+// Log lines print each function's signature as its definition spells it, and these have always shown a
+// reference to a string as "const string&".
+using string = std::string;
+
 namespace
 {
 
@@ -129,7 +133,8 @@ void StatusManagerProxy::shutdown()
         return;
     mSocketsClosed = true;
     zmq_close(mPostSocket);
-    // The notify loop has closed this one already. The repeated close is required; libzmq refuses it (ENOTSOCK).
+    // The notify loop has closed this one already. The repeated close is required; libzmq refuses it
+    // (ENOTSOCK).
     zmq_close(mNotifySocket);
     zmq_close(mRequestSocket);
     zmq_ctx_destroy(mZmqContext);
@@ -138,7 +143,7 @@ void StatusManagerProxy::shutdown()
 
 // ------------------------------------------------------------------------------------------------ transport
 
-bool StatusManagerProxy::sendOnSocket(void* socket, const std::string& message)
+bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
 {
     OV_TRACE(7);
     if (message.empty())
@@ -209,7 +214,7 @@ bool StatusManagerProxy::discardRestOfMessage(void* socket)
     return false;
 }
 
-bool StatusManagerProxy::sendRequest(const std::string& request, std::string& reply, int timeoutMs)
+bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, int timeoutMs)
 {
     OV_TRACE(7);
     constexpr int maxAttempts = 20;
@@ -281,7 +286,7 @@ void StatusManagerProxy::processStatusMessages(void* context)
     zmq_close(mNotifySocket); // the handle stays as it is, see shutdown()
 }
 
-void StatusManagerProxy::handleNotifyMessage(const std::string& message)
+void StatusManagerProxy::handleNotifyMessage(const string& message)
 {
     OV_TRACE(7);
     OV_LOG(6, "Handling notify message [%s]", message.c_str());
@@ -304,7 +309,8 @@ void StatusManagerProxy::handleNotifyMessage(const std::string& message)
     }
 }
 
-// ------------------------------------------------------------------------------------------------------ posts
+// ------------------------------------------------------------------------------------------------------
+// posts
 
 void StatusManagerProxy::updateSystemTime(uint32_t time)
 {
@@ -419,7 +425,8 @@ void StatusManagerProxy::setCounterValue(std::string name, uint32_t value)
     sendPost(BrokerProtocol::writeSetCounterValue(name, value));
 }
 
-// ---------------------------------------------------------------------------------------------------- queries
+// ----------------------------------------------------------------------------------------------------
+// queries
 //
 // An empty reply is logged and read on: it does not parse, or counts as 0.
 
@@ -449,7 +456,7 @@ StatusMap StatusManagerProxy::getClientInfo()
     return std::move(*values);
 }
 
-std::string StatusManagerProxy::getClientInfoValue(const std::string& key)
+std::string StatusManagerProxy::getClientInfoValue(const string& key)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -504,14 +511,15 @@ StatusMap StatusManagerProxy::getClientInfoValues(const StatusKeys& keys)
         OV_LOG(0, "Failed to parse buf [%s]", reply.c_str());
         return {};
     }
-    OV_LOG(7, "Received requested status value pairs for %u status keys", static_cast<unsigned int>(values->size()));
+    OV_LOG(7, "Received requested status value pairs for %u status keys",
+           static_cast<unsigned int>(values->size()));
     index = 0;
     for (const auto& [key, value] : *values)
         OV_LOG(7, "Pair[%u]: Key[%s] = [%s]", index++, key.c_str(), value.c_str());
     return std::move(*values);
 }
 
-uint64_t StatusManagerProxy::getTimerElapsed(const std::string& name)
+uint64_t StatusManagerProxy::getTimerElapsed(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -531,7 +539,7 @@ uint64_t StatusManagerProxy::getTimerElapsed(const std::string& name)
     return BrokerProtocol::readTimerReply(reply);
 }
 
-uint64_t StatusManagerProxy::getTimerLastStarted(const std::string& name)
+uint64_t StatusManagerProxy::getTimerLastStarted(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -551,7 +559,7 @@ uint64_t StatusManagerProxy::getTimerLastStarted(const std::string& name)
     return BrokerProtocol::readTimerReply(reply);
 }
 
-uint32_t StatusManagerProxy::getCounterValue(const std::string& name)
+uint32_t StatusManagerProxy::getCounterValue(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -571,7 +579,7 @@ uint32_t StatusManagerProxy::getCounterValue(const std::string& name)
     return BrokerProtocol::readCounterReply(reply);
 }
 
-uint32_t StatusManagerProxy::incrementCounter(const std::string& name)
+uint32_t StatusManagerProxy::incrementCounter(const string& name)
 {
     if (!mThread.isThreadCurrent())
     {
@@ -595,8 +603,8 @@ bool StatusManagerProxy::sync(int timeoutMs)
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent =
-            OV_NEW SyncRetEventAgent1<StatusManagerProxy, bool, int>(this, &StatusManagerProxy::sync, timeoutMs);
+        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, bool, int>(
+            this, &StatusManagerProxy::sync, timeoutMs);
         return agent->send(&mThread);
     }
     OV_TRACE(7);

@@ -5,18 +5,18 @@
 
 #include "statusmanager/StatusManager.h"
 
-/// The production manager: a client of the broker process, over three ZeroMQ sockets on the loopback interface.
-/// Posts go to the broker and are not kept here; queries ask the broker; the broker's notifications reach the
-/// listeners through the base's registry.
+/// The production manager: a client of the broker process, over three ZeroMQ sockets on the loopback
+/// interface. Posts go to the broker and are not kept here; queries ask the broker; the broker's
+/// notifications reach the listeners through the base's registry.
 ///
-/// A query or sync() on any thread, and registerForStatus() on the manager's, wait for the broker's answer; apart
-/// from sync() they do so without limit, so while no broker answers, they block, and what is called after them
-/// waits its turn.
+/// A query or sync() on any thread, and registerForStatus() on the manager's, wait for the broker's answer;
+/// apart from sync() they do so without limit, so while no broker answers, they block, and what is called
+/// after them waits its turn.
 class OV_EXPORT StatusManagerProxy : public StatusManager
 {
 public:
-    /// Connects, and blocks until a broker has answered. Reports no failure: if the sockets cannot be set up, that
-    /// is logged, and so is every later send.
+    /// Connects, and blocks until a broker has answered. Reports no failure: if the sockets cannot be set up,
+    /// that is logged, and so is every later send.
     StatusManagerProxy();
 
     void updateSystemTime(uint32_t time) override;
@@ -36,12 +36,12 @@ public:
     void postStatus(StatusMap status) override;
     using StatusManager::resetStatus;
     void resetStatus(StatusKeys keys) override;
-    /// From another thread, the event leaves this process `delay` milliseconds later; on the manager's thread it
-    /// is sent at once and the delay ignored. The broker never sees the delay.
+    /// From another thread, the event leaves this process `delay` milliseconds later; on the manager's thread
+    /// it is sent at once and the delay ignored. The broker never sees the delay.
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
-    /// true. A call that timed out leaves the request socket waiting for its answer, so later queries and syncs
-    /// fail until that answer has come, or for good if it never comes.
+    /// true. A call that timed out leaves the request socket waiting for its answer, so later queries and
+    /// syncs fail until that answer has come, or for good if it never comes.
     bool sync(int timeoutMs) override;
 
     /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this
@@ -49,8 +49,8 @@ public:
     ~StatusManagerProxy() override;
 
 protected:
-    /// Creates the context, the post and the request socket, shakes hands with the broker and queues the notify
-    /// loop. Runs on the manager's thread; waits.
+    /// Creates the context, the post and the request socket, shakes hands with the broker and queues the
+    /// notify loop. Runs on the manager's thread; waits.
     void initSockets();
 
     /// Stops the notify loop and closes the sockets and the context. Runs on the notify thread; waits. The

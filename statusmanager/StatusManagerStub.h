@@ -7,13 +7,13 @@
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
-/// The inert manager, for where no broker is wanted: it talks to nobody and delivers nothing. Its operations only
-/// trace, on the caller's thread, and return a neutral result.
+/// The inert manager, for where no broker is wanted: it talks to nobody and delivers nothing. Its operations
+/// only trace, on the caller's thread, and return a neutral result.
 ///
-/// It is not a complete null object, and is to stay so: ten of the base's operations are not overridden but hidden
-/// by operations of the same name with by-value parameters. Through a StatusManager pointer, as getInstance()
-/// returns it, those ten and getTimerElapsedSeconds() and both resetStatus() reach the base's local stores;
-/// through a StatusManagerStub they are inert as well.
+/// It is not a complete null object, and is to stay so: ten of the base's operations are not overridden but
+/// hidden by operations of the same name with by-value parameters. Through a StatusManager pointer, as
+/// getInstance() returns it, those ten and getTimerElapsedSeconds() and both resetStatus() reach the base's
+/// local stores; through a StatusManagerStub they are inert as well.
 class OV_EXPORT StatusManagerStub : public StatusManager
 {
 public:

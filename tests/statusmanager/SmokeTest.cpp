@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordingListener.h"
+#include <gtest/gtest.h>
 TEST(Smoke, works)
 {
     LogCapture log("*=7");
@@ -16,5 +16,7 @@ TEST(Smoke, works)
     m.updateSystemTime(5);
     ASSERT_TRUE(FakeClock::lastSetting());
     m.unregisterListener(&l);
-    for (auto& x : log.lines()) printf("%d %s %s:%d %*s%s\n", x.level, x.function.c_str(), x.file.c_str(), x.line, x.indent, "", x.text.c_str());
+    for (auto& x : log.lines())
+        printf("%d %s %s:%d %*s%s\n", x.level, x.function.c_str(), x.file.c_str(), x.line, x.indent, "",
+               x.text.c_str());
 }

@@ -69,8 +69,9 @@ void LogCapture::clear()
 std::size_t LogCapture::count(int level, const std::string& text) const
 {
     const std::vector<LogLine> all = lines();
-    return static_cast<std::size_t>(std::count_if(
-        all.begin(), all.end(), [&](const LogLine& line) { return line.level == level && line.text == text; }));
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(),
+                                                  [&](const LogLine& line)
+                                                  { return line.level == level && line.text == text; }));
 }
 
 bool LogCapture::waitFor(int level, const std::string& text, std::size_t times) const

@@ -57,8 +57,10 @@ bool RecordingListener::waitForEvents(std::size_t count) const
 
 bool RecordingListener::waitForValue(const std::string& key, const std::string& value) const
 {
-    return waitUntil([&] {
-        const auto found = mLatest.find(key);
-        return found != mLatest.end() && found->second == value;
-    });
+    return waitUntil(
+        [&]
+        {
+            const auto found = mLatest.find(key);
+            return found != mLatest.end() && found->second == value;
+        });
 }
