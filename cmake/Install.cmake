@@ -12,7 +12,16 @@ install(FILES
     ${PROJECT_BINARY_DIR}/StatusManagerConfigVersion.cmake
     DESTINATION ${package_dir} COMPONENT Development)
 
-# pkg-config wants absolute paths; an absolute CMAKE_INSTALL_LIBDIR stays what it is.
+# pkg-config files find the tree from their own place in it, so that it may be installed to another prefix than it
+# was configured for, and moved. Where the library folder is absolute, there is no way back from it to the prefix.
+set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+    set(PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
+else()
+    file(RELATIVE_PATH way_back /${pc_dir} /)
+    set(PC_PREFIX "\${pcfiledir}/${way_back}")
+    string(REGEX REPLACE "/$" "" PC_PREFIX "${PC_PREFIX}")
+endif()
 foreach(kind LIBDIR INCLUDEDIR)
     if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
         set(PC_${kind} "${CMAKE_INSTALL_${kind}}")
@@ -22,6 +31,5 @@ foreach(kind LIBDIR INCLUDEDIR)
 endforeach()
 foreach(name veskcommon statusmanager)
     configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
-    install(FILES ${PROJECT_BINARY_DIR}/${name}.pc
-        DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT Development)
+    install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pc_dir} COMPONENT Development)
 endforeach()
