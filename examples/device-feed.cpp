@@ -6,8 +6,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -54,7 +56,7 @@ std::size_t runningProcesses()
     {
         const std::string name = entry->path().filename();
         count += static_cast<std::size_t>(
-            std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; }));
+            std::all_of(name.begin(), name.end(), [](char digit) { return digit >= '0' && digit <= '9'; }));
     }
     return count;
 }
@@ -130,17 +132,17 @@ class LoadEvents
 public:
     void check(StatusManager& manager, const std::string& load)
     {
-        const bool above = std::strtod(load.c_str(), nullptr) > mThreshold;
-        if (mAbove == above)
+        const char* side = std::strtod(load.c_str(), nullptr) > mThreshold ? "above" : "below";
+        if (mSide == side)
             return;
-        mAbove = above;
+        mSide = side;
         constexpr uint32_t noDelay = 0;
-        manager.postEvent(FeedKeys::loadEvent, (above ? "above, " : "below, ") + load, noDelay);
+        manager.postEvent(FeedKeys::loadEvent, mSide + ", " + load, noDelay);
     }
 
 private:
     const double mThreshold = std::max(1U, std::thread::hardware_concurrency()); // as many as can run at once
-    std::optional<bool> mAbove;
+    std::string mSide;                                                           // empty: not known yet
 };
 
 // Posts only, no queries: a feed must not stand still because nobody answers.
@@ -157,7 +159,8 @@ uint32_t postUntilStopped(StatusManager& manager, std::chrono::milliseconds inte
         manager.postStatus(values);
         loadEvents.check(manager, values.at(FeedKeys::load));
         manager.setCounterValue(FeedKeys::counter, ++rounds);
-        next += interval;
+        // Not a burst of all that was missed, should the process have been stopped for a while.
+        next = std::max(next + interval, std::chrono::steady_clock::now());
     } while ((limit == 0 || rounds != limit) && !StopSignal::waitUntil(next));
     return rounds;
 }
