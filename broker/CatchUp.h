@@ -1,0 +1,39 @@
+#ifndef BROKER_CATCHUP_H
+#define BROKER_CATCHUP_H
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+#include "broker/Clock.h"
+
+/// Remembers from which point on a starting client has to be told of changes again.
+///
+/// A client subscribes to notifications only after its first SyncAck, so what is published in between passes
+/// it by, although it may have read an older value already. When a subscription arrives, the broker publishes
+/// again what changed since that SyncAck. A subscription does not say whose it is, and clients that reconnect
+/// subscribe without a SyncAck before it; so each is answered as if it were that of the client acknowledged
+/// longest ago. Listeners may so be told twice of a value that they know, but never too little.
+class CatchUp
+{
+public:
+    /// A client that has been acknowledged has subscribed after this time, or never will.
+    static constexpr std::chrono::seconds longestWait{30};
+
+    void acknowledged(uint64_t revision, TimePoint now);
+
+    /// The revision since which to publish again for a subscription that arrives now; nothing if no client
+    /// has been acknowledged lately.
+    std::optional<uint64_t> revisionFor(TimePoint now);
+
+private:
+    struct Acknowledged
+    {
+        uint64_t revision;
+        TimePoint time;
+    };
+
+    std::deque<Acknowledged> mAcknowledged; // oldest first, and so the lowest revision first
+};
+
+#endif

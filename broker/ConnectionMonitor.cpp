@@ -1,0 +1,66 @@
+#include "broker/ConnectionMonitor.h"
+
+#include <cstdint>
+#include <cstring>
+
+ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name)
+    : mMonitored(socket), mEvents(context, zmq::socket_type::pair)
+{
+    const std::string endpoint = "inproc://monitor-" + name;
+    constexpr int events = ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_SUCCEEDED |
+                           ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL | ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL |
+                           ZMQ_EVENT_HANDSHAKE_FAILED_AUTH;
+    if (zmq_socket_monitor(socket.handle(), endpoint.c_str(), events) != 0)
+        throw zmq::error_t();
+    mEvents.set(zmq::sockopt::rcvhwm, 0); // an event that is dropped would spoil the counts for good
+    mEvents.connect(endpoint);
+}
+
+ConnectionMonitor::~ConnectionMonitor()
+{
+    zmq_socket_monitor(mMonitored.handle(), nullptr, 0);
+}
+
+std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
+{
+    // Two frames: a 16-bit event and its 32-bit value in host order and unaligned, then the endpoint.
+    zmq::message_t frame;
+    zmq::message_t endpoint;
+    if (!mEvents.recv(frame, zmq::recv_flags::dontwait) || !mEvents.recv(endpoint, zmq::recv_flags::dontwait))
+        return std::nullopt;
+    uint16_t event = 0;
+    int32_t value = 0;
+    std::memcpy(&event, frame.data(), sizeof(event));
+    std::memcpy(&value, frame.data<char>() + sizeof(event), sizeof(value));
+    count(event);
+    switch (event)
+    {
+    case ZMQ_EVENT_ACCEPTED:
+        return Event{Event::Kind::Accepted, value};
+    case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
+        return Event{Event::Kind::HandshakeDone, -1};
+    case ZMQ_EVENT_DISCONNECTED:
+        return Event{Event::Kind::Closed, value};
+    default:
+        return Event{Event::Kind::Other, -1};
+    }
+}
+
+// A connection whose handshake fails is reported as failed and then as disconnected, so the two cancel out.
+void ConnectionMonitor::count(int event)
+{
+    switch (event)
+    {
+    case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
+    case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
+    case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
+    case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
+        ++mPeers;
+        break;
+    case ZMQ_EVENT_DISCONNECTED:
+        --mPeers;
+        break;
+    default:
+        break;
+    }
+}

@@ -1,0 +1,38 @@
+#ifndef BROKER_FRAMES_H
+#define BROKER_FRAMES_H
+
+#include <optional>
+#include <string>
+#include <zmq.hpp>
+
+/// Messages as texts in frames. A socket call that fails for another reason than "nothing there" throws
+/// zmq::error_t: on the broker's own sockets that is not to be expected while it runs.
+namespace Frames
+{
+
+/// The longest message that is taken in, over all its frames. Every message of the library's stays far below;
+/// what is longer is read to its end and refused, so that no client can fill the broker's memory with one.
+constexpr std::size_t maxMessageBytes = 1024 * 1024;
+
+/// Sends a text in frames of at most 512 bytes, the last of which is never empty. The text must not be empty.
+void send(zmq::socket_t& socket, const std::string& text);
+
+/// Receives one frame; nothing if none is there. `more` tells whether the message goes on.
+bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame, bool& more);
+
+/// A message put together from its frames.
+class Assembly
+{
+public:
+    void add(const zmq::message_t& frame);
+
+    /// The text; nothing if it was longer than maxMessageBytes.
+    const std::optional<std::string>& text() const { return mText; }
+
+private:
+    std::optional<std::string> mText = std::string();
+};
+
+} // namespace Frames
+
+#endif
