@@ -25,12 +25,7 @@ constexpr const char* refusal = "{}";
 // So many posts, or requests, are taken before the broker looks elsewhere again.
 constexpr int batchSize = 1000;
 
-// A client's library writes at most this much to its post connection at a time. A burst that is shorter is
-// written before any later request of the same client; of a longer one a rest may still be inside the client
-// when its request arrives, with nothing to be seen of it here.
-constexpr uint64_t clientBatchBytes = 8192;
-
-// How long nothing must have come after such a burst, before it counts as over.
+// How long nothing must have come after a long burst of posts, before it counts as over.
 constexpr std::chrono::microseconds queryQuiet{300};
 constexpr std::chrono::microseconds syncQuiet{2000};
 
@@ -124,7 +119,7 @@ void Broker::apply(const PostChannel::Post& post)
         mNotify.publish(*notification);
 }
 
-void Broker::setSystemTime(uint32_t seconds)
+void Broker::setSystemTime(uint32_t seconds) const
 {
     if (!mOptions.allowSetTime)
     {
@@ -177,25 +172,20 @@ void Broker::serveRequests()
         answer(request);
 }
 
-bool Broker::postsAreIn(std::chrono::microseconds quiet)
-{
-    return mPosts.allTakenIn() &&
-           (mPosts.burstBytes() < clientBatchBytes || Clock::now() - mPosts.lastArrival() >= quiet);
-}
-
 void Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)
 {
     const TimePoint end = Clock::now() + bound;
-    for (;;)
+    updateConnections();
+    mPosts.beginBarrier();
+    takePosts();
+    while (!mPosts.barrierReached(quiet))
     {
-        updateConnections();
-        takePosts();
-        if (postsAreIn(quiet))
-            return;
         if (Clock::now() >= end)
-            return mPosts.writeOffMissing();
+            return mPosts.abandonBarrier();
         zmq::pollitem_t item{mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0};
         zmq_poll(&item, 1, 1);
+        updateConnections();
+        takePosts();
     }
 }
 

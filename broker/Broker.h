@@ -34,12 +34,11 @@ private:
     bool waitForWork(int stopDescriptor);
     void takePosts();
     void apply(const PostChannel::Post& post);
-    void setSystemTime(uint32_t seconds);
+    void setSystemTime(uint32_t seconds) const;
     void publishToNewSubscribers();
     void updateConnections();
     void serveRequests();
     void awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet);
-    bool postsAreIn(std::chrono::microseconds quiet);
     void answer(const RequestChannel::Request& request);
     void acknowledge(const std::string& connection);
     void releaseStarted();

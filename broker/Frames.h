@@ -12,7 +12,7 @@ namespace Frames
 
 /// The longest message that is taken in, over all its frames. Every message of the library's stays far below;
 /// what is longer is read to its end and refused, so that no client can fill the broker's memory with one.
-constexpr std::size_t maxMessageBytes = 1024 * 1024;
+constexpr std::size_t maxMessageBytes = std::size_t{1024} * 1024;
 
 /// Sends a text in frames of at most 512 bytes, the last of which is never empty. The text must not be empty.
 void send(zmq::socket_t& socket, const std::string& text);

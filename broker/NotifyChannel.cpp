@@ -23,7 +23,7 @@ bool NotifyChannel::takeSubscriptions()
     bool more = false;
     while (Frames::receiveFrame(mSocket, frame, more))
     {
-        if (frame.size() > 0 && *frame.data<char>() == subscribeMark)
+        if (!frame.empty() && *frame.data<char>() == subscribeMark)
             subscribed = true;
     }
     return subscribed;

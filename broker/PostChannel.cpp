@@ -14,6 +14,15 @@ namespace
 // a peer send something else, it is waited for once and then written off.
 constexpr uint64_t handshakeBytes = 64 + 27;
 
+// A client's library writes at most this much to its connection at a time. A burst that is shorter is written
+// before any later request of the same client; of a longer one a rest may still be inside the client when its
+// request arrives, with nothing to be seen of it here.
+constexpr uint64_t clientBatchBytes = 8192;
+
+// At most so many messages can be in a client when its request leaves it: its socket's high-water mark of
+// 1,000, and a batch of the smallest ones.
+constexpr unsigned clientBacklog = 1500;
+
 // A frame's size on the connection, with its header.
 uint64_t wireSize(std::size_t payload)
 {
@@ -51,29 +60,27 @@ std::optional<PostChannel::Post> PostChannel::receive()
     {
         if (!Frames::receiveFrame(mSocket, frame, more))
             return std::nullopt; // only in front of a first frame: libzmq hands messages over whole
-        account(frame);
+        account(frame, more);
         message.add(frame);
     }
     return Post{message.text()};
 }
 
-void PostChannel::account(zmq::message_t& frame)
+void PostChannel::account(zmq::message_t& frame, bool more)
 {
-    const uint64_t size = wireSize(frame.size());
-    noteArrival(size);
-    const auto connection = mConnections.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
-    if (connection == mConnections.end())
+    const auto found = mConnections.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
+    if (found == mConnections.end())
         return;
-    connection->second.accounted += size;
-    connection->second.writtenOff = false;
-}
-
-void PostChannel::noteArrival(uint64_t bytes)
-{
     constexpr std::chrono::milliseconds pause{5};
+    Connection& connection = found->second;
+    const uint64_t size = wireSize(frame.size());
     const TimePoint now = Clock::now();
-    mBurstBytes = now - mLastArrival < pause ? mBurstBytes + bytes : bytes;
-    mLastArrival = now;
+    connection.burst = now - connection.lastArrival < pause ? connection.burst + size : size;
+    connection.lastArrival = now;
+    connection.accounted += size;
+    connection.writtenOff = false;
+    if (!more && connection.accounted > connection.arrivedBefore)
+        ++connection.messagesBehind;
 }
 
 bool PostChannel::updateConnections()
@@ -84,7 +91,8 @@ bool PostChannel::updateConnections()
         switch (event->kind)
         {
         case ConnectionMonitor::Event::Kind::Accepted:
-            mConnections[event->descriptor] = {handshakeBytes};
+            mConnections[event->descriptor] = Connection();
+            mConnections[event->descriptor].accounted = handshakeBytes;
             break;
         case ConnectionMonitor::Event::Kind::Closed:
             mConnections.erase(event->descriptor);
@@ -99,24 +107,45 @@ bool PostChannel::updateConnections()
     return connected;
 }
 
-bool PostChannel::allTakenIn()
-{
-    for (const auto& [descriptor, connection] : mConnections)
-    {
-        if (!connection.writtenOff && bytesReceived(descriptor).value_or(0) > connection.accounted)
-            return false;
-    }
-    return true;
-}
-
-void PostChannel::writeOffMissing()
+void PostChannel::beginBarrier()
 {
     for (auto& [descriptor, connection] : mConnections)
     {
-        const uint64_t received = bytesReceived(descriptor).value_or(0);
-        if (received <= connection.accounted)
+        connection.awaited = !connection.writtenOff;
+        connection.arrivedBefore = bytesReceived(descriptor).value_or(0);
+        connection.messagesBehind = 0;
+    }
+}
+
+bool PostChannel::reached(int descriptor, const Connection& connection, std::chrono::microseconds quiet)
+{
+    if (connection.accounted < connection.arrivedBefore)
+        return false;
+    if (connection.messagesBehind >= clientBacklog)
+        return true;
+    if (connection.accounted < bytesReceived(descriptor).value_or(0))
+        return false;
+    return connection.burst < clientBatchBytes || Clock::now() - connection.lastArrival >= quiet;
+}
+
+bool PostChannel::barrierReached(std::chrono::microseconds quiet)
+{
+    bool all = true;
+    for (auto& [descriptor, connection] : mConnections)
+    {
+        connection.awaited = connection.awaited && !reached(descriptor, connection, quiet);
+        all = all && !connection.awaited;
+    }
+    return all;
+}
+
+void PostChannel::abandonBarrier()
+{
+    for (auto& [descriptor, connection] : mConnections)
+    {
+        if (!connection.awaited)
             continue;
-        connection.accounted = received;
+        connection.accounted = bytesReceived(descriptor).value_or(0);
         connection.writtenOff = true;
     }
 }

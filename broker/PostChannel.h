@@ -33,15 +33,17 @@ public:
     /// Takes note of connections made and closed. True if one has completed its handshake.
     bool updateConnections();
 
-    /// Whether every byte that has arrived has come out of receive().
-    bool allTakenIn();
+    /// Begins to wait for the posts that clients have made by now.
+    void beginBarrier();
 
-    /// Stops waiting for what allTakenIn() found missing: it did not come within the bound.
-    void writeOffMissing();
+    /// Whether they have all come out of receive(), as far as can be known: on each connection everything
+    /// that has arrived has been taken in, and after a long burst nothing more has come for `quiet`. A client
+    /// that posts without a pause is waited for only as long as what came from it may still be from before.
+    bool barrierReached(std::chrono::microseconds quiet);
 
-    /// When the latest post came, and how many bytes have come without a pause before it.
-    TimePoint lastArrival() const { return mLastArrival; }
-    uint64_t burstBytes() const { return mBurstBytes; }
+    /// Gives up: what is missing did not come within the caller's bound, and is not waited for again until
+    /// the connection's next message.
+    void abandonBarrier();
 
     int peers() const { return mMonitor.peers(); }
     zmq::socket_t& pollable() { return mSocket; }
@@ -50,18 +52,23 @@ public:
 private:
     struct Connection
     {
-        uint64_t accounted;      ///< bytes of the handshake and of all frames received
-        bool writtenOff = false; ///< not waited for until its next message
+        uint64_t accounted = 0; ///< bytes of the handshake and of all messages received
+        TimePoint lastArrival{};
+        uint64_t burst = 0; ///< bytes that came without a pause up to lastArrival
+
+        // The barrier.
+        bool awaited = false;
+        bool writtenOff = false;
+        uint64_t arrivedBefore = 0;  ///< bytes that had arrived when it began
+        unsigned messagesBehind = 0; ///< messages received after those bytes
     };
 
-    void account(zmq::message_t& frame);
-    void noteArrival(uint64_t bytes);
+    void account(zmq::message_t& frame, bool more);
+    static bool reached(int descriptor, const Connection& connection, std::chrono::microseconds quiet);
 
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
     std::map<int, Connection> mConnections; // by descriptor
-    TimePoint mLastArrival{};
-    uint64_t mBurstBytes = 0;
 };
 
 #endif

@@ -19,7 +19,7 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
     Request request;
     request.connection = frame.to_string();
 
-    const bool wellFormed = more && Frames::receiveFrame(mSocket, frame, more) && frame.size() == 0 && more;
+    const bool wellFormed = more && Frames::receiveFrame(mSocket, frame, more) && frame.empty() && more;
     Frames::Assembly text;
     while (more && Frames::receiveFrame(mSocket, frame, more))
         text.add(frame);

@@ -40,8 +40,8 @@ public:
     /// it is sent at once and the delay ignored. The broker never sees the delay.
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
-    /// true. A call that timed out leaves the request socket waiting for its answer, so later queries and
-    /// syncs fail until that answer has come, or for good if it never comes.
+    /// true. A call that timed out
+    /// leaves the request socket in the middle of an exchange: later queries and syncs of this process fail.
     bool sync(int timeoutMs) override;
 
     /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this

@@ -35,7 +35,7 @@ public:
     }
 
     /// False at the deadline.
-    bool wait(std::chrono::milliseconds deadline = testDeadline)
+    bool wait(std::chrono::microseconds deadline = testDeadline)
     {
         std::unique_lock<std::mutex> lock(mMutex);
         return mChanged.wait_for(lock, deadline, [this] { return mOpen; });

@@ -1,0 +1,145 @@
+// The broker's three promises, each against the real process.
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <vector>
+
+#include "common/EventThread.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ProxyClient.h"
+#include "tests/support/RecordingListener.h"
+
+namespace
+{
+
+// Keeps both cores busy while it lives.
+class BusyCores
+{
+public:
+    BusyCores()
+    {
+        for (int core = 0; core < 2; ++core)
+            mBurners.push_back(std::make_unique<TestProcess>(
+                std::vector<std::string>{"/bin/sh", "-c", "while :; do :; done"}));
+    }
+
+private:
+    std::vector<std::unique_ptr<TestProcess>> mBurners;
+};
+
+// Posts a burst that ends in a new value of "last".
+void postBurst(StatusManager& manager, int length, const std::string& last)
+{
+    for (int index = 1; index < length; ++index)
+        manager.postStatus("burst", std::string(60, 'x') + std::to_string(index) + last);
+    manager.postStatus("last", last);
+}
+
+int staleQueries(StatusManager& manager, int length, int rounds)
+{
+    int stale = 0;
+    for (int round = 0; round < rounds; ++round)
+    {
+        const std::string last = std::to_string(length) + "/" + std::to_string(round);
+        postBurst(manager, length, last);
+        stale += manager.getClientInfoValue("last") == last ? 0 : 1;
+    }
+    return stale;
+}
+
+int staleAfterSync(StatusManager& manager, int rounds)
+{
+    const std::vector<int> lengths{1, 10, 100, 250, 500};
+    int stale = 0;
+    for (int round = 0; round < rounds; ++round)
+    {
+        const std::string last = "sync/" + std::to_string(round);
+        postBurst(manager, lengths[static_cast<std::size_t>(round) % lengths.size()], last);
+        EXPECT_TRUE(manager.sync(-1));
+        stale += manager.getClientInfoValue("last") == last ? 0 : 1;
+    }
+    return stale;
+}
+
+} // namespace
+
+TEST(NoLostFirstPost, fiftyClientsThatPostAtOnceLoseNothing)
+{
+    constexpr int clients = 50;
+    constexpr int posts = 20;
+    for (int round = 0; round < 20; ++round)
+    {
+        BrokerProcess broker;
+        std::vector<std::unique_ptr<TestProcess>> processes;
+        for (int client = 0; client < clients; ++client)
+            processes.push_back(std::make_unique<TestProcess>(std::vector<std::string>{
+                TESTCLIENT, "post", "client" + std::to_string(client), std::to_string(posts)}));
+        for (const auto& process : processes)
+            ASSERT_EQ(process->readLine(), "posted");
+
+        ProxyClient reader;
+        EXPECT_TRUE(eventually([&] { return reader->getClientInfo().size() == clients * posts; },
+                               std::chrono::seconds(5)))
+            << "round " << round << ": " << reader->getClientInfo().size() << " of " << clients * posts;
+    }
+}
+
+TEST(NoStaleFirstCallback, aValueThatChangesDuringStartUpReachesTheListener)
+{
+    BrokerProcess broker;
+    RawPoster poster;
+    for (int round = 0; round < 50; ++round)
+    {
+        // One writer keeps changing the value while the client starts and registers.
+        const std::string last = "final" + std::to_string(round);
+        Gate registered;
+        std::thread writer(
+            [&]
+            {
+                for (int count = 0; !registered.wait(std::chrono::microseconds(500)); ++count)
+                    poster.post(R"({"postStatus":{"moving":")" + std::to_string(count) + "\"}}");
+                poster.post(R"({"postStatus":{"moving":")" + last + "\"}}");
+            });
+        {
+            Orvane::EventThread thread("listener", 0);
+            RecordingListener listener;
+            ProxyClient client;
+            client->registerListener(&listener, &thread);
+            client->registerForStatus(&listener, "moving");
+            listener.waitForUpdates(1);
+            registered.open();
+            writer.join();
+            EXPECT_TRUE(listener.waitForValue("moving", last)) << "round " << round;
+            client->unregisterListener(&listener);
+            thread.stop();
+        }
+    }
+}
+
+class PostThenAsk : public testing::TestWithParam<int>
+{
+};
+
+TEST_P(PostThenAsk, aQueryAfterABurstGetsTheValuePosted)
+{
+    BrokerProcess broker;
+    ProxyClient client;
+    EXPECT_EQ(staleQueries(*client, GetParam(), 500), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Bursts, PostThenAsk, testing::Values(1, 10, 100, 500));
+
+TEST(SyncBarrier, nothingIsStaleAfterSync)
+{
+    BrokerProcess broker;
+    ProxyClient client;
+    EXPECT_EQ(staleAfterSync(*client, 10000), 0);
+}
+
+TEST(SyncBarrier, nothingIsStaleAfterSyncOnBusyCores)
+{
+    BrokerProcess broker;
+    ProxyClient client;
+    const BusyCores busy;
+    EXPECT_EQ(staleAfterSync(*client, 10000), 0);
+}

@@ -1,0 +1,36 @@
+#include "tests/support/BrokerProcess.h"
+
+#include <csignal>
+#include <stdexcept>
+
+namespace
+{
+
+// STATUSBROKER is the program's path, from the build. It is one in which the clock cannot be set: see
+// tests/broker/CMakeLists.txt.
+std::vector<std::string> commandOf(const std::vector<std::string>& options)
+{
+    std::vector<std::string> command{STATUSBROKER};
+    command.insert(command.end(), options.begin(), options.end());
+    return command;
+}
+
+} // namespace
+
+BrokerProcess::BrokerProcess(const std::vector<std::string>& options) : mProcess(commandOf(options))
+{
+    const bool serving = eventually(
+        [this]
+        {
+            return mProcess.errors().find("Serving") != std::string::npos ||
+                   mProcess.waitForExit(std::chrono::milliseconds(0)).has_value();
+        });
+    if (!serving || mProcess.waitForExit(std::chrono::milliseconds(0)))
+        throw std::runtime_error("the broker did not start: " + mProcess.errors());
+}
+
+int BrokerProcess::stop()
+{
+    mProcess.signal(SIGTERM);
+    return mProcess.waitForExit().value_or(-1);
+}

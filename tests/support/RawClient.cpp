@@ -1,0 +1,113 @@
+#include "tests/support/RawClient.h"
+
+#include <stdexcept>
+
+namespace
+{
+
+int milliseconds(std::chrono::milliseconds time)
+{
+    return static_cast<int>(time.count());
+}
+
+void sendFrames(zmq::socket_t& socket, const std::vector<std::string>& frames)
+{
+    for (std::size_t index = 0; index < frames.size(); ++index)
+    {
+        const bool last = index + 1 == frames.size();
+        socket.send(zmq::buffer(frames[index]), last ? zmq::send_flags::none : zmq::send_flags::sndmore);
+    }
+}
+
+std::optional<std::vector<std::string>> receiveFrames(zmq::socket_t& socket,
+                                                      std::chrono::milliseconds deadline)
+{
+    socket.set(zmq::sockopt::rcvtimeo, milliseconds(deadline));
+    std::vector<std::string> frames;
+    zmq::message_t frame;
+    do
+    {
+        if (!socket.recv(frame, zmq::recv_flags::none))
+            return std::nullopt;
+        frames.push_back(frame.to_string());
+    } while (frame.more());
+    return frames;
+}
+
+std::string joined(const std::optional<std::vector<std::string>>& frames)
+{
+    std::string text;
+    for (const std::string& frame : frames.value_or(std::vector<std::string>()))
+        text += frame;
+    return text;
+}
+
+} // namespace
+
+RawRequester::RawRequester(zmq::socket_type type) : mSocket(mContext, type)
+{
+    mSocket.set(zmq::sockopt::linger, 0);
+    mSocket.connect("tcp://127.0.0.1:5555");
+}
+
+void RawRequester::send(const std::vector<std::string>& frames)
+{
+    sendFrames(mSocket, frames);
+}
+
+std::optional<std::vector<std::string>> RawRequester::receive(std::chrono::milliseconds deadline)
+{
+    return receiveFrames(mSocket, deadline);
+}
+
+std::string RawRequester::ask(const std::string& request)
+{
+    send({request});
+    return joined(receive());
+}
+
+// An XPUB where the library has a PUB: the same on the wire, but it shows the subscription that has arrived.
+RawPoster::RawPoster() : mSocket(mContext, zmq::socket_type::xpub)
+{
+    mSocket.set(zmq::sockopt::linger, 1000);
+    mSocket.set(zmq::sockopt::sndhwm, 0);
+    mSocket.connect("tcp://127.0.0.1:5556");
+    if (!receiveFrames(mSocket, testDeadline))
+        throw std::runtime_error("no broker subscribed to the posts");
+}
+
+void RawPoster::post(const std::vector<std::string>& frames)
+{
+    sendFrames(mSocket, frames);
+}
+
+RawSubscriber::RawSubscriber(RawPoster& poster) : mSocket(mContext, zmq::socket_type::sub)
+{
+    mSocket.set(zmq::sockopt::linger, 0);
+    mSocket.set(zmq::sockopt::rcvhwm, 0);
+    mSocket.set(zmq::sockopt::subscribe, "");
+    mSocket.connect("tcp://127.0.0.1:5557");
+    // A posted "Sync" comes back to subscribers: ask until the subscription has arrived.
+    const bool subscribed = eventually(
+        [&]
+        {
+            poster.post("Sync");
+            return receiveFrames(mSocket, std::chrono::milliseconds(10)).has_value();
+        });
+    if (!subscribed)
+        throw std::runtime_error("the subscription did not reach the broker");
+}
+
+std::optional<std::vector<std::string>> RawSubscriber::receive(std::chrono::milliseconds deadline)
+{
+    std::optional<std::vector<std::string>> frames;
+    do
+        frames = receiveFrames(mSocket, deadline);
+    while (joined(frames) == "Sync");
+    return frames;
+}
+
+std::string RawSubscriber::receiveText(std::chrono::milliseconds deadline)
+{
+    return joined(receive(deadline));
+}

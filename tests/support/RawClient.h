@@ -1,0 +1,63 @@
+#ifndef TESTS_SUPPORT_RAWCLIENT_H
+#define TESTS_SUPPORT_RAWCLIENT_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+#include <zmq.hpp>
+
+#include "tests/support/Wait.h"
+
+/// Plain ZeroMQ peers of a broker, for exact bytes and for what the library would never send.
+
+/// Asks on the request port.
+class RawRequester
+{
+public:
+    explicit RawRequester(zmq::socket_type type = zmq::socket_type::req);
+
+    void send(const std::vector<std::string>& frames);
+    /// The frames of the reply; nothing at the deadline.
+    std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
+
+    /// One request in one frame and its reply's text; empty at the deadline.
+    std::string ask(const std::string& request);
+
+private:
+    zmq::context_t mContext;
+    zmq::socket_t mSocket;
+};
+
+/// Posts on the post port. Its constructor returns when the broker's subscription has arrived, so nothing is
+/// lost.
+class RawPoster
+{
+public:
+    RawPoster();
+    void post(const std::vector<std::string>& frames);
+    void post(const std::string& text) { post(std::vector<std::string>{text}); }
+
+private:
+    zmq::context_t mContext;
+    zmq::socket_t mSocket;
+};
+
+/// Listens on the notify port, from when the constructor returns.
+class RawSubscriber
+{
+public:
+    explicit RawSubscriber(RawPoster& poster);
+
+    /// The next notification's frames, "Sync" left out; nothing at the deadline.
+    std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
+
+    /// As one text; empty at the deadline.
+    std::string receiveText(std::chrono::milliseconds deadline = testDeadline);
+
+private:
+    zmq::context_t mContext;
+    zmq::socket_t mSocket;
+};
+
+#endif

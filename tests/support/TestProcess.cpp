@@ -1,0 +1,137 @@
+#include "tests/support/TestProcess.h"
+
+#include <array>
+#include <csignal>
+#include <fcntl.h>
+#include <poll.h>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace
+{
+
+struct Pipe
+{
+    Pipe()
+    {
+        std::array<int, 2> ends{};
+        if (pipe2(ends.data(), O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe2 failed");
+        read = ends[0];
+        write = ends[1];
+    }
+    int read;
+    int write;
+};
+
+} // namespace
+
+TestProcess::TestProcess(const std::vector<std::string>& command)
+{
+    std::vector<char*> arguments;
+    for (const std::string& argument : command)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+
+    const Pipe input;
+    const Pipe output;
+    const Pipe error;
+    mPid = fork();
+    if (mPid == -1)
+        throw std::runtime_error("fork failed");
+    if (mPid == 0)
+    {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        dup2(input.read, STDIN_FILENO);
+        dup2(output.write, STDOUT_FILENO);
+        dup2(error.write, STDERR_FILENO);
+        execv(arguments[0], arguments.data());
+        _exit(127);
+    }
+    close(input.read);
+    close(output.write);
+    close(error.write);
+    mInput = input.write;
+    mOutput = output.read;
+    mError = error.read;
+}
+
+TestProcess::~TestProcess()
+{
+    closeInput();
+    if (!waitForExit(std::chrono::milliseconds(0)))
+    {
+        signal(SIGKILL);
+        waitForExit();
+    }
+    close(mOutput);
+    close(mError);
+}
+
+void TestProcess::signal(int number)
+{
+    kill(mPid, number);
+}
+
+void TestProcess::closeInput()
+{
+    if (mInput != -1)
+        close(mInput);
+    mInput = -1;
+}
+
+std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds deadline)
+{
+    eventually(
+        [this]
+        {
+            int status = 0;
+            if (!mExitCode && waitpid(mPid, &status, WNOHANG) == mPid)
+                mExitCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+            return mExitCode.has_value();
+        },
+        deadline);
+    return mExitCode;
+}
+
+// False at the end of the stream or the deadline.
+bool TestProcess::fill(int descriptor, std::string& buffer, std::chrono::milliseconds deadline)
+{
+    pollfd item{descriptor, POLLIN, 0};
+    if (poll(&item, 1, static_cast<int>(deadline.count())) <= 0)
+        return false;
+    std::array<char, 4096> bytes{};
+    const ssize_t count = read(descriptor, bytes.data(), bytes.size());
+    if (count <= 0)
+        return false;
+    buffer.append(bytes.data(), static_cast<std::size_t>(count));
+    return true;
+}
+
+std::optional<std::string> TestProcess::readLine(std::chrono::milliseconds deadline)
+{
+    while (mOutputText.find('\n') == std::string::npos)
+    {
+        if (!fill(mOutput, mOutputText, deadline))
+            return std::nullopt;
+    }
+    const std::size_t end = mOutputText.find('\n');
+    std::string line = mOutputText.substr(0, end);
+    mOutputText.erase(0, end + 1);
+    return line;
+}
+
+std::string TestProcess::errors()
+{
+    while (fill(mError, mErrorText, std::chrono::milliseconds(0)))
+    {
+    }
+    return mErrorText;
+}
+
+bool TestProcess::waitForError(const std::string& text)
+{
+    return eventually([&] { return errors().find(text) != std::string::npos; });
+}
