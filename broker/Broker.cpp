@@ -139,7 +139,7 @@ void Broker::publishToNewSubscribers()
 {
     if (!mNotify.takeSubscriptions())
         return;
-    const std::optional<uint64_t> since = mCatchUp.revisionFor(Clock::now());
+    const std::optional<uint64_t> since = mCatchUp.subscribed(Clock::now());
     if (!since)
         return;
     const StatusMap changes = mState.changedSince(*since);

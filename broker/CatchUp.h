@@ -13,25 +13,33 @@
 /// it by, although it may have read an older value already. When a subscription arrives, the broker publishes
 /// again what changed since that SyncAck. A subscription does not say whose it is, and clients that reconnect
 /// subscribe without a SyncAck before it; so each is answered as if it were that of the client acknowledged
-/// longest ago. Listeners may so be told twice of a value that they know, but never too little.
+/// longest ago, and the one acknowledged last is taken to be served, but kept in mind a little longer.
+/// Listeners may so be told twice of a value that they know while clients are starting, but never too little.
 class CatchUp
 {
 public:
     /// A client that has been acknowledged has subscribed after this time, or never will.
     static constexpr std::chrono::seconds longestWait{30};
 
+    /// How long one that seems to be served is kept in mind: the subscription may have been another's.
+    static constexpr std::chrono::seconds graceTime{1};
+
     void acknowledged(uint64_t revision, TimePoint now);
 
-    /// The revision since which to publish again for a subscription that arrives now; nothing if no client
-    /// has been acknowledged lately.
-    std::optional<uint64_t> revisionFor(TimePoint now);
+    /// A subscription has arrived: the revision since which to publish again; nothing if no client is
+    /// waiting.
+    std::optional<uint64_t> subscribed(TimePoint now);
 
 private:
     struct Acknowledged
     {
         uint64_t revision;
-        TimePoint time;
+        TimePoint forgotten;
+        bool served;
     };
+
+    void forgetOld(TimePoint now);
+    void markLastServed(TimePoint now);
 
     std::deque<Acknowledged> mAcknowledged; // oldest first, and so the lowest revision first
 };

@@ -9,7 +9,9 @@
 
 #include "tests/support/Wait.h"
 
-/// Plain ZeroMQ peers of a broker, for exact bytes and for what the library would never send.
+/// Plain ZeroMQ peers of a broker, for exact bytes and for what the library would never send. All of a
+/// process share one context with one I/O thread, as a client's sockets do, so their posts and requests have
+/// an order.
 
 /// Asks on the request port.
 class RawRequester
@@ -25,7 +27,6 @@ public:
     std::string ask(const std::string& request);
 
 private:
-    zmq::context_t mContext;
     zmq::socket_t mSocket;
 };
 
@@ -39,7 +40,6 @@ public:
     void post(const std::string& text) { post(std::vector<std::string>{text}); }
 
 private:
-    zmq::context_t mContext;
     zmq::socket_t mSocket;
 };
 
@@ -56,7 +56,6 @@ public:
     std::string receiveText(std::chrono::milliseconds deadline = testDeadline);
 
 private:
-    zmq::context_t mContext;
     zmq::socket_t mSocket;
 };
 
