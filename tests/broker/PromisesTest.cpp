@@ -109,9 +109,10 @@ TEST(NoStaleFirstCallback, aValueThatChangesDuringStartUpReachesTheListener)
             listener.waitForUpdates(1);
             registered.open();
             writer.join();
-            EXPECT_TRUE(listener.waitForValue("moving", last)) << "round " << round;
+            const bool told = listener.waitForValue("moving", last);
             client->unregisterListener(&listener);
             thread.stop();
+            ASSERT_TRUE(told) << "round " << round;
         }
     }
 }
