@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <future>
 #include <gtest/gtest.h>
+#include <ostream>
 
 #include "common/Logging.h"
 #include "tests/proxy/Frames.h"
@@ -22,6 +23,11 @@ struct Reply
     const char* name;
     const char* text;
 };
+
+void PrintTo(const Reply& reply, std::ostream* stream)
+{
+    *stream << reply.name;
+}
 
 std::string nameOf(const ::testing::TestParamInfo<Reply>& reply)
 {

@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <chrono>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <utility>
 #include <zmq.h>
 
@@ -61,6 +62,11 @@ struct Cut
     std::size_t size;
     std::vector<std::size_t> frames;
 };
+
+void PrintTo(const Cut& cut, std::ostream* stream)
+{
+    *stream << cut.size << " bytes";
+}
 
 class TransportSend : public Transport, public ::testing::WithParamInterface<Cut>
 {

@@ -1,0 +1,199 @@
+#include <filesystem>
+#include <future>
+#include <gtest/gtest.h>
+
+#include "tests/proxy/Frames.h"
+#include "tests/proxy/TestProxy.h"
+#include "tests/proxy/ZmqInterposer.h"
+#include "tests/support/LogCapture.h"
+
+namespace
+{
+
+using Texts = std::vector<std::string>;
+
+// The notify loop closes its socket, and the teardown closes that one again among the others.
+const Texts teardown{"zmq_close SUB", "zmq_close PUB", "zmq_close SUB", "zmq_close REQ", "zmq_ctx_destroy"};
+
+std::ptrdiff_t entries(const char* folder)
+{
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+}
+
+unsigned liveObjects()
+{
+    unsigned live = 0;
+    for (const auto* site = Orvane::AllocationSite::first(); site != nullptr; site = site->next())
+        live += site->live();
+    return live;
+}
+
+class Shutdown : public ::testing::Test
+{
+protected:
+    Shutdown()
+    {
+        EXPECT_TRUE(broker.waitForSubscriber());
+        EXPECT_TRUE(log.waitFor(6, "Polling for messages on notify socket"));
+        log.clear();
+        ZmqInterposer::reset();
+    }
+
+    ~Shutdown() override { ZmqInterposer::reset(); }
+
+    void shutdown()
+    {
+        const Pulse pulse(broker);
+        client->shutdown();
+    }
+
+    LogCapture log{"*=6:80000000"};
+    ScriptedBroker broker;
+    Client client{broker};
+};
+
+TEST_F(Shutdown, waitsUntilTheBrokerPublishes)
+{
+    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    EXPECT_EQ(ZmqInterposer::names(), Texts{});
+    broker.publish("Sync");
+    EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
+}
+
+TEST_F(Shutdown, oneNotificationOfAnyKindEndsTheLoop)
+{
+    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    broker.publish("no JSON");
+    EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_TRUE(log.has(0, "Failed to parse buf [no JSON]"));
+    EXPECT_FALSE(log.has(6, "Polling for messages on notify socket"));
+}
+
+TEST_F(Shutdown, failedReceiveEndsTheLoopToo)
+{
+    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    broker.publish("");
+    EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_TRUE(log.has(2, "Failed to receive valid message from StatusBroker!"));
+}
+
+TEST_F(Shutdown, destructorWaitsUntilTheBrokerPublishes)
+{
+    auto proxy = std::make_unique<TestProxy>();
+    ASSERT_TRUE(log.waitFor(6, "Polling for messages on notify socket"));
+    auto done = std::async(std::launch::async, [&] { proxy.reset(); });
+    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    const Pulse pulse(broker);
+    EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
+}
+
+TEST_F(Shutdown, closesEverythingInItsOrder)
+{
+    shutdown();
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, happensOnTheNotifyThread)
+{
+    shutdown();
+    std::thread::id manager;
+    client->onManagerThread([&] { manager = std::this_thread::get_id(); });
+    const std::vector<ZmqInterposer::Call> calls = ZmqInterposer::calls();
+    for (const ZmqInterposer::Call& call : calls)
+    {
+        EXPECT_EQ(call.thread, calls.front().thread) << call.name;
+        EXPECT_NE(call.thread, manager) << call.name;
+    }
+}
+
+TEST_F(Shutdown, repeatedCloseOfTheNotifySocketIsRefusedAndAllElseSucceeds)
+{
+    shutdown();
+    std::vector<int> results;
+    for (const ZmqInterposer::Call& call : ZmqInterposer::calls())
+        results.push_back(call.result);
+    EXPECT_EQ(results, (std::vector<int>{0, 0, -1, 0, 0}));
+}
+
+TEST_F(Shutdown, secondShutdownReturnsAtOnceAndClosesNothing)
+{
+    shutdown();
+    client->shutdown();
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, destructorAfterShutdownClosesNothing)
+{
+    shutdown();
+    client.destroy();
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, destructorShutsDown)
+{
+    client.destroy();
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, concurrentShutdownsCloseOnce)
+{
+    const Pulse pulse(broker);
+    auto first = std::async(std::launch::async, [this] { client->shutdown(); });
+    auto second = std::async(std::launch::async, [this] { client->shutdown(); });
+    EXPECT_EQ(first.wait_for(testDeadline), std::future_status::ready);
+    // The first to run drops the other's agent, which releases its sender.
+    EXPECT_EQ(second.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, brokerSeesTheClientsLastPost)
+{
+    client->updateSystemTime(7);
+    client.destroy();
+    EXPECT_TRUE(broker.waitForPost(R"({"updateSystemTime":7})"));
+}
+
+TEST_F(Shutdown, queuedCallsOfADestroyedClientAreReleased)
+{
+    const unsigned before = liveObjects();
+    Gate entered;
+    Gate go;
+    client->queueOnManagerThread(
+        [&]
+        {
+            entered.open();
+            go.wait();
+        });
+    entered.wait();
+    for (int i = 0; i < 100; ++i)
+        client->startTimer("t");
+    client->postEvent("e", "v", 3600000);
+    go.open();
+    client.destroy();
+    EXPECT_LE(liveObjects(), before);
+}
+
+TEST_F(Shutdown, nothingIsLeftOfAClient)
+{
+    const auto makeAndDestroy = [this]
+    {
+        Client other(broker);
+        other->postStatus("k", "v");
+        other->getClientInfo();
+    };
+    makeAndDestroy(); // what is made once per process
+    const std::ptrdiff_t threads = entries("/proc/self/task");
+    const std::ptrdiff_t files = entries("/proc/self/fd");
+    const unsigned objects = liveObjects();
+    for (int i = 0; i < 5; ++i)
+        makeAndDestroy();
+    // The broker's side of a closed connection goes a moment later.
+    EXPECT_TRUE(eventually([&] { return entries("/proc/self/fd") <= files; }));
+    EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") <= threads; }));
+    EXPECT_LE(liveObjects(), objects);
+}
+
+} // namespace
