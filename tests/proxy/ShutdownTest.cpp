@@ -159,20 +159,14 @@ TEST_F(Shutdown, brokerSeesTheClientsLastPost)
 TEST_F(Shutdown, queuedCallsOfADestroyedClientAreReleased)
 {
     const unsigned before = liveObjects();
-    Gate entered;
-    Gate go;
-    client->queueOnManagerThread(
-        [&]
-        {
-            entered.open();
-            go.wait();
-        });
-    entered.wait();
-    for (int i = 0; i < 100; ++i)
-        client->startTimer("t");
-    client->postEvent("e", "v", 3600000);
-    go.open();
-    client.destroy();
+    auto plain = std::make_unique<StatusManagerProxy>();
+    for (int i = 0; i < 1000; ++i)
+        plain->startTimer("t");
+    plain->postEvent("e", "v", 3600000);
+    {
+        const Pulse pulse(broker);
+        plain.reset();
+    }
     EXPECT_LE(liveObjects(), before);
 }
 

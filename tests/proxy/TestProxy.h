@@ -15,6 +15,9 @@
 class TestProxy : public StatusManagerProxy
 {
 public:
+    /// What is still queued would otherwise run while this turns into its base.
+    ~TestProxy() override { drain(); }
+
     using StatusManagerProxy::receiveOnSocket;
     using StatusManagerProxy::sendOnSocket;
     using StatusManagerProxy::sendPost;
