@@ -1,0 +1,390 @@
+#include <atomic>
+#include <gtest/gtest.h>
+#include <memory>
+#include <stdexcept>
+#include <thread>
+
+#include "common/EventAgent.h"
+#include "common/EventThread.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Wait.h"
+
+using namespace Orvane;
+
+namespace
+{
+
+// Notes what is delivered to it; can hold its dispatcher's thread at a gate.
+class Receiver
+{
+public:
+    void take(std::string text)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mTaken.push_back(std::move(text));
+    }
+
+    void hold(Gate* reached, Gate* end)
+    {
+        reached->open();
+        end->wait();
+    }
+
+    void nothing() {}
+    int answer() { return 42; }
+    void fail() { throw std::runtime_error("broken call"); }
+    void failStrangely() { throw 5; }
+    int failToAnswer() { throw std::runtime_error("no answer"); }
+
+    std::vector<std::string> taken()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mTaken;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mTaken;
+};
+
+using Take = AsyncEventAgent1<Receiver, std::string>;
+using Texts = std::vector<std::string>;
+
+class EventDispatcherTest : public testing::Test
+{
+protected:
+    ~EventDispatcherTest() override
+    {
+        gate.open();
+        thread.stop();
+    }
+
+    void post(const std::string& text) { (OV_NEW Take(&receiver, &Receiver::take, text))->send(&thread); }
+
+    void postDelayed(const std::string& text, uint32_t delayMs)
+    {
+        thread.postDelayed(OV_NEW Take(&receiver, &Receiver::take, text), delayMs);
+    }
+
+    // Occupies the thread until the gate opens.
+    void block()
+    {
+        Gate reached;
+        (OV_NEW AsyncEventAgent2<Receiver, Gate*, Gate*>(&blocker, &Receiver::hold, &reached, &gate))
+            ->send(&thread);
+        reached.wait();
+    }
+
+    // Returns when all that was queued before has been delivered.
+    void drain() { (OV_NEW SyncEventAgent0<Receiver>(&blocker, &Receiver::nothing))->send(&thread); }
+
+    Receiver receiver;
+    Receiver blocker;
+    Gate gate;
+    EventThread thread{"dispatcher", 0};
+};
+
+} // namespace
+
+TEST_F(EventDispatcherTest, agentsAreDeliveredInTheOrderPosted)
+{
+    Texts expected;
+    for (int index = 0; index < 1000; ++index)
+    {
+        post(std::to_string(index));
+        expected.push_back(std::to_string(index));
+    }
+    drain();
+    EXPECT_EQ(receiver.taken(), expected);
+}
+
+TEST_F(EventDispatcherTest, deliveryIsOnTheDispatchersThreadOnly)
+{
+    struct Place
+    {
+        void run() { current = dispatcher->isThreadCurrent(); }
+        EventThread* dispatcher;
+        bool current;
+    } place{&thread, false};
+    EXPECT_FALSE(thread.isThreadCurrent());
+    (OV_NEW SyncEventAgent0<Place>(&place, &Place::run))->send(&thread);
+    EXPECT_TRUE(place.current);
+}
+
+TEST_F(EventDispatcherTest, aDelayedAgentComesWhenDueAndNotSooner)
+{
+    const auto start = std::chrono::steady_clock::now();
+    postDelayed("late", 50);
+    EXPECT_TRUE(eventually([&] { return receiver.taken() == Texts{"late"}; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+}
+
+TEST_F(EventDispatcherTest, delayedAgentsComeInTheOrderInWhichTheyAreDue)
+{
+    block();
+    postDelayed("third", 30);
+    postDelayed("first", 10);
+    postDelayed("second", 20);
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return receiver.taken().size() == 3; }));
+    EXPECT_EQ(receiver.taken(), (Texts{"first", "second", "third"}));
+}
+
+TEST_F(EventDispatcherTest, agentsDueTogetherKeepTheirPostingOrder)
+{
+    block();
+    Texts expected;
+    for (int index = 0; index < 100; ++index)
+    {
+        postDelayed(std::to_string(index), 0);
+        expected.push_back(std::to_string(index));
+    }
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return receiver.taken().size() == 100; }));
+    EXPECT_EQ(receiver.taken(), expected);
+}
+
+TEST_F(EventDispatcherTest, aDueAgentJoinsBehindWhatIsQueued)
+{
+    block();
+    postDelayed("delayed", 20);
+    post("queued");
+    const auto due = std::chrono::steady_clock::now() + std::chrono::milliseconds(25);
+    eventually([&] { return std::chrono::steady_clock::now() > due; });
+    post("after it was due");
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return receiver.taken().size() == 3; }));
+    EXPECT_EQ(receiver.taken(), (Texts{"queued", "delayed", "after it was due"}));
+}
+
+TEST_F(EventDispatcherTest, aLongDelayHoldsNothingUp)
+{
+    postDelayed("much later", 3600000);
+    post("now");
+    drain();
+    EXPECT_EQ(receiver.taken(), Texts{"now"});
+    EXPECT_EQ(thread.getPendingCount(), 1U);
+}
+
+TEST_F(EventDispatcherTest, aSynchronousSendReturnsTheResult)
+{
+    auto* agent = OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer);
+    EXPECT_EQ(agent->send(&thread), 42);
+}
+
+TEST_F(EventDispatcherTest, aSynchronousSendOnTheOwnThreadReturnsAtOnceWhileOthersAreQueued)
+{
+    struct Nested
+    {
+        void run()
+        {
+            (OV_NEW Take(receiver, &Receiver::take, "queued"))->send(thread);
+            answer = (OV_NEW SyncRetEventAgent0<Receiver, int>(receiver, &Receiver::answer))->send(thread);
+            (OV_NEW SyncEventAgent1<Receiver, std::string>(receiver, &Receiver::take, "in place"))
+                ->send(thread);
+            SmartPtr<EventAgent> direct(OV_NEW Take(receiver, &Receiver::take, "sendAndWait in place"));
+            thread->sendAndWait(direct.get());
+        }
+        Receiver* receiver;
+        EventThread* thread;
+        int answer;
+    } nested{&receiver, &thread, 0};
+    (OV_NEW SyncEventAgent0<Nested>(&nested, &Nested::run))->send(&thread);
+    drain();
+    EXPECT_EQ(nested.answer, 42);
+    EXPECT_EQ(receiver.taken(), (Texts{"in place", "sendAndWait in place", "queued"}));
+}
+
+// ----------------------------------------------------------------------------------------------------
+// exceptions
+
+TEST_F(EventDispatcherTest, anExceptionOfAnAsynchronousCallIsLoggedAndTheThreadGoesOn)
+{
+    const LogCapture log;
+    (OV_NEW MemberCall<AsyncEventAgent, Receiver, void>(&receiver, &Receiver::fail))->send(&thread);
+    (OV_NEW MemberCall<AsyncEventAgent, Receiver, void>(&receiver, &Receiver::failStrangely))->send(&thread);
+    post("next");
+    drain();
+    EXPECT_EQ(receiver.taken(), Texts{"next"});
+    EXPECT_EQ(log.texts(), (Texts{"Exception left a call on dispatcher [dispatcher]: broken call",
+                                  "Exception of unknown type left a call on dispatcher [dispatcher]"}));
+    EXPECT_EQ(log.lines().front().level, 0);
+}
+
+TEST_F(EventDispatcherTest, anExceptionOfASynchronousCallReachesTheSender)
+{
+    const LogCapture log;
+    auto* plain = OV_NEW SyncEventAgent0<Receiver>(&receiver, &Receiver::fail);
+    EXPECT_THROW(plain->send(&thread), std::runtime_error);
+    auto* answering = OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::failToAnswer);
+    EXPECT_THROW(answering->send(&thread), std::runtime_error);
+    drain();
+    EXPECT_TRUE(log.lines().empty());
+}
+
+// -------------------------------------------------------------------------------------------------------
+// removal
+
+TEST_F(EventDispatcherTest, removingByReceiverDropsItsAgentsOnlyDelayedOnesToo)
+{
+    Receiver other;
+    block();
+    post("dropped");
+    postDelayed("dropped later", 1);
+    (OV_NEW Take(&other, &Receiver::take, "kept"))->send(&thread);
+    EXPECT_EQ(thread.getPendingCount(), 3U);
+    thread.removeAgentsByReceiver(&receiver);
+    EXPECT_EQ(thread.getPendingCount(), 1U);
+    gate.open();
+    drain();
+    EXPECT_TRUE(receiver.taken().empty());
+    EXPECT_EQ(other.taken(), Texts{"kept"});
+}
+
+TEST_F(EventDispatcherTest, removingKeepsTheOrderOfTheRest)
+{
+    Receiver other;
+    block();
+    for (int index = 0; index < 6; ++index)
+        (OV_NEW Take(index % 2 == 0 ? &receiver : &other, &Receiver::take, std::to_string(index)))
+            ->send(&thread);
+    thread.removeAgentsByReceiver(&other);
+    gate.open();
+    drain();
+    EXPECT_EQ(receiver.taken(), (Texts{"0", "2", "4"}));
+}
+
+TEST_F(EventDispatcherTest, aDroppedSynchronousAgentReleasesItsSenderWithTheDefaultResult)
+{
+    block();
+    int answer = -1;
+    std::thread sender(
+        [&] {
+            answer = (OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer))->send(&thread);
+        });
+    ASSERT_TRUE(eventually([&] { return thread.getPendingCount() == 1; }));
+    thread.removeAgentsByReceiver(&receiver);
+    sender.join();
+    EXPECT_EQ(answer, 0);
+}
+
+TEST_F(EventDispatcherTest, oneAgentCanBeRemovedWhileItWaits)
+{
+    block();
+    const SmartPtr<EventAgent> first(OV_NEW Take(&receiver, &Receiver::take, "first"));
+    const SmartPtr<EventAgent> second(OV_NEW Take(&receiver, &Receiver::take, "second"));
+    thread.post(first.get());
+    thread.postDelayed(second.get(), 3600000);
+    EXPECT_TRUE(thread.removeAgent(second.get()));
+    EXPECT_FALSE(thread.removeAgent(second.get()));
+    gate.open();
+    drain();
+    EXPECT_FALSE(thread.removeAgent(first.get()));
+    EXPECT_EQ(receiver.taken(), Texts{"first"});
+}
+
+// ----------------------------------------------------------------------------------------------------------
+// stop
+
+TEST_F(EventDispatcherTest, stoppingDropsWhatIsQueuedAndReleasesSenders)
+{
+    block();
+    post("queued");
+    postDelayed("delayed", 1);
+    int answer = -1;
+    std::thread sender(
+        [&] {
+            answer = (OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer))->send(&thread);
+        });
+    ASSERT_TRUE(eventually([&] { return thread.getPendingCount() == 3; }));
+    std::thread stopper([&] { thread.stop(); });
+    // The stop has been asked for once posts are refused.
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            const std::size_t before = thread.getPendingCount();
+            post("probe");
+            return thread.getPendingCount() == before;
+        }));
+    gate.open();
+    stopper.join();
+    sender.join();
+    EXPECT_EQ(answer, 0);
+    EXPECT_EQ(thread.getPendingCount(), 0U);
+    EXPECT_TRUE(receiver.taken().empty());
+}
+
+TEST_F(EventDispatcherTest, whatIsSentToAStoppedThreadIsReleasedUndelivered)
+{
+    thread.stop();
+    post("never");
+    postDelayed("never", 1);
+    EXPECT_EQ((OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer))->send(&thread), 0);
+    EXPECT_EQ(thread.getPendingCount(), 0U);
+    EXPECT_TRUE(receiver.taken().empty());
+}
+
+// ----------------------------------------------------------------------------------------------------
+// destruction
+
+namespace
+{
+
+// Counts how often an agent is destroyed, through an argument that it keeps.
+class DestructionProbe
+{
+public:
+    using Token = std::shared_ptr<int>;
+    void take(Token) {}
+};
+
+} // namespace
+
+TEST_F(EventDispatcherTest, anAgentIsDestroyedExactlyOnceHoweverItEnds)
+{
+    DestructionProbe probe;
+    using Agent = AsyncEventAgent1<DestructionProbe, DestructionProbe::Token>;
+    const auto token = std::make_shared<int>(0);
+    (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread); // delivered
+    drain();
+    EXPECT_EQ(token.use_count(), 1);
+    block();
+    (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread);
+    EXPECT_EQ(token.use_count(), 2);
+    thread.removeAgentsByReceiver(&probe); // removed
+    EXPECT_EQ(token.use_count(), 1);
+    (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread);
+    gate.open();
+    thread.stop(); // delivered or dropped with the thread
+    EXPECT_EQ(token.use_count(), 1);
+    (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread); // refused
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST_F(EventDispatcherTest, manySendersAndRemovalsAtOnceLoseAndLeakNothing)
+{
+    const auto token = std::make_shared<int>(0);
+    DestructionProbe probe;
+    using Agent = AsyncEventAgent1<DestructionProbe, DestructionProbe::Token>;
+    std::vector<std::thread> senders;
+    for (int sender = 0; sender < 4; ++sender)
+        senders.emplace_back(
+            [&]
+            {
+                for (int count = 0; count < 500; ++count)
+                {
+                    (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread);
+                    if (count % 50 == 0)
+                        thread.removeAgentsByReceiver(&probe);
+                    if (count % 100 == 0)
+                    {
+                        auto* asking = OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer);
+                        EXPECT_EQ(asking->send(&thread), 42);
+                    }
+                }
+            });
+    for (std::thread& sender : senders)
+        sender.join();
+    drain();
+    EXPECT_EQ(token.use_count(), 1);
+}

@@ -1,0 +1,97 @@
+#include <array>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+
+#include "common/EventAgent.h"
+#include "common/EventThread.h"
+#include "tests/support/LogCapture.h"
+
+using namespace Orvane;
+
+namespace
+{
+
+// What a thread tells of itself.
+struct Inspection
+{
+    void look()
+    {
+        std::array<char, 16> buffer{};
+        pthread_getname_np(pthread_self(), buffer.data(), buffer.size());
+        kernelName = buffer.data();
+        pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+        sched_param parameters{};
+        pthread_getschedparam(pthread_self(), &policy, &parameters);
+    }
+
+    std::string kernelName;
+    sigset_t blocked{};
+    int policy = -1;
+};
+
+Inspection inspect(EventThread& thread)
+{
+    Inspection inspection;
+    (OV_NEW SyncEventAgent0<Inspection>(&inspection, &Inspection::look))->send(&thread);
+    return inspection;
+}
+
+} // namespace
+
+TEST(EventThreadTest, keepsItsFullNameOfWhichTheKernelShowsFifteenBytes)
+{
+    EventThread thread("ProcessStatusMessage", 0);
+    EXPECT_STREQ(thread.getName(), "ProcessStatusMessage");
+    EXPECT_EQ(inspect(thread).kernelName, "ProcessStatusMe");
+}
+
+TEST(EventThreadTest, blocksAllSignalsAndLeavesItsCreatorsMaskAlone)
+{
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    EventThread thread("signals", 0);
+    const Inspection inspection = inspect(thread);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGPIPE, SIGUSR1, SIGALRM})
+        EXPECT_EQ(sigismember(&inspection.blocked, signal), 1) << signal;
+    sigset_t after;
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    for (int signal = 1; signal < 32; ++signal)
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+}
+
+TEST(EventThreadTest, priorityZeroIsTheNormalSchedulingClass)
+{
+    const LogCapture log;
+    EventThread thread("normal", 0);
+    EXPECT_EQ(inspect(thread).policy, SCHED_OTHER);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST(EventThreadTest, aRefusedPriorityIsLoggedAndTheThreadRunsNormally)
+{
+    const LogCapture log;
+    EventThread thread("eager", 1000); // no such priority: refused to the privileged, too
+    EXPECT_EQ(inspect(thread).policy, SCHED_OTHER);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines().front().level, 2);
+    EXPECT_EQ(log.lines().front().text.rfind("Thread [eager] runs without real-time priority 1000: ", 0), 0U);
+}
+
+TEST(EventThreadTest, aPositivePriorityAsksForRoundRobin)
+{
+    const LogCapture log;
+    EventThread thread("real time", 1);
+    const int policy = inspect(thread).policy;
+    // Granted or refused, which depends on the privileges of whoever runs this, and never without a word.
+    EXPECT_EQ(policy, log.lines().empty() ? SCHED_RR : SCHED_OTHER);
+}
+
+TEST(EventThreadTest, stoppingTwiceDoesNothingMore)
+{
+    EventThread thread("stopped", 0);
+    thread.stop();
+    thread.stop();
+    EXPECT_EQ(thread.getPendingCount(), 0U);
+}

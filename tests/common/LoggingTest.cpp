@@ -1,0 +1,443 @@
+#include "common/Logging.h"
+
+#include <algorithm>
+#include <array>
+#include <gtest/gtest.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "tests/support/LogCapture.h"
+
+OV_LOG_CONTROL_WORDS;
+
+namespace
+{
+
+constexpr unsigned int messagesBit = 1U << 31;
+constexpr unsigned int tracesBit = 1U << 30;
+
+int evaluated = 0;
+
+int evaluate()
+{
+    return ++evaluated;
+}
+
+void logAtEveryLevel()
+{
+    OV_LOG(0, "level %d", 0);
+    OV_LOG(1, "level %d", 1);
+    OV_LOG(2, "level %d", 2);
+    OV_LOG(5, "level %d", 5);
+    OV_LOG(6, "level %d", 6);
+    OV_LOG(7, "level %d", 7);
+}
+
+void traced(int level)
+{
+    OV_TRACE(level);
+}
+
+// Runs `work` with stderr going into a pipe, and returns what was written.
+template <class Work>
+std::string stderrOf(Work work)
+{
+    testing::internal::CaptureStderr();
+    work();
+    return testing::internal::GetCapturedStderr();
+}
+
+class LoggingTest : public testing::Test
+{
+protected:
+    void TearDown() override
+    {
+        ov_log_configure("*=5:ffffffff");
+        ov_log_indent = 0;
+        ov_log_indent_size = 2;
+    }
+
+    std::vector<std::string> levels()
+    {
+        log.clear();
+        logAtEveryLevel();
+        return log.texts();
+    }
+
+    LogCapture log;
+};
+
+using Texts = std::vector<std::string>;
+
+} // namespace
+
+// --------------------------------------------------------------------------------------------- control words
+
+TEST_F(LoggingTest, atFirstLevelsUpToFiveAreLoggedAndNoTraces)
+{
+    EXPECT_EQ(logFlags, 0xFFFFFFFFU);
+    EXPECT_EQ(logLevel, 5);
+    EXPECT_EQ(levels(), (Texts{"level 0", "level 1", "level 2", "level 5"}));
+    log.clear();
+    traced(6);
+    traced(7);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(LoggingTest, withoutBitThirtyOneOnlyTheUnguardedLevelsAreLogged)
+{
+    ov_log_configure("LoggingTest=7:7fffffff");
+    EXPECT_EQ(levels(), (Texts{"level 0", "level 1", "level 2"}));
+    ov_log_configure("LoggingTest=7:80000000");
+    EXPECT_EQ(levels().size(), 6U);
+}
+
+TEST_F(LoggingTest, theUnguardedLevelsIgnoreTheFilesLevel)
+{
+    ov_log_configure("LoggingTest=0:0");
+    EXPECT_EQ(levels(), (Texts{"level 0", "level 1", "level 2"}));
+}
+
+TEST_F(LoggingTest, aGuardedLevelIsLoggedFromItsLevelOn)
+{
+    ov_log_configure("LoggingTest=6");
+    EXPECT_EQ(levels().back(), "level 6");
+    ov_log_configure("LoggingTest=7");
+    EXPECT_EQ(levels().back(), "level 7");
+}
+
+TEST_F(LoggingTest, argumentsOfASuppressedMessageAreNotEvaluated)
+{
+    evaluated = 0;
+    OV_LOG(6, "%d", evaluate());
+    EXPECT_EQ(evaluated, 0);
+    OV_LOG(5, "%d", evaluate());
+    EXPECT_EQ(evaluated, 1);
+}
+
+TEST_F(LoggingTest, aMessageNamesItsFunctionFileAndLine)
+{
+    log.clear();
+    const int line = __LINE__ + 1;
+    OV_LOG(0, "here %s", "and now");
+    ASSERT_EQ(log.lines().size(), 1U);
+    const LogLine logged = log.lines().front();
+    EXPECT_EQ(logged.level, 0);
+    EXPECT_NE(logged.function.find("aMessageNamesItsFunctionFileAndLine"), std::string::npos);
+    EXPECT_EQ(logged.file, "/LoggingTest.cpp");
+    EXPECT_EQ(logged.line, line);
+    EXPECT_EQ(logged.text, "here and now");
+}
+
+TEST(FileTail, beginsAtTheLastSlash)
+{
+    EXPECT_STREQ(ov_log_file_tail("/a/b/c.cpp"), "/c.cpp");
+    EXPECT_STREQ(ov_log_file_tail("c.cpp"), "c.cpp");
+    EXPECT_STREQ(ov_log_file_tail(""), "");
+}
+
+// -------------------------------------------------------------------------------------------------------
+// traces
+
+TEST_F(LoggingTest, aTraceScopeLogsBeginAndEndAtTheSamePlace)
+{
+    ov_log_configure("LoggingTest=7:40000000");
+    traced(7);
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text, "begin");
+    EXPECT_EQ(lines[1].text, "end");
+    EXPECT_EQ(lines[0].function, lines[1].function);
+    EXPECT_EQ(lines[0].file, lines[1].file);
+    EXPECT_EQ(lines[0].line, lines[1].line);
+    EXPECT_EQ(lines[0].level, 7);
+}
+
+TEST_F(LoggingTest, withoutBitThirtyATraceScopeIsSilent)
+{
+    ov_log_configure("LoggingTest=7:bfffffff");
+    traced(6);
+    EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(LoggingTest, aTraceScopeAboveTheLevelIsSilent)
+{
+    ov_log_configure("LoggingTest=6:ffffffff");
+    traced(7);
+    EXPECT_TRUE(log.lines().empty());
+    traced(6);
+    EXPECT_EQ(log.lines().size(), 2U);
+}
+
+TEST_F(LoggingTest, beginIsDeeperAndEndShallower)
+{
+    ov_log_configure("LoggingTest=7:40000000");
+    ov_log_indent_size = 4;
+    traced(7);
+    EXPECT_EQ(log.lines()[0].indent, 4);
+    EXPECT_EQ(log.lines()[1].indent, 0);
+}
+
+TEST_F(LoggingTest, theControlWordsAreReadAgainAtTheEnd)
+{
+    ov_log_configure("LoggingTest=7:40000000");
+    {
+        OV_TRACE(7);
+        ov_log_configure("LoggingTest=7:0");
+    }
+    EXPECT_EQ(log.texts(), Texts{"begin"});
+    log.clear();
+    {
+        OV_TRACE(7);
+        ov_log_configure("LoggingTest=7:40000000");
+    }
+    EXPECT_EQ(log.texts(), Texts{"end"});
+}
+
+TEST_F(LoggingTest, anIndentationOfZeroStaysZeroAtAnEnd)
+{
+    for (const int indent : {0, -5})
+    {
+        volatile unsigned int flags = 0;
+        volatile int level = 7;
+        {
+            const Tracer tracer(7, "f", "/f.cpp", 1, flags, level);
+            flags = tracesBit;
+            ov_log_indent = indent;
+        }
+        EXPECT_EQ(ov_log_indent, 0);
+    }
+}
+
+TEST_F(LoggingTest, aStepWiderThanTheIndentationTakesItBelowZero)
+{
+    volatile unsigned int flags = 0;
+    volatile int level = 7;
+    ov_log_indent_size = 4;
+    {
+        const Tracer tracer(7, "f", "/f.cpp", 1, flags, level);
+        flags = tracesBit;
+        ov_log_indent = 1;
+    }
+    EXPECT_EQ(ov_log_indent, -3);
+}
+
+TEST_F(LoggingTest, aTraceScopeEndsWhenAnExceptionLeavesIt)
+{
+    ov_log_configure("LoggingTest=7:40000000");
+    try
+    {
+        OV_TRACE(7);
+        throw 1;
+    }
+    catch (int)
+    {
+    }
+    EXPECT_EQ(log.texts(), (Texts{"begin", "end"}));
+}
+
+// ------------------------------------------------------------------------------------------------
+// configuration
+
+namespace
+{
+
+struct File
+{
+    explicit File(const char* path) { register_logging(path, &flags, &level); }
+    volatile unsigned int flags = 0xFFFFFFFFU;
+    volatile int level = 5;
+};
+
+// Registered words must live until the process ends.
+File& file(const char* path)
+{
+    return *new File(path);
+}
+
+} // namespace
+
+TEST_F(LoggingTest, aPatternMatchesTheEndOfThePathWithOrWithoutExtension)
+{
+    for (const char* pattern : {"Some", "Some.cpp", "folder/Some", "fold*/So*", "/root/folder/Some.cpp", "*"})
+    {
+        File& some = file("/root/folder/Some.cpp");
+        ASSERT_EQ(ov_log_configure((std::string(pattern) + "=7:c0000000").c_str()), 0);
+        EXPECT_EQ(some.level, 7) << pattern;
+        EXPECT_EQ(some.flags, messagesBit | tracesBit) << pattern;
+        some.level = 5;
+    }
+}
+
+TEST_F(LoggingTest, aPatternForAnotherFileDoesNotMatch)
+{
+    File& some = file("/root/folder/Other.cpp");
+    for (const char* pattern : {"Othe", "ther", "other", "folder", "root/Other", "Other.h"})
+    {
+        ASSERT_EQ(ov_log_configure((std::string(pattern) + "=7").c_str()), 0);
+        EXPECT_EQ(some.level, 5) << pattern;
+    }
+}
+
+TEST_F(LoggingTest, theLastRuleThatMatchesWins)
+{
+    File& some = file("/root/Wins.cpp");
+    EXPECT_EQ(ov_log_configure("Wins=7,*=2"), 0);
+    EXPECT_EQ(some.level, 2);
+    EXPECT_EQ(ov_log_configure("*=2,Wins=7"), 0);
+    EXPECT_EQ(some.level, 7);
+}
+
+TEST_F(LoggingTest, flagsThatAreNotGivenStay)
+{
+    File& some = file("/root/Flags.cpp");
+    EXPECT_EQ(ov_log_configure("Flags=7:0"), 0);
+    EXPECT_EQ(ov_log_configure("Flags=6"), 0);
+    EXPECT_EQ(some.level, 6);
+    EXPECT_EQ(some.flags, 0U);
+}
+
+TEST_F(LoggingTest, rulesAreAppliedToFilesThatRegisterLater)
+{
+    EXPECT_EQ(ov_log_configure("Later=7:80000000"), 0);
+    File& later = file("/root/Later.cpp");
+    EXPECT_EQ(later.level, 7);
+    EXPECT_EQ(later.flags, messagesBit);
+}
+
+TEST_F(LoggingTest, malformedRulesChangeNothing)
+{
+    File& some = file("/root/Malformed.cpp");
+    for (const char* rules :
+         {"x", "=7", "Malformed=", "Malformed=8", "Malformed=-1", "Malformed= 7", "Malformed=7x",
+          "Malformed=7:", "Malformed=7:xyz", "Malformed=7:fffffffff", "Malformed=7,broken"})
+    {
+        EXPECT_EQ(ov_log_configure(rules), -1) << rules;
+        EXPECT_EQ(some.level, 5) << rules;
+    }
+    EXPECT_EQ(ov_log_configure(""), 0);
+    EXPECT_EQ(ov_log_configure(",Malformed=7,"), 0);
+    EXPECT_EQ(some.level, 7);
+}
+
+namespace
+{
+
+// A process of its own, since the variable is read when the first file registers.
+std::string outputWithEnvironment(const std::string& value)
+{
+    std::array<char, 4096> self{};
+    const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
+    const std::string program(self.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
+    const std::string command = "OV_LOG='" + value + "' '" + program + "' --gtest_filter=InChild.* 2>&1";
+    std::string output;
+    FILE* pipe = popen(command.c_str(), "r");
+    std::array<char, 4096> bytes{};
+    while (fgets(bytes.data(), bytes.size(), pipe) != nullptr)
+        output += bytes.data();
+    pclose(pipe);
+    return output;
+}
+
+} // namespace
+
+// Run again by the two tests behind it, under an environment of theirs.
+TEST(InChild, logAtEveryLevel)
+{
+    logAtEveryLevel();
+}
+
+TEST(Environment, setsTheLevelsAtStart)
+{
+    EXPECT_NE(outputWithEnvironment("LoggingTest=7").find("level 7"), std::string::npos);
+    EXPECT_EQ(outputWithEnvironment("LoggingTest=2").find("level 5"), std::string::npos);
+}
+
+TEST(Environment, aMalformedValueIsLoggedAndIgnored)
+{
+    const std::string output = outputWithEnvironment("nonsense");
+    EXPECT_NE(output.find("Ignoring malformed OV_LOG [nonsense]"), std::string::npos);
+    EXPECT_NE(output.find("level 5"), std::string::npos);
+    EXPECT_EQ(output.find("level 6"), std::string::npos);
+}
+
+// -------------------------------------------------------------------------------------------------------
+// stderr
+
+TEST(StandardError, oneLineHoldsTimeProcessThreadLevelPlaceAndText)
+{
+    const std::string line = stderrOf([] { OV_LOG(2, "text %d", 7); });
+    const std::string ids = std::to_string(getpid()) + "/" + std::to_string(gettid());
+    EXPECT_EQ(line.size() - 1, line.find('\n'));
+    EXPECT_EQ(line.find(ids), std::string("2026-11-20T22:30:01.123456Z ").size());
+    EXPECT_NE(line.find(ids + " 2 LoggingTest.cpp:"), std::string::npos);
+    EXPECT_NE(line.find(": text 7\n"), std::string::npos);
+}
+
+TEST(StandardError, bytesThatAreNotPrintableAreEscaped)
+{
+    const std::string line = stderrOf([] { OV_LOG(2, "[%s]", "a\nb\tc\x1b[31m\x7f\xc3\xa4"); });
+    EXPECT_NE(line.find("[a\\x0ab\\x09c\\x1b[31m\\x7f\\xc3\\xa4]\n"), std::string::npos);
+}
+
+TEST(StandardError, aVeryLongMessageIsWhole)
+{
+    const std::string text(100000, 'x');
+    const std::string line = stderrOf([&] { OV_LOG(2, "[%s]", text.c_str()); });
+    EXPECT_NE(line.find("[" + text + "]\n"), std::string::npos);
+}
+
+TEST(StandardError, linesOfConcurrentThreadsDoNotMix)
+{
+    const std::string output = stderrOf(
+        []
+        {
+            std::vector<std::thread> threads;
+            for (int index = 0; index < 8; ++index)
+                threads.emplace_back(
+                    [index]
+                    {
+                        for (int count = 0; count < 200; ++count)
+                            OV_LOG(2, "<%s>", std::string(50, static_cast<char>('a' + index)).c_str());
+                    });
+            for (std::thread& thread : threads)
+                thread.join();
+        });
+    EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), 8 * 200);
+    std::size_t whole = 0;
+    for (char letter = 'a'; letter < 'i'; ++letter)
+    {
+        const std::string text = "<" + std::string(50, letter) + ">\n";
+        for (std::size_t at = output.find(text); at != std::string::npos; at = output.find(text, at + 1))
+            ++whole;
+    }
+    EXPECT_EQ(whole, 8U * 200U);
+}
+
+TEST(StandardError, loggingLeavesErrnoAlone)
+{
+    stderrOf(
+        []
+        {
+            errno = 42;
+            OV_LOG(2, "text");
+            EXPECT_EQ(errno, 42);
+        });
+}
+
+TEST(Sink, mayBeSetAndTakenAway)
+{
+    const std::string output = stderrOf(
+        []
+        {
+            {
+                const LogCapture log;
+                OV_LOG(2, "to the sink");
+                EXPECT_TRUE(log.has(2, "to the sink"));
+            }
+            OV_LOG(2, "to stderr");
+        });
+    EXPECT_EQ(output.find("to the sink"), std::string::npos);
+    EXPECT_NE(output.find("to stderr"), std::string::npos);
+}

@@ -1,0 +1,338 @@
+// Each operation, called from another thread than the manager's: does it return before or after the work, on
+// which thread is the work done, and does the most derived version do it.
+
+#include <atomic>
+#include <gtest/gtest.h>
+
+#include "tests/statusmanager/TestManager.h"
+#include "tests/support/FakeClock.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/RecordingListener.h"
+
+namespace
+{
+
+// Replaces every operation that does its work on the manager's thread, and notes that it did. As in any
+// derived class, a call from elsewhere is handed to the base, which brings it back here.
+class DerivedManager : public TestManager
+{
+public:
+    ~DerivedManager() override { mThread.stop(); } // before what the overrides use is gone
+
+    template <class Result, class Call>
+    Result note(const char* name, Call baseCall)
+    {
+        if (!mThread.isThreadCurrent())
+            return baseCall();
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mDone.push_back(name);
+        return Result();
+    }
+
+#define NOTED(Result, name, parameters, arguments)                                                           \
+    Result name parameters override                                                                          \
+    {                                                                                                        \
+        return note<Result>(#name, [&] { return StatusManager::name arguments; });                           \
+    }
+    NOTED(void, updateSystemTime, (uint32_t a), (a))
+    NOTED(StatusMap, getClientInfo, (), ())
+    NOTED(std::string, getClientInfoValue, (const std::string& a), (a))
+    NOTED(StatusMap, getClientInfoValues, (const StatusKeys& a), (a))
+    NOTED(void, startTimer, (std::string a), (a))
+    NOTED(void, stopTimer, (std::string a), (a))
+    NOTED(void, resetTimer, (std::string a), (a))
+    NOTED(void, restartTimer, (std::string a), (a))
+    NOTED(uint64_t, getTimerElapsed, (const std::string& a), (a))
+    NOTED(uint64_t, getTimerElapsedSeconds, (const std::string& a), (a))
+    NOTED(uint64_t, getTimerLastStarted, (const std::string& a), (a))
+    NOTED(uint32_t, getCounterValue, (const std::string& a), (a))
+    NOTED(uint32_t, incrementCounter, (const std::string& a), (a))
+    NOTED(void, setCounterValue, (std::string a, uint32_t b), (a, b))
+    NOTED(void, registerListener, (IStatusUpdateListener * a, Orvane::EventDispatcher* b), (a, b))
+    using StatusManager::registerForStatus;
+    NOTED(void, registerForStatus, (IStatusUpdateListener * a, StatusKeys b), (a, b))
+    using StatusManager::unregisterForStatus;
+    NOTED(void, unregisterForStatus, (IStatusUpdateListener * a, const StatusKeys& b), (a, b))
+    using StatusManager::postStatus;
+    NOTED(void, postStatus, (StatusMap a), (a))
+    using StatusManager::resetStatus;
+    NOTED(void, resetStatus, (StatusKeys a), (a))
+    using StatusManager::registerForEvent;
+    NOTED(void, registerForEvent, (IStatusUpdateListener * a, EventKeys b), (a, b))
+    using StatusManager::unregisterForEvent;
+    NOTED(void, unregisterForEvent, (IStatusUpdateListener * a, const EventKeys& b), (a, b))
+    NOTED(bool, sync, (int a), (a))
+#undef NOTED
+
+    std::vector<std::string> done()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mDone;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mDone;
+};
+
+struct Operation
+{
+    const char* name; // of the version in which the work is done
+    std::function<void(StatusManager&)> call;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Operation& operation)
+{
+    return stream << operation.name;
+}
+
+class Queued : public testing::TestWithParam<Operation>
+{
+};
+
+class Waiting : public testing::TestWithParam<Operation>
+{
+};
+
+const std::vector<Operation> queuedOperations{
+    {"startTimer", [](StatusManager& m) { m.startTimer("t"); }},
+    {"stopTimer", [](StatusManager& m) { m.stopTimer("t"); }},
+    {"resetTimer", [](StatusManager& m) { m.resetTimer("t"); }},
+    {"restartTimer", [](StatusManager& m) { m.restartTimer("t"); }},
+    {"setCounterValue", [](StatusManager& m) { m.setCounterValue("c", 1); }},
+    {"registerListener", [](StatusManager& m) { m.registerListener(nullptr, nullptr); }},
+    {"registerForStatus", [](StatusManager& m) { m.registerForStatus(nullptr, StatusKeys{"k"}); }},
+    {"registerForStatus", [](StatusManager& m) { m.registerForStatus(nullptr, "single"); }},
+    {"postStatus", [](StatusManager& m) { m.postStatus(StatusMap()); }},
+    {"postStatus", [](StatusManager& m) { m.postStatus("single", "v"); }},
+    {"resetStatus", [](StatusManager& m) { m.resetStatus(StatusKeys()); }},
+    {"resetStatus", [](StatusManager& m) { m.resetStatus("single"); }},
+    {"registerForEvent", [](StatusManager& m) { m.registerForEvent(nullptr, EventKeys{"e"}); }},
+    {"registerForEvent", [](StatusManager& m) { m.registerForEvent(nullptr, "single"); }},
+};
+
+const std::vector<Operation> waitingOperations{
+    {"updateSystemTime", [](StatusManager& m) { m.updateSystemTime(1); }},
+    {"getClientInfo", [](StatusManager& m) { m.getClientInfo(); }},
+    {"getClientInfoValue", [](StatusManager& m) { m.getClientInfoValue("k"); }},
+    {"getClientInfoValues", [](StatusManager& m) { m.getClientInfoValues({"k"}); }},
+    {"getTimerElapsed", [](StatusManager& m) { m.getTimerElapsed("t"); }},
+    {"getTimerElapsedSeconds", [](StatusManager& m) { m.getTimerElapsedSeconds("t"); }},
+    {"getTimerLastStarted", [](StatusManager& m) { m.getTimerLastStarted("t"); }},
+    {"getCounterValue", [](StatusManager& m) { m.getCounterValue("c"); }},
+    {"incrementCounter", [](StatusManager& m) { m.incrementCounter("c"); }},
+    {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, StatusKeys{"k"}); }},
+    {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, "single"); }},
+    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, EventKeys{"e"}); }},
+    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, "single"); }},
+    {"sync", [](StatusManager& m) { m.sync(-1); }},
+};
+
+// Waits for the operation to be queued behind what blocks the manager's thread.
+bool isQueued(TestManager& manager)
+{
+    return eventually([&] { return manager.mThread.getPendingCount() == 1; });
+}
+
+// A call that waits, made on a thread of its own while the manager's thread is blocked.
+void expectToWait(TestManager& manager, const std::function<void()>& call)
+{
+    Gate gate;
+    manager.block(gate);
+    std::atomic<bool> returned{false};
+    std::thread caller(
+        [&]
+        {
+            call();
+            returned = true;
+        });
+    EXPECT_TRUE(isQueued(manager));
+    EXPECT_FALSE(returned);
+    gate.open();
+    caller.join();
+}
+
+} // namespace
+
+TEST_P(Queued, returnsBeforeTheMostDerivedVersionHasRunOnTheManagersThread)
+{
+    DerivedManager manager;
+    Gate gate;
+    manager.block(gate);
+    GetParam().call(manager);
+    EXPECT_TRUE(manager.done().empty());
+    EXPECT_TRUE(isQueued(manager));
+    gate.open();
+    EXPECT_TRUE(eventually([&] { return manager.done() == std::vector<std::string>{GetParam().name}; }));
+}
+
+TEST_P(Queued, runsAtOnceOnTheManagersThread)
+{
+    DerivedManager manager;
+    manager.onThread(
+        [&]
+        {
+            GetParam().call(manager);
+            EXPECT_EQ(manager.done(), std::vector<std::string>{GetParam().name});
+        });
+}
+
+TEST_P(Waiting, returnsAfterTheMostDerivedVersionHasRunOnTheManagersThread)
+{
+    DerivedManager manager;
+    expectToWait(manager,
+                 [&]
+                 {
+                     GetParam().call(manager);
+                     EXPECT_EQ(manager.done(), std::vector<std::string>{GetParam().name});
+                 });
+}
+
+TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
+{
+    DerivedManager manager;
+    manager.onThread(
+        [&]
+        {
+            std::thread([&] { manager.postStatus("queued", "v"); }).join();
+            GetParam().call(manager);
+            EXPECT_EQ(manager.done(), std::vector<std::string>{GetParam().name});
+        });
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, Queued, testing::ValuesIn(queuedOperations));
+INSTANTIATE_TEST_SUITE_P(Operations, Waiting, testing::ValuesIn(waitingOperations));
+
+TEST(Marshalling, handedInUpdatesAndEventsAreQueued)
+{
+    TestManager manager;
+    Gate gate;
+    manager.block(gate);
+    manager.handleStatusUpdate({{"k", "v"}});
+    manager.handleEventUpdate("e", "v");
+    manager.postEvent("e", "v", 0);
+    EXPECT_EQ(manager.mThread.getPendingCount(), 3U);
+    gate.open();
+    EXPECT_TRUE(manager.sync(0));
+}
+
+TEST(Marshalling, clearInfoWaits)
+{
+    TestManager manager;
+    expectToWait(manager, [&] { manager.clearInfo(); });
+}
+
+TEST(Marshalling, unregisterListenerWaits)
+{
+    TestManager manager;
+    expectToWait(manager, [&] { manager.unregisterListener(nullptr); });
+}
+
+TEST(Marshalling, aQueryBehindAPostSeesIt)
+{
+    TestManager manager;
+    for (int round = 0; round < 1000; ++round)
+    {
+        manager.postStatus("k", std::to_string(round));
+        ASSERT_EQ(manager.getClientInfoValue("k"), std::to_string(round));
+    }
+}
+
+TEST(Marshalling, callsOfOneThreadKeepTheirOrder)
+{
+    TestManager manager;
+    for (int count = 0; count < 1000; ++count)
+        manager.postStatus("k" + std::to_string(count % 10), std::to_string(count));
+    const StatusMap values = manager.getClientInfo();
+    EXPECT_EQ(values.at("k9"), "999");
+    EXPECT_EQ(values.at("k0"), "990");
+}
+
+TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
+{
+    std::atomic<int> ran{0};
+    struct Counted : public TestManager
+    {
+        explicit Counted(std::atomic<int>& total) : counter(total) {}
+        using StatusManager::postStatus;
+        void postStatus(StatusMap updates) override
+        {
+            if (mThread.isThreadCurrent())
+                ++counter;
+            else
+                StatusManager::postStatus(std::move(updates));
+        }
+        std::atomic<int>& counter;
+    };
+    Gate gate;
+    std::thread opener;
+    {
+        Counted manager(ran);
+        manager.block(gate);
+        for (int count = 0; count < 10; ++count)
+            manager.postStatus(StatusMap());
+        Orvane::EventThread& queue = manager.mThread;
+        opener = std::thread(
+            [&]
+            {
+                eventually([&] { return queue.getPendingCount() == 0; });
+                gate.open();
+            });
+    } // drops the ten, then waits for the thread, which the opener frees when they are gone
+    opener.join();
+    EXPECT_EQ(ran, 0);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// traces
+
+TEST(Traces, anOperationIsTracedOnceFromWhereverItIsCalled)
+{
+    TestManager manager;
+    const LogCapture log("StatusManager=7:40000000");
+    manager.getClientInfo();
+    EXPECT_EQ(log.count(7, "begin"), 1U);
+    manager.onThread([&] { manager.getClientInfo(); });
+    EXPECT_EQ(log.count(7, "begin"), 2U);
+    EXPECT_EQ(log.count(7, "end"), 2U);
+}
+
+TEST(Traces, theConstructorAndDestructorTraceAtLevelSix)
+{
+    const LogCapture log("StatusManager=6:40000000");
+    {
+        StatusManager manager;
+    }
+    const std::vector<LogLine> lines = log.lines();
+    ASSERT_EQ(lines.size(), 4U);
+    EXPECT_EQ(lines[0].function, "StatusManager::StatusManager()");
+    EXPECT_EQ(lines[0].text, "begin");
+    EXPECT_EQ(lines[1].text, "end");
+    EXPECT_EQ(lines[1].line, lines[0].line);
+    EXPECT_EQ(lines[2].function, "virtual StatusManager::~StatusManager()");
+    EXPECT_EQ(lines[3].text, "end");
+    for (const LogLine& line : lines)
+    {
+        EXPECT_EQ(line.level, 6);
+        EXPECT_EQ(line.file, "/StatusManager.cpp");
+    }
+}
+
+TEST(Traces, ofTheSingleKeyFormsOnlyUnregisterForEventTraces)
+{
+    TestManager manager;
+    LogCapture log("StatusManager=7:40000000");
+    manager.onThread(
+        [&]
+        {
+            manager.registerForStatus(nullptr, "k");
+            manager.unregisterForStatus(nullptr, "k");
+            manager.registerForEvent(nullptr, "e");
+        });
+    EXPECT_EQ(log.count(7, "begin"), 3U); // the list forms'
+    log.clear();
+    manager.onThread([&] { manager.unregisterForEvent(nullptr, "e"); });
+    EXPECT_EQ(log.count(7, "begin"), 2U);
+    EXPECT_EQ(log.lines().front().function,
+              "virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)");
+}
