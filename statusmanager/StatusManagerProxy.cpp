@@ -188,8 +188,10 @@ bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)
         }
         if (size == 0)
         {
+            // Also where it is in the middle of a message, the rest of which must not pass for a message of
+            // its own.
             OV_LOG(2, "Read 0 bytes from StatusBroker");
-            return false;
+            return discardRestOfMessage(socket);
         }
         if (static_cast<std::size_t>(size) > buffer.size())
         {

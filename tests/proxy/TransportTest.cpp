@@ -449,3 +449,11 @@ TEST_F(SilentBroker, answerWithinTheTimeLimitIsTaken)
 }
 
 } // namespace
+
+TEST_F(Transport, nextMessageWorksAfterAnEmptyFrameInTheMiddle)
+{
+    std::string message;
+    EXPECT_FALSE(receive({"first", "", "rest"}, message));
+    EXPECT_TRUE(receive({"second"}, message));
+    EXPECT_EQ(message, "second");
+}
