@@ -1,7 +1,10 @@
 #include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <sys/signalfd.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "broker/Broker.h"
@@ -56,6 +59,7 @@ int main(int argc, char** argv)
     app.set_version_flag("--version", "statusbroker " STATUSBROKER_VERSION);
     CLI11_PARSE(app, argc, argv);
 
+    signal(SIGPIPE, SIG_IGN); // whoever reads our log may go away
     try
     {
         run(options);

@@ -363,3 +363,13 @@ TEST(BrokerClock, withAllowSetTimeItIsSet)
     poster.post(R"({"updateSystemTime":4000000000})");
     EXPECT_TRUE(broker.process().waitForError("clock set to 4000000000"));
 }
+
+TEST(BrokerEnd, aReaderOfItsLogThatGoesAwayDoesNotEndIt)
+{
+    BrokerProcess broker;
+    broker.process().closeErrors();
+    RawRequester requester;
+    for (int count = 0; count < 3; ++count)
+        EXPECT_EQ(requester.ask("malformed, and so logged"), "{}");
+    EXPECT_EQ(broker.stop(), 0);
+}

@@ -67,7 +67,8 @@ TestProcess::~TestProcess()
         waitForExit();
     }
     close(mOutput);
-    close(mError);
+    if (mError != -1)
+        closeErrors();
 }
 
 void TestProcess::signal(int number)
@@ -100,7 +101,7 @@ std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds deadline)
 bool TestProcess::fill(int descriptor, std::string& buffer, std::chrono::milliseconds deadline)
 {
     pollfd item{descriptor, POLLIN, 0};
-    if (poll(&item, 1, static_cast<int>(deadline.count())) <= 0)
+    if (descriptor == -1 || poll(&item, 1, static_cast<int>(deadline.count())) <= 0)
         return false;
     std::array<char, 4096> bytes{};
     const ssize_t count = read(descriptor, bytes.data(), bytes.size());
@@ -134,4 +135,10 @@ std::string TestProcess::errors()
 bool TestProcess::waitForError(const std::string& text)
 {
     return eventually([&] { return errors().find(text) != std::string::npos; });
+}
+
+void TestProcess::closeErrors()
+{
+    close(mError);
+    mError = -1;
 }

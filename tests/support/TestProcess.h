@@ -36,6 +36,9 @@ public:
     std::string errors();
     bool waitForError(const std::string& text);
 
+    /// Goes away as the reader of its standard error.
+    void closeErrors();
+
 private:
     bool fill(int descriptor, std::string& buffer, std::chrono::milliseconds deadline);
 
