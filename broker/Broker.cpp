@@ -29,6 +29,10 @@ constexpr int batchSize = 1000;
 constexpr std::chrono::microseconds queryQuiet{300};
 constexpr std::chrono::microseconds syncQuiet{2000};
 
+// Asked to stop, the broker serves until no request has come for a while, within a bound.
+constexpr std::chrono::milliseconds finishQuiet{50};
+constexpr std::chrono::milliseconds longestFinish{500};
+
 std::chrono::milliseconds untilPoll(bool gateIsWaiting)
 {
     return gateIsWaiting ? std::chrono::milliseconds(1) : std::chrono::milliseconds(-1);
@@ -87,8 +91,7 @@ void Broker::updateConnections()
         mStartup.requestClosed(connection);
 }
 
-// ------------------------------------------------------------------------------------------------------
-// posts
+// --------------------------------------------------------------------------------------------------- posts
 
 void Broker::takePosts()
 {
@@ -132,8 +135,7 @@ void Broker::setSystemTime(uint32_t seconds) const
         OV_LOG(0, "Failed to set the system time to %u: %s", seconds, strerror(errno));
 }
 
-// ----------------------------------------------------------------------------------------------
-// notifications
+// ------------------------------------------------------------------------------------------- notifications
 
 void Broker::publishToNewSubscribers()
 {
@@ -147,8 +149,7 @@ void Broker::publishToNewSubscribers()
         mNotify.publish(BrokerProtocol::writeStatusUpdate(changes));
 }
 
-// ---------------------------------------------------------------------------------------------------
-// requests
+// ------------------------------------------------------------------------------------------------ requests
 
 void Broker::serveRequests()
 {
@@ -221,8 +222,12 @@ void Broker::acknowledge(const std::string& connection)
 
 void Broker::finish()
 {
+    // What the kernel has received and libzmq's thread not yet read is answered, too.
+    const TimePoint end = Clock::now() + longestFinish;
+    zmq::pollitem_t item{mRequests.pollable().handle(), 0, ZMQ_POLLIN, 0};
+    while (Clock::now() < end && zmq_poll(&item, 1, finishQuiet.count()) > 0)
+        serveRequests();
     awaitPosts(longestSyncWait, syncQuiet);
-    serveRequests();
     for (const std::string& connection : mStartup.releaseAll())
         mRequests.reply(connection, BrokerProtocol::syncAckWord);
     OV_LOG(5, "Stopped");

@@ -17,8 +17,7 @@ public:
     /// Starts the thread.
     /// @param name     kept in full (getName()); the kernel shows its first 15 bytes.
     /// @param priority 0: the normal scheduling class. 1 to 99: SCHED_RR at that priority; where that is
-    /// refused
-    ///                 (it takes CAP_SYS_NICE) a level-2 line is logged and the thread runs as for 0.
+    ///                 refused (it takes CAP_SYS_NICE) a level-2 line is logged and it runs as for 0.
     /// @throws std::system_error when no thread can be started.
     EventThread(const char* name, int priority);
 

@@ -24,7 +24,7 @@
 namespace
 {
 
-// ------------------------------------------------------------------------------- reading from /proc and /sys
+// ----------------------------------------------------------------------------- reading from /proc and /sys
 
 std::string firstWord(const std::string& path)
 {
@@ -123,7 +123,7 @@ StatusMap readDevice()
     return values;
 }
 
-// ------------------------------------------------------------------------------------------------ publishing
+// ---------------------------------------------------------------------------------------------- publishing
 
 /// Posts an event whenever the load has come to the other side of the threshold. Which side it starts on is
 /// an event as well, so that watchers know.

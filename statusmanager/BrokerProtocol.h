@@ -49,8 +49,7 @@ constexpr const char* syncAckWord = "SyncAck";
 /// Messages travel in frames of at most this many bytes.
 constexpr std::size_t maxFrameBytes = 512;
 
-// ------------------------------------------------------------------ posts and requests, written by the
-// client
+// --------------------------------------------------------------- posts and requests, written by the client
 
 /// {"<key>":"<text>"}: the timer posts, and the requests that name one thing.
 std::string writeText(const char* key, const std::string& text);
@@ -68,8 +67,7 @@ std::string writeSetCounterValue(const std::string& name, uint32_t value);
 /// The value is the four-letter string "null", not a JSON null.
 std::string writeGetClientInfo();
 
-// --------------------------------------------------------------------------------- replies, read by the
-// client
+// ----------------------------------------------------------------------------- replies, read by the client
 
 /// A {"<key>":"<value>",...} reply; nothing if it is not that.
 std::optional<StatusMap> readMapReply(const std::string& reply);
@@ -82,8 +80,7 @@ std::optional<std::string> readStatusValueReply(const std::string& reply);
 uint64_t readTimerReply(const std::string& reply);
 uint32_t readCounterReply(const std::string& reply);
 
-// --------------------------------------------------------------------------- notifications, read by the
-// client
+// ----------------------------------------------------------------------- notifications, read by the client
 
 struct Notification
 {
@@ -102,8 +99,7 @@ struct Notification
 /// Where both keys are present, the status update is read and the event is not looked at.
 Notification readNotification(const std::string& message);
 
-// ----------------------------------------------------------------------- posts and requests, read by the
-// broker
+// ------------------------------------------------------------------ posts and requests, read by the broker
 
 /// A post or a request as the broker understands it: exactly one member, whose key is known and whose payload
 /// has exactly the types that the client writes.
@@ -120,8 +116,7 @@ struct Command
 std::optional<Command> readPost(const std::string& message);
 std::optional<Command> readRequest(const std::string& message);
 
-// -------------------------------------------------------------------- replies and notifications, by the
-// broker
+// ---------------------------------------------------------------- replies and notifications, by the broker
 
 std::string writeMapReply(const StatusMap& values);
 std::string writeStatusValueReply(const std::string& value);

@@ -50,7 +50,7 @@ StatusManager* StatusManager::mInstance = nullptr;
 
 IStatusUpdateListener::~IStatusUpdateListener() = default;
 
-// ------------------------------------------------------------------------------------------------ lifecycle
+// ----------------------------------------------------------------------------------------------- lifecycle
 
 StatusManager* StatusManager::getInstance(bool useStub)
 {
@@ -85,7 +85,7 @@ StatusManager::~StatusManager()
     // leaves them too.
 }
 
-// ----------------------------------------------------------------------------------------- status values
+// ------------------------------------------------------------------------------------------- status values
 
 StatusMap StatusManager::getClientInfo()
 {
@@ -240,7 +240,7 @@ void StatusManager::clearInfo()
     mListeners.clear();
 }
 
-// ------------------------------------------------------------------------------- listeners, subscriptions
+// -------------------------------------------------------------------------------- listeners, subscriptions
 
 ClientListenerInfo* StatusManager::findListener(IStatusUpdateListener* listener) const
 {
@@ -431,7 +431,7 @@ void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const Ev
         eraseFirst(info->eventKeys, name);
 }
 
-// ----------------------------------------------------------------------------------------------- events
+// -------------------------------------------------------------------------------------------------- events
 
 void StatusManager::postEvent(std::string name, std::string value, uint32_t)
 {
@@ -458,7 +458,7 @@ void StatusManager::handleEventUpdate(std::string name, std::string value)
     }
 }
 
-// ------------------------------------------------------------------------------------- timers, counters
+// ---------------------------------------------------------------------------------------- timers, counters
 //
 // Every operation works on a copy that getTimer() or getCounter() made and drops it: the stores only remember
 // which names were used. Required as it stands; a stored timer never runs, a stored counter stays 0.
@@ -640,7 +640,7 @@ void StatusManager::setCounterValue(std::string name, uint32_t value)
         counter.second = value;
 }
 
-// ---------------------------------------------------------------------------------------- clock, barrier
+// ------------------------------------------------------------------------------------------ clock, barrier
 
 void StatusManager::updateSystemTime(uint32_t seconds)
 {

@@ -141,7 +141,7 @@ void StatusManagerProxy::shutdown()
     mNotifyThread.removeAgentsByReceiver(this);
 }
 
-// ------------------------------------------------------------------------------------------------ transport
+// ----------------------------------------------------------------------------------------------- transport
 
 bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
 {
@@ -252,7 +252,7 @@ void StatusManagerProxy::sendPost(std::string message)
         OV_LOG(0, "Failed to send command [%s]", message.c_str());
 }
 
-// --------------------------------------------------------------------------------------------- notify thread
+// ------------------------------------------------------------------------------------------- notify thread
 
 void StatusManagerProxy::processStatusMessages(void* context)
 {
@@ -311,8 +311,7 @@ void StatusManagerProxy::handleNotifyMessage(const string& message)
     }
 }
 
-// ------------------------------------------------------------------------------------------------------
-// posts
+// --------------------------------------------------------------------------------------------------- posts
 
 void StatusManagerProxy::updateSystemTime(uint32_t time)
 {
@@ -427,10 +426,12 @@ void StatusManagerProxy::setCounterValue(std::string name, uint32_t value)
     sendPost(BrokerProtocol::writeSetCounterValue(name, value));
 }
 
-// ----------------------------------------------------------------------------------------------------
-// queries
+// ------------------------------------------------------------------------------------------------- queries
 //
 // An empty reply is logged and read on: it does not parse, or counts as 0.
+//
+// The operations look alike and are spelled out all the same: each traces and logs under its own signature,
+// by which log readers find it.
 
 StatusMap StatusManagerProxy::getClientInfo()
 {

@@ -2,6 +2,8 @@
 // and ends.
 
 #include <csignal>
+#include <cstdio>
+#include <fstream>
 #include <gtest/gtest.h>
 
 #include "tests/support/BrokerProcess.h"
@@ -34,6 +36,21 @@ protected:
     RawSubscriber subscriber{poster};
 };
 
+// Whether the kernel holds bytes for a connection to this local port that its owner has not read.
+bool hasUnreadBytes(unsigned int port)
+{
+    std::ifstream table("/proc/net/tcp");
+    for (std::string line; std::getline(table, line);)
+    {
+        unsigned int localPort = 0;
+        unsigned int unread = 0;
+        const int read = sscanf(line.c_str(), " %*d: %*8x:%x %*8x:%*x %*x %*8x:%8x", &localPort, &unread);
+        if (read == 2 && localPort == port && unread != 0)
+            return true;
+    }
+    return false;
+}
+
 std::size_t linesWith(const std::string& text, const std::string& part)
 {
     std::size_t count = 0;
@@ -44,8 +61,7 @@ std::size_t linesWith(const std::string& text, const std::string& part)
 
 } // namespace
 
-// ------------------------------------------------------------------------------------------------ start and
-// end
+// ------------------------------------------------------------------------------------------- start and end
 
 TEST(BrokerStart, helpNamesTheOptions)
 {
@@ -102,16 +118,14 @@ TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
     broker.process().signal(SIGSTOP); // both arrive while it cannot look
     poster.post(R"({"postStatus":{"k":"last"}})");
     requester.send({valueRequest("k")});
-    RawRequester held;
-    held.send({"Sync"});
+    ASSERT_TRUE(eventually([] { return hasUnreadBytes(5555) && hasUnreadBytes(5556); }));
     broker.process().signal(SIGTERM);
     broker.process().signal(SIGCONT);
     EXPECT_EQ(requester.receive(), std::vector<std::string>{valueReply("last")});
     EXPECT_EQ(broker.process().waitForExit(), 0);
 }
 
-// ------------------------------------------------------------------------------------------------------
-// answers
+// ------------------------------------------------------------------------------------------------- answers
 
 TEST_F(BrokerTest, anUnknownKeyHasTheEmptyValue)
 {
@@ -196,8 +210,7 @@ TEST_F(BrokerTest, aPostInSeveralFramesIsOnePost)
     EXPECT_EQ(requester.ask(valueRequest("k")), valueReply("v"));
 }
 
-// -------------------------------------------------------------------------------------------------
-// notifications
+// ------------------------------------------------------------------------------------------- notifications
 
 TEST_F(NotificationTest, onePostIsOneUpdateOfWhatChanged)
 {
@@ -260,8 +273,7 @@ TEST_F(NotificationTest, aLongUpdateIsFramedWithALastFrameThatIsNeverEmpty)
     }
 }
 
-// --------------------------------------------------------------------------------------------------- hostile
-// input
+// ------------------------------------------------------------------------------------------- hostile input
 
 TEST_F(BrokerTest, malformedRequestsAreAnsweredAtOnceWithAnEmptyObject)
 {
@@ -346,8 +358,7 @@ TEST_F(BrokerTest, aPostThatIsTooLongOverItsFramesIsRefused)
     EXPECT_TRUE(broker.process().waitForError("Post of more than 1048576 bytes refused"));
 }
 
-// ------------------------------------------------------------------------------------------------------ the
-// clock
+// ----------------------------------------------------------------------------------------------- the clock
 
 TEST_F(BrokerTest, settingTheTimeIsRefusedByDefault)
 {

@@ -195,8 +195,7 @@ TEST_F(EventDispatcherTest, aSynchronousSendOnTheOwnThreadReturnsAtOnceWhileOthe
     EXPECT_EQ(receiver.taken(), (Texts{"in place", "sendAndWait in place", "queued"}));
 }
 
-// ----------------------------------------------------------------------------------------------------
-// exceptions
+// ---------------------------------------------------------------------------------------------- exceptions
 
 TEST_F(EventDispatcherTest, anExceptionOfAnAsynchronousCallIsLoggedAndTheThreadGoesOn)
 {
@@ -222,8 +221,7 @@ TEST_F(EventDispatcherTest, anExceptionOfASynchronousCallReachesTheSender)
     EXPECT_TRUE(log.lines().empty());
 }
 
-// -------------------------------------------------------------------------------------------------------
-// removal
+// ------------------------------------------------------------------------------------------------- removal
 
 TEST_F(EventDispatcherTest, removingByReceiverDropsItsAgentsOnlyDelayedOnesToo)
 {
@@ -283,8 +281,7 @@ TEST_F(EventDispatcherTest, oneAgentCanBeRemovedWhileItWaits)
     EXPECT_EQ(receiver.taken(), Texts{"first"});
 }
 
-// ----------------------------------------------------------------------------------------------------------
-// stop
+// ---------------------------------------------------------------------------------------------------- stop
 
 TEST_F(EventDispatcherTest, stoppingDropsWhatIsQueuedAndReleasesSenders)
 {
@@ -324,8 +321,7 @@ TEST_F(EventDispatcherTest, whatIsSentToAStoppedThreadIsReleasedUndelivered)
     EXPECT_TRUE(receiver.taken().empty());
 }
 
-// ----------------------------------------------------------------------------------------------------
-// destruction
+// --------------------------------------------------------------------------------------------- destruction
 
 namespace
 {

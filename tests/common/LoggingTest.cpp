@@ -72,7 +72,7 @@ using Texts = std::vector<std::string>;
 
 } // namespace
 
-// --------------------------------------------------------------------------------------------- control words
+// ------------------------------------------------------------------------------------------- control words
 
 TEST_F(LoggingTest, atFirstLevelsUpToFiveAreLoggedAndNoTraces)
 {
@@ -137,8 +137,7 @@ TEST(FileTail, beginsAtTheLastSlash)
     EXPECT_STREQ(ov_log_file_tail(""), "");
 }
 
-// -------------------------------------------------------------------------------------------------------
-// traces
+// -------------------------------------------------------------------------------------------------- traces
 
 TEST_F(LoggingTest, aTraceScopeLogsBeginAndEndAtTheSamePlace)
 {
@@ -237,8 +236,7 @@ TEST_F(LoggingTest, aTraceScopeEndsWhenAnExceptionLeavesIt)
     EXPECT_EQ(log.texts(), (Texts{"begin", "end"}));
 }
 
-// ------------------------------------------------------------------------------------------------
-// configuration
+// ------------------------------------------------------------------------------------------- configuration
 
 namespace
 {
@@ -362,8 +360,7 @@ TEST(Environment, aMalformedValueIsLoggedAndIgnored)
     EXPECT_EQ(output.find("level 6"), std::string::npos);
 }
 
-// -------------------------------------------------------------------------------------------------------
-// stderr
+// -------------------------------------------------------------------------------------------------- stderr
 
 TEST(StandardError, oneLineHoldsTimeProcessThreadLevelPlaceAndText)
 {

@@ -109,8 +109,7 @@ TEST(SmartPtrTest, ofNullHoldsNothing)
     EXPECT_EQ(copy.get(), nullptr);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// mutex
+// --------------------------------------------------------------------------------------------------- mutex
 
 TEST(MutexTest, aRecursiveOneMayBeTakenAgainByItsHolder)
 {

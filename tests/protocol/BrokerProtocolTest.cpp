@@ -13,7 +13,7 @@ const std::string deepNesting(100000, '[');
 
 } // namespace
 
-// --------------------------------------------------------------------------------------------------- writing
+// ------------------------------------------------------------------------------------------------- writing
 
 TEST(Writing, controlWordsAreBareText)
 {
@@ -94,8 +94,7 @@ TEST(Writing, theBrokersMessagesAreCompact)
     EXPECT_EQ(writeEventUpdate({{"e", "v"}}), R"({"eventUpdate":{"e":"v"}})");
 }
 
-// ------------------------------------------------------------------------------------------------------
-// replies
+// ------------------------------------------------------------------------------------------------- replies
 
 TEST(MapReply, everyMemberIsAnEntry)
 {
@@ -172,8 +171,7 @@ TEST(NumberReply, emptyOrOtherTextIsZero)
     EXPECT_EQ(readTimerReply("{}"), 0U);
 }
 
-// ------------------------------------------------------------------------------------------------
-// notifications
+// ------------------------------------------------------------------------------------------- notifications
 
 TEST(NotificationReading, aStatusUpdateHasItsMembers)
 {
@@ -233,8 +231,7 @@ TEST(NotificationReading, wrongShapesAreUnparsable)
     }
 }
 
-// -------------------------------------------------------------------------------------------- the broker's
-// reading
+// ------------------------------------------------------------------------------------ the broker's reading
 
 TEST(PostReading, everyPostOfTheClientIsRead)
 {

@@ -64,8 +64,7 @@ protected:
     ~Init() override { ZmqInterposer::reset(); }
 };
 
-// ---------------------------------------------------------------------------------------------- all goes
-// well
+// ------------------------------------------------------------------------------------------- all goes well
 
 class StartUp : public Init, public ::testing::WithParamInterface<int>
 {
@@ -149,8 +148,7 @@ TEST_F(Init, constructorBlocksWhileTheBrokerIsSilent)
     proxy.reset();
 }
 
-// ---------------------------------------------------------------------------------------------- a wrong
-// answer
+// ------------------------------------------------------------------------------------------ a wrong answer
 
 TEST_F(Init, wrongAnswerToSyncIsLogged)
 {
@@ -194,8 +192,7 @@ TEST_F(Init, answersWithoutContentAreRetriedAndThenGivenUp)
     EXPECT_TRUE(broker.waitForSubscriber());
 }
 
-// ---------------------------------------------------------------------------------------- a step of the
-// set-up fails
+// ------------------------------------------------------------------------------ a step of the set-up fails
 
 struct Failure
 {
@@ -288,8 +285,7 @@ TEST_F(Init, laterQueriesFailAndAreLoggedWithoutARequestSocket)
     EXPECT_TRUE(log.has(0, "Failed to send Sync request to StatusBroker"));
 }
 
-// ----------------------------------------------------------------- a step of the notify loop, or the
-// handshake, fails
+// ------------------------------------------------------ a step of the notify loop, or the handshake, fails
 
 // A notify socket that never yields anything keeps the loop running free, so it needs no notification to end.
 class FailedNotifySetUp : public Init

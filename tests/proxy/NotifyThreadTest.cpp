@@ -109,8 +109,7 @@ private:
     std::size_t mWaits = 0;
 };
 
-// --------------------------------------------------------------------------------------------- what is
-// expected
+// ---------------------------------------------------------------------------------------- what is expected
 
 TEST_F(NotifyThread, syncIsOnlyLogged)
 {
@@ -211,8 +210,7 @@ TEST_F(NotifyThread, whatFollowsTheDocumentIsIgnored)
     EXPECT_EQ(updates(), (Updates{{{"x", "1"}}}));
 }
 
-// ---------------------------------------------------------------------------------------- what is not
-// understood
+// ---------------------------------------------------------------------------------- what is not understood
 
 TEST_F(NotifyThread, documentOfAnotherKindIsUnhandled)
 {
@@ -312,7 +310,7 @@ TEST_F(NotifyThread, bytesThatAreNotUtf8DoNoHarm)
     expectNextWorks();
 }
 
-// ------------------------------------------------------------------------------------------ failed receives
+// ----------------------------------------------------------------------------------------- failed receives
 
 // The failed receive, and the message that stayed empty.
 TEST_F(NotifyThread, emptyNotificationIsLoggedTwice)

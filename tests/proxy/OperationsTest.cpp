@@ -62,8 +62,7 @@ protected:
     Client client{broker};
 };
 
-// ------------------------------------------------------------------------------------------- posts, byte for
-// byte
+// ------------------------------------------------------------------------------------ posts, byte for byte
 
 TEST_F(Operations, updateSystemTimePostsTheTimeAsANumber)
 {
@@ -197,8 +196,7 @@ TEST_F(Operations, postsAreNotKeptLocally)
     EXPECT_EQ(client->getCounterValue("c"), 0U);
 }
 
-// ---------------------------------------------------------------------------------------- queries, byte for
-// byte
+// ---------------------------------------------------------------------------------- queries, byte for byte
 
 TEST_F(Operations, getClientInfoAsksWithTheStringNull)
 {
@@ -340,8 +338,7 @@ TEST_F(Operations, syncAsksWithTheBareWord)
     EXPECT_EQ(log.count(7, "Successfully received SyncAck from StatusBroker"), 1U);
 }
 
-// ----------------------------------------------------------------------------------------------------- bad
-// replies
+// --------------------------------------------------------------------------------------------- bad replies
 
 // Replies that are no answer to a query for status values.
 class BadReply : public Operations, public ::testing::WithParamInterface<Reply>
@@ -489,8 +486,7 @@ TEST_F(Operations, syncAckBehindANulFailsSync)
     EXPECT_FALSE(client->sync(-1));
 }
 
-// ------------------------------------------------------------------------------------- requests that do not
-// succeed
+// ---------------------------------------------------------------------------- requests that do not succeed
 
 // All attempts fail, as an empty frame is never a reply.
 class FailedRequest : public Operations
@@ -559,8 +555,7 @@ TEST_F(FailedRequest, syncIsFalse)
     expectLogged("Failed to send Sync request to StatusBroker");
 }
 
-// -------------------------------------------------------------------------------------- who waits, and who
-// does not
+// ----------------------------------------------------------------------------- who waits, and who does not
 
 // Keeps the manager's thread busy for as long as it lives.
 class BusyManager
@@ -795,8 +790,7 @@ TEST_F(Marshalling, operationIsTracedOnceOnTheManagersThread)
     EXPECT_EQ(begins, 1U);
 }
 
-// ----------------------------------------------------------------------------------------------- delayed
-// events
+// ------------------------------------------------------------------------------------------ delayed events
 
 TEST_F(Operations, eventFromAnotherThreadIsPostedWhenItsDelayHasPassed)
 {
@@ -833,8 +827,7 @@ TEST_F(Operations, delayedEventsDoNotOutliveTheirClient)
     EXPECT_EQ(broker.posts(), std::vector<Frames>{});
 }
 
-// -----------------------------------------------------------------------------------------------------
-// listeners
+// ----------------------------------------------------------------------------------------------- listeners
 
 TEST_F(Operations, firstCallbackHoldsTheBrokersValues)
 {

@@ -53,8 +53,7 @@ protected:
     Client client{broker};
 };
 
-// ----------------------------------------------------------------------------------------------------
-// sending
+// ------------------------------------------------------------------------------------------------- sending
 
 // A message, and the frames that it must leave in.
 struct Cut
@@ -156,8 +155,7 @@ TEST_F(Transport, failedPostIsLoggedAndNotRetried)
     EXPECT_EQ(log.count(0, "Trying to send empty string on socket!"), 1U);
 }
 
-// --------------------------------------------------------------------------------------------------
-// receiving
+// ----------------------------------------------------------------------------------------------- receiving
 
 class TransportReceive : public Transport, public ::testing::WithParamInterface<std::size_t>
 {
@@ -252,8 +250,7 @@ TEST_F(Transport, failedReceiveIsLoggedWithErrno)
                                zmq_strerror(ENOTSOCK) + ")"));
 }
 
-// ---------------------------------------------------------------------------------------------------
-// requests
+// ------------------------------------------------------------------------------------------------ requests
 
 TEST_F(Transport, requestIsAnsweredAndLogged)
 {
@@ -373,8 +370,7 @@ TEST_F(Transport, timeLimitIsSetOnTheRequestSocket)
     EXPECT_EQ(timeout, 12345);
 }
 
-// ----------------------------------------------------------------------------------------- a broker that is
-// mute
+// ----------------------------------------------------------------------------------- a broker that is mute
 
 class SilentBroker : public Transport
 {

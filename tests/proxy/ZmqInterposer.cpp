@@ -126,8 +126,7 @@ void reset()
 
 } // namespace ZmqInterposer
 
-// ------------------------------------------------------------------------------- in the place of libzmq's
-// own
+// ---------------------------------------------------------------------------- in the place of libzmq's own
 
 void* zmq_ctx_new()
 {

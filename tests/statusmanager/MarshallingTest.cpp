@@ -283,8 +283,7 @@ TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
     EXPECT_EQ(ran, 0);
 }
 
-// ---------------------------------------------------------------------------------------------------------
-// traces
+// -------------------------------------------------------------------------------------------------- traces
 
 TEST(Traces, anOperationIsTracedOnceFromWhereverItIsCalled)
 {

@@ -181,8 +181,7 @@ bool ScriptedBroker::waitForSubscriber() const
     return waitUntil([&] { return mSubscribers != 0; });
 }
 
-// ---------------------------------------------------------------------------------------- the broker's
-// thread
+// ------------------------------------------------------------------------------------- the broker's thread
 
 void ScriptedBroker::run()
 {
