@@ -4,6 +4,7 @@
 
 #include "common/Mutex.h"
 #include "common/RefCount.h"
+#include "tests/support/Wait.h"
 
 using namespace Orvane;
 
@@ -101,42 +102,80 @@ TEST(SmartPtrTest, holdsOneCountEach)
     EXPECT_EQ(deletions, 1);
 }
 
+TEST(RefCountTest, anObjectThatNobodyHeldIsNotDestroyedByItself)
+{
+    int deletions = 0;
+    auto* object = OV_NEW Counted(deletions);
+    EXPECT_EQ(deletions, 0);
+    delete object;
+    EXPECT_EQ(deletions, 1);
+}
+
+TEST(RefCountTest, theLastOfManyReleasingThreadsDestroysOnce)
+{
+    constexpr int threadCount = 4;
+    for (int round = 0; round < 100; ++round)
+    {
+        int deletions = 0;
+        auto* object = OV_NEW Counted(deletions);
+        for (int count = 0; count < threadCount; ++count)
+            object->AddRef();
+        std::vector<std::thread> threads;
+        for (int index = 0; index < threadCount; ++index)
+            threads.emplace_back([object] { object->Release(); });
+        for (std::thread& thread : threads)
+            thread.join();
+        EXPECT_EQ(deletions, 1);
+    }
+}
+
+TEST(RefCountTest, addingAndReleasingWaitForTheProcessWideLock)
+{
+    int deletions = 0;
+    auto* object = OV_NEW Counted(deletions);
+    object->AddRef();
+    pthread_mutex_lock(&Mutex::mCriticalSection);
+    Gate done;
+    std::thread other(
+        [&]
+        {
+            object->AddRef();
+            object->Release();
+            done.open();
+        });
+    EXPECT_FALSE(done.wait(std::chrono::milliseconds(20)));
+    EXPECT_EQ(object->count(), 1U);
+    pthread_mutex_unlock(&Mutex::mCriticalSection);
+    other.join();
+    EXPECT_EQ(object->count(), 1U);
+    object->Release();
+    EXPECT_EQ(deletions, 1);
+}
+
+TEST(SmartPtrTest, assigningItToItselfKeepsTheObject)
+{
+    int deletions = 0;
+    SmartPtr<Counted> pointer(OV_NEW Counted(deletions));
+    const SmartPtr<Counted>& same = pointer;
+    pointer = same;
+    EXPECT_EQ(deletions, 0);
+    EXPECT_EQ(pointer->count(), 1U);
+}
+
+TEST(SmartPtrTest, anotherObjectAssignedReleasesTheFirst)
+{
+    int firstDeletions = 0;
+    int secondDeletions = 0;
+    SmartPtr<Counted> pointer(OV_NEW Counted(firstDeletions));
+    pointer = SmartPtr<Counted>(OV_NEW Counted(secondDeletions));
+    EXPECT_EQ(firstDeletions, 1);
+    EXPECT_EQ(secondDeletions, 0);
+}
+
 TEST(SmartPtrTest, ofNullHoldsNothing)
 {
     const SmartPtr<Counted> empty(nullptr);
     const SmartPtr<Counted> copy(empty);
     EXPECT_FALSE(copy);
     EXPECT_EQ(copy.get(), nullptr);
-}
-
-// --------------------------------------------------------------------------------------------------- mutex
-
-TEST(MutexTest, aRecursiveOneMayBeTakenAgainByItsHolder)
-{
-    Mutex mutex(true);
-    const AutoLock first(mutex);
-    const AutoLock second(mutex);
-}
-
-TEST(MutexTest, keepsOthersOutUntilItIsReleased)
-{
-    for (const bool recursive : {true, false})
-    {
-        Mutex mutex(recursive);
-        int value = 0;
-        std::vector<std::thread> threads;
-        for (int index = 0; index < 4; ++index)
-            threads.emplace_back(
-                [&]
-                {
-                    for (int count = 0; count < 10000; ++count)
-                    {
-                        const AutoLock lock(mutex);
-                        ++value;
-                    }
-                });
-        for (std::thread& thread : threads)
-            thread.join();
-        EXPECT_EQ(value, 40000);
-    }
 }
