@@ -1,0 +1,79 @@
+#include "broker/Frames.h"
+
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace
+{
+
+class FramesTest : public testing::Test
+{
+protected:
+    FramesTest()
+    {
+        left.bind("inproc://frames");
+        right.connect("inproc://frames");
+    }
+
+    std::vector<std::size_t> framesOf(const std::string& text)
+    {
+        Frames::send(left, text);
+        std::vector<std::size_t> sizes;
+        Frames::Assembly assembly;
+        zmq::message_t frame;
+        for (bool more = true; more;)
+        {
+            if (!Frames::receiveFrame(right, frame, more))
+                break;
+            sizes.push_back(frame.size());
+            assembly.add(frame);
+        }
+        EXPECT_TRUE(assembly.text() == text);
+        return sizes;
+    }
+
+    zmq::context_t context;
+    zmq::socket_t left{context, zmq::socket_type::pair};
+    zmq::socket_t right{context, zmq::socket_type::pair};
+};
+
+using Sizes = std::vector<std::size_t>;
+
+} // namespace
+
+TEST_F(FramesTest, holdAtMost512BytesAndTheLastIsNeverEmpty)
+{
+    EXPECT_EQ(framesOf(std::string(1, 'x')), (Sizes{1}));
+    EXPECT_EQ(framesOf(std::string(511, 'x')), (Sizes{511}));
+    EXPECT_EQ(framesOf(std::string(512, 'x')), (Sizes{512}));
+    EXPECT_EQ(framesOf(std::string(513, 'x')), (Sizes{512, 1}));
+    EXPECT_EQ(framesOf(std::string(1024, 'x')), (Sizes{512, 512}));
+    EXPECT_EQ(framesOf(std::string(5000, 'x')).back(), 5000U % 512U);
+}
+
+TEST_F(FramesTest, receivingWithNothingThereReturnsAtOnce)
+{
+    zmq::message_t frame;
+    bool more = false;
+    EXPECT_FALSE(Frames::receiveFrame(right, frame, more));
+}
+
+TEST(AssemblyTest, takesUpToTheLimitOverAllFrames)
+{
+    Frames::Assembly assembly;
+    const std::string half(Frames::maxMessageBytes / 2, 'x');
+    assembly.add(zmq::message_t(half));
+    assembly.add(zmq::message_t(half));
+    ASSERT_TRUE(assembly.text());
+    EXPECT_EQ(assembly.text()->size(), Frames::maxMessageBytes);
+}
+
+TEST(AssemblyTest, refusesOneByteMoreAndAllThatFollows)
+{
+    Frames::Assembly assembly;
+    assembly.add(zmq::message_t(std::string(Frames::maxMessageBytes, 'x')));
+    assembly.add(zmq::message_t(std::string(1, 'x')));
+    EXPECT_FALSE(assembly.text());
+    assembly.add(zmq::message_t(std::string(1, 'x')));
+    EXPECT_FALSE(assembly.text());
+}
