@@ -1,8 +1,12 @@
 #include <atomic>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "common/EventAgent.h"
 #include "common/EventThread.h"
@@ -166,6 +170,97 @@ TEST_F(EventDispatcherTest, aLongDelayHoldsNothingUp)
     EXPECT_EQ(thread.getPendingCount(), 1U);
 }
 
+TEST_F(EventDispatcherTest, anAgentDueEarlierWakesTheThreadThatWaitsForALaterOne)
+{
+    postDelayed("much later", 3600000);
+    drain(); // from here on the thread waits for the hour to pass
+    postDelayed("soon", 1);
+    EXPECT_TRUE(eventually([&] { return receiver.taken() == Texts{"soon"}; }));
+}
+
+TEST_F(EventDispatcherTest, theLongestDelayIsNotMistakenForAShortOne)
+{
+    postDelayed("in seven weeks", UINT32_MAX);
+    postDelayed("soon", 1);
+    EXPECT_TRUE(eventually([&] { return receiver.taken() == Texts{"soon"}; }));
+    EXPECT_EQ(thread.getPendingCount(), 1U);
+}
+
+TEST_F(EventDispatcherTest, aDelayOfZeroKeepsItsPlaceAmongPosts)
+{
+    block();
+    post("first");
+    postDelayed("second", 0);
+    post("third");
+    gate.open();
+    drain();
+    EXPECT_EQ(receiver.taken(), (Texts{"first", "second", "third"}));
+}
+
+TEST_F(EventDispatcherTest, whatIsBeingDeliveredDoesNotCountAsPending)
+{
+    block();
+    EXPECT_EQ(thread.getPendingCount(), 0U);
+    post("queued");
+    postDelayed("delayed", 3600000);
+    EXPECT_EQ(thread.getPendingCount(), 2U);
+}
+
+TEST_F(EventDispatcherTest, theNameIsACopy)
+{
+    std::string name(100, 'n');
+    EventThread named(name.c_str(), 0);
+    name.assign(100, 'x');
+    EXPECT_EQ(named.getName(), std::string(100, 'n'));
+}
+
+TEST_F(EventDispatcherTest, theThreadOfOneDispatcherIsNotThatOfAnother)
+{
+    struct Place
+    {
+        void run() { current = other->isThreadCurrent(); }
+        EventThread* other;
+        bool current;
+    };
+    EventThread other("other", 0);
+    Place place{&thread, true};
+    (OV_NEW SyncEventAgent0<Place>(&place, &Place::run))->send(&other);
+    EXPECT_FALSE(place.current);
+}
+
+TEST_F(EventDispatcherTest, oneDispatchersCallMayWaitForAnothers)
+{
+    struct Asking
+    {
+        int ask()
+        {
+            return (OV_NEW SyncRetEventAgent0<Receiver, int>(receiver, &Receiver::answer))->send(thread);
+        }
+        Receiver* receiver;
+        EventThread* thread;
+    } asking{&receiver, &thread};
+    EventThread other("other", 0);
+    EXPECT_EQ((OV_NEW SyncRetEventAgent0<Asking, int>(&asking, &Asking::ask))->send(&other), 42);
+}
+
+TEST_F(EventDispatcherTest, aSynchronousSendComesBehindWhatIsQueued)
+{
+    block();
+    post("posted before");
+    std::thread sender(
+        [&]
+        {
+            (OV_NEW SyncEventAgent1<Receiver, std::string>(&receiver, &Receiver::take, "waited for"))
+                ->send(&thread);
+        });
+    ASSERT_TRUE(eventually([&] { return thread.getPendingCount() == 2; }));
+    post("posted after");
+    gate.open();
+    sender.join();
+    drain();
+    EXPECT_EQ(receiver.taken(), (Texts{"posted before", "waited for", "posted after"}));
+}
+
 TEST_F(EventDispatcherTest, aSynchronousSendReturnsTheResult)
 {
     auto* agent = OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer);
@@ -266,6 +361,44 @@ TEST_F(EventDispatcherTest, aDroppedSynchronousAgentReleasesItsSenderWithTheDefa
     EXPECT_EQ(answer, 0);
 }
 
+TEST_F(EventDispatcherTest, removingOneSynchronousAgentReleasesItsSender)
+{
+    block();
+    const SmartPtr<EventAgent> agent(
+        OV_NEW SyncEventAgent1<Receiver, std::string>(&receiver, &Receiver::take, "never"));
+    std::thread sender([&] { thread.sendAndWait(agent.get()); });
+    ASSERT_TRUE(eventually([&] { return thread.getPendingCount() == 1; }));
+    EXPECT_TRUE(thread.removeAgent(agent.get()));
+    sender.join();
+    EXPECT_TRUE(receiver.taken().empty());
+}
+
+TEST_F(EventDispatcherTest, removingDoesNotStopOrAwaitTheCallUnderWay)
+{
+    block();
+    thread.removeAgentsByReceiver(&blocker); // its call waits for the gate, which is still closed
+    gate.open();
+    post("afterwards");
+    drain();
+    EXPECT_EQ(receiver.taken(), Texts{"afterwards"});
+}
+
+TEST_F(EventDispatcherTest, aCallMayRemoveWhatIsQueuedBehindIt)
+{
+    struct Remover
+    {
+        void run() { thread->removeAgentsByReceiver(receiver); }
+        Receiver* receiver;
+        EventThread* thread;
+    } remover{&receiver, &thread};
+    block();
+    (OV_NEW MemberCall<AsyncEventAgent, Remover, void>(&remover, &Remover::run))->send(&thread);
+    post("never");
+    gate.open();
+    drain();
+    EXPECT_TRUE(receiver.taken().empty());
+}
+
 TEST_F(EventDispatcherTest, oneAgentCanBeRemovedWhileItWaits)
 {
     block();
@@ -311,6 +444,15 @@ TEST_F(EventDispatcherTest, stoppingDropsWhatIsQueuedAndReleasesSenders)
     EXPECT_TRUE(receiver.taken().empty());
 }
 
+TEST_F(EventDispatcherTest, stoppingDoesNotWaitForDelayedAgents)
+{
+    postDelayed("much later", 3600000);
+    drain();
+    thread.stop();
+    EXPECT_EQ(thread.getPendingCount(), 0U);
+    EXPECT_TRUE(receiver.taken().empty());
+}
+
 TEST_F(EventDispatcherTest, whatIsSentToAStoppedThreadIsReleasedUndelivered)
 {
     thread.stop();
@@ -351,10 +493,116 @@ TEST_F(EventDispatcherTest, anAgentIsDestroyedExactlyOnceHoweverItEnds)
     EXPECT_EQ(token.use_count(), 1);
     (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread);
     gate.open();
-    thread.stop(); // delivered or dropped with the thread
+    thread.stop(); // delivered, or dropped with the thread
     EXPECT_EQ(token.use_count(), 1);
     (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&thread); // refused
     EXPECT_EQ(token.use_count(), 1);
+}
+
+namespace
+{
+
+// An argument that calls the dispatcher when the agent that keeps it goes away.
+class CallsBack
+{
+public:
+    CallsBack(IEventDispatcher& dispatcher, std::atomic<int>& calls)
+        : mDispatcher(&dispatcher), mCalls(&calls)
+    {
+    }
+    CallsBack(const CallsBack&) = default;
+    CallsBack& operator=(const CallsBack&) = delete;
+    ~CallsBack()
+    {
+        mDispatcher->getPendingCount();
+        mDispatcher->removeAgentsByReceiver(this);
+        ++*mCalls;
+    }
+
+private:
+    IEventDispatcher* mDispatcher;
+    std::atomic<int>* mCalls;
+};
+
+struct CallsBackTaker
+{
+    void take(CallsBack) {}
+};
+
+using CallsBackAgent = AsyncEventAgent1<CallsBackTaker, CallsBack>;
+
+} // namespace
+
+TEST_F(EventDispatcherTest, anAgentThatIsRemovedMayCallTheDispatcherInItsDestruction)
+{
+    CallsBackTaker taker;
+    std::atomic<int> calls{0};
+    block();
+    (OV_NEW CallsBackAgent(&taker, &CallsBackTaker::take, CallsBack(thread, calls)))->send(&thread);
+    thread.postDelayed(OV_NEW CallsBackAgent(&taker, &CallsBackTaker::take, CallsBack(thread, calls)), 1);
+    calls = 0;
+    thread.removeAgentsByReceiver(&taker);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(EventDispatcherTest, anAgentThatIsRefusedMayCallTheDispatcherInItsDestruction)
+{
+    CallsBackTaker taker;
+    thread.stop();
+    for (const bool delayed : {false, true})
+    {
+        std::atomic<int> calls{0};
+        auto* agent = OV_NEW CallsBackAgent(&taker, &CallsBackTaker::take, CallsBack(thread, calls));
+        calls = 0;
+        if (delayed)
+            thread.postDelayed(agent, 1);
+        else
+            thread.post(agent);
+        EXPECT_EQ(calls, 1);
+    }
+}
+
+TEST_F(EventDispatcherTest, aThreadsDestructorDropsWhatIsQueuedExactlyOnce)
+{
+    const auto token = std::make_shared<int>(0);
+    DestructionProbe probe;
+    using Agent = AsyncEventAgent1<DestructionProbe, DestructionProbe::Token>;
+    {
+        EventThread shortLived("short-lived", 0);
+        shortLived.postDelayed(OV_NEW Agent(&probe, &DestructionProbe::take, token), 3600000);
+        EXPECT_EQ(token.use_count(), 2);
+    }
+    EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST_F(EventDispatcherTest, sendersAndAStopAtOnceLeaveNobodyWaitingAndNothingAlive)
+{
+    for (int round = 0; round < 20; ++round)
+    {
+        const auto token = std::make_shared<int>(0);
+        DestructionProbe probe;
+        using Agent = AsyncEventAgent1<DestructionProbe, DestructionProbe::Token>;
+        EventThread victim("victim", 0);
+        std::vector<std::thread> senders;
+        for (int sender = 0; sender < 3; ++sender)
+            senders.emplace_back(
+                [&]
+                {
+                    for (int count = 0; count < 100; ++count)
+                    {
+                        (OV_NEW Agent(&probe, &DestructionProbe::take, token))->send(&victim);
+                        victim.postDelayed(OV_NEW Agent(&probe, &DestructionProbe::take, token), 1);
+                        auto* asking = OV_NEW SyncRetEventAgent0<Receiver, int>(&receiver, &Receiver::answer);
+                        const int answer = asking->send(&victim);
+                        EXPECT_TRUE(answer == 42 || answer == 0) << answer;
+                    }
+                });
+        victim.stop();
+        for (std::thread& sender : senders)
+            sender.join();
+        EXPECT_EQ(victim.getPendingCount(), 0U);
+        EXPECT_EQ(token.use_count(), 1);
+    }
 }
 
 TEST_F(EventDispatcherTest, manySendersAndRemovalsAtOnceLoseAndLeakNothing)

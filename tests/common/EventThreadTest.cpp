@@ -1,8 +1,11 @@
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
+#include <string>
+#include <system_error>
 
 #include "common/EventAgent.h"
 #include "common/EventThread.h"
@@ -47,14 +50,32 @@ TEST(EventThreadTest, keepsItsFullNameOfWhichTheKernelShowsFifteenBytes)
     EXPECT_EQ(inspect(thread).kernelName, "ProcessStatusMe");
 }
 
+TEST(EventThreadTest, aNameOfFifteenBytesIsShownWhole)
+{
+    EventThread thread("fifteen bytes..", 0);
+    EXPECT_EQ(inspect(thread).kernelName, "fifteen bytes..");
+}
+
+TEST(EventThreadTest, theNameMayBeEmpty)
+{
+    EventThread thread("", 0);
+    EXPECT_STREQ(thread.getName(), "");
+    EXPECT_EQ(inspect(thread).kernelName, "");
+}
+
 TEST(EventThreadTest, blocksAllSignalsAndLeavesItsCreatorsMaskAlone)
 {
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, nullptr, &before);
     EventThread thread("signals", 0);
     const Inspection inspection = inspect(thread);
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGPIPE, SIGUSR1, SIGALRM})
-        EXPECT_EQ(sigismember(&inspection.blocked, signal), 1) << signal;
+    for (int signal = 1; signal <= SIGRTMAX; ++signal)
+    {
+        // Two cannot be blocked, and those between the kernel's and the C library's ranges are the latter's
+        // own.
+        const bool blockable = signal != SIGKILL && signal != SIGSTOP && (signal < 32 || signal >= SIGRTMIN);
+        EXPECT_TRUE(!blockable || sigismember(&inspection.blocked, signal) == 1) << signal;
+    }
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &after);
     for (int signal = 1; signal < 32; ++signal)
@@ -94,4 +115,56 @@ TEST(EventThreadTest, stoppingTwiceDoesNothingMore)
     thread.stop();
     thread.stop();
     EXPECT_EQ(thread.getPendingCount(), 0U);
+}
+
+TEST(EventThreadTest, runsUntilItIsStopped)
+{
+    EventThread thread("running", 0);
+    for (int count = 0; count < 3; ++count)
+        EXPECT_EQ(inspect(thread).kernelName, "running");
+    thread.stop();
+    EXPECT_EQ(inspect(thread).kernelName, ""); // not delivered any more
+}
+
+namespace
+{
+
+// While it lives, new threads get a stack that no machine has room for.
+class NoRoomForThreads
+{
+public:
+    NoRoomForThreads()
+    {
+        pthread_getattr_default_np(&mBefore);
+        pthread_attr_t huge;
+        pthread_getattr_default_np(&huge);
+        pthread_attr_setstacksize(&huge, SIZE_MAX / 4);
+        pthread_setattr_default_np(&huge);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoRoomForThreads()
+    {
+        pthread_setattr_default_np(&mBefore);
+        pthread_attr_destroy(&mBefore);
+    }
+
+    NoRoomForThreads(const NoRoomForThreads&) = delete;
+    NoRoomForThreads& operator=(const NoRoomForThreads&) = delete;
+
+private:
+    pthread_attr_t mBefore{};
+};
+
+} // namespace
+
+TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlone)
+{
+    const NoRoomForThreads noRoom;
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    EXPECT_THROW(EventThread("never", 0), std::system_error);
+    sigset_t after;
+    pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    for (int signal = 1; signal < 32; ++signal)
+        EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
 }
