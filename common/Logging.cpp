@@ -36,7 +36,7 @@ struct ControlWords
 struct Rule
 {
     std::string pattern;
-    int level = 0;
+    std::optional<int> level;
     std::optional<unsigned int> flags;
 };
 
@@ -63,7 +63,8 @@ void apply(const Rule& rule, const ControlWords& words)
 {
     if (!matches(rule, words.path))
         return;
-    __atomic_store_n(words.level, rule.level, __ATOMIC_RELAXED);
+    if (rule.level)
+        __atomic_store_n(words.level, *rule.level, __ATOMIC_RELAXED);
     if (rule.flags)
         __atomic_store_n(words.flags, *rule.flags, __ATOMIC_RELAXED);
 }
@@ -159,19 +160,21 @@ private:
                          "Ignoring malformed OV_LOG [%s]", environment);
     }
 
-    // A program that keeps switching the same files must not grow the list.
+    // What the new rule overrides is dropped: a program that keeps switching the same files must not grow the
+    // list.
     void keep(const Rule& rule)
     {
-        const auto samePattern = [&](const Rule& other) { return other.pattern == rule.pattern; };
-        const auto earlier = std::find_if(mRules.begin(), mRules.end(), samePattern);
-        Rule kept = rule;
-        if (earlier != mRules.end())
+        const auto overridden = [&rule](Rule& earlier)
         {
-            if (!kept.flags)
-                kept.flags = earlier->flags;
-            mRules.erase(earlier);
-        }
-        mRules.push_back(kept);
+            if (earlier.pattern != rule.pattern)
+                return false;
+            earlier.level.reset();
+            if (rule.flags)
+                earlier.flags.reset();
+            return !earlier.flags;
+        };
+        mRules.erase(std::remove_if(mRules.begin(), mRules.end(), overridden), mRules.end());
+        mRules.push_back(rule);
     }
 
     std::mutex mMutex;
