@@ -115,7 +115,7 @@ TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
     RawPoster poster;
     RawRequester requester;
     requester.ask(valueRequest("k")); // connected
-    broker.process().signal(SIGSTOP); // both arrive while it cannot look
+    broker.process().suspend(); // both arrive while it cannot look
     poster.post(R"({"postStatus":{"k":"last"}})");
     requester.send({valueRequest("k")});
     ASSERT_TRUE(eventually([] { return hasUnreadBytes(5555) && hasUnreadBytes(5556); }));

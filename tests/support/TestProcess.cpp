@@ -1,6 +1,7 @@
 #include "tests/support/TestProcess.h"
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <poll.h>
@@ -74,6 +75,17 @@ TestProcess::~TestProcess()
 void TestProcess::signal(int number)
 {
     kill(mPid, number);
+}
+
+void TestProcess::suspend()
+{
+    signal(SIGSTOP);
+    int status = 0;
+    while (waitpid(mPid, &status, WUNTRACED) == -1 && errno == EINTR)
+    {
+    }
+    if (!WIFSTOPPED(status))
+        throw std::runtime_error("the process ended instead of being suspended");
 }
 
 void TestProcess::closeInput()

@@ -23,6 +23,9 @@ public:
     pid_t pid() const { return mPid; }
     void signal(int number);
 
+    /// Suspends it, and returns when none of its threads runs any more. signal(SIGCONT) wakes it.
+    void suspend();
+
     /// Ends its standard input: programs of the tests take that as the sign to leave.
     void closeInput();
 
