@@ -1,5 +1,6 @@
 #include "broker/PostChannel.h"
 
+#include <algorithm>
 #include <linux/tcp.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -113,6 +114,9 @@ void PostChannel::beginBarrier()
     {
         connection.awaited = !connection.writtenOff;
         connection.arrivedBefore = bytesReceived(descriptor).value_or(0);
+        // What was written off and came after all has been counted twice.
+        connection.accounted =
+            std::min(connection.accounted, std::max(connection.arrivedBefore, handshakeBytes));
         connection.messagesBehind = 0;
     }
 }
