@@ -1,12 +1,12 @@
 #include "broker/Broker.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <sys/time.h>
-#include <vector>
 
-#include "broker/Frames.h"
+#include "broker/Descriptors.h"
 #include "common/Logging.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -31,48 +31,104 @@ constexpr std::chrono::microseconds syncQuiet{2000};
 
 // Asked to stop, the broker serves until no request has come for a while, within a bound.
 constexpr std::chrono::milliseconds finishQuiet{50};
-constexpr std::chrono::milliseconds longestFinish{500};
+constexpr std::chrono::milliseconds longestFinish{400};
+constexpr std::chrono::milliseconds longestLastWait{500};
 
-std::chrono::milliseconds untilPoll(bool gateIsWaiting)
+// How often connections are looked at, and how often while one is in the middle of a long message.
+constexpr std::chrono::milliseconds lookPause{1000};
+constexpr std::chrono::milliseconds closeLookPause{20};
+
+// How often the state file is told that time goes on, while timers run.
+constexpr std::chrono::seconds momentPause{60};
+
+// How long those are remembered that were cut off, and after a start those of an earlier broker.
+constexpr std::chrono::seconds cutOffMemory{3600};
+constexpr std::chrono::seconds restartMemory{30};
+
+// What is published again goes out in messages of about this size.
+constexpr std::size_t announcementBytes = std::size_t{64} * 1024;
+
+Limits within(Limits limits, std::size_t descriptors)
 {
-    return gateIsWaiting ? std::chrono::milliseconds(1) : std::chrono::milliseconds(-1);
+    const std::size_t possible = Descriptors::connectionsPerPort(descriptors);
+    if (limits.connections > possible)
+        OV_LOG(2, "Only %zu connections per port: the limit of open files is %zu", possible, descriptors);
+    limits.connections = std::min(limits.connections, possible);
+    return limits;
+}
+
+// Enough of what came from outside to recognise it by.
+std::string excerpt(const std::string& text)
+{
+    constexpr std::size_t enough = 200;
+    return text.substr(0, enough);
+}
+
+Options adjusted(Options options)
+{
+    options.limits = within(options.limits, Descriptors::raiseLimit(options.limits.connections));
+    return options;
 }
 
 } // namespace
 
 Broker::Broker(const Options& options)
-    : mOptions(options), mRequests(mContext, requestEndpoint), mPosts(mContext, postEndpoint),
-      mNotify(mContext, notifyEndpoint)
+    : mOptions(adjusted(options)), mRequests(mContext, requestEndpoint, mOptions.limits, mRefusals),
+      mPosts(mContext, postEndpoint, mOptions.limits, mRefusals),
+      mNotify(mContext, notifyEndpoint, mOptions.limits, mRefusals), mState(mOptions.limits, mRefusals)
 {
+    if (!mOptions.stateFile.empty())
+    {
+        mStateFile.emplace(mOptions.stateFile, mOptions.stateSync, mOptions.stateKeys);
+        mState.restore(mStateFile->load());
+    }
+    mCatchUp.disconnected(mState.revision(), mStarted, restartMemory);
+    mNextHeartbeat = mStarted + mOptions.heartbeat;
+    OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
+    mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
 }
 
-void Broker::run(int stopDescriptor)
+void Broker::setLimits(const Limits& limits)
 {
-    OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
-    while (waitForWork(stopDescriptor))
+    mOptions.limits = limits;
+    mOptions = adjusted(mOptions);
+    mRequests.applyLimits();
+    mPosts.applyLimits();
+    mNotify.applyLimits();
+}
+
+// ---------------------------------------------------------------------------------------------------- loop
+
+void Broker::serveUntil(int descriptor)
+{
+    while (waitForWork(descriptor))
     {
+        const TimePoint begin = Clock::now();
         takePosts();
-        publishToNewSubscribers();
+        catchUpSubscribers();
         serveRequests();
         releaseStarted();
+        doWhatIsDue();
+        const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
+        mLoop.add(static_cast<uint64_t>(taken.count()));
     }
-    finish();
 }
 
-// False when it is time to stop.
-bool Broker::waitForWork(int stopDescriptor)
+// False when the descriptor is readable.
+bool Broker::waitForWork(int descriptor)
 {
-    std::array<zmq::pollitem_t, 6> items{{
+    std::array<zmq::pollitem_t, 7> items{{
         {mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0},
         {mRequests.pollable().handle(), 0, ZMQ_POLLIN, 0},
         {mNotify.pollable().handle(), 0, ZMQ_POLLIN, 0},
         {mPosts.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
         {mRequests.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
-        {nullptr, stopDescriptor, ZMQ_POLLIN, 0},
+        {mNotify.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
+        {nullptr, descriptor, ZMQ_POLLIN, 0},
     }};
     try
     {
-        zmq::poll(items.data(), items.size(), untilPoll(!mStartup.empty()));
+        zmq::poll(items.data(), items.size(), untilNextTask());
     }
     catch (const zmq::error_t& error)
     {
@@ -83,12 +139,58 @@ bool Broker::waitForWork(int stopDescriptor)
     return items.back().revents == 0;
 }
 
+std::chrono::milliseconds Broker::untilNextTask() const
+{
+    using std::chrono::milliseconds;
+    if (!mStartup.empty())
+        return milliseconds(1);
+    std::vector<TimePoint> tasks;
+    if (mSubscribersWait)
+        tasks.push_back(mNextCatchUp);
+    if (mOptions.heartbeat.count() != 0)
+        tasks.push_back(mNextHeartbeat);
+    if (mPosts.peers() > 0 || mRequests.peers() > 0)
+        tasks.push_back(mNextLook);
+    if (mStateFile && mState.hasRunningTimers())
+        tasks.push_back(mNextMoment);
+    if (mSupervisor.nextFeeding())
+        tasks.push_back(*mSupervisor.nextFeeding());
+    if (tasks.empty())
+        return milliseconds(-1);
+    const auto left = *std::min_element(tasks.begin(), tasks.end()) - Clock::now();
+    return std::max(milliseconds(0), std::chrono::ceil<milliseconds>(left));
+}
+
+void Broker::doWhatIsDue()
+{
+    const TimePoint now = Clock::now();
+    mSupervisor.feed(now);
+    if (mOptions.heartbeat.count() != 0 && now >= mNextHeartbeat)
+    {
+        // Clients ignore it. One that shuts down looks at its stop flag only when a notification has come.
+        mNotify.publish(BrokerProtocol::syncWord, mState.revision());
+        mNextHeartbeat = now + mOptions.heartbeat;
+    }
+    if (now >= mNextLook)
+    {
+        const bool longPost = mPosts.cutOffEndless();
+        const bool longRequest = mRequests.cutOffEndless();
+        mNextLook = now + (longPost || longRequest ? closeLookPause : lookPause);
+    }
+    if (mStateFile && now >= mNextMoment)
+    {
+        mStateFile->commit({});
+        mNextMoment = now + momentPause;
+    }
+}
+
 void Broker::updateConnections()
 {
     if (mPosts.updateConnections())
         mStartup.postConnected(Clock::now());
     for (const std::string& connection : mRequests.updateConnections())
         mStartup.requestClosed(connection);
+    mNotify.updateConnections();
 }
 
 // --------------------------------------------------------------------------------------------------- posts
@@ -99,36 +201,37 @@ void Broker::takePosts()
     {
         const std::optional<PostChannel::Post> post = mPosts.receive();
         if (!post)
-            return;
+            break;
         apply(*post);
     }
+    settle();
 }
 
 void Broker::apply(const PostChannel::Post& post)
 {
+    ++mPostCount;
     if (!post.text)
-    {
-        OV_LOG(2, "Post of more than %zu bytes refused", Frames::maxMessageBytes);
-        return;
-    }
+        return mRefusals.report(Refusal::MessageBytes, "Post of more than " +
+                                                           std::to_string(mOptions.limits.messageBytes) +
+                                                           " bytes refused");
     if (*post.text == BrokerProtocol::syncWord)
-        return mNotify.publish(BrokerProtocol::syncWord);
+        return announce(BrokerProtocol::syncWord);
     const std::optional<Command> command = BrokerProtocol::readPost(*post.text);
     if (!command)
-        OV_LOG(2, "Malformed post [%.200s] refused", post.text->c_str());
+        mRefusals.report(Refusal::MalformedPost, "Malformed post [" + excerpt(*post.text) + "] refused");
     else if (command->key == BrokerProtocol::Key::updateSystemTime)
         setSystemTime(command->number);
     else if (const std::optional<std::string> notification = mState.apply(*command))
-        mNotify.publish(*notification);
+        announce(*notification);
 }
 
-void Broker::setSystemTime(uint32_t seconds) const
+void Broker::setSystemTime(uint32_t seconds)
 {
+    const std::string what = "Setting the system time to " + std::to_string(seconds) + " refused, ";
     if (!mOptions.allowSetTime)
-    {
-        OV_LOG(2, "Setting the system time to %u refused, not started with --allow-set-time", seconds);
-        return;
-    }
+        return mRefusals.report(Refusal::SystemTime, what + "not started with --allow-set-time");
+    if (seconds < STATUSBROKER_BUILD_TIME)
+        return mRefusals.report(Refusal::SystemTime, what + "that is before this program was built");
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
     if (settimeofday(&time, nullptr) != 0)
@@ -137,16 +240,62 @@ void Broker::setSystemTime(uint32_t seconds) const
 
 // ------------------------------------------------------------------------------------------- notifications
 
-void Broker::publishToNewSubscribers()
+// What is kept over a restart is published only when it has been kept: nobody sees what a restart takes back.
+void Broker::announce(const std::string& notification)
 {
-    if (!mNotify.takeSubscriptions())
+    if (mStateFile)
+        mAnnouncements.push_back({notification, mState.revision()});
+    else
+        mNotify.publish(notification, mState.revision());
+}
+
+void Broker::announce(const StatusMap& changes)
+{
+    StatusMap part;
+    std::size_t bytes = 0;
+    for (const auto& [key, value] : changes)
+    {
+        part.emplace_hint(part.end(), key, value);
+        bytes += key.size() + value.size();
+        if (bytes < announcementBytes)
+            continue;
+        announce(BrokerProtocol::writeStatusUpdate(part));
+        part.clear();
+        bytes = 0;
+    }
+    if (!part.empty())
+        announce(BrokerProtocol::writeStatusUpdate(part));
+}
+
+// Keeps what has changed, then publishes it.
+void Broker::settle()
+{
+    if (!mStateFile)
         return;
-    const std::optional<uint64_t> since = mCatchUp.subscribed(Clock::now());
-    if (!since)
-        return;
-    const StatusMap changes = mState.changedSince(*since);
+    const SavedState changes = mState.takeChanges();
     if (!changes.empty())
-        mNotify.publish(BrokerProtocol::writeStatusUpdate(changes));
+        mStateFile->commit(changes);
+    for (const Announcement& announcement : mAnnouncements)
+        mNotify.publish(announcement.notification, announcement.revision);
+    mAnnouncements.clear();
+}
+
+void Broker::catchUpSubscribers()
+{
+    const TimePoint begin = Clock::now();
+    for (const uint64_t revision : mNotify.takeCutOff())
+        mCatchUp.disconnected(revision, begin, cutOffMemory);
+    mSubscribersWait = mNotify.takeSubscriptions() || mSubscribersWait;
+    if (!mSubscribersWait || begin < mNextCatchUp)
+        return;
+    mSubscribersWait = false;
+    if (const std::optional<uint64_t> since = mCatchUp.subscribed(begin))
+        announce(mState.changedSince(*since));
+    settle();
+    // Somebody who subscribes over and over must not keep the broker from its work.
+    constexpr int share = 4;
+    const TimePoint end = Clock::now();
+    mNextCatchUp = end + share * (end - begin);
 }
 
 // ------------------------------------------------------------------------------------------------ requests
@@ -169,8 +318,15 @@ void Broker::serveRequests()
         awaitPosts(longestSyncWait, syncQuiet);
     else
         awaitPosts(longestQueryWait, queryQuiet);
+
+    std::vector<std::optional<std::string>> answers;
+    answers.reserve(requests.size());
     for (const RequestChannel::Request& request : requests)
-        answer(request);
+        answers.push_back(answer(request));
+    settle();
+    for (std::size_t index = 0; index < requests.size(); ++index)
+        if (answers[index])
+            mRequests.reply(requests[index].connection, *answers[index]);
 }
 
 void Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)
@@ -190,22 +346,36 @@ void Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microsecon
     }
 }
 
-void Broker::answer(const RequestChannel::Request& request)
+// Nothing if the answer has to wait.
+std::optional<std::string> Broker::answer(const RequestChannel::Request& request)
 {
     if (request.text == BrokerProtocol::syncWord)
     {
-        if (!mStartup.hold(request.connection, Clock::now()))
-            mRequests.reply(request.connection, BrokerProtocol::syncAckWord);
-        return;
+        ++mRequestCounts[BrokerProtocol::syncWord];
+        if (mStartup.hold(request.connection, Clock::now()))
+            return std::nullopt;
+        return BrokerProtocol::syncAckWord;
     }
+    if (request.text && Statistics::isRequest(*request.text))
+        return statistics();
     const std::optional<Command> command =
         request.text ? BrokerProtocol::readRequest(*request.text) : std::nullopt;
     if (!command)
-    {
-        OV_LOG(2, "Malformed request [%.200s] refused", request.text ? request.text->c_str() : "");
-        return mRequests.reply(request.connection, refusal);
-    }
-    mRequests.reply(request.connection, mState.answer(*command));
+        return refuse(request);
+    ++mRequestCounts[command->key];
+    return mState.answer(*command).value_or(refusal);
+}
+
+std::string Broker::refuse(const RequestChannel::Request& request)
+{
+    if (request.tooLong)
+        mRefusals.report(Refusal::MessageBytes, "Request of more than " +
+                                                    std::to_string(mOptions.limits.messageBytes) +
+                                                    " bytes refused");
+    else
+        mRefusals.report(Refusal::MalformedRequest,
+                         "Malformed request [" + excerpt(request.text.value_or("")) + "] refused");
+    return refusal;
 }
 
 void Broker::releaseStarted()
@@ -220,15 +390,49 @@ void Broker::acknowledge(const std::string& connection)
     mRequests.reply(connection, BrokerProtocol::syncAckWord);
 }
 
+std::string Broker::statistics()
+{
+    Statistics::Numbers numbers;
+    numbers["posts"] = mPostCount;
+    for (const auto& [key, count] : mRequestCounts)
+        numbers["requests." + std::string(key)] = count;
+    for (std::size_t kind = 0; kind < refusalKinds; ++kind)
+        numbers[Refusals::name(static_cast<Refusal>(kind))] = mRefusals.count(static_cast<Refusal>(kind));
+    numbers["notifications.published"] = mNotify.published();
+    numbers["notifications.lost"] = mNotify.lost();
+    numbers["subscribers.cutOff"] = mNotify.cutOff();
+    numbers["clients.requests"] = static_cast<uint64_t>(std::max(0, mRequests.peers()));
+    numbers["clients.posts"] = static_cast<uint64_t>(std::max(0, mPosts.peers()));
+    numbers["clients.notifications"] = static_cast<uint64_t>(std::max(0, mNotify.peers()));
+    numbers["stored.keys"] = mState.keys();
+    numbers["stored.bytes"] = mState.storedBytes();
+    numbers["stored.timers"] = mState.timers();
+    numbers["stored.counters"] = mState.counters();
+    numbers["loop.maxMicroseconds"] = mLoop.longest();
+    numbers["loop.p99Microseconds"] = mLoop.percentile(99);
+    numbers["state.commits"] = mStateFile ? mStateFile->commits() : 0;
+    numbers["state.errors"] = mStateFile ? mStateFile->errors() : 0;
+    const auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - mStarted);
+    numbers["uptime.seconds"] = static_cast<uint64_t>(uptime.count());
+    Statistics::addVersion(numbers);
+    Statistics::addProcess(numbers);
+    return Statistics::write(numbers);
+}
+
+// ----------------------------------------------------------------------------------------------------- end
+
 void Broker::finish()
 {
+    mSupervisor.stopping();
     // What the kernel has received and libzmq's thread not yet read is answered, too.
     const TimePoint end = Clock::now() + longestFinish;
     zmq::pollitem_t item{mRequests.pollable().handle(), 0, ZMQ_POLLIN, 0};
     while (Clock::now() < end && zmq_poll(&item, 1, finishQuiet.count()) > 0)
         serveRequests();
-    awaitPosts(longestSyncWait, syncQuiet);
+    awaitPosts(longestLastWait, syncQuiet);
     for (const std::string& connection : mStartup.releaseAll())
         mRequests.reply(connection, BrokerProtocol::syncAckWord);
+    if (mStateFile)
+        mStateFile->commit({});
     OV_LOG(5, "Stopped");
 }

@@ -7,7 +7,7 @@
 
 #include "broker/Clock.h"
 
-/// Remembers from which point on a starting client has to be told of changes again.
+/// Remembers from which point on subscribers have to be told of changes again.
 ///
 /// A client subscribes to notifications only after its first SyncAck, so what is published in between passes
 /// it by, although it may have read an older value already. When a subscription arrives, the broker publishes
@@ -15,6 +15,9 @@
 /// subscribe without a SyncAck before it; so each is answered as if it were that of the client acknowledged
 /// longest ago, and the one acknowledged last is taken to be served, but kept in mind a little longer.
 /// Listeners may so be told twice of a value that they know while clients are starting, but never too little.
+///
+/// The same serves those that come back: subscribers that were cut off, and those of an earlier run of the
+/// broker. As nobody knows whether they are all back, they are kept in mind for a fixed time.
 class CatchUp
 {
 public:
@@ -26,22 +29,25 @@ public:
 
     void acknowledged(uint64_t revision, TimePoint now);
 
+    /// Subscribers that know the state up to this revision have lost their connection and will come back.
+    void disconnected(uint64_t revision, TimePoint now, std::chrono::seconds memory);
+
     /// A subscription has arrived: the revision since which to publish again; nothing if no client is
     /// waiting.
     std::optional<uint64_t> subscribed(TimePoint now);
 
 private:
-    struct Acknowledged
+    struct Awaited
     {
         uint64_t revision;
         TimePoint forgotten;
-        bool served;
+        bool served; ///< or not to be looked at in turn
     };
 
     void forgetOld(TimePoint now);
     void markLastServed(TimePoint now);
 
-    std::deque<Acknowledged> mAcknowledged; // oldest first, and so the lowest revision first
+    std::deque<Awaited> mAwaited; // oldest first
 };
 
 #endif

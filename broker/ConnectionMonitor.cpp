@@ -3,8 +3,12 @@
 #include <cstdint>
 #include <cstring>
 
-ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name)
-    : mMonitored(socket), mEvents(context, zmq::socket_type::pair)
+#include "broker/Connection.h"
+
+ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name,
+                                     const Limits& limits, Refusals& refusals)
+    : mName(name), mLimits(limits), mRefusals(refusals), mMonitored(socket),
+      mEvents(context, zmq::socket_type::pair)
 {
     const std::string endpoint = "inproc://monitor-" + name;
     constexpr int events = ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED | ZMQ_EVENT_HANDSHAKE_SUCCEEDED |
@@ -36,14 +40,27 @@ std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
     switch (event)
     {
     case ZMQ_EVENT_ACCEPTED:
+        accept(value);
         return Event{Event::Kind::Accepted, value};
     case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
         return Event{Event::Kind::HandshakeDone, -1};
     case ZMQ_EVENT_DISCONNECTED:
+        mOpen.erase(value);
         return Event{Event::Kind::Closed, value};
     default:
         return Event{Event::Kind::Other, -1};
     }
+}
+
+void ConnectionMonitor::accept(int descriptor)
+{
+    mOpen.insert(descriptor);
+    if (mOpen.size() <= mLimits.connections)
+        return;
+    mRefusals.report(Refusal::Connections, "A connection to the " + mName +
+                                               " port was refused, the limit is " +
+                                               std::to_string(mLimits.connections));
+    Connection::cut(descriptor);
 }
 
 // A connection whose handshake fails is reported as failed and then as disconnected, so the two cancel out.

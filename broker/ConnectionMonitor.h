@@ -1,11 +1,17 @@
 #ifndef BROKER_CONNECTIONMONITOR_H
 #define BROKER_CONNECTIONMONITOR_H
 
+#include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <zmq.hpp>
 
-/// What libzmq tells about the connections of one socket.
+#include "broker/Options.h"
+#include "broker/Refusals.h"
+
+/// What libzmq tells about the connections of one socket. Connections beyond the limit are cut off as they
+/// come: should the descriptors run out, libzmq's I/O thread would spin.
 class ConnectionMonitor
 {
 public:
@@ -24,7 +30,8 @@ public:
 
     /// @param socket must not be bound yet, and must outlive the monitor
     /// @param name   unique within the context
-    ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name);
+    ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name,
+                      const Limits& limits, Refusals& refusals);
     ~ConnectionMonitor();
 
     ConnectionMonitor(const ConnectionMonitor&) = delete;
@@ -42,9 +49,14 @@ public:
 
 private:
     void count(int event);
+    void accept(int descriptor);
 
+    std::string mName;
+    const Limits& mLimits;
+    Refusals& mRefusals;
     zmq::socket_t& mMonitored;
     zmq::socket_t mEvents;
+    std::set<int> mOpen; // descriptors
     int mPeers = 0;
 };
 

@@ -1,5 +1,6 @@
 #include "broker/DeviceState.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace Key = BrokerProtocol::Key;
@@ -7,13 +8,60 @@ namespace Key = BrokerProtocol::Key;
 namespace
 {
 
-uint64_t microsecondsSinceEpoch()
+template <typename AnyClock>
+uint64_t microsecondsOf()
 {
     using namespace std::chrono;
-    return static_cast<uint64_t>(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
+    return static_cast<uint64_t>(duration_cast<microseconds>(AnyClock::now().time_since_epoch()).count());
+}
+
+// ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
+// running one leaves the span under way.
+
+uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
+{
+    return timer.spanStart == 0 || timer.spanStart > now ? 0 : now - timer.spanStart;
+}
+
+void begin(SavedState::Timer& timer, uint64_t now)
+{
+    timer.spanStart = now;
+    timer.lastStarted = microsecondsOf<std::chrono::system_clock>();
+}
+
+void operate(SavedState::Timer& timer, std::string_view operation, uint64_t now)
+{
+    if (operation == Key::stopTimer)
+    {
+        timer.accumulated += spanOf(timer, now);
+        timer.spanStart = 0;
+        return;
+    }
+    if (operation != Key::startTimer)
+        timer.accumulated = 0;
+    const bool isRunning = timer.spanStart != 0;
+    if (operation == Key::restartTimer || (operation == Key::startTimer && !isRunning))
+        begin(timer, now);
 }
 
 } // namespace
+
+void DeviceState::restore(SavedState state)
+{
+    for (const auto& [key, text] : state.values)
+    {
+        mStoredBytes += key.size() + text.size();
+        mValues[key] = {text, ++mRevision};
+    }
+    mTimers = std::move(state.timers);
+    mCounters = std::move(state.counters);
+    mNotesChanges = true;
+}
+
+SavedState DeviceState::takeChanges()
+{
+    return std::exchange(mChanges, SavedState());
+}
 
 std::optional<std::string> DeviceState::apply(const BrokerProtocol::Command& post)
 {
@@ -27,15 +75,15 @@ std::optional<std::string> DeviceState::apply(const BrokerProtocol::Command& pos
         return storeAll(empty);
     }
     if (post.key == Key::postEvent)
-        return post.map.empty() ? std::nullopt : std::optional(BrokerProtocol::writeEventUpdate(post.map));
+        return eventUpdate(post.map);
     if (post.key == Key::setCounterValue)
-        mCounters[post.text] = post.number;
+        setCounter(post.text, post.number);
     else
         applyToTimer(post);
     return std::nullopt;
 }
 
-std::string DeviceState::answer(const BrokerProtocol::Command& request)
+std::optional<std::string> DeviceState::answer(const BrokerProtocol::Command& request)
 {
     if (request.key == Key::getClientInfo)
         return BrokerProtocol::writeMapReply(allValues());
@@ -48,7 +96,7 @@ std::string DeviceState::answer(const BrokerProtocol::Command& request)
     if (request.key == Key::getTimerLastStarted)
         return BrokerProtocol::writeNumberReply(lastStarted(request.text));
     if (request.key == Key::incrementCounter)
-        return BrokerProtocol::writeNumberReply(++mCounters[request.text]); // wraps at 2^32
+        return incrementCounter(request.text);
     return BrokerProtocol::writeNumberReply(counter(request.text));
 }
 
@@ -63,13 +111,77 @@ StatusMap DeviceState::changedSince(uint64_t revision) const
     return changed;
 }
 
+// ------------------------------------------------------------------------------------------------- limits
+
+bool DeviceState::hasGoodSize(const std::string& name)
+{
+    if (name.size() <= mLimits.keyBytes)
+        return true;
+    mRefusals.report(Refusal::KeyBytes, "Name [" + name.substr(0, 40) + "...] of " +
+                                            std::to_string(name.size()) + " bytes refused, the limit is " +
+                                            std::to_string(mLimits.keyBytes));
+    return false;
+}
+
+bool DeviceState::hasGoodSize(const std::string& name, const std::string& value)
+{
+    if (!hasGoodSize(name))
+        return false;
+    if (value.size() <= mLimits.valueBytes)
+        return true;
+    mRefusals.report(Refusal::ValueBytes, "Value of [" + name + "] of " + std::to_string(value.size()) +
+                                              " bytes refused, the limit is " +
+                                              std::to_string(mLimits.valueBytes));
+    return false;
+}
+
+// Whether the map has the name already, or room for it.
+template <typename Map>
+bool DeviceState::mayName(const Map& map, const std::string& name, std::size_t most, Refusal kind)
+{
+    if (map.count(name) != 0)
+        return true;
+    if (!hasGoodSize(name))
+        return false;
+    if (map.size() < most)
+        return true;
+    mRefusals.report(kind, "New name [" + name + "] refused, " + Refusals::name(kind) + " is " +
+                               std::to_string(most));
+    return false;
+}
+
+bool DeviceState::mayStore(Values::const_iterator stored, const std::string& key, const std::string& text)
+{
+    if (!hasGoodSize(key, text) || !mayName(mValues, key, mLimits.keys, Refusal::Keys))
+        return false;
+    const bool isNew = stored == mValues.end();
+    const std::size_t before = isNew ? 0 : stored->second.text.size();
+    const std::size_t after = text.size() + (isNew ? key.size() : 0);
+    if (after <= before || mStoredBytes + (after - before) <= mLimits.storedBytes)
+        return true;
+    mRefusals.report(Refusal::StoredBytes, "Value of [" + key + "] refused, the limit for all is " +
+                                               std::to_string(mLimits.storedBytes) + " bytes");
+    return false;
+}
+
+// ------------------------------------------------------------------------------------------------- changes
+
 // True if that changed something. A key that is unknown so far changes even if the value is empty.
 bool DeviceState::store(const std::string& key, const std::string& text)
 {
     const auto stored = mValues.find(key);
     if (stored != mValues.end() && stored->second.text == text)
         return false;
+    if (!mayStore(stored, key, text))
+        return false;
+    mStoredBytes += text.size();
+    if (stored == mValues.end())
+        mStoredBytes += key.size();
+    else
+        mStoredBytes -= stored->second.text.size();
     mValues[key] = {text, ++mRevision};
+    if (mNotesChanges)
+        mChanges.values[key] = text;
     return true;
 }
 
@@ -84,21 +196,50 @@ std::optional<std::string> DeviceState::storeAll(const StatusMap& values)
     return changes.empty() ? std::nullopt : std::optional(BrokerProtocol::writeStatusUpdate(changes));
 }
 
+std::optional<std::string> DeviceState::eventUpdate(const StatusMap& events)
+{
+    StatusMap good;
+    for (const auto& [name, value] : events)
+    {
+        if (hasGoodSize(name, value))
+            good.emplace_hint(good.end(), name, value);
+    }
+    return good.empty() ? std::nullopt : std::optional(BrokerProtocol::writeEventUpdate(good));
+}
+
 void DeviceState::applyToTimer(const BrokerProtocol::Command& post)
 {
-    Timer& timer = mTimers.try_emplace(post.text, Timer{veskcommon::Stopwatch(post.text), 0}).first->second;
-    const uint64_t startedBefore = timer.stopwatch.getLastStartTime();
-    if (post.key == Key::startTimer)
-        timer.stopwatch.start();
-    else if (post.key == Key::stopTimer)
-        timer.stopwatch.stop();
-    else if (post.key == Key::resetTimer)
-        timer.stopwatch.reset();
-    else
-        timer.stopwatch.restart();
-    // Starting a timer that runs already starts nothing.
-    if (timer.stopwatch.getLastStartTime() != startedBefore)
-        timer.lastStarted = microsecondsSinceEpoch();
+    if (!mayName(mTimers, post.text, mLimits.timers, Refusal::Timers))
+        return;
+    Timer& timer = mTimers[post.text];
+    operate(timer, post.key, microsecondsOf<std::chrono::steady_clock>());
+    if (mNotesChanges)
+        mChanges.timers[post.text] = timer;
+}
+
+void DeviceState::setCounter(const std::string& name, uint32_t value)
+{
+    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
+        return;
+    mCounters[name] = value;
+    if (mNotesChanges)
+        mChanges.counters[name] = value;
+}
+
+std::optional<std::string> DeviceState::incrementCounter(const std::string& name)
+{
+    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
+        return std::nullopt;
+    setCounter(name, counter(name) + 1); // wraps at 2^32
+    return BrokerProtocol::writeNumberReply(counter(name));
+}
+
+// ------------------------------------------------------------------------------------------------- queries
+
+bool DeviceState::hasRunningTimers() const
+{
+    return std::any_of(mTimers.begin(), mTimers.end(),
+                       [](const auto& entry) { return entry.second.spanStart != 0; });
 }
 
 StatusMap DeviceState::allValues() const
@@ -127,10 +268,12 @@ std::string DeviceState::valueOf(const std::string& key) const
     return stored == mValues.end() ? std::string() : stored->second.text;
 }
 
-uint64_t DeviceState::elapsed(const std::string& name)
+uint64_t DeviceState::elapsed(const std::string& name) const
 {
     const auto timer = mTimers.find(name);
-    return timer == mTimers.end() ? 0 : timer->second.stopwatch.getElapsedTime();
+    if (timer == mTimers.end())
+        return 0;
+    return timer->second.accumulated + spanOf(timer->second, microsecondsOf<std::chrono::steady_clock>());
 }
 
 uint64_t DeviceState::lastStarted(const std::string& name) const

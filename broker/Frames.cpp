@@ -26,7 +26,7 @@ void Assembly::add(const zmq::message_t& frame)
 {
     if (!mText)
         return;
-    if (mText->size() + frame.size() > maxMessageBytes)
+    if (mText->size() + frame.size() > mLongest)
         mText.reset();
     else
         mText->append(frame.data<char>(), frame.size());

@@ -10,26 +10,27 @@
 namespace Frames
 {
 
-/// The longest message that is taken in, over all its frames. Every message of the library's stays far below;
-/// what is longer is read to its end and refused, so that no client can fill the broker's memory with one.
-constexpr std::size_t maxMessageBytes = std::size_t{1024} * 1024;
-
 /// Sends a text in frames of at most 512 bytes, the last of which is never empty. The text must not be empty.
 void send(zmq::socket_t& socket, const std::string& text);
 
 /// Receives one frame; nothing if none is there. `more` tells whether the message goes on.
 bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame, bool& more);
 
-/// A message put together from its frames.
+/// A message put together from its frames. One that is too long is read to its end and refused, so that no
+/// client can fill the broker's memory with it.
 class Assembly
 {
 public:
+    /// @param longest bytes over all frames
+    explicit Assembly(std::size_t longest) : mLongest(longest) {}
+
     void add(const zmq::message_t& frame);
 
-    /// The text; nothing if it was longer than maxMessageBytes.
+    /// The text; nothing if it was too long.
     const std::optional<std::string>& text() const { return mText; }
 
 private:
+    std::size_t mLongest;
     std::optional<std::string> mText = std::string();
 };
 

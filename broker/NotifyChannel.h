@@ -1,24 +1,59 @@
 #ifndef BROKER_NOTIFYCHANNEL_H
 #define BROKER_NOTIFYCHANNEL_H
 
+#include <cstdint>
 #include <string>
+#include <vector>
 #include <zmq.hpp>
+
+#include "broker/ConnectionMonitor.h"
+#include "broker/Options.h"
+#include "broker/Refusals.h"
+#include "broker/Subscribers.h"
 
 /// The socket on which changes are published.
 class NotifyChannel
 {
 public:
-    NotifyChannel(zmq::context_t& context, const std::string& endpoint);
+    NotifyChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
+                  Refusals& refusals);
 
-    void publish(const std::string& text);
+    /// @param revision of the state that the notification brings its receivers to
+    void publish(const std::string& text, uint64_t revision);
 
     /// Whether subscriptions have arrived since the last call. They get all that is published from then on.
     bool takeSubscriptions();
 
+    void updateConnections();
+
+    /// Takes over changed limits.
+    void applyLimits();
+
+    /// Of each subscriber that had to be cut off since the last call: the revision up to which it knows.
+    std::vector<uint64_t> takeCutOff();
+
+    int peers() const { return mMonitor.peers(); }
+    uint64_t published() const { return mPublished; }
+    uint64_t cutOff() const { return mCutOff; }
+    uint64_t lost() const { return mLost; } ///< notifications that did not reach those cut off
     zmq::socket_t& pollable() { return mSocket; }
+    zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
 
 private:
+    void receiveSubscriptions();
+    void relieve();
+    void cutOff(const Subscribers::Hopeless& hopeless);
+
+    const Limits& mLimits;
+    Refusals& mRefusals;
     zmq::socket_t mSocket;
+    ConnectionMonitor mMonitor;
+    Subscribers mSubscribers;
+    bool mSubscribed = false; // since takeSubscriptions() was called last
+    std::vector<uint64_t> mKnownByCutOff;
+    uint64_t mPublished = 0;
+    uint64_t mCutOff = 0;
+    uint64_t mLost = 0;
 };
 
 #endif

@@ -1,10 +1,8 @@
 #include "broker/PostChannel.h"
 
 #include <algorithm>
-#include <linux/tcp.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 
+#include "broker/Connection.h"
 #include "broker/Frames.h"
 #include "broker/Sockets.h"
 
@@ -24,29 +22,12 @@ constexpr uint64_t clientBatchBytes = 8192;
 // 1,000, and a batch of the smallest ones.
 constexpr unsigned clientBacklog = 1500;
 
-// A frame's size on the connection, with its header.
-uint64_t wireSize(std::size_t payload)
-{
-    constexpr std::size_t longestShortFrame = 255;
-    constexpr uint64_t shortHeader = 2;
-    constexpr uint64_t longHeader = 9;
-    return payload + (payload <= longestShortFrame ? shortHeader : longHeader);
-}
-
-// Bytes that the kernel has received on a connection; nothing if the descriptor has just been closed.
-std::optional<uint64_t> bytesReceived(int descriptor)
-{
-    tcp_info info{};
-    socklen_t size = sizeof(info);
-    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
-        return std::nullopt;
-    return info.tcpi_bytes_received;
-}
-
 } // namespace
 
-PostChannel::PostChannel(zmq::context_t& context, const std::string& endpoint)
-    : mSocket(Sockets::make(context, zmq::socket_type::sub)), mMonitor(context, mSocket, "post")
+PostChannel::PostChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
+                         Refusals& refusals)
+    : mLimits(limits), mRefusals(refusals), mSocket(Sockets::make(context, zmq::socket_type::sub, limits)),
+      mMonitor(context, mSocket, "post", limits, refusals)
 {
     mSocket.set(zmq::sockopt::subscribe, "");
     Sockets::bind(mSocket, endpoint);
@@ -56,7 +37,7 @@ std::optional<PostChannel::Post> PostChannel::receive()
 {
     zmq::message_t frame;
     bool more = true;
-    Frames::Assembly message;
+    Frames::Assembly message(mLimits.messageBytes);
     while (more)
     {
         if (!Frames::receiveFrame(mSocket, frame, more))
@@ -73,12 +54,13 @@ void PostChannel::account(zmq::message_t& frame, bool more)
     if (found == mConnections.end())
         return;
     constexpr std::chrono::milliseconds pause{5};
-    Connection& connection = found->second;
-    const uint64_t size = wireSize(frame.size());
+    Peer& connection = found->second;
+    const uint64_t size = Connection::wireSize(frame.size());
     const TimePoint now = Clock::now();
     connection.burst = now - connection.lastArrival < pause ? connection.burst + size : size;
     connection.lastArrival = now;
     connection.accounted += size;
+    connection.unfinished.received(size);
     connection.writtenOff = false;
     if (!more && connection.accounted > connection.arrivedBefore)
         ++connection.messagesBehind;
@@ -92,7 +74,7 @@ bool PostChannel::updateConnections()
         switch (event->kind)
         {
         case ConnectionMonitor::Event::Kind::Accepted:
-            mConnections[event->descriptor] = Connection();
+            mConnections[event->descriptor] = Peer();
             mConnections[event->descriptor].accounted = handshakeBytes;
             break;
         case ConnectionMonitor::Event::Kind::Closed:
@@ -113,7 +95,7 @@ void PostChannel::beginBarrier()
     for (auto& [descriptor, connection] : mConnections)
     {
         connection.awaited = !connection.writtenOff;
-        connection.arrivedBefore = bytesReceived(descriptor).value_or(0);
+        connection.arrivedBefore = Connection::bytesArrived(descriptor).value_or(0);
         // What was written off and came after all has been counted twice.
         connection.accounted =
             std::min(connection.accounted, std::max(connection.arrivedBefore, handshakeBytes));
@@ -121,13 +103,13 @@ void PostChannel::beginBarrier()
     }
 }
 
-bool PostChannel::reached(int descriptor, const Connection& connection, std::chrono::microseconds quiet)
+bool PostChannel::reached(int descriptor, const Peer& connection, std::chrono::microseconds quiet)
 {
     if (connection.accounted < connection.arrivedBefore)
         return false;
     if (connection.messagesBehind >= clientBacklog)
         return true;
-    if (connection.accounted < bytesReceived(descriptor).value_or(0))
+    if (connection.accounted < Connection::bytesArrived(descriptor).value_or(0))
         return false;
     return connection.burst < clientBatchBytes || Clock::now() - connection.lastArrival >= quiet;
 }
@@ -149,7 +131,12 @@ void PostChannel::abandonBarrier()
     {
         if (!connection.awaited)
             continue;
-        connection.accounted = bytesReceived(descriptor).value_or(0);
+        connection.accounted = Connection::bytesArrived(descriptor).value_or(0);
         connection.writtenOff = true;
     }
+}
+
+bool PostChannel::cutOffEndless()
+{
+    return Unfinished::cutOffEndless(mConnections, "post", mLimits.messageBytes, mRefusals);
 }

@@ -9,6 +9,8 @@
 
 #include "broker/Clock.h"
 #include "broker/ConnectionMonitor.h"
+#include "broker/Sockets.h"
+#include "broker/Unfinished.h"
 
 /// The socket on which posts arrive, and what is known about posts that are still under way.
 ///
@@ -20,7 +22,8 @@
 class PostChannel
 {
 public:
-    PostChannel(zmq::context_t& context, const std::string& endpoint);
+    PostChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
+                Refusals& refusals);
 
     struct Post
     {
@@ -45,16 +48,26 @@ public:
     /// the connection's next message.
     void abandonBarrier();
 
+    /// Cuts off who sends a message that does not end. True if somebody is in the middle of a long one. To be
+    /// called now and then; receive() has been called
+    /// until nothing was left in between.
+    bool cutOffEndless();
+
+    /// Takes over changed limits.
+    void applyLimits() { Sockets::setLimits(mSocket, mLimits); }
+
     int peers() const { return mMonitor.peers(); }
     zmq::socket_t& pollable() { return mSocket; }
     zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
 
 private:
-    struct Connection
+    struct Peer
     {
         uint64_t accounted = 0; ///< bytes of the handshake and of all messages received
         TimePoint lastArrival{};
         uint64_t burst = 0; ///< bytes that came without a pause up to lastArrival
+
+        Unfinished unfinished;
 
         // The barrier.
         bool awaited = false;
@@ -64,11 +77,13 @@ private:
     };
 
     void account(zmq::message_t& frame, bool more);
-    static bool reached(int descriptor, const Connection& connection, std::chrono::microseconds quiet);
+    static bool reached(int descriptor, const Peer& connection, std::chrono::microseconds quiet);
 
+    const Limits& mLimits;
+    Refusals& mRefusals;
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
-    std::map<int, Connection> mConnections; // by descriptor
+    std::map<int, Peer> mConnections; // by descriptor
 };
 
 #endif

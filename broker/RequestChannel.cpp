@@ -1,11 +1,18 @@
 #include "broker/RequestChannel.h"
 
+#include "broker/Connection.h"
 #include "broker/Frames.h"
 #include "broker/Sockets.h"
 
-RequestChannel::RequestChannel(zmq::context_t& context, const std::string& endpoint)
-    : mSocket(Sockets::make(context, zmq::socket_type::router)), mMonitor(context, mSocket, "request")
+RequestChannel::RequestChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
+                               Refusals& refusals)
+    : mLimits(limits), mRefusals(refusals), mSocket(Sockets::make(context, zmq::socket_type::router, limits)),
+      mMonitor(context, mSocket, "request", limits, refusals)
 {
+    // A client awaits one reply at a time. Who asks more and reads nothing must not fill the memory with
+    // replies.
+    constexpr int unreadReplies = 8;
+    mSocket.set(zmq::sockopt::sndhwm, unreadReplies);
     Sockets::bind(mSocket, endpoint);
 }
 
@@ -19,17 +26,30 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
     Request request;
     request.connection = frame.to_string();
 
-    const bool wellFormed = more && Frames::receiveFrame(mSocket, frame, more) && frame.empty() && more;
-    Frames::Assembly text;
-    while (more && Frames::receiveFrame(mSocket, frame, more))
+    uint64_t bytes = 0;
+    const bool wellFormed = more && receiveFrame(frame, more, bytes) && frame.empty() && more;
+    Frames::Assembly text(mLimits.messageBytes);
+    while (more && receiveFrame(frame, more, bytes))
         text.add(frame);
     if (wellFormed)
         request.text = text.text();
+    request.tooLong = !text.text();
 
-    const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
-    if (descriptor >= 0)
-        mConnections[descriptor] = request.connection;
+    const auto peer = mPeers.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
+    if (peer != mPeers.end())
+    {
+        peer->second.connection = request.connection;
+        peer->second.unfinished.received(bytes);
+    }
     return request;
+}
+
+bool RequestChannel::receiveFrame(zmq::message_t& frame, bool& more, uint64_t& bytes)
+{
+    if (!Frames::receiveFrame(mSocket, frame, more))
+        return false;
+    bytes += Connection::wireSize(frame.size());
+    return true;
 }
 
 void RequestChannel::reply(const std::string& connection, const std::string& text)
@@ -44,13 +64,21 @@ std::vector<std::string> RequestChannel::updateConnections()
     std::vector<std::string> closed;
     while (const std::optional<ConnectionMonitor::Event> event = mMonitor.next())
     {
+        if (event->kind == ConnectionMonitor::Event::Kind::Accepted)
+            mPeers[event->descriptor] = Peer();
         if (event->kind != ConnectionMonitor::Event::Kind::Closed)
             continue;
-        const auto connection = mConnections.find(event->descriptor);
-        if (connection == mConnections.end())
+        const auto peer = mPeers.find(event->descriptor);
+        if (peer == mPeers.end())
             continue;
-        closed.push_back(connection->second);
-        mConnections.erase(connection);
+        if (!peer->second.connection.empty())
+            closed.push_back(peer->second.connection);
+        mPeers.erase(peer);
     }
     return closed;
+}
+
+bool RequestChannel::cutOffEndless()
+{
+    return Unfinished::cutOffEndless(mPeers, "request", mLimits.messageBytes, mRefusals);
 }

@@ -1,6 +1,7 @@
 #ifndef BROKER_REQUESTCHANNEL_H
 #define BROKER_REQUESTCHANNEL_H
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
@@ -8,17 +9,21 @@
 #include <zmq.hpp>
 
 #include "broker/ConnectionMonitor.h"
+#include "broker/Sockets.h"
+#include "broker/Unfinished.h"
 
 /// The socket on which requests arrive and are answered.
 class RequestChannel
 {
 public:
-    RequestChannel(zmq::context_t& context, const std::string& endpoint);
+    RequestChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
+                   Refusals& refusals);
 
     struct Request
     {
         std::string connection;          ///< whom to answer
         std::optional<std::string> text; ///< nothing: it was too long, or its envelope was not a request's
+        bool tooLong = false;
     };
 
     /// The next request, if one is there.
@@ -30,14 +35,31 @@ public:
     /// Takes note of connections made and closed, and returns those that have spoken and are closed now.
     std::vector<std::string> updateConnections();
 
+    /// Cuts off who sends a message that does not end. True if somebody is in the middle of a long one. To be
+    /// called now and then.
+    bool cutOffEndless();
+
+    /// Takes over changed limits.
+    void applyLimits() { Sockets::setLimits(mSocket, mLimits); }
+
     int peers() const { return mMonitor.peers(); }
     zmq::socket_t& pollable() { return mSocket; }
     zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
 
 private:
+    struct Peer
+    {
+        std::string connection; ///< empty: has not spoken yet
+        Unfinished unfinished;
+    };
+
+    bool receiveFrame(zmq::message_t& frame, bool& more, uint64_t& bytes);
+
+    const Limits& mLimits;
+    Refusals& mRefusals;
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
-    std::map<int, std::string> mConnections; // by descriptor: those that have spoken
+    std::map<int, Peer> mPeers; // by descriptor
 };
 
 #endif

@@ -2,15 +2,23 @@
 
 #include <stdexcept>
 
-#include "broker/Frames.h"
-
-zmq::socket_t Sockets::make(zmq::context_t& context, zmq::socket_type type)
+zmq::socket_t Sockets::make(zmq::context_t& context, zmq::socket_type type, const Limits& limits)
 {
     zmq::socket_t socket(context, type);
-    socket.set(zmq::sockopt::linger,
-               1000); // what was answered or published just before the end still goes out
-    socket.set(zmq::sockopt::maxmsgsize, static_cast<int64_t>(Frames::maxMessageBytes));
+    // What was answered or published just before the end still goes out.
+    socket.set(zmq::sockopt::linger, 1000);
+    // Who connects and does not speak the protocol within this time is disconnected.
+    socket.set(zmq::sockopt::handshake_ivl, 5000);
+    setLimits(socket, limits);
     return socket;
+}
+
+void Sockets::setLimits(zmq::socket_t& socket, const Limits& limits)
+{
+    // What is somewhat too long is received and refused, so that it can be told. A frame that is announced to
+    // be much longer ends its connection, before memory is taken for it.
+    constexpr int64_t somewhat = 4;
+    socket.set(zmq::sockopt::maxmsgsize, somewhat * static_cast<int64_t>(limits.messageBytes));
 }
 
 void Sockets::bind(zmq::socket_t& socket, const std::string& endpoint)

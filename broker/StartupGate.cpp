@@ -6,7 +6,8 @@ bool StartupGate::hold(const Connection& connection, TimePoint now)
 {
     if (mLetThrough.count(connection) != 0)
         return false;
-    mHeld.push_back({connection, now});
+    if (mHeld.size() < mostHeld)
+        mHeld.push_back({connection, now});
     return true;
 }
 

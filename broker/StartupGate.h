@@ -24,6 +24,10 @@ public:
     static constexpr std::chrono::milliseconds settleTime{8};
     static constexpr std::chrono::milliseconds longestHold{1000};
 
+    /// So many are held at a time. A client sends no second Sync before it has its answer, so the more come
+    /// from one that floods; it gets an answer to the first of them.
+    static constexpr std::size_t mostHeld = 10000;
+
     /// Identifies a request connection: its routing id.
     using Connection = std::string;
 

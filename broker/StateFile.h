@@ -2,29 +2,14 @@
 #define BROKER_STATEFILE_H
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "broker/Clock.h"
+#include "broker/Database.h"
 #include "broker/Options.h"
-#include "statusmanager/StatusTypes.h"
-
-/// What the device holds, or what of it has changed: as it is kept over a restart of the broker.
-struct SavedState
-{
-    struct Timer
-    {
-        uint64_t accumulated = 0; ///< microseconds, without the span under way
-        uint64_t spanStart = 0;   ///< of the span under way, microseconds of the monotonic clock; 0: stopped
-        uint64_t lastStarted = 0; ///< microseconds since the Unix epoch; 0: never
-    };
-
-    StatusMap values;
-    std::map<std::string, Timer> timers;
-    std::map<std::string, uint32_t> counters;
-
-    bool empty() const { return values.empty() && timers.empty() && counters.empty(); }
-};
+#include "broker/SavedState.h"
 
 /// The moment of this boot: running timers go on over a restart of the broker, not over one of the device.
 struct BootMoment
@@ -35,22 +20,50 @@ struct BootMoment
     static BootMoment now();
 };
 
-/// Keeps the state in an SQLite database.
+/// Keeps the state in an SQLite database, so that a broker that is started again goes on where the last one
+/// was ended or killed.
+///
+/// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read is moved
+/// aside and never overwritten. Where nothing can be written, that is logged, tried again, and logged when it
+/// works again; what has not been written is remembered until then.
 class StateFile
 {
 public:
-    StateFile(const std::string& path, StateSync sync, const std::vector<std::string>& keys);
+    /// @param keys globs of the names that are kept; none: all
+    StateFile(std::string path, StateSync sync, std::vector<std::string> keys);
     ~StateFile();
 
+    StateFile(const StateFile&) = delete;
+    StateFile& operator=(const StateFile&) = delete;
+
+    /// What was kept. To be called once, before the first commit. Timers that ran in another boot are stopped
+    /// at what they had.
     SavedState load(const BootMoment& now = BootMoment::now());
+
+    /// Keeps what has changed, and that time has gone on to now. When it returns, and writing works, a broker
+    /// that is killed does not take it back.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
-    uint64_t commits() const;
-    uint64_t errors() const;
+    uint64_t commits() const { return mCommits; }
+    uint64_t errors() const { return mErrors; }
 
 private:
-    class Implementation;
-    std::unique_ptr<Implementation> mImplementation;
+    bool isKept(const std::string& name) const;
+    bool open();
+    void moveAside(const std::string& reason);
+    void write(const BootMoment& now);
+    void succeeded();
+    void failed(const std::string& reason);
+
+    std::string mPath;
+    StateSync mSync;
+    std::vector<std::string> mKeys;
+    std::unique_ptr<Database> mDatabase; // null while it cannot be opened
+    SavedState mPending;                 // changed and not written yet
+    TimePoint mNextAttempt{};            // when it fails
+    bool mFails = false;
+    uint64_t mCommits = 0;
+    uint64_t mErrors = 0;
 };
 
 #endif

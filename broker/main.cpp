@@ -1,68 +1,82 @@
-#include <CLI/CLI.hpp>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <sys/signalfd.h>
-#include <system_error>
-#include <unistd.h>
+#include <string>
 
 #include "broker/Broker.h"
+#include "broker/CommandLine.h"
+#include "broker/Signals.h"
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
 
 namespace
 {
 
-// SIGTERM and SIGINT as something to poll. Blocked before any thread is started, so that none gets them.
-class StopSignals
+// What the environment says about single files goes over the level for all.
+void setLogLevel(int level)
 {
-public:
-    StopSignals()
+    ov_log_configure(("*=" + std::to_string(level)).c_str());
+    if (const char* environment = getenv("OV_LOG"))
+        ov_log_configure(environment);
+}
+
+void reload(const CommandLine& commandLine, Broker& broker)
+{
+    try
     {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGINT);
-        sigprocmask(SIG_BLOCK, &signals, nullptr);
-        mDescriptor = signalfd(-1, &signals, SFD_CLOEXEC);
-        if (mDescriptor == -1)
-            throw std::system_error(errno, std::generic_category(), "signalfd");
+        const Options options = commandLine.readOptions();
+        setLogLevel(options.logLevel);
+        broker.setLimits(options.limits);
+        OV_LOG(5, "Took over limits and log level");
     }
-    ~StopSignals() { close(mDescriptor); }
+    catch (const ConfigError& error)
+    {
+        OV_LOG(0, "Keeping the options: %s", error.what());
+    }
+}
 
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-
-    int descriptor() const { return mDescriptor; }
-
-private:
-    int mDescriptor;
-};
-
-void run(const Broker::Options& options)
+void serve(const CommandLine& commandLine, const Options& options)
 {
-    const StopSignals stop;
+    Signals signals;
     Broker broker(options);
-    broker.run(stop.descriptor());
+    for (;;)
+    {
+        broker.serveUntil(signals.descriptor());
+        const int signal = signals.take();
+        if (signal == SIGHUP)
+            reload(commandLine, broker);
+        else if (signal != 0)
+            break;
+    }
+    broker.finish();
+}
+
+void run(const CommandLine& commandLine)
+{
+    const Options options = commandLine.readOptions();
+    if (commandLine.isCheck())
+    {
+        puts("statusbroker: configuration is good");
+        return;
+    }
+    setLogLevel(options.logLevel);
+    serve(commandLine, options);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    CLI::App app(
-        "The broker of the status manager: holds the status values, timers and counters of this device "
-        "and passes changes on to all clients. Serves 127.0.0.1, ports 5555 to 5557.",
-        "statusbroker");
-    Broker::Options options;
-    app.add_flag("--allow-set-time", options.allowSetTime,
-                 "Let clients set the system clock (takes CAP_SYS_TIME)");
-    app.set_version_flag("--version", "statusbroker " STATUSBROKER_VERSION);
-    CLI11_PARSE(app, argc, argv);
-
     signal(SIGPIPE, SIG_IGN); // whoever reads our log may go away
     try
     {
-        run(options);
+        run(CommandLine(argc, argv));
+    }
+    catch (const CommandLine::Exit& exit)
+    {
+        return exit.code;
     }
     catch (const std::exception& exception)
     {

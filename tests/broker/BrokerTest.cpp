@@ -6,6 +6,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
+#include "broker/Refusals.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 
@@ -25,6 +26,8 @@ std::string valueReply(const std::string& value)
 class BrokerTest : public testing::Test
 {
 protected:
+    uint64_t statistic(const std::string& name) { return brokerStatistic(requester, name); }
+
     BrokerProcess broker;
     RawPoster poster;
     RawRequester requester;
@@ -115,7 +118,7 @@ TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
     RawPoster poster;
     RawRequester requester;
     requester.ask(valueRequest("k")); // connected
-    broker.process().suspend(); // both arrive while it cannot look
+    broker.process().suspend();       // both arrive while it cannot look
     poster.post(R"({"postStatus":{"k":"last"}})");
     requester.send({valueRequest("k")});
     ASSERT_TRUE(eventually([] { return hasUnreadBytes(5555) && hasUnreadBytes(5556); }));
@@ -295,12 +298,13 @@ TEST_F(BrokerTest, malformedRequestsAreAnsweredAtOnceWithAnEmptyObject)
         "sync",
         "SyncAck",
         std::string(100000, '['),
-        std::string(2 * 1024 * 1024 / 2, 'x'),
+        std::string(1024 * 1024, 'x'),
     };
     for (const std::string& request : malformed)
         EXPECT_EQ(requester.ask(request), "{}") << request.substr(0, 60);
     EXPECT_EQ(requester.ask(valueRequest("k")), valueReply(""));
-    EXPECT_EQ(linesWith(broker.process().errors(), "Malformed request"), malformed.size());
+    EXPECT_EQ(statistic("malformed.requests"), malformed.size());
+    EXPECT_EQ(linesWith(broker.process().errors(), "Malformed request"), Refusals::linesPerWindow);
 }
 
 TEST_F(BrokerTest, aRequestThatIsTooLongOverItsFramesIsRefused)
@@ -347,7 +351,8 @@ TEST_F(BrokerTest, malformedPostsAreLoggedAndChangeNothing)
         poster.post(post);
     EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), R"({"k":"good"})");
     EXPECT_EQ(requester.ask(R"({"getCounterValue":"c"})"), "0");
-    EXPECT_EQ(linesWith(broker.process().errors(), "Malformed post"), malformed.size());
+    EXPECT_EQ(statistic("malformed.posts"), malformed.size());
+    EXPECT_EQ(linesWith(broker.process().errors(), "Malformed post"), Refusals::linesPerWindow);
 }
 
 TEST_F(BrokerTest, aPostThatIsTooLongOverItsFramesIsRefused)

@@ -19,12 +19,15 @@ protected:
 
     std::string ask(const char* key, const std::string& name)
     {
-        return state.answer(*BrokerProtocol::readRequest(BrokerProtocol::writeText(key, name)));
+        return state.answer(*BrokerProtocol::readRequest(BrokerProtocol::writeText(key, name)))
+            .value_or("refused");
     }
 
     uint64_t elapsed(const std::string& name) { return std::stoull(ask(Key::getTimerElapsed, name)); }
 
-    DeviceState state;
+    Limits limits;
+    Refusals refusals;
+    DeviceState state{limits, refusals};
 };
 
 } // namespace

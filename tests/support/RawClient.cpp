@@ -1,5 +1,7 @@
 #include "tests/support/RawClient.h"
 
+#include <gtest/gtest.h>
+
 #include <stdexcept>
 
 namespace
@@ -70,6 +72,18 @@ std::string RawRequester::ask(const std::string& request)
 {
     send({request});
     return joined(receive());
+}
+
+uint64_t brokerStatistic(RawRequester& requester, const std::string& name)
+{
+    const std::string text = requester.ask(R"({"getBrokerStatistics":"null"})");
+    const std::size_t at = text.find("\"" + name + "\":");
+    if (at == std::string::npos)
+    {
+        ADD_FAILURE() << "no \"" << name << "\" in " << text;
+        return 0;
+    }
+    return std::stoull(text.substr(at + name.size() + 3));
 }
 
 RawPoster::RawPoster() : mSocket(context(), zmq::socket_type::pub)

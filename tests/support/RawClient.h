@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_RAWCLIENT_H
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -29,6 +30,9 @@ public:
 private:
     zmq::socket_t mSocket;
 };
+
+/// One of the numbers that the broker counts about itself. Fails the test if it is not there.
+uint64_t brokerStatistic(RawRequester& requester, const std::string& name);
 
 /// Posts on the post port. Its constructor returns when the broker's subscription has arrived, so nothing is
 /// lost.

@@ -1,0 +1,32 @@
+#ifndef BROKER_CONNECTION_H
+#define BROKER_CONNECTION_H
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+/// What the kernel tells about a TCP connection of libzmq's, named by its descriptor. The descriptor belongs
+/// to libzmq's I/O thread, which may close it at any time; so it is only asked and shut down here, and
+/// whoever does that must know from the ConnectionMonitor that it is still the connection meant.
+namespace Connection
+{
+
+/// Bytes that have arrived, what nobody has read yet included; nothing if the descriptor has just been
+/// closed.
+std::optional<uint64_t> bytesArrived(int descriptor);
+
+/// Bytes that have arrived and been read.
+std::optional<uint64_t> bytesRead(int descriptor);
+
+/// Bytes that have been handed to the kernel for sending.
+std::optional<uint64_t> bytesHandedOver(int descriptor);
+
+/// Ends the connection. libzmq notices and closes it; a peer of the library's connects again by itself.
+void cut(int descriptor);
+
+/// Bytes of a frame on the connection, with its header.
+uint64_t wireSize(std::size_t payload);
+
+} // namespace Connection
+
+#endif

@@ -1,0 +1,91 @@
+#include "broker/Statistics.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <json/json.h>
+#include <limits>
+#include <sys/resource.h>
+#include <unistd.h>
+
+// ---- Ranges: four to each doubling, from 1 microsecond on.
+
+std::size_t Durations::rangeOf(uint64_t microseconds)
+{
+    if (microseconds < 4)
+        return static_cast<std::size_t>(microseconds);
+    unsigned doublings = 0;
+    while (microseconds >= 8)
+    {
+        microseconds >>= 1U;
+        ++doublings;
+    }
+    return std::min<std::size_t>(ranges - 1, 4 * doublings + microseconds);
+}
+
+uint64_t Durations::upperEnd(std::size_t range)
+{
+    if (range < 4)
+        return range;
+    const std::size_t doublings = (range - 4) / 4;
+    const uint64_t first = 4 + (range - 4) % 4;
+    return ((first + 1) << doublings) - 1;
+}
+
+void Durations::add(uint64_t microseconds)
+{
+    ++mCounts[rangeOf(microseconds)];
+    ++mCount;
+    mLongest = std::max(mLongest, microseconds);
+}
+
+uint64_t Durations::percentile(unsigned percent) const
+{
+    const uint64_t wanted = (mCount * percent + 99) / 100;
+    uint64_t sofar = 0;
+    for (std::size_t range = 0; range < ranges; ++range)
+    {
+        sofar += mCounts[range];
+        if (sofar >= wanted && sofar != 0)
+            return std::min(upperEnd(range), mLongest);
+    }
+    return 0;
+}
+
+bool Statistics::isRequest(std::string_view text)
+{
+    return text == R"({"getBrokerStatistics":"null"})";
+}
+
+std::string Statistics::write(const Numbers& numbers)
+{
+    Json::Value root(Json::objectValue);
+    for (const auto& [name, number] : numbers)
+        root[name] = static_cast<Json::UInt64>(number);
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, root);
+}
+
+void Statistics::addVersion(Numbers& numbers)
+{
+    numbers["version.major"] = STATUSBROKER_VERSION_MAJOR;
+    numbers["version.minor"] = STATUSBROKER_VERSION_MINOR;
+    numbers["version.patch"] = STATUSBROKER_VERSION_PATCH;
+}
+
+void Statistics::addProcess(Numbers& numbers)
+{
+    std::error_code error;
+    const std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
+    numbers["descriptors.open"] = static_cast<uint64_t>(std::distance(begin(descriptors), end(descriptors)));
+
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    numbers["descriptors.limit"] = limit.rlim_cur;
+
+    uint64_t pages = 0;
+    std::ifstream memory("/proc/self/statm");
+    memory >> pages >> pages; // all, then the resident ones
+    numbers["memory.rss"] = pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+}

@@ -1,0 +1,52 @@
+#ifndef BROKER_STATISTICS_H
+#define BROKER_STATISTICS_H
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+/// How long something took, over many times.
+class Durations
+{
+public:
+    void add(uint64_t microseconds);
+
+    uint64_t longest() const { return mLongest; }
+
+    /// In microseconds, as the upper end of a range that is at most a quarter wide; 0 when there were none.
+    uint64_t percentile(unsigned percent) const;
+
+private:
+    static constexpr std::size_t ranges = 128;
+
+    static std::size_t rangeOf(uint64_t microseconds);
+    static uint64_t upperEnd(std::size_t range);
+
+    std::array<uint64_t, ranges> mCounts{};
+    uint64_t mCount = 0;
+    uint64_t mLongest = 0;
+};
+
+/// What the broker counts about itself. It is asked for with a request of its own,
+/// {"getBrokerStatistics":"null"}, and answered with an object of numbers; none of it is a status value.
+namespace Statistics
+{
+
+using Numbers = std::map<std::string, uint64_t>;
+
+/// Whether this is the request.
+bool isRequest(std::string_view text);
+
+std::string write(const Numbers& numbers);
+
+/// The version of this program.
+void addVersion(Numbers& numbers);
+
+/// What the kernel knows about this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
+void addProcess(Numbers& numbers);
+
+} // namespace Statistics
+
+#endif

@@ -1,0 +1,77 @@
+#include "broker/Subscribers.h"
+
+#include <algorithm>
+
+void Subscribers::subscribed(int descriptor, uint64_t handedOver, TimePoint now)
+{
+    mSubscribers[descriptor] = {handedOver - mPublished, mPublished, mPublished, now};
+}
+
+void Subscribers::left(int descriptor)
+{
+    mSubscribers.erase(descriptor);
+}
+
+void Subscribers::published(uint64_t wireBytes, uint64_t revision)
+{
+    mPublished += wireBytes;
+    mSinceLook += wireBytes + messageOverhead;
+    if (mSubscribers.empty())
+        mKnownRevision = revision;
+    else
+        mWaiting.push_back({mPublished, revision});
+}
+
+bool Subscribers::lookIsDue() const
+{
+    constexpr uint64_t looksPerLimit = 8;
+    return mSinceLook >= mLimits.notifyBytes / looksPerLimit;
+}
+
+void Subscribers::judge(int descriptor, Subscriber& subscriber, uint64_t handedOver, TimePoint now,
+                        Verdict& verdict)
+{
+    // What was sent between its subscription and the notice of it was not counted.
+    if (handedOver - subscriber.origin > mPublished)
+        subscriber.origin = handedOver - mPublished;
+    subscriber.taken = handedOver - subscriber.origin;
+
+    const auto first = firstWaiting(subscriber);
+    const auto waiting = static_cast<uint64_t>(mWaiting.end() - first);
+    if (subscriber.taken - subscriber.mark >= progress || waiting == 0)
+    {
+        subscriber.mark = subscriber.taken;
+        subscriber.markTime = now;
+    }
+    if (mPublished - subscriber.taken + waiting * messageOverhead <= mLimits.notifyBytes)
+        return;
+    if (now - subscriber.markTime < patience)
+    {
+        verdict.wait = true;
+        return;
+    }
+    const uint64_t known = first == mWaiting.begin() ? mKnownRevision : std::prev(first)->revision;
+    verdict.hopeless.push_back({descriptor, waiting, known});
+}
+
+// The first notification that has not been handed over whole.
+std::deque<Subscribers::Notification>::const_iterator
+Subscribers::firstWaiting(const Subscriber& subscriber) const
+{
+    return std::upper_bound(mWaiting.begin(), mWaiting.end(), subscriber.taken,
+                            [](uint64_t taken, const Notification& notification)
+                            { return taken < notification.end; });
+}
+
+void Subscribers::forgetTaken()
+{
+    uint64_t takenByAll = mPublished;
+    for (const auto& [descriptor, subscriber] : mSubscribers)
+        takenByAll = std::min(takenByAll, subscriber.taken);
+    while (!mWaiting.empty() && mWaiting.front().end <= takenByAll)
+    {
+        mKnownRevision = mWaiting.front().revision;
+        mWaiting.pop_front();
+    }
+    mSinceLook = 0;
+}

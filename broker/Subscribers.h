@@ -1,0 +1,100 @@
+#ifndef BROKER_SUBSCRIBERS_H
+#define BROKER_SUBSCRIBERS_H
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <vector>
+
+#include "broker/Clock.h"
+#include "broker/Options.h"
+
+/// How far each subscriber is behind what has been published.
+///
+/// libzmq queues notifications for each subscriber and tells nothing about it: it either drops silently for a
+/// slow one or refuses to send to all. But what it has taken out of a queue it has handed to the kernel, and
+/// the kernel counts. The difference to what has been published is what waits in the broker's memory.
+///
+/// A subscriber that is behind by more than the limit is waited for while it keeps taking; so one that is
+/// only slower than a burst loses nothing. One that does not take is hopeless: it is to be cut off, which
+/// frees the memory, and when it is back it connects again and is told of all changes that it missed.
+class Subscribers
+{
+public:
+    /// Waited for is whoever takes this much in this time.
+    static constexpr uint64_t progress = uint64_t{64} * 1024;
+    static constexpr std::chrono::milliseconds patience{50};
+
+    /// What a waiting message takes beside its bytes, about.
+    static constexpr uint64_t messageOverhead = 128;
+
+    explicit Subscribers(const Limits& limits) : mLimits(limits) {}
+
+    /// @param handedOver bytes handed to the kernel for it so far
+    void subscribed(int descriptor, uint64_t handedOver, TimePoint now);
+    void left(int descriptor);
+
+    /// @param wireBytes what was sent to each of them
+    /// @param revision  of the state that the notification brings its receivers to
+    void published(uint64_t wireBytes, uint64_t revision);
+
+    /// Whether enough has been published to look again.
+    bool lookIsDue() const;
+
+    struct Hopeless
+    {
+        int descriptor;
+        uint64_t lostNotifications;
+        uint64_t knownRevision; ///< of the last notification that it can still receive
+    };
+
+    struct Verdict
+    {
+        bool wait = false; ///< somebody is behind, but taking
+        std::vector<Hopeless> hopeless;
+    };
+
+    /// @param handedOver tells what has been handed over to a descriptor; nothing if that is closed
+    template <typename HandedOver>
+    Verdict look(HandedOver handedOver, TimePoint now)
+    {
+        Verdict verdict;
+        for (auto& [descriptor, subscriber] : mSubscribers)
+        {
+            if (const auto bytes = handedOver(descriptor))
+                judge(descriptor, subscriber, *bytes, now, verdict);
+        }
+        forgetTaken();
+        return verdict;
+    }
+
+    std::size_t size() const { return mSubscribers.size(); }
+
+private:
+    struct Notification
+    {
+        uint64_t end; ///< position behind it in all that was published
+        uint64_t revision;
+    };
+
+    struct Subscriber
+    {
+        uint64_t origin; ///< bytes handed over for it before position 0; wraps
+        uint64_t taken;  ///< position up to which it has been handed over
+        uint64_t mark;   ///< position at markTime
+        TimePoint markTime;
+    };
+
+    void judge(int descriptor, Subscriber& subscriber, uint64_t handedOver, TimePoint now, Verdict& verdict);
+    std::deque<Notification>::const_iterator firstWaiting(const Subscriber& subscriber) const;
+    void forgetTaken();
+
+    const Limits& mLimits;
+    std::map<int, Subscriber> mSubscribers; // by descriptor
+    std::deque<Notification> mWaiting;      // those that somebody may not have been handed yet
+    uint64_t mKnownRevision = 0;            // of the last one that is not among them
+    uint64_t mPublished = 0;
+    uint64_t mSinceLook = 0; // bytes published since the last look
+};
+
+#endif
