@@ -658,8 +658,12 @@ void StatusManager::updateSystemTime(uint32_t seconds)
 
 bool StatusManager::sync(int timeoutMs)
 {
-    if (mThread.isThreadCurrent())
-        return true;
-    auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, bool, int>(this, &StatusManager::sync, timeoutMs);
-    return agent->send(&mThread);
+    if (!mThread.isThreadCurrent())
+    {
+        auto* agent =
+            OV_NEW SyncRetEventAgent1<StatusManager, bool, int>(this, &StatusManager::sync, timeoutMs);
+        return agent->send(&mThread);
+    }
+    OV_TRACE(7);
+    return true; // all that was queued before has been done
 }

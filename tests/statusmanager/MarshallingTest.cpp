@@ -200,6 +200,30 @@ TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
         });
 }
 
+class Traced : public testing::TestWithParam<Operation>
+{
+};
+
+TEST_P(Traced, onTheManagersThreadWhereverItIsCalled)
+{
+    TestManager manager;
+    const LogCapture log("StatusManager=7:40000000");
+    GetParam().call(manager);
+    manager.onThread([] {}); // behind what was queued
+    const std::string name = std::string("::") + GetParam().name + "(";
+    std::size_t begins = 0;
+    std::size_t ends = 0;
+    for (const LogLine& line : log.lines())
+    {
+        begins += line.text == "begin" && line.function.find(name) != std::string::npos ? 1 : 0;
+        ends += line.text == "end" && line.function.find(name) != std::string::npos ? 1 : 0;
+    }
+    EXPECT_GE(begins, 1U);
+    EXPECT_EQ(ends, begins);
+}
+
+INSTANTIATE_TEST_SUITE_P(QueuedOperations, Traced, testing::ValuesIn(queuedOperations));
+INSTANTIATE_TEST_SUITE_P(WaitingOperations, Traced, testing::ValuesIn(waitingOperations));
 INSTANTIATE_TEST_SUITE_P(Operations, Queued, testing::ValuesIn(queuedOperations));
 INSTANTIATE_TEST_SUITE_P(Operations, Waiting, testing::ValuesIn(waitingOperations));
 
