@@ -215,8 +215,8 @@ TEST_P(Traced, onTheManagersThreadWhereverItIsCalled)
     std::size_t ends = 0;
     for (const LogLine& line : log.lines())
     {
-        begins += line.text == "begin" && line.function.find(name) != std::string::npos ? 1 : 0;
-        ends += line.text == "end" && line.function.find(name) != std::string::npos ? 1 : 0;
+        begins += line.text == "begin" && line.function.find(name) != std::string::npos ? 1U : 0U;
+        ends += line.text == "end" && line.function.find(name) != std::string::npos ? 1U : 0U;
     }
     EXPECT_GE(begins, 1U);
     EXPECT_EQ(ends, begins);
