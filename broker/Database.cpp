@@ -55,7 +55,9 @@ Database::Database(const std::string& path, StateSync sync) : mDatabase(openFile
 {
     if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
         fail("open");
+    foldInOnClose(false); // what cannot be read is left as it is
     setUp(sync);
+    foldInOnClose(true);
     mWriteValue = prepare("INSERT OR REPLACE INTO value VALUES (?, ?)");
     mWriteTimer = prepare("INSERT OR REPLACE INTO timer VALUES (?, ?, ?, ?)");
     mWriteCounter = prepare("INSERT OR REPLACE INTO counter VALUES (?, ?)");
@@ -63,6 +65,12 @@ Database::Database(const std::string& path, StateSync sync) : mDatabase(openFile
 }
 
 Database::~Database() = default;
+
+// Whether closing writes what is in the log beside the file into the file, and deletes the log.
+void Database::foldInOnClose(bool does)
+{
+    sqlite3_db_config(mDatabase.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, does ? 0 : 1, nullptr);
+}
 
 void Database::setUp(StateSync sync)
 {
@@ -102,6 +110,7 @@ void Database::checkIntegrity()
 
 Database::Contents Database::read()
 {
+    foldInOnClose(false);
     Contents contents;
     const auto forEachRow = [this](const char* sql, auto take)
     {
@@ -133,6 +142,7 @@ Database::Contents Database::read()
                    contents.bootId = bytesOf(row, 0);
                    contents.microseconds = numberOf(row, 1, mostNumber);
                });
+    foldInOnClose(true);
     return contents;
 }
 

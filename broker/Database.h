@@ -66,6 +66,7 @@ private:
     void bind(sqlite3_stmt* statement, int index, uint64_t number);
     void run(sqlite3_stmt* statement);
     uint64_t numberOf(const char* pragma);
+    void foldInOnClose(bool does);
     void setUp(StateSync sync);
     void checkIntegrity();
     void writeRows(const SavedState& changes, const std::string& bootId, uint64_t microseconds);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/Wait.h"
 
 namespace Key = BrokerProtocol::Key;
@@ -119,4 +120,139 @@ TEST_F(DeviceStateTest, startingARunningTimerKeepsTheTimeOfItsStart)
     EXPECT_EQ(ask(Key::getTimerLastStarted, "t"), started);
     post(R"({"restartTimer":"t"})");
     EXPECT_NE(ask(Key::getTimerLastStarted, "t"), started);
+}
+
+// -------------------------------------------------------------------------------------------------- limits
+
+namespace
+{
+
+class DeviceLimits : public DeviceStateTest
+{
+protected:
+    DeviceLimits()
+    {
+        limits.keys = 2;
+        limits.keyBytes = 5;
+        limits.valueBytes = 10;
+        limits.storedBytes = 20;
+        limits.timers = 1;
+        limits.counters = 1;
+    }
+
+    std::string value(const std::string& key) { return state.answer(valueRequest(key)).value_or("refused"); }
+
+    static BrokerProtocol::Command valueRequest(const std::string& key)
+    {
+        return *BrokerProtocol::readRequest(BrokerProtocol::writeText(Key::getClientInfoValue, key));
+    }
+
+    const LogCapture log;
+};
+
+} // namespace
+
+TEST_F(DeviceLimits, aKeyTooManyIsRefusedAndTheRestApplied)
+{
+    EXPECT_EQ(post(R"({"postStatus":{"a":"1","b":"1","c":"1"}})"), R"({"statusUpdate":{"a":"1","b":"1"}})");
+    EXPECT_EQ(refusals.count(Refusal::Keys), 1U);
+    EXPECT_TRUE(log.has(2, "New name [c] refused, limit.keys is 2"));
+    EXPECT_EQ(post(R"({"resetStatus":["d"]})"), std::nullopt);
+    EXPECT_EQ(refusals.count(Refusal::Keys), 2U);
+    EXPECT_EQ(post(R"({"postStatus":{"a":"2","b":""}})"), R"({"statusUpdate":{"a":"2","b":""}})");
+    EXPECT_EQ(state.keys(), 2U);
+}
+
+TEST_F(DeviceLimits, aLongNameIsRefusedEverywhere)
+{
+    EXPECT_EQ(post(R"({"postStatus":{"12345":"1","123456":"1"}})"), R"({"statusUpdate":{"12345":"1"}})");
+    EXPECT_EQ(post(R"({"resetStatus":["123456"]})"), std::nullopt);
+    EXPECT_EQ(post(R"({"postEvent":{"123456":"1"}})"), std::nullopt);
+    EXPECT_EQ(post(R"({"startTimer":"123456"})"), std::nullopt);
+    EXPECT_EQ(post(R"({"setCounterValue":{"123456":1}})"), std::nullopt);
+    EXPECT_EQ(ask(Key::incrementCounter, "123456"), "refused");
+    EXPECT_EQ(refusals.count(Refusal::KeyBytes), 6U);
+    EXPECT_TRUE(log.has(2, "Name [123456...] of 6 bytes refused, the limit is 5"));
+}
+
+TEST_F(DeviceLimits, aLongValueIsRefusedAndTheOldOneStays)
+{
+    post(R"({"postStatus":{"a":"1234567890"}})");
+    EXPECT_EQ(post(R"({"postStatus":{"a":"12345678901"}})"), std::nullopt);
+    EXPECT_EQ(post(R"({"postEvent":{"e":"12345678901"}})"), std::nullopt);
+    EXPECT_EQ(value("a"), R"({"statusValue":"1234567890"})");
+    EXPECT_EQ(refusals.count(Refusal::ValueBytes), 2U);
+    EXPECT_TRUE(log.has(2, "Value of [a] of 11 bytes refused, the limit is 10"));
+}
+
+TEST_F(DeviceLimits, allBytesTogetherAreLimited)
+{
+    post(R"({"postStatus":{"a":"123456789"}})"); // 10 with its key
+    EXPECT_EQ(post(R"({"postStatus":{"b":"1234567890"}})"), std::nullopt);
+    EXPECT_EQ(refusals.count(Refusal::StoredBytes), 1U);
+    EXPECT_NE(post(R"({"postStatus":{"b":"123456789"}})"), std::nullopt);
+    EXPECT_EQ(state.storedBytes(), 20U);
+    EXPECT_EQ(post(R"({"postStatus":{"b":"1234567890"}})"), std::nullopt);
+    EXPECT_NE(post(R"({"postStatus":{"b":"987654321"}})"), std::nullopt) << "no longer than before";
+    post(R"({"postStatus":{"a":""}})");
+    EXPECT_EQ(state.storedBytes(), 11U);
+}
+
+TEST_F(DeviceLimits, timersAndCountersTooManyAreRefused)
+{
+    post(R"({"startTimer":"t"})");
+    post(R"({"startTimer":"u"})");
+    post(R"({"stopTimer":"t"})");
+    EXPECT_EQ(refusals.count(Refusal::Timers), 1U);
+    EXPECT_EQ(state.timers(), 1U);
+    EXPECT_EQ(ask(Key::incrementCounter, "c"), "1");
+    EXPECT_EQ(ask(Key::incrementCounter, "d"), "refused");
+    EXPECT_EQ(ask(Key::incrementCounter, "c"), "2");
+    EXPECT_EQ(refusals.count(Refusal::Counters), 1U);
+}
+
+TEST_F(DeviceLimits, askingMakesNothing)
+{
+    for (const char* key : {Key::getTimerElapsed, Key::getTimerLastStarted, Key::getCounterValue})
+        for (const char* name : {"a", "b", "c"})
+            EXPECT_EQ(ask(key, name), "0");
+    EXPECT_EQ(state.timers() + state.counters() + state.keys(), 0U);
+}
+
+// ----------------------------------------------------------------------------------------- kept and restored
+
+TEST_F(DeviceStateTest, changesAreNotedFromItsRestorationOn)
+{
+    post(R"({"postStatus":{"before":"1"}})");
+    EXPECT_TRUE(state.takeChanges().empty());
+    state.restore({});
+    post(R"({"postStatus":{"a":"1","b":"1"}})");
+    post(R"({"postStatus":{"a":"2"}})");
+    post(R"({"startTimer":"t"})");
+    post(R"({"setCounterValue":{"c":5}})");
+    ask(Key::incrementCounter, "c");
+    const SavedState changes = state.takeChanges();
+    EXPECT_EQ(changes.values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+    EXPECT_NE(changes.timers.at("t").spanStart, 0U);
+    EXPECT_EQ(changes.counters, (std::map<std::string, uint32_t>{{"c", 6}}));
+    EXPECT_TRUE(state.takeChanges().empty());
+    post(R"({"postStatus":{"a":"2"}})");
+    EXPECT_TRUE(state.takeChanges().empty()) << "nothing has changed";
+}
+
+TEST_F(DeviceStateTest, goesOnWithWhatWasKept)
+{
+    SavedState saved;
+    saved.values = {{"a", "1"}};
+    saved.counters = {{"c", 7}};
+    saved.timers["stopped"] = {5000000, 0, 42};
+    state.restore(saved);
+    EXPECT_EQ(ask(Key::getClientInfoValue, "a"), R"({"statusValue":"1"})");
+    EXPECT_EQ(ask(Key::incrementCounter, "c"), "8");
+    EXPECT_EQ(ask(Key::getTimerElapsed, "stopped"), "5000000");
+    EXPECT_EQ(ask(Key::getTimerLastStarted, "stopped"), "42");
+    EXPECT_FALSE(state.hasRunningTimers());
+    EXPECT_EQ(state.storedBytes(), 2U);
+    post(R"({"startTimer":"stopped"})");
+    EXPECT_TRUE(state.hasRunningTimers());
 }

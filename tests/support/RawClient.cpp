@@ -1,7 +1,6 @@
 #include "tests/support/RawClient.h"
 
 #include <gtest/gtest.h>
-
 #include <stdexcept>
 
 namespace

@@ -1,0 +1,163 @@
+#include "broker/Subscribers.h"
+
+#include <gtest/gtest.h>
+#include <optional>
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+constexpr int first = 7;
+constexpr int second = 8;
+
+class SubscribersTest : public testing::Test
+{
+protected:
+    SubscribersTest() { limits.notifyBytes = 100000; }
+
+    void publish(int count, uint64_t bytes = 1000)
+    {
+        for (int number = 0; number < count; ++number)
+            subscribers.published(bytes, ++revision);
+    }
+
+    Subscribers::Verdict look()
+    {
+        return subscribers.look([this](int descriptor) { return std::optional(handedOver[descriptor]); },
+                                now);
+    }
+
+    Limits limits;
+    Subscribers subscribers{limits};
+    std::map<int, uint64_t> handedOver;
+    uint64_t revision = 0;
+    TimePoint now{1000s};
+};
+
+} // namespace
+
+TEST_F(SubscribersTest, oneThatTakesEverythingIsFine)
+{
+    subscribers.subscribed(first, 91, now);
+    for (int round = 0; round < 100; ++round)
+    {
+        publish(50);
+        handedOver[first] = 91 + static_cast<uint64_t>(round + 1) * 50000;
+        const auto verdict = look();
+        EXPECT_FALSE(verdict.wait);
+        EXPECT_TRUE(verdict.hopeless.empty());
+    }
+}
+
+TEST_F(SubscribersTest, whatWasPublishedBeforeDoesNotCount)
+{
+    publish(1000);
+    subscribers.subscribed(first, 91, now);
+    handedOver[first] = 91;
+    now += 1h;
+    EXPECT_TRUE(look().hopeless.empty());
+}
+
+TEST_F(SubscribersTest, oneThatIsBehindButTakingIsWaitedFor)
+{
+    subscribers.subscribed(first, 0, now);
+    publish(150);
+    for (uint64_t taken = 0; taken < 40; taken += 10)
+    {
+        handedOver[first] = taken * 1000;
+        EXPECT_TRUE(look().wait);
+        now += 7ms;
+    }
+    handedOver[first] = 70000;
+    const auto verdict = look();
+    EXPECT_FALSE(verdict.wait);
+    EXPECT_TRUE(verdict.hopeless.empty());
+}
+
+TEST_F(SubscribersTest, oneThatDoesNotTakeIsHopelessAfterAWhile)
+{
+    subscribers.subscribed(first, 0, now);
+    subscribers.subscribed(second, 0, now);
+    handedOver[first] = 0;
+    publish(150);
+    handedOver[second] = 150000;
+    EXPECT_TRUE(look().wait);
+    now += Subscribers::patience;
+    const auto verdict = look();
+    EXPECT_FALSE(verdict.wait);
+    ASSERT_EQ(verdict.hopeless.size(), 1U);
+    EXPECT_EQ(verdict.hopeless[0].descriptor, first);
+}
+
+TEST_F(SubscribersTest, whatItLosesIsCountedAndWhatItKnowsRemembered)
+{
+    subscribers.subscribed(first, 0, now);
+    publish(150);
+    handedOver[first] = 20500; // twenty, and a part of the next
+    now += 1s;
+    look();
+    now += 1s;
+    const auto verdict = look();
+    ASSERT_EQ(verdict.hopeless.size(), 1U);
+    EXPECT_EQ(verdict.hopeless[0].lostNotifications, 130U);
+    EXPECT_EQ(verdict.hopeless[0].knownRevision, 20U);
+}
+
+TEST_F(SubscribersTest, oneThatTookNothingKnowsWhatWasPublishedBeforeIt)
+{
+    publish(10);
+    subscribers.subscribed(first, 0, now);
+    handedOver[first] = 0;
+    publish(150);
+    now += 1s;
+    look();
+    now += 1s;
+    const auto verdict = look();
+    ASSERT_EQ(verdict.hopeless.size(), 1U);
+    EXPECT_EQ(verdict.hopeless[0].knownRevision, 10U);
+    EXPECT_EQ(verdict.hopeless[0].lostNotifications, 150U);
+}
+
+TEST_F(SubscribersTest, smallMessagesCountForWhatTheyTakeInMemory)
+{
+    subscribers.subscribed(first, 0, now);
+    handedOver[first] = 0;
+    publish(1000, 10); // 10,000 bytes, 138,000 with what is around them
+    now += 1s;
+    EXPECT_EQ(look().hopeless.size(), 1U);
+}
+
+TEST_F(SubscribersTest, whatWasSentBeforeItsSubscriptionWasNoticedDoesNotHelpIt)
+{
+    subscribers.subscribed(first, 0, now);
+    handedOver[first] = 5000; // more than has been published
+    look();
+    publish(150);
+    now += 1s;
+    look();
+    now += 1s;
+    const auto verdict = look();
+    ASSERT_EQ(verdict.hopeless.size(), 1U);
+    EXPECT_EQ(verdict.hopeless[0].lostNotifications, 150U);
+}
+
+TEST_F(SubscribersTest, aLookIsDueNowAndThen)
+{
+    subscribers.subscribed(first, 0, now);
+    EXPECT_FALSE(subscribers.lookIsDue());
+    publish(20);
+    EXPECT_TRUE(subscribers.lookIsDue());
+    look();
+    EXPECT_FALSE(subscribers.lookIsDue());
+}
+
+TEST_F(SubscribersTest, oneThatLeftIsForgotten)
+{
+    subscribers.subscribed(first, 0, now);
+    publish(150);
+    subscribers.left(first);
+    now += 1s;
+    EXPECT_TRUE(look().hopeless.empty());
+    EXPECT_EQ(subscribers.size(), 0U);
+}
