@@ -35,7 +35,7 @@ constexpr std::chrono::milliseconds longestFinish{400};
 constexpr std::chrono::milliseconds longestLastWait{500};
 
 // How often connections are looked at, and how often while one is in the middle of a long message.
-constexpr std::chrono::milliseconds lookPause{1000};
+constexpr std::chrono::milliseconds lookPause{250};
 constexpr std::chrono::milliseconds closeLookPause{20};
 
 // How often the state file is told that time goes on, while timers run.
@@ -47,6 +47,9 @@ constexpr std::chrono::seconds restartMemory{30};
 
 // What is published again goes out in messages of about this size.
 constexpr std::size_t announcementBytes = std::size_t{64} * 1024;
+
+// So much is collected, so that changes are kept together, before requests are answered.
+constexpr std::size_t replyBytes = std::size_t{256} * 1024;
 
 Limits within(Limits limits, std::size_t descriptors)
 {
@@ -319,14 +322,29 @@ void Broker::serveRequests()
     else
         awaitPosts(longestQueryWait, queryQuiet);
 
-    std::vector<std::optional<std::string>> answers;
-    answers.reserve(requests.size());
+    std::size_t bytes = 0;
     for (const RequestChannel::Request& request : requests)
-        answers.push_back(answer(request));
+    {
+        std::optional<std::string> text = answer(request);
+        if (!text)
+            continue;
+        bytes += text->size();
+        mReplies.push_back({request.connection, std::move(*text)});
+        if (bytes < replyBytes)
+            continue;
+        reply();
+        bytes = 0;
+    }
+    reply();
+}
+
+// What requests have changed is kept before they are answered.
+void Broker::reply()
+{
     settle();
-    for (std::size_t index = 0; index < requests.size(); ++index)
-        if (answers[index])
-            mRequests.reply(requests[index].connection, *answers[index]);
+    for (const Reply& reply : mReplies)
+        mRequests.reply(reply.connection, reply.text);
+    mReplies.clear();
 }
 
 void Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)

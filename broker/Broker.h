@@ -47,6 +47,12 @@ private:
         uint64_t revision;
     };
 
+    struct Reply
+    {
+        std::string connection;
+        std::string text;
+    };
+
     bool waitForWork(int descriptor);
     std::chrono::milliseconds untilNextTask() const;
     void doWhatIsDue();
@@ -60,6 +66,7 @@ private:
     void updateConnections();
     void serveRequests();
     void awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet);
+    void reply();
     std::optional<std::string> answer(const RequestChannel::Request& request);
     std::string refuse(const RequestChannel::Request& request);
     std::string statistics();
@@ -79,6 +86,7 @@ private:
     Supervisor mSupervisor;
 
     std::vector<Announcement> mAnnouncements; // to be published when the changes are kept
+    std::vector<Reply> mReplies;              // the same
     bool mSubscribersWait = false;            // for what they missed
     TimePoint mNextCatchUp{};
     TimePoint mNextHeartbeat{};

@@ -1,8 +1,10 @@
 // A process that uses the library, for tests with several of them.
+//
 //   post PREFIX COUNT   posts PREFIX.0 to PREFIX.COUNT-1 at once, says "posted", leaves at the end of its
 //   input set KEY VALUE       posts, waits until that has arrived, leaves leave KEY           posts and
 //   leaves at once, without waiting watch KEY           says KEY=VALUE for each update, leaves at the end of
-//   its input
+//   its input flood KEY           says "posting" and posts as fast as it can count KEY           posts 1, 2,
+//   3 and so on, each confirmed by a barrier, and says each when it is
 
 #include <cstdio>
 #include <cstdlib>
@@ -64,6 +66,30 @@ void watch(StatusManager& manager, const std::string& key)
     thread.stop(); // a callback may still be running on it
 }
 
+[[noreturn]] void flood(StatusManager& manager, const std::string& key)
+{
+    printf("posting\n");
+    fflush(stdout);
+    for (unsigned number = 0;; ++number)
+    {
+        manager.postStatus(key, std::to_string(number));
+        if (number % 1000 == 0)
+            manager.getCounterValue("none"); // so that the queue of its own thread does not grow
+    }
+}
+
+[[noreturn]] void count(StatusManager& manager, const std::string& key)
+{
+    for (unsigned number = 1;; ++number)
+    {
+        manager.postStatus(key, std::to_string(number));
+        if (!manager.sync(-1))
+            continue;
+        printf("%u\n", number);
+        fflush(stdout);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -79,6 +105,10 @@ int main(int argc, char** argv)
     }
     else if (command == "leave")
         manager.postStatus(std::string(argv[2]), std::string("left"));
+    else if (command == "flood")
+        flood(manager, argv[2]);
+    else if (command == "count")
+        count(manager, argv[2]);
     else if (command == "watch")
         watch(manager, argv[2]);
     else

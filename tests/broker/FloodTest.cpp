@@ -1,0 +1,352 @@
+// The real broker against peers that misbehave: what they are refused, and that the others are served
+// meanwhile.
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <deque>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "broker/Refusals.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/RawClient.h"
+
+namespace
+{
+
+using Frames = std::vector<std::string>;
+
+constexpr uint16_t requestPort = 5555;
+constexpr uint16_t postPort = 5556;
+constexpr uint16_t notifyPort = 5557;
+
+std::string valueRequest(const std::string& key)
+{
+    return R"({"getClientInfoValue":")" + key + "\"}";
+}
+
+std::string postOf(const std::string& key, const std::string& value)
+{
+    return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
+}
+
+// The greeting and handshake of a ZeroMQ peer.
+std::string handshakeOf(const std::string& type)
+{
+    std::string greeting("\xff\0\0\0\0\0\0\0\0\x7f\x03\0NULL", 16);
+    greeting.resize(64, '\0');
+    std::string ready("\5READY\x0bSocket-Type\0\0\0", 21);
+    ready += static_cast<char>(type.size());
+    ready += type;
+    return greeting + '\4' + static_cast<char>(ready.size()) + ready;
+}
+
+// A TCP connection that speaks whatever a test makes it.
+class Connection
+{
+public:
+    explicit Connection(uint16_t port)
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connect(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    }
+    ~Connection() { close(mSocket); }
+
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // False when the peer has gone.
+    bool write(const std::string& bytes)
+    {
+        return send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    }
+
+    // What is sent before the peer has answered would be taken for a part of the handshake.
+    bool shakeHands(const std::string& type)
+    {
+        std::string answer;
+        return write(handshakeOf(type)) &&
+               eventually(
+                   [&]
+                   {
+                       std::array<char, 1000> bytes{};
+                       const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+                       if (count > 0)
+                           answer.append(bytes.data(), static_cast<std::size_t>(count));
+                       return answer.find("Socket-Type") != std::string::npos;
+                   });
+    }
+
+    // Whether the peer closes it within the deadline.
+    bool isClosed()
+    {
+        return eventually(
+            [this]
+            {
+                std::array<char, 1000> bytes{};
+                const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+                return count == 0 || (count == -1 && errno != EAGAIN);
+            });
+    }
+
+private:
+    int mSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+class FloodTest : public testing::Test
+{
+protected:
+    explicit FloodTest(const Frames& options = {}) : broker(options) {}
+
+    uint64_t statistic(const std::string& name) { return brokerStatistic(requester, name); }
+
+    void expectServing()
+    {
+        poster.post(postOf("alive", std::to_string(++mAlive)));
+        EXPECT_EQ(requester.ask(valueRequest("alive")),
+                  R"({"statusValue":")" + std::to_string(mAlive) + "\"}");
+    }
+
+    BrokerProcess broker;
+    RawPoster poster;
+    RawRequester requester;
+
+private:
+    int mAlive = 0;
+};
+
+class SmallLimits : public FloodTest
+{
+protected:
+    SmallLimits()
+        : FloodTest(
+              {"--max-keys=3", "--max-message-bytes=2K", "--max-value-bytes=1K", "--max-connections=20"})
+    {
+    }
+};
+
+} // namespace
+
+TEST_F(SmallLimits, keysAreLimitedAndCountedAndUpdatesGoOn)
+{
+    for (int key = 0; key < 1000; ++key)
+        poster.post(postOf("k" + std::to_string(key), "1"));
+    EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), R"({"k0":"1","k1":"1","k2":"1"})");
+    EXPECT_EQ(statistic("limit.keys"), 997U);
+    EXPECT_EQ(statistic("stored.keys"), 3U);
+    poster.post(postOf("k1", "2"));
+    EXPECT_EQ(requester.ask(valueRequest("k1")), R"({"statusValue":"2"})");
+}
+
+TEST_F(SmallLimits, oneThatKeepsMisbehavingCannotFloodTheLog)
+{
+    expectServing();
+    for (int key = 0; key < 1000; ++key)
+        poster.post(postOf("k" + std::to_string(key), "1"));
+    expectServing();
+    const std::string errors = broker.process().errors();
+    EXPECT_LE(std::count(errors.begin(), errors.end(), '\n'), 3 + static_cast<int>(Refusals::linesPerWindow));
+}
+
+TEST_F(SmallLimits, aLongMessageIsRefusedInOneFrameAndInMany)
+{
+    const std::string text(1100, 'x');
+    poster.post(text + text);
+    poster.post(Frames{text, text});
+    EXPECT_EQ(requester.ask(text + text), "{}");
+    requester.send({text, text});
+    EXPECT_EQ(requester.receive(), Frames{"{}"});
+    EXPECT_EQ(statistic("limit.messageBytes"), 4U);
+    EXPECT_TRUE(broker.process().waitForError("Post of more than 2048 bytes refused"));
+    EXPECT_TRUE(broker.process().waitForError("Request of more than 2048 bytes refused"));
+    expectServing();
+}
+
+TEST_F(SmallLimits, aFrameThatIsAnnouncedToBeHugeEndsItsConnection)
+{
+    Connection connection(postPort);
+    ASSERT_TRUE(connection.shakeHands("PUB"));
+    connection.write(std::string("\2\0\0\0\x10\0\0\0\0", 9)); // 64 GiB
+    EXPECT_TRUE(connection.isClosed());
+    expectServing();
+}
+
+TEST_F(SmallLimits, aMessageWithoutEndIsCutOff)
+{
+    for (const uint16_t port : {requestPort, postPort})
+    {
+        Connection connection(port);
+        ASSERT_TRUE(connection.shakeHands(port == requestPort ? "REQ" : "PUB"));
+        const std::string frame = std::string("\1\xff", 2) + std::string(255, 'x'); // more to come
+        EXPECT_TRUE(eventually([&] { return !connection.write(frame + frame + frame + frame); })) << port;
+    }
+    EXPECT_EQ(statistic("limit.messageBytes"), 2U);
+    EXPECT_TRUE(
+        broker.process().waitForError("A post that does not end was cut off, the limit is 2048 bytes"));
+    EXPECT_TRUE(
+        broker.process().waitForError("A request that does not end was cut off, the limit is 2048 bytes"));
+    expectServing();
+}
+
+TEST_F(SmallLimits, connectionsBeyondTheLimitAreRefusedAndTheOthersServed)
+{
+    for (const uint16_t port : {requestPort, postPort, notifyPort})
+    {
+        std::deque<Connection> connections;
+        for (int count = 0; count < 100; ++count)
+            connections.emplace_back(port);
+        EXPECT_TRUE(connections.back().isClosed());
+        expectServing();
+    }
+    EXPECT_GE(statistic("limit.connections"), 3U * 80U);
+    EXPECT_LE(statistic("descriptors.open"), 100U);
+    EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 1; })) << "they are all gone";
+    RawRequester another;
+    EXPECT_EQ(another.ask(valueRequest("k")), R"({"statusValue":""})");
+}
+
+TEST_F(FloodTest, thousandsOfConnectionsOfAllKindsLeaveItServing)
+{
+    const Frames speeches{"",
+                          "GET / HTTP/1.1\r\nHost: localhost\r\n\r\n",
+                          std::string(200, '\0'),
+                          std::string(64, '\xff'),
+                          handshakeOf("PAIR"),
+                          handshakeOf("SUB"),
+                          handshakeOf("PUB").substr(0, 70),
+                          handshakeOf("REQ") + "\7\xff garbage"};
+    std::deque<Connection> connections;
+    for (int round = 0; round < 375; ++round)
+        for (const std::string& speech : speeches)
+        {
+            connections.emplace_back(static_cast<uint16_t>(requestPort + connections.size() % 3));
+            connections.back().write(speech);
+            if (connections.size() % 500 == 0)
+                expectServing();
+        }
+    expectServing();
+    connections.clear();
+    EXPECT_TRUE(eventually([this] { return statistic("descriptors.open") < 60; }));
+    expectServing();
+}
+
+TEST_F(FloodTest, whoNeverSpeaksIsDisconnected)
+{
+    Connection silent(requestPort);
+    EXPECT_TRUE(silent.isClosed());
+}
+
+TEST_F(FloodTest, whoAsksAndReadsNothingDoesNotFillTheMemory)
+{
+    for (int key = 0; key < 200; ++key)
+        poster.post(postOf("k" + std::to_string(key), std::string(5000, 'x')));
+    expectServing();
+    const uint64_t before = statistic("memory.rss");
+    RawRequester greedy(zmq::socket_type::dealer);
+    for (int count = 0; count < 500; ++count)
+        greedy.send({"", R"({"getClientInfo":"null"})"}); // a megabyte each
+    ASSERT_TRUE(greedy.receive());
+    EXPECT_TRUE(eventually([this] { return statistic("requests.getClientInfo") == 500; }));
+    EXPECT_LT(statistic("memory.rss"), before + 100U * 1024 * 1024);
+    expectServing();
+}
+
+// ----------------------------------------------------------------------------------------------- subscribers
+
+namespace
+{
+
+class Subscribing : public FloodTest
+{
+protected:
+    Subscribing() : FloodTest({"--max-notify-bytes=256K"}) {}
+};
+
+} // namespace
+
+TEST_F(Subscribing, oneThatStallsIsCutOffAndTheOthersGetEverything)
+{
+    RawSubscriber healthy(poster);
+    TestProcess stalled({TESTCLIENT, "watch", "k"});
+    ASSERT_EQ(stalled.readLine(), "(none)");
+    stalled.suspend();
+    const uint64_t before = statistic("memory.rss");
+
+    constexpr int count = 100000;
+    const std::string filler(90, 'x');
+    int received = 0;
+    for (int number = 1; number <= count; ++number)
+    {
+        poster.post(postOf("k", std::to_string(number) + filler));
+        if (number % 250 != 0)
+            continue;
+        for (; received < number; ++received)
+            ASSERT_NE(healthy.receiveText().find("\"" + std::to_string(received + 1) + "x"),
+                      std::string::npos);
+    }
+    EXPECT_EQ(statistic("subscribers.cutOff"), 1U);
+    EXPECT_EQ(statistic("limit.notifyBytes"), 1U);
+    EXPECT_GT(statistic("notifications.lost"), 100U);
+    EXPECT_LT(statistic("memory.rss"), before + 8U * 1024 * 1024);
+    EXPECT_TRUE(broker.process().waitForError("A subscriber that takes no notifications was cut off"));
+
+    // When it is back it is told of the last value.
+    stalled.signal(SIGCONT);
+    const std::string last = "k=" + std::to_string(count) + filler;
+    std::optional<std::string> line;
+    while ((line = stalled.readLine()) && *line != last)
+    {
+    }
+    EXPECT_EQ(line, last);
+}
+
+TEST_F(Subscribing, oneThatIsOnlySlowLosesNothing)
+{
+    RawSubscriber slow(poster);
+    constexpr int count = 20000; // ten times the limit
+    const std::string filler(120, 'x');
+    std::thread posting(
+        [&]
+        {
+            for (int number = 1; number <= count; ++number)
+                poster.post(postOf("k", std::to_string(number) + filler));
+        });
+    for (int number = 1; number <= count; ++number)
+        ASSERT_NE(slow.receiveText().find("\"" + std::to_string(number) + "x"), std::string::npos) << number;
+    posting.join();
+    EXPECT_EQ(statistic("subscribers.cutOff"), 0U);
+}
+
+TEST_F(Subscribing, oneOfOnlyAPartIsNeverTakenForStalled)
+{
+    zmq::context_t context;
+    zmq::socket_t events(context, zmq::socket_type::sub);
+    events.set(zmq::sockopt::rcvtimeo, static_cast<int>(testDeadline.count()));
+    events.set(zmq::sockopt::subscribe, R"({"eventUpdate")");
+    events.connect("tcp://127.0.0.1:5557");
+    zmq::message_t message;
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            poster.post(R"({"postEvent":{"e":"0"}})");
+            return static_cast<bool>(events.recv(message, zmq::recv_flags::dontwait));
+        }));
+    for (int number = 1; number <= 10000; ++number)
+    {
+        poster.post(postOf("k", std::to_string(number) + std::string(100, 'x')));
+        if (number % 250 == 0)
+            expectServing();
+    }
+    poster.post(R"({"postEvent":{"e":"last"}})");
+    while (message.to_string().find("last") == std::string::npos)
+        ASSERT_TRUE(events.recv(message));
+    EXPECT_EQ(statistic("subscribers.cutOff"), 0U);
+}

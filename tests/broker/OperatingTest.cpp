@@ -1,0 +1,299 @@
+// The real broker as an operator meets it: configuration, signals, heartbeat, statistics, clock, service
+// manager.
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "statusmanager/StatusManagerProxy.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/RawClient.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace
+{
+
+using Command = std::vector<std::string>;
+
+std::string postOf(const std::string& key, const std::string& value)
+{
+    return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
+}
+
+std::string valueOf(RawRequester& requester, const std::string& key)
+{
+    return requester.ask(R"({"getClientInfoValue":")" + key + "\"}");
+}
+
+std::string reply(const std::string& value)
+{
+    return R"({"statusValue":")" + value + "\"}";
+}
+
+} // namespace
+
+// --------------------------------------------------------------------------------------------- configuration
+
+TEST(Configuration, isCheckedWithoutServing)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "good", "max-keys = 5\n");
+    writeFile(folder / "bad", "max-keys = 5\nmax-kesy = 6\n");
+    BrokerProcess serving; // checking binds nothing
+    TestProcess good({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "good"});
+    EXPECT_EQ(good.readLine(), "statusbroker: configuration is good");
+    EXPECT_EQ(good.waitForExit(), 0);
+    TestProcess bad({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "bad"});
+    EXPECT_TRUE(bad.waitForError("statusbroker: " + (folder / "bad") + ":2: unknown name \"max-kesy\"\n"));
+    EXPECT_EQ(bad.waitForExit(), 1);
+}
+
+TEST(Configuration, anUnknownNameKeepsItFromStarting)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "bad", "max-kesy = 6\n");
+    TestProcess process({STATUSBROKER_PRODUCT, "--config", folder / "bad"});
+    EXPECT_EQ(process.waitForExit(), 1);
+}
+
+TEST(Configuration, ofLimitsAndLevelIsTakenOverAtHangUp)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "conf", "max-keys = 1\n");
+    BrokerProcess broker({"--config", folder / "conf"});
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
+    EXPECT_EQ(valueOf(requester, "b"), reply(""));
+    writeFile(folder / "conf", "max-keys = 2\nlog-level = 7\n");
+    broker.process().signal(SIGHUP);
+    EXPECT_TRUE(broker.process().waitForError("Took over limits and log level"));
+    poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
+    EXPECT_EQ(valueOf(requester, "b"), reply("1"));
+}
+
+TEST(Configuration, thatIsBadAtHangUpIsToldAndTheOldOneKept)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "conf", "max-keys = 1\n");
+    BrokerProcess broker({"--config", folder / "conf"});
+    RawPoster poster;
+    RawRequester requester;
+    writeFile(folder / "conf", "max-keys = 0\n");
+    broker.process().signal(SIGHUP);
+    EXPECT_TRUE(broker.process().waitForError("Keeping the options: " + (folder / "conf") + ":1: "));
+    poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
+    EXPECT_EQ(valueOf(requester, "a"), reply("1"));
+    EXPECT_EQ(valueOf(requester, "b"), reply(""));
+}
+
+// ----------------------------------------------------------------------------------------------------- end
+
+TEST(End, comesWithinTwoSecondsWithEverythingApplied)
+{
+    for (const int signal : {SIGTERM, SIGINT})
+    {
+        const TemporaryFolder folder;
+        BrokerProcess broker({"--state", folder / "state"});
+        RawPoster poster;
+        for (int number = 0; number < 500; ++number)
+            poster.post(postOf("k", std::to_string(number)));
+        RawRequester requester;
+        EXPECT_EQ(valueOf(requester, "k"), reply("499"));
+        for (int number = 500; number < 1000; ++number)
+            poster.post(postOf("k", std::to_string(number)));
+        requester.send({R"({"getClientInfoValue":"k"})"});
+        ASSERT_TRUE(requester.receive());
+        const auto begin = std::chrono::steady_clock::now();
+        broker.process().signal(signal);
+        EXPECT_EQ(broker.process().waitForExit(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+        BrokerProcess again({"--state", folder / "state"});
+        RawRequester another;
+        EXPECT_EQ(valueOf(another, "k"), reply("999"));
+    }
+}
+
+TEST(End, comesWithinTwoSecondsUnderAFlood)
+{
+    BrokerProcess broker;
+    TestProcess flood({TESTCLIENT, "flood", "k"});
+    ASSERT_EQ(flood.readLine(), "posting");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(broker.stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+}
+
+// ------------------------------------------------------------------------------------------------- heartbeat
+
+TEST(Heartbeat, letsAClientEndOnAQuietDevice)
+{
+    BrokerProcess broker({"--heartbeat=1"});
+    auto client = std::make_unique<StatusManagerProxy>();
+    const auto begin = std::chrono::steady_clock::now();
+    client.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+}
+
+TEST(Heartbeat, comesAsOftenAsToldAndOnlyThen)
+{
+    BrokerProcess broker({"--heartbeat=1"});
+    zmq::context_t context;
+    zmq::socket_t subscriber(context, zmq::socket_type::sub);
+    subscriber.set(zmq::sockopt::subscribe, "");
+    subscriber.set(zmq::sockopt::rcvtimeo, 1500);
+    subscriber.connect("tcp://127.0.0.1:5557");
+    for (int count = 0; count < 3; ++count)
+    {
+        zmq::message_t message;
+        ASSERT_TRUE(subscriber.recv(message));
+        EXPECT_EQ(message.to_string(), "Sync");
+    }
+}
+
+// ------------------------------------------------------------------------------------------------ statistics
+
+TEST(Statistics, countWhatHappens)
+{
+    BrokerProcess broker;
+    RawPoster poster;
+    RawSubscriber subscriber(poster);
+    RawRequester requester;
+    const uint64_t posts = brokerStatistic(requester, "posts");
+    const uint64_t published = brokerStatistic(requester, "notifications.published");
+    poster.post(postOf("k", "value"));
+    poster.post(postOf("k", "value"));
+    poster.post(R"({"startTimer":"t"})");
+    requester.ask(R"({"incrementCounter":"c"})");
+    valueOf(requester, "k");
+    valueOf(requester, "k");
+    EXPECT_EQ(brokerStatistic(requester, "posts"), posts + 3);
+    EXPECT_EQ(brokerStatistic(requester, "notifications.published"), published + 1);
+    EXPECT_EQ(brokerStatistic(requester, "requests.getClientInfoValue"), 2U);
+    EXPECT_EQ(brokerStatistic(requester, "requests.incrementCounter"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "stored.keys"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "stored.bytes"), 6U);
+    EXPECT_EQ(brokerStatistic(requester, "stored.timers"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "stored.counters"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "clients.requests"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "clients.posts"), 1U);
+    EXPECT_GE(brokerStatistic(requester, "clients.notifications"), 1U);
+    EXPECT_GT(brokerStatistic(requester, "loop.maxMicroseconds"), 0U);
+    EXPECT_GE(brokerStatistic(requester, "loop.maxMicroseconds"),
+              brokerStatistic(requester, "loop.p99Microseconds"));
+    EXPECT_GT(brokerStatistic(requester, "descriptors.open"), 5U);
+    EXPECT_GT(brokerStatistic(requester, "memory.rss"), 1000000U);
+    EXPECT_EQ(brokerStatistic(requester, "version.major"), 1U);
+    EXPECT_LT(brokerStatistic(requester, "uptime.seconds"), 100U);
+    EXPECT_EQ(brokerStatistic(requester, "state.commits"), 0U);
+}
+
+TEST(Statistics, stayOutOfTheDevicesValues)
+{
+    BrokerProcess broker;
+    RawRequester requester;
+    brokerStatistic(requester, "posts");
+    EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), "{}");
+}
+
+// ---------------------------------------------------------------------------------------------------- clock
+
+TEST(Clock, isNotSetToBeforeTheProgramWasBuilt)
+{
+    BrokerProcess broker({"--allow-set-time"});
+    RawPoster poster;
+    poster.post(R"({"updateSystemTime":1000000000})");
+    EXPECT_TRUE(broker.process().waitForError(
+        "Setting the system time to 1000000000 refused, that is before this program was built"));
+    RawRequester requester;
+    EXPECT_EQ(brokerStatistic(requester, "refused.systemTime"), 1U);
+    EXPECT_EQ(broker.process().errors().find("settimeofday("), std::string::npos);
+}
+
+// ------------------------------------------------------------------------------------------- service manager
+
+namespace
+{
+
+// What a service manager is told.
+class NotifySocket
+{
+public:
+    explicit NotifySocket(const std::string& path)
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        timeval wait{30, 0};
+        setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
+        setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    }
+    ~NotifySocket()
+    {
+        unsetenv("NOTIFY_SOCKET");
+        unsetenv("WATCHDOG_USEC");
+        close(mSocket);
+    }
+
+    NotifySocket(const NotifySocket&) = delete;
+    NotifySocket& operator=(const NotifySocket&) = delete;
+
+    std::string next()
+    {
+        std::array<char, 1000> bytes{};
+        const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), 0);
+        return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+    }
+
+private:
+    int mSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+};
+
+} // namespace
+
+TEST(ServiceManager, isToldWhenItIsReadyAndWhenItStops)
+{
+    const TemporaryFolder folder;
+    {
+        BrokerProcess before({"--state", folder / "state"});
+        RawPoster poster;
+        poster.post(postOf("k", "1"));
+        RawRequester requester;
+        valueOf(requester, "k");
+        EXPECT_EQ(before.stop(), 0);
+    }
+    NotifySocket manager(folder / "notify");
+    BrokerProcess broker({"--state", folder / "state"});
+    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Serving, 1 keys loaded");
+    broker.process().signal(SIGTERM);
+    EXPECT_EQ(manager.next(), "STOPPING=1");
+}
+
+TEST(ServiceManager, feedsItsWatchdogFromTheLoop)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    setenv("WATCHDOG_USEC", "300000", 1);
+    BrokerProcess broker({"--heartbeat=0"});
+    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U);
+    for (int count = 0; count < 5; ++count)
+        EXPECT_EQ(manager.next(), "WATCHDOG=1");
+}
+
+TEST(ServiceManager, isNotToldThatItIsReadyWithoutItsPorts)
+{
+    const TemporaryFolder folder;
+    BrokerProcess first;
+    NotifySocket manager(folder / "notify");
+    TestProcess second({STATUSBROKER_PRODUCT, "--state", folder / "state"});
+    EXPECT_EQ(second.waitForExit(), 1);
+    EXPECT_EQ(first.stop(), 0); // its own end is not told: it has not been given the socket
+    BrokerProcess third;
+    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U) << "the first that is told anything";
+}
