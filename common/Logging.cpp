@@ -224,7 +224,7 @@ std::string escaped(const char* text)
     return result;
 }
 
-std::string formatted(const char* format, va_list arguments)
+__attribute__((format(printf, 1, 0))) std::string formatted(const char* format, va_list arguments)
 {
     va_list again;
     va_copy(again, arguments);
@@ -285,7 +285,8 @@ void writeToStderr(const std::string& line)
     }
 }
 
-void print(int level, const char* function, const char* file, int line, const char* format, va_list arguments)
+__attribute__((format(printf, 5, 0))) void print(int level, const char* function, const char* file, int line,
+                                                 const char* format, va_list arguments)
 {
     const std::string text = formatted(format, arguments);
     const int indent = __atomic_load_n(&ov_log_indent, __ATOMIC_RELAXED);
