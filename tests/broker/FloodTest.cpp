@@ -15,6 +15,7 @@
 #include "broker/Refusals.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/Sanitized.h"
 
 namespace
 {
@@ -255,7 +256,7 @@ TEST_F(FloodTest, whoAsksAndReadsNothingDoesNotFillTheMemory)
         greedy.send({"", R"({"getClientInfo":"null"})"}); // a megabyte each
     ASSERT_TRUE(greedy.receive());
     EXPECT_TRUE(eventually([this] { return statistic("requests.getClientInfo") == 500; }));
-    EXPECT_LT(statistic("memory.rss"), before + 100U * 1024 * 1024);
+    EXPECT_TRUE(isSanitized || statistic("memory.rss") < before + 100U * 1024 * 1024);
     expectServing();
 }
 
@@ -295,7 +296,7 @@ TEST_F(Subscribing, oneThatStallsIsCutOffAndTheOthersGetEverything)
     EXPECT_EQ(statistic("subscribers.cutOff"), 1U);
     EXPECT_EQ(statistic("limit.notifyBytes"), 1U);
     EXPECT_GT(statistic("notifications.lost"), 100U);
-    EXPECT_LT(statistic("memory.rss"), before + 8U * 1024 * 1024);
+    EXPECT_TRUE(isSanitized || statistic("memory.rss") < before + 8U * 1024 * 1024);
     EXPECT_TRUE(broker.process().waitForError("A subscriber that takes no notifications was cut off"));
 
     // When it is back it is told of the last value.
