@@ -15,7 +15,8 @@ constexpr std::size_t ports = 3;
 
 std::size_t Descriptors::raiseLimit(std::size_t connectionsPerPort)
 {
-    rlimit limit{};
+    constexpr rlim_t usual = 1024; // should the system not tell
+    rlimit limit{usual, usual};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t wanted = ports * connectionsPerPort + reserve;
     if (limit.rlim_cur < wanted)

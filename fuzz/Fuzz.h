@@ -27,6 +27,24 @@ inline void require(bool holds, const char* what)
     abort();
 }
 
+/// What is read must come back once it has been written. Bytes that are not UTF-8 are replaced by the first
+/// writing, which may change the order of names or make two of them one; from the second on, all must stay as
+/// it is.
+/// @param read  the text to something that is written, or false
+/// @param write that to text
+template <typename Read, typename Write>
+void requireRoundTrip(Read read, Write write, const std::string& text)
+{
+    const auto first = read(text);
+    if (!first)
+        return;
+    const auto second = read(write(*first));
+    require(static_cast<bool>(second), "what was written is read");
+    const std::string settled = write(*second);
+    const auto third = read(settled);
+    require(third && write(*third) == settled, "what was read is written again");
+}
+
 } // namespace Fuzz
 
 #endif
