@@ -88,6 +88,13 @@ void TestProcess::suspend()
         throw std::runtime_error("the process ended instead of being suspended");
 }
 
+void TestProcess::writeLine(const std::string& line)
+{
+    const std::string bytes = line + '\n';
+    if (write(mInput, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+        throw std::runtime_error("the process takes no input");
+}
+
 void TestProcess::closeInput()
 {
     if (mInput != -1)

@@ -26,6 +26,8 @@ public:
     /// Suspends it, and returns when none of its threads runs any more. signal(SIGCONT) wakes it.
     void suspend();
 
+    void writeLine(const std::string& line);
+
     /// Ends its standard input: programs of the tests take that as the sign to leave.
     void closeInput();
 
