@@ -48,8 +48,8 @@ constexpr std::chrono::seconds restartMemory{30};
 // What is published again goes out in messages of about this size.
 constexpr std::size_t announcementBytes = std::size_t{64} * 1024;
 
-// So much is collected, so that changes are kept together, before requests are answered.
-constexpr std::size_t replyBytes = std::size_t{256} * 1024;
+// Changes are kept together: at most so many bytes of what is to be published or answered wait for that.
+constexpr std::size_t batchBytes = std::size_t{256} * 1024;
 
 Limits within(Limits limits, std::size_t descriptors)
 {
@@ -85,7 +85,8 @@ Broker::Broker(const Options& options)
         mStateFile.emplace(mOptions.stateFile, mOptions.stateSync, mOptions.stateKeys);
         mState.restore(mStateFile->load());
     }
-    mCatchUp.disconnected(mState.revision(), mStarted, restartMemory);
+    // Who was connected to an earlier broker may have missed the last of what it kept.
+    mCatchUp.disconnected(0, mStarted, restartMemory);
     mNextHeartbeat = mStarted + mOptions.heartbeat;
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
@@ -180,7 +181,7 @@ void Broker::doWhatIsDue()
         const bool longRequest = mRequests.cutOffEndless();
         mNextLook = now + (longPost || longRequest ? closeLookPause : lookPause);
     }
-    if (mStateFile && now >= mNextMoment)
+    if (mStateFile && mState.hasRunningTimers() && now >= mNextMoment)
     {
         mStateFile->commit({});
         mNextMoment = now + momentPause;
@@ -246,10 +247,12 @@ void Broker::setSystemTime(uint32_t seconds)
 // What is kept over a restart is published only when it has been kept: nobody sees what a restart takes back.
 void Broker::announce(const std::string& notification)
 {
-    if (mStateFile)
-        mAnnouncements.push_back({notification, mState.revision()});
-    else
-        mNotify.publish(notification, mState.revision());
+    if (!mStateFile)
+        return mNotify.publish(notification, mState.revision());
+    mAnnouncements.push_back({notification, mState.revision()});
+    mAnnouncedBytes += notification.size();
+    if (mAnnouncedBytes >= batchBytes)
+        settle();
 }
 
 void Broker::announce(const StatusMap& changes)
@@ -281,6 +284,7 @@ void Broker::settle()
     for (const Announcement& announcement : mAnnouncements)
         mNotify.publish(announcement.notification, announcement.revision);
     mAnnouncements.clear();
+    mAnnouncedBytes = 0;
 }
 
 void Broker::catchUpSubscribers()
@@ -330,7 +334,7 @@ void Broker::serveRequests()
             continue;
         bytes += text->size();
         mReplies.push_back({request.connection, std::move(*text)});
-        if (bytes < replyBytes)
+        if (bytes < batchBytes)
             continue;
         reply();
         bytes = 0;

@@ -86,8 +86,9 @@ private:
     Supervisor mSupervisor;
 
     std::vector<Announcement> mAnnouncements; // to be published when the changes are kept
-    std::vector<Reply> mReplies;              // the same
-    bool mSubscribersWait = false;            // for what they missed
+    std::size_t mAnnouncedBytes = 0;
+    std::vector<Reply> mReplies;   // the same
+    bool mSubscribersWait = false; // for what they missed
     TimePoint mNextCatchUp{};
     TimePoint mNextHeartbeat{};
     TimePoint mNextLook{};

@@ -13,6 +13,10 @@ Unfinished::Verdict Unfinished::look(int descriptor, std::size_t limit)
     if (inside > limit + readAhead)
         return Verdict::Endless;
     const uint64_t now = mReadBefore - std::min(mReadBefore, mReceived);
+    // Handshakes and heartbeats are no messages; without this, they would add up over the days.
+    constexpr uint64_t small = 256;
+    if (now == inside && now < small)
+        mReceived += now;
     return std::max(inside, now) > readAhead ? Verdict::Long : Verdict::Fine;
 }
 

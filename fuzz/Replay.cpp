@@ -2,7 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 
 #include "fuzz/Fuzz.h"
 
@@ -16,8 +16,9 @@ int replay(const std::filesystem::path& folder)
         return count;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
     {
-        std::ifstream file(entry.path(), std::ios::binary);
-        const std::string bytes{std::istreambuf_iterator<char>(file), {}};
+        std::ostringstream content;
+        content << std::ifstream(entry.path(), std::ios::binary).rdbuf();
+        const std::string bytes = content.str();
         printf("%s\n", entry.path().c_str());
         fflush(stdout);
         LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());

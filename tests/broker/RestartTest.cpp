@@ -6,6 +6,7 @@
 #include <memory>
 #include <random>
 
+#include "broker/StateFile.h"
 #include "common/EventThread.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ProxyClient.h"
@@ -145,6 +146,29 @@ TEST_F(RestartTest, aListenerIsToldOfWhatChangedBeforeItWasBack)
         EXPECT_EQ(posting.waitForExit(), 0);
         EXPECT_TRUE(listener.waitForValue("k", std::to_string(round))) << round;
     }
+    client->unregisterListener(&listener);
+    thread.stop();
+}
+
+TEST_F(RestartTest, aListenerIsToldOfWhatWasKeptAndNotPublished)
+{
+    start();
+    Orvane::EventThread thread("listener", 0);
+    RecordingListener listener;
+    ProxyClient client;
+    client->registerListener(&listener, &thread);
+    client->registerForStatus(&listener, "k");
+    ASSERT_TRUE(listener.waitForUpdates(1));
+    kill();
+    {
+        StateFile file(folder / "state", StateSync::Normal, {});
+        file.load();
+        SavedState change;
+        change.values["k"] = "kept";
+        file.commit(change);
+    }
+    start();
+    EXPECT_TRUE(listener.waitForValue("k", "kept"));
     client->unregisterListener(&listener);
     thread.stop();
 }
