@@ -7,7 +7,8 @@
 
 #include "broker/Options.h"
 
-/// What is wrong with a configuration file: "FILE:LINE: reason".
+/// What is wrong with a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it is not
+/// about one line.
 class ConfigError : public std::runtime_error
 {
 public:
@@ -40,8 +41,9 @@ private:
     bool mIsCheck = false;
 };
 
-/// Reads a configuration: lines of "name = value", with the names of the long options; empty lines and lines
-/// that begin with # are ignored. Throws ConfigError.
+/// Reads a configuration: lines of "name = value", with the names of the long options. Empty lines are
+/// ignored, and what follows a # at the beginning of a line or after a blank. Limits that contradict each
+/// other are not refused, since the command line may change one of them. Throws ConfigError.
 /// @param fileName to be named in errors
 Options parseConfig(const std::string& text, const std::string& fileName);
 

@@ -11,8 +11,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     {
         const Options options = parseConfig(text, "file");
         Fuzz::require(options.limits.keys >= 1 && options.limits.messageBytes >= 1024, "limits are sensible");
-        Fuzz::require(options.limits.valueBytes <= options.limits.messageBytes,
-                      "a value fits into a message");
         Fuzz::require(options.logLevel >= 0 && options.logLevel <= 7, "the level is one");
     }
     catch (const ConfigError& error)
