@@ -54,13 +54,31 @@ std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
 
 void ConnectionMonitor::accept(int descriptor)
 {
-    mOpen.insert(descriptor);
+    mOpen[descriptor] = ++mAccepted;
+    mSilent.emplace_back(descriptor, mAccepted);
+    dropSpoken();
     if (mOpen.size() <= mLimits.connections)
         return;
     mRefusals.report(Refusal::Connections, "A connection to the " + mName +
-                                               " port was refused, the limit is " +
+                                               " port was cut off, the limit is " +
                                                std::to_string(mLimits.connections));
-    Connection::cut(descriptor);
+    Connection::cut(mSilent.empty() ? descriptor : mSilent.front().first);
+    if (!mSilent.empty())
+        mSilent.pop_front();
+}
+
+// Drops those in front that are closed or have spoken: a peer begins with a greeting of 64 bytes.
+void ConnectionMonitor::dropSpoken()
+{
+    static constexpr uint64_t greeting = 64;
+    const auto isDone = [this](const std::pair<int, uint64_t>& connection)
+    {
+        const auto open = mOpen.find(connection.first);
+        return open == mOpen.end() || open->second != connection.second ||
+               Connection::bytesArrived(connection.first).value_or(greeting) >= greeting;
+    };
+    while (!mSilent.empty() && isDone(mSilent.front()))
+        mSilent.pop_front();
 }
 
 // A connection whose handshake fails is reported as failed and then as disconnected, so the two cancel out.

@@ -2,16 +2,20 @@
 #define BROKER_CONNECTIONMONITOR_H
 
 #include <cstdint>
+#include <deque>
+#include <map>
 #include <optional>
-#include <set>
 #include <string>
+#include <utility>
 #include <zmq.hpp>
 
 #include "broker/Options.h"
 #include "broker/Refusals.h"
 
-/// What libzmq tells about the connections of one socket. Connections beyond the limit are cut off as they
-/// come: should the descriptors run out, libzmq's I/O thread would spin.
+/// What libzmq tells about the connections of one socket. There are no more of them than the limit: should
+/// the descriptors run out, libzmq's I/O thread would spin. For each that comes beyond it, the oldest one is
+/// cut off that has not spoken yet; so a flood of silent ones only replaces itself. When all have spoken, it
+/// is the newest.
 class ConnectionMonitor
 {
 public:
@@ -50,13 +54,16 @@ public:
 private:
     void count(int event);
     void accept(int descriptor);
+    void dropSpoken();
 
     std::string mName;
     const Limits& mLimits;
     Refusals& mRefusals;
     zmq::socket_t& mMonitored;
     zmq::socket_t mEvents;
-    std::set<int> mOpen; // descriptors
+    uint64_t mAccepted = 0;
+    std::map<int, uint64_t> mOpen;                // by descriptor: the number of the connection
+    std::deque<std::pair<int, uint64_t>> mSilent; // descriptor and number, oldest first; or closed by now
     int mPeers = 0;
 };
 
