@@ -111,7 +111,8 @@ CLI::Validator oneOf(const std::vector<std::string>& choices)
     return CLI::Validator(check, "");
 }
 
-// "--state --check-config" was not meant to keep the state in a file of that name.
+// "--state --check-config" was not meant to keep the state in a file of that name. Nor is the first of them
+// with a "=" behind it, which is the same to CLI11.
 CLI::Validator notAnOption()
 {
     const auto check = [](std::string& text)
@@ -306,7 +307,6 @@ public:
 
     Options options()
     {
-        mOptions = Options();
         parse(mApp, mArguments);
         return mOptions;
     }
@@ -395,13 +395,6 @@ public:
     bool isCheck = false;
 };
 
-// CLI11 would take the next argument for the value.
-void refuseEmptyValue(const std::string& argument)
-{
-    if (argument.compare(0, 2, "--") == 0 && argument.find('=') == argument.size() - 1)
-        throw CLI::ValidationError(argument.substr(0, argument.size() - 1), "no value");
-}
-
 } // namespace
 
 CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(argc, 1), argv + argc)
@@ -410,7 +403,6 @@ CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(arg
     BrokerApp app(scratch);
     try
     {
-        std::for_each(mArguments.begin(), mArguments.end(), refuseEmptyValue);
         parse(app, mArguments);
         if (app.configFile.empty()) // which may have the limit that goes with these
             check(scratch.limits);
