@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "broker/Connection.h"
+#include "broker/Frames.h"
 
 ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name,
                                      const Limits& limits, Refusals& refusals)
@@ -30,7 +31,8 @@ std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
     // Two frames: a 16-bit event and its 32-bit value in host order and unaligned, then the endpoint.
     zmq::message_t frame;
     zmq::message_t endpoint;
-    if (!mEvents.recv(frame, zmq::recv_flags::dontwait) || !mEvents.recv(endpoint, zmq::recv_flags::dontwait))
+    bool more = false;
+    if (!Frames::receiveFrame(mEvents, frame, more) || !Frames::receiveFrame(mEvents, endpoint, more))
         return std::nullopt;
     uint16_t event = 0;
     int32_t value = 0;

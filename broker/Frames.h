@@ -13,6 +13,9 @@ namespace Frames
 /// Sends a text in frames of at most 512 bytes, the last of which is never empty. The text must not be empty.
 void send(zmq::socket_t& socket, const std::string& text);
 
+/// Sends one frame, to be followed by more of the same message or not.
+void sendFrame(zmq::socket_t& socket, zmq::const_buffer bytes, bool more);
+
 /// Receives one frame; nothing if none is there. `more` tells whether the message goes on.
 bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame, bool& more);
 

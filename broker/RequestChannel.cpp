@@ -54,8 +54,8 @@ bool RequestChannel::receiveFrame(zmq::message_t& frame, bool& more, uint64_t& b
 
 void RequestChannel::reply(const std::string& connection, const std::string& text)
 {
-    mSocket.send(zmq::buffer(connection), zmq::send_flags::sndmore);
-    mSocket.send(zmq::message_t(), zmq::send_flags::sndmore);
+    Frames::sendFrame(mSocket, zmq::buffer(connection), true);
+    Frames::sendFrame(mSocket, zmq::const_buffer(), true);
     Frames::send(mSocket, text);
 }
 

@@ -112,6 +112,21 @@ TEST(BrokerEnd, sigintEndsItWithZero)
     EXPECT_EQ(broker.process().waitForExit(), 0);
 }
 
+TEST(BrokerEnd, doesNotComeFromBeingStoppedAndContinued)
+{
+    BrokerProcess broker;
+    TestProcess flood({TESTCLIENT, "flood", "k"});
+    ASSERT_EQ(flood.readLine(), "posting");
+    RawRequester requester;
+    for (int round = 0; round < 300; ++round)
+    {
+        broker.process().suspend();
+        broker.process().signal(SIGCONT);
+        ASSERT_NE(requester.ask(valueRequest("k")), "") << round;
+    }
+    EXPECT_EQ(broker.stop(), 0);
+}
+
 TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
 {
     BrokerProcess broker;
