@@ -1,6 +1,9 @@
 #include "broker/Frames.h"
 
+#include <chrono>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 #include <vector>
 
 namespace
@@ -78,4 +81,27 @@ TEST(AssemblyTest, refusesOneByteMoreAndAllThatFollows)
     EXPECT_FALSE(assembly.text());
     assembly.add(zmq::message_t(std::string(1, 'x')));
     EXPECT_FALSE(assembly.text());
+}
+
+// A signal that is handled interrupts calls as it does when a stopped process goes on.
+TEST_F(FramesTest, aCallThatIsInterruptedIsMadeAgain)
+{
+    struct sigaction action
+    {
+    };
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const itimerval often{{0, 20}, {0, 20}};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    zmq::message_t frame;
+    bool more = false;
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+    while (std::chrono::steady_clock::now() < end)
+    {
+        ASSERT_NO_THROW(Frames::send(left, "text"));
+        ASSERT_NO_THROW(while (!Frames::receiveFrame(right, frame, more)){});
+        ASSERT_NO_THROW(Frames::receiveFrame(right, frame, more));
+    }
+    const itimerval never{};
+    setitimer(ITIMER_REAL, &never, nullptr);
 }
