@@ -5,6 +5,9 @@
 
 #include "broker/Connection.h"
 #include "broker/Frames.h"
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
 
 ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name,
                                      const Limits& limits, Refusals& refusals)
@@ -59,6 +62,7 @@ void ConnectionMonitor::accept(int descriptor)
     mOpen[descriptor] = ++mAccepted;
     mSilent.emplace_back(descriptor, mAccepted);
     dropSpoken();
+    warnNearLimit();
     if (mOpen.size() <= mLimits.connections)
         return;
     mRefusals.report(Refusal::Connections, "A connection to the " + mName +
@@ -67,6 +71,18 @@ void ConnectionMonitor::accept(int descriptor)
     Connection::cut(mSilent.empty() ? descriptor : mSilent.front().first);
     if (!mSilent.empty())
         mSilent.pop_front();
+}
+
+// Once, until there is clearly room again.
+void ConnectionMonitor::warnNearLimit()
+{
+    constexpr std::size_t near = 90; // percent
+    constexpr std::size_t room = 80;
+    const std::size_t used = mOpen.size() * 100 / mLimits.connections;
+    if (used >= near && !mIsNearLimit)
+        OV_LOG(2, "%zu of %zu connections to the %s port are in use", mOpen.size(), mLimits.connections,
+               mName.c_str());
+    mIsNearLimit = used >= near || (mIsNearLimit && used >= room);
 }
 
 // Drops those in front that are closed or have spoken: a peer begins with a greeting of 64 bytes.

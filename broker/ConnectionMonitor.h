@@ -55,6 +55,7 @@ private:
     void count(int event);
     void accept(int descriptor);
     void dropSpoken();
+    void warnNearLimit();
 
     std::string mName;
     const Limits& mLimits;
@@ -62,6 +63,7 @@ private:
     zmq::socket_t& mMonitored;
     zmq::socket_t mEvents;
     uint64_t mAccepted = 0;
+    bool mIsNearLimit = false;
     std::map<int, uint64_t> mOpen;                // by descriptor: the number of the connection
     std::deque<std::pair<int, uint64_t>> mSilent; // descriptor and number, oldest first; or closed by now
     int mPeers = 0;

@@ -116,6 +116,15 @@ protected:
                   R"({"statusValue":")" + std::to_string(mAlive) + "\"}");
     }
 
+    std::ptrdiff_t linesWith(const std::string& text)
+    {
+        std::ptrdiff_t count = 0;
+        const std::string errors = broker.process().errors();
+        for (std::size_t at = errors.find(text); at != std::string::npos; at = errors.find(text, at + 1))
+            ++count;
+        return count;
+    }
+
     BrokerProcess broker;
     RawPoster poster;
     RawRequester requester;
@@ -212,6 +221,7 @@ TEST_F(SmallLimits, connectionsBeyondTheLimitAreRefusedAndTheOthersServed)
     }
     EXPECT_LE(statistic("descriptors.open"), 100U);
     EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 1; })) << "they are all gone";
+    EXPECT_EQ(linesWith("18 of 20 connections to the request port are in use"), 1);
     RawRequester another;
     EXPECT_EQ(another.ask(valueRequest("k")), R"({"statusValue":""})");
 }
