@@ -239,7 +239,8 @@ void Broker::setSystemTime(uint32_t seconds)
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
     if (settimeofday(&time, nullptr) != 0)
-        OV_LOG(0, "Failed to set the system time to %u: %s", seconds, strerror(errno));
+        mRefusals.report(Refusal::SystemTime, "Failed to set the system time to " + std::to_string(seconds) +
+                                                  ": " + strerror(errno));
 }
 
 // ------------------------------------------------------------------------------------------- notifications

@@ -16,20 +16,9 @@ void Supervisor::ready(const std::string& status)
     sd_notify(0, ("READY=1\nSTATUS=" + status).c_str());
 }
 
-void Supervisor::reloading()
-{
-    const auto now = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
-    sd_notify(0, ("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(now.count())).c_str());
-}
-
 void Supervisor::stopping()
 {
     sd_notify(0, "STOPPING=1");
-}
-
-void Supervisor::status(const std::string& status)
-{
-    sd_notify(0, ("STATUS=" + status).c_str());
 }
 
 void Supervisor::feed(TimePoint now)

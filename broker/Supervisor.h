@@ -13,12 +13,9 @@ public:
     Supervisor();
 
     /// Everything is bound and loaded.
+    /// @param status a line for the operator
     void ready(const std::string& status);
-    void reloading();
     void stopping();
-
-    /// A line for the operator.
-    void status(const std::string& status);
 
     /// When the watchdog wants to be fed next; nothing if there is none.
     std::optional<TimePoint> nextFeeding() const { return mNextFeeding; }

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -213,6 +214,30 @@ TEST(Clock, isNotSetToBeforeTheProgramWasBuilt)
     RawRequester requester;
     EXPECT_EQ(brokerStatistic(requester, "refused.systemTime"), 1U);
     EXPECT_EQ(broker.process().errors().find("settimeofday("), std::string::npos);
+}
+
+// ---------------------------------------------------------------------------------------------- descriptors
+
+TEST(Descriptors, softLimitIsRaisedToWhatTheConnectionsTake)
+{
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit before = limit;
+    limit.rlim_cur = 256;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    BrokerProcess broker({"--max-connections=200"});
+    setrlimit(RLIMIT_NOFILE, &before);
+    RawRequester requester;
+    EXPECT_EQ(brokerStatistic(requester, "descriptors.limit"), 700U);
+}
+
+TEST(Descriptors, hardLimitLowersTheConnectionsAndThatIsSaid)
+{
+    TestProcess broker({"/bin/sh", "-c", "ulimit -n 400; exec " STATUSBROKER_PRODUCT});
+    EXPECT_TRUE(broker.waitForError("Only 100 connections per port: the limit of open files is 400"));
+    EXPECT_TRUE(broker.waitForError("Serving"));
+    broker.signal(SIGTERM);
+    EXPECT_EQ(broker.waitForExit(), 0);
 }
 
 // ------------------------------------------------------------------------------------------- service manager
