@@ -6,7 +6,7 @@
 #include <cstring>
 #include <fnmatch.h>
 #include <fstream>
-#include <unistd.h>
+#include <sys/stat.h>
 #include <utility>
 
 #include "common/Logging.h"
@@ -33,26 +33,49 @@ void merge(const Map& changes, Map& into, const Keeps& keeps)
 }
 
 // Running timers go on within the boot in which they were started, and are stopped after it at what they had
-// when the file was written last.
-void bringInto(const BootMoment& now, const Database::Contents& contents, SavedState::Timer& timer)
+// when the file was written last. True if it has been stopped.
+bool bringInto(const BootMoment& now, const Database::Contents& contents, SavedState::Timer& timer)
 {
     if (timer.spanStart == 0)
-        return;
-    const bool sameBoot = contents.bootId == now.bootId;
+        return false;
+    const bool sameBoot = !now.bootId.empty() && contents.bootId == now.bootId; // empty: unknown
     if (sameBoot && timer.spanStart <= now.microseconds)
-        return;
+        return false;
     if (!sameBoot && contents.microseconds > timer.spanStart)
         timer.accumulated += contents.microseconds - timer.spanStart;
     timer.spanStart = 0;
+    return true;
 }
 
-// A name that is not taken: path.bad, path.bad.1 and so on.
+// Also if it is a link that leads nowhere: renaming would replace it.
+bool isTaken(const std::string& name)
+{
+    struct stat status
+    {
+    };
+    return lstat(name.c_str(), &status) == 0;
+}
+
+// A name that is not taken, neither for the file nor for its log: path.bad, path.bad.1 and so on.
 std::string freeName(const std::string& path)
 {
     std::string name = path + ".bad";
-    for (int number = 1; access(name.c_str(), F_OK) == 0; ++number)
+    for (int number = 1; isTaken(name) || isTaken(name + "-wal"); ++number)
         name = path + ".bad." + std::to_string(number);
     return name;
+}
+
+// New files are for their owner only. Others may have been copied here, or their mode changed.
+void closeToOthers(const std::string& path)
+{
+    constexpr mode_t allowed = S_IRUSR | S_IWUSR | S_IRGRP;
+    struct stat status
+    {
+    };
+    if (lstat(path.c_str(), &status) != 0 || (status.st_mode & ACCESSPERMS & ~allowed) == 0)
+        return;
+    if (chmod(path.c_str(), status.st_mode & allowed) != 0)
+        OV_LOG(2, "State file [%s] stays open to others: %s", path.c_str(), strerror(errno));
 }
 
 } // namespace
@@ -82,30 +105,19 @@ bool StateFile::isKept(const std::string& name) const
 
 SavedState StateFile::load(const BootMoment& now)
 {
-    if (!open())
-        return {};
-    Database::Contents contents;
-    try
+    Database::Contents contents = open();
+    mMissed = !mDatabase;
+    SavedState state = std::move(contents.state);
+    for (auto& [name, timer] : state.timers)
     {
-        contents = mDatabase->read();
-    }
-    catch (const DatabaseError& error)
-    {
-        mDatabase.reset();
-        if (error.isUnreadable())
-            moveAside(error.what());
-        else
-            failed(error.what());
-        open();
-        return {};
+        // Kept with the next moment: beside that one it would look like one that runs in this boot.
+        if (bringInto(now, contents, timer))
+            mPending.timers[name] = timer;
     }
     const auto keeps = [this](const std::string& name) { return isKept(name); };
-    SavedState state = std::move(contents.state);
     keepOnly(state.values, keeps);
     keepOnly(state.timers, keeps);
     keepOnly(state.counters, keeps);
-    for (auto& [name, timer] : state.timers)
-        bringInto(now, contents, timer);
     return state;
 }
 
@@ -116,11 +128,13 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
     merge(changes.timers, mPending.timers, keeps);
     merge(changes.counters, mPending.counters, keeps);
     if (mPending.empty() && !changes.empty())
-        return;
+        return; // nothing of it is kept
     // One that fails is not tried again with every change.
     if ((mFails || !mDatabase) && Clock::now() < mNextAttempt)
         return;
-    if (mDatabase || open())
+    if (!mDatabase)
+        reopen();
+    if (mDatabase)
         write(now);
 }
 
@@ -142,40 +156,66 @@ void StateFile::write(const BootMoment& now)
 
 // ------------------------------------------------------------------------------------------------ the file
 
-// False if it cannot be had now.
-bool StateFile::open()
+// What the file holds: nothing if it is new. Without a database afterwards if it cannot be had now.
+Database::Contents StateFile::open()
 {
     constexpr int attempts = 2; // the second one after the unreadable file has been moved aside
-    for (int attempt = 0; attempt < attempts; ++attempt)
+    for (int attempt = 1; attempt <= attempts; ++attempt)
     {
         try
         {
-            mDatabase = std::make_unique<Database>(mPath, mSync);
-            return true;
+            auto database = std::make_unique<Database>(mPath, mSync);
+            Database::Contents contents = database->read();
+            mDatabase = std::move(database);
+            closeToOthers(mPath);
+            closeToOthers(mPath + "-wal");
+            return contents;
         }
         catch (const DatabaseError& error)
         {
-            if (!error.isUnreadable() || attempt + 1 == attempts)
-            {
+            if (!error.isUnreadable() || attempt == attempts)
                 failed(error.what());
-                return false;
-            }
-            moveAside(error.what());
+            else if (moveAside(error.what()))
+                continue;
+            break;
         }
     }
-    return false;
+    return {};
 }
 
-void StateFile::moveAside(const std::string& reason)
+// Tries again. If the file could not be had when it was to be loaded, what it holds is not mixed with what
+// has been begun without it.
+void StateFile::reopen()
+{
+    const Database::Contents contents = open();
+    if (!mDatabase || !mMissed || contents.state.empty())
+        return;
+    mDatabase.reset();
+    if (moveAside("not in time: the broker has begun without it"))
+        open();
+}
+
+// False if that cannot be done.
+bool StateFile::moveAside(const std::string& reason)
 {
     const std::string aside = freeName(mPath);
-    if (rename(mPath.c_str(), aside.c_str()) != 0)
-        return failed("cannot move it aside: " + std::string(strerror(errno)));
-    // What was written last is in the log beside it.
+    // What was written last is in the log beside it. It goes first: a new file would take the place of a log
+    // that was left behind.
     if (rename((mPath + "-wal").c_str(), (aside + "-wal").c_str()) != 0 && errno != ENOENT)
-        return failed("cannot move its log aside: " + std::string(strerror(errno)));
+    {
+        const std::string why = strerror(errno);
+        failed(reason + ", and cannot move its log aside: " + why);
+        return false;
+    }
+    if (rename(mPath.c_str(), aside.c_str()) != 0)
+    {
+        const std::string why = strerror(errno);
+        failed(reason + ", and cannot move it aside: " + why);
+        return false;
+    }
     OV_LOG(0, "State file [%s] cannot be read (%s), moved to [%s]", mPath.c_str(), reason.c_str(),
            aside.c_str());
+    return true;
 }
 
 void StateFile::succeeded()

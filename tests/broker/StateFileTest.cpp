@@ -1,17 +1,45 @@
 #include "broker/StateFile.h"
 
+#include <array>
+#include <atomic>
+#include <climits>
 #include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Wait.h"
+
+namespace
+{
+
+std::atomic<int> syncs{0};
+
+int counted(long call, int descriptor)
+{
+    ++syncs;
+    return static_cast<int>(syscall(call, descriptor));
+}
+
+} // namespace
+
+// A definition in the program is found before the C library's, from SQLite, too.
+extern "C" __attribute__((visibility("default"))) int fsync(int descriptor)
+{
+    return counted(SYS_fsync, descriptor);
+}
+
+extern "C" __attribute__((visibility("default"))) int fdatasync(int descriptor)
+{
+    return counted(SYS_fdatasync, descriptor);
+}
 
 namespace
 {
@@ -32,6 +60,29 @@ void execute(const std::string& path, const std::string& sql)
     EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
         << sqlite3_errmsg(database);
     sqlite3_close(database);
+}
+
+// The database and the log beside it, as a process that is killed leaves them.
+void copyAsKilled(const std::string& from, const std::string& to)
+{
+    std::filesystem::copy_file(from, to);
+    std::filesystem::copy_file(from + "-wal", to + "-wal");
+}
+
+mode_t modeOf(const std::string& path)
+{
+    struct stat status
+    {
+    };
+    EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
+    return status.st_mode & ACCESSPERMS;
+}
+
+SavedState withTimer(uint64_t spanStart)
+{
+    SavedState state;
+    state.timers["t"] = {5, spanStart, 77};
+    return state;
 }
 
 class StateFileTest : public testing::Test
@@ -128,6 +179,48 @@ TEST_F(StateFileTest, aTimerThatStartsInTheFutureIsStopped)
     EXPECT_EQ(load({"boot-1", 800000}).timers.at("t").spanStart, 0U);
 }
 
+TEST_F(StateFileTest, aTimerThatABootHasStoppedStaysStopped)
+{
+    commit(withTimer(900000));
+    {
+        StateFile file(path, StateSync::Normal, {});
+        file.load({"boot-2", 2000000});
+        file.commit(stateOf({{"a", "1"}}), {"boot-2", 2000001}); // from now on the file is of this boot
+    }
+    const SavedState::Timer timer = load({"boot-2", 3000000}).timers.at("t");
+    EXPECT_EQ(timer.accumulated, 5U + 100000U);
+    EXPECT_EQ(timer.spanStart, 0U);
+}
+
+TEST_F(StateFileTest, aTimerThatABootHasStoppedStaysStoppedWhileItsNameIsNotKept)
+{
+    commit(withTimer(900000));
+    {
+        StateFile file(path, StateSync::Normal, {"a"});
+        file.load({"boot-2", 2000000});
+        file.commit(stateOf({{"a", "1"}}), {"boot-2", 2000001});
+    }
+    EXPECT_EQ(load({"boot-2", 3000000}).timers.at("t").spanStart, 0U);
+}
+
+TEST_F(StateFileTest, aTimerStartedAfterTheLastMomentIsStoppedWithoutATake)
+{
+    commit(withTimer(2000000)); // the moment is 1000000
+    const SavedState::Timer timer = load({"boot-2", 10}).timers.at("t");
+    EXPECT_EQ(timer.accumulated, 5U);
+    EXPECT_EQ(timer.spanStart, 0U);
+}
+
+TEST_F(StateFileTest, noTimerGoesOnWhenTheBootIsNotKnown)
+{
+    {
+        StateFile file(path, StateSync::Normal, {});
+        file.load({"", 1000000});
+        file.commit(withTimer(900000), {"", 1000000});
+    }
+    EXPECT_EQ(load({"", 2000000}).timers.at("t").spanStart, 0U);
+}
+
 TEST_F(StateFileTest, onlyMatchingNamesAreKept)
 {
     SavedState state;
@@ -149,19 +242,60 @@ TEST_F(StateFileTest, whatMatchesNoLongerIsNotLoaded)
     EXPECT_EQ(load(thisBoot, {"b"}).values, (StatusMap{{"b", "1"}}));
 }
 
+TEST_F(StateFileTest, whatIsNotKeptIsNoCommit)
+{
+    StateFile file(path, StateSync::Normal, {"b"});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 0U);
+}
+
+TEST_F(StateFileTest, everyCommitIsCounted)
+{
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    file.commit({}, thisBoot);
+    EXPECT_EQ(file.commits(), 2U);
+    EXPECT_EQ(file.errors(), 0U);
+}
+
 TEST_F(StateFileTest, isForItsOwnerOnly)
 {
     StateFile file(path, StateSync::Normal, {});
     file.load(thisBoot);
     file.commit(stateOf({{"a", "1"}}), thisBoot);
     for (const std::string& name : {path, path + "-wal"})
-    {
-        struct stat status
-        {
-        };
-        ASSERT_EQ(stat(name.c_str(), &status), 0) << name;
-        EXPECT_EQ(status.st_mode & 0777U, 0600U) << name;
-    }
+        EXPECT_EQ(modeOf(name), 0600U) << name;
+}
+
+TEST_F(StateFileTest, aFileThatOthersCanReadIsClosedToThem)
+{
+    commit(stateOf({{"a", "1"}}));
+    ASSERT_EQ(chmod(path.c_str(), 0644), 0);
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    for (const std::string& name : {path, path + "-wal"})
+        EXPECT_EQ(modeOf(name), 0640U) << name;
+}
+
+TEST_F(StateFileTest, needsNoFileOfSharedMemory)
+{
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    EXPECT_FALSE(std::filesystem::exists(path + "-shm"));
+}
+
+TEST_F(StateFileTest, itsLogDoesNotGrowWithoutBound)
+{
+    StateFile file(path, StateSync::Off, {});
+    file.load(thisBoot);
+    for (int count = 0; count < 1000; ++count) // some 50 MB
+        file.commit(stateOf({{"a", std::string(50000, static_cast<char>('a' + count % 26))}}), thisBoot);
+    EXPECT_EQ(file.commits(), 1000U);
+    EXPECT_LT(std::filesystem::file_size(path + "-wal"), 8U * 1024 * 1024);
 }
 
 TEST_F(StateFileTest, itsLogIsFoldedInWhenItIsClosed)
@@ -170,8 +304,65 @@ TEST_F(StateFileTest, itsLogIsFoldedInWhenItIsClosed)
     EXPECT_NE(access((path + "-wal").c_str(), F_OK), 0);
 }
 
-// ------------------------------------------------------------------------------------------ what is no such
-// file
+TEST_F(StateFileTest, whatIsInTheLogOnlyComesBack)
+{
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    copyAsKilled(path, path + ".copy");
+    path += ".copy";
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+}
+
+namespace
+{
+
+// How often the storage is waited for: by commits, and by the last fold of the log.
+struct Waits
+{
+    int commits;
+    int close;
+};
+
+Waits waitsOf(const std::string& path, StateSync sync, int commits)
+{
+    auto file = std::make_unique<StateFile>(path, sync, std::vector<std::string>());
+    file->load(thisBoot);
+    file->commit({}, thisBoot);
+    syncs = 0;
+    for (int count = 0; count < commits; ++count)
+        file->commit(stateOf({{"a", std::to_string(count)}}), thisBoot);
+    Waits waits{};
+    waits.commits = syncs.exchange(0);
+    file.reset();
+    waits.close = syncs;
+    return waits;
+}
+
+} // namespace
+
+TEST_F(StateFileTest, offNeverWaitsForTheStorage)
+{
+    const Waits waits = waitsOf(path, StateSync::Off, 10);
+    EXPECT_EQ(waits.commits, 0);
+    EXPECT_EQ(waits.close, 0);
+}
+
+TEST_F(StateFileTest, normalWaitsForTheStorageWhenTheLogIsFoldedIn)
+{
+    const Waits waits = waitsOf(path, StateSync::Normal, 10);
+    EXPECT_EQ(waits.commits, 0);
+    EXPECT_GT(waits.close, 0);
+}
+
+TEST_F(StateFileTest, fullWaitsForTheStorageWithEveryCommit)
+{
+    const Waits waits = waitsOf(path, StateSync::Full, 10);
+    EXPECT_GE(waits.commits, 10);
+    EXPECT_GT(waits.close, 0);
+}
+
+// ----------------------------------------------------------------------------------- what is no such file
 
 TEST_F(StateFileTest, bytesAreMovedAside)
 {
@@ -247,8 +438,126 @@ TEST_F(StateFileTest, theLogBesideItIsMovedAsideToo)
     EXPECT_EQ(readFile(path + ".bad-wal"), "changes");
 }
 
-// ---------------------------------------------------------------------------------------- where nothing can
-// be done
+TEST_F(StateFileTest, theLogOfAnUnreadableDatabaseIsMovedAsideAsItIs)
+{
+    commit(stateOf({{"a", "1"}}));
+    const std::string damaged = folder / "damaged";
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, "UPDATE value SET text = 5", nullptr, nullptr, nullptr), SQLITE_OK);
+    copyAsKilled(path, damaged);
+    sqlite3_close(database);
+    path = damaged;
+    const std::string log = readFile(path + "-wal");
+    ASSERT_FALSE(log.empty());
+    expectMovedAside();
+    EXPECT_TRUE(readFile(path + ".bad-wal") == log);
+}
+
+TEST_F(StateFileTest, aLogThatWasMovedAsideIsNotOverwritten)
+{
+    writeFile(path + ".bad-wal", "first");
+    writeFile(path, std::string(1000, 'y'));
+    writeFile(path + "-wal", "second");
+    expectMovedAside(".bad.1");
+    EXPECT_EQ(readFile(path + ".bad-wal"), "first");
+    EXPECT_EQ(readFile(path + ".bad.1-wal"), "second");
+}
+
+TEST_F(StateFileTest, aLinkThatLeadsNowhereIsNotOverwritten)
+{
+    std::filesystem::create_symlink(folder / "nowhere", path + ".bad");
+    writeFile(path, std::string(1000, 'y'));
+    expectMovedAside(".bad.1");
+    EXPECT_TRUE(std::filesystem::is_symlink(path + ".bad"));
+}
+
+TEST_F(StateFileTest, aTableOfOtherColumnsIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "DROP TABLE value; CREATE TABLE value (key BLOB PRIMARY KEY, text BLOB)");
+    expectMovedAside();
+}
+
+TEST_F(StateFileTest, aDatabaseOfThisLayoutButOfAnotherProgramIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "PRAGMA application_id = 1");
+    expectMovedAside();
+}
+
+TEST_F(StateFileTest, anEmptyFileIsANewOne)
+{
+    writeFile(path, "");
+    const LogCapture log;
+    commit(stateOf({{"a", "1"}}));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+    EXPECT_TRUE(log.lines().empty());
+}
+
+namespace
+{
+
+// A database of a dozen pages.
+SavedState manyValues()
+{
+    SavedState state;
+    for (int key = 0; key < 500; ++key)
+        state.values["key" + std::to_string(key)] = std::string(50, 'x');
+    return state;
+}
+
+constexpr std::size_t pageSize = 4096;
+
+} // namespace
+
+TEST_F(StateFileTest, aFileThatEndsAnywhereTooEarlyIsMovedAside)
+{
+    commit(manyValues());
+    const std::string whole = readFile(path);
+    for (const std::size_t size : {std::size_t{15}, std::size_t{16}, std::size_t{60}, std::size_t{72},
+                                   std::size_t{100}, std::size_t{101}, std::size_t{511}, std::size_t{512},
+                                   pageSize - 1, pageSize, pageSize + 1, whole.size() - pageSize})
+    {
+        SCOPED_TRACE(size);
+        const TemporaryFolder other;
+        path = other / "state";
+        writeFile(path, whole.substr(0, size));
+        const LogCapture log;
+        EXPECT_TRUE(load().empty());
+        EXPECT_TRUE(readFile(path + ".bad") == whole.substr(0, size));
+        EXPECT_EQ(log.lines().size(), 1U);
+    }
+}
+
+TEST_F(StateFileTest, aFileWithADamagedPageIsMovedAside)
+{
+    commit(manyValues());
+    const std::string whole = readFile(path);
+    ASSERT_GT(whole.size(), 10 * pageSize);
+    for (std::size_t page = 0; page < whole.size(); page += pageSize)
+    {
+        SCOPED_TRACE(page);
+        const TemporaryFolder other;
+        path = other / "state";
+        const std::string damaged = std::string(whole).replace(page, 200, 200, 'Z');
+        writeFile(path, damaged);
+        const LogCapture log;
+        EXPECT_TRUE(load().empty());
+        EXPECT_TRUE(readFile(path + ".bad") == damaged);
+        EXPECT_EQ(log.lines().size(), 1U);
+    }
+}
+
+TEST_F(StateFileTest, damageThatNoRowShowsIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    constexpr std::size_t unusedPages = 39; // the last byte of their number, in the header
+    writeFile(path, readFile(path).replace(unusedPages, 1, 1, 7));
+    expectMovedAside();
+}
+
+// ----------------------------------------------------------------------------- where nothing can be done
 
 TEST_F(StateFileTest, aFolderInItsPlaceIsToldOnceAndServingGoesOn)
 {
@@ -290,9 +599,70 @@ TEST_F(StateFileTest, whatCouldNotBeWrittenIsWrittenWhenItCanBe)
         }));
     EXPECT_TRUE(log.has(2, "State file [" + later + "] is written again"));
     path = later + ".copy";
-    std::filesystem::copy_file(later, path);
-    std::filesystem::copy_file(later + "-wal", path + "-wal");
+    copyAsKilled(later, path);
     EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileTest, whatFailsIsTriedAgainOnceASecondAtMost)
+{
+    const LogCapture log;
+    const TimePoint begin = Clock::now();
+    StateFile file(folder / "nowhere/state", StateSync::Normal, {});
+    file.load(thisBoot);
+    for (int count = 0; count < 1000; ++count)
+        file.commit(stateOf({{"a", std::to_string(count)}}), thisBoot);
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(Clock::now() - begin).count();
+    EXPECT_LE(file.errors(), static_cast<uint64_t>(seconds));
+}
+
+TEST_F(StateFileTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegunWithoutIt)
+{
+    const LogCapture log;
+    auto first = std::make_unique<StateFile>(path, StateSync::Normal, std::vector<std::string>());
+    first->load(thisBoot);
+    first->commit(stateOf({{"old", "1"}}), thisBoot);
+    {
+        StateFile second(path, StateSync::Normal, {});
+        EXPECT_TRUE(second.load(thisBoot).empty());
+        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "it is another one's";
+        first.reset();
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                second.commit(stateOf({{"new", "1"}}), thisBoot);
+                return second.commits() == 1;
+            }));
+    }
+    EXPECT_EQ(load().values, (StatusMap{{"new", "1"}}));
+    path += ".bad";
+    EXPECT_EQ(load().values, (StatusMap{{"old", "1"}}));
+}
+
+TEST_F(StateFileTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "UPDATE value SET text = 5");
+    const std::string before = readFile(path);
+    // There is no room in it for the end of another name than the first one, which is taken.
+    const std::string longName = folder / std::string(NAME_MAX - 4, 'n');
+    std::filesystem::rename(path, longName);
+    writeFile(longName + ".bad", "first");
+    {
+        const LogCapture log;
+        StateFile file(longName, StateSync::Normal, {});
+        EXPECT_TRUE(file.load(thisBoot).empty());
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                file.commit(stateOf({{"new", "1"}}), thisBoot);
+                return file.errors() >= 2;
+            }));
+        EXPECT_EQ(file.commits(), 0U);
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines()[0].level, 0);
+    }
+    EXPECT_TRUE(readFile(longName) == before);
+    EXPECT_EQ(readFile(longName + ".bad"), "first");
 }
 
 namespace
@@ -348,7 +718,7 @@ class Killed : public testing::TestWithParam<StateSync>
 TEST_P(Killed, takesNothingBackThatWasCommitted)
 {
     const TemporaryFolder folder;
-    for (int round = 0; round < 30; ++round)
+    for (int round = 0; round < 50; ++round)
     {
         const std::string path = folder / std::to_string(round);
         std::array<int, 2> pipe{};
