@@ -1,5 +1,6 @@
 #include "broker/Database.h"
 
+#include <filesystem>
 #include <limits>
 #include <sys/stat.h>
 
@@ -38,14 +39,33 @@ const char* synchronous(StateSync sync)
     return "";
 }
 
+// While it lives, files are made for their owner only: what devices hold is not everybody's business.
+class PrivateFiles
+{
+public:
+    PrivateFiles() : mBefore(umask(0077)) {}
+    ~PrivateFiles() { umask(mBefore); }
+
+    PrivateFiles(const PrivateFiles&) = delete;
+    PrivateFiles& operator=(const PrivateFiles&) = delete;
+
+private:
+    mode_t mBefore;
+};
+
 sqlite3* openFile(const std::string& path)
 {
     sqlite3* database = nullptr;
-    const mode_t before = umask(0077); // what devices hold is not everybody's business
+    const PrivateFiles restricted;
     const int flags =
         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    sqlite3_open_v2(path.c_str(), &database, flags, nullptr);
-    umask(before);
+    // A link in place of the file is refused; one on the way to it, such as /var/run, is not.
+    std::error_code ignored;
+    const std::filesystem::path given(path);
+    const auto folder =
+        std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", ignored);
+    const std::string direct = ignored ? path : (folder / given.filename()).string();
+    sqlite3_open_v2(direct.c_str(), &database, flags, nullptr);
     return database;
 }
 
@@ -77,14 +97,13 @@ void Database::setUp(StateSync sync)
     // Exclusive: nobody else can hold a lock that the broker would have to wait for.
     execute("PRAGMA locking_mode = EXCLUSIVE");
     execute(synchronous(sync));
-    const mode_t before = umask(0077); // this makes the file
+    const PrivateFiles restricted; // this makes the file
     const uint64_t tables = numberOf("SELECT count(*) FROM sqlite_master");
     const uint64_t id = numberOf("PRAGMA application_id");
     const uint64_t version = numberOf("PRAGMA user_version");
     const bool isEmpty = tables == 0 && id == 0 && version == 0;
     if (!isEmpty && (id != applicationId || version != layoutVersion))
     {
-        umask(before);
         throw DatabaseError(id != applicationId ? "not a state file of this program"
                                                 : "of version " + std::to_string(version),
                             true);
@@ -92,7 +111,11 @@ void Database::setUp(StateSync sync)
     execute("PRAGMA journal_mode = WAL");
     if (isEmpty)
         execute(createTables);
-    umask(before);
+    constexpr uint64_t tablesWithKey = 4;
+    if (numberOf("SELECT count(*) FROM pragma_table_list AS t WHERE schema = 'main' AND type = 'table' AND"
+                 " name IN ('value', 'timer', 'counter', 'moment') AND"
+                 " (SELECT count(*) FROM pragma_table_info(t.name) WHERE pk > 0) = 1") != tablesWithKey)
+        throw DatabaseError("tables are missing, or are others", true);
     checkIntegrity();
 }
 

@@ -383,6 +383,23 @@ TEST_F(StateFileTest, aLaterLayoutIsMovedAside)
     expectMovedAside();
 }
 
+TEST_F(StateFileTest, aTableWithoutItsKeyIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "DROP TABLE counter; CREATE TABLE counter (name BLOB, number INTEGER)");
+    expectMovedAside();
+}
+
+TEST_F(StateFileTest, aLinkOnTheWayToItIsFollowed)
+{
+    std::filesystem::create_directory(folder / "real");
+    std::filesystem::create_directory_symlink(folder / "real", folder / "link");
+    path = folder / "link/state";
+    commit(stateOf({{"a", "1"}}));
+    path = folder / "real/state";
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+}
+
 TEST_F(StateFileTest, aMissingTableIsMovedAside)
 {
     commit(stateOf({{"a", "1"}}));
