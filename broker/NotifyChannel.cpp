@@ -16,7 +16,10 @@ namespace
 // subscribers to a part of the notifications, of which nobody knows how far they are behind.
 int highWaterMark(std::size_t notifyBytes)
 {
-    const std::size_t messages = notifyBytes / Subscribers::messageOverhead;
+    // libzmq may take its queue for full at half the mark, because it learns only now and then what was
+    // taken.
+    constexpr std::size_t clearance = 4;
+    const std::size_t messages = clearance * (notifyBytes / Subscribers::messageOverhead);
     return static_cast<int>(std::min<std::size_t>(messages + 1, std::numeric_limits<int>::max()));
 }
 
@@ -104,6 +107,9 @@ void NotifyChannel::receiveSubscriptions()
     bool more = false;
     while (Frames::receiveFrame(mSocket, frame, more))
     {
+        // A descriptor is used again soon. The end of its last connection is told before anything of this
+        // one, and must be taken note of first, or it would be taken for the end of this one.
+        updateConnections();
         if (frame.empty())
             continue;
         const bool subscribes = *frame.data<char>() == subscribeMark;
