@@ -41,11 +41,14 @@ std::optional<uint64_t> Connection::bytesRead(int descriptor)
     return arrived ? std::optional(*arrived - std::min(*arrived, unread)) : std::nullopt;
 }
 
-std::optional<uint64_t> Connection::bytesHandedOver(int descriptor)
+std::optional<Connection::Sent> Connection::bytesSent(int descriptor)
 {
-    const uint64_t unacknowledged = queued(descriptor, SIOCOUTQ);
+    // Asked in this order, what is acknowledged in between makes the sum too small, never too large.
     const std::optional<tcp_info> info = infoOf(descriptor);
-    return info ? std::optional(info->tcpi_bytes_acked + unacknowledged) : std::nullopt;
+    const uint64_t unacknowledged = queued(descriptor, SIOCOUTQ);
+    if (!info)
+        return std::nullopt;
+    return Sent{info->tcpi_bytes_acked + unacknowledged, info->tcpi_bytes_acked};
 }
 
 void Connection::cut(int descriptor)

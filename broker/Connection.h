@@ -18,8 +18,14 @@ std::optional<uint64_t> bytesArrived(int descriptor);
 /// Bytes that have arrived and been read.
 std::optional<uint64_t> bytesRead(int descriptor);
 
-/// Bytes that have been handed to the kernel for sending.
-std::optional<uint64_t> bytesHandedOver(int descriptor);
+struct Sent
+{
+    uint64_t handedOver;   ///< bytes handed to the kernel for sending
+    uint64_t acknowledged; ///< bytes of them that have reached the peer's kernel
+};
+
+/// Nothing if the descriptor has just been closed.
+std::optional<Sent> bytesSent(int descriptor);
 
 /// Ends the connection. libzmq notices and closes it; a peer of the library's connects again by itself.
 void cut(int descriptor);

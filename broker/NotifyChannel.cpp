@@ -65,7 +65,7 @@ void NotifyChannel::relieve()
     {
         receiveSubscriptions();
         updateConnections();
-        const Subscribers::Verdict verdict = mSubscribers.look(Connection::bytesHandedOver, Clock::now());
+        const Subscribers::Verdict verdict = mSubscribers.look(Connection::bytesSent, Clock::now());
         for (const Subscribers::Hopeless& hopeless : verdict.hopeless)
             cutOff(hopeless);
         if (!verdict.wait)
@@ -117,9 +117,9 @@ void NotifyChannel::receiveSubscriptions()
         if (frame.size() != 1)
             continue;
         const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
-        const std::optional<uint64_t> handedOver = Connection::bytesHandedOver(descriptor);
-        if (subscribes && handedOver)
-            mSubscribers.subscribed(descriptor, *handedOver, Clock::now());
+        const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor);
+        if (subscribes && sent)
+            mSubscribers.subscribed(descriptor, *sent, Clock::now());
         else
             mSubscribers.left(descriptor);
     }

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-void Subscribers::subscribed(int descriptor, uint64_t handedOver, TimePoint now)
+void Subscribers::subscribed(int descriptor, const Connection::Sent& sent, TimePoint now)
 {
-    mSubscribers[descriptor] = {handedOver - mPublished, mPublished, mPublished, now};
+    mSubscribers[descriptor] = {sent.handedOver - mPublished, mPublished, sent.acknowledged, now};
 }
 
 void Subscribers::left(int descriptor)
@@ -28,19 +28,19 @@ bool Subscribers::lookIsDue() const
     return mSinceLook >= mLimits.notifyBytes / looksPerLimit;
 }
 
-void Subscribers::judge(int descriptor, Subscriber& subscriber, uint64_t handedOver, TimePoint now,
+void Subscribers::judge(int descriptor, Subscriber& subscriber, const Connection::Sent& sent, TimePoint now,
                         Verdict& verdict)
 {
     // What was sent between its subscription and the notice of it was not counted.
-    if (handedOver - subscriber.origin > mPublished)
-        subscriber.origin = handedOver - mPublished;
-    subscriber.taken = handedOver - subscriber.origin;
+    if (sent.handedOver - subscriber.origin > mPublished)
+        subscriber.origin = sent.handedOver - mPublished;
+    subscriber.taken = sent.handedOver - subscriber.origin;
 
     const auto first = firstWaiting(subscriber);
     const auto waiting = static_cast<uint64_t>(mWaiting.end() - first);
-    if (subscriber.taken - subscriber.mark >= progress || waiting == 0)
+    if (sent.acknowledged - subscriber.mark >= progress || waiting == 0)
     {
-        subscriber.mark = subscriber.taken;
+        subscriber.mark = sent.acknowledged;
         subscriber.markTime = now;
     }
     if (mPublished - subscriber.taken + waiting * messageOverhead <= mLimits.notifyBytes)

@@ -4,9 +4,11 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <vector>
 
 #include "broker/Clock.h"
+#include "broker/Connection.h"
 #include "broker/Options.h"
 
 /// How far each subscriber is behind what has been published.
@@ -21,17 +23,20 @@
 class Subscribers
 {
 public:
-    /// Waited for is whoever takes this much in this time.
+    /// Waited for is whoever takes this much in this time. That is told by what its kernel acknowledges,
+    /// which grows with each few that it reads; libzmq hands over nothing until a third of the kernel's
+    /// buffer is free, which may be a megabyte. The kernels take some megabytes for one that has stopped, so
+    /// most of its time is over before the limit is reached and the others wait for it.
     static constexpr uint64_t progress = uint64_t{64} * 1024;
-    static constexpr std::chrono::milliseconds patience{50};
+    static constexpr std::chrono::milliseconds patience{250};
 
     /// What a waiting message takes beside its bytes, about.
     static constexpr uint64_t messageOverhead = 128;
 
     explicit Subscribers(const Limits& limits) : mLimits(limits) {}
 
-    /// @param handedOver bytes handed to the kernel for it so far
-    void subscribed(int descriptor, uint64_t handedOver, TimePoint now);
+    /// @param sent to it so far
+    void subscribed(int descriptor, const Connection::Sent& sent, TimePoint now);
     void left(int descriptor);
 
     /// @param wireBytes what was sent to each of them
@@ -54,15 +59,15 @@ public:
         std::vector<Hopeless> hopeless;
     };
 
-    /// @param handedOver tells what has been handed over to a descriptor; nothing if that is closed
-    template <typename HandedOver>
-    Verdict look(HandedOver handedOver, TimePoint now)
+    /// @param sentTo tells what has been sent to a descriptor; nothing if that is closed
+    template <typename SentTo>
+    Verdict look(SentTo sentTo, TimePoint now)
     {
         Verdict verdict;
         for (auto& [descriptor, subscriber] : mSubscribers)
         {
-            if (const auto bytes = handedOver(descriptor))
-                judge(descriptor, subscriber, *bytes, now, verdict);
+            if (const std::optional<Connection::Sent> sent = sentTo(descriptor))
+                judge(descriptor, subscriber, *sent, now, verdict);
         }
         forgetTaken();
         return verdict;
@@ -81,11 +86,12 @@ private:
     {
         uint64_t origin; ///< bytes handed over for it before position 0; wraps
         uint64_t taken;  ///< position up to which it has been handed over
-        uint64_t mark;   ///< position at markTime
+        uint64_t mark;   ///< bytes acknowledged at markTime
         TimePoint markTime;
     };
 
-    void judge(int descriptor, Subscriber& subscriber, uint64_t handedOver, TimePoint now, Verdict& verdict);
+    void judge(int descriptor, Subscriber& subscriber, const Connection::Sent& sent, TimePoint now,
+               Verdict& verdict);
     std::deque<Notification>::const_iterator firstWaiting(const Subscriber& subscriber) const;
     void forgetTaken();
 

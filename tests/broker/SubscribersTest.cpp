@@ -22,15 +22,17 @@ protected:
             subscribers.published(bytes, ++revision);
     }
 
+    // The subscriber has been sent this much and read all of it.
+    void has(int descriptor, uint64_t bytes) { sent[descriptor] = {bytes, bytes}; }
+
     Subscribers::Verdict look()
     {
-        return subscribers.look([this](int descriptor) { return std::optional(handedOver[descriptor]); },
-                                now);
+        return subscribers.look([this](int descriptor) { return std::optional(sent[descriptor]); }, now);
     }
 
     Limits limits;
     Subscribers subscribers{limits};
-    std::map<int, uint64_t> handedOver;
+    std::map<int, Connection::Sent> sent;
     uint64_t revision = 0;
     TimePoint now{1000s};
 };
@@ -39,11 +41,11 @@ protected:
 
 TEST_F(SubscribersTest, oneThatTakesEverythingIsFine)
 {
-    subscribers.subscribed(first, 91, now);
+    subscribers.subscribed(first, {91, 91}, now);
     for (int round = 0; round < 100; ++round)
     {
         publish(50);
-        handedOver[first] = 91 + static_cast<uint64_t>(round + 1) * 50000;
+        has(first, 91 + static_cast<uint64_t>(round + 1) * 50000);
         const auto verdict = look();
         EXPECT_FALSE(verdict.wait);
         EXPECT_TRUE(verdict.hopeless.empty());
@@ -53,35 +55,51 @@ TEST_F(SubscribersTest, oneThatTakesEverythingIsFine)
 TEST_F(SubscribersTest, whatWasPublishedBeforeDoesNotCount)
 {
     publish(1000);
-    subscribers.subscribed(first, 91, now);
-    handedOver[first] = 91;
+    subscribers.subscribed(first, {91, 91}, now);
+    has(first, 91);
     now += 1h;
     EXPECT_TRUE(look().hopeless.empty());
 }
 
 TEST_F(SubscribersTest, oneThatIsBehindButTakingIsWaitedFor)
 {
-    subscribers.subscribed(first, 0, now);
+    subscribers.subscribed(first, {0, 0}, now);
     publish(150);
     for (uint64_t taken = 0; taken < 40; taken += 10)
     {
-        handedOver[first] = taken * 1000;
+        has(first, taken * 1000);
         EXPECT_TRUE(look().wait);
-        now += 7ms;
+        now += Subscribers::patience / 7;
     }
-    handedOver[first] = 70000;
+    has(first, 70000);
     const auto verdict = look();
     EXPECT_FALSE(verdict.wait);
     EXPECT_TRUE(verdict.hopeless.empty());
 }
 
+TEST_F(SubscribersTest, oneThatIsStillReadingIsWaitedForThoughNothingIsHandedOver)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(350);
+    sent[first] = {200000, 0};
+    look();
+    for (uint64_t read = 1; read <= 3; ++read)
+    {
+        now += Subscribers::patience;
+        sent[first].acknowledged = read * Subscribers::progress;
+        EXPECT_TRUE(look().wait);
+    }
+    now += Subscribers::patience;
+    EXPECT_EQ(look().hopeless.size(), 1U);
+}
+
 TEST_F(SubscribersTest, oneThatDoesNotTakeIsHopelessAfterAWhile)
 {
-    subscribers.subscribed(first, 0, now);
-    subscribers.subscribed(second, 0, now);
-    handedOver[first] = 0;
+    subscribers.subscribed(first, {0, 0}, now);
+    subscribers.subscribed(second, {0, 0}, now);
+    has(first, 0);
     publish(150);
-    handedOver[second] = 150000;
+    has(second, 150000);
     EXPECT_TRUE(look().wait);
     now += Subscribers::patience;
     const auto verdict = look();
@@ -92,9 +110,9 @@ TEST_F(SubscribersTest, oneThatDoesNotTakeIsHopelessAfterAWhile)
 
 TEST_F(SubscribersTest, whatItLosesIsCountedAndWhatItKnowsRemembered)
 {
-    subscribers.subscribed(first, 0, now);
+    subscribers.subscribed(first, {0, 0}, now);
     publish(150);
-    handedOver[first] = 20500; // twenty, and a part of the next
+    has(first, 20500); // twenty, and a part of the next
     now += 1s;
     look();
     now += 1s;
@@ -107,8 +125,8 @@ TEST_F(SubscribersTest, whatItLosesIsCountedAndWhatItKnowsRemembered)
 TEST_F(SubscribersTest, oneThatTookNothingKnowsWhatWasPublishedBeforeIt)
 {
     publish(10);
-    subscribers.subscribed(first, 0, now);
-    handedOver[first] = 0;
+    subscribers.subscribed(first, {0, 0}, now);
+    has(first, 0);
     publish(150);
     now += 1s;
     look();
@@ -121,8 +139,8 @@ TEST_F(SubscribersTest, oneThatTookNothingKnowsWhatWasPublishedBeforeIt)
 
 TEST_F(SubscribersTest, smallMessagesCountForWhatTheyTakeInMemory)
 {
-    subscribers.subscribed(first, 0, now);
-    handedOver[first] = 0;
+    subscribers.subscribed(first, {0, 0}, now);
+    has(first, 0);
     publish(1000, 10); // 10,000 bytes, 138,000 with what is around them
     now += 1s;
     EXPECT_EQ(look().hopeless.size(), 1U);
@@ -130,8 +148,8 @@ TEST_F(SubscribersTest, smallMessagesCountForWhatTheyTakeInMemory)
 
 TEST_F(SubscribersTest, whatWasSentBeforeItsSubscriptionWasNoticedDoesNotHelpIt)
 {
-    subscribers.subscribed(first, 0, now);
-    handedOver[first] = 5000; // more than has been published
+    subscribers.subscribed(first, {0, 0}, now);
+    has(first, 5000); // more than has been published
     look();
     publish(150);
     now += 1s;
@@ -144,7 +162,7 @@ TEST_F(SubscribersTest, whatWasSentBeforeItsSubscriptionWasNoticedDoesNotHelpIt)
 
 TEST_F(SubscribersTest, aLookIsDueNowAndThen)
 {
-    subscribers.subscribed(first, 0, now);
+    subscribers.subscribed(first, {0, 0}, now);
     EXPECT_FALSE(subscribers.lookIsDue());
     publish(20);
     EXPECT_TRUE(subscribers.lookIsDue());
@@ -154,7 +172,7 @@ TEST_F(SubscribersTest, aLookIsDueNowAndThen)
 
 TEST_F(SubscribersTest, oneThatLeftIsForgotten)
 {
-    subscribers.subscribed(first, 0, now);
+    subscribers.subscribed(first, {0, 0}, now);
     publish(150);
     subscribers.left(first);
     now += 1s;

@@ -100,15 +100,17 @@ TEST_F(UnfinishedTest, theKernelsCountsAreThoseOfTheBytes)
     send(peer, "unread", 6, 0);
     EXPECT_TRUE(eventually([&] { return Connection::bytesArrived(mine) == before + 1006; }));
     EXPECT_EQ(Connection::bytesRead(mine), before + 1000);
-    const uint64_t handedOver = Connection::bytesHandedOver(mine).value_or(0);
+    const Connection::Sent sent = Connection::bytesSent(mine).value();
     send(mine, "answer", 6, 0);
-    EXPECT_TRUE(eventually([&] { return Connection::bytesHandedOver(mine) == handedOver + 6; }));
+    EXPECT_EQ(Connection::bytesSent(mine)->handedOver, sent.handedOver + 6);
+    EXPECT_TRUE(
+        eventually([&] { return Connection::bytesSent(mine)->acknowledged == sent.acknowledged + 6; }));
 }
 
 TEST_F(UnfinishedTest, aClosedConnectionHasNoCounts)
 {
     EXPECT_EQ(Connection::bytesRead(-1), std::nullopt);
-    EXPECT_EQ(Connection::bytesHandedOver(-1), std::nullopt);
+    EXPECT_FALSE(Connection::bytesSent(-1));
 }
 
 TEST_F(UnfinishedTest, cuttingItEndsIt)
