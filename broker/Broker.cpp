@@ -21,6 +21,7 @@ constexpr const char* postEndpoint = "tcp://127.0.0.1:5556";
 constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr const char* refusal = "{}";
+const std::string statisticsRequest = BrokerProtocol::writeGetBrokerStatistics();
 
 // So many posts, or requests, are taken before the broker looks elsewhere again.
 constexpr int batchSize = 1000;
@@ -379,7 +380,7 @@ std::optional<std::string> Broker::answer(const RequestChannel::Request& request
             return std::nullopt;
         return BrokerProtocol::syncAckWord;
     }
-    if (request.text && Statistics::isRequest(*request.text))
+    if (request.text == statisticsRequest)
         return statistics();
     const std::optional<Command> command =
         request.text ? BrokerProtocol::readRequest(*request.text) : std::nullopt;
@@ -439,7 +440,7 @@ std::string Broker::statistics()
     numbers["uptime.seconds"] = static_cast<uint64_t>(uptime.count());
     Statistics::addVersion(numbers);
     Statistics::addProcess(numbers);
-    return Statistics::write(numbers);
+    return BrokerProtocol::writeStatisticsReply(numbers);
 }
 
 // ----------------------------------------------------------------------------------------------------- end

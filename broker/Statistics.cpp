@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <json/json.h>
 #include <limits>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -50,21 +49,6 @@ uint64_t Durations::percentile(unsigned percent) const
             return std::min(upperEnd(range), mLongest);
     }
     return 0;
-}
-
-bool Statistics::isRequest(std::string_view text)
-{
-    return text == R"({"getBrokerStatistics":"null"})";
-}
-
-std::string Statistics::write(const Numbers& numbers)
-{
-    Json::Value root(Json::objectValue);
-    for (const auto& [name, number] : numbers)
-        root[name] = static_cast<Json::UInt64>(number);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, root);
 }
 
 void Statistics::addVersion(Numbers& numbers)

@@ -3,9 +3,8 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
-#include <string>
-#include <string_view>
+
+#include "statusmanager/BrokerProtocol.h"
 
 /// How long something took, over many times.
 class Durations
@@ -29,17 +28,11 @@ private:
     uint64_t mLongest = 0;
 };
 
-/// What the broker counts about itself. It is asked for with a request of its own,
-/// {"getBrokerStatistics":"null"}, and answered with an object of numbers; none of it is a status value.
+/// What the broker counts about itself. None of it is a status value.
 namespace Statistics
 {
 
-using Numbers = std::map<std::string, uint64_t>;
-
-/// Whether this is the request.
-bool isRequest(std::string_view text);
-
-std::string write(const Numbers& numbers);
+using Numbers = BrokerProtocol::Statistics;
 
 /// The version of this program.
 void addVersion(Numbers& numbers);

@@ -256,6 +256,34 @@ Notification readNotification(const std::string& message)
     return {kind, std::move(*members)};
 }
 
+std::string writeGetBrokerStatistics()
+{
+    return writeText(Key::getBrokerStatistics, "null");
+}
+
+std::string writeStatisticsReply(const Statistics& statistics)
+{
+    Json::Value root(Json::objectValue);
+    for (const auto& [name, number] : statistics)
+        root[name] = static_cast<Json::UInt64>(number);
+    return write(root);
+}
+
+std::optional<Statistics> readStatisticsReply(const std::string& reply)
+{
+    const std::optional<Json::Value> root = parseObject(reply);
+    if (!root)
+        return std::nullopt;
+    Statistics statistics;
+    for (auto member = root->begin(); member != root->end(); ++member)
+    {
+        if (!member->isUInt64())
+            return std::nullopt;
+        statistics[member.name()] = member->asUInt64();
+    }
+    return statistics;
+}
+
 std::optional<Command> readPost(const std::string& message)
 {
     return readCommand(message, postForms);

@@ -2,6 +2,7 @@
 #define STATUSMANAGER_BROKERPROTOCOL_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -40,6 +41,7 @@ constexpr const char* counterValue = "counterValue"; // reserved: no message use
 constexpr const char* statusUpdate = "statusUpdate";
 constexpr const char* eventUpdate = "eventUpdate";
 constexpr const char* statusValue = "statusValue";
+constexpr const char* getBrokerStatistics = "getBrokerStatistics";
 } // namespace Key
 
 /// The control words, sent as bare text.
@@ -98,6 +100,16 @@ struct Notification
 
 /// Where both keys are present, the status update is read and the event is not looked at.
 Notification readNotification(const std::string& message);
+
+// ----------------------------------------------------- what the broker counts about itself; tools ask for it
+
+using Statistics = std::map<std::string, uint64_t>;
+
+std::string writeGetBrokerStatistics();
+
+/// An object of numbers.
+std::string writeStatisticsReply(const Statistics& statistics);
+std::optional<Statistics> readStatisticsReply(const std::string& reply);
 
 // ------------------------------------------------------------------ posts and requests, read by the broker
 

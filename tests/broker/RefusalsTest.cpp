@@ -92,5 +92,6 @@ TEST(StatisticsTest, ofTheProcessAreThere)
     EXPECT_GE(numbers.at("descriptors.open"), 3U);
     EXPECT_GE(numbers.at("descriptors.limit"), numbers.at("descriptors.open"));
     EXPECT_GT(numbers.at("memory.rss"), 100000U);
-    EXPECT_EQ(Statistics::write({{"a.b", 5}, {"c", UINT64_MAX}}), R"({"a.b":5,"c":18446744073709551615})");
+    EXPECT_EQ(BrokerProtocol::writeStatisticsReply({{"a.b", 5}, {"c", UINT64_MAX}}),
+              R"({"a.b":5,"c":18446744073709551615})");
 }
