@@ -9,6 +9,7 @@
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 
 namespace
 {
@@ -67,9 +68,8 @@ TestProcess::~TestProcess()
         signal(SIGKILL);
         waitForExit();
     }
-    close(mOutput);
-    if (mError != -1)
-        closeErrors();
+    closeOutput();
+    closeErrors();
 }
 
 void TestProcess::signal(int number)
@@ -88,10 +88,9 @@ void TestProcess::suspend()
         throw std::runtime_error("the process ended instead of being suspended");
 }
 
-void TestProcess::writeLine(const std::string& line)
+void TestProcess::write(const std::string& bytes)
 {
-    const std::string bytes = line + '\n';
-    if (write(mInput, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
+    if (::write(mInput, bytes.data(), bytes.size()) != static_cast<ssize_t>(bytes.size()))
         throw std::runtime_error("the process takes no input");
 }
 
@@ -143,6 +142,14 @@ std::optional<std::string> TestProcess::readLine(std::chrono::milliseconds deadl
     return line;
 }
 
+std::string TestProcess::readRest()
+{
+    while (fill(mOutput, mOutputText, testDeadline))
+    {
+    }
+    return std::exchange(mOutputText, {});
+}
+
 std::string TestProcess::errors()
 {
     while (fill(mError, mErrorText, std::chrono::milliseconds(0)))
@@ -156,8 +163,16 @@ bool TestProcess::waitForError(const std::string& text)
     return eventually([&] { return errors().find(text) != std::string::npos; });
 }
 
+void TestProcess::closeOutput()
+{
+    if (mOutput != -1)
+        close(mOutput);
+    mOutput = -1;
+}
+
 void TestProcess::closeErrors()
 {
-    close(mError);
+    if (mError != -1)
+        close(mError);
     mError = -1;
 }

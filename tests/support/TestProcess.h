@@ -26,7 +26,8 @@ public:
     /// Suspends it, and returns when none of its threads runs any more. signal(SIGCONT) wakes it.
     void suspend();
 
-    void writeLine(const std::string& line);
+    void write(const std::string& bytes);
+    void writeLine(const std::string& line) { write(line + '\n'); }
 
     /// Ends its standard input: programs of the tests take that as the sign to leave.
     void closeInput();
@@ -37,11 +38,15 @@ public:
     /// The next line of its standard output; nothing at its end or at the deadline.
     std::optional<std::string> readLine(std::chrono::milliseconds deadline = testDeadline);
 
+    /// The rest of its standard output, up to its end; what there is at the deadline.
+    std::string readRest();
+
     /// What it has written to standard error so far.
     std::string errors();
     bool waitForError(const std::string& text);
 
-    /// Goes away as the reader of its standard error.
+    /// Goes away as the reader of its standard output, or error.
+    void closeOutput();
     void closeErrors();
 
 private:

@@ -1,0 +1,152 @@
+#include "statusctl/CommandLine.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <unistd.h>
+
+namespace
+{
+
+constexpr std::array<Verbs::Add, 16> verbs{
+    Verbs::addGet,    Verbs::addSet,    Verbs::addReset, Verbs::addDump,    Verbs::addLoad, Verbs::addWatch,
+    Verbs::addWait,   Verbs::addEvent,  Verbs::addTimer, Verbs::addCounter, Verbs::addPing, Verbs::addStats,
+    Verbs::addRecord, Verbs::addReplay, Verbs::addTop,   Verbs::addDoctor,
+};
+
+bool isTerminalWithColors()
+{
+    const char* noColor = std::getenv("NO_COLOR");
+    const char* terminal = std::getenv("TERM");
+    return isatty(STDOUT_FILENO) != 0 && (noColor == nullptr || *noColor == '\0') && terminal != nullptr &&
+           std::string(terminal) != "dumb";
+}
+
+// CLI11 shows the value that a flag stands for behind its name, and would break our lines.
+class HelpFormatter : public CLI::Formatter
+{
+public:
+    std::string make_option_name(const CLI::Option* option, bool isPositional) const override
+    {
+        const std::string name = CLI::Formatter::make_option_name(option, isPositional);
+        return option->check_lname("json") ? "-j,--json[=short|pretty]" : name;
+    }
+};
+
+std::string namesOf(const std::vector<const CLI::App*>& commands)
+{
+    std::string names;
+    for (const CLI::App* command : commands)
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    return names;
+}
+
+// CLI11 only says that a subcommand is required.
+std::string reasonOfMissingCommand(const CLI::App& app, const std::string& name)
+{
+    const std::vector<std::string> words = app.remaining(true);
+    const auto all = app.get_subcommands([](const CLI::App*) { return true; });
+    const std::string hint = "; there are " + namesOf(all);
+    if (words.empty())
+        return "one of these commands is needed: " + namesOf(all);
+    return "\"" + words.front() + "\" is " + (words.front()[0] == '-' ? "no option" : "no command") +
+           (name.empty() ? hint : " of " + name + hint);
+}
+
+std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const std::string& name)
+{
+    const bool isMissingCommand =
+        dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && app.get_require_subcommand_min() > 0;
+    std::string reason = isMissingCommand ? reasonOfMissingCommand(app, name) : error.what();
+    std::replace(reason.begin(), reason.end(), '\n', ' ');
+    return reason;
+}
+
+} // namespace
+
+CommandLine::CommandLine() : mApp("Looks at and changes the status of this device.", "statusctl")
+{
+    mApp.set_version_flag("--version", "statusctl " STATUSCTL_VERSION);
+    mApp.formatter(std::make_shared<HelpFormatter>());
+    mApp.require_subcommand(1);
+    mApp.fallthrough(); // shared options may stand behind the command, too
+    mApp.footer(
+        "\"statusctl COMMAND --help\" tells more, with examples. Exit codes: 0 done, 1 refused or failed,\n"
+        "2 wrong usage, 3 not found, 4 broker unreachable, 5 bad reply, 124 time-out, 128+n signal n.");
+    addShared();
+    addVerbs();
+}
+
+void CommandLine::addShared()
+{
+    Verbs::addDuration(
+        mApp, "-t,--timeout", mSettings.timeout,
+        "Give up after this time (5, 500ms, 2m): the whole of a \"watch\", \"wait\" or \"record\", which "
+        "have none otherwise; each request of the others, 5 s otherwise");
+    mApp.add_flag("-j{short},--json{short}", mJson, "Print JSON; --json=pretty indents it, but for streams")
+        ->check(CLI::IsMember({"short", "pretty"}).description(""));
+    mApp.add_flag("-q,--quiet", mSettings.quiet, "Print nothing that is not the result");
+    mApp.add_flag("--no-color", mNoColor, "No colours; NO_COLOR in the environment says the same");
+}
+
+void CommandLine::addVerbs()
+{
+    for (const Verbs::Add add : verbs)
+    {
+        std::unique_ptr<IVerb> verb = add(mApp);
+        CLI::App* command = mApp.get_subcommands({}).back();
+        mEntries.push_back({command, std::move(verb)});
+    }
+}
+
+// CLI11 would take what stands behind "--" for keys.
+std::vector<std::string> CommandLine::withoutCommand(std::vector<std::string> arguments)
+{
+    const auto isVerb = [this](const std::string& argument)
+    {
+        return std::any_of(mEntries.begin(), mEntries.end(),
+                           [&](const Entry& entry) { return entry.command->get_name() == argument; });
+    };
+    const auto verb = std::find_if(arguments.begin(), arguments.end(), isVerb);
+    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    if (verb == arguments.end() || *verb != "watch" || end == arguments.end())
+        return arguments;
+    mSettings.command.assign(end + 1, arguments.end());
+    arguments.erase(end, arguments.end());
+    return arguments;
+}
+
+IVerb* CommandLine::parse(std::vector<std::string> arguments)
+{
+    mSettings.color = isTerminalWithColors();
+    // An error in the arguments is told in the form that they ask for.
+    const auto wantsJson = [](const std::string& text)
+    { return text == "-j" || text.compare(0, 6, "--json") == 0; };
+    if (std::any_of(arguments.begin(), std::find(arguments.begin(), arguments.end(), "--"), wantsJson))
+        mSettings.json = Settings::Json::Short;
+    arguments = withoutCommand(std::move(arguments));
+    std::reverse(arguments.begin(), arguments.end()); // as CLI11 wants them
+    try
+    {
+        mApp.parse(arguments);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        const auto chosen = mApp.get_subcommands();
+        mSettings.verb = chosen.empty() ? "" : chosen.front()->get_name();
+        if (error.get_exit_code() != 0)
+            throw Failure(ExitCode::WrongUsage,
+                          reasonOf(error, chosen.empty() ? mApp : *chosen.front(), mSettings.verb));
+        mApp.exit(error); // prints the help or the version
+        return nullptr;
+    }
+    mSettings.color = mSettings.color && !mNoColor;
+    if (mJson == "pretty")
+        mSettings.json = Settings::Json::Pretty;
+    const auto entry =
+        std::find_if(mEntries.begin(), mEntries.end(), [](const Entry& e) { return e.command->parsed(); });
+    mSettings.verb = entry->command->get_name();
+    return entry->verb.get();
+}

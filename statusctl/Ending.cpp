@@ -1,0 +1,15 @@
+#include "statusctl/Ending.h"
+
+#include <csignal>
+#include <cstdlib>
+
+void endBy(int signal)
+{
+    std::signal(signal, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr); // the library's threads block all
+    std::raise(signal);
+    std::abort(); // not reached by a signal that ends a process
+}

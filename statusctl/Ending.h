@@ -1,0 +1,7 @@
+#ifndef STATUSCTL_ENDING_H
+#define STATUSCTL_ENDING_H
+
+/// Ends the process by a signal, as if nothing had caught or blocked it: whoever started it sees 128+n.
+[[noreturn]] void endBy(int signal);
+
+#endif

@@ -1,0 +1,62 @@
+#include "statusctl/NotificationTap.h"
+
+#include <cerrno>
+#include <utility>
+
+namespace
+{
+
+// All frames of the next message as one text.
+std::string receiveMessage(zmq::socket_t& socket)
+{
+    std::string text;
+    zmq::message_t frame;
+    do
+    {
+        while (!socket.recv(frame))
+        {
+        }
+        text.append(frame.data<char>(), frame.size());
+    } while (frame.more());
+    return text;
+}
+
+} // namespace
+
+NotificationTap::NotificationTap(std::function<void(BrokerProtocol::Notification)> receive)
+    : mReceive(std::move(receive)), mThread([this] { run(); })
+{
+}
+
+NotificationTap::~NotificationTap()
+{
+    mContext.shutdown(); // ends the receive
+    mThread.join();
+}
+
+void NotificationTap::run()
+{
+    bool isFirst = true;
+    try
+    {
+        zmq::socket_t socket(mContext, zmq::socket_type::sub);
+        socket.set(zmq::sockopt::linger, 0);
+        socket.set(zmq::sockopt::subscribe, "");
+        socket.connect("tcp://127.0.0.1:5557");
+        for (;;)
+        {
+            using Kind = BrokerProtocol::Notification::Kind;
+            BrokerProtocol::Notification notification =
+                BrokerProtocol::readNotification(receiveMessage(socket));
+            if (std::exchange(isFirst, false))
+                mReceive({Kind::Unhandled, {}});
+            if (notification.kind == Kind::StatusUpdate || notification.kind == Kind::EventUpdate)
+                mReceive(std::move(notification));
+        }
+    }
+    catch (const zmq::error_t& error)
+    {
+        if (error.num() != ETERM && error.num() != EINTR)
+            mReceive({BrokerProtocol::Notification::Kind::Unparsable, {}});
+    }
+}

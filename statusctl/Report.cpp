@@ -1,0 +1,27 @@
+#include <cstdio>
+#include <json/value.h>
+
+#include "statusctl/Json.h"
+#include "statusctl/Settings.h"
+#include "statusctl/Text.h"
+
+void report(const Settings& settings, const Failure& failure)
+{
+    std::string line;
+    if (settings.isJson())
+    {
+        Json::Value error(Json::objectValue);
+        error["verb"] = settings.verb;
+        error["code"] = static_cast<int>(failure.code());
+        error["reason"] = Text::valid(failure.what());
+        Json::Value root(Json::objectValue);
+        root["error"] = error;
+        line = JsonText::write(root, Settings::Json::Short);
+    }
+    else
+    {
+        line = "statusctl: " + (settings.verb.empty() ? "" : settings.verb + ": ") +
+               Text::escaped(failure.what());
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+}

@@ -1,0 +1,43 @@
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+
+#include "statusctl/CommandLine.h"
+
+namespace
+{
+
+// The library's threads may be waiting for a broker that does not answer: nothing of theirs is taken down.
+[[noreturn]] void leave(ExitCode code)
+{
+    std::fflush(stdout);
+    std::quick_exit(static_cast<int>(code));
+}
+
+ExitCode run(CommandLine& line, int argc, char** argv)
+{
+    try
+    {
+        IVerb* verb = line.parse({argv + 1, argv + argc});
+        return verb == nullptr ? ExitCode::Done : verb->run(line.settings());
+    }
+    catch (const Failure& failure)
+    {
+        report(line.settings(), failure);
+        return failure.code();
+    }
+    catch (const std::exception& error)
+    {
+        report(line.settings(), Failure(ExitCode::Failed, error.what()));
+        return ExitCode::Failed;
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    std::signal(SIGPIPE, SIG_DFL); // a reader that has gone ends us silently, whatever started us
+    CommandLine line;
+    leave(run(line, argc, argv));
+}

@@ -1,0 +1,115 @@
+// doctor: what is wrong, and what to do.
+
+#include <algorithm>
+
+#include "statusctl/Device.h"
+#include "statusctl/Diagnosis.h"
+#include "statusctl/Inquiry.h"
+#include "statusctl/Output.h"
+#include "statusctl/Text.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+using Diagnosis::Findings;
+
+class Doctor : public IVerb
+{
+public:
+    explicit Doctor(CLI::App& app)
+    {
+        Verbs::describe(
+            app, "doctor", "Find out what is wrong, and what to do about it",
+            "statusctl doctor\n"
+            "sudo statusctl doctor\n"
+            "statusctl doctor --json",
+            "Looks at who listens on the broker's ports, whether it is a broker, its version, what\n"
+            "it lost, refused or could not read since it was started, and how long it takes to\n"
+            "answer. Exit code 1 if something was found, 4 if there is no broker. Which program\n"
+            "listens on a port is only shown for one's own programs, or to root.");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const Findings ofPorts = Diagnosis::ofPorts(answers(settings));
+        if (!ofPorts.empty())
+        {
+            print(settings, ofPorts);
+            return ExitCode::Unreachable;
+        }
+        Findings findings = ofBroker(settings);
+        print(settings, findings);
+        return findings.empty() ? ExitCode::Done : ExitCode::Failed;
+    }
+
+private:
+    static std::vector<Diagnosis::Answer> answers(const Settings& settings)
+    {
+        constexpr std::chrono::milliseconds patience{1000};
+        std::vector<Diagnosis::Answer> answers;
+        for (const Ports::Port& port : Ports::all)
+            answers.push_back(
+                {port, Listeners::on(port.number),
+                 Ports::socketType(port.number, std::min(patience, settings.requestTimeout()))});
+        return answers;
+    }
+
+    static Findings ofBroker(const Settings& settings)
+    {
+        constexpr unsigned trips = 20;
+        Findings findings;
+        try
+        {
+            findings = Diagnosis::ofStatistics(Inquiry::statistics(settings), STATUSCTL_VERSION);
+        }
+        catch (const Failure& failure)
+        {
+            if (failure.code() != ExitCode::BadReply)
+                throw;
+            findings.push_back({"statistics", failure.what(),
+                                "if the broker was upgraded, restart it; install both from one release"});
+        }
+        Device device(settings);
+        for (Diagnosis::Finding& finding : Diagnosis::ofRoundTrips(RoundTrips::measure(device, trips)))
+            findings.push_back(std::move(finding));
+        return findings;
+    }
+
+    static void print(const Settings& settings, const Findings& findings)
+    {
+        Output output(settings);
+        if (settings.isJson())
+            return output.json(toJson(findings));
+        for (const Diagnosis::Finding& finding : findings)
+        {
+            output.line(output.colored("problem: ", Output::Color::Red) + Text::escaped(finding.problem));
+            output.line("     do: " + finding.remedy);
+        }
+        if (findings.empty() && !settings.quiet)
+            output.line("all is well");
+    }
+
+    static Json::Value toJson(const Findings& findings)
+    {
+        Json::Value list(Json::arrayValue);
+        for (const Diagnosis::Finding& finding : findings)
+        {
+            Json::Value object(Json::objectValue);
+            object["check"] = finding.check;
+            object["problem"] = Text::valid(finding.problem);
+            object["remedy"] = finding.remedy;
+            list.append(object);
+        }
+        Json::Value root(Json::objectValue);
+        root["findings"] = list;
+        return root;
+    }
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addDoctor(CLI::App& app)
+{
+    return std::make_unique<Doctor>(app);
+}

@@ -1,0 +1,81 @@
+#include <string>
+#include <thread>
+
+#include "statusctl/Device.h"
+#include "statusctl/Feed.h"
+#include "statusctl/Output.h"
+#include "statusctl/Text.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+class Event : public IVerb
+{
+public:
+    explicit Event(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(app, "event", "Post an event, or wait for one",
+                                            "statusctl event bell rang\n"
+                                            "statusctl event reminder --after 10m\n"
+                                            "statusctl -t 30 event --wait bell");
+        command.add_option("NAME", mName, "The event")->required();
+        CLI::Option* value = command.add_option("VALUE", mValue, "Its value, empty if not given");
+        CLI::Option* after = Verbs::addDuration(command, "--after", mAfter, "Post it after this time");
+        command.add_flag("--wait", mWait, "Wait for the event and print its value")
+            ->excludes(value)
+            ->excludes(after);
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        if (mWait)
+            wait(settings);
+        else
+            post(settings);
+        return ExitCode::Done;
+    }
+
+private:
+    // The library can delay it, too, but would tell nobody when it has been taken.
+    void post(const Settings& settings) const
+    {
+        Device device(settings);
+        if (mAfter)
+            std::this_thread::sleep_for(*mAfter);
+        device.postEvent(mName, mValue);
+        device.confirm();
+    }
+
+    void wait(const Settings& settings)
+    {
+        Device device(settings);
+        Output output(settings);
+        Feed feed(device, Pattern(), Pattern::ofNames({mName}),
+                  [&](const Change& change)
+                  {
+                      if (change.kind != Change::Kind::Event)
+                          return true;
+                      if (settings.isJson())
+                          output.streamed(toJson(change));
+                      else
+                          output.line(Text::escaped(change.value));
+                      return false;
+                  });
+        feed.start();
+        if (!feed.wait(settings.timeout))
+            throw Failure(ExitCode::TimedOut, "the time is over");
+    }
+
+    std::string mName;
+    std::string mValue;
+    std::optional<std::chrono::milliseconds> mAfter;
+    bool mWait = false;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addEvent(CLI::App& app)
+{
+    return std::make_unique<Event>(app);
+}

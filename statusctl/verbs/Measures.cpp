@@ -1,0 +1,157 @@
+// timer and counter.
+
+#include <string>
+
+#include "statusctl/Device.h"
+#include "statusctl/Output.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+// --------------------------------------------------------------------------------------------------- timer
+
+class Timers : public IVerb
+{
+public:
+    explicit Timers(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(app, "timer", "Run the device's named timers, or read one",
+                                            "statusctl timer restart boot\n"
+                                            "statusctl timer show boot\n"
+                                            "statusctl timer show boot --seconds");
+        command.require_subcommand(1);
+        addAction(command, "start", "Start it; it goes on from what it has", &StatusManager::startTimer);
+        addAction(command, "stop", "Stop it; it keeps what it has", &StatusManager::stopTimer);
+        addAction(command, "reset",
+                  "Clear what it has; a run under way still counts (\"restart\" begins anew)",
+                  &StatusManager::resetTimer);
+        addAction(command, "restart", "Set it to 0 and start it", &StatusManager::restartTimer);
+        CLI::App& show = *command.add_subcommand("show", "Print the microseconds that it has run");
+        show.add_option("NAME", mName)->required();
+        show.add_flag("--seconds", mInSeconds, "Print whole seconds instead");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        if (mAction == nullptr)
+        {
+            show(settings, device);
+            return ExitCode::Done;
+        }
+        (device.manager().*mAction)(mName);
+        device.confirm();
+        return ExitCode::Done;
+    }
+
+private:
+    using Action = void (StatusManager::*)(std::string);
+
+    void addAction(CLI::App& command, const char* name, const char* text, Action action)
+    {
+        CLI::App& subcommand = *command.add_subcommand(name, text);
+        subcommand.add_option("NAME", mName)->required();
+        subcommand.callback([this, action] { mAction = action; });
+    }
+
+    void show(const Settings& settings, Device& device) const
+    {
+        Output output(settings);
+        const uint64_t elapsed =
+            device.ask([&](StatusManager& manager) { return manager.getTimerElapsed(mName); });
+        constexpr uint64_t microseconds = 1000000;
+        if (!settings.isJson())
+            return output.number({}, mInSeconds ? elapsed / microseconds : elapsed);
+        Json::Value object(Json::objectValue);
+        object["elapsed"] = static_cast<Json::UInt64>(elapsed);
+        object["lastStarted"] = static_cast<Json::UInt64>(
+            device.ask([&](StatusManager& manager) { return manager.getTimerLastStarted(mName); }));
+        output.json(object);
+    }
+
+    std::string mName;
+    Action mAction = nullptr; // none: show
+    bool mInSeconds = false;
+};
+
+// ------------------------------------------------------------------------------------------------- counter
+
+class Counters : public IVerb
+{
+public:
+    explicit Counters(CLI::App& app)
+    {
+        CLI::App& command =
+            Verbs::describe(app, "counter", "Count, or read and set the device's named counters",
+                            "statusctl counter add restarts\n"
+                            "statusctl counter get restarts\n"
+                            "statusctl counter set restarts 0");
+        command.require_subcommand(1);
+        constexpr uint32_t most = 1000000;
+        add(command, "get", "Print its value", &Counters::get);
+        add(command, "add", "Count up and print the value after", &Counters::count)
+            .add_option("N", mNumber,
+                        "How often; each is a round trip, so that none is lost between two who count")
+            ->check(CLI::Range(1U, most));
+        add(command, "set", "Set it", &Counters::set)
+            .add_option("N", mNumber)
+            ->required()
+            ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        if (const std::optional<uint32_t> value = (this->*mAction)(device))
+            Output(settings).number("value", *value);
+        return ExitCode::Done;
+    }
+
+private:
+    using Action = std::optional<uint32_t> (Counters::*)(Device&) const;
+
+    CLI::App& add(CLI::App& command, const char* name, const char* text, Action action)
+    {
+        CLI::App& subcommand = *command.add_subcommand(name, text);
+        subcommand.add_option("NAME", mName)->required();
+        subcommand.callback([this, action] { mAction = action; });
+        return subcommand;
+    }
+
+    std::optional<uint32_t> get(Device& device) const
+    {
+        return device.ask([this](StatusManager& manager) { return manager.getCounterValue(mName); });
+    }
+
+    std::optional<uint32_t> count(Device& device) const
+    {
+        uint32_t value = 0;
+        for (uint32_t times = 0; times < mNumber; ++times)
+            value = device.ask([this](StatusManager& manager) { return manager.incrementCounter(mName); });
+        return value;
+    }
+
+    std::optional<uint32_t> set(Device& device) const
+    {
+        device.manager().setCounterValue(mName, mNumber);
+        device.confirm();
+        return std::nullopt;
+    }
+
+    std::string mName;
+    uint32_t mNumber = 1;
+    Action mAction = nullptr;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addTimer(CLI::App& app)
+{
+    return std::make_unique<Timers>(app);
+}
+
+std::unique_ptr<IVerb> Verbs::addCounter(CLI::App& app)
+{
+    return std::make_unique<Counters>(app);
+}

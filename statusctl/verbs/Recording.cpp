@@ -1,0 +1,177 @@
+// record and replay.
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <thread>
+
+#include "statusctl/Device.h"
+#include "statusctl/Feed.h"
+#include "statusctl/Json.h"
+#include "statusctl/Output.h"
+#include "statusctl/verbs/Selection.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+// -------------------------------------------------------------------------------------------------- record
+
+/// A file that is written line by line: what has happened is in it even if the process is killed.
+class LineFile
+{
+public:
+    explicit LineFile(const std::string& name)
+        : mName(name), mFile(std::fopen(name.c_str(), "we"), &std::fclose)
+    {
+        if (!mFile)
+            fail();
+    }
+
+    void write(const std::string& line)
+    {
+        if (std::fwrite(line.data(), 1, line.size(), mFile.get()) != line.size() ||
+            std::fputc('\n', mFile.get()) == EOF || std::fflush(mFile.get()) != 0)
+            fail();
+    }
+
+private:
+    [[noreturn]] void fail() const
+    {
+        throw Failure(ExitCode::Failed, "cannot write " + mName + ": " + std::strerror(errno));
+    }
+
+    std::string mName;
+    std::unique_ptr<std::FILE, int (*)(std::FILE*)> mFile;
+};
+
+class Record : public IVerb
+{
+public:
+    explicit Record(CLI::App& app)
+        : mCommand(Verbs::describe(
+              app, "record", "Write values and changes to a file, with their times",
+              "statusctl record day.jsonl\n"
+              "statusctl -t 1h record net.jsonl 'net.*' --event 'net.*'",
+              "The file holds the lines of \"watch --json\". The recording ends with the time given by -t,\n"
+              "or by a signal."))
+    {
+        mCommand.add_option("FILE", mFile, "The file; it is overwritten")->required();
+        mSelection.emplace(mCommand);
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        LineFile file(mFile);
+        Feed feed(device, mSelection->keys(), mSelection->events(),
+                  [&](const Change& change)
+                  {
+                      file.write(JsonText::write(toJson(change), Settings::Json::Short));
+                      return mSelection->wantsMoreAfter(change);
+                  });
+        feed.start();
+        feed.wait(settings.timeout); // a time that is over ends a recording well
+        return ExitCode::Done;
+    }
+
+private:
+    CLI::App& mCommand;
+    std::string mFile;
+    std::optional<Selection> mSelection; // its KEYs stand behind the file
+};
+
+// -------------------------------------------------------------------------------------------------- replay
+
+class Replay : public IVerb
+{
+public:
+    explicit Replay(CLI::App& app)
+    {
+        CLI::App& command =
+            Verbs::describe(app, "replay", "Post what \"record\" has written, at the pace of then",
+                            "statusctl replay day.jsonl\n"
+                            "statusctl replay day.jsonl --speed 60");
+        command.add_option("FILE", mFile, "The file, or - for standard input")->required();
+        command.add_option("--speed", mSpeed, "So many times as fast; 0 for as fast as the broker takes it")
+            ->type_name("X")
+            ->check(CLI::Range(0.0, 1e6))
+            ->capture_default_str();
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        std::ifstream file;
+        if (mFile != "-")
+            file.open(mFile, std::ios::binary);
+        std::istream& lines = mFile == "-" ? std::cin : file;
+        if (mFile != "-" && !file.is_open())
+            throw Failure(ExitCode::Failed, "cannot read " + mFile);
+        Device device(settings);
+        uint64_t posted = 0;
+        uint64_t number = 0;
+        for (std::string line; std::getline(lines, line);)
+        {
+            ++number;
+            const std::optional<Change> change = readChange(line);
+            if (!change)
+                throw Failure(ExitCode::Failed,
+                              mFile + ":" + std::to_string(number) + ": not a line of a recording");
+            if (change->kind == Change::Kind::Synced)
+                continue;
+            waitFor(*change);
+            post(device, *change);
+            // Posts that nobody has confirmed are dropped when there are too many.
+            constexpr uint64_t unconfirmed = 250;
+            if (++posted % unconfirmed == 0)
+                device.confirm();
+        }
+        device.confirm();
+        if (!settings.quiet)
+            Output(settings).number("posted", posted);
+        return ExitCode::Done;
+    }
+
+private:
+    // Initial values go at once; the first change sets the beginning.
+    void waitFor(const Change& change)
+    {
+        if (mSpeed == 0 || change.kind == Change::Kind::Initial)
+            return;
+        if (!mFirst)
+        {
+            mFirst = change.time;
+            mBegin = std::chrono::steady_clock::now();
+        }
+        const std::chrono::duration<double> since = change.time - *mFirst;
+        std::this_thread::sleep_until(
+            mBegin + std::chrono::duration_cast<std::chrono::steady_clock::duration>(since / mSpeed));
+    }
+
+    static void post(Device& device, const Change& change)
+    {
+        if (change.kind == Change::Kind::Event)
+            device.postEvent(change.name, change.value);
+        else
+            device.post({{change.name, change.value}});
+    }
+
+    std::string mFile;
+    double mSpeed = 1;
+    std::optional<Timestamp::Time> mFirst;
+    std::chrono::steady_clock::time_point mBegin;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addRecord(CLI::App& app)
+{
+    return std::make_unique<Record>(app);
+}
+
+std::unique_ptr<IVerb> Verbs::addReplay(CLI::App& app)
+{
+    return std::make_unique<Replay>(app);
+}

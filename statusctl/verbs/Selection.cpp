@@ -1,0 +1,29 @@
+#include "statusctl/verbs/Selection.h"
+
+Selection::Selection(CLI::App& command)
+{
+    command.add_option("KEY", mKeys, "Keys and globs to follow; everything if no event is named either");
+    command.add_option("--event", mEvents, "Events to follow, globs too; may be given several times")
+        ->type_name("NAME")
+        ->expected(1)
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command.add_option("-n", mCount, "Leave after so many changes and events")
+        ->type_name("COUNT")
+        ->check(CLI::Range(uint64_t{1}, uint64_t{UINT64_MAX}).description(""));
+}
+
+Pattern Selection::keys() const
+{
+    return Pattern(isEverything() ? std::vector<std::string>{"*"} : mKeys);
+}
+
+Pattern Selection::events() const
+{
+    return Pattern(isEverything() ? std::vector<std::string>{"*"} : mEvents);
+}
+
+bool Selection::wantsMoreAfter(const Change& change)
+{
+    mSeen += isUpdate(change.kind) ? 1U : 0U;
+    return mCount == 0 || mSeen < mCount;
+}

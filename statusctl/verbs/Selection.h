@@ -1,0 +1,36 @@
+#ifndef STATUSCTL_VERBS_SELECTION_H
+#define STATUSCTL_VERBS_SELECTION_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "statusctl/Change.h"
+#include "statusctl/Pattern.h"
+#include "statusctl/verbs/Verb.h"
+
+/// The part of a command line that says which keys and events to follow, and how many of their changes.
+class Selection
+{
+public:
+    /// Adds KEY..., --event NAME and -n COUNT to the command.
+    explicit Selection(CLI::App& command);
+
+    /// Both match everything if neither was given.
+    Pattern keys() const;
+    Pattern events() const;
+
+    /// To be called with each change, in order.
+    /// @returns whether another one is wanted
+    bool wantsMoreAfter(const Change& change);
+
+private:
+    bool isEverything() const { return mKeys.empty() && mEvents.empty(); }
+
+    std::vector<std::string> mKeys;
+    std::vector<std::string> mEvents;
+    uint64_t mCount = 0; // no limit
+    uint64_t mSeen = 0;
+};
+
+#endif

@@ -1,0 +1,229 @@
+// get, set and reset: the values of keys that are named.
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "statusctl/Device.h"
+#include "statusctl/Input.h"
+#include "statusctl/Json.h"
+#include "statusctl/Output.h"
+#include "statusctl/Text.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+CLI::Option* addKeys(CLI::App& command, std::vector<std::string>& keys, const char* text)
+{
+    return command.add_option("KEY", keys, text)->required();
+}
+
+StatusKeys listOf(const std::vector<std::string>& keys)
+{
+    return {keys.begin(), keys.end()};
+}
+
+std::string inQuotes(const StatusKeys& keys)
+{
+    std::string text;
+    for (const std::string& key : keys)
+        text += (text.empty() ? "\"" : ", \"") + key + "\"";
+    return text;
+}
+
+// ----------------------------------------------------------------------------------------------------- get
+
+class Get : public IVerb
+{
+public:
+    explicit Get(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(app, "get", "Print the values of keys",
+                                            "statusctl get door\n"
+                                            "statusctl get door lamp --default unknown");
+        addKeys(command, mKeys, "One key prints its value alone, several print KEY=VALUE lines");
+        command
+            .add_option("--default", mDefault,
+                        "Print this for a key that is not there, instead of exit code 3")
+            ->type_name("VALUE");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        StatusMap values = device.values(listOf(mKeys));
+        StatusKeys missing;
+        for (const std::string& key : mKeys)
+        {
+            if (values.count(key) != 0)
+                continue;
+            if (mDefault)
+                values[key] = *mDefault;
+            else
+                missing.push_back(key);
+        }
+        if (!missing.empty())
+            throw Failure(ExitCode::NotFound, "no value for " + inQuotes(missing));
+        print(settings, values);
+        return ExitCode::Done;
+    }
+
+private:
+    // In the order in which they were asked for.
+    void print(const Settings& settings, const StatusMap& values) const
+    {
+        Output output(settings);
+        if (settings.isJson())
+            return output.json(JsonText::ofValues(values));
+        for (const std::string& key : mKeys)
+        {
+            const std::string& value = values.at(key);
+            if (mKeys.size() == 1)
+                output.line(output.isTerminal() ? Text::harmless(value) : value);
+            else
+                output.line(Text::escaped(key) + "=" + Text::escaped(value));
+        }
+    }
+
+    std::vector<std::string> mKeys;
+    std::optional<std::string> mDefault;
+};
+
+// ----------------------------------------------------------------------------------------------------- set
+
+class Set : public IVerb
+{
+public:
+    explicit Set(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(app, "set", "Set values, all in one message",
+                                            "statusctl set door open\n"
+                                            "statusctl set lamp on fan off\n"
+                                            "statusctl set log - < report.txt\n"
+                                            "statusctl set note -- -text-with-a-dash");
+        command
+            .add_option(
+                "KEY VALUE", mWords,
+                "Pairs. The value \"-\" is read from standard input, as it is. The empty value resets")
+            ->required();
+        command.add_flag(
+            "--no-sync", mNoSync,
+            "Do not wait until the broker has taken them: faster, but nobody knows whether it did");
+        command.callback(
+            [this]
+            {
+                if (mWords.size() % 2 != 0)
+                    throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
+            });
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const StatusMap values = readValues();
+        Device device(settings);
+        if (mNoSync)
+        {
+            device.post(values);
+            leaveTime();
+            return ExitCode::Done;
+        }
+        const StatusKeys keys = keysOf(values);
+        const StatusMap before = device.values(keys);
+        device.post(values);
+        device.confirm();
+        checkTaken(values, before, device.values(keys));
+        return ExitCode::Done;
+    }
+
+private:
+    StatusMap readValues() const
+    {
+        StatusMap values;
+        for (std::size_t index = 0; index + 1 < mWords.size(); index += 2)
+            values[mWords[index]] = mWords[index + 1] == "-" ? Input::all() : mWords[index + 1];
+        return values;
+    }
+
+    static StatusKeys keysOf(const StatusMap& values)
+    {
+        StatusKeys keys;
+        for (const auto& [key, value] : values)
+            keys.push_back(key);
+        return keys;
+    }
+
+    // The broker does not answer posts. One that left a value as it was, although another was wanted, was
+    // refused.
+    static void checkTaken(const StatusMap& wanted, const StatusMap& before, const StatusMap& after)
+    {
+        const auto valueIn = [](const StatusMap& values, const std::string& key)
+        {
+            const auto found = values.find(key);
+            return found == values.end() ? std::nullopt : std::optional(found->second);
+        };
+        StatusKeys refused;
+        for (const auto& [key, value] : wanted)
+        {
+            const auto now = valueIn(after, key);
+            if (now != Text::valid(value) && now == valueIn(before, key))
+                refused.push_back(key);
+        }
+        if (!refused.empty())
+            throw Failure(ExitCode::Failed,
+                          "the broker refused " + inQuotes(refused) + "; its log tells why");
+    }
+
+    // What the library's threads need to hand the post to the kernel.
+    static void leaveTime()
+    {
+        constexpr std::chrono::milliseconds enough{50};
+        std::this_thread::sleep_for(enough);
+    }
+
+    std::vector<std::string> mWords;
+    bool mNoSync = false;
+};
+
+// --------------------------------------------------------------------------------------------------- reset
+
+class Reset : public IVerb
+{
+public:
+    explicit Reset(CLI::App& app)
+    {
+        CLI::App& command =
+            Verbs::describe(app, "reset", "Reset values: they become empty", "statusctl reset door lamp");
+        addKeys(command, mKeys, "A key that is not there comes into being, empty");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        device.reset(listOf(mKeys));
+        device.confirm();
+        return ExitCode::Done;
+    }
+
+private:
+    std::vector<std::string> mKeys;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addGet(CLI::App& app)
+{
+    return std::make_unique<Get>(app);
+}
+
+std::unique_ptr<IVerb> Verbs::addSet(CLI::App& app)
+{
+    return std::make_unique<Set>(app);
+}
+
+std::unique_ptr<IVerb> Verbs::addReset(CLI::App& app)
+{
+    return std::make_unique<Reset>(app);
+}

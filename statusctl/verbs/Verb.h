@@ -1,0 +1,57 @@
+#ifndef STATUSCTL_VERBS_VERB_H
+#define STATUSCTL_VERBS_VERB_H
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "statusctl/Settings.h"
+
+/// One command of the tool. Each verb's file defines its class and the function that adds it to the command
+/// line.
+class IVerb
+{
+public:
+    virtual ~IVerb() = default;
+
+    /// @throws Failure
+    virtual ExitCode run(const Settings& settings) = 0;
+};
+
+namespace Verbs
+{
+
+using Add = std::unique_ptr<IVerb> (*)(CLI::App& app);
+
+std::unique_ptr<IVerb> addGet(CLI::App& app);
+std::unique_ptr<IVerb> addSet(CLI::App& app);
+std::unique_ptr<IVerb> addReset(CLI::App& app);
+std::unique_ptr<IVerb> addDump(CLI::App& app);
+std::unique_ptr<IVerb> addLoad(CLI::App& app);
+std::unique_ptr<IVerb> addWatch(CLI::App& app);
+std::unique_ptr<IVerb> addWait(CLI::App& app);
+std::unique_ptr<IVerb> addEvent(CLI::App& app);
+std::unique_ptr<IVerb> addTimer(CLI::App& app);
+std::unique_ptr<IVerb> addCounter(CLI::App& app);
+std::unique_ptr<IVerb> addPing(CLI::App& app);
+std::unique_ptr<IVerb> addStats(CLI::App& app);
+std::unique_ptr<IVerb> addRecord(CLI::App& app);
+std::unique_ptr<IVerb> addReplay(CLI::App& app);
+std::unique_ptr<IVerb> addTop(CLI::App& app);
+std::unique_ptr<IVerb> addDoctor(CLI::App& app);
+
+/// The command with its help.
+/// @param examples one a line
+/// @param details  what the summary leaves out; lines of at most 100 letters
+CLI::App& describe(CLI::App& app, const std::string& name, const std::string& summary,
+                   const std::string& examples, const std::string& details = "");
+
+/// An option that takes a duration.
+CLI::Option* addDuration(CLI::App& command, const std::string& names,
+                         std::optional<std::chrono::milliseconds>& value, const std::string& text);
+
+} // namespace Verbs
+
+#endif

@@ -1,0 +1,133 @@
+#include <cerrno>
+#include <cstring>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "statusctl/Device.h"
+#include "statusctl/Feed.h"
+#include "statusctl/Output.h"
+#include "statusctl/Text.h"
+#include "statusctl/verbs/Selection.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+constexpr const char* help =
+    "KEY is exact or a glob (*, ?, [...]). A key that appears later is told of with its value at that "
+    "moment.\n"
+    "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
+    "process twice, whether its name matches or not. Nothing is polled.\n"
+    "What stands behind \"--\" is a command that is run for each line, one after the other, with "
+    "STATUS_KEY,\n"
+    "STATUS_VALUE and STATUS_KIND in its environment.";
+
+class Watch : public IVerb
+{
+public:
+    explicit Watch(CLI::App& app)
+        : mCommand(Verbs::describe(app, "watch", "Print values, then each change as it arrives",
+                                   "statusctl watch door 'net.*' --event bell\n"
+                                   "statusctl watch -n 1 --updates door\n"
+                                   "statusctl -q watch door -- sh -c 'echo \"$STATUS_KEY: $STATUS_VALUE\"'",
+                                   help)),
+          mSelection(mCommand)
+    {
+        mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the \"synced\" mark");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        Device device(settings);
+        Output output(settings);
+        Feed feed(device, mSelection.keys(), mSelection.events(),
+                  [&](const Change& change) { return show(settings, output, change); });
+        feed.start();
+        if (!feed.wait(settings.timeout))
+            throw Failure(ExitCode::TimedOut, "the time is over");
+        return ExitCode::Done;
+    }
+
+private:
+    bool show(const Settings& settings, Output& output, const Change& change)
+    {
+        if (mUpdatesOnly && !isUpdate(change.kind))
+            return true;
+        if (settings.isJson() && !settings.quiet)
+            output.streamed(toJson(change));
+        else if (!settings.quiet)
+            output.line(lineOf(output, change));
+        if (!settings.command.empty() && change.kind != Change::Kind::Synced)
+            runCommand(settings.command, change);
+        return mSelection.wantsMoreAfter(change);
+    }
+
+    static std::string lineOf(const Output& output, const Change& change)
+    {
+        const Output::Color color = change.kind == Change::Kind::Changed ? Output::Color::Green
+                                    : change.kind == Change::Kind::Reset ? Output::Color::Yellow
+                                    : change.kind == Change::Kind::Event ? Output::Color::Red
+                                                                         : Output::Color::Dim;
+        std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
+                           output.colored(nameOf(change.kind), color);
+        if (change.kind != Change::Kind::Synced)
+            line += " " + Text::escaped(change.name) + " " + Text::escaped(change.value);
+        return line;
+    }
+
+    // Its exit code does not matter; whether it can be started does.
+    static void runCommand(const std::vector<std::string>& command, const Change& change)
+    {
+        std::vector<std::string> variables{"STATUS_KEY=" + change.name, "STATUS_VALUE=" + change.value,
+                                           std::string("STATUS_KIND=") + nameOf(change.kind)};
+        std::vector<char*> environment;
+        for (std::string& variable : variables)
+            environment.push_back(variable.data());
+        for (char** inherited = environ; *inherited != nullptr; ++inherited)
+        {
+            if (std::strncmp(*inherited, "STATUS_", std::strlen("STATUS_")) != 0)
+                environment.push_back(*inherited);
+        }
+        environment.push_back(nullptr);
+        std::vector<char*> arguments;
+        for (const std::string& word : command)
+            arguments.push_back(const_cast<char*>(word.c_str()));
+        arguments.push_back(nullptr);
+
+        pid_t child = -1;
+        const int error = spawn(child, arguments, environment);
+        if (error != 0)
+            throw Failure(ExitCode::Failed, "cannot run " + command.front() + ": " + std::strerror(error));
+        int status = 0;
+        while (waitpid(child, &status, 0) == -1 && errno == EINTR)
+        {
+        }
+    }
+
+    // The feed's thread blocks all signals, which the command must not inherit.
+    static int spawn(pid_t& child, const std::vector<char*>& arguments, const std::vector<char*>& environment)
+    {
+        sigset_t none;
+        sigemptyset(&none);
+        posix_spawnattr_t attributes;
+        posix_spawnattr_init(&attributes);
+        posix_spawnattr_setsigmask(&attributes, &none);
+        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+        const int error = posix_spawnp(&child, arguments.front(), nullptr, &attributes, arguments.data(),
+                                       environment.data());
+        posix_spawnattr_destroy(&attributes);
+        return error;
+    }
+
+    CLI::App& mCommand;
+    Selection mSelection;
+    bool mUpdatesOnly = false;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addWatch(CLI::App& app)
+{
+    return std::make_unique<Watch>(app);
+}

@@ -1,0 +1,107 @@
+// What the tool makes of a broker that is missing, silent or broken.
+
+#include <chrono>
+#include <csignal>
+#include <gtest/gtest.h>
+
+#include "tests/statusctl/Tool.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ScriptedBroker.h"
+
+namespace
+{
+
+const std::vector<Words> needBroker{{"get", "a"},
+                                    {"set", "a", "1"},
+                                    {"reset", "a"},
+                                    {"dump"},
+                                    {"watch", "a"},
+                                    {"wait", "a"},
+                                    {"event", "a"},
+                                    {"event", "--wait", "a"},
+                                    {"timer", "start", "a"},
+                                    {"timer", "show", "a"},
+                                    {"counter", "add", "a"},
+                                    {"ping"},
+                                    {"stats"},
+                                    {"record", "/dev/null"}};
+
+} // namespace
+
+TEST(BrokerFaultsTest, withoutABrokerEveryCommandLeavesWith4)
+{
+    for (const Words& words : needBroker)
+        EXPECT_EQ(statusctl(words), failure(4, "statusctl: " + words[0] +
+                                                   ": no broker: nothing listens on port 5555 (requests); is "
+                                                   "statusbroker running?"));
+}
+
+TEST(BrokerFaultsTest, jsonTellsTheCode)
+{
+    EXPECT_EQ(statusctl({"-j", "get", "a"}).errors.find("{\"error\":{\"code\":4,"), 0U);
+}
+
+TEST(BrokerFaultsTest, aBrokerThatIsStoppedIsATimeOut)
+{
+    BrokerProcess broker;
+    broker.process().suspend();
+    for (const Words& words : needBroker)
+    {
+        Words command{"-t", "300ms"};
+        command.insert(command.end(), words.begin(), words.end());
+        const Outcome outcome = statusctl(command);
+        EXPECT_EQ(outcome.code, 124) << words[0] << ": " << outcome;
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_EQ(outcome.errors.find("statusctl: " + words[0] + ": no answer from the broker within 300 ms"),
+                  0U)
+            << outcome;
+    }
+    broker.process().signal(SIGCONT);
+}
+
+TEST(BrokerFaultsTest, aBrokerThatDiesDuringACallIsExitCode4)
+{
+    BrokerProcess broker;
+    TestProcess ping(commandOf({"-t", "2", "ping", "-n", "1000000"}));
+    EXPECT_EQ(ping.waitForExit(std::chrono::milliseconds(200)), std::nullopt);
+    broker.process().signal(SIGKILL);
+    EXPECT_EQ(ping.waitForExit(), 4);
+}
+
+TEST(BrokerFaultsTest, aBadReplyIsExitCode5)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames> {
+            return ScriptedBroker::Frames{request.find("Sync") != std::string::npos ? "SyncAck"
+                                                                                    : "{\"broken"};
+        });
+    for (const Words& words : std::vector<Words>{{"get", "a"}, {"dump"}, {"stats"}})
+    {
+        const Outcome outcome = statusctl(words);
+        EXPECT_EQ(outcome.code, 5) << outcome;
+        EXPECT_EQ(outcome.output, "");
+        EXPECT_NE(outcome.errors.find("bad reply from the broker"), std::string::npos) << outcome;
+    }
+}
+
+TEST(BrokerFaultsTest, aBrokerWithoutStatisticsIsTold)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    EXPECT_EQ(statusctl({"stats"}), failure(5, "statusctl: stats: this broker keeps no statistics"));
+}
+
+// The values' bytes are the broker's; JSON must stay JSON.
+TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            return ScriptedBroker::Frames{request.find("Sync") != std::string::npos ? "SyncAck"
+                                                                                    : "{\"raw\":\"a\xff\"}"};
+        });
+    EXPECT_EQ(statusctl({"get", "raw", "--json"}),
+              success("{\"base64\":{\"raw\":\"Yf8=\"},\"values\":{}}\n"));
+    EXPECT_EQ(statusctl({"get", "raw", "raw"}), success("raw=a\\xff\nraw=a\\xff\n"));
+}

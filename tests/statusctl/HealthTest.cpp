@@ -1,0 +1,117 @@
+// ping, stats and doctor, against a real broker.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "statusctl/Json.h"
+#include "tests/statusctl/Tool.h"
+#include "tests/support/BrokerProcess.h"
+
+namespace
+{
+
+class HealthTest : public testing::Test
+{
+protected:
+    BrokerProcess mBroker;
+};
+
+Json::Value objectIn(const Outcome& outcome)
+{
+    return JsonText::readObject(outcome.output).value_or(Json::Value(Json::objectValue));
+}
+
+/// Something else on one of the broker's ports.
+class Squatter
+{
+public:
+    explicit Squatter(uint16_t port)
+    {
+        const int yes = 1;
+        setsockopt(mDescriptor, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (bind(mDescriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+            listen(mDescriptor, 5) != 0)
+            throw std::runtime_error("the port is taken");
+    }
+    ~Squatter() { close(mDescriptor); }
+
+    Squatter(const Squatter&) = delete;
+    Squatter& operator=(const Squatter&) = delete;
+
+private:
+    int mDescriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+};
+
+} // namespace
+
+TEST_F(HealthTest, pingPrintsRoundTrips)
+{
+    const Outcome outcome = statusctl({"ping", "-n", "3"});
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    EXPECT_EQ(outcome.output.find("3 round trips, min/median/max "), 0U) << outcome;
+}
+
+TEST_F(HealthTest, pingTellsOrderedNumbersInJson)
+{
+    const Json::Value object = objectIn(statusctl({"ping", "-j"}));
+    EXPECT_EQ(object["count"], 10);
+    EXPECT_GT(object["minMicroseconds"].asInt64(), 0);
+    EXPECT_LE(object["minMicroseconds"].asInt64(), object["medianMicroseconds"].asInt64());
+    EXPECT_LE(object["medianMicroseconds"].asInt64(), object["maxMicroseconds"].asInt64());
+}
+
+TEST_F(HealthTest, statsPrintATable)
+{
+    statusctl({"set", "a", "1", "b", "2"});
+    const Outcome outcome = statusctl({"stats"});
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    EXPECT_NE(outcome.output.find("\nstored.keys"), std::string::npos) << outcome;
+}
+
+TEST_F(HealthTest, statsAreNumbersInJson)
+{
+    statusctl({"set", "a", "1", "b", "2"});
+    EXPECT_EQ(objectIn(statusctl({"stats", "--json"}))["stored.keys"], 2);
+}
+
+TEST_F(HealthTest, statsSpeakOpenMetrics)
+{
+    const std::string text = statusctl({"stats", "--openmetrics"}).output;
+    EXPECT_EQ(text.find("# TYPE statusbroker_build info\n"), 0U);
+    EXPECT_EQ(text.substr(text.size() - 6), "# EOF\n");
+}
+
+TEST_F(HealthTest, doctorFindsNothingWrongWithAHealthyBroker)
+{
+    const Outcome outcome = statusctl({"doctor"});
+    EXPECT_NE(outcome.output.find("all is well\n"), std::string::npos) << outcome;
+    EXPECT_EQ(outcome.code, 0);
+}
+
+TEST_F(HealthTest, doctorTellsWhatWasRefusedAndWhatToDo)
+{
+    statusctl({"set", std::string(300, 'k'), "x"});
+    const Outcome outcome = statusctl({"doctor"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.output.find("problem: the limit \"keyBytes\" was exceeded"), std::string::npos)
+        << outcome;
+    EXPECT_NE(outcome.output.find("     do: "), std::string::npos) << outcome;
+    EXPECT_EQ(objectIn(statusctl({"doctor", "-j"}))["findings"][0]["check"], "limit");
+}
+
+TEST(DoctorTest, namesTheProgramOnAPort)
+{
+    const Squatter squatter(5556);
+    const Outcome outcome = statusctl({"-t", "200ms", "doctor"});
+    EXPECT_EQ(outcome.code, 4);
+    EXPECT_NE(outcome.output.find("ToolTest (process " + std::to_string(getpid()) + ") on port 5556 (posts)"),
+              std::string::npos)
+        << outcome;
+    EXPECT_NE(outcome.output.find("nothing listens on port 5555"), std::string::npos) << outcome;
+}

@@ -1,0 +1,261 @@
+// top, on a terminal of its own, against a real broker.
+
+#include <array>
+#include <csignal>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <pty.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include "tests/statusctl/Tool.h"
+#include "tests/support/BrokerProcess.h"
+
+namespace
+{
+
+/// A terminal with the tool on it.
+class Terminal
+{
+public:
+    explicit Terminal(const Words& words)
+    {
+        winsize size{24, 80, 0, 0};
+        if (openpty(&mMaster, &mSlave, nullptr, nullptr, &size) != 0)
+            throw std::runtime_error("no terminal");
+        tcgetattr(mSlave, &mBefore);
+        Words command = commandOf(words);
+        command.insert(command.end() - static_cast<std::ptrdiff_t>(words.size()) - 1, "TERM=xterm");
+        std::vector<char*> arguments;
+        for (std::string& word : command)
+            arguments.push_back(word.data());
+        arguments.push_back(nullptr);
+        mPid = fork();
+        if (mPid == 0)
+        {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            login_tty(mSlave);
+            execv(arguments[0], arguments.data());
+            _exit(127);
+        }
+    }
+    ~Terminal()
+    {
+        if (!mCode)
+        {
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+        }
+        close(mMaster);
+        close(mSlave);
+    }
+
+    Terminal(const Terminal&) = delete;
+    Terminal& operator=(const Terminal&) = delete;
+
+    void type(const std::string& keys)
+    {
+        EXPECT_EQ(write(mMaster, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+    void signal(int number) { kill(mPid, number); }
+
+    void resize(unsigned short lines, unsigned short columns)
+    {
+        const winsize size{lines, columns, 0, 0};
+        ioctl(mMaster, TIOCSWINSZ, &size);
+    }
+
+    /// Whether the text is written from now on.
+    bool shows(const std::string& text)
+    {
+        return eventually(
+            [&]
+            {
+                read();
+                const std::size_t at = mOutput.find(text, mSeen);
+                if (at == std::string::npos)
+                    return false;
+                mSeen = at + text.size();
+                return true;
+            });
+    }
+
+    int waitForExit()
+    {
+        eventually(
+            [this]
+            {
+                read(); // a full terminal would hold it
+                int status = 0;
+                if (waitpid(mPid, &status, WNOHANG) == mPid)
+                    mCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+                return mCode.has_value();
+            });
+        read();
+        return mCode.value_or(-1);
+    }
+
+    /// Whether the terminal is as it was: its modes, the cursor, and the screen behind.
+    bool isRestored() const
+    {
+        termios now{};
+        tcgetattr(mSlave, &now);
+        const bool hasModes = now.c_lflag == mBefore.c_lflag && now.c_iflag == mBefore.c_iflag &&
+                              now.c_oflag == mBefore.c_oflag;
+        return hasModes && isLast("\x1b[?1049l", "\x1b[?1049h") && isLast("\x1b[?12l\x1b[?25h", "\x1b[?25l");
+    }
+
+    const std::string& output() const { return mOutput; }
+
+private:
+    void read()
+    {
+        std::array<char, 4096> bytes{};
+        for (pollfd item{mMaster, POLLIN, 0}; poll(&item, 1, 10) > 0 && (item.revents & POLLIN) != 0;)
+        {
+            const ssize_t size = ::read(mMaster, bytes.data(), bytes.size());
+            if (size <= 0)
+                return;
+            mOutput.append(bytes.data(), static_cast<std::size_t>(size));
+        }
+    }
+
+    bool isLast(const std::string& wanted, const std::string& other) const
+    {
+        const std::size_t at = mOutput.rfind(wanted);
+        const std::size_t before = mOutput.rfind(other);
+        return at != std::string::npos && (before == std::string::npos || at > before);
+    }
+
+    int mMaster = -1;
+    int mSlave = -1;
+    pid_t mPid = -1;
+    termios mBefore{};
+    std::string mOutput;
+    std::size_t mSeen = 0;
+    std::optional<int> mCode;
+};
+
+class ScreenTest : public testing::Test
+{
+protected:
+    BrokerProcess mBroker;
+};
+
+} // namespace
+
+TEST_F(ScreenTest, showsValuesChangesAndEvents)
+{
+    statusctl({"set", "door", "open"});
+    Terminal terminal({"top"});
+    EXPECT_TRUE(terminal.shows("open"));
+    statusctl({"set", "lamp", "bright"});
+    EXPECT_TRUE(terminal.shows("bright"));
+    statusctl({"event", "bell", "rang"});
+    EXPECT_TRUE(terminal.shows("bell rang"));
+}
+
+TEST_F(ScreenTest, qLeavesAndRestoresTheTerminal)
+{
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("q to leave"));
+    EXPECT_FALSE(terminal.isRestored());
+    terminal.type("q");
+    EXPECT_EQ(terminal.waitForExit(), 0);
+    EXPECT_TRUE(terminal.isRestored());
+}
+
+TEST_F(ScreenTest, aSignalLeavesWithItAndRestoresTheTerminal)
+{
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT})
+    {
+        Terminal terminal({"top"});
+        ASSERT_TRUE(terminal.shows("q to leave"));
+        terminal.signal(number);
+        EXPECT_EQ(terminal.waitForExit() & 0x7f, number);
+        EXPECT_TRUE(terminal.isRestored()) << "signal " << number;
+    }
+}
+
+TEST_F(ScreenTest, aFilterShowsOnlyWhatMatches)
+{
+    statusctl({"set", "door", "open", "lamp", "bright"});
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("bright"));
+    terminal.type("d");
+    ASSERT_TRUE(terminal.shows("(Esc clears it)"));
+    statusctl({"set", "lamp", "NOT SHOWN"});
+    statusctl({"set", "door", "ajar"});
+    EXPECT_TRUE(terminal.shows("ajar"));
+    EXPECT_EQ(terminal.output().find("NOT SHOWN"), std::string::npos);
+    terminal.type("\x1b");
+    EXPECT_TRUE(terminal.shows("NOT SHOWN"));
+}
+
+TEST_F(ScreenTest, qInAFilterIsALetter)
+{
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("q to leave"));
+    terminal.type("dq");
+    ASSERT_TRUE(terminal.shows("(Esc clears it)"));
+    terminal.type("\x7f\x7f");
+    ASSERT_TRUE(terminal.shows("to leave"));
+    terminal.type("q");
+    EXPECT_EQ(terminal.waitForExit(), 0);
+}
+
+TEST_F(ScreenTest, aSmallTerminalIsNoTrouble)
+{
+    statusctl({"set", "door", "open"});
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("open"));
+    for (const int size : {1, 2, 5, 200, 24})
+    {
+        terminal.resize(static_cast<unsigned short>(size), static_cast<unsigned short>(size));
+        statusctl({"event", "bell", "rang"});
+        statusctl({"set", "door", std::to_string(size)});
+    }
+    terminal.resize(24, 80);
+    EXPECT_TRUE(terminal.shows("q to leave"));
+    terminal.type("q");
+    EXPECT_EQ(terminal.waitForExit(), 0);
+    EXPECT_TRUE(terminal.isRestored());
+}
+
+TEST_F(ScreenTest, tellsWhenTheBrokerHasGone)
+{
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("q to leave"));
+    mBroker.stop();
+    EXPECT_TRUE(terminal.shows("no broker"));
+}
+
+TEST_F(ScreenTest, controlCharactersInValuesDoNotReachTheTerminal)
+{
+    statusctl({"set", "door", "\x1b[31mred"});
+    Terminal terminal({"top"});
+    EXPECT_TRUE(terminal.shows("\\x1b[31mred"));
+}
+
+TEST_F(ScreenTest, withoutATerminalItIsRefused)
+{
+    EXPECT_EQ(statusctl({"top"}),
+              failure(1, "statusctl: top: needs a terminal; \"statusctl watch\" does not"));
+}
+
+TEST_F(ScreenTest, watchIsColouredOnATerminalUnlessToldNotTo)
+{
+    statusctl({"set", "door", "open"});
+    Terminal plain({"--no-color", "watch", "door"});
+    ASSERT_TRUE(plain.shows("synced"));
+    EXPECT_EQ(plain.output().find('\x1b'), std::string::npos);
+    Terminal coloured({"watch", "door"});
+    ASSERT_TRUE(coloured.shows("synced"));
+    EXPECT_NE(coloured.output().find("\x1b[2m"), std::string::npos);
+}

@@ -1,0 +1,50 @@
+#ifndef TESTS_STATUSCTL_TOOL_H
+#define TESTS_STATUSCTL_TOOL_H
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tests/support/TestProcess.h"
+
+using Words = std::vector<std::string>;
+
+/// What a command has done, when it has ended.
+struct Outcome
+{
+    int code = -1; ///< 128+n for signal n; -1 if it did not end in time
+    std::string output;
+    std::string errors;
+};
+
+inline bool operator==(const Outcome& one, const Outcome& other)
+{
+    return one.code == other.code && one.output == other.output && one.errors == other.errors;
+}
+
+inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome)
+{
+    return stream << "exit code " << outcome.code << ", output <" << outcome.output << ">, errors <"
+                  << outcome.errors << ">";
+}
+
+/// The tool's program, then the words. Without colours, and with an environment that does not change what it
+/// does.
+Words commandOf(const Words& words);
+
+/// Runs the tool to its end.
+Outcome statusctl(const Words& words, const std::string& input = "");
+
+/// What it says of a failure on standard error.
+Outcome failure(int code, const std::string& text);
+
+/// What it prints when all is well.
+Outcome success(const std::string& output);
+
+/// The line without its first word: the time of day, which no test can know.
+std::string withoutTime(const std::string& line);
+
+/// Reads a line of "watch", without its time; "(nothing)" if none comes.
+std::string nextLine(TestProcess& process);
+
+#endif
