@@ -21,9 +21,10 @@ public:
     ~Event() override;
 
 protected:
+    /// The code tells kinds of event apart.
     explicit Event(int32_t eventCode) : mEventCode(eventCode) {}
 
-    int32_t mEventCode;
+    int32_t mEventCode;        ///< As given to the constructor.
     void* mUserData = nullptr; ///< For the owner of other kinds of event; agents never touch it.
 };
 
@@ -89,7 +90,7 @@ public:
     }
 
 protected:
-    R mResult{};
+    R mResult{}; ///< What the call returned, once it was made.
 };
 
 /// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the
@@ -100,8 +101,11 @@ template <class Kind, class T, class R, class... A>
 class MemberCall : public Kind
 {
 public:
+    /// The member function that is called.
     using Method = R (T::*)(A...);
 
+    /// Packages the call. The receiver stays the caller's, and must live until the agent is delivered or
+    /// dropped.
     MemberCall(T* receiver, Method method, A... arguments)
         : mReceiver(receiver), mMethod(method), mArguments(std::forward<A>(arguments)...)
     {
@@ -109,7 +113,9 @@ public:
                       "over-aligned arguments are not kept");
     }
 
+    /// Makes the call and keeps its result, if there is one.
     void deliver() override { call(std::index_sequence_for<A...>()); }
+    /// The receiver.
     void* getDeliveryTarget() override { return mReceiver; }
 
 private:
@@ -127,7 +133,8 @@ private:
     std::tuple<A...> mArguments;
 };
 
-/// The call shapes. Each is constructed from (receiver, member function, arguments...).
+/// @{
+/// A call shape. Each is constructed from (receiver, member function, arguments...).
 template <class T, class A1>
 using AsyncEventAgent1 = MemberCall<AsyncEventAgent, T, void, A1>;
 template <class T, class A1, class A2>
@@ -144,6 +151,7 @@ template <class T, class R>
 using SyncRetEventAgent0 = MemberCall<SyncRetEventAgent<R>, T, R>;
 template <class T, class R, class A1>
 using SyncRetEventAgent1 = MemberCall<SyncRetEventAgent<R>, T, R, A1>;
+/// @}
 
 } // namespace Orvane
 

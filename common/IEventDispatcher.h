@@ -6,6 +6,7 @@
 
 #include "common/Export.h"
 
+/// Event threads and agents, locks, and reference counts; they know nothing of status.
 namespace Orvane
 {
 

@@ -5,6 +5,9 @@
 
 #include "common/Export.h"
 
+/// @file
+/// Logging and tracing, with control words per source file.
+///
 /// Levels: 0 failures of transport or peer, 1 wrong-thread misuse, 2 bad arguments and retries: always
 /// printed. 5 milestones, 6 progress and notable conditions, 7 detail: printed when the source file's control
 /// words admit them.
@@ -41,14 +44,15 @@ extern "C"
     /// One message on its way to a sink. The pointers are valid during the call only.
     struct ov_log_record
     {
-        int level;
-        const char* function;
-        const char* file;
-        int line;
-        int indent;
-        const char* text; ///< as formatted; what it quotes from outside may hold any byte but NUL
+        int level;            ///< 0 to 7
+        const char* function; ///< the calling function's full signature
+        const char* file;     ///< the source path's tail, from its last slash on
+        int line;             ///< in that file
+        int indent;           ///< the indentation at this moment, in columns; may be negative
+        const char* text;     ///< as formatted; what it quotes from outside may hold any byte but NUL
     };
 
+    /// Called with each message and the context given to ov_log_set_sink().
     typedef void (*ov_log_sink)(const struct ov_log_record* record, void* context);
 
     /// Sends all messages to `sink`, on the thread that logs, instead of to stderr; null restores stderr. No
@@ -56,10 +60,11 @@ extern "C"
     /// was replaced, so a sink and its context must live until the process ends. A sink must not throw.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
-    /// The current indentation of trace output, in columns, and the step of one trace scope. Shared by all
-    /// threads without a lock: scopes of concurrent threads shift each other's indentation, which is
-    /// accepted. Access them with the compiler's atomic builtins.
+    /// The current indentation of trace output, in columns. Shared by all threads without a lock: scopes of
+    /// concurrent threads shift each other's indentation, which is accepted. Access it and the step with the
+    /// compiler's atomic builtins.
     extern OV_EXPORT int ov_log_indent;
+    /// The step of one trace scope, in columns.
     extern OV_EXPORT int ov_log_indent_size;
 
 #ifdef __cplusplus
@@ -92,6 +97,7 @@ constexpr const char* ov_log_file_tail(const char* path)
 class Tracer
 {
 public:
+    /// Logs "begin", if the control words admit it. The texts and the words must outlive the scope.
     Tracer(int level, const char* function, const char* file, int line, unsigned int volatile& flags,
            int volatile& maximum)
         : mLevel(level), mFunction(function), mFile(file), mLine(line), mFlags(flags), mMaximum(maximum),
@@ -149,6 +155,7 @@ private:
 #define OV_TRACE(level)                                                                                      \
     const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
 
+/// What a message shows as this source file: the part of its path from the last slash on.
 #define OV_LOG_FILE                                                                                          \
     (                                                                                                        \
         []() -> const char*                                                                                  \

@@ -40,6 +40,7 @@ private:
 class AutoLock
 {
 public:
+    /// Takes the lock; the destructor gives it back.
     explicit AutoLock(Mutex& mutex) : mMutex(mutex) { mMutex.lock(); }
     ~AutoLock() { mMutex.unlock(); }
 

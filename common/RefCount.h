@@ -33,7 +33,7 @@ public:
 protected:
     RefCount() = default;
 
-    uint32_t mRefCount = 0;
+    uint32_t mRefCount = 0; ///< Changed under Mutex::mCriticalSection.
 };
 
 /// Holds one count on a RefCount object, or nothing.
@@ -43,15 +43,19 @@ class SmartPtr
 public:
     SmartPtr() = default;
 
+    /// Adds a count, unless the pointer is null.
     explicit SmartPtr(T* object) : mObject(object)
     {
         if (mObject != nullptr)
             mObject->AddRef();
     }
 
+    /// Adds a count of its own.
     SmartPtr(const SmartPtr& other) : SmartPtr(other.mObject) {}
+    /// Takes the other's count over; the other holds nothing then.
     SmartPtr(SmartPtr&& other) noexcept : mObject(other.mObject) { other.mObject = nullptr; }
 
+    /// Gives back the count that it held, once the other object is held.
     SmartPtr& operator=(SmartPtr other) noexcept
     {
         T* mine = mObject;
@@ -60,15 +64,21 @@ public:
         return *this;
     }
 
+    /// Gives the count back.
     ~SmartPtr()
     {
         if (mObject != nullptr)
             mObject->Release();
     }
 
+    /// @{
+    /// The object; null when nothing is held.
     T* get() const { return mObject; }
     T* operator->() const { return mObject; }
+    /// @}
+    /// The object; something must be held.
     T& operator*() const { return *mObject; }
+    /// Whether something is held.
     explicit operator bool() const { return mObject != nullptr; }
 
 private:

@@ -6,6 +6,7 @@
 
 #include "common/Export.h"
 
+/// The stopwatch.
 namespace veskcommon
 {
 
@@ -16,8 +17,11 @@ class OV_EXPORT Stopwatch
 public:
     /// A stopped stopwatch that shows 0. The name may be empty.
     explicit Stopwatch(std::string name);
+    /// @{
+    /// The copy runs if the original does, and from then on by itself.
     Stopwatch(const Stopwatch&) = default;
     Stopwatch& operator=(const Stopwatch&) = default;
+    /// @}
     ~Stopwatch();
 
     /// Begins timing from now and keeps the accumulated time. Does nothing while running: the span under way,
@@ -40,6 +44,7 @@ public:
     /// When it was last started, in microseconds of the monotonic clock; 0 when it never was.
     uint64_t getLastStartTime();
 
+    /// As given to the constructor.
     std::string getName();
 
 private:

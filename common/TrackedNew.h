@@ -6,6 +6,9 @@
 
 #include "common/Export.h"
 
+/// @file
+/// Allocation that remembers where it was asked for.
+
 namespace Orvane
 {
 
@@ -15,6 +18,7 @@ namespace Orvane
 class OV_EXPORT AllocationSite
 {
 public:
+    /// Made by OV_NEW. The file's name is not copied.
     constexpr AllocationSite(const char* file, int line) : mFile(file), mLine(line) {}
 
     AllocationSite(const AllocationSite&) = delete;
@@ -22,10 +26,12 @@ public:
 
     /// The source file as the compiler was given it.
     const char* file() const { return mFile; }
+    /// The line in that file.
     int line() const { return mLine; }
 
-    /// Objects allocated here since the start of the process (wraps), and those that exist now.
+    /// Objects allocated here since the start of the process (wraps).
     unsigned allocated() const { return mAllocated.load(std::memory_order_relaxed); }
+    /// Objects allocated here that exist now.
     unsigned live() const
     {
         return mAllocated.load(std::memory_order_relaxed) - mReleased.load(std::memory_order_relaxed);
@@ -33,6 +39,7 @@ public:
 
     /// Walks all sites that have allocated: `for (auto* s = AllocationSite::first(); s; s = s->next())`.
     static const AllocationSite* first();
+    /// The site behind this one; null behind the last.
     const AllocationSite* next() const { return mNext; }
 
 private:
@@ -54,8 +61,11 @@ private:
 class OV_EXPORT Tracked
 {
 public:
+    /// Plain `new`: counted under the nameless site.
     static void* operator new(std::size_t size);
+    /// `OV_NEW`: counted under its own site.
     static void* operator new(std::size_t size, AllocationSite& site);
+    /// Releases what either form has allocated, and counts it at its site.
     static void operator delete(void* object) noexcept;
     /// The matching release form: runs when a constructor throws inside `OV_NEW`.
     static void operator delete(void* object, AllocationSite& site) noexcept;

@@ -67,12 +67,17 @@ public:
     /// [waits] The values of those keys that are known.
     virtual StatusMap getClientInfoValues(const StatusKeys& keys);
 
-    /// [queued] Timer operations; a timer comes into being when it is first named. The local timers never
-    /// run: each operation acts on a copy of the stored timer, which is then discarded. That is intended;
-    /// real timers are the broker's. An empty name is logged and nothing is stored.
+    /// [queued] Starts a timer; without effect while it runs.
+    ///
+    /// For all timer operations: a timer comes into being when it is first named. The local timers never run:
+    /// each operation acts on a copy of the stored timer, which is then discarded. That is intended; real
+    /// timers are the broker's. An empty name is logged and nothing is stored.
     virtual void startTimer(std::string name);
+    /// [queued] Stops a timer and keeps what it has measured; without effect while it is stopped.
     virtual void stopTimer(std::string name);
+    /// [queued] Clears what earlier runs have added up. A run that is under way still counts from its start.
     virtual void resetTimer(std::string name);
+    /// [queued] Clears a timer and starts it from now, whether it was running or not.
     virtual void restartTimer(std::string name);
 
     /// [waits] Microseconds that the timer has run; locally always 0.
@@ -110,27 +115,33 @@ public:
     /// [queued] Subscribes a registered listener to status keys. It then gets one onStatusUpdate() with the
     /// current values of the keys that it did not have before, even if there are none.
     virtual void registerForStatus(IStatusUpdateListener* listener, std::string key);
+    /// The same for several keys; one callback for all of them.
     virtual void registerForStatus(IStatusUpdateListener* listener, StatusKeys keys);
 
     /// [waits] Takes status subscriptions back. Callbacks that are under way still arrive.
     virtual void unregisterForStatus(IStatusUpdateListener* listener, const std::string& key);
+    /// The same for several keys.
     virtual void unregisterForStatus(IStatusUpdateListener* listener, const StatusKeys& keys);
 
     /// [queued] Publishes status values. Listeners hear of those that changed; posting the empty string is
     /// the same as a reset.
     virtual void postStatus(std::string key, std::string value);
+    /// The same for several values, of which a listener hears in one callback.
     virtual void postStatus(StatusMap updates);
 
     /// [queued] Sets status values to the empty string; an unknown key comes into being that way.
     virtual void resetStatus(std::string key);
+    /// The same for several keys, of which a listener hears in one callback.
     virtual void resetStatus(StatusKeys keys);
 
     /// [queued] Subscribes a registered listener to events. Events have no current value: no first callback.
     virtual void registerForEvent(IStatusUpdateListener* listener, std::string name);
+    /// The same for several events.
     virtual void registerForEvent(IStatusUpdateListener* listener, EventKeys names);
 
     /// [waits] Takes event subscriptions back.
     virtual void unregisterForEvent(IStatusUpdateListener* listener, const std::string& name);
+    /// The same for several events.
     virtual void unregisterForEvent(IStatusUpdateListener* listener, const EventKeys& names);
 
     /// [queued] Publishes an event to the listeners subscribed at that moment; it is stored nowhere.
@@ -160,21 +171,22 @@ protected:
     /// Empties the status values and the registry of listeners. Marshals itself, and waits.
     void clearInfo();
 
-    /// Looks a timer or counter up, making it if need be, and copies it out. Manager's thread only.
+    /// Looks a timer up, making it if need be, and copies it out. Manager's thread only.
     void getTimer(const std::string& name, veskcommon::Stopwatch& out);
+    /// The same for a counter; false, with `out` untouched, for an empty name.
     bool getCounter(const std::string& name, Counter& out);
 
     /// Removes a listener and returns the dispatcher it had. Refused off the manager's thread.
     Orvane::EventDispatcher* unregisterListenerHelper(IStatusUpdateListener* listener);
 
-    // The manager's thread, and the state that only that thread touches and that therefore needs no lock.
+    /// The manager's thread. Only it touches the state below, which therefore needs no lock.
     Orvane::EventThread mThread;
-    StatusMap mStatusValues;
-    std::deque<Counter> mCounters;
-    std::deque<veskcommon::Stopwatch> mTimers;
-    std::map<IStatusUpdateListener*, ClientListenerInfo*> mListeners; // owns the records
+    StatusMap mStatusValues;                                          ///< The local store.
+    std::deque<Counter> mCounters;                                    ///< In the order of their first use.
+    std::deque<veskcommon::Stopwatch> mTimers;                        ///< In the order of their first use.
+    std::map<IStatusUpdateListener*, ClientListenerInfo*> mListeners; ///< Owns the records.
 
-    static StatusManager* mInstance;
+    static StatusManager* mInstance; ///< What getInstance() returns.
 
 private:
     ClientListenerInfo* findListener(IStatusUpdateListener* listener) const;

@@ -40,8 +40,8 @@ public:
     /// it is sent at once and the delay ignored. The broker never sees the delay.
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
-    /// true. A call that timed out
-    /// leaves the request socket in the middle of an exchange: later queries and syncs of this process fail.
+    /// true. A call that timed out leaves the request socket in the middle of an exchange: later queries and
+    /// syncs of this process fail.
     bool sync(int timeoutMs) override;
 
     /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this
@@ -57,27 +57,32 @@ protected:
     /// manager must not be used afterwards.
     void shutdown();
 
-    // One whole message on a socket; false, and a log line, when it did not go through. A received message
-    // replaces `message`, a failure leaves it untouched.
+    /// Sends one whole message; false, and a log line, when it did not go through.
     bool sendOnSocket(void* socket, const std::string& message);
+    /// Receives one whole message, which replaces `message`; false, and a log line, when it did not come
+    /// through: then `message` is untouched.
     bool receiveOnSocket(void* socket, std::string& message);
 
-    // Manager's thread.
+    /// Sends a request and waits for the answer at most `timeoutMs` milliseconds (-1: no limit); false when
+    /// there was none. Manager's thread.
     bool sendRequest(const std::string& request, std::string& reply, int timeoutMs);
+    /// Sends a post; a failure is logged. Manager's thread.
     void sendPost(std::string message);
 
-    // Notify thread: the loop, which marshals itself there, and what it does with each message.
+    /// Receives notifications until the manager is shut down. Runs on the notify thread, to which it marshals
+    /// itself.
     void processStatusMessages(void* context);
+    /// Hands one notification to the listeners. Notify thread.
     void handleNotifyMessage(const std::string& message);
 
     // Raw handles: the order in which they are closed, and one repeated close, are fixed.
-    void* mZmqContext = nullptr;
-    void* mPostSocket = nullptr;    // manager's thread
-    void* mNotifySocket = nullptr;  // notify thread
-    void* mRequestSocket = nullptr; // manager's thread
-    Orvane::EventThread mNotifyThread;
-    std::atomic<bool> mShutdown{false}; // set by whoever shuts down, polled by the notify loop, relaxed
-    bool mSocketsClosed = false;        // notify thread
+    void* mZmqContext = nullptr;        ///< Of all three sockets.
+    void* mPostSocket = nullptr;        ///< Manager's thread.
+    void* mNotifySocket = nullptr;      ///< Notify thread.
+    void* mRequestSocket = nullptr;     ///< Manager's thread.
+    Orvane::EventThread mNotifyThread;  ///< Receives the notifications.
+    std::atomic<bool> mShutdown{false}; ///< Set by whoever shuts down, polled by the notify loop, relaxed.
+    bool mSocketsClosed = false;        ///< Notify thread.
 
 private:
     bool createSockets();

@@ -40,7 +40,8 @@ public:
 
     ~StatusManagerStub() override;
 
-    // New operations, not overrides: the parameters are taken by value.
+    /// @{
+    /// Inert. A new operation, not an override: the parameters are taken by value.
     virtual std::string getClientInfoValue(std::string key);
     virtual StatusMap getClientInfoValues(StatusKeys keys);
     virtual uint64_t getTimerElapsed(std::string name);
@@ -51,6 +52,7 @@ public:
     virtual void unregisterForStatus(IStatusUpdateListener* listener, StatusKeys keys);
     virtual void unregisterForEvent(IStatusUpdateListener* listener, std::string name);
     virtual void unregisterForEvent(IStatusUpdateListener* listener, EventKeys names);
+    /// @}
 };
 
 #pragma GCC diagnostic pop

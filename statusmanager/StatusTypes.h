@@ -7,6 +7,9 @@
 #include <string>
 #include <utility>
 
+/// @file
+/// The types of the values that the status manager handles.
+
 /// Status values by key, in byte-wise order of the keys.
 using StatusMap = std::map<std::string, std::string>;
 
