@@ -20,15 +20,15 @@ public:
         // The first callback brings the present values, and is empty when there are none. An empty value was
         // reset.
         for (const auto& [key, value] : updates)
-            print("value " + key + "=" + value);
+            print("value", key, value);
     }
 
-    void onEventUpdate(std::string name, std::string value) override { print("event " + name + "=" + value); }
+    void onEventUpdate(std::string name, std::string value) override { print("event", name, value); }
 
 private:
-    static void print(const std::string& line)
+    static void print(const char* kind, const std::string& name, const std::string& value)
     {
-        std::puts(line.c_str());
+        std::printf("%s %s=%s\n", kind, name.c_str(), value.c_str());
         std::fflush(stdout);
     }
 };
