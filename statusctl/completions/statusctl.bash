@@ -1,0 +1,52 @@
+# bash completion for statusctl. Commands and options come from its own --help, keys from the running broker.
+
+_statusctl_commands() {
+    statusctl "$@" --help 2>/dev/null | sed -n '/^Subcommands:/,/^$/s/^  \([a-z]\{1,\}\) .*/\1/p'
+}
+
+_statusctl_options() {
+    statusctl "$@" --help 2>/dev/null | sed -n '/^Options:/,/^$/p' | grep -oE -- '(^  | *,)--?[a-z-]+' | tr -d ' ,'
+}
+
+_statusctl_keys() {
+    statusctl --timeout 500ms dump --keys 2>/dev/null
+}
+
+_statusctl() {
+    local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} words="" verb="" files="" index
+    COMPREPLY=()
+    for ((index = 1; index < COMP_CWORD; ++index)); do
+        case ${COMP_WORDS[index]} in
+            -t | --timeout) ((++index)) ;;
+            -*) ;;
+            *)
+                verb=${COMP_WORDS[index]}
+                break
+                ;;
+        esac
+    done
+    case $previous in
+        -t | --timeout | --after | -n | --speed | --match | --default | --event) return ;;
+    esac
+    if [[ $current == -* ]]; then
+        words="$(_statusctl_options) ${verb:+$(_statusctl_options "$verb")}"
+    elif [[ -z $verb ]]; then
+        words=$(_statusctl_commands)
+    else
+        case $verb in
+            timer | counter) ((index == COMP_CWORD - 1)) && words=$(_statusctl_commands "$verb") ;;
+            load | replay) files=yes ;;
+            record) ((index == COMP_CWORD - 1)) && files=yes || words=$(_statusctl_keys) ;;
+            get | set | reset | dump | watch | wait | top) words=$(_statusctl_keys) ;;
+        esac
+    fi
+    if [[ $files ]]; then
+        compopt -o filenames 2>/dev/null
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
+        return
+    fi
+    local IFS=$' \t\n'
+    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+}
+
+complete -F _statusctl statusctl
