@@ -35,6 +35,45 @@ public:
     }
 };
 
+// What no argument can hold: it marks those whose letters say nothing to CLI11.
+constexpr char literalMark = '\0';
+
+std::string withoutMark(std::string text)
+{
+    if (!text.empty() && text.front() == literalMark)
+        text.erase(0, 1);
+    return text;
+}
+
+// CLI11 forgets the "--" when it stands behind the first positional, and makes several of "[a,b]".
+std::vector<std::string> withLiterals(std::vector<std::string> arguments)
+{
+    const auto end = std::find(arguments.begin(), arguments.end(), "--");
+    const auto mark = [](std::string& argument) { argument.insert(argument.begin(), literalMark); };
+    std::for_each(arguments.begin(), end,
+                  [&](std::string& argument)
+                  {
+                      if (!argument.empty() && argument.front() == '[')
+                          mark(argument);
+                  });
+    if (end == arguments.end())
+        return arguments;
+    std::for_each(end + 1, arguments.end(), mark);
+    arguments.erase(end);
+    return arguments;
+}
+
+void takeMarks(CLI::App& command)
+{
+    for (CLI::Option* option : command.get_options())
+    {
+        if (option->get_items_expected_max() > 0)
+            option->transform(withoutMark);
+    }
+    for (CLI::App* subcommand : command.get_subcommands({}))
+        takeMarks(*subcommand);
+}
+
 std::string namesOf(const std::vector<const CLI::App*>& commands)
 {
     std::string names;
@@ -46,7 +85,8 @@ std::string namesOf(const std::vector<const CLI::App*>& commands)
 // CLI11 only says that a subcommand is required.
 std::string reasonOfMissingCommand(const CLI::App& app, const std::string& name)
 {
-    const std::vector<std::string> words = app.remaining(true);
+    std::vector<std::string> words = app.remaining(true);
+    std::transform(words.begin(), words.end(), words.begin(), withoutMark);
     const auto all = app.get_subcommands([](const CLI::App*) { return true; });
     const std::string hint = "; there are " + namesOf(all);
     if (words.empty())
@@ -60,6 +100,10 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const st
     const bool isMissingCommand =
         dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && app.get_require_subcommand_min() > 0;
     std::string reason = isMissingCommand ? reasonOfMissingCommand(app, name) : error.what();
+    const CLI::App& top = app.get_parent() == nullptr ? app : *app.get_parent();
+    const std::vector<std::string> extras = top.remaining(true);
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !extras.empty()) // what() ends at a mark
+        reason = "\"" + withoutMark(extras.front()) + "\" was not expected";
     std::replace(reason.begin(), reason.end(), '\n', ' ');
     return reason;
 }
@@ -99,6 +143,7 @@ void CommandLine::addVerbs()
         CLI::App* command = mApp.get_subcommands({}).back();
         mEntries.push_back({command, std::move(verb)});
     }
+    takeMarks(mApp);
 }
 
 // CLI11 would take what stands behind "--" for keys.
@@ -126,7 +171,7 @@ IVerb* CommandLine::parse(std::vector<std::string> arguments)
     { return text == "-j" || text.compare(0, 6, "--json") == 0; };
     if (std::any_of(arguments.begin(), std::find(arguments.begin(), arguments.end(), "--"), wantsJson))
         mSettings.json = Settings::Json::Short;
-    arguments = withoutCommand(std::move(arguments));
+    arguments = withLiterals(withoutCommand(std::move(arguments)));
     std::reverse(arguments.begin(), arguments.end()); // as CLI11 wants them
     try
     {

@@ -76,6 +76,11 @@ TEST(ArgumentsTest, errorsAreObjectsWithJson)
     EXPECT_EQ(outcome.code, 2);
 }
 
+TEST(ArgumentsTest, aWordTooManyIsNamed)
+{
+    EXPECT_EQ(statusctl({"ping", "--", "-x"}), failure(2, "statusctl: ping: \"-x\" was not expected"));
+}
+
 TEST(ArgumentsTest, anUnknownJsonStyleIsWrongUsage)
 {
     EXPECT_EQ(statusctl({"--json=nice", "get", "a"}).code, 2);
