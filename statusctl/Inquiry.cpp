@@ -1,5 +1,7 @@
 #include "statusctl/Inquiry.h"
 
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <zmq.hpp>
 
@@ -11,10 +13,12 @@ namespace
 
 std::string ask(const std::string& request, const Settings& settings)
 {
+    constexpr std::chrono::milliseconds most{std::numeric_limits<int>::max()};
+    const auto limit = static_cast<int>(std::min(settings.requestTimeout(), most).count());
     zmq::context_t context;
     zmq::socket_t socket(context, zmq::socket_type::req);
     socket.set(zmq::sockopt::linger, 0);
-    socket.set(zmq::sockopt::rcvtimeo, static_cast<int>(settings.requestTimeout().count()));
+    socket.set(zmq::sockopt::rcvtimeo, limit);
     socket.connect("tcp://127.0.0.1:5555");
     socket.send(zmq::buffer(request));
     std::string reply;

@@ -1,6 +1,7 @@
 #include "statusctl/Ports.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -21,7 +22,8 @@ public:
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        mIsOpen = connect(mDescriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        mIsOpen = connect(mDescriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 ||
+                  (errno == EINPROGRESS && !isRefused());
     }
     ~Connection() { close(mDescriptor); }
 
@@ -56,7 +58,20 @@ public:
     }
 
 private:
-    int mDescriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // The kernel answers at once, for whoever listens, unless he has stopped to accept and too many stand in
+    // line. A connection would then wait for minutes.
+    bool isRefused() const
+    {
+        constexpr int patience = 100;
+        pollfd item{mDescriptor, POLLOUT, 0};
+        poll(&item, 1, patience);
+        int error = 0;
+        socklen_t size = sizeof(error);
+        getsockopt(mDescriptor, SOL_SOCKET, SO_ERROR, &error, &size);
+        return error != 0;
+    }
+
+    int mDescriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     bool mIsOpen = false;
 };
 

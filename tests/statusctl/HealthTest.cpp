@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -39,13 +40,36 @@ public:
             listen(mDescriptor, 5) != 0)
             throw std::runtime_error("the port is taken");
     }
-    ~Squatter() { close(mDescriptor); }
+    ~Squatter()
+    {
+        close(mDescriptor);
+        for (const int descriptor : mWaiting)
+            close(descriptor);
+    }
+
+    /// Connects until no more are taken in.
+    void fill()
+    {
+        sockaddr_in address{};
+        socklen_t size = sizeof(address);
+        getsockname(mDescriptor, reinterpret_cast<sockaddr*>(&address), &size);
+        bool isTaken = true;
+        while (isTaken)
+        {
+            mWaiting.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            connect(mWaiting.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+            constexpr int patience = 200;
+            pollfd item{mWaiting.back(), POLLOUT, 0};
+            isTaken = poll(&item, 1, patience) == 1;
+        }
+    }
 
     Squatter(const Squatter&) = delete;
     Squatter& operator=(const Squatter&) = delete;
 
 private:
     int mDescriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::vector<int> mWaiting;
 };
 
 } // namespace
@@ -78,6 +102,11 @@ TEST_F(HealthTest, statsAreNumbersInJson)
 {
     statusctl({"set", "a", "1", "b", "2"});
     EXPECT_EQ(objectIn(statusctl({"stats", "--json"}))["stored.keys"], 2);
+}
+
+TEST_F(HealthTest, statsTakeTheLongestTimeOut)
+{
+    EXPECT_EQ(statusctl({"-t", "1000h", "stats"}).code, 0);
 }
 
 TEST_F(HealthTest, statsSpeakOpenMetrics)
@@ -114,4 +143,17 @@ TEST(DoctorTest, namesTheProgramOnAPort)
               std::string::npos)
         << outcome;
     EXPECT_NE(outcome.output.find("nothing listens on port 5555"), std::string::npos) << outcome;
+}
+
+// As of a broker that is stopped while clients go on trying.
+TEST(DoctorTest, aPortThatTakesNoConnectionAnyMoreIsATimeOut)
+{
+    Squatter requests(5555);
+    const Squatter posts(5556);
+    const Squatter notifications(5557);
+    requests.fill();
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(statusctl({"-t", "200ms", "get", "a"}).code, 124);
+    EXPECT_EQ(statusctl({"-t", "200ms", "doctor"}).code, 4);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
 }
