@@ -1,6 +1,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "statusctl/CommandLine.h"
 
@@ -12,6 +14,17 @@ namespace
 {
     std::fflush(stdout);
     std::quick_exit(static_cast<int>(code));
+}
+
+// One that is closed would become the first socket that is opened, and be written to. It stays as unusable as
+// it was.
+void occupyStandardStreams()
+{
+    for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+    {
+        if (fcntl(descriptor, F_GETFD) == -1)
+            open("/dev/null", (descriptor == STDIN_FILENO ? O_WRONLY : O_RDONLY) | O_CLOEXEC);
+    }
 }
 
 ExitCode run(CommandLine& line, int argc, char** argv)
@@ -37,6 +50,7 @@ ExitCode run(CommandLine& line, int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    occupyStandardStreams();
     std::signal(SIGPIPE, SIG_DFL); // a reader that has gone ends us silently, whatever started us
     CommandLine line;
     leave(run(line, argc, argv));

@@ -128,6 +128,8 @@ public:
             if (++posted % unconfirmed == 0)
                 device.confirm();
         }
+        if (lines.bad())
+            throw Failure(ExitCode::Failed, "cannot read " + mFile);
         device.confirm();
         if (!settings.quiet)
             Output(settings).number("posted", posted);

@@ -117,6 +117,8 @@ public:
             {
                 if (mWords.size() % 2 != 0)
                     throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
+                if (inputs() > 1)
+                    throw CLI::ValidationError("standard input can be the value of one key only");
             });
     }
 
@@ -139,6 +141,14 @@ public:
     }
 
 private:
+    std::size_t inputs() const
+    {
+        std::size_t count = 0;
+        for (std::size_t index = 1; index < mWords.size(); index += 2)
+            count += mWords[index] == "-" ? 1U : 0U;
+        return count;
+    }
+
     StatusMap readValues() const
     {
         StatusMap values;

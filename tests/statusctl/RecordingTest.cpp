@@ -120,3 +120,8 @@ TEST_F(RecordingTest, aLineThatIsNoneIsNamed)
     EXPECT_EQ(statusctl({"replay", "-"}, lineAt("01.000000", "changed", "door", "1") + "nonsense\n"),
               failure(1, "statusctl: replay: -:2: not a line of a recording"));
 }
+
+TEST_F(RecordingTest, replayOfAFolderIsAFailure)
+{
+    EXPECT_EQ(statusctl({"replay", "/"}), failure(1, "statusctl: replay: cannot read /"));
+}

@@ -67,6 +67,19 @@ TEST_F(ValuesTest, aValueMayBeginWithADashBehindTwo)
     EXPECT_EQ(statusctl({"get", "offset"}), success("-5\n"));
 }
 
+TEST_F(ValuesTest, theTwoDashesMayStandBehindTheKey)
+{
+    EXPECT_EQ(statusctl({"set", "note", "--", "-text"}), success(""));
+    EXPECT_EQ(statusctl({"set", "a", "1", "--", "b", "-5"}), success(""));
+    EXPECT_EQ(statusctl({"get", "note", "a", "b"}), success("note=-text\na=1\nb=-5\n"));
+}
+
+TEST_F(ValuesTest, aListInBracketsIsOneValue)
+{
+    EXPECT_EQ(statusctl({"set", "list", "[1,2]", "one", "[1]"}), success(""));
+    EXPECT_EQ(statusctl({"get", "list", "one"}), success("list=[1,2]\none=[1]\n"));
+}
+
 TEST_F(ValuesTest, withoutABarrierTheValueStillArrives)
 {
     EXPECT_EQ(statusctl({"set", "--no-sync", "door", "shut"}), success(""));
@@ -104,4 +117,19 @@ TEST_F(ValuesTest, noLengthLosesAnything)
         EXPECT_EQ(statusctl({"set", "a", value, "b", "2"}), success(""));
         EXPECT_EQ(statusctl({"get", "a", "b"}), success("a=" + value + "\nb=2\n"));
     }
+}
+
+// Otherwise a socket would be opened in its place, and be written to.
+TEST_F(ValuesTest, aClosedStandardOutputIsAFailure)
+{
+    statusctl({"set", "a", "1"});
+    TestProcess get({"/bin/sh", "-c", "exec \"$0\" get a >&-", STATUSCTL});
+    EXPECT_EQ(get.waitForExit(), 1);
+    EXPECT_EQ(get.errors(), "statusctl: get: cannot write: Bad file descriptor\n");
+}
+
+TEST_F(ValuesTest, standardInputIsReadForOneValueOnly)
+{
+    EXPECT_EQ(statusctl({"set", "a", "-", "b", "-"}, "x"),
+              failure(2, "statusctl: set: standard input can be the value of one key only"));
 }
