@@ -1,5 +1,7 @@
 #include "statusctl/Feed.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "common/EventAgent.h"
@@ -7,7 +9,6 @@
 
 using BrokerProtocol::Notification;
 using Orvane::AsyncEventAgent1;
-using Orvane::AsyncEventAgent2;
 
 Feed::Feed(Device& device, Pattern keys, Pattern events, Receiver receiver)
     : mDevice(device), mKeys(std::move(keys)), mEvents(std::move(events)), mReceiver(std::move(receiver))
@@ -56,49 +57,81 @@ bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
 // The first one is the answer to start(): the values of the keys that were there.
 void Feed::onStatusUpdate(StatusMap updates)
 {
-    const bool isFirst = !mIsSynced;
+    if (mIsSynced)
+    {
+        for (const auto& [key, value] : updates)
+            tellValue(key, value);
+        return;
+    }
     for (const auto& [key, value] : updates)
     {
-        const auto [known, isNew] = mValues.emplace(key, value);
-        if (!isNew && known->second == value)
-            continue; // told again, as happens while clients start
-        known->second = value;
-        tell(isFirst         ? Change::Kind::Initial
-             : value.empty() ? Change::Kind::Reset
-                             : Change::Kind::Changed,
-             key, value);
+        mValues[key] = value;
+        tell(Change::Kind::Initial, key, value);
     }
-    if (!isFirst)
-        return;
     tell(Change::Kind::Synced, {}, {});
     mIsSynced = true;
-    onAppeared(std::exchange(mLater, {}));
-    if (mLookLater)
-        onAppeared(std::nullopt);
+    tellTapped();
 }
 
+// Both the library's and the tap's; one that comes early waits with those of the tap.
 void Feed::onEventUpdate(std::string name, std::string value)
 {
-    tell(Change::Kind::Event, name, value);
+    if (mIsSynced)
+        tell(Change::Kind::Event, name, value);
+    else
+        mTapped.push_back({Notification::Kind::EventUpdate, {{name, value}}});
 }
 
-void Feed::onAppeared(std::optional<StatusKeys> keys)
+void Feed::take(Notification notification)
 {
-    if (!mIsSynced)
+    if (notification.kind == Notification::Kind::Unparsable)
+        return finish(std::make_exception_ptr(Failure(ExitCode::Failed, "cannot hear notifications")));
+    mMustLook = mMustLook || notification.kind == Notification::Kind::Unhandled;
+    mTapped.push_back(std::move(notification));
+    if (mIsSynced)
+        tellTapped();
+}
+
+void Feed::tellTapped()
+{
+    for (const Notification& notification : std::exchange(mTapped, {}))
     {
-        mLookLater = mLookLater || !keys;
-        if (keys)
-            mLater.insert(mLater.end(), keys->begin(), keys->end());
-        return;
+        for (const auto& [name, value] : notification.members)
+        {
+            if (notification.kind == Notification::Kind::EventUpdate)
+                tell(Change::Kind::Event, name, value);
+            else if (mSubscribed.count(name) == 0)
+                tellValue(name, value);
+        }
     }
+    if (std::exchange(mMustLook, false))
+        lookForMissed();
+}
+
+// Keys that have come since start() looked and before the tap was ready. Those that the tap has told of are
+// left to it.
+void Feed::lookForMissed()
+{
     try
     {
-        subscribe(keys ? *keys : keysThatMatch());
+        StatusKeys missed = keysThatMatch();
+        const auto isKnown = [this](const std::string& key) { return mValues.count(key) != 0; };
+        missed.erase(std::remove_if(missed.begin(), missed.end(), isKnown), missed.end());
+        subscribe(missed);
     }
-    catch (const Failure&)
+    catch (...)
     {
         finish(std::current_exception());
     }
+}
+
+void Feed::tellValue(const std::string& key, const std::string& value)
+{
+    const auto [known, isNew] = mValues.emplace(key, value);
+    if (!isNew && known->second == value)
+        return; // told again, as happens while clients start
+    known->second = value;
+    tell(value.empty() ? Change::Kind::Reset : Change::Kind::Changed, key, value);
 }
 
 void Feed::subscribe(const StatusKeys& keys)
@@ -136,7 +169,7 @@ void Feed::tell(Change::Kind kind, const std::string& name, const std::string& v
         if (!mReceiver({Timestamp::now(), kind, name, value}))
             finish(nullptr);
     }
-    catch (const Failure&)
+    catch (...)
     {
         finish(std::current_exception());
     }
@@ -157,35 +190,16 @@ void Feed::finish(std::exception_ptr failure)
 
 void Feed::onTapped(Notification notification)
 {
-    if (notification.kind == Notification::Kind::Unhandled)
-        return sendAppeared(std::nullopt); // what has appeared while nobody was listening yet
-    if (notification.kind == Notification::Kind::EventUpdate)
-        return onTappedEvents(notification.members);
-    StatusKeys keys;
-    for (const auto& [key, value] : notification.members)
+    const bool isEvent = notification.kind == Notification::Kind::EventUpdate;
+    StatusMap& members = notification.members;
+    for (auto member = members.begin(); member != members.end();)
     {
-        if (mKeys.matchesGlob(key) && mTapped.insert(key).second)
-            keys.push_back(key);
+        const bool isWanted = isEvent ? mEvents.matchesGlob(member->first) && !mEvents.isExact(member->first)
+                                      : mKeys.matchesGlob(member->first);
+        member = isWanted ? std::next(member) : members.erase(member);
     }
-    if (!keys.empty())
-        sendAppeared(std::move(keys));
-}
-
-void Feed::sendAppeared(std::optional<StatusKeys> keys)
-{
-    auto* agent =
-        OV_NEW AsyncEventAgent1<Feed, std::optional<StatusKeys>>(this, &Feed::onAppeared, std::move(keys));
+    if (members.empty() && (isEvent || notification.kind == Notification::Kind::StatusUpdate))
+        return;
+    auto* agent = OV_NEW AsyncEventAgent1<Feed, Notification>(this, &Feed::take, std::move(notification));
     agent->send(&mThread);
-}
-
-void Feed::onTappedEvents(const StatusMap& events)
-{
-    for (const auto& [name, value] : events)
-    {
-        if (!mEvents.matchesGlob(name) || mEvents.isExact(name))
-            continue;
-        auto* agent = OV_NEW AsyncEventAgent2<IStatusUpdateListener, std::string, std::string>(
-            this, &IStatusUpdateListener::onEventUpdate, name, value);
-        agent->send(&mThread);
-    }
 }

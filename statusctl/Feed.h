@@ -10,6 +10,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "common/EventThread.h"
 #include "statusctl/Change.h"
@@ -18,8 +19,9 @@
 #include "statusctl/Pattern.h"
 
 /// Tells what is there and what changes, in this order: the initial values, "synced", then each change as it
-/// arrives. Names given exactly are subscribed to in the library. For globs all notifications are heard as
-/// well (NotificationTap): a key that appears later is subscribed to when its first notification comes.
+/// arrives. Names given exactly, and keys that are there, are subscribed to in the library. For globs all
+/// notifications are heard as well (NotificationTap), which tells of the keys that appear later. Each key is
+/// told of by one of the two alone, so that its values stay in their order.
 class Feed : private IStatusUpdateListener
 {
 public:
@@ -43,13 +45,14 @@ public:
 private:
     void onStatusUpdate(StatusMap updates) override;
     void onEventUpdate(std::string name, std::string value) override;
-    void onTapped(BrokerProtocol::Notification notification); // these three: the tap's thread
-    void onTappedEvents(const StatusMap& events);
-    void sendAppeared(std::optional<StatusKeys> keys);
-    void onAppeared(std::optional<StatusKeys> keys); // nothing: look for them
+    void onTapped(BrokerProtocol::Notification notification); // on the tap's thread
+    void take(BrokerProtocol::Notification notification);
 
     StatusKeys keysThatMatch();
     void subscribe(const StatusKeys& keys);
+    void lookForMissed();
+    void tellTapped();
+    void tellValue(const std::string& key, const std::string& value);
     void tell(Change::Kind kind, const std::string& name, const std::string& value);
     void finish(std::exception_ptr failure);
 
@@ -58,13 +61,11 @@ private:
     const Pattern mEvents;
     const Receiver mReceiver;
 
-    std::set<std::string> mTapped; // keys that the feed has been told of; the tap's thread
-
     // The feed's thread, and start() before it has subscribed.
-    std::set<std::string> mSubscribed;
-    std::map<std::string, std::string> mValues; // as told
-    StatusKeys mLater;                          // keys that have appeared before all initial values were told
-    bool mLookLater = false;                    // the tap was ready before that
+    std::set<std::string> mSubscribed;                 // the library tells of these
+    std::map<std::string, std::string> mValues;        // as told
+    std::vector<BrokerProtocol::Notification> mTapped; // until the initial values were told
+    bool mMustLook = false;                            // what the tap has missed before it was ready
     bool mIsSynced = false;
     bool mIsEnough = false;
 

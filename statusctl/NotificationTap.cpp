@@ -6,6 +6,21 @@
 namespace
 {
 
+// False on a signal that somebody handles.
+bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame)
+{
+    try
+    {
+        return socket.recv(frame).has_value();
+    }
+    catch (const zmq::error_t& error)
+    {
+        if (error.num() != EINTR)
+            throw;
+        return false;
+    }
+}
+
 // All frames of the next message as one text.
 std::string receiveMessage(zmq::socket_t& socket)
 {
@@ -13,7 +28,7 @@ std::string receiveMessage(zmq::socket_t& socket)
     zmq::message_t frame;
     do
     {
-        while (!socket.recv(frame))
+        while (!receiveFrame(socket, frame))
         {
         }
         text.append(frame.data<char>(), frame.size());
@@ -48,15 +63,15 @@ void NotificationTap::run()
             using Kind = BrokerProtocol::Notification::Kind;
             BrokerProtocol::Notification notification =
                 BrokerProtocol::readNotification(receiveMessage(socket));
-            if (std::exchange(isFirst, false))
-                mReceive({Kind::Unhandled, {}});
             if (notification.kind == Kind::StatusUpdate || notification.kind == Kind::EventUpdate)
                 mReceive(std::move(notification));
+            if (std::exchange(isFirst, false))
+                mReceive({Kind::Unhandled, {}});
         }
     }
     catch (const zmq::error_t& error)
     {
-        if (error.num() != ETERM && error.num() != EINTR)
+        if (error.num() != ETERM)
             mReceive({BrokerProtocol::Notification::Kind::Unparsable, {}});
     }
 }

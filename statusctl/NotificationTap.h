@@ -14,7 +14,8 @@ class NotificationTap
 {
 public:
     /// @param receive called on the tap's thread with every notification that can be read, and once with one
-    /// that says nothing, when the first message of any kind comes: from then on nothing is missed
+    /// that says nothing (Unhandled), when the first message of any kind comes: from then on nothing is
+    /// missed. Unparsable: it has failed, and hears no more
     explicit NotificationTap(std::function<void(BrokerProtocol::Notification)> receive);
     ~NotificationTap();
 
