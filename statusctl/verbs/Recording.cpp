@@ -1,13 +1,16 @@
 // record and replay.
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 
 #include "statusctl/Device.h"
+#include "statusctl/Ending.h"
 #include "statusctl/Feed.h"
 #include "statusctl/Json.h"
 #include "statusctl/Output.h"
@@ -24,7 +27,8 @@ class LineFile
 {
 public:
     explicit LineFile(const std::string& name)
-        : mName(name), mFile(std::fopen(name.c_str(), "we"), &std::fclose)
+        : mName(name),
+          mFile(name == "-" ? fdopen(dup(STDOUT_FILENO), "w") : std::fopen(name.c_str(), "we"), &std::fclose)
     {
         if (!mFile)
             fail();
@@ -40,6 +44,8 @@ public:
 private:
     [[noreturn]] void fail() const
     {
+        if (errno == EPIPE)
+            endBy(SIGPIPE); // on a thread that blocks it
         throw Failure(ExitCode::Failed, "cannot write " + mName + ": " + std::strerror(errno));
     }
 
@@ -58,7 +64,8 @@ public:
               "The file holds the lines of \"watch --json\". The recording ends with the time given by -t,\n"
               "or by a signal."))
     {
-        mCommand.add_option("FILE", mFile, "The file; it is overwritten")->required();
+        mCommand.add_option("FILE", mFile, "The file, or - for standard output; it is overwritten")
+            ->required();
         mSelection.emplace(mCommand);
     }
 

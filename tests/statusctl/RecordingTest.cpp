@@ -125,3 +125,19 @@ TEST_F(RecordingTest, replayOfAFolderIsAFailure)
 {
     EXPECT_EQ(statusctl({"replay", "/"}), failure(1, "statusctl: replay: cannot read /"));
 }
+
+TEST_F(RecordingTest, aDashIsStandardOutput)
+{
+    const Outcome outcome = statusctl({"-t", "300ms", "record", "-", "door"});
+    EXPECT_NE(outcome.output.find("synced"), std::string::npos) << outcome;
+}
+
+TEST_F(RecordingTest, aReaderThatHasGoneEndsItSilently)
+{
+    TestProcess record(commandOf({"record", "-", "door"}));
+    ASSERT_NE(record.readLine().value_or("").find("synced"), std::string::npos);
+    record.closeOutput();
+    statusctl({"set", "door", "open"});
+    EXPECT_EQ(record.waitForExit(), 128 + SIGPIPE);
+    EXPECT_EQ(record.errors(), "");
+}
