@@ -78,9 +78,7 @@ void Device::leave() const
     const Failure late(ExitCode::TimedOut, "no answer from the broker within " +
                                                Duration::write(mSettings.requestTimeout()) +
                                                "; \"statusctl doctor\" may tell why");
-    const Failure failure = unreachable().value_or(late);
-    report(mSettings, failure);
-    std::quick_exit(static_cast<int>(failure.code()));
+    leaveWith(mSettings, unreachable().value_or(late));
 }
 
 void Device::throwFailure()

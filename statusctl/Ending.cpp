@@ -1,7 +1,26 @@
 #include "statusctl/Ending.h"
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
+
+namespace
+{
+
+std::atomic<void (*)()> restoreScreen{nullptr};
+
+} // namespace
+
+void setRestore(void (*restore)())
+{
+    restoreScreen = restore;
+}
+
+void restoreBeforeLeaving()
+{
+    if (void (*restore)() = restoreScreen.exchange(nullptr))
+        restore();
+}
 
 void endBy(int signal)
 {

@@ -1,6 +1,9 @@
 #include <cstdio>
+#include <cstdlib>
 #include <json/value.h>
+#include <mutex>
 
+#include "statusctl/Ending.h"
 #include "statusctl/Json.h"
 #include "statusctl/Settings.h"
 #include "statusctl/Text.h"
@@ -24,4 +27,13 @@ void report(const Settings& settings, const Failure& failure)
                Text::escaped(failure.what());
     }
     std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void leaveWith(const Settings& settings, const Failure& failure)
+{
+    static std::mutex& leaving = *new std::mutex; // held for good: the first to leave is the only one
+    leaving.lock();
+    restoreBeforeLeaving();
+    report(settings, failure);
+    std::quick_exit(static_cast<int>(failure.code()));
 }

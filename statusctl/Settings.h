@@ -32,4 +32,7 @@ struct Settings
 /// Tells of a failure on standard error: one line, or one object.
 void report(const Settings& settings, const Failure& failure);
 
+/// Reports, and ends the process at once: its other threads may be busy for long.
+[[noreturn]] void leaveWith(const Settings& settings, const Failure& failure);
+
 #endif

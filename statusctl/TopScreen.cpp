@@ -10,6 +10,7 @@
 #include <mutex>
 #include <unistd.h>
 
+#include "statusctl/Ending.h"
 #include "statusctl/Failure.h"
 #include "statusctl/Text.h"
 
@@ -41,13 +42,24 @@ private:
     const attr_t mAttributes;
 };
 
-// Once, whoever comes first: the screen's end or the process's.
+// Held by whoever uses the screen. Never destroyed: threads may run until the process ends.
+std::mutex& screenMutex()
+{
+    static std::mutex& mutex = *new std::mutex;
+    return mutex;
+}
+
 void restore()
 {
-    static std::mutex mutex;
-    const std::lock_guard<std::mutex> lock(mutex);
     if (!isendwin())
         endwin();
+}
+
+// On whatever thread ends the process, which nobody may draw behind.
+void restoreForGood()
+{
+    screenMutex().lock();
+    restore();
 }
 
 std::string ageOf(const TopModel::Row& row)
@@ -92,15 +104,19 @@ void chooseUtf8()
 
 } // namespace
 
-TopScreen::TopScreen(bool useColors)
+void TopScreen::checkTerminal()
 {
     if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
         throw Failure(ExitCode::Failed, "needs a terminal; \"statusctl watch\" does not");
+}
+
+TopScreen::TopScreen(bool useColors)
+{
     chooseUtf8();
     // newterm() and not initscr(), which would end the process for an unknown terminal.
     if (newterm(nullptr, stdout, stdin) == nullptr)
         throw Failure(ExitCode::Failed, "this terminal (TERM) is unknown here");
-    std::at_quick_exit(restore);
+    setRestore(restoreForGood);
     cbreak();
     noecho();
     nonl();
@@ -118,6 +134,7 @@ TopScreen::TopScreen(bool useColors)
 
 TopScreen::~TopScreen()
 {
+    const std::lock_guard<std::mutex> lock(screenMutex());
     restore();
 }
 
@@ -186,6 +203,7 @@ void TopScreen::drawEvents(const TopModel& model, int firstLine) const
 
 void TopScreen::draw(const TopModel& model, bool hasBroker)
 {
+    const std::lock_guard<std::mutex> lock(screenMutex());
     constexpr int head = 3;
     const int eventLines = model.events().empty() ? 0 : std::max(2, LINES / 4);
     mPage = std::max(1, LINES - head - eventLines);
@@ -205,6 +223,7 @@ void TopScreen::draw(const TopModel& model, bool hasBroker)
 
 TopScreen::Wish TopScreen::readKey(std::chrono::milliseconds longest)
 {
+    const std::lock_guard<std::mutex> lock(screenMutex());
     wtimeout(stdscr, static_cast<int>(longest.count()));
     const auto page = static_cast<std::size_t>(mPage);
     const int key = wgetch(stdscr);

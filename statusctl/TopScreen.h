@@ -11,6 +11,9 @@
 class TopScreen
 {
 public:
+    /// @throws Failure if the process has no terminal
+    static void checkTerminal();
+
     /// @throws Failure if this is no terminal that can show it
     explicit TopScreen(bool useColors);
     ~TopScreen();

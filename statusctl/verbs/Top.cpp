@@ -61,7 +61,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
-        const SignalNote note;
+        TopScreen::checkTerminal();
         Device device(settings);
         Feed feed(device, Pattern(mKeys.empty() ? std::vector<std::string>{"*"} : mKeys), Pattern({"*"}),
                   [this](const Change& change)
@@ -70,9 +70,10 @@ public:
                       mModel.take(change, TopModel::Clock::now());
                       return true;
                   });
+        feed.start(); // as long as this may take, signals end the process
         {
+            const SignalNote note;
             TopScreen screen(settings.color);
-            feed.start();
             show(screen, feed);
         }
         if (caughtSignal != 0)

@@ -16,6 +16,7 @@
 
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ScriptedBroker.h"
 
 namespace
 {
@@ -234,6 +235,40 @@ TEST_F(ScreenTest, tellsWhenTheBrokerHasGone)
     ASSERT_TRUE(terminal.shows("q to leave"));
     mBroker.stop();
     EXPECT_TRUE(terminal.shows("no broker"));
+}
+
+TEST(ScreenStartTest, aSignalEndsItWhileTheBrokerDoesNotAnswer)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            if (request.find("Sync") == std::string::npos)
+                return std::nullopt;
+            return ScriptedBroker::Frames{"SyncAck"};
+        });
+    Terminal terminal({"-t", "60", "top"});
+    ASSERT_TRUE(broker.waitForRequests(2));
+    terminal.signal(SIGINT);
+    EXPECT_EQ(terminal.waitForExit(), 128 + SIGINT);
+}
+
+// Here on the feed's thread, which looks for keys that it has missed.
+TEST(ScreenStartTest, aBrokerThatStopsToAnswerIsToldBehindTheScreen)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    Terminal terminal({"-t", "1", "top"});
+    ASSERT_TRUE(terminal.shows("q to leave"));
+    broker.keepSilent();
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            broker.publish("{\"eventUpdate\":{\"bell\":\"rang\"}}");
+            return terminal.shows("\x1b[?1049l");
+        }));
+    EXPECT_TRUE(terminal.shows("no answer from the broker within 1 s"));
+    EXPECT_EQ(terminal.waitForExit(), 124);
+    EXPECT_TRUE(terminal.isRestored());
 }
 
 TEST_F(ScreenTest, controlCharactersInValuesDoNotReachTheTerminal)
