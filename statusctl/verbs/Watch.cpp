@@ -15,8 +15,7 @@ namespace
 {
 
 constexpr const char* help =
-    "KEY is exact or a glob (*, ?, [...]). A key that appears later is told of with its value at that "
-    "moment.\n"
+    "KEY is exact or a glob (*, ?, [...]). Keys that appear later are told of as well.\n"
     "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
     "process twice, whether its name matches or not. Nothing is polled.\n"
     "What stands behind \"--\" is a command that is run for each line, one after the other, with "
@@ -45,7 +44,7 @@ public:
                   [&](const Change& change) { return show(settings, output, change); });
         feed.start();
         if (!feed.wait(settings.timeout))
-            throw Failure(ExitCode::TimedOut, "the time is over");
+            leaveWith(settings, Failure(ExitCode::TimedOut, "the time is over")); // whatever the command does
         return ExitCode::Done;
     }
 

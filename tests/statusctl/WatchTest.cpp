@@ -67,6 +67,21 @@ TEST_F(WatchTest, aGlobTellsOfKeysThatAppearLater)
     EXPECT_EQ(nextLine(watch), "changed net.tx 4");
 }
 
+TEST_F(WatchTest, aKeyThatAppearsLaterIsToldOfWithEachOfItsValuesInOrder)
+{
+    TestProcess watch(commandOf({"watch", "net.*"}));
+    EXPECT_EQ(upToSynced(watch), (Words{"synced"}));
+    TestProcess replay(commandOf({"replay", "--speed", "0", "-"}));
+    constexpr int changes = 200;
+    for (int number = 1; number <= changes; ++number)
+        replay.writeLine(
+            R"({"time":"2026-11-21T08:00:00.000000Z","kind":"changed","name":"net.n","value":")" +
+            std::to_string(number) + "\"}");
+    replay.closeInput();
+    for (int number = 1; number <= changes; ++number)
+        ASSERT_EQ(nextLine(watch), "changed net.n " + std::to_string(number));
+}
+
 TEST_F(WatchTest, aKeyThatAppearsAtTheMomentOfTheStartIsNotMissed)
 {
     for (int round = 0; round < 10; ++round)
@@ -179,6 +194,15 @@ TEST_F(WatchTest, aTimeOutIsExitCode124)
 {
     EXPECT_EQ(statusctl({"-t", "200ms", "-q", "watch", "door"}),
               failure(124, "statusctl: watch: the time is over"));
+}
+
+TEST_F(WatchTest, aTimeOutDoesNotWaitForTheCommand)
+{
+    statusctl({"set", "door", "open"});
+    TestProcess watch(commandOf(
+        {"-t", "300ms", "watch", "door", "--", "/bin/sh", "-c", "exec >/dev/null 2>&1; exec sleep 60"}));
+    EXPECT_EQ(watch.waitForExit(std::chrono::seconds(10)), 124);
+    EXPECT_EQ(watch.errors(), "statusctl: watch: the time is over\n");
 }
 
 TEST_F(WatchTest, aReaderThatHasGoneEndsItSilently)
