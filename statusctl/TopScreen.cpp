@@ -8,6 +8,7 @@
 #include <cstring>
 #include <langinfo.h>
 #include <mutex>
+#include <poll.h>
 #include <unistd.h>
 
 #include "statusctl/Ending.h"
@@ -92,6 +93,14 @@ std::string startOf(const std::string& text, int characters)
             break;
     }
     return text.substr(0, end);
+}
+
+// A terminal that has gone tells so only to those whose controlling terminal it is; the others would read
+// from it without a pause.
+bool hasHungUp()
+{
+    pollfd item{STDIN_FILENO, POLLIN, 0};
+    return poll(&item, 1, 0) > 0 && (item.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
 }
 
 // Values are UTF-8 whatever the user's locale is.
@@ -229,6 +238,10 @@ TopScreen::Wish TopScreen::readKey(std::chrono::milliseconds longest)
     const int key = wgetch(stdscr);
     switch (key)
     {
+    case ERR:
+        if (hasHungUp())
+            return Wish::Leave;
+        break;
     case KEY_DOWN:
         ++mFirst;
         break;
