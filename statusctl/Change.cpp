@@ -44,7 +44,7 @@ std::optional<Change> readChange(const std::string& text)
         return std::nullopt;
     const std::optional<Timestamp::Time> time = Timestamp::read((*object)["time"].asString());
     const std::string kind = (*object)["kind"].asString();
-    const auto known =
+    const auto* const known =
         std::find_if(names.begin(), names.end(), [&](const auto& name) { return name.second == kind; });
     if (!time || known == names.end())
         return std::nullopt;

@@ -1,11 +1,13 @@
 #include "statusctl/Device.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
 
 #include "statusctl/Duration.h"
 #include "statusctl/Ports.h"
+#include "statusctl/Text.h"
 #include "statusmanager/BrokerProtocol.h"
 
 namespace
@@ -36,7 +38,17 @@ void checkTaken(const std::string& message)
                                             " bytes; make it a byte longer or shorter");
 }
 
-// As few parts as the transport takes, each no longer than `most`.
+// JSON holds nothing else; the library would put U+FFFD for what is not, and the key or value would be
+// another.
+void checkUtf8(const std::string& text)
+{
+    if (!Text::isUtf8(text))
+        throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
+                                            "\" is not UTF-8, and nothing else can be posted; encode it");
+}
+
+// As few parts as the transport takes, each no longer than `most`: halves of halves.
+// NOLINTBEGIN(misc-no-recursion)
 template <typename Texts, typename Write, typename Send>
 void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
 {
@@ -52,6 +64,7 @@ void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
     sendInParts(Texts(texts.begin(), middle), most, write, send);
     sendInParts(Texts(middle, texts.end()), most, write, send);
 }
+// NOLINTEND(misc-no-recursion)
 
 // The broker takes a megabyte; this leaves it room between two.
 constexpr std::size_t longestMessage = std::size_t{256} * 1024;
@@ -104,6 +117,11 @@ StatusMap Device::values(const StatusKeys& keys)
 
 void Device::post(const StatusMap& values)
 {
+    for (const auto& [key, value] : values)
+    {
+        checkUtf8(key);
+        checkUtf8(value);
+    }
     const auto write = [](const StatusMap& part)
     { return BrokerProtocol::writeMap(BrokerProtocol::Key::postStatus, part); };
     sendInParts(values, longestMessage, write, [this](const StatusMap& part) { mManager->postStatus(part); });
@@ -111,12 +129,15 @@ void Device::post(const StatusMap& values)
 
 void Device::postEvent(const std::string& name, const std::string& value)
 {
+    checkUtf8(name);
+    checkUtf8(value);
     checkTaken(BrokerProtocol::writePostEvent(name, value));
     mManager->postEvent(name, value, 0);
 }
 
 void Device::reset(const StatusKeys& keys)
 {
+    std::for_each(keys.begin(), keys.end(), checkUtf8);
     const auto write = [](const StatusKeys& part)
     { return BrokerProtocol::writeList(BrokerProtocol::Key::resetStatus, part); };
     sendInParts(keys, longestMessage, write, [this](const StatusKeys& part) { mManager->resetStatus(part); });

@@ -30,7 +30,7 @@ public:
     auto ask(Call call)
     {
         const Deadline deadline(mSettings.requestTimeout(), [this] { leave(); });
-        const auto result = call(*mManager);
+        auto result = call(*mManager);
         throwFailure();
         return result;
     }

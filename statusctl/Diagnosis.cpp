@@ -7,7 +7,6 @@
 #include <sstream>
 
 using BrokerProtocol::Statistics;
-using Diagnosis::Finding;
 using Diagnosis::Findings;
 
 namespace
@@ -39,7 +38,7 @@ void addPort(const Diagnosis::Answer& answer, Findings& findings)
     constexpr const char* moveAway = "end that program, or have it use another port; the broker's are fixed";
     if (answer.listeners.empty() && answer.socketType.empty())
         findings.push_back({"port", "nothing listens on " + describe(answer.port),
-                            "start the broker: \"systemctl start statusbroker\", or run \"statusbroker\""});
+                            R"(start the broker: "systemctl start statusbroker", or run "statusbroker")"});
     else if (answer.socketType.empty())
         findings.push_back({"port",
                             programOn(answer) + " on " + describe(answer.port) +

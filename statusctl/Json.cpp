@@ -79,7 +79,7 @@ StatusMap JsonText::readValues(const std::string& text)
     const Json::Value& plain = memberOf(*root, "values");
     const Json::Value& encoded = memberOf(*root, "base64");
     if (plain.isNull() && encoded.isNull())
-        throw Failure(ExitCode::Failed, "no \"values\" in it, as \"statusctl dump --json\" writes them");
+        throw Failure(ExitCode::Failed, R"(no "values" in it, as "statusctl dump --json" writes them)");
     for (const std::string& key : plain.getMemberNames())
         values[key] = textOf(plain[key], key);
     for (const std::string& key : encoded.getMemberNames())

@@ -1,5 +1,6 @@
 #include "statusctl/Listeners.h"
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -20,14 +21,16 @@ void addInodes(const char* table, uint16_t port, std::vector<std::string>& inode
     while (std::getline(file, line))
     {
         std::istringstream words(line);
-        std::string number, local, remote, state, queues, timer, retransmissions, user, timeout, inode;
-        words >> number >> local >> remote >> state >> queues >> timer >> retransmissions >> user >>
-            timeout >> inode;
+        std::array<std::string, 10> columns;
+        for (std::string& column : columns)
+            words >> column;
+        const std::string& local = columns[1];
+        const std::string& state = columns[3];
         const std::size_t colon = local.find(':');
         constexpr int hexadecimal = 16;
         if (words && state == listening && colon != std::string::npos &&
             std::strtoul(local.c_str() + colon + 1, nullptr, hexadecimal) == port)
-            inodes.push_back(inode);
+            inodes.push_back(columns.back());
     }
 }
 

@@ -37,7 +37,7 @@ void Output::values(const StatusMap& values)
     if (mSettings.isJson())
         return json(JsonText::ofValues(values));
     for (const auto& [key, value] : values)
-        line(Text::escaped(key) + "=" + Text::escaped(value));
+        line(Text::escapedName(key) + "=" + Text::escaped(value));
 }
 
 void Output::number(const std::string& name, uint64_t number)

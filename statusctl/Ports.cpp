@@ -32,7 +32,7 @@ public:
 
     bool isOpen() const { return mIsOpen; }
 
-    bool write(const std::string& bytes)
+    bool write(const std::string& bytes) const
     {
         return send(mDescriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
                static_cast<ssize_t>(bytes.size());
@@ -108,7 +108,7 @@ bool Ports::isOpen(uint16_t port)
 
 std::optional<Ports::Port> Ports::firstClosed()
 {
-    const auto closed =
+    const auto* const closed =
         std::find_if_not(all.begin(), all.end(), [](const Port& port) { return isOpen(port.number); });
     return closed == all.end() ? std::nullopt : std::optional(*closed);
 }

@@ -171,3 +171,11 @@ bool Text::readBase64(const std::string& text, std::string& bytes)
     }
     return base64(bytes) == text; // not if bits are left over
 }
+
+std::string Text::escapedName(const std::string& name)
+{
+    std::string result;
+    for (const char letter : escaped(name))
+        result += letter == '=' ? "\\x3d" : letter == ' ' ? "\\x20" : std::string(1, letter);
+    return result;
+}

@@ -16,6 +16,9 @@ std::string valid(const std::string& text);
 /// bytes that are no UTF-8. No two texts look the same.
 std::string escaped(const std::string& text);
 
+/// As escaped(), and without = and blanks, which would end a name: \x3d and \x20.
+std::string escapedName(const std::string& name);
+
 /// Harmless on a terminal, and otherwise as it is: line breaks, tabs and backslashes stay.
 std::string harmless(const std::string& text);
 

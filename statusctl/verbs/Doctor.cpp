@@ -48,6 +48,7 @@ private:
     {
         constexpr std::chrono::milliseconds patience{1000};
         std::vector<Diagnosis::Answer> answers;
+        answers.reserve(Ports::all.size());
         for (const Ports::Port& port : Ports::all)
             answers.push_back(
                 {port, Listeners::on(port.number),

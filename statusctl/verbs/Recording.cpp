@@ -104,7 +104,7 @@ public:
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
         command.add_option("--speed", mSpeed, "So many times as fast; 0 for as fast as the broker takes it")
             ->type_name("X")
-            ->check(CLI::Range(0.0, 1e6))
+            ->check(CLI::Validator(checkSpeed, ""))
             ->capture_default_str();
     }
 
@@ -144,6 +144,15 @@ public:
     }
 
 private:
+    static std::string checkSpeed(const std::string& text)
+    {
+        double speed = -1;
+        const bool isNumber = CLI::detail::lexical_cast(text, speed);
+        return isNumber && (speed == 0 || (speed >= 1e-3 && speed <= 1e6))
+                   ? ""
+                   : "is neither 0 nor from 0.001 to 1000000";
+    }
+
     // Initial values go at once; the first change sets the beginning.
     void waitFor(const Change& change)
     {

@@ -54,7 +54,7 @@ private:
             constexpr std::size_t digits = 14;
             const std::string text = std::to_string(number);
             const std::string blanks(width - name.size() + digits - std::min(digits, text.size()), ' ');
-            output.line(name + blanks + text);
+            output.line(std::string(name).append(blanks).append(text));
         }
     }
 

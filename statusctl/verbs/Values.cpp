@@ -84,7 +84,7 @@ private:
             if (mKeys.size() == 1)
                 output.line(output.isTerminal() ? Text::harmless(value) : value);
             else
-                output.line(Text::escaped(key) + "=" + Text::escaped(value));
+                output.line(Text::escapedName(key) + "=" + Text::escaped(value));
         }
     }
 

@@ -71,7 +71,7 @@ private:
         std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
                            output.colored(nameOf(change.kind), color);
         if (change.kind != Change::Kind::Synced)
-            line += " " + Text::escaped(change.name) + " " + Text::escaped(change.value);
+            line += " " + Text::escapedName(change.name) + " " + Text::escaped(change.value);
         return line;
     }
 
@@ -81,6 +81,7 @@ private:
         std::vector<std::string> variables{"STATUS_KEY=" + change.name, "STATUS_VALUE=" + change.value,
                                            std::string("STATUS_KIND=") + nameOf(change.kind)};
         std::vector<char*> environment;
+        environment.reserve(variables.size());
         for (std::string& variable : variables)
             environment.push_back(variable.data());
         for (char** inherited = environ; *inherited != nullptr; ++inherited)
@@ -90,6 +91,7 @@ private:
         }
         environment.push_back(nullptr);
         std::vector<char*> arguments;
+        arguments.reserve(command.size() + 1);
         for (const std::string& word : command)
             arguments.push_back(const_cast<char*>(word.c_str()));
         arguments.push_back(nullptr);

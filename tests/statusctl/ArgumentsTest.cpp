@@ -55,6 +55,8 @@ TEST(ArgumentsTest, wrongUsageIsOneLineAndExitCode2)
                                    {"watch", "-n", "0"},
                                    {"ping", "-n", "x"},
                                    {"replay", "f", "--speed", "-1"},
+                                   {"replay", "f", "--speed", "nan"},
+                                   {"replay", "f", "--speed", "1e-9"},
                                    {"timer"},
                                    {"timer", "melt", "a"}};
     for (const Words& words : wrong)

@@ -1,5 +1,6 @@
 // What the tool makes of a broker that is missing, silent or broken.
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
@@ -104,4 +105,31 @@ TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
     EXPECT_EQ(statusctl({"get", "raw", "--json"}),
               success("{\"base64\":{\"raw\":\"Yf8=\"},\"values\":{}}\n"));
     EXPECT_EQ(statusctl({"get", "raw", "raw"}), success("raw=a\\xff\nraw=a\\xff\n"));
+}
+
+TEST(PostsTest, setIsOnePostOfAllPairs)
+{
+    ScriptedBroker broker;
+    broker.answerWith(ScriptedBroker::Frames{"SyncAck"});
+    statusctl({"set", "--no-sync", "a", "1", "b", "2"});
+    EXPECT_TRUE(broker.waitForPost(R"({"postStatus":{"a":"1","b":"2"}})"));
+    EXPECT_EQ(broker.posts().size(), 1U);
+}
+
+TEST(PostsTest, loadConfirmsEachBatchBeforeTheNext)
+{
+    ScriptedBroker broker;
+    std::atomic<std::size_t> barriers{0};
+    broker.answerWith(
+        [&](const std::string&) -> std::optional<ScriptedBroker::Frames>
+        {
+            ++barriers;
+            return ScriptedBroker::Frames{"SyncAck"};
+        });
+    std::string values;
+    for (int number = 0; number < 400; ++number) // 40 KiB
+        values +=
+            (number == 0 ? "\"" : ",\"") + std::to_string(number) + "\":\"" + std::string(100, 'x') + "\"";
+    EXPECT_EQ(statusctl({"load", "-"}, "{\"values\":{" + values + "}}"), success("400\n"));
+    EXPECT_GE(barriers, 3U) << "one at the start, and one for each of two batches";
 }

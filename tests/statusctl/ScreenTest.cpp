@@ -17,6 +17,7 @@
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ScriptedBroker.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace
 {
@@ -25,7 +26,7 @@ namespace
 class Terminal
 {
 public:
-    explicit Terminal(const Words& words)
+    explicit Terminal(const Words& words, const std::string& variable = "TERM=xterm")
     {
         winsize size{24, 80, 0, 0};
         if (openpty(&mMaster, &mSlave, nullptr, nullptr, &size) != 0)
@@ -33,6 +34,7 @@ public:
         tcgetattr(mSlave, &mBefore);
         Words command = commandOf(words);
         command.insert(command.end() - static_cast<std::ptrdiff_t>(words.size()) - 1, "TERM=xterm");
+        command.insert(command.end() - static_cast<std::ptrdiff_t>(words.size()) - 1, variable);
         std::vector<char*> arguments;
         for (std::string& word : command)
             arguments.push_back(word.data());
@@ -293,4 +295,26 @@ TEST_F(ScreenTest, watchIsColouredOnATerminalUnlessToldNotTo)
     Terminal coloured({"watch", "door"});
     ASSERT_TRUE(coloured.shows("synced"));
     EXPECT_NE(coloured.output().find("\x1b[2m"), std::string::npos);
+}
+
+TEST_F(ScreenTest, noColorInTheEnvironmentSaysTheSame)
+{
+    statusctl({"set", "door", "open"});
+    Terminal terminal({"watch", "door"}, "NO_COLOR=1");
+    ASSERT_TRUE(terminal.shows("synced"));
+    EXPECT_EQ(terminal.output().find('\x1b'), std::string::npos);
+}
+
+TEST_F(ScreenTest, loadShowsAProgressBarAndTakesItAway)
+{
+    const TemporaryFolder folder;
+    std::string values;
+    for (int number = 0; number < 1000; ++number)
+        values +=
+            (number == 0 ? "\"" : ",\"") + std::to_string(number) + "\":\"" + std::string(100, 'x') + "\"";
+    writeFile(folder / "values.json", "{\"values\":{" + values + "}}");
+    Terminal terminal({"load", folder / "values.json"});
+    EXPECT_EQ(terminal.waitForExit(), 0);
+    EXPECT_TRUE(terminal.shows("########] 1000 of 1000\r\x1b[K"));
+    EXPECT_TRUE(terminal.shows("1000"));
 }

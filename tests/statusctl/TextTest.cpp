@@ -37,6 +37,11 @@ TEST(TextTest, escapedStaysOnOneLineAndIsUnambiguous)
     EXPECT_EQ(Text::escaped("Tür"), "Tür");
 }
 
+TEST(TextTest, aNameHasNothingThatWouldEndIt)
+{
+    EXPECT_EQ(Text::escapedName("a=b c\nd"), "a\\x3db\\x20c\\nd");
+}
+
 // U+0080 to U+009F steer terminals too.
 TEST(TextTest, controlCharactersInUtf8AreEscaped)
 {

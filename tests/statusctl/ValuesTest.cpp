@@ -94,6 +94,17 @@ TEST_F(ValuesTest, whatTheBrokerRefusesIsAFailure)
     EXPECT_EQ(outcome.output, "");
 }
 
+TEST_F(ValuesTest, whatIsNotUtf8IsRefusedBeforeItIsPosted)
+{
+    EXPECT_EQ(
+        statusctl({"set", "a", "x\xc3("}),
+        failure(1, "statusctl: set: \"x\\xc3(\" is not UTF-8, and nothing else can be posted; encode it"));
+    for (const Words& words :
+         std::vector<Words>{{"set", "k\xff", "1"}, {"reset", "k\xff"}, {"event", "k\xff"}})
+        EXPECT_EQ(statusctl(words).code, 1) << words[0];
+    EXPECT_EQ(statusctl({"dump"}), success(""));
+}
+
 TEST_F(ValuesTest, resetEmptiesValues)
 {
     statusctl({"set", "a", "1", "b", "2"});
