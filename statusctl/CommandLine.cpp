@@ -70,8 +70,6 @@ void takeMarks(CLI::App& command)
         if (option->get_items_expected_max() > 0)
             option->transform(withoutMark);
     }
-    for (CLI::App* subcommand : command.get_subcommands({}))
-        takeMarks(*subcommand);
 }
 
 std::string namesOf(const std::vector<const CLI::App*>& commands)
@@ -144,6 +142,12 @@ void CommandLine::addVerbs()
         mEntries.push_back({command, std::move(verb)});
     }
     takeMarks(mApp);
+    for (CLI::App* command : mApp.get_subcommands({}))
+    {
+        takeMarks(*command);
+        for (CLI::App* action : command->get_subcommands({}))
+            takeMarks(*action);
+    }
 }
 
 // CLI11 would take what stands behind "--" for keys.
