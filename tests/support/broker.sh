@@ -1,5 +1,6 @@
 # Sourced by the checks that are scripts: a broker for the programs that they run.
 #   start_broker PROGRAM   starts it; at the latest it ends with the script
+#   wait_for_broker STATUSCTL   until it answers; for the tool, which waits for none
 #   stop_broker            ends it, and fails unless it was there and ended well
 #   started                the processes that are ended with the script, too
 # shellcheck shell=bash
@@ -17,6 +18,15 @@ start_broker() {
     "$1" &
     broker=$!
     started+=("$broker")
+}
+
+wait_for_broker() {
+    local _
+    for _ in {1..300}; do
+        "$1" --quiet ping >/dev/null 2>&1 && return
+        read -r -t 0.1 <> <(:) || true
+    done
+    fail "the broker did not start"
 }
 
 stop_broker() {
