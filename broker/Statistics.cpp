@@ -13,13 +13,13 @@ std::size_t Durations::rangeOf(uint64_t microseconds)
 {
     if (microseconds < 4)
         return static_cast<std::size_t>(microseconds);
-    unsigned doublings = 0;
+    std::size_t doublings = 0;
     while (microseconds >= 8)
     {
         microseconds >>= 1U;
         ++doublings;
     }
-    return std::min<std::size_t>(ranges - 1, 4 * doublings + microseconds);
+    return std::min(ranges - 1, 4 * doublings + static_cast<std::size_t>(microseconds));
 }
 
 uint64_t Durations::upperEnd(std::size_t range)

@@ -6,18 +6,21 @@
 Pattern::Pattern(const std::vector<std::string>& texts)
 {
     for (const std::string& text : texts)
-    {
-        std::vector<std::string>& kind = text.find_first_of("*?[\\") == std::string::npos ? mExact : mGlobs;
-        if (std::find(kind.begin(), kind.end(), text) == kind.end())
-            kind.push_back(text);
-    }
+        add(text.find_first_of("*?[\\") == std::string::npos ? mExact : mGlobs, text);
 }
 
 Pattern Pattern::ofNames(const std::vector<std::string>& names)
 {
     Pattern pattern;
-    pattern.mExact = names;
+    for (const std::string& name : names)
+        add(pattern.mExact, name);
     return pattern;
+}
+
+void Pattern::add(std::vector<std::string>& texts, const std::string& text)
+{
+    if (std::find(texts.begin(), texts.end(), text) == texts.end())
+        texts.push_back(text);
 }
 
 bool Pattern::matches(const std::string& name) const

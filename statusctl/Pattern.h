@@ -25,6 +25,8 @@ public:
     bool empty() const { return mExact.empty() && mGlobs.empty(); }
 
 private:
+    static void add(std::vector<std::string>& texts, const std::string& text);
+
     std::vector<std::string> mExact;
     std::vector<std::string> mGlobs;
 };

@@ -1,0 +1,6 @@
+# 32-bit ARM with hardware floating point, Debian's armhf.
+set(CMAKE_SYSTEM_PROCESSOR arm)
+set(TARGET_ARCHITECTURE armhf)
+set(TARGET_TRIPLET arm-linux-gnueabihf)
+set(TARGET_EMULATOR qemu-arm)
+include(${CMAKE_CURRENT_LIST_DIR}/debian.cmake)
