@@ -81,7 +81,7 @@ private:
     NotifyChannel mNotify;
     DeviceState mState;
     std::optional<StateFile> mStateFile;
-    StartupGate mStartup;
+    StartupGate mStartup{[this](const std::string& connection) { return mRequests.isOpen(connection); }};
     CatchUp mCatchUp;
     Supervisor mSupervisor;
 

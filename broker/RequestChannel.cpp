@@ -1,5 +1,7 @@
 #include "broker/RequestChannel.h"
 
+#include <utility>
+
 #include "broker/Connection.h"
 #include "broker/Frames.h"
 #include "broker/Sockets.h"
@@ -35,10 +37,13 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
         request.text = text.text();
     request.tooLong = !text.text();
 
+    // What was told before the request came is noted first, or its connection may not be known yet, or be
+    // taken for an earlier one on the same descriptor.
+    noteConnections();
     const auto peer = mPeers.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
     if (peer != mPeers.end())
     {
-        peer->second.connection = request.connection;
+        noteSpeaker(peer->first, peer->second, request.connection);
         peer->second.unfinished.received(bytes);
     }
     return request;
@@ -59,9 +64,33 @@ void RequestChannel::reply(const std::string& connection, const std::string& tex
     Frames::send(mSocket, text);
 }
 
+// Requests of a connection that has been closed may still come when its descriptor is in use again.
+void RequestChannel::noteSpeaker(int descriptor, Peer& peer, const std::string& connection)
+{
+    if (peer.connection == connection)
+        return;
+    forgetSpeaker(descriptor, peer);
+    peer.connection = connection;
+    mSpeakers[connection] = descriptor;
+}
+
+bool RequestChannel::forgetSpeaker(int descriptor, const Peer& peer)
+{
+    const auto speaker = mSpeakers.find(peer.connection);
+    if (speaker == mSpeakers.end() || speaker->second != descriptor)
+        return false;
+    mSpeakers.erase(speaker);
+    return true;
+}
+
 std::vector<std::string> RequestChannel::updateConnections()
 {
-    std::vector<std::string> closed;
+    noteConnections();
+    return std::exchange(mClosed, {});
+}
+
+void RequestChannel::noteConnections()
+{
     while (const std::optional<ConnectionMonitor::Event> event = mMonitor.next())
     {
         if (event->kind == ConnectionMonitor::Event::Kind::Accepted)
@@ -71,11 +100,10 @@ std::vector<std::string> RequestChannel::updateConnections()
         const auto peer = mPeers.find(event->descriptor);
         if (peer == mPeers.end())
             continue;
-        if (!peer->second.connection.empty())
-            closed.push_back(peer->second.connection);
+        if (forgetSpeaker(peer->first, peer->second))
+            mClosed.push_back(peer->second.connection);
         mPeers.erase(peer);
     }
-    return closed;
 }
 
 bool RequestChannel::cutOffEndless()

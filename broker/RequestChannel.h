@@ -35,6 +35,10 @@ public:
     /// Takes note of connections made and closed, and returns those that have spoken and are closed now.
     std::vector<std::string> updateConnections();
 
+    /// Whether this connection is open, as far as that has been noted, and nobody else has spoken on its
+    /// descriptor since.
+    bool isOpen(const std::string& connection) const { return mSpeakers.count(connection) != 0; }
+
     /// Cuts off who sends a message that does not end. True if somebody is in the middle of a long one. To be
     /// called now and then.
     bool cutOffEndless();
@@ -49,17 +53,22 @@ public:
 private:
     struct Peer
     {
-        std::string connection; ///< empty: has not spoken yet
+        std::string connection; ///< that spoke last; empty: has not spoken yet
         Unfinished unfinished;
     };
 
     bool receiveFrame(zmq::message_t& frame, bool& more, uint64_t& bytes);
+    void noteConnections();
+    void noteSpeaker(int descriptor, Peer& peer, const std::string& connection);
+    bool forgetSpeaker(int descriptor, const Peer& peer);
 
     const Limits& mLimits;
     Refusals& mRefusals;
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
-    std::map<int, Peer> mPeers; // by descriptor
+    std::map<int, Peer> mPeers;           // by descriptor
+    std::map<std::string, int> mSpeakers; // the same, of those who have spoken: descriptor by connection
+    std::vector<std::string> mClosed;     // since updateConnections() was called last
 };
 
 #endif

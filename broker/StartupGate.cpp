@@ -1,13 +1,13 @@
 #include "broker/StartupGate.h"
 
 #include <algorithm>
+#include <iterator>
 
 bool StartupGate::hold(const Connection& connection, TimePoint now)
 {
     if (mLetThrough.count(connection) != 0)
         return false;
-    if (mHeld.size() < mostHeld)
-        mHeld.push_back({connection, now});
+    mHeld.emplace(connection, now);
     return true;
 }
 
@@ -15,43 +15,59 @@ void StartupGate::requestClosed(const Connection& connection)
 {
     mLetThrough.erase(connection);
     mWithoutPost.erase(connection);
-    mHeld.erase(std::remove_if(mHeld.begin(), mHeld.end(),
-                               [&](const Held& held) { return held.connection == connection; }),
-                mHeld.end());
+    mHeld.erase(connection);
 }
 
-bool StartupGate::settled(const Held& held, TimePoint now) const
+bool StartupGate::settled(TimePoint since, TimePoint now) const
 {
-    return now - std::max(held.since, mLastPostConnected) >= settleTime;
+    return now - std::max(since, mLastPostConnected) >= settleTime;
 }
 
 std::vector<StartupGate::Connection> StartupGate::release(int postPeers, int requestPeers, TimePoint now)
 {
-    const bool caughtUp = postPeers >= requestPeers - static_cast<int>(mWithoutPost.size());
     std::vector<Connection> released;
-    std::vector<Held> kept;
-    for (const Held& held : mHeld)
+    if (mHeld.empty())
+        return released;
+    dropClosed(mWithoutPost);
+    const bool caughtUp = postPeers >= requestPeers - static_cast<int>(mWithoutPost.size());
+    for (auto held = mHeld.begin(); held != mHeld.end();)
     {
-        const bool regular = caughtUp && settled(held, now);
-        if (!regular && now - held.since < longestHold)
+        const auto& [connection, since] = *held;
+        const bool regular = caughtUp && settled(since, now);
+        if (!regular && now - since < longestHold)
         {
-            kept.push_back(held);
+            ++held;
             continue;
         }
-        if (!caughtUp)
-            mWithoutPost.insert(held.connection);
-        mLetThrough.insert(held.connection);
-        released.push_back(held.connection);
+        remember(connection, caughtUp);
+        released.push_back(connection);
+        held = mHeld.erase(held);
     }
-    mHeld.swap(kept);
+    if (!released.empty())
+        dropClosed(mLetThrough);
     return released;
+}
+
+void StartupGate::remember(const Connection& connection, bool hasPost)
+{
+    if (!mIsOpen(connection))
+        return;
+    mLetThrough.insert(connection);
+    if (!hasPost)
+        mWithoutPost.insert(connection);
+}
+
+void StartupGate::dropClosed(std::set<Connection>& connections)
+{
+    for (auto connection = connections.begin(); connection != connections.end();)
+        connection = mIsOpen(*connection) ? std::next(connection) : connections.erase(connection);
 }
 
 std::vector<StartupGate::Connection> StartupGate::releaseAll()
 {
     std::vector<Connection> released;
-    for (const Held& held : mHeld)
-        released.push_back(held.connection);
+    for (const auto& [connection, since] : mHeld)
+        released.push_back(connection);
     mHeld.clear();
     return released;
 }

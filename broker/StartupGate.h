@@ -1,9 +1,11 @@
 #ifndef BROKER_STARTUPGATE_H
 #define BROKER_STARTUPGATE_H
 
-#include <optional>
+#include <functional>
+#include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "broker/Clock.h"
@@ -18,21 +20,24 @@
 ///
 /// A program that opens a request connection only would make everybody wait: its Sync is answered after
 /// `longestHold`, and it is not counted any more.
+///
+/// A Sync can be received when its connection has been closed already. Of such a one nothing is remembered,
+/// or nobody would ever take it back; so the memory is bounded by the open connections.
 class StartupGate
 {
 public:
     static constexpr std::chrono::milliseconds settleTime{8};
     static constexpr std::chrono::milliseconds longestHold{1000};
 
-    /// So many are held at a time. A client sends no second Sync before it has its answer, so the more come
-    /// from one that floods; it gets an answer to the first of them.
-    static constexpr std::size_t mostHeld = 10000;
-
     /// Identifies a request connection: its routing id.
     using Connection = std::string;
+    using IsOpen = std::function<bool(const Connection&)>;
+
+    explicit StartupGate(IsOpen isOpen) : mIsOpen(std::move(isOpen)) {}
 
     /// Whether the Sync of this connection must be held; then it is, from now on. False on a connection that
-    /// has been let through before.
+    /// has been let through before. A client sends no second Sync before it has its answer; who does gets one
+    /// answer to all that are held.
     bool hold(const Connection& connection, TimePoint now);
 
     /// A post connection has completed its handshake.
@@ -49,15 +54,12 @@ public:
     bool empty() const { return mHeld.empty(); }
 
 private:
-    struct Held
-    {
-        Connection connection;
-        TimePoint since;
-    };
+    bool settled(TimePoint since, TimePoint now) const;
+    void remember(const Connection& connection, bool hasPost);
+    void dropClosed(std::set<Connection>& connections);
 
-    bool settled(const Held& held, TimePoint now) const;
-
-    std::vector<Held> mHeld;
+    IsOpen mIsOpen;
+    std::map<Connection, TimePoint> mHeld; // since when
     std::set<Connection> mLetThrough;
     std::set<Connection> mWithoutPost; // those of mLetThrough that showed no post connection in time
     TimePoint mLastPostConnected{};

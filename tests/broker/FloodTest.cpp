@@ -296,6 +296,41 @@ TEST_F(FloodTest, whoAsksAndReadsNothingDoesNotFillTheMemory)
     expectServing();
 }
 
+// ---------------------------------------------------------------------------------------------------
+// start-up
+
+TEST_F(FloodTest, whoSyncsOverAndOverKeepsNobodyFromStarting)
+{
+    RawRequester flood(zmq::socket_type::dealer);
+    constexpr int count = 10500;
+    for (int number = 0; number < count; ++number)
+        flood.send({"", "Sync"});
+    EXPECT_TRUE(eventually([this] { return statistic("requests.Sync") == count; }));
+    RawRequester another;
+    EXPECT_EQ(another.ask("Sync"), "SyncAck");
+}
+
+TEST_F(FloodTest, whoSyncsAndLeavesDoesNotLetLaterOnesThroughWithoutTheirPosts)
+{
+    const std::string sync("\1\0\0\4Sync", 8);
+    for (int count = 0; count < 300; ++count)
+    {
+        Connection leaving(requestPort);
+        ASSERT_TRUE(leaving.shakeHands("REQ"));
+        leaving.write(sync);
+    }
+    EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 1; }));
+    std::chrono::steady_clock::duration held{};
+    for (int count = 0; count < 2; ++count) // when the first is let through, those who left have been, too
+    {
+        RawRequester requestOnly;
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(requestOnly.ask("Sync"), "SyncAck");
+        held = std::chrono::steady_clock::now() - begin;
+    }
+    EXPECT_GT(held, std::chrono::milliseconds(900));
+}
+
 // ----------------------------------------------------------------------------------------------- subscribers
 
 namespace

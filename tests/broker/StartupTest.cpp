@@ -1,6 +1,7 @@
 // What holds a client's first SyncAck, and what is told again to a new subscriber: with time as an argument.
 
 #include <gtest/gtest.h>
+#include <set>
 
 #include "broker/CatchUp.h"
 #include "broker/StartupGate.h"
@@ -14,11 +15,18 @@ using Connections = std::vector<StartupGate::Connection>;
 
 const TimePoint start = TimePoint() + 1h;
 
+class StartupGateTest : public testing::Test
+{
+protected:
+    std::set<StartupGate::Connection> closed;
+    StartupGate gate{[this](const StartupGate::Connection& connection)
+                     { return closed.count(connection) == 0; }};
+};
+
 } // namespace
 
-TEST(StartupGateTest, aFirstSyncIsHeldUntilItsPostConnectionHasSettled)
+TEST_F(StartupGateTest, aFirstSyncIsHeldUntilItsPostConnectionHasSettled)
 {
-    StartupGate gate;
     EXPECT_TRUE(gate.hold("a", start));
     EXPECT_TRUE(gate.release(0, 1, start + 100ms).empty()); // no post connection yet
     gate.postConnected(start + 100ms);
@@ -27,26 +35,23 @@ TEST(StartupGateTest, aFirstSyncIsHeldUntilItsPostConnectionHasSettled)
     EXPECT_TRUE(gate.empty());
 }
 
-TEST(StartupGateTest, aSyncIsHeldForTheSettleTimeEvenIfThePostConnectionIsOld)
+TEST_F(StartupGateTest, aSyncIsHeldForTheSettleTimeEvenIfThePostConnectionIsOld)
 {
-    StartupGate gate;
     gate.postConnected(start - 1h);
     gate.hold("a", start);
     EXPECT_TRUE(gate.release(1, 1, start + StartupGate::settleTime - 1ms).empty());
     EXPECT_EQ(gate.release(1, 1, start + StartupGate::settleTime), Connections{"a"});
 }
 
-TEST(StartupGateTest, laterSyncsOfAConnectionAreNotHeld)
+TEST_F(StartupGateTest, laterSyncsOfAConnectionAreNotHeld)
 {
-    StartupGate gate;
     gate.hold("a", start);
     gate.release(1, 1, start + 1s);
     EXPECT_FALSE(gate.hold("a", start + 1s));
 }
 
-TEST(StartupGateTest, eachNewPostConnectionProlongsTheWait)
+TEST_F(StartupGateTest, eachNewPostConnectionProlongsTheWait)
 {
-    StartupGate gate;
     gate.hold("a", start);
     gate.hold("b", start);
     gate.postConnected(start);
@@ -55,9 +60,8 @@ TEST(StartupGateTest, eachNewPostConnectionProlongsTheWait)
     EXPECT_EQ(gate.release(2, 2, start + 20ms + StartupGate::settleTime), (Connections{"a", "b"}));
 }
 
-TEST(StartupGateTest, aRequestOnlyConnectionWaitsTheBoundAndDelaysOthersOnlyOnce)
+TEST_F(StartupGateTest, aRequestOnlyConnectionWaitsTheBoundAndDelaysOthersOnlyOnce)
 {
-    StartupGate gate;
     gate.hold("request only", start);
     EXPECT_TRUE(gate.release(0, 1, start + StartupGate::longestHold - 1ms).empty());
     EXPECT_EQ(gate.release(0, 1, start + StartupGate::longestHold), Connections{"request only"});
@@ -67,9 +71,8 @@ TEST(StartupGateTest, aRequestOnlyConnectionWaitsTheBoundAndDelaysOthersOnlyOnce
     EXPECT_EQ(gate.release(1, 2, later + StartupGate::settleTime), Connections{"client"});
 }
 
-TEST(StartupGateTest, aClosedConnectionIsForgotten)
+TEST_F(StartupGateTest, aClosedConnectionIsForgotten)
 {
-    StartupGate gate;
     gate.hold("held", start);
     gate.requestClosed("held");
     EXPECT_TRUE(gate.empty());
@@ -79,9 +82,48 @@ TEST(StartupGateTest, aClosedConnectionIsForgotten)
     EXPECT_TRUE(gate.hold("a", start + 2s)); // a new connection by an old name
 }
 
-TEST(StartupGateTest, everybodyIsReleasedAtTheEnd)
+TEST_F(StartupGateTest, aConnectionThatSyncsOverAndOverIsHeldOnce)
 {
-    StartupGate gate;
+    gate.hold("client", start);
+    for (int count = 0; count < 20000; ++count)
+        gate.hold("flood", start);
+    gate.hold("later", start);
+    EXPECT_EQ(gate.release(3, 3, start + 1s), (Connections{"client", "flood", "later"}));
+}
+
+TEST_F(StartupGateTest, aSyncReceivedAfterTheCloseOfItsConnectionDoesNotLetOthersThroughTooSoon)
+{
+    closed = {"dead"};
+    gate.hold("dead", start);
+    gate.release(0, 1, start + StartupGate::longestHold);
+    const TimePoint later = start + 10s;
+    gate.hold("request only", later);
+    EXPECT_TRUE(gate.release(0, 1, later + StartupGate::longestHold - 1ms).empty());
+}
+
+TEST_F(StartupGateTest, aConnectionWhoseCloseIsNotToldIsNoLongerTakenForOneWithoutPosts)
+{
+    gate.hold("request only", start);
+    gate.release(0, 1, start + StartupGate::longestHold);
+    closed = {"request only"};
+    const TimePoint later = start + 10s;
+    gate.hold("another", later);
+    EXPECT_TRUE(gate.release(0, 1, later + StartupGate::longestHold - 1ms).empty());
+}
+
+TEST_F(StartupGateTest, aConnectionWhoseCloseIsNotToldIsHeldAgainUnderItsName)
+{
+    gate.hold("a", start);
+    gate.release(1, 1, start + 1s);
+    closed = {"a"};
+    gate.hold("b", start + 1s);
+    gate.release(1, 1, start + 2s);
+    closed.clear();
+    EXPECT_TRUE(gate.hold("a", start + 3s));
+}
+
+TEST_F(StartupGateTest, everybodyIsReleasedAtTheEnd)
+{
     gate.hold("a", start);
     gate.hold("b", start);
     EXPECT_EQ(gate.releaseAll(), (Connections{"a", "b"}));
