@@ -154,7 +154,7 @@ std::chrono::milliseconds Broker::untilNextTask() const
         tasks.push_back(mNextCatchUp);
     if (mOptions.heartbeat.count() != 0)
         tasks.push_back(mNextHeartbeat);
-    if (mPosts.peers() > 0 || mRequests.peers() > 0)
+    if (mPosts.connections() != 0 || mRequests.connections() != 0)
         tasks.push_back(mNextLook);
     if (mStateFile && mState.hasRunningTimers())
         tasks.push_back(mNextMoment);

@@ -1,13 +1,25 @@
 #include "broker/ConnectionMonitor.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
+#include <utility>
 
 #include "broker/Connection.h"
 #include "broker/Frames.h"
 #include "common/Logging.h"
 
 OV_LOG_CONTROL_WORDS;
+
+namespace
+{
+
+// What a peer begins with, and the least that it sends before its handshake is complete.
+constexpr uint64_t greetingBytes = 64;
+constexpr uint64_t handshakeBytes = greetingBytes + 27;
+
+} // namespace
 
 ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& socket, const std::string& name,
                                      const Limits& limits, Refusals& refusals)
@@ -41,18 +53,20 @@ std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
     int32_t value = 0;
     std::memcpy(&event, frame.data(), sizeof(event));
     std::memcpy(&value, frame.data<char>() + sizeof(event), sizeof(value));
-    count(event);
+    const bool failed = std::exchange(mHandshakeFailed, false);
     switch (event)
     {
     case ZMQ_EVENT_ACCEPTED:
         accept(value);
         return Event{Event::Kind::Accepted, value};
     case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
+        handshakeDone();
         return Event{Event::Kind::HandshakeDone, -1};
     case ZMQ_EVENT_DISCONNECTED:
-        mOpen.erase(value);
+        close(value, failed);
         return Event{Event::Kind::Closed, value};
     default:
+        mHandshakeFailed = true;
         return Event{Event::Kind::Other, -1};
     }
 }
@@ -60,7 +74,8 @@ std::optional<ConnectionMonitor::Event> ConnectionMonitor::next()
 void ConnectionMonitor::accept(int descriptor)
 {
     mOpen[descriptor] = ++mAccepted;
-    mSilent.emplace_back(descriptor, mAccepted);
+    mSilent.emplace(mAccepted, descriptor);
+    mShaking.emplace(mAccepted, descriptor);
     dropSpoken();
     warnNearLimit();
     if (mOpen.size() <= mLimits.connections)
@@ -68,52 +83,71 @@ void ConnectionMonitor::accept(int descriptor)
     mRefusals.report(Refusal::Connections, "A connection to the " + mName +
                                                " port was cut off, the limit is " +
                                                std::to_string(mLimits.connections));
-    Connection::cut(mSilent.empty() ? descriptor : mSilent.front().first);
+    Connection::cut(mSilent.empty() ? descriptor : mSilent.begin()->second);
     if (!mSilent.empty())
-        mSilent.pop_front();
+        mSilent.erase(mSilent.begin());
 }
 
-// Once, until there is clearly room again.
+// Once, until there is clearly room again; and not more often than other lines of what outsiders cause.
 void ConnectionMonitor::warnNearLimit()
 {
     constexpr std::size_t near = 90; // percent
     constexpr std::size_t room = 80;
     const std::size_t used = mOpen.size() * 100 / mLimits.connections;
-    if (used >= near && !mIsNearLimit)
-        OV_LOG(2, "%zu of %zu connections to the %s port are in use", mOpen.size(), mLimits.connections,
-               mName.c_str());
-    mIsNearLimit = used >= near || (mIsNearLimit && used >= room);
+    mIsNearLimit = mIsNearLimit && used >= room;
+    const TimePoint now = Clock::now();
+    if (used < near || mIsNearLimit || now < mNextWarning)
+        return;
+    OV_LOG(2, "%zu of %zu connections to the %s port are in use", mOpen.size(), mLimits.connections,
+           mName.c_str());
+    mIsNearLimit = true;
+    mNextWarning = now + Refusals::window;
 }
 
-// Drops those in front that are closed or have spoken: a peer begins with a greeting of 64 bytes.
+// Drops those in front that have spoken.
 void ConnectionMonitor::dropSpoken()
 {
-    static constexpr uint64_t greeting = 64;
-    const auto isDone = [this](const std::pair<int, uint64_t>& connection)
-    {
-        const auto open = mOpen.find(connection.first);
-        return open == mOpen.end() || open->second != connection.second ||
-               Connection::bytesArrived(connection.first).value_or(greeting) >= greeting;
-    };
-    while (!mSilent.empty() && isDone(mSilent.front()))
-        mSilent.pop_front();
+    while (!mSilent.empty() &&
+           Connection::bytesArrived(mSilent.begin()->second).value_or(greetingBytes) >= greetingBytes)
+        mSilent.erase(mSilent.begin());
 }
 
-// A connection whose handshake fails is reported as failed and then as disconnected, so the two cancel out.
-void ConnectionMonitor::count(int event)
+void ConnectionMonitor::handshakeDone()
 {
-    switch (event)
+    auto done = newestThatHasShakenHands();
+    if (done == mShaking.end() && !mShaking.empty())
+        done = std::prev(done); // it has been closed in the meantime
+    if (done != mShaking.end())
+        mShaking.erase(done);
+}
+
+// The newest, since a client shakes hands at once. What else is open without having done so may stay like
+// that.
+ConnectionMonitor::ByAge::iterator ConnectionMonitor::newestThatHasShakenHands()
+{
+    const auto hasShakenHands = [](const ByAge::value_type& connection)
     {
-    case ZMQ_EVENT_HANDSHAKE_SUCCEEDED:
-    case ZMQ_EVENT_HANDSHAKE_FAILED_NO_DETAIL:
-    case ZMQ_EVENT_HANDSHAKE_FAILED_PROTOCOL:
-    case ZMQ_EVENT_HANDSHAKE_FAILED_AUTH:
-        ++mPeers;
-        break;
-    case ZMQ_EVENT_DISCONNECTED:
-        --mPeers;
-        break;
-    default:
-        break;
-    }
+        const std::optional<Connection::Sent> sent = Connection::bytesSent(connection.second);
+        // Peers of an older protocol, whose handshakes are not told, are not sent the whole greeting.
+        return sent && sent->handedOver >= greetingBytes &&
+               Connection::bytesRead(connection.second).value_or(0) >= handshakeBytes;
+    };
+    const auto found = std::find_if(mShaking.rbegin(), mShaking.rend(), hasShakenHands);
+    return found == mShaking.rend() ? mShaking.end() : std::prev(found.base());
+}
+
+void ConnectionMonitor::close(int descriptor, bool failed)
+{
+    const auto closed = mOpen.find(descriptor);
+    if (closed == mOpen.end())
+        return;
+    mSilent.erase(closed->second);
+    const bool wasPeer = mShaking.erase(closed->second) == 0;
+    mOpen.erase(closed);
+    if (!wasPeer || !failed)
+        return;
+    // So it was another that had completed its handshake.
+    const auto peer = newestThatHasShakenHands();
+    if (peer != mShaking.end())
+        mShaking.erase(peer);
 }

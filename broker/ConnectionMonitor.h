@@ -2,11 +2,9 @@
 #define BROKER_CONNECTIONMONITOR_H
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <optional>
 #include <string>
-#include <utility>
 #include <zmq.hpp>
 
 #include "broker/Options.h"
@@ -45,15 +43,23 @@ public:
     /// message of the connection is received.
     std::optional<Event> next();
 
-    /// Connections that have completed their handshake and are not closed, as far as next() has been read.
-    int peers() const { return mPeers; }
+    /// Connections that are not closed, as far as next() has been read.
+    std::size_t connections() const { return mOpen.size(); }
+
+    /// Those of them that have completed their handshake. Which one has, libzmq does not say; should the
+    /// wrong one be taken for it, that is forgotten with their ends, and does not add up.
+    int peers() const { return static_cast<int>(mOpen.size() - mShaking.size()); }
 
     /// Readable when next() has something.
     zmq::socket_t& pollable() { return mEvents; }
 
 private:
-    void count(int event);
+    using ByAge = std::map<uint64_t, int>; // number and descriptor of connections
+
     void accept(int descriptor);
+    void close(int descriptor, bool failed);
+    void handshakeDone();
+    ByAge::iterator newestThatHasShakenHands();
     void dropSpoken();
     void warnNearLimit();
 
@@ -64,9 +70,11 @@ private:
     zmq::socket_t mEvents;
     uint64_t mAccepted = 0;
     bool mIsNearLimit = false;
-    std::map<int, uint64_t> mOpen;                // by descriptor: the number of the connection
-    std::deque<std::pair<int, uint64_t>> mSilent; // descriptor and number, oldest first; or closed by now
-    int mPeers = 0;
+    TimePoint mNextWarning{};
+    std::map<int, uint64_t> mOpen; // by descriptor: the number of the connection
+    ByAge mSilent;                 // those of them that have not spoken when last looked at
+    ByAge mShaking;                // those that have not completed their handshake
+    bool mHandshakeFailed = false; // of the connection whose end is told next
 };
 
 #endif

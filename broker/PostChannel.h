@@ -57,6 +57,7 @@ public:
     void applyLimits() { Sockets::setLimits(mSocket, mLimits); }
 
     int peers() const { return mMonitor.peers(); }
+    std::size_t connections() const { return mMonitor.connections(); }
     zmq::socket_t& pollable() { return mSocket; }
     zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
 

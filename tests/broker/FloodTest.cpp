@@ -47,6 +47,9 @@ std::string handshakeOf(const std::string& type)
     return greeting + '\4' + static_cast<char>(ready.size()) + ready;
 }
 
+constexpr std::size_t greetingBytes = 64;
+constexpr std::size_t shortestHandshake = greetingBytes + 27; // as the broker sends it
+
 // A TCP connection that speaks whatever a test makes it.
 class Connection
 {
@@ -73,17 +76,29 @@ public:
     // What is sent before the peer has answered would be taken for a part of the handshake.
     bool shakeHands(const std::string& type)
     {
-        std::string answer;
-        return write(handshakeOf(type)) &&
-               eventually(
-                   [&]
-                   {
-                       std::array<char, 1000> bytes{};
-                       const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
-                       if (count > 0)
-                           answer.append(bytes.data(), static_cast<std::size_t>(count));
-                       return answer.find("Socket-Type") != std::string::npos;
-                   });
+        return write(handshakeOf(type)) && receives(shortestHandshake);
+    }
+
+    // As a publisher of an old version does.
+    bool shakeHandsOfVersion2()
+    {
+        const std::string greeting("\xff\0\0\0\0\0\0\0\1\x7f\1\1", 12);
+        const std::string identity("\0\0", 2);
+        return write(greeting) && receives(greeting.size() + identity.size()) && write(identity);
+    }
+
+    // So many bytes, since the last call.
+    bool receives(std::size_t expected)
+    {
+        std::size_t received = 0;
+        return eventually(
+            [&]
+            {
+                std::array<char, 1000> bytes{};
+                const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+                received += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+                return received >= expected;
+            });
     }
 
     // Whether the peer closes it within the deadline.
@@ -206,6 +221,17 @@ TEST_F(SmallLimits, aMessageWithoutEndIsCutOff)
     expectServing();
 }
 
+TEST(QuietBroker, aMessageWithoutEndIsCutOffThoughItsHandshakeIsNotTold)
+{
+    const BrokerProcess broker({"--heartbeat=0", "--max-message-bytes=2K", "--max-value-bytes=1K"});
+    Connection connection(postPort);
+    ASSERT_TRUE(connection.shakeHandsOfVersion2());
+    const std::string frame = std::string("\1\xff", 2) + std::string(255, 'x'); // more to come
+    for (int count = 0; count < 1000; ++count)
+        connection.write(frame);
+    EXPECT_TRUE(connection.isClosed());
+}
+
 TEST_F(SmallLimits, connectionsBeyondTheLimitAreRefusedAndTheOthersServed)
 {
     uint64_t refused = 0;
@@ -296,8 +322,62 @@ TEST_F(FloodTest, whoAsksAndReadsNothingDoesNotFillTheMemory)
     expectServing();
 }
 
-// ---------------------------------------------------------------------------------------------------
-// start-up
+// --------------------------------------------------------------------------------------- count of clients
+
+TEST_F(FloodTest, whoFailsInItsHandshakeDoesNotSpoilTheCounts)
+{
+    const std::string huge("\2\0\0\1\0\0\0\0\0", 9);
+    for (int count = 0; count < 20; ++count)
+    {
+        Connection old(postPort);
+        ASSERT_TRUE(old.shakeHandsOfVersion2());
+        old.write(huge);
+        EXPECT_TRUE(old.isClosed());
+        Connection recent(postPort);
+        ASSERT_TRUE(recent.write(handshakeOf("PUB").substr(0, greetingBytes)) &&
+                    recent.receives(shortestHandshake));
+        recent.write(huge);
+        EXPECT_TRUE(recent.isClosed());
+    }
+    RawPoster another;
+    EXPECT_EQ(statistic("clients.posts"), 2U);
+    EXPECT_EQ(statistic("clients.requests"), 1U);
+}
+
+TEST_F(FloodTest, whoNeverCompletesItsHandshakeIsNotCountedForAnother)
+{
+    Connection honest(requestPort);
+    ASSERT_TRUE(honest.write(handshakeOf("REQ").substr(0, greetingBytes)) &&
+                honest.receives(shortestHandshake));
+    {
+        Connection unfinished(requestPort);
+        ASSERT_TRUE(unfinished.write(handshakeOf("REQ").substr(0, greetingBytes) + "\4\xc8\5READY" +
+                                     std::string(60, '\0')));
+        ASSERT_TRUE(unfinished.receives(shortestHandshake));
+        ASSERT_TRUE(honest.write(handshakeOf("REQ").substr(greetingBytes)));
+        EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 2; }));
+    }
+    RawRequester later;
+    EXPECT_EQ(later.ask(valueRequest("k")), R"({"statusValue":""})");
+    EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 3; }));
+}
+
+TEST_F(SmallLimits, whoOpensAndClosesConnectionsCannotFloodTheLog)
+{
+    const uint64_t before = statistic("descriptors.open");
+    for (int round = 0; round < 20; ++round)
+    {
+        std::deque<Connection> connections;
+        for (int count = 0; count < 18; ++count)
+            connections.emplace_back(postPort);
+        ASSERT_TRUE(eventually([&] { return statistic("descriptors.open") >= before + 18; }));
+        connections.clear();
+        ASSERT_TRUE(eventually([&] { return statistic("descriptors.open") <= before; }));
+    }
+    EXPECT_EQ(linesWith("connections to the post port are in use"), 1);
+}
+
+// ------------------------------------------------------------------------------------------------- start-up
 
 TEST_F(FloodTest, whoSyncsOverAndOverKeepsNobodyFromStarting)
 {
