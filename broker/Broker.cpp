@@ -21,7 +21,6 @@ constexpr const char* postEndpoint = "tcp://127.0.0.1:5556";
 constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr const char* refusal = "{}";
-const std::string statisticsRequest = BrokerProtocol::writeGetBrokerStatistics();
 
 // So many posts, or requests, are taken before the broker looks elsewhere again.
 constexpr int batchSize = 1000;
@@ -380,13 +379,13 @@ std::optional<std::string> Broker::answer(const RequestChannel::Request& request
             return std::nullopt;
         return BrokerProtocol::syncAckWord;
     }
-    if (request.text == statisticsRequest)
-        return statistics();
     const std::optional<Command> command =
         request.text ? BrokerProtocol::readRequest(*request.text) : std::nullopt;
     if (!command)
         return refuse(request);
     ++mRequestCounts[command->key];
+    if (command->key == BrokerProtocol::Key::getBrokerStatistics)
+        return statistics();
     return mState.answer(*command).value_or(refusal);
 }
 

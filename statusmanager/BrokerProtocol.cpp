@@ -144,7 +144,7 @@ constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, readNamedNumber},
 }};
 
-constexpr std::array<Form, 7> requestForms{{
+constexpr std::array<Form, 8> requestForms{{
     {Key::getClientInfo, readText},
     {Key::getClientInfoValue, readText},
     {Key::getClientInfoValues, readList},
@@ -152,6 +152,7 @@ constexpr std::array<Form, 7> requestForms{{
     {Key::getTimerLastStarted, readText},
     {Key::getCounterValue, readText},
     {Key::incrementCounter, readText},
+    {Key::getBrokerStatistics, readText},
 }};
 
 template <std::size_t Count>

@@ -194,6 +194,16 @@ TEST(Statistics, countWhatHappens)
     EXPECT_EQ(brokerStatistic(requester, "state.commits"), 0U);
 }
 
+TEST(Statistics, areAskedForAndCountedLikeAnythingElse)
+{
+    BrokerProcess broker;
+    RawRequester requester;
+    EXPECT_NE(requester.ask(R"( { "getBrokerStatistics" : "null" } )").find("uptime.seconds"),
+              std::string::npos);
+    EXPECT_EQ(brokerStatistic(requester, "requests.getBrokerStatistics"), 2U);
+    EXPECT_EQ(brokerStatistic(requester, "malformed.requests"), 0U);
+}
+
 TEST(Statistics, stayOutOfTheDevicesValues)
 {
     BrokerProcess broker;
