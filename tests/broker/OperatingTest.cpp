@@ -93,6 +93,40 @@ TEST(Configuration, thatIsBadAtHangUpIsToldAndTheOldOneKept)
     EXPECT_EQ(valueOf(requester, "b"), reply(""));
 }
 
+TEST(LogLevel, hidesWhatIsAboveIt)
+{
+    BrokerProcess told;
+    EXPECT_EQ(told.stop(), 0);
+    EXPECT_TRUE(told.process().waitForError("Stopped"));
+    TestProcess silent({STATUSBROKER_PRODUCT, "--log-level=2"});
+    RawRequester requester;
+    valueOf(requester, "k"); // it serves
+    silent.signal(SIGTERM);
+    EXPECT_EQ(silent.waitForExit(), 0);
+    EXPECT_EQ(silent.errors(), "");
+}
+
+TEST(LogLevel, isTakenOverAtHangUp)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "conf", "log-level = 5\n");
+    BrokerProcess broker({"--config", folder / "conf"});
+    writeFile(folder / "conf", "log-level = 2\nmax-keys = 1\n");
+    broker.process().signal(SIGHUP);
+    // That they are taken over is said no more, so the limit has to tell.
+    RawPoster poster;
+    RawRequester requester;
+    int number = 0;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            poster.post(postOf(std::to_string(++number), "1"));
+            return brokerStatistic(requester, "limit.keys") != 0;
+        }));
+    EXPECT_EQ(broker.stop(), 0);
+    EXPECT_EQ(broker.process().errors().find("Stopped"), std::string::npos);
+}
+
 // ----------------------------------------------------------------------------------------------------- end
 
 TEST(End, comesWithinTwoSecondsWithEverythingApplied)
@@ -147,14 +181,28 @@ TEST(Heartbeat, comesAsOftenAsToldAndOnlyThen)
     zmq::context_t context;
     zmq::socket_t subscriber(context, zmq::socket_type::sub);
     subscriber.set(zmq::sockopt::subscribe, "");
-    subscriber.set(zmq::sockopt::rcvtimeo, 1500);
+    subscriber.set(zmq::sockopt::rcvtimeo, static_cast<int>(testDeadline.count()) * 1000);
     subscriber.connect("tcp://127.0.0.1:5557");
-    for (int count = 0; count < 3; ++count)
+    zmq::message_t message;
+    ASSERT_TRUE(subscriber.recv(message));
+    constexpr int more = 3;
+    const auto begin = std::chrono::steady_clock::now();
+    for (int count = 0; count < more; ++count)
     {
-        zmq::message_t message;
         ASSERT_TRUE(subscriber.recv(message));
         EXPECT_EQ(message.to_string(), "Sync");
     }
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    EXPECT_GT(taken, std::chrono::milliseconds(more * 1000 - 200)); // the first may have been late
+    EXPECT_LT(taken, std::chrono::milliseconds(more * 1000 + 1000));
+}
+
+TEST(Heartbeat, isOffWhenItIsZero)
+{
+    BrokerProcess broker({"--heartbeat=0"});
+    RawRequester requester;
+    EXPECT_TRUE(eventually([&] { return brokerStatistic(requester, "uptime.seconds") >= 2; }));
+    EXPECT_EQ(brokerStatistic(requester, "notifications.published"), 0U);
 }
 
 // ------------------------------------------------------------------------------------------------ statistics
@@ -224,6 +272,23 @@ TEST(Clock, isNotSetToBeforeTheProgramWasBuilt)
     RawRequester requester;
     EXPECT_EQ(brokerStatistic(requester, "refused.systemTime"), 1U);
     EXPECT_EQ(broker.process().errors().find("settimeofday("), std::string::npos);
+}
+
+TEST(Clock, thatIsSetDoesNotMoveTheTimers)
+{
+    BrokerProcess broker({"--allow-set-time"});
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(R"({"startTimer":"before"})");
+    poster.post(R"({"updateSystemTime":4000000000})");
+    poster.post(R"({"startTimer":"after"})");
+    constexpr uint64_t second = 1000000;
+    EXPECT_GE(std::stoull(requester.ask(R"({"getTimerLastStarted":"after"})")), 4000000000 * second)
+        << "it is set";
+    EXPECT_LT(std::stoull(requester.ask(R"({"getTimerElapsed":"before"})")), 100 * second);
+    poster.post(R"({"updateSystemTime":3000000000})");
+    EXPECT_TRUE(eventually([&] { return std::stoull(requester.ask(R"({"getTimerElapsed":"after"})")) > 0; }));
+    EXPECT_LT(std::stoull(requester.ask(R"({"getTimerElapsed":"after"})")), 100 * second);
 }
 
 // ---------------------------------------------------------------------------------------------- descriptors
