@@ -78,12 +78,21 @@ void closeToOthers(const std::string& path)
         OV_LOG(2, "State file [%s] stays open to others: %s", path.c_str(), strerror(errno));
 }
 
+std::string readBootId()
+{
+    std::string id;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+    return id;
+}
+
 } // namespace
 
 BootMoment BootMoment::now()
 {
+    // Once: with no descriptor left, a later moment would be one of an unknown boot.
+    static const std::string bootId = readBootId();
     BootMoment moment;
-    std::ifstream("/proc/sys/kernel/random/boot_id") >> moment.bootId;
+    moment.bootId = bootId;
     const auto time = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
     moment.microseconds = static_cast<uint64_t>(time.count());
     return moment;
@@ -107,6 +116,9 @@ SavedState StateFile::load(const BootMoment& now)
 {
     Database::Contents contents = open();
     mMissed = !mDatabase;
+    if (now.bootId.empty())
+        OV_LOG(2,
+               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
     SavedState state = std::move(contents.state);
     for (auto& [name, timer] : state.timers)
     {

@@ -213,12 +213,22 @@ TEST_F(StateFileTest, aTimerStartedAfterTheLastMomentIsStoppedWithoutATake)
 
 TEST_F(StateFileTest, noTimerGoesOnWhenTheBootIsNotKnown)
 {
+    const LogCapture log;
     {
         StateFile file(path, StateSync::Normal, {});
         file.load({"", 1000000});
         file.commit(withTimer(900000), {"", 1000000});
     }
     EXPECT_EQ(load({"", 2000000}).timers.at("t").spanStart, 0U);
+}
+
+TEST_F(StateFileTest, itIsToldThatTheBootIsNotKnown)
+{
+    const LogCapture log;
+    load({"", 1000000});
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 2);
+    EXPECT_NE(log.lines()[0].text.find("id of this boot is unknown"), std::string::npos);
 }
 
 TEST_F(StateFileTest, onlyMatchingNamesAreKept)
@@ -781,4 +791,28 @@ TEST(BootMomentTest, isThatOfTheKernelAndGoesOn)
     EXPECT_EQ(first.bootId, second.bootId);
     EXPECT_GT(first.microseconds, 0U);
     EXPECT_GE(second.microseconds, first.microseconds);
+}
+
+namespace
+{
+
+// Runs in a process of its own, which can open nothing any more.
+bool knowsTheBootWithoutDescriptors()
+{
+    const std::string bootId = BootMoment::now().bootId;
+    const rlimit none{0, 0};
+    setrlimit(RLIMIT_NOFILE, &none);
+    return !bootId.empty() && BootMoment::now().bootId == bootId;
+}
+
+} // namespace
+
+TEST(BootMomentTest, staysKnownWhenDescriptorsRunOut)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(knowsTheBootWithoutDescriptors() ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
 }
