@@ -82,7 +82,8 @@ Broker::Broker(const Options& options)
 {
     if (!mOptions.stateFile.empty())
     {
-        mStateFile.emplace(mOptions.stateFile, mOptions.stateSync, mOptions.stateKeys);
+        mStateFile.emplace(mOptions.stateFile, mOptions.stateSync, mOptions.stateKeys,
+                           [this] { return mState.everything(); });
         mState.restore(mStateFile->load());
     }
     // Who was connected to an earlier broker may have missed the last of what it kept.

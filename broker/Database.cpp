@@ -53,28 +53,58 @@ private:
     mode_t mBefore;
 };
 
-sqlite3* openFile(const std::string& path)
+// A link in place of the file is refused; one on the way to it, such as /var/run, is not.
+std::string direct(const std::string& path)
 {
-    sqlite3* database = nullptr;
-    const PrivateFiles restricted;
-    const int flags =
-        SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE;
-    // A link in place of the file is refused; one on the way to it, such as /var/run, is not.
     std::error_code ignored;
     const std::filesystem::path given(path);
     const auto folder =
         std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", ignored);
-    const std::string direct = ignored ? path : (folder / given.filename()).string();
-    sqlite3_open_v2(direct.c_str(), &database, flags, nullptr);
+    return ignored ? path : (folder / given.filename()).string();
+}
+
+sqlite3* openFile(const std::string& name, int flags, const char* fileSystem = nullptr)
+{
+    sqlite3* database = nullptr;
+    const PrivateFiles restricted;
+    sqlite3_open_v2(name.c_str(), &database, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE,
+                    fileSystem);
     return database;
+}
+
+// As a URI, which can tell SQLite that nobody writes the file.
+std::string immutable(const std::string& path)
+{
+    constexpr std::string_view digits = "0123456789ABCDEF";
+    std::string uri = "file:";
+    for (const char character : path)
+    {
+        const auto byte = static_cast<unsigned char>(character);
+        if (character == '/')
+            uri += character;
+        else
+            (uri += '%').append({digits[byte / 16U], digits[byte % 16U]});
+    }
+    return uri + "?immutable=1";
+}
+
+// Where nothing can be written, nobody else writes either, and no lock can be had.
+sqlite3* openUnwritable(const std::string& path)
+{
+    std::error_code ignored;
+    if (std::filesystem::exists(path + "-wal", ignored))
+        return openFile(path, SQLITE_OPEN_READONLY, "unix-none");
+    return openFile(immutable(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
 }
 
 } // namespace
 
-Database::Database(const std::string& path, StateSync sync) : mDatabase(openFile(path))
+Database::Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience)
+    : mDatabase(openFile(direct(path), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE))
 {
     if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
         fail("open");
+    sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
     foldInOnClose(false); // what cannot be read is left as it is
     setUp(sync);
     foldInOnClose(true);
@@ -98,25 +128,36 @@ void Database::setUp(StateSync sync)
     execute("PRAGMA locking_mode = EXCLUSIVE");
     execute(synchronous(sync));
     const PrivateFiles restricted; // this makes the file
-    const uint64_t tables = numberOf("SELECT count(*) FROM sqlite_master");
-    const uint64_t id = numberOf("PRAGMA application_id");
-    const uint64_t version = numberOf("PRAGMA user_version");
-    const bool isEmpty = tables == 0 && id == 0 && version == 0;
-    if (!isEmpty && (id != applicationId || version != layoutVersion))
-    {
-        throw DatabaseError(id != applicationId ? "not a state file of this program"
-                                                : "of version " + std::to_string(version),
-                            true);
-    }
+    const bool isEmpty = isNew();
     execute("PRAGMA journal_mode = WAL");
     if (isEmpty)
         execute(createTables);
+    checkTables();
+    checkIntegrity();
+}
+
+// False if it is a state file.
+bool Database::isNew()
+{
+    const uint64_t tables = numberOf("SELECT count(*) FROM sqlite_master");
+    const uint64_t id = numberOf("PRAGMA application_id");
+    const uint64_t version = numberOf("PRAGMA user_version");
+    if (tables == 0 && id == 0 && version == 0)
+        return true;
+    if (id != applicationId)
+        throw DatabaseError("not a state file of this program", DatabaseError::Kind::Unreadable);
+    if (version != layoutVersion)
+        throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
+    return false;
+}
+
+void Database::checkTables()
+{
     constexpr uint64_t tablesWithKey = 4;
     if (numberOf("SELECT count(*) FROM pragma_table_list AS t WHERE schema = 'main' AND type = 'table' AND"
                  " name IN ('value', 'timer', 'counter', 'moment') AND"
                  " (SELECT count(*) FROM pragma_table_info(t.name) WHERE pk > 0) = 1") != tablesWithKey)
-        throw DatabaseError("tables are missing, or are others", true);
-    checkIntegrity();
+        throw DatabaseError("tables are missing, or are others", DatabaseError::Kind::Unreadable);
 }
 
 void Database::checkIntegrity()
@@ -126,7 +167,7 @@ void Database::checkIntegrity()
         fail("check");
     const std::string result = bytesOf(check.get(), 0);
     if (result != "ok")
-        throw DatabaseError(result, true);
+        throw DatabaseError(result, DatabaseError::Kind::Unreadable);
 }
 
 // ---------------------------------------------------------------------------------------------------- read
@@ -134,6 +175,42 @@ void Database::checkIntegrity()
 Database::Contents Database::read()
 {
     foldInOnClose(false);
+    Contents contents = readRows();
+    foldInOnClose(true);
+    return contents;
+}
+
+Database::Contents Database::readOnly(const std::string& path)
+{
+    const std::string name = direct(path);
+    try
+    {
+        return Database(openFile(name, SQLITE_OPEN_READONLY)).readUnwritable();
+    }
+    catch (const DatabaseError& error)
+    {
+        if (error.isUnreadable() || error.isLocked())
+            throw;
+    }
+    Database database(openUnwritable(name));
+    database.execute("PRAGMA locking_mode = EXCLUSIVE"); // needs no file of shared memory
+    return database.readUnwritable();
+}
+
+Database::Contents Database::readUnwritable()
+{
+    if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
+        fail("open");
+    foldInOnClose(false);
+    if (isNew())
+        return {};
+    checkTables();
+    checkIntegrity();
+    return readRows();
+}
+
+Database::Contents Database::readRows()
+{
     Contents contents;
     const auto forEachRow = [this](const char* sql, auto take)
     {
@@ -165,7 +242,6 @@ Database::Contents Database::read()
                    contents.bootId = bytesOf(row, 0);
                    contents.microseconds = numberOf(row, 1, mostNumber);
                });
-    foldInOnClose(true);
     return contents;
 }
 
@@ -173,7 +249,7 @@ std::string Database::bytesOf(sqlite3_stmt* statement, int column) const
 {
     const int type = sqlite3_column_type(statement, column);
     if (type != SQLITE_BLOB && type != SQLITE_TEXT)
-        throw DatabaseError("a row holds no text", true);
+        throw DatabaseError("a row holds no text", DatabaseError::Kind::Unreadable);
     const void* bytes = sqlite3_column_blob(statement, column); // null if empty
     const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
     return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), size);
@@ -184,7 +260,7 @@ uint64_t Database::numberOf(sqlite3_stmt* statement, int column, uint64_t most) 
     const sqlite3_int64 number = sqlite3_column_int64(statement, column);
     if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < 0 ||
         static_cast<uint64_t>(number) > most)
-        throw DatabaseError("a row holds no sensible number", true);
+        throw DatabaseError("a row holds no sensible number", DatabaseError::Kind::Unreadable);
     return static_cast<uint64_t>(number);
 }
 
@@ -281,7 +357,14 @@ void Database::execute(const char* sql)
 void Database::fail(const std::string& doing) const
 {
     const int code = mDatabase ? sqlite3_errcode(mDatabase.get()) & 0xFF : SQLITE_NOMEM;
-    const std::string text = mDatabase ? sqlite3_errmsg(mDatabase.get()) : sqlite3_errstr(code);
     const bool unreadable = code == SQLITE_CORRUPT || code == SQLITE_NOTADB || code == SQLITE_ERROR;
-    throw DatabaseError("cannot " + doing + ": " + text, unreadable);
+    if (unreadable)
+        throw DatabaseError("cannot " + doing + ": " + sqlite3_errmsg(mDatabase.get()),
+                            DatabaseError::Kind::Unreadable);
+    if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
+        throw DatabaseError("locked by another program", DatabaseError::Kind::Locked);
+    if (mDatabase && sqlite3_db_readonly(mDatabase.get(), "main") == 1)
+        throw DatabaseError("it can only be read", DatabaseError::Kind::Other);
+    const std::string text = mDatabase ? sqlite3_errmsg(mDatabase.get()) : sqlite3_errstr(code);
+    throw DatabaseError("cannot " + doing + ": " + text, DatabaseError::Kind::Other);
 }

@@ -1,6 +1,7 @@
 #ifndef BROKER_DATABASE_H
 #define BROKER_DATABASE_H
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <sqlite3.h>
@@ -14,23 +15,28 @@
 class DatabaseError : public std::runtime_error
 {
 public:
-    /// @param unreadable the file is there, but is not what it should be: no use in trying again
-    DatabaseError(const std::string& what, bool unreadable)
-        : std::runtime_error(what), mUnreadable(unreadable)
+    enum class Kind
     {
-    }
+        Unreadable, ///< the file is there, but is not what it should be: no use in trying again
+        Locked,     ///< by somebody else
+        Other,
+    };
 
-    bool isUnreadable() const { return mUnreadable; }
+    DatabaseError(const std::string& what, Kind kind) : std::runtime_error(what), mKind(kind) {}
+
+    bool isUnreadable() const { return mKind == Kind::Unreadable; }
+    bool isLocked() const { return mKind == Kind::Locked; }
 
 private:
-    bool mUnreadable;
+    Kind mKind;
 };
 
 class Database
 {
 public:
     /// Opens the file, or makes it.
-    Database(const std::string& path, StateSync sync);
+    /// @param patience how long it is waited for somebody else who has locked it
+    Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience);
     ~Database();
 
     Database(const Database&) = delete;
@@ -45,8 +51,14 @@ public:
 
     Contents read();
 
+    /// What a file holds that cannot be had for writing: others read it, or the storage can only be read.
+    static Contents readOnly(const std::string& path);
+
     /// Writes all or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
+
+    /// Leaves the file and the log beside it as they are when it is closed.
+    void leaveAsItIs() { foldInOnClose(false); }
 
 private:
     struct Closer
@@ -59,6 +71,9 @@ private:
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
+    explicit Database(sqlite3* opened) : mDatabase(opened) {}
+    Contents readUnwritable();
+    Contents readRows();
     [[noreturn]] void fail(const std::string& doing) const;
     void execute(const char* sql);
     Statement prepare(const char* sql);
@@ -68,6 +83,8 @@ private:
     uint64_t numberOf(const char* pragma);
     void foldInOnClose(bool does);
     void setUp(StateSync sync);
+    bool isNew();
+    void checkTables();
     void checkIntegrity();
     void writeRows(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
     std::string bytesOf(sqlite3_stmt* statement, int column) const;

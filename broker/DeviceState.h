@@ -27,6 +27,9 @@ public:
     /// What has changed since the last call, if changes are noted.
     SavedState takeChanges();
 
+    /// All it holds.
+    SavedState everything() const { return {allValues(), mTimers, mCounters}; }
+
     /// Applies a post (any but updateSystemTime) and returns the notification to publish for it, if any: a
     /// post that changes no value publishes nothing.
     std::optional<std::string> apply(const BrokerProtocol::Command& post);

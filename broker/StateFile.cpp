@@ -16,6 +16,9 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
+// Long enough for somebody who looks into the file, short enough for a device that starts.
+constexpr std::chrono::milliseconds startPatience{1500};
+
 template <typename Map, typename Keeps>
 void keepOnly(Map& map, const Keeps& keeps)
 {
@@ -98,8 +101,9 @@ BootMoment BootMoment::now()
     return moment;
 }
 
-StateFile::StateFile(std::string path, StateSync sync, std::vector<std::string> keys)
-    : mPath(std::move(path)), mSync(sync), mKeys(std::move(keys))
+StateFile::StateFile(std::string path, StateSync sync, std::vector<std::string> keys,
+                     std::function<SavedState()> everything)
+    : mPath(std::move(path)), mSync(sync), mKeys(std::move(keys)), mEverything(std::move(everything))
 {
 }
 
@@ -114,8 +118,8 @@ bool StateFile::isKept(const std::string& name) const
 
 SavedState StateFile::load(const BootMoment& now)
 {
-    Database::Contents contents = open();
-    mMissed = !mDatabase;
+    Database::Contents contents = open(startPatience);
+    mMissed = !mDatabase && !readOnly(contents);
     if (now.bootId.empty())
         OV_LOG(2,
                "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
@@ -135,10 +139,7 @@ SavedState StateFile::load(const BootMoment& now)
 
 void StateFile::commit(const SavedState& changes, const BootMoment& now)
 {
-    const auto keeps = [this](const std::string& name) { return isKept(name); };
-    merge(changes.values, mPending.values, keeps);
-    merge(changes.timers, mPending.timers, keeps);
-    merge(changes.counters, mPending.counters, keeps);
+    remember(changes);
     if (mPending.empty() && !changes.empty())
         return; // nothing of it is kept
     // One that fails is not tried again with every change.
@@ -146,37 +147,50 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
         return;
     if (!mDatabase)
         reopen();
-    if (mDatabase)
-        write(now);
+    write(now);
+}
+
+void StateFile::remember(const SavedState& changes)
+{
+    const auto keeps = [this](const std::string& name) { return isKept(name); };
+    merge(changes.values, mPending.values, keeps);
+    merge(changes.timers, mPending.timers, keeps);
+    merge(changes.counters, mPending.counters, keeps);
 }
 
 void StateFile::write(const BootMoment& now)
 {
-    try
+    constexpr int attempts = 2; // the second one into a new file
+    for (int attempt = 1; mDatabase && attempt <= attempts; ++attempt)
     {
-        mDatabase->write(mPending, now.bootId, now.microseconds);
+        try
+        {
+            mDatabase->write(mPending, now.bootId, now.microseconds);
+            mPending = SavedState();
+            ++mCommits;
+            return succeeded();
+        }
+        catch (const DatabaseError& error)
+        {
+            const bool replaceable = error.isUnreadable() && Clock::now() >= mNextReplacement;
+            if (!replaceable)
+                return failed(error.what());
+            replace(error.what());
+        }
     }
-    catch (const DatabaseError& error)
-    {
-        failed(error.what());
-        return;
-    }
-    mPending = SavedState();
-    ++mCommits;
-    succeeded();
 }
 
 // ------------------------------------------------------------------------------------------------ the file
 
 // What the file holds: nothing if it is new. Without a database afterwards if it cannot be had now.
-Database::Contents StateFile::open()
+Database::Contents StateFile::open(std::chrono::milliseconds patience)
 {
     constexpr int attempts = 2; // the second one after the unreadable file has been moved aside
     for (int attempt = 1; attempt <= attempts; ++attempt)
     {
         try
         {
-            auto database = std::make_unique<Database>(mPath, mSync);
+            auto database = std::make_unique<Database>(mPath, mSync, patience);
             Database::Contents contents = database->read();
             mDatabase = std::move(database);
             closeToOthers(mPath);
@@ -195,16 +209,49 @@ Database::Contents StateFile::open()
     return {};
 }
 
-// Tries again. If the file could not be had when it was to be loaded, what it holds is not mixed with what
+// False if that cannot be done either.
+bool StateFile::readOnly(Database::Contents& contents) const
+{
+    try
+    {
+        contents = Database::readOnly(mPath);
+        return true;
+    }
+    catch (const DatabaseError&)
+    {
+        return false; // that it cannot be had has been told
+    }
+}
+
+// Tries again. If the file could not be read when it was to be loaded, what it holds is not mixed with what
 // has been begun without it.
 void StateFile::reopen()
 {
-    const Database::Contents contents = open();
-    if (!mDatabase || !mMissed || contents.state.empty())
+    constexpr std::chrono::milliseconds none{0}; // the broker is serving
+    const Database::Contents contents = open(none);
+    if (mDatabase && mMissed && !contents.state.empty())
+    {
+        mDatabase.reset();
+        if (moveAside("not in time: the broker has begun without it"))
+            open(none);
+    }
+    if (!mDatabase)
         return;
+    mMissed = false;
+    remember(mEverything()); // it may be a new one, or have been written by others meanwhile
+}
+
+// The file that is open has turned out to be unreadable.
+void StateFile::replace(const std::string& reason)
+{
+    // A storage that damages all that is written to it is not filled with what is moved aside.
+    constexpr std::chrono::hours pause{1};
+    mNextReplacement = Clock::now() + pause;
+    ++mErrors;
+    mDatabase->leaveAsItIs();
     mDatabase.reset();
-    if (moveAside("not in time: the broker has begun without it"))
-        open();
+    if (moveAside(reason))
+        reopen();
 }
 
 // False if that cannot be done.

@@ -4,13 +4,16 @@
 #include <atomic>
 #include <climits>
 #include <csignal>
+#include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <optional>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "tests/support/LogCapture.h"
@@ -582,6 +585,266 @@ TEST_F(StateFileTest, damageThatNoRowShowsIsMovedAside)
     constexpr std::size_t unusedPages = 39; // the last byte of their number, in the header
     writeFile(path, readFile(path).replace(unusedPages, 1, 1, 7));
     expectMovedAside();
+}
+
+// ------------------------------------------------------------------------------- what can only be read
+
+namespace
+{
+
+using OpenCall = int (*)(const char*, int, int);
+OpenCall plainOpen = nullptr;
+
+int openForReading(const char* path, int flags, int mode)
+{
+    if ((flags & O_ACCMODE) == O_RDONLY && (flags & O_CREAT) == 0)
+        return plainOpen(path, flags, mode);
+    errno = EROFS;
+    return -1;
+}
+
+// While it lives, SQLite can open and make no file for writing.
+class ReadOnlyStorage
+{
+public:
+    ReadOnlyStorage()
+    {
+        plainOpen = reinterpret_cast<OpenCall>(mSystem->xGetSystemCall(mSystem, "open"));
+        mSystem->xSetSystemCall(mSystem, "open", reinterpret_cast<sqlite3_syscall_ptr>(openForReading));
+    }
+    ~ReadOnlyStorage() { mSystem->xSetSystemCall(mSystem, "open", nullptr); }
+
+    ReadOnlyStorage(const ReadOnlyStorage&) = delete;
+    ReadOnlyStorage& operator=(const ReadOnlyStorage&) = delete;
+
+private:
+    sqlite3_vfs* mSystem = sqlite3_vfs_find(nullptr);
+};
+
+// Somebody who is in the middle of reading the file, as a shell of SQLite may be.
+class Reader
+{
+public:
+    explicit Reader(const std::string& path)
+    {
+        EXPECT_EQ(sqlite3_open(path.c_str(), &mDatabase), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(mDatabase, "BEGIN; SELECT * FROM value", nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(mDatabase);
+    }
+    ~Reader() { sqlite3_close(mDatabase); }
+
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+private:
+    sqlite3* mDatabase = nullptr;
+};
+
+bool isCommittedInTheEnd(StateFile& file)
+{
+    return eventually(
+        [&]
+        {
+            file.commit({}, thisBoot);
+            return file.commits() == 1;
+        });
+}
+
+} // namespace
+
+TEST_F(StateFileTest, whatCanOnlyBeReadIsLoadedAndToldOnce)
+{
+    commit(stateOf({{"a", "1"}}));
+    const std::string before = readFile(path);
+    const ReadOnlyStorage storage;
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}}));
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 0U);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 0);
+    EXPECT_NE(log.lines()[0].text.find("it can only be read"), std::string::npos);
+    EXPECT_TRUE(readFile(path) == before);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 1);
+}
+
+TEST_F(StateFileTest, theLogBesideAFileThatCanOnlyBeReadIsLoadedToo)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const std::string killed = folder / "killed";
+    {
+        StateFile file(path, StateSync::Normal, {});
+        file.load(thisBoot);
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        copyAsKilled(path, killed);
+    }
+    path = killed;
+    const std::string log = readFile(path + "-wal");
+    {
+        const ReadOnlyStorage storage;
+        const LogCapture lines;
+        EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+    }
+    EXPECT_TRUE(readFile(path + "-wal") == log);
+    EXPECT_FALSE(std::filesystem::exists(path + "-shm"));
+}
+
+TEST_F(StateFileTest, aNameThatMeansSomethingInAUriIsLoadedFromStorageThatCanOnlyBeRead)
+{
+    path = folder / "a?mode=memory&b#%41 \xc3\xa4";
+    commit(stateOf({{"a", "1"}}));
+    const ReadOnlyStorage storage;
+    const LogCapture log;
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+}
+
+TEST_F(StateFileTest, whatCouldOnlyBeReadIsAddedToWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        std::optional<ReadOnlyStorage> storage(std::in_place);
+        StateFile file(path, StateSync::Normal, {});
+        file.load(thisBoot);
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        storage.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileTest, allOfItIsWrittenIfTheFileIsGoneWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        std::optional<ReadOnlyStorage> storage(std::in_place);
+        const SavedState everything = stateOf({{"a", "1"}, {"b", "1"}});
+        StateFile file(path, StateSync::Normal, {}, [&] { return everything; });
+        file.load(thisBoot);
+        std::filesystem::remove(path);
+        storage.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileTest, damageThatCanOnlyBeReadIsMovedAsideWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "UPDATE value SET text = 5");
+    const std::string before = readFile(path);
+    const LogCapture log;
+    std::optional<ReadOnlyStorage> storage(std::in_place);
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_TRUE(file.load(thisBoot).empty());
+    storage.reset();
+    EXPECT_TRUE(isCommittedInTheEnd(file));
+    EXPECT_TRUE(readFile(path + ".bad") == before);
+}
+
+TEST_F(StateFileTest, somebodyWhoReadsItForAMomentIsWaitedFor)
+{
+    commit(stateOf({{"a", "1"}}));
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    auto reader = std::make_unique<Reader>(path);
+    Gate never;
+    std::thread leaving(
+        [&]
+        {
+            never.wait(std::chrono::milliseconds(200));
+            reader.reset();
+        });
+    EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}}));
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 1U);
+    EXPECT_TRUE(log.lines().empty());
+    leaving.join();
+}
+
+TEST_F(StateFileTest, whatSomebodyReadsAllTheTimeIsLoadedAndWrittenLater)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        auto reader = std::make_unique<Reader>(path);
+        StateFile file(path, StateSync::Normal, {});
+        EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}, {"b", "1"}}));
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        EXPECT_EQ(file.commits(), 0U);
+        reader.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+
+// ------------------------------------------------------------------------------- damaged while it is used
+
+namespace
+{
+
+// More than SQLite keeps in memory.
+SavedState longValues(char character)
+{
+    SavedState state;
+    for (int key = 0; key < 100; ++key)
+        state.values["key" + std::to_string(key)] = std::string(50000, character);
+    return state;
+}
+
+void damage(const std::string& path)
+{
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file << std::string(std::filesystem::file_size(path), 'Z');
+}
+
+} // namespace
+
+TEST_F(StateFileTest, damageWhileItIsUsedIsMovedAsideAndEverythingWrittenToANewFile)
+{
+    commit(longValues('a'));
+    SavedState everything = longValues('a');
+    const LogCapture log;
+    std::string damaged;
+    {
+        StateFile file(path, StateSync::Normal, {}, [&] { return everything; });
+        file.load(thisBoot);
+        damage(path);
+        damaged = readFile(path);
+        everything.values["key50"] = "changed";
+        file.commit(stateOf({{"key50", "changed"}}), thisBoot);
+        EXPECT_EQ(file.commits(), 1U);
+        EXPECT_EQ(file.errors(), 1U);
+    }
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 0);
+    EXPECT_TRUE(readFile(path + ".bad") == damaged);
+    EXPECT_TRUE(load().values == everything.values);
+}
+
+TEST_F(StateFileTest, damageOverAndOverIsMovedAsideOnlyOnce)
+{
+    commit(longValues('a'));
+    const SavedState everything = longValues('a');
+    const LogCapture log;
+    {
+        StateFile file(path, StateSync::Normal, {}, [&] { return everything; });
+        file.load(thisBoot);
+        damage(path);
+        file.commit(longValues('b'), thisBoot);
+        ASSERT_TRUE(std::filesystem::exists(path + ".bad"));
+        for (int count = 0; count < 10 && file.errors() < 2; ++count)
+        {
+            damage(path);
+            file.commit(longValues('c'), thisBoot);
+        }
+        EXPECT_EQ(file.errors(), 2U);
+    }
+    EXPECT_FALSE(std::filesystem::exists(path + ".bad.1"));
 }
 
 // ----------------------------------------------------------------------------- where nothing can be done
