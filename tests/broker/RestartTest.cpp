@@ -173,12 +173,6 @@ TEST_F(RestartTest, aListenerIsToldOfWhatWasKeptAndNotPublished)
     thread.stop();
 }
 
-TEST_F(RestartTest, withoutAStateFileNothingIsWritten)
-{
-    BrokerProcess plain;
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 0);
-}
-
 TEST_F(RestartTest, aStateFileThatCannotBeReadDoesNotKeepItFromServing)
 {
     writeFile(folder / "state", "nonsense");

@@ -1,0 +1,209 @@
+// What a broker writes to its state file, and when.
+
+#include <cstdlib>
+#include <gtest/gtest.h>
+#include <memory>
+#include <set>
+#include <unistd.h>
+
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/RawClient.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace
+{
+
+// How long what must not come is waited for.
+constexpr std::chrono::milliseconds quiet{300};
+
+constexpr const char* heldFile = "ANNOUNCED_SYNC"; // see AnnouncedSync.cpp
+
+std::string postOf(const std::string& key, const std::string& value)
+{
+    return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
+}
+
+std::string valueOf(RawRequester& requester, const std::string& key)
+{
+    return requester.ask(R"({"getClientInfoValue":")" + key + "\"}");
+}
+
+std::string reply(const std::string& value)
+{
+    return R"({"statusValue":")" + value + "\"}";
+}
+
+// The regular files that a process has open.
+std::set<std::string> filesOf(pid_t process)
+{
+    std::set<std::string> files;
+    const std::string descriptors = "/proc/" + std::to_string(process) + "/fd";
+    for (const auto& descriptor : std::filesystem::directory_iterator(descriptors))
+    {
+        std::error_code gone; // the one by which the folder is read
+        if (std::filesystem::is_regular_file(descriptor, gone))
+            files.insert(std::filesystem::read_symlink(descriptor));
+    }
+    return files;
+}
+
+class KeepingTest : public testing::Test
+{
+protected:
+    KeepingTest() { setenv(heldFile, hold.c_str(), 1); }
+    ~KeepingTest() override { unsetenv(heldFile); }
+
+    // Whoever is started before is gone first.
+    void start(std::vector<std::string> options = {})
+    {
+        broker.reset();
+        options.insert(options.begin(), {"--state", folder / "state"});
+        broker = std::make_unique<BrokerProcess>(options);
+    }
+
+    void holdTheStorage() { writeFile(hold, ""); }
+    void releaseTheStorage() { std::filesystem::remove(hold); }
+
+    bool isHeld() { return broker->process().waitForError("sync is held"); }
+
+    // How often it has waited for the storage.
+    int syncs()
+    {
+        const std::string line = "sync\n";
+        const std::string text = broker->process().errors();
+        int count = 0;
+        for (std::size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
+            ++count;
+        return count;
+    }
+
+    // How often it waits for the storage for a change, and for the end.
+    std::pair<int, int> syncsOfAChangeAndTheEnd()
+    {
+        RawPoster poster;
+        RawRequester requester;
+        const int before = syncs();
+        poster.post(postOf("k", "1"));
+        EXPECT_EQ(valueOf(requester, "k"), reply("1"));
+        const int changed = syncs();
+        EXPECT_EQ(broker->stop(), 0);
+        return {changed - before, syncs() - changed};
+    }
+
+    TemporaryFolder folder;
+    const std::string hold = folder / "hold";
+    std::unique_ptr<BrokerProcess> broker;
+};
+
+} // namespace
+
+TEST_F(KeepingTest, nothingIsPublishedBeforeItIsKept)
+{
+    start({"--state-sync=full"});
+    RawPoster poster;
+    RawSubscriber subscriber(poster);
+    holdTheStorage();
+    poster.post(postOf("k", "1"));
+    ASSERT_TRUE(isHeld());
+    EXPECT_EQ(subscriber.receiveText(quiet), "");
+    releaseTheStorage();
+    EXPECT_EQ(subscriber.receiveText(), R"({"statusUpdate":{"k":"1"}})");
+}
+
+TEST_F(KeepingTest, noRequestIsAnsweredBeforeWhatItChangesIsKept)
+{
+    start({"--state-sync=full"});
+    RawRequester requester;
+    EXPECT_EQ(valueOf(requester, "k"), reply("")); // connected
+    holdTheStorage();
+    requester.send({R"({"incrementCounter":"c"})"});
+    ASSERT_TRUE(isHeld());
+    EXPECT_FALSE(requester.receive(quiet));
+    releaseTheStorage();
+    EXPECT_TRUE(requester.receive());
+}
+
+TEST_F(KeepingTest, withSyncOffItNeverWaitsForTheStorage)
+{
+    start({"--state-sync=off"});
+    syncsOfAChangeAndTheEnd();
+    EXPECT_EQ(syncs(), 0);
+}
+
+TEST_F(KeepingTest, withSyncNormalItWaitsForTheStorageAtTheEnd)
+{
+    start({"--state-sync=normal"});
+    const auto [change, end] = syncsOfAChangeAndTheEnd();
+    EXPECT_EQ(change, 0);
+    EXPECT_GT(end, 0);
+}
+
+TEST_F(KeepingTest, withSyncFullItWaitsForTheStorageWithEachChange)
+{
+    start({"--state-sync=full"});
+    EXPECT_GT(syncsOfAChangeAndTheEnd().first, 0);
+}
+
+TEST_F(KeepingTest, onlyTheNamesThatAreToldAreKept)
+{
+    const std::vector<std::string> keys{"--state-keys=net.*", "--state-keys=disk"};
+    start(keys);
+    RawPoster poster;
+    poster.post(R"({"postStatus":{"net.a":"1","disk":"1","other":"1"}})");
+    EXPECT_EQ(RawRequester().ask(R"({"getClientInfo":"null"})"), R"({"disk":"1","net.a":"1","other":"1"})");
+    broker->stop();
+    start();
+    EXPECT_EQ(RawRequester().ask(R"({"getClientInfo":"null"})"), R"({"disk":"1","net.a":"1"})");
+}
+
+TEST_F(KeepingTest, withoutAStateFileNothingIsWritten)
+{
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(folder / ""); // the broker's, too
+    broker = std::make_unique<BrokerProcess>();
+    std::filesystem::current_path(before);
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(postOf("k", "1"));
+    poster.post(R"({"startTimer":"t"})");
+    EXPECT_EQ(valueOf(requester, "k"), reply("1"));
+    EXPECT_FALSE(requester.ask(R"({"incrementCounter":"c"})").empty());
+
+    const std::set<std::string> inherited = filesOf(getpid());
+    for (const std::string& file : filesOf(broker->process().pid()))
+        EXPECT_EQ(inherited.count(file), 1U) << file;
+    EXPECT_EQ(brokerStatistic(requester, "state.commits"), 0U);
+    EXPECT_EQ(broker->stop(), 0);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 0);
+}
+
+TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
+{
+    start();
+    RawPoster poster;
+    const std::string longValue(50000, 'x'); // 60 of them are more than SQLite keeps in memory
+    for (int key = 0; key < 60; ++key)
+        poster.post(postOf("k" + std::to_string(key), longValue));
+    poster.post(R"({"setCounterValue":{"c":5}})");
+    RawRequester requester;
+    ASSERT_EQ(valueOf(requester, "k59"), reply(longValue));
+    EXPECT_EQ(broker->stop(), 0);
+
+    start();
+    const std::string file = folder / "state";
+    writeFile(file, std::string(std::filesystem::file_size(file), 'Z'));
+    RawPoster another;
+    for (int key = 0; key < 30; ++key)
+        another.post(postOf("k" + std::to_string(key), "new"));
+    RawRequester asking;
+    EXPECT_EQ(valueOf(asking, "k29"), reply("new"));
+    EXPECT_TRUE(broker->process().waitForError("moved to"));
+    broker->process().signal(SIGKILL);
+    broker->process().waitForExit();
+
+    start();
+    RawRequester afterwards;
+    EXPECT_EQ(valueOf(afterwards, "k0"), reply("new"));
+    EXPECT_EQ(valueOf(afterwards, "k59"), reply(longValue));
+    EXPECT_EQ(afterwards.ask(R"({"getCounterValue":"c"})"), "5");
+}
