@@ -105,7 +105,7 @@ TEST_F(KeepingTest, nothingIsPublishedBeforeItIsKept)
     holdTheStorage();
     poster.post(postOf("k", "1"));
     ASSERT_TRUE(isHeld());
-    EXPECT_EQ(subscriber.receiveText(quiet), "");
+    ASSERT_EQ(subscriber.receiveText(quiet), "");
     releaseTheStorage();
     EXPECT_EQ(subscriber.receiveText(), R"({"statusUpdate":{"k":"1"}})");
 }
@@ -118,7 +118,7 @@ TEST_F(KeepingTest, noRequestIsAnsweredBeforeWhatItChangesIsKept)
     holdTheStorage();
     requester.send({R"({"incrementCounter":"c"})"});
     ASSERT_TRUE(isHeld());
-    EXPECT_FALSE(requester.receive(quiet));
+    ASSERT_FALSE(requester.receive(quiet));
     releaseTheStorage();
     EXPECT_TRUE(requester.receive());
 }

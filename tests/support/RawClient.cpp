@@ -1,5 +1,6 @@
 #include "tests/support/RawClient.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <stdexcept>
 
@@ -117,10 +118,14 @@ RawSubscriber::RawSubscriber(RawPoster& poster) : mSocket(context(), zmq::socket
 
 std::optional<std::vector<std::string>> RawSubscriber::receive(std::chrono::milliseconds deadline)
 {
+    using std::chrono::milliseconds;
+    const auto end = std::chrono::steady_clock::now() + deadline;
     std::optional<std::vector<std::string>> frames;
     do
-        frames = receiveFrames(mSocket, deadline);
-    while (joined(frames) == "Sync");
+    {
+        const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
+        frames = receiveFrames(mSocket, std::max(milliseconds(0), left));
+    } while (joined(frames) == "Sync");
     return frames;
 }
 
