@@ -41,6 +41,9 @@ constexpr std::chrono::milliseconds closeLookPause{20};
 // How often the state file is told that time goes on, while timers run.
 constexpr std::chrono::seconds momentPause{60};
 
+// How often what could not be written is tried again, while nothing else changes.
+constexpr std::chrono::seconds rewritePause{1};
+
 // How long those are remembered that were cut off, and after a start those of an earlier broker.
 constexpr std::chrono::seconds cutOffMemory{3600};
 constexpr std::chrono::seconds restartMemory{30};
@@ -156,7 +159,7 @@ std::chrono::milliseconds Broker::untilNextTask() const
         tasks.push_back(mNextHeartbeat);
     if (mPosts.connections() != 0 || mRequests.connections() != 0)
         tasks.push_back(mNextLook);
-    if (mStateFile && mState.hasRunningTimers())
+    if (isCommitDue())
         tasks.push_back(mNextMoment);
     if (mSupervisor.nextFeeding())
         tasks.push_back(*mSupervisor.nextFeeding());
@@ -182,11 +185,17 @@ void Broker::doWhatIsDue()
         const bool longRequest = mRequests.cutOffEndless();
         mNextLook = now + (longPost || longRequest ? closeLookPause : lookPause);
     }
-    if (mStateFile && mState.hasRunningTimers() && now >= mNextMoment)
+    if (isCommitDue() && now >= mNextMoment)
     {
         mStateFile->commit({});
-        mNextMoment = now + momentPause;
+        mNextMoment = now + (mStateFile->isBehind() ? rewritePause : momentPause);
     }
+}
+
+// Without a change that would bring one.
+bool Broker::isCommitDue() const
+{
+    return mStateFile && (mState.hasRunningTimers() || mStateFile->isBehind());
 }
 
 void Broker::updateConnections()

@@ -56,6 +56,7 @@ private:
     bool waitForWork(int descriptor);
     std::chrono::milliseconds untilNextTask() const;
     void doWhatIsDue();
+    bool isCommitDue() const;
     void takePosts();
     void apply(const PostChannel::Post& post);
     void setSystemTime(uint32_t seconds);

@@ -59,6 +59,9 @@ public:
     /// begun.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
+    /// Whether something that has changed is still to be written: the next commit tries.
+    bool isBehind() const { return !mPending.empty(); }
+
     /// How often something has been written.
     uint64_t commits() const { return mCommits; }
 

@@ -207,3 +207,16 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
     EXPECT_EQ(valueOf(afterwards, "k59"), reply(longValue));
     EXPECT_EQ(afterwards.ask(R"({"getCounterValue":"c"})"), "5");
 }
+
+TEST_F(KeepingTest, whatCouldNotBeWrittenIsWrittenWhenItCanBeThoughNothingElseChanges)
+{
+    const std::string later = folder / "later";
+    broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--state", later + "/state"});
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(postOf("k", "1"));
+    EXPECT_EQ(valueOf(requester, "k"), reply("1"));
+    std::filesystem::create_directory(later);
+    EXPECT_TRUE(broker->process().waitForError("is written again"));
+    EXPECT_EQ(brokerStatistic(requester, "state.commits"), 1U);
+}
