@@ -7,7 +7,7 @@
 #include <thread>
 
 /// Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
-constexpr std::chrono::seconds testDeadline{30};
+constexpr std::chrono::seconds testDeadline{30 * TEST_TIME_FACTOR};
 
 /// Polls until `condition` holds; false at the deadline. For what offers nothing to wait on.
 template <class Condition>
