@@ -22,17 +22,23 @@ constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr const char* refusal = "{}";
 
-// So many posts, or requests, are taken before the broker looks elsewhere again.
+// So many posts, or requests, are taken before the broker looks elsewhere again, or as many as this time
+// suffices for: one that is long or full of nonsense may take as long as thousands of others.
 constexpr int batchSize = 1000;
+constexpr std::chrono::milliseconds batchTime{10};
 
 // How long nothing must have come after a long burst of posts, before it counts as over.
 constexpr std::chrono::microseconds queryQuiet{300};
 constexpr std::chrono::microseconds syncQuiet{2000};
 
-// Asked to stop, the broker serves until no request has come for a while, within a bound.
+// Asked to stop, the broker serves until no request has come for a while. All of it has one bound, so that it
+// has ended after two seconds, even if it was just waiting for a subscriber: until the first of these times
+// it takes new requests, until the second it waits for posts, until the third for the last replies and
+// notifications to go out.
 constexpr std::chrono::milliseconds finishQuiet{50};
 constexpr std::chrono::milliseconds longestFinish{400};
-constexpr std::chrono::milliseconds longestLastWait{500};
+constexpr std::chrono::milliseconds longestLastWait{900};
+constexpr std::chrono::milliseconds longestEnd{1200};
 
 // How often connections are looked at, and how often while one is in the middle of a long message.
 constexpr std::chrono::milliseconds lookPause{250};
@@ -109,7 +115,8 @@ void Broker::setLimits(const Limits& limits)
 
 void Broker::serveUntil(int descriptor)
 {
-    while (waitForWork(descriptor))
+    mInterrupt = descriptor;
+    while (waitForWork())
     {
         const TimePoint begin = Clock::now();
         takePosts();
@@ -122,8 +129,8 @@ void Broker::serveUntil(int descriptor)
     }
 }
 
-// False when the descriptor is readable.
-bool Broker::waitForWork(int descriptor)
+// False when it is to be interrupted.
+bool Broker::waitForWork()
 {
     std::array<zmq::pollitem_t, 7> items{{
         {mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0},
@@ -132,7 +139,7 @@ bool Broker::waitForWork(int descriptor)
         {mPosts.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
         {mRequests.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
         {mNotify.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
-        {nullptr, descriptor, ZMQ_POLLIN, 0},
+        {nullptr, mInterrupt, ZMQ_POLLIN, 0},
     }};
     try
     {
@@ -150,6 +157,8 @@ bool Broker::waitForWork(int descriptor)
 std::chrono::milliseconds Broker::untilNextTask() const
 {
     using std::chrono::milliseconds;
+    if (!mRequestsTaken.empty())
+        return milliseconds(0);
     if (!mStartup.empty())
         return milliseconds(1);
     std::vector<TimePoint> tasks;
@@ -211,7 +220,8 @@ void Broker::updateConnections()
 
 void Broker::takePosts()
 {
-    for (int taken = 0; taken < batchSize; ++taken)
+    const TimePoint end = Clock::now() + batchTime;
+    for (int taken = 0; taken < batchSize && Clock::now() < end; ++taken)
     {
         const std::optional<PostChannel::Post> post = mPosts.receive();
         if (!post)
@@ -320,26 +330,16 @@ void Broker::catchUpSubscribers()
 
 void Broker::serveRequests()
 {
-    std::vector<RequestChannel::Request> requests;
-    bool syncs = false;
-    while (requests.size() < batchSize)
-    {
-        std::optional<RequestChannel::Request> request = mRequests.receive();
-        if (!request)
-            break;
-        syncs = syncs || request->text == BrokerProtocol::syncWord;
-        requests.push_back(std::move(*request));
-    }
-    if (requests.empty())
+    if (mRequestsTaken.empty())
+        takeRequests();
+    if (mRequestsTaken.empty() || !awaitPostsBeforeRequests())
         return;
-    if (syncs)
-        awaitPosts(longestSyncWait, syncQuiet);
-    else
-        awaitPosts(longestQueryWait, queryQuiet);
-
+    const TimePoint end = Clock::now() + batchTime;
     std::size_t bytes = 0;
-    for (const RequestChannel::Request& request : requests)
+    while (!mRequestsTaken.empty() && Clock::now() < end)
     {
+        const RequestChannel::Request request = std::move(mRequestsTaken.front());
+        mRequestsTaken.pop_front();
         std::optional<std::string> text = answer(request);
         if (!text)
             continue;
@@ -353,6 +353,32 @@ void Broker::serveRequests()
     reply();
 }
 
+void Broker::takeRequests()
+{
+    mPostsAwaited = false;
+    std::size_t bytes = 0;
+    while (mRequestsTaken.size() < batchSize && bytes < batchBytes)
+    {
+        std::optional<RequestChannel::Request> request = mRequests.receive();
+        if (!request)
+            break;
+        bytes += request->text.value_or("").size();
+        mRequestsTaken.push_back(std::move(*request));
+    }
+}
+
+// False when it was interrupted: the requests cannot be answered yet.
+bool Broker::awaitPostsBeforeRequests()
+{
+    if (mPostsAwaited)
+        return true;
+    const bool syncs = std::any_of(mRequestsTaken.begin(), mRequestsTaken.end(),
+                                   [](const RequestChannel::Request& request)
+                                   { return request.text == BrokerProtocol::syncWord; });
+    mPostsAwaited = syncs ? awaitPosts(longestSyncWait, syncQuiet) : awaitPosts(longestQueryWait, queryQuiet);
+    return mPostsAwaited;
+}
+
 // What requests have changed is kept before they are answered.
 void Broker::reply()
 {
@@ -362,21 +388,29 @@ void Broker::reply()
     mReplies.clear();
 }
 
-void Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)
+// False when it was interrupted.
+bool Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)
 {
-    const TimePoint end = Clock::now() + bound;
+    const TimePoint end = std::min(Clock::now() + bound, mEndOfWaits);
     updateConnections();
     mPosts.beginBarrier();
     takePosts();
     while (!mPosts.barrierReached(quiet))
     {
         if (Clock::now() >= end)
-            return mPosts.abandonBarrier();
-        zmq::pollitem_t item{mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0};
-        zmq_poll(&item, 1, 1);
+        {
+            mPosts.abandonBarrier();
+            return true;
+        }
+        std::array<zmq::pollitem_t, 2> items{
+            {{mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0}, {nullptr, mInterrupt, ZMQ_POLLIN, 0}}};
+        zmq_poll(items.data(), mInterrupt == -1 ? 1 : 2, 1);
+        if (items[1].revents != 0)
+            return false;
         updateConnections();
         takePosts();
     }
+    return true;
 }
 
 // Nothing if the answer has to wait.
@@ -457,15 +491,23 @@ std::string Broker::statistics()
 void Broker::finish()
 {
     mSupervisor.stopping();
+    mInterrupt = -1;
+    mNotify.hurry();
+    const TimePoint begin = Clock::now();
+    mEndOfWaits = begin + longestLastWait;
     // What the kernel has received and libzmq's thread not yet read is answered, too.
-    const TimePoint end = Clock::now() + longestFinish;
     zmq::pollitem_t item{mRequests.pollable().handle(), 0, ZMQ_POLLIN, 0};
-    while (Clock::now() < end && zmq_poll(&item, 1, finishQuiet.count()) > 0)
+    while (Clock::now() < begin + longestFinish &&
+           (!mRequestsTaken.empty() || zmq_poll(&item, 1, finishQuiet.count()) > 0))
         serveRequests();
     awaitPosts(longestLastWait, syncQuiet);
     for (const std::string& connection : mStartup.releaseAll())
         mRequests.reply(connection, BrokerProtocol::syncAckWord);
     if (mStateFile)
         mStateFile->commit({});
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(begin + longestEnd - Clock::now());
+    mRequests.setLinger(std::max(left, std::chrono::milliseconds(0)));
+    mNotify.setLinger(std::max(left, std::chrono::milliseconds(0)));
     OV_LOG(5, "Stopped");
 }

@@ -1,6 +1,7 @@
 #ifndef BROKER_BROKER_H
 #define BROKER_BROKER_H
 
+#include <deque>
 #include <map>
 #include <optional>
 #include <string>
@@ -31,13 +32,15 @@ public:
     /// Binds the three ports and loads the state. Throws std::runtime_error if a port cannot be had.
     explicit Broker(const Options& options);
 
-    /// Serves until `descriptor` is readable.
+    /// Serves until `descriptor` is readable. What has not been answered by then is answered by the next
+    /// call, or by finish().
     void serveUntil(int descriptor);
 
     /// Takes over the limits. Those of messages hold for connections that are made from now on.
     void setLimits(const Limits& limits);
 
-    /// Takes in and answers what has been received. The last call.
+    /// Takes in and answers what has been received, as far as that takes no longer than a second or so. The
+    /// last call.
     void finish();
 
 private:
@@ -53,7 +56,7 @@ private:
         std::string text;
     };
 
-    bool waitForWork(int descriptor);
+    bool waitForWork();
     std::chrono::milliseconds untilNextTask() const;
     void doWhatIsDue();
     bool isCommitDue() const;
@@ -66,7 +69,9 @@ private:
     void catchUpSubscribers();
     void updateConnections();
     void serveRequests();
-    void awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet);
+    void takeRequests();
+    bool awaitPostsBeforeRequests();
+    bool awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet);
     void reply();
     std::optional<std::string> answer(const RequestChannel::Request& request);
     std::string refuse(const RequestChannel::Request& request);
@@ -88,7 +93,11 @@ private:
 
     std::vector<Announcement> mAnnouncements; // to be published when the changes are kept
     std::size_t mAnnouncedBytes = 0;
-    std::vector<Reply> mReplies;   // the same
+    std::vector<Reply> mReplies;                        // the same
+    std::deque<RequestChannel::Request> mRequestsTaken; // not answered yet
+    bool mPostsAwaited = false;                         // those before the requests taken
+    int mInterrupt = -1;                                // the descriptor that ends serveUntil()
+    TimePoint mEndOfWaits = TimePoint::max();
     bool mSubscribersWait = false; // for what they missed
     TimePoint mNextCatchUp{};
     TimePoint mNextHeartbeat{};

@@ -9,6 +9,7 @@
 #include "broker/ConnectionMonitor.h"
 #include "broker/Options.h"
 #include "broker/Refusals.h"
+#include "broker/Sockets.h"
 #include "broker/Subscribers.h"
 
 /// The socket on which changes are published.
@@ -31,6 +32,12 @@ public:
 
     /// Of each subscriber that had to be cut off since the last call: the revision up to which it knows.
     std::vector<uint64_t> takeCutOff();
+
+    /// From now on, nobody is waited for.
+    void hurry() { mSubscribers.hurry(); }
+
+    /// How long what was published may take to go out after the end.
+    void setLinger(std::chrono::milliseconds time) { Sockets::setLinger(mSocket, time); }
 
     int peers() const { return mMonitor.peers(); }
     uint64_t published() const { return mPublished; }

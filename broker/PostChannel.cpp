@@ -18,6 +18,10 @@ constexpr uint64_t handshakeBytes = 64 + 27;
 // request arrives, with nothing to be seen of it here.
 constexpr uint64_t clientBatchBytes = 8192;
 
+// What never comes out as a message are heartbeats and the like. When posts keep coming out, and more than
+// this is missing, then it is posts that are taken in too slowly.
+constexpr uint64_t mostWrittenOff = uint64_t{16} * 1024;
+
 // At most so many messages can be in a client when its request leaves it: its socket's high-water mark of
 // 1,000, and a batch of the smallest ones.
 constexpr unsigned clientBacklog = 1500;
@@ -41,7 +45,10 @@ std::optional<PostChannel::Post> PostChannel::receive()
     while (more)
     {
         if (!Frames::receiveFrame(mSocket, frame, more))
-            return std::nullopt; // only in front of a first frame: libzmq hands messages over whole
+        {
+            mTurn.nothingIsLeft(); // only in front of a first frame: libzmq hands messages over whole
+            return std::nullopt;
+        }
         account(frame, more);
         message.add(frame);
     }
@@ -60,8 +67,11 @@ void PostChannel::account(zmq::message_t& frame, bool more)
     connection.burst = now - connection.lastArrival < pause ? connection.burst + size : size;
     connection.lastArrival = now;
     connection.accounted += size;
+    connection.receivedSince = true;
     connection.unfinished.received(size);
     connection.writtenOff = false;
+    if (!more)
+        mTurn.received(connection.unfinished.ended(), Sockets::queueLength(mLimits));
     if (!more && connection.accounted > connection.arrivedBefore)
         ++connection.messagesBehind;
 }
@@ -96,6 +106,7 @@ void PostChannel::beginBarrier()
     {
         connection.awaited = !connection.writtenOff;
         connection.arrivedBefore = Connection::bytesArrived(descriptor).value_or(0);
+        connection.receivedSince = false;
         // What was written off and came after all has been counted twice.
         connection.accounted =
             std::min(connection.accounted, std::max(connection.arrivedBefore, handshakeBytes));
@@ -129,7 +140,9 @@ void PostChannel::abandonBarrier()
 {
     for (auto& [descriptor, connection] : mConnections)
     {
-        if (!connection.awaited)
+        const bool isBacklog =
+            connection.receivedSince && connection.accounted + mostWrittenOff < connection.arrivedBefore;
+        if (!connection.awaited || isBacklog)
             continue;
         connection.accounted = Connection::bytesArrived(descriptor).value_or(0);
         connection.writtenOff = true;
@@ -138,5 +151,6 @@ void PostChannel::abandonBarrier()
 
 bool PostChannel::cutOffEndless()
 {
-    return Unfinished::cutOffEndless(mConnections, "post", mLimits.messageBytes, mRefusals);
+    return Unfinished::cutOffEndless(mConnections, mTurn, "post", mLimits.messageBytes,
+                                     Sockets::queueLength(mLimits) * mLimits.messageBytes, mRefusals);
 }

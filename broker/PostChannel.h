@@ -45,12 +45,10 @@ public:
     bool barrierReached(std::chrono::microseconds quiet);
 
     /// Gives up: what is missing did not come within the caller's bound, and is not waited for again until
-    /// the connection's next message.
+    /// the connection's next message. That does not hold for a backlog, which is only being taken in slowly.
     void abandonBarrier();
 
-    /// Cuts off who sends a message that does not end. True if somebody is in the middle of a long one. To be
-    /// called now and then; receive() has been called
-    /// until nothing was left in between.
+    /// Cuts off who sends a message that does not end. True if that is to be done again soon.
     bool cutOffEndless();
 
     /// Takes over changed limits.
@@ -74,6 +72,7 @@ private:
         bool awaited = false;
         bool writtenOff = false;
         uint64_t arrivedBefore = 0;  ///< bytes that had arrived when it began
+        bool receivedSince = false;  ///< something has come out since it began
         unsigned messagesBehind = 0; ///< messages received after those bytes
     };
 
@@ -85,6 +84,7 @@ private:
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
     std::map<int, Peer> mConnections; // by descriptor
+    Unfinished::Turn mTurn;
 };
 
 #endif

@@ -24,7 +24,10 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
     zmq::message_t frame;
     bool more = false;
     if (!Frames::receiveFrame(mSocket, frame, more))
+    {
+        mTurn.nothingIsLeft();
         return std::nullopt;
+    }
     Request request;
     request.connection = frame.to_string();
 
@@ -45,6 +48,7 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
     {
         noteSpeaker(peer->first, peer->second, request.connection);
         peer->second.unfinished.received(bytes);
+        mTurn.received(peer->second.unfinished.ended(), Sockets::queueLength(mLimits));
     }
     return request;
 }
@@ -108,5 +112,6 @@ void RequestChannel::noteConnections()
 
 bool RequestChannel::cutOffEndless()
 {
-    return Unfinished::cutOffEndless(mPeers, "request", mLimits.messageBytes, mRefusals);
+    return Unfinished::cutOffEndless(mPeers, mTurn, "request", mLimits.messageBytes,
+                                     Sockets::queueLength(mLimits) * mLimits.messageBytes, mRefusals);
 }

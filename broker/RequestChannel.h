@@ -39,12 +39,14 @@ public:
     /// descriptor since.
     bool isOpen(const std::string& connection) const { return mSpeakers.count(connection) != 0; }
 
-    /// Cuts off who sends a message that does not end. True if somebody is in the middle of a long one. To be
-    /// called now and then.
+    /// Cuts off who sends a message that does not end. True if that is to be done again soon.
     bool cutOffEndless();
 
     /// Takes over changed limits.
     void applyLimits() { Sockets::setLimits(mSocket, mLimits); }
+
+    /// How long what was sent may take to go out after the end.
+    void setLinger(std::chrono::milliseconds time) { Sockets::setLinger(mSocket, time); }
 
     int peers() const { return mMonitor.peers(); }
     std::size_t connections() const { return mMonitor.connections(); }
@@ -70,6 +72,7 @@ private:
     std::map<int, Peer> mPeers;           // by descriptor
     std::map<std::string, int> mSpeakers; // the same, of those who have spoken: descriptor by connection
     std::vector<std::string> mClosed;     // since updateConnections() was called last
+    Unfinished::Turn mTurn;
 };
 
 #endif

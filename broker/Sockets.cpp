@@ -1,12 +1,12 @@
 #include "broker/Sockets.h"
 
+#include <algorithm>
 #include <stdexcept>
 
 zmq::socket_t Sockets::make(zmq::context_t& context, zmq::socket_type type, const Limits& limits)
 {
     zmq::socket_t socket(context, type);
-    // What was answered or published just before the end still goes out.
-    socket.set(zmq::sockopt::linger, 1000);
+    setLinger(socket, std::chrono::milliseconds(0)); // unless the end is orderly
     // Who connects and does not speak the protocol within this time is disconnected.
     socket.set(zmq::sockopt::handshake_ivl, 5000);
     setLimits(socket, limits);
@@ -17,8 +17,22 @@ void Sockets::setLimits(zmq::socket_t& socket, const Limits& limits)
 {
     // What is somewhat too long is received and refused, so that it can be told. A frame that is announced to
     // be much longer ends its connection, before memory is taken for it.
-    constexpr int64_t somewhat = 4;
+    constexpr int64_t somewhat = 2;
     socket.set(zmq::sockopt::maxmsgsize, somewhat * static_cast<int64_t>(limits.messageBytes));
+    socket.set(zmq::sockopt::rcvhwm, static_cast<int>(queueLength(limits)));
+}
+
+uint64_t Sockets::queueLength(const Limits& limits)
+{
+    constexpr std::size_t queueBytes = std::size_t{8} * 1024 * 1024;
+    constexpr std::size_t least = 2;
+    constexpr std::size_t usual = 1000;
+    return std::clamp(queueBytes / limits.messageBytes, least, usual);
+}
+
+void Sockets::setLinger(zmq::socket_t& socket, std::chrono::milliseconds time)
+{
+    socket.set(zmq::sockopt::linger, static_cast<int>(time.count()));
 }
 
 void Sockets::bind(zmq::socket_t& socket, const std::string& endpoint)

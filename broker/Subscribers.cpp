@@ -28,6 +28,17 @@ bool Subscribers::lookIsDue() const
     return mSinceLook >= mLimits.notifyBytes / looksPerLimit;
 }
 
+// Waiting uses up the time that there is for it, which comes back slowly.
+void Subscribers::passTime(TimePoint now)
+{
+    const TimePoint::duration passed = now - mLastLook;
+    mLastLook = now;
+    if (mWaits)
+        mWaitLeft -= std::min(mWaitLeft, passed);
+    else
+        mWaitLeft = std::min<TimePoint::duration>(longestWait, mWaitLeft + passed / workPerWait);
+}
+
 void Subscribers::judge(int descriptor, Subscriber& subscriber, const Connection::Sent& sent, TimePoint now,
                         Verdict& verdict)
 {
@@ -45,7 +56,7 @@ void Subscribers::judge(int descriptor, Subscriber& subscriber, const Connection
     }
     if (mPublished - subscriber.taken + waiting * messageOverhead <= mLimits.notifyBytes)
         return;
-    if (now - subscriber.markTime < patience)
+    if (!mHurry && mWaitLeft.count() > 0 && now - subscriber.markTime < patience)
     {
         verdict.wait = true;
         return;

@@ -18,7 +18,8 @@
 /// the kernel counts. The difference to what has been published is what waits in the broker's memory.
 ///
 /// A subscriber that is behind by more than the limit is waited for while it keeps taking; so one that is
-/// only slower than a burst loses nothing. One that does not take is hopeless: it is to be cut off, which
+/// only slower than a burst loses nothing. The time for that is limited, for all together, because nobody is
+/// served meanwhile. One that does not take, or too slowly for that, is hopeless: it is to be cut off, which
 /// frees the memory, and when it is back it connects again and is told of all changes that it missed.
 class Subscribers
 {
@@ -29,6 +30,11 @@ public:
     /// most of its time is over before the limit is reached and the others wait for it.
     static constexpr uint64_t progress = uint64_t{64} * 1024;
     static constexpr std::chrono::milliseconds patience{250};
+
+    /// Waited is never longer than this, and again only for as long as the broker has worked without waiting
+    /// since, divided by this.
+    static constexpr std::chrono::milliseconds longestWait{500};
+    static constexpr int workPerWait = 4;
 
     /// What a waiting message takes beside its bytes, about.
     static constexpr uint64_t messageOverhead = 128;
@@ -55,7 +61,7 @@ public:
 
     struct Verdict
     {
-        bool wait = false; ///< somebody is behind, but taking
+        bool wait = false; ///< somebody is behind, but taking: look again in a moment, before anything else
         std::vector<Hopeless> hopeless;
     };
 
@@ -64,14 +70,19 @@ public:
     Verdict look(SentTo sentTo, TimePoint now)
     {
         Verdict verdict;
+        passTime(now);
         for (auto& [descriptor, subscriber] : mSubscribers)
         {
             if (const std::optional<Connection::Sent> sent = sentTo(descriptor))
                 judge(descriptor, subscriber, *sent, now, verdict);
         }
         forgetTaken();
+        mWaits = verdict.wait;
         return verdict;
     }
+
+    /// From now on, nobody is waited for.
+    void hurry() { mHurry = true; }
 
     std::size_t size() const { return mSubscribers.size(); }
 
@@ -90,6 +101,7 @@ private:
         TimePoint markTime;
     };
 
+    void passTime(TimePoint now);
     void judge(int descriptor, Subscriber& subscriber, const Connection::Sent& sent, TimePoint now,
                Verdict& verdict);
     std::deque<Notification>::const_iterator firstWaiting(const Subscriber& subscriber) const;
@@ -101,6 +113,10 @@ private:
     uint64_t mKnownRevision = 0;            // of the last one that is not among them
     uint64_t mPublished = 0;
     uint64_t mSinceLook = 0; // bytes published since the last look
+    TimePoint mLastLook{};
+    bool mWaits = false; // since the last look
+    TimePoint::duration mWaitLeft = longestWait;
+    bool mHurry = false;
 };
 
 #endif

@@ -4,10 +4,17 @@
 
 #include "broker/Connection.h"
 
+namespace
+{
+
+// What libzmq reads at a time, and the handshake.
+constexpr uint64_t readAhead = uint64_t{16} * 1024;
+
+} // namespace
+
 Unfinished::Verdict Unfinished::look(int descriptor, std::size_t limit)
 {
-    // What libzmq reads at a time, and the handshake.
-    constexpr uint64_t readAhead = uint64_t{16} * 1024;
+    mMessages = 0;
     const uint64_t inside = mReadBefore - std::min(mReadBefore, mReceived);
     mReadBefore = Connection::bytesRead(descriptor).value_or(0);
     if (inside > limit + readAhead)
@@ -18,6 +25,12 @@ Unfinished::Verdict Unfinished::look(int descriptor, std::size_t limit)
     if (now == inside && now < small)
         mReceived += now;
     return std::max(inside, now) > readAhead ? Verdict::Long : Verdict::Fine;
+}
+
+Unfinished::Verdict Unfinished::glance(int descriptor, std::size_t limit) const
+{
+    const uint64_t read = Connection::bytesRead(descriptor).value_or(0);
+    return read - std::min(read, mReceived) > limit + readAhead ? Verdict::Endless : Verdict::Fine;
 }
 
 void Unfinished::cutOff(int descriptor, const std::string& what, std::size_t limit, Refusals& refusals)

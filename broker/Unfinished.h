@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "broker/Refusals.h"
 
@@ -12,8 +13,32 @@
 class Unfinished
 {
 public:
-    /// A message was received from this connection.
+    /// Tells when a look makes sense: when all whole messages that were there at the last look have been
+    /// received since. That is so when nothing was left at some moment. It is also so when one connection has
+    /// given more than can be queued of it, because libzmq takes from the connections in turn.
+    class Turn
+    {
+    public:
+        void nothingIsLeft() { mIsOver = true; }
+
+        /// @param messages that one connection has given since the last look
+        /// @param queueLength how many of it libzmq holds ready at most
+        void received(uint64_t messages, uint64_t queueLength)
+        {
+            mIsOver = mIsOver || messages > queueLength + 1;
+        }
+
+        bool takeIsOver() { return std::exchange(mIsOver, false); }
+
+    private:
+        bool mIsOver = false;
+    };
+
+    /// A part of a message was received from this connection.
     void received(uint64_t bytes) { mReceived += bytes; }
+
+    /// That was its end. Returns the number of messages since the last look.
+    uint64_t ended() { return ++mMessages; }
 
     enum class Verdict
     {
@@ -22,20 +47,27 @@ public:
         Endless ///< longer than the limit
     };
 
-    /// To be called now and then, when since the last call everything has been received that was there.
+    /// To be called now and then, when the Turn is over.
     Verdict look(int descriptor, std::size_t limit);
 
-    /// Looks at all connections and cuts off those whose message is endless. True if somebody is in the
-    /// middle of a long one.
+    /// To be called when the Turn is not over. Whole messages count, too.
+    Verdict glance(int descriptor, std::size_t limit) const;
+
+    /// Looks at all connections and cuts off those whose message is endless. True if that is to be done again
+    /// soon: somebody is in the middle of a long one, or it is too early to tell.
     /// @param peers by descriptor, with a member `unfinished`
     /// @param what  is being received
+    /// @param queueBytes at most so much of one connection is ready to be received
     template <typename Peers>
-    static bool cutOffEndless(Peers& peers, const std::string& what, std::size_t limit, Refusals& refusals)
+    static bool cutOffEndless(Peers& peers, Turn& turn, const std::string& what, std::size_t limit,
+                              std::size_t queueBytes, Refusals& refusals)
     {
-        bool isLong = false;
+        const bool isOver = turn.takeIsOver();
+        bool isLong = !isOver;
         for (auto& [descriptor, peer] : peers)
         {
-            const Verdict verdict = peer.unfinished.look(descriptor, limit);
+            const Verdict verdict = isOver ? peer.unfinished.look(descriptor, limit)
+                                           : peer.unfinished.glance(descriptor, limit + queueBytes);
             isLong = isLong || verdict == Verdict::Long;
             if (verdict == Verdict::Endless)
                 cutOff(descriptor, what, limit, refusals);
@@ -46,6 +78,7 @@ public:
 private:
     static void cutOff(int descriptor, const std::string& what, std::size_t limit, Refusals& refusals);
 
+    uint64_t mMessages = 0; // since the last look
     uint64_t mReceived = 0;
     uint64_t mReadBefore = 0; // bytes that libzmq had read at the last look
 };

@@ -4,12 +4,14 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <deque>
 #include <future>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include "broker/Refusals.h"
@@ -49,13 +51,24 @@ std::string handshakeOf(const std::string& type)
 
 constexpr std::size_t greetingBytes = 64;
 constexpr std::size_t shortestHandshake = greetingBytes + 27; // as the broker sends it
+// A frame of more than 255 bytes, the only one of its message.
+std::string longFrame(const std::string& payload)
+{
+    std::string frame(9, '\2');
+    for (std::size_t index = 8, size = payload.size(); index > 0; --index, size >>= 8)
+        frame[index] = static_cast<char>(size & 0xff);
+    return frame + payload;
+}
 
 // A TCP connection that speaks whatever a test makes it.
 class Connection
 {
 public:
-    explicit Connection(uint16_t port)
+    /// @param receiveBuffer bytes that the kernel takes for it; 0: as usual
+    explicit Connection(uint16_t port, int receiveBuffer = 0)
     {
+        if (receiveBuffer != 0)
+            setsockopt(mSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
@@ -72,6 +85,9 @@ public:
     {
         return send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
+
+    // Lets nobody wait for it any more.
+    void shutDown() { shutdown(mSocket, SHUT_RDWR); }
 
     // What is sent before the peer has answered would be taken for a part of the handshake.
     bool shakeHands(const std::string& type)
@@ -99,6 +115,13 @@ public:
                 received += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
                 return received >= expected;
             });
+    }
+
+    // Reads at most this much of what is there.
+    void read(std::size_t bytes)
+    {
+        std::string text(bytes, '\0');
+        recv(mSocket, text.data(), text.size(), MSG_DONTWAIT);
     }
 
     // Whether the peer closes it within the deadline.
@@ -410,6 +433,106 @@ TEST_F(FloodTest, whoSyncsAndLeavesDoesNotLetLaterOnesThroughWithoutTheirPosts)
         held = std::chrono::steady_clock::now() - begin;
     }
     EXPECT_GT(held, std::chrono::milliseconds(900));
+
+// -------------------------------------------------------------------------------------------- heavy messages
+
+namespace
+{
+
+// Posts without a pause until the peer has gone or the test has ended.
+class Flood
+{
+public:
+    explicit Flood(const std::string& post) : mConnection(postPort)
+    {
+        mConnection.shakeHands("PUB");
+        mThread = std::thread(
+            [this, bytes = longFrame(post)]
+            {
+                while (!mStop && mConnection.write(bytes))
+                    ;
+            });
+    }
+    ~Flood()
+    {
+        mStop = true;
+        mConnection.shutDown();
+        mThread.join();
+    }
+
+private:
+    Connection mConnection;
+    std::atomic<bool> mStop{false};
+    std::thread mThread;
+};
+
+// A post that is refused only after a long time of reading it.
+std::string heavyNonsense(std::size_t bytes = 1000 * 1000)
+{
+    std::string list;
+    while (list.size() < bytes)
+        list += R"("a",)";
+    return R"({"postStatus":{"k":[)" + list + R"("a"]}})";
+}
+
+} // namespace
+
+TEST_F(FloodTest, heavyPostsLeaveItServing)
+{
+    const Flood flood(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 0; }));
+    const auto begin = std::chrono::steady_clock::now();
+    requester.ask(valueRequest("k"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(isSanitized ? 10 : 2));
+}
+
+TEST_F(FloodTest, heavyPostsAreNotTakenForOneThatDoesNotEnd)
+{
+    const Flood flood(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 12; }));
+    EXPECT_EQ(statistic("limit.messageBytes"), 0U);
+}
+
+TEST_F(FloodTest, heavyPostsWaitInTheirSender)
+{
+    const uint64_t before = statistic("memory.rss");
+    const Flood flood(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 12; }));
+    EXPECT_TRUE(isSanitized || statistic("memory.rss") < before + 64U * 1024 * 1024);
+}
+
+TEST_F(FloodTest, heavyPostsDoNotHideAMessageThatDoesNotEnd)
+{
+    const Flood flood(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 0; }));
+    Connection connection(postPort);
+    ASSERT_TRUE(connection.shakeHands("PUB"));
+    const std::string frame = std::string("\1\xff", 2) + std::string(255, 'x'); // more to come
+    EXPECT_TRUE(eventually([&] { return !connection.write(frame + frame + frame + frame); }));
+    EXPECT_EQ(statistic("limit.messageBytes"), 1U);
+}
+
+TEST_F(FloodTest, aSyncWaitsForHeavyPostsThatAQueryDidNotWaitFor)
+{
+    requester.ask("Sync"); // the first is held for longer
+    for (int count = 0; count < 10; ++count)
+        poster.post(heavyNonsense(200 * 1000));
+    poster.post(postOf("k", "behind them"));
+    requester.ask(valueRequest("k"));
+    requester.ask("Sync");
+    const std::string answer = requester.ask(valueRequest("k"));
+    EXPECT_TRUE(isSanitized || answer == R"({"statusValue":"behind them"})") << answer;
+}
+
+TEST_F(FloodTest, heavyPostsDoNotDelayTheEnd)
+{
+    const Flood flood(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 0; }));
+    RawRequester waiting(zmq::socket_type::dealer);
+    waiting.send({"", "Sync"});
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(broker.stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(isSanitized ? 10 : 2));
 }
 
 // ----------------------------------------------------------------------------------------------- subscribers
@@ -516,4 +639,80 @@ TEST_F(Subscribing, oneOfOnlyAPartIsNeverTakenForStalled)
     while (message.to_string().find("last") == std::string::npos)
         ASSERT_TRUE(events.recv(message));
     EXPECT_EQ(statistic("subscribers.cutOff"), 0U);
+}
+
+TEST_F(Subscribing, oneThatReadsTooSlowlyDelaysNobodyForLong)
+{
+    Connection slow(notifyPort, 32 * 1024);
+    ASSERT_TRUE(slow.shakeHands("SUB"));
+    slow.write(std::string("\0\1\1", 3)); // subscribes to everything
+    Gate end;
+    const std::future<void> reading = std::async(std::launch::async,
+                                                 [&]
+                                                 {
+                                                     while (!end.wait(std::chrono::milliseconds(20)))
+                                                         slow.read(32 * 1024);
+                                                 });
+    for (int number = 0; number < 1000; ++number)
+        poster.post(postOf("k", std::to_string(number) + std::string(30000, 'x')));
+    std::chrono::steady_clock::duration longest{0};
+    const auto isCutOff = [&]
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        const bool cutOff = statistic("subscribers.cutOff") == 1;
+        longest = std::max(longest, std::chrono::steady_clock::now() - begin);
+        return cutOff;
+    };
+    EXPECT_TRUE(eventually(isCutOff));
+    EXPECT_LT(longest, std::chrono::seconds(2));
+    EXPECT_GT(statistic("notifications.lost"), 0U);
+    end.open();
+    reading.wait();
+}
+
+namespace
+{
+
+class Ending : public FloodTest
+{
+protected:
+    Ending() : FloodTest({"--max-notify-bytes=64M"}) {}
+};
+
+} // namespace
+
+TEST_F(Ending, comesWithinTwoSecondsBesideUnfinishedPostsAndUnreadNotifications)
+{
+    Connection stalled(notifyPort, 32 * 1024);
+    ASSERT_TRUE(stalled.shakeHands("SUB"));
+    stalled.write(std::string("\0\1\1", 3));
+    for (int number = 0; number < 400; ++number)
+        poster.post(postOf("k", std::to_string(number) + std::string(50000, 'x')));
+    EXPECT_TRUE(eventually([this] { return statistic("posts") >= 400; }));
+    ASSERT_EQ(statistic("subscribers.cutOff"), 0U);
+
+    Gate begun;
+    std::atomic<bool> hasEnded{false};
+    const std::future<void> syncing =
+        std::async(std::launch::async,
+                   [&]
+                   {
+                       RawRequester dealer(zmq::socket_type::dealer);
+                       std::deque<Connection> posters;
+                       while (!hasEnded)
+                       {
+                           posters.emplace_back(postPort);
+                           posters.back().shakeHands("PUB");
+                           posters.back().write(std::string("\1\3abc", 5)); // and no more of that message
+                           dealer.send({"", "Sync"});
+                           begun.open();
+                           dealer.receive(std::chrono::milliseconds(20));
+                       }
+                   });
+    EXPECT_TRUE(begun.wait());
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(broker.stop(), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    hasEnded = true;
+    syncing.wait();
 }

@@ -30,6 +30,21 @@ protected:
         return subscribers.look([this](int descriptor) { return std::optional(sent[descriptor]); }, now);
     }
 
+    // How long it is waited for although it keeps taking.
+    std::chrono::milliseconds waitFor(int descriptor)
+    {
+        std::chrono::milliseconds waited{0};
+        uint64_t read = 0;
+        sent[descriptor] = {0, 0};
+        while (look().wait)
+        {
+            sent[descriptor].acknowledged = read += Subscribers::progress;
+            now += 10ms;
+            waited += 10ms;
+        }
+        return waited;
+    }
+
     Limits limits;
     Subscribers subscribers{limits};
     std::map<int, Connection::Sent> sent;
@@ -83,14 +98,51 @@ TEST_F(SubscribersTest, oneThatIsStillReadingIsWaitedForThoughNothingIsHandedOve
     publish(350);
     sent[first] = {200000, 0};
     look();
-    for (uint64_t read = 1; read <= 3; ++read)
-    {
-        now += Subscribers::patience;
-        sent[first].acknowledged = read * Subscribers::progress;
-        EXPECT_TRUE(look().wait);
-    }
-    now += Subscribers::patience;
+    now += Subscribers::patience - 1ms;
+    sent[first].acknowledged = Subscribers::progress;
+    EXPECT_TRUE(look().wait);
+    now += Subscribers::patience - 1ms;
+    EXPECT_TRUE(look().wait);
+    now += 1ms;
     EXPECT_EQ(look().hopeless.size(), 1U);
+}
+
+TEST_F(SubscribersTest, oneThatTakesTooSlowlyIsHopelessWhenTheTimeForWaitingIsUsedUp)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(1000);
+    EXPECT_EQ(waitFor(first), Subscribers::longestWait);
+}
+
+TEST_F(SubscribersTest, theTimeForWaitingIsThatOfAllTogether)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(1000);
+    waitFor(first);
+    subscribers.left(first);
+    subscribers.subscribed(second, {0, 0}, now);
+    publish(1000);
+    EXPECT_EQ(waitFor(second), 0ms);
+}
+
+TEST_F(SubscribersTest, theTimeForWaitingComesBackWhileNobodyIsWaitedFor)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(1000);
+    waitFor(first);
+    subscribers.left(first);
+    now += 200ms * Subscribers::workPerWait;
+    subscribers.subscribed(second, {0, 0}, now);
+    publish(1000);
+    EXPECT_EQ(waitFor(second), 200ms);
+}
+
+TEST_F(SubscribersTest, inAHurryNobodyIsWaitedFor)
+{
+    subscribers.hurry();
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(1000);
+    EXPECT_EQ(waitFor(first), 0ms);
 }
 
 TEST_F(SubscribersTest, oneThatDoesNotTakeIsHopelessAfterAWhile)

@@ -83,6 +83,27 @@ TEST_F(UnfinishedTest, aLongMessageThatEndsIsFine)
     EXPECT_EQ(unfinished.look(mine, limit), Verdict::Fine);
 }
 
+TEST_F(UnfinishedTest, aGlanceTellsWhatHasNotBeenReceived)
+{
+    arrive(100000);
+    EXPECT_EQ(unfinished.glance(mine, limit), Verdict::Endless);
+    unfinished.received(50000);
+    EXPECT_EQ(unfinished.glance(mine, limit), Verdict::Fine);
+}
+
+TEST_F(UnfinishedTest, aTurnIsOverWhenNothingIsLeftOrOneHasGivenMoreThanItsQueue)
+{
+    Unfinished::Turn turn;
+    EXPECT_FALSE(turn.takeIsOver());
+    turn.nothingIsLeft();
+    EXPECT_TRUE(turn.takeIsOver());
+    turn.received(9, 8);
+    EXPECT_FALSE(turn.takeIsOver()) << "one more may have been on its way";
+    turn.received(10, 8);
+    EXPECT_TRUE(turn.takeIsOver());
+    EXPECT_FALSE(turn.takeIsOver());
+}
+
 TEST_F(UnfinishedTest, heartbeatsDoNotAddUp)
 {
     for (int heartbeat = 0; heartbeat < 10000; ++heartbeat)
