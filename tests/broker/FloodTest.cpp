@@ -103,18 +103,21 @@ public:
         return write(greeting) && receives(greeting.size() + identity.size()) && write(identity);
     }
 
-    // So many bytes, since the last call.
+    // So many bytes, since the last call; false as soon as the peer has closed it.
     bool receives(std::size_t expected)
     {
         std::size_t received = 0;
-        return eventually(
+        bool isOpen = true;
+        eventually(
             [&]
             {
                 std::array<char, 1000> bytes{};
                 const ssize_t count = recv(mSocket, bytes.data(), bytes.size(), MSG_DONTWAIT);
                 received += static_cast<std::size_t>(std::max<ssize_t>(count, 0));
-                return received >= expected;
+                isOpen = count > 0 || (count == -1 && errno == EAGAIN);
+                return received >= expected || !isOpen;
             });
+        return received >= expected;
     }
 
     // Reads at most this much of what is there.
