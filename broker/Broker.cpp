@@ -41,7 +41,7 @@ constexpr std::chrono::milliseconds longestLastWait{900};
 constexpr std::chrono::milliseconds longestEnd{1200};
 
 // How often connections are looked at, and how often while one is in the middle of a long message.
-constexpr std::chrono::milliseconds lookPause{250};
+constexpr std::chrono::milliseconds lookPause{50};
 constexpr std::chrono::milliseconds closeLookPause{20};
 
 // How often the state file is told that time goes on, while timers run.
@@ -166,7 +166,7 @@ std::chrono::milliseconds Broker::untilNextTask() const
         tasks.push_back(mNextCatchUp);
     if (mOptions.heartbeat.count() != 0)
         tasks.push_back(mNextHeartbeat);
-    if (mPosts.connections() != 0 || mRequests.connections() != 0)
+    if (mPosts.connections() != 0 || mRequests.connections() != 0 || mNotify.connections() != 0)
         tasks.push_back(mNextLook);
     if (isCommitDue())
         tasks.push_back(mNextMoment);
@@ -192,7 +192,8 @@ void Broker::doWhatIsDue()
     {
         const bool longPost = mPosts.cutOffEndless();
         const bool longRequest = mRequests.cutOffEndless();
-        mNextLook = now + (longPost || longRequest ? closeLookPause : lookPause);
+        const bool longSubscription = mNotify.cutOffEndless();
+        mNextLook = now + (longPost || longRequest || longSubscription ? closeLookPause : lookPause);
     }
     if (isCommitDue() && now >= mNextMoment)
     {

@@ -48,7 +48,8 @@ std::optional<Connection::Sent> Connection::bytesSent(int descriptor)
     const uint64_t unacknowledged = queued(descriptor, SIOCOUTQ);
     if (!info)
         return std::nullopt;
-    return Sent{info->tcpi_bytes_acked + unacknowledged, info->tcpi_bytes_acked};
+    return Sent{info->tcpi_bytes_acked + unacknowledged, info->tcpi_bytes_acked,
+                queued(descriptor, SIOCOUTQNSD)};
 }
 
 void Connection::cut(int descriptor)

@@ -22,6 +22,7 @@ struct Sent
 {
     uint64_t handedOver;   ///< bytes handed to the kernel for sending
     uint64_t acknowledged; ///< bytes of them that have reached the peer's kernel
+    uint64_t unsent = 0;   ///< bytes of them for which the peer's kernel has had no room yet
 };
 
 /// Nothing if the descriptor has just been closed.

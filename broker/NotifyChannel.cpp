@@ -12,8 +12,17 @@
 namespace
 {
 
-// A subscriber that is behind is cut off long before libzmq's own mark, which drops silently. That is for
-// subscribers to a part of the notifications, of which nobody knows how far they are behind.
+// The library sends one subscription of one byte. Longer ones, and more of them, are for other programs; but
+// libzmq takes some 32 bytes of memory for each byte of a prefix.
+constexpr std::size_t longestSubscription = 1024;
+constexpr std::size_t subscriptionBytes =
+    std::size_t{256} * 1024; // of one connection, cancelled ones included
+constexpr std::size_t subscriptionOverhead = 16;
+
+// So many subscriptions are received at a time.
+constexpr int batchSize = 1000;
+
+// A subscriber that is behind is cut off long before libzmq's own mark, which drops silently.
 int highWaterMark(std::size_t notifyBytes)
 {
     // libzmq may take its queue for full at half the mark, because it learns only now and then what was
@@ -39,13 +48,13 @@ NotifyChannel::NotifyChannel(zmq::context_t& context, const std::string& endpoin
       mMonitor(context, mSocket, "notify", limits, refusals), mSubscribers(limits)
 {
     applyLimits();
+    mSocket.set(zmq::sockopt::maxmsgsize, static_cast<int64_t>(longestSubscription));
     mSocket.set(zmq::sockopt::xpub_verboser, 1); // all clients subscribe to the same: show each of them
     Sockets::bind(mSocket, endpoint);
 }
 
 void NotifyChannel::applyLimits()
 {
-    Sockets::setLimits(mSocket, mLimits);
     mSocket.set(zmq::sockopt::sndhwm, highWaterMark(mLimits.notifyBytes));
 }
 
@@ -99,37 +108,65 @@ bool NotifyChannel::takeSubscriptions()
     return std::exchange(mSubscribed, false);
 }
 
-// Only who subscribes to everything, as the library does, is known to be sent everything.
 void NotifyChannel::receiveSubscriptions()
 {
-    constexpr char subscribeMark = 1;
     zmq::message_t frame;
     bool more = false;
-    while (Frames::receiveFrame(mSocket, frame, more))
+    for (int received = 0; received < batchSize; ++received)
     {
+        if (!Frames::receiveFrame(mSocket, frame, more))
+            return mTurn.nothingIsLeft();
         // A descriptor is used again soon. The end of its last connection is told before anything of this
         // one, and must be taken note of first, or it would be taken for the end of this one.
         updateConnections();
-        if (frame.empty())
-            continue;
-        const bool subscribes = *frame.data<char>() == subscribeMark;
-        mSubscribed = mSubscribed || subscribes;
-        if (frame.size() != 1)
-            continue;
-        const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
-        const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor);
-        if (subscribes && sent)
-            mSubscribers.subscribed(descriptor, *sent, Clock::now());
-        else
-            mSubscribers.left(descriptor);
+        const auto peer = mPeers.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
+        if (peer != mPeers.end())
+            take(frame, peer->first, peer->second);
     }
+}
+
+void NotifyChannel::take(const zmq::message_t& frame, int descriptor, Peer& peer)
+{
+    // On the connection it may have been a command, which is somewhat longer.
+    constexpr uint64_t commandBytes = 20;
+    peer.unfinished.received(Connection::wireSize(frame.size()) + commandBytes);
+    peer.subscribedBytes += frame.size() + subscriptionOverhead;
+    if (peer.subscribedBytes > subscriptionBytes)
+    {
+        mRefusals.report(Refusal::MessageBytes, "A subscriber to too much was cut off, the limit is " +
+                                                    std::to_string(subscriptionBytes) +
+                                                    " bytes of subscriptions");
+        return Connection::cut(descriptor);
+    }
+    constexpr char cancelMark = 0;
+    constexpr char subscribeMark = 1;
+    const char mark = frame.empty() ? '\x7f' : *frame.data<char>();
+    const bool isToAll = frame.size() == 1;
+    if (mark == cancelMark && isToAll)
+        mSubscribers.cancelled(descriptor);
+    if (mark != subscribeMark)
+        return;
+    mSubscribed = true;
+    if (const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor))
+        mSubscribers.subscribed(descriptor, *sent, Clock::now(), isToAll);
 }
 
 void NotifyChannel::updateConnections()
 {
     while (const std::optional<ConnectionMonitor::Event> event = mMonitor.next())
     {
-        if (event->kind == ConnectionMonitor::Event::Kind::Closed)
-            mSubscribers.left(event->descriptor);
+        if (event->kind == ConnectionMonitor::Event::Kind::Accepted)
+            mPeers[event->descriptor] = Peer();
+        if (event->kind != ConnectionMonitor::Event::Kind::Closed)
+            continue;
+        mPeers.erase(event->descriptor);
+        mSubscribers.left(event->descriptor);
     }
+}
+
+bool NotifyChannel::cutOffEndless()
+{
+    receiveSubscriptions();
+    return Unfinished::cutOffEndless(mPeers, mTurn, "subscription", longestSubscription, subscriptionBytes,
+                                     mRefusals);
 }

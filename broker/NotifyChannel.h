@@ -2,6 +2,7 @@
 #define BROKER_NOTIFYCHANNEL_H
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 #include <zmq.hpp>
@@ -11,6 +12,7 @@
 #include "broker/Refusals.h"
 #include "broker/Sockets.h"
 #include "broker/Subscribers.h"
+#include "broker/Unfinished.h"
 
 /// The socket on which changes are published.
 class NotifyChannel
@@ -27,6 +29,9 @@ public:
 
     void updateConnections();
 
+    /// Cuts off who sends a message that does not end. True if that is to be done again soon.
+    bool cutOffEndless();
+
     /// Takes over changed limits.
     void applyLimits();
 
@@ -40,6 +45,7 @@ public:
     void setLinger(std::chrono::milliseconds time) { Sockets::setLinger(mSocket, time); }
 
     int peers() const { return mMonitor.peers(); }
+    std::size_t connections() const { return mMonitor.connections(); }
     uint64_t published() const { return mPublished; }
     uint64_t cutOff() const { return mCutOff; }
     uint64_t lost() const { return mLost; } ///< notifications that did not reach those cut off
@@ -47,7 +53,14 @@ public:
     zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
 
 private:
+    struct Peer
+    {
+        std::size_t subscribedBytes = 0;
+        Unfinished unfinished;
+    };
+
     void receiveSubscriptions();
+    void take(const zmq::message_t& frame, int descriptor, Peer& peer);
     void relieve();
     void cutOff(const Subscribers::Hopeless& hopeless);
 
@@ -56,6 +69,8 @@ private:
     zmq::socket_t mSocket;
     ConnectionMonitor mMonitor;
     Subscribers mSubscribers;
+    std::map<int, Peer> mPeers; // by descriptor
+    Unfinished::Turn mTurn;
     bool mSubscribed = false; // since takeSubscriptions() was called last
     std::vector<uint64_t> mKnownByCutOff;
     uint64_t mPublished = 0;

@@ -54,6 +54,8 @@ const char* Refusals::name(Refusal kind)
         return "limit.notifyBytes";
     case Refusal::Connections:
         return "limit.connections";
+    case Refusal::UnreadReplies:
+        return "limit.unreadReplies";
     }
     return "";
 }

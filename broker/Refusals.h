@@ -23,9 +23,10 @@ enum class Refusal
     Counters,
     NotifyBytes,
     Connections,
+    UnreadReplies,
 };
 
-constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::Connections) + 1;
+constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::UnreadReplies) + 1;
 
 /// Counts what is refused and logs it, within reason: one that keeps misbehaving cannot flood the log.
 class Refusals

@@ -1,19 +1,27 @@
 #include "broker/RequestChannel.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "broker/Connection.h"
 #include "broker/Frames.h"
 #include "broker/Sockets.h"
 
+namespace
+{
+
+// A client awaits one reply at a time. Who asks more and reads nothing must not fill the memory with replies:
+// none is added to so many, or to so many bytes.
+constexpr int unreadReplies = 8;
+constexpr uint64_t unreadBytes = uint64_t{1024} * 1024;
+
+} // namespace
+
 RequestChannel::RequestChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
                                Refusals& refusals)
     : mLimits(limits), mRefusals(refusals), mSocket(Sockets::make(context, zmq::socket_type::router, limits)),
       mMonitor(context, mSocket, "request", limits, refusals)
 {
-    // A client awaits one reply at a time. Who asks more and reads nothing must not fill the memory with
-    // replies.
-    constexpr int unreadReplies = 8;
     mSocket.set(zmq::sockopt::sndhwm, unreadReplies);
     Sockets::bind(mSocket, endpoint);
 }
@@ -63,6 +71,20 @@ bool RequestChannel::receiveFrame(zmq::message_t& frame, bool& more, uint64_t& b
 
 void RequestChannel::reply(const std::string& connection, const std::string& text)
 {
+    const auto descriptor = mSpeakers.find(connection);
+    if (descriptor == mSpeakers.end())
+        return;
+    const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor->second);
+    if (!sent)
+        return;
+    // What is sent beside replies, such as the answers to heartbeats, was not counted.
+    Peer& peer = mPeers[descriptor->second];
+    peer.replied = std::max(peer.replied, sent->handedOver);
+    if (peer.replied - sent->handedOver > unreadBytes)
+        return mRefusals.report(Refusal::UnreadReplies,
+                                "A reply was dropped, its receiver has left more than " +
+                                    std::to_string(unreadBytes) + " bytes of others unread");
+    peer.replied += text.size();
     Frames::sendFrame(mSocket, zmq::buffer(connection), true);
     Frames::sendFrame(mSocket, zmq::const_buffer(), true);
     Frames::send(mSocket, text);

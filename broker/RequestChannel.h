@@ -29,7 +29,8 @@ public:
     /// The next request, if one is there.
     std::optional<Request> receive();
 
-    /// A connection that has gone by now gets nothing, silently.
+    /// A connection that has gone by now gets nothing, silently. So does one that leaves too many replies
+    /// unread.
     void reply(const std::string& connection, const std::string& text);
 
     /// Takes note of connections made and closed, and returns those that have spoken and are closed now.
@@ -58,6 +59,7 @@ private:
     {
         std::string connection; ///< that spoke last; empty: has not spoken yet
         Unfinished unfinished;
+        uint64_t replied = 0; ///< bytes handed over, and of the replies that are waiting for that
     };
 
     bool receiveFrame(zmq::message_t& frame, bool& more, uint64_t& bytes);

@@ -2,9 +2,17 @@
 
 #include <algorithm>
 
-void Subscribers::subscribed(int descriptor, const Connection::Sent& sent, TimePoint now)
+void Subscribers::subscribed(int descriptor, const Connection::Sent& sent, TimePoint now, bool toAll)
 {
-    mSubscribers[descriptor] = {sent.handedOver - mPublished, mPublished, sent.acknowledged, now};
+    mSubscribers.try_emplace(
+        descriptor, Subscriber{sent.handedOver - mPublished, mPublished, sent.acknowledged, now, toAll});
+}
+
+void Subscribers::cancelled(int descriptor)
+{
+    const auto subscriber = mSubscribers.find(descriptor);
+    if (subscriber != mSubscribers.end())
+        subscriber->second.toAll = false;
 }
 
 void Subscribers::left(int descriptor)
@@ -43,7 +51,8 @@ void Subscribers::judge(int descriptor, Subscriber& subscriber, const Connection
                         Verdict& verdict)
 {
     // What was sent between its subscription and the notice of it was not counted.
-    if (sent.handedOver - subscriber.origin > mPublished)
+    const bool hasTakenItsPart = !subscriber.toAll && sent.unsent == 0;
+    if (sent.handedOver - subscriber.origin > mPublished || hasTakenItsPart)
         subscriber.origin = sent.handedOver - mPublished;
     subscriber.taken = sent.handedOver - subscriber.origin;
 

@@ -17,6 +17,9 @@
 /// slow one or refuses to send to all. But what it has taken out of a queue it has handed to the kernel, and
 /// the kernel counts. The difference to what has been published is what waits in the broker's memory.
 ///
+/// Of one that is sent only a part, it is not known how much that is. It has taken everything whenever the
+/// kernel has nothing unsent for it; until then, all that was published counts as if it were sent.
+///
 /// A subscriber that is behind by more than the limit is waited for while it keeps taking; so one that is
 /// only slower than a burst loses nothing. The time for that is limited, for all together, because nobody is
 /// served meanwhile. One that does not take, or too slowly for that, is hopeless: it is to be cut off, which
@@ -41,8 +44,14 @@ public:
 
     explicit Subscribers(const Limits& limits) : mLimits(limits) {}
 
+    /// A subscriber's first subscription; further ones do not count.
     /// @param sent to it so far
-    void subscribed(int descriptor, const Connection::Sent& sent, TimePoint now);
+    /// @param toAll it is sent all notifications
+    void subscribed(int descriptor, const Connection::Sent& sent, TimePoint now, bool toAll = true);
+
+    /// It is no longer sent all notifications.
+    void cancelled(int descriptor);
+
     void left(int descriptor);
 
     /// @param wireBytes what was sent to each of them
@@ -99,6 +108,7 @@ private:
         uint64_t taken;  ///< position up to which it has been handed over
         uint64_t mark;   ///< bytes acknowledged at markTime
         TimePoint markTime;
+        bool toAll;
     };
 
     void passTime(TimePoint now);

@@ -232,14 +232,16 @@ TEST_F(SmallLimits, aFrameThatIsAnnouncedToBeHugeEndsItsConnection)
 
 TEST_F(SmallLimits, aMessageWithoutEndIsCutOff)
 {
-    for (const uint16_t port : {requestPort, postPort})
+    for (const auto& [port, type] :
+         {std::pair(requestPort, "REQ"), std::pair(postPort, "PUB"), std::pair(notifyPort, "SUB")})
     {
         Connection connection(port);
-        ASSERT_TRUE(connection.shakeHands(port == requestPort ? "REQ" : "PUB"));
+        ASSERT_TRUE(connection.shakeHands(type));
         const std::string frame = std::string("\1\xff", 2) + std::string(255, 'x'); // more to come
         EXPECT_TRUE(eventually([&] { return !connection.write(frame + frame + frame + frame); })) << port;
     }
-    EXPECT_EQ(statistic("limit.messageBytes"), 2U);
+    EXPECT_EQ(statistic("limit.messageBytes"), 3U);
+    EXPECT_TRUE(broker.process().waitForError("A subscription that does not end was cut off"));
     EXPECT_TRUE(
         broker.process().waitForError("A post that does not end was cut off, the limit is 2048 bytes"));
     EXPECT_TRUE(
@@ -436,6 +438,28 @@ TEST_F(FloodTest, whoSyncsAndLeavesDoesNotLetLaterOnesThroughWithoutTheirPosts)
         held = std::chrono::steady_clock::now() - begin;
     }
     EXPECT_GT(held, std::chrono::milliseconds(900));
+}
+
+TEST_F(FloodTest, longRepliesThatNobodyReadsDoNotFillTheMemory)
+{
+    for (int key = 0; key < 200; ++key)
+        poster.post(postOf("k" + std::to_string(key), std::string(50000, 'x')));
+    EXPECT_TRUE(eventually([this] { return statistic("stored.keys") == 200; }));
+    const uint64_t before = statistic("memory.rss");
+    std::deque<Connection> greedy;
+    for (int count = 0; count < 3; ++count)
+    {
+        greedy.emplace_back(requestPort, 32 * 1024);
+        ASSERT_TRUE(greedy.back().shakeHands("DEALER"));
+        const std::string text = R"({"getClientInfo":"null"})"; // ten megabytes
+        const std::string request = std::string("\1\0\0", 3) + static_cast<char>(text.size()) + text;
+        for (int asked = 0; asked < 8; ++asked)
+            greedy.back().write(request);
+    }
+    EXPECT_TRUE(eventually([this] { return statistic("limit.unreadReplies") >= 3 * 7; }));
+    EXPECT_TRUE(isSanitized || statistic("memory.rss") < before + 120U * 1024 * 1024);
+    expectServing();
+}
 
 // -------------------------------------------------------------------------------------------- heavy messages
 
@@ -642,6 +666,42 @@ TEST_F(Subscribing, oneOfOnlyAPartIsNeverTakenForStalled)
     while (message.to_string().find("last") == std::string::npos)
         ASSERT_TRUE(events.recv(message));
     EXPECT_EQ(statistic("subscribers.cutOff"), 0U);
+}
+
+TEST_F(Subscribing, oneThatStallsIsCutOffAlsoIfItSubscribedToAPartOrAgain)
+{
+    const std::string toAll("\0\1\1", 3);
+    for (const std::string& subscription : {std::string("\0\2\1{", 4), toAll + toAll})
+    {
+        Connection stalled(notifyPort, 32 * 1024);
+        ASSERT_TRUE(stalled.shakeHands("SUB"));
+        stalled.write(subscription);
+        const uint64_t before = statistic("subscribers.cutOff");
+        int number = 0;
+        const auto isCutOff = [&]
+        {
+            poster.post(postOf("k", std::to_string(++number) + std::string(30000, 'x')));
+            if (subscription.size() > toAll.size() && number % 10 == 0)
+                stalled.write(toAll);
+            return number % 50 == 0 && statistic("subscribers.cutOff") > before;
+        };
+        EXPECT_TRUE(eventually(isCutOff)) << number;
+        EXPECT_GT(statistic("notifications.lost"), 0U);
+    }
+}
+
+TEST_F(Subscribing, oneWithTooLongOrTooManySubscriptionsIsCutOff)
+{
+    Connection connection(notifyPort);
+    ASSERT_TRUE(connection.shakeHands("SUB"));
+    connection.write(longFrame("\1" + std::string(2000, 'x')));
+    EXPECT_TRUE(connection.isClosed());
+    Connection another(notifyPort);
+    ASSERT_TRUE(another.shakeHands("SUB"));
+    int number = 0;
+    EXPECT_TRUE(eventually(
+        [&] { return !another.write(longFrame("\1" + std::to_string(++number) + std::string(1000, 'x'))); }));
+    EXPECT_TRUE(broker.process().waitForError("A subscriber to too much was cut off"));
 }
 
 TEST_F(Subscribing, oneThatReadsTooSlowlyDelaysNobodyForLong)

@@ -231,3 +231,40 @@ TEST_F(SubscribersTest, oneThatLeftIsForgotten)
     EXPECT_TRUE(look().hopeless.empty());
     EXPECT_EQ(subscribers.size(), 0U);
 }
+
+TEST_F(SubscribersTest, oneThatSubscribesAgainIsStillBehind)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    publish(150);
+    subscribers.subscribed(first, {0, 0}, now);
+    now += 1s;
+    EXPECT_EQ(look().hopeless.size(), 1U);
+}
+
+TEST_F(SubscribersTest, oneToAPartIsFineAsLongAsNothingIsUnsent)
+{
+    subscribers.subscribed(first, {0, 0}, now, false);
+    publish(150);
+    now += 1s;
+    EXPECT_TRUE(look().hopeless.empty());
+}
+
+TEST_F(SubscribersTest, oneToAPartIsHopelessWhenItDoesNotTakeItsPart)
+{
+    subscribers.subscribed(first, {0, 0}, now, false);
+    publish(150);
+    now += 1s;
+    sent[first] = {50000, 0, 1};
+    EXPECT_FALSE(look().wait) << "it is not behind by more than the limit";
+    publish(50);
+    EXPECT_EQ(look().hopeless.size(), 1U);
+}
+
+TEST_F(SubscribersTest, oneThatCancelsIsOneToAPart)
+{
+    subscribers.subscribed(first, {0, 0}, now);
+    subscribers.cancelled(first);
+    publish(150);
+    now += 1s;
+    EXPECT_TRUE(look().hopeless.empty());
+}
