@@ -41,7 +41,7 @@ constexpr std::chrono::milliseconds longestLastWait{900};
 constexpr std::chrono::milliseconds longestEnd{1200};
 
 // How often connections are looked at, and how often while one is in the middle of a long message.
-constexpr std::chrono::milliseconds lookPause{50};
+constexpr std::chrono::milliseconds lookPause{100};
 constexpr std::chrono::milliseconds closeLookPause{20};
 
 // How often the state file is told that time goes on, while timers run.

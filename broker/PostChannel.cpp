@@ -71,7 +71,7 @@ void PostChannel::account(zmq::message_t& frame, bool more)
     connection.unfinished.received(size);
     connection.writtenOff = false;
     if (!more)
-        mTurn.received(connection.unfinished.ended(), Sockets::queueLength(mLimits));
+        mTurn.received(connection.unfinished.ended(), Sockets::queueLength);
     if (!more && connection.accounted > connection.arrivedBefore)
         ++connection.messagesBehind;
 }
@@ -151,6 +151,6 @@ void PostChannel::abandonBarrier()
 
 bool PostChannel::cutOffEndless()
 {
-    return Unfinished::cutOffEndless(mConnections, mTurn, "post", mLimits.messageBytes,
-                                     Sockets::queueLength(mLimits) * mLimits.messageBytes, mRefusals);
+    return Unfinished::cutOffEndless(mConnections, mTurn, "post", mLimits.messageBytes, Sockets::queueBytes,
+                                     mRefusals);
 }

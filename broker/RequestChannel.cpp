@@ -56,7 +56,7 @@ std::optional<RequestChannel::Request> RequestChannel::receive()
     {
         noteSpeaker(peer->first, peer->second, request.connection);
         peer->second.unfinished.received(bytes);
-        mTurn.received(peer->second.unfinished.ended(), Sockets::queueLength(mLimits));
+        mTurn.received(peer->second.unfinished.ended(), Sockets::queueLength);
     }
     return request;
 }
@@ -134,6 +134,6 @@ void RequestChannel::noteConnections()
 
 bool RequestChannel::cutOffEndless()
 {
-    return Unfinished::cutOffEndless(mPeers, mTurn, "request", mLimits.messageBytes,
-                                     Sockets::queueLength(mLimits) * mLimits.messageBytes, mRefusals);
+    return Unfinished::cutOffEndless(mPeers, mTurn, "request", mLimits.messageBytes, Sockets::queueBytes,
+                                     mRefusals);
 }

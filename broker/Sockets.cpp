@@ -1,6 +1,5 @@
 #include "broker/Sockets.h"
 
-#include <algorithm>
 #include <stdexcept>
 
 zmq::socket_t Sockets::make(zmq::context_t& context, zmq::socket_type type, const Limits& limits)
@@ -19,15 +18,7 @@ void Sockets::setLimits(zmq::socket_t& socket, const Limits& limits)
     // be much longer ends its connection, before memory is taken for it.
     constexpr int64_t somewhat = 2;
     socket.set(zmq::sockopt::maxmsgsize, somewhat * static_cast<int64_t>(limits.messageBytes));
-    socket.set(zmq::sockopt::rcvhwm, static_cast<int>(queueLength(limits)));
-}
-
-uint64_t Sockets::queueLength(const Limits& limits)
-{
-    constexpr std::size_t queueBytes = std::size_t{8} * 1024 * 1024;
-    constexpr std::size_t least = 2;
-    constexpr std::size_t usual = 1000;
-    return std::clamp(queueBytes / limits.messageBytes, least, usual);
+    socket.set(zmq::sockopt::rcvhwm, queueLength);
 }
 
 void Sockets::setLinger(zmq::socket_t& socket, std::chrono::milliseconds time)

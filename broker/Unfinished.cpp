@@ -33,9 +33,9 @@ Unfinished::Verdict Unfinished::glance(int descriptor, std::size_t limit) const
     return read - std::min(read, mReceived) > limit + readAhead ? Verdict::Endless : Verdict::Fine;
 }
 
-void Unfinished::cutOff(int descriptor, const std::string& what, std::size_t limit, Refusals& refusals)
+void Unfinished::cutOff(int descriptor, const std::string& why, std::size_t limit, Refusals& refusals)
 {
-    refusals.report(Refusal::MessageBytes, "A " + what + " that does not end was cut off, the limit is " +
-                                               std::to_string(limit) + " bytes");
+    refusals.report(Refusal::MessageBytes,
+                    why + " was cut off, the limit is " + std::to_string(limit) + " bytes");
     Connection::cut(descriptor);
 }

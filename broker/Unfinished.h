@@ -57,7 +57,7 @@ public:
     /// soon: somebody is in the middle of a long one, or it is too early to tell.
     /// @param peers by descriptor, with a member `unfinished`
     /// @param what  is being received
-    /// @param queueBytes at most so much of one connection is ready to be received
+    /// @param queueBytes so much of one connection may be ready to be received
     template <typename Peers>
     static bool cutOffEndless(Peers& peers, Turn& turn, const std::string& what, std::size_t limit,
                               std::size_t queueBytes, Refusals& refusals)
@@ -66,17 +66,21 @@ public:
         bool isLong = !isOver;
         for (auto& [descriptor, peer] : peers)
         {
-            const Verdict verdict = isOver ? peer.unfinished.look(descriptor, limit)
-                                           : peer.unfinished.glance(descriptor, limit + queueBytes);
+            const std::size_t most = isOver ? limit : limit + queueBytes;
+            const Verdict verdict =
+                isOver ? peer.unfinished.look(descriptor, most) : peer.unfinished.glance(descriptor, most);
             isLong = isLong || verdict == Verdict::Long;
             if (verdict == Verdict::Endless)
-                cutOff(descriptor, what, limit, refusals);
+                cutOff(descriptor,
+                       isOver ? "A " + what + " that does not end"
+                              : "Who sends faster than a " + what + " is taken",
+                       most, refusals);
         }
         return isLong;
     }
 
 private:
-    static void cutOff(int descriptor, const std::string& what, std::size_t limit, Refusals& refusals);
+    static void cutOff(int descriptor, const std::string& why, std::size_t limit, Refusals& refusals);
 
     uint64_t mMessages = 0; // since the last look
     uint64_t mReceived = 0;
