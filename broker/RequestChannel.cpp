@@ -71,23 +71,28 @@ bool RequestChannel::receiveFrame(zmq::message_t& frame, bool& more, uint64_t& b
 
 void RequestChannel::reply(const std::string& connection, const std::string& text)
 {
-    const auto descriptor = mSpeakers.find(connection);
-    if (descriptor == mSpeakers.end())
-        return;
-    const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor->second);
-    if (!sent)
-        return;
-    // What is sent beside replies, such as the answers to heartbeats, was not counted.
-    Peer& peer = mPeers[descriptor->second];
-    peer.replied = std::max(peer.replied, sent->handedOver);
-    if (peer.replied - sent->handedOver > unreadBytes)
+    const auto speaker = mSpeakers.find(connection);
+    if (speaker != mSpeakers.end() && !hasRoomFor(text, speaker->second))
         return mRefusals.report(Refusal::UnreadReplies,
                                 "A reply was dropped, its receiver has left more than " +
                                     std::to_string(unreadBytes) + " bytes of others unread");
-    peer.replied += text.size();
     Frames::sendFrame(mSocket, zmq::buffer(connection), true);
     Frames::sendFrame(mSocket, zmq::const_buffer(), true);
     Frames::send(mSocket, text);
+}
+
+bool RequestChannel::hasRoomFor(const std::string& reply, int descriptor)
+{
+    const std::optional<Connection::Sent> sent = Connection::bytesSent(descriptor);
+    if (!sent)
+        return true; // it has just been closed: nobody gets it
+    // What is sent beside replies, such as the answers to heartbeats, was not counted.
+    Peer& peer = mPeers[descriptor];
+    peer.replied = std::max(peer.replied, sent->handedOver);
+    if (peer.replied - sent->handedOver > unreadBytes)
+        return false;
+    peer.replied += reply.size();
+    return true;
 }
 
 // Requests of a connection that has been closed may still come when its descriptor is in use again.

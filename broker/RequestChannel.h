@@ -64,6 +64,7 @@ private:
 
     bool receiveFrame(zmq::message_t& frame, bool& more, uint64_t& bytes);
     void noteConnections();
+    bool hasRoomFor(const std::string& reply, int descriptor);
     void noteSpeaker(int descriptor, Peer& peer, const std::string& connection);
     bool forgetSpeaker(int descriptor, const Peer& peer);
 
