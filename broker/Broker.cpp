@@ -229,6 +229,9 @@ void Broker::takePosts()
             break;
         apply(*post);
     }
+    // Who sends faster than posts can be taken fills the memory.
+    if (Clock::now() >= end)
+        mPosts.cutOffEndless();
     settle();
 }
 

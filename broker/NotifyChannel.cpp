@@ -19,6 +19,10 @@ constexpr std::size_t subscriptionBytes =
     std::size_t{256} * 1024; // of one connection, cancelled ones included
 constexpr std::size_t subscriptionOverhead = 16;
 
+// So many subscriptions of each connection libzmq holds ready. It takes them up as long as there are any,
+// whatever else is to be done: so there must be an end to those who send without a pause.
+constexpr int queuedSubscriptions = 8;
+
 // So many subscriptions are received at a time.
 constexpr int batchSize = 1000;
 
@@ -27,9 +31,9 @@ int highWaterMark(std::size_t notifyBytes)
 {
     // libzmq may take its queue for full at half the mark, because it learns only now and then what was
     // taken.
-    constexpr std::size_t clearance = 4;
-    const std::size_t messages = clearance * (notifyBytes / Subscribers::messageOverhead);
-    return static_cast<int>(std::min<std::size_t>(messages + 1, std::numeric_limits<int>::max()));
+    constexpr uint64_t clearance = 4;
+    const uint64_t messages = clearance * (notifyBytes / Subscribers::messageOverhead);
+    return static_cast<int>(std::min<uint64_t>(messages + 1, std::numeric_limits<int>::max()));
 }
 
 uint64_t wireSizeOf(const std::string& text)
@@ -49,6 +53,7 @@ NotifyChannel::NotifyChannel(zmq::context_t& context, const std::string& endpoin
 {
     applyLimits();
     mSocket.set(zmq::sockopt::maxmsgsize, static_cast<int64_t>(longestSubscription));
+    mSocket.set(zmq::sockopt::rcvhwm, queuedSubscriptions);
     mSocket.set(zmq::sockopt::xpub_verboser, 1); // all clients subscribe to the same: show each of them
     Sockets::bind(mSocket, endpoint);
 }

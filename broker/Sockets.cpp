@@ -8,6 +8,7 @@ zmq::socket_t Sockets::make(zmq::context_t& context, zmq::socket_type type, cons
     setLinger(socket, std::chrono::milliseconds(0)); // unless the end is orderly
     // Who connects and does not speak the protocol within this time is disconnected.
     socket.set(zmq::sockopt::handshake_ivl, 5000);
+    socket.set(zmq::sockopt::rcvhwm, queueLength);
     setLimits(socket, limits);
     return socket;
 }
@@ -18,7 +19,6 @@ void Sockets::setLimits(zmq::socket_t& socket, const Limits& limits)
     // be much longer ends its connection, before memory is taken for it.
     constexpr int64_t somewhat = 2;
     socket.set(zmq::sockopt::maxmsgsize, somewhat * static_cast<int64_t>(limits.messageBytes));
-    socket.set(zmq::sockopt::rcvhwm, queueLength);
 }
 
 void Sockets::setLinger(zmq::socket_t& socket, std::chrono::milliseconds time)

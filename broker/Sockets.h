@@ -19,11 +19,13 @@ void setLimits(zmq::socket_t& socket, const Limits& limits);
 
 /// How many messages of one connection libzmq holds ready until they are received; the others wait in the
 /// kernel and in the sender. With fewer of them the two threads wait for each other more often: posting with
-/// a barrier every 250 posts is a third slower with 8, and a tenth with 256.
+/// a barrier every 250 posts is a third slower with 8, and a tenth with 256. Not to be changed while there
+/// are connections: libzmq counts what was received in steps of half of it, and may never go on after a
+/// change.
 constexpr int queueLength = 1000;
 
 /// How many bytes of one connection they may be, when they are long. Who sends faster is cut off.
-constexpr std::size_t queueBytes = std::size_t{64} * 1024 * 1024;
+constexpr std::size_t queueBytes = std::size_t{32} * 1024 * 1024;
 
 /// How long what was sent may take to go out when the socket is closed.
 void setLinger(zmq::socket_t& socket, std::chrono::milliseconds time);

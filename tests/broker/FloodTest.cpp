@@ -513,19 +513,26 @@ TEST_F(FloodTest, heavyPostsLeaveItServing)
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(isSanitized ? 10 : 2));
 }
 
-TEST_F(FloodTest, heavyPostsAreNotTakenForOneThatDoesNotEnd)
+TEST_F(FloodTest, aBurstOfHeavyPostsIsNotTakenForOneThatDoesNotEnd)
 {
-    const Flood flood(heavyNonsense());
-    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 12; }));
+    for (int count = 0; count < 20; ++count)
+        poster.post(heavyNonsense());
+    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") == 20; }));
     EXPECT_EQ(statistic("limit.messageBytes"), 0U);
 }
 
-TEST_F(FloodTest, heavyPostsWaitInTheirSender)
+TEST_F(FloodTest, whoSendsHeavyPostsWithoutAPauseIsCutOffBeforeTheyFillTheMemory)
 {
     const uint64_t before = statistic("memory.rss");
     const Flood flood(heavyNonsense());
-    EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 12; }));
-    EXPECT_TRUE(isSanitized || statistic("memory.rss") < before + 64U * 1024 * 1024);
+    uint64_t most = 0;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            most = std::max(most, statistic("memory.rss"));
+            return statistic("limit.messageBytes") > 0;
+        }));
+    EXPECT_TRUE(isSanitized || most < before + 400U * 1024 * 1024) << (most - before) / 1024 << " KiB";
 }
 
 TEST_F(FloodTest, heavyPostsDoNotHideAMessageThatDoesNotEnd)
@@ -536,7 +543,7 @@ TEST_F(FloodTest, heavyPostsDoNotHideAMessageThatDoesNotEnd)
     ASSERT_TRUE(connection.shakeHands("PUB"));
     const std::string frame = std::string("\1\xff", 2) + std::string(255, 'x'); // more to come
     EXPECT_TRUE(eventually([&] { return !connection.write(frame + frame + frame + frame); }));
-    EXPECT_EQ(statistic("limit.messageBytes"), 1U);
+    EXPECT_GE(statistic("limit.messageBytes"), 1U);
 }
 
 TEST_F(FloodTest, aSyncWaitsForHeavyPostsThatAQueryDidNotWaitFor)

@@ -799,7 +799,7 @@ SavedState longValues(char character)
 void damage(const std::string& path)
 {
     std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file << std::string(std::filesystem::file_size(path), 'Z');
+    file << std::string(readFile(path).size(), 'Z');
 }
 
 } // namespace

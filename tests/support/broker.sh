@@ -1,5 +1,5 @@
 # Sourced by the checks that are scripts: a broker for the programs that they run.
-#   start_broker PROGRAM   starts it; at the latest it ends with the script
+#   start_broker COMMAND   starts it; at the latest it ends with the script
 #   wait_for_broker STATUSCTL   until it answers; for the tool, which waits for none
 #   stop_broker            ends it, and fails unless it was there and ended well
 #   started                the processes that are ended with the script, too
@@ -15,7 +15,7 @@ fail() {
 
 # Clients wait until a broker answers, so nothing needs to wait for this one.
 start_broker() {
-    "$1" &
+    "$@" &
     broker=$!
     started+=("$broker")
 }
@@ -23,7 +23,7 @@ start_broker() {
 wait_for_broker() {
     local _
     for _ in {1..300}; do
-        "$1" --quiet ping >/dev/null 2>&1 && return
+        "$@" --quiet ping >/dev/null 2>&1 && return
         read -r -t 0.1 <> <(:) || true
     done
     fail "the broker did not start"
