@@ -26,7 +26,7 @@
 class StartupGate
 {
 public:
-    static constexpr std::chrono::milliseconds settleTime{8};
+    static constexpr std::chrono::milliseconds settleTime{15};
     static constexpr std::chrono::milliseconds longestHold{1000};
 
     /// Identifies a request connection: its routing id.
