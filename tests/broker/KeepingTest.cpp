@@ -6,6 +6,7 @@
 #include <set>
 #include <unistd.h>
 
+#include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/TemporaryFolder.h"
@@ -17,21 +18,6 @@ namespace
 constexpr std::chrono::milliseconds quiet{300};
 
 constexpr const char* heldFile = "ANNOUNCED_SYNC"; // see AnnouncedSync.cpp
-
-std::string postOf(const std::string& key, const std::string& value)
-{
-    return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
-}
-
-std::string valueOf(RawRequester& requester, const std::string& key)
-{
-    return requester.ask(R"({"getClientInfoValue":")" + key + "\"}");
-}
-
-std::string reply(const std::string& value)
-{
-    return R"({"statusValue":")" + value + "\"}";
-}
 
 // The regular files that a process has open.
 std::set<std::string> filesOf(pid_t process)

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "statusmanager/StatusManagerProxy.h"
+#include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/TemporaryFolder.h"
@@ -20,21 +21,6 @@ namespace
 {
 
 using Command = std::vector<std::string>;
-
-std::string postOf(const std::string& key, const std::string& value)
-{
-    return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
-}
-
-std::string valueOf(RawRequester& requester, const std::string& key)
-{
-    return requester.ask(R"({"getClientInfoValue":")" + key + "\"}");
-}
-
-std::string reply(const std::string& value)
-{
-    return R"({"statusValue":")" + value + "\"}";
-}
 
 } // namespace
 
