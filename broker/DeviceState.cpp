@@ -1,18 +1,19 @@
 #include "broker/DeviceState.h"
 
 #include <algorithm>
-#include <chrono>
+#include <ctime>
 
 namespace Key = BrokerProtocol::Key;
 
 namespace
 {
 
-template <typename AnyClock>
-uint64_t microsecondsOf()
+// Not by the clocks of std::chrono: on 32-bit processors the C++ library's wall clock ends in 2038.
+uint64_t microsecondsOf(clockid_t clock)
 {
-    using namespace std::chrono;
-    return static_cast<uint64_t>(duration_cast<microseconds>(AnyClock::now().time_since_epoch()).count());
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
 }
 
 // ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
@@ -26,7 +27,7 @@ uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
 void begin(SavedState::Timer& timer, uint64_t now)
 {
     timer.spanStart = now;
-    timer.lastStarted = microsecondsOf<std::chrono::system_clock>();
+    timer.lastStarted = microsecondsOf(CLOCK_REALTIME);
 }
 
 void operate(SavedState::Timer& timer, std::string_view operation, uint64_t now)
@@ -92,12 +93,12 @@ std::optional<std::string> DeviceState::answer(const BrokerProtocol::Command& re
     if (request.key == Key::getClientInfoValues)
         return BrokerProtocol::writeMapReply(valuesOf(request.list));
     if (request.key == Key::getTimerElapsed)
-        return BrokerProtocol::writeNumberReply(elapsed(request.text));
+        return BrokerProtocol::writeTimerReply(elapsed(request.text));
     if (request.key == Key::getTimerLastStarted)
-        return BrokerProtocol::writeNumberReply(lastStarted(request.text));
+        return BrokerProtocol::writeTimerReply(lastStarted(request.text));
     if (request.key == Key::incrementCounter)
         return incrementCounter(request.text);
-    return BrokerProtocol::writeNumberReply(counter(request.text));
+    return BrokerProtocol::writeCounterReply(counter(request.text));
 }
 
 StatusMap DeviceState::changedSince(uint64_t revision) const
@@ -212,7 +213,7 @@ void DeviceState::applyToTimer(const BrokerProtocol::Command& post)
     if (!mayName(mTimers, post.text, mLimits.timers, Refusal::Timers))
         return;
     Timer& timer = mTimers[post.text];
-    operate(timer, post.key, microsecondsOf<std::chrono::steady_clock>());
+    operate(timer, post.key, microsecondsOf(CLOCK_MONOTONIC));
     if (mNotesChanges)
         mChanges.timers[post.text] = timer;
 }
@@ -231,7 +232,7 @@ std::optional<std::string> DeviceState::incrementCounter(const std::string& name
     if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
         return std::nullopt;
     setCounter(name, counter(name) + 1); // wraps at 2^32
-    return BrokerProtocol::writeNumberReply(counter(name));
+    return BrokerProtocol::writeCounterReply(counter(name));
 }
 
 // ------------------------------------------------------------------------------------------------- queries
@@ -273,7 +274,7 @@ uint64_t DeviceState::elapsed(const std::string& name) const
     const auto timer = mTimers.find(name);
     if (timer == mTimers.end())
         return 0;
-    return timer->second.accumulated + spanOf(timer->second, microsecondsOf<std::chrono::steady_clock>());
+    return timer->second.accumulated + spanOf(timer->second, microsecondsOf(CLOCK_MONOTONIC));
 }
 
 uint64_t DeviceState::lastStarted(const std::string& name) const

@@ -9,8 +9,10 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     Fuzz::requireRoundTrip(BrokerProtocol::readMapReply, BrokerProtocol::writeMapReply, text);
     Fuzz::requireRoundTrip(BrokerProtocol::readStatusValueReply, BrokerProtocol::writeStatusValueReply, text);
     const uint64_t number = BrokerProtocol::readTimerReply(text);
-    const uint64_t again = BrokerProtocol::readTimerReply(BrokerProtocol::writeNumberReply(number));
+    const uint64_t again = BrokerProtocol::readTimerReply(BrokerProtocol::writeTimerReply(number));
     Fuzz::require(again == number || number > INT64_MAX, "a time comes back"); // as atoll() reads
-    static_cast<void>(BrokerProtocol::readCounterReply(text));
+    const uint32_t value = BrokerProtocol::readCounterReply(text);
+    Fuzz::require(BrokerProtocol::readCounterReply(BrokerProtocol::writeCounterReply(value)) == value,
+                  "a counter comes back");
     return 0;
 }

@@ -43,9 +43,12 @@ Split split(Timestamp::Time time)
 
 } // namespace
 
+// Not by system_clock::now(): on 32-bit processors the C++ library ends in 2038.
 Timestamp::Time Timestamp::now()
 {
-    return std::chrono::floor<std::chrono::microseconds>(std::chrono::system_clock::now());
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return Time(std::chrono::seconds(now.tv_sec) + std::chrono::microseconds(now.tv_nsec / 1000));
 }
 
 std::string Timestamp::utc(Time time)

@@ -305,9 +305,14 @@ std::string writeStatusValueReply(const std::string& value)
     return writeText(Key::statusValue, value);
 }
 
-std::string writeNumberReply(uint64_t number)
+std::string writeTimerReply(uint64_t microseconds)
 {
-    return std::to_string(number);
+    return std::to_string(microseconds);
+}
+
+std::string writeCounterReply(uint32_t value)
+{
+    return std::to_string(static_cast<int32_t>(value));
 }
 
 std::string writeStatusUpdate(const StatusMap& changes)

@@ -132,7 +132,10 @@ std::optional<Command> readRequest(const std::string& message);
 
 std::string writeMapReply(const StatusMap& values);
 std::string writeStatusValueReply(const std::string& value);
-std::string writeNumberReply(uint64_t number);
+std::string writeTimerReply(uint64_t microseconds);
+/// As a signed number: above 2^31 the only text that clients of 32 bits read right, too, since atoi() ends
+/// there.
+std::string writeCounterReply(uint32_t value);
 std::string writeStatusUpdate(const StatusMap& changes);
 std::string writeEventUpdate(const StatusMap& events);
 

@@ -89,9 +89,24 @@ TEST(Writing, theBrokersMessagesAreCompact)
     EXPECT_EQ(writeMapReply({}), "{}");
     EXPECT_EQ(writeMapReply({{"b", "2"}, {"a", "1"}}), R"({"a":"1","b":"2"})");
     EXPECT_EQ(writeStatusValueReply("v"), R"({"statusValue":"v"})");
-    EXPECT_EQ(writeNumberReply(18446744073709551615U), "18446744073709551615");
+    EXPECT_EQ(writeTimerReply(18446744073709551615U), "18446744073709551615");
     EXPECT_EQ(writeStatusUpdate({{"k", "v"}}), R"({"statusUpdate":{"k":"v"}})");
     EXPECT_EQ(writeEventUpdate({{"e", "v"}}), R"({"eventUpdate":{"e":"v"}})");
+}
+
+// On 32 bits atoi() stops at 2^31 - 1; it reads the signed text of the same bits right everywhere.
+TEST(Writing, aCounterAboveTheSignedNumbersIsWrittenAsTheNegativeNumberOfTheSameBits)
+{
+    EXPECT_EQ(writeCounterReply(0), "0");
+    EXPECT_EQ(writeCounterReply(2147483647U), "2147483647");
+    EXPECT_EQ(writeCounterReply(2147483648U), "-2147483648");
+    EXPECT_EQ(writeCounterReply(4294967295U), "-1");
+}
+
+TEST(Writing, everyCounterComesBackAsItWas)
+{
+    for (const uint32_t value : {0U, 1U, 2147483647U, 2147483648U, 4000000000U, 4294967295U})
+        EXPECT_EQ(readCounterReply(writeCounterReply(value)), value);
 }
 
 // ------------------------------------------------------------------------------------------------- replies

@@ -14,7 +14,11 @@ std::atomic<time_t> ahead{0}; // of the machine's clock, seconds
 
 int machineClock(clockid_t clock, timespec* time)
 {
+#ifdef SYS_clock_gettime64 // 32-bit processors
+    return static_cast<int>(syscall(SYS_clock_gettime64, clock, time));
+#else
     return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
+#endif
 }
 
 } // namespace

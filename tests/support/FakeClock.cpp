@@ -33,6 +33,37 @@ extern "C" __attribute__((visibility("default"))) int clock_settime(clockid_t, c
     return record({time->tv_sec, time->tv_nsec / 1000}, false);
 }
 
+#if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && __SIZEOF_POINTER__ == 4
+// With 64-bit times the two above go by other names to the linker. What was compiled without must not reach
+// the machine's clock either.
+struct Timeval32
+{
+    int32_t seconds;
+    int32_t microseconds;
+};
+struct Timespec32
+{
+    int32_t seconds;
+    int32_t nanoseconds;
+};
+extern "C" __attribute__((visibility("default"))) int settimeofday32(const Timeval32* time,
+                                                                     const void* zone) noexcept
+    asm("settimeofday");
+extern "C" __attribute__((visibility("default"))) int clock_settime32(clockid_t,
+                                                                      const Timespec32* time) noexcept
+    asm("clock_settime");
+
+int settimeofday32(const Timeval32* time, const void* zone) noexcept
+{
+    return record({time->seconds, time->microseconds}, zone != nullptr);
+}
+
+int clock_settime32(clockid_t, const Timespec32* time) noexcept
+{
+    return record({time->seconds, time->nanoseconds / 1000}, false);
+}
+#endif
+
 std::optional<FakeClock::Setting> FakeClock::lastSetting()
 {
     const std::lock_guard<std::mutex> lock(mutex);
