@@ -2,9 +2,10 @@
 
 #include <csignal>
 #include <cstring>
-#include <pthread.h>
+#include <memory>
 #include <sched.h>
 #include <string>
+#include <system_error>
 
 #include "common/Logging.h"
 
@@ -36,6 +37,36 @@ private:
     sigset_t mPrevious;
 };
 
+void require(int error, const char* what)
+{
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), what);
+}
+
+class Attributes
+{
+public:
+    explicit Attributes(std::size_t stackSize)
+    {
+        require(pthread_attr_init(&mAttributes), "Failed to start an event thread");
+        mError = pthread_attr_setstacksize(&mAttributes, stackSize);
+    }
+    ~Attributes() { pthread_attr_destroy(&mAttributes); }
+
+    Attributes(const Attributes&) = delete;
+    Attributes& operator=(const Attributes&) = delete;
+
+    const pthread_attr_t* get() const
+    {
+        require(mError, "Bad stack size of an event thread");
+        return &mAttributes;
+    }
+
+private:
+    pthread_attr_t mAttributes;
+    int mError;
+};
+
 void nameCurrentThread(const std::string& name)
 {
     constexpr std::size_t kernelLimit = 15;
@@ -53,10 +84,28 @@ void raiseCurrentThread(const char* name, int priority)
 
 } // namespace
 
-EventThread::EventThread(const char* name, int priority) : EventDispatcher(name)
+struct EventThread::Start
 {
+    EventThread* thread;
+    int priority;
+};
+
+EventThread::EventThread(const char* name, int priority) : EventThread(name, priority, defaultStackSize()) {}
+
+// Not by std::thread, which knows no stack size.
+EventThread::EventThread(const char* name, int priority, std::size_t stackSize) : EventDispatcher(name)
+{
+    const Attributes attributes(stackSize);
+    auto start = std::make_unique<Start>(Start{this, priority});
     const AllSignalsBlocked blocked;
-    mThread = std::thread(&EventThread::main, this, priority);
+    require(pthread_create(&mThread, attributes.get(), &EventThread::enter, start.get()),
+            "Failed to start an event thread");
+    static_cast<void>(start.release()); // the thread's now
+}
+
+std::size_t EventThread::defaultStackSize()
+{
+    return std::size_t{1024} * VESKCOMMON_EVENT_THREAD_STACK_KIB;
 }
 
 EventThread::~EventThread()
@@ -67,9 +116,18 @@ EventThread::~EventThread()
 void EventThread::stop()
 {
     requestStop();
-    if (mThread.joinable())
-        mThread.join();
+    if (mThread != pthread_t{})
+        pthread_join(mThread, nullptr);
+    mThread = pthread_t{};
     dropAll();
+}
+
+// An exception that leaves an agent ends the program.
+void* EventThread::enter(void* start) noexcept
+{
+    const std::unique_ptr<Start> own(static_cast<Start*>(start));
+    own->thread->main(own->priority);
+    return nullptr;
 }
 
 void EventThread::main(int priority)

@@ -1,7 +1,8 @@
 #ifndef VESK_COMMON_EVENTTHREAD_H
 #define VESK_COMMON_EVENTTHREAD_H
 
-#include <thread>
+#include <cstddef>
+#include <pthread.h>
 
 #include "common/EventDispatcher.h"
 #include "common/Export.h"
@@ -21,6 +22,15 @@ public:
     /// @throws std::system_error when no thread can be started.
     EventThread(const char* name, int priority);
 
+    /// The same with a stack of that many bytes instead of defaultStackSize(): more for callbacks that keep
+    /// much on it, less where address space is short.
+    /// @throws std::system_error also when the system takes the size for too small (PTHREAD_STACK_MIN).
+    EventThread(const char* name, int priority, std::size_t stackSize);
+
+    /// What the stack of an event thread may grow to, in bytes: 1 MiB, unless the library was built with
+    /// another STATUSMANAGER_EVENT_THREAD_STACK_KIB. Only what is used takes memory. "ulimit -s" has no say.
+    static std::size_t defaultStackSize();
+
     /// As stop().
     ~EventThread() override;
 
@@ -31,9 +41,12 @@ public:
     void stop();
 
 private:
+    struct Start;
+
+    static void* enter(void* start) noexcept;
     void main(int priority);
 
-    std::thread mThread;
+    pthread_t mThread{}; ///< As it is here: no thread, before the start and after stop().
 };
 
 } // namespace Orvane

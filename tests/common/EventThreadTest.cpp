@@ -27,11 +27,16 @@ struct Inspection
         pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
         sched_param parameters{};
         pthread_getschedparam(pthread_self(), &policy, &parameters);
+        pthread_attr_t attributes;
+        pthread_getattr_np(pthread_self(), &attributes);
+        pthread_attr_getstacksize(&attributes, &stackSize);
+        pthread_attr_destroy(&attributes);
     }
 
     std::string kernelName;
     sigset_t blocked{};
     int policy = -1;
+    std::size_t stackSize = 0;
 };
 
 Inspection inspect(EventThread& thread)
@@ -61,6 +66,24 @@ TEST(EventThreadTest, theNameMayBeEmpty)
     EventThread thread("", 0);
     EXPECT_STREQ(thread.getName(), "");
     EXPECT_EQ(inspect(thread).kernelName, "");
+}
+
+TEST(EventThreadTest, hasTheDocumentedStackWhateverTheProcessesLimitIs)
+{
+    EventThread thread("stack", 0);
+    EXPECT_EQ(EventThread::defaultStackSize(), 1024U * 1024U);
+    EXPECT_EQ(inspect(thread).stackSize, EventThread::defaultStackSize());
+}
+
+TEST(EventThreadTest, hasTheStackThatItIsGiven)
+{
+    EventThread thread("stack", 0, 192 * 1024);
+    EXPECT_EQ(inspect(thread).stackSize, 192U * 1024U);
+}
+
+TEST(EventThreadTest, withAStackThatTheSystemRefusesIsNotStarted)
+{
+    EXPECT_THROW(EventThread("stack", 0, 1), std::system_error);
 }
 
 TEST(EventThreadTest, blocksAllSignalsAndLeavesItsCreatorsMaskAlone)
@@ -126,43 +149,11 @@ TEST(EventThreadTest, runsUntilItIsStopped)
     EXPECT_EQ(inspect(thread).kernelName, ""); // not delivered any more
 }
 
-namespace
-{
-
-// While it lives, new threads get a stack that no machine has room for.
-class NoRoomForThreads
-{
-public:
-    NoRoomForThreads()
-    {
-        pthread_getattr_default_np(&mBefore);
-        pthread_attr_t huge;
-        pthread_getattr_default_np(&huge);
-        pthread_attr_setstacksize(&huge, SIZE_MAX / 4);
-        pthread_setattr_default_np(&huge);
-        pthread_attr_destroy(&huge);
-    }
-    ~NoRoomForThreads()
-    {
-        pthread_setattr_default_np(&mBefore);
-        pthread_attr_destroy(&mBefore);
-    }
-
-    NoRoomForThreads(const NoRoomForThreads&) = delete;
-    NoRoomForThreads& operator=(const NoRoomForThreads&) = delete;
-
-private:
-    pthread_attr_t mBefore{};
-};
-
-} // namespace
-
 TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlone)
 {
-    const NoRoomForThreads noRoom;
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, nullptr, &before);
-    EXPECT_THROW(EventThread("never", 0), std::system_error);
+    EXPECT_THROW(EventThread("never", 0, SIZE_MAX / 4), std::system_error); // no machine has room for that
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &after);
     for (int signal = 1; signal < 32; ++signal)

@@ -304,6 +304,19 @@ TEST_F(NotifyThread, nestingThatIsTooDeepInsideAnUpdateIsDropped)
     expectNextWorks();
 }
 
+// It takes about 500 KiB of the thread's stack (JsonCpp 1.9.5, x86_64).
+TEST_F(NotifyThread, theDeepestNestingThatTheParserTakesFitsTheStack)
+{
+    std::string deepest;
+    constexpr int depth = 990;
+    for (int level = 0; level < depth; ++level)
+        deepest += R"({"a":)";
+    publishAndWait(cut(R"({"statusUpdate":)" + deepest + "1" + std::string(depth + 1, '}')));
+    EXPECT_EQ(warnings().size(), 1U);
+    expectNothingDelivered();
+    expectNextWorks();
+}
+
 TEST_F(NotifyThread, bytesThatAreNotUtf8DoNoHarm)
 {
     publishAndWait("{\"statusUpdate\":{\"other\":\"\xff\xfe\"}}");
