@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <json/json.h>
 
+#include "statusmanager/PlainDocument.h"
+
 // Json::Reader and Json::FastWriter are marked as superseded, but their exact behaviour is the wire format:
 // what they accept, and that they write no white space. They are faster than their successors, too.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
@@ -14,6 +16,8 @@ namespace BrokerProtocol
 
 namespace
 {
+
+// Plain documents are not JsonCpp's, see PlainDocument.h.
 
 std::string write(const Json::Value& root)
 {
@@ -156,14 +160,32 @@ constexpr std::array<Form, 8> requestForms{{
 }};
 
 template <std::size_t Count>
+const Form* findForm(const std::array<Form, Count>& forms, std::string_view key)
+{
+    const auto form = std::find_if(forms.begin(), forms.end(), [&](const Form& f) { return f.key == key; });
+    return form == forms.end() ? nullptr : &*form;
+}
+
+template <std::size_t Count>
+std::optional<Command> readPlainCommand(const std::string& message, const std::array<Form, Count>& forms)
+{
+    std::optional<PlainDocument::Content> plain = PlainDocument::read(message);
+    const Form* form = plain ? findForm(forms, plain->key) : nullptr;
+    if (form == nullptr || form->read != (plain->text ? readText : readMap))
+        return std::nullopt;
+    return Command{form->key, plain->text.value_or(""), {}, std::move(plain->members), 0};
+}
+
+template <std::size_t Count>
 std::optional<Command> readCommand(const std::string& message, const std::array<Form, Count>& forms)
 {
+    if (std::optional<Command> command = readPlainCommand(message, forms))
+        return command;
     const std::optional<Json::Value> root = parseObject(message);
     if (!root || root->size() != 1)
         return std::nullopt;
-    const std::string key = root->begin().name();
-    const auto form = std::find_if(forms.begin(), forms.end(), [&](const Form& f) { return f.key == key; });
-    if (form == forms.end())
+    const Form* form = findForm(forms, root->begin().name());
+    if (form == nullptr)
         return std::nullopt;
     Command command;
     command.key = form->key;
@@ -176,7 +198,8 @@ std::optional<Command> readCommand(const std::string& message, const std::array<
 
 std::string writeText(const char* key, const std::string& text)
 {
-    return writeDocument(key, text);
+    std::optional<std::string> plain = PlainDocument::write(key, text);
+    return plain ? std::move(*plain) : writeDocument(key, text);
 }
 
 std::string writeList(const char* key, const StatusKeys& texts)
@@ -189,7 +212,8 @@ std::string writeList(const char* key, const StatusKeys& texts)
 
 std::string writeMap(const char* key, const StatusMap& values)
 {
-    return writeDocument(key, objectOf(values));
+    std::optional<std::string> plain = PlainDocument::write(key, values);
+    return plain ? std::move(*plain) : writeDocument(key, objectOf(values));
 }
 
 std::string writeUpdateSystemTime(uint32_t seconds)
@@ -216,12 +240,17 @@ std::string writeGetClientInfo()
 
 std::optional<StatusMap> readMapReply(const std::string& reply)
 {
+    if (std::optional<StatusMap> members = PlainDocument::readMembers(reply))
+        return members;
     const std::optional<Json::Value> root = parseObject(reply);
     return root ? membersOf(*root) : std::nullopt;
 }
 
 std::optional<std::string> readStatusValueReply(const std::string& reply)
 {
+    std::optional<PlainDocument::Content> plain = PlainDocument::read(reply);
+    if (plain && plain->key == Key::statusValue && plain->text)
+        return std::move(plain->text);
     const std::optional<Json::Value> root = parseObject(reply);
     if (!root)
         return std::nullopt;
@@ -243,6 +272,12 @@ uint32_t readCounterReply(const std::string& reply)
 
 Notification readNotification(const std::string& message)
 {
+    std::optional<PlainDocument::Content> plain = PlainDocument::read(message);
+    if (plain && plain->key == Key::statusUpdate && !plain->text)
+        return {Notification::Kind::StatusUpdate, std::move(plain->members)};
+    if (plain && plain->key == Key::eventUpdate && !plain->text)
+        return {Notification::Kind::EventUpdate, std::move(plain->members)};
+
     const std::optional<Json::Value> root = parseObject(message);
     if (!root)
         return {};
@@ -297,7 +332,8 @@ std::optional<Command> readRequest(const std::string& message)
 
 std::string writeMapReply(const StatusMap& values)
 {
-    return write(objectOf(values));
+    std::optional<std::string> plain = PlainDocument::write(values);
+    return plain ? std::move(*plain) : write(objectOf(values));
 }
 
 std::string writeStatusValueReply(const std::string& value)
