@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/time.h>
+#include <unistd.h>
 
 #include "broker/Descriptors.h"
 #include "common/Logging.h"
@@ -27,9 +28,13 @@ constexpr const char* refusal = "{}";
 constexpr int batchSize = 1000;
 constexpr std::chrono::milliseconds batchTime{10};
 
-// How long nothing must have come after a long burst of posts, before it counts as over.
-constexpr std::chrono::microseconds queryQuiet{300};
-constexpr std::chrono::microseconds syncQuiet{2000};
+// How long nothing must have come after a long burst of posts, before it counts as over. The library lets no
+// request overtake posts inside its process; this is for what its kernel held back, and for other clients.
+constexpr std::chrono::microseconds quietAfterBurst{100};
+
+// Posts that are still under way are looked for often at first, then once in a millisecond.
+constexpr std::chrono::milliseconds promptWait{2};
+constexpr useconds_t promptPauseMicroseconds = 30;
 
 // Asked to stop, the broker serves until no request has come for a while. All of it has one bound, so that it
 // has ended after two seconds, even if it was just waiting for a subscriber: until the first of these times
@@ -379,7 +384,7 @@ bool Broker::awaitPostsBeforeRequests()
     const bool syncs = std::any_of(mRequestsTaken.begin(), mRequestsTaken.end(),
                                    [](const RequestChannel::Request& request)
                                    { return request.text == BrokerProtocol::syncWord; });
-    mPostsAwaited = syncs ? awaitPosts(longestSyncWait, syncQuiet) : awaitPosts(longestQueryWait, queryQuiet);
+    mPostsAwaited = syncs ? awaitPosts(longestSyncWait) : awaitPosts(longestQueryWait);
     return mPostsAwaited;
 }
 
@@ -393,22 +398,27 @@ void Broker::reply()
 }
 
 // False when it was interrupted.
-bool Broker::awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet)
+bool Broker::awaitPosts(std::chrono::milliseconds bound)
 {
-    const TimePoint end = std::min(Clock::now() + bound, mEndOfWaits);
+    const TimePoint begin = Clock::now();
+    const TimePoint end = std::min(begin + bound, mEndOfWaits);
     updateConnections();
     mPosts.beginBarrier();
     takePosts();
-    while (!mPosts.barrierReached(quiet))
+    while (!mPosts.barrierReached(quietAfterBurst))
     {
         if (Clock::now() >= end)
         {
             mPosts.abandonBarrier();
             return true;
         }
+        // libzmq waits for whole milliseconds, and what is awaited mostly comes within a fraction of one.
+        const bool isYoung = Clock::now() - begin < promptWait;
+        if (isYoung)
+            usleep(promptPauseMicroseconds);
         std::array<zmq::pollitem_t, 2> items{
             {{mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0}, {nullptr, mInterrupt, ZMQ_POLLIN, 0}}};
-        zmq_poll(items.data(), mInterrupt == -1 ? 1 : 2, 1);
+        zmq_poll(items.data(), mInterrupt == -1 ? 1 : 2, isYoung ? 0 : 1);
         if (items[1].revents != 0)
             return false;
         updateConnections();
@@ -504,7 +514,7 @@ void Broker::finish()
     while (Clock::now() < begin + longestFinish &&
            (!mRequestsTaken.empty() || zmq_poll(&item, 1, finishQuiet.count()) > 0))
         serveRequests();
-    awaitPosts(longestLastWait, syncQuiet);
+    awaitPosts(longestLastWait);
     for (const std::string& connection : mStartup.releaseAll())
         mRequests.reply(connection, BrokerProtocol::syncAckWord);
     if (mStateFile)

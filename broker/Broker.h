@@ -71,7 +71,7 @@ private:
     void serveRequests();
     void takeRequests();
     bool awaitPostsBeforeRequests();
-    bool awaitPosts(std::chrono::milliseconds bound, std::chrono::microseconds quiet);
+    bool awaitPosts(std::chrono::milliseconds bound);
     void reply();
     std::optional<std::string> answer(const RequestChannel::Request& request);
     std::string refuse(const RequestChannel::Request& request);

@@ -33,11 +33,16 @@ std::optional<uint64_t> Connection::bytesArrived(int descriptor)
     return info ? std::optional<uint64_t>(info->tcpi_bytes_received) : std::nullopt;
 }
 
+uint64_t Connection::bytesUnread(int descriptor)
+{
+    return queued(descriptor, SIOCINQ);
+}
+
 std::optional<uint64_t> Connection::bytesRead(int descriptor)
 {
     // Asked in this order, what arrives in between makes the result too small, never too large.
     const std::optional<uint64_t> arrived = bytesArrived(descriptor);
-    const uint64_t unread = queued(descriptor, SIOCINQ);
+    const uint64_t unread = bytesUnread(descriptor);
     return arrived ? std::optional(*arrived - std::min(*arrived, unread)) : std::nullopt;
 }
 

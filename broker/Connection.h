@@ -15,6 +15,9 @@ namespace Connection
 /// closed.
 std::optional<uint64_t> bytesArrived(int descriptor);
 
+/// Bytes that have arrived and wait in the kernel.
+uint64_t bytesUnread(int descriptor);
+
 /// Bytes that have arrived and been read.
 std::optional<uint64_t> bytesRead(int descriptor);
 

@@ -26,6 +26,11 @@ constexpr uint64_t mostWrittenOff = uint64_t{16} * 1024;
 // 1,000, and a batch of the smallest ones.
 constexpr unsigned clientBacklog = 1500;
 
+// Where this much had arrived and was not read yet, the client's kernel may have been told to hold back what
+// it had, as much as its send buffer takes: the default of tcp_wmem.
+constexpr uint64_t muchUnread = uint64_t{32} * 1024;
+constexpr uint64_t sendBuffer = uint64_t{4} * 1024 * 1024;
+
 } // namespace
 
 PostChannel::PostChannel(zmq::context_t& context, const std::string& endpoint, const Limits& limits,
@@ -111,6 +116,7 @@ void PostChannel::beginBarrier()
         connection.accounted =
             std::min(connection.accounted, std::max(connection.arrivedBefore, handshakeBytes));
         connection.messagesBehind = 0;
+        connection.heldBack = Connection::bytesUnread(descriptor) >= muchUnread ? sendBuffer : 0;
     }
 }
 
@@ -118,7 +124,8 @@ bool PostChannel::reached(int descriptor, const Peer& connection, std::chrono::m
 {
     if (connection.accounted < connection.arrivedBefore)
         return false;
-    if (connection.messagesBehind >= clientBacklog)
+    if (connection.messagesBehind >= clientBacklog &&
+        connection.accounted >= connection.arrivedBefore + connection.heldBack)
         return true;
     if (connection.accounted < Connection::bytesArrived(descriptor).value_or(0))
         return false;

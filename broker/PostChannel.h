@@ -74,6 +74,7 @@ private:
         uint64_t arrivedBefore = 0;  ///< bytes that had arrived when it began
         bool receivedSince = false;  ///< something has come out since it began
         unsigned messagesBehind = 0; ///< messages received after those bytes
+        uint64_t heldBack = 0;       ///< bytes that the peer's kernel may have held back then
     };
 
     void account(zmq::message_t& frame, bool more);

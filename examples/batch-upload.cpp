@@ -1,4 +1,4 @@
-// Posts many values in a burst and loses none: batch-upload [COUNT]
+// Posts many values and makes sure of all of them: batch-upload [COUNT]
 // Exits 0 when the broker has taken in all of them, 1 when it did not say so in time.
 
 #include <cstdio>
@@ -10,7 +10,7 @@
 namespace
 {
 
-// A process holds a limited number of posts that have not left it yet, and drops more of them silently.
+// So many wait in this process at most, and a broker that stands still is noticed before more are posted.
 constexpr unsigned long postsBetweenSyncs = 250;
 constexpr int timeoutMs = 10000;
 

@@ -10,6 +10,7 @@
 #include "common/EventAgent.h"
 #include "common/Logging.h"
 #include "statusmanager/BrokerProtocol.h"
+#include "statusmanager/PostFlow.h"
 
 OV_LOG_CONTROL_WORDS;
 
@@ -42,7 +43,8 @@ bool isLastFrame(void* socket)
 
 // ---------------------------------------------------------------------------------- construction, teardown
 
-StatusManagerProxy::StatusManagerProxy() : mNotifyThread("ProcessStatusMessage", 0)
+StatusManagerProxy::StatusManagerProxy()
+    : mNotifyThread("ProcessStatusMessage", 0), mPostFlow(std::make_unique<PostFlow>())
 {
     OV_TRACE(6);
     initSockets();
@@ -158,7 +160,7 @@ bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
         // message whose length is a multiple of 512 ends with an empty frame and loses its final 512 bytes.
         const std::size_t size =
             last ? message.size() % BrokerProtocol::maxFrameBytes : BrokerProtocol::maxFrameBytes;
-        const int sent = zmq_send(socket, message.data() + offset, size, last ? 0 : ZMQ_SNDMORE);
+        const int sent = sendFrame(socket, message.data() + offset, size, last);
         if (sent != static_cast<int>(size))
         {
             OV_LOG(0, "zmq_send error[%u] errno[%d]", static_cast<unsigned int>(sent), errno);
@@ -168,6 +170,13 @@ bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
             return true;
         offset += size;
     }
+}
+
+int StatusManagerProxy::sendFrame(void* socket, const char* bytes, std::size_t size, bool last)
+{
+    if (last && socket == mPostSocket)
+        return mPostFlow->sendLastFrame(socket, bytes, size);
+    return zmq_send(socket, bytes, size, last ? 0 : ZMQ_SNDMORE);
 }
 
 bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)
@@ -226,6 +235,7 @@ bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, 
         if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &timeoutMs, sizeof(timeoutMs)) != 0)
             OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket"); // names the wrong socket; kept word for word
         OV_LOG(6, "Sending request message [%s]", request.c_str());
+        mPostFlow->flush(mPostSocket);
         if (!sendOnSocket(mRequestSocket, request))
         {
             OV_LOG(0, "Failed to send command [%s]", request.c_str());

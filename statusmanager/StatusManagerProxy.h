@@ -2,8 +2,11 @@
 #define STATUSMANAGER_STATUSMANAGERPROXY_H
 
 #include <atomic>
+#include <memory>
 
 #include "statusmanager/StatusManager.h"
+
+class PostFlow;
 
 /// The production manager: a client of the broker process, over three ZeroMQ sockets on the loopback
 /// interface. Posts go to the broker and are not kept here; queries ask the broker; the broker's
@@ -87,7 +90,10 @@ protected:
 private:
     bool createSockets();
     bool connectSockets();
+    int sendFrame(void* socket, const char* bytes, std::size_t size, bool last);
     bool discardRestOfMessage(void* socket);
+
+    std::unique_ptr<PostFlow> mPostFlow; ///< Manager's thread.
 };
 
 #endif

@@ -1,5 +1,6 @@
-// The broker's three promises, each against the real process.
+// The promises of library and broker together, each against the real process.
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 #include <vector>
@@ -143,4 +144,78 @@ TEST(SyncBarrier, nothingIsStaleAfterSyncOnBusyCores)
     ProxyClient client;
     const BusyCores busy;
     EXPECT_EQ(staleAfterSync(*client, 10000), 0);
+}
+
+class Burst : public testing::Test
+{
+protected:
+    // Each post is one of its own for the broker.
+    void post(int count)
+    {
+        for (int index = 0; index < count; ++index)
+            client->postStatus("burst", std::to_string(index) + std::string(32, 'x'));
+        mPosted += static_cast<uint64_t>(count);
+    }
+
+    // Of those posted here; the "Sync" that a client posts at its start may have arrived, too.
+    uint64_t missing()
+    {
+        RawRequester requester;
+        return mBefore + mPosted - brokerStatistic(requester, "posts");
+    }
+
+    BrokerProcess broker;
+    ProxyClient client;
+
+private:
+    uint64_t countBefore()
+    {
+        RawRequester requester;
+        return brokerStatistic(requester, "posts");
+    }
+
+    uint64_t mPosted = 0;
+    const uint64_t mBefore = countBefore();
+};
+
+TEST_F(Burst, losesNothingAndASyncBehindItFindsAllOfIt)
+{
+    for (int round = 0; round < 5; ++round)
+    {
+        post(100000);
+        ASSERT_TRUE(client->sync(-1));
+        ASSERT_EQ(missing(), 0U) << "round " << round;
+    }
+}
+
+TEST_F(Burst, losesNothingOnBusyCores)
+{
+    const BusyCores busy;
+    post(100000);
+    ASSERT_TRUE(client->sync(-1));
+    EXPECT_TRUE(eventually([this] { return missing() == 0; })) << missing();
+}
+
+TEST_F(Burst, losesNothingShortlyAfterOthers)
+{
+    for (int round = 0; round < 200; ++round)
+    {
+        post(round * 7);
+        ASSERT_TRUE(client->sync(-1));
+    }
+    EXPECT_EQ(missing(), 0U);
+}
+
+// More than the kernel takes up for it. The last operation waits for its turn behind all posts.
+TEST_F(Burst, isNotHeldUpForLongByABrokerThatStandsStill)
+{
+    broker.process().suspend();
+    for (int index = 0; index < 40000; ++index)
+        client->postStatus("burst", std::to_string(index) + std::string(400, 'x'));
+    client->updateSystemTime(0); // refused by the broker; here it only waits
+    broker.process().signal(SIGCONT);
+    EXPECT_TRUE(client->sync(-1));
+    EXPECT_GT(missing(), 0U) << "it was held up in this process, or the kernel took all of it";
+    client->postStatus("after", "it");
+    EXPECT_EQ(client->getClientInfoValue("after"), "it");
 }
