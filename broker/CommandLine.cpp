@@ -21,7 +21,6 @@ constexpr std::size_t kibi = 1024;
 constexpr std::size_t mebi = kibi * kibi;
 constexpr std::size_t longestFile = 64 * kibi;
 constexpr std::size_t longestLine = 4 * kibi;
-constexpr int wrongUsage = 2;
 
 // ------------------------------------------------------------------------------------------------- values
 

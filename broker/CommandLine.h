@@ -20,6 +20,10 @@ public:
 class CommandLine
 {
 public:
+    /// The exit code for a wrong command line and a wrong file alike: another start would end in the same
+    /// way.
+    static constexpr int wrongUsage = 2;
+
     /// Thrown when there is nothing more to do: help was shown, or what is wrong with the command line.
     struct Exit
     {

@@ -65,6 +65,12 @@ void run(const CommandLine& commandLine)
     serve(commandLine, options);
 }
 
+int complain(const std::exception& exception, int exitCode)
+{
+    fprintf(stderr, "statusbroker: %s\n", exception.what());
+    return exitCode;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -78,10 +84,13 @@ int main(int argc, char** argv)
     {
         return exit.code;
     }
+    catch (const ConfigError& error)
+    {
+        return complain(error, CommandLine::wrongUsage);
+    }
     catch (const std::exception& exception)
     {
-        fprintf(stderr, "statusbroker: %s\n", exception.what());
-        return EXIT_FAILURE;
+        return complain(exception, EXIT_FAILURE);
     }
     return EXIT_SUCCESS;
 }

@@ -703,13 +703,13 @@ TEST_F(ConfigFileTest, thatIsGoodIsToldSoByACheck)
     EXPECT_EQ(outcome.errors, "");
 }
 
-TEST_F(ConfigFileTest, thatIsWrongEndsTheBrokerWithOneLineAndCodeOne)
+TEST_F(ConfigFileTest, thatIsWrongEndsTheBrokerWithOneLineAndCodeTwo)
 {
     write("\nno-such-name = 5\n");
     for (const Lines& arguments : {Lines{"--config", file()}, Lines{"--config", file(), "--check-config"}})
     {
         const Outcome outcome = run(arguments);
-        EXPECT_EQ(outcome.code, 1);
+        EXPECT_EQ(outcome.code, 2);
         EXPECT_EQ(outcome.output, "");
         EXPECT_EQ(outcome.errors, "statusbroker: " + file() + ":2: unknown name \"no-such-name\"\n");
     }

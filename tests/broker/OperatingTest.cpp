@@ -37,7 +37,7 @@ TEST(Configuration, isCheckedWithoutServing)
     EXPECT_EQ(good.waitForExit(), 0);
     TestProcess bad({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "bad"});
     EXPECT_TRUE(bad.waitForError("statusbroker: " + (folder / "bad") + ":2: unknown name \"max-kesy\"\n"));
-    EXPECT_EQ(bad.waitForExit(), 1);
+    EXPECT_EQ(bad.waitForExit(), 2);
 }
 
 TEST(Configuration, anUnknownNameKeepsItFromStarting)
@@ -45,7 +45,7 @@ TEST(Configuration, anUnknownNameKeepsItFromStarting)
     const TemporaryFolder folder;
     writeFile(folder / "bad", "max-kesy = 6\n");
     TestProcess process({STATUSBROKER_PRODUCT, "--config", folder / "bad"});
-    EXPECT_EQ(process.waitForExit(), 1);
+    EXPECT_EQ(process.waitForExit(), 2);
 }
 
 TEST(Configuration, ofLimitsAndLevelIsTakenOverAtHangUp)
