@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstddef>
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/resource.h>
@@ -315,7 +316,10 @@ public:
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         path.copy(address.sun_path, sizeof(address.sun_path) - 1);
-        bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+        if (path[0] == '@')
+            address.sun_path[0] = '\0';
+        const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
+        bind(mSocket, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(size));
         timeval wait{30, 0};
         setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
         setenv("NOTIFY_SOCKET", path.c_str(), 1);
@@ -324,6 +328,7 @@ public:
     {
         unsetenv("NOTIFY_SOCKET");
         unsetenv("WATCHDOG_USEC");
+        unsetenv("WATCHDOG_PID");
         close(mSocket);
     }
 
@@ -370,6 +375,27 @@ TEST(ServiceManager, feedsItsWatchdogFromTheLoop)
     EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U);
     for (int count = 0; count < 5; ++count)
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
+}
+
+TEST(ServiceManager, isToldThroughASocketWithoutAFile)
+{
+    NotifySocket manager("@statusbroker-test-" + std::to_string(getpid()));
+    BrokerProcess broker;
+    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Serving, 0 keys loaded");
+}
+
+TEST(ServiceManager, isNotFedTheWatchdogOfAnotherProcess)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    setenv("WATCHDOG_USEC", "3", 1);
+    setenv("WATCHDOG_PID", "1", 1);
+    BrokerProcess broker({"--heartbeat=0"});
+    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U);
+    RawRequester requester;
+    valueOf(requester, "k"); // many times as long as the watchdog waits
+    broker.process().signal(SIGTERM);
+    EXPECT_EQ(manager.next(), "STOPPING=1");
 }
 
 TEST(ServiceManager, isNotToldThatItIsReadyWithoutItsPorts)
