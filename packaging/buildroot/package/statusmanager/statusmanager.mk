@@ -1,0 +1,46 @@
+################################################################################
+#
+# statusmanager
+#
+################################################################################
+
+STATUSMANAGER_VERSION = 1.0.0
+STATUSMANAGER_SITE = $(call qstrip,$(BR2_PACKAGE_STATUSMANAGER_SITE))
+STATUSMANAGER_SITE_METHOD = git
+STATUSMANAGER_LICENSE = MIT
+STATUSMANAGER_LICENSE_FILES = LICENSE
+STATUSMANAGER_INSTALL_STAGING = YES
+STATUSMANAGER_DEPENDENCIES = host-pkgconf zeromq jsoncpp
+# The tests want the network ports of a developer's machine.
+STATUSMANAGER_CONF_OPTS = \
+	-DSTATUSMANAGER_BUILD_TESTS=OFF \
+	-DSTATUSMANAGER_BUILD_EXAMPLES=OFF \
+	-DCMAKE_SKIP_INSTALL_RPATH=ON
+
+ifeq ($(BR2_PACKAGE_STATUSMANAGER_BROKER),y)
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BROKER=ON
+STATUSMANAGER_DEPENDENCIES += cppzmq cli11 sqlite
+
+define STATUSMANAGER_USERS
+	statusbroker -1 statusbroker -1 * - - - Status broker
+endef
+
+# The unit and its user file are installed with the program.
+define STATUSMANAGER_INSTALL_INIT_SYSV
+	$(INSTALL) -D -m 0755 $(STATUSMANAGER_PKGDIR)/S50statusbroker \
+		$(TARGET_DIR)/etc/init.d/S50statusbroker
+	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
+		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf
+endef
+else
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BROKER=OFF
+endif
+
+ifeq ($(BR2_PACKAGE_STATUSMANAGER_TOOL),y)
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_TOOL=ON
+STATUSMANAGER_DEPENDENCIES += cppzmq cli11 ncurses
+else
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_TOOL=OFF
+endif
+
+$(eval $(cmake-package))
