@@ -1,0 +1,39 @@
+// Posting an agent to another thread, which delivers it.
+
+#include "benchmarks/micro/Measured.h"
+#include "common/EventAgent.h"
+#include "common/EventThread.h"
+
+using namespace Orvane;
+
+namespace
+{
+
+struct Receiver
+{
+    void take(unsigned number) { sum += number; }
+    void nothing() {}
+
+    unsigned sum = 0;
+};
+
+// What one thread posts in a row is delivered while it goes on; the wait is for the last.
+void postAndDeliver(benchmark::State& state)
+{
+    constexpr std::size_t burst = 1000;
+    Receiver receiver;
+    EventThread thread("agents", 0);
+    const Measured measured(state, burst);
+    for (auto _ : state)
+    {
+        for (unsigned i = 0; i < burst; ++i)
+        {
+            using Agent = AsyncEventAgent1<Receiver, unsigned>;
+            (OV_NEW Agent(&receiver, &Receiver::take, i))->send(&thread);
+        }
+        (OV_NEW SyncEventAgent0<Receiver>(&receiver, &Receiver::nothing))->send(&thread);
+    }
+}
+BENCHMARK(postAndDeliver)->UseRealTime();
+
+} // namespace

@@ -1,0 +1,182 @@
+// Repeats one operation, for a count of the instructions that it takes; see scripts/bench-counts.
+//   countedoperations               names the operations
+//   countedoperations NAME TIMES    prints how often it allocates, for each time
+
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <string_view>
+#include <vector>
+
+#include "benchmarks/micro/Allocations.h"
+#include "benchmarks/micro/FanOut.h"
+#include "benchmarks/micro/Samples.h"
+#include "broker/DeviceState.h"
+#include "common/EventAgent.h"
+#include "common/EventDispatcher.h"
+#include "statusmanager/BrokerProtocol.h"
+
+using namespace Orvane;
+
+namespace Key = BrokerProtocol::Key;
+
+namespace
+{
+
+using Loop = std::function<void(unsigned times)>;
+
+} // namespace
+
+// Callgrind collects while this runs, and finds it by its name.
+extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, unsigned times)
+{
+    const uint64_t before = Allocations::count();
+    loop(times);
+    return Allocations::count() - before;
+}
+
+namespace
+{
+
+// What only the first times cost (memory for the heap, symbols to look up) is not counted.
+uint64_t measure(const Loop& loop, unsigned times)
+{
+    constexpr unsigned warmUp = 200;
+    loop(warmUp);
+    return countedAllocationsOf(loop, times);
+}
+
+uint64_t writePost(unsigned times)
+{
+    const StatusMap values = Samples::values(1);
+    return measure(
+        [&](unsigned count)
+        {
+            while (count-- != 0)
+                BrokerProtocol::writeMap(Key::postStatus, values);
+        },
+        times);
+}
+
+uint64_t readNotification(unsigned times)
+{
+    const std::string text = BrokerProtocol::writeStatusUpdate(Samples::values(1));
+    return measure(
+        [&](unsigned count)
+        {
+            while (count-- != 0)
+                BrokerProtocol::readNotification(text);
+        },
+        times);
+}
+
+// A dispatcher that runs on the thread at hand. Agents come in bursts, posted by the last of the burst
+// before.
+class Relay : private EventDispatcher
+{
+public:
+    Relay() : EventDispatcher("relay") {}
+
+    void deliver(unsigned count)
+    {
+        mLeft = count;
+        postBurst();
+        run();
+    }
+
+private:
+    void postBurst()
+    {
+        constexpr unsigned burst = 10;
+        for (unsigned i = burst; i-- > 0;)
+        {
+            using Agent = AsyncEventAgent1<Relay, unsigned>;
+            (OV_NEW Agent(this, &Relay::take, i))->send(this);
+        }
+    }
+
+    void take(unsigned leftOfBurst)
+    {
+        if (--mLeft == 0)
+            requestStop();
+        else if (leftOfBurst == 0)
+            postBurst();
+    }
+
+    unsigned mLeft = 0;
+};
+
+uint64_t deliverAgent(unsigned times)
+{
+    return measure([](unsigned count) { Relay().deliver(count); }, times);
+}
+
+// One value to ten listeners, each subscribed to ten.
+uint64_t fanOut(unsigned times)
+{
+    constexpr std::size_t ten = 10;
+    FanOut listeners(ten, ten);
+    const StatusMap update{{Samples::name(ten / 2), Samples::value(1)}};
+    uint64_t allocations = 0;
+    const auto notify = [&](unsigned count)
+    {
+        while (count-- != 0)
+            listeners.notify(update);
+    };
+    listeners.onThread([&] { allocations = measure(notify, times); });
+    return allocations;
+}
+
+// The broker's work between its sockets: from the text of a post to the text of its notification. A hundred
+// keys, one of which changes with each post.
+uint64_t handlePost(unsigned times)
+{
+    constexpr std::size_t keys = 100;
+    std::vector<std::string> posts;
+    for (std::size_t i = 0; i < 2 * keys; ++i)
+        posts.push_back(
+            BrokerProtocol::writeMap(Key::postStatus, {{Samples::name(i % keys), Samples::value(i)}}));
+    const Limits limits;
+    Refusals refusals;
+    DeviceState device(limits, refusals);
+    return measure(
+        [&](unsigned count)
+        {
+            while (count-- != 0)
+                device.apply(*BrokerProtocol::readPost(posts[count % posts.size()]));
+        },
+        times);
+}
+
+struct Operation
+{
+    std::string_view name;
+    uint64_t (*allocations)(unsigned times);
+};
+
+constexpr Operation operations[] = {
+    {"writePost", writePost}, {"handlePost", handlePost},     {"readNotification", readNotification},
+    {"fanOut", fanOut},       {"deliverAgent", deliverAgent},
+};
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc == 1)
+    {
+        for (const Operation& operation : operations)
+            std::printf("%s\n", operation.name.data());
+        return EXIT_SUCCESS;
+    }
+    const unsigned times = argc == 3 ? static_cast<unsigned>(std::strtoul(argv[2], nullptr, 10)) : 0;
+    for (const Operation& operation : operations)
+    {
+        if (times == 0 || operation.name != argv[1])
+            continue;
+        std::printf("%.1f\n", static_cast<double>(operation.allocations(times)) / times);
+        return EXIT_SUCCESS;
+    }
+    std::fprintf(stderr, "usage: countedoperations [OPERATION TIMES]\n");
+    return 2;
+}

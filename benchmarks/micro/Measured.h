@@ -1,0 +1,35 @@
+#ifndef BENCHMARKS_MICRO_MEASURED_H
+#define BENCHMARKS_MICRO_MEASURED_H
+
+#include <benchmark/benchmark.h>
+
+#include "benchmarks/micro/Allocations.h"
+
+/// Reports, when its scope is left, the rate of the operations that a benchmark repeats and what each
+/// allocates.
+class Measured
+{
+public:
+    explicit Measured(benchmark::State& state, std::size_t operationsPerIteration = 1)
+        : mState(state), mPerIteration(static_cast<double>(operationsPerIteration))
+    {
+    }
+
+    ~Measured()
+    {
+        const double operations = static_cast<double>(mState.iterations()) * mPerIteration;
+        const auto allocations = static_cast<double>(Allocations::count() - mBefore);
+        mState.counters["allocations"] = allocations / operations;
+        mState.SetItemsProcessed(static_cast<int64_t>(operations));
+    }
+
+    Measured(const Measured&) = delete;
+    Measured& operator=(const Measured&) = delete;
+
+private:
+    benchmark::State& mState;
+    double mPerIteration;
+    uint64_t mBefore = Allocations::count();
+};
+
+#endif

@@ -1,0 +1,31 @@
+// A call that is made on another thread while the caller waits for its result.
+
+#include "benchmarks/micro/Measured.h"
+#include "common/EventAgent.h"
+#include "common/EventThread.h"
+
+using namespace Orvane;
+
+namespace
+{
+
+struct Receiver
+{
+    unsigned next(unsigned number) { return number + 1; }
+};
+
+using Agent = SyncRetEventAgent1<Receiver, unsigned, unsigned>;
+
+void synchronousCall(benchmark::State& state)
+{
+    Receiver receiver;
+    EventThread thread("calls", 0);
+    unsigned number = 0;
+    const Measured measured(state);
+    for (auto _ : state)
+        number = (OV_NEW Agent(&receiver, &Receiver::next, number))->send(&thread);
+    benchmark::DoNotOptimize(number);
+}
+BENCHMARK(synchronousCall)->UseRealTime();
+
+} // namespace
