@@ -182,3 +182,21 @@ TEST(PlainDocument, whatIsNotOfThisFormIsLeftToJsonCpp)
          {"", "{", R"({"a":"1",})", R"({"b":"1","a":"2"})", R"({"a":"1"} )", R"({"a":1})"})
         EXPECT_FALSE(PlainDocument::readMembers(document)) << document;
 }
+
+// Texts are looked at eight bytes at a time.
+TEST(PlainDocument, isNoneWithAnOddByteAtAnyPlace)
+{
+    for (int value = 0; value < 256; ++value)
+    {
+        const char byte = static_cast<char>(value);
+        const bool isPlain = byte >= ' ' && byte <= '~' && byte != '"' && byte != '\\';
+        for (std::size_t place = 0; place < 20; ++place)
+        {
+            std::string text(20, place % 2 == 0 ? ' ' : '~');
+            text[place] = byte;
+            const std::string document = "{\"key\":\"" + text + "\"}";
+            EXPECT_EQ(PlainDocument::write("key", text).has_value(), isPlain) << value << " at " << place;
+            EXPECT_EQ(PlainDocument::read(document).has_value(), isPlain) << value << " at " << place;
+        }
+    }
+}
