@@ -216,7 +216,7 @@ void StatusManager::handleStatusUpdate(StatusMap updates)
         for (const auto& [key, value] : updates)
         {
             if (contains(info->statusKeys, key))
-                subscribed[key] = value;
+                subscribed.emplace_hint(subscribed.end(), key, value);
         }
         if (subscribed.empty())
             continue;
