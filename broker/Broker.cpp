@@ -249,12 +249,12 @@ void Broker::apply(const PostChannel::Post& post)
                                                            " bytes refused");
     if (*post.text == BrokerProtocol::syncWord)
         return announce(BrokerProtocol::syncWord);
-    const std::optional<Command> command = BrokerProtocol::readPost(*post.text);
+    std::optional<Command> command = BrokerProtocol::readPost(*post.text);
     if (!command)
         mRefusals.report(Refusal::MalformedPost, "Malformed post [" + excerpt(*post.text) + "] refused");
     else if (command->key == BrokerProtocol::Key::updateSystemTime)
         setSystemTime(command->number);
-    else if (const std::optional<std::string> notification = mState.apply(*command))
+    else if (const std::optional<std::string> notification = mState.apply(std::move(*command)))
         announce(*notification);
 }
 

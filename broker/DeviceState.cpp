@@ -45,6 +45,16 @@ void operate(SavedState::Timer& timer, std::string_view operation, uint64_t now)
         begin(timer, now);
 }
 
+// Within the memory that is there, but what has shrunk does not keep that of its largest value: the limits
+// count what is held now.
+void assign(std::string& to, const std::string& text)
+{
+    if (text.size() < to.capacity() / 2)
+        to = std::string(text);
+    else
+        to = text;
+}
+
 } // namespace
 
 void DeviceState::restore(SavedState state)
@@ -64,19 +74,19 @@ SavedState DeviceState::takeChanges()
     return std::exchange(mChanges, SavedState());
 }
 
-std::optional<std::string> DeviceState::apply(const BrokerProtocol::Command& post)
+std::optional<std::string> DeviceState::apply(BrokerProtocol::Command post)
 {
     if (post.key == Key::postStatus)
-        return storeAll(post.map);
+        return storeAll(std::move(post.map));
     if (post.key == Key::resetStatus)
     {
         StatusMap empty;
         for (const std::string& key : post.list)
             empty[key];
-        return storeAll(empty);
+        return storeAll(std::move(empty));
     }
     if (post.key == Key::postEvent)
-        return eventUpdate(post.map);
+        return eventUpdate(std::move(post.map));
     if (post.key == Key::setCounterValue)
         setCounter(post.text, post.number);
     else
@@ -153,9 +163,9 @@ bool DeviceState::mayName(const Map& map, const std::string& name, std::size_t m
 
 bool DeviceState::mayStore(Values::const_iterator stored, const std::string& key, const std::string& text)
 {
-    if (!hasGoodSize(key, text) || !mayName(mValues, key, mLimits.keys, Refusal::Keys))
-        return false;
     const bool isNew = stored == mValues.end();
+    if (!hasGoodSize(key, text) || (isNew && !mayName(mValues, key, mLimits.keys, Refusal::Keys)))
+        return false;
     const std::size_t before = isNew ? 0 : stored->second.text.size();
     const std::size_t after = text.size() + (isNew ? key.size() : 0);
     if (after <= before || mStoredBytes + (after - before) <= mLimits.storedBytes)
@@ -180,32 +190,26 @@ bool DeviceState::store(const std::string& key, const std::string& text)
         mStoredBytes += key.size();
     else
         mStoredBytes -= stored->second.text.size();
-    mValues[key] = {text, ++mRevision};
+    Value& value = stored == mValues.end() ? mValues[key] : stored->second;
+    assign(value.text, text);
+    value.revision = ++mRevision;
     if (mNotesChanges)
         mChanges.values[key] = text;
     return true;
 }
 
-std::optional<std::string> DeviceState::storeAll(const StatusMap& values)
+std::optional<std::string> DeviceState::storeAll(StatusMap values)
 {
-    StatusMap changes;
-    for (const auto& [key, text] : values)
-    {
-        if (store(key, text))
-            changes.emplace_hint(changes.end(), key, text);
-    }
-    return changes.empty() ? std::nullopt : std::optional(BrokerProtocol::writeStatusUpdate(changes));
+    for (auto value = values.begin(); value != values.end();)
+        value = store(value->first, value->second) ? std::next(value) : values.erase(value);
+    return values.empty() ? std::nullopt : std::optional(BrokerProtocol::writeStatusUpdate(values));
 }
 
-std::optional<std::string> DeviceState::eventUpdate(const StatusMap& events)
+std::optional<std::string> DeviceState::eventUpdate(StatusMap events)
 {
-    StatusMap good;
-    for (const auto& [name, value] : events)
-    {
-        if (hasGoodSize(name, value))
-            good.emplace_hint(good.end(), name, value);
-    }
-    return good.empty() ? std::nullopt : std::optional(BrokerProtocol::writeEventUpdate(good));
+    for (auto event = events.begin(); event != events.end();)
+        event = hasGoodSize(event->first, event->second) ? std::next(event) : events.erase(event);
+    return events.empty() ? std::nullopt : std::optional(BrokerProtocol::writeEventUpdate(events));
 }
 
 void DeviceState::applyToTimer(const BrokerProtocol::Command& post)
@@ -251,7 +255,7 @@ StatusMap DeviceState::allValues() const
     return values;
 }
 
-StatusMap DeviceState::valuesOf(const StatusKeys& keys) const
+StatusMap DeviceState::valuesOf(const std::vector<std::string>& keys) const
 {
     StatusMap values;
     for (const std::string& key : keys)

@@ -5,6 +5,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "broker/Options.h"
 #include "broker/Refusals.h"
@@ -32,7 +33,7 @@ public:
 
     /// Applies a post (any but updateSystemTime) and returns the notification to publish for it, if any: a
     /// post that changes no value publishes nothing.
-    std::optional<std::string> apply(const BrokerProtocol::Command& post);
+    std::optional<std::string> apply(BrokerProtocol::Command post);
 
     /// Answers a request; nothing if it exceeds a limit.
     std::optional<std::string> answer(const BrokerProtocol::Command& request);
@@ -60,8 +61,8 @@ private:
 
     bool store(const std::string& key, const std::string& text);
     bool mayStore(Values::const_iterator stored, const std::string& key, const std::string& text);
-    std::optional<std::string> storeAll(const StatusMap& values);
-    std::optional<std::string> eventUpdate(const StatusMap& events);
+    std::optional<std::string> storeAll(StatusMap values);
+    std::optional<std::string> eventUpdate(StatusMap events);
     void applyToTimer(const BrokerProtocol::Command& post);
     void setCounter(const std::string& name, uint32_t value);
     std::optional<std::string> incrementCounter(const std::string& name);
@@ -69,7 +70,7 @@ private:
     bool hasGoodSize(const std::string& name, const std::string& value);
     template <typename Map>
     bool mayName(const Map& map, const std::string& name, std::size_t most, Refusal kind);
-    StatusMap valuesOf(const StatusKeys& keys) const;
+    StatusMap valuesOf(const std::vector<std::string>& keys) const;
     StatusMap allValues() const;
     std::string valueOf(const std::string& key) const;
     uint64_t elapsed(const std::string& name) const;

@@ -13,7 +13,8 @@ std::string written(const BrokerProtocol::Command& command)
     if (command.key == Key::postStatus || command.key == Key::postEvent)
         return BrokerProtocol::writeMap(command.key.data(), command.map);
     if (command.key == Key::resetStatus || command.key == Key::getClientInfoValues)
-        return BrokerProtocol::writeList(command.key.data(), command.list);
+        return BrokerProtocol::writeList(command.key.data(),
+                                         StatusKeys(command.list.begin(), command.list.end()));
     if (command.key == Key::updateSystemTime)
         return BrokerProtocol::writeUpdateSystemTime(command.number);
     if (command.key == Key::setCounterValue)

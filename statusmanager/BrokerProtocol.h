@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "statusmanager/StatusTypes.h"
 
@@ -117,11 +118,11 @@ std::optional<Statistics> readStatisticsReply(const std::string& reply);
 /// has exactly the types that the client writes.
 struct Command
 {
-    std::string_view key; ///< one of Key
-    std::string text;     ///< the name of a timer, counter or status key
-    StatusKeys list;      ///< resetStatus, getClientInfoValues
-    StatusMap map;        ///< postStatus, postEvent
-    uint32_t number = 0;  ///< updateSystemTime, setCounterValue
+    std::string_view key;          ///< one of Key
+    std::string text;              ///< the name of a timer, counter or status key
+    std::vector<std::string> list; ///< resetStatus, getClientInfoValues
+    StatusMap map;                 ///< postStatus, postEvent
+    uint32_t number = 0;           ///< updateSystemTime, setCounterValue
 };
 
 /// Nothing if the message is malformed, or its key is not one of posts or requests respectively.

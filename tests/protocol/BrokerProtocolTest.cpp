@@ -251,7 +251,7 @@ TEST(NotificationReading, wrongShapesAreUnparsable)
 TEST(PostReading, everyPostOfTheClientIsRead)
 {
     EXPECT_EQ(readPost(writeMap(Key::postStatus, {{"a", "1"}}))->map, (StatusMap{{"a", "1"}}));
-    EXPECT_EQ(readPost(writeList(Key::resetStatus, {"b", "a"}))->list, (StatusKeys{"b", "a"}));
+    EXPECT_EQ(readPost(writeList(Key::resetStatus, {"b", "a"}))->list, (std::vector<std::string>{"b", "a"}));
     EXPECT_EQ(readPost(writePostEvent("e", "v"))->map, (StatusMap{{"e", "v"}}));
     EXPECT_EQ(readPost(writeUpdateSystemTime(4294967295U))->number, 4294967295U);
     const auto counter = readPost(writeSetCounterValue("c", 7));
@@ -269,7 +269,8 @@ TEST(PostReading, everyPostOfTheClientIsRead)
 TEST(RequestReading, everyRequestOfTheClientIsRead)
 {
     EXPECT_EQ(readRequest(writeGetClientInfo())->key, Key::getClientInfo);
-    EXPECT_EQ(readRequest(writeList(Key::getClientInfoValues, {"a", "a"}))->list, (StatusKeys{"a", "a"}));
+    EXPECT_EQ(readRequest(writeList(Key::getClientInfoValues, {"a", "a"}))->list,
+              (std::vector<std::string>{"a", "a"}));
     for (const char* key : {Key::getClientInfoValue, Key::getTimerElapsed, Key::getTimerLastStarted,
                             Key::getCounterValue, Key::incrementCounter})
     {
