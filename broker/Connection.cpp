@@ -1,6 +1,7 @@
 #include "broker/Connection.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <linux/sockios.h>
 #include <linux/tcp.h>
 #include <netinet/in.h>
@@ -14,7 +15,9 @@ std::optional<tcp_info> infoOf(int descriptor)
 {
     tcp_info info{};
     socklen_t size = sizeof(info);
-    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0)
+    // Before 4.1 the kernel does not count bytes, and tells less. What is not told is unknown, and not none.
+    constexpr std::size_t wanted = offsetof(tcp_info, tcpi_bytes_received) + sizeof(info.tcpi_bytes_received);
+    if (getsockopt(descriptor, IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < wanted)
         return std::nullopt;
     return info;
 }

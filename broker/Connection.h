@@ -12,7 +12,7 @@ namespace Connection
 {
 
 /// Bytes that have arrived, what nobody has read yet included; nothing if the descriptor has just been
-/// closed.
+/// closed, or the kernel does not count them.
 std::optional<uint64_t> bytesArrived(int descriptor);
 
 /// Bytes that have arrived and wait in the kernel.
@@ -28,7 +28,7 @@ struct Sent
     uint64_t unsent = 0;   ///< bytes of them for which the peer's kernel has had no room yet
 };
 
-/// Nothing if the descriptor has just been closed.
+/// Nothing if the descriptor has just been closed, or the kernel does not count them.
 std::optional<Sent> bytesSent(int descriptor);
 
 /// Ends the connection. libzmq notices and closes it; a peer of the library's connects again by itself.
