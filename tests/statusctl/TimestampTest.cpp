@@ -3,9 +3,38 @@
 #include <cstdlib>
 #include <ctime>
 #include <gtest/gtest.h>
+#include <optional>
+
+#include "tests/support/MachineClock.h"
 
 using std::chrono::microseconds;
 using Timestamp::Time;
+
+namespace
+{
+
+std::optional<timespec> fakeTime;
+
+} // namespace
+
+// A definition in the program is found before the C library's.
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    if (clock != CLOCK_REALTIME || !fakeTime)
+        return machineClock(clock, time);
+    *time = *fakeTime;
+    return 0;
+}
+
+TEST(TimestampTest, nowIsToldAfter2038AsWell)
+{
+    fakeTime = timespec();
+    fakeTime->tv_sec = 4102444800;
+    fakeTime->tv_nsec = 123456789;
+    const Time now = Timestamp::now();
+    fakeTime.reset();
+    EXPECT_EQ(now, Time(microseconds(4102444800123456)));
+}
 
 TEST(TimestampTest, utcIsWrittenWithMicroseconds)
 {

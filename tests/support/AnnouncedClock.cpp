@@ -3,23 +3,14 @@
 #include <atomic>
 #include <cstdio>
 #include <ctime>
-#include <sys/syscall.h>
 #include <sys/time.h>
-#include <unistd.h>
+
+#include "tests/support/MachineClock.h"
 
 namespace
 {
 
 std::atomic<time_t> ahead{0}; // of the machine's clock, seconds
-
-int machineClock(clockid_t clock, timespec* time)
-{
-#ifdef SYS_clock_gettime64 // 32-bit processors
-    return static_cast<int>(syscall(SYS_clock_gettime64, clock, time));
-#else
-    return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-#endif
-}
 
 } // namespace
 
