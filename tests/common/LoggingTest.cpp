@@ -447,10 +447,7 @@ namespace
 // A process of its own, since the variable is read when the first file registers.
 std::string outputWithEnvironment(const std::string& value)
 {
-    std::array<char, 4096> self{};
-    const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
-    const std::string program(self.data(), static_cast<std::size_t>(std::max<ssize_t>(length, 0)));
-    const std::string command = "OV_LOG='" + value + "' '" + program + "' --gtest_filter=InChild.* 2>&1";
+    const std::string command = "OV_LOG='" + value + "' '" TEST_PROGRAM "' --gtest_filter=InChild.* 2>&1";
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
     std::array<char, 4096> bytes{};

@@ -3,8 +3,10 @@
 #   wait_for_broker STATUSCTL   until it answers; for the tool, which waits for none
 #   stop_broker            ends it, and fails unless it was there and ended well
 #   started                the processes that are ended with the script, too
+#   TEST_TIME_FACTOR       how many times longer than elsewhere things may take, emulated for example
 # shellcheck shell=bash
 
+export TEST_TIME_FACTOR=${TEST_TIME_FACTOR:-1}
 started=()
 trap 'kill "${started[@]}" 2>/dev/null || true' EXIT
 
@@ -21,8 +23,8 @@ start_broker() {
 }
 
 wait_for_broker() {
-    local _
-    for _ in {1..300}; do
+    local tries=$((300 * TEST_TIME_FACTOR))
+    while ((tries-- > 0)); do
         "$@" --quiet ping >/dev/null 2>&1 && return
         read -r -t 0.1 <> <(:) || true
     done
