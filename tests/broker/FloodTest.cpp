@@ -153,8 +153,8 @@ protected:
     void expectServing()
     {
         poster.post(postOf("alive", std::to_string(++mAlive)));
-        EXPECT_EQ(requester.ask(valueRequest("alive")),
-                  R"({"statusValue":")" + std::to_string(mAlive) + "\"}");
+        const std::string answer = R"({"statusValue":")" + std::to_string(mAlive) + "\"}";
+        EXPECT_TRUE(eventually([&] { return requester.ask(valueRequest("alive")) == answer; }));
     }
 
     std::ptrdiff_t linesWith(const std::string& text)
@@ -510,7 +510,7 @@ TEST_F(FloodTest, heavyPostsLeaveItServing)
     EXPECT_TRUE(eventually([this] { return statistic("malformed.posts") > 0; }));
     const auto begin = std::chrono::steady_clock::now();
     requester.ask(valueRequest("k"));
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(isSanitized ? 10 : 2));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::seconds(isSanitized ? 10 : 2)));
 }
 
 TEST_F(FloodTest, aBurstOfHeavyPostsIsNotTakenForOneThatDoesNotEnd)
@@ -532,7 +532,10 @@ TEST_F(FloodTest, whoSendsHeavyPostsWithoutAPauseIsCutOffBeforeTheyFillTheMemory
             most = std::max(most, statistic("memory.rss"));
             return statistic("limit.messageBytes") > 0;
         }));
-    EXPECT_TRUE(isSanitized || most < before + 400U * 1024 * 1024) << (most - before) / 1024 << " KiB";
+    // How much comes while one is read depends on how fast the program is beside the kernel, which is not
+    // emulated: libzmq may fill its queue of a thousand.
+    constexpr uint64_t limit = uint64_t{isEmulated ? 1400 : 400} * 1024 * 1024;
+    EXPECT_TRUE(isSanitized || most < before + limit) << (most - before) / 1024 << " KiB";
 }
 
 TEST_F(FloodTest, heavyPostsDoNotHideAMessageThatDoesNotEnd)
@@ -550,7 +553,7 @@ TEST_F(FloodTest, aSyncWaitsForHeavyPostsThatAQueryDidNotWaitFor)
 {
     requester.ask("Sync"); // the first is held for longer
     for (int count = 0; count < 10; ++count)
-        poster.post(heavyNonsense(200 * 1000));
+        poster.post(heavyNonsense(200 * 1000 / TEST_TIME_FACTOR)); // for how long it waits is not scaled
     poster.post(postOf("k", "behind them"));
     requester.ask(valueRequest("k"));
     requester.ask("Sync");
@@ -566,7 +569,7 @@ TEST_F(FloodTest, heavyPostsDoNotDelayTheEnd)
     waiting.send({"", "Sync"});
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(broker.stop(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(isSanitized ? 10 : 2));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::seconds(isSanitized ? 10 : 2)));
 }
 
 // ----------------------------------------------------------------------------------------------- subscribers
@@ -614,7 +617,7 @@ TEST_F(Subscribing, oneThatStallsIsCutOffAndTheOthersGetEverything)
         while (number % 250 == 0 && received < number)
             ASSERT_TRUE(receive()) << received;
     }
-    EXPECT_TRUE(isSanitized || longestWait < std::chrono::seconds(1)) << longestWait.count();
+    EXPECT_TRUE(isSanitized || longestWait < allowed(std::chrono::seconds(1))) << longestWait.count();
     EXPECT_EQ(statistic("subscribers.cutOff"), 1U);
     EXPECT_EQ(statistic("limit.notifyBytes"), 1U);
     EXPECT_GT(statistic("notifications.lost"), 100U);
@@ -741,7 +744,7 @@ TEST_F(Subscribing, oneThatReadsTooSlowlyDelaysNobodyForLong)
         return cutOff;
     };
     EXPECT_TRUE(eventually(isCutOff));
-    EXPECT_LT(longest, std::chrono::seconds(2));
+    EXPECT_LT(longest, allowed(std::chrono::seconds(2)));
     EXPECT_GT(statistic("notifications.lost"), 0U);
     end.open();
     reading.wait();
@@ -789,7 +792,7 @@ TEST_F(Ending, comesWithinTwoSecondsBesideUnfinishedPostsAndUnreadNotifications)
     EXPECT_TRUE(begun.wait());
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(broker.stop(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::seconds(2)));
     hasEnded = true;
     syncing.wait();
 }

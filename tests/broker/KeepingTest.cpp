@@ -172,7 +172,7 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
         poster.post(postOf("k" + std::to_string(key), longValue));
     poster.post(R"({"setCounterValue":{"c":5}})");
     RawRequester requester;
-    ASSERT_EQ(valueOf(requester, "k59"), reply(longValue));
+    ASSERT_TRUE(eventually([&] { return valueOf(requester, "k59") == reply(longValue); }));
     EXPECT_EQ(broker->stop(), 0);
 
     start();

@@ -134,7 +134,7 @@ TEST(End, comesWithinTwoSecondsWithEverythingApplied)
         const auto begin = std::chrono::steady_clock::now();
         broker.process().signal(signal);
         EXPECT_EQ(broker.process().waitForExit(), 0);
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::seconds(2)));
         BrokerProcess again({"--state", folder / "state"});
         RawRequester another;
         EXPECT_EQ(valueOf(another, "k"), reply("999"));
@@ -148,7 +148,7 @@ TEST(End, comesWithinTwoSecondsUnderAFlood)
     ASSERT_EQ(flood.readLine(), "posting");
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_EQ(broker.stop(), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(2));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::seconds(2)));
 }
 
 // ------------------------------------------------------------------------------------------------- heartbeat
@@ -159,7 +159,7 @@ TEST(Heartbeat, letsAClientEndOnAQuietDevice)
     auto client = std::make_unique<StatusManagerProxy>();
     const auto begin = std::chrono::steady_clock::now();
     client.reset();
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1500));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(std::chrono::milliseconds(1500)));
 }
 
 TEST(Heartbeat, comesAsOftenAsToldAndOnlyThen)
@@ -181,7 +181,7 @@ TEST(Heartbeat, comesAsOftenAsToldAndOnlyThen)
     }
     const auto taken = std::chrono::steady_clock::now() - begin;
     EXPECT_GT(taken, std::chrono::milliseconds(more * 1000 - 200)); // the first may have been late
-    EXPECT_LT(taken, std::chrono::milliseconds(more * 1000 + 1000));
+    EXPECT_LT(taken, std::chrono::seconds(more) + allowed(std::chrono::seconds(1)));
 }
 
 TEST(Heartbeat, isOffWhenItIsZero)

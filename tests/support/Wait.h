@@ -9,6 +9,15 @@
 /// Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
 constexpr std::chrono::seconds testDeadline{30 * TEST_TIME_FACTOR};
 
+/// Whether this is built for another processor, and emulated.
+constexpr bool isEmulated = TEST_TIME_FACTOR > 1;
+
+/// What has this long on a machine of its own, and longer where it is emulated.
+constexpr std::chrono::milliseconds allowed(std::chrono::milliseconds time)
+{
+    return time * TEST_TIME_FACTOR;
+}
+
 /// Polls until `condition` holds; false at the deadline. For what offers nothing to wait on.
 template <class Condition>
 bool eventually(Condition condition, std::chrono::milliseconds deadline = testDeadline)
