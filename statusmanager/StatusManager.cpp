@@ -9,6 +9,7 @@
 #include "common/Mutex.h"
 #include "statusmanager/StatusManagerProxy.h"
 #include "statusmanager/StatusManagerStub.h"
+#include "statusmanager/Subscriptions.h"
 
 OV_LOG_CONTROL_WORDS;
 
@@ -20,31 +21,14 @@ using veskcommon::Stopwatch;
 // reference to a string as "const string&".
 using string = std::string;
 
-/// A registered listener and what it subscribed to. Neither list holds a key twice.
+/// A registered listener and what it subscribed to.
 struct ClientListenerInfo
 {
     IStatusUpdateListener* listener;
     EventDispatcher* dispatcher; // null: registered, but never called
-    StatusKeys statusKeys;
-    EventKeys eventKeys;
+    Subscriptions statusKeys;
+    Subscriptions eventKeys;
 };
-
-namespace
-{
-
-bool contains(const StatusKeys& keys, const std::string& key)
-{
-    return std::find(keys.begin(), keys.end(), key) != keys.end();
-}
-
-void eraseFirst(StatusKeys& from, const std::string& key)
-{
-    const auto found = std::find(from.begin(), from.end(), key);
-    if (found != from.end())
-        from.erase(found);
-}
-
-} // namespace
 
 StatusManager* StatusManager::mInstance = nullptr;
 
@@ -215,7 +199,7 @@ void StatusManager::handleStatusUpdate(StatusMap updates)
         StatusMap subscribed;
         for (const auto& [key, value] : updates)
         {
-            if (contains(info->statusKeys, key))
+            if (info->statusKeys.contain(key))
                 subscribed.emplace_hint(subscribed.end(), key, value);
         }
         if (subscribed.empty())
@@ -327,13 +311,10 @@ void StatusManager::registerForStatus(IStatusUpdateListener* listener, StatusKey
     StatusKeys added;
     for (const std::string& key : keys)
     {
-        if (contains(info->statusKeys, key))
-        {
+        if (info->statusKeys.add(key))
+            added.push_back(key);
+        else
             OV_LOG(6, "Listener already registered for status");
-            continue;
-        }
-        info->statusKeys.push_back(key);
-        added.push_back(key);
     }
 
     // Asked even when nothing was added, and the callback is sent even when it is empty: every accepted call
@@ -374,7 +355,7 @@ void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const S
         return;
     }
     for (const std::string& key : keys)
-        eraseFirst(info->statusKeys, key);
+        info->statusKeys.remove(key);
 }
 
 void StatusManager::registerForEvent(IStatusUpdateListener* listener, std::string name)
@@ -399,10 +380,8 @@ void StatusManager::registerForEvent(IStatusUpdateListener* listener, EventKeys 
     }
     for (const std::string& name : names)
     {
-        if (contains(info->eventKeys, name))
+        if (!info->eventKeys.add(name))
             OV_LOG(6, "Listener already registered for event");
-        else
-            info->eventKeys.push_back(name);
     }
 }
 
@@ -428,7 +407,7 @@ void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const Ev
         return;
     }
     for (const std::string& name : names)
-        eraseFirst(info->eventKeys, name);
+        info->eventKeys.remove(name);
 }
 
 // -------------------------------------------------------------------------------------------------- events
@@ -450,7 +429,7 @@ void StatusManager::handleEventUpdate(std::string name, std::string value)
     OV_TRACE(7);
     for (const auto& [listener, info] : mListeners)
     {
-        if (info->dispatcher == nullptr || !contains(info->eventKeys, name))
+        if (info->dispatcher == nullptr || !info->eventKeys.contain(name))
             continue;
         auto* agent = OV_NEW AsyncEventAgent2<IStatusUpdateListener, std::string, std::string>(
             listener, &IStatusUpdateListener::onEventUpdate, name, value);
