@@ -8,6 +8,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <semaphore.h>
 #include <string>
 #include <utility>
 #include <vector>
@@ -28,32 +29,31 @@ using Clock = std::chrono::steady_clock; // monotonic: this product sets the wal
 // The dispatcher whose loop runs on this thread. A thread-local answers isThreadCurrent() without a lock.
 thread_local const EventDispatcher* currentDispatcher = nullptr;
 
-// What a waiting sender waits for. It stands on the sender's stack, so complete() must not touch it after the
-// sender can have seen mDone: hence the notification under the lock.
+// What a waiting sender waits for. It stands on the sender's stack and is gone as soon as wait() returns, be
+// complete() still at work or not: a semaphore may be destroyed then, a condition variable may not.
 class Completion
 {
 public:
+    Completion() { sem_init(&mDone, 0, 0); }
+    ~Completion() { sem_destroy(&mDone); }
+
+    Completion(const Completion&) = delete;
+    Completion& operator=(const Completion&) = delete;
+
     void fail(std::exception_ptr exception) { mException = std::move(exception); }
 
-    void complete()
-    {
-        const std::lock_guard<std::mutex> lock(mMutex);
-        mDone = true;
-        mChanged.notify_one();
-    }
+    void complete() { sem_post(&mDone); }
 
     void wait()
     {
-        std::unique_lock<std::mutex> lock(mMutex);
-        mChanged.wait(lock, [this] { return mDone; });
+        while (sem_wait(&mDone) != 0)
+            continue; // a signal handler ran
         if (mException)
             std::rethrow_exception(mException);
     }
 
 private:
-    std::mutex mMutex;
-    std::condition_variable mChanged;
-    bool mDone = false;
+    sem_t mDone;
     std::exception_ptr mException; // written before mDone, read after it
 };
 
@@ -142,6 +142,7 @@ struct EventDispatcher::Queue
     std::deque<QueuedAgent> ready;
     std::multimap<Clock::time_point, QueuedAgent> delayed; // equal times keep their order of insertion
     bool stopped = false;
+    bool asleep = false; // the loop waits for `changed`
 
     // Moves what is due behind what is ready. Done before every push, too, so that an agent that became due
     // earlier is not overtaken by one posted later.
@@ -154,7 +155,16 @@ struct EventDispatcher::Queue
             ready.push_back(std::move(entry->second));
     }
 
-    // False, with the entry untouched, when the dispatcher has stopped.
+    // The loop is woken without the lock, or it would run into it at once. By then the agent may have been
+    // delivered, and that may have been the end of the dispatcher: hence the hold on the queue.
+    static void enqueue(std::shared_ptr<Queue> queue, QueuedAgent entry)
+    {
+        if (queue->push(entry))
+            queue->changed.notify_one();
+    }
+
+    // True if the loop is to be woken. The entry stays untouched when the dispatcher has stopped: its end
+    // releases the sender.
     bool push(QueuedAgent& entry)
     {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -162,8 +172,7 @@ struct EventDispatcher::Queue
             return false;
         admitDue();
         ready.push_back(std::move(entry));
-        changed.notify_one();
-        return true;
+        return std::exchange(asleep, false);
     }
 
     // Waits for the next agent to deliver; nothing when the dispatcher has stopped.
@@ -177,10 +186,12 @@ struct EventDispatcher::Queue
             admitDue();
             if (!ready.empty())
                 break;
+            asleep = true;
             if (delayed.empty())
                 changed.wait(lock);
             else
                 changed.wait_until(lock, Clock::time_point(delayed.begin()->first));
+            asleep = false;
         }
         std::optional<QueuedAgent> next(std::move(ready.front()));
         ready.pop_front();
@@ -213,7 +224,7 @@ struct EventDispatcher::Queue
 
 IEventDispatcher::~IEventDispatcher() = default;
 
-EventDispatcher::EventDispatcher(const char* name) : mQueue(std::make_unique<Queue>(name)) {}
+EventDispatcher::EventDispatcher(const char* name) : mQueue(std::make_shared<Queue>(name)) {}
 
 EventDispatcher::~EventDispatcher()
 {
@@ -226,17 +237,13 @@ void EventDispatcher::sendAndWait(EventAgent* agent)
         return agent->deliver();
 
     Completion completion;
-    {
-        QueuedAgent entry(agent, &completion);
-        mQueue->push(entry);
-    } // an entry that was refused releases its sender here
+    Queue::enqueue(mQueue, QueuedAgent(agent, &completion));
     completion.wait();
 }
 
 void EventDispatcher::post(EventAgent* agent)
 {
-    QueuedAgent entry(agent);
-    mQueue->push(entry);
+    Queue::enqueue(mQueue, QueuedAgent(agent));
 }
 
 void EventDispatcher::postDelayed(EventAgent* agent, uint32_t delayMs)

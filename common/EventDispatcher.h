@@ -44,7 +44,7 @@ protected:
 
 private:
     struct Queue;
-    std::unique_ptr<Queue> mQueue;
+    std::shared_ptr<Queue> mQueue; ///< A sender holds on to it until it has woken the loop.
 };
 
 } // namespace Orvane
