@@ -78,8 +78,8 @@ TEST(EventThreadTest, hasTheDocumentedStackWhateverTheProcessesLimitIs)
 
 TEST(EventThreadTest, hasTheStackThatItIsGiven)
 {
-    EventThread thread("stack", 0, 192 * 1024);
-    EXPECT_EQ(inspect(thread).stackSize, 192U * 1024U);
+    EventThread thread("stack", 0, 3 * 1024 * 1024);
+    EXPECT_EQ(inspect(thread).stackSize, 3U * 1024U * 1024U);
 }
 
 TEST(EventThreadTest, withAStackThatTheSystemRefusesIsNotStarted)
