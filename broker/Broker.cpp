@@ -124,9 +124,11 @@ void Broker::serveUntil(int descriptor)
     while (waitForWork())
     {
         const TimePoint begin = Clock::now();
-        takePosts();
+        if (mReady.posts)
+            takePosts();
         catchUpSubscribers();
-        serveRequests();
+        if (mReady.requests || !mRequestsTaken.empty())
+            serveRequests();
         releaseStarted();
         doWhatIsDue();
         const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
@@ -134,16 +136,18 @@ void Broker::serveUntil(int descriptor)
     }
 }
 
-// False when it is to be interrupted.
+// False when it is to be interrupted. Each socket that libzmq is asked about costs a system call, and asking
+// is most of what a single post costs here. So of the connections only their descriptors are polled, and what
+// is not ready is left alone.
 bool Broker::waitForWork()
 {
     std::array<zmq::pollitem_t, 7> items{{
         {mPosts.pollable().handle(), 0, ZMQ_POLLIN, 0},
         {mRequests.pollable().handle(), 0, ZMQ_POLLIN, 0},
         {mNotify.pollable().handle(), 0, ZMQ_POLLIN, 0},
-        {mPosts.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
-        {mRequests.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
-        {mNotify.pollableConnections().handle(), 0, ZMQ_POLLIN, 0},
+        {nullptr, mPosts.connectionsDescriptor(), ZMQ_POLLIN, 0},
+        {nullptr, mRequests.connectionsDescriptor(), ZMQ_POLLIN, 0},
+        {nullptr, mNotify.connectionsDescriptor(), ZMQ_POLLIN, 0},
         {nullptr, mInterrupt, ZMQ_POLLIN, 0},
     }};
     try
@@ -155,7 +159,9 @@ bool Broker::waitForWork()
         if (error.num() != EINTR)
             throw;
     }
-    updateConnections();
+    mReady = {items[0].revents != 0, items[1].revents != 0, items[2].revents != 0};
+    if (items[3].revents != 0 || items[4].revents != 0 || items[5].revents != 0)
+        updateConnections();
     return items.back().revents == 0;
 }
 
@@ -322,7 +328,9 @@ void Broker::catchUpSubscribers()
     const TimePoint begin = Clock::now();
     for (const uint64_t revision : mNotify.takeCutOff())
         mCatchUp.disconnected(revision, begin, cutOffMemory);
-    mSubscribersWait = mNotify.takeSubscriptions() || mSubscribersWait;
+    if (mReady.subscriptions)
+        mNotify.receiveSubscriptions();
+    mSubscribersWait = mNotify.takeSubscribed() || mSubscribersWait;
     if (!mSubscribersWait || begin < mNextCatchUp)
         return;
     mSubscribersWait = false;

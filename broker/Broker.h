@@ -56,6 +56,14 @@ private:
         std::string text;
     };
 
+    /// Where something has come in since the loop last waited.
+    struct Ready
+    {
+        bool posts = false;
+        bool requests = false;
+        bool subscriptions = false;
+    };
+
     bool waitForWork();
     std::chrono::milliseconds untilNextTask() const;
     void doWhatIsDue();
@@ -96,7 +104,8 @@ private:
     std::vector<Reply> mReplies;                        // the same
     std::deque<RequestChannel::Request> mRequestsTaken; // not answered yet
     bool mPostsAwaited = false;                         // those before the requests taken
-    int mInterrupt = -1;                                // the descriptor that ends serveUntil()
+    Ready mReady;
+    int mInterrupt = -1; // the descriptor that ends serveUntil()
     TimePoint mEndOfWaits = TimePoint::max();
     bool mSubscribersWait = false; // for what they missed
     TimePoint mNextCatchUp{};

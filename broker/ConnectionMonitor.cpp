@@ -34,6 +34,7 @@ ConnectionMonitor::ConnectionMonitor(zmq::context_t& context, zmq::socket_t& soc
         throw zmq::error_t();
     mEvents.set(zmq::sockopt::rcvhwm, 0); // an event that is dropped would spoil the counts for good
     mEvents.connect(endpoint);
+    mDescriptor = mEvents.get(zmq::sockopt::fd);
 }
 
 ConnectionMonitor::~ConnectionMonitor()

@@ -50,8 +50,8 @@ public:
     /// wrong one be taken for it, that is forgotten with their ends, and does not add up.
     int peers() const { return static_cast<int>(mOpen.size() - mShaking.size()); }
 
-    /// Readable when next() has something.
-    zmq::socket_t& pollable() { return mEvents; }
+    /// Becomes readable when next() has something, and stays so at least until next() has nothing more.
+    int descriptor() const { return mDescriptor; }
 
 private:
     using ByAge = std::map<uint64_t, int>; // number and descriptor of connections
@@ -68,6 +68,7 @@ private:
     Refusals& mRefusals;
     zmq::socket_t& mMonitored;
     zmq::socket_t mEvents;
+    int mDescriptor = -1;
     uint64_t mAccepted = 0;
     bool mIsNearLimit = false;
     TimePoint mNextWarning{};

@@ -84,7 +84,7 @@ void NotifyChannel::relieve()
             cutOff(hopeless);
         if (!verdict.wait)
             return;
-        zmq::pollitem_t item{mMonitor.pollable().handle(), 0, ZMQ_POLLIN, 0};
+        zmq::pollitem_t item{nullptr, mMonitor.descriptor(), ZMQ_POLLIN, 0};
         zmq_poll(&item, 1, 1);
     }
 }
@@ -107,9 +107,8 @@ std::vector<uint64_t> NotifyChannel::takeCutOff()
     return std::exchange(mKnownByCutOff, {});
 }
 
-bool NotifyChannel::takeSubscriptions()
+bool NotifyChannel::takeSubscribed()
 {
-    receiveSubscriptions();
     return std::exchange(mSubscribed, false);
 }
 

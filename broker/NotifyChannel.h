@@ -24,8 +24,11 @@ public:
     /// @param revision of the state that the notification brings its receivers to
     void publish(const std::string& text, uint64_t revision);
 
-    /// Whether subscriptions have arrived since the last call. They get all that is published from then on.
-    bool takeSubscriptions();
+    /// Takes the subscriptions that have arrived.
+    void receiveSubscriptions();
+
+    /// Whether any has been taken since the last call. They get all that is published from then on.
+    bool takeSubscribed();
 
     void updateConnections();
 
@@ -50,7 +53,7 @@ public:
     uint64_t cutOff() const { return mCutOff; }
     uint64_t lost() const { return mLost; } ///< notifications that did not reach those cut off
     zmq::socket_t& pollable() { return mSocket; }
-    zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
+    int connectionsDescriptor() { return mMonitor.descriptor(); }
 
 private:
     struct Peer
@@ -59,7 +62,6 @@ private:
         Unfinished unfinished;
     };
 
-    void receiveSubscriptions();
     void take(const zmq::message_t& frame, int descriptor, Peer& peer);
     void relieve();
     void cutOff(const Subscribers::Hopeless& hopeless);
@@ -71,7 +73,7 @@ private:
     Subscribers mSubscribers;
     std::map<int, Peer> mPeers; // by descriptor
     Unfinished::Turn mTurn;
-    bool mSubscribed = false; // since takeSubscriptions() was called last
+    bool mSubscribed = false; // since takeSubscribed() was called last
     std::vector<uint64_t> mKnownByCutOff;
     uint64_t mPublished = 0;
     uint64_t mCutOff = 0;

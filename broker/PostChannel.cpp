@@ -1,6 +1,7 @@
 #include "broker/PostChannel.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "broker/Connection.h"
 #include "broker/Frames.h"
@@ -62,7 +63,13 @@ std::optional<PostChannel::Post> PostChannel::receive()
 
 void PostChannel::account(zmq::message_t& frame, bool more)
 {
-    const auto found = mConnections.find(zmq_msg_get(frame.handle(), ZMQ_SRCFD));
+    const int descriptor = zmq_msg_get(frame.handle(), ZMQ_SRCFD);
+    auto found = mConnections.find(descriptor);
+    if (found == mConnections.end())
+    {
+        noteConnections(); // what was told of it before its first post
+        found = mConnections.find(descriptor);
+    }
     if (found == mConnections.end())
         return;
     constexpr std::chrono::milliseconds pause{5};
@@ -83,7 +90,12 @@ void PostChannel::account(zmq::message_t& frame, bool more)
 
 bool PostChannel::updateConnections()
 {
-    bool connected = false;
+    noteConnections();
+    return std::exchange(mHandshakeDone, false);
+}
+
+void PostChannel::noteConnections()
+{
     while (const std::optional<ConnectionMonitor::Event> event = mMonitor.next())
     {
         switch (event->kind)
@@ -96,13 +108,12 @@ bool PostChannel::updateConnections()
             mConnections.erase(event->descriptor);
             break;
         case ConnectionMonitor::Event::Kind::HandshakeDone:
-            connected = true;
+            mHandshakeDone = true;
             break;
         case ConnectionMonitor::Event::Kind::Other:
             break;
         }
     }
-    return connected;
 }
 
 void PostChannel::beginBarrier()

@@ -57,7 +57,7 @@ public:
     int peers() const { return mMonitor.peers(); }
     std::size_t connections() const { return mMonitor.connections(); }
     zmq::socket_t& pollable() { return mSocket; }
-    zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
+    int connectionsDescriptor() { return mMonitor.descriptor(); }
 
 private:
     struct Peer
@@ -77,6 +77,7 @@ private:
         uint64_t heldBack = 0;       ///< bytes that the peer's kernel may have held back then
     };
 
+    void noteConnections();
     void account(zmq::message_t& frame, bool more);
     static bool reached(int descriptor, const Peer& connection, std::chrono::microseconds quiet);
 
@@ -86,6 +87,7 @@ private:
     ConnectionMonitor mMonitor;
     std::map<int, Peer> mConnections; // by descriptor
     Unfinished::Turn mTurn;
+    bool mHandshakeDone = false; // since updateConnections() was called last
 };
 
 #endif

@@ -52,7 +52,7 @@ public:
     int peers() const { return mMonitor.peers(); }
     std::size_t connections() const { return mMonitor.connections(); }
     zmq::socket_t& pollable() { return mSocket; }
-    zmq::socket_t& pollableConnections() { return mMonitor.pollable(); }
+    int connectionsDescriptor() { return mMonitor.descriptor(); }
 
 private:
     struct Peer
