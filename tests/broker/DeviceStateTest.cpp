@@ -1,6 +1,7 @@
 #include "broker/DeviceState.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/Wait.h"
@@ -196,6 +197,20 @@ TEST_F(DeviceLimits, allBytesTogetherAreLimited)
     EXPECT_NE(post(R"({"postStatus":{"b":"987654321"}})"), std::nullopt) << "no longer than before";
     post(R"({"postStatus":{"a":""}})");
     EXPECT_EQ(state.storedBytes(), 11U);
+}
+
+// The limit of all bytes together counts only what is held now.
+TEST_F(DeviceStateTest, aValueThatWasLongTakesNoMemoryAnyMore)
+{
+    constexpr int keys = 1000;
+    const std::size_t before = mallinfo2().uordblks;
+    for (int key = 0; key < keys; ++key)
+    {
+        const std::string name = std::to_string(key);
+        post(BrokerProtocol::writeMap(Key::postStatus, {{name, std::string(limits.valueBytes, 'x')}}));
+        post(BrokerProtocol::writeList(Key::resetStatus, {name}));
+    }
+    EXPECT_LT(mallinfo2().uordblks - before, keys * limits.valueBytes / 10);
 }
 
 TEST_F(DeviceLimits, timersAndCountersTooManyAreRefused)
