@@ -117,7 +117,7 @@ void EventThread::stop()
 {
     requestStop();
     if (mThread != pthread_t{})
-        pthread_join(mThread, nullptr);
+        require(pthread_join(mThread, nullptr), "Failed to end an event thread");
     mThread = pthread_t{};
     dropAll();
 }

@@ -159,6 +159,22 @@ TEST(EventThreadTest, stoppingTwiceDoesNothingMore)
     EXPECT_EQ(thread.getPendingCount(), 0U);
 }
 
+TEST(EventThreadTest, cannotWaitForItselfToStopAndIsWaitedForAtItsEndAllTheSame)
+{
+    struct Self
+    {
+        void stop()
+        {
+            EXPECT_THROW(thread.stop(), std::system_error);
+            isRefused = true;
+        }
+        bool isRefused = false; // outlives the thread
+        EventThread thread{"itself", 0};
+    } self;
+    (OV_NEW SyncEventAgent0<Self>(&self, &Self::stop))->send(&self.thread);
+    EXPECT_TRUE(self.isRefused);
+}
+
 TEST(EventThreadTest, runsUntilItIsStopped)
 {
     EventThread thread("running", 0);
