@@ -1,7 +1,7 @@
 #include "statusmanager/PostFlow.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -47,7 +47,7 @@ struct PostFlow::Frame
 int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
 {
     if (mSent - mKnownReleased >= mostUnderWay)
-        awaitUnderWay(socket, fewUnderWay);
+        awaitUnderWay(socket, fewUnderWay, Clock::time_point::max());
     auto frame = std::make_unique<Frame>(Frame{std::string(bytes, size), mReleased});
     zmq_msg_t message;
     if (zmq_msg_init_data(&message, frame->bytes.data(), size, &Frame::release, frame.get()) != 0)
@@ -65,26 +65,39 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
     return sent;
 }
 
-void PostFlow::flush(void* socket)
+int PostFlow::flush(void* socket, int timeoutMs)
 {
-    awaitUnderWay(socket, 0);
+    if (timeoutMs < 0)
+    {
+        awaitUnderWay(socket, 0, Clock::time_point::max());
+        return timeoutMs;
+    }
+    const std::chrono::milliseconds timeout(timeoutMs);
+    const auto begin = Clock::now();
+    awaitUnderWay(socket, 0, begin + timeout);
+    const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
+    return static_cast<int>(std::max(timeout - taken, std::chrono::milliseconds(0)).count());
 }
 
-void PostFlow::awaitUnderWay(void* socket, unsigned most)
+void PostFlow::awaitUnderWay(void* socket, unsigned most, Clock::time_point limit)
 {
-    mStandsStill = mStandsStill && mReleased->load(std::memory_order_acquire) == mKnownReleased;
-    auto end = std::chrono::steady_clock::now() + longestStandstill;
-    for (int looks = 0; underWay() > most && !mStandsStill; ++looks)
+    auto now = Clock::now();
+    auto lastMove = now;
+    for (int looks = 0;; ++looks)
     {
-        const unsigned before = mKnownReleased;
+        if (hasMoved())
+        {
+            lastMove = now;
+            mStandsStill = false;
+        }
+        mStandsStill = mStandsStill || now - lastMove >= longestStandstill;
+        if (mSent - mKnownReleased <= most || mStandsStill || now >= limit)
+            break;
         if (looks < promptLooks)
             std::this_thread::yield();
         else
             usleep(pauseMicroseconds);
-        const auto now = std::chrono::steady_clock::now();
-        if (underWay() < mSent - before)
-            end = now + longestStandstill;
-        mStandsStill = now >= end;
+        now = Clock::now();
     }
     // libzmq has told of the room of what it has let go of; this makes it listen. By itself it does about
     // once in a millisecond.
@@ -93,8 +106,10 @@ void PostFlow::awaitUnderWay(void* socket, unsigned most)
     zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size);
 }
 
-unsigned PostFlow::underWay()
+// Since the last call.
+bool PostFlow::hasMoved()
 {
+    const unsigned before = mKnownReleased;
     mKnownReleased = mReleased->load(std::memory_order_acquire);
-    return mSent - mKnownReleased;
+    return mKnownReleased != before;
 }

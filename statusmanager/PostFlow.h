@@ -2,6 +2,7 @@
 #define STATUSMANAGER_POSTFLOW_H
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <memory>
 
@@ -22,15 +23,17 @@ public:
     int sendLastFrame(void* socket, const char* bytes, std::size_t size);
 
     /// Returns when libzmq has taken up all posts, so that a request cannot overtake them inside this
-    /// process.
-    void flush(void* socket);
+    /// process, or after `timeoutMs` milliseconds (negative: no such limit).
+    /// @returns what is left of that time.
+    int flush(void* socket, int timeoutMs);
 
 private:
     struct Frame;
     using Count = std::atomic<unsigned>;
+    using Clock = std::chrono::steady_clock;
 
-    void awaitUnderWay(void* socket, unsigned most);
-    unsigned underWay();
+    void awaitUnderWay(void* socket, unsigned most, Clock::time_point limit);
+    bool hasMoved();
 
     unsigned mSent = 0;
     unsigned mKnownReleased = 0; ///< the room of these is known to libzmq, too, but for up to 499

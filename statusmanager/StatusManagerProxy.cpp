@@ -232,10 +232,10 @@ bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, 
     constexpr useconds_t pauseMicroseconds = 10000;
     for (int attempt = 1; attempt <= maxAttempts; ++attempt)
     {
-        if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &timeoutMs, sizeof(timeoutMs)) != 0)
+        const int leftMs = mPostFlow->flush(mPostSocket, timeoutMs);
+        if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &leftMs, sizeof(leftMs)) != 0)
             OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket"); // names the wrong socket; kept word for word
         OV_LOG(6, "Sending request message [%s]", request.c_str());
-        mPostFlow->flush(mPostSocket);
         if (!sendOnSocket(mRequestSocket, request))
         {
             OV_LOG(0, "Failed to send command [%s]", request.c_str());

@@ -118,6 +118,19 @@ TEST(NoStaleFirstCallback, aValueThatChangesDuringStartUpReachesTheListener)
     }
 }
 
+TEST(SyncBarrier, keepsItsTimeOutWhilePostsCannotLeave)
+{
+    auto broker = std::make_unique<BrokerProcess>();
+    ProxyClient client;
+    EXPECT_EQ(broker->stop(), 0);
+    client->postStatus("k", "1");
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(client->sync(200));
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    broker = std::make_unique<BrokerProcess>(); // the client needs one to end
+    EXPECT_LT(taken, allowed(std::chrono::milliseconds(800)));
+}
+
 class PostThenAsk : public testing::TestWithParam<int>
 {
 };
