@@ -38,7 +38,7 @@ bool isWatchdogOurs()
            numberFromEnvironment("WATCHDOG_PID") == static_cast<uint64_t>(getpid());
 }
 
-void tell(std::string_view message)
+void tell(std::string_view message, int flags = 0)
 {
     const std::string_view path = environment("NOTIFY_SOCKET");
     sockaddr_un address{};
@@ -53,8 +53,8 @@ void tell(std::string_view message)
     const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (socket == -1)
         return; // out of descriptors; the watchdog is fed again soon
-    sendto(socket, message.data(), message.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&address),
-           size);
+    sendto(socket, message.data(), message.size(), flags | MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&address), size);
     close(socket);
 }
 
@@ -76,15 +76,16 @@ void Supervisor::ready(const std::string& status)
     tell("READY=1\nSTATUS=" + status);
 }
 
+// From here on, a supervisor that reads nothing is not waited for: the clients are.
 void Supervisor::stopping()
 {
-    tell("STOPPING=1");
+    tell("STOPPING=1", MSG_DONTWAIT);
 }
 
 void Supervisor::feed(TimePoint now)
 {
     if (!mNextFeeding || now < *mNextFeeding)
         return;
-    tell("WATCHDOG=1");
+    tell("WATCHDOG=1", MSG_DONTWAIT);
     mNextFeeding = now + mInterval;
 }

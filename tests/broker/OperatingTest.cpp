@@ -313,13 +313,12 @@ class NotifySocket
 public:
     explicit NotifySocket(const std::string& path)
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+        mAddress.sun_family = AF_UNIX;
+        path.copy(mAddress.sun_path, sizeof(mAddress.sun_path) - 1);
         if (path[0] == '@')
-            address.sun_path[0] = '\0';
-        const std::size_t size = offsetof(sockaddr_un, sun_path) + path.size();
-        bind(mSocket, reinterpret_cast<sockaddr*>(&address), static_cast<socklen_t>(size));
+            mAddress.sun_path[0] = '\0';
+        mSize = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
+        bind(mSocket, reinterpret_cast<const sockaddr*>(&mAddress), mSize);
         timeval wait{30, 0};
         setsockopt(mSocket, SOL_SOCKET, SO_RCVTIMEO, &wait, sizeof(wait));
         setenv("NOTIFY_SOCKET", path.c_str(), 1);
@@ -335,6 +334,14 @@ public:
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
+    // Leaves no room for anything else.
+    void fill() const
+    {
+        while (sendto(mSocket, "", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&mAddress), mSize) == 1)
+        {
+        }
+    }
+
     std::string next()
     {
         std::array<char, 1000> bytes{};
@@ -343,6 +350,8 @@ public:
     }
 
 private:
+    sockaddr_un mAddress{};
+    socklen_t mSize = 0;
     int mSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 };
 
@@ -364,6 +373,19 @@ TEST(ServiceManager, isToldWhenItIsReadyAndWhenItStops)
     EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Serving, 1 keys loaded");
     broker.process().signal(SIGTERM);
     EXPECT_EQ(manager.next(), "STOPPING=1");
+}
+
+TEST(ServiceManager, isNotWaitedForWhenItReadsNothing)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    setenv("WATCHDOG_USEC", "3000", 1);
+    BrokerProcess broker;
+    manager.fill();
+    RawRequester requester;
+    for (int request = 0; request < 100; ++request)
+        ASSERT_EQ(requester.ask(R"({"getClientInfo":"null"})"), "{}") << "request " << request;
+    EXPECT_EQ(broker.stop(), 0);
 }
 
 TEST(ServiceManager, feedsItsWatchdogFromTheLoop)
