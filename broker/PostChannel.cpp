@@ -162,7 +162,9 @@ void PostChannel::abandonBarrier()
             connection.receivedSince && connection.accounted + mostWrittenOff < connection.arrivedBefore;
         if (!connection.awaited || isBacklog)
             continue;
-        connection.accounted = Connection::bytesArrived(descriptor).value_or(0);
+        if (connection.accounted >= connection.arrivedBefore)
+            continue; // only what has come since is missing, and may be posts
+        connection.accounted = connection.arrivedBefore;
         connection.writtenOff = true;
     }
 }

@@ -1,8 +1,11 @@
 // The promises of library and broker together, each against the real process.
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "common/EventThread.h"
@@ -12,6 +15,32 @@
 
 namespace
 {
+
+// Asks the broker without a pause while it lives.
+class Asker
+{
+public:
+    Asker() = default;
+    ~Asker()
+    {
+        mIsEnding = true;
+        mThread.join();
+    }
+
+    Asker(const Asker&) = delete;
+    Asker& operator=(const Asker&) = delete;
+
+private:
+    void ask()
+    {
+        RawRequester requester;
+        while (!mIsEnding)
+            requester.ask(R"({"getClientInfoValue":"x"})");
+    }
+
+    std::atomic<bool> mIsEnding{false};
+    std::thread mThread{[this] { ask(); }};
+};
 
 // Keeps both cores busy while it lives.
 class BusyCores
@@ -219,6 +248,23 @@ TEST_F(Burst, losesNothingShortlyAfterOthers)
         ASSERT_TRUE(client->sync(-1));
     }
     EXPECT_EQ(missing(), 0U);
+}
+
+// Their questions are answered after 100 ms, whatever is still under way.
+TEST_F(Burst, isFoundByASyncBehindItWhileOthersAskOnBusyCores)
+{
+    constexpr std::chrono::milliseconds bound{900}; // the broker's, and that is not scaled
+    const BusyCores busy;
+    const Asker other;
+    for (int round = 0; round < 12; ++round)
+    {
+        post(100000 / TEST_TIME_FACTOR);
+        const auto begin = std::chrono::steady_clock::now();
+        ASSERT_TRUE(client->sync(-1));
+        const bool isInTime = std::chrono::steady_clock::now() - begin < bound;
+        const uint64_t left = missing();
+        ASSERT_TRUE(left == 0 || !isInTime) << left << " in round " << round;
+    }
 }
 
 // More than the kernel takes up for it. The last operation waits for its turn behind all posts.
