@@ -66,8 +66,8 @@ Supervisor::Supervisor()
     if (microseconds == 0 || !isWatchdogOurs())
         return;
     constexpr uint64_t hour = 3'600'000'000; // an interval that every clock can count
-    mInterval =
-        std::chrono::microseconds(std::min(microseconds / 3, hour)); // one that comes late does no harm
+    mInterval = std::chrono::microseconds(
+        std::clamp<uint64_t>(microseconds / 3, 1000, hour)); // a late one does no harm
     mNextFeeding = Clock::now();
 }
 

@@ -1,6 +1,5 @@
 #include "statusmanager/PostFlow.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <thread>
@@ -65,18 +64,13 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
     return sent;
 }
 
-int PostFlow::flush(void* socket, int timeoutMs)
+void PostFlow::flush(void* socket, int timeoutMs)
 {
-    if (timeoutMs < 0)
-    {
-        awaitUnderWay(socket, 0, Clock::time_point::max());
-        return timeoutMs;
-    }
-    const std::chrono::milliseconds timeout(timeoutMs);
-    const auto begin = Clock::now();
-    awaitUnderWay(socket, 0, begin + timeout);
-    const auto taken = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-    return static_cast<int>(std::max(timeout - taken, std::chrono::milliseconds(0)).count());
+    if (mSent == mKnownReleased)
+        return; // nothing was posted since the last look
+    const bool isLimited = timeoutMs >= 0;
+    awaitUnderWay(socket, 0,
+                  isLimited ? Clock::now() + std::chrono::milliseconds(timeoutMs) : Clock::time_point::max());
 }
 
 void PostFlow::awaitUnderWay(void* socket, unsigned most, Clock::time_point limit)

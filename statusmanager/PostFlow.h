@@ -24,8 +24,7 @@ public:
 
     /// Returns when libzmq has taken up all posts, so that a request cannot overtake them inside this
     /// process, or after `timeoutMs` milliseconds (negative: no such limit).
-    /// @returns what is left of that time.
-    int flush(void* socket, int timeoutMs);
+    void flush(void* socket, int timeoutMs);
 
 private:
     struct Frame;

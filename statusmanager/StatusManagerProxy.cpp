@@ -230,10 +230,10 @@ bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, 
     OV_TRACE(7);
     constexpr int maxAttempts = 20;
     constexpr useconds_t pauseMicroseconds = 10000;
+    mPostFlow->flush(mPostSocket, timeoutMs);
     for (int attempt = 1; attempt <= maxAttempts; ++attempt)
     {
-        const int leftMs = mPostFlow->flush(mPostSocket, timeoutMs);
-        if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &leftMs, sizeof(leftMs)) != 0)
+        if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &timeoutMs, sizeof(timeoutMs)) != 0)
             OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket"); // names the wrong socket; kept word for word
         OV_LOG(6, "Sending request message [%s]", request.c_str());
         if (!sendOnSocket(mRequestSocket, request))
