@@ -121,6 +121,7 @@ void Broker::setLimits(const Limits& limits)
 void Broker::serveUntil(int descriptor)
 {
     mInterrupt = descriptor;
+    updateConnections(); // a descriptor becomes readable only for who has asked in vain before
     while (waitForWork())
     {
         const TimePoint begin = Clock::now();
@@ -159,7 +160,9 @@ bool Broker::waitForWork()
         if (error.num() != EINTR)
             throw;
     }
-    mReady = {items[0].revents != 0, items[1].revents != 0, items[2].revents != 0};
+    // The look at connections wants to know that nothing is left to be taken.
+    const bool all = Clock::now() >= mNextLook;
+    mReady = {all || items[0].revents != 0, all || items[1].revents != 0, all || items[2].revents != 0};
     if (items[3].revents != 0 || items[4].revents != 0 || items[5].revents != 0)
         updateConnections();
     return items.back().revents == 0;
