@@ -115,11 +115,11 @@ def lines(measured, top, title, prefix, across):
         path = " ".join(f"{a:.1f},{b:.1f}" for a, b in places)
         parts.append(f'<polyline points="{path}" fill="none" stroke="{COLOURS[system]}" stroke-width="2"/>')
         parts += [f'<circle cx="{a:.1f}" cy="{b:.1f}" r="3" fill="{COLOURS[system]}"/>' for a, b in places]
-        end = places[-1][1] + 4
-        while any(abs(end - other) < 14 for other in ends):
-            end += 14
-        ends.append(end)
-        parts.append(text(right + 8, end, measured.titles[system]))
+        ends.append((places[-1][1] + 4, measured.titles[system]))
+    lowest = 0
+    for end, label in sorted(ends):  # from the top, so that they stand in the order of the curves
+        lowest = max(end, lowest + 14)
+        parts.append(text(right + 8, lowest, label))
     return parts, bottom + 50
 
 
