@@ -10,6 +10,7 @@
 #include <deque>
 #include <future>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -80,10 +81,23 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // False when the peer has gone.
+    // False when the peer has gone. A plain send() may notice that only after 108 seconds: where the peer's
+    // window was closed, nothing can be sent to it that would be refused.
     bool write(const std::string& bytes)
     {
-        return send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+        for (std::size_t sent = 0; sent < bytes.size();)
+        {
+            pollfd item{mSocket, POLLOUT | POLLRDHUP, 0};
+            poll(&item, 1, -1);
+            if ((item.revents & (POLLRDHUP | POLLERR | POLLHUP)) != 0)
+                return false;
+            const ssize_t count =
+                send(mSocket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+            if (count == -1 && errno != EAGAIN)
+                return false;
+            sent += count == -1 ? 0 : static_cast<std::size_t>(count);
+        }
+        return true;
     }
 
     // Lets nobody wait for it any more.
