@@ -1,5 +1,6 @@
 #include "common/EventThread.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -116,8 +117,11 @@ EventThread::~EventThread()
 void EventThread::stop()
 {
     requestStop();
+    constexpr const char* failure = "Failed to end an event thread";
+    if (isThreadCurrent())
+        require(EDEADLK, failure);
     if (mThread != pthread_t{})
-        require(pthread_join(mThread, nullptr), "Failed to end an event thread");
+        require(pthread_join(mThread, nullptr), failure);
     mThread = pthread_t{};
     dropAll();
 }
