@@ -1,17 +1,14 @@
 #include "common/EventDispatcher.h"
 
-#include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <deque>
 #include <exception>
+#include <list>
 #include <map>
 #include <mutex>
-#include <optional>
 #include <semaphore.h>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "common/EventAgent.h"
 #include "common/Logging.h"
@@ -98,11 +95,13 @@ public:
         return *this;
     }
 
-    ~QueuedAgent()
+    ~QueuedAgent() { end(); }
+
+    void end()
     {
         mAgent = SmartPtr<EventAgent>();
         if (mCompletion != nullptr)
-            mCompletion->complete();
+            std::exchange(mCompletion, nullptr)->complete();
     }
 
     EventAgent* agent() const { return mAgent.get(); }
@@ -124,10 +123,14 @@ public:
     }
 
 private:
-    SmartPtr<EventAgent> mAgent;
-    void* mReceiver; // asked once, so that looking for it under the lock calls nothing
+    SmartPtr<EventAgent> mAgent; // none once it has ended
+    void* mReceiver;             // asked once, so that looking for it under the lock calls nothing
     Completion* mCompletion;
 };
+
+// Agents move from list to list as they stand, so only queueing one needs memory: nothing can fail once an
+// agent is queued, least of all dropping it.
+using Agents = std::list<QueuedAgent>;
 
 } // namespace
 
@@ -139,8 +142,9 @@ struct EventDispatcher::Queue
 
     std::mutex mutex; // guards all below; never held while an agent is delivered or released
     std::condition_variable changed;
-    std::deque<QueuedAgent> ready;
-    std::multimap<Clock::time_point, QueuedAgent> delayed; // equal times keep their order of insertion
+    Agents ready;
+    Agents spare;                                     // ended ones, for the next that are posted
+    std::multimap<Clock::time_point, Agents> delayed; // one agent each; equal times keep their order
     bool stopped = false;
     bool asleep = false; // the loop waits for `changed`
 
@@ -152,40 +156,52 @@ struct EventDispatcher::Queue
             return;
         const auto end = delayed.upper_bound(Clock::now());
         for (auto entry = delayed.begin(); entry != end; entry = delayed.erase(entry))
-            ready.push_back(std::move(entry->second));
+            ready.splice(ready.end(), entry->second);
     }
 
     // The loop is woken without the lock, or it would run into it at once. By then the agent may have been
     // delivered, and that may have been the end of the dispatcher: hence the hold on the queue.
-    static void enqueue(std::shared_ptr<Queue> queue, QueuedAgent entry)
+    static void enqueue(std::shared_ptr<Queue> queue, QueuedAgent agent)
     {
-        if (queue->push(entry))
+        if (queue->push(agent))
             queue->changed.notify_one();
     }
 
-    // True if the loop is to be woken. The entry stays untouched when the dispatcher has stopped: its end
+    // True if the loop is to be woken. The agent stays where it is when the dispatcher has stopped: its end
     // releases the sender.
-    bool push(QueuedAgent& entry)
+    bool push(QueuedAgent& agent)
     {
         const std::lock_guard<std::mutex> lock(mutex);
         if (stopped)
             return false;
         admitDue();
-        ready.push_back(std::move(entry));
+        if (spare.empty())
+            ready.push_back(std::move(agent));
+        else
+        {
+            ready.splice(ready.end(), spare, spare.begin());
+            ready.back() = std::move(agent);
+        }
         return std::exchange(asleep, false);
     }
 
-    // Waits for the next agent to deliver; nothing when the dispatcher has stopped.
-    std::optional<QueuedAgent> pop()
+    // Replaces `agent`, which has ended, by the next to deliver, for which it waits; by none when the
+    // dispatcher has stopped.
+    void pop(Agents& agent)
     {
+        constexpr std::size_t mostSpare = 64;
         std::unique_lock<std::mutex> lock(mutex);
-        for (;;)
+        if (spare.size() < mostSpare)
+            spare.splice(spare.begin(), agent);
+        agent.clear();
+        while (!stopped)
         {
-            if (stopped)
-                return std::nullopt;
             admitDue();
             if (!ready.empty())
+            {
+                agent.splice(agent.end(), ready, ready.begin());
                 break;
+            }
             asleep = true;
             if (delayed.empty())
                 changed.wait(lock);
@@ -193,30 +209,30 @@ struct EventDispatcher::Queue
                 changed.wait_until(lock, Clock::time_point(delayed.begin()->first));
             asleep = false;
         }
-        std::optional<QueuedAgent> next(std::move(ready.front()));
-        ready.pop_front();
-        return next;
     }
 
     // Takes out, for the caller to destroy without the lock, every waiting agent that `matches`.
     template <class Matches>
-    std::vector<QueuedAgent> take(Matches matches)
+    Agents take(Matches matches)
     {
-        std::vector<QueuedAgent> taken;
+        Agents taken;
         const std::lock_guard<std::mutex> lock(mutex);
-        const auto kept = std::stable_partition(ready.begin(), ready.end(),
-                                                [&](const QueuedAgent& entry) { return !matches(entry); });
-        std::move(kept, ready.end(), std::back_inserter(taken));
-        ready.erase(kept, ready.end());
+        for (auto entry = ready.begin(); entry != ready.end();)
+        {
+            const auto next = std::next(entry);
+            if (matches(*entry))
+                taken.splice(taken.end(), ready, entry);
+            entry = next;
+        }
         for (auto entry = delayed.begin(); entry != delayed.end();)
         {
-            if (matches(entry->second))
+            const auto next = std::next(entry);
+            if (matches(entry->second.front()))
             {
-                taken.push_back(std::move(entry->second));
-                entry = delayed.erase(entry);
+                taken.splice(taken.end(), entry->second);
+                delayed.erase(entry);
             }
-            else
-                ++entry;
+            entry = next;
         }
         return taken;
     }
@@ -248,7 +264,9 @@ void EventDispatcher::post(EventAgent* agent)
 
 void EventDispatcher::postDelayed(EventAgent* agent, uint32_t delayMs)
 {
-    QueuedAgent entry(agent);
+    QueuedAgent held(agent); // lets the agent go if there is no memory for the list
+    Agents entry;
+    entry.push_back(std::move(held));
     const std::lock_guard<std::mutex> lock(mQueue->mutex);
     if (mQueue->stopped)
         return;
@@ -289,10 +307,14 @@ bool EventDispatcher::isThreadCurrent()
 
 void EventDispatcher::run()
 {
-    currentDispatcher = this;
-    while (std::optional<QueuedAgent> next = mQueue->pop())
-        next->deliver(mQueue->name.c_str());
-    currentDispatcher = nullptr;
+    const EventDispatcher* const outer = std::exchange(currentDispatcher, this);
+    Agents agent;
+    for (mQueue->pop(agent); !agent.empty(); mQueue->pop(agent))
+    {
+        agent.front().deliver(mQueue->name.c_str());
+        agent.front().end();
+    }
+    currentDispatcher = outer; // an agent of another dispatcher may have run this loop
 }
 
 void EventDispatcher::requestStop()
