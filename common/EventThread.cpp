@@ -1,11 +1,12 @@
 #include "common/EventThread.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <sched.h>
-#include <string>
 #include <system_error>
 
 #include "common/Logging.h"
@@ -18,21 +19,27 @@ namespace Orvane
 namespace
 {
 
-// A thread inherits its creator's signal mask. Blocking everything around the creation, instead of in the new
+// Signals by which the kernel reports a fault of the thread itself, and abort(). Blocked, the kernel would
+// end the process without asking its handlers; a crash handler must work on every thread.
+constexpr std::array<int, 7> faults{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
+
+// A thread inherits its creator's signal mask. Blocking signals around the creation, instead of in the new
 // thread, leaves no moment at which a signal could be delivered to it.
-class AllSignalsBlocked
+class SignalsBlocked
 {
 public:
-    AllSignalsBlocked()
+    SignalsBlocked()
     {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &mPrevious);
+        sigset_t signals;
+        sigfillset(&signals);
+        for (const int fault : faults)
+            sigdelset(&signals, fault);
+        pthread_sigmask(SIG_SETMASK, &signals, &mPrevious);
     }
-    ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mPrevious, nullptr); }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mPrevious, nullptr); }
 
-    AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-    AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
 
 private:
     sigset_t mPrevious;
@@ -68,10 +75,12 @@ private:
     int mError;
 };
 
-void nameCurrentThread(const std::string& name)
+// Takes no memory: there is nobody on the new thread who could be told that there is none.
+void nameCurrentThread(const char* name)
 {
-    constexpr std::size_t kernelLimit = 15;
-    pthread_setname_np(pthread_self(), name.substr(0, kernelLimit).c_str());
+    std::array<char, 16> shown{}; // as much as the kernel keeps
+    snprintf(shown.data(), shown.size(), "%s", name);
+    pthread_setname_np(pthread_self(), shown.data());
 }
 
 void raiseCurrentThread(const char* name, int priority)
@@ -98,7 +107,7 @@ EventThread::EventThread(const char* name, int priority, std::size_t stackSize) 
 {
     const Attributes attributes(stackSize);
     auto start = std::make_unique<Start>(Start{this, priority});
-    const AllSignalsBlocked blocked;
+    const SignalsBlocked blocked;
     require(pthread_create(&mThread, attributes.get(), &EventThread::enter, start.get()),
             "Failed to start an event thread");
     static_cast<void>(start.release()); // the thread's now
@@ -126,7 +135,7 @@ void EventThread::stop()
     dropAll();
 }
 
-// An exception that leaves an agent ends the program.
+// Nothing is thrown here: the dispatcher catches what leaves an agent, and logs it or hands it to the sender.
 void* EventThread::enter(void* start) noexcept
 {
     const std::unique_ptr<Start> own(static_cast<Start*>(start));
@@ -136,9 +145,11 @@ void* EventThread::enter(void* start) noexcept
 
 void EventThread::main(int priority)
 {
-    nameCurrentThread(getName());
+    // Not through the virtual table: the constructor of a derived class may still be writing to it.
+    const char* const name = EventDispatcher::getName();
+    nameCurrentThread(name);
     if (priority > 0)
-        raiseCurrentThread(getName(), priority);
+        raiseCurrentThread(name, priority);
     run();
 }
 

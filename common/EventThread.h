@@ -10,8 +10,13 @@
 namespace Orvane
 {
 
-/// A dispatcher with a thread of its own, which runs from construction to stop() or destruction. All signals
-/// are blocked on that thread: handling them stays with the program's own threads.
+/// A dispatcher with a thread of its own, which runs from construction to stop() or destruction.
+///
+/// Signals are blocked on that thread, so handling them stays with the program's own threads. The exceptions
+/// are SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS and SIGABRT: a crash handler works here as well.
+/// A child process inherits the signal mask of the thread that makes it. An agent or a listener that calls
+/// fork() and exec(), or posix_spawn(), must give the child an empty mask (sigprocmask() before exec(), or
+/// POSIX_SPAWN_SETSIGMASK); otherwise the child never receives SIGTERM.
 class OV_EXPORT EventThread : public EventDispatcher
 {
 public:

@@ -36,7 +36,9 @@ protected:
     uint32_t mRefCount = 0; ///< Changed under Mutex::mCriticalSection.
 };
 
-/// Holds one count on a RefCount object, or nothing.
+/// Holds one count on a RefCount object, or nothing. Several threads may each have a SmartPtr on the same
+/// object. One SmartPtr is not to be shared: it may be read by several threads at once, but not while another
+/// thread assigns, moves or destroys it.
 template <class T>
 class SmartPtr
 {
