@@ -156,8 +156,8 @@ private:
     {
         const char* environment = getenv("OV_LOG");
         if (environment != nullptr && !configure(environment))
-            ov_log_print(2, __PRETTY_FUNCTION__, ov_log_file_tail(__FILE__), __LINE__,
-                         "Ignoring malformed OV_LOG [%s]", environment);
+            ov_log_print(2, __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, "Ignoring malformed OV_LOG [%s]",
+                         environment);
     }
 
     // What the new rule overrides is dropped: a program that keeps switching the same files must not grow the

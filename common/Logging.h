@@ -22,7 +22,7 @@ extern "C"
     /// @param file     the tail of the source path, from its last slash on
     /// @param format   printf-style, with its arguments
     OV_EXPORT void ov_log_print(int level, const char* function, const char* file, int line,
-                                const char* format, ...) __attribute__((format(printf, 5, 6)));
+                                const char* format, ...) __attribute__((format(printf, 5, 6), cold));
 
     /// Hands a source file's control words to the facility, which may change them at any time from any
     /// thread, so they must live until the process ends. Settings made so far, by OV_LOG or
@@ -31,7 +31,8 @@ extern "C"
     OV_EXPORT int register_logging(const char* path, volatile unsigned int* flags, volatile int* level);
 
     /// Changes the control words of registered files, and of files registered later. The environment variable
-    /// OV_LOG is read in the same form when the first file registers.
+    /// OV_LOG is read in the same form when the first file registers. Any thread, at any time; concurrent
+    /// calls take effect one after the other.
     ///
     /// @param rules "PATTERN=LEVEL[:FLAGS]" rules separated by commas; of several that match a file the last
     ///              wins. PATTERN is a shell glob for the end of the source path, with or without its
@@ -55,9 +56,11 @@ extern "C"
     /// Called with each message and the context given to ov_log_set_sink().
     typedef void (*ov_log_sink)(const struct ov_log_record* record, void* context);
 
-    /// Sends all messages to `sink`, on the thread that logs, instead of to stderr; null restores stderr. No
-    /// lock is held during the call. A thread that was printing at this moment may still call the sink that
-    /// was replaced, so a sink and its context must live until the process ends. A sink must not throw.
+    /// Sends all messages to `sink`, on the thread that logs, instead of to stderr; null restores stderr. Any
+    /// thread, at any time. No lock is held while the sink is called, so several threads may call it at once,
+    /// and it may log itself (unless it would do so for ever). A thread that was printing at this moment may
+    /// still call the sink that was replaced, so a sink and its context must live until the process ends. A
+    /// sink must not throw.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
     /// The current indentation of trace output, in columns. Shared by all threads without a lock: scopes of
@@ -70,9 +73,13 @@ extern "C"
 #ifdef __cplusplus
 }
 
+/// Marks what a suppressed message or trace scope costs: loads and compares at the place itself. Inline for
+/// certain, also where the compiler optimises for size.
+#define OV_LOG_INLINE __attribute__((always_inline)) inline
+
 /// The test at a call site. Levels 0 to 2 always pass; above, bit 31 of the flags must be set (the word read
 /// as signed is negative) and the file's level must reach the message's.
-inline bool ov_log_admits(int level, volatile unsigned int& flags, volatile int& maximum)
+OV_LOG_INLINE bool ov_log_admits(int level, volatile unsigned int& flags, volatile int& maximum)
 {
     if (level <= 2)
         return true;
@@ -80,17 +87,21 @@ inline bool ov_log_admits(int level, volatile unsigned int& flags, volatile int&
            __atomic_load_n(&maximum, __ATOMIC_RELAXED) > level - 1;
 }
 
-/// The part of a path from its last slash on, the slash included.
-constexpr const char* ov_log_file_tail(const char* path)
+/// Where the part of a path begins that starts with its last slash.
+constexpr size_t ov_log_file_tail(const char* path)
 {
-    const char* tail = path;
-    for (const char* at = path; *at != '\0'; ++at)
+    size_t tail = 0;
+    for (size_t at = 0; path[at] != '\0'; ++at)
     {
-        if (*at == '/')
+        if (path[at] == '/')
             tail = at;
     }
     return tail;
 }
+
+/// A number that the compiler has worked out, whatever it optimises for.
+template <size_t Value>
+constexpr size_t ov_log_constant = Value;
 
 /// Logs "begin" when it is made and "end" when its scope is left, at the level given and under the control
 /// words given. These are read anew at the end, so a change in between can leave one line without the other.
@@ -98,8 +109,8 @@ class Tracer
 {
 public:
     /// Logs "begin", if the control words admit it. The texts and the words must outlive the scope.
-    Tracer(int level, const char* function, const char* file, int line, unsigned int volatile& flags,
-           int volatile& maximum)
+    OV_LOG_INLINE Tracer(int level, const char* function, const char* file, int line,
+                         unsigned int volatile& flags, int volatile& maximum)
         : mLevel(level), mFunction(function), mFile(file), mLine(line), mFlags(flags), mMaximum(maximum),
           mActive(true)
     {
@@ -107,7 +118,7 @@ public:
             begin();
     }
 
-    ~Tracer()
+    OV_LOG_INLINE ~Tracer()
     {
         if (mActive && admitted())
             end();
@@ -117,15 +128,16 @@ public:
     Tracer& operator=(const Tracer&) = delete;
 
 private:
-    bool admitted() const
+    OV_LOG_INLINE bool admitted() const
     {
         constexpr unsigned int traceBit = 1U << 30;
         return (__atomic_load_n(&mFlags, __ATOMIC_RELAXED) & traceBit) != 0 &&
                mLevel <= __atomic_load_n(&mMaximum, __ATOMIC_RELAXED);
     }
 
-    OV_EXPORT void begin() const;
-    OV_EXPORT void end() const;
+    // Seldom called, which moves the calls and what prepares them out of the way.
+    OV_EXPORT __attribute__((cold)) void begin() const;
+    OV_EXPORT __attribute__((cold)) void end() const;
 
     int mLevel;
     const char* mFunction;
@@ -156,13 +168,7 @@ private:
     const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
 
 /// What a message shows as this source file: the part of its path from the last slash on.
-#define OV_LOG_FILE                                                                                          \
-    (                                                                                                        \
-        []() -> const char*                                                                                  \
-        {                                                                                                    \
-            constexpr const char* tail = ov_log_file_tail(__FILE__);                                         \
-            return tail;                                                                                     \
-        }())
+#define OV_LOG_FILE (__FILE__ + ov_log_constant<ov_log_file_tail(__FILE__)>)
 
 #endif
 
