@@ -77,12 +77,15 @@ protected:
 
 } // namespace Orvane
 
+/// This place in the source, as an AllocationSite of its own.
+#define OV_SITE                                                                                              \
+    (*[]() -> ::Orvane::AllocationSite*                                                                      \
+     {                                                                                                       \
+         static ::Orvane::AllocationSite site(__FILE__, __LINE__);                                           \
+         return &site;                                                                                       \
+     }())
+
 /// Allocates an object of a Tracked class and records the source file and line: `OV_NEW Thing(arguments)`.
-#define OV_NEW                                                                                               \
-    new (*[]() -> ::Orvane::AllocationSite*                                                                  \
-         {                                                                                                   \
-             static ::Orvane::AllocationSite site(__FILE__, __LINE__);                                       \
-             return &site;                                                                                   \
-         }())
+#define OV_NEW new (OV_SITE)
 
 #endif

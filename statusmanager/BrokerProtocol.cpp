@@ -41,15 +41,14 @@ Json::Value objectOf(const StatusMap& values)
     return object;
 }
 
-// A JSON object, or nothing: JsonCpp throws on nesting that is too deep for it, and later on asking anything
-// but an object for its members.
-std::optional<Json::Value> parseObject(const std::string& text)
+// Any JSON value, or nothing: JsonCpp throws on nesting that is too deep for it.
+std::optional<Json::Value> parse(const std::string& text)
 {
     Json::Value root;
     try
     {
         Json::Reader reader;
-        if (!reader.parse(text, root, false) || !root.isObject())
+        if (!reader.parse(text, root, false))
             return std::nullopt;
     }
     catch (const Json::Exception&)
@@ -59,14 +58,29 @@ std::optional<Json::Value> parseObject(const std::string& text)
     return root;
 }
 
+// A JSON object, or nothing: JsonCpp throws on asking anything else for its members.
+std::optional<Json::Value> parseObject(const std::string& text)
+{
+    std::optional<Json::Value> root = parse(text);
+    return root && root->isObject() ? std::move(root) : std::nullopt;
+}
+
+// Null and the empty array are values without members, as {} is.
+bool isWithoutMembers(const Json::Value& value)
+{
+    return value.isNull() || (value.isArray() && value.empty());
+}
+
 bool isScalar(const Json::Value& value)
 {
     return !value.isArray() && !value.isObject();
 }
 
-// The members as text; nothing if this is no object or one of them is nested.
+// The members as text; nothing if this cannot have members, or one of them is nested.
 std::optional<StatusMap> membersOf(const Json::Value& object)
 {
+    if (isWithoutMembers(object))
+        return StatusMap();
     if (!object.isObject() || !std::all_of(object.begin(), object.end(), isScalar))
         return std::nullopt;
     StatusMap members;
@@ -242,7 +256,7 @@ std::optional<StatusMap> readMapReply(const std::string& reply)
 {
     if (std::optional<StatusMap> members = PlainDocument::readMembers(reply))
         return members;
-    const std::optional<Json::Value> root = parseObject(reply);
+    const std::optional<Json::Value> root = parse(reply);
     return root ? membersOf(*root) : std::nullopt;
 }
 
@@ -251,8 +265,10 @@ std::optional<std::string> readStatusValueReply(const std::string& reply)
     std::optional<PlainDocument::Content> plain = PlainDocument::read(reply);
     if (plain && plain->key == Key::statusValue && plain->text)
         return std::move(plain->text);
-    const std::optional<Json::Value> root = parseObject(reply);
-    if (!root)
+    const std::optional<Json::Value> root = parse(reply);
+    if (root && isWithoutMembers(*root))
+        return std::string();
+    if (!root || !root->isObject())
         return std::nullopt;
     const Json::Value value = root->get(Key::statusValue, "");
     if (!isScalar(value))
@@ -278,11 +294,12 @@ Notification readNotification(const std::string& message)
     if (plain && plain->key == Key::eventUpdate && !plain->text)
         return {Notification::Kind::EventUpdate, std::move(plain->members)};
 
-    const std::optional<Json::Value> root = parseObject(message);
+    const std::optional<Json::Value> root = parse(message);
     if (!root)
         return {};
-    const bool isStatus = root->isMember(Key::statusUpdate);
-    if (!isStatus && !root->isMember(Key::eventUpdate))
+    const bool isStatus = root->isObject() && root->isMember(Key::statusUpdate);
+    const bool isEvent = root->isObject() && root->isMember(Key::eventUpdate);
+    if (!isStatus && !isEvent)
         return {Notification::Kind::Unhandled, {}};
 
     std::optional<StatusMap> members = membersOf((*root)[isStatus ? Key::statusUpdate : Key::eventUpdate]);

@@ -72,11 +72,11 @@ std::string writeGetClientInfo();
 
 // ----------------------------------------------------------------------------- replies, read by the client
 
-/// A {"<key>":"<value>",...} reply; nothing if it is not that.
+/// A {"<key>":"<value>",...} reply; null and [] are replies without members. Nothing for any other text.
 std::optional<StatusMap> readMapReply(const std::string& reply);
 
-/// A {"statusValue":"<value>"} reply: the value, or empty if the member is missing; nothing if it is no
-/// object.
+/// A {"statusValue":"<value>"} reply: the value, or empty if the member is missing, as it is from null and
+/// []. Nothing for any other text.
 std::optional<std::string> readStatusValueReply(const std::string& reply);
 
 /// Bare decimal text; 0 for anything else.
@@ -91,7 +91,7 @@ struct Notification
     {
         StatusUpdate,
         EventUpdate,
-        Unhandled,  ///< an object with neither key
+        Unhandled,  ///< JSON with neither key
         Unparsable, ///< not JSON, or not of the shape that its key asks for
     };
 
@@ -99,7 +99,8 @@ struct Notification
     StatusMap members; ///< in the order of their names
 };
 
-/// Where both keys are present, the status update is read and the event is not looked at.
+/// Where both keys are present, the status update is read and the event is not looked at. An update that is
+/// null or [] has no members.
 Notification readNotification(const std::string& message);
 
 // ----------------------------------------------------- what the broker counts about itself; tools ask for it

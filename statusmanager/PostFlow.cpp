@@ -1,7 +1,10 @@
 #include "statusmanager/PostFlow.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <string>
+#include <cstdlib>
+#include <cstring>
+#include <new>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -23,35 +26,67 @@ thread_local unsigned droppedNow = 0;
 
 constexpr int promptLooks = 20;
 constexpr useconds_t pauseMicroseconds = 50;
-constexpr std::chrono::seconds longestStandstill{1};
+
+// A broker that takes 10,000 posts a second is waited for without end. A slower one has the kernel's buffers,
+// which hold bursts of tens of thousands of posts, and the budget.
+constexpr std::chrono::microseconds returnedByOnePost{100};
+
+// Long enough that an overload with short pauses is reported as one.
+constexpr std::chrono::seconds quietAfterDropping{1};
 
 } // namespace
 
+/// The bytes of a post on their way. They stand behind the object, so that one piece of memory holds both.
 struct PostFlow::Frame
 {
-    std::string bytes;
     std::shared_ptr<Count> released;
 
-    // Called by libzmq, on whatever thread.
-    static void release(void*, void* frame)
+    char* bytes() { return reinterpret_cast<char*>(this + 1); }
+
+    // Null when there is no memory.
+    static Frame* make(const std::shared_ptr<Count>& released, const char* bytes, std::size_t size)
     {
-        const std::unique_ptr<Frame> own(static_cast<Frame*>(frame));
+        void* memory = std::malloc(sizeof(Frame) + size);
+        if (memory == nullptr)
+            return nullptr;
+        auto* frame = new (memory) Frame{released};
+        std::memcpy(frame->bytes(), bytes, size);
+        return frame;
+    }
+
+    static void destroy(Frame* frame)
+    {
+        frame->~Frame();
+        std::free(frame);
+    }
+
+    // Called by libzmq, on whatever thread.
+    static void release(void*, void* hint)
+    {
+        auto* frame = static_cast<Frame*>(hint);
         if (isSending)
             ++droppedNow;
         else
-            own->released->fetch_add(1, std::memory_order_release);
+            frame->released->fetch_add(1, std::memory_order_release);
+        destroy(frame);
     }
 };
 
 int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
 {
-    if (mSent - mKnownReleased >= mostUnderWay)
-        awaitUnderWay(socket, fewUnderWay, Clock::time_point::max());
-    auto frame = std::make_unique<Frame>(Frame{std::string(bytes, size), mReleased});
+    if (mIsDropping || mBudget < wholeBudget)
+        look();
+    if (underWay() >= mostUnderWay)
+        awaitUnderWay(socket, fewUnderWay, wholeBudget);
+    Frame* frame = Frame::make(mReleased, bytes, size);
     zmq_msg_t message;
-    if (zmq_msg_init_data(&message, frame->bytes.data(), size, &Frame::release, frame.get()) != 0)
+    if (frame == nullptr || zmq_msg_init_data(&message, frame->bytes(), size, &Frame::release, frame) != 0)
+    {
+        if (frame != nullptr)
+            Frame::destroy(frame);
+        errno = ENOMEM;
         return -1;
-    static_cast<void>(frame.release()); // the message's now
+    }
     droppedNow = 0;
     isSending = true;
     const int sent = zmq_msg_send(&message, socket, 0);
@@ -59,51 +94,72 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
     if (sent == -1)
         zmq_msg_close(&message);
     isSending = false;
-    mSent += 1 - droppedNow;
+    if (droppedNow == 0)
+        ++mSent;
+    else if (sent != -1 && underWay() >= mostUnderWay)
+        countDropped(); // with fewer under way there was room, and nobody who has subscribed
     errno = error;
     return sent;
 }
 
-void PostFlow::flush(void* socket, int timeoutMs)
+void PostFlow::flush(void* socket, std::chrono::microseconds limit)
 {
-    if (mSent == mKnownReleased)
-        return; // nothing was posted since the last look
-    const bool isLimited = timeoutMs >= 0;
-    awaitUnderWay(socket, 0,
-                  isLimited ? Clock::now() + std::chrono::milliseconds(timeoutMs) : Clock::time_point::max());
+    if (underWay() != 0)
+        awaitUnderWay(socket, 0, limit);
 }
 
-void PostFlow::awaitUnderWay(void* socket, unsigned most, Clock::time_point limit)
+PostFlow::News PostFlow::takeNews()
 {
+    if (std::exchange(mWasDropping, mIsDropping) == mIsDropping)
+        return News::None;
+    return mIsDropping ? News::DroppingBegan : News::DroppingEnded;
+}
+
+void PostFlow::awaitUnderWay(void* socket, unsigned most, std::chrono::microseconds limit)
+{
+    look();
     auto now = Clock::now();
-    auto lastMove = now;
-    for (int looks = 0;; ++looks)
+    const auto end = now + limit;
+    for (int looks = 0; underWay() > most && mBudget > mBudget.zero() && now < end; ++looks)
     {
-        if (hasMoved())
-        {
-            lastMove = now;
-            mStandsStill = false;
-        }
-        mStandsStill = mStandsStill || now - lastMove >= longestStandstill;
-        if (mSent - mKnownReleased <= most || mStandsStill || now >= limit)
-            break;
         if (looks < promptLooks)
             std::this_thread::yield();
         else
             usleep(pauseMicroseconds);
-        now = Clock::now();
+        const auto before = std::exchange(now, Clock::now());
+        mBudget -= std::chrono::duration_cast<std::chrono::microseconds>(now - before);
+        look();
     }
-    // libzmq has told of the room of what it has let go of; this makes it listen. By itself it does about
+    // libzmq has reported the room of what it has let go of; this makes it listen. By itself it does about
     // once in a millisecond.
     int events = 0;
     std::size_t size = sizeof(events);
     zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size);
 }
 
-// Since the last call.
-bool PostFlow::hasMoved()
+void PostFlow::look()
 {
     const unsigned before = mKnownReleased;
     mKnownReleased = mReleased->load(std::memory_order_acquire);
-    return mKnownReleased != before;
+    mBudget = std::min(mBudget + (mKnownReleased - before) * returnedByOnePost, wholeBudget);
+    if (underWay() == 0)
+        recover();
+}
+
+// Called when every post has left.
+void PostFlow::recover()
+{
+    if (mIsDropping && Clock::now() - mLastDrop < quietAfterDropping)
+        return;
+    mIsDropping = false;
+    mBudget = wholeBudget;
+}
+
+void PostFlow::countDropped()
+{
+    if (!mIsDropping)
+        mDropped = 0;
+    mIsDropping = true;
+    ++mDropped;
+    mLastDrop = Clock::now();
 }

@@ -6,37 +6,62 @@
 #include <cstddef>
 #include <memory>
 
-/// Sends posts so that none is lost in this process, and tells when all have left it.
+/// Sends posts so that a burst is not lost in this process, and notices when posts are lost all the same.
 ///
 /// libzmq keeps at most 1,000 messages of a PUB socket for its I/O thread and drops what comes beyond,
-/// silently. It also tells when it has let go of a message. So it is known how many are under way, and a post
+/// silently. It also reports when it has let go of a message. So the number under way is known, and a post
 /// waits while there are many.
 ///
-/// Where nothing moves for a second (the broker stands still, or is gone), posts go out without waiting, and
-/// are dropped beyond libzmq's limit, until something moves again.
+/// Waiting has a budget, as the same thread serves listeners and queries. The budget is a second; each post
+/// that leaves returns a little of it, and all of it returns when every post has left. So a broker that takes
+/// posts about as fast as they are made is waited for without end, and one that is much slower, or gone, for
+/// a second in all. Beyond that posts are sent without waiting, and libzmq drops those for which it has no
+/// room.
 ///
-/// One thread; libzmq's own threads only tell.
+/// One thread; libzmq's own threads only report.
 class PostFlow
 {
 public:
-    /// As zmq_send() of a post's last frame.
+    /// As zmq_send() of a post's last frame. Throws nothing.
     int sendLastFrame(void* socket, const char* bytes, std::size_t size);
 
-    /// Returns when libzmq has taken up all posts, so that a request cannot overtake them inside this
-    /// process, or after `timeoutMs` milliseconds (negative: no such limit).
-    void flush(void* socket, int timeoutMs);
+    /// Waits until libzmq has taken up all posts, so that a request cannot overtake them inside this process;
+    /// at most `limit`, and never longer than the budget.
+    void flush(void* socket, std::chrono::microseconds limit);
+
+    enum class News
+    {
+        None,
+        DroppingBegan, ///< a post was dropped
+        DroppingEnded, ///< all posts have left, and none was dropped for a second
+    };
+
+    /// What has happened since the last call.
+    News takeNews();
+
+    /// Posts dropped since dropping last began.
+    unsigned dropped() const { return mDropped; }
 
 private:
     struct Frame;
     using Count = std::atomic<unsigned>;
     using Clock = std::chrono::steady_clock;
 
-    void awaitUnderWay(void* socket, unsigned most, Clock::time_point limit);
-    bool hasMoved();
+    void awaitUnderWay(void* socket, unsigned most, std::chrono::microseconds limit);
+    void look();
+    void recover();
+    void countDropped();
+    unsigned underWay() const { return mSent - mKnownReleased; }
+
+    static constexpr std::chrono::microseconds wholeBudget{1000000};
 
     unsigned mSent = 0;
     unsigned mKnownReleased = 0; ///< the room of these is known to libzmq, too, but for up to 499
-    bool mStandsStill = false;
+    std::chrono::microseconds mBudget = wholeBudget;
+    bool mIsDropping = false;
+    bool mWasDropping = false; ///< when takeNews() was last called
+    unsigned mDropped = 0;
+    Clock::time_point mLastDrop;
     /// libzmq may let go of the last ones after this object's end.
     std::shared_ptr<Count> mReleased = std::make_shared<Count>(0);
 };

@@ -4,12 +4,12 @@
 #include <sys/time.h>
 #include <utility>
 
-#include "common/EventAgent.h"
+#include "common/Calls.h"
 #include "common/Logging.h"
 #include "common/Mutex.h"
 #include "statusmanager/StatusManagerProxy.h"
 #include "statusmanager/StatusManagerStub.h"
-#include "statusmanager/Subscriptions.h"
+#include "statusmanager/SubscriptionIndex.h"
 
 OV_LOG_CONTROL_WORDS;
 
@@ -21,14 +21,60 @@ using veskcommon::Stopwatch;
 // reference to a string as "const string&".
 using string = std::string;
 
-/// A registered listener and what it subscribed to.
-struct ClientListenerInfo
+namespace
 {
-    IStatusUpdateListener* listener;
-    EventDispatcher* dispatcher; // null: registered, but never called
-    Subscriptions statusKeys;
-    Subscriptions eventKeys;
+
+// Adds keys to a listener's list, and takes them back unless the subscription is kept: one that fails half
+// way, for want of memory, leaves nothing behind.
+class Subscription
+{
+public:
+    Subscription(StatusKeys& list, SubscriptionIndex& index)
+        : mList(list), mIndex(index), mBefore(list.size())
+    {
+    }
+
+    ~Subscription()
+    {
+        while (!mKept && mList.size() > mBefore)
+            mIndex.popBack(mList);
+    }
+
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+    // False if it is there already.
+    bool add(const std::string& key)
+    {
+        if (mIndex.in(mList).contains(key))
+            return false;
+        mList.push_back(key);
+        return true;
+    }
+
+    // Of the keys that were added, those with a value.
+    StatusMap valuesIn(const StatusMap& values) const
+    {
+        StatusMap found;
+        for (std::size_t at = mBefore; at < mList.size(); ++at)
+        {
+            const auto value = values.find(mList[at]);
+            if (value != values.end())
+                found.insert(*value);
+        }
+        return found;
+    }
+
+    void keep() { mKept = true; }
+
+private:
+    StatusKeys& mList;
+    SubscriptionIndex& mIndex;
+    const std::size_t mBefore;
+    bool mKept = false;
 };
+
+} // namespace
 
 StatusManager* StatusManager::mInstance = nullptr;
 
@@ -51,7 +97,8 @@ StatusManager* StatusManager::getInstance(bool useStub)
     return mInstance;
 }
 
-StatusManager::StatusManager() : mThread("StatusManager", 0)
+StatusManager::StatusManager()
+    : mThread("StatusManager", 0), mSubscriptionIndex(std::make_unique<SubscriptionIndex>())
 {
     OV_TRACE(6);
 }
@@ -74,11 +121,7 @@ StatusManager::~StatusManager()
 StatusMap StatusManager::getClientInfo()
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent =
-            OV_NEW SyncRetEventAgent0<StatusManager, StatusMap>(this, &StatusManager::getClientInfo);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getClientInfo);
     OV_TRACE(7);
     return mStatusValues;
 }
@@ -86,11 +129,7 @@ StatusMap StatusManager::getClientInfo()
 std::string StatusManager::getClientInfoValue(const string& key)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, std::string, const std::string&>(
-            this, &StatusManager::getClientInfoValue, key);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getClientInfoValue, key);
     OV_TRACE(7);
     const auto stored = mStatusValues.find(key);
     return stored == mStatusValues.end() ? std::string() : stored->second;
@@ -99,11 +138,7 @@ std::string StatusManager::getClientInfoValue(const string& key)
 StatusMap StatusManager::getClientInfoValues(const StatusKeys& keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, StatusMap, const StatusKeys&>(
-            this, &StatusManager::getClientInfoValues, keys);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getClientInfoValues, keys);
     OV_TRACE(7);
     StatusMap values;
     for (const std::string& key : keys)
@@ -118,11 +153,9 @@ StatusMap StatusManager::getClientInfoValues(const StatusKeys& keys)
 void StatusManager::postStatus(std::string key, std::string value)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, std::string, std::string>(
-            this, &StatusManager::postStatus, std::move(key), std::move(value));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this,
+                        overload<std::string, std::string>(&StatusManager::postStatus), std::move(key),
+                        std::move(value));
     OV_TRACE(7);
     // Through the virtual table: an implementation that replaces the collection form gets single keys too.
     postStatus(StatusMap{{std::move(key), std::move(value)}});
@@ -131,32 +164,24 @@ void StatusManager::postStatus(std::string key, std::string value)
 void StatusManager::postStatus(StatusMap updates)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(this, &StatusManager::postStatus,
-                                                                        std::move(updates));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, overload<StatusMap>(&StatusManager::postStatus),
+                        std::move(updates));
     OV_TRACE(7);
     StatusMap changes;
     for (const auto& [key, value] : updates)
     {
         const auto stored = mStatusValues.find(key);
-        if (stored != mStatusValues.end() && stored->second == value)
-            continue;
-        mStatusValues[key] = value;
-        changes[key] = value;
+        if (stored == mStatusValues.end() || stored->second != value)
+            changes.emplace_hint(changes.end(), key, value);
     }
-    handleStatusUpdate(std::move(changes));
+    notifyAndStore(std::move(changes));
 }
 
 void StatusManager::resetStatus(std::string key)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetStatus,
-                                                                          std::move(key));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, overload<std::string>(&StatusManager::resetStatus),
+                        std::move(key));
     OV_TRACE(7);
     // Through the virtual table, as with postStatus().
     resetStatus(StatusKeys{key});
@@ -165,63 +190,67 @@ void StatusManager::resetStatus(std::string key)
 void StatusManager::resetStatus(StatusKeys keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusKeys>(this, &StatusManager::resetStatus,
-                                                                         std::move(keys));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, overload<StatusKeys>(&StatusManager::resetStatus),
+                        std::move(keys));
     OV_TRACE(7);
     StatusMap changes;
     for (const std::string& key : keys)
     {
         const auto stored = mStatusValues.find(key);
-        if (stored != mStatusValues.end() && stored->second.empty())
-            continue;
-        mStatusValues[key].clear();
-        changes[key].clear();
+        if (stored == mStatusValues.end() || !stored->second.empty())
+            changes.emplace(key, std::string());
     }
+    notifyAndStore(std::move(changes));
+}
+
+// Stores last, and by what takes no memory. So where memory runs out, a value is not stored of which some
+// listener does not know, which no repeated post would tell. Nobody sees the order: this is one run on the
+// manager's thread.
+void StatusManager::notifyAndStore(StatusMap changes)
+{
+    StatusMap stored = changes;
     handleStatusUpdate(std::move(changes));
+    while (!stored.empty())
+    {
+        auto inserted = mStatusValues.insert(stored.extract(stored.begin()));
+        if (!inserted.inserted)
+            inserted.position->second.swap(inserted.node.mapped());
+    }
 }
 
 void StatusManager::handleStatusUpdate(StatusMap updates)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, StatusMap>(
-            this, &StatusManager::handleStatusUpdate, std::move(updates));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::handleStatusUpdate, std::move(updates));
     OV_TRACE(7);
     for (const auto& [listener, info] : mListeners)
     {
         if (info->dispatcher == nullptr)
             continue;
+        const SubscriptionIndex::Lookup keys = mSubscriptionIndex->in(info->statusKeys);
         StatusMap subscribed;
         for (const auto& [key, value] : updates)
         {
-            if (info->statusKeys.contain(key))
+            if (keys.contains(key))
                 subscribed.emplace_hint(subscribed.end(), key, value);
         }
         if (subscribed.empty())
             continue;
-        auto* agent = OV_NEW AsyncEventAgent1<IStatusUpdateListener, StatusMap>(
-            listener, &IStatusUpdateListener::onStatusUpdate, std::move(subscribed));
-        agent->send(info->dispatcher);
+        postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onStatusUpdate,
+                 std::move(subscribed));
     }
 }
 
 void StatusManager::clearInfo()
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent0<StatusManager>(this, &StatusManager::clearInfo);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::clearInfo);
     OV_TRACE(7);
     mStatusValues.clear();
     for (const auto& [listener, info] : mListeners)
         delete info;
     mListeners.clear();
+    mSubscriptionIndex->clear();
 }
 
 // -------------------------------------------------------------------------------- listeners, subscriptions
@@ -235,11 +264,7 @@ ClientListenerInfo* StatusManager::findListener(IStatusUpdateListener* listener)
 void StatusManager::registerListener(IStatusUpdateListener* listener, EventDispatcher* dispatcher)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, IStatusUpdateListener*, EventDispatcher*>(
-            this, &StatusManager::registerListener, listener, dispatcher);
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::registerListener, listener, dispatcher);
     OV_TRACE(7);
     OV_LOG(7, "Adding listener %p", static_cast<void*>(listener));
     if (findListener(listener) != nullptr)
@@ -247,7 +272,9 @@ void StatusManager::registerListener(IStatusUpdateListener* listener, EventDispa
         OV_LOG(6, "Listener already registered with StatusManager");
         return;
     }
-    mListeners[listener] = new ClientListenerInfo{listener, dispatcher, {}, {}};
+    std::unique_ptr<ClientListenerInfo> info(new ClientListenerInfo{listener, dispatcher, {}, {}});
+    mListeners.emplace(listener, info.get());
+    static_cast<void>(info.release()); // the registry's now
 }
 
 void StatusManager::unregisterListener(IStatusUpdateListener* listener)
@@ -259,9 +286,8 @@ void StatusManager::unregisterListener(IStatusUpdateListener* listener)
         OV_LOG(1, "StatusManager should never be calling unregisterListener from its own thread");
         return;
     }
-    using Agent = SyncRetEventAgent1<StatusManager, EventDispatcher*, IStatusUpdateListener*>;
-    const SmartPtr<Agent> agent(OV_NEW Agent(this, &StatusManager::unregisterListenerHelper, listener));
-    EventDispatcher* dispatcher = agent->send(&mThread);
+    EventDispatcher* dispatcher =
+        callAndWait(OV_SITE, mThread, this, &StatusManager::unregisterListenerHelper, listener);
     // The record is gone, so nothing new is sent to the listener; what was sent before is dropped here.
     if (dispatcher != nullptr)
         dispatcher->removeAgentsByReceiver(listener);
@@ -284,6 +310,8 @@ EventDispatcher* StatusManager::unregisterListenerHelper(IStatusUpdateListener* 
     }
     EventDispatcher* dispatcher = info->dispatcher;
     mListeners.erase(listener);
+    mSubscriptionIndex->forget(info->statusKeys);
+    mSubscriptionIndex->forget(info->eventKeys);
     delete info;
     return dispatcher;
 }
@@ -296,11 +324,9 @@ void StatusManager::registerForStatus(IStatusUpdateListener* listener, std::stri
 void StatusManager::registerForStatus(IStatusUpdateListener* listener, StatusKeys keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, IStatusUpdateListener*, StatusKeys>(
-            this, &StatusManager::registerForStatus, listener, std::move(keys));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this,
+                        overload<IStatusUpdateListener*, StatusKeys>(&StatusManager::registerForStatus),
+                        listener, std::move(keys));
     OV_TRACE(7);
     ClientListenerInfo* info = findListener(listener);
     if (info == nullptr)
@@ -308,30 +334,20 @@ void StatusManager::registerForStatus(IStatusUpdateListener* listener, StatusKey
         OV_LOG(2, "Cannot register for status value, listener not registered with Status Manager");
         return;
     }
-    StatusKeys added;
+    Subscription subscription(info->statusKeys, *mSubscriptionIndex);
     for (const std::string& key : keys)
     {
-        if (info->statusKeys.add(key))
-            added.push_back(key);
-        else
+        if (!subscription.add(key))
             OV_LOG(6, "Listener already registered for status");
     }
 
     // Asked even when nothing was added, and the callback is sent even when it is empty: every accepted call
     // is answered by exactly one.
     const StatusMap current = getClientInfo();
-    StatusMap initial;
-    for (const std::string& key : added)
-    {
-        const auto value = current.find(key);
-        if (value != current.end())
-            initial.insert(*value);
-    }
-    if (info->dispatcher == nullptr)
-        return;
-    auto* agent = OV_NEW AsyncEventAgent1<IStatusUpdateListener, StatusMap>(
-        listener, &IStatusUpdateListener::onStatusUpdate, std::move(initial));
-    agent->send(info->dispatcher);
+    if (info->dispatcher != nullptr)
+        postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onStatusUpdate,
+                 subscription.valuesIn(current));
+    subscription.keep();
 }
 
 void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const string& key)
@@ -342,11 +358,10 @@ void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const s
 void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const StatusKeys& keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent2<StatusManager, IStatusUpdateListener*, const StatusKeys&>(
-            this, &StatusManager::unregisterForStatus, listener, keys);
-        return agent->send(&mThread);
-    }
+        return callAndWait(
+            OV_SITE, mThread, this,
+            overload<IStatusUpdateListener*, const StatusKeys&>(&StatusManager::unregisterForStatus),
+            listener, keys);
     OV_TRACE(7);
     ClientListenerInfo* info = findListener(listener);
     if (info == nullptr)
@@ -355,7 +370,7 @@ void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const S
         return;
     }
     for (const std::string& key : keys)
-        info->statusKeys.remove(key);
+        mSubscriptionIndex->erase(info->statusKeys, key);
 }
 
 void StatusManager::registerForEvent(IStatusUpdateListener* listener, std::string name)
@@ -366,11 +381,9 @@ void StatusManager::registerForEvent(IStatusUpdateListener* listener, std::strin
 void StatusManager::registerForEvent(IStatusUpdateListener* listener, EventKeys names)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, IStatusUpdateListener*, StatusKeys>(
-            this, &StatusManager::registerForEvent, listener, std::move(names));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this,
+                        overload<IStatusUpdateListener*, EventKeys>(&StatusManager::registerForEvent),
+                        listener, std::move(names));
     OV_TRACE(7);
     ClientListenerInfo* info = findListener(listener);
     if (info == nullptr)
@@ -378,11 +391,13 @@ void StatusManager::registerForEvent(IStatusUpdateListener* listener, EventKeys 
         OV_LOG(2, "Cannot register for event, listener not registered with Status Manager");
         return;
     }
+    Subscription subscription(info->eventKeys, *mSubscriptionIndex);
     for (const std::string& name : names)
     {
-        if (!info->eventKeys.add(name))
+        if (!subscription.add(name))
             OV_LOG(6, "Listener already registered for event");
     }
+    subscription.keep();
 }
 
 void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const string& name)
@@ -394,11 +409,10 @@ void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const st
 void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const EventKeys& names)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent2<StatusManager, IStatusUpdateListener*, const StatusKeys&>(
-            this, &StatusManager::unregisterForEvent, listener, names);
-        return agent->send(&mThread);
-    }
+        return callAndWait(
+            OV_SITE, mThread, this,
+            overload<IStatusUpdateListener*, const EventKeys&>(&StatusManager::unregisterForEvent), listener,
+            names);
     OV_TRACE(7);
     ClientListenerInfo* info = findListener(listener);
     if (info == nullptr)
@@ -407,7 +421,7 @@ void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const Ev
         return;
     }
     for (const std::string& name : names)
-        info->eventKeys.remove(name);
+        mSubscriptionIndex->erase(info->eventKeys, name);
 }
 
 // -------------------------------------------------------------------------------------------------- events
@@ -421,19 +435,14 @@ void StatusManager::postEvent(std::string name, std::string value, uint32_t)
 void StatusManager::handleEventUpdate(std::string name, std::string value)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, std::string, std::string>(
-            this, &StatusManager::handleEventUpdate, std::move(name), std::move(value));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::handleEventUpdate, std::move(name),
+                        std::move(value));
     OV_TRACE(7);
     for (const auto& [listener, info] : mListeners)
     {
-        if (info->dispatcher == nullptr || !info->eventKeys.contain(name))
+        if (info->dispatcher == nullptr || !mSubscriptionIndex->in(info->eventKeys).contains(name))
             continue;
-        auto* agent = OV_NEW AsyncEventAgent2<IStatusUpdateListener, std::string, std::string>(
-            listener, &IStatusUpdateListener::onEventUpdate, name, value);
-        agent->send(info->dispatcher);
+        postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onEventUpdate, name, value);
     }
 }
 
@@ -485,11 +494,7 @@ bool StatusManager::getCounter(const string& name, Counter& out)
 void StatusManager::startTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::startTimer,
-                                                                          std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::startTimer, std::move(name));
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -499,11 +504,7 @@ void StatusManager::startTimer(std::string name)
 void StatusManager::stopTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::stopTimer,
-                                                                          std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::stopTimer, std::move(name));
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -513,11 +514,7 @@ void StatusManager::stopTimer(std::string name)
 void StatusManager::resetTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::resetTimer,
-                                                                          std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::resetTimer, std::move(name));
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -527,11 +524,7 @@ void StatusManager::resetTimer(std::string name)
 void StatusManager::restartTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManager, std::string>(this, &StatusManager::restartTimer,
-                                                                          std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::restartTimer, std::move(name));
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -541,11 +534,7 @@ void StatusManager::restartTimer(std::string name)
 uint64_t StatusManager::getTimerElapsed(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, uint64_t, const std::string&>(
-            this, &StatusManager::getTimerElapsed, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getTimerElapsed, name);
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -555,11 +544,7 @@ uint64_t StatusManager::getTimerElapsed(const string& name)
 uint64_t StatusManager::getTimerElapsedSeconds(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, uint64_t, const std::string&>(
-            this, &StatusManager::getTimerElapsedSeconds, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getTimerElapsedSeconds, name);
     OV_TRACE(7);
     constexpr uint64_t microsecondsPerSecond = 1000000;
     return getTimerElapsed(name) / microsecondsPerSecond; // virtual: with a broker, the broker's answer
@@ -568,11 +553,7 @@ uint64_t StatusManager::getTimerElapsedSeconds(const string& name)
 uint64_t StatusManager::getTimerLastStarted(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, uint64_t, const std::string&>(
-            this, &StatusManager::getTimerLastStarted, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getTimerLastStarted, name);
     OV_TRACE(7);
     Stopwatch timer("");
     getTimer(name, timer);
@@ -582,11 +563,7 @@ uint64_t StatusManager::getTimerLastStarted(const string& name)
 uint32_t StatusManager::getCounterValue(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, unsigned int, const std::string&>(
-            this, &StatusManager::getCounterValue, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::getCounterValue, name);
     OV_TRACE(7);
     Counter counter;
     return getCounter(name, counter) ? counter.second : 0;
@@ -595,11 +572,7 @@ uint32_t StatusManager::getCounterValue(const string& name)
 uint32_t StatusManager::incrementCounter(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManager, unsigned int, const std::string&>(
-            this, &StatusManager::incrementCounter, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::incrementCounter, name);
     OV_TRACE(7);
     Counter counter;
     return getCounter(name, counter) ? counter.second++ : 0;
@@ -608,11 +581,7 @@ uint32_t StatusManager::incrementCounter(const string& name)
 void StatusManager::setCounterValue(std::string name, uint32_t value)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManager, std::string, unsigned int>(
-            this, &StatusManager::setCounterValue, std::move(name), value);
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManager::setCounterValue, std::move(name), value);
     OV_TRACE(7);
     Counter counter;
     if (getCounter(name, counter))
@@ -624,11 +593,7 @@ void StatusManager::setCounterValue(std::string name, uint32_t value)
 void StatusManager::updateSystemTime(uint32_t seconds)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent1<StatusManager, unsigned int>(
-            this, &StatusManager::updateSystemTime, seconds);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::updateSystemTime, seconds);
     OV_TRACE(7);
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
@@ -638,11 +603,7 @@ void StatusManager::updateSystemTime(uint32_t seconds)
 bool StatusManager::sync(int timeoutMs)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent =
-            OV_NEW SyncRetEventAgent1<StatusManager, bool, int>(this, &StatusManager::sync, timeoutMs);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManager::sync, timeoutMs);
     OV_TRACE(7);
     return true; // all that was queued before has been done
 }

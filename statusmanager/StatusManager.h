@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <memory>
 #include <string>
 
 #include "common/EventThread.h"
@@ -29,7 +30,17 @@ public:
     virtual ~IStatusUpdateListener();
 };
 
-struct ClientListenerInfo;
+/// A registered listener and its subscriptions. Only the manager's thread reads and changes it. Classes that
+/// derive from the manager may read it; the key lists are the manager's to change.
+struct ClientListenerInfo
+{
+    IStatusUpdateListener* listener;     ///< Also its key in the registry.
+    Orvane::EventDispatcher* dispatcher; ///< Every callback runs there; null: registered, but never called.
+    StatusKeys statusKeys;               ///< In the order of subscription, no key twice.
+    EventKeys eventKeys;                 ///< In the order of subscription, no name twice.
+};
+
+class SubscriptionIndex;
 
 /// The device's status values, events, timers and counters, as one process sees them.
 ///
@@ -190,6 +201,9 @@ protected:
 
 private:
     ClientListenerInfo* findListener(IStatusUpdateListener* listener) const;
+    void notifyAndStore(StatusMap changes);
+
+    std::unique_ptr<SubscriptionIndex> mSubscriptionIndex; ///< Of the long lists among the records'.
 };
 
 #endif

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <new>
 #include <unistd.h>
 #include <utility>
 #include <zmq.h>
 
-#include "common/EventAgent.h"
+#include "common/Calls.h"
 #include "common/Logging.h"
 #include "statusmanager/BrokerProtocol.h"
 #include "statusmanager/PostFlow.h"
@@ -31,6 +32,11 @@ constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr int noTimeLimit = -1;
 
+// A request waits so long at most for posts to leave this process. With the pause behind a receive that timed
+// out, sync() still returns within 100 ms of its time limit.
+constexpr std::chrono::milliseconds longestWaitForPosts{80};
+constexpr std::chrono::milliseconds longestWaitForPostsOfUnlimitedSync{1000};
+
 bool isLastFrame(void* socket)
 {
     int64_t more = 0;
@@ -47,28 +53,87 @@ StatusManagerProxy::StatusManagerProxy()
     : mNotifyThread("ProcessStatusMessage", 0), mPostFlow(std::make_unique<PostFlow>())
 {
     OV_TRACE(6);
-    initSockets();
+    try
+    {
+        initSockets();
+    }
+    catch (...)
+    {
+        closeSockets(); // neither thread uses them: queueing the notify loop is the last step
+        throw;
+    }
 }
 
 StatusManagerProxy::~StatusManagerProxy()
 {
     OV_TRACE(6);
-    // The teardown closes the manager's sockets on the notify thread, so nothing may be using them by then.
+    mShutdown.store(true, std::memory_order_relaxed);
+    try
+    {
+        endCalls();
+        shutdown();
+    }
+    catch (const std::bad_alloc&)
+    {
+        // The same in the same order, by what takes no memory.
+        mNotifyThread.stop();
+        mThread.removeAgentsByReceiver(this);
+        mThread.stop();
+        closeSockets();
+    }
+}
+
+// The manager's thread goes on working until the notify loop has ended: what was posted before is sent, and
+// the notification that ends the loop reaches its listeners. Only then is the rest dropped and the thread
+// stopped, as the teardown closes the manager's sockets on the notify thread.
+void StatusManagerProxy::endCalls()
+{
+    callAndWait(OV_SITE, mNotifyThread, this, &StatusManagerProxy::passBy);
+    callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::passBy);
     mThread.removeAgentsByReceiver(this);
     mThread.stop();
-    shutdown();
 }
+
+// A thread that has come to this has done what was queued before.
+void StatusManagerProxy::passBy() {}
 
 void StatusManagerProxy::initSockets()
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent0<StatusManagerProxy>(this, &StatusManagerProxy::initSockets);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::initSockets);
     OV_TRACE(7);
-    if (!createSockets() || !connectSockets())
+    OV_LOG(7, "Creating ZMQ context");
+    mZmqContext = zmq_ctx_new();
+    if (mZmqContext == nullptr)
+    {
+        OV_LOG(0, "Failed to create ZMQ context");
         return;
+    }
+    OV_LOG(7, "Creating ZMQ sockets");
+    mPostSocket = zmq_socket(mZmqContext, ZMQ_PUB);
+    if (mPostSocket == nullptr)
+    {
+        OV_LOG(0, "Failed to create post socket");
+        return;
+    }
+    mRequestSocket = zmq_socket(mZmqContext, ZMQ_REQ);
+    if (mRequestSocket == nullptr)
+    {
+        OV_LOG(0, "Failed to create request socket");
+        return;
+    }
+    OV_LOG(7, "Connecting post socket");
+    if (zmq_connect(mPostSocket, postEndpoint) != 0)
+    {
+        OV_LOG(0, "Failed to connect post socket");
+        return;
+    }
+    OV_LOG(7, "Connecting request socket");
+    if (zmq_connect(mRequestSocket, requestEndpoint) != 0)
+    {
+        OV_LOG(0, "Failed to connect requester");
+        return;
+    }
 
     OV_LOG(6, "Sending Sync on post socket");
     sendPost(BrokerProtocol::syncWord);
@@ -80,59 +145,20 @@ void StatusManagerProxy::initSockets()
     processStatusMessages(mZmqContext);
 }
 
-bool StatusManagerProxy::createSockets()
-{
-    OV_LOG(7, "Creating ZMQ context");
-    mZmqContext = zmq_ctx_new();
-    if (mZmqContext == nullptr)
-    {
-        OV_LOG(0, "Failed to create ZMQ context");
-        return false;
-    }
-    OV_LOG(7, "Creating ZMQ sockets");
-    mPostSocket = zmq_socket(mZmqContext, ZMQ_PUB);
-    if (mPostSocket == nullptr)
-    {
-        OV_LOG(0, "Failed to create post socket");
-        return false;
-    }
-    mRequestSocket = zmq_socket(mZmqContext, ZMQ_REQ);
-    if (mRequestSocket == nullptr)
-    {
-        OV_LOG(0, "Failed to create request socket");
-        return false;
-    }
-    return true;
-}
-
-bool StatusManagerProxy::connectSockets()
-{
-    OV_LOG(7, "Connecting post socket");
-    if (zmq_connect(mPostSocket, postEndpoint) != 0)
-    {
-        OV_LOG(0, "Failed to connect post socket");
-        return false;
-    }
-    OV_LOG(7, "Connecting request socket");
-    if (zmq_connect(mRequestSocket, requestEndpoint) != 0)
-    {
-        OV_LOG(0, "Failed to connect requester");
-        return false;
-    }
-    return true;
-}
-
 void StatusManagerProxy::shutdown()
 {
     mShutdown.store(true, std::memory_order_relaxed);
     if (!mNotifyThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent0<StatusManagerProxy>(this, &StatusManagerProxy::shutdown);
-        return agent->send(&mNotifyThread);
-    }
+        return callAndWait(OV_SITE, mNotifyThread, this, &StatusManagerProxy::shutdown);
     OV_TRACE(7);
     if (mSocketsClosed)
         return;
+    closeSockets();
+    mNotifyThread.removeAgentsByReceiver(this);
+}
+
+void StatusManagerProxy::closeSockets()
+{
     mSocketsClosed = true;
     zmq_close(mPostSocket);
     // The notify loop has closed this one already. The repeated close is required; libzmq refuses it
@@ -140,7 +166,6 @@ void StatusManagerProxy::shutdown()
     zmq_close(mNotifySocket);
     zmq_close(mRequestSocket);
     zmq_ctx_destroy(mZmqContext);
-    mNotifyThread.removeAgentsByReceiver(this);
 }
 
 // ----------------------------------------------------------------------------------------------- transport
@@ -208,7 +233,15 @@ bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)
             OV_LOG(0, "Frame of %d bytes on zmq socket exceeds %zu, message dropped", size, buffer.size());
             return discardRestOfMessage(socket);
         }
-        received.append(buffer.data(), static_cast<std::size_t>(size));
+        try
+        {
+            received.append(buffer.data(), static_cast<std::size_t>(size));
+        }
+        catch (const std::bad_alloc&)
+        {
+            discardRestOfMessage(socket); // or the request socket would refuse every further request
+            throw;
+        }
     } while (!isLastFrame(socket));
     message = std::move(received);
     return true;
@@ -230,7 +263,6 @@ bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, 
     OV_TRACE(7);
     constexpr int maxAttempts = 20;
     constexpr useconds_t pauseMicroseconds = 10000;
-    mPostFlow->flush(mPostSocket, timeoutMs);
     for (int attempt = 1; attempt <= maxAttempts; ++attempt)
     {
         if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &timeoutMs, sizeof(timeoutMs)) != 0)
@@ -260,6 +292,28 @@ void StatusManagerProxy::sendPost(std::string message)
     OV_LOG(6, "Sending post message [%s]", message.c_str());
     if (!sendOnSocket(mPostSocket, message))
         OV_LOG(0, "Failed to send command [%s]", message.c_str());
+    logDropping();
+}
+
+void StatusManagerProxy::awaitPosts(std::chrono::milliseconds limit)
+{
+    mPostFlow->flush(mPostSocket, limit);
+    logDropping();
+}
+
+void StatusManagerProxy::logDropping()
+{
+    switch (mPostFlow->takeNews())
+    {
+    case PostFlow::News::None:
+        break;
+    case PostFlow::News::DroppingBegan:
+        OV_LOG(0, "StatusBroker does not take posts as fast as they are made, some are dropped from now on");
+        break;
+    case PostFlow::News::DroppingEnded:
+        OV_LOG(0, "StatusBroker takes posts again, %u were dropped", mPostFlow->dropped());
+        break;
+    }
 }
 
 // ------------------------------------------------------------------------------------------- notify thread
@@ -267,11 +321,7 @@ void StatusManagerProxy::sendPost(std::string message)
 void StatusManagerProxy::processStatusMessages(void* context)
 {
     if (!mNotifyThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, void*>(
-            this, &StatusManagerProxy::processStatusMessages, context);
-        return agent->send(&mNotifyThread);
-    }
+        return postCall(OV_SITE, mNotifyThread, this, &StatusManagerProxy::processStatusMessages, context);
     OV_TRACE(7);
     OV_LOG(7, "Creating notify socket");
     mNotifySocket = zmq_socket(context, ZMQ_SUB);
@@ -286,14 +336,22 @@ void StatusManagerProxy::processStatusMessages(void* context)
     {
         OV_LOG(6, "Polling for messages on notify socket");
         std::string message;
-        if (!receiveOnSocket(mNotifySocket, message))
-            OV_LOG(2, "Failed to receive valid message from StatusBroker!");
-        if (message.empty())
-            OV_LOG(2, "Received empty notify message");
-        else if (message == BrokerProtocol::syncWord)
-            OV_LOG(6, "Received Sync on notify socket");
-        else
-            handleNotifyMessage(message);
+        try
+        {
+            if (!receiveOnSocket(mNotifySocket, message))
+                OV_LOG(2, "Failed to receive valid message from StatusBroker!");
+            if (message.empty())
+                OV_LOG(2, "Received empty notify message");
+            else if (message == BrokerProtocol::syncWord)
+                OV_LOG(6, "Received Sync on notify socket");
+            else
+                handleNotifyMessage(message);
+        }
+        catch (const std::bad_alloc&)
+        {
+            // Without the loop, this process would never hear of anything again.
+            OV_LOG(0, "A notification was lost for want of memory");
+        }
     }
     zmq_close(mNotifySocket); // the handle stays as it is, see shutdown()
 }
@@ -326,11 +384,7 @@ void StatusManagerProxy::handleNotifyMessage(const string& message)
 void StatusManagerProxy::updateSystemTime(uint32_t time)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncEventAgent1<StatusManagerProxy, unsigned int>(
-            this, &StatusManagerProxy::updateSystemTime, time);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::updateSystemTime, time);
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeUpdateSystemTime(time));
 }
@@ -338,11 +392,7 @@ void StatusManagerProxy::updateSystemTime(uint32_t time)
 void StatusManagerProxy::postStatus(StatusMap status)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, StatusMap>(
-            this, &StatusManagerProxy::postStatus, std::move(status));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::postStatus, std::move(status));
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeMap(Key::postStatus, status));
 }
@@ -350,11 +400,7 @@ void StatusManagerProxy::postStatus(StatusMap status)
 void StatusManagerProxy::resetStatus(StatusKeys keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, StatusKeys>(
-            this, &StatusManagerProxy::resetStatus, std::move(keys));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::resetStatus, std::move(keys));
     OV_TRACE(7);
     unsigned int index = 0;
     for (const std::string& key : keys)
@@ -366,11 +412,11 @@ void StatusManagerProxy::postEvent(std::string name, std::string value, uint32_t
 {
     if (!mThread.isThreadCurrent())
     {
-        auto* agent = OV_NEW AsyncEventAgent3<StatusManagerProxy, std::string, std::string, unsigned int>(
-            this, &StatusManagerProxy::postEvent, std::move(name), std::move(value), delay);
-        if (delay != 0)
-            return mThread.postDelayed(agent, delay);
-        return agent->send(&mThread);
+        if (delay == 0)
+            return postCall(OV_SITE, mThread, this, &StatusManagerProxy::postEvent, std::move(name),
+                            std::move(value), delay);
+        return postCallDelayed(OV_SITE, mThread, delay, this, &StatusManagerProxy::postEvent, std::move(name),
+                               std::move(value), delay);
     }
     OV_TRACE(7);
     sendPost(BrokerProtocol::writePostEvent(name, value));
@@ -379,11 +425,7 @@ void StatusManagerProxy::postEvent(std::string name, std::string value, uint32_t
 void StatusManagerProxy::startTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, std::string>(
-            this, &StatusManagerProxy::startTimer, std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::startTimer, std::move(name));
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeText(Key::startTimer, name));
 }
@@ -391,11 +433,7 @@ void StatusManagerProxy::startTimer(std::string name)
 void StatusManagerProxy::stopTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, std::string>(
-            this, &StatusManagerProxy::stopTimer, std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::stopTimer, std::move(name));
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeText(Key::stopTimer, name));
 }
@@ -403,11 +441,7 @@ void StatusManagerProxy::stopTimer(std::string name)
 void StatusManagerProxy::resetTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, std::string>(
-            this, &StatusManagerProxy::resetTimer, std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::resetTimer, std::move(name));
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeText(Key::resetTimer, name));
 }
@@ -415,11 +449,7 @@ void StatusManagerProxy::resetTimer(std::string name)
 void StatusManagerProxy::restartTimer(std::string name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent1<StatusManagerProxy, std::string>(
-            this, &StatusManagerProxy::restartTimer, std::move(name));
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::restartTimer, std::move(name));
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeText(Key::restartTimer, name));
 }
@@ -427,72 +457,80 @@ void StatusManagerProxy::restartTimer(std::string name)
 void StatusManagerProxy::setCounterValue(std::string name, uint32_t value)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW AsyncEventAgent2<StatusManagerProxy, std::string, unsigned int>(
-            this, &StatusManagerProxy::setCounterValue, std::move(name), value);
-        return agent->send(&mThread);
-    }
+        return postCall(OV_SITE, mThread, this, &StatusManagerProxy::setCounterValue, std::move(name), value);
     OV_TRACE(7);
     sendPost(BrokerProtocol::writeSetCounterValue(name, value));
 }
 
 // ------------------------------------------------------------------------------------------------- queries
-//
-// An empty reply is logged and read on: it does not parse, or counts as 0.
-//
-// The operations look alike and are spelled out all the same: each traces and logs under its own signature,
-// by which log readers find it.
+
+/// A query as the log shows it, and its request.
+struct StatusManagerProxy::Query
+{
+    const char* function; // the operation's signature, under which all of its lines are logged
+    const char* name;
+    std::string request;
+    const char* key = nullptr; // shown behind the name, if there is one
+};
+
+namespace
+{
+
+// Whether a reply could be read. A number always can: text that is none counts as 0.
+template <class Value>
+bool isRead(const std::optional<Value>& value)
+{
+    return value.has_value();
+}
+template <class Number>
+bool isRead(Number)
+{
+    return true;
+}
+
+} // namespace
+
+template <class Answer>
+Answer StatusManagerProxy::ask(const Query& query, Answer (*read)(const std::string& reply))
+{
+    awaitPosts(longestWaitForPosts);
+    std::string reply;
+    if (!sendRequest(query.request, reply, noTimeLimit))
+    {
+        ov_log_print(0, query.function, OV_LOG_FILE, __LINE__,
+                     query.key == nullptr ? "Failed to send %s request to StatusBroker"
+                                          : "Failed to send %s [%s] request to StatusBroker",
+                     query.name, query.key);
+        return Answer();
+    }
+    if (reply.empty()) // and is read on: it does not parse, or counts as 0
+        ov_log_print(2, query.function, OV_LOG_FILE, __LINE__, "Empty response from StatusBroker!");
+    Answer answer = read(reply);
+    if (!isRead(answer))
+        ov_log_print(0, query.function, OV_LOG_FILE, __LINE__, "Failed to parse buf [%s]", reply.c_str());
+    return answer;
+}
 
 StatusMap StatusManagerProxy::getClientInfo()
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent0<StatusManagerProxy, StatusMap>(
-            this, &StatusManagerProxy::getClientInfo);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getClientInfo);
     OV_TRACE(7);
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeGetClientInfo(), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getClientInfo request to StatusBroker");
-        return {};
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    std::optional<StatusMap> values = BrokerProtocol::readMapReply(reply);
-    if (!values)
-    {
-        OV_LOG(0, "Failed to parse buf [%s]", reply.c_str());
-        return {};
-    }
-    return std::move(*values);
+    const Query query{__PRETTY_FUNCTION__, Key::getClientInfo, BrokerProtocol::writeGetClientInfo()};
+    return ask(query, BrokerProtocol::readMapReply).value_or(StatusMap());
 }
 
 std::string StatusManagerProxy::getClientInfoValue(const string& key)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, std::string, const std::string&>(
-            this, &StatusManagerProxy::getClientInfoValue, key);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getClientInfoValue, key);
     OV_TRACE(7);
     OV_LOG(7, "Status value for status key[%s] requested", key.c_str());
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeText(Key::getClientInfoValue, key), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getClientInfoValue [%s] request to StatusBroker", key.c_str());
-        return {};
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    std::optional<std::string> value = BrokerProtocol::readStatusValueReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::getClientInfoValue,
+                      BrokerProtocol::writeText(Key::getClientInfoValue, key), key.c_str()};
+    std::optional<std::string> value = ask(query, BrokerProtocol::readStatusValueReply);
     if (!value)
-    {
-        OV_LOG(0, "Failed to parse buf [%s]", reply.c_str());
         return {};
-    }
     OV_LOG(7, "Received requested status value, status[%s] = value[%s]", key.c_str(), value->c_str());
     return std::move(*value);
 }
@@ -500,30 +538,17 @@ std::string StatusManagerProxy::getClientInfoValue(const string& key)
 StatusMap StatusManagerProxy::getClientInfoValues(const StatusKeys& keys)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, StatusMap, const StatusKeys&>(
-            this, &StatusManagerProxy::getClientInfoValues, keys);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getClientInfoValues, keys);
     OV_TRACE(7);
     OV_LOG(7, "Status value for %u status keys requested", static_cast<unsigned int>(keys.size()));
     unsigned int index = 0;
     for (const std::string& key : keys)
         OV_LOG(7, "Key[%u] = [%s]", index++, key.c_str());
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeList(Key::getClientInfoValues, keys), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getClientInfoValues request to StatusBroker");
-        return {};
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    std::optional<StatusMap> values = BrokerProtocol::readMapReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::getClientInfoValues,
+                      BrokerProtocol::writeList(Key::getClientInfoValues, keys)};
+    std::optional<StatusMap> values = ask(query, BrokerProtocol::readMapReply);
     if (!values)
-    {
-        OV_LOG(0, "Failed to parse buf [%s]", reply.c_str());
         return {};
-    }
     OV_LOG(7, "Received requested status value pairs for %u status keys",
            static_cast<unsigned int>(values->size()));
     index = 0;
@@ -535,93 +560,50 @@ StatusMap StatusManagerProxy::getClientInfoValues(const StatusKeys& keys)
 uint64_t StatusManagerProxy::getTimerElapsed(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, uint64_t, const std::string&>(
-            this, &StatusManagerProxy::getTimerElapsed, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getTimerElapsed, name);
     OV_TRACE(7);
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeText(Key::getTimerElapsed, name), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getTimerElapsed request to StatusBroker");
-        return 0;
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    return BrokerProtocol::readTimerReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::getTimerElapsed,
+                      BrokerProtocol::writeText(Key::getTimerElapsed, name)};
+    return ask(query, BrokerProtocol::readTimerReply);
 }
 
 uint64_t StatusManagerProxy::getTimerLastStarted(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, uint64_t, const std::string&>(
-            this, &StatusManagerProxy::getTimerLastStarted, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getTimerLastStarted, name);
     OV_TRACE(7);
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeText(Key::getTimerLastStarted, name), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getTimerLastStarted request to StatusBroker");
-        return 0;
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    return BrokerProtocol::readTimerReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::getTimerLastStarted,
+                      BrokerProtocol::writeText(Key::getTimerLastStarted, name)};
+    return ask(query, BrokerProtocol::readTimerReply);
 }
 
 uint32_t StatusManagerProxy::getCounterValue(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, unsigned int, const std::string&>(
-            this, &StatusManagerProxy::getCounterValue, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::getCounterValue, name);
     OV_TRACE(7);
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeText(Key::getCounterValue, name), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send getCounterValue request to StatusBroker");
-        return 0;
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    return BrokerProtocol::readCounterReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::getCounterValue,
+                      BrokerProtocol::writeText(Key::getCounterValue, name)};
+    return ask(query, BrokerProtocol::readCounterReply);
 }
 
 uint32_t StatusManagerProxy::incrementCounter(const string& name)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, unsigned int, const std::string&>(
-            this, &StatusManagerProxy::incrementCounter, name);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::incrementCounter, name);
     OV_TRACE(7);
-    std::string reply;
-    if (!sendRequest(BrokerProtocol::writeText(Key::incrementCounter, name), reply, noTimeLimit))
-    {
-        OV_LOG(0, "Failed to send incrementCounter request to StatusBroker");
-        return 0;
-    }
-    if (reply.empty())
-        OV_LOG(2, "Empty response from StatusBroker!");
-    return BrokerProtocol::readCounterReply(reply);
+    const Query query{__PRETTY_FUNCTION__, Key::incrementCounter,
+                      BrokerProtocol::writeText(Key::incrementCounter, name)};
+    return ask(query, BrokerProtocol::readCounterReply);
 }
 
 bool StatusManagerProxy::sync(int timeoutMs)
 {
     if (!mThread.isThreadCurrent())
-    {
-        auto* agent = OV_NEW SyncRetEventAgent1<StatusManagerProxy, bool, int>(
-            this, &StatusManagerProxy::sync, timeoutMs);
-        return agent->send(&mThread);
-    }
+        return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::sync, timeoutMs);
     OV_TRACE(7);
     OV_LOG(6, "Sending Sync on request socket and waiting for response");
+    awaitPosts(timeoutMs < 0 ? longestWaitForPostsOfUnlimitedSync : longestWaitForPosts);
     std::string reply;
     if (!sendRequest(BrokerProtocol::syncWord, reply, timeoutMs))
     {

@@ -2,6 +2,7 @@
 #define STATUSMANAGER_STATUSMANAGERPROXY_H
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 
 #include "statusmanager/StatusManager.h"
@@ -88,10 +89,18 @@ protected:
     bool mSocketsClosed = false;        ///< Notify thread.
 
 private:
-    bool createSockets();
-    bool connectSockets();
+    struct Query;
+
+    void endCalls();
+    void passBy();
+    void closeSockets();
     int sendFrame(void* socket, const char* bytes, std::size_t size, bool last);
     bool discardRestOfMessage(void* socket);
+    void awaitPosts(std::chrono::milliseconds limit);
+    void logDropping();
+    /// Asks the broker and reads the answer, logging in the query's name; Answer() when there is none.
+    template <class Answer>
+    Answer ask(const Query& query, Answer (*read)(const std::string& reply));
 
     std::unique_ptr<PostFlow> mPostFlow; ///< Manager's thread.
 };

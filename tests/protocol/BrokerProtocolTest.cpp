@@ -166,9 +166,21 @@ TEST(StatusValueReply, aMissingMemberIsTheEmptyValue)
 TEST(StatusValueReply, whatIsNoObjectOrNestedIsUnreadable)
 {
     for (const std::string& text :
-         {std::string(), std::string("v"), std::string("[]"), std::string("null"),
+         {std::string(), std::string("v"), std::string("[1]"), std::string("5"),
           std::string(R"({"statusValue":{}})"), std::string(R"({"statusValue":[]})"), deepNesting})
         EXPECT_FALSE(readStatusValueReply(text)) << text.substr(0, 40);
+}
+
+TEST(StatusValueReply, nullAndTheEmptyArrayHaveNoMemberAndSoTheEmptyValue)
+{
+    EXPECT_EQ(readStatusValueReply("null"), "");
+    EXPECT_EQ(readStatusValueReply("[]"), "");
+}
+
+TEST(MapReply, nullAndTheEmptyArrayHaveNoMembers)
+{
+    EXPECT_EQ(readMapReply("null"), StatusMap());
+    EXPECT_EQ(readMapReply("[]"), StatusMap());
 }
 
 TEST(NumberReply, decimalTextIsTheNumber)
@@ -234,15 +246,34 @@ TEST(NotificationReading, anObjectWithoutEitherKeyIsUnhandled)
 TEST(NotificationReading, wrongShapesAreUnparsable)
 {
     for (const std::string& text :
-         {std::string("no json"), std::string("{"), std::string("[1]"), std::string("5"),
-          std::string("\"x\""), std::string("null"), std::string(R"({"statusUpdate":5})"),
-          std::string(R"({"statusUpdate":null})"), std::string(R"({"statusUpdate":["a"]})"),
-          std::string(R"({"eventUpdate":"e"})"), std::string(R"({"statusUpdate":{"a":{"b":1}}})"),
-          std::string(R"({"eventUpdate":{"a":[1]}})"), R"({"statusUpdate":)" + deepNesting, deepNesting})
+         {std::string("no json"), std::string("{"), std::string(R"({"statusUpdate":5})"),
+          std::string(R"({"statusUpdate":["a"]})"), std::string(R"({"eventUpdate":"e"})"),
+          std::string(R"({"statusUpdate":{"a":{"b":1}}})"), std::string(R"({"eventUpdate":{"a":[1]}})"),
+          R"({"statusUpdate":)" + deepNesting, deepNesting})
     {
         const Notification notification = readNotification(text);
         EXPECT_EQ(notification.kind, Kind::Unparsable) << text.substr(0, 60);
         EXPECT_TRUE(notification.members.empty());
+    }
+}
+
+TEST(NotificationReading, jsonOfAnotherShapeIsUnhandled)
+{
+    for (const char* text : {"null", "[1]", "[]", "5", "true", "\"x\"", "\"statusUpdate\"", "{}"})
+        EXPECT_EQ(readNotification(text).kind, Kind::Unhandled) << text;
+}
+
+TEST(NotificationReading, anUpdateThatIsNullOrAnEmptyArrayHasNoMembers)
+{
+    for (const char* text : {R"({"statusUpdate":null})", R"({"statusUpdate":[]})", R"({"statusUpdate":{}})"})
+    {
+        EXPECT_EQ(readNotification(text).kind, Kind::StatusUpdate) << text;
+        EXPECT_TRUE(readNotification(text).members.empty()) << text;
+    }
+    for (const char* text : {R"({"eventUpdate":null})", R"({"eventUpdate":[]})", R"({"eventUpdate":{}})"})
+    {
+        EXPECT_EQ(readNotification(text).kind, Kind::EventUpdate) << text;
+        EXPECT_TRUE(readNotification(text).members.empty()) << text;
     }
 }
 

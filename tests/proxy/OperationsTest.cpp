@@ -379,8 +379,8 @@ TEST_P(BadReply, syncFails)
 
 INSTANTIATE_TEST_SUITE_P(Replies, BadReply,
                          ::testing::Values(Reply{"text", "no JSON"}, Reply{"array", "[1]"},
-                                           Reply{"number", "5"}, Reply{"null", "null"},
-                                           Reply{"string", R"("text")"}, Reply{"truncated", R"({"a":"1")"},
+                                           Reply{"number", "5"}, Reply{"string", R"("text")"},
+                                           Reply{"truncated", R"({"a":"1")"},
                                            Reply{"nestedObject", R"({"a":{"b":1}})"},
                                            Reply{"nestedArray", R"({"a":"1","b":[]})"}),
                          nameOf);
@@ -399,10 +399,35 @@ TEST_P(BadValueReply, getClientInfoValueIsEmpty)
 
 INSTANTIATE_TEST_SUITE_P(Replies, BadValueReply,
                          ::testing::Values(Reply{"text", "no JSON"}, Reply{"array", "[1]"},
-                                           Reply{"number", "5"}, Reply{"null", "null"},
-                                           Reply{"truncated", R"({"statusValue":"v")"},
+                                           Reply{"number", "5"}, Reply{"truncated", R"({"statusValue":"v")"},
                                            Reply{"nestedObject", R"({"statusValue":{"b":1}})"},
                                            Reply{"nestedArray", R"({"statusValue":[]})"}),
+                         nameOf);
+
+class ReplyWithoutMembers : public Operations, public ::testing::WithParamInterface<Reply>
+{
+protected:
+    ReplyWithoutMembers() { answer(GetParam().text); }
+};
+
+TEST_P(ReplyWithoutMembers, isTheEmptyMapWithoutAFailure)
+{
+    EXPECT_EQ(client->getClientInfo(), StatusMap{});
+    EXPECT_EQ(client->getClientInfoValues(StatusKeys{"a"}), StatusMap{});
+    EXPECT_EQ(log.texts(2), Texts{});
+    EXPECT_TRUE(log.has(7, "Received requested status value pairs for 0 status keys"));
+}
+
+TEST_P(ReplyWithoutMembers, isTheEmptyValueWithoutAFailure)
+{
+    EXPECT_EQ(client->getClientInfoValue("k"), "");
+    EXPECT_EQ(log.texts(2), Texts{});
+    EXPECT_TRUE(log.has(7, "Received requested status value, status[k] = value[]"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Replies, ReplyWithoutMembers,
+                         ::testing::Values(Reply{"null", "null"}, Reply{"emptyArray", "[]"},
+                                           Reply{"emptyObject", "{}"}),
                          nameOf);
 
 class NonNumericReply : public Operations, public ::testing::WithParamInterface<Reply>

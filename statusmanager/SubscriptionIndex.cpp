@@ -1,0 +1,33 @@
+#include "statusmanager/SubscriptionIndex.h"
+
+const SubscriptionIndex::Index& SubscriptionIndex::cover(const StatusKeys& list)
+{
+    const auto found = mIndexes.find(&list);
+    Index& index = found != mIndexes.end() ? found->second : mIndexes[&list];
+    for (; index.covered < list.size(); ++index.covered)
+        index.keys.insert(list[index.covered]);
+    return index;
+}
+
+void SubscriptionIndex::erase(StatusKeys& list, const std::string& key)
+{
+    const auto element = std::find(list.begin(), list.end(), key);
+    if (element == list.end())
+        return;
+    leaveOut(list, *element);
+    list.erase(element);
+}
+
+void SubscriptionIndex::popBack(StatusKeys& list)
+{
+    leaveOut(list, list.back());
+    list.pop_back();
+}
+
+// An element that is not covered yet leaves the list from behind those that are.
+void SubscriptionIndex::leaveOut(const StatusKeys& list, const std::string& key)
+{
+    const auto index = mIndexes.find(&list);
+    if (index != mIndexes.end() && index->second.keys.erase(key) != 0)
+        --index->second.covered;
+}

@@ -1,0 +1,66 @@
+#ifndef STATUSMANAGER_SUBSCRIPTIONINDEX_H
+#define STATUSMANAGER_SUBSCRIPTIONINDEX_H
+
+#include <algorithm>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "statusmanager/StatusTypes.h"
+
+/// Finds a key in a listener's list, among thousands as fast as among a few: every update is looked up for
+/// every listener. Short lists are searched from the front. A long list gets an index of its own, here beside
+/// the listener's record, when it is first looked up.
+class SubscriptionIndex
+{
+    struct Index
+    {
+        std::unordered_set<std::string> keys;
+        std::size_t covered = 0; ///< so many elements from the front of the list are in `keys`
+    };
+
+public:
+    /// For several keys in the same list, which must not change meanwhile.
+    class Lookup
+    {
+    public:
+        bool contains(const std::string& key) const
+        {
+            if (mIndex != nullptr)
+                return mIndex->keys.count(key) != 0;
+            return std::find(mList.begin(), mList.end(), key) != mList.end();
+        }
+
+    private:
+        friend class SubscriptionIndex;
+        Lookup(const StatusKeys& list, const Index* index) : mList(list), mIndex(index) {}
+
+        const StatusKeys& mList;
+        const Index* mIndex; ///< null for a short list
+    };
+
+    Lookup in(const StatusKeys& list)
+    {
+        constexpr std::size_t longestSearched = 8;
+        return {list, list.size() <= longestSearched ? nullptr : &cover(list)};
+    }
+
+    /// Erases the first equal element, if there is one.
+    void erase(StatusKeys& list, const std::string& key);
+
+    /// Erases the last element.
+    void popBack(StatusKeys& list);
+
+    /// Must be called before a list is destroyed.
+    void forget(const StatusKeys& list) { mIndexes.erase(&list); }
+
+    void clear() { mIndexes.clear(); }
+
+private:
+    const Index& cover(const StatusKeys& list);
+    void leaveOut(const StatusKeys& list, const std::string& key);
+
+    std::unordered_map<const StatusKeys*, Index> mIndexes;
+};
+
+#endif
