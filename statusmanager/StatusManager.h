@@ -160,7 +160,7 @@ public:
     virtual void postEvent(std::string name, std::string value, uint32_t delay);
 
     /// [waits] Returns true when all that was queued before has been done. The broker client asks the broker
-    /// and waits at most `timeoutMs` milliseconds (-1: no limit); false when that ran out.
+    /// and waits `timeoutMs` milliseconds and 100 at most (-1: no limit); false when that ran out.
     virtual bool sync(int timeoutMs);
 
     /// Drops what is queued for this object. Listeners that are still registered are forgotten, their records

@@ -44,12 +44,14 @@ public:
     /// it is sent at once and the delay ignored. The broker never sees the delay.
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
-    /// true. A call that timed out leaves the request socket in the middle of an exchange: later queries and
-    /// syncs of this process fail.
+    /// true. With a time limit, returns within that time and 100 ms, counted from when its turn on the
+    /// manager's thread comes. A call that timed out leaves the request socket in the middle of an exchange:
+    /// later queries and syncs of this process fail.
     bool sync(int timeoutMs) override;
 
     /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this
-    /// waits until the broker next publishes something.
+    /// waits until the broker next publishes something. Until then the manager works on: what was posted
+    /// before is sent, and that last notification reaches the listeners. Delayed events are dropped.
     ~StatusManagerProxy() override;
 
 protected:
