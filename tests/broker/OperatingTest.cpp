@@ -334,10 +334,10 @@ public:
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
-    // Leaves no room for anything else.
+    // Leaves no room for anything else. One sender alone may be refused before that: for what it sent itself.
     void fill() const
     {
-        while (sendto(mSocket, "", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&mAddress), mSize) == 1)
+        while (fillFromOneSender() != 0)
         {
         }
     }
@@ -350,6 +350,16 @@ public:
     }
 
 private:
+    int fillFromOneSender() const
+    {
+        const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        int sent = 0;
+        while (sendto(sender, "X", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&mAddress), mSize) == 1)
+            ++sent;
+        close(sender);
+        return sent;
+    }
+
     sockaddr_un mAddress{};
     socklen_t mSize = 0;
     int mSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
