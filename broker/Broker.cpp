@@ -184,8 +184,8 @@ std::chrono::milliseconds Broker::untilNextTask() const
         tasks.push_back(mNextLook);
     if (isCommitDue())
         tasks.push_back(mNextMoment);
-    if (mSupervisor.nextFeeding())
-        tasks.push_back(*mSupervisor.nextFeeding());
+    if (const auto next = mSupervisor.nextTelling())
+        tasks.push_back(*next);
     if (tasks.empty())
         return milliseconds(-1);
     const auto left = *std::min_element(tasks.begin(), tasks.end()) - Clock::now();
@@ -195,7 +195,7 @@ std::chrono::milliseconds Broker::untilNextTask() const
 void Broker::doWhatIsDue()
 {
     const TimePoint now = Clock::now();
-    mSupervisor.feed(now);
+    mSupervisor.tellWhatIsDue(now);
     if (mOptions.heartbeat.count() != 0 && now >= mNextHeartbeat)
     {
         // Clients ignore it. One that shuts down looks at its stop flag only when a notification has come.

@@ -1,6 +1,7 @@
 #include "broker/Supervisor.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -10,11 +11,18 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
+
 // systemd's protocol is plain and promised to stay. Its library would bring six others along, and is not
 // there on devices with another service manager, which may speak the protocol, too.
 
 namespace
 {
+
+// How long after it had no room the supervisor is told again that the broker is ready.
+constexpr std::chrono::milliseconds retryPause{100};
 
 std::string_view environment(const char* name)
 {
@@ -38,12 +46,14 @@ bool isWatchdogOurs()
            numberFromEnvironment("WATCHDOG_PID") == static_cast<uint64_t>(getpid());
 }
 
-void tell(std::string_view message, int flags = 0)
+// False when the kernel keeps no more for a supervisor that reads nothing. It is not waited for: the clients
+// are served, and signals heeded.
+bool tell(std::string_view message)
 {
     const std::string_view path = environment("NOTIFY_SOCKET");
     sockaddr_un address{};
     if (path.empty() || path.size() >= sizeof(address.sun_path))
-        return;
+        return true; // there is none
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, path.size());
     if (path[0] == '@') // no file, but a name in the kernel
@@ -52,10 +62,12 @@ void tell(std::string_view message, int flags = 0)
 
     const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     if (socket == -1)
-        return; // out of descriptors; the watchdog is fed again soon
-    sendto(socket, message.data(), message.size(), flags | MSG_NOSIGNAL,
-           reinterpret_cast<const sockaddr*>(&address), size);
+        return false; // out of descriptors
+    const bool full = sendto(socket, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                             reinterpret_cast<const sockaddr*>(&address), size) == -1 &&
+                      errno == EAGAIN;
     close(socket);
+    return !full;
 }
 
 } // namespace
@@ -73,19 +85,34 @@ Supervisor::Supervisor()
 
 void Supervisor::ready(const std::string& status)
 {
-    tell("READY=1\nSTATUS=" + status);
+    mReadiness = "READY=1\nSTATUS=" + status;
+    tellReadiness();
+    if (mNextReadiness)
+        OV_LOG(2, "Could not tell the service manager yet that the broker is ready");
 }
 
-// From here on, a supervisor that reads nothing is not waited for: the clients are.
 void Supervisor::stopping()
 {
-    tell("STOPPING=1", MSG_DONTWAIT);
+    tell("STOPPING=1");
+}
+
+void Supervisor::tellWhatIsDue(TimePoint now)
+{
+    if (mNextReadiness && now >= *mNextReadiness)
+        tellReadiness();
+    if (!mNextReadiness && mNextFeeding && now >= *mNextFeeding)
+        feed(now);
+}
+
+void Supervisor::tellReadiness()
+{
+    mNextReadiness.reset();
+    if (!tell(mReadiness))
+        mNextReadiness = Clock::now() + retryPause;
 }
 
 void Supervisor::feed(TimePoint now)
 {
-    if (!mNextFeeding || now < *mNextFeeding)
-        return;
-    tell("WATCHDOG=1", MSG_DONTWAIT);
+    tell("WATCHDOG=1"); // if there was no room, it is fed again soon
     mNextFeeding = now + mInterval;
 }

@@ -349,12 +349,23 @@ public:
         return {bytes.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
     }
 
+    std::string nextButFilling()
+    {
+        std::string told = next();
+        while (told == filling)
+            told = next();
+        return told;
+    }
+
 private:
+    static constexpr const char* filling = "X";
+
     int fillFromOneSender() const
     {
         const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
         int sent = 0;
-        while (sendto(sender, "X", 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&mAddress), mSize) == 1)
+        while (sendto(sender, filling, 1, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&mAddress),
+                      mSize) == 1)
             ++sent;
         close(sender);
         return sent;
@@ -391,11 +402,46 @@ TEST(ServiceManager, isNotWaitedForWhenItReadsNothing)
     NotifySocket manager(folder / "notify");
     setenv("WATCHDOG_USEC", "3000", 1);
     BrokerProcess broker;
+    ASSERT_EQ(manager.next().rfind("READY=1", 0), 0U); // all that is left to be told is the watchdog's
     manager.fill();
     RawRequester requester;
     for (int request = 0; request < 100; ++request)
         ASSERT_EQ(requester.ask(R"({"getClientInfo":"null"})"), "{}") << "request " << request;
     EXPECT_EQ(broker.stop(), 0);
+}
+
+TEST(ServiceManager, isNotWaitedForWhenItReadsNothingFromTheStart)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    manager.fill();
+    BrokerProcess broker;
+    RawRequester requester;
+    EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), "{}");
+    EXPECT_EQ(broker.stop(), 0);
+}
+
+TEST(ServiceManager, isToldThatItIsReadyWhenItBeginsToRead)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    manager.fill();
+    BrokerProcess broker({"--heartbeat=0"}); // so nothing else wakes the loop
+    ASSERT_TRUE(broker.process().waitForError("Could not tell the service manager yet"));
+    EXPECT_EQ(manager.nextButFilling(), "READY=1\nSTATUS=Serving, 0 keys loaded");
+}
+
+TEST(ServiceManager, isToldOnlyOnceThatItIsReady)
+{
+    const TemporaryFolder folder;
+    NotifySocket manager(folder / "notify");
+    manager.fill();
+    setenv("WATCHDOG_USEC", "300000", 1);
+    BrokerProcess broker({"--heartbeat=0"});
+    ASSERT_TRUE(broker.process().waitForError("Could not tell the service manager yet"));
+    EXPECT_EQ(manager.nextButFilling().rfind("READY=1", 0), 0U);
+    for (int count = 0; count < 5; ++count) // it would be told as often as the watchdog is fed
+        EXPECT_EQ(manager.next(), "WATCHDOG=1");
 }
 
 TEST(ServiceManager, feedsItsWatchdogFromTheLoop)
