@@ -27,8 +27,8 @@ void capture(const ov_log_record* record, void*)
 {
     const std::lock_guard<std::mutex> lock(captured().mutex);
     if (captured().active)
-        captured().lines.push_back(
-            {record->level, record->function, record->file, record->line, record->indent, record->text});
+        captured().lines.push_back({record->level, record->function, record->file, record->line,
+                                    record->indent, record->text, std::this_thread::get_id()});
 }
 
 void setActive(bool active)

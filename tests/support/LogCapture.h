@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_LOGCAPTURE_H
 
 #include <string>
+#include <thread>
 #include <vector>
 
 /// One captured message.
@@ -13,6 +14,7 @@ struct LogLine
     int line;
     int indent;
     std::string text;
+    std::thread::id thread; ///< that logged it
 };
 
 /// While it lives, log messages go here instead of to stderr, and the control words are as `rules` say (see
