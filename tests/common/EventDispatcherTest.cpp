@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/EventAgent.h"
+#include "common/Calls.h"
 #include "common/EventThread.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Wait.h"
@@ -288,6 +288,49 @@ TEST_F(EventDispatcherTest, aSynchronousSendOnTheOwnThreadReturnsAtOnceWhileOthe
     drain();
     EXPECT_EQ(nested.answer, 42);
     EXPECT_EQ(receiver.taken(), (Texts{"in place", "sendAndWait in place", "queued"}));
+}
+
+namespace
+{
+
+// A dispatcher without a thread of its own: its loop runs inside a call of another dispatcher.
+class InnerLoop : public EventDispatcher
+{
+public:
+    InnerLoop() : EventDispatcher("inner") {}
+
+    void runInside(EventDispatcher* outer)
+    {
+        postCall(OV_SITE, *this, this, &InnerLoop::lookAndEnd, outer);
+        run();
+        isOuterCurrentAfterwards = outer->isThreadCurrent();
+        isInnerCurrentAfterwards = isThreadCurrent();
+    }
+
+    bool isOuterCurrentInside = true;
+    bool isInnerCurrentInside = false;
+    bool isOuterCurrentAfterwards = false;
+    bool isInnerCurrentAfterwards = true;
+
+private:
+    void lookAndEnd(EventDispatcher* outer)
+    {
+        isOuterCurrentInside = outer->isThreadCurrent();
+        isInnerCurrentInside = isThreadCurrent();
+        requestStop();
+    }
+};
+
+} // namespace
+
+TEST_F(EventDispatcherTest, aLoopInsideACallGivesTheThreadBackToTheOuterDispatcher)
+{
+    InnerLoop inner;
+    callAndWait(OV_SITE, thread, &inner, &InnerLoop::runInside, static_cast<EventDispatcher*>(&thread));
+    EXPECT_TRUE(inner.isInnerCurrentInside);
+    EXPECT_FALSE(inner.isOuterCurrentInside);
+    EXPECT_FALSE(inner.isInnerCurrentAfterwards);
+    EXPECT_TRUE(inner.isOuterCurrentAfterwards);
 }
 
 // ---------------------------------------------------------------------------------------------- exceptions

@@ -1,17 +1,24 @@
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <cstdint>
+#include <fcntl.h>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 
-#include "common/EventAgent.h"
+#include "common/Calls.h"
 #include "common/EventThread.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Sanitized.h"
+#include "tests/support/Wait.h"
 
 using namespace Orvane;
 
@@ -129,6 +136,135 @@ TEST(EventThreadTest, blocksSignalsButThoseOfACrashAndLeavesItsCreatorsMaskAlone
         EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
 }
 
+// ----------------------------------------------------------------------------------------- crash, children
+
+namespace
+{
+
+constexpr int handled = 42;
+
+// A fault of the thread itself, unlike a signal that is sent to it.
+struct Faulty
+{
+    void touchForbiddenMemory()
+    {
+        void* const page = mmap(nullptr, 1, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        *static_cast<volatile char*>(page) = 1;
+    }
+};
+
+void crashWithAHandler()
+{
+    signal(SIGSEGV, [](int) { _exit(handled); });
+    Faulty faulty;
+    EventThread thread("crash", 0);
+    callAndWait(OV_SITE, thread, &faulty, &Faulty::touchForbiddenMemory);
+}
+
+// A program that an agent has started, in the two ways that the header describes.
+class Child
+{
+public:
+    enum class Mask
+    {
+        Inherited,
+        Emptied,
+    };
+
+    explicit Child(Mask mask)
+    {
+        EventThread thread("parent", 0);
+        callAndWait(OV_SITE, thread, this, &Child::start, mask);
+    }
+
+    ~Child()
+    {
+        kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+    }
+
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    void terminate() { kill(mPid, SIGTERM); }
+
+    // The signal that ends it within the deadline; 0 if none does.
+    int endingSignal()
+    {
+        siginfo_t end{};
+        eventually(
+            [&]
+            {
+                waitid(P_PID, static_cast<id_t>(mPid), &end, WEXITED | WNOWAIT | WNOHANG);
+                return end.si_pid != 0;
+            });
+        return end.si_code == CLD_KILLED ? end.si_status : 0;
+    }
+
+    // Whether the kernel lists the signal in this line of its status: "SigBlk", "ShdPnd".
+    bool lists(const std::string& name, int signal)
+    {
+        std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
+        std::string word;
+        while (status >> word && word != name + ":")
+            continue;
+        uint64_t signals = 0;
+        status >> std::hex >> signals;
+        return (signals >> (signal - 1) & 1) != 0;
+    }
+
+private:
+    // Returns when the program runs: the pipe closes then.
+    void start(Mask mask)
+    {
+        std::array<int, 2> pipe{};
+        ASSERT_EQ(pipe2(pipe.data(), O_CLOEXEC), 0);
+        mPid = fork();
+        if (mPid == 0)
+        {
+            sigset_t none;
+            sigemptyset(&none);
+            if (mask == Mask::Emptied)
+                sigprocmask(SIG_SETMASK, &none, nullptr);
+            execlp("sleep", "sleep", "300", nullptr);
+            _exit(1);
+        }
+        close(pipe[1]);
+        char none = 0;
+        EXPECT_EQ(read(pipe[0], &none, 1), 0);
+        close(pipe[0]);
+    }
+
+    pid_t mPid = -1;
+};
+
+} // namespace
+
+TEST(EventThreadDeathTest, aCrashHandlerWorksOnIt)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(crashWithAHandler(), testing::ExitedWithCode(handled), "");
+}
+
+TEST(EventThreadTest, aChildOfACallbackInheritsItsMaskAndIsNotEndedBySigterm)
+{
+    Child child(Child::Mask::Inherited);
+    EXPECT_TRUE(child.lists("SigBlk", SIGTERM));
+    EXPECT_FALSE(child.lists("SigBlk", SIGSEGV));
+    child.terminate();
+    EXPECT_TRUE(child.lists("ShdPnd", SIGTERM)); // still waits
+}
+
+TEST(EventThreadTest, aChildOfACallbackWithAnEmptyMaskIsEndedBySigterm)
+{
+    Child child(Child::Mask::Emptied);
+    EXPECT_FALSE(child.lists("SigBlk", SIGTERM));
+    child.terminate();
+    EXPECT_EQ(child.endingSignal(), SIGTERM);
+}
+
+// ------------------------------------------------------------------------------------------ priority, life
+
 TEST(EventThreadTest, priorityZeroIsTheNormalSchedulingClass)
 {
     const LogCapture log;
@@ -199,4 +335,38 @@ TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlon
     pthread_sigmask(SIG_BLOCK, nullptr, &after);
     for (int signal = 1; signal < 32; ++signal)
         EXPECT_EQ(sigismember(&after, signal), sigismember(&before, signal)) << signal;
+}
+
+namespace
+{
+
+// Counts how often it is asked for its name; apart from the object, which may not be whole yet.
+std::atomic<int> timesAsked{0};
+
+class NamedThread : public EventThread
+{
+public:
+    NamedThread() : EventThread("named", 0) {}
+    ~NamedThread() override { stop(); }
+
+    const char* getName() override
+    {
+        ++timesAsked;
+        return EventThread::getName();
+    }
+
+    void nothing() {}
+};
+
+} // namespace
+
+// The thread starts while a derived class is still being constructed.
+TEST(EventThreadTest, namesItselfWithoutAskingADerivedClass)
+{
+    for (int round = 0; round < 200; ++round)
+    {
+        NamedThread thread;
+        callAndWait(OV_SITE, thread, &thread, &NamedThread::nothing); // by then it has its name
+        ASSERT_EQ(timesAsked, 0) << "round " << round;
+    }
 }
