@@ -808,11 +808,16 @@ TEST_F(Marshalling, operationIsTracedOnceOnTheManagersThread)
     log.clear();
     client->startTimer("t");
     client->drain();
-    std::size_t begins = 0;
+    std::vector<std::thread::id> traces;
     for (const LogLine& line : log.lines())
-        begins += line.function == "virtual void StatusManagerProxy::startTimer(std::string)" &&
-                  line.text == "begin";
-    EXPECT_EQ(begins, 1U);
+    {
+        if (line.function == "virtual void StatusManagerProxy::startTimer(std::string)" &&
+            line.text == "begin")
+            traces.push_back(line.thread);
+    }
+    std::thread::id manager;
+    client->onManagerThread([&] { manager = std::this_thread::get_id(); });
+    EXPECT_EQ(traces, std::vector<std::thread::id>{manager});
 }
 
 // ------------------------------------------------------------------------------------------ delayed events

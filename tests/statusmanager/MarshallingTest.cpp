@@ -1,9 +1,13 @@
 // Each operation, called from another thread than the manager's: does it return before or after the work, on
 // which thread is the work done, and does the most derived version do it.
 
+#include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
+#include <map>
+#include <utility>
 
+#include "tests/statusmanager/Operations.h"
 #include "tests/statusmanager/TestManager.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
@@ -75,17 +79,6 @@ private:
     std::vector<std::string> mDone;
 };
 
-struct Operation
-{
-    const char* name; // of the version in which the work is done
-    std::function<void(StatusManager&)> call;
-};
-
-std::ostream& operator<<(std::ostream& stream, const Operation& operation)
-{
-    return stream << operation.name;
-}
-
 class Queued : public testing::TestWithParam<Operation>
 {
 };
@@ -94,44 +87,18 @@ class Waiting : public testing::TestWithParam<Operation>
 {
 };
 
-const std::vector<Operation> queuedOperations{
-    {"startTimer", [](StatusManager& m) { m.startTimer("t"); }},
-    {"stopTimer", [](StatusManager& m) { m.stopTimer("t"); }},
-    {"resetTimer", [](StatusManager& m) { m.resetTimer("t"); }},
-    {"restartTimer", [](StatusManager& m) { m.restartTimer("t"); }},
-    {"setCounterValue", [](StatusManager& m) { m.setCounterValue("c", 1); }},
-    {"registerListener", [](StatusManager& m) { m.registerListener(nullptr, nullptr); }},
-    {"registerForStatus", [](StatusManager& m) { m.registerForStatus(nullptr, StatusKeys{"k"}); }},
-    {"registerForStatus", [](StatusManager& m) { m.registerForStatus(nullptr, "single"); }},
-    {"postStatus", [](StatusManager& m) { m.postStatus(StatusMap()); }},
-    {"postStatus", [](StatusManager& m) { m.postStatus("single", "v"); }},
-    {"resetStatus", [](StatusManager& m) { m.resetStatus(StatusKeys()); }},
-    {"resetStatus", [](StatusManager& m) { m.resetStatus("single"); }},
-    {"registerForEvent", [](StatusManager& m) { m.registerForEvent(nullptr, EventKeys{"e"}); }},
-    {"registerForEvent", [](StatusManager& m) { m.registerForEvent(nullptr, "single"); }},
-};
-
-const std::vector<Operation> waitingOperations{
-    {"updateSystemTime", [](StatusManager& m) { m.updateSystemTime(1); }},
-    {"getClientInfo", [](StatusManager& m) { m.getClientInfo(); }},
-    {"getClientInfoValue", [](StatusManager& m) { m.getClientInfoValue("k"); }},
-    {"getClientInfoValues", [](StatusManager& m) { m.getClientInfoValues({"k"}); }},
-    {"getTimerElapsed", [](StatusManager& m) { m.getTimerElapsed("t"); }},
-    {"getTimerElapsedSeconds", [](StatusManager& m) { m.getTimerElapsedSeconds("t"); }},
-    {"getTimerLastStarted", [](StatusManager& m) { m.getTimerLastStarted("t"); }},
-    {"getCounterValue", [](StatusManager& m) { m.getCounterValue("c"); }},
-    {"incrementCounter", [](StatusManager& m) { m.incrementCounter("c"); }},
-    {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, StatusKeys{"k"}); }},
-    {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, "single"); }},
-    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, EventKeys{"e"}); }},
-    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, "single"); }},
-    {"sync", [](StatusManager& m) { m.sync(-1); }},
-};
-
 // Waits for the operation to be queued behind what blocks the manager's thread.
 bool isQueued(TestManager& manager)
 {
     return eventually([&] { return manager.mThread.getPendingCount() == 1; });
+}
+
+std::ptrdiff_t beginsOf(const std::string& function, const LogCapture& log)
+{
+    const std::vector<LogLine> lines = log.lines();
+    return std::count_if(lines.begin(), lines.end(),
+                         [&](const LogLine& line)
+                         { return line.function == function && line.text == "begin"; });
 }
 
 // A call that waits, made on a thread of its own while the manager's thread is blocked.
@@ -200,26 +167,54 @@ TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
         });
 }
 
+// The one form that traces where it is called, before its list form does so on the manager's thread.
+const std::string tracesOnItsCallersThread =
+    "virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)";
+
 class Traced : public testing::TestWithParam<Operation>
 {
+protected:
+    Traced()
+    {
+        manager.onThread([this] { managersThread = std::this_thread::get_id(); });
+    }
+
+    // Each form of the operation that has run, once.
+    void expectOneTraceOfEachForm(std::thread::id caller) const
+    {
+        using Trace = std::pair<std::string, std::thread::id>;
+        std::map<std::string, std::vector<Trace>> traces;
+        for (const LogLine& line : log.lines())
+        {
+            const bool isOfThis =
+                line.function.find(std::string("::") + GetParam().name + "(") != std::string::npos;
+            if (isOfThis && line.level == 7) // above, it says what it refuses
+                traces[line.function].emplace_back(line.text, line.thread);
+        }
+        EXPECT_FALSE(traces.empty());
+        for (const auto& [function, lines] : traces)
+        {
+            const std::thread::id thread = function == tracesOnItsCallersThread ? caller : managersThread;
+            EXPECT_EQ(lines, (std::vector<Trace>{{"begin", thread}, {"end", thread}})) << function;
+        }
+    }
+
+    TestManager manager;
+    std::thread::id managersThread;
+    LogCapture log{"StatusManager=7:40000000"};
 };
 
-TEST_P(Traced, onTheManagersThreadWhereverItIsCalled)
+TEST_P(Traced, onceOnTheManagersThreadWhenItIsCalledFromAnother)
 {
-    TestManager manager;
-    const LogCapture log("StatusManager=7:40000000");
     GetParam().call(manager);
     manager.onThread([] {}); // behind what was queued
-    const std::string name = std::string("::") + GetParam().name + "(";
-    std::size_t begins = 0;
-    std::size_t ends = 0;
-    for (const LogLine& line : log.lines())
-    {
-        begins += line.text == "begin" && line.function.find(name) != std::string::npos ? 1U : 0U;
-        ends += line.text == "end" && line.function.find(name) != std::string::npos ? 1U : 0U;
-    }
-    EXPECT_GE(begins, 1U);
-    EXPECT_EQ(ends, begins);
+    expectOneTraceOfEachForm(std::this_thread::get_id());
+}
+
+TEST_P(Traced, onceWhenItIsCalledOnTheManagersThread)
+{
+    manager.onThread([this] { GetParam().call(manager); });
+    expectOneTraceOfEachForm(managersThread);
 }
 
 INSTANTIATE_TEST_SUITE_P(QueuedOperations, Traced, testing::ValuesIn(queuedOperations));
@@ -274,24 +269,19 @@ TEST(Marshalling, callsOfOneThreadKeepTheirOrder)
 
 TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
 {
-    std::atomic<int> ran{0};
-    struct Counted : public TestManager
-    {
-        explicit Counted(std::atomic<int>& total) : counter(total) {}
-        using StatusManager::postStatus;
-        void postStatus(StatusMap updates) override
-        {
-            if (mThread.isThreadCurrent())
-                ++counter;
-            else
-                StatusManager::postStatus(std::move(updates));
-        }
-        std::atomic<int>& counter;
-    };
+    // The base's own version, as the object is a plain manager by the time at which it could still be called.
+    const std::string function = "virtual void StatusManager::postStatus(StatusMap)";
+    LogCapture log("StatusManager=7:40000000");
     Gate gate;
     std::thread opener;
+    bool isDropped = false;
     {
-        Counted manager(ran);
+        TestManager manager;
+        manager.postStatus(StatusMap());
+        manager.sync(0);
+        EXPECT_EQ(beginsOf(function, log), 1); // so a call would be seen
+        log.clear();
+
         manager.block(gate);
         for (int count = 0; count < 10; ++count)
             manager.postStatus(StatusMap());
@@ -299,12 +289,13 @@ TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
         opener = std::thread(
             [&]
             {
-                eventually([&] { return queue.getPendingCount() == 0; });
+                isDropped = eventually([&] { return queue.getPendingCount() == 0; });
                 gate.open();
             });
     } // drops the ten, then waits for the thread, which the opener frees when they are gone
     opener.join();
-    EXPECT_EQ(ran, 0);
+    EXPECT_TRUE(isDropped);
+    EXPECT_EQ(beginsOf(function, log), 0);
 }
 
 // -------------------------------------------------------------------------------------------------- traces

@@ -1,9 +1,12 @@
+#include <future>
 #include <gtest/gtest.h>
 
+#include "common/Calls.h"
 #include "statusmanager/StatusManagerStub.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordingListener.h"
+#include "tests/support/Wait.h"
 
 namespace
 {
@@ -11,10 +14,45 @@ namespace
 class InspectedStub : public StatusManagerStub
 {
 public:
+    using StatusManagerStub::mThread;
+
     std::size_t storedCounters()
     {
         return mCounters.size(); // the manager's thread is idle: what touched them has been waited for
     }
+};
+
+// Keeps a thread from all other work while it lives.
+class Occupation
+{
+public:
+    explicit Occupation(Orvane::EventDispatcher& dispatcher)
+    {
+        Orvane::postCall(OV_SITE, dispatcher, this, &Occupation::occupy);
+        mBegin.wait();
+    }
+    ~Occupation()
+    {
+        end();
+        mIsOver.wait();
+    }
+
+    Occupation(const Occupation&) = delete;
+    Occupation& operator=(const Occupation&) = delete;
+
+    void end() { mEnd.open(); }
+
+private:
+    void occupy()
+    {
+        mBegin.open();
+        mEnd.wait();
+        mIsOver.open();
+    }
+
+    Gate mBegin;
+    Gate mEnd;
+    Gate mIsOver;
 };
 
 class StubTest : public testing::Test
@@ -104,8 +142,16 @@ TEST_F(StubTest, theClockIsNotTouched)
 
 TEST_F(StubTest, syncIsTrueAtOnceWhateverTheTimeOut)
 {
+    Occupation occupation(inspected.mThread);
     for (const int timeout : {-1, 0, 100})
-        EXPECT_TRUE(manager.sync(timeout));
+    {
+        auto synced = std::async(std::launch::async, [&] { return manager.sync(timeout); });
+        const bool isReady = synced.wait_for(testDeadline) == std::future_status::ready;
+        EXPECT_TRUE(isReady) << timeout;
+        if (!isReady)
+            occupation.end(); // or this would wait for ever
+        EXPECT_TRUE(synced.get());
+    }
 }
 
 TEST_F(StubTest, aListenerNeverHearsAnythingAndMayBeUnregistered)
