@@ -91,17 +91,6 @@ using Texts = std::vector<std::string>;
 
 // ------------------------------------------------------------------------------------------- control words
 
-TEST_F(LoggingTest, atFirstLevelsUpToFiveAreLoggedAndNoTraces)
-{
-    EXPECT_EQ(logFlags, 0xFFFFFFFFU);
-    EXPECT_EQ(logLevel, 5);
-    EXPECT_EQ(levels(), (Texts{"level 0", "level 1", "level 2", "level 5"}));
-    log.clear();
-    traced(6);
-    traced(7);
-    EXPECT_TRUE(log.lines().empty());
-}
-
 TEST_F(LoggingTest, withoutBitThirtyOneOnlyTheUnguardedLevelsAreLogged)
 {
     ov_log_configure("LoggingTest=7:7fffffff");
@@ -446,9 +435,9 @@ namespace
 {
 
 // A process of its own, since the variable is read when the first file registers.
-std::string outputWithEnvironment(const std::string& value)
+std::string outputUnder(const std::string& environment)
 {
-    const std::string command = "OV_LOG='" + value + "' '" TEST_PROGRAM "' --gtest_filter=InChild.* 2>&1";
+    const std::string command = environment + " '" TEST_PROGRAM "' --gtest_filter=InChild.* 2>&1";
     std::string output;
     FILE* pipe = popen(command.c_str(), "r");
     std::array<char, 4096> bytes{};
@@ -458,12 +447,30 @@ std::string outputWithEnvironment(const std::string& value)
     return output;
 }
 
+std::string outputWithEnvironment(const std::string& value)
+{
+    return outputUnder("OV_LOG='" + value + "'");
+}
+
 } // namespace
 
-// Run again by the two tests behind it, under an environment of theirs.
+// Run again by the tests behind it, under an environment of theirs. Nothing has configured anything here.
 TEST(InChild, logAtEveryLevel)
 {
+    OV_LOG(0, "flags %x level %d", logFlags, logLevel);
     logAtEveryLevel();
+    traced(6);
+    traced(7);
+}
+
+TEST(Environment, withoutTheVariableLevelsUpToFiveAreLoggedAndNoTraces)
+{
+    const std::string output = outputUnder("env -u OV_LOG");
+    EXPECT_NE(output.find("flags ffffffff level 5\n"), std::string::npos);
+    for (const char* logged : {": level 0\n", ": level 1\n", ": level 2\n", ": level 5\n"})
+        EXPECT_EQ(occurrences(output, logged), 1) << logged;
+    EXPECT_EQ(occurrences(output, ": level "), 4);
+    EXPECT_EQ(occurrences(output, ": begin\n") + occurrences(output, ": end\n"), 0);
 }
 
 TEST(Environment, setsTheLevelsAtStart)

@@ -1,5 +1,7 @@
 #include <algorithm>
+#include <set>
 
+#include "common/Calls.h"
 #include "tests/statusmanager/ListenerFixture.h"
 
 namespace
@@ -197,6 +199,21 @@ TEST_F(ListenerRegistry, unregisteringAnUnknownListenerIsLoggedAndHarmless)
     EXPECT_EQ(log.lines().back().level, 6);
 }
 
+TEST_F(ListenerRegistry, unregisteringAnUnknownListenerPurgesNothing)
+{
+    const std::vector<Orvane::EventThread*> dispatchers{&thread, &otherThread, &manager.mThread};
+    manager.registerListener(&other, &otherThread);
+    manager.sync(0);
+    IStatusUpdateListener* const unknown = &listener;
+    constexpr uint32_t later = 3600000;
+    for (Orvane::EventThread* dispatcher : dispatchers)
+        postCallDelayed(OV_SITE, *dispatcher, later, unknown, &IStatusUpdateListener::onEventUpdate, "e",
+                        "v");
+    manager.unregisterListener(unknown);
+    for (Orvane::EventThread* dispatcher : dispatchers)
+        EXPECT_EQ(dispatcher->getPendingCount(), 1U) << dispatcher->getName();
+}
+
 TEST_F(ListenerRegistry, aNullListenerIsAKeyLikeAnyOther)
 {
     manager.registerListener(nullptr, nullptr);
@@ -207,25 +224,216 @@ TEST_F(ListenerRegistry, aNullListenerIsAKeyLikeAnyOther)
     EXPECT_FALSE(log.has(6, "Listener not registered with StatusManager"));
 }
 
-TEST_F(ListenerRegistry, listenersAreServedInTheOrderOfTheirAddresses)
+namespace
 {
-    // All on one dispatcher, so that the order in which they were sent is the order in which they are called.
-    struct Ordered : public IStatusUpdateListener
+
+// Listeners that note in which order they are called: all on one dispatcher, so that this is the order in
+// which they were sent to.
+class Ordered : public IStatusUpdateListener
+{
+public:
+    void onStatusUpdate(StatusMap updates) override
     {
-        void onStatusUpdate(StatusMap) override {}
-        void onEventUpdate(std::string, std::string) override { order->push_back(this); }
-        std::vector<Ordered*>* order = nullptr;
-    };
-    std::vector<Ordered*> order;
-    std::vector<Ordered> listeners(5);
-    for (const std::size_t index : {3U, 0U, 4U, 1U, 2U})
-    {
-        listeners[index].order = &order;
-        manager.registerListener(&listeners[index], &thread);
-        manager.registerForEvent(&listeners[index], "e");
+        if (!updates.empty()) // those at the subscription are
+            order->push_back(this);
     }
+    void onEventUpdate(std::string, std::string) override { order->push_back(this); }
+
+    std::vector<Ordered*>* order = nullptr;
+};
+
+class InOrder : public ListenerRegistry
+{
+protected:
+    InOrder()
+    {
+        for (const std::size_t index : {3U, 0U, 4U, 1U, 2U})
+        {
+            listeners[index].order = &order;
+            manager.registerListener(&listeners[index], &thread);
+            manager.registerForStatus(&listeners[index], "k");
+            manager.registerForEvent(&listeners[index], "e");
+        }
+        settle();
+    }
+
+    void expectAscendingAddresses()
+    {
+        settle();
+        EXPECT_EQ(order.size(), listeners.size());
+        EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    }
+
+    std::vector<Ordered*> order;
+    std::vector<Ordered> listeners = std::vector<Ordered>(5);
+};
+
+} // namespace
+
+TEST_F(InOrder, ofTheirAddressesListenersAreToldOfEvents)
+{
     manager.postEvent("e", "v", 0);
+    expectAscendingAddresses();
+}
+
+TEST_F(InOrder, ofTheirAddressesListenersAreToldOfStatusValues)
+{
+    manager.postStatus("k", "v");
+    expectAscendingAddresses();
+}
+
+// ------------------------------------------------------------------------------------- lists of many keys
+
+namespace
+{
+
+// More than are searched one by one.
+class ManyKeys : public ListenerRegistry
+{
+protected:
+    ManyKeys() { registerBoth(); }
+
+    static std::string key(int number) { return "key" + std::to_string(number); }
+
+    static StatusKeys keys(int first, int end)
+    {
+        StatusKeys all;
+        for (int number = first; number < end; ++number)
+            all.push_back(key(number));
+        return all;
+    }
+
+    // Of the first fifty keys, those of which the listener is told when all have changed.
+    std::set<std::string> told()
+    {
+        settle();
+        const std::size_t before = listener.updates().size();
+        StatusMap all;
+        ++mRound;
+        for (const std::string& each : keys(0, 50))
+            all[each] = std::to_string(mRound);
+        manager.postStatus(all);
+        settle();
+        std::set<std::string> names;
+        const std::vector<StatusMap> updates = listener.updates();
+        EXPECT_LE(updates.size(), before + 1);
+        for (std::size_t index = before; index < updates.size(); ++index)
+        {
+            for (const auto& [name, value] : updates[index])
+                names.insert(name);
+        }
+        return names;
+    }
+
+    // The same of events.
+    std::set<std::string> toldOfEvents()
+    {
+        const std::size_t before = listener.events().size();
+        for (const std::string& each : keys(0, 50))
+            manager.postEvent(each, "v", 0);
+        settle();
+        std::set<std::string> names;
+        const auto events = listener.events();
+        for (std::size_t index = before; index < events.size(); ++index)
+            EXPECT_TRUE(names.insert(events[index].first).second) << "twice: " << events[index].first;
+        return names;
+    }
+
+    static std::set<std::string> setOf(const StatusKeys& keys) { return {keys.begin(), keys.end()}; }
+
+private:
+    int mRound = 0;
+};
+
+} // namespace
+
+TEST_F(ManyKeys, thatAreSubscribedAreToldAndNoOthers)
+{
+    manager.registerForStatus(&listener, keys(0, 20));
+    EXPECT_EQ(told(), setOf(keys(0, 20)));
+    manager.registerForStatus(&listener, keys(20, 30)); // behind those that have been looked up
+    EXPECT_EQ(told(), setOf(keys(0, 30)));
+}
+
+TEST_F(ManyKeys, areToldNoMoreWhenTheyAreTakenBack)
+{
+    manager.registerForStatus(&listener, keys(0, 20));
+    told();
+    manager.unregisterForStatus(&listener, StatusKeys{key(0), key(7), key(19), key(40)});
+    std::set<std::string> left = setOf(keys(0, 20));
+    for (const int number : {0, 7, 19})
+        left.erase(key(number));
+    EXPECT_EQ(told(), left);
+}
+
+TEST_F(ManyKeys, mayBecomeFewAndManyAgain)
+{
+    for (int round = 0; round < 3; ++round)
+    {
+        manager.registerForStatus(&listener, keys(0, 20));
+        EXPECT_EQ(told(), setOf(keys(0, 20)));
+        manager.unregisterForStatus(&listener, keys(5, 20));
+        EXPECT_EQ(told(), setOf(keys(0, 5)));
+        manager.registerForStatus(&listener, keys(30, 45));
+        std::set<std::string> both = setOf(keys(0, 5));
+        both.merge(setOf(keys(30, 45)));
+        EXPECT_EQ(told(), both);
+        manager.unregisterForStatus(&listener, keys(0, 50));
+        EXPECT_EQ(told(), setOf({}));
+    }
+}
+
+TEST_F(ManyKeys, areRefusedASecondTime)
+{
+    manager.registerForStatus(&listener, keys(0, 20));
+    manager.registerForStatus(&listener, keys(0, 21));
     settle();
-    EXPECT_EQ(order.size(), 5U);
-    EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+    EXPECT_EQ(log.count(6, "Listener already registered for status"), 20U);
+    manager.registerForEvent(&listener, keys(0, 20));
+    manager.registerForEvent(&listener, keys(0, 21));
+    settle();
+    EXPECT_EQ(log.count(6, "Listener already registered for event"), 20U);
+}
+
+TEST_F(ManyKeys, ofOneListenerAreNotThoseOfAnother)
+{
+    manager.registerForStatus(&listener, keys(0, 20));
+    manager.registerForStatus(&other, keys(20, 40));
+    EXPECT_EQ(told(), setOf(keys(0, 20)));
+    EXPECT_EQ(other.updates().back().size(), 20U);
+}
+
+TEST_F(ManyKeys, ofEventsAreNotThoseOfValues)
+{
+    manager.registerForStatus(&listener, keys(0, 20));
+    manager.registerForEvent(&listener, keys(20, 40));
+    manager.unregisterForEvent(&listener, StatusKeys{key(20), key(39)});
+    EXPECT_EQ(told(), setOf(keys(0, 20)));
+    EXPECT_EQ(toldOfEvents(), setOf(keys(21, 39)));
+}
+
+// The next record may stand where the last one did.
+TEST_F(ManyKeys, areForgottenWithTheirListener)
+{
+    for (int round = 0; round < 5; ++round)
+    {
+        manager.registerForStatus(&listener, keys(round, round + 20));
+        manager.registerForEvent(&listener, keys(round, round + 20));
+        EXPECT_EQ(told(), setOf(keys(round, round + 20)));
+        EXPECT_EQ(toldOfEvents(), setOf(keys(round, round + 20)));
+        manager.unregisterListener(&listener);
+        manager.registerListener(&listener, &thread);
+        EXPECT_EQ(told(), setOf({}));
+    }
+}
+
+TEST_F(ManyKeys, areForgottenWithAllListeners)
+{
+    for (int round = 0; round < 5; ++round)
+    {
+        manager.registerForStatus(&listener, keys(round, round + 20));
+        EXPECT_EQ(told(), setOf(keys(round, round + 20)));
+        manager.clearInfo();
+        manager.registerListener(&listener, &thread);
+    }
 }
