@@ -2,31 +2,15 @@
 
 #include <gtest/gtest.h>
 #include <set>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 #include <vector>
 
 #include "statusmanager/StatusManagerStub.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/OwnProcess.h"
 
 namespace
 {
-
-// Runs the case in a fresh child, which has no instance yet, and ends it like main() does.
-#define EXPECT_IN_OWN_PROCESS(statement)                                                                     \
-    EXPECT_EXIT(                                                                                             \
-        {                                                                                                    \
-            statement;                                                                                       \
-            exit(HasFailure() ? 1 : 0);                                                                      \
-        },                                                                                                   \
-        testing::ExitedWithCode(0), "^$")
-
-class GetInstance : public testing::Test
-{
-protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
-};
 
 void laterArgumentsAreIgnored()
 {
@@ -66,6 +50,8 @@ void theInstanceIsTrackedWithItsSource()
                           std::string(site->file()).find("StatusManager.cpp") != std::string::npos);
     EXPECT_TRUE(found);
 }
+
+using GetInstance = OwnProcess;
 
 } // namespace
 

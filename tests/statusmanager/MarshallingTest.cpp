@@ -167,8 +167,8 @@ TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
         });
 }
 
-// The one form that traces where it is called, before its list form does so on the manager's thread.
-const std::string tracesOnItsCallersThread =
+// The one form that is traced where it is called, before its list form is on the manager's thread.
+const std::string tracedByItsCaller =
     "virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)";
 
 class Traced : public testing::TestWithParam<Operation>
@@ -192,9 +192,10 @@ protected:
                 traces[line.function].emplace_back(line.text, line.thread);
         }
         EXPECT_FALSE(traces.empty());
+        EXPECT_EQ(traces.count(tracedByItsCaller) != 0, GetParam().isTracedByItsCaller);
         for (const auto& [function, lines] : traces)
         {
-            const std::thread::id thread = function == tracesOnItsCallersThread ? caller : managersThread;
+            const std::thread::id thread = function == tracedByItsCaller ? caller : managersThread;
             EXPECT_EQ(lines, (std::vector<Trace>{{"begin", thread}, {"end", thread}})) << function;
         }
     }

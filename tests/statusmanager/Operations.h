@@ -12,6 +12,7 @@ struct Operation
 {
     const char* name; // of the version in which the work is done
     std::function<void(StatusManager&)> call;
+    bool isTracedByItsCaller = false; // as well, before the work is done
 };
 
 inline std::ostream& operator<<(std::ostream& stream, const Operation& operation)
@@ -51,7 +52,7 @@ inline const std::vector<Operation> waitingOperations{
     {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, StatusKeys{"k"}); }},
     {"unregisterForStatus", [](StatusManager& m) { m.unregisterForStatus(nullptr, "single"); }},
     {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, EventKeys{"e"}); }},
-    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, "single"); }},
+    {"unregisterForEvent", [](StatusManager& m) { m.unregisterForEvent(nullptr, "single"); }, true},
     {"sync", [](StatusManager& m) { m.sync(-1); }},
 };
 

@@ -1,0 +1,212 @@
+// Where there is no memory, or no thread can be started: the caller learns of it, nothing is half done, and a
+// later call works.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <new>
+#include <pthread.h>
+#include <string>
+#include <system_error>
+
+#include "statusmanager/StatusManagerStub.h"
+#include "tests/statusmanager/Operations.h"
+#include "tests/statusmanager/TestManager.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/OwnProcess.h"
+
+namespace
+{
+
+// Of the thread that counts, so many more succeed; -1 is no limit.
+thread_local int allocationsLeft = -1;
+thread_local int threadsLeft = -1;
+
+bool mustFail(int& left)
+{
+    if (left > 0)
+        --left;
+    else if (left == 0)
+        return true;
+    return false;
+}
+
+// While it lives, this thread's allocations fail behind the first so many.
+class ScarceMemory
+{
+public:
+    explicit ScarceMemory(int allocations) { allocationsLeft = allocations; }
+    ~ScarceMemory() { allocationsLeft = -1; }
+
+    ScarceMemory(const ScarceMemory&) = delete;
+    ScarceMemory& operator=(const ScarceMemory&) = delete;
+};
+
+// The same for the threads that it starts.
+class ScarceThreads
+{
+public:
+    explicit ScarceThreads(int threads) { threadsLeft = threads; }
+    ~ScarceThreads() { threadsLeft = -1; }
+
+    ScarceThreads(const ScarceThreads&) = delete;
+    ScarceThreads& operator=(const ScarceThreads&) = delete;
+};
+
+} // namespace
+
+// Definitions in the program take the place of the libraries' own.
+
+void* operator new(std::size_t size)
+{
+    void* const memory = mustFail(allocationsLeft) ? nullptr : std::malloc(size == 0 ? 1 : size);
+    if (memory == nullptr)
+        throw std::bad_alloc();
+    return memory;
+}
+
+void operator delete(void* memory) noexcept
+{
+    std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept
+{
+    std::free(memory);
+}
+
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
+                                                                     const pthread_attr_t* attributes,
+                                                                     void* (*start)(void*),
+                                                                     void* argument) noexcept
+{
+    if (mustFail(threadsLeft))
+        return EAGAIN;
+    return reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"))(thread, attributes,
+                                                                                           start, argument);
+}
+
+namespace
+{
+
+// --------------------------------------------------------------------------------------- the one instance
+
+using FailedInstance = OwnProcess;
+
+// Managers that exist, by the places in the source at which getInstance() makes them.
+unsigned liveManagers()
+{
+    unsigned live = 0;
+    for (const auto* site = Orvane::AllocationSite::first(); site != nullptr; site = site->next())
+    {
+        if (std::string(site->file()).find("statusmanager/StatusManager.cpp") != std::string::npos)
+            live += site->live();
+    }
+    return live;
+}
+
+void failsUntilThereIsMemory()
+{
+    StatusManager* instance = nullptr;
+    int failures = 0;
+    for (int allocations = 0; instance == nullptr && allocations < 1000; ++allocations)
+    {
+        try
+        {
+            const ScarceMemory scarce(allocations);
+            instance = StatusManager::getInstance(true);
+        }
+        catch (const std::bad_alloc&)
+        {
+            ++failures;
+            EXPECT_EQ(liveManagers(), 0U) << allocations;
+        }
+    }
+    EXPECT_GE(failures, 2); // the storage, and what the construction takes
+    EXPECT_NE(dynamic_cast<StatusManagerStub*>(instance), nullptr);
+    EXPECT_EQ(StatusManager::getInstance(true), instance);
+    EXPECT_EQ(liveManagers(), 1U);
+}
+
+// The broker's client starts two threads before it looks for a broker.
+void failsUntilThereAreThreads()
+{
+    for (int threads = 0; threads < 2; ++threads)
+    {
+        const ScarceThreads scarce(threads);
+        EXPECT_THROW(StatusManager::getInstance(false), std::system_error) << threads;
+        EXPECT_EQ(liveManagers(), 0U) << threads;
+    }
+    // What failed is forgotten: the next call decides which manager it is.
+    EXPECT_NE(dynamic_cast<StatusManagerStub*>(StatusManager::getInstance(true)), nullptr);
+    EXPECT_EQ(liveManagers(), 1U);
+}
+
+} // namespace
+
+TEST_F(FailedInstance, forWantOfMemoryThrowsAndIsTriedAgainByALaterCall)
+{
+    EXPECT_IN_OWN_PROCESS(failsUntilThereIsMemory());
+}
+
+TEST_F(FailedInstance, forWantOfAThreadThrowsAndIsTriedAgainByALaterCall)
+{
+    EXPECT_IN_OWN_PROCESS(failsUntilThereAreThreads());
+}
+
+// ---------------------------------------------------------------------------------------------- operations
+
+namespace
+{
+
+class FailedCall : public testing::TestWithParam<Operation>
+{
+protected:
+    // How often the operation was carried out on the manager's thread, with all that was queued before.
+    std::size_t timesDone()
+    {
+        manager.onThread([] {});
+        return log.count(7, "begin");
+    }
+
+    TestManager manager;
+    LogCapture log{"StatusManager=7:40000000"};
+};
+
+// Logging takes memory, too, so what the caller traces cannot be looked at in this way.
+std::vector<Operation> tracedByTheManagerOnly()
+{
+    std::vector<Operation> all = queuedOperations;
+    all.insert(all.end(), waitingOperations.begin(), waitingOperations.end());
+    all.erase(std::remove_if(all.begin(), all.end(),
+                             [](const Operation& operation) { return operation.isTracedByItsCaller; }),
+              all.end());
+    return all;
+}
+
+} // namespace
+
+TEST_P(FailedCall, forWantOfMemoryThrowsAndSendsNothing)
+{
+    int failures = 0;
+    for (bool hasFailed = true; hasFailed && failures < 1000;)
+    {
+        try
+        {
+            const ScarceMemory scarce(failures);
+            GetParam().call(manager);
+            hasFailed = false;
+        }
+        catch (const std::bad_alloc&)
+        {
+            ++failures;
+            ASSERT_EQ(timesDone(), 0U) << failures;
+        }
+    }
+    EXPECT_GE(failures, 1); // the agent, at least
+    EXPECT_GE(timesDone(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, FailedCall, testing::ValuesIn(tracedByTheManagerOnly()));
