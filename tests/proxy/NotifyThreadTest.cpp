@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <zmq.h>
 
+#include "common/Logging.h"
 #include "tests/proxy/Frames.h"
 #include "tests/proxy/TestProxy.h"
 #include "tests/support/LogCapture.h"
@@ -139,19 +141,59 @@ TEST_F(NotifyThread, statusUpdateHidesAnEventUpdateInTheSameMessage)
     EXPECT_EQ(events(), Events{});
 }
 
-TEST_F(NotifyThread, emptyStatusUpdateCallsNobody)
+// A value without members, and what a test calls it.
+struct Memberless
 {
-    publishAndWait(R"({"statusUpdate":{}})");
-    EXPECT_EQ(warnings(), std::vector<std::string>{});
-    expectNothingDelivered();
+    const char* name;
+    const char* text;
+};
+
+void PrintTo(const Memberless& value, std::ostream* stream)
+{
+    *stream << value.name;
 }
 
-TEST_F(NotifyThread, emptyEventUpdateCallsNobody)
+class WithoutMembers : public NotifyThread, public ::testing::WithParamInterface<Memberless>
 {
-    publishAndWait(R"({"eventUpdate":{}})");
+protected:
+    WithoutMembers() { ov_log_configure("StatusManager=7:40000000"); }
+
+    // Calls of this operation on the manager's thread, those of publishAndWait()'s marks included.
+    std::ptrdiff_t calls(const std::string& function) const
+    {
+        const std::vector<LogLine> lines = log.lines();
+        return std::count_if(lines.begin(), lines.end(),
+                             [&](const LogLine& line)
+                             { return line.function == function && line.text == "begin"; });
+    }
+
+    const std::string handleStatusUpdate = "void StatusManager::handleStatusUpdate(StatusMap)";
+    const std::string handleEventUpdate = "void StatusManager::handleEventUpdate(std::string, std::string)";
+};
+
+TEST_P(WithoutMembers, aStatusUpdateIsOneUpdateOfNothing)
+{
+    publishAndWait(std::string(R"({"statusUpdate":)") + GetParam().text + "}");
+    EXPECT_EQ(calls(handleStatusUpdate), 1);
     EXPECT_EQ(warnings(), std::vector<std::string>{});
     expectNothingDelivered();
+    expectNextWorks();
 }
+
+TEST_P(WithoutMembers, anEventUpdateIsNoEvent)
+{
+    publishAndWait(std::string(R"({"eventUpdate":)") + GetParam().text + "}");
+    EXPECT_EQ(calls(handleStatusUpdate), 0);
+    EXPECT_EQ(calls(handleEventUpdate), 1); // the mark
+    EXPECT_EQ(warnings(), std::vector<std::string>{});
+    expectNothingDelivered();
+    expectNextWorks();
+}
+
+INSTANTIATE_TEST_SUITE_P(Values, WithoutMembers,
+                         ::testing::Values(Memberless{"null", "null"}, Memberless{"emptyArray", "[]"},
+                                           Memberless{"emptyObject", "{}"}),
+                         [](const auto& instance) { return std::string(instance.param.name); });
 
 TEST_F(NotifyThread, updatesArriveInTheOrderInWhichTheyWerePublished)
 {

@@ -15,6 +15,7 @@ struct State
 {
     std::mutex mutex;
     std::vector<ZmqInterposer::Call> calls;
+    std::map<std::string, std::size_t> counts;
     std::set<std::string> failing;
     std::map<void*, std::string> types; // of sockets, closed ones too
 };
@@ -68,17 +69,19 @@ bool mustFail(const std::string& name)
     return state().failing.count(name) != 0;
 }
 
-void record(const std::string& name, int result)
+void record(const std::string& name, int result, bool listed)
 {
     const int error = errno;
     const std::lock_guard<std::mutex> lock(state().mutex);
-    state().calls.push_back({name, result, std::this_thread::get_id()});
+    ++state().counts[name];
+    if (listed)
+        state().calls.push_back({name, result, std::this_thread::get_id()});
     errno = error;
 }
 
 // Makes the call, or fails it.
 template <class Call>
-auto through(const std::string& name, decltype(std::declval<Call>()()) failure, bool recorded, Call call)
+auto through(const std::string& name, decltype(std::declval<Call>()()) failure, bool listed, Call call)
 {
     if (!isClientsThread())
         return call();
@@ -87,8 +90,7 @@ auto through(const std::string& name, decltype(std::declval<Call>()()) failure, 
         errno = EFAULT;
     else
         result = call();
-    if (recorded)
-        record(name, result == failure ? -1 : 0);
+    record(name, result == failure ? -1 : 0, listed);
     return result;
 }
 
@@ -111,6 +113,13 @@ std::vector<std::string> names()
     return all;
 }
 
+std::size_t count(const std::string& name)
+{
+    const std::lock_guard<std::mutex> lock(state().mutex);
+    const auto counted = state().counts.find(name);
+    return counted == state().counts.end() ? 0 : counted->second;
+}
+
 void fail(const std::string& name)
 {
     const std::lock_guard<std::mutex> lock(state().mutex);
@@ -121,6 +130,7 @@ void reset()
 {
     const std::lock_guard<std::mutex> lock(state().mutex);
     state().calls.clear();
+    state().counts.clear();
     state().failing.clear();
 }
 

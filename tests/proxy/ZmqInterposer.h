@@ -1,6 +1,7 @@
 #ifndef TESTS_PROXY_ZMQINTERPOSER_H
 #define TESTS_PROXY_ZMQINTERPOSER_H
 
+#include <cstddef>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,9 @@ struct Call
 /// The calls since reset(), but for receives and getsockopt.
 std::vector<Call> calls();
 std::vector<std::string> names();
+
+/// How many such calls there were since reset(), receives among them.
+std::size_t count(const std::string& name);
 
 /// Makes each such call fail from now on, with errno EFAULT: "zmq_ctx_new", "zmq_socket PUB", "zmq_connect
 /// PUB", "zmq_setsockopt SUB", "zmq_send REQ", "zmq_recv SUB".
