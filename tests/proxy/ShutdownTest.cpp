@@ -2,10 +2,12 @@
 #include <future>
 #include <gtest/gtest.h>
 
+#include "common/Calls.h"
 #include "tests/proxy/Frames.h"
 #include "tests/proxy/TestProxy.h"
 #include "tests/proxy/ZmqInterposer.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/RecordingListener.h"
 
 namespace
 {
@@ -154,6 +156,146 @@ TEST_F(Shutdown, brokerSeesTheClientsLastPost)
     client->updateSystemTime(7);
     client.destroy();
     EXPECT_TRUE(broker.waitForPost(R"({"updateSystemTime":7})"));
+}
+
+// A client of a program's own kind, which queues something for its destruction to meet.
+class PlainProxy : public StatusManagerProxy
+{
+public:
+    using StatusManagerProxy::mNotifyThread;
+    using StatusManagerProxy::mThread;
+    using StatusManagerProxy::sendPost;
+};
+
+// A client that is destroyed while its manager's thread is held. The notification that ends the destruction
+// is a test's to publish.
+class Destruction : public Shutdown
+{
+protected:
+    Destruction()
+    {
+        EXPECT_TRUE(broker.waitForSubscriber(2)); // beside the fixture's own client
+        Orvane::postCall(OV_SITE, proxy->mThread, this, &Destruction::hold);
+        EXPECT_TRUE(held.wait());
+        ZmqInterposer::reset();
+    }
+
+    ~Destruction() override
+    {
+        release.open();
+        if (destroyed.valid())
+        {
+            const Pulse pulse(broker);
+            destroyed.wait();
+        }
+    }
+
+    // Returns when it waits for the notify loop.
+    void beginToDestroy()
+    {
+        Orvane::EventThread& notifyThread = proxy->mNotifyThread;
+        destroyed = std::async(std::launch::async, [this] { proxy.reset(); });
+        EXPECT_TRUE(eventually([&] { return notifyThread.getPendingCount() == 1; }));
+    }
+
+    static constexpr std::size_t many = 2000;
+
+    void postMany()
+    {
+        for (std::size_t i = 0; i < many; ++i)
+        {
+            proxy->startTimer(std::to_string(i));
+            posted.push_back({R"({"startTimer":")" + std::to_string(i) + R"("})"});
+        }
+    }
+
+    bool isDestroyed() { return destroyed.wait_for(testDeadline) == std::future_status::ready; }
+
+    // On the manager's thread, for another receiver than the client, so that no purge takes it.
+    void hold()
+    {
+        held.open();
+        release.wait();
+        if (postWhenReleased)
+            proxyItself->sendPost("last");
+    }
+
+    Gate held;
+    Gate release;
+    bool postWhenReleased = false;
+    std::unique_ptr<PlainProxy> proxy = std::make_unique<PlainProxy>();
+    PlainProxy* const proxyItself = proxy.get();
+    std::future<void> destroyed;
+    std::vector<Frames> posted;
+};
+
+TEST_F(Destruction, sendsWhatWasPostedBeforeWhileNothingIsPublished)
+{
+    postMany();
+    beginToDestroy();
+    release.open();
+    EXPECT_TRUE(broker.waitForPosts(many));
+    EXPECT_EQ(broker.posts(), posted);
+    broker.publish("Sync");
+    EXPECT_TRUE(isDestroyed());
+}
+
+TEST_F(Destruction, sendsWhatIsStillQueuedWhenTheNotificationHasCome)
+{
+    Orvane::EventThread& manager = proxy->mThread;
+    postMany();
+    beginToDestroy();
+    broker.publish("Sync");
+    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == many + 1; })); // it is waited for
+    release.open();
+    EXPECT_TRUE(isDestroyed());
+    EXPECT_TRUE(broker.waitForPosts(many));
+    EXPECT_EQ(broker.posts(), posted);
+}
+
+TEST_F(Destruction, handsTheNotificationThatEndsItToTheListeners)
+{
+    RecordingListener listener;
+    Orvane::EventThread thread("listener", 0);
+    proxy->registerListener(&listener, &thread);
+    proxy->registerForStatus(&listener, "k");
+    release.open();
+    ASSERT_TRUE(listener.waitForUpdates(1)); // of the subscription
+    beginToDestroy();
+    broker.publish(R"({"statusUpdate":{"k":"last"}})");
+    EXPECT_TRUE(isDestroyed());
+    EXPECT_TRUE(listener.waitForUpdates(2));
+    EXPECT_EQ(listener.updates().back(), (StatusMap{{"k", "last"}}));
+}
+
+// The manager's thread still has work when the notify loop has ended.
+TEST_F(Destruction, closesNoSocketWhileTheManagersThreadUsesIt)
+{
+    postWhenReleased = true;
+    Orvane::EventThread& manager = proxy->mThread;
+    beginToDestroy();
+    broker.publish("Sync");
+    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == 1; })); // it is waited for
+    EXPECT_EQ(ZmqInterposer::names(), Texts{"zmq_close SUB"});               // by the notify loop itself
+    release.open();
+    EXPECT_TRUE(isDestroyed());
+    EXPECT_TRUE(broker.waitForPost("last"));
+
+    Texts expected = teardown;
+    expected.insert(expected.begin() + 1, "zmq_send PUB");
+    EXPECT_EQ(ZmqInterposer::names(), expected);
+    const std::vector<ZmqInterposer::Call> calls = ZmqInterposer::calls();
+    for (std::size_t i = 0; i < calls.size(); ++i)
+        EXPECT_EQ(calls[i].thread == calls[1].thread, i == 1) << calls[i].name;
+}
+
+TEST_F(Destruction, closesEverythingInItsOrder)
+{
+    beginToDestroy();
+    release.open();
+    broker.publish("Sync");
+    EXPECT_TRUE(isDestroyed());
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
 }
 
 TEST_F(Shutdown, queuedCallsOfADestroyedClientAreReleased)

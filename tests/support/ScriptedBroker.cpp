@@ -176,9 +176,9 @@ bool ScriptedBroker::waitForPost(const std::string& text) const
         });
 }
 
-bool ScriptedBroker::waitForSubscriber() const
+bool ScriptedBroker::waitForSubscriber(std::size_t count) const
 {
-    return waitUntil([&] { return mSubscribers != 0; });
+    return waitUntil([&] { return mSubscribers >= count; });
 }
 
 // ------------------------------------------------------------------------------------- the broker's thread

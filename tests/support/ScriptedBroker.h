@@ -61,7 +61,7 @@ public:
     bool waitForRequests(std::size_t count) const;
     bool waitForPosts(std::size_t count) const;
     bool waitForPost(const std::string& text) const;
-    bool waitForSubscriber() const;
+    bool waitForSubscriber(std::size_t count = 1) const; ///< until so many have come
 
 private:
     struct Sockets;
