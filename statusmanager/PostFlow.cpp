@@ -14,8 +14,8 @@ namespace
 {
 
 // libzmq's limit is 1,000, but it returns room in steps of 500, so up to 499 posts may have left without
-// their room being free again. At most 500 may be under way beside them. Once there are, some must leave
-// before the next look, as looking and waiting cost more than sending.
+// their room being free again. At most 500 may be sent beside them before libzmq looks for returned room. If
+// many are still under way then, some must leave first, as looking and waiting cost more than sending.
 constexpr unsigned mostUnderWay = 500;
 constexpr unsigned fewUnderWay = 400;
 
@@ -76,7 +76,7 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
 {
     if (mIsDropping || mBudget < wholeBudget)
         look();
-    if (underWay() >= mostUnderWay)
+    if (mayBeFull())
         awaitUnderWay(socket, fewUnderWay, wholeBudget);
     Frame* frame = Frame::make(mReleased, bytes, size);
     zmq_msg_t message;
@@ -96,8 +96,8 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
     isSending = false;
     if (droppedNow == 0)
         ++mSent;
-    else if (sent != -1 && underWay() >= mostUnderWay)
-        countDropped(); // with fewer under way there was room, and nobody who has subscribed
+    else if (sent != -1 && mayBeFull())
+        countDropped(); // otherwise there was room, and nobody who has subscribed
     errno = error;
     return sent;
 }
@@ -130,8 +130,19 @@ void PostFlow::awaitUnderWay(void* socket, unsigned most, std::chrono::microseco
         mBudget -= std::chrono::duration_cast<std::chrono::microseconds>(now - before);
         look();
     }
-    // libzmq has reported the room of what it has let go of; this makes it listen. By itself it does about
-    // once in a millisecond.
+    letLibzmqLook(socket);
+}
+
+// Whether libzmq may have no room for a post, as far as it knows: it takes notice of returned room only once
+// in 3,000,000 ticks of its clock, in which thousands of posts may be sent.
+bool PostFlow::mayBeFull() const
+{
+    return mSent - mRoomKnown >= mostUnderWay;
+}
+
+void PostFlow::letLibzmqLook(void* socket)
+{
+    mRoomKnown = mKnownReleased;
     int events = 0;
     std::size_t size = sizeof(events);
     zmq_getsockopt(socket, ZMQ_EVENTS, &events, &size);

@@ -51,12 +51,15 @@ private:
     void look();
     void recover();
     void countDropped();
+    void letLibzmqLook(void* socket);
     unsigned underWay() const { return mSent - mKnownReleased; }
+    bool mayBeFull() const;
 
     static constexpr std::chrono::microseconds wholeBudget{1000000};
 
     unsigned mSent = 0;
-    unsigned mKnownReleased = 0; ///< the room of these is known to libzmq, too, but for up to 499
+    unsigned mKnownReleased = 0;
+    unsigned mRoomKnown = 0; ///< the room of so many is known to libzmq, too, but for up to 499
     std::chrono::microseconds mBudget = wholeBudget;
     bool mIsDropping = false;
     bool mWasDropping = false; ///< when takeNews() was last called
