@@ -27,6 +27,10 @@ thread_local unsigned droppedNow = 0;
 constexpr int promptLooks = 20;
 constexpr useconds_t pauseMicroseconds = 50;
 
+// If a pause lasts longer, this thread was not running, or the process was stopped. The broker did not cause
+// that, so it costs nothing of the budget.
+constexpr std::chrono::microseconds longestPause{10000};
+
 // A broker that takes 10,000 posts a second is waited for without end. A slower one has the kernel's buffers,
 // which hold bursts of tens of thousands of posts, and the budget.
 constexpr std::chrono::microseconds returnedByOnePost{100};
@@ -127,7 +131,8 @@ void PostFlow::awaitUnderWay(void* socket, unsigned most, std::chrono::microseco
         else
             usleep(pauseMicroseconds);
         const auto before = std::exchange(now, Clock::now());
-        mBudget -= std::chrono::duration_cast<std::chrono::microseconds>(now - before);
+        mBudget -=
+            std::min(std::chrono::duration_cast<std::chrono::microseconds>(now - before), longestPause);
         look();
     }
     letLibzmqLook(socket);
