@@ -75,20 +75,22 @@ struct ScriptedBroker::Sockets
     zmq::socket_t handshakes{context, zmq::socket_type::pair};
     zmq::socket_t notify = bound(context, zmq::socket_type::xpub, 5557);
 
-    Sockets()
+    explicit Sockets(Posts posts)
     {
+        notify.set(zmq::sockopt::xpub_verbose, 1);
+        if (posts == Posts::NotTaken)
+            return;
         post = bound(context, zmq::socket_type::sub, 5556);
         post.set(zmq::sockopt::subscribe, "");
         if (zmq_socket_monitor(post.handle(), "inproc://handshakes", ZMQ_EVENT_HANDSHAKE_SUCCEEDED) != 0)
             throw zmq::error_t();
         handshakes.set(zmq::sockopt::linger, 0);
         handshakes.connect("inproc://handshakes");
-        notify.set(zmq::sockopt::xpub_verbose, 1);
     }
 };
 
-ScriptedBroker::ScriptedBroker(FirstAnswer firstAnswer)
-    : mSockets(std::make_unique<Sockets>()), mFirstAnswer(firstAnswer)
+ScriptedBroker::ScriptedBroker(FirstAnswer firstAnswer, Posts posts)
+    : mSockets(std::make_unique<Sockets>(posts)), mFirstAnswer(firstAnswer)
 {
     answerWith([](const std::string& request) { return Frames{request == "Sync" ? "SyncAck" : "{}"}; });
     mThread = std::thread([this] { run(); });

@@ -30,9 +30,15 @@ public:
         AtOnce,
     };
 
+    enum class Posts
+    {
+        Taken,
+        NotTaken, ///< the post port is left to somebody else
+    };
+
     /// At first, "Sync" is answered with "SyncAck" and everything else with "{}".
     /// @throws std::runtime_error when a port is taken.
-    explicit ScriptedBroker(FirstAnswer firstAnswer = FirstAnswer::Held);
+    explicit ScriptedBroker(FirstAnswer firstAnswer = FirstAnswer::Held, Posts posts = Posts::Taken);
     ~ScriptedBroker();
 
     ScriptedBroker(const ScriptedBroker&) = delete;

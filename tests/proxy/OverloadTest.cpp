@@ -1,0 +1,215 @@
+// A broker that takes posts more slowly than they are made, or not at all, while it answers requests: what
+// is called behind the posts is not held up for long, and the log has the number of those that are lost.
+
+#include <gtest/gtest.h>
+#include <zmq.h>
+
+#include "tests/proxy/Frames.h"
+#include "tests/proxy/PostPort.h"
+#include "tests/proxy/TestProxy.h"
+#include "tests/support/LogCapture.h"
+
+namespace
+{
+
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+const std::string begin =
+    "StatusBroker does not take posts as fast as they are made, some are dropped from now on";
+const std::string timer = R"({"startTimer":")";
+
+class Overload : public ::testing::Test
+{
+protected:
+    Overload() { connect(); }
+
+    ~Overload() override { disconnect(); }
+
+    // Returns when posts arrive: a client's first ones may leave before the subscription has come.
+    void connect()
+    {
+        client = std::make_unique<Client>(broker);
+        const std::string first = "first of " + std::to_string(++mClients);
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                (*client)->startTimer(first);
+                return port->isLast(timer + first + "\"}");
+            }));
+        startTimerAndWait("connected");
+        log.clear();
+    }
+
+    // A client ends when its last posts have left.
+    void disconnect()
+    {
+        if (port == nullptr)
+            port = std::make_unique<PostPort>(PostPort::all);
+        port->setPace(PostPort::all);
+        client.reset();
+    }
+
+    void startTimerAndWait(const std::string& name)
+    {
+        (*client)->startTimer(name);
+        EXPECT_TRUE(port->waitFor(timer + name + "\"}"));
+    }
+
+    // More than libzmq and the kernel keep.
+    void postMany()
+    {
+        for (std::size_t i = 0; i < many; ++i)
+            (*client)->postStatus("key", std::to_string(i) + std::string(4000, 'x'));
+    }
+
+    // Lines about posts that are dropped, or not any more.
+    std::vector<std::string> reports() const
+    {
+        std::vector<std::string> lines;
+        for (const LogLine& line : log.lines())
+        {
+            if (line.level == 0 && line.text.find("StatusBroker") == 0)
+                lines.push_back(line.text);
+        }
+        return lines;
+    }
+
+    static constexpr std::size_t many = 6000;
+
+    LogCapture log;
+    ScriptedBroker broker{ScriptedBroker::FirstAnswer::AtOnce, ScriptedBroker::Posts::NotTaken};
+    std::unique_ptr<PostPort> port = std::make_unique<PostPort>(PostPort::all);
+    std::unique_ptr<Client> client;
+
+private:
+    int mClients = 0;
+};
+
+constexpr int slow = 100; // posts a second
+
+// Were the posts waited for without a bound, two thirds of them would have been taken before it is the turn
+// of what was called behind them.
+TEST_F(Overload, doesNotHoldUpWhatNeedsNoBroker)
+{
+    port->setPace(slow);
+    const std::size_t before = port->taken();
+    postMany();
+    (*client)->unregisterForStatus(nullptr, "k");
+    EXPECT_EQ((*client)->mThread.getPendingCount(), 0U);
+    EXPECT_LT(port->taken() - before, many / 4);
+}
+
+TEST_F(Overload, isReportedWhenItBeginsAndWhenItEndsWithTheNumberOfPostsThatAreLost)
+{
+    port->setPace(slow);
+    const std::size_t before = port->taken();
+    std::size_t posted = many;
+    postMany();
+    (*client)->drain();
+    EXPECT_EQ(reports(), std::vector<std::string>{begin});
+
+    port->setPace(PostPort::all);
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            (*client)->startTimer("now and then");
+            (*client)->drain();
+            ++posted;
+            return reports().size() > 1;
+        }));
+    startTimerAndWait("last");
+    ++posted;
+    ASSERT_EQ(reports().size(), 2U);
+    const std::size_t lost = posted - (port->taken() - before);
+    EXPECT_GT(lost, many / 4);
+    EXPECT_EQ(reports().back(), "StatusBroker takes posts again, " + std::to_string(lost) + " were dropped");
+}
+
+// The post port is gone, the request port is not.
+class WithoutPostPort : public Overload
+{
+protected:
+    WithoutPostPort() { losePort(); }
+
+    // Returns when the client has noticed: what it posted before that would be lost on the way.
+    void losePort()
+    {
+        TestProxy& proxy = **client;
+        const auto monitor = [&proxy](const char* endpoint) {
+            proxy.onManagerThread(
+                [&] { zmq_socket_monitor(proxy.mPostSocket, endpoint, ZMQ_EVENT_DISCONNECTED); });
+        };
+        constexpr const char* endpoint = "inproc://events";
+        void* const events = zmq_socket(proxy.mZmqContext, ZMQ_PAIR);
+        monitor(endpoint);
+        zmq_connect(events, endpoint);
+        const int deadline = static_cast<int>(milliseconds(testDeadline).count());
+        zmq_setsockopt(events, ZMQ_RCVTIMEO, &deadline, sizeof(deadline));
+        port.reset();
+        EXPECT_GT(zmq_recv(events, nullptr, 0, 0), 0);
+        monitor(nullptr);
+        zmq_close(events);
+    }
+
+    milliseconds timeOf(const std::function<void()>& call)
+    {
+        const auto start = Clock::now();
+        call();
+        return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
+    }
+
+    void postAndAsk()
+    {
+        (*client)->startTimer("t");
+        EXPECT_EQ((*client)->getClientInfo(), StatusMap{});
+    }
+};
+
+// 100 ms at most. The rest is for a machine that is busy; a wait of a second would still show.
+TEST_F(WithoutPostPort, aQueryAfterAPostIsNotHeldUpForLong)
+{
+    EXPECT_LT(timeOf([this] { postAndAsk(); }), allowed(milliseconds(500)));
+}
+
+// A second in all. 100 ms for each would be eight seconds and more.
+TEST_F(WithoutPostPort, queriesInARowAreNotHeldUpForLongInAll)
+{
+    EXPECT_LT(timeOf(
+                  [this]
+                  {
+                      for (int round = 0; round < 100; ++round)
+                          postAndAsk();
+                  }),
+              allowed(milliseconds(5000)));
+}
+
+TEST_F(WithoutPostPort, aPostThatWaitsArrivesWhenThePortIsBack)
+{
+    postAndAsk();
+    port = std::make_unique<PostPort>(PostPort::all);
+    EXPECT_TRUE(port->waitFor(timer + "t\"}"));
+    EXPECT_TRUE(reports().empty());
+}
+
+// In one of a few attempts, since a busy machine may hold up any of them.
+TEST_F(WithoutPostPort, aSyncWithTimeLimitReturnsWithinItAndAHundredMilliseconds)
+{
+    constexpr milliseconds limit{300};
+    milliseconds shortest = milliseconds::max();
+    for (int attempt = 0; attempt < 10 && shortest > limit + milliseconds(100); ++attempt)
+    {
+        broker.keepSilent();
+        (*client)->startTimer("t");
+        shortest = std::min(shortest,
+                            timeOf([&] { EXPECT_FALSE((*client)->sync(static_cast<int>(limit.count()))); }));
+        EXPECT_GE(shortest, limit);
+        disconnect();
+        broker.answerWith(Frames{"SyncAck"});
+        connect();
+        losePort();
+    }
+    EXPECT_LE(shortest, limit + milliseconds(100));
+}
+
+} // namespace

@@ -1,0 +1,60 @@
+#ifndef TESTS_PROXY_POSTPORT_H
+#define TESTS_PROXY_POSTPORT_H
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <thread>
+
+/// The broker's side of the post channel, byte by byte, so that it can take posts at a pace of its own, or
+/// stand still: with the kernel's buffers as small as they can be. One client at a time.
+class PostPort
+{
+public:
+    static constexpr int none = 0;
+    static constexpr int all = std::numeric_limits<int>::max();
+
+    /// Subscribes to everything that a client posts, and takes so many posts a second.
+    /// @throws std::runtime_error when the port is taken.
+    explicit PostPort(int postsPerSecond);
+    ~PostPort();
+
+    PostPort(const PostPort&) = delete;
+    PostPort& operator=(const PostPort&) = delete;
+
+    void setPace(int postsPerSecond) { mPace = postsPerSecond; }
+
+    /// Posts taken so far; the "Sync" that a client posts at start-up is left out.
+    std::size_t taken() const;
+    /// Whether the last of them was this one.
+    bool isLast(const std::string& text) const;
+    /// Waits until it is; false at the deadline.
+    bool waitFor(const std::string& text) const;
+
+private:
+    class Stream;
+
+    void run();
+    void serve(int connection);
+    void note(const std::string& post);
+    bool mayTake();
+
+    int mListener;
+    std::atomic<int> mPace;
+    std::atomic<bool> mStop{false};
+    double mDue = 0;                             // the port's thread
+    std::chrono::steady_clock::time_point mThen; // the port's thread
+
+    mutable std::mutex mMutex;
+    mutable std::condition_variable mChanged;
+    std::size_t mTaken = 0;
+    std::string mLast;
+
+    std::thread mThread;
+};
+
+#endif
