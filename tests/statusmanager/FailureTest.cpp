@@ -2,91 +2,17 @@
 // later call works.
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <new>
-#include <pthread.h>
 #include <string>
 #include <system_error>
 
 #include "statusmanager/StatusManagerStub.h"
 #include "tests/statusmanager/Operations.h"
+#include "tests/statusmanager/Scarcity.h"
 #include "tests/statusmanager/TestManager.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/OwnProcess.h"
-
-namespace
-{
-
-// Of the thread that counts, so many more succeed; -1 is no limit.
-thread_local int allocationsLeft = -1;
-thread_local int threadsLeft = -1;
-
-bool mustFail(int& left)
-{
-    if (left > 0)
-        --left;
-    else if (left == 0)
-        return true;
-    return false;
-}
-
-// While it lives, this thread's allocations fail behind the first so many.
-class ScarceMemory
-{
-public:
-    explicit ScarceMemory(int allocations) { allocationsLeft = allocations; }
-    ~ScarceMemory() { allocationsLeft = -1; }
-
-    ScarceMemory(const ScarceMemory&) = delete;
-    ScarceMemory& operator=(const ScarceMemory&) = delete;
-};
-
-// The same for the threads that it starts.
-class ScarceThreads
-{
-public:
-    explicit ScarceThreads(int threads) { threadsLeft = threads; }
-    ~ScarceThreads() { threadsLeft = -1; }
-
-    ScarceThreads(const ScarceThreads&) = delete;
-    ScarceThreads& operator=(const ScarceThreads&) = delete;
-};
-
-} // namespace
-
-// Definitions in the program take the place of the libraries' own.
-
-void* operator new(std::size_t size)
-{
-    void* const memory = mustFail(allocationsLeft) ? nullptr : std::malloc(size == 0 ? 1 : size);
-    if (memory == nullptr)
-        throw std::bad_alloc();
-    return memory;
-}
-
-void operator delete(void* memory) noexcept
-{
-    std::free(memory);
-}
-
-void operator delete(void* memory, std::size_t) noexcept
-{
-    std::free(memory);
-}
-
-extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread,
-                                                                     const pthread_attr_t* attributes,
-                                                                     void* (*start)(void*),
-                                                                     void* argument) noexcept
-{
-    if (mustFail(threadsLeft))
-        return EAGAIN;
-    return reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"))(thread, attributes,
-                                                                                           start, argument);
-}
 
 namespace
 {

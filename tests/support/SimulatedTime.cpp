@@ -1,7 +1,8 @@
 #include "tests/support/SimulatedTime.h"
 
-#include <cerrno>
 #include <ctime>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
 
@@ -62,4 +63,9 @@ extern "C" __attribute__((visibility("default"))) int usleep(useconds_t microsec
     span.tv_sec = static_cast<time_t>(microseconds / 1000000);
     span.tv_nsec = static_cast<long>(microseconds % 1000000) * 1000;
     return nanosleep(&span, nullptr);
+}
+
+extern "C" __attribute__((visibility("default"))) int sched_yield() noexcept
+{
+    return current != nullptr ? 0 : static_cast<int>(syscall(SYS_sched_yield));
 }

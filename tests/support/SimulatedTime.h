@@ -5,8 +5,9 @@
 #include <functional>
 
 /// While it lives, the steady clock of the calling thread stands still but for usleep(), which takes no time
-/// and moves the clock on. So a wait of seconds is over at once and takes exactly so long on any machine. It
-/// holds for what is compiled into the program; the other threads have the machine's clock.
+/// and moves the clock on; giving way to other threads takes no time either. So a wait of seconds is over at
+/// once and takes exactly so long on any machine. It holds for what is compiled into the program; the other
+/// threads have the machine's clock.
 class SimulatedTime
 {
 public:
