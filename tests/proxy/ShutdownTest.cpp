@@ -174,6 +174,7 @@ class Destruction : public Shutdown
 protected:
     Destruction()
     {
+        EXPECT_TRUE(log.waitFor(6, "Polling for messages on notify socket"));
         EXPECT_TRUE(broker.waitForSubscriber(2)); // beside the fixture's own client
         Orvane::postCall(OV_SITE, proxy->mThread, this, &Destruction::hold);
         EXPECT_TRUE(held.wait());
