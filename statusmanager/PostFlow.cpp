@@ -101,7 +101,7 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
     if (droppedNow == 0)
         ++mSent;
     else if (sent != -1 && mayBeFull())
-        countDropped(); // otherwise there was room, and nobody who has subscribed
+        countDropped(); // otherwise there was room, but no subscriber
     errno = error;
     return sent;
 }

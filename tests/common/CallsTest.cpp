@@ -17,7 +17,7 @@ using namespace Orvane;
 namespace
 {
 
-// What cannot be copied when it is told so.
+// An argument whose copying fails, if it is made so.
 struct Fragile
 {
     explicit Fragile(bool breaks) : mBreaks(breaks) {}
@@ -90,6 +90,12 @@ const AllocationSite* siteAt(int line)
     return nullptr;
 }
 
+unsigned allocatedAt(int line)
+{
+    const AllocationSite* site = siteAt(line);
+    return site == nullptr ? 0 : site->allocated();
+}
+
 bool isSiteIn(const std::string& ending)
 {
     for (const AllocationSite* site = AllocationSite::first(); site != nullptr; site = site->next())
@@ -129,18 +135,19 @@ protected:
 
 } // namespace
 
-// ------------------------------------------------------------------------------------------- where it was
+// ------------------------------------------------------------------------------- the line of the caller
 
 TEST_F(CallsTest, aPostedCallIsCountedAtTheLineOfItsCaller)
 {
     block();
-    const int line = __LINE__ + 1;
+    const int line = __LINE__ + 2;
+    const unsigned before = allocatedAt(line);
     postCall(OV_SITE, thread, &receiver, overload<std::string>(&Receiver::take), "text");
     ASSERT_NE(siteAt(line), nullptr);
     EXPECT_EQ(siteAt(line)->live(), 1U);
     gate.open();
     EXPECT_TRUE(eventually([&] { return siteAt(line)->live() == 0; }));
-    EXPECT_EQ(siteAt(line)->allocated(), 1U);
+    EXPECT_EQ(siteAt(line)->allocated(), before + 1);
 }
 
 TEST_F(CallsTest, aDelayedCallIsCountedAtTheLineOfItsCaller)
@@ -155,10 +162,11 @@ TEST_F(CallsTest, aDelayedCallIsCountedAtTheLineOfItsCaller)
 
 TEST_F(CallsTest, aCallThatIsWaitedForIsCountedAtTheLineOfItsCaller)
 {
-    const int line = __LINE__ + 1;
+    const int line = __LINE__ + 2;
+    const unsigned before = allocatedAt(line);
     callAndWait(OV_SITE, thread, &receiver, &Receiver::answer);
     ASSERT_NE(siteAt(line), nullptr);
-    EXPECT_EQ(siteAt(line)->allocated(), 1U);
+    EXPECT_EQ(siteAt(line)->allocated(), before + 1);
     EXPECT_EQ(siteAt(line)->live(), 0U);
 }
 
@@ -170,7 +178,7 @@ TEST_F(CallsTest, noCallIsCountedInTheHeader)
     EXPECT_TRUE(isSiteIn("CallsTest.cpp"));
 }
 
-// ------------------------------------------------------------------------------------------- without wait
+// ------------------------------------------------------------------------------------ calls that are queued
 
 TEST_F(CallsTest, aPostedCallIsMadeOnTheDispatchersThreadAfterThePostHasReturned)
 {
@@ -262,7 +270,7 @@ TEST_F(CallsTest, callsThatDoNotWaitAreFoundByTheirReceiver)
     EXPECT_EQ(thread.getPendingCount(), 0U);
 }
 
-// ---------------------------------------------------------------------------------------------- with wait
+// -------------------------------------------------------------------------------- calls that are waited for
 
 TEST_F(CallsTest, aCallThatIsWaitedForReturnsItsResult)
 {
@@ -315,7 +323,7 @@ TEST_F(CallsTest, aCallThatIsDroppedYieldsTheDefaultResult)
     EXPECT_EQ(result, 0);
 }
 
-// ------------------------------------------------------------------------------------------ which function
+// ------------------------------------------------------------------------------------- the member function
 
 TEST_F(CallsTest, aVirtualMemberReachesTheReceiversOverride)
 {
@@ -335,7 +343,7 @@ TEST_F(CallsTest, anOverloadIsChosenByItsParameterTypes)
     EXPECT_EQ(receiver.taken(), (Texts{"one", "two2"}));
 }
 
-// The kind of agent follows from what is called, and how.
+// Kind, receiver, result and argument types.
 TEST_F(CallsTest, theAgentsTypeFollowsFromTheMemberFunction)
 {
     AllocationSite site(__FILE__, __LINE__);

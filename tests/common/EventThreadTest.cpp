@@ -143,7 +143,7 @@ namespace
 
 constexpr int handled = 42;
 
-// A fault of the thread itself, unlike a signal that is sent to it.
+// Makes the kernel report a fault of this thread, which is more than a signal sent to it.
 struct Faulty
 {
     void touchForbiddenMemory()
@@ -161,7 +161,7 @@ void crashWithAHandler()
     callAndWait(OV_SITE, thread, &faulty, &Faulty::touchForbiddenMemory);
 }
 
-// A program that an agent has started, in the two ways that the header describes.
+// A program started by an agent, in the two ways that the header describes.
 class Child
 {
 public:
@@ -214,7 +214,7 @@ public:
     }
 
 private:
-    // Returns when the program runs: the pipe closes then.
+    // Returns when the program runs: exec() closes the pipe.
     void start(Mask mask)
     {
         std::array<int, 2> pipe{};
@@ -340,7 +340,7 @@ TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlon
 namespace
 {
 
-// Counts how often it is asked for its name; apart from the object, which may not be whole yet.
+// Counts calls of getName(). Apart from the object, which may not be constructed yet.
 std::atomic<int> timesAsked{0};
 
 class NamedThread : public EventThread

@@ -454,7 +454,7 @@ std::string outputWithEnvironment(const std::string& value)
 
 } // namespace
 
-// Run again by the tests behind it, under an environment of theirs. Nothing has configured anything here.
+// Run again by the tests below, each with its own environment. Nothing else has changed the control words.
 TEST(InChild, logAtEveryLevel)
 {
     OV_LOG(0, "flags %x level %d", logFlags, logLevel);

@@ -13,7 +13,7 @@ namespace
 
 using Texts = std::vector<std::string>;
 
-// A line as the log shows it.
+// Level, signature and text of a log line.
 struct Line
 {
     int level;
@@ -31,7 +31,7 @@ void PrintTo(const Line& line, std::ostream* stream)
     *stream << line.level << ' ' << line.function << ": " << line.text;
 }
 
-// Those of the client's source file.
+// The lines that the client's source file has logged.
 std::vector<Line> linesOf(const LogCapture& log)
 {
     std::vector<Line> lines;
@@ -357,7 +357,7 @@ TEST_F(FailedNotifySetUp, eachFailedReceiveIsLoggedTwice)
     }
 }
 
-// With a pause of only 6 ms between them, so many would take longer than the deadline.
+// With a pause of only 6 ms between them, that many passes would take longer than the deadline.
 TEST_F(FailedNotifySetUp, theNextPassFollowsAFailedReceiveAtOnce)
 {
     constexpr std::size_t passes = 5000 * TEST_TIME_FACTOR;

@@ -1,4 +1,4 @@
-// The process's one manager as a client of the broker. Each case is run in a child of its own.
+// The process's one manager as a client of the broker. Each case runs in its own child process.
 
 #include <gtest/gtest.h>
 

@@ -141,7 +141,7 @@ TEST_F(NotifyThread, statusUpdateHidesAnEventUpdateInTheSameMessage)
     EXPECT_EQ(events(), Events{});
 }
 
-// A value without members, and what a test calls it.
+// A JSON value without members, and its name in test names.
 struct Memberless
 {
     const char* name;
@@ -158,7 +158,7 @@ class WithoutMembers : public NotifyThread, public ::testing::WithParamInterface
 protected:
     WithoutMembers() { ov_log_configure("StatusManager=7:40000000"); }
 
-    // Calls of this operation on the manager's thread, those of publishAndWait()'s marks included.
+    // Calls of this operation on the manager's thread, including those that publishAndWait() causes.
     std::ptrdiff_t calls(const std::string& function) const
     {
         const std::vector<LogLine> lines = log.lines();

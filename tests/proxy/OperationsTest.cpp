@@ -57,7 +57,7 @@ protected:
 
     void answer(const std::string& reply) { broker.answerWith(cut(reply)); }
 
-    // Exactly one such line, and that in the name of this operation.
+    // Exactly one such line, with the signature of this operation.
     void expectLine(int level, const std::string& text, const std::string& function) const
     {
         std::vector<std::string> functions;
@@ -69,7 +69,7 @@ protected:
         EXPECT_EQ(functions, std::vector<std::string>{function}) << text;
     }
 
-    // As the log spells them.
+    // Signatures as the log spells them.
     const std::string getClientInfo = "virtual StatusMap StatusManagerProxy::getClientInfo()";
     const std::string getClientInfoValue =
         "virtual std::string StatusManagerProxy::getClientInfoValue(const string&)";

@@ -1,5 +1,5 @@
-// A broker that takes posts more slowly than they are made, or not at all, while it answers requests: what
-// is called behind the posts is not held up for long, and the log has the number of those that are lost.
+// A broker that takes posts more slowly than they are made, or not at all, while it answers requests. Calls
+// behind the posts are not held up for long, and the log has the number of posts that are lost.
 
 #include <gtest/gtest.h>
 #include <zmq.h>
@@ -26,7 +26,8 @@ protected:
 
     ~Overload() override { disconnect(); }
 
-    // Returns when posts arrive: a client's first ones may leave before the subscription has come.
+    // Returns when posts arrive. A client's first posts are lost if they leave before the subscription has
+    // come.
     void connect()
     {
         client = std::make_unique<Client>(broker);
@@ -41,7 +42,7 @@ protected:
         log.clear();
     }
 
-    // A client ends when its last posts have left.
+    // The end of a client waits until its last posts have left.
     void disconnect()
     {
         if (port == nullptr)
@@ -56,14 +57,14 @@ protected:
         EXPECT_TRUE(port->waitFor(timer + name + "\"}"));
     }
 
-    // More than libzmq and the kernel keep.
+    // Posts more than libzmq and the kernel keep.
     void postMany()
     {
         for (std::size_t i = 0; i < many; ++i)
             (*client)->postStatus("key", std::to_string(i) + std::string(4000, 'x'));
     }
 
-    // Lines about posts that are dropped, or not any more.
+    // The lines that report the beginning and the end of dropping.
     std::vector<std::string> reports() const
     {
         std::vector<std::string> lines;
@@ -88,8 +89,8 @@ private:
 
 constexpr int slow = 100; // posts a second
 
-// Were the posts waited for without a bound, two thirds of them would have been taken before it is the turn
-// of what was called behind them.
+// If the client waited for its posts without a bound, the broker would take two thirds of them before the
+// call behind them has its turn.
 TEST_F(Overload, doesNotHoldUpWhatNeedsNoBroker)
 {
     port->setPace(slow);
@@ -132,7 +133,7 @@ class WithoutPostPort : public Overload
 protected:
     WithoutPostPort() { losePort(); }
 
-    // Returns when the client has noticed: what it posted before that would be lost on the way.
+    // Returns when the client has noticed. A post made before that would be lost on the way.
     void losePort()
     {
         TestProxy& proxy = **client;
@@ -166,13 +167,13 @@ protected:
     }
 };
 
-// 100 ms at most. The rest is for a machine that is busy; a wait of a second would still show.
+// It waits 100 ms at most. The bound leaves room for a busy machine, and a wait of a second still fails.
 TEST_F(WithoutPostPort, aQueryAfterAPostIsNotHeldUpForLong)
 {
     EXPECT_LT(timeOf([this] { postAndAsk(); }), allowed(milliseconds(500)));
 }
 
-// A second in all. 100 ms for each would be eight seconds and more.
+// They wait a second in all. A wait of 80 ms for each of them would be eight seconds.
 TEST_F(WithoutPostPort, queriesInARowAreNotHeldUpForLongInAll)
 {
     EXPECT_LT(timeOf(
@@ -192,7 +193,7 @@ TEST_F(WithoutPostPort, aPostThatWaitsArrivesWhenThePortIsBack)
     EXPECT_TRUE(reports().empty());
 }
 
-// In one of a few attempts, since a busy machine may hold up any of them.
+// One of a few attempts must be in time, since a busy machine may hold up any of them.
 TEST_F(WithoutPostPort, aSyncWithTimeLimitReturnsWithinItAndAHundredMilliseconds)
 {
     constexpr milliseconds limit{300};

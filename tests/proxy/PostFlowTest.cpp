@@ -28,7 +28,7 @@ class PostFlowTest : public testing::Test
 protected:
     PostFlowTest()
     {
-        // Together these have room for a thousand posts, as one PUB socket has on its way to the network.
+        // Together the two have room for a thousand posts, as a PUB socket has that sends over the network.
         mPub.set(zmq::sockopt::sndhwm, 999);
         mSub.set(zmq::sockopt::rcvhwm, 1);
         mSub.bind("inproc://posts");
@@ -79,10 +79,10 @@ protected:
             mTaken.push_back(std::stoi(message.to_string()));
     }
 
-    // Until nothing is left.
+    // Takes until nothing is left.
     void takeAll() { take(SIZE_MAX); }
 
-    // Posts now and then until dropping is reported to have ended.
+    // Posts now and then until the end of dropping is reported.
     void calmDown()
     {
         for (int i = 0; i < 100 && (news.empty() || news.back() != News::DroppingEnded); ++i)
@@ -106,7 +106,7 @@ protected:
     PostFlow flow;
 
 private:
-    // Of each other's connection and subscription.
+    // Each socket learns of the other's connection and subscription.
     void takeNotice()
     {
         static_cast<void>(mSub.get(zmq::sockopt::events));
@@ -161,7 +161,7 @@ TEST_F(PostFlowTest, doesNotWaitWhileFewAreUnderWay)
     EXPECT_EQ(missing(), 0U);
 }
 
-// After a wait, too: then posts leave at once as fast as they are made.
+// After the wait, posts leave as fast as they are made.
 TEST_F(PostFlowTest, losesNothingToAPeerThatHasStoodStillForAWhile)
 {
     for (int round = 0; round < 5; ++round)
@@ -280,8 +280,8 @@ protected:
 
     SlowPeer() { takenPerSecond = 900; }
 
-    // Makes posts at their pace, whether they can be sent by then or not, and sends them one after the other.
-    // Returns how many have waited to be sent at most.
+    // Makes posts at their pace and sends them one after the other. Posts wait while an earlier one is being
+    // sent. Returns the largest number of posts that waited at the same time.
     long overload(seconds duration)
     {
         constexpr microseconds interval = microseconds(seconds(1)) / madePerSecond;

@@ -57,7 +57,7 @@ bool isReadable(int descriptor)
 
 } // namespace
 
-/// What a client sends, cut into commands and messages.
+/// Cuts the bytes that a client sends into commands and messages.
 class PostPort::Stream
 {
 public:
@@ -212,7 +212,7 @@ void PostPort::note(const std::string& post)
     mChanged.notify_all();
 }
 
-// Whether a post is due. One that takes nothing for want of posts does not catch up later.
+// Whether a post is due. The port does not catch up later on time in which there were no posts.
 bool PostPort::mayTake()
 {
     const int pace = mPace;

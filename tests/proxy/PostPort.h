@@ -10,15 +10,15 @@
 #include <string>
 #include <thread>
 
-/// The broker's side of the post channel, byte by byte, so that it can take posts at a pace of its own, or
-/// stand still: with the kernel's buffers as small as they can be. One client at a time.
+/// The broker's side of the post channel, on a plain TCP socket. It takes posts at its own pace, or none, and
+/// the kernel's buffers are as small as possible. One client at a time.
 class PostPort
 {
 public:
     static constexpr int none = 0;
     static constexpr int all = std::numeric_limits<int>::max();
 
-    /// Subscribes to everything that a client posts, and takes so many posts a second.
+    /// Subscribes to everything that a client posts, and takes this many posts a second.
     /// @throws std::runtime_error when the port is taken.
     explicit PostPort(int postsPerSecond);
     ~PostPort();
@@ -30,9 +30,9 @@ public:
 
     /// Posts taken so far; the "Sync" that a client posts at start-up is left out.
     std::size_t taken() const;
-    /// Whether the last of them was this one.
+    /// Whether this is the last post taken.
     bool isLast(const std::string& text) const;
-    /// Waits until it is; false at the deadline.
+    /// Waits for that; false at the deadline.
     bool waitFor(const std::string& text) const;
 
 private:

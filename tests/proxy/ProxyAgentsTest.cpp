@@ -13,7 +13,7 @@ using namespace Orvane;
 namespace
 {
 
-// Opens what starts and ends a client.
+// Opens the operations that start and end a client.
 class OpenProxy : public TestProxy
 {
 public:

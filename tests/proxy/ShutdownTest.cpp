@@ -158,7 +158,7 @@ TEST_F(Shutdown, brokerSeesTheClientsLastPost)
     EXPECT_TRUE(broker.waitForPost(R"({"updateSystemTime":7})"));
 }
 
-// A client of a program's own kind, which queues something for its destruction to meet.
+// Unlike a TestProxy, its destructor does not wait for queued calls first.
 class PlainProxy : public StatusManagerProxy
 {
 public:
@@ -167,8 +167,8 @@ public:
     using StatusManagerProxy::sendPost;
 };
 
-// A client that is destroyed while its manager's thread is held. The notification that ends the destruction
-// is a test's to publish.
+// A client that is destroyed while its manager's thread is held. The test publishes the notification that
+// ends the destruction.
 class Destruction : public Shutdown
 {
 protected:
@@ -191,7 +191,7 @@ protected:
         }
     }
 
-    // Returns when it waits for the notify loop.
+    // Returns when the destructor waits for the notify loop.
     void beginToDestroy()
     {
         Orvane::EventThread& notifyThread = proxy->mNotifyThread;
@@ -212,7 +212,7 @@ protected:
 
     bool isDestroyed() { return destroyed.wait_for(testDeadline) == std::future_status::ready; }
 
-    // On the manager's thread, for another receiver than the client, so that no purge takes it.
+    // Runs on the manager's thread. Its receiver is not the client, so that no purge takes it.
     void hold()
     {
         held.open();

@@ -23,7 +23,7 @@ struct Call
 std::vector<Call> calls();
 std::vector<std::string> names();
 
-/// How many such calls there were since reset(), receives among them.
+/// The number of such calls since reset(); counts receives, too.
 std::size_t count(const std::string& name);
 
 /// Makes each such call fail from now on, with errno EFAULT: "zmq_ctx_new", "zmq_socket PUB", "zmq_connect

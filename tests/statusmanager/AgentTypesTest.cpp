@@ -1,5 +1,5 @@
-// The agents by which the local manager's operations reach its thread and its listeners. Their types are part
-// of what programs and libraries built apart have in common.
+// The agents by which the local manager's operations reach its thread and its listeners. Programs that are
+// built apart from the library rely on their types.
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -159,7 +159,7 @@ protected:
     }
     ~CallbackTypes() override { manager.unregisterListener(&listener); }
 
-    // What the manager's thread sends meanwhile.
+    // The types of the agents that the manager's thread sends meanwhile.
     Names sentByManager(const std::function<void()>& work)
     {
         Names sent;

@@ -1,4 +1,4 @@
-// The control words of the library's source files, as each hands them over while the library is loaded.
+// The control words that each source file hands over while the library is loaded.
 
 #include <algorithm>
 #include <array>
@@ -31,7 +31,7 @@ bool endsWith(const std::string& text, const std::string& ending)
 
 } // namespace
 
-// In the place of the library's own, to which it passes the words on: that one may change them.
+// Takes the place of the library's function, and passes the words on to it, which may change them.
 extern "C" __attribute__((visibility("default"))) int
 register_logging(const char* path, volatile unsigned int* flags, volatile int* level)
 {

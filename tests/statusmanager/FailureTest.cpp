@@ -1,5 +1,5 @@
-// Where there is no memory, or no thread can be started: the caller learns of it, nothing is half done, and a
-// later call works.
+// No memory, or no thread can be started: the caller gets an exception, nothing is half done, and a later
+// call works.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace
 
 using FailedInstance = OwnProcess;
 
-// Managers that exist, by the places in the source at which getInstance() makes them.
+// Counts the managers that getInstance() has made, by their places in the source.
 unsigned liveManagers()
 {
     unsigned live = 0;
@@ -65,7 +65,7 @@ void failsUntilThereAreThreads()
         EXPECT_THROW(StatusManager::getInstance(false), std::system_error) << threads;
         EXPECT_EQ(liveManagers(), 0U) << threads;
     }
-    // What failed is forgotten: the next call decides which manager it is.
+    // The failed call has decided nothing: the next call decides which manager it is.
     EXPECT_NE(dynamic_cast<StatusManagerStub*>(StatusManager::getInstance(true)), nullptr);
     EXPECT_EQ(liveManagers(), 1U);
 }
@@ -90,7 +90,7 @@ namespace
 class FailedCall : public testing::TestWithParam<Operation>
 {
 protected:
-    // How often the operation was carried out on the manager's thread, with all that was queued before.
+    // Waits for queued calls, and returns how often the operation has run on the manager's thread.
     std::size_t timesDone()
     {
         manager.onThread([] {});
@@ -101,7 +101,7 @@ protected:
     LogCapture log{"StatusManager=7:40000000"};
 };
 
-// Logging takes memory, too, so what the caller traces cannot be looked at in this way.
+// Without operations that trace on the calling thread: logging takes memory, too.
 std::vector<Operation> tracedByTheManagerOnly()
 {
     std::vector<Operation> all = queuedOperations;

@@ -1,4 +1,4 @@
-// A listener's record is part of what derived managers are built against: its fields, their order and types.
+// Derived managers are built against a listener's record: its fields, their order and types.
 
 #include <cstddef>
 #include <gtest/gtest.h>
@@ -24,7 +24,7 @@ static_assert(offsetof(Record, eventKeys) == 2 * sizeof(void*) + sizeof(StatusKe
 static_assert(sizeof(Record) == 2 * sizeof(void*) + 2 * sizeof(StatusKeys)); // and no more
 static_assert(std::is_aggregate_v<Record> && !std::is_polymorphic_v<Record>);
 
-// A derived manager that reads the registry, as one outside of this library may.
+// A derived manager that reads the registry, as one outside this library may.
 class ReadingManager : public StatusManager
 {
 public:

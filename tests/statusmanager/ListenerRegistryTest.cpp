@@ -227,8 +227,8 @@ TEST_F(ListenerRegistry, aNullListenerIsAKeyLikeAnyOther)
 namespace
 {
 
-// Listeners that note in which order they are called: all on one dispatcher, so that this is the order in
-// which they were sent to.
+// Listeners that note the order of their calls. All share one dispatcher, so that this is the order in which
+// the manager sent the calls.
 class Ordered : public IStatusUpdateListener
 {
 public:
@@ -287,7 +287,7 @@ TEST_F(InOrder, ofTheirAddressesListenersAreToldOfStatusValues)
 namespace
 {
 
-// More than are searched one by one.
+// Lists with more keys than are searched one by one.
 class ManyKeys : public ListenerRegistry
 {
 protected:
@@ -303,7 +303,7 @@ protected:
         return all;
     }
 
-    // Of the first fifty keys, those of which the listener is told when all have changed.
+    // Changes the first fifty keys and returns those that the listener is told of.
     std::set<std::string> told()
     {
         settle();
@@ -325,7 +325,7 @@ protected:
         return names;
     }
 
-    // The same of events.
+    // The same for events.
     std::set<std::string> toldOfEvents()
     {
         const std::size_t before = listener.events().size();
@@ -412,7 +412,7 @@ TEST_F(ManyKeys, ofEventsAreNotThoseOfValues)
     EXPECT_EQ(toldOfEvents(), setOf(keys(21, 39)));
 }
 
-// The next record may stand where the last one did.
+// The next record may have the address of the last one.
 TEST_F(ManyKeys, areForgottenWithTheirListener)
 {
     for (int round = 0; round < 5; ++round)

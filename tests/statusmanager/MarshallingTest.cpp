@@ -167,7 +167,7 @@ TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
         });
 }
 
-// The one form that is traced where it is called, before its list form is on the manager's thread.
+// The only form that traces on its caller's thread. Its list form then traces on the manager's.
 const std::string tracedByItsCaller =
     "virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)";
 
@@ -179,7 +179,7 @@ protected:
         manager.onThread([this] { managersThread = std::this_thread::get_id(); });
     }
 
-    // Each form of the operation that has run, once.
+    // Each form of the operation that has run traces once.
     void expectOneTraceOfEachForm(std::thread::id caller) const
     {
         using Trace = std::pair<std::string, std::thread::id>;
@@ -270,7 +270,7 @@ TEST(Marshalling, callsOfOneThreadKeepTheirOrder)
 
 TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
 {
-    // The base's own version, as the object is a plain manager by the time at which it could still be called.
+    // The base's version: during the base's destructor, a call would reach no other.
     const std::string function = "virtual void StatusManager::postStatus(StatusMap)";
     LogCapture log("StatusManager=7:40000000");
     Gate gate;

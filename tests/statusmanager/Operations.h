@@ -7,7 +7,7 @@
 
 #include "statusmanager/StatusManager.h"
 
-/// An operation of the manager, called with arguments that are as good as any.
+/// An operation of the manager, called with some arguments.
 struct Operation
 {
     const char* name; // of the version in which the work is done
@@ -20,7 +20,7 @@ inline std::ostream& operator<<(std::ostream& stream, const Operation& operation
     return stream << operation.name;
 }
 
-/// Those that return at once from another thread than the manager's.
+/// Operations that return at once when another thread than the manager's calls them.
 inline const std::vector<Operation> queuedOperations{
     {"startTimer", [](StatusManager& m) { m.startTimer("t"); }},
     {"stopTimer", [](StatusManager& m) { m.stopTimer("t"); }},
@@ -38,7 +38,7 @@ inline const std::vector<Operation> queuedOperations{
     {"registerForEvent", [](StatusManager& m) { m.registerForEvent(nullptr, "single"); }},
 };
 
-/// Those that wait.
+/// Operations that wait.
 inline const std::vector<Operation> waitingOperations{
     {"updateSystemTime", [](StatusManager& m) { m.updateSystemTime(1); }},
     {"getClientInfo", [](StatusManager& m) { m.getClientInfo(); }},

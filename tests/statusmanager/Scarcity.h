@@ -1,8 +1,7 @@
 #ifndef TESTS_STATUSMANAGER_SCARCITY_H
 #define TESTS_STATUSMANAGER_SCARCITY_H
 
-/// In a program that links it: while it lives, the calling thread's allocations fail behind the first so
-/// many.
+/// While it lives, only so many allocations of the calling thread succeed, and the next ones fail.
 class ScarceMemory
 {
 public:

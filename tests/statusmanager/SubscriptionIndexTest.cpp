@@ -26,7 +26,7 @@ class SubscriptionIndexTest : public testing::Test
 protected:
     bool contains(const StatusKeys& list, std::size_t number) { return index.in(list).contains(key(number)); }
 
-    // Of the first keys by number, exactly those are found that are in the list.
+    // Among the keys with smaller numbers, exactly those in the list are found.
     void expectAgreement(const StatusKeys& list, std::size_t keysBelow)
     {
         const std::set<std::string> expected(list.begin(), list.end());
@@ -160,7 +160,7 @@ TEST_F(SubscriptionIndexTest, listsAreKeptApart)
     expectAgreement(even, 20);
 }
 
-// A list that is gone is followed by another, which may stand at the same place.
+// Another list may have the address of one that is gone.
 TEST_F(SubscriptionIndexTest, aForgottenListLeavesNothing)
 {
     StatusKeys list = keys(20);

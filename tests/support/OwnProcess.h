@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
-/// Runs the case in a fresh child, which has no instance of the manager yet, and ends it like main() does.
-/// Inside a test of an OwnProcess fixture.
+/// Runs the statement in a fresh child process, which has no instance of the manager yet, and ends the child
+/// as main() would. For tests of an OwnProcess fixture.
 #define EXPECT_IN_OWN_PROCESS(statement)                                                                     \
     EXPECT_EXIT(                                                                                             \
         {                                                                                                    \
@@ -14,7 +14,7 @@
         },                                                                                                   \
         testing::ExitedWithCode(0), "")
 
-/// The child starts the program anew, so it has only threads of its own.
+/// Each child starts the program anew, so it has only its own threads.
 class OwnProcess : public testing::Test
 {
 protected:

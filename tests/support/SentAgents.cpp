@@ -57,7 +57,7 @@ std::vector<std::string> end()
 
 // ---------------------------------------------------------------------- in the place of the library's own
 //
-// A definition in the program is found before the library's, from the libraries, too.
+// A definition in the program takes the place of the library's, also for calls inside the libraries.
 
 namespace Orvane
 {
@@ -76,7 +76,7 @@ void deliverAndWait(EventAgent& agent, IEventDispatcher& dispatcher)
         "_ZN6Orvane14deliverAndWaitERNS_10EventAgentERNS_16IEventDispatcherE")(agent, dispatcher);
 }
 
-// As the library's, which may or may not call the function above.
+// Written out: whether the library's calls the function above depends on the compiler.
 void SyncEventAgent::send(IEventDispatcher* dispatcher)
 {
     const SmartPtr<EventAgent> hold(this);

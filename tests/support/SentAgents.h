@@ -5,7 +5,7 @@
 #include <typeinfo>
 #include <vector>
 
-/// In a program that links it: sees the type of each agent that a thread sends, and passes the agent on.
+/// Sees the type of each agent that is sent in a program that links this, and passes the agent on.
 namespace SentAgents
 {
 

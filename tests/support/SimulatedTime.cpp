@@ -44,7 +44,7 @@ void SimulatedTime::sleep(Duration span)
 
 // ----------------------------------------------------------------------- in the place of the libraries' own
 //
-// A definition in the program is found before theirs.
+// A definition in the program takes the place of theirs.
 
 std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept
 {

@@ -4,28 +4,27 @@
 #include <chrono>
 #include <functional>
 
-/// While it lives, the steady clock of the calling thread stands still but for usleep(), which takes no time
-/// and moves the clock on; giving way to other threads takes no time either. So a wait of seconds is over at
-/// once and takes exactly so long on any machine. It holds for what is compiled into the program; the other
-/// threads have the machine's clock.
+/// While it lives, only usleep() moves the steady clock of the calling thread on, and returns at once. So a
+/// wait of seconds is over at once, and takes exactly as long on any machine. This holds for code that is
+/// compiled into the program. All other threads have the machine's clock.
 class SimulatedTime
 {
 public:
     using Duration = std::chrono::microseconds;
 
-    /// @param passing called with each span that passes, when it has passed
+    /// @param passing called after each span of time, with its length
     explicit SimulatedTime(std::function<void(Duration)> passing);
     ~SimulatedTime();
 
     SimulatedTime(const SimulatedTime&) = delete;
     SimulatedTime& operator=(const SimulatedTime&) = delete;
 
-    /// Time that has passed since the beginning.
+    /// Time since the construction.
     Duration elapsed() const { return mElapsed; }
 
     void pass(Duration span);
 
-    /// Once, the next usleep() takes so much longer, as if the thread had been stopped.
+    /// The next usleep() takes this much longer, as if the process had been stopped.
     void stopDuringNextSleep(Duration span) { mNextStop = span; }
     void sleep(Duration span);
 
