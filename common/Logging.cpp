@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
@@ -272,7 +273,7 @@ std::string lineOf(const ov_log_record& record)
 }
 
 // One line, one write: lines of several threads and processes do not mix.
-void writeToStderr(const std::string& line)
+void writeToStderr(std::string_view line)
 {
     std::size_t written = 0;
     while (written < line.size())
