@@ -1,6 +1,7 @@
 #include "statusmanager/StatusManager.h"
 
 #include <algorithm>
+#include <new>
 #include <sys/time.h>
 #include <utility>
 
@@ -73,6 +74,29 @@ private:
     const std::size_t mBefore;
     bool mKept = false;
 };
+
+// Calls `tell` with the record of each listener that can be called. A listener for which memory runs out does
+// not keep the others from being told.
+template <class Listeners, class Tell>
+void tellEach(const Listeners& listeners, Tell tell)
+{
+    bool ranOut = false;
+    for (const auto& [listener, info] : listeners)
+    {
+        if (info->dispatcher == nullptr)
+            continue;
+        try
+        {
+            tell(*info);
+        }
+        catch (const std::bad_alloc&)
+        {
+            ranOut = true;
+        }
+    }
+    if (ranOut)
+        throw std::bad_alloc();
+}
 
 } // namespace
 
@@ -223,22 +247,20 @@ void StatusManager::handleStatusUpdate(StatusMap updates)
     if (!mThread.isThreadCurrent())
         return postCall(OV_SITE, mThread, this, &StatusManager::handleStatusUpdate, std::move(updates));
     OV_TRACE(7);
-    for (const auto& [listener, info] : mListeners)
-    {
-        if (info->dispatcher == nullptr)
-            continue;
-        const SubscriptionIndex::Lookup keys = mSubscriptionIndex->in(info->statusKeys);
-        StatusMap subscribed;
-        for (const auto& [key, value] : updates)
-        {
-            if (keys.contains(key))
-                subscribed.emplace_hint(subscribed.end(), key, value);
-        }
-        if (subscribed.empty())
-            continue;
-        postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onStatusUpdate,
-                 std::move(subscribed));
-    }
+    tellEach(mListeners,
+             [&](const ClientListenerInfo& info)
+             {
+                 const SubscriptionIndex::Lookup keys = mSubscriptionIndex->in(info.statusKeys);
+                 StatusMap subscribed;
+                 for (const auto& [key, value] : updates)
+                 {
+                     if (keys.contains(key))
+                         subscribed.emplace_hint(subscribed.end(), key, value);
+                 }
+                 if (!subscribed.empty())
+                     postCall(OV_SITE, *info.dispatcher, info.listener,
+                              &IStatusUpdateListener::onStatusUpdate, std::move(subscribed));
+             });
 }
 
 void StatusManager::clearInfo()
@@ -438,12 +460,13 @@ void StatusManager::handleEventUpdate(std::string name, std::string value)
         return postCall(OV_SITE, mThread, this, &StatusManager::handleEventUpdate, std::move(name),
                         std::move(value));
     OV_TRACE(7);
-    for (const auto& [listener, info] : mListeners)
-    {
-        if (info->dispatcher == nullptr || !mSubscriptionIndex->in(info->eventKeys).contains(name))
-            continue;
-        postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onEventUpdate, name, value);
-    }
+    tellEach(mListeners,
+             [&](const ClientListenerInfo& info)
+             {
+                 if (mSubscriptionIndex->in(info.eventKeys).contains(name))
+                     postCall(OV_SITE, *info.dispatcher, info.listener, &IStatusUpdateListener::onEventUpdate,
+                              name, value);
+             });
 }
 
 // ---------------------------------------------------------------------------------------- timers, counters
