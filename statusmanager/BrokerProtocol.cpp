@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdlib>
 #include <json/json.h>
+#include <new>
 
 #include "statusmanager/PlainDocument.h"
 
@@ -19,18 +20,33 @@ namespace
 
 // Plain documents are not JsonCpp's, see PlainDocument.h.
 
-std::string write(const Json::Value& root)
+// Writes what `make` returns. JsonCpp reports want of memory by an exception of its own, too.
+template <class Make>
+std::string write(Make make)
 {
-    Json::FastWriter writer;
-    writer.omitEndingLineFeed();
-    return writer.write(root);
+    try
+    {
+        Json::FastWriter writer;
+        writer.omitEndingLineFeed();
+        return writer.write(make());
+    }
+    catch (const Json::RuntimeError&)
+    {
+        throw std::bad_alloc();
+    }
 }
 
-std::string writeDocument(const char* key, const Json::Value& payload)
+// The same under a key.
+template <class Make>
+std::string writeDocument(const char* key, Make make)
 {
-    Json::Value root(Json::objectValue);
-    root[key] = payload;
-    return write(root);
+    return write(
+        [&]
+        {
+            Json::Value root(Json::objectValue);
+            root[key] = make();
+            return root;
+        });
 }
 
 Json::Value objectOf(const StatusMap& values)
@@ -41,7 +57,16 @@ Json::Value objectOf(const StatusMap& values)
     return object;
 }
 
-// Any JSON value, or nothing: JsonCpp throws on nesting that is too deep for it.
+// JsonCpp reads 1,000 levels.
+bool mayBeNestedTooDeep(const std::string& text)
+{
+    constexpr int fewestLevels = 1000;
+    return std::count_if(text.begin(), text.end(), [](char each) { return each == '[' || each == '{'; }) >=
+           fewestLevels;
+}
+
+// Any JSON value, or nothing. JsonCpp throws the same on nesting that is too deep for it and on want of
+// memory.
 std::optional<Json::Value> parse(const std::string& text)
 {
     Json::Value root;
@@ -53,6 +78,8 @@ std::optional<Json::Value> parse(const std::string& text)
     }
     catch (const Json::Exception&)
     {
+        if (!mayBeNestedTooDeep(text))
+            throw std::bad_alloc();
         return std::nullopt;
     }
     return root;
@@ -213,26 +240,31 @@ std::optional<Command> readCommand(const std::string& message, const std::array<
 std::string writeText(const char* key, const std::string& text)
 {
     std::optional<std::string> plain = PlainDocument::write(key, text);
-    return plain ? std::move(*plain) : writeDocument(key, text);
+    return plain ? std::move(*plain) : writeDocument(key, [&] { return Json::Value(text); });
 }
 
 std::string writeList(const char* key, const StatusKeys& texts)
 {
-    Json::Value list(Json::arrayValue);
-    for (const std::string& text : texts)
-        list.append(text);
-    return writeDocument(key, list);
+    return writeDocument(key,
+                         [&]
+                         {
+                             Json::Value list(Json::arrayValue);
+                             for (const std::string& text : texts)
+                                 list.append(text);
+                             return list;
+                         });
 }
 
 std::string writeMap(const char* key, const StatusMap& values)
 {
     std::optional<std::string> plain = PlainDocument::write(key, values);
-    return plain ? std::move(*plain) : writeDocument(key, objectOf(values));
+    return plain ? std::move(*plain) : writeDocument(key, [&] { return objectOf(values); });
 }
 
 std::string writeUpdateSystemTime(uint32_t seconds)
 {
-    return writeDocument(Key::updateSystemTime, Json::Value(static_cast<Json::UInt>(seconds)));
+    return writeDocument(Key::updateSystemTime,
+                         [&] { return Json::Value(static_cast<Json::UInt>(seconds)); });
 }
 
 std::string writePostEvent(const std::string& name, const std::string& value)
@@ -242,9 +274,13 @@ std::string writePostEvent(const std::string& name, const std::string& value)
 
 std::string writeSetCounterValue(const std::string& name, uint32_t value)
 {
-    Json::Value counter(Json::objectValue);
-    counter[name] = static_cast<Json::UInt>(value);
-    return writeDocument(Key::setCounterValue, counter);
+    return writeDocument(Key::setCounterValue,
+                         [&]
+                         {
+                             Json::Value counter(Json::objectValue);
+                             counter[name] = static_cast<Json::UInt>(value);
+                             return counter;
+                         });
 }
 
 std::string writeGetClientInfo()
@@ -270,7 +306,7 @@ std::optional<std::string> readStatusValueReply(const std::string& reply)
         return std::string();
     if (!root || !root->isObject())
         return std::nullopt;
-    const Json::Value value = root->get(Key::statusValue, "");
+    const Json::Value& value = (*root)[Key::statusValue];
     if (!isScalar(value))
         return std::nullopt;
     return value.asString();
@@ -316,10 +352,14 @@ std::string writeGetBrokerStatistics()
 
 std::string writeStatisticsReply(const Statistics& statistics)
 {
-    Json::Value root(Json::objectValue);
-    for (const auto& [name, number] : statistics)
-        root[name] = static_cast<Json::UInt64>(number);
-    return write(root);
+    return write(
+        [&]
+        {
+            Json::Value root(Json::objectValue);
+            for (const auto& [name, number] : statistics)
+                root[name] = static_cast<Json::UInt64>(number);
+            return root;
+        });
 }
 
 std::optional<Statistics> readStatisticsReply(const std::string& reply)
@@ -350,7 +390,7 @@ std::optional<Command> readRequest(const std::string& message)
 std::string writeMapReply(const StatusMap& values)
 {
     std::optional<std::string> plain = PlainDocument::write(values);
-    return plain ? std::move(*plain) : write(objectOf(values));
+    return plain ? std::move(*plain) : write([&] { return objectOf(values); });
 }
 
 std::string writeStatusValueReply(const std::string& value)
