@@ -189,6 +189,10 @@ bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
         if (sent != static_cast<int>(size))
         {
             OV_LOG(0, "zmq_send error[%u] errno[%d]", static_cast<unsigned int>(sent), errno);
+            // What has gone of a post is ended, or the next post would be taken for its rest. The broker
+            // drops it.
+            if (offset != 0 && socket == mPostSocket)
+                zmq_send(socket, nullptr, 0, 0);
             return false;
         }
         if (last)
