@@ -159,7 +159,8 @@ void StatusManagerProxy::shutdown()
 
 void StatusManagerProxy::closeSockets()
 {
-    mSocketsClosed = true;
+    if (std::exchange(mSocketsClosed, true))
+        return;
     zmq_close(mPostSocket);
     // The notify loop has closed this one already. The repeated close is required; libzmq refuses it
     // (ENOTSOCK).
