@@ -12,11 +12,13 @@
 #include <exception>
 #include <fnmatch.h>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <sys/syscall.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 int ov_log_indent = 0;
@@ -62,8 +64,6 @@ bool matches(const Rule& rule, const std::string& path)
 
 void apply(const Rule& rule, const ControlWords& words)
 {
-    if (!matches(rule, words.path))
-        return;
     if (rule.level)
         __atomic_store_n(words.level, *rule.level, __ATOMIC_RELAXED);
     if (rule.flags)
@@ -134,7 +134,10 @@ public:
         const std::lock_guard<std::mutex> lock(mMutex);
         mFiles.push_back(words);
         for (const Rule& rule : mRules)
-            apply(rule, words);
+        {
+            if (matches(rule, words.path))
+                apply(rule, words);
+        }
     }
 
     bool configure(const std::string& text)
@@ -142,13 +145,22 @@ public:
         const std::optional<std::vector<Rule>> rules = parseRules(text);
         if (!rules)
             return false;
+        // All that needs memory comes first, so that nothing is changed where it runs out.
         const std::lock_guard<std::mutex> lock(mMutex);
+        std::vector<Rule> kept = mRules;
+        std::vector<std::pair<const Rule*, ControlWords>> matching;
         for (const Rule& rule : *rules)
         {
             for (const ControlWords& words : mFiles)
-                apply(rule, words);
-            keep(rule);
+            {
+                if (matches(rule, words.path))
+                    matching.emplace_back(&rule, words);
+            }
+            keep(rule, kept);
         }
+        for (const auto& [rule, words] : matching)
+            apply(*rule, words);
+        mRules.swap(kept);
         return true;
     }
 
@@ -163,7 +175,7 @@ private:
 
     // What the new rule overrides is dropped: a program that keeps switching the same files must not grow the
     // list.
-    void keep(const Rule& rule)
+    static void keep(const Rule& rule, std::vector<Rule>& rules)
     {
         const auto overridden = [&rule](Rule& earlier)
         {
@@ -174,8 +186,8 @@ private:
                 earlier.flags.reset();
             return !earlier.flags;
         };
-        mRules.erase(std::remove_if(mRules.begin(), mRules.end(), overridden), mRules.end());
-        mRules.push_back(rule);
+        rules.erase(std::remove_if(rules.begin(), rules.end(), overridden), rules.end());
+        rules.push_back(rule);
     }
 
     std::mutex mMutex;
@@ -328,7 +340,14 @@ int register_logging(const char* path, volatile unsigned int* flags, volatile in
 
 int ov_log_configure(const char* rules)
 {
-    return Configuration::instance().configure(rules) ? 0 : -1;
+    try
+    {
+        return Configuration::instance().configure(rules) ? 0 : -1;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return -1;
+    }
 }
 
 void ov_log_set_sink(ov_log_sink sink, void* context)

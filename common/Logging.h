@@ -39,7 +39,7 @@ extern "C"
     ///              extension
     ///              ("StatusManagerProxy", "statusmanager/*", "*"); LEVEL is decimal; FLAGS is hexadecimal,
     ///              bit 31 for messages and bit 30 for trace scopes, and is left as it was when not given.
-    /// @returns 0; -1 when a rule is malformed: then nothing has been changed.
+    /// @returns 0; -1 when a rule is malformed, or memory runs out: then nothing has been changed.
     OV_EXPORT int ov_log_configure(const char* rules);
 
     /// One message on its way to a sink. The pointers are valid during the call only.
