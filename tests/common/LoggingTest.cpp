@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
+#include <type_traits>
 #include <unistd.h>
 #include <vector>
 
@@ -142,6 +143,8 @@ TEST(FileTail, beginsAtTheLastSlash)
     EXPECT_EQ(ov_log_file_tail("c.cpp"), 0U);
     EXPECT_EQ(ov_log_file_tail(""), 0U);
     EXPECT_STREQ(OV_LOG_FILE, "/LoggingTest.cpp");
+    // A lambda, which may be called out of line, could not stand here.
+    static_assert(std::is_same_v<decltype(OV_LOG_FILE), const char*>);
 }
 
 // -------------------------------------------------------------------------------------------------- traces
