@@ -11,7 +11,7 @@
 #include "broker/Options.h"
 #include "broker/SavedState.h"
 
-/// The tables of the state file. Every operation throws DatabaseError.
+/// Why an operation on the state file failed.
 class DatabaseError : public std::runtime_error
 {
 public:
@@ -31,6 +31,7 @@ private:
     Kind mKind;
 };
 
+/// The tables of the state file. Every operation throws DatabaseError.
 class Database
 {
 public:

@@ -58,8 +58,8 @@ public:
     }
 
 private:
-    // The kernel answers at once, for whoever listens, unless he has stopped to accept and too many stand in
-    // line. A connection would then wait for minutes.
+    // The kernel answers at once for a process that listens, unless that process has stopped accepting and
+    // its queue is full. A connection would then wait for minutes.
     bool isRefused() const
     {
         constexpr int patience = 100;

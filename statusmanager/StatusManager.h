@@ -13,10 +13,15 @@
 #include "common/TrackedNew.h"
 #include "statusmanager/StatusTypes.h"
 
-/// Implemented by whoever wants to hear of changes. Both operations are called on the dispatcher given to
-/// StatusManager::registerListener(), never on the manager's thread or a poster's (unless that dispatcher is
-/// the manager's). Their arguments are the callee's own copies. The order of the operations is part of the
-/// binary interface.
+/// Hears of changes. Both operations are called on the dispatcher given to StatusManager::registerListener(),
+/// never on the manager's thread or a poster's (unless that dispatcher is the manager's). Their arguments are
+/// the callee's own copies.
+///
+/// Inside a callback, every operation of the manager may be called. Only unregisterListener() is refused on
+/// the manager's own thread. The dispatcher catches an exception that leaves a callback, logs it at level 0
+/// and goes on with the next call.
+///
+/// The order of the operations is part of the binary interface.
 class OV_EXPORT IStatusUpdateListener
 {
 public:
@@ -52,6 +57,9 @@ class SubscriptionIndex;
 ///
 /// The descriptions give this class's own, local behaviour; StatusManagerProxy, which getInstance(false)
 /// returns, keeps all but the listeners in the broker.
+///
+/// The destructor of a derived class must stop the manager's thread before its own members die: its first
+/// line is `mThread.stop()`. Until then, that thread may be in an operation of the derived class.
 ///
 /// Virtual operations are in binary-interface order. New ones go to the end.
 class OV_EXPORT StatusManager : public Orvane::Tracked
@@ -114,7 +122,8 @@ public:
 
     /// [queued] Adds a listener and the dispatcher on which it is to be called; a null dispatcher mutes it.
     /// Both stay the caller's and must live until unregisterListener() has returned. A second registration is
-    /// logged and changes nothing.
+    /// logged and changes nothing. A null listener is a key like any other, but must never be called: give it
+    /// a null dispatcher.
     virtual void registerListener(IStatusUpdateListener* listener, Orvane::EventDispatcher* dispatcher);
 
     /// [waits] Removes a listener with its subscriptions and drops its callbacks that still wait on its
