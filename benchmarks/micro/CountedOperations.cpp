@@ -111,12 +111,11 @@ uint64_t deliverAgent(unsigned times)
     return measure([](unsigned count) { Relay().deliver(count); }, times);
 }
 
-// One value to ten listeners, each subscribed to ten.
-uint64_t fanOut(unsigned times)
+// One value to so many listeners, each subscribed to so many keys.
+uint64_t fanOut(std::size_t listenerCount, std::size_t keys, unsigned times)
 {
-    constexpr std::size_t ten = 10;
-    FanOut listeners(ten, ten);
-    const StatusMap update{{Samples::name(ten / 2), Samples::value(1)}};
+    FanOut listeners(listenerCount, keys);
+    const StatusMap update{{Samples::name(keys / 2), Samples::value(1)}};
     uint64_t allocations = 0;
     const auto notify = [&](unsigned count)
     {
@@ -125,6 +124,17 @@ uint64_t fanOut(unsigned times)
     };
     listeners.onThread([&] { allocations = measure(notify, times); });
     return allocations;
+}
+
+uint64_t fanOutToTen(unsigned times)
+{
+    constexpr std::size_t ten = 10;
+    return fanOut(ten, ten, times);
+}
+
+uint64_t fanOutOfManyKeys(unsigned times)
+{
+    return fanOut(1, 10000, times);
 }
 
 // The broker's work between its sockets: from the text of a post to the text of its notification. A hundred
@@ -155,8 +165,12 @@ struct Operation
 };
 
 constexpr Operation operations[] = {
-    {"writePost", writePost}, {"handlePost", handlePost},     {"readNotification", readNotification},
-    {"fanOut", fanOut},       {"deliverAgent", deliverAgent},
+    {"writePost", writePost},
+    {"handlePost", handlePost},
+    {"readNotification", readNotification},
+    {"fanOut", fanOutToTen},
+    {"fanOutOfManyKeys", fanOutOfManyKeys},
+    {"deliverAgent", deliverAgent},
 };
 
 } // namespace

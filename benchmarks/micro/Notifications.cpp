@@ -30,7 +30,11 @@ void fanOutOfOneValue(benchmark::State& state)
     FanOut listeners(static_cast<std::size_t>(state.range(0)), subscribed);
     fanOut(state, listeners, {{Samples::name(subscribed / 2), Samples::value(1)}});
 }
-BENCHMARK(fanOutOfOneValue)->ArgNames({"listeners", "keys"})->ArgsProduct({{1, 10, 100}, {1, 10, 100}});
+BENCHMARK(fanOutOfOneValue)
+    ->ArgNames({"listeners", "keys"})
+    ->ArgsProduct({{1, 10, 100}, {1, 10, 100}})
+    ->Args({1, 1000})
+    ->Args({1, 10000});
 
 // All changed at once.
 void fanOutOfAllValues(benchmark::State& state)
