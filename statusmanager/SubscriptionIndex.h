@@ -20,10 +20,11 @@ class SubscriptionIndex
     };
 
 public:
-    /// For several keys in the same list, which must not change meanwhile.
+    /// Looks up keys in one list.
     class Lookup
     {
     public:
+        /// Whether the list has an element that equals the key.
         bool contains(const std::string& key) const
         {
             if (mIndex != nullptr)
@@ -39,6 +40,7 @@ public:
         const Index* mIndex; ///< null for a short list
     };
 
+    /// To look up several keys in a row. The list must live and stay as it is as long as the result is used.
     Lookup in(const StatusKeys& list)
     {
         constexpr std::size_t longestSearched = 8;
@@ -54,6 +56,7 @@ public:
     /// Must be called before a list is destroyed.
     void forget(const StatusKeys& list) { mIndexes.erase(&list); }
 
+    /// Forgets all lists.
     void clear() { mIndexes.clear(); }
 
 private:
