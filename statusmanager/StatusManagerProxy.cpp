@@ -67,7 +67,8 @@ StatusManagerProxy::StatusManagerProxy()
 StatusManagerProxy::~StatusManagerProxy()
 {
     OV_TRACE(6);
-    mShutdown.store(true, std::memory_order_relaxed);
+    mEnding.store(true, std::memory_order_relaxed);
+    mShutdown.store(true, std::memory_order_release);
     try
     {
         endCalls();
@@ -75,7 +76,8 @@ StatusManagerProxy::~StatusManagerProxy()
     }
     catch (const std::bad_alloc&)
     {
-        // The same in the same order, by what takes no memory.
+        // By what takes no memory. What is still queued on the manager's thread is dropped unsent, and the
+        // sockets are closed on this thread, as the two that used them have ended.
         mNotifyThread.stop();
         mThread.removeAgentsByReceiver(this);
         mThread.stop();
@@ -161,9 +163,12 @@ void StatusManagerProxy::closeSockets()
 {
     if (std::exchange(mSocketsClosed, true))
         return;
+    if (mNotifySocketLeft)
+        zmq_close(mNotifySocket);
     zmq_close(mPostSocket);
-    // The notify loop has closed this one already. The repeated close is required; libzmq refuses it
-    // (ENOTSOCK).
+    // This one is closed already. The repeated close is required; libzmq refuses it (ENOTSOCK), unless a new
+    // socket of this process has been given the memory of the old. So nothing that takes time may come in
+    // between.
     zmq_close(mNotifySocket);
     zmq_close(mRequestSocket);
     zmq_ctx_destroy(mZmqContext);
@@ -337,7 +342,7 @@ void StatusManagerProxy::processStatusMessages(void* context)
     if (zmq_setsockopt(mNotifySocket, ZMQ_SUBSCRIBE, "", 0) != 0)
         OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket");
     OV_LOG(7, "Beginning poll for messages on notify socket");
-    while (!mShutdown.load(std::memory_order_relaxed))
+    while (!mShutdown.load(std::memory_order_acquire))
     {
         OV_LOG(6, "Polling for messages on notify socket");
         std::string message;
@@ -358,7 +363,11 @@ void StatusManagerProxy::processStatusMessages(void* context)
             OV_LOG(0, "A notification was lost for want of memory");
         }
     }
-    zmq_close(mNotifySocket); // the handle stays as it is, see shutdown()
+    // The handle stays as it is for the repeated close, see closeSockets(). The destructor has the manager's
+    // thread finish its work first, which may take long, so then both closes are left to it.
+    mNotifySocketLeft = mEnding.load(std::memory_order_relaxed);
+    if (!mNotifySocketLeft)
+        zmq_close(mNotifySocket);
 }
 
 void StatusManagerProxy::handleNotifyMessage(const string& message)

@@ -60,7 +60,9 @@ protected:
     void initSockets();
 
     /// Stops the notify loop and closes the sockets and the context. Runs on the notify thread; waits. The
-    /// manager must not be used afterwards.
+    /// manager must not be used afterwards. Work that is still queued on the manager's thread would use the
+    /// sockets while they are closed: a derived class that calls this calls `mThread.stop()` first, unless
+    /// nothing is queued.
     void shutdown();
 
     /// Sends one whole message; false, and a log line, when it did not go through.
@@ -87,7 +89,7 @@ protected:
     void* mNotifySocket = nullptr;      ///< Notify thread.
     void* mRequestSocket = nullptr;     ///< Manager's thread.
     Orvane::EventThread mNotifyThread;  ///< Receives the notifications.
-    std::atomic<bool> mShutdown{false}; ///< Set by whoever shuts down, polled by the notify loop, relaxed.
+    std::atomic<bool> mShutdown{false}; ///< Set by whoever shuts down, polled by the notify loop.
     bool mSocketsClosed = false;        ///< Notify thread.
 
 private:
@@ -105,6 +107,8 @@ private:
     Answer ask(const Query& query, Answer (*read)(const std::string& reply));
 
     std::unique_ptr<PostFlow> mPostFlow; ///< Manager's thread.
+    std::atomic<bool> mEnding{false};    ///< Set by the destructor, before mShutdown.
+    bool mNotifySocketLeft = false;      ///< The notify loop has ended and not closed it. Notify thread.
 };
 
 #endif
