@@ -76,21 +76,23 @@ struct PostFlow::Frame
     }
 };
 
-int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
+bool PostFlow::makeLastFrame(zmq_msg_t& message, const char* bytes, std::size_t size)
+{
+    Frame* frame = Frame::make(mReleased, bytes, size);
+    if (frame != nullptr && zmq_msg_init_data(&message, frame->bytes(), size, &Frame::release, frame) == 0)
+        return true;
+    if (frame != nullptr)
+        Frame::destroy(frame);
+    errno = ENOMEM;
+    return false;
+}
+
+int PostFlow::sendLastFrame(void* socket, zmq_msg_t& message)
 {
     if (mIsDropping || mBudget < wholeBudget)
         look();
     if (mayBeFull())
         awaitUnderWay(socket, fewUnderWay, wholeBudget);
-    Frame* frame = Frame::make(mReleased, bytes, size);
-    zmq_msg_t message;
-    if (frame == nullptr || zmq_msg_init_data(&message, frame->bytes(), size, &Frame::release, frame) != 0)
-    {
-        if (frame != nullptr)
-            Frame::destroy(frame);
-        errno = ENOMEM;
-        return -1;
-    }
     droppedNow = 0;
     isSending = true;
     const int sent = zmq_msg_send(&message, socket, 0);
@@ -104,6 +106,15 @@ int PostFlow::sendLastFrame(void* socket, const char* bytes, std::size_t size)
         countDropped(); // otherwise there was room, but no subscriber
     errno = error;
     return sent;
+}
+
+void PostFlow::discardLastFrame(zmq_msg_t& message)
+{
+    const int error = errno;
+    isSending = true; // so that it is not taken for one that has left
+    zmq_msg_close(&message);
+    isSending = false;
+    errno = error;
 }
 
 void PostFlow::flush(void* socket, std::chrono::microseconds limit)

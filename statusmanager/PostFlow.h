@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <memory>
 
+struct zmq_msg_t;
+
 /// Sends posts so that a burst is not lost in this process, and notices when posts are lost all the same.
 ///
 /// libzmq keeps at most 1,000 messages of a PUB socket for its I/O thread and drops what comes beyond,
@@ -22,8 +24,15 @@
 class PostFlow
 {
 public:
-    /// As zmq_send() of a post's last frame. Throws nothing.
-    int sendLastFrame(void* socket, const char* bytes, std::size_t size);
+    /// Makes a post's last frame, which is then sent or discarded. False, with ENOMEM, when there is no
+    /// memory.
+    bool makeLastFrame(zmq_msg_t& message, const char* bytes, std::size_t size);
+
+    /// As zmq_send() of a frame that makeLastFrame() has made. Needs no memory, throws nothing.
+    int sendLastFrame(void* socket, zmq_msg_t& message);
+
+    /// Lets go of a frame that is not to be sent. Keeps errno.
+    static void discardLastFrame(zmq_msg_t& message);
 
     /// Waits until libzmq has taken up all posts, so that a request cannot overtake them inside this process;
     /// at most `limit`, and never longer than the budget.

@@ -11,6 +11,7 @@
 #include "common/Calls.h"
 #include "common/Logging.h"
 #include "statusmanager/BrokerProtocol.h"
+#include "statusmanager/OutgoingMessage.h"
 #include "statusmanager/PostFlow.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -184,34 +185,11 @@ bool StatusManagerProxy::sendOnSocket(void* socket, const string& message)
         OV_LOG(0, "Trying to send empty string on socket!");
         return false;
     }
-    for (std::size_t offset = 0;;)
-    {
-        const bool last = message.size() - offset <= BrokerProtocol::maxFrameBytes;
-        // The last frame's size is computed from the whole length, not from the remainder. Kept on purpose: a
-        // message whose length is a multiple of 512 ends with an empty frame and loses its final 512 bytes.
-        const std::size_t size =
-            last ? message.size() % BrokerProtocol::maxFrameBytes : BrokerProtocol::maxFrameBytes;
-        const int sent = sendFrame(socket, message.data() + offset, size, last);
-        if (sent != static_cast<int>(size))
-        {
-            OV_LOG(0, "zmq_send error[%u] errno[%d]", static_cast<unsigned int>(sent), errno);
-            // What has gone of a post is ended, or the next post would be taken for its rest. The broker
-            // drops it.
-            if (offset != 0 && socket == mPostSocket)
-                zmq_send(socket, nullptr, 0, 0);
-            return false;
-        }
-        if (last)
-            return true;
-        offset += size;
-    }
-}
-
-int StatusManagerProxy::sendFrame(void* socket, const char* bytes, std::size_t size, bool last)
-{
-    if (last && socket == mPostSocket)
-        return mPostFlow->sendLastFrame(socket, bytes, size);
-    return zmq_send(socket, bytes, size, last ? 0 : ZMQ_SNDMORE);
+    OutgoingMessage outgoing(socket == mPostSocket ? mPostFlow.get() : nullptr);
+    const std::optional<int> failure = outgoing.send(socket, message);
+    if (failure)
+        OV_LOG(0, "zmq_send error[%u] errno[%d]", static_cast<unsigned int>(*failure), errno);
+    return !failure;
 }
 
 bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)

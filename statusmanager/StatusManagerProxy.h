@@ -98,7 +98,6 @@ private:
     void endCalls();
     void passBy();
     void closeSockets();
-    int sendFrame(void* socket, const char* bytes, std::size_t size, bool last);
     bool discardRestOfMessage(void* socket);
     void awaitPosts(std::chrono::milliseconds limit);
     void logDropping();

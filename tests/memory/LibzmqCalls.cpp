@@ -15,13 +15,22 @@ namespace
 
 std::atomic<unsigned> receives{0};
 std::atomic<unsigned> closed{0};
-std::atomic<void*> publisher{nullptr}; // the socket for posts
 
 bool isNotifyThread()
 {
     std::array<char, 16> name{};
     prctl(PR_GET_NAME, name.data());
     return std::strcmp(name.data(), "ProcessStatusMe") == 0;
+}
+
+// Whether libzmq has no memory for a message of this size. Small ones need none.
+bool lacksMemoryFor(size_t size)
+{
+    constexpr size_t mostInTheMessageItself = 33;
+    if (size <= mostInTheMessageItself || !FailingMemory::fails())
+        return false;
+    errno = ENOMEM;
+    return true;
 }
 
 // Calls libzmq's own function of this name and type.
@@ -57,10 +66,7 @@ int zmq_ctx_destroy(void* context)
 
 void* zmq_socket(void* context, int type)
 {
-    void* const socket = pass("zmq_socket", &zmq_socket, context, type);
-    if (type == ZMQ_PUB)
-        publisher = socket;
-    return socket;
+    return pass("zmq_socket", &zmq_socket, context, type);
 }
 
 int zmq_close(void* socket)
@@ -86,12 +92,8 @@ int zmq_getsockopt(void* socket, int option, void* value, size_t* size)
 
 int zmq_send(void* socket, const void* data, size_t size, int flags)
 {
-    constexpr size_t mostInTheMessageItself = 33;
-    if (socket == publisher && size > mostInTheMessageItself && FailingMemory::fails())
-    {
-        errno = ENOMEM;
+    if (lacksMemoryFor(size))
         return -1;
-    }
     return pass("zmq_send", &zmq_send, socket, data, size, flags);
 }
 
@@ -100,6 +102,13 @@ int zmq_recv(void* socket, void* data, size_t size, int flags)
     if (isNotifyThread())
         ++receives;
     return pass("zmq_recv", &zmq_recv, socket, data, size, flags);
+}
+
+int zmq_msg_init_size(zmq_msg_t* message, size_t size)
+{
+    if (lacksMemoryFor(size))
+        return -1;
+    return pass("zmq_msg_init_size", &zmq_msg_init_size, message, size);
 }
 
 int zmq_msg_init_data(zmq_msg_t* message, void* data, size_t size, zmq_free_fn* release, void* hint)

@@ -3,7 +3,7 @@
 
 /// Stands between the broker client and libzmq in a program that links it: what libzmq takes of memory
 /// neither counts nor fails. The exceptions are where libzmq reports want of memory instead of aborting:
-/// zmq_msg_init_data(), and zmq_send() of posts.
+/// zmq_msg_init_data(), zmq_msg_init_size() and zmq_send().
 namespace LibzmqCalls
 {
 

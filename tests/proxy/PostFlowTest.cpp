@@ -46,8 +46,9 @@ protected:
     void post()
     {
         const std::string number = std::to_string(mPosted++);
-        EXPECT_EQ(flow.sendLastFrame(mPub.handle(), number.data(), number.size()),
-                  static_cast<int>(number.size()));
+        zmq_msg_t frame;
+        EXPECT_TRUE(flow.makeLastFrame(frame, number.data(), number.size()));
+        EXPECT_EQ(flow.sendLastFrame(mPub.handle(), frame), static_cast<int>(number.size()));
         noteNews();
     }
 
@@ -197,6 +198,22 @@ TEST_F(PostFlowTest, withoutSubscriberNothingIsWaitedForNorCountedAsDropped)
     EXPECT_EQ(time.elapsed(), microseconds(0));
     EXPECT_TRUE(news.empty());
     EXPECT_EQ(flow.dropped(), 0U);
+}
+
+TEST_F(PostFlowTest, aFrameThatIsDiscardedIsNeitherWaitedForNorCounted)
+{
+    post(10);
+    for (int i = 0; i < 1000; ++i)
+    {
+        zmq_msg_t frame;
+        ASSERT_TRUE(flow.makeLastFrame(frame, "x", 1));
+        PostFlow::discardLastFrame(frame);
+    }
+    takeAll();
+    EXPECT_EQ(timeOf([this] { flush(seconds(1)); }), microseconds(0));
+    post(500);
+    EXPECT_EQ(time.elapsed(), microseconds(0));
+    EXPECT_TRUE(news.empty());
 }
 
 // ------------------------------------------------------------------------------- a peer that takes nothing
