@@ -24,7 +24,8 @@ namespace
 constexpr std::array<int, 7> faults{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
 
 // A thread inherits its creator's signal mask. Blocking signals around the creation, instead of in the new
-// thread, leaves no moment at which a signal could be delivered to it.
+// thread, leaves no moment at which a signal could be delivered to it. Faults that the creator has blocked
+// stay blocked: one that waits for a signalfd would be delivered otherwise, and end the process.
 class SignalsBlocked
 {
 public:
@@ -34,7 +35,7 @@ public:
         sigfillset(&signals);
         for (const int fault : faults)
             sigdelset(&signals, fault);
-        pthread_sigmask(SIG_SETMASK, &signals, &mPrevious);
+        pthread_sigmask(SIG_BLOCK, &signals, &mPrevious);
     }
     ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mPrevious, nullptr); }
 

@@ -14,9 +14,10 @@ namespace Orvane
 ///
 /// Signals are blocked on that thread, so handling them stays with the program's own threads. The exceptions
 /// are SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS and SIGABRT: a crash handler works here as well.
-/// A child process inherits the signal mask of the thread that makes it. An agent or a listener that calls
-/// fork() and exec(), or posix_spawn(), must give the child an empty mask (sigprocmask() before exec(), or
-/// POSIX_SPAWN_SETSIGMASK); otherwise the child never receives SIGTERM.
+/// Those of them that the creating thread has blocked stay blocked, on both threads. A child process inherits
+/// the signal mask of the thread that makes it. An agent or a listener that calls fork() and exec(), or
+/// posix_spawn(), must give the child an empty mask (sigprocmask() before exec(), or POSIX_SPAWN_SETSIGMASK);
+/// otherwise the child never receives SIGTERM.
 class OV_EXPORT EventThread : public EventDispatcher
 {
 public:

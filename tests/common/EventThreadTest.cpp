@@ -141,6 +141,43 @@ TEST(EventThreadTest, blocksSignalsButThoseOfACrashAndLeavesItsCreatorsMaskAlone
 namespace
 {
 
+std::atomic<int> trapsHandled{0};
+
+} // namespace
+
+// A program may wait for such a signal by signalfd() or sigwait().
+TEST(EventThreadTest, leavesBlockedWhatItsCreatorHasBlocked)
+{
+    struct sigaction handler
+    {
+    };
+    struct sigaction before
+    {
+    };
+    handler.sa_handler = [](int) { ++trapsHandled; };
+    sigaction(SIGTRAP, &handler, &before);
+    sigset_t trap;
+    sigset_t mask;
+    sigemptyset(&trap);
+    sigaddset(&trap, SIGTRAP);
+    pthread_sigmask(SIG_BLOCK, &trap, &mask);
+    kill(getpid(), SIGTRAP);
+    {
+        EventThread thread("signals", 0);
+        const Inspection inspection = inspect(thread);
+        EXPECT_EQ(sigismember(&inspection.blocked, SIGTRAP), 1);
+        EXPECT_EQ(sigismember(&inspection.blocked, SIGABRT), 0);
+    }
+    EXPECT_EQ(trapsHandled, 0);
+    const timespec atOnce{};
+    EXPECT_EQ(sigtimedwait(&trap, nullptr, &atOnce), SIGTRAP); // still waits
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    sigaction(SIGTRAP, &before, nullptr);
+}
+
+namespace
+{
+
 constexpr int handled = 42;
 
 // Makes the kernel report a fault of this thread, which is more than a signal sent to it.
