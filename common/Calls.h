@@ -49,20 +49,27 @@ auto* makeCall(AllocationSite& site, T* receiver, R (T::*method)(A...), Given&&.
     return new (site) MemberCall<Kind, T, R, A...>(receiver, method, std::forward<Given>(given)...);
 }
 
-/// Queues the call and returns at once.
+/// Whether all of these are kept as copies, not as references to what the caller may have destroyed since.
+template <class... A>
+constexpr bool areKeptAsCopies = !(... || std::is_reference_v<A>);
+
+/// Queues the call and returns at once. The member function must take its parameters by value.
 template <class T, class... A, class... Given>
 void postCall(AllocationSite& site, IEventDispatcher& dispatcher, T* receiver, void (T::*method)(A...),
               Given&&... given)
 {
+    static_assert(areKeptAsCopies<A...>, "a call that is not waited for must not keep references");
     auto* agent = makeCall<AsyncEventAgent>(site, receiver, method, std::forward<Given>(given)...);
     agent->send(&dispatcher);
 }
 
-/// Queues the call `delayMs` milliseconds later and returns at once.
+/// Queues the call `delayMs` milliseconds later and returns at once. The member function must take its
+/// parameters by value.
 template <class T, class... A, class... Given>
 void postCallDelayed(AllocationSite& site, IEventDispatcher& dispatcher, uint32_t delayMs, T* receiver,
                      void (T::*method)(A...), Given&&... given)
 {
+    static_assert(areKeptAsCopies<A...>, "a call that is not waited for must not keep references");
     dispatcher.postDelayed(makeCall<AsyncEventAgent>(site, receiver, method, std::forward<Given>(given)...),
                            delayMs);
 }

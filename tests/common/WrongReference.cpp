@@ -1,4 +1,4 @@
-// Must not compile: the text made of the literal would be gone before the call is made.
+// None of these may compile: the text would be gone before the call is made.
 #include <string>
 
 #include "common/Calls.h"
@@ -8,7 +8,23 @@ struct Receiver
     void take(const std::string&) {}
 };
 
+#ifdef WAIT_WITH_A_TEMPORARY
 void callWithATemporary(Orvane::IEventDispatcher& dispatcher, Receiver& receiver)
 {
-    Orvane::postCall(OV_SITE, dispatcher, &receiver, &Receiver::take, "literal");
+    Orvane::callAndWait(OV_SITE, dispatcher, &receiver, &Receiver::take, "literal");
 }
+#endif
+
+#ifdef POST
+void post(Orvane::IEventDispatcher& dispatcher, Receiver& receiver, const std::string& text)
+{
+    Orvane::postCall(OV_SITE, dispatcher, &receiver, &Receiver::take, text);
+}
+#endif
+
+#ifdef POST_DELAYED
+void postDelayed(Orvane::IEventDispatcher& dispatcher, Receiver& receiver, const std::string& text)
+{
+    Orvane::postCallDelayed(OV_SITE, dispatcher, 5, &receiver, &Receiver::take, text);
+}
+#endif
