@@ -11,7 +11,10 @@ StatusManagerStub::StatusManagerStub()
 
 StatusManagerStub::~StatusManagerStub()
 {
-    OV_TRACE(6);
+    {
+        OV_TRACE(6);
+    }
+    mThread.stop(); // it may be in an operation of this class
 }
 
 void StatusManagerStub::updateSystemTime(uint32_t)

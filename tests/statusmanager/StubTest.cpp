@@ -194,6 +194,24 @@ TEST_F(StubTest, throughTheStubUnsubscribingIsInert)
     EXPECT_TRUE(log.lines().empty());
 }
 
+// Until then, the thread may be in an operation of the stub.
+TEST(StubTrace, theBasesDestructionBeginsWhenTheManagersThreadHasEnded)
+{
+    LogCapture log("StatusManager*=6:ffffffff");
+    auto stub = std::make_unique<InspectedStub>();
+    Occupation occupation(stub->mThread);
+    log.clear();
+    auto destroyed = std::async(std::launch::async, [&] { stub.reset(); });
+    EXPECT_TRUE(log.waitFor(6, "end")); // of the stub's scope
+    EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"begin", "end"}));
+    occupation.end();
+    EXPECT_EQ(destroyed.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_EQ(log.texts(), (std::vector<std::string>{"begin", "end", "begin", "end"}));
+    EXPECT_NE(log.lines().front().function.find("~StatusManagerStub"), std::string::npos);
+    EXPECT_NE(log.lines().back().function.find("::~StatusManager()"), std::string::npos);
+}
+
 TEST(StubTrace, itsOwnOperationsTraceOnTheCallersThreadUnderItsOwnFile)
 {
     const LogCapture log("StatusManagerStub=7:ffffffff");
