@@ -1,12 +1,22 @@
 #include "statusmanager/SubscriptionIndex.h"
 
-const SubscriptionIndex::Index& SubscriptionIndex::cover(const StatusKeys& list)
+#include <new>
+
+// Null when there is no memory. What is covered by then is kept, and a later lookup goes on from there.
+const SubscriptionIndex::Index* SubscriptionIndex::cover(const StatusKeys& list)
 {
-    const auto found = mIndexes.find(&list);
-    Index& index = found != mIndexes.end() ? found->second : mIndexes[&list];
-    for (; index.covered < list.size(); ++index.covered)
-        index.keys.insert(list[index.covered]);
-    return index;
+    try
+    {
+        const auto found = mIndexes.find(&list);
+        Index& index = found != mIndexes.end() ? found->second : mIndexes[&list];
+        for (; index.covered < list.size(); ++index.covered)
+            index.keys.insert(list[index.covered]);
+        return &index;
+    }
+    catch (const std::bad_alloc&)
+    {
+        return nullptr;
+    }
 }
 
 void SubscriptionIndex::erase(StatusKeys& list, const std::string& key)

@@ -10,7 +10,8 @@
 
 /// Finds a key in a listener's list, among thousands as fast as among a few: every update is looked up for
 /// every listener. Short lists are searched from the front. A long list gets an index of its own, here beside
-/// the listener's record, when it is first looked up.
+/// the listener's record, when it is first looked up; it is searched from the front where there is no memory
+/// for one.
 class SubscriptionIndex
 {
     struct Index
@@ -37,14 +38,14 @@ public:
         Lookup(const StatusKeys& list, const Index* index) : mList(list), mIndex(index) {}
 
         const StatusKeys& mList;
-        const Index* mIndex; ///< null for a short list
+        const Index* mIndex; ///< null where the list is searched
     };
 
     /// To look up several keys in a row. The list must live and stay as it is as long as the result is used.
-    Lookup in(const StatusKeys& list)
+    Lookup in(const StatusKeys& list) noexcept
     {
         constexpr std::size_t longestSearched = 8;
-        return {list, list.size() <= longestSearched ? nullptr : &cover(list)};
+        return {list, list.size() <= longestSearched ? nullptr : cover(list)};
     }
 
     /// Erases the first equal element, if there is one.
@@ -60,7 +61,7 @@ public:
     void clear() { mIndexes.clear(); }
 
 private:
-    const Index& cover(const StatusKeys& list);
+    const Index* cover(const StatusKeys& list);
     void leaveOut(const StatusKeys& list, const std::string& key);
 
     std::unordered_map<const StatusKeys*, Index> mIndexes;
