@@ -75,6 +75,20 @@ private:
     bool mKept = false;
 };
 
+// Takes keys out of a listener's list. The keys may be that list itself, which must not be gone through while
+// it changes.
+void take(SubscriptionIndex& index, StatusKeys& list, const StatusKeys& keys)
+{
+    if (&keys == &list)
+    {
+        while (!list.empty())
+            index.popBack(list);
+        return;
+    }
+    for (const std::string& key : keys)
+        index.erase(list, key);
+}
+
 // Calls `tell` with the record of each listener that can be called. A listener for which memory runs out does
 // not keep the others from being told.
 template <class Listeners, class Tell>
@@ -391,8 +405,7 @@ void StatusManager::unregisterForStatus(IStatusUpdateListener* listener, const S
         OV_LOG(2, "Cannot unregister for status value, listener not registered with Status Manager");
         return;
     }
-    for (const std::string& key : keys)
-        mSubscriptionIndex->erase(info->statusKeys, key);
+    take(*mSubscriptionIndex, info->statusKeys, keys);
 }
 
 void StatusManager::registerForEvent(IStatusUpdateListener* listener, std::string name)
@@ -442,8 +455,7 @@ void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const Ev
         OV_LOG(2, "Cannot unregister for event, listener not registered with Status Manager");
         return;
     }
-    for (const std::string& name : names)
-        mSubscriptionIndex->erase(info->eventKeys, name);
+    take(*mSubscriptionIndex, info->eventKeys, names);
 }
 
 // -------------------------------------------------------------------------------------------------- events

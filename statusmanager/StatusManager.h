@@ -36,7 +36,8 @@ public:
 };
 
 /// A registered listener and its subscriptions. Only the manager's thread reads and changes it. Classes that
-/// derive from the manager may read it; the key lists are the manager's to change.
+/// derive from the manager may read it, and may give its lists to unregisterForStatus() and
+/// unregisterForEvent(); the key lists are the manager's to change.
 struct ClientListenerInfo
 {
     IStatusUpdateListener* listener;     ///< Also its key in the registry.
@@ -123,7 +124,9 @@ public:
     /// [queued] Adds a listener and the dispatcher on which it is to be called; a null dispatcher mutes it.
     /// Both stay the caller's and must live until unregisterListener() has returned. A second registration is
     /// logged and changes nothing. A null listener is a key like any other, but must never be called: give it
-    /// a null dispatcher.
+    /// a null dispatcher. A dispatcher must queue: if the post() of one of your own calls the listener in
+    /// place, the local store takes the value only afterwards, and so overwrites a newer one that the
+    /// listener has posted meanwhile.
     virtual void registerListener(IStatusUpdateListener* listener, Orvane::EventDispatcher* dispatcher);
 
     /// [waits] Removes a listener with its subscriptions and drops its callbacks that still wait on its

@@ -37,7 +37,19 @@ public:
         return Orvane::callAndWait(OV_SITE, mThread, this, &ReadingManager::read, listener);
     }
 
+    void unregisterForAll(IStatusUpdateListener* listener)
+    {
+        Orvane::callAndWait(OV_SITE, mThread, this, &ReadingManager::unregister, listener);
+    }
+
 private:
+    void unregister(IStatusUpdateListener* listener)
+    {
+        const Record* const record = mListeners.at(listener);
+        unregisterForStatus(listener, record->statusKeys);
+        unregisterForEvent(listener, record->eventKeys);
+    }
+
     Record read(IStatusUpdateListener* listener)
     {
         const auto found = mListeners.find(listener);
@@ -63,6 +75,24 @@ TEST_F(ListenerRecord, holdsTheListenerAndItsDispatcherAndAtFirstNoKeys)
     EXPECT_EQ(record.dispatcher, &thread);
     EXPECT_EQ(record.statusKeys, StatusKeys{});
     EXPECT_EQ(record.eventKeys, EventKeys{});
+}
+
+TEST_F(ListenerRecord, givesTheKeysThatAreUnregistered)
+{
+    manager.registerListener(&listener, &thread);
+    for (const unsigned count : {3U, 50U})
+    {
+        StatusKeys keys;
+        for (unsigned number = 0; number < count; ++number)
+            keys.push_back("a key of some length, " + std::to_string(number));
+        manager.registerForStatus(&listener, keys);
+        manager.registerForEvent(&listener, keys);
+        EXPECT_EQ(manager.recordOf(&listener).statusKeys, keys);
+        EXPECT_EQ(manager.recordOf(&listener).eventKeys, keys);
+        manager.unregisterForAll(&listener);
+        EXPECT_EQ(manager.recordOf(&listener).statusKeys, StatusKeys{});
+        EXPECT_EQ(manager.recordOf(&listener).eventKeys, EventKeys{});
+    }
 }
 
 TEST_F(ListenerRecord, keepsANullDispatcher)
