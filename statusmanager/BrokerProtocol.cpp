@@ -306,6 +306,10 @@ std::optional<std::string> readStatusValueReply(const std::string& reply)
         return std::string();
     if (!root || !root->isObject())
         return std::nullopt;
+    // For a missing member JsonCpp would return an object of its own, which is destroyed when the process
+    // ends. A query may be answered later.
+    if (!root->isMember(Key::statusValue))
+        return std::string();
     const Json::Value& value = (*root)[Key::statusValue];
     if (!isScalar(value))
         return std::nullopt;
