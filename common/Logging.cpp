@@ -342,7 +342,7 @@ int ov_log_configure(const char* rules)
 {
     try
     {
-        return Configuration::instance().configure(rules) ? 0 : -1;
+        return Configuration::instance().configure(rules == nullptr ? "" : rules) ? 0 : -1;
     }
     catch (const std::bad_alloc&)
     {

@@ -419,6 +419,14 @@ TEST_F(LoggingTest, rulesAreAppliedToFilesThatRegisterLater)
     EXPECT_EQ(later.flags, messagesBit);
 }
 
+TEST_F(LoggingTest, noRulesChangeNothing)
+{
+    File& some = file("/root/NoRules.cpp");
+    for (const char* rules : {static_cast<const char*>(nullptr), "", ","})
+        EXPECT_EQ(ov_log_configure(rules), 0);
+    EXPECT_EQ(some.level, 5);
+}
+
 TEST_F(LoggingTest, malformedRulesChangeNothing)
 {
     File& some = file("/root/Malformed.cpp");
