@@ -39,6 +39,7 @@ extern "C"
     ///              extension
     ///              ("StatusManagerProxy", "statusmanager/*", "*"); LEVEL is decimal; FLAGS is hexadecimal,
     ///              bit 31 for messages and bit 30 for trace scopes, and is left as it was when not given.
+    ///              Null and the empty string hold no rule and change nothing.
     /// @returns 0; -1 when a rule is malformed, or memory runs out: then nothing has been changed.
     OV_EXPORT int ov_log_configure(const char* rules);
 
@@ -60,7 +61,8 @@ extern "C"
     /// thread, at any time. No lock is held while the sink is called, so several threads may call it at once,
     /// and it may log itself (unless it would do so for ever). A thread that was printing at this moment may
     /// still call the sink that was replaced, so a sink and its context must live until the process ends. A
-    /// sink must not throw.
+    /// sink must not throw. It must not call the status manager either: StatusManager::getInstance() holds a
+    /// lock while it logs, so a sink that calls it then waits for ever.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
     /// The current indentation of trace output, in columns. Shared by all threads without a lock: scopes of
