@@ -68,8 +68,7 @@ StatusManagerProxy::StatusManagerProxy()
 StatusManagerProxy::~StatusManagerProxy()
 {
     OV_TRACE(6);
-    mEnding.store(true, std::memory_order_relaxed);
-    mShutdown.store(true, std::memory_order_release);
+    requestEnd();
     try
     {
         endCalls();
@@ -95,6 +94,13 @@ void StatusManagerProxy::endCalls()
     callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::passBy);
     mThread.removeAgentsByReceiver(this);
     mThread.stop();
+}
+
+// In this order, so that the notify loop, when it ends, knows that closeSockets() will follow.
+void StatusManagerProxy::requestEnd()
+{
+    mEnding.store(true, std::memory_order_relaxed);
+    mShutdown.store(true, std::memory_order_release);
 }
 
 // A thread that has come to this has done what was queued before.
@@ -150,7 +156,7 @@ void StatusManagerProxy::initSockets()
 
 void StatusManagerProxy::shutdown()
 {
-    mShutdown.store(true, std::memory_order_relaxed);
+    requestEnd();
     if (!mNotifyThread.isThreadCurrent())
         return callAndWait(OV_SITE, mNotifyThread, this, &StatusManagerProxy::shutdown);
     OV_TRACE(7);
@@ -341,8 +347,8 @@ void StatusManagerProxy::processStatusMessages(void* context)
             OV_LOG(0, "A notification was lost for want of memory");
         }
     }
-    // The handle stays as it is for the repeated close, see closeSockets(). The destructor has the manager's
-    // thread finish its work first, which may take long, so then both closes are left to it.
+    // The handle stays as it is for the repeated close. That may come much later, as the destructor has the
+    // manager's thread finish its work first; so both closes are left to closeSockets().
     mNotifySocketLeft = mEnding.load(std::memory_order_relaxed);
     if (!mNotifySocketLeft)
         zmq_close(mNotifySocket);

@@ -95,6 +95,7 @@ protected:
 private:
     struct Query;
 
+    void requestEnd();
     void endCalls();
     void passBy();
     void closeSockets();
@@ -106,7 +107,7 @@ private:
     Answer ask(const Query& query, Answer (*read)(const std::string& reply));
 
     std::unique_ptr<PostFlow> mPostFlow; ///< Manager's thread.
-    std::atomic<bool> mEnding{false};    ///< Set by the destructor, before mShutdown.
+    std::atomic<bool> mEnding{false};    ///< Set before mShutdown by all who will close the sockets.
     bool mNotifySocketLeft = false;      ///< The notify loop has ended and not closed it. Notify thread.
 };
 

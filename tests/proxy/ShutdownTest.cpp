@@ -31,6 +31,19 @@ unsigned liveObjects()
     return live;
 }
 
+// A call that takes time.
+struct Passage
+{
+    void pass()
+    {
+        begun.open();
+        end.wait();
+    }
+
+    Gate begun;
+    Gate end;
+};
+
 class Shutdown : public ::testing::Test
 {
 protected:
@@ -119,6 +132,31 @@ TEST_F(Shutdown, repeatedCloseOfTheNotifySocketIsRefusedAndAllElseSucceeds)
     for (const ZmqInterposer::Call& call : ZmqInterposer::calls())
         results.push_back(call.result);
     EXPECT_EQ(results, (std::vector<int>{0, 0, -1, 0, 0}));
+}
+
+// Two calls wait on the notify thread: one that takes time, and the one that closes the sockets.
+TEST_F(Shutdown, closesNothingBeforeItCanCloseEverything)
+{
+    Passage passage;
+    Orvane::EventThread& notifyThread = client->mNotifyThread;
+    Orvane::postCall(OV_SITE, notifyThread, &passage, &Passage::pass);
+    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
+    EXPECT_TRUE(eventually([&] { return notifyThread.getPendingCount() == 2; }));
+    broker.publish("Sync");
+    EXPECT_TRUE(passage.begun.wait()); // so the loop has ended
+    EXPECT_EQ(ZmqInterposer::names(), Texts{});
+    passage.end.open();
+    EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
+}
+
+TEST_F(Shutdown, loopThatIsEndedByItsFlagAloneClosesItsSocket)
+{
+    client->mShutdown = true;
+    broker.publish("Sync");
+    EXPECT_TRUE(eventually([&] { return ZmqInterposer::names() == Texts{"zmq_close SUB"}; }));
+    client->shutdown();
+    EXPECT_EQ(ZmqInterposer::names(), teardown);
 }
 
 TEST_F(Shutdown, secondShutdownReturnsAtOnceAndClosesNothing)

@@ -28,6 +28,7 @@ public:
     using StatusManagerProxy::mNotifyThread;
     using StatusManagerProxy::mPostSocket;
     using StatusManagerProxy::mRequestSocket;
+    using StatusManagerProxy::mShutdown;
     using StatusManagerProxy::mThread;
     using StatusManagerProxy::mZmqContext;
 
