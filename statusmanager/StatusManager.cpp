@@ -89,6 +89,37 @@ void take(SubscriptionIndex& index, StatusKeys& list, const StatusKeys& keys)
         index.erase(list, key);
 }
 
+// Stores the values, and returns those that were there. All memory is taken before anything changes.
+StatusMap exchangeValues(StatusMap& store, StatusMap values)
+{
+    StatusMap before;
+    while (!values.empty())
+    {
+        auto inserted = store.insert(values.extract(values.begin()));
+        if (inserted.inserted)
+            continue;
+        inserted.position->second.swap(inserted.node.mapped());
+        before.insert(std::move(inserted.node));
+    }
+    return before;
+}
+
+// Takes such values back, except those that others have replaced since. Takes no memory.
+void giveBackValues(StatusMap& store, const StatusMap& values, StatusMap& before)
+{
+    for (const auto& [key, value] : values)
+    {
+        const auto stored = store.find(key);
+        if (stored == store.end() || stored->second != value)
+            continue;
+        const auto old = before.find(key);
+        if (old == before.end())
+            store.erase(stored);
+        else
+            stored->second.swap(old->second);
+    }
+}
+
 // Calls `tell` with the record of each listener that can be called. A listener for which memory runs out does
 // not keep the others from being told.
 template <class Listeners, class Tell>
@@ -212,7 +243,7 @@ void StatusManager::postStatus(StatusMap updates)
         if (stored == mStatusValues.end() || stored->second != value)
             changes.emplace_hint(changes.end(), key, value);
     }
-    notifyAndStore(std::move(changes));
+    storeAndNotify(changes);
 }
 
 void StatusManager::resetStatus(std::string key)
@@ -238,21 +269,23 @@ void StatusManager::resetStatus(StatusKeys keys)
         if (stored == mStatusValues.end() || !stored->second.empty())
             changes.emplace(key, std::string());
     }
-    notifyAndStore(std::move(changes));
+    storeAndNotify(changes);
 }
 
-// Stores last, and by what takes no memory. So where memory runs out, a value is not stored of which some
-// listener does not know, which no repeated post would tell. Nobody sees the order: this is one run on the
-// manager's thread.
-void StatusManager::notifyAndStore(StatusMap changes)
+// Stores before it tells anybody: a callback that is made in place finds the new values, and what it posts
+// itself is the later post. Where memory runs out, the old values are given back. Otherwise some listener
+// would not know of a value that no repeated post tells.
+void StatusManager::storeAndNotify(const StatusMap& changes)
 {
-    StatusMap stored = changes;
-    handleStatusUpdate(std::move(changes));
-    while (!stored.empty())
+    StatusMap before = exchangeValues(mStatusValues, changes);
+    try
     {
-        auto inserted = mStatusValues.insert(stored.extract(stored.begin()));
-        if (!inserted.inserted)
-            inserted.position->second.swap(inserted.node.mapped());
+        handleStatusUpdate(changes);
+    }
+    catch (const std::bad_alloc&)
+    {
+        giveBackValues(mStatusValues, changes, before);
+        throw;
     }
 }
 

@@ -213,7 +213,7 @@ protected:
 
 private:
     ClientListenerInfo* findListener(IStatusUpdateListener* listener) const;
-    void notifyAndStore(StatusMap changes);
+    void storeAndNotify(const StatusMap& changes);
 
     std::unique_ptr<SubscriptionIndex> mSubscriptionIndex; ///< Of the long lists among the records'.
 };

@@ -8,6 +8,7 @@
 
 #include "tests/memory/FailingMemory.h"
 #include "tests/statusmanager/TestManager.h"
+#include "tests/support/FakeClock.h"
 #include "tests/support/RecordingListener.h"
 
 using FailingMemory::Extent;
@@ -59,17 +60,19 @@ struct State
     std::deque<Counter> counters;
     std::vector<std::string> timers;
     std::vector<Record> listeners;
+    time_t clock = 0; // as it was set last
 
     friend bool operator==(const State& a, const State& b)
     {
         return a.values == b.values && a.counters == b.counters && a.timers == b.timers &&
-               a.listeners == b.listeners;
+               a.listeners == b.listeners && a.clock == b.clock;
     }
 
     friend std::ostream& operator<<(std::ostream& stream, const State& state)
     {
         return stream << testing::PrintToString(state.values) << testing::PrintToString(state.counters)
-                      << testing::PrintToString(state.timers) << testing::PrintToString(state.listeners);
+                      << testing::PrintToString(state.timers) << testing::PrintToString(state.listeners)
+                      << state.clock;
     }
 };
 
@@ -81,6 +84,7 @@ public:
     explicit World(unsigned keyCount, const char* listenersThread = "listeners")
         : keys(keyCount), thread(listenersThread, 0)
     {
+        FakeClock::reset();
         for (RecordingListener* each : {&first, &second, &third})
             manager.registerListener(each, &thread);
         manager.postStatus(values(0, keys, "old"));
@@ -133,6 +137,8 @@ public:
                     now.timers.push_back(timer.getName());
                 for (const auto& [listener, info] : manager.mListeners)
                     now.listeners.emplace_back(inThis(listener), info->statusKeys, info->eventKeys);
+                if (const auto setting = FakeClock::lastSetting())
+                    now.clock = setting->time.tv_sec;
             });
         return now;
     }
@@ -199,6 +205,7 @@ std::string shown(const StatusMap& map)
 }
 
 const Operation operations[]{
+    {"updateSystemTime", [](World& world) { return world.manager.updateSystemTime(1800000000), ""s; }},
     {"getClientInfo", [](World& world) { return shown(world.manager.getClientInfo()); }},
     {"getClientInfoValue", [](World& world) { return world.manager.getClientInfoValue(name("key", 0)); }},
     {"getClientInfoValues",
@@ -343,10 +350,12 @@ protected:
 
     // Makes the call on the manager's thread, where memory may run out.
     template <class Call>
-    static void onManagersThread(World& world, Call call)
+    static bool onManagersThread(World& world, Call call)
     {
         const Spared spared;
-        world.manager.onThread([&] { runsOut(call); });
+        bool ranOut = false;
+        world.manager.onThread([&] { ranOut = runsOut(call); });
+        return ranOut;
     }
 
     FailingMemory::QuietLog log;
@@ -388,6 +397,39 @@ TEST_F(ManagerMemory, aListenerThatCannotBeToldOfAValueDoesNotKeepOthersFromBein
             return hasStruck;
         });
     EXPECT_GT(struck, 0U);
+}
+
+// A listener may have been told of a value that is then not stored.
+TEST_F(ManagerMemory, aPostOfWhichNotAllCanBeToldIsTakenBackAndARepeatedOneTellsAll)
+{
+    bool isTakenBackAfterSomeAreTold = false;
+    failEach(
+        [&](const Failure& failure)
+        {
+            World world(keys);
+            const auto post = [&] { world.manager.postStatus(values(0, keys + 1, "new")); };
+            const State notAtAll = world.state();
+            bool ranOut = false;
+            const bool hasStruck = failure.during(
+                [&]
+                {
+                    ranOut = onManagersThread(world, post);
+                    world.settle();
+                });
+            const State then = world.state();
+            EXPECT_EQ(then == notAtAll, ranOut);
+            EXPECT_EQ(then.values == values(0, keys + 1, "new"), !ranOut);
+            const std::string told = World::knownTo(world.second, name("key", 0));
+            EXPECT_TRUE(told == name("new", 0) || (ranOut && told == name("old", 0))) << told;
+            isTakenBackAfterSomeAreTold |= ranOut && told == name("new", 0);
+
+            post();
+            world.settle();
+            EXPECT_EQ(world.state().values, values(0, keys + 1, "new"));
+            world.expectAllTold();
+            return hasStruck;
+        });
+    EXPECT_TRUE(isTakenBackAfterSomeAreTold);
 }
 
 TEST_F(ManagerMemory, aListenerThatCannotBeToldOfAnEventDoesNotKeepOthersFromBeingTold)

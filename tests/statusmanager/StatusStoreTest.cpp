@@ -1,3 +1,7 @@
+#include <functional>
+#include <new>
+#include <utility>
+
 #include "tests/statusmanager/ListenerFixture.h"
 
 class StatusStore : public ListenerFixture
@@ -160,4 +164,148 @@ TEST_F(StatusStore, aListenerOnTheManagersOwnDispatcherIsCalledThere)
     manager.registerForStatus(&listener, "a");
     ASSERT_TRUE(listener.waitForUpdates(1));
     EXPECT_EQ(listener.lastThread(), managersThread);
+}
+
+// ---------------------------------------------------------------------------- dispatchers that call in place
+
+namespace
+{
+
+// Delivers inside post(), on the manager's thread.
+class InPlace : public Orvane::EventDispatcher
+{
+public:
+    InPlace() : EventDispatcher("in place") {}
+
+    void post(Orvane::EventAgent* agent) override
+    {
+        const Orvane::SmartPtr<Orvane::EventAgent> hold(agent);
+        agent->deliver();
+    }
+};
+
+// Has no memory for anything as long as it is told so.
+class Exhausted : public InPlace
+{
+public:
+    void post(Orvane::EventAgent* agent) override
+    {
+        if (!isExhausted)
+            return InPlace::post(agent);
+        const Orvane::SmartPtr<Orvane::EventAgent> hold(agent);
+        throw std::bad_alloc();
+    }
+
+    bool isExhausted = false; // the manager's thread
+};
+
+class OnUpdate : public IStatusUpdateListener
+{
+public:
+    explicit OnUpdate(std::function<void(StatusMap)> call) : mCall(std::move(call)) {}
+    void onStatusUpdate(StatusMap updates) override { mCall(std::move(updates)); }
+    void onEventUpdate(std::string, std::string) override {}
+
+private:
+    std::function<void(StatusMap)> mCall;
+};
+
+// Two listeners that are called in place, the lower one first.
+class InPlaceCallbacks : public StatusStore
+{
+protected:
+    ~InPlaceCallbacks() override { manager.clearInfo(); }
+
+    void registerInPlace(IStatusUpdateListener& each, Orvane::EventDispatcher& dispatcher)
+    {
+        manager.registerListener(&each, &dispatcher);
+        manager.registerForStatus(&each, StatusKeys{"a", "b"});
+        manager.sync(0); // behind the first callback
+    }
+
+    // The post, made where memory may run out for it.
+    bool runsOut(const StatusMap& values)
+    {
+        bool ranOut = false;
+        manager.onThread(
+            [&]
+            {
+                try
+                {
+                    manager.postStatus(values);
+                }
+                catch (const std::bad_alloc&)
+                {
+                    ranOut = true;
+                }
+            });
+        return ranOut;
+    }
+
+    std::function<void(StatusMap)> whatFirstDoes = [](const StatusMap&) {};
+    OnUpdate first{[this](StatusMap updates) { whatFirstDoes(std::move(updates)); }}; // in the order of their
+    RecordingListener second;                                                         // addresses
+    InPlace inPlace;
+    Exhausted exhausted;
+};
+
+} // namespace
+
+TEST_F(InPlaceCallbacks, findTheNewValuesStored)
+{
+    registerInPlace(first, inPlace);
+    StatusMap found;
+    whatFirstDoes = [&](const StatusMap&) { found = manager.getClientInfo(); };
+    manager.postStatus(StatusMap{{"a", "1"}, {"b", "2"}});
+    manager.sync(0);
+    EXPECT_EQ(found, (StatusMap{{"a", "1"}, {"b", "2"}}));
+    manager.resetStatus("b");
+    manager.sync(0);
+    EXPECT_EQ(found, (StatusMap{{"a", "1"}, {"b", ""}}));
+}
+
+TEST_F(InPlaceCallbacks, mayPostAnewAndTheLaterValueStays)
+{
+    registerInPlace(first, inPlace);
+    whatFirstDoes = [&](const StatusMap& updates)
+    {
+        if (updates.count("a") != 0 && updates.at("a") == "outer")
+            manager.postStatus("a", "inner");
+    };
+    manager.postStatus(StatusMap{{"a", "outer"}, {"b", "outer"}});
+    EXPECT_EQ(manager.getClientInfo(), (StatusMap{{"a", "inner"}, {"b", "outer"}}));
+}
+
+TEST_F(InPlaceCallbacks, whereOneHasNoMemoryTheOldValuesComeBackAndARepeatedPostTellsAll)
+{
+    registerInPlace(first, inPlace);
+    registerInPlace(second, exhausted);
+    manager.postStatus("a", "old");
+    std::vector<StatusMap> toldToFirst;
+    whatFirstDoes = [&](StatusMap updates) { toldToFirst.push_back(std::move(updates)); };
+    const StatusMap changes{{"a", "new"}, {"b", "new"}};
+    exhausted.isExhausted = true;
+    EXPECT_TRUE(runsOut(changes));
+    EXPECT_EQ(manager.getClientInfo(), (StatusMap{{"a", "old"}}));
+    exhausted.isExhausted = false;
+    EXPECT_FALSE(runsOut(changes));
+    EXPECT_EQ(manager.getClientInfo(), changes);
+    EXPECT_EQ(toldToFirst, (std::vector<StatusMap>{changes, changes}));
+    EXPECT_EQ(second.updates().back(), changes);
+}
+
+TEST_F(InPlaceCallbacks, whereOneHasNoMemoryWhatAnotherHasPostedMeanwhileStays)
+{
+    registerInPlace(first, inPlace);
+    registerInPlace(second, exhausted);
+    whatFirstDoes = [&](const StatusMap& updates)
+    {
+        if (updates.count("a") == 0 || updates.at("a") != "outer")
+            return;
+        manager.postStatus("a", "inner");
+        exhausted.isExhausted = true;
+    };
+    EXPECT_TRUE(runsOut({{"a", "outer"}, {"b", "outer"}}));
+    EXPECT_EQ(manager.getClientInfo(), (StatusMap{{"a", "inner"}}));
+    EXPECT_EQ(second.updates().back(), (StatusMap{{"a", "inner"}}));
 }
