@@ -33,10 +33,30 @@ constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr int noTimeLimit = -1;
 
-// A request waits so long at most for posts to leave this process. With the pause behind a receive that timed
+// A query waits so long at most for posts to leave this process. With the pause behind a receive that timed
 // out, sync() still returns within 100 ms of its time limit.
 constexpr std::chrono::milliseconds longestWaitForPosts{80};
-constexpr std::chrono::milliseconds longestWaitForPostsOfUnlimitedSync{1000};
+
+// A sync() is a barrier, so it waits longer, if it has the time.
+constexpr std::chrono::milliseconds longestWaitForPostsOfSync{1000};
+
+std::chrono::milliseconds waitForPostsOfSync(int timeoutMs)
+{
+    if (timeoutMs < 0)
+        return longestWaitForPostsOfSync;
+    return std::max(longestWaitForPosts,
+                    std::min(longestWaitForPostsOfSync, std::chrono::milliseconds(timeoutMs)));
+}
+
+// The time that is left for the answer. A wait for posts no longer than a query's costs nothing of it, nor
+// does time in which this process did not run.
+int timeForAnswer(int timeoutMs, std::chrono::milliseconds longestWait, std::chrono::milliseconds waited)
+{
+    const auto charged = std::min(waited, longestWait) - longestWaitForPosts;
+    if (timeoutMs < 0 || charged.count() <= 0)
+        return timeoutMs;
+    return timeoutMs - static_cast<int>(charged.count());
+}
 
 bool isLastFrame(void* socket)
 {
@@ -289,10 +309,15 @@ void StatusManagerProxy::sendPost(std::string message)
     logDropping();
 }
 
-void StatusManagerProxy::awaitPosts(std::chrono::milliseconds limit)
+// Returns how long it took.
+std::chrono::milliseconds StatusManagerProxy::awaitPosts(std::chrono::milliseconds limit)
 {
+    using Clock = std::chrono::steady_clock;
+    const auto begin = Clock::now();
     mPostFlow->flush(mPostSocket, limit);
+    const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
     logDropping();
+    return waited;
 }
 
 void StatusManagerProxy::logDropping()
@@ -601,9 +626,10 @@ bool StatusManagerProxy::sync(int timeoutMs)
         return callAndWait(OV_SITE, mThread, this, &StatusManagerProxy::sync, timeoutMs);
     OV_TRACE(7);
     OV_LOG(6, "Sending Sync on request socket and waiting for response");
-    awaitPosts(timeoutMs < 0 ? longestWaitForPostsOfUnlimitedSync : longestWaitForPosts);
+    const std::chrono::milliseconds longestWait = waitForPostsOfSync(timeoutMs);
+    const std::chrono::milliseconds waited = awaitPosts(longestWait);
     std::string reply;
-    if (!sendRequest(BrokerProtocol::syncWord, reply, timeoutMs))
+    if (!sendRequest(BrokerProtocol::syncWord, reply, timeForAnswer(timeoutMs, longestWait, waited)))
     {
         OV_LOG(0, "Failed to send Sync request to StatusBroker");
         return false;

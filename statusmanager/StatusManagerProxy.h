@@ -100,7 +100,7 @@ private:
     void passBy();
     void closeSockets();
     bool discardRestOfMessage(void* socket);
-    void awaitPosts(std::chrono::milliseconds limit);
+    std::chrono::milliseconds awaitPosts(std::chrono::milliseconds limit);
     void logDropping();
     /// Asks the broker and reads the answer, logging in the query's name; Answer() when there is none.
     template <class Answer>
