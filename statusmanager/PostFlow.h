@@ -38,6 +38,9 @@ public:
     /// at most `limit`, and never longer than the budget.
     void flush(void* socket, std::chrono::microseconds limit);
 
+    /// Takes notice of what has left meanwhile, as sending and flushing do.
+    void look();
+
     enum class News
     {
         None,
@@ -48,6 +51,9 @@ public:
     /// What has happened since the last call.
     News takeNews();
 
+    /// Whether dropping has begun and not ended yet.
+    bool isDropping() const { return mIsDropping; }
+
     /// Posts dropped since dropping last began.
     unsigned dropped() const { return mDropped; }
 
@@ -57,7 +63,6 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void awaitUnderWay(void* socket, unsigned most, std::chrono::microseconds limit);
-    void look();
     void recover();
     void countDropped();
     void letLibzmqLook(void* socket);

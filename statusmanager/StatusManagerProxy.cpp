@@ -70,8 +70,7 @@ bool isLastFrame(void* socket)
 
 // ---------------------------------------------------------------------------------- construction, teardown
 
-StatusManagerProxy::StatusManagerProxy()
-    : mNotifyThread("ProcessStatusMessage", 0), mPostFlow(std::make_unique<PostFlow>())
+StatusManagerProxy::StatusManagerProxy() : mNotifyThread("ProcessStatusMessage", 0), mPostFlow(new PostFlow)
 {
     OV_TRACE(6);
     try
@@ -333,6 +332,38 @@ void StatusManagerProxy::logDropping()
         OV_LOG(0, "StatusBroker takes posts again, %u were dropped", mPostFlow->dropped());
         break;
     }
+    if (mPostFlow->isDropping() && !mIsDroppingWatched)
+        watchDropping();
+}
+
+// Without it, the end would be noticed by the next post or query only.
+void StatusManagerProxy::watchDropping()
+{
+    constexpr uint32_t intervalMs = 1000;
+    try
+    {
+        postCallDelayed(OV_SITE, mThread, intervalMs, this, &StatusManagerProxy::lookForEndOfDropping);
+        mIsDroppingWatched = true;
+    }
+    catch (const std::bad_alloc&)
+    {
+        // The next post tries again. This one has been sent.
+    }
+}
+
+void StatusManagerProxy::lookForEndOfDropping()
+{
+    mIsDroppingWatched = false;
+    mPostFlow->look();
+    logDropping();
+}
+
+void StatusManagerProxy::PostFlowEnd::operator()(PostFlow* flow) const
+{
+    if (flow->isDropping())
+        OV_LOG(0, "StatusBroker did not take posts as fast as they were made, %u were dropped",
+               flow->dropped());
+    delete flow;
 }
 
 // ------------------------------------------------------------------------------------------- notify thread

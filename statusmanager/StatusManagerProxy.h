@@ -102,13 +102,22 @@ private:
     bool discardRestOfMessage(void* socket);
     std::chrono::milliseconds awaitPosts(std::chrono::milliseconds limit);
     void logDropping();
+    void watchDropping();
+    void lookForEndOfDropping();
     /// Asks the broker and reads the answer, logging in the query's name; Answer() when there is none.
     template <class Answer>
     Answer ask(const Query& query, Answer (*read)(const std::string& reply));
 
-    std::unique_ptr<PostFlow> mPostFlow; ///< Manager's thread.
-    std::atomic<bool> mEnding{false};    ///< Set before mShutdown by all who will close the sockets.
-    bool mNotifySocketLeft = false;      ///< The notify loop has ended and not closed it. Notify thread.
+    /// Logs what was dropped, if the end of dropping has not been logged yet.
+    struct PostFlowEnd
+    {
+        void operator()(PostFlow* flow) const;
+    };
+
+    std::unique_ptr<PostFlow, PostFlowEnd> mPostFlow; ///< Manager's thread.
+    bool mIsDroppingWatched = false;                  ///< Manager's thread.
+    std::atomic<bool> mEnding{false}; ///< Set before mShutdown by all who will close the sockets.
+    bool mNotifySocketLeft = false;   ///< The notify loop has ended and not closed it. Notify thread.
 };
 
 #endif

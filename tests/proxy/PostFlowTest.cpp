@@ -64,6 +64,12 @@ protected:
         noteNews();
     }
 
+    void look()
+    {
+        flow.look();
+        noteNews();
+    }
+
     // The time that something takes.
     template <class Call>
     microseconds timeOf(Call call)
@@ -257,6 +263,28 @@ TEST_F(PostFlowTest, droppingHasNotEndedBeforeASecondWithoutIt)
     time.pass(milliseconds(100));
     post();
     EXPECT_EQ(news, (std::vector<News>{News::DroppingBegan, News::DroppingEnded}));
+}
+
+TEST_F(PostFlowTest, theEndOfDroppingIsSeenByALookAlone)
+{
+    post(5000);
+    takeAll();
+    time.pass(milliseconds(900));
+    look();
+    EXPECT_TRUE(flow.isDropping());
+    time.pass(milliseconds(100));
+    look();
+    EXPECT_FALSE(flow.isDropping());
+    EXPECT_EQ(news, (std::vector<News>{News::DroppingBegan, News::DroppingEnded}));
+    EXPECT_EQ(dropped, std::vector<unsigned>{4000});
+}
+
+TEST_F(PostFlowTest, aLookDoesNotEndDroppingWhilePostsAreUnderWay)
+{
+    post(5000);
+    time.pass(seconds(2));
+    look();
+    EXPECT_TRUE(flow.isDropping());
 }
 
 TEST_F(PostFlowTest, anOverloadWithShortPausesIsReportedAsOne)
