@@ -8,6 +8,7 @@
 #include "statusmanager/StatusManagerStub.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/OwnProcess.h"
+#include "tests/support/TraceLines.h"
 
 namespace
 {
@@ -41,6 +42,18 @@ void throughTheInstanceTheStubsCounterIsTheBases()
     EXPECT_TRUE(log.has(2, "Counter name is empty"));
 }
 
+void eachCallIsTraced()
+{
+    const LogCapture log("StatusManager=7:40000000");
+    StatusManager::getInstance(true);
+    StatusManager::getInstance(true);
+    const TraceLines call =
+        scope("static StatusManager* StatusManager::getInstance(bool)", {}, TraceLine::By::Caller);
+    const TraceLines construction = scope("StatusManager::StatusManager()", {}, TraceLine::By::Caller, 6);
+    EXPECT_EQ(loggedOn(std::this_thread::get_id(), TraceLine::By::Caller, log),
+              inARow({{call.front()}, construction, {call.back()}, call}));
+}
+
 void theInstanceIsTrackedWithItsSource()
 {
     StatusManager::getInstance(true);
@@ -68,6 +81,11 @@ TEST_F(GetInstance, concurrentFirstCallsConstructOneObject)
 TEST_F(GetInstance, throughItTheStubsCounterIsTheBases)
 {
     EXPECT_IN_OWN_PROCESS(throughTheInstanceTheStubsCounterIsTheBases());
+}
+
+TEST_F(GetInstance, tracesEachCallAroundTheConstruction)
+{
+    EXPECT_IN_OWN_PROCESS(eachCallIsTraced());
 }
 
 TEST_F(GetInstance, theObjectIsAllocatedInTheTrackingForm)

@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
-#include <map>
 #include <utility>
 
 #include "tests/statusmanager/Operations.h"
@@ -167,37 +166,14 @@ TEST_P(Waiting, runsInPlaceOnTheManagersThreadEvenWhileOthersAreQueued)
         });
 }
 
-// The only form that traces on its caller's thread. Its list form then traces on the manager's.
-const std::string tracedByItsCaller =
-    "virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)";
-
 class Traced : public testing::TestWithParam<Operation>
 {
 protected:
+    using By = TraceLine::By;
+
     Traced()
     {
         manager.onThread([this] { managersThread = std::this_thread::get_id(); });
-    }
-
-    // Each form of the operation that has run traces once.
-    void expectOneTraceOfEachForm(std::thread::id caller) const
-    {
-        using Trace = std::pair<std::string, std::thread::id>;
-        std::map<std::string, std::vector<Trace>> traces;
-        for (const LogLine& line : log.lines())
-        {
-            const bool isOfThis =
-                line.function.find(std::string("::") + GetParam().name + "(") != std::string::npos;
-            if (isOfThis && line.level == 7) // above, it says what it refuses
-                traces[line.function].emplace_back(line.text, line.thread);
-        }
-        EXPECT_FALSE(traces.empty());
-        EXPECT_EQ(traces.count(tracedByItsCaller) != 0, GetParam().isTracedByItsCaller);
-        for (const auto& [function, lines] : traces)
-        {
-            const std::thread::id thread = function == tracedByItsCaller ? caller : managersThread;
-            EXPECT_EQ(lines, (std::vector<Trace>{{"begin", thread}, {"end", thread}})) << function;
-        }
     }
 
     TestManager manager;
@@ -205,19 +181,23 @@ protected:
     LogCapture log{"StatusManager=7:40000000"};
 };
 
-TEST_P(Traced, onceOnTheManagersThreadWhenItIsCalledFromAnother)
+TEST_P(Traced, logsExactlyItsLinesWhenItIsCalledFromAnotherThread)
 {
     GetParam().call(manager);
     manager.onThread([] {}); // behind what was queued
-    expectOneTraceOfEachForm(std::this_thread::get_id());
+    for (const auto& [by, thread] :
+         {std::pair(By::Caller, std::this_thread::get_id()), std::pair(By::Manager, managersThread)})
+        EXPECT_EQ(loggedOn(thread, by, log), linesBy(by, GetParam().lines));
 }
 
-TEST_P(Traced, onceWhenItIsCalledOnTheManagersThread)
+TEST_P(Traced, logsExactlyItsLinesWhenItIsCalledOnTheManagersThread)
 {
     manager.onThread([this] { GetParam().call(manager); });
-    expectOneTraceOfEachForm(managersThread);
+    EXPECT_EQ(loggedOn(managersThread, By::Manager, log),
+              allBy(By::Manager, GetParam().linesInPlace.value_or(GetParam().lines)));
 }
 
+INSTANTIATE_TEST_SUITE_P(OtherOperations, Traced, testing::ValuesIn(otherOperations));
 INSTANTIATE_TEST_SUITE_P(QueuedOperations, Traced, testing::ValuesIn(queuedOperations));
 INSTANTIATE_TEST_SUITE_P(WaitingOperations, Traced, testing::ValuesIn(waitingOperations));
 INSTANTIATE_TEST_SUITE_P(Operations, Queued, testing::ValuesIn(queuedOperations));
