@@ -30,9 +30,8 @@ protected:
 
 /// One member-function call, packaged with its arguments to be made on a dispatcher's thread.
 ///
-/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker: whoever keeps one for
-/// a while (the queue of a dispatcher, the sender that waits) holds a count, and the last to let go destroys
-/// it.
+/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker. Each holder (the
+/// queue of a dispatcher, the sender that waits) has a count on it, and the last one to let go destroys it.
 class OV_EXPORT EventAgent : public Event
 {
 public:

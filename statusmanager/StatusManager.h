@@ -35,9 +35,10 @@ public:
     virtual ~IStatusUpdateListener();
 };
 
-/// A registered listener and its subscriptions. Only the manager's thread reads and changes it. Classes that
-/// derive from the manager may read it, and may give its lists to unregisterForStatus() and
-/// unregisterForEvent(); the key lists are the manager's to change.
+/// A registered listener and its subscriptions. Only the manager's thread reads and changes it. For classes
+/// that derive from the manager it is read-only: a long list has an index beside the record, which does not
+/// notice when somebody else changes the list. They may give its lists to unregisterForStatus() and
+/// unregisterForEvent().
 struct ClientListenerInfo
 {
     IStatusUpdateListener* listener;     ///< Also its key in the registry.

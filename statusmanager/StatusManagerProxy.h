@@ -15,7 +15,11 @@ class PostFlow;
 ///
 /// A query or sync() on any thread, and registerForStatus() on the manager's, wait for the broker's answer;
 /// apart from sync() they do so without limit, so while no broker answers, they block, and what is called
-/// after them waits its turn.
+/// after them waits its turn. A query first waits for posts to leave this process, at most 80 ms.
+///
+/// The destructor of a class derived from this one stops the manager's thread first, too. That drops what is
+/// still queued: the promise of this class's destructor, that queued posts are sent and the last notification
+/// reaches its listeners, is given up. If posts matter, it calls sync() before `mThread.stop()`.
 class OV_EXPORT StatusManagerProxy : public StatusManager
 {
 public:
@@ -44,14 +48,19 @@ public:
     /// it is sent at once and the delay ignored. The broker never sees the delay.
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
-    /// true. With a time limit, returns within that time and 100 ms, counted from when its turn on the
-    /// manager's thread comes. A call that timed out leaves the request socket in the middle of an exchange:
-    /// later queries and syncs of this process fail.
+    /// true. It waits for posts to leave this process for a second at most; with a time limit, no longer than
+    /// that limit or 80 ms, whichever is longer. What exceeds 80 ms is taken from the time for the answer.
+    ///
+    /// With a time limit, returns within that time and 100 ms, counted from when its turn on the manager's
+    /// thread comes. One exception: a broker that gives empty or overlong answers is asked 20 times, with
+    /// pauses of 10 ms. A call that timed out leaves the request socket in the middle of an exchange: later
+    /// queries and syncs of this process fail.
     bool sync(int timeoutMs) override;
 
     /// Ends the notify loop and closes everything. The loop looks at its stop flag once per message, so this
     /// waits until the broker next publishes something. Until then the manager works on: what was posted
-    /// before is sent, and that last notification reaches the listeners. Delayed events are dropped.
+    /// before is sent, and that last notification reaches the listeners. Delayed events are dropped. It waits
+    /// behind all that is queued already: a request whose broker is silent holds it up without end.
     ~StatusManagerProxy() override;
 
 protected:
@@ -89,7 +98,7 @@ protected:
     void* mNotifySocket = nullptr;      ///< Notify thread.
     void* mRequestSocket = nullptr;     ///< Manager's thread.
     Orvane::EventThread mNotifyThread;  ///< Receives the notifications.
-    std::atomic<bool> mShutdown{false}; ///< Set by whoever shuts down, polled by the notify loop.
+    std::atomic<bool> mShutdown{false}; ///< Ends the notify loop, which polls it, relaxed.
     bool mSocketsClosed = false;        ///< Notify thread.
 
 private:
