@@ -281,6 +281,7 @@ TEST_F(InPlaceCallbacks, whereOneHasNoMemoryTheOldValuesComeBackAndARepeatedPost
     registerInPlace(first, inPlace);
     registerInPlace(second, exhausted);
     manager.postStatus("a", "old");
+    manager.sync(0);
     std::vector<StatusMap> toldToFirst;
     whatFirstDoes = [&](StatusMap updates) { toldToFirst.push_back(std::move(updates)); };
     const StatusMap changes{{"a", "new"}, {"b", "new"}};
