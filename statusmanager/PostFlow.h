@@ -15,10 +15,10 @@ struct zmq_msg_t;
 /// waits while there are many.
 ///
 /// Waiting has a budget, as the same thread serves listeners and queries. The budget is a second; each post
-/// that leaves returns a little of it, and all of it returns when every post has left. So a broker that takes
-/// posts about as fast as they are made is waited for without end, and one that is much slower, or gone, for
-/// a second in all. Beyond that posts are sent without waiting, and libzmq drops those for which it has no
-/// room.
+/// that leaves returns a tenth of a millisecond of it, and all of it returns when every post has left. So a
+/// broker that takes 10,000 posts a second is waited for without end, and one that is slower, or gone, for a
+/// second and what its posts return. Beyond that posts are sent without waiting, and libzmq drops those for
+/// which it has no room.
 ///
 /// One thread; libzmq's own threads only report.
 class PostFlow
