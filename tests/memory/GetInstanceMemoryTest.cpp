@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <optional>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include "statusmanager/StatusManager.h"
@@ -67,6 +68,7 @@ protected:
         const pid_t child = fork();
         if (child == 0)
         {
+            std::thread([] {}).join(); // ThreadSanitizer starts one of its own beside the first
             const FailingMemory::QuietLog log;
             std::optional<ScriptedBroker> broker;
             if (!useStub)
