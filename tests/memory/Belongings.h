@@ -7,7 +7,7 @@
 #include "common/TrackedNew.h"
 #include "tests/support/Wait.h"
 
-/// What a client takes of its process beside plain memory, and must give back.
+/// The resources of its process that a client takes beside memory, and must give back.
 struct Belongings
 {
     std::ptrdiff_t threads = entries("/proc/self/task");

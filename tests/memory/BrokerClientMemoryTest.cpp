@@ -1,4 +1,4 @@
-// What becomes of a broker client's posts, queries and notifications where memory runs out.
+// A broker client's posts, queries and notifications where memory runs out.
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -150,7 +150,7 @@ public:
 
     std::size_t callbacks() const { return listener.updates().size() + listener.events().size(); }
 
-    // What came in since there were so many, with a post at its end that shows that all is there.
+    // The messages since there were so many, with a post at its end that shows that all is there.
     std::vector<std::string> postsSince(std::size_t count)
     {
         const std::string marker = "marker" + std::to_string(++mMarkers);
@@ -168,7 +168,7 @@ public:
     std::unique_ptr<Proxy> proxy;
     RecordingListener listener;
 
-    // What the broker answers; the map may be asked for in two forms.
+    // The broker's answers; the map may be asked for in two forms.
     std::atomic<bool> answersOdd{false};
 
     std::atomic<unsigned> requests{0}; // that have come in

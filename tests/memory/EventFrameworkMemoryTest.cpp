@@ -1,4 +1,4 @@
-// What becomes of agents, queues and threads where memory runs out.
+// Agents, queues and threads where memory runs out.
 
 #include <algorithm>
 #include <gtest/gtest.h>

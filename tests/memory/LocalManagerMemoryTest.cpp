@@ -1,4 +1,4 @@
-// What becomes of the local manager's state and of its listeners where memory runs out, operation by
+// The local manager's state and its listeners where memory runs out, operation by
 // operation.
 
 #include <gtest/gtest.h>
@@ -343,7 +343,7 @@ private:
     }
 };
 
-// What is not a matter of one operation.
+// Promises that are not a matter of one operation.
 class ManagerMemory : public testing::Test
 {
 protected:
