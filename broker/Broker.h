@@ -1,23 +1,20 @@
 #ifndef BROKER_BROKER_H
 #define BROKER_BROKER_H
 
-#include <deque>
-#include <map>
-#include <optional>
 #include <string>
-#include <string_view>
-#include <vector>
-#include <zmq.hpp>
 
-#include "broker/CatchUp.h"
-#include "broker/DeviceState.h"
-#include "broker/NotifyChannel.h"
+#include "broker/Answerer.h"
+#include "broker/IntakePause.h"
+#include "broker/MemoryBudget.h"
+#include "broker/NotifyPort.h"
 #include "broker/Options.h"
-#include "broker/PostChannel.h"
-#include "broker/Refusals.h"
-#include "broker/RequestChannel.h"
-#include "broker/StartupGate.h"
-#include "broker/StateFile.h"
+#include "broker/Outbox.h"
+#include "broker/PostApplier.h"
+#include "broker/PostPort.h"
+#include "broker/Questions.h"
+#include "broker/base/Refusals.h"
+#include "broker/RequestPort.h"
+#include "broker/Schedule.h"
 #include "broker/Statistics.h"
 #include "broker/Supervisor.h"
 
@@ -25,98 +22,60 @@
 class Broker
 {
 public:
-    /// How long a request waits for posts that are visibly under way, at most.
-    static constexpr std::chrono::milliseconds longestQueryWait{100};
-    static constexpr std::chrono::milliseconds longestSyncWait{1000};
-
-    /// Binds the three ports and loads the state. Throws std::runtime_error if a port cannot be had.
+    /// Binds the three ports and loads the state.
+    /// @throws std::runtime_error if a port cannot be had
     explicit Broker(const Options& options);
 
-    /// Serves until `descriptor` is readable. What has not been answered by then is answered by the next
-    /// call, or by finish().
-    void serveUntil(int descriptor);
+    /// Serves until `interrupt` is readable.
+    void serveUntil(int interrupt);
 
-    /// Takes over the limits. Those of messages hold for connections that are made from now on.
+    /// Applies new limits.
     void setLimits(const Limits& limits);
 
-    /// Takes in and answers what has been received, as far as that takes no longer than a second or so. The
-    /// last call.
+    /// Takes in and answers what has been received, within 1.2 s. The last call.
     void finish();
 
 private:
-    struct Announcement
+    /// The loop: one round each time something has come, or is due.
+    struct Loop
     {
-        std::string notification;
-        uint64_t revision;
+        Poller poller;
+        Pollable interrupt{Pollable::Kind::Interrupt};
+        bool isInterrupted = false;
+        const TimePoint started = Clock::now();
+        TimePoint nextHeartbeat{};
+        TimePoint nextTrim = TimePoint::max();
+        Durations rounds;
     };
 
-    struct Reply
-    {
-        std::string connection;
-        std::string text;
-    };
-
-    /// Where something has come in since the loop last waited.
-    struct Ready
-    {
-        bool posts = false;
-        bool requests = false;
-        bool subscriptions = false;
-    };
-
-    bool waitForWork();
-    std::chrono::milliseconds untilNextTask() const;
-    void doWhatIsDue();
-    bool isCommitDue() const;
-    void takePosts();
-    void apply(const PostChannel::Post& post);
-    void setSystemTime(uint32_t seconds);
-    void announce(const std::string& notification);
-    void announce(const StatusMap& changes);
-    void settle();
-    void catchUpSubscribers();
-    void updateConnections();
-    void serveRequests();
-    void takeRequests();
-    bool awaitPostsBeforeRequests();
-    bool awaitPosts(std::chrono::milliseconds bound);
-    void reply();
-    std::optional<std::string> answer(const RequestChannel::Request& request);
-    std::string refuse(const RequestChannel::Request& request);
-    std::string statistics();
-    void acknowledge(const std::string& connection);
-    void releaseStarted();
+    void planTasks();
+    void waitForWork();
+    std::size_t takeEvents(std::chrono::microseconds limit);
+    void dispatch(const Poller::Event& event, TimePoint now);
+    void acceptAt(const Pollable* port, TimePoint now);
+    void doRound();
+    void pauseIntake(TimePoint now);
+    void relieveMemory();
+    Connection* largestConnection() const;
+    void closeForMemory(Connection& connection);
+    void collectClosed();
+    void addNumbers(Statistics::Numbers& numbers) const;
 
     Options mOptions;
     Refusals mRefusals;
-    zmq::context_t mContext;
-    RequestChannel mRequests;
-    PostChannel mPosts;
-    NotifyChannel mNotify;
+    MemoryBudget mBudget{mOptions.limits.memory};
+    Loop mLoop;
     DeviceState mState;
-    std::optional<StateFile> mStateFile;
-    StartupGate mStartup{[this](const std::string& connection) { return mRequests.isOpen(connection); }};
-    CatchUp mCatchUp;
+    RequestPort mRequests;
+    NotifyPort mNotify;
+    Outbox mOutbox;
+    PostApplier mApplier;
+    PostPort mPosts;
+    Answerer mAnswerer;
+    Questions mQuestions;
+    IntakePause mPause{mLoop.started};
     Supervisor mSupervisor;
-
-    std::vector<Announcement> mAnnouncements; // to be published when the changes are kept
-    std::size_t mAnnouncedBytes = 0;
-    std::vector<Reply> mReplies;                        // the same
-    std::deque<RequestChannel::Request> mRequestsTaken; // not answered yet
-    bool mPostsAwaited = false;                         // those before the requests taken
-    Ready mReady;
-    int mInterrupt = -1; // the descriptor that ends serveUntil()
-    TimePoint mEndOfWaits = TimePoint::max();
-    bool mSubscribersWait = false; // for what they missed
-    TimePoint mNextCatchUp{};
-    TimePoint mNextHeartbeat{};
-    TimePoint mNextLook{};
-    TimePoint mNextMoment{};
-
-    const TimePoint mStarted = Clock::now();
-    uint64_t mPostCount = 0;
-    std::map<std::string_view, uint64_t> mRequestCounts;
-    Durations mLoop;
+    Schedule mSchedule;
 };
 
 #endif

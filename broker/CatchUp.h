@@ -5,7 +5,7 @@
 #include <deque>
 #include <optional>
 
-#include "broker/Clock.h"
+#include "broker/base/Clock.h"
 
 /// Remembers from which point on subscribers have to be told of changes again.
 ///

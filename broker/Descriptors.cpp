@@ -7,7 +7,7 @@
 namespace
 {
 
-// For libzmq itself, the state file, the log, and connections that are just being refused.
+// For the ports, the state file, the log, and a connection that is just being refused.
 constexpr std::size_t reserve = 100;
 constexpr std::size_t ports = 3;
 

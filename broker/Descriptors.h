@@ -3,8 +3,7 @@
 
 #include <cstddef>
 
-/// The limit of open files. Should the descriptors run out, libzmq's I/O thread would spin on a connection
-/// that it cannot accept; so the connections are limited to what there is.
+/// The limit of open files. Connections are limited to what there is.
 namespace Descriptors
 {
 

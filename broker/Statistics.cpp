@@ -58,8 +58,20 @@ void Statistics::addVersion(Numbers& numbers)
     numbers["version.patch"] = STATUSBROKER_VERSION_PATCH;
 }
 
-void Statistics::addProcess(Numbers& numbers)
+void Statistics::Process::add(Numbers& numbers, TimePoint now)
 {
+    constexpr std::chrono::milliseconds pause{100};
+    if (mNumbers.empty() || now - mReadAt >= pause)
+    {
+        mNumbers = read();
+        mReadAt = now;
+    }
+    numbers.insert(mNumbers.begin(), mNumbers.end());
+}
+
+Statistics::Numbers Statistics::Process::read()
+{
+    Numbers numbers;
     std::error_code error;
     const std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
     numbers["descriptors.open"] = static_cast<uint64_t>(std::distance(begin(descriptors), end(descriptors)));
@@ -72,4 +84,5 @@ void Statistics::addProcess(Numbers& numbers)
     std::ifstream memory("/proc/self/statm");
     memory >> pages >> pages; // all, then the resident ones
     numbers["memory.rss"] = pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+    return numbers;
 }

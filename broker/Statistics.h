@@ -3,8 +3,10 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
+#include <string>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "broker/base/Clock.h"
 
 /// How long something took, over many times.
 class Durations
@@ -32,13 +34,24 @@ private:
 namespace Statistics
 {
 
-using Numbers = BrokerProtocol::Statistics;
+using Numbers = std::map<std::string, uint64_t>;
 
 /// The version of this program.
 void addVersion(Numbers& numbers);
 
 /// What the kernel knows about this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
-void addProcess(Numbers& numbers);
+/// Asking it takes a while, so that is done a few times a second at most.
+class Process
+{
+public:
+    void add(Numbers& numbers, TimePoint now);
+
+private:
+    static Numbers read();
+
+    Numbers mNumbers;
+    TimePoint mReadAt{};
+};
 
 } // namespace Statistics
 

@@ -4,7 +4,7 @@
 #include <optional>
 #include <string>
 
-#include "broker/Clock.h"
+#include "broker/base/Clock.h"
 
 /// Tells the service manager how the broker is doing. Does nothing where there is none. Never waits for it.
 class Supervisor

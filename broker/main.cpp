@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <malloc.h>
 #include <string>
 
 #include "broker/Broker.h"
@@ -65,6 +66,14 @@ void run(const CommandLine& commandLine)
     serve(commandLine, options);
 }
 
+// Freed memory goes back to the system where it is not between memory in use: large pieces are kept apart.
+void keepMemoryReturnable()
+{
+    constexpr int largePiece = 64 * 1024;
+    mallopt(M_MMAP_THRESHOLD, largePiece);
+    mallopt(M_TRIM_THRESHOLD, largePiece);
+}
+
 int complain(const std::exception& exception, int exitCode)
 {
     fprintf(stderr, "statusbroker: %s\n", exception.what());
@@ -75,7 +84,9 @@ int complain(const std::exception& exception, int exitCode)
 
 int main(int argc, char** argv)
 {
-    signal(SIGPIPE, SIG_IGN); // whoever reads our log may go away
+    signal(SIGPIPE, SIG_IGN); // the reader of the log may go away
+    ov_log_never_wait();      // or stop reading
+    keepMemoryReturnable();
     try
     {
         run(CommandLine(argc, argv));

@@ -10,12 +10,16 @@
 #include <cstring>
 #include <ctime>
 #include <exception>
+#include <fcntl.h>
 #include <fnmatch.h>
 #include <mutex>
 #include <new>
 #include <optional>
+#include <poll.h>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #include <utility>
@@ -298,6 +302,72 @@ void writeToStderr(std::string_view line)
     }
 }
 
+// Writes to stderr, and drops what would have to wait.
+//
+// Other processes share stderr, so it must not be made non-blocking itself: a pipe or a terminal is opened a
+// second time for that.
+class ImpatientOutput
+{
+public:
+    ImpatientOutput()
+    {
+        struct stat status
+        {
+        };
+        if (fstat(STDERR_FILENO, &status) != 0)
+            return;
+        mIsSocket = S_ISSOCK(status.st_mode);
+        if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))
+            mSecond = open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+    }
+
+    void print(const std::string& line)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex); // nobody waits here
+        if (mDropped != 0 && send(noticeOf(mDropped)))
+            mDropped = 0;
+        if (mDropped != 0 || !send(line))
+            ++mDropped;
+    }
+
+private:
+    static std::string noticeOf(unsigned dropped)
+    {
+        const std::string text = std::to_string(dropped) + " log lines were dropped, nobody read them";
+        return lineOf({2, __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, 0, text.c_str()});
+    }
+
+    // False if it would have to wait. A line of which only a part was taken is ended with the next.
+    bool send(const std::string& line)
+    {
+        const std::string whole = (mIsCut ? "\n" : "") + line;
+        const ssize_t count = sendSome(whole);
+        if (count > 0)
+            mIsCut = static_cast<std::size_t>(count) < whole.size();
+        return count == static_cast<ssize_t>(whole.size());
+    }
+
+    ssize_t sendSome(const std::string& text) const
+    {
+        if (mIsSocket)
+            return ::send(STDERR_FILENO, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (mSecond != -1)
+            return write(mSecond, text.data(), text.size());
+        pollfd item{STDERR_FILENO, POLLOUT, 0};
+        if (poll(&item, 1, 0) != 1)
+            return -1;
+        return write(STDERR_FILENO, text.data(), text.size());
+    }
+
+    bool mIsSocket = false;
+    int mSecond = -1;
+    std::mutex mMutex;
+    bool mIsCut = false; // the last line
+    unsigned mDropped = 0;
+};
+
+std::atomic<ImpatientOutput*> impatientOutput{nullptr};
+
 __attribute__((format(printf, 5, 0))) void print(int level, const char* function, const char* file, int line,
                                                  const char* format, va_list arguments)
 {
@@ -307,6 +377,8 @@ __attribute__((format(printf, 5, 0))) void print(int level, const char* function
     const Sink sink = readSink();
     if (sink.function != nullptr)
         sink.function(&record, sink.context);
+    else if (ImpatientOutput* output = impatientOutput.load(std::memory_order_acquire))
+        output->print(lineOf(record));
     else
         writeToStderr(lineOf(record));
 }
@@ -354,6 +426,13 @@ void ov_log_set_sink(ov_log_sink sink, void* context)
 {
     const std::lock_guard<std::mutex> lock(sinkMutex());
     currentSink = {sink, context};
+}
+
+void ov_log_never_wait()
+{
+    // Never destroyed: threads log until the very end of the process.
+    static auto* output = new ImpatientOutput;
+    impatientOutput.store(output, std::memory_order_release);
 }
 
 void Tracer::begin() const

@@ -65,6 +65,12 @@ extern "C"
     /// lock while it logs, so a sink that calls it then waits for ever.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
+    /// From now on, printing to stderr never waits. A message that stderr does not take at once is dropped,
+    /// and the next one that it takes is preceded by the number of those. For a process that must go on
+    /// whatever becomes of the reader of its log; it should ignore SIGPIPE, too. Call it before other threads
+    /// log.
+    OV_EXPORT void ov_log_never_wait(void);
+
     /// The current indentation of trace output, in columns. Shared by all threads without a lock: scopes of
     /// concurrent threads shift each other's indentation, which is accepted. Access it and the step with the
     /// compiler's atomic builtins.

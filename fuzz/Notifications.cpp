@@ -1,7 +1,7 @@
 // Notifications, as the library reads them.
 
 #include "fuzz/Fuzz.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 using BrokerProtocol::Notification;
 

@@ -3,7 +3,7 @@
 #include <json/json.h>
 
 #include "fuzz/Fuzz.h"
-#include "statusmanager/PlainDocument.h"
+#include "protocol/PlainDocument.h"
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 

@@ -1,7 +1,7 @@
 // Replies, as the library reads them.
 
 #include "fuzz/Fuzz.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

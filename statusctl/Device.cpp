@@ -8,7 +8,7 @@
 #include "statusctl/Duration.h"
 #include "statusctl/Ports.h"
 #include "statusctl/Text.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 namespace
 {

@@ -8,7 +8,7 @@
 #include "statusctl/Listeners.h"
 #include "statusctl/Ports.h"
 #include "statusctl/RoundTrips.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 /// What is wrong with a device's status, and what to do about it. Pure: told the facts, it finds the faults.
 namespace Diagnosis

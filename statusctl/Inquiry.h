@@ -4,7 +4,7 @@
 #include <string>
 
 #include "statusctl/Settings.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 /// What the broker counts about itself, asked for on a connection of its own: the library has no operation
 /// for it.

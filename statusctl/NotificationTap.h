@@ -6,7 +6,7 @@
 #include <thread>
 #include <zmq.hpp>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 /// Hears all notifications of the broker, whatever their names: the library tells only of names that are
 /// known beforehand. A subscription of its own, so the broker sends this process everything twice.

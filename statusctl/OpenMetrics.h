@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 namespace OpenMetrics
 {

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/Words.h"
 #include "statusmanager/PostFlow.h"
 
 using BrokerProtocol::maxFrameBytes;

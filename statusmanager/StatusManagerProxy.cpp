@@ -10,7 +10,7 @@
 
 #include "common/Calls.h"
 #include "common/Logging.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 #include "statusmanager/OutgoingMessage.h"
 #include "statusmanager/PostFlow.h"
 
@@ -26,10 +26,6 @@ using string = std::string;
 
 namespace
 {
-
-constexpr const char* requestEndpoint = "tcp://127.0.0.1:5555";
-constexpr const char* postEndpoint = "tcp://127.0.0.1:5556";
-constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
 
 constexpr int noTimeLimit = -1;
 
@@ -151,13 +147,13 @@ void StatusManagerProxy::initSockets()
         return;
     }
     OV_LOG(7, "Connecting post socket");
-    if (zmq_connect(mPostSocket, postEndpoint) != 0)
+    if (zmq_connect(mPostSocket, BrokerProtocol::postEndpoint) != 0)
     {
         OV_LOG(0, "Failed to connect post socket");
         return;
     }
     OV_LOG(7, "Connecting request socket");
-    if (zmq_connect(mRequestSocket, requestEndpoint) != 0)
+    if (zmq_connect(mRequestSocket, BrokerProtocol::requestEndpoint) != 0)
     {
         OV_LOG(0, "Failed to connect requester");
         return;
@@ -376,7 +372,7 @@ void StatusManagerProxy::processStatusMessages(void* context)
     OV_LOG(7, "Creating notify socket");
     mNotifySocket = zmq_socket(context, ZMQ_SUB);
     OV_LOG(7, "Connecting notify socket");
-    if (zmq_connect(mNotifySocket, notifyEndpoint) != 0)
+    if (zmq_connect(mNotifySocket, BrokerProtocol::notifyEndpoint) != 0)
         OV_LOG(0, "Failed to connect mNotifySocket");
     OV_LOG(7, "Setting notify socket options");
     if (zmq_setsockopt(mNotifySocket, ZMQ_SUBSCRIBE, "", 0) != 0)

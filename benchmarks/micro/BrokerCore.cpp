@@ -5,7 +5,7 @@
 
 #include "benchmarks/micro/Measured.h"
 #include "benchmarks/micro/Samples.h"
-#include "broker/DeviceState.h"
+#include "broker/state/DeviceState.h"
 
 namespace Key = BrokerProtocol::Key;
 

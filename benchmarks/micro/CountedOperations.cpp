@@ -11,10 +11,10 @@
 #include "benchmarks/micro/Allocations.h"
 #include "benchmarks/micro/FanOut.h"
 #include "benchmarks/micro/Samples.h"
-#include "broker/DeviceState.h"
+#include "broker/state/DeviceState.h"
 #include "common/EventAgent.h"
 #include "common/EventDispatcher.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 using namespace Orvane;
 

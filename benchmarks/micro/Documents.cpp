@@ -6,7 +6,7 @@
 
 #include "benchmarks/micro/Measured.h"
 #include "benchmarks/micro/Samples.h"
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 namespace Key = BrokerProtocol::Key;
 

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 
-#include "broker/Refusals.h"
+#include "broker/base/Refusals.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 

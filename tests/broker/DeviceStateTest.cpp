@@ -1,4 +1,4 @@
-#include "broker/DeviceState.h"
+#include "broker/state/DeviceState.h"
 
 #include <gtest/gtest.h>
 #include <malloc.h>

@@ -15,7 +15,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "broker/Refusals.h"
+#include "broker/base/Refusals.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/Sanitized.h"

@@ -1,4 +1,4 @@
-#include "broker/Refusals.h"
+#include "broker/base/Refusals.h"
 
 #include <gtest/gtest.h>
 #include <set>

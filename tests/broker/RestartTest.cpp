@@ -6,7 +6,7 @@
 #include <memory>
 #include <random>
 
-#include "broker/StateFile.h"
+#include "broker/state/StateFile.h"
 #include "common/EventThread.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ProxyClient.h"

@@ -1,4 +1,4 @@
-#include "broker/StateFile.h"
+#include "broker/state/StateFile.h"
 
 #include <array>
 #include <atomic>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 
 using namespace BrokerProtocol;
 

@@ -2,7 +2,7 @@
 #include <json/json.h>
 #include <random>
 
-#include "statusmanager/PlainDocument.h"
+#include "protocol/PlainDocument.h"
 
 #pragma GCC diagnostic ignored                                                                               \
     "-Wdeprecated-declarations" // Json::FastWriter and Json::Reader: the wire format is theirs

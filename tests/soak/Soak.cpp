@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/ClientDocuments.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/Sanitized.h"

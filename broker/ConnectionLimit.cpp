@@ -1,0 +1,22 @@
+#include "broker/ConnectionLimit.h"
+
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
+
+void ConnectionLimit::added(std::size_t inUse)
+{
+    const bool isScarce = inUse * 10 >= mLimit * 9;
+    if (isScarce && !mHasWarned)
+        OV_LOG(2, "%zu of %zu connections to the %s port are in use", inUse, mLimit, mName);
+    mHasWarned = isScarce || (mHasWarned && inUse * 10 >= mLimit * 8);
+}
+
+void ConnectionLimit::full()
+{
+    mRefusals.report(
+        Refusal::Connections,
+        "All %zu connections to the %s port are in use: one that has not spoken makes room, or the "
+        "new one is refused",
+        mLimit, mName);
+}

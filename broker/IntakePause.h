@@ -1,0 +1,48 @@
+#ifndef BROKER_INTAKEPAUSE_H
+#define BROKER_INTAKEPAUSE_H
+
+#include <algorithm>
+
+#include "broker/base/Clock.h"
+
+/// Decides when posts are left unread for a while, so that a subscriber that is merely slower than a burst
+/// gets all of it. Requests go on.
+///
+/// The intake pauses for at most 500 ms in all; a second without a pause gives back 250 ms of that. Beyond
+/// it, slow subscribers fall behind.
+class IntakePause
+{
+public:
+    using Duration = std::chrono::microseconds;
+
+    static constexpr Duration most{500000};
+    static constexpr int share = 4;
+
+    explicit IntakePause(TimePoint now) : mSince(now) {}
+
+    /// @param backlog bytes that the slowest subscriber lacks that still takes some
+    /// @param limit of the log of notifications, in bytes
+    /// @returns whether the intake is to be paused from now on
+    bool decide(std::size_t backlog, std::size_t limit, TimePoint now)
+    {
+        const auto passed = std::chrono::duration_cast<Duration>(now - mSince);
+        mSince = now;
+        mLeft = mIsPaused ? mLeft - passed : std::min(most, mLeft + passed / share);
+        // Begins and ends at different lengths, or it would begin and end all the time.
+        const bool isLong = backlog > (mIsPaused ? limit / 2 : limit / 4 * 3);
+        mIsPaused = isLong && mLeft > (mIsPaused ? Duration(0) : most / share);
+        return mIsPaused;
+    }
+
+    bool isPaused() const { return mIsPaused; }
+
+    /// When it ends at the latest.
+    TimePoint due() const { return mIsPaused ? mSince + mLeft : TimePoint::max(); }
+
+private:
+    bool mIsPaused = false;
+    Duration mLeft = most;
+    TimePoint mSince;
+};
+
+#endif

@@ -1,0 +1,29 @@
+#ifndef BROKER_MEMORYBUDGET_H
+#define BROKER_MEMORYBUDGET_H
+
+#include <cstddef>
+
+/// Counts the memory that all connections together hold: unfinished messages, requests, replies, and the
+/// notifications on their way.
+class MemoryBudget
+{
+public:
+    /// @param limit may change; must outlive it
+    explicit MemoryBudget(const std::size_t& limit) : mLimit(limit) {}
+
+    /// Replaces what a holder was counted with.
+    void update(std::size_t& counted, std::size_t now)
+    {
+        mHeld = mHeld - counted + now;
+        counted = now;
+    }
+
+    bool isExceeded() const { return mHeld > mLimit; }
+    std::size_t held() const { return mHeld; }
+
+private:
+    const std::size_t& mLimit;
+    std::size_t mHeld = 0;
+};
+
+#endif

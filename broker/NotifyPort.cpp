@@ -1,0 +1,347 @@
+#include "broker/NotifyPort.h"
+
+#include <algorithm>
+#include <array>
+#include <numeric>
+#include <sys/socket.h>
+
+#include "broker/wire/FrameWriter.h"
+#include "protocol/BrokerDocuments.h"
+#include "protocol/Words.h"
+
+using namespace std::string_view_literals;
+
+namespace
+{
+
+constexpr std::size_t bufferBytes = 4096;
+
+// The library subscribes once, to everything; tools to a few prefixes.
+constexpr std::size_t mostPrefixes = 16;
+constexpr std::size_t longestPrefix = 255;
+
+// What the kernel holds for a subscriber: much for a few, so that each is woken seldom, and little for many.
+// The kernel doubles the number, and takes twice as much for its own purposes.
+constexpr std::size_t largestSendBuffer = std::size_t{256} * 1024;
+constexpr std::size_t smallestSendBuffer = std::size_t{16} * 1024;
+constexpr std::size_t allSendBuffers = std::size_t{16} * 1024 * 1024;
+
+// Values that a subscriber missed go out in messages of about this size.
+constexpr std::size_t missedBytes = std::size_t{64} * 1024;
+
+// Sent of those to one subscriber before the others have their turn.
+constexpr std::size_t turnBytes = std::size_t{256} * 1024;
+
+// A subscriber that has taken nothing for so long has stopped.
+constexpr std::chrono::milliseconds progressTime{250};
+
+bool takePrefix(std::string_view& text, std::string_view prefix)
+{
+    if (text.substr(0, prefix.size()) != prefix)
+        return false;
+    text.remove_prefix(prefix.size());
+    return true;
+}
+
+bool startsWith(std::string_view text, std::string_view prefix)
+{
+    return text.substr(0, prefix.size()) == prefix;
+}
+
+} // namespace
+
+bool NotifyConnection::wants(std::string_view message) const
+{
+    return std::any_of(prefixes.begin(), prefixes.end(),
+                       [&](const std::string& prefix) { return startsWith(message, prefix); });
+}
+
+NotifyPort::NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+                       const DeviceState& state, OnSubscribed onSubscribed)
+    : Port(poller, BrokerProtocol::notifyPort, Handshake::Kind::Notify, 0), mBudget(budget),
+      mRefusals(refusals), mState(state), mOnSubscribed(std::move(onSubscribed)),
+      mLimit("notify", limits.connections, refusals), mBuffer(bufferBytes)
+{
+}
+
+void NotifyPort::onAccepted(NotifyConnection& connection)
+{
+    const int bytes =
+        static_cast<int>(std::clamp(allSendBuffers / peers().size(), smallestSendBuffer, largestSendBuffer));
+    setsockopt(connection.descriptor(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+    mLimit.added(peers().size());
+}
+
+void NotifyPort::onClose(NotifyConnection& connection)
+{
+    if (connection.state == NotifyConnection::State::Following)
+        mLog.leave(connection.position);
+    connection.state = NotifyConnection::State::Idle;
+    mBudget.update(connection.accounted, 0);
+}
+
+// ------------------------------------------------------------------------------------------- subscriptions
+
+void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint now)
+{
+    if ((what & EPOLLOUT) != 0)
+        connection.isFull = false; // flush() sends
+    if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
+        read(connection, now);
+    update(connection);
+}
+
+void NotifyPort::read(NotifyConnection& connection, TimePoint)
+{
+    const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
+    std::string_view bytes(mBuffer.data(), count);
+    FrameReader::Item item;
+    bool opened = false;
+    for (;;)
+    {
+        const FrameReader::Result result = connection.next(bytes, longestPrefix + 1, item, opened);
+        if (opened)
+            noteOpened(connection);
+        opened = false;
+        if (result == FrameReader::Result::NeedsMore)
+            return;
+        if (result == FrameReader::Result::TooLong || result == FrameReader::Result::Endless)
+            mRefusals.reportLong("Subscription", result == FrameReader::Result::Endless, longestPrefix);
+        else if (result == FrameReader::Result::Command)
+            takeCommand(connection, item.body);
+        else if (result == FrameReader::Result::Message && takePrefix(item.body, "\1"sv))
+            subscribe(connection, item.body); // as peers of version 3.0 do it
+        else if (result == FrameReader::Result::Message && takePrefix(item.body, "\0"sv))
+            cancel(connection, item.body);
+    }
+}
+
+void NotifyPort::takeCommand(NotifyConnection& connection, std::string_view command)
+{
+    if (takePrefix(command, "\x09SUBSCRIBE"sv))
+        subscribe(connection, command);
+    else if (takePrefix(command, "\6CANCEL"sv))
+        cancel(connection, command);
+}
+
+void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix)
+{
+    if (connection.prefixes.size() == mostPrefixes || prefix.size() > longestPrefix)
+        return mRefusals.report(Refusal::Subscriptions,
+                                "Subscription refused, a connection may have %zu of %zu bytes", mostPrefixes,
+                                longestPrefix);
+    connection.prefixes.emplace_back(prefix);
+    if (connection.state != NotifyConnection::State::Idle)
+        return;
+    connection.state = NotifyConnection::State::Behind;
+    connection.revision = mOnSubscribed();
+    connection.eventsKnown = mLog.eventsSoFar();
+}
+
+void NotifyPort::cancel(NotifyConnection& connection, std::string_view prefix)
+{
+    const auto found = std::find(connection.prefixes.begin(), connection.prefixes.end(), prefix);
+    if (found == connection.prefixes.end())
+        return;
+    connection.prefixes.erase(found);
+    if (!connection.prefixes.empty())
+        return;
+    if (connection.state == NotifyConnection::State::Following)
+        fallBehind(connection);
+    connection.state = NotifyConnection::State::Idle;
+}
+
+// ------------------------------------------------------------------------------------------------- sending
+
+void NotifyPort::publish(std::string_view message, uint64_t revision, uint64_t events)
+{
+    mLog.append(message, revision, events);
+    ++mPublished;
+}
+
+void NotifyPort::flush(TimePoint now)
+{
+    // Backwards, as sending may show that one has gone.
+    for (std::size_t index = peers().size(); index-- > 0;)
+    {
+        NotifyConnection& connection = *peers()[index];
+        const bool isDone =
+            connection.state == NotifyConnection::State::Idle ||
+            (connection.state == NotifyConnection::State::Following && connection.position == mLog.end());
+        if (connection.isFull || (isDone && !connection.hasOutput()))
+            continue;
+        send(connection, now);
+        update(connection);
+    }
+    mLog.trim();
+    mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+void NotifyPort::send(NotifyConnection& connection, TimePoint now)
+{
+    const std::size_t before = connection.outputBytes();
+    if (!connection.flush())
+    {
+        connection.isFull = true;
+        if (connection.outputBytes() != before)
+            connection.tookAt = now;
+        return;
+    }
+    bool isDone = true;
+    if (connection.state == NotifyConnection::State::Behind)
+        isDone = sendMissed(connection);
+    if (isDone && connection.state == NotifyConnection::State::Following)
+        isDone = connection.wantsAll() ? sendLog(connection, now) : sendMatching(connection);
+    connection.isFull = !isDone;
+}
+
+bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
+{
+    std::array<iovec, 16> pieces{};
+    while (connection.position != mLog.end())
+    {
+        const std::size_t count = mLog.pieces(connection.position, mLog.end(), pieces.data(), pieces.size());
+        const std::size_t sent = connection.sendPieces(pieces.data(), count);
+        moveTo(connection, connection.position + sent);
+        if (sent != 0)
+            connection.tookAt = now;
+        if (sent != std::accumulate(pieces.begin(), pieces.begin() + count, std::size_t{0},
+                                    [](std::size_t sum, const iovec& piece) { return sum + piece.iov_len; }))
+            return false;
+    }
+    return true;
+}
+
+// Copies what it wants: its position is always between two messages.
+bool NotifyPort::sendMatching(NotifyConnection& connection)
+{
+    std::string begin;
+    while (const NotificationLog::Message* message = mLog.messageBehind(connection.position))
+    {
+        begin.clear();
+        mLog.copyBeginning(connection.position, longestPrefix, begin);
+        if (connection.wants(begin))
+            mLog.copy(connection.position, message->end, connection.output());
+        moveTo(connection, message->end);
+        if (connection.outputBytes() >= turnBytes && !connection.flush())
+            return false;
+    }
+    return connection.flush();
+}
+
+// The latest values of what changed while it was behind; in the order of the changes, so that the next
+// message goes on where this one ended.
+bool NotifyPort::sendMissed(NotifyConnection& connection)
+{
+    for (std::size_t sent = 0; sent < turnBytes; sent += missedBytes)
+    {
+        const DeviceState::Value* value = mState.changedSince(connection.revision);
+        if (value == nullptr)
+        {
+            follow(connection);
+            return true;
+        }
+        collectMissed(connection, value);
+        if (!connection.flush())
+            return false;
+    }
+    return false;
+}
+
+void NotifyPort::collectMissed(NotifyConnection& connection, const DeviceState::Value* value)
+{
+    // One by one for a subscriber that may want only some of them.
+    const std::size_t most = connection.wantsAll() ? missedBytes : 1;
+    DeviceState::Members members;
+    for (std::size_t bytes = 0; value != nullptr && bytes < most; value = value->newer)
+    {
+        members.push_back({value->key, value->text});
+        bytes += value->key.size() + value->text.size() + 1;
+        connection.revision = value->revision;
+    }
+    std::sort(members.begin(), members.end(),
+              [](const auto& one, const auto& other) { return one.name < other.name; });
+    std::string text;
+    BrokerProtocol::appendUpdate(text, BrokerProtocol::Key::statusUpdate, members);
+    if (connection.wants(text))
+        FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
+}
+
+// --------------------------------------------------------------------------------------- following the log
+
+void NotifyPort::follow(NotifyConnection& connection)
+{
+    connection.state = NotifyConnection::State::Following;
+    connection.position = mLog.end();
+    mLog.enter(connection.position);
+    mMissedEvents += mLog.eventsSoFar() - connection.eventsKnown;
+}
+
+void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position position)
+{
+    mLog.advance(connection.position, position);
+    connection.position = position;
+}
+
+// It still gets the rest of the message that it is in.
+void NotifyPort::fallBehind(NotifyConnection& connection)
+{
+    const NotificationLog::Message& message = mLog.messageAt(connection.position);
+    mLog.copy(connection.position, message.end, connection.output());
+    mLog.leave(connection.position);
+    connection.state = NotifyConnection::State::Behind;
+    connection.revision = message.revision;
+    connection.eventsKnown = message.eventsUpTo;
+}
+
+void NotifyPort::shortenLog(std::size_t bytes)
+{
+    while (mLog.heldBytes() > bytes && mLog.endOfOldest() != 0)
+    {
+        const NotificationLog::Position end = mLog.endOfOldest();
+        for (const auto& connection : peers())
+        {
+            if (connection->state != NotifyConnection::State::Following || connection->position >= end)
+                continue;
+            fallBehind(*connection);
+            ++mFallenBehind;
+            mBudget.update(connection->accounted, connection->heldBytes());
+        }
+        mLog.trim();
+    }
+    mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+std::size_t NotifyPort::backlog(TimePoint now) const
+{
+    NotificationLog::Position slowest = mLog.end();
+    for (const auto& connection : peers())
+    {
+        if (connection->state == NotifyConnection::State::Following &&
+            now - connection->tookAt < progressTime)
+            slowest = std::min(slowest, connection->position);
+    }
+    return static_cast<std::size_t>(mLog.end() - slowest);
+}
+
+bool NotifyPort::hasOutput() const
+{
+    return std::any_of(peers().begin(), peers().end(),
+                       [this](const auto& connection)
+                       {
+                           return connection->hasOutput() ||
+                                  (connection->state == NotifyConnection::State::Following &&
+                                   connection->position != mLog.end());
+                       });
+}
+
+// ------------------------------------------------------------------------------------------- housekeeping
+
+// What follows from what it has sent, or been sent.
+void NotifyPort::update(NotifyConnection& connection)
+{
+    if (connection.isDead())
+        return close(connection);
+    mBudget.update(connection.accounted, connection.heldBytes());
+    poll(connection, EPOLLIN | (connection.isFull || connection.hasOutput() ? EPOLLOUT : 0U));
+}

@@ -1,0 +1,117 @@
+#ifndef BROKER_NOTIFYPORT_H
+#define BROKER_NOTIFYPORT_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "broker/ConnectionLimit.h"
+#include "broker/MemoryBudget.h"
+#include "broker/base/Limits.h"
+#include "broker/base/Refusals.h"
+#include "broker/state/DeviceState.h"
+#include "broker/wire/NotificationLog.h"
+#include "broker/wire/Port.h"
+
+/// A subscriber.
+class NotifyConnection : public Connection
+{
+public:
+    using Connection::Connection;
+
+    enum class State
+    {
+        Idle,      ///< has not subscribed
+        Following, ///< reads the log
+        Behind,    ///< the log has gone on without it: it gets the latest values first
+    };
+
+    State state = State::Idle;
+    NotificationLog::Position position = 0; ///< Following
+    uint64_t revision = 0;                  ///< Behind: knows the values up to this one
+    uint64_t eventsKnown = 0;               ///< Behind: knows, or cannot want, the events up to this one
+    std::vector<std::string> prefixes;      ///< of the messages that it wants; as subscribed, also twice
+    bool isFull = false;                    ///< the kernel takes no more until it says so
+    TimePoint tookAt{};                     ///< when it last took something
+
+    bool wantsAll() const { return prefixes.size() == 1 && prefixes.front().empty(); }
+    bool wants(std::string_view message) const;
+};
+
+/// The port on which changes are published.
+///
+/// A notification stands once, in a log. Each subscriber is sent the log from its own position on, as fast as
+/// it takes it. The log is bounded: a subscriber that is too far back falls behind. It gets the rest of the
+/// message that it is in; when it takes bytes again, the latest values of the keys that changed meanwhile;
+/// then it follows the log again. Nothing waits for it. Events in between are lost, and counted.
+class NotifyPort : public Port<NotifyConnection>
+{
+public:
+    /// Returns the revision since which a new subscriber has to be told of values.
+    using OnSubscribed = std::function<uint64_t()>;
+
+    /// All must outlive it.
+    NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+               const DeviceState& state, OnSubscribed onSubscribed);
+
+    void serve(NotifyConnection& connection, uint32_t what, TimePoint now);
+
+    /// Puts a notification into the log; flush() sends it.
+    /// @param revision of the state to which it brings its readers
+    /// @param events how many it holds
+    void publish(std::string_view message, uint64_t revision, uint64_t events);
+
+    /// Sends every subscriber what it lacks, as far as the kernel takes it.
+    void flush(TimePoint now);
+
+    /// Lets subscribers fall behind until the log holds at most so many bytes.
+    void shortenLog(std::size_t bytes);
+
+    /// How many bytes the slowest follower lacks of those that have taken some lately.
+    std::size_t backlog(TimePoint now) const;
+
+    /// Whether something waits that the kernel did not take.
+    bool hasOutput() const;
+
+    bool hasSubscribers() const { return openPeers() != 0; }
+
+    const NotificationLog& log() const { return mLog; }
+    uint64_t published() const { return mPublished; }
+    uint64_t missedEvents() const { return mMissedEvents; }
+    uint64_t fallenBehind() const { return mFallenBehind; }
+
+private:
+    std::size_t most() const override { return mLimit.most(); }
+    void onFull() override { mLimit.full(); }
+    void onAccepted(NotifyConnection& connection) override;
+    void onClose(NotifyConnection& connection) override;
+    void read(NotifyConnection& connection, TimePoint now) override;
+
+    void takeCommand(NotifyConnection& connection, std::string_view command);
+    void subscribe(NotifyConnection& connection, std::string_view prefix);
+    void cancel(NotifyConnection& connection, std::string_view prefix);
+    void send(NotifyConnection& connection, TimePoint now);
+    bool sendLog(NotifyConnection& connection, TimePoint now);
+    bool sendMatching(NotifyConnection& connection);
+    bool sendMissed(NotifyConnection& connection);
+    void collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
+    void follow(NotifyConnection& connection);
+    void fallBehind(NotifyConnection& connection);
+    void moveTo(NotifyConnection& connection, NotificationLog::Position position);
+    void update(NotifyConnection& connection);
+
+    MemoryBudget& mBudget;
+    Refusals& mRefusals;
+    const DeviceState& mState;
+    OnSubscribed mOnSubscribed;
+    ConnectionLimit mLimit;
+    NotificationLog mLog;
+    std::size_t mLogCounted = 0;
+    uint64_t mPublished = 0;
+    uint64_t mMissedEvents = 0;
+    uint64_t mFallenBehind = 0;
+    std::vector<char> mBuffer;
+};
+
+#endif

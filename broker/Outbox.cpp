@@ -1,0 +1,90 @@
+#include "broker/Outbox.h"
+
+#include <algorithm>
+
+namespace
+{
+
+// Changes are kept together: at most so many bytes of what is to be published wait for that.
+constexpr std::size_t batchBytes = std::size_t{256} * 1024;
+
+// How often the state file is told that time goes on, while timers run.
+constexpr std::chrono::seconds momentPause{60};
+
+// How often what could not be written is tried again, while nothing else changes.
+constexpr std::chrono::seconds rewritePause{1};
+
+} // namespace
+
+Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, RequestPort& requests)
+    : mState(state), mNotify(notify), mRequests(requests)
+{
+    if (options.stateFile.empty())
+        return;
+    mStateFile.emplace(options.stateFile, options.stateSync, options.stateKeys,
+                       [this] { return mState.everything(); });
+    mState.restore(mStateFile->load());
+}
+
+void Outbox::publish(const std::string& notification, uint64_t events)
+{
+    if (!mStateFile)
+        return mNotify.publish(notification, mState.revision(), events);
+    mNotifications.push_back({notification, mState.revision(), events});
+    mBytes += notification.size();
+    if (mBytes >= batchBytes)
+        settle();
+}
+
+void Outbox::reply(RequestConnection& connection, Reply reply)
+{
+    if (!mStateFile)
+        return mRequests.reply(connection, std::move(reply));
+    mAnswers.push_back({&connection, std::move(reply)});
+}
+
+void Outbox::settle()
+{
+    if (!mStateFile)
+        return;
+    const SavedState changes = mState.takeChanges();
+    if (!changes.empty())
+        mStateFile->commit(changes);
+    for (const Notification& notification : mNotifications)
+        mNotify.publish(notification.text, notification.revision, notification.events);
+    mNotifications.clear();
+    mBytes = 0;
+    // One by one: answering may show that a connection has gone, and bring the next question.
+    while (!mAnswers.empty())
+    {
+        Answer answer = std::move(mAnswers.back());
+        mAnswers.pop_back();
+        mRequests.reply(*answer.connection, std::move(answer.reply));
+    }
+}
+
+void Outbox::forget(RequestConnection& connection)
+{
+    mAnswers.erase(std::remove_if(mAnswers.begin(), mAnswers.end(),
+                                  [&](const Answer& answer) { return answer.connection == &connection; }),
+                   mAnswers.end());
+}
+
+TimePoint Outbox::due() const
+{
+    const bool isDue = mStateFile && (mState.hasRunningTimers() || mStateFile->isBehind());
+    return isDue ? mNextMoment : TimePoint::max();
+}
+
+void Outbox::doWhatIsDue(TimePoint now)
+{
+    mStateFile->commit({});
+    mNextMoment = now + (mStateFile->isBehind() ? rewritePause : momentPause);
+}
+
+void Outbox::finish()
+{
+    settle();
+    if (mStateFile)
+        mStateFile->commit({});
+}

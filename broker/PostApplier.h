@@ -1,0 +1,42 @@
+#ifndef BROKER_POSTAPPLIER_H
+#define BROKER_POSTAPPLIER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "broker/Options.h"
+#include "broker/Outbox.h"
+#include "broker/base/Refusals.h"
+#include "broker/state/DeviceState.h"
+#include "protocol/BrokerDocuments.h"
+
+/// Does what posts ask for, and publishes what follows.
+class PostApplier
+{
+public:
+    /// All must outlive it.
+    PostApplier(const Options& options, Refusals& refusals, DeviceState& state, Outbox& outbox)
+        : mOptions(options), mRefusals(refusals), mState(state), mOutbox(outbox)
+    {
+    }
+
+    void apply(std::string_view post);
+
+    uint64_t count() const { return mCount; }
+
+private:
+    void apply(const BrokerProtocol::Command& command);
+    void publish(const char* key, const DeviceState::Members& members, uint64_t events);
+    void setSystemTime(uint32_t seconds);
+
+    const Options& mOptions;
+    Refusals& mRefusals;
+    DeviceState& mState;
+    Outbox& mOutbox;
+    BrokerProtocol::Command mCommand;
+    std::string mNotification;
+    uint64_t mCount = 0;
+};
+
+#endif

@@ -1,0 +1,115 @@
+#ifndef BROKER_POSTPORT_H
+#define BROKER_POSTPORT_H
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "broker/ConnectionLimit.h"
+#include "broker/MemoryBudget.h"
+#include "broker/base/Limits.h"
+#include "broker/Patience.h"
+#include "broker/base/Refusals.h"
+#include "broker/wire/Port.h"
+
+/// A connection on which a client posts.
+class PostConnection : public Connection
+{
+public:
+    using Connection::Connection;
+
+    // ---- Barriers. The answer to the last PING is under way while `ponged` is less than `pinged`.
+    uint64_t pinged = 0; ///< for which barrier
+    uint64_t ponged = 0;
+    TimePoint waitedSince{};      ///< for the oldest answer
+    TimePoint endOfQueryWait{};   ///< queries do not wait beyond this
+    TimePoint endOfSyncWait{};    ///< nothing does, and no further PING is sent
+    bool hasDisappointed = false; ///< queries, since `waitedSince`
+    Patience patience;
+    std::size_t bytesSincePong = 0;
+    bool isTouched = false; ///< something has come since
+
+    // ---- Start. Posts can arrive when the PING behind the subscription is answered.
+    bool isSubscribed = false;
+    std::optional<TimePoint> startsWaitSince; ///< for that
+
+    bool isReady = false; ///< to be read
+};
+
+/// The port on which posts arrive.
+///
+/// Posts and requests travel on two connections, so a request can overtake the posts that its client made
+/// before it. A request is answered behind a barrier, therefore. For that, what has arrived on post
+/// connections is taken in. Where much has come since the last look, more may be on its way: in the client's
+/// kernel, or in its libzmq. So the broker sends a PING there, whose answer comes behind all that the client
+/// had let go of, and waits for the answer.
+class PostPort : public Port<PostConnection>
+{
+public:
+    using OnPost = std::function<void(std::string_view)>;
+
+    /// All must outlive it.
+    PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals, OnPost onPost);
+
+    /// Something can be read, or written, or has ended. Reading waits for takePosts().
+    void serve(PostConnection& connection, uint32_t what);
+
+    /// Reads from the connections in turn, as long as there is something, until this time.
+    void takePosts(TimePoint end);
+
+    /// Connections wait to be read.
+    bool hasPosts() const { return !mReady.empty(); }
+
+    /// Opens a barrier behind all that clients have posted by now, and takes in what has arrived of it.
+    /// @param isSync waits also for connections from which only little has come
+    uint64_t openBarrier(bool isSync, TimePoint now);
+
+    /// Whether all that was posted before has been taken in, or is not waited for any longer.
+    bool isReached(uint64_t barrier, bool isSync, TimePoint now) const;
+
+    /// When that may be so because a wait ends.
+    TimePoint due() const override;
+    void doWhatIsDue(TimePoint now) override;
+
+    /// Whether the first posts of the clients can arrive whose post connections were accepted before this
+    /// moment. A connection that does not show it is waited for only once.
+    bool areSubscribed(TimePoint acceptedBefore, TimePoint now);
+
+    /// While it is paused, nothing is read but what a barrier waits for.
+    void pause(bool does);
+
+private:
+    std::size_t most() const override { return mLimit.most(); }
+    void onFull() override { mLimit.full(); }
+    void onAccepted(PostConnection& connection) override;
+    void onClose(PostConnection& connection) override;
+    void read(PostConnection& connection, TimePoint now) override;
+
+    void open(PostConnection& connection);
+    void take(FrameReader::Result result, const FrameReader::Item& item);
+    void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
+    void takeArrivals(TimePoint now);
+    void ping(PostConnection& connection, TimePoint now);
+    void beginWait(PostConnection& connection, TimePoint now);
+    void endWait(PostConnection& connection);
+    void update(PostConnection& connection);
+
+    MemoryBudget& mBudget;
+    const Limits& mLimits;
+    Refusals& mRefusals;
+    OnPost mOnPost;
+    ConnectionLimit mLimit;
+    Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
+    uint64_t mBarrier = 0;
+    std::deque<PostConnection*> mReady;    // to be read, in turn
+    std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
+    std::vector<PostConnection*> mAwaited; // whose answer to a PING is waited for
+    SharedPatience mPatience;
+    bool mIsPaused = false;
+    std::vector<char> mBuffer;
+};
+
+#endif

@@ -1,0 +1,193 @@
+#include "broker/Questions.h"
+
+#include <algorithm>
+
+#include "protocol/Words.h"
+
+namespace
+{
+
+// Clients that were there before a broker that is started again come back within this time: they try each
+// 100 to 200 ms.
+constexpr std::chrono::milliseconds returnTime{250};
+
+// A start is looked at so often while it is held.
+constexpr std::chrono::milliseconds startPause{1};
+
+// Subscribers of an earlier broker may have missed the last of what it kept.
+constexpr std::chrono::seconds restartMemory{30};
+
+template <class List>
+void removeFrom(List& list, RequestConnection* connection)
+{
+    list.erase(std::remove(list.begin(), list.end(), connection), list.end());
+}
+
+} // namespace
+
+Questions::Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
+                     const NotifyPort& notify, const DeviceState& state, TimePoint brokerStart)
+    : mAnswerer(answerer), mOutbox(outbox), mPosts(posts), mRequests(requests), mNotify(notify),
+      mState(state), mBrokerStart(brokerStart), mGate(brokerStart)
+{
+    mCatchUp.disconnected(0, brokerStart, restartMemory);
+}
+
+void Questions::forget(RequestConnection& connection)
+{
+    removeFrom(mNew, &connection);
+    removeFrom(mStarting, &connection);
+    mWaiting.erase(std::remove_if(mWaiting.begin(), mWaiting.end(),
+                                  [&](const Waiting& each) { return each.connection == &connection; }),
+                   mWaiting.end());
+}
+
+void Questions::answer(TimePoint now, TimePoint end)
+{
+    mHasLeftOver = false;
+    if (!mNew.empty())
+        sortNew(now);
+    start(now);
+    for (auto each = mWaiting.begin(); each != mWaiting.end();)
+    {
+        if (!mPosts.isReached(each->barrier, each->isSync, now))
+        {
+            ++each;
+            continue;
+        }
+        if (Clock::now() >= end)
+        {
+            mHasLeftOver = true;
+            return;
+        }
+        RequestConnection& connection = *each->connection;
+        each = mWaiting.erase(each);
+        answerOne(connection);
+    }
+}
+
+// All that came in this round share one barrier.
+void Questions::sortNew(TimePoint now)
+{
+    std::vector<Waiting> behindPosts;
+    bool hasSync = false;
+    for (RequestConnection* connection : mNew)
+    {
+        const bool isSync = connection->request == BrokerProtocol::syncWord;
+        if (isSync)
+            mAnswerer.countSync();
+        if (isSync && !connection->isStarted)
+            mStarting.push_back(connection);
+        else
+            behindPosts.push_back({connection, 0, isSync});
+        hasSync = hasSync || isSync;
+    }
+    mNew.clear();
+    if (behindPosts.empty())
+        return;
+    const uint64_t barrier = mPosts.openBarrier(hasSync, now);
+    for (Waiting& each : behindPosts)
+    {
+        each.barrier = barrier;
+        mWaiting.push_back(each);
+    }
+}
+
+void Questions::answerOne(RequestConnection& connection)
+{
+    if (connection.request == BrokerProtocol::syncWord)
+        mOutbox.reply(connection, Reply(BrokerProtocol::syncAckWord));
+    else if (connection.isTooLong)
+        mOutbox.reply(connection, Reply(Answerer::refusal));
+    else
+        mOutbox.reply(connection, mAnswerer.answer(connection.request));
+}
+
+void Questions::answerAll()
+{
+    const TimePoint now = Clock::now();
+    sortNew(now);
+    for (const auto& each : std::exchange(mWaiting, {}))
+        answerOne(*each.connection);
+    for (RequestConnection* connection : std::exchange(mStarting, {}))
+        acknowledge(*connection, BrokerProtocol::syncAckWord);
+}
+
+// --------------------------------------------------------------------------------------------------- start
+
+void Questions::start(TimePoint now)
+{
+    if (mStarting.empty())
+        return;
+    mLastLook = now;
+    // A client's post connection was made before its request connection, and waits to be accepted at the
+    // latest.
+    mPosts.accept(PostPort::allThatWait, now);
+    const std::size_t posts = postsWithSubscription();
+    std::size_t clients = this->clients();
+    for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
+    {
+        if (mOutbox.isRestart() && connection->askedAt < mBrokerStart + returnTime &&
+            now < mBrokerStart + returnTime)
+            continue;
+        const bool areSubscribed = mPosts.areSubscribed(connection->askedAt, now);
+        switch (mGate.decide(connection->askedAt, areSubscribed, clients, posts, now))
+        {
+        case StartGate::Decision::Hold:
+            break;
+        case StartGate::Decision::StartWithoutPosts:
+            connection->hasNoPosts = true;
+            --clients;
+            startOne(*connection);
+            break;
+        case StartGate::Decision::Start:
+            startOne(*connection);
+            break;
+        }
+    }
+}
+
+void Questions::startOne(RequestConnection& connection)
+{
+    removeFrom(mStarting, &connection);
+    if (mayHaveLostPosts(connection))
+        return acknowledge(connection, BrokerProtocol::syncLostWord);
+    mCatchUp.acknowledged(mState.revision(), Clock::now());
+    acknowledge(connection, BrokerProtocol::syncAckWord);
+}
+
+// Its first "Sync" here is not that of a new client, but of one that an earlier broker knew: posts may have
+// died with that. A new client speaks at once, and only an old one has subscribed already.
+bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
+{
+    const bool hasComeBack =
+        mOutbox.isRestart() && connection.askedAt < mBrokerStart + returnTime && mNotify.hasSubscribers();
+    return connection.isReturning || hasComeBack;
+}
+
+void Questions::acknowledge(RequestConnection& connection, const char* word)
+{
+    connection.isStarted = true;
+    mOutbox.reply(connection, Reply(word));
+}
+
+std::size_t Questions::clients() const
+{
+    const auto& peers = mRequests.peers();
+    return static_cast<std::size_t>(std::count_if(
+        peers.begin(), peers.end(), [](const auto& peer) { return peer->hasAsked && !peer->hasNoPosts; }));
+}
+
+std::size_t Questions::postsWithSubscription() const
+{
+    const auto& peers = mPosts.peers();
+    return static_cast<std::size_t>(
+        std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isSubscribed; }));
+}
+
+TimePoint Questions::due() const
+{
+    if (!mNew.empty() || mHasLeftOver)
+        return TimePoint::min();
+    return mStarting.empty() ? TimePoint::max() : mLastLook + startPause;
+}

@@ -1,0 +1,76 @@
+#ifndef BROKER_QUESTIONS_H
+#define BROKER_QUESTIONS_H
+
+#include <cstdint>
+#include <deque>
+#include <vector>
+
+#include "broker/Answerer.h"
+#include "broker/CatchUp.h"
+#include "broker/Outbox.h"
+#include "broker/PostPort.h"
+#include "broker/RequestPort.h"
+#include "broker/StartGate.h"
+
+/// Requests between being read and being answered: they wait for the posts that were made before them, and
+/// the first "Sync" of a client for its posts to be able to arrive.
+class Questions
+{
+public:
+    /// All must outlive it.
+    Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
+              const NotifyPort& notify, const DeviceState& state, TimePoint brokerStart);
+
+    void ask(RequestConnection& connection) { mNew.push_back(&connection); }
+
+    /// A connection has gone.
+    void forget(RequestConnection& connection);
+
+    /// Answers what can be answered by now, as long as it is not later than `end`.
+    void answer(TimePoint now, TimePoint end);
+
+    /// Answers all that waits: the broker ends.
+    void answerAll();
+
+    bool isEmpty() const { return mNew.empty() && mWaiting.empty() && mStarting.empty(); }
+
+    /// When answer() is to be called although nothing has come.
+    TimePoint due() const;
+
+    /// Subscribers have to be told again of what has changed since such a revision.
+    CatchUp& catchUp() { return mCatchUp; }
+
+private:
+    struct Waiting
+    {
+        RequestConnection* connection;
+        uint64_t barrier;
+        bool isSync;
+    };
+
+    void sortNew(TimePoint now);
+    void start(TimePoint now);
+    void startOne(RequestConnection& connection);
+    bool mayHaveLostPosts(const RequestConnection& connection) const;
+    void answerOne(RequestConnection& connection);
+    void acknowledge(RequestConnection& connection, const char* word);
+    std::size_t clients() const;
+    std::size_t postsWithSubscription() const;
+
+    Answerer& mAnswerer;
+    Outbox& mOutbox;
+    PostPort& mPosts;
+    RequestPort& mRequests;
+    const NotifyPort& mNotify;
+    const DeviceState& mState;
+    const TimePoint mBrokerStart;
+    StartGate mGate;
+    CatchUp mCatchUp;
+    std::vector<RequestConnection*> mNew;
+    std::deque<Waiting> mWaiting;              // for posts, in the order of their barriers
+    std::vector<RequestConnection*> mStarting; // oldest first
+    TimePoint mLastLook{};
+    bool mHasLeftOver = false; // could be answered, but the time was over
+};
+
+#endif

@@ -1,0 +1,57 @@
+#ifndef BROKER_REPLY_H
+#define BROKER_REPLY_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "broker/state/DeviceState.h"
+
+/// The text of an answer, produced as its reader takes it: the whole state of a device may be many times
+/// larger than what a connection should hold.
+///
+/// Values are as they are when their turn comes, so none is older than the request.
+class Reply
+{
+public:
+    /// A short text.
+    explicit Reply(std::string text) : mText(std::move(text)), mIsComplete(true) {}
+
+    /// All values of the device.
+    static Reply ofAll() { return Reply(Values::All, {}); }
+
+    /// Those of the keys that are known.
+    static Reply of(std::vector<std::string> keys);
+
+    /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
+    bool produce(const DeviceState& state, std::size_t bytes, std::string& to);
+
+    /// Memory that it holds.
+    std::size_t heldBytes() const;
+
+private:
+    enum class Values
+    {
+        None,
+        All,
+        Listed,
+    };
+
+    Reply(Values values, std::vector<std::string> keys) : mValues(values), mKeys(std::move(keys)) {}
+
+    void extend(const DeviceState& state, std::size_t bytes);
+    const DeviceState::Value* next(const DeviceState& state);
+
+    Values mValues = Values::None;
+    std::vector<std::string> mKeys; ///< in order, each there once
+    std::size_t mNextKey = 0;
+    std::optional<std::string> mLastKey;
+
+    bool mHasBegun = false;
+    bool mHasMembers = false;
+    std::string mText; ///< not in frames yet
+    bool mIsComplete = false;
+};
+
+#endif

@@ -1,0 +1,184 @@
+#include "broker/RequestPort.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unistd.h>
+
+#include "protocol/Words.h"
+
+using namespace std::string_view_literals;
+
+namespace
+{
+
+constexpr std::size_t bufferBytes = std::size_t{16} * 1024;
+
+// What the kernel holds for a client that does not read. A thousand of them must not use up its memory; the
+// kernel doubles the number.
+constexpr int sendBufferBytes = 32 * 1024;
+
+// Produced at a time; as much may wait for a client that does not read.
+constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
+
+// Sent to one connection before the others have their turn.
+constexpr std::size_t turnBytes = std::size_t{32} * 1024;
+
+// Memory that is kept for the next request.
+constexpr std::size_t keptBytes = 1024;
+
+constexpr useconds_t pauseMicroseconds = 1000;
+
+// A delimiter, and an empty last frame.
+constexpr std::string_view emptyAnswer = "\1\0\0\0"sv;
+
+} // namespace
+
+RequestPort::RequestPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+                         const DeviceState& state, OnRequest onRequest, OnClose onClose)
+    : Port(poller, BrokerProtocol::requestPort, Handshake::Kind::Request, sendBufferBytes), mBudget(budget),
+      mLimits(limits), mRefusals(refusals), mState(state), mOnRequest(std::move(onRequest)),
+      mOnClose(std::move(onClose)), mLimit("request", limits.connections, refusals), mBuffer(bufferBytes)
+{
+}
+
+void RequestPort::onClose(RequestConnection& connection)
+{
+    mSilent.erase(std::remove(mSilent.begin(), mSilent.end(), &connection), mSilent.end());
+    mOnClose(connection);
+    mBudget.update(connection.accounted, 0);
+}
+
+void RequestPort::serve(RequestConnection& connection, uint32_t what, TimePoint now)
+{
+    if ((what & EPOLLOUT) != 0)
+        send(connection);
+    if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
+        read(connection, now);
+    update(connection);
+}
+
+void RequestPort::read(RequestConnection& connection, TimePoint now)
+{
+    if (connection.isAsking && (connection.polled & EPOLLIN) != 0)
+        return poll(connection, connection.polled & ~static_cast<uint32_t>(EPOLLIN));
+    const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
+    take(connection, {mBuffer.data(), count}, now);
+}
+
+void RequestPort::take(RequestConnection& connection, std::string_view bytes, TimePoint now)
+{
+    FrameReader::Item item;
+    bool opened = false;
+    while (!connection.isAsking)
+    {
+        const FrameReader::Result result = connection.next(bytes, mLimits.messageBytes, item, opened);
+        if (opened)
+        {
+            noteOpened(connection);
+            connection.openedAt = now;
+            mSilent.push_back(&connection);
+        }
+        opened = false;
+        if (result == FrameReader::Result::NeedsMore)
+            return;
+        if (result != FrameReader::Result::Command)
+            ask(connection, result, item, now);
+    }
+    connection.unread.assign(bytes);
+}
+
+void RequestPort::ask(RequestConnection& connection, FrameReader::Result result,
+                      const FrameReader::Item& item, TimePoint now)
+{
+    if (result != FrameReader::Result::Message)
+        mRefusals.reportLong("Request", result == FrameReader::Result::Endless, mLimits.messageBytes);
+    connection.isAsking = true;
+    connection.isTooLong = result != FrameReader::Result::Message;
+    // What has no delimiter in front is no request, and is answered as such.
+    const bool isRequest = item.firstIsEmpty && item.frames > 1 && !connection.isTooLong;
+    connection.request.assign(isRequest ? item.body : std::string_view());
+    connection.askedAt = now;
+    if (!connection.hasAsked)
+        connection.isReturning = now - connection.openedAt > newClientsPause;
+    connection.hasAsked = true;
+    mOnRequest(connection);
+}
+
+void RequestPort::reply(RequestConnection& connection, Reply reply)
+{
+    connection.reply = std::move(reply);
+    send(connection);
+    update(connection);
+}
+
+// As much of the reply as the kernel takes; then the next request may come.
+void RequestPort::send(RequestConnection& connection)
+{
+    std::string piece;
+    std::size_t sent = 0;
+    while (connection.flush() && connection.reply && sent < turnBytes)
+    {
+        piece.clear();
+        const bool isLast = connection.reply->produce(mState, pieceBytes, piece);
+        if (isLast)
+            connection.reply.reset();
+        connection.send(piece);
+        sent += piece.size();
+    }
+    if (connection.reply || connection.hasOutput() || !connection.isAsking || connection.isDead())
+        return;
+    connection.isAsking = false;
+    if (connection.request.capacity() > keptBytes)
+        std::string().swap(connection.request);
+    const std::string unread = std::exchange(connection.unread, {});
+    take(connection, unread, Clock::now());
+}
+
+TimePoint RequestPort::due() const
+{
+    return std::min(Port::due(), mSilent.empty() ? TimePoint::max() : mSilent.front()->openedAt + silence);
+}
+
+void RequestPort::doWhatIsDue(TimePoint now)
+{
+    Port::doWhatIsDue(now);
+    for (; !mSilent.empty() && mSilent.front()->openedAt + silence <= now; mSilent.pop_front())
+    {
+        RequestConnection& connection = *mSilent.front();
+        if (!connection.hasAsked)
+            connection.send(emptyAnswer);
+    }
+}
+
+// What follows from what it has sent, or been sent.
+void RequestPort::update(RequestConnection& connection)
+{
+    if (connection.isDead())
+        return close(connection);
+    mBudget.update(connection.accounted, connection.heldBytes());
+    const uint32_t reading = connection.polled & EPOLLIN;
+    poll(connection, (connection.isAsking ? reading : static_cast<uint32_t>(EPOLLIN)) |
+                         (connection.hasOutput() || connection.reply ? EPOLLOUT : 0U));
+}
+
+bool RequestPort::hasOutput() const
+{
+    return std::any_of(peers().begin(), peers().end(),
+                       [](const auto& connection) { return connection->hasOutput() || connection->reply; });
+}
+
+// A connection that is closed with something unread is reset, and what was sent last may be lost. So the end
+// is announced, and what still comes is read until the client has closed, too.
+void RequestPort::sayGoodbye(TimePoint end)
+{
+    for (const auto& connection : peers())
+        connection->shutDownOutput();
+    const auto isGone = [this](const auto& connection)
+    {
+        while (connection->receive(mBuffer.data(), mBuffer.size()) != 0)
+            continue;
+        return connection->isDead();
+    };
+    while (Clock::now() < end && !std::all_of(peers().begin(), peers().end(), isGone))
+        usleep(pauseMicroseconds);
+}

@@ -1,0 +1,103 @@
+#ifndef BROKER_REQUESTPORT_H
+#define BROKER_REQUESTPORT_H
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <optional>
+#include <string>
+
+#include "broker/ConnectionLimit.h"
+#include "broker/MemoryBudget.h"
+#include "broker/base/Limits.h"
+#include "broker/base/Refusals.h"
+#include "broker/Reply.h"
+#include "broker/wire/Port.h"
+
+/// A connection on which a client asks. One question at a time: the next is read when the answer to the last
+/// has left.
+class RequestConnection : public Connection
+{
+public:
+    using Connection::Connection;
+
+    std::string request;    ///< that is being dealt with
+    bool isTooLong = false; ///< the request was, and is not here
+    bool isAsking = false;  ///< there is one
+    bool hasAsked = false;  ///< ever
+    TimePoint openedAt{};
+    TimePoint askedAt{};
+    std::optional<Reply> reply; ///< as far as it has not been handed to the connection
+    std::string unread;         ///< received behind the request
+
+    bool isStarted = false;   ///< its first "Sync" has been answered
+    bool isReturning = false; ///< its first words came too late for a new client
+    bool hasNoPosts = false;  ///< it has not shown a post connection
+
+    std::size_t heldBytes() const
+    {
+        return Connection::heldBytes() + request.capacity() + unread.capacity() +
+               (reply ? reply->heldBytes() : 0);
+    }
+};
+
+/// The port on which clients ask and are answered.
+///
+/// A client whose question was under way when an earlier broker ended waits for the answer on its new
+/// connection, for ever: its socket does not send the question again. An empty answer makes it ask again. So
+/// each connection that has said nothing for a while gets one; to a client that has no question under way it
+/// means nothing.
+class RequestPort : public Port<RequestConnection>
+{
+public:
+    /// Called for a connection that asks. It is to be answered by reply(), now or later.
+    using OnRequest = std::function<void(RequestConnection&)>;
+    using OnClose = std::function<void(RequestConnection&)>;
+
+    /// A new client speaks within milliseconds.
+    static constexpr std::chrono::milliseconds newClientsPause{250};
+
+    /// A connection that has said nothing for so long gets an empty answer.
+    static constexpr std::chrono::milliseconds silence{1000};
+
+    /// All must outlive it.
+    RequestPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+                const DeviceState& state, OnRequest onRequest, OnClose onClose);
+
+    void serve(RequestConnection& connection, uint32_t what, TimePoint now);
+    void reply(RequestConnection& connection, Reply reply);
+
+    TimePoint due() const override;
+    void doWhatIsDue(TimePoint now) override;
+
+    /// Whether answers wait that the kernel did not take.
+    bool hasOutput() const;
+
+    /// Closes all connections so that clients get the last answers also if they have asked on meanwhile.
+    void sayGoodbye(TimePoint end);
+
+private:
+    std::size_t most() const override { return mLimit.most(); }
+    void onFull() override { mLimit.full(); }
+    void onAccepted(RequestConnection&) override { mLimit.added(peers().size()); }
+    void onClose(RequestConnection& connection) override;
+    void read(RequestConnection& connection, TimePoint now) override;
+
+    void take(RequestConnection& connection, std::string_view bytes, TimePoint now);
+    void ask(RequestConnection& connection, FrameReader::Result result, const FrameReader::Item& item,
+             TimePoint now);
+    void send(RequestConnection& connection);
+    void update(RequestConnection& connection);
+
+    MemoryBudget& mBudget;
+    const Limits& mLimits;
+    Refusals& mRefusals;
+    const DeviceState& mState;
+    OnRequest mOnRequest;
+    OnClose mOnClose;
+    ConnectionLimit mLimit;
+    std::deque<RequestConnection*> mSilent; // since their handshake, oldest first
+    std::vector<char> mBuffer;
+};
+
+#endif

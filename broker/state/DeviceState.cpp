@@ -1,0 +1,348 @@
+#include "broker/state/DeviceState.h"
+
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
+using BrokerProtocol::Member;
+
+namespace
+{
+
+// Not by the clocks of std::chrono: on 32-bit processors the C++ library's wall clock ends in 2038.
+uint64_t microsecondsOf(clockid_t clock)
+{
+    timespec now{};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
+}
+
+// ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
+// running one leaves the span under way.
+
+uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
+{
+    return timer.spanStart == 0 || timer.spanStart > now ? 0 : now - timer.spanStart;
+}
+
+void begin(SavedState::Timer& timer, uint64_t now)
+{
+    timer.spanStart = now;
+    timer.lastStarted = microsecondsOf(CLOCK_REALTIME);
+}
+
+// Within the memory that is there, but what has shrunk does not keep that of its largest value: the limits
+// count what is held now. Exchanged, as a move into a string keeps that one's memory where the text is short.
+void assign(std::string& to, std::string_view text)
+{
+    if (text.size() < to.capacity() / 2)
+        std::string(text).swap(to);
+    else
+        to = text;
+}
+
+// What is only for the next post does not stay large.
+template <typename Element>
+void shrink(std::vector<Element>& elements)
+{
+    constexpr std::size_t kept = 256;
+    elements.clear();
+    if (elements.capacity() > kept)
+        std::vector<Element>().swap(elements);
+}
+
+template <typename Map>
+typename Map::mapped_type& entry(Map& map, std::string_view name)
+{
+    const auto found = map.find(name);
+    return found == map.end() ? map[std::string(name)] : found->second;
+}
+
+} // namespace
+
+void DeviceState::restore(const SavedState& state)
+{
+    for (const auto& [key, text] : state.values)
+        store(key, text);
+    for (const auto& [name, timer] : state.timers)
+    {
+        if (mayName(mTimers, name, mLimits.timers, Refusal::Timers))
+            mTimers[name] = timer;
+    }
+    for (const auto& [name, number] : state.counters)
+    {
+        if (mayName(mCounters, name, mLimits.counters, Refusal::Counters))
+            mCounters[name] = number;
+    }
+    mNotesChanges = true;
+}
+
+SavedState DeviceState::takeChanges()
+{
+    return std::exchange(mNoted, SavedState());
+}
+
+SavedState DeviceState::everything() const
+{
+    SavedState all;
+    for (const auto& [key, value] : mValues)
+        all.values.emplace_hint(all.values.end(), key, value.text);
+    all.timers.insert(mTimers.begin(), mTimers.end());
+    all.counters.insert(mCounters.begin(), mCounters.end());
+    return all;
+}
+
+// -------------------------------------------------------------------------------------------------- limits
+
+bool DeviceState::hasGoodSize(std::string_view name)
+{
+    constexpr std::size_t shown = 40;
+    if (name.size() <= mLimits.keyBytes)
+        return true;
+    mRefusals.report(Refusal::KeyBytes, "Name [%.*s...] of %zu bytes refused, the limit is %zu",
+                     static_cast<int>(std::min(shown, name.size())), name.data(), name.size(),
+                     mLimits.keyBytes);
+    return false;
+}
+
+bool DeviceState::hasGoodSize(std::string_view name, std::string_view value)
+{
+    if (!hasGoodSize(name))
+        return false;
+    if (value.size() <= mLimits.valueBytes)
+        return true;
+    mRefusals.report(Refusal::ValueBytes, "Value of [%.*s] of %zu bytes refused, the limit is %zu",
+                     excerptLength(name), name.data(), value.size(), mLimits.valueBytes);
+    return false;
+}
+
+// Whether the map has the name already, or room for it.
+template <typename Map>
+bool DeviceState::mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind)
+{
+    if (map.find(name) != map.end())
+        return true;
+    if (!hasGoodSize(name))
+        return false;
+    if (map.size() < most)
+        return true;
+    mRefusals.report(kind, "New name [%.*s] refused, %s is %zu", excerptLength(name), name.data(),
+                     Refusals::name(kind), most);
+    return false;
+}
+
+bool DeviceState::mayStore(Values::const_iterator stored, std::string_view key, std::string_view text)
+{
+    const bool isNew = stored == mValues.end();
+    if (!hasGoodSize(key, text) || (isNew && !mayName(mValues, key, mLimits.keys, Refusal::Keys)))
+        return false;
+    const std::size_t before = isNew ? 0 : stored->second.text.size();
+    const std::size_t after = text.size() + (isNew ? key.size() : 0);
+    if (after <= before || mStoredBytes + (after - before) <= mLimits.storedBytes)
+        return true;
+    mRefusals.report(Refusal::StoredBytes, "Value of [%.*s] refused, the limit for all is %zu bytes",
+                     excerptLength(key), key.data(), mLimits.storedBytes);
+    return false;
+}
+
+// --------------------------------------------------------------------------------------------------- posts
+
+const DeviceState::Members& DeviceState::post(const Members& values)
+{
+    shrink(mChanged);
+    for (const Member& value : values)
+    {
+        if (store(value.name, value.value))
+            mChanged.push_back(value);
+    }
+    return mChanged;
+}
+
+const DeviceState::Members& DeviceState::reset(const std::vector<std::string_view>& keys)
+{
+    shrink(mChanged);
+    for (const std::string_view key : keys)
+    {
+        if (store(key, {}))
+            mChanged.push_back({key, {}}); // once: the next time it is empty already
+    }
+    std::sort(mChanged.begin(), mChanged.end(),
+              [](const Member& one, const Member& other) { return one.name < other.name; });
+    return mChanged;
+}
+
+const DeviceState::Members& DeviceState::events(const Members& events)
+{
+    shrink(mChanged);
+    for (const Member& event : events)
+    {
+        if (hasGoodSize(event.name, event.value))
+            mChanged.push_back(event);
+    }
+    return mChanged;
+}
+
+// True if that changed something. A key that is unknown so far changes even if the value is empty.
+bool DeviceState::store(std::string_view key, std::string_view text)
+{
+    auto stored = mValues.find(key);
+    if (stored != mValues.end() && stored->second.text == text)
+        return false;
+    if (!mayStore(stored, key, text))
+        return false;
+    mStoredBytes += text.size();
+    if (stored == mValues.end())
+    {
+        mStoredBytes += key.size();
+        stored = mValues.emplace(key, Value()).first;
+        stored->second.key = stored->first;
+    }
+    else
+        mStoredBytes -= stored->second.text.size();
+    assign(stored->second.text, text);
+    moveToNewest(stored->second);
+    if (mNotesChanges)
+        mNoted.values[stored->first] = text;
+    return true;
+}
+
+void DeviceState::moveToNewest(Value& value)
+{
+    value.revision = ++mRevision;
+    if (mNewest == &value)
+        return;
+    takeOut(value);
+    value.older = mNewest;
+    value.newer = nullptr;
+    (mNewest == nullptr ? mOldest : mNewest->newer) = &value;
+    mNewest = &value;
+}
+
+// Without effect on one that is not there yet.
+void DeviceState::takeOut(Value& value)
+{
+    if (value.newer != nullptr)
+        value.newer->older = value.older;
+    if (value.older != nullptr)
+        value.older->newer = value.newer;
+    else if (mOldest == &value)
+        mOldest = value.newer;
+}
+
+template <typename Operate>
+void DeviceState::applyToTimer(std::string_view name, Operate operate)
+{
+    if (!mayName(mTimers, name, mLimits.timers, Refusal::Timers))
+        return;
+    Timer& timer = entry(mTimers, name);
+    operate(timer, microsecondsOf(CLOCK_MONOTONIC));
+    if (mNotesChanges)
+        mNoted.timers[std::string(name)] = timer;
+}
+
+void DeviceState::startTimer(std::string_view name)
+{
+    applyToTimer(name,
+                 [](Timer& timer, uint64_t now)
+                 {
+                     if (timer.spanStart == 0)
+                         begin(timer, now);
+                 });
+}
+
+void DeviceState::stopTimer(std::string_view name)
+{
+    applyToTimer(name,
+                 [](Timer& timer, uint64_t now)
+                 {
+                     timer.accumulated += spanOf(timer, now);
+                     timer.spanStart = 0;
+                 });
+}
+
+void DeviceState::resetTimer(std::string_view name)
+{
+    applyToTimer(name, [](Timer& timer, uint64_t) { timer.accumulated = 0; });
+}
+
+void DeviceState::restartTimer(std::string_view name)
+{
+    applyToTimer(name,
+                 [](Timer& timer, uint64_t now)
+                 {
+                     timer.accumulated = 0;
+                     begin(timer, now);
+                 });
+}
+
+void DeviceState::setCounter(std::string_view name, uint32_t value)
+{
+    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
+        return;
+    entry(mCounters, name) = value;
+    if (mNotesChanges)
+        mNoted.counters[std::string(name)] = value;
+}
+
+// ------------------------------------------------------------------------------------------------ requests
+
+std::optional<uint32_t> DeviceState::incrementCounter(std::string_view name)
+{
+    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
+        return std::nullopt;
+    setCounter(name, counter(name) + 1); // wraps at 2^32
+    return counter(name);
+}
+
+bool DeviceState::hasRunningTimers() const
+{
+    return std::any_of(mTimers.begin(), mTimers.end(),
+                       [](const auto& entry) { return entry.second.spanStart != 0; });
+}
+
+const DeviceState::Value* DeviceState::find(std::string_view key) const
+{
+    const auto stored = mValues.find(key);
+    return stored == mValues.end() ? nullptr : &stored->second;
+}
+
+const DeviceState::Value* DeviceState::behind(const std::optional<std::string>& key) const
+{
+    const auto next = key ? mValues.upper_bound(*key) : mValues.begin();
+    return next == mValues.end() ? nullptr : &next->second;
+}
+
+std::string_view DeviceState::valueOf(std::string_view key) const
+{
+    const Value* value = find(key);
+    return value == nullptr ? std::string_view() : value->text;
+}
+
+// From the newest back: whoever asks mostly lacks the last few.
+const DeviceState::Value* DeviceState::changedSince(uint64_t revision) const
+{
+    const Value* first = nullptr;
+    for (const Value* value = mNewest; value != nullptr && value->revision > revision; value = value->older)
+        first = value;
+    return first;
+}
+
+uint64_t DeviceState::elapsed(std::string_view timer) const
+{
+    const auto found = mTimers.find(timer);
+    if (found == mTimers.end())
+        return 0;
+    return found->second.accumulated + spanOf(found->second, microsecondsOf(CLOCK_MONOTONIC));
+}
+
+uint64_t DeviceState::lastStarted(std::string_view timer) const
+{
+    const auto found = mTimers.find(timer);
+    return found == mTimers.end() ? 0 : found->second.lastStarted;
+}
+
+uint32_t DeviceState::counter(std::string_view name) const
+{
+    const auto stored = mCounters.find(name);
+    return stored == mCounters.end() ? 0 : stored->second;
+}

@@ -1,0 +1,132 @@
+#ifndef BROKER_STATE_DEVICESTATE_H
+#define BROKER_STATE_DEVICESTATE_H
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "broker/base/Limits.h"
+#include "broker/base/Refusals.h"
+#include "broker/state/SavedState.h"
+#include "protocol/BrokerDocuments.h"
+
+/// What the device holds: status values, timers and counters. No sockets, one thread.
+///
+/// What exceeds a limit is refused, name by name: the rest of the same post is applied. What is there already
+/// can always be changed, within the limits of its size.
+class DeviceState
+{
+public:
+    using Members = std::vector<BrokerProtocol::Member>;
+
+    /// Both must outlive it; limits may change.
+    DeviceState(const Limits& limits, Refusals& refusals) : mLimits(limits), mRefusals(refusals) {}
+
+    DeviceState(const DeviceState&) = delete;
+    DeviceState& operator=(const DeviceState&) = delete;
+
+    /// Begins with what was kept, within the limits. Whoever restores keeps: changes are noted from now on.
+    void restore(const SavedState& state);
+
+    /// What has changed since the last call, if changes are noted.
+    SavedState takeChanges();
+
+    /// All it holds.
+    SavedState everything() const;
+
+    // ---- Posts. What is returned stands here until the next post.
+
+    /// Returns the values that changed, in the order of their keys, each there once.
+    /// @param values in the order of their keys, each there once
+    const Members& post(const Members& values);
+
+    /// The same for keys that are set to the empty text.
+    const Members& reset(const std::vector<std::string_view>& keys);
+
+    /// The events that are to be published; nothing is stored of them.
+    const Members& events(const Members& events);
+
+    void startTimer(std::string_view name);
+    void stopTimer(std::string_view name);
+    void resetTimer(std::string_view name);
+    void restartTimer(std::string_view name);
+    void setCounter(std::string_view name, uint32_t value);
+
+    // ---- Requests.
+
+    std::string_view valueOf(std::string_view key) const;
+
+    /// A value and its key; null if there is none.
+    struct Value;
+    const Value* find(std::string_view key) const;
+
+    /// The first value behind this key, in the order of the keys; behind nothing: the first of all.
+    const Value* behind(const std::optional<std::string>& key) const;
+
+    /// Microseconds; 0 for a timer that is not there.
+    uint64_t elapsed(std::string_view timer) const;
+    uint64_t lastStarted(std::string_view timer) const;
+
+    uint32_t counter(std::string_view name) const;
+
+    /// The value after it; nothing if it exceeds a limit.
+    std::optional<uint32_t> incrementCounter(std::string_view name);
+
+    // ---- Changes since.
+
+    /// Counts the changes of status values so far.
+    uint64_t revision() const { return mRevision; }
+
+    struct Value
+    {
+        std::string_view key; ///< in the map
+        std::string text;
+        uint64_t revision = 0; ///< of its last change
+
+        // In the order of their last changes.
+        Value* older = nullptr;
+        Value* newer = nullptr;
+    };
+
+    /// The value that changed first after this revision; null if none did. Follow `newer` for the others.
+    const Value* changedSince(uint64_t revision) const;
+
+    std::size_t keys() const { return mValues.size(); }
+    std::size_t storedBytes() const { return mStoredBytes; }
+    std::size_t timers() const { return mTimers.size(); }
+    std::size_t counters() const { return mCounters.size(); }
+    bool hasRunningTimers() const;
+
+private:
+    using Values = std::map<std::string, Value, std::less<>>;
+    using Timer = SavedState::Timer;
+
+    bool store(std::string_view key, std::string_view text);
+    bool mayStore(Values::const_iterator stored, std::string_view key, std::string_view text);
+    void moveToNewest(Value& value);
+    void takeOut(Value& value);
+    template <typename Operate>
+    void applyToTimer(std::string_view name, Operate operate);
+    bool hasGoodSize(std::string_view name);
+    bool hasGoodSize(std::string_view name, std::string_view value);
+    template <typename Map>
+    bool mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind);
+
+    const Limits& mLimits;
+    Refusals& mRefusals;
+    uint64_t mRevision = 0;
+    std::size_t mStoredBytes = 0;
+    Values mValues;
+    Value* mOldest = nullptr;
+    Value* mNewest = nullptr;
+    std::map<std::string, Timer, std::less<>> mTimers;
+    std::map<std::string, uint32_t, std::less<>> mCounters;
+    Members mChanged; // of the last post
+    bool mNotesChanges = false;
+    SavedState mNoted;
+};
+
+#endif

@@ -1,0 +1,297 @@
+#include "broker/state/StateFile.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fnmatch.h>
+#include <fstream>
+#include <sys/stat.h>
+#include <utility>
+
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
+
+namespace
+{
+
+// Long enough for somebody who looks into the file, short enough for a device that starts.
+constexpr std::chrono::milliseconds startPatience{1500};
+
+template <typename Map, typename Keeps>
+void keepOnly(Map& map, const Keeps& keeps)
+{
+    for (auto entry = map.begin(); entry != map.end();)
+        entry = keeps(entry->first) ? std::next(entry) : map.erase(entry);
+}
+
+// Adds what has changed; what it replaces is gone.
+template <typename Map, typename Keeps>
+void merge(const Map& changes, Map& into, const Keeps& keeps)
+{
+    for (const auto& [name, value] : changes)
+        if (keeps(name))
+            into.insert_or_assign(name, value);
+}
+
+// Running timers go on within the boot in which they were started, and are stopped after it at what they had
+// when the file was written last. True if it has been stopped.
+bool bringInto(const BootMoment& now, const Database::Contents& contents, SavedState::Timer& timer)
+{
+    if (timer.spanStart == 0)
+        return false;
+    const bool sameBoot = !now.bootId.empty() && contents.bootId == now.bootId; // empty: unknown
+    if (sameBoot && timer.spanStart <= now.microseconds)
+        return false;
+    if (!sameBoot && contents.microseconds > timer.spanStart)
+        timer.accumulated += contents.microseconds - timer.spanStart;
+    timer.spanStart = 0;
+    return true;
+}
+
+// Also if it is a link that leads nowhere: renaming would replace it.
+bool isTaken(const std::string& name)
+{
+    struct stat status
+    {
+    };
+    return lstat(name.c_str(), &status) == 0;
+}
+
+// A name that is not taken, neither for the file nor for its log: path.bad, path.bad.1 and so on.
+std::string freeName(const std::string& path)
+{
+    std::string name = path + ".bad";
+    for (int number = 1; isTaken(name) || isTaken(name + "-wal"); ++number)
+        name = path + ".bad." + std::to_string(number);
+    return name;
+}
+
+// New files are for their owner only. Others may have been copied here, or their mode changed.
+void closeToOthers(const std::string& path)
+{
+    constexpr mode_t allowed = S_IRUSR | S_IWUSR | S_IRGRP;
+    struct stat status
+    {
+    };
+    if (lstat(path.c_str(), &status) != 0 || (status.st_mode & ACCESSPERMS & ~allowed) == 0)
+        return;
+    if (chmod(path.c_str(), status.st_mode & allowed) != 0)
+        OV_LOG(2, "State file [%s] stays open to others: %s", path.c_str(), strerror(errno));
+}
+
+std::string readBootId()
+{
+    std::string id;
+    std::ifstream("/proc/sys/kernel/random/boot_id") >> id;
+    return id;
+}
+
+} // namespace
+
+BootMoment BootMoment::now()
+{
+    // Once: with no descriptor left, a later moment would be one of an unknown boot.
+    static const std::string bootId = readBootId();
+    BootMoment moment;
+    moment.bootId = bootId;
+    const auto time = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch());
+    moment.microseconds = static_cast<uint64_t>(time.count());
+    return moment;
+}
+
+StateFile::StateFile(std::string path, StateSync sync, std::vector<std::string> keys,
+                     std::function<SavedState()> everything)
+    : mPath(std::move(path)), mSync(sync), mKeys(std::move(keys)), mEverything(std::move(everything))
+{
+}
+
+StateFile::~StateFile() = default;
+
+bool StateFile::isKept(const std::string& name) const
+{
+    return mKeys.empty() ||
+           std::any_of(mKeys.begin(), mKeys.end(),
+                       [&](const std::string& glob) { return fnmatch(glob.c_str(), name.c_str(), 0) == 0; });
+}
+
+SavedState StateFile::load(const BootMoment& now)
+{
+    Database::Contents contents = open(startPatience);
+    mMissed = !mDatabase && !readOnly(contents);
+    if (now.bootId.empty())
+        OV_LOG(2,
+               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
+    mIsOfThisBoot = !now.bootId.empty() && contents.bootId == now.bootId;
+    SavedState state = std::move(contents.state);
+    for (auto& [name, timer] : state.timers)
+    {
+        // Kept with the next moment: beside that one it would look like one that runs in this boot.
+        if (bringInto(now, contents, timer))
+            mPending.timers[name] = timer;
+    }
+    const auto keeps = [this](const std::string& name) { return isKept(name); };
+    keepOnly(state.values, keeps);
+    keepOnly(state.timers, keeps);
+    keepOnly(state.counters, keeps);
+    return state;
+}
+
+void StateFile::commit(const SavedState& changes, const BootMoment& now)
+{
+    remember(changes);
+    if (mPending.empty() && !changes.empty())
+        return; // nothing of it is kept
+    // One that fails is not tried again with every change.
+    if ((mFails || !mDatabase) && Clock::now() < mNextAttempt)
+        return;
+    if (!mDatabase)
+        reopen();
+    write(now);
+}
+
+void StateFile::remember(const SavedState& changes)
+{
+    const auto keeps = [this](const std::string& name) { return isKept(name); };
+    merge(changes.values, mPending.values, keeps);
+    merge(changes.timers, mPending.timers, keeps);
+    merge(changes.counters, mPending.counters, keeps);
+}
+
+void StateFile::write(const BootMoment& now)
+{
+    constexpr int attempts = 2; // the second one into a new file
+    for (int attempt = 1; mDatabase && attempt <= attempts; ++attempt)
+    {
+        try
+        {
+            mDatabase->write(mPending, now.bootId, now.microseconds);
+            mPending = SavedState();
+            ++mCommits;
+            return succeeded();
+        }
+        catch (const DatabaseError& error)
+        {
+            const bool replaceable = error.isUnreadable() && Clock::now() >= mNextReplacement;
+            if (!replaceable)
+                return failed(error.what());
+            replace(error.what());
+        }
+    }
+}
+
+// ------------------------------------------------------------------------------------------------ the file
+
+// What the file holds: nothing if it is new. Without a database afterwards if it cannot be had now.
+Database::Contents StateFile::open(std::chrono::milliseconds patience)
+{
+    constexpr int attempts = 2; // the second one after the unreadable file has been moved aside
+    for (int attempt = 1; attempt <= attempts; ++attempt)
+    {
+        try
+        {
+            auto database = std::make_unique<Database>(mPath, mSync, patience);
+            Database::Contents contents = database->read();
+            mDatabase = std::move(database);
+            closeToOthers(mPath);
+            closeToOthers(mPath + "-wal");
+            return contents;
+        }
+        catch (const DatabaseError& error)
+        {
+            if (!error.isUnreadable() || attempt == attempts)
+                failed(error.what());
+            else if (moveAside(error.what()))
+                continue;
+            break;
+        }
+    }
+    return {};
+}
+
+// False if that cannot be done either.
+bool StateFile::readOnly(Database::Contents& contents) const
+{
+    try
+    {
+        contents = Database::readOnly(mPath);
+        return true;
+    }
+    catch (const DatabaseError&)
+    {
+        return false; // that it cannot be had has been told
+    }
+}
+
+// Tries again. If the file could not be read when it was to be loaded, what it holds is not mixed with what
+// has been begun without it.
+void StateFile::reopen()
+{
+    constexpr std::chrono::milliseconds none{0}; // the broker is serving
+    const Database::Contents contents = open(none);
+    if (mDatabase && mMissed && !contents.state.empty())
+    {
+        mDatabase.reset();
+        if (moveAside("not in time: the broker has begun without it"))
+            open(none);
+    }
+    if (!mDatabase)
+        return;
+    mMissed = false;
+    remember(mEverything()); // it may be a new one, or have been written by others meanwhile
+}
+
+// The file that is open has turned out to be unreadable.
+void StateFile::replace(const std::string& reason)
+{
+    // A storage that damages all that is written to it is not filled with what is moved aside.
+    constexpr std::chrono::hours pause{1};
+    mNextReplacement = Clock::now() + pause;
+    ++mErrors;
+    mDatabase->leaveAsItIs();
+    mDatabase.reset();
+    if (moveAside(reason))
+        reopen();
+}
+
+// False if that cannot be done.
+bool StateFile::moveAside(const std::string& reason)
+{
+    const std::string aside = freeName(mPath);
+    // What was written last is in the log beside it. It goes first: a new file would take the place of a log
+    // that was left behind.
+    if (rename((mPath + "-wal").c_str(), (aside + "-wal").c_str()) != 0 && errno != ENOENT)
+    {
+        const std::string why = strerror(errno);
+        failed(reason + ", and cannot move its log aside: " + why);
+        return false;
+    }
+    if (rename(mPath.c_str(), aside.c_str()) != 0)
+    {
+        const std::string why = strerror(errno);
+        failed(reason + ", and cannot move it aside: " + why);
+        return false;
+    }
+    OV_LOG(0, "State file [%s] cannot be read (%s), moved to [%s]", mPath.c_str(), reason.c_str(),
+           aside.c_str());
+    return true;
+}
+
+void StateFile::succeeded()
+{
+    if (mFails)
+        OV_LOG(2, "State file [%s] is written again", mPath.c_str());
+    mFails = false;
+}
+
+void StateFile::failed(const std::string& reason)
+{
+    constexpr std::chrono::seconds pause{1};
+    mNextAttempt = Clock::now() + pause;
+    ++mErrors;
+    if (!mFails)
+        OV_LOG(0, "State file [%s]: %s; what changes is lost when the broker ends", mPath.c_str(),
+               reason.c_str());
+    mFails = true;
+}

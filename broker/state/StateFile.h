@@ -1,0 +1,101 @@
+#ifndef BROKER_STATE_STATEFILE_H
+#define BROKER_STATE_STATEFILE_H
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "broker/base/Clock.h"
+#include "broker/state/Database.h"
+#include "broker/state/SavedState.h"
+#include "broker/state/StateSync.h"
+
+/// The moment of this boot: running timers go on over a restart of the broker, not over one of the device.
+struct BootMoment
+{
+    std::string bootId;    ///< the kernel's id of this boot
+    uint64_t microseconds; ///< on the monotonic clock
+
+    /// This one. The id is empty if the kernel does not tell it: then no timer goes on over a restart.
+    static BootMoment now();
+};
+
+/// Keeps the state in an SQLite database, so that a broker that is started again goes on where the last one
+/// was ended or killed.
+///
+/// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read is moved
+/// aside and never overwritten, also when that shows only later; then everything is written to a new one.
+/// Where nothing can be written, that is logged, tried again, and logged when it works again; what has not
+/// been written is remembered until then.
+class StateFile
+{
+public:
+    /// Touches no file yet.
+    /// @param keys globs (fnmatch) of the names of values, timers and counters that are kept; none: all
+    /// @param everything tells all there is to keep, for a file that takes the place of the one that was
+    /// loaded
+    StateFile(
+        std::string path, StateSync sync, std::vector<std::string> keys,
+        std::function<SavedState()> everything = [] { return SavedState(); });
+    ~StateFile();
+
+    StateFile(const StateFile&) = delete;
+    StateFile& operator=(const StateFile&) = delete;
+
+    /// Opens or makes the file, and waits for a moment while somebody else has locked it. What was kept, of
+    /// the names that are kept now; nothing if there was none, or if it could not be read. What can be read
+    /// and not written is loaded, too, and written when it can be. To be called once, before the first
+    /// commit. Timers that ran in another boot, or would start in the future of this one, are stopped at what
+    /// they had.
+    SavedState load(const BootMoment& now = BootMoment::now());
+
+    /// Keeps what has changed, and that time has gone on to now. When it returns, and writing works, a broker
+    /// that is killed does not take it back. Without changes only the time is kept; with changes of which no
+    /// name is kept nothing is written. While it fails, it is tried again once a second at most. A file that
+    /// could not be read by load(), and can be later, is moved aside if it holds anything, and a new one is
+    /// begun.
+    void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
+
+    /// Whether something that has changed is still to be written: the next commit tries.
+    bool isBehind() const { return !mPending.empty(); }
+
+    /// Whether what was loaded was written within this boot.
+    bool isOfThisBoot() const { return mIsOfThisBoot; }
+
+    /// How often something has been written.
+    uint64_t commits() const { return mCommits; }
+
+    /// How often the file could not be opened, moved aside or written, each attempt counted.
+    uint64_t errors() const { return mErrors; }
+
+private:
+    bool isKept(const std::string& name) const;
+    Database::Contents open(std::chrono::milliseconds patience);
+    bool readOnly(Database::Contents& contents) const;
+    void reopen();
+    void replace(const std::string& reason);
+    bool moveAside(const std::string& reason);
+    void remember(const SavedState& changes);
+    void write(const BootMoment& now);
+    void succeeded();
+    void failed(const std::string& reason);
+
+    std::string mPath;
+    StateSync mSync;
+    std::vector<std::string> mKeys;
+    std::function<SavedState()> mEverything;
+    std::unique_ptr<Database> mDatabase; // null while it cannot be opened
+    SavedState mPending;                 // changed and not written yet
+    TimePoint mNextAttempt{};            // when it fails
+    bool mFails = false;
+    TimePoint mNextReplacement{}; // when it turns out to be unreadable again
+    bool mMissed = false;         // it could not be read when it was to be loaded
+    bool mIsOfThisBoot = false;
+    uint64_t mCommits = 0;
+    uint64_t mErrors = 0;
+};
+
+#endif

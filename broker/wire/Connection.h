@@ -1,0 +1,114 @@
+#ifndef BROKER_WIRE_CONNECTION_H
+#define BROKER_WIRE_CONNECTION_H
+
+#include <cstdint>
+#include <list>
+#include <string>
+#include <string_view>
+#include <sys/uio.h>
+
+#include "broker/base/Clock.h"
+#include "broker/wire/Descriptor.h"
+#include "broker/wire/FrameReader.h"
+#include "broker/wire/Handshake.h"
+#include "broker/wire/Poller.h"
+
+/// One TCP connection of a peer: its handshake, what it sends as messages and commands, and what has been
+/// sent to it as far as the kernel did not take it.
+class Connection : public Pollable
+{
+public:
+    Connection(Descriptor socket, Handshake::Kind kind, TimePoint now);
+    virtual ~Connection() = default;
+
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    int descriptor() const { return mSocket.number(); }
+    Handshake::Kind kind() const { return mKind; }
+    TimePoint acceptedAt() const { return mAcceptedAt; }
+
+    /// Its handshake is complete. Only then may anything be sent.
+    bool isOpen() const { return mState == State::Open; }
+
+    /// Has broken the protocol, or lost its peer: to be closed. Nothing is sent or received any more.
+    bool isDead() const { return mState == State::Dead; }
+    void kill() { mState = State::Dead; }
+
+    bool isClosed() const { return !mSocket.isOpen(); }
+
+    /// Tells the peer that nothing more comes.
+    void shutDownOutput();
+
+    void closeSocket()
+    {
+        kill();
+        mSocket.close();
+    }
+
+    bool knowsPing() const { return mHandshake.knowsPing(); }
+
+    /// Reads once, as much as fits into the buffer. What was read is to be taken with next().
+    /// @returns how many bytes; fewer than fit if no more were there
+    std::size_t receive(char* buffer, std::size_t size);
+
+    /// What the bytes contain that receive() has returned, or that were left over; NeedsMore when they are
+    /// used up, or when the connection is dead. Behind a message that is Endless, it is.
+    /// @param opened set where the handshake has just been completed
+    FrameReader::Result next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
+                             bool& opened);
+
+    /// Sends bytes behind what waits already; what the kernel does not take now, waits.
+    void send(std::string_view bytes);
+    void sendCommand(std::string_view command);
+
+    /// Bytes to be sent behind others, by flush().
+    std::string& output() { return mOutput; }
+
+    /// Sends what waits. True if nothing does any more.
+    bool flush();
+
+    /// Sends pieces of memory, nothing else waiting. Returns how many bytes the kernel has taken.
+    std::size_t sendPieces(const iovec* pieces, std::size_t count);
+
+    bool hasOutput() const { return mOutput.size() != mSent; }
+    std::size_t outputBytes() const { return mOutput.size() - mSent; }
+
+    /// Memory that it holds.
+    std::size_t heldBytes() const { return mReader.heldBytes() + mOutput.capacity(); }
+
+    bool isUnfinished() const { return mReader.isUnfinished(); }
+
+    uint64_t receivedBytes() const { return mReceived; }
+
+    /// Its place among those in the middle of their handshake; the port's.
+    std::list<Connection*>::iterator opening;
+    /// What the poller was last asked to report.
+    uint32_t polled = 0;
+    /// What the budget of memory was last told.
+    std::size_t accounted = 0;
+
+private:
+    enum class State
+    {
+        Greeting,
+        Ready, ///< to come
+        Open,
+        Dead,
+    };
+
+    bool answerPing(std::string_view command);
+    std::size_t taken(ssize_t result);
+
+    Descriptor mSocket;
+    const Handshake::Kind mKind;
+    const TimePoint mAcceptedAt;
+    State mState = State::Greeting;
+    Handshake mHandshake;
+    FrameReader mReader;
+    std::string mOutput;
+    std::size_t mSent = 0; ///< of the output
+    uint64_t mReceived = 0;
+};
+
+#endif

@@ -1,0 +1,47 @@
+#ifndef BROKER_WIRE_FRAMEWRITER_H
+#define BROKER_WIRE_FRAMEWRITER_H
+
+#include <array>
+#include <string_view>
+
+/// Puts a text into frames of at most 512 bytes: a short one is one frame, and none is empty but that of an
+/// empty text. Append is anything that takes a std::string_view.
+namespace FrameWriter
+{
+
+constexpr unsigned char moreFlag = 1;
+constexpr unsigned char longFlag = 2;
+constexpr unsigned char commandFlag = 4;
+
+template <class Append>
+void frame(Append&& append, std::string_view body, unsigned char flags)
+{
+    const std::size_t size = body.size(); // fits in two bytes
+    if (size > 0xff)
+    {
+        const std::array<char, 9> header{
+            static_cast<char>(flags | longFlag), 0, 0, 0, 0, 0, 0, static_cast<char>(size >> 8 & 0xff),
+            static_cast<char>(size & 0xff)};
+        append(std::string_view(header.data(), header.size()));
+    }
+    else
+    {
+        const std::array<char, 2> header{static_cast<char>(flags), static_cast<char>(size)};
+        append(std::string_view(header.data(), header.size()));
+    }
+    append(body);
+}
+
+/// The frames of a text, the last of which is marked as such.
+template <class Append>
+void message(Append&& append, std::string_view text)
+{
+    constexpr std::size_t most = 512;
+    for (; text.size() > most; text.remove_prefix(most))
+        frame(append, text.substr(0, most), moreFlag);
+    frame(append, text, 0);
+}
+
+} // namespace FrameWriter
+
+#endif

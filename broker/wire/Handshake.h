@@ -1,0 +1,54 @@
+#ifndef BROKER_WIRE_HANDSHAKE_H
+#define BROKER_WIRE_HANDSHAKE_H
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+/// How a connection begins: a greeting of 64 bytes from each side, then a READY command from each. ZMTP 3.1
+/// with the mechanism NULL.
+///
+/// A peer that says anything else is closed at the byte that shows it, before a byte of content counts: older
+/// versions of ZMTP, which have no handshake and would let a web page post, and other protocols.
+class Handshake
+{
+public:
+    /// What the sockets on both sides are. The peer's must be one that fits.
+    enum class Kind
+    {
+        Request, ///< ROUTER here, REQ or DEALER there
+        Post,    ///< SUB here, PUB or XPUB there
+        Notify,  ///< XPUB here, SUB or XSUB there
+    };
+
+    explicit Handshake(Kind kind) : mKind(kind) {}
+
+    /// What is sent at once: greeting and READY. Nothing else may follow before the peer's READY has come: a
+    /// client that has not sent its own yet takes it for a protocol error, and then never connects again.
+    static std::string_view opening(Kind kind);
+
+    enum class Result
+    {
+        NeedsMore,
+        Greeted, ///< the greeting is complete; frames follow
+        Refused,
+    };
+
+    /// Takes from the front of `bytes` what belongs to the peer's greeting.
+    Result takeGreeting(std::string_view& bytes);
+
+    /// Whether the command is a READY with a socket type that fits.
+    bool acceptsReady(std::string_view command) const;
+
+    /// A peer of 3.0 may not know PING.
+    bool knowsPing() const { return mMinorVersion >= 1; }
+
+private:
+    bool isGood(std::size_t position, unsigned char byte);
+
+    const Kind mKind;
+    std::size_t mGreeted = 0; ///< bytes
+    unsigned mMinorVersion = 0;
+};
+
+#endif

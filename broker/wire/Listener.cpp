@@ -1,0 +1,64 @@
+#include "broker/wire/Listener.h"
+
+#include <cerrno>
+#include <cstring>
+#include <netinet/tcp.h>
+#include <stdexcept>
+#include <string>
+#include <sys/socket.h>
+
+namespace
+{
+
+// Clients that start in a crowd lose connection attempts where there is no room, and try again only after a
+// second.
+constexpr int backlog = 4096;
+
+void set(int socket, int level, int option, int value)
+{
+    setsockopt(socket, level, option, &value, sizeof(value));
+}
+
+[[noreturn]] void fail(uint16_t port, int error)
+{
+    throw std::runtime_error("cannot bind tcp://127.0.0.1:" + std::to_string(port) + ": " + strerror(error));
+}
+
+} // namespace
+
+Listener::Listener(uint16_t port, int sendBuffer)
+    : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    set(mSocket.number(), SOL_SOCKET, SO_REUSEADDR, 1); // connections of an earlier broker may linger
+    if (sendBuffer != 0)
+        set(mSocket.number(), SOL_SOCKET, SO_SNDBUF, sendBuffer);
+    if (!mSocket.isOpen() ||
+        bind(mSocket.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(mSocket.number(), backlog) != 0)
+        fail(port, errno);
+}
+
+Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)
+{
+    for (;;)
+    {
+        socklen_t size = sizeof(peer);
+        Descriptor connection(accept4(mSocket.number(), reinterpret_cast<sockaddr*>(&peer), &size,
+                                      SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (connection.isOpen())
+        {
+            // Otherwise each message would wait for the acknowledgement of the one before, which the client
+            // delays.
+            set(connection.number(), IPPROTO_TCP, TCP_NODELAY, 1);
+            return connection;
+        }
+        if (errno == EINTR || errno == ECONNABORTED)
+            continue;
+        outOfDescriptors = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+        return connection;
+    }
+}

@@ -1,0 +1,27 @@
+#ifndef BROKER_WIRE_LISTENER_H
+#define BROKER_WIRE_LISTENER_H
+
+#include <cstdint>
+#include <netinet/in.h>
+
+#include "broker/wire/Descriptor.h"
+
+/// A port of 127.0.0.1 at which connections arrive.
+class Listener
+{
+public:
+    /// @param sendBuffer bytes that the kernel may hold for a connection that does not read; 0: as usual
+    /// @throws std::runtime_error when the port is taken
+    Listener(uint16_t port, int sendBuffer);
+
+    int descriptor() const { return mSocket.number(); }
+
+    /// The next connection, non-blocking and ready to be used; none (not open) if none waits.
+    /// @param outOfDescriptors set if one waits that cannot be had
+    Descriptor accept(sockaddr_in& peer, bool& outOfDescriptors);
+
+private:
+    Descriptor mSocket;
+};
+
+#endif

@@ -1,0 +1,114 @@
+#include "broker/wire/NotificationLog.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "broker/wire/FrameWriter.h"
+
+NotificationLog::NotificationLog()
+{
+    addChunk();
+}
+
+void NotificationLog::append(std::string_view message, uint64_t revision, uint64_t events)
+{
+    FrameWriter::message([this](std::string_view bytes) { write(bytes); }, message);
+    mLast = {mWritten, revision, mLast.eventsUpTo + events};
+    mMessages.push_back(mLast);
+}
+
+void NotificationLog::write(std::string_view bytes)
+{
+    while (!bytes.empty())
+    {
+        const std::size_t offset = mWritten % chunkBytes;
+        const std::size_t size = std::min(bytes.size(), chunkBytes - offset);
+        std::memcpy(mChunks.back().bytes.get() + offset, bytes.data(), size);
+        mWritten += size;
+        bytes.remove_prefix(size);
+        if (mWritten % chunkBytes == 0)
+            addChunk();
+    }
+}
+
+void NotificationLog::addChunk()
+{
+    if (!mSpare)
+    {
+        mChunks.emplace_back();
+        return;
+    }
+    mChunks.push_back({0, std::move(mSpare)});
+}
+
+const NotificationLog::Message& NotificationLog::messageAt(Position position) const
+{
+    const auto message = std::lower_bound(mMessages.begin(), mMessages.end(), position,
+                                          [](const Message& each, Position at) { return each.end < at; });
+    return message == mMessages.end() ? mLast : *message;
+}
+
+const NotificationLog::Message* NotificationLog::messageBehind(Position position) const
+{
+    const auto message = std::upper_bound(mMessages.begin(), mMessages.end(), position,
+                                          [](Position at, const Message& each) { return at < each.end; });
+    return message == mMessages.end() ? nullptr : &*message;
+}
+
+std::size_t NotificationLog::pieces(Position from, Position until, iovec* to, std::size_t most) const
+{
+    std::size_t count = 0;
+    for (; from < until && count < most; ++count)
+    {
+        const std::size_t offset = from % chunkBytes;
+        const std::size_t size = std::min<Position>(until - from, chunkBytes - offset);
+        to[count] = {mChunks[indexAt(from)].bytes.get() + offset, size};
+        from += size;
+    }
+    return count;
+}
+
+void NotificationLog::copy(Position from, Position until, std::string& to) const
+{
+    for (iovec piece{}; pieces(from, until, &piece, 1) != 0; from += piece.iov_len)
+        to.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
+}
+
+// All of it stands in the first frame.
+void NotificationLog::copyBeginning(Position message, std::size_t most, std::string& to) const
+{
+    constexpr std::size_t longHeader = 9;
+    constexpr std::size_t shortHeader = 2;
+    std::string bytes;
+    copy(message, std::min(end(), message + longHeader + most), bytes);
+    const bool isLong = (static_cast<unsigned char>(bytes[0]) & FrameWriter::longFlag) != 0;
+    if (isLong)
+        to.append(bytes, longHeader, most);
+    else
+        to.append(bytes, shortHeader, std::min<std::size_t>(most, static_cast<unsigned char>(bytes[1])));
+}
+
+void NotificationLog::advance(Position from, Position to)
+{
+    if (indexAt(from) == indexAt(to))
+        return;
+    enter(to);
+    leave(from);
+}
+
+void NotificationLog::trim()
+{
+    while (mChunks.size() > 1 && mChunks.front().readers == 0)
+    {
+        mSpare = std::move(mChunks.front().bytes);
+        mChunks.pop_front();
+        mBegin += chunkBytes;
+    }
+    while (!mMessages.empty() && mMessages.front().end < mBegin)
+        mMessages.pop_front();
+}
+
+NotificationLog::Position NotificationLog::endOfOldest() const
+{
+    return mChunks.size() > 1 ? mBegin + chunkBytes : 0;
+}

@@ -1,0 +1,65 @@
+#ifndef BROKER_WIRE_POLLER_H
+#define BROKER_WIRE_POLLER_H
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <sys/epoll.h>
+
+#include "broker/wire/Descriptor.h"
+
+/// The owner of a descriptor that is polled. The kind tells what it is.
+class Pollable
+{
+public:
+    enum class Kind
+    {
+        Interrupt,
+        Listener,
+        Connection,
+    };
+
+    explicit Pollable(Kind kind) : mPollableKind(kind) {}
+    Kind pollableKind() const { return mPollableKind; }
+
+private:
+    Kind mPollableKind;
+};
+
+/// Reports which of many descriptors can be read or written. Level-triggered: what is not done stays
+/// reported.
+class Poller
+{
+public:
+    /// As epoll reports it: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
+    struct Event
+    {
+        Pollable* owner;
+        uint32_t what;
+    };
+
+    /// @throws std::system_error where the system has no room for another.
+    Poller();
+
+    /// @param owner handed out with each event
+    /// @throws std::system_error
+    void add(int descriptor, uint32_t what, Pollable* owner);
+    void change(int descriptor, uint32_t what, Pollable* owner);
+    void remove(int descriptor);
+
+    /// Waits at most `limit`, which is rounded up to whole milliseconds; negative: without limit. Returns how
+    /// many events there are.
+    std::size_t wait(std::chrono::microseconds limit);
+    Event event(std::size_t index) const
+    {
+        return {static_cast<Pollable*>(mEvents[index].data.ptr), mEvents[index].events};
+    }
+
+private:
+    void control(int operation, int descriptor, uint32_t what, Pollable* owner);
+
+    Descriptor mPoll;
+    std::array<epoll_event, 128> mEvents{};
+};
+
+#endif

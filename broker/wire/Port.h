@@ -1,0 +1,185 @@
+#ifndef BROKER_WIRE_PORT_H
+#define BROKER_WIRE_PORT_H
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+#include <list>
+#include <memory>
+#include <vector>
+
+#include "broker/base/Clock.h"
+#include "broker/wire/Connection.h"
+#include "broker/wire/Listener.h"
+#include "broker/wire/Poller.h"
+
+/// A port and its connections. Peer derives from Connection and is made from (Descriptor, Kind, TimePoint).
+///
+/// A connection must complete its handshake within a time. Beyond the limit, the oldest that has not done so
+/// makes room for a new one; if all have, the new one is closed.
+template <class Peer>
+class Port : public Pollable
+{
+public:
+    static constexpr std::chrono::seconds longestHandshake{5};
+
+    Port(const Port&) = delete;
+    Port& operator=(const Port&) = delete;
+
+    /// How many connections a call of accept() takes, so that a crowd of them does not keep the others
+    /// waiting.
+    static constexpr std::size_t fewAtATime = 32;
+    static constexpr std::size_t allThatWait = std::numeric_limits<std::size_t>::max();
+
+    /// Takes connections that wait.
+    void accept(std::size_t count, TimePoint now)
+    {
+        bool outOfDescriptors = false;
+        sockaddr_in address{};
+        for (; count != 0; --count)
+        {
+            Descriptor socket = mListener.accept(address, outOfDescriptors);
+            if (!socket.isOpen())
+                break;
+            const bool hasRoom = mPeers.size() < most();
+            if (!hasRoom)
+                onFull();
+            if (hasRoom || makeRoom(now))
+                onAccepted(add(std::move(socket), now));
+        }
+        if (outOfDescriptors)
+            rest(now);
+    }
+
+    /// Closes it at once; the object lives until collect().
+    void close(Peer& peer)
+    {
+        onClose(peer);
+        noteOpened(peer);
+        const auto found =
+            std::find_if(mPeers.begin(), mPeers.end(), [&](const auto& each) { return each.get() == &peer; });
+        peer.closeSocket();
+        mClosed.push_back(std::move(*found));
+        *found = std::move(mPeers.back());
+        mPeers.pop_back();
+    }
+
+    /// Destroys what was closed. Nothing may point to it any more.
+    void collect() { mClosed.clear(); }
+
+    virtual TimePoint due() const
+    {
+        const Peer* oldest = oldestOpening();
+        return std::min(mRestsUntil,
+                        oldest == nullptr ? TimePoint::max() : oldest->acceptedAt() + longestHandshake);
+    }
+
+    /// To be called when due() has come.
+    virtual void doWhatIsDue(TimePoint now)
+    {
+        if (mRestsUntil <= now)
+        {
+            mPoller.change(mListener.descriptor(), EPOLLIN, this);
+            mRestsUntil = TimePoint::max();
+        }
+        while (Peer* oldest = oldestOpening())
+        {
+            if (oldest->acceptedAt() + longestHandshake > now)
+                break;
+            close(*oldest);
+        }
+    }
+
+    const std::vector<std::unique_ptr<Peer>>& peers() const { return mPeers; }
+
+    std::size_t openPeers() const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(mPeers.begin(), mPeers.end(), [](const auto& peer) { return peer->isOpen(); }));
+    }
+
+protected:
+    Port(Poller& poller, uint16_t number, Handshake::Kind kind, int sendBuffer)
+        : Pollable(Pollable::Kind::Listener), mPoller(poller), mListener(number, sendBuffer), mKind(kind)
+    {
+        mPoller.add(mListener.descriptor(), EPOLLIN, this);
+    }
+
+    virtual ~Port() = default;
+
+    /// How many connections there may be.
+    virtual std::size_t most() const = 0;
+
+    /// There is no room for another.
+    virtual void onFull() = 0;
+
+    virtual void onAccepted(Peer&) {}
+
+    /// It is about to be closed.
+    virtual void onClose(Peer&) {}
+
+    /// Reads what it has sent.
+    virtual void read(Peer& peer, TimePoint now) = 0;
+
+    /// Asks the poller for what a connection waits for now.
+    void poll(Peer& peer, uint32_t what)
+    {
+        if (peer.polled == what || peer.isDead())
+            return;
+        mPoller.change(peer.descriptor(), what, &peer);
+        peer.polled = what;
+    }
+
+    /// A connection has completed its handshake.
+    void noteOpened(Peer& peer)
+    {
+        if (peer.opening != mOpening.end())
+            mOpening.erase(peer.opening);
+        peer.opening = mOpening.end();
+    }
+
+private:
+    Peer& add(Descriptor socket, TimePoint now)
+    {
+        mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
+        Peer& peer = *mPeers.back();
+        peer.opening = mOpening.insert(mOpening.end(), &peer);
+        mPoller.add(peer.descriptor(), EPOLLIN, &peer);
+        peer.polled = EPOLLIN;
+        return peer;
+    }
+
+    Peer* oldestOpening() const { return mOpening.empty() ? nullptr : static_cast<Peer*>(mOpening.front()); }
+
+    // What the oldest has sent may complete its handshake. Then the next oldest is looked at.
+    bool makeRoom(TimePoint now)
+    {
+        while (Peer* oldest = oldestOpening())
+        {
+            read(*oldest, now);
+            if (oldest != oldestOpening())
+                continue; // it is open now
+            close(*oldest);
+            return true;
+        }
+        return false;
+    }
+
+    // Out of descriptors or memory: the poller would report the waiting connection without end.
+    void rest(TimePoint now)
+    {
+        constexpr std::chrono::milliseconds pause{100};
+        mPoller.change(mListener.descriptor(), 0, this);
+        mRestsUntil = now + pause;
+    }
+
+    Poller& mPoller;
+    Listener mListener;
+    const Handshake::Kind mKind;
+    std::vector<std::unique_ptr<Peer>> mPeers;
+    std::vector<std::unique_ptr<Peer>> mClosed; // until nothing can point to them any more
+    std::list<Connection*> mOpening;            // in the middle of their handshake, oldest first
+    TimePoint mRestsUntil = TimePoint::max();
+};
+
+#endif

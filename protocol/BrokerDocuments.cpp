@@ -1,0 +1,206 @@
+#include "protocol/BrokerDocuments.h"
+
+#include <algorithm>
+
+#include "protocol/CommandForms.h"
+#include "protocol/CommandParser.h"
+#include "protocol/PlainScanner.h"
+
+namespace BrokerProtocol
+{
+
+namespace
+{
+
+// What takes more memory than this is not kept for the next message.
+constexpr std::size_t keptElements = 256;
+
+template <class Element>
+void empty(std::vector<Element>& elements)
+{
+    elements.clear();
+    if (elements.capacity() > keptElements)
+        std::vector<Element>().swap(elements);
+}
+
+} // namespace
+
+const char* nameOf(Operation operation)
+{
+    const auto index = static_cast<std::size_t>(operation);
+    const Form& form =
+        index < postForms.size() ? postForms[index] : requestForms.at(index - postForms.size());
+    return form.name.data();
+}
+
+namespace
+{
+
+// ---- Plain messages, which nearly all are, in the order in which clients write them.
+
+bool scanTexts(PlainScanner& scanner, std::vector<std::string_view>& texts)
+{
+    if (!scanner.take('['))
+        return false;
+    if (scanner.take(']'))
+        return true;
+    do
+    {
+        std::string_view text;
+        if (texts.size() == mostMembers || !scanner.takeText(text))
+            return false;
+        texts.push_back(text);
+    } while (scanner.take(','));
+    return scanner.take(']');
+}
+
+bool scanMembers(PlainScanner& scanner, std::vector<Member>& members)
+{
+    return scanner.takeMembers(
+        [&](std::string_view name, std::string_view value)
+        {
+            if (members.size() == mostMembers || (!members.empty() && members.back().name >= name))
+                return false;
+            members.push_back({name, value});
+            return true;
+        });
+}
+
+bool scanPayload(PlainScanner& scanner, Shape shape, Command& command)
+{
+    switch (shape)
+    {
+    case Shape::Text:
+        return scanner.takeText(command.text);
+    case Shape::Texts:
+        return scanTexts(scanner, command.texts);
+    case Shape::Members:
+        return scanMembers(scanner, command.members);
+    case Shape::Number:
+    case Shape::NamedNumber:
+        return false;
+    }
+    return false;
+}
+
+} // namespace
+
+template <class Forms, class Parse>
+bool Command::read(std::string_view message, const Forms& forms, Parse parse)
+{
+    clear();
+    PlainScanner scanner(message);
+    std::string_view name;
+    if (scanner.take('{') && scanner.takeText(name) && scanner.take(':'))
+    {
+        const Form* form = findForm(forms, name);
+        if (form == nullptr)
+            return false;
+        operation = form->operation;
+        if (scanPayload(scanner, form->shape, *this) && scanner.take('}') && scanner.atEnd())
+            return true;
+        clear();
+    }
+    mUnescaped.reserve(message.size());
+    if (!parse(message, *this, mUnescaped))
+        return false;
+    sortMembers();
+    return true;
+}
+
+bool Command::readPost(std::string_view message)
+{
+    return read(message, postForms, parsePost);
+}
+
+bool Command::readRequest(std::string_view message)
+{
+    return read(message, requestForms, parseRequest);
+}
+
+void Command::clear()
+{
+    text = {};
+    number = 0;
+    empty(members);
+    empty(texts);
+    empty(mUnescaped);
+}
+
+// Of members with the same name the last counts.
+void Command::sortMembers()
+{
+    const auto byName = [](const Member& one, const Member& other) { return one.name < other.name; };
+    const auto sameName = [](const Member& one, const Member& other) { return one.name == other.name; };
+    std::reverse(members.begin(), members.end());
+    std::stable_sort(members.begin(), members.end(), byName);
+    members.erase(std::unique(members.begin(), members.end(), sameName), members.end());
+}
+
+// ------------------------------------------------------------------------------------------------- writing
+
+void appendText(std::string& to, std::string_view text)
+{
+    if (!PlainText::isPlain(text))
+    {
+        to += escaped(text);
+        return;
+    }
+    to += '"';
+    to += text;
+    to += '"';
+}
+
+void appendMember(std::string& to, const Member& member)
+{
+    if (!to.empty() && to.back() != '{')
+        to += ',';
+    appendText(to, member.name);
+    to += ':';
+    appendText(to, member.value);
+}
+
+void appendUpdate(std::string& to, const char* key, const std::vector<Member>& members)
+{
+    to += '{';
+    appendText(to, key);
+    to += ":{";
+    for (const Member& member : members)
+        appendMember(to, member);
+    to += "}}";
+}
+
+void appendStatusValueReply(std::string& to, std::string_view value)
+{
+    to += '{';
+    appendText(to, Key::statusValue);
+    to += ':';
+    appendText(to, value);
+    to += '}';
+}
+
+void appendTimerReply(std::string& to, uint64_t microseconds)
+{
+    to += std::to_string(microseconds);
+}
+
+void appendCounterReply(std::string& to, uint32_t value)
+{
+    to += std::to_string(static_cast<int32_t>(value));
+}
+
+void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers)
+{
+    to += '{';
+    for (const auto& [name, number] : numbers)
+    {
+        if (to.back() != '{')
+            to += ',';
+        appendText(to, name);
+        to += ':';
+        to += std::to_string(number);
+    }
+    to += '}';
+}
+
+} // namespace BrokerProtocol

@@ -1,0 +1,104 @@
+#ifndef PROTOCOL_BROKERDOCUMENTS_H
+#define PROTOCOL_BROKERDOCUMENTS_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "protocol/Words.h"
+
+/// The documents as the broker reads and writes them. Pure functions; no sockets, no threads.
+///
+/// Reading a message takes at most four times its size in memory, and time in proportion to it: there are
+/// five shapes, and what is none of them is given up where that shows. Nothing here throws but
+/// std::bad_alloc.
+namespace BrokerProtocol
+{
+
+/// What a client wants.
+enum class Operation
+{
+    // posts
+    UpdateSystemTime,
+    PostStatus,
+    ResetStatus,
+    PostEvent,
+    StartTimer,
+    StopTimer,
+    ResetTimer,
+    RestartTimer,
+    SetCounterValue,
+    // requests
+    GetClientInfo,
+    GetClientInfoValue,
+    GetClientInfoValues,
+    GetTimerElapsed,
+    GetTimerLastStarted,
+    GetCounterValue,
+    IncrementCounter,
+    GetBrokerStatistics,
+};
+
+/// The name under which messages know it.
+const char* nameOf(Operation operation);
+
+/// A name and its value, which stand somewhere else.
+struct Member
+{
+    std::string_view name;
+    std::string_view value;
+};
+
+/// More members, or list elements, than this are no message of a client.
+constexpr std::size_t mostMembers = 100000;
+
+/// A post or a request as the broker understands it: exactly one member, whose name is an operation's and
+/// whose value has exactly the types that the client writes. The texts stand in the message that was read, or
+/// in this object, where the message spells them with escapes. To be used again for the next message.
+class Command
+{
+public:
+    Operation operation{};
+    std::string_view text;       ///< the name of a timer, a counter or a status key
+    std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
+    std::vector<std::string_view> texts; ///< ResetStatus, GetClientInfoValues: in their order
+    uint32_t number = 0;                 ///< UpdateSystemTime, SetCounterValue
+
+    /// False if the message is malformed, or no post or no request respectively.
+    bool readPost(std::string_view message);
+    bool readRequest(std::string_view message);
+
+private:
+    template <class Forms, class Parse>
+    bool read(std::string_view message, const Forms& forms, Parse parse);
+    void clear();
+    void sortMembers();
+
+    std::vector<char> mUnescaped;
+};
+
+// ---- Each appends to a text.
+
+void appendText(std::string& to, std::string_view text);
+
+/// "<name>":"<value>", behind a comma unless a member list begins with it.
+void appendMember(std::string& to, const Member& member);
+
+/// {"<key>":{"<name>":"<value>",...}}
+void appendUpdate(std::string& to, const char* key, const std::vector<Member>& members);
+
+void appendStatusValueReply(std::string& to, std::string_view value);
+void appendTimerReply(std::string& to, uint64_t microseconds);
+
+/// As a signed number: above 2^31 the only text that clients of 32 bits read right, too, since atoi() ends
+/// there.
+void appendCounterReply(std::string& to, uint32_t value);
+
+/// An object of numbers.
+void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers);
+
+} // namespace BrokerProtocol
+
+#endif

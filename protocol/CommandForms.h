@@ -1,0 +1,64 @@
+#ifndef PROTOCOL_COMMANDFORMS_H
+#define PROTOCOL_COMMANDFORMS_H
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "protocol/BrokerDocuments.h"
+
+/// The shapes of posts and requests. For reading them only.
+namespace BrokerProtocol
+{
+
+enum class Shape
+{
+    Text,        // "<text>"
+    Texts,       // ["<text>",...]
+    Members,     // {"<name>":"<value>",...}
+    Number,      // <number>
+    NamedNumber, // {"<name>":<number>}
+};
+
+struct Form
+{
+    std::string_view name;
+    Operation operation;
+    Shape shape;
+};
+
+// In the order of Operation.
+inline constexpr std::array<Form, 9> postForms{{
+    {Key::updateSystemTime, Operation::UpdateSystemTime, Shape::Number},
+    {Key::postStatus, Operation::PostStatus, Shape::Members},
+    {Key::resetStatus, Operation::ResetStatus, Shape::Texts},
+    {Key::postEvent, Operation::PostEvent, Shape::Members},
+    {Key::startTimer, Operation::StartTimer, Shape::Text},
+    {Key::stopTimer, Operation::StopTimer, Shape::Text},
+    {Key::resetTimer, Operation::ResetTimer, Shape::Text},
+    {Key::restartTimer, Operation::RestartTimer, Shape::Text},
+    {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
+}};
+
+inline constexpr std::array<Form, 8> requestForms{{
+    {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
+    {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
+    {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
+    {Key::getTimerElapsed, Operation::GetTimerElapsed, Shape::Text},
+    {Key::getTimerLastStarted, Operation::GetTimerLastStarted, Shape::Text},
+    {Key::getCounterValue, Operation::GetCounterValue, Shape::Text},
+    {Key::incrementCounter, Operation::IncrementCounter, Shape::Text},
+    {Key::getBrokerStatistics, Operation::GetBrokerStatistics, Shape::Text},
+}};
+
+template <class Forms>
+const Form* findForm(const Forms& forms, std::string_view name)
+{
+    const auto form =
+        std::find_if(forms.begin(), forms.end(), [&](const Form& each) { return each.name == name; });
+    return form == forms.end() ? nullptr : &*form;
+}
+
+} // namespace BrokerProtocol
+
+#endif

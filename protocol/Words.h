@@ -1,0 +1,60 @@
+#ifndef PROTOCOL_WORDS_H
+#define PROTOCOL_WORDS_H
+
+#include <cstddef>
+#include <cstdint>
+
+/// The words, places and sizes on which both sides agree. docs/protocol.md shows every message.
+namespace BrokerProtocol
+{
+
+/// The names of operations and members. Constants without a constructor: they are there before any static
+/// initialiser runs, and still there when the library's threads outlive the end of main().
+namespace Key
+{
+constexpr const char* getClientInfo = "getClientInfo";
+constexpr const char* getClientInfoValue = "getClientInfoValue";
+constexpr const char* getClientInfoValues = "getClientInfoValues";
+constexpr const char* getTimerElapsed = "getTimerElapsed";
+constexpr const char* getTimerLastStarted = "getTimerLastStarted";
+constexpr const char* getCounterValue = "getCounterValue";
+constexpr const char* incrementCounter = "incrementCounter";
+constexpr const char* updateSystemTime = "updateSystemTime";
+constexpr const char* postStatus = "postStatus";
+constexpr const char* resetStatus = "resetStatus";
+constexpr const char* postEvent = "postEvent";
+constexpr const char* startTimer = "startTimer";
+constexpr const char* stopTimer = "stopTimer";
+constexpr const char* resetTimer = "resetTimer";
+constexpr const char* restartTimer = "restartTimer";
+constexpr const char* setCounterValue = "setCounterValue";
+constexpr const char* counterName = "counterName";   // reserved: no message uses it
+constexpr const char* counterValue = "counterValue"; // reserved: no message uses it
+constexpr const char* statusUpdate = "statusUpdate";
+constexpr const char* eventUpdate = "eventUpdate";
+constexpr const char* statusValue = "statusValue";
+constexpr const char* getBrokerStatistics = "getBrokerStatistics";
+} // namespace Key
+
+/// The control words, sent as bare text.
+constexpr const char* syncWord = "Sync";
+constexpr const char* syncAckWord = "SyncAck";
+
+/// The broker's answer to "Sync" where posts may have been lost that the client made before. Any word but
+/// "SyncAck" makes sync() return false.
+constexpr const char* syncLostWord = "SyncLost";
+
+/// Messages travel in frames of at most this many bytes.
+constexpr std::size_t maxFrameBytes = 512;
+
+/// Where the broker serves.
+constexpr uint16_t requestPort = 5555;
+constexpr uint16_t postPort = 5556;
+constexpr uint16_t notifyPort = 5557;
+constexpr const char* requestEndpoint = "tcp://127.0.0.1:5555";
+constexpr const char* postEndpoint = "tcp://127.0.0.1:5556";
+constexpr const char* notifyEndpoint = "tcp://127.0.0.1:5557";
+
+} // namespace BrokerProtocol
+
+#endif
