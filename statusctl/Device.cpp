@@ -5,10 +5,11 @@
 #include <cstdlib>
 #include <optional>
 
+#include "protocol/ClientDocuments.h"
 #include "statusctl/Duration.h"
 #include "statusctl/Ports.h"
+#include "statusctl/Report.h"
 #include "statusctl/Text.h"
-#include "protocol/ClientDocuments.h"
 
 namespace
 {

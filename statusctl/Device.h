@@ -5,6 +5,7 @@
 #include <string>
 
 #include "statusctl/Deadline.h"
+#include "statusctl/Failure.h"
 #include "statusctl/Journal.h"
 #include "statusctl/Settings.h"
 #include "statusmanager/StatusManager.h"

@@ -7,6 +7,7 @@
 
 #include "statusctl/Device.h"
 #include "statusctl/Duration.h"
+#include "statusctl/Failure.h"
 
 namespace
 {

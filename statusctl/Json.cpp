@@ -4,6 +4,7 @@
 #include <json/writer.h>
 #include <memory>
 
+#include "statusctl/Failure.h"
 #include "statusctl/Text.h"
 
 namespace

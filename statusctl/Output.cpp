@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "statusctl/Ending.h"
+#include "statusctl/Failure.h"
 #include "statusctl/Json.h"
 #include "statusctl/Text.h"
 

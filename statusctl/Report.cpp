@@ -1,3 +1,5 @@
+#include "statusctl/Report.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <json/value.h>
@@ -5,7 +7,6 @@
 
 #include "statusctl/Ending.h"
 #include "statusctl/Json.h"
-#include "statusctl/Settings.h"
 #include "statusctl/Text.h"
 
 void report(const Settings& settings, const Failure& failure)

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "statusctl/Failure.h"
-
 /// What the options that all commands share ask for.
 struct Settings
 {
@@ -28,11 +26,5 @@ struct Settings
     bool isJson() const { return json != Json::Off; }
     std::chrono::milliseconds requestTimeout() const { return timeout.value_or(std::chrono::seconds(5)); }
 };
-
-/// Tells of a failure on standard error: one line, or one object.
-void report(const Settings& settings, const Failure& failure);
-
-/// Reports, and ends the process at once: its other threads may be busy for long.
-[[noreturn]] void leaveWith(const Settings& settings, const Failure& failure);
 
 #endif

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "statusctl/CommandLine.h"
+#include "statusctl/Report.h"
 
 namespace
 {

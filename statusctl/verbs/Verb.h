@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "statusctl/Failure.h"
 #include "statusctl/Settings.h"
 
 /// One command of the tool. Each verb's file defines its class and the function that adds it to the command

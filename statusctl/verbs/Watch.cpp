@@ -7,6 +7,7 @@
 #include "statusctl/Device.h"
 #include "statusctl/Feed.h"
 #include "statusctl/Output.h"
+#include "statusctl/Report.h"
 #include "statusctl/Text.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Verb.h"

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "statusctl/Failure.h"
+
 namespace
 {
 
