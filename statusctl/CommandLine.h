@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "statusctl/Settings.h"
+#include "statusctl/base/Settings.h"
 #include "statusctl/verbs/Verb.h"
 
 /// The command line: the options that all commands share, and the commands.

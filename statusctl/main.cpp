@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include "statusctl/CommandLine.h"
-#include "statusctl/Report.h"
+#include "statusctl/text/Report.h"
 
 namespace
 {

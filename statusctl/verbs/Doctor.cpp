@@ -2,11 +2,11 @@
 
 #include <algorithm>
 
-#include "statusctl/Device.h"
-#include "statusctl/Diagnosis.h"
-#include "statusctl/Inquiry.h"
-#include "statusctl/Output.h"
-#include "statusctl/Text.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/health/Diagnosis.h"
+#include "statusctl/health/Inquiry.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -1,10 +1,10 @@
 #include <string>
 #include <thread>
 
-#include "statusctl/Device.h"
-#include "statusctl/Feed.h"
-#include "statusctl/Output.h"
-#include "statusctl/Text.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/device/Feed.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "statusctl/Device.h"
-#include "statusctl/Output.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/text/Output.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -1,8 +1,8 @@
 #include <cstdio>
 
-#include "statusctl/Device.h"
-#include "statusctl/Output.h"
-#include "statusctl/RoundTrips.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/health/RoundTrips.h"
+#include "statusctl/text/Output.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -9,11 +9,11 @@
 #include <thread>
 #include <unistd.h>
 
-#include "statusctl/Device.h"
-#include "statusctl/Ending.h"
-#include "statusctl/Feed.h"
-#include "statusctl/Json.h"
-#include "statusctl/Output.h"
+#include "statusctl/base/Ending.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/device/Feed.h"
+#include "statusctl/text/Json.h"
+#include "statusctl/text/Output.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Verb.h"
 

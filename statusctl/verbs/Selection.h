@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "statusctl/Change.h"
-#include "statusctl/Pattern.h"
+#include "statusctl/device/Change.h"
+#include "statusctl/text/Pattern.h"
 #include "statusctl/verbs/Verb.h"
 
 /// The part of a command line that says which keys and events to follow, and how many of their changes.

@@ -1,8 +1,8 @@
 #include <algorithm>
 
-#include "statusctl/Inquiry.h"
-#include "statusctl/OpenMetrics.h"
-#include "statusctl/Output.h"
+#include "statusctl/health/Inquiry.h"
+#include "statusctl/health/OpenMetrics.h"
+#include "statusctl/text/Output.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

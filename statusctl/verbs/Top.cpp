@@ -4,13 +4,13 @@
 #include <csignal>
 #include <mutex>
 
-#include "statusctl/Device.h"
-#include "statusctl/Ending.h"
-#include "statusctl/Feed.h"
-#include "statusctl/Listeners.h"
-#include "statusctl/Ports.h"
-#include "statusctl/TopModel.h"
-#include "statusctl/TopScreen.h"
+#include "statusctl/base/Ending.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/device/Feed.h"
+#include "statusctl/device/Ports.h"
+#include "statusctl/health/Listeners.h"
+#include "statusctl/screen/TopModel.h"
+#include "statusctl/screen/TopScreen.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -4,12 +4,12 @@
 #include <iterator>
 #include <unistd.h>
 
-#include "statusctl/Device.h"
-#include "statusctl/Input.h"
-#include "statusctl/Json.h"
-#include "statusctl/Output.h"
-#include "statusctl/Pattern.h"
-#include "statusctl/Text.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/text/Input.h"
+#include "statusctl/text/Json.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Pattern.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace

@@ -1,6 +1,6 @@
 #include "statusctl/verbs/Verb.h"
 
-#include "statusctl/Duration.h"
+#include "statusctl/text/Duration.h"
 
 CLI::App& Verbs::describe(CLI::App& app, const std::string& name, const std::string& summary,
                           const std::string& examples, const std::string& details)

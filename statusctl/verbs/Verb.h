@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "statusctl/Failure.h"
-#include "statusctl/Settings.h"
+#include "statusctl/base/Failure.h"
+#include "statusctl/base/Settings.h"
 
 /// One command of the tool. Each verb's file defines its class and the function that adds it to the command
 /// line.

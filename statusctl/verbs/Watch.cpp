@@ -4,11 +4,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "statusctl/Device.h"
-#include "statusctl/Feed.h"
-#include "statusctl/Output.h"
-#include "statusctl/Report.h"
-#include "statusctl/Text.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/device/Feed.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Report.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Verb.h"
 

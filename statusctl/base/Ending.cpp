@@ -1,0 +1,34 @@
+#include "statusctl/base/Ending.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+
+namespace
+{
+
+std::atomic<void (*)()> restoreScreen{nullptr};
+
+} // namespace
+
+void setRestore(void (*restore)())
+{
+    restoreScreen = restore;
+}
+
+void restoreBeforeLeaving()
+{
+    if (void (*restore)() = restoreScreen.exchange(nullptr))
+        restore();
+}
+
+void endBy(int signal)
+{
+    std::signal(signal, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr); // the library's threads block all
+    std::raise(signal);
+    std::abort(); // not reached by a signal that ends a process
+}

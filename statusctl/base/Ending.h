@@ -1,0 +1,11 @@
+#ifndef STATUSCTL_BASE_ENDING_H
+#define STATUSCTL_BASE_ENDING_H
+
+/// Ends the process by a signal, as if nothing had caught or blocked it: whoever started it sees 128+n.
+[[noreturn]] void endBy(int signal);
+
+/// What leaveWith() calls, once, before it tells why: a screen that is on would swallow the words.
+void setRestore(void (*restore)());
+void restoreBeforeLeaving();
+
+#endif

@@ -1,0 +1,30 @@
+#ifndef STATUSCTL_BASE_SETTINGS_H
+#define STATUSCTL_BASE_SETTINGS_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What the options that all commands share ask for.
+struct Settings
+{
+    enum class Json
+    {
+        Off,
+        Short,  ///< on one line
+        Pretty, ///< indented, but for streams, which are always one object a line
+    };
+
+    std::string verb; ///< empty until it is known
+    std::optional<std::chrono::milliseconds> timeout;
+    Json json = Json::Off;
+    bool quiet = false;
+    bool color = false;
+    std::vector<std::string> command; ///< what stands behind "--", for a command that runs others
+
+    bool isJson() const { return json != Json::Off; }
+    std::chrono::milliseconds requestTimeout() const { return timeout.value_or(std::chrono::seconds(5)); }
+};
+
+#endif

@@ -1,0 +1,158 @@
+#include "statusctl/device/Device.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <optional>
+
+#include "protocol/ClientDocuments.h"
+#include "statusctl/device/Ports.h"
+#include "statusctl/text/Duration.h"
+#include "statusctl/text/Report.h"
+#include "statusctl/text/Text.h"
+
+namespace
+{
+
+std::optional<Failure> unreachable()
+{
+    const std::optional<Ports::Port> closed = Ports::firstClosed();
+    if (!closed)
+        return std::nullopt;
+    return Failure(ExitCode::Unreachable, "no broker: nothing listens on port " +
+                                              std::to_string(closed->number) + " (" + closed->purpose +
+                                              "); is statusbroker running?");
+}
+
+// The library sends the last frame of a message with the remainder of the whole length, so a message of a
+// multiple of this length loses its end.
+bool isTaken(const std::string& message)
+{
+    return message.size() % BrokerProtocol::maxFrameBytes != 0;
+}
+
+void checkTaken(const std::string& message)
+{
+    if (!isTaken(message))
+        throw Failure(ExitCode::Failed, "the transport cannot take a message of exactly " +
+                                            std::to_string(message.size()) +
+                                            " bytes; make it a byte longer or shorter");
+}
+
+// JSON holds nothing else; the library would put U+FFFD for what is not, and the key or value would be
+// another.
+void checkUtf8(const std::string& text)
+{
+    if (!Text::isUtf8(text))
+        throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
+                                            "\" is not UTF-8, and nothing else can be posted; encode it");
+}
+
+// As few parts as the transport takes, each no longer than `most`: halves of halves.
+// NOLINTBEGIN(misc-no-recursion)
+template <typename Texts, typename Write, typename Send>
+void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
+{
+    const std::string message = write(texts);
+    if (isTaken(message) && message.size() <= most)
+        return send(texts);
+    if (texts.size() == 1)
+    {
+        checkTaken(message);
+        return send(texts);
+    }
+    const auto middle = std::next(texts.begin(), static_cast<std::ptrdiff_t>(texts.size() / 2));
+    sendInParts(Texts(texts.begin(), middle), most, write, send);
+    sendInParts(Texts(middle, texts.end()), most, write, send);
+}
+// NOLINTEND(misc-no-recursion)
+
+// The broker takes a megabyte; this leaves it room between two.
+constexpr std::size_t longestMessage = std::size_t{256} * 1024;
+
+} // namespace
+
+Device::Device(const Settings& settings) : mSettings(settings)
+{
+    checkReachable();
+    const Deadline deadline(mSettings.requestTimeout(), [this] { leave(); });
+    mManager = StatusManager::getInstance(false);
+    throwFailure();
+}
+
+void Device::checkReachable()
+{
+    if (const std::optional<Failure> failure = unreachable())
+        throw Failure(*failure);
+}
+
+// On the deadline's thread, while the main thread waits for ever. Nothing that either holds is released.
+void Device::leave() const
+{
+    const Failure late(ExitCode::TimedOut, "no answer from the broker within " +
+                                               Duration::write(mSettings.requestTimeout()) +
+                                               "; \"statusctl doctor\" may tell why");
+    leaveWith(mSettings, unreachable().value_or(late));
+}
+
+void Device::throwFailure()
+{
+    const std::string failure = mJournal.takeFailure();
+    if (!failure.empty())
+        throw Failure(ExitCode::BadReply, "bad reply from the broker: " + failure);
+}
+
+StatusMap Device::values(const StatusKeys& keys)
+{
+    StatusMap result;
+    const auto write = [](const StatusKeys& part)
+    { return BrokerProtocol::writeList(BrokerProtocol::Key::getClientInfoValues, part); };
+    if (!keys.empty())
+        sendInParts(keys, longestMessage, write,
+                    [&](const StatusKeys& part) {
+                        result.merge(
+                            ask([&](StatusManager& manager) { return manager.getClientInfoValues(part); }));
+                    });
+    return result;
+}
+
+void Device::post(const StatusMap& values)
+{
+    for (const auto& [key, value] : values)
+    {
+        checkUtf8(key);
+        checkUtf8(value);
+    }
+    const auto write = [](const StatusMap& part)
+    { return BrokerProtocol::writeMap(BrokerProtocol::Key::postStatus, part); };
+    sendInParts(values, longestMessage, write, [this](const StatusMap& part) { mManager->postStatus(part); });
+}
+
+void Device::postEvent(const std::string& name, const std::string& value)
+{
+    checkUtf8(name);
+    checkUtf8(value);
+    checkTaken(BrokerProtocol::writePostEvent(name, value));
+    mManager->postEvent(name, value, 0);
+}
+
+void Device::reset(const StatusKeys& keys)
+{
+    std::for_each(keys.begin(), keys.end(), checkUtf8);
+    const auto write = [](const StatusKeys& part)
+    { return BrokerProtocol::writeList(BrokerProtocol::Key::resetStatus, part); };
+    sendInParts(keys, longestMessage, write, [this](const StatusKeys& part) { mManager->resetStatus(part); });
+}
+
+void Device::confirm()
+{
+    constexpr int noLimit = -1; // one that runs out closes the request channel for good
+    if (!ask([](StatusManager& manager) { return manager.sync(noLimit); }))
+        throw Failure(ExitCode::Failed, "the broker did not confirm");
+}
+
+void Device::unregister(IStatusUpdateListener* listener)
+{
+    const Deadline deadline(mSettings.requestTimeout(), [this] { leave(); });
+    mManager->unregisterListener(listener);
+}

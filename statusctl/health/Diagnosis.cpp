@@ -1,0 +1,175 @@
+#include "statusctl/health/Diagnosis.h"
+
+#include "statusctl/health/Inquiry.h"
+
+#include <cstdio>
+#include <set>
+#include <sstream>
+
+using BrokerProtocol::Statistics;
+using Diagnosis::Findings;
+
+namespace
+{
+
+std::string describe(const Ports::Port& port)
+{
+    return "port " + std::to_string(port.number) + " (" + port.purpose + ")";
+}
+
+bool isOneOf(const std::string& word, const std::string& words)
+{
+    std::istringstream all(words);
+    for (std::string one; all >> one;)
+    {
+        if (one == word)
+            return true;
+    }
+    return false;
+}
+
+std::string programOn(const Diagnosis::Answer& answer)
+{
+    return answer.listeners.empty() ? "a program" : Listeners::nameOf(answer.listeners.front());
+}
+
+void addPort(const Diagnosis::Answer& answer, Findings& findings)
+{
+    constexpr const char* moveAway = "end that program, or have it use another port; the broker's are fixed";
+    if (answer.listeners.empty() && answer.socketType.empty())
+        findings.push_back({"port", "nothing listens on " + describe(answer.port),
+                            R"(start the broker: "systemctl start statusbroker", or run "statusbroker")"});
+    else if (answer.socketType.empty())
+        findings.push_back({"port",
+                            programOn(answer) + " on " + describe(answer.port) +
+                                " does not answer as a broker: another program, or a broker that hangs",
+                            moveAway});
+    else if (!isOneOf(answer.socketType, answer.port.types))
+        findings.push_back({"port",
+                            programOn(answer) + " on " + describe(answer.port) + " is a ZeroMQ " +
+                                answer.socketType + " socket, which no broker has there",
+                            moveAway});
+}
+
+// A rule on the broker's numbers: one that is not 0 is a fault.
+struct Rule
+{
+    const char* number;
+    const char* check;
+    const char* problem; ///< before the number itself
+    const char* remedy;
+};
+
+constexpr Rule rules[] = {
+    {"notifications.lost", "lost", "notifications were lost to subscribers that read too slowly",
+     "find the client that was cut off in the broker's log; have its callbacks return sooner, or give it "
+     "more room with --max-notify-bytes"},
+    {"subscribers.cutOff", "slow", "subscribers had stalled and were cut off",
+     "find the client in the broker's log: it was stopped, or its callbacks take too long"},
+    {"malformed.posts", "malformed", "posts could not be read",
+     "find out who sends them: the broker's log shows how they begin"},
+    {"malformed.requests", "malformed", "requests could not be read",
+     "find out who sends them: the broker's log shows how they begin"},
+    {"state.errors", "state", "the state file could not be written",
+     "look for a full or failing disk under the file of --state"},
+    {"refused.systemTime", "clock", "clients were not allowed to set the clock",
+     "if it should be, start the broker with --allow-set-time"},
+};
+
+uint64_t valueOf(const Statistics& numbers, const std::string& name)
+{
+    const auto found = numbers.find(name);
+    return found == numbers.end() ? 0 : found->second;
+}
+
+void addLimits(const Statistics& numbers, Findings& findings)
+{
+    const std::string prefix = "limit.";
+    for (auto number = numbers.lower_bound(prefix);
+         number != numbers.end() && number->first.compare(0, prefix.size(), prefix) == 0; ++number)
+    {
+        if (number->second != 0)
+            findings.push_back({"limit",
+                                "the limit \"" + number->first.substr(prefix.size()) +
+                                    "\" was exceeded; refused: " + std::to_string(number->second),
+                                "see the broker's log for who exceeds it; if that is right, raise the limit "
+                                "(statusbroker(8))"});
+    }
+}
+
+void addDescriptors(const Statistics& numbers, Findings& findings)
+{
+    constexpr uint64_t percent = 100;
+    constexpr uint64_t tooFull = 80;
+    const uint64_t open = valueOf(numbers, "descriptors.open");
+    const uint64_t limit = valueOf(numbers, "descriptors.limit");
+    if (limit != 0 && open * percent >= limit * tooFull)
+        findings.push_back({"descriptors",
+                            "the broker has " + std::to_string(open) + " of " + std::to_string(limit) +
+                                " file descriptors open",
+                            "find the clients that connect so often, or raise LimitNOFILE"});
+}
+
+void addVersion(const Statistics& numbers, const std::string& ownVersion, Findings& findings)
+{
+    const std::string version = Inquiry::versionIn(numbers);
+    if (version != ownVersion)
+        findings.push_back({"version", "the broker is version " + version + ", this program " + ownVersion,
+                            "if the broker was upgraded, restart it; install both from one release"});
+}
+
+std::string inMilliseconds(std::chrono::microseconds duration)
+{
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f ms",
+                  std::chrono::duration<double, std::milli>(duration).count());
+    return text.data();
+}
+
+} // namespace
+
+Findings Diagnosis::ofPorts(const std::vector<Answer>& answers)
+{
+    Findings findings;
+    std::set<pid_t> processes;
+    for (const Answer& answer : answers)
+    {
+        addPort(answer, findings);
+        for (const Listeners::Listener& listener : answer.listeners)
+        {
+            if (listener.process)
+                processes.insert(*listener.process);
+        }
+    }
+    if (findings.empty() && processes.size() > 1)
+        findings.push_back({"port", "the three ports belong to different processes",
+                            "end the one that is not the broker; \"ss -ltnp\" shows them"});
+    return findings;
+}
+
+Findings Diagnosis::ofStatistics(const Statistics& numbers, const std::string& ownVersion)
+{
+    Findings findings;
+    addVersion(numbers, ownVersion, findings);
+    for (const Rule& rule : rules)
+    {
+        if (const uint64_t number = valueOf(numbers, rule.number))
+            findings.push_back({rule.check, rule.problem + (": " + std::to_string(number)), rule.remedy});
+    }
+    addLimits(numbers, findings);
+    addDescriptors(numbers, findings);
+    return findings;
+}
+
+Findings Diagnosis::ofRoundTrips(const RoundTrips& trips)
+{
+    using std::chrono::milliseconds;
+    constexpr milliseconds usual{5}; // ten times what a small device needs
+    constexpr milliseconds longest{100};
+    if (trips.median <= usual && trips.most <= longest)
+        return {};
+    return {{"slow",
+             "a query takes " + inMilliseconds(trips.median) + ", at most " + inMilliseconds(trips.most),
+             "look for load (\"top\"), a swapping device, or a client that floods the broker "
+             "(\"statusctl stats\")"}};
+}

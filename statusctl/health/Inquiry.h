@@ -1,0 +1,22 @@
+#ifndef STATUSCTL_HEALTH_INQUIRY_H
+#define STATUSCTL_HEALTH_INQUIRY_H
+
+#include <string>
+
+#include "protocol/ClientDocuments.h"
+#include "statusctl/base/Settings.h"
+
+/// What the broker counts about itself, asked for on a connection of its own: the library has no operation
+/// for it.
+namespace Inquiry
+{
+
+/// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
+BrokerProtocol::Statistics statistics(const Settings& settings);
+
+/// The broker's version in them: "1.0.0".
+std::string versionIn(const BrokerProtocol::Statistics& statistics);
+
+} // namespace Inquiry
+
+#endif

@@ -1,0 +1,81 @@
+#include "statusctl/screen/TopModel.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace
+{
+
+std::string inSmallLetters(std::string text)
+{
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+    return text;
+}
+
+bool contains(const std::string& text, const std::string& smallLetters)
+{
+    return inSmallLetters(text).find(smallLetters) != std::string::npos;
+}
+
+} // namespace
+
+void TopModel::Rate::count(int64_t second)
+{
+    Slot& slot = mSlots[static_cast<std::size_t>(second) % seconds];
+    if (slot.second != second)
+        slot = {second, 0};
+    ++slot.changes;
+}
+
+double TopModel::Rate::perSecond(int64_t second) const
+{
+    uint64_t sum = 0;
+    for (const Slot& slot : mSlots)
+    {
+        if (slot.second > second - static_cast<int64_t>(seconds) && slot.second <= second)
+            sum += slot.changes;
+    }
+    return static_cast<double>(sum) / static_cast<double>(seconds);
+}
+
+int64_t TopModel::secondOf(Clock::time_point time)
+{
+    return std::chrono::duration_cast<std::chrono::seconds>(time.time_since_epoch()).count();
+}
+
+void TopModel::take(const Change& change, Clock::time_point now)
+{
+    constexpr std::size_t eventsKept = 1000;
+    if (change.kind == Change::Kind::Synced)
+        return;
+    if (change.kind == Change::Kind::Event)
+    {
+        mEvents.push_front(change);
+        if (mEvents.size() > eventsKept)
+            mEvents.pop_back();
+        return;
+    }
+    Entry& entry = mEntries[change.name];
+    entry.value = change.value;
+    if (!isUpdate(change.kind))
+        return;
+    entry.changed = now;
+    entry.hasChanged = true;
+    entry.rate.count(secondOf(now));
+}
+
+std::vector<TopModel::Row> TopModel::rows(const std::string& filter, Clock::time_point now) const
+{
+    const std::string wanted = inSmallLetters(filter);
+    std::vector<Row> rows;
+    for (const auto& [key, entry] : mEntries)
+    {
+        if (!contains(key, wanted) && !contains(entry.value, wanted))
+            continue;
+        rows.push_back({key, entry.value,
+                        std::chrono::duration_cast<std::chrono::seconds>(now - entry.changed),
+                        entry.hasChanged, entry.rate.perSecond(secondOf(now))});
+    }
+    return rows;
+}

@@ -1,0 +1,72 @@
+#ifndef STATUSCTL_SCREEN_TOPMODEL_H
+#define STATUSCTL_SCREEN_TOPMODEL_H
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "statusctl/device/Change.h"
+
+/// What the live screen shows, without the screen. One thread.
+class TopModel
+{
+public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Row
+    {
+        std::string key;
+        std::string value;
+        std::chrono::seconds age; ///< since the last change
+        bool isAgeKnown;          ///< not for values that have not changed yet
+        double changesPerSecond;  ///< over the last ten
+    };
+
+    void take(const Change& change, Clock::time_point now);
+
+    /// The rows whose key or value contains the filter, sorted by key; small letters find capitals too.
+    std::vector<Row> rows(const std::string& filter, Clock::time_point now) const;
+
+    /// The latest events, the newest first.
+    const std::deque<Change>& events() const { return mEvents; }
+
+    std::size_t keyCount() const { return mEntries.size(); }
+
+private:
+    static constexpr std::size_t seconds = 10;
+
+    // Changes by second: slot n % seconds holds those of second n, if it is not older than that.
+    class Rate
+    {
+    public:
+        void count(int64_t second);
+        double perSecond(int64_t second) const;
+
+    private:
+        struct Slot
+        {
+            int64_t second = -1;
+            uint64_t changes = 0;
+        };
+        std::array<Slot, seconds> mSlots{};
+    };
+
+    struct Entry
+    {
+        std::string value;
+        Clock::time_point changed{};
+        bool hasChanged = false;
+        Rate rate;
+    };
+
+    static int64_t secondOf(Clock::time_point time);
+
+    std::map<std::string, Entry> mEntries;
+    std::deque<Change> mEvents;
+};
+
+#endif

@@ -1,0 +1,276 @@
+#include "statusctl/screen/TopScreen.h"
+
+#include <algorithm>
+#include <array>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <langinfo.h>
+#include <mutex>
+#include <poll.h>
+#include <unistd.h>
+
+#include "statusctl/base/Ending.h"
+#include "statusctl/base/Failure.h"
+#include "statusctl/text/Text.h"
+
+// Its macros would change the names of ours (timeout, filter, ...).
+#define NCURSES_NOMACROS 1
+#include <curses.h>
+
+namespace
+{
+
+constexpr short changedColor = 1;
+constexpr short alarmColor = 2;
+constexpr int escapeKey = 27;
+constexpr int eraseKey = 127;
+
+/// Text is put with these attributes while it lives.
+class Look
+{
+public:
+    explicit Look(attr_t attributes) : mAttributes(attributes) { wattr_on(stdscr, mAttributes, nullptr); }
+    ~Look() { wattr_off(stdscr, mAttributes, nullptr); }
+
+    Look(const Look&) = delete;
+    Look& operator=(const Look&) = delete;
+
+    static attr_t bold(short color) { return static_cast<attr_t>(COLOR_PAIR(color)) | A_BOLD; }
+
+private:
+    const attr_t mAttributes;
+};
+
+// Held by whoever uses the screen. Never destroyed: threads may run until the process ends.
+std::mutex& screenMutex()
+{
+    static std::mutex& mutex = *new std::mutex;
+    return mutex;
+}
+
+void restore()
+{
+    if (!isendwin())
+        endwin();
+}
+
+// On whatever thread ends the process, which nobody may draw behind.
+void restoreForGood()
+{
+    screenMutex().lock();
+    restore();
+}
+
+std::string ageOf(const TopModel::Row& row)
+{
+    constexpr int64_t minute = 60;
+    constexpr int64_t hour = 60 * minute;
+    if (!row.isAgeKnown)
+        return "-";
+    const int64_t age = row.age.count();
+    if (age < minute)
+        return std::to_string(age) + "s";
+    return age < hour ? std::to_string(age / minute) + "m" : std::to_string(age / hour) + "h";
+}
+
+std::string rateOf(const TopModel::Row& row)
+{
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "%.1f", row.changesPerSecond);
+    return row.changesPerSecond == 0 ? "" : text.data();
+}
+
+// The first so many characters, of which each may take several bytes.
+std::string startOf(const std::string& text, int characters)
+{
+    std::size_t end = 0;
+    for (; end < text.size() && characters >= 0; ++end)
+    {
+        const bool isFirstByte = (static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U;
+        if (isFirstByte && characters-- == 0)
+            break;
+    }
+    return text.substr(0, end);
+}
+
+// A terminal that has gone tells so only to those whose controlling terminal it is; the others would read
+// from it without a pause.
+bool hasHungUp()
+{
+    pollfd item{STDIN_FILENO, POLLIN, 0};
+    return poll(&item, 1, 0) > 0 && (item.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+}
+
+// Values are UTF-8 whatever the user's locale is.
+void chooseUtf8()
+{
+    std::setlocale(LC_CTYPE, "");
+    if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+}
+
+} // namespace
+
+void TopScreen::checkTerminal()
+{
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
+        throw Failure(ExitCode::Failed, "needs a terminal; \"statusctl watch\" does not");
+}
+
+TopScreen::TopScreen(bool useColors)
+{
+    chooseUtf8();
+    // newterm() and not initscr(), which would end the process for an unknown terminal.
+    if (newterm(nullptr, stdout, stdin) == nullptr)
+        throw Failure(ExitCode::Failed, "this terminal (TERM) is unknown here");
+    setRestore(restoreForGood);
+    cbreak();
+    noecho();
+    nonl();
+    keypad(stdscr, TRUE);
+    curs_set(0);
+    set_escdelay(25);
+    if (useColors && has_colors())
+    {
+        start_color();
+        use_default_colors();
+        init_pair(changedColor, COLOR_GREEN, -1);
+        init_pair(alarmColor, COLOR_RED, -1);
+    }
+}
+
+TopScreen::~TopScreen()
+{
+    const std::lock_guard<std::mutex> lock(screenMutex());
+    restore();
+}
+
+void TopScreen::put(int line, int column, int width, const std::string& text) const
+{
+    if (width > 0)
+        mvaddstr(line, column, startOf(Text::escaped(text), width).c_str());
+}
+
+// A line of numbers, the filter, and the headings.
+void TopScreen::drawHead(const TopModel& model, bool hasBroker) const
+{
+    put(0, 0, COLS, "statusctl top   " + std::to_string(model.keyCount()) + " keys");
+    if (!hasBroker)
+    {
+        const Look look(Look::bold(alarmColor));
+        put(0, COLS / 2, COLS - COLS / 2, "no broker");
+    }
+    put(1, 0, COLS,
+        mFilter.empty() ? "type to filter, q to leave" : "filter: " + mFilter + "  (Esc clears it)");
+}
+
+// Where the columns begin.
+struct TopScreen::Columns
+{
+    static constexpr int numbers = 14; // AGE and CHANGES/S
+    int age = std::max(10, (COLS - numbers) * 2 / 5);
+    int rate = age + 6;
+    int value = age + numbers;
+};
+
+void TopScreen::drawHeadings(int line) const
+{
+    const Columns columns;
+    const Look look(A_REVERSE);
+    put(line, 0, COLS, std::string(static_cast<std::size_t>(COLS), ' '));
+    put(line, 0, columns.age, "KEY");
+    put(line, columns.age, COLS - columns.age, "AGE");
+    put(line, columns.rate, COLS - columns.rate, "PER S");
+    put(line, columns.value, COLS - columns.value, "VALUE");
+}
+
+void TopScreen::drawRow(int line, const TopModel::Row& row) const
+{
+    constexpr std::chrono::seconds fresh{2};
+    const Columns columns;
+    const bool isFresh = row.isAgeKnown && row.age < fresh;
+    put(line, 0, columns.age - 1, row.key);
+    put(line, columns.age, columns.rate - columns.age - 1, ageOf(row));
+    put(line, columns.rate, columns.value - columns.rate - 1, rateOf(row));
+    const Look look(isFresh ? Look::bold(changedColor) : A_NORMAL);
+    put(line, columns.value, COLS - columns.value, row.value);
+}
+
+void TopScreen::drawEvents(const TopModel& model, int firstLine) const
+{
+    put(firstLine, 0, COLS, "EVENTS");
+    int line = firstLine + 1;
+    for (const Change& event : model.events())
+    {
+        if (line >= LINES)
+            break;
+        put(line++, 0, COLS, Timestamp::local(event.time) + " " + event.name + " " + event.value);
+    }
+}
+
+void TopScreen::draw(const TopModel& model, bool hasBroker)
+{
+    const std::lock_guard<std::mutex> lock(screenMutex());
+    constexpr int head = 3;
+    const int eventLines = model.events().empty() ? 0 : std::max(2, LINES / 4);
+    mPage = std::max(1, LINES - head - eventLines);
+    const std::vector<TopModel::Row> rows = model.rows(mFilter, TopModel::Clock::now());
+    const auto page = static_cast<std::size_t>(mPage);
+    mFirst = std::min(mFirst, rows.size() > page ? rows.size() - page : 0);
+
+    werase(stdscr);
+    drawHead(model, hasBroker);
+    drawHeadings(head - 1);
+    for (std::size_t row = mFirst; row < rows.size() && row < mFirst + page; ++row)
+        drawRow(head + static_cast<int>(row - mFirst), rows[row]);
+    if (eventLines > 0)
+        drawEvents(model, LINES - eventLines);
+    wrefresh(stdscr);
+}
+
+TopScreen::Wish TopScreen::readKey(std::chrono::milliseconds longest)
+{
+    const std::lock_guard<std::mutex> lock(screenMutex());
+    wtimeout(stdscr, static_cast<int>(longest.count()));
+    const auto page = static_cast<std::size_t>(mPage);
+    const int key = wgetch(stdscr);
+    switch (key)
+    {
+    case ERR:
+        if (hasHungUp())
+            return Wish::Leave;
+        break;
+    case KEY_DOWN:
+        ++mFirst;
+        break;
+    case KEY_UP:
+        mFirst -= std::min<std::size_t>(mFirst, 1);
+        break;
+    case KEY_NPAGE:
+        mFirst += page;
+        break;
+    case KEY_PPAGE:
+        mFirst -= std::min(mFirst, page);
+        break;
+    case escapeKey:
+        mFilter.clear();
+        break;
+    case KEY_BACKSPACE:
+    case eraseKey:
+    case '\b':
+        if (!mFilter.empty())
+            mFilter.pop_back();
+        break;
+    case 'q':
+        // In a filter it is a letter like the others.
+        if (mFilter.empty())
+            return Wish::Leave;
+        [[fallthrough]];
+    default:
+        if (key >= ' ' && key < eraseKey)
+            mFilter += static_cast<char>(key);
+    }
+    return Wish::Stay;
+}

@@ -1,0 +1,48 @@
+#ifndef STATUSCTL_SCREEN_TOPSCREEN_H
+#define STATUSCTL_SCREEN_TOPSCREEN_H
+
+#include <chrono>
+#include <string>
+
+#include "statusctl/screen/TopModel.h"
+
+/// The terminal as the live screen uses it. However the process leaves, the terminal is restored: by the
+/// destructor, when the process exits early, and, by restore(), on a signal. There is at most one.
+class TopScreen
+{
+public:
+    /// @throws Failure if the process has no terminal
+    static void checkTerminal();
+
+    /// @throws Failure if this is no terminal that can show it
+    explicit TopScreen(bool useColors);
+    ~TopScreen();
+
+    TopScreen(const TopScreen&) = delete;
+    TopScreen& operator=(const TopScreen&) = delete;
+
+    void draw(const TopModel& model, bool hasBroker);
+
+    enum class Wish
+    {
+        Stay,
+        Leave,
+    };
+
+    /// Waits for a key, at most this long, and does what it says. A signal ends the wait.
+    Wish readKey(std::chrono::milliseconds longest);
+
+private:
+    void drawHead(const TopModel& model, bool hasBroker) const;
+    struct Columns;
+    void drawHeadings(int line) const;
+    void drawRow(int line, const TopModel::Row& row) const;
+    void drawEvents(const TopModel& model, int firstLine) const;
+    void put(int line, int column, int width, const std::string& text) const;
+
+    std::string mFilter;
+    std::size_t mFirst = 0; // the row at the top
+    int mPage = 1;          // rows that there is room for
+};
+
+#endif

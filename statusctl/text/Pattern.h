@@ -1,0 +1,34 @@
+#ifndef STATUSCTL_TEXT_PATTERN_H
+#define STATUSCTL_TEXT_PATTERN_H
+
+#include <string>
+#include <vector>
+
+/// Names given on the command line, exact ones and shell globs (*, ?, [a-z]; \ before one of them takes it as
+/// it is). The library matches names exactly, so globs are matched here.
+class Pattern
+{
+public:
+    Pattern() = default;
+    explicit Pattern(const std::vector<std::string>& texts);
+
+    /// All exact, whatever letters are in them.
+    static Pattern ofNames(const std::vector<std::string>& names);
+
+    /// Whether one of the globs or exact names is this one.
+    bool matches(const std::string& name) const;
+    bool matchesGlob(const std::string& name) const;
+    bool isExact(const std::string& name) const;
+
+    const std::vector<std::string>& exact() const { return mExact; }
+    bool hasGlobs() const { return !mGlobs.empty(); }
+    bool empty() const { return mExact.empty() && mGlobs.empty(); }
+
+private:
+    static void add(std::vector<std::string>& texts, const std::string& text);
+
+    std::vector<std::string> mExact;
+    std::vector<std::string> mGlobs;
+};
+
+#endif

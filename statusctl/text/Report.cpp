@@ -1,0 +1,40 @@
+#include "statusctl/text/Report.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <json/value.h>
+#include <mutex>
+
+#include "statusctl/base/Ending.h"
+#include "statusctl/text/Json.h"
+#include "statusctl/text/Text.h"
+
+void report(const Settings& settings, const Failure& failure)
+{
+    std::string line;
+    if (settings.isJson())
+    {
+        Json::Value error(Json::objectValue);
+        error["verb"] = settings.verb;
+        error["code"] = static_cast<int>(failure.code());
+        error["reason"] = Text::valid(failure.what());
+        Json::Value root(Json::objectValue);
+        root["error"] = error;
+        line = JsonText::write(root, Settings::Json::Short);
+    }
+    else
+    {
+        line = "statusctl: " + (settings.verb.empty() ? "" : settings.verb + ": ") +
+               Text::escaped(failure.what());
+    }
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+void leaveWith(const Settings& settings, const Failure& failure)
+{
+    static std::mutex& leaving = *new std::mutex; // held for good: the first to leave is the only one
+    leaving.lock();
+    restoreBeforeLeaving();
+    report(settings, failure);
+    std::quick_exit(static_cast<int>(failure.code()));
+}

@@ -1,0 +1,63 @@
+#include "statusctl/device/Change.h"
+
+#include <gtest/gtest.h>
+
+#include "statusctl/text/Json.h"
+
+namespace
+{
+
+const Timestamp::Time moment{std::chrono::microseconds(1780000000123456)};
+
+std::string written(Change::Kind kind, const std::string& name, const std::string& value)
+{
+    return JsonText::write(toJson({moment, kind, name, value}), Settings::Json::Short);
+}
+
+} // namespace
+
+// The lines that scripts read: docs/statusctl.md.
+TEST(ChangeTest, isWrittenAsDocumented)
+{
+    EXPECT_EQ(written(Change::Kind::Initial, "door", "open"),
+              R"({"kind":"initial","name":"door","time":"2026-05-28T20:26:40.123456Z","value":"open"})");
+    EXPECT_EQ(written(Change::Kind::Synced, "", ""),
+              R"({"kind":"synced","time":"2026-05-28T20:26:40.123456Z"})");
+    EXPECT_EQ(written(Change::Kind::Changed, "raw", "\xff"),
+              R"({"kind":"changed","name":"raw","time":"2026-05-28T20:26:40.123456Z","valueBase64":"/w=="})");
+    EXPECT_EQ(written(Change::Kind::Reset, "door", ""),
+              R"({"kind":"reset","name":"door","time":"2026-05-28T20:26:40.123456Z","value":""})");
+    EXPECT_EQ(written(Change::Kind::Event, "bell", "rang"),
+              R"({"kind":"event","name":"bell","time":"2026-05-28T20:26:40.123456Z","value":"rang"})");
+}
+
+TEST(ChangeTest, isReadBack)
+{
+    for (const Change::Kind kind :
+         {Change::Kind::Initial, Change::Kind::Changed, Change::Kind::Reset, Change::Kind::Event})
+    {
+        const std::optional<Change> change = readChange(written(kind, "door", "a\xff\n"));
+        ASSERT_TRUE(change);
+        EXPECT_EQ(change->kind, kind);
+        EXPECT_EQ(change->time, moment);
+        EXPECT_EQ(change->name, "door");
+        EXPECT_EQ(change->value, "a\xff\n");
+    }
+    const std::optional<Change> synced = readChange(written(Change::Kind::Synced, "", ""));
+    ASSERT_TRUE(synced);
+    EXPECT_EQ(synced->kind, Change::Kind::Synced);
+}
+
+TEST(ChangeTest, anythingElseIsRefused)
+{
+    const std::string good =
+        R"({"kind":"changed","name":"a","time":"2026-05-28T20:26:40.123456Z","value":"b"})";
+    EXPECT_TRUE(readChange(good));
+    for (const char* text :
+         {"", "{}", "[]", "door=open", R"({"kind":"changed","name":"a","time":"now","value":"b"})",
+          R"({"kind":"melted","name":"a","time":"2026-05-28T20:26:40.123456Z","value":"b"})",
+          R"({"kind":"changed","name":1,"time":"2026-05-28T20:26:40.123456Z","value":"b"})",
+          R"({"kind":"changed","name":"a","time":"2026-05-28T20:26:40.123456Z"})",
+          R"({"kind":"changed","time":"2026-05-28T20:26:40.123456Z","value":"b"})"})
+        EXPECT_FALSE(readChange(text)) << text;
+}

@@ -1,0 +1,132 @@
+#include "statusctl/health/Diagnosis.h"
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using BrokerProtocol::Statistics;
+using Diagnosis::Answer;
+using Diagnosis::Findings;
+
+const Listeners::Listener broker{pid_t{100}, "statusbroker"};
+
+std::vector<Answer> healthyPorts()
+{
+    return {{Ports::all[0], {broker}, "ROUTER"},
+            {Ports::all[1], {broker}, "SUB"},
+            {Ports::all[2], {broker}, "XPUB"}};
+}
+
+Statistics healthy()
+{
+    return {{"version.major", 1},        {"version.minor", 0},
+            {"version.patch", 0},        {"descriptors.open", 26},
+            {"descriptors.limit", 1000}, {"posts", 12345},
+            {"notifications.lost", 0},   {"limit.keys", 0}};
+}
+
+// The words of the checks that found something, in order.
+std::string checksOf(const Findings& findings)
+{
+    std::string checks;
+    for (const Diagnosis::Finding& finding : findings)
+    {
+        EXPECT_FALSE(finding.problem.empty());
+        EXPECT_FALSE(finding.remedy.empty());
+        checks += finding.check + " ";
+    }
+    return checks;
+}
+
+std::string checksWith(const std::string& number, uint64_t value)
+{
+    Statistics numbers = healthy();
+    numbers[number] = value;
+    return checksOf(Diagnosis::ofStatistics(numbers, "1.0.0"));
+}
+
+} // namespace
+
+TEST(DiagnosisTest, aHealthyBrokerHasNoFindings)
+{
+    EXPECT_EQ(checksOf(Diagnosis::ofPorts(healthyPorts())), "");
+    EXPECT_EQ(checksOf(Diagnosis::ofStatistics(healthy(), "1.0.0")), "");
+    EXPECT_EQ(
+        checksOf(Diagnosis::ofRoundTrips({std::chrono::microseconds(100), std::chrono::microseconds(200),
+                                          std::chrono::microseconds(900)})),
+        "");
+}
+
+TEST(DiagnosisTest, aPortThatNobodyListensOnIsFound)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[1].listeners.clear();
+    ports[1].socketType.clear();
+    const Findings findings = Diagnosis::ofPorts(ports);
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].problem, "nothing listens on port 5556 (posts)");
+}
+
+TEST(DiagnosisTest, aProgramThatIsNoBrokerIsNamed)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[0] = {Ports::all[0], {{pid_t{7}, "httpd"}}, ""};
+    const Findings findings = Diagnosis::ofPorts(ports);
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_EQ(findings[0].problem.find("httpd (process 7) on port 5555 (requests)"), 0U)
+        << findings[0].problem;
+}
+
+TEST(DiagnosisTest, aSocketOfAnotherTypeIsFound)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[2].socketType = "ROUTER";
+    EXPECT_EQ(checksOf(Diagnosis::ofPorts(ports)), "port ");
+}
+
+TEST(DiagnosisTest, portsOfDifferentProcessesAreFound)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[2].listeners[0].process = 200;
+    EXPECT_EQ(checksOf(Diagnosis::ofPorts(ports)), "port ");
+}
+
+TEST(DiagnosisTest, aListenerOfAnotherUserIsNoFault)
+{
+    std::vector<Answer> ports = healthyPorts();
+    for (Answer& port : ports)
+        port.listeners = {{std::nullopt, ""}};
+    EXPECT_EQ(checksOf(Diagnosis::ofPorts(ports)), "");
+}
+
+TEST(DiagnosisTest, anotherVersionIsFound)
+{
+    EXPECT_EQ(checksOf(Diagnosis::ofStatistics(healthy(), "1.1.0")), "version ");
+}
+
+TEST(DiagnosisTest, whatWasLostRefusedOrUnreadableIsFound)
+{
+    EXPECT_EQ(checksWith("notifications.lost", 1), "lost ");
+    EXPECT_EQ(checksWith("subscribers.cutOff", 1), "slow ");
+    EXPECT_EQ(checksWith("malformed.posts", 1), "malformed ");
+    EXPECT_EQ(checksWith("malformed.requests", 1), "malformed ");
+    EXPECT_EQ(checksWith("state.errors", 1), "state ");
+    EXPECT_EQ(checksWith("refused.systemTime", 1), "clock ");
+    EXPECT_EQ(checksWith("limit.anyOfThem", 1), "limit ");
+}
+
+TEST(DiagnosisTest, descriptorsNearTheirLimitAreFound)
+{
+    EXPECT_EQ(checksWith("descriptors.open", 799), "");
+    EXPECT_EQ(checksWith("descriptors.open", 800), "descriptors ");
+}
+
+TEST(DiagnosisTest, slowRoundTripsAreFound)
+{
+    using std::chrono::microseconds;
+    EXPECT_EQ(checksOf(Diagnosis::ofRoundTrips({microseconds(100), microseconds(6000), microseconds(9000)})),
+              "slow ");
+    EXPECT_EQ(checksOf(Diagnosis::ofRoundTrips({microseconds(100), microseconds(200), microseconds(101000)})),
+              "slow ");
+}

@@ -1,0 +1,35 @@
+#include "statusctl/text/Duration.h"
+
+#include <gtest/gtest.h>
+
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+TEST(DurationTest, aNumberAloneIsInSeconds)
+{
+    EXPECT_EQ(Duration::read("5"), milliseconds(5000));
+    EXPECT_EQ(Duration::read("0.25"), milliseconds(250));
+    EXPECT_EQ(Duration::read("0"), milliseconds(0));
+}
+
+TEST(DurationTest, unitsAreUnderstood)
+{
+    EXPECT_EQ(Duration::read("500ms"), milliseconds(500));
+    EXPECT_EQ(Duration::read("2s"), milliseconds(2000));
+    EXPECT_EQ(Duration::read("2m"), milliseconds(120000));
+    EXPECT_EQ(Duration::read("1.5h"), milliseconds(5400000));
+}
+
+TEST(DurationTest, anythingElseIsRefused)
+{
+    for (const char* text : {"", "x", "-1", "5x", "5 s", "1e3", "nan", "inf", "5ms5", "1001h", " 5"})
+        EXPECT_EQ(Duration::read(text), std::nullopt) << text;
+}
+
+TEST(DurationTest, isWrittenInTheUnitThatFits)
+{
+    EXPECT_EQ(Duration::write(milliseconds(5000)), "5 s");
+    EXPECT_EQ(Duration::write(milliseconds(1500)), "1.5 s");
+    EXPECT_EQ(Duration::write(milliseconds(500)), "500 ms");
+    EXPECT_EQ(Duration::write(microseconds(250)), "0.25 ms");
+}
