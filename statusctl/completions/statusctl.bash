@@ -9,7 +9,18 @@ _statusctl_options() {
 }
 
 _statusctl_keys() {
-    statusctl --timeout 500ms dump --keys 2>/dev/null
+    # A backslash is part of an escape, so the key is not what is shown.
+    statusctl --timeout 500ms dump --keys 2>/dev/null | grep -vF '\'
+}
+
+# Each line that begins with what was typed, quoted: "compgen -W" would run a key that is a command.
+_statusctl_offer() {
+    local word
+    while IFS= read -r word; do
+        [[ $word ]] || continue
+        printf -v word %q "$word"
+        [[ $word == "$1"* ]] && COMPREPLY+=("$word")
+    done
 }
 
 _statusctl() {
@@ -29,7 +40,7 @@ _statusctl() {
         -t | --timeout | --after | -n | --speed | --match | --default | --event) return ;;
     esac
     if [[ $current == -* ]]; then
-        words="$(_statusctl_options) ${verb:+$(_statusctl_options "$verb")}"
+        words=$(_statusctl_options && [[ $verb ]] && _statusctl_options "$verb")
     elif [[ -z $verb ]]; then
         words=$(_statusctl_commands)
     else
@@ -45,8 +56,7 @@ _statusctl() {
         mapfile -t COMPREPLY < <(compgen -f -- "$current")
         return
     fi
-    local IFS=$' \t\n'
-    mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+    _statusctl_offer "$current" <<<"$words"
 }
 
 complete -F _statusctl statusctl

@@ -9,7 +9,8 @@ function __statusctl_options
 end
 
 function __statusctl_keys
-    statusctl --timeout 500ms dump --keys 2>/dev/null
+    # A backslash is part of an escape, so the key is not what is shown.
+    statusctl --timeout 500ms dump --keys 2>/dev/null | grep -vF '\\'
 end
 
 # The command given so far, and how many words stand behind it.
