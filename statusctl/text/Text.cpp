@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <iterator>
 #include <string_view>
 
 namespace
@@ -13,8 +14,52 @@ struct Character
 {
     std::size_t bytes;
     bool isUtf8;
-    bool isControl;
+    uint32_t code; // of the byte where it is not UTF-8
 };
+
+struct Range
+{
+    uint32_t first;
+    uint32_t last;
+};
+
+// Control characters, line breaks, and all that Unicode marks as ignorable: they show nothing, hide what is
+// beside them, or show a text in another order.
+constexpr Range hidden[]{
+    {0x00, 0x1F},       // control characters
+    {0x7F, 0x9F},       // delete, and the control characters beyond ASCII
+    {0xAD, 0xAD},       // soft hyphen
+    {0x34F, 0x34F},     // grapheme joiner
+    {0x61C, 0x61C},     // Arabic letter mark
+    {0x115F, 0x1160},   // Hangul fillers
+    {0x17B4, 0x17B5},   // Khmer inherent vowels
+    {0x180B, 0x180F},   // Mongolian selectors and separator
+    {0x200B, 0x200F},   // zero width, marks of direction
+    {0x2028, 0x202E},   // line and paragraph separator, embeddings, overrides
+    {0x2060, 0x206F},   // word joiner, invisible operators, isolates
+    {0x3164, 0x3164},   // Hangul filler
+    {0xFE00, 0xFE0F},   // variation selectors
+    {0xFEFF, 0xFEFF},   // byte order mark
+    {0xFFA0, 0xFFA0},   // Hangul filler of half width
+    {0xFFF0, 0xFFFB},   // annotations
+    {0x1BCA0, 0x1BCA3}, // of shorthand
+    {0x1D173, 0x1D17A}, // of music
+    {0xE0000, 0xE0FFF}, // tags, variation selectors
+};
+
+constexpr Range blanks[]{
+    {' ', ' '},       {0xA0, 0xA0},     {0x1680, 0x1680}, {0x2000, 0x200A},
+    {0x202F, 0x202F}, {0x205F, 0x205F}, {0x2800, 0x2800}, {0x3000, 0x3000},
+};
+
+template <std::size_t Count>
+bool isIn(const Range (&ranges)[Count], const Character& character)
+{
+    return character.isUtf8 &&
+           std::any_of(std::begin(ranges), std::end(ranges),
+                       [&](const Range& range)
+                       { return character.code >= range.first && character.code <= range.last; });
+}
 
 bool isContinuation(char byte)
 {
@@ -46,19 +91,19 @@ Character characterAt(std::string_view text, std::size_t at)
     const auto first = static_cast<unsigned char>(text[at]);
     const std::size_t length = lengthOf(first);
     if (length == 1)
-        return {1, true, first < ' ' || first == 0x7F};
+        return {1, true, first};
     if (length == 0 || at + length > text.size())
-        return {1, false, false};
+        return {1, false, first};
     uint32_t code = first & (0x7FU >> length);
     for (std::size_t next = at + 1; next < at + length; ++next)
     {
         if (!isContinuation(text[next]))
-            return {1, false, false};
+            return {1, false, first};
         code = code << 6U | (static_cast<unsigned char>(text[next]) & 0x3FU);
     }
     if (isForbidden(length, code))
-        return {1, false, false};
-    return {length, true, code < 0xA0};
+        return {1, false, first};
+    return {length, true, code};
 }
 
 template <typename Replace>
@@ -86,6 +131,24 @@ std::string hexadecimal(const std::string& bytes)
     return result;
 }
 
+bool isShown(const Character& character)
+{
+    return character.isUtf8 && !isIn(hidden, character);
+}
+
+std::string escapedCharacter(const Character& character, const std::string& bytes)
+{
+    if (bytes == "\n")
+        return "\\n";
+    if (bytes == "\r")
+        return "\\r";
+    if (bytes == "\t")
+        return "\\t";
+    if (bytes == "\\")
+        return "\\\\";
+    return isShown(character) ? bytes : hexadecimal(bytes);
+}
+
 constexpr std::string_view base64Digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 } // namespace
@@ -110,18 +173,16 @@ std::string Text::valid(const std::string& text)
 
 std::string Text::escaped(const std::string& text)
 {
-    return rewritten(text,
-                     [](const Character& character, const std::string& bytes) -> std::string
+    return rewritten(text, escapedCharacter);
+}
+
+std::string Text::escapedName(const std::string& name)
+{
+    return rewritten(name,
+                     [](const Character& character, const std::string& bytes)
                      {
-                         if (bytes == "\n")
-                             return "\\n";
-                         if (bytes == "\r")
-                             return "\\r";
-                         if (bytes == "\t")
-                             return "\\t";
-                         if (bytes == "\\")
-                             return "\\\\";
-                         return character.isControl || !character.isUtf8 ? hexadecimal(bytes) : bytes;
+                         const bool wouldEndIt = bytes == "=" || isIn(blanks, character);
+                         return wouldEndIt ? hexadecimal(bytes) : escapedCharacter(character, bytes);
                      });
 }
 
@@ -130,9 +191,8 @@ std::string Text::harmless(const std::string& text)
     return rewritten(text,
                      [](const Character& character, const std::string& bytes)
                      {
-                         const bool isHarmless =
-                             character.isUtf8 && (!character.isControl || bytes == "\n" || bytes == "\t");
-                         return isHarmless ? bytes : hexadecimal(bytes);
+                         const bool isLayout = bytes == "\n" || bytes == "\t";
+                         return isLayout || isShown(character) ? bytes : hexadecimal(bytes);
                      });
 }
 
@@ -170,12 +230,4 @@ bool Text::readBase64(const std::string& text, std::string& bytes)
             bytes += static_cast<char>(group >> (6U - 2U * (at % 4)));
     }
     return base64(bytes) == text; // not if bits are left over
-}
-
-std::string Text::escapedName(const std::string& name)
-{
-    std::string result;
-    for (const char letter : escaped(name))
-        result += letter == '=' ? "\\x3d" : letter == ' ' ? "\\x20" : std::string(1, letter);
-    return result;
 }

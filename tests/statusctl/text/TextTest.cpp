@@ -1,6 +1,7 @@
 #include "statusctl/text/Text.h"
 
 #include <gtest/gtest.h>
+#include <string_view>
 
 namespace
 {
@@ -9,6 +10,19 @@ std::string bytesOf(const std::string& base64)
 {
     std::string bytes;
     return Text::readBase64(base64, bytes) ? bytes : "(none)";
+}
+
+// "\xe2\x80\x8b"
+std::string inHexadecimal(const std::string& bytes)
+{
+    constexpr std::string_view digits = "0123456789abcdef";
+    std::string text;
+    for (const char byte : bytes)
+    {
+        const auto number = static_cast<unsigned char>(byte);
+        text += std::string("\\x") + digits[number >> 4U] + digits[number & 0xFU];
+    }
+    return text;
 }
 
 } // namespace
@@ -53,6 +67,46 @@ TEST(TextTest, controlCharactersInUtf8AreEscaped)
                              "31m")
                   .find('\x9b'),
               std::string::npos);
+}
+
+// Each would hide a part of the text, show it in another order, or break the line.
+TEST(TextTest, charactersThatShowNothingAreEscaped)
+{
+    for (const char* hidden :
+         {"\u0080", "\u0085", "\u009f",     "\u00ad",     "\u034f",     "\u061c",     "\u115f",
+          "\u1160", "\u17b4", "\u180e",     "\u200b",     "\u200c",     "\u200d",     "\u200e",
+          "\u200f", "\u2028", "\u2029",     "\u202a",     "\u202e",     "\u2060",     "\u2066",
+          "\u2069", "\u206f", "\u3164",     "\ufe00",     "\ufe0f",     "\ufeff",     "\uffa0",
+          "\ufff9", "\ufffb", "\U0001bca0", "\U0001d173", "\U000e0001", "\U000e0020", "\U000e01ef"})
+    {
+        const std::string text = std::string("a") + hidden + "b";
+        EXPECT_EQ(Text::escaped(text), "a" + inHexadecimal(hidden) + "b");
+        EXPECT_EQ(Text::escapedName(text), "a" + inHexadecimal(hidden) + "b");
+        EXPECT_EQ(Text::harmless(text), "a" + inHexadecimal(hidden) + "b");
+    }
+}
+
+TEST(TextTest, charactersThatShowSomethingAreNotEscaped)
+{
+    for (const char* shown : {"~",      "\u00a1", "\u00ae", "\u0301",     "\u061b",     "\u05d0",    "\u1161",
+                              "\u2010", "\u2027", "\u2030", "\u20ac",     "\u3042",     "\u4e16",    "\ue000",
+                              "\ufdff", "\ufe10", "\ufffd", "\U0001f6aa", "\U000e1000", "\U0010ffff"})
+    {
+        EXPECT_EQ(Text::escaped(shown), shown);
+        EXPECT_EQ(Text::escapedName(shown), shown);
+        EXPECT_EQ(Text::harmless(shown), shown);
+    }
+}
+
+// Whatever their width, readers take them for the end of the name.
+TEST(TextTest, allBlanksAreEscapedInNamesAlone)
+{
+    for (const char* blank :
+         {" ", "\u00a0", "\u1680", "\u2000", "\u200a", "\u202f", "\u205f", "\u2800", "\u3000"})
+    {
+        EXPECT_EQ(Text::escapedName(std::string("a") + blank + "b"), "a" + inHexadecimal(blank) + "b");
+        EXPECT_EQ(Text::escaped(blank), blank);
+    }
 }
 
 TEST(TextTest, harmlessKeepsLinesAndTakesAwayWhatSteersATerminal)

@@ -280,6 +280,14 @@ TEST_F(ScreenTest, controlCharactersInValuesDoNotReachTheTerminal)
     EXPECT_TRUE(terminal.shows("\\x1b[31mred"));
 }
 
+TEST_F(ScreenTest, getShowsOnATerminalWhatIsHidden)
+{
+    statusctl({"set", "door", "a\u202eb\tc\x1b"});
+    Terminal terminal({"get", "door"});
+    EXPECT_TRUE(terminal.shows("a\\xe2\\x80\\xaeb\tc\\x1b"));
+    EXPECT_EQ(terminal.waitForExit(), 0);
+}
+
 TEST_F(ScreenTest, withoutATerminalItIsRefused)
 {
     EXPECT_EQ(statusctl({"top"}),

@@ -28,6 +28,21 @@ TEST_F(ValuesTest, severalKeysPrintTheirNamesInTheOrderAskedFor)
     EXPECT_EQ(statusctl({"get", "b", "a"}), success("b=2\na=1\n"));
 }
 
+TEST_F(ValuesTest, theValueOfOneKeyGoesToAProgramByteForByte)
+{
+    statusctl({"set", "a", "x\u202ey\x1b"});
+    EXPECT_EQ(statusctl({"get", "a"}), success("x\u202ey\x1b\n"));
+}
+
+TEST_F(ValuesTest, hiddenCharactersInNamesAndValuesAreEscaped)
+{
+    statusctl({"set", "a\u200b", "x\u202ey\x1b"});
+    EXPECT_EQ(statusctl({"dump"}), success("a\\xe2\\x80\\x8b=x\\xe2\\x80\\xaey\\x1b\n"));
+    EXPECT_EQ(statusctl({"dump", "--keys"}), success("a\\xe2\\x80\\x8b\n"));
+    EXPECT_EQ(statusctl({"get", "\u2066nix"}),
+              failure(3, "statusctl: get: no value for \"\\xe2\\x81\\xa6nix\""));
+}
+
 TEST_F(ValuesTest, aKeyThatIsNotThereIsExitCode3AndPrintsNothing)
 {
     statusctl({"set", "a", "1"});

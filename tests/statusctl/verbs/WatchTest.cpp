@@ -48,6 +48,16 @@ TEST_F(WatchTest, printsInitialValuesThenAMarkThenChanges)
     EXPECT_EQ(nextLine(watch), "reset door ");
 }
 
+TEST_F(WatchTest, aNameCannotPassForNameAndValue)
+{
+    statusctl({"set", "door open", "1", "door\u00a0open", "2", "door\u2028x", "3"});
+    TestProcess watch(commandOf({"watch"}));
+    Words lines = upToSynced(watch);
+    std::sort(lines.begin(), lines.end());
+    EXPECT_EQ(lines, (Words{"initial door\\x20open 1", "initial door\\xc2\\xa0open 2",
+                            "initial door\\xe2\\x80\\xa8x 3", "synced"}));
+}
+
 TEST_F(WatchTest, linesBeginWithTheLocalTime)
 {
     TestProcess watch(commandOf({"watch", "door"}));
