@@ -34,7 +34,7 @@ std::string JsonText::write(const Json::Value& value, Settings::Json style)
     Json::StreamWriterBuilder builder;
     builder["indentation"] = style == Settings::Json::Pretty ? "  " : "";
     builder["emitUTF8"] = true;
-    return Json::writeString(builder, value);
+    return Text::escapedInJson(Json::writeString(builder, value));
 }
 
 void JsonText::set(Json::Value& object, const std::string& name, const std::string& text)

@@ -13,6 +13,7 @@
 namespace JsonText
 {
 
+/// UTF-8, with escapes for what Text::escaped() would not show.
 std::string write(const Json::Value& value, Settings::Json style);
 
 /// Sets `name` to the text, or `name` + "Base64" where it is not UTF-8.

@@ -149,6 +149,22 @@ std::string escapedCharacter(const Character& character, const std::string& byte
     return isShown(character) ? bytes : hexadecimal(bytes);
 }
 
+std::string jsonEscapeOfUnit(uint32_t unit)
+{
+    std::array<char, 7> text{};
+    std::snprintf(text.data(), text.size(), "\\u%04x", unit & 0xFFFFU);
+    return text.data();
+}
+
+// Beyond U+FFFF two of them stand for one character.
+std::string jsonEscapeOf(uint32_t code)
+{
+    if (code <= 0xFFFF)
+        return jsonEscapeOfUnit(code);
+    const uint32_t above = code - 0x10000;
+    return jsonEscapeOfUnit(0xD800 + (above >> 10U)) + jsonEscapeOfUnit(0xDC00 + (above & 0x3FFU));
+}
+
 constexpr std::string_view base64Digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 } // namespace
@@ -193,6 +209,16 @@ std::string Text::harmless(const std::string& text)
                      {
                          const bool isLayout = bytes == "\n" || bytes == "\t";
                          return isLayout || isShown(character) ? bytes : hexadecimal(bytes);
+                     });
+}
+
+std::string Text::escapedInJson(const std::string& json)
+{
+    return rewritten(json,
+                     [](const Character& character, const std::string& bytes)
+                     {
+                         const bool isWanted = character.code >= ' ' && isIn(hidden, character);
+                         return isWanted ? jsonEscapeOf(character.code) : bytes;
                      });
 }
 

@@ -23,6 +23,10 @@ std::string escapedName(const std::string& name);
 /// As escaped(), but line breaks, tabs and backslashes stay.
 std::string harmless(const std::string& text);
 
+/// A JSON text that means the same, with \uNNNN for what escaped() would not show. Line breaks and other
+/// control characters of ASCII stay: JSON has them between its texts alone.
+std::string escapedInJson(const std::string& json);
+
 std::string base64(const std::string& bytes);
 
 /// @returns false if it is not base64.

@@ -39,6 +39,18 @@ TEST(JsonTest, aValueThatIsNotUtf8GoesAsBase64)
               R"({"base64":{"raw":"//4="},"values":{"door":"Tür"}})");
 }
 
+TEST(JsonTest, hiddenCharactersAreEscaped)
+{
+    EXPECT_EQ(shortly({{"a\u200b", "\u009b\u007f\u2028\u202e\U000e0041\x1b"}}),
+              "{\"values\":{\"a\\u200b\":\"\\u009b\\u007f\\u2028\\u202e\\udb40\\udc41\\u001b\"}}");
+}
+
+TEST(JsonTest, whatIsEscapedIsReadBack)
+{
+    const StatusMap values{{"a\u200b", "\u009b\u007f\u2028\U0001bca0\U000e0041 \\u202e \u202e"}};
+    EXPECT_EQ(JsonText::readValues(shortly(values)), values);
+}
+
 TEST(JsonTest, valuesAreReadBack)
 {
     const StatusMap values{{"door", "Tür"}, {"empty", ""}, {"raw", "\xff\n"}, {"quote", "\"\\\n"}};
