@@ -3,6 +3,7 @@
 #include "statusctl/health/Inquiry.h"
 #include "statusctl/health/OpenMetrics.h"
 #include "statusctl/text/Output.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -40,7 +41,7 @@ private:
     {
         Json::Value object(Json::objectValue);
         for (const auto& [name, number] : statistics)
-            object[name] = static_cast<Json::UInt64>(number);
+            object[Text::valid(name)] = static_cast<Json::UInt64>(number);
         return object;
     }
 
@@ -48,14 +49,16 @@ private:
     {
         std::size_t width = 0;
         for (const auto& [name, number] : statistics)
-            width = std::max(width, name.size());
+            width = std::max(width, Text::escapedName(name).size());
         for (const auto& [name, number] : statistics)
-        {
-            constexpr std::size_t digits = 14;
-            const std::string text = std::to_string(number);
-            const std::string blanks(width - name.size() + digits - std::min(digits, text.size()), ' ');
-            output.line(std::string(name).append(blanks).append(text));
-        }
+            output.line(row(Text::escapedName(name), width, std::to_string(number)));
+    }
+
+    static std::string row(const std::string& name, std::size_t width, const std::string& number)
+    {
+        constexpr std::size_t digits = 14;
+        const std::string blanks(width - name.size() + digits - std::min(digits, number.size()), ' ');
+        return name + blanks + number;
     }
 
     bool mOpenMetrics = false;

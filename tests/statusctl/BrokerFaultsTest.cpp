@@ -92,6 +92,21 @@ TEST(BrokerFaultsTest, aBrokerWithoutStatisticsIsTold)
     EXPECT_EQ(statusctl({"stats"}), failure(5, "statusctl: stats: this broker keeps no statistics"));
 }
 
+TEST(BrokerFaultsTest, namesOfStatisticsAreEscaped)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(ScriptedBroker::Frames{R"({"a\n\u001b[31mb 1":1,"c\u202e":2})"});
+    EXPECT_EQ(statusctl({"stats"}), success("a\\n\\x1b[31mb\\x201" + std::string(13, ' ') +
+                                            "1\nc\\xe2\\x80\\xae" + std::string(17, ' ') + "2\n"));
+}
+
+TEST(BrokerFaultsTest, namesOfStatisticsThatAreNotUtf8LeaveJsonValid)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(ScriptedBroker::Frames{"{\"a\xff\":1}"});
+    EXPECT_EQ(statusctl({"-j", "stats"}), success("{\"a\uFFFD\":1}\n"));
+}
+
 // The values' bytes are the broker's; JSON must stay JSON.
 TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
 {
