@@ -1,10 +1,10 @@
 #include "statusctl/health/Diagnosis.h"
 
-#include "statusctl/health/Inquiry.h"
-
 #include <cstdio>
 #include <set>
 #include <sstream>
+
+#include "statusctl/health/Inquiry.h"
 
 using BrokerProtocol::Statistics;
 using Diagnosis::Findings;

@@ -1,27 +1,43 @@
 #include "statusctl/health/OpenMetrics.h"
 
-#include "statusctl/health/Inquiry.h"
-
-#include <cctype>
 #include <map>
 #include <set>
+
+#include "statusctl/health/Inquiry.h"
+#include "statusctl/text/Text.h"
 
 using BrokerProtocol::Statistics;
 
 namespace
 {
 
-// "loop.maxMicroseconds" becomes "statusbroker_loop_max_microseconds".
+bool isIn(char letter, char first, char last)
+{
+    return letter >= first && letter <= last;
+}
+
+// "loop.maxMicroseconds" becomes "statusbroker_loop_max_microseconds". Nothing else may be in a metric's
+// name.
 std::string metricOf(const std::string& name)
 {
     std::string result = "statusbroker_";
     for (const char letter : name)
     {
-        if (std::isupper(static_cast<unsigned char>(letter)) != 0)
-            result += '_';
-        result += letter == '.' ? '_' : static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
+        if (isIn(letter, 'A', 'Z'))
+            result.append({'_', static_cast<char>(letter - 'A' + 'a')});
+        else
+            result += isIn(letter, 'a', 'z') || isIn(letter, '0', '9') ? letter : '_';
     }
     return result;
+}
+
+// {request="sync"}. Escaped as text first: some readers take more than a line feed for the end of a line.
+std::string labelOf(const std::string& label, const std::string& name)
+{
+    std::string value;
+    for (const char letter : Text::escaped(name))
+        value.append(letter == '"' || letter == '\\' ? "\\" : "").append(1, letter);
+    return "{" + label + "=\"" + value + "\"}";
 }
 
 // The others go up and down, or are the most so far.
@@ -44,44 +60,58 @@ public:
         if (group == "version")
             return;
         if (group == "requests")
-            addCounter("requests", "{request=\"" + name.substr(dot + 1) + "\"}", number);
+            addCounter("requests", labelOf("request", name.substr(dot + 1)), number);
         else if (group == "limit" || group == "malformed" || group == "refused")
-            addCounter("refused", "{reason=\"" + name + "\"}", number);
+            addCounter("refused", labelOf("reason", name), number);
         else if (isCounter(name))
             addCounter(name, {}, number);
         else
-            addSample(metricOf(name), "gauge", metricOf(name) + " " + std::to_string(number));
+            addSample(metricOf(name), "gauge", metricOf(name), {}, number);
     }
 
     void addVersion(const std::string& version)
     {
-        addSample("statusbroker_build", "info", "statusbroker_build_info{version=\"" + version + "\"} 1");
+        addSample("statusbroker_build", "info", "statusbroker_build_info", labelOf("version", version), 1);
     }
 
     std::string text() const
     {
         std::string text;
-        for (const auto& [name, samples] : mFamilies)
-            text += samples;
+        for (const auto& [name, family] : mFamilies)
+        {
+            text += "# TYPE " + name + " " + family.type + "\n";
+            for (const auto& [sample, number] : family.samples)
+                text += sample + " " + std::to_string(number) + "\n";
+        }
         return text + "# EOF";
     }
 
 private:
+    struct Family
+    {
+        std::string type;
+        std::map<std::string, uint64_t> samples; // by metric and label
+    };
+
     void addCounter(const std::string& name, const std::string& label, uint64_t number)
     {
-        addSample(metricOf(name), "counter",
-                  metricOf(name) + "_total" + label + " " + std::to_string(number));
+        addSample(metricOf(name), "counter", metricOf(name) + "_total", label, number);
     }
 
-    void addSample(const std::string& family, const std::string& type, const std::string& sample)
+    // Different names may become the same metric. The first has it; readers refuse a text in which it is
+    // there again, or in two families.
+    void addSample(const std::string& family, const std::string& type, const std::string& metric,
+                   const std::string& label, uint64_t number)
     {
-        std::string& samples = mFamilies[family];
-        if (samples.empty())
-            samples = "# TYPE " + family + " " + type + "\n";
-        samples += sample + "\n";
+        if (mOwners.emplace(metric, family).first->second != family)
+            return;
+        Family& entry = mFamilies.try_emplace(family, Family{type, {}}).first->second;
+        if (entry.type == type)
+            entry.samples.emplace(metric + label, number);
     }
 
-    std::map<std::string, std::string> mFamilies;
+    std::map<std::string, Family> mFamilies;
+    std::map<std::string, std::string> mOwners; // the family of each metric
 };
 
 } // namespace
@@ -89,8 +119,8 @@ private:
 std::string OpenMetrics::write(const Statistics& statistics)
 {
     Families families;
+    families.addVersion(Inquiry::versionIn(statistics));
     for (const auto& [name, number] : statistics)
         families.add(name, number);
-    families.addVersion(Inquiry::versionIn(statistics));
     return families.text();
 }
