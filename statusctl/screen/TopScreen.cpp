@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <langinfo.h>
 #include <mutex>
 #include <poll.h>
@@ -82,15 +83,19 @@ std::string rateOf(const TopModel::Row& row)
     return row.changesPerSecond == 0 ? "" : text.data();
 }
 
-// The first so many characters, of which each may take several bytes.
-std::string startOf(const std::string& text, int characters)
+// As much of the text as fits: a character may take no column, one or two.
+std::string startOf(const std::string& text, int columns)
 {
     std::size_t end = 0;
-    for (; end < text.size() && characters >= 0; ++end)
+    while (end < text.size())
     {
-        const bool isFirstByte = (static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U;
-        if (isFirstByte && characters-- == 0)
+        std::mbstate_t state{};
+        wchar_t character = 0;
+        const std::size_t bytes = std::mbrtowc(&character, text.data() + end, text.size() - end, &state);
+        columns -= std::abs(wcwidth(character)); // -1 is unknown, for which curses puts a blank
+        if (columns < 0 || bytes == 0 || bytes > text.size())
             break;
+        end += bytes;
     }
     return text.substr(0, end);
 }
@@ -150,7 +155,7 @@ TopScreen::~TopScreen()
 void TopScreen::put(int line, int column, int width, const std::string& text) const
 {
     if (width > 0)
-        mvaddstr(line, column, startOf(Text::escaped(text), width).c_str());
+        mvaddstr(line, column, startOf(text, width).c_str());
 }
 
 // A line of numbers, the filter, and the headings.
@@ -191,11 +196,11 @@ void TopScreen::drawRow(int line, const TopModel::Row& row) const
     constexpr std::chrono::seconds fresh{2};
     const Columns columns;
     const bool isFresh = row.isAgeKnown && row.age < fresh;
-    put(line, 0, columns.age - 1, row.key);
+    put(line, 0, columns.age - 1, Text::escapedName(row.key));
     put(line, columns.age, columns.rate - columns.age - 1, ageOf(row));
     put(line, columns.rate, columns.value - columns.rate - 1, rateOf(row));
     const Look look(isFresh ? Look::bold(changedColor) : A_NORMAL);
-    put(line, columns.value, COLS - columns.value, row.value);
+    put(line, columns.value, COLS - columns.value, Text::escaped(row.value));
 }
 
 void TopScreen::drawEvents(const TopModel& model, int firstLine) const
@@ -206,7 +211,9 @@ void TopScreen::drawEvents(const TopModel& model, int firstLine) const
     {
         if (line >= LINES)
             break;
-        put(line++, 0, COLS, Timestamp::local(event.time) + " " + event.name + " " + event.value);
+        put(line++, 0, COLS,
+            Timestamp::local(event.time) + " " + Text::escapedName(event.name) + " " +
+                Text::escaped(event.value));
     }
 }
 

@@ -38,6 +38,7 @@ private:
     void drawHeadings(int line) const;
     void drawRow(int line, const TopModel::Row& row) const;
     void drawEvents(const TopModel& model, int firstLine) const;
+    /// @param text is put as it is: texts from outside must have been escaped
     void put(int line, int column, int width, const std::string& text) const;
 
     std::string mFilter;

@@ -1,5 +1,6 @@
 // top, on a terminal of its own, against a real broker.
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <fcntl.h>
@@ -286,6 +287,27 @@ TEST_F(ScreenTest, getShowsOnATerminalWhatIsHidden)
     Terminal terminal({"get", "door"});
     EXPECT_TRUE(terminal.shows("a\\xe2\\x80\\xaeb\tc\\x1b"));
     EXPECT_EQ(terminal.waitForExit(), 0);
+}
+
+// Otherwise it would go on in the next row, under another key.
+TEST_F(ScreenTest, aValueOfWideCharactersEndsWithItsColumn)
+{
+    std::string value;
+    for (int number = 0; number < 50; ++number)
+        value += "\u4e16";
+    statusctl({"set", "door", value, "lamp", "bright"});
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("bright"));
+    const auto count = std::count(terminal.output().begin(), terminal.output().end(), '\xe4');
+    EXPECT_EQ(count, 20) << "in a column of 40";
+}
+
+TEST_F(ScreenTest, aNameCannotPassForNameAndValue)
+{
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("q to leave"));
+    statusctl({"event", "bell rang", "twice"});
+    EXPECT_TRUE(terminal.shows("bell\\x20rang twice"));
 }
 
 TEST_F(ScreenTest, withoutATerminalItIsRefused)
