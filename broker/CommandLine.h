@@ -1,19 +1,11 @@
 #ifndef BROKER_COMMANDLINE_H
 #define BROKER_COMMANDLINE_H
 
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "broker/ConfigFile.h"
 #include "broker/Options.h"
-
-/// What is wrong with a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it is not
-/// about one line.
-class ConfigError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
 
 /// The broker's command line, and the configuration file that it may name. Both know the same options; what
 /// is given on the command line wins.
@@ -44,11 +36,5 @@ private:
     std::string mConfigFile;
     bool mIsCheck = false;
 };
-
-/// Reads a configuration: lines of "name = value", with the names of the long options. Empty lines are
-/// ignored, and what follows a # at the beginning of a line or after a blank. Limits that contradict each
-/// other are not refused, since the command line may change one of them. Throws ConfigError.
-/// @param fileName to be named in errors
-Options parseConfig(const std::string& text, const std::string& fileName);
 
 #endif

@@ -1,6 +1,6 @@
 // The configuration file, and the rules for log levels.
 
-#include "broker/CommandLine.h"
+#include "broker/ConfigFile.h"
 #include "common/Logging.h"
 #include "fuzz/Fuzz.h"
 
