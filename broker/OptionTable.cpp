@@ -166,18 +166,42 @@ std::vector<OptionEntry> makeTable()
         count("max-timers", &Limits::timers, "Most timers"),
         count("max-counters", &Limits::counters, "Most counters"),
         size("max-notify-bytes", {64 * kibi, 1024 * mebi}, &Limits::notifyBytes,
-             "Most memory for notifications that one subscriber has not taken; beyond it the subscriber is "
-             "cut off"),
+             "Length of the log of notifications that all subscribers share; a subscriber that is further "
+             "behind gets the latest values instead"),
+        size(
+            "max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
+            "Most memory for the unfinished messages, requests, replies and notifications of all connections "
+            "together; beyond it the largest gives way: the log of notifications gets shorter, or a "
+            "connection is closed and comes back"),
         count("max-connections", &Limits::connections, "Most connections per port"),
     };
 }
 
-std::string above(const char* name, std::size_t value, const Limits& limits)
+// A message takes up to so many times its length while it is read.
+constexpr std::size_t memoryPerByte = 4;
+
+std::string shownWithName(const char* name, std::size_t value)
+{
+    return std::string(name) + " (" + std::to_string(value) + ")";
+}
+
+std::string checkFits(const char* name, std::size_t value, const Limits& limits)
 {
     if (value <= limits.messageBytes)
         return "";
-    return std::string(name) + " (" + std::to_string(value) + ") must not be above max-message-bytes (" +
-           std::to_string(limits.messageBytes) + ")";
+    return shownWithName(name, value) + " must not be above " +
+           shownWithName("max-message-bytes", limits.messageBytes);
+}
+
+// A message of the greatest length is taken however full the log of notifications is.
+std::string checkMemory(const Limits& limits)
+{
+    const std::size_t needed = limits.notifyBytes + memoryPerByte * limits.messageBytes;
+    if (limits.memory >= needed)
+        return "";
+    return shownWithName("max-memory", limits.memory) +
+           " must not be below max-notify-bytes and four times max-message-bytes together (" +
+           std::to_string(needed) + ")";
 }
 
 } // namespace
@@ -190,6 +214,12 @@ const std::vector<OptionEntry>& optionTable()
 
 std::string contradictionIn(const Limits& limits)
 {
-    const std::string key = above("max-key-bytes", limits.keyBytes, limits);
-    return key.empty() ? above("max-value-bytes", limits.valueBytes, limits) : key;
+    for (const std::string& error :
+         {checkFits("max-key-bytes", limits.keyBytes, limits),
+          checkFits("max-value-bytes", limits.valueBytes, limits), checkMemory(limits)})
+    {
+        if (!error.empty())
+            return error;
+    }
+    return "";
 }

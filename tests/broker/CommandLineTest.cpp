@@ -58,6 +58,7 @@ Values valuesOf(const Options& options)
             {"max-timers", text(limits.timers)},
             {"max-counters", text(limits.counters)},
             {"max-notify-bytes", text(limits.notifyBytes)},
+            {"max-memory", text(limits.memory)},
             {"max-connections", text(limits.connections)}};
 }
 
@@ -183,6 +184,7 @@ struct Setting
     std::string name;
     std::string text;
     std::string value;
+    std::string memory = ""; // in bytes; beside it, as some sizes fit only into more than the default
 };
 
 class EveryOption : public testing::TestWithParam<Setting>
@@ -211,28 +213,36 @@ void PrintTo(const Setting& setting, std::ostream* stream)
 
 INSTANTIATE_TEST_SUITE_P(
     CommandLine, EveryOption,
-    testing::Values(Setting{"allow-set-time", "true", "true"}, Setting{"log-level", "0", "0"},
-                    Setting{"log-level", "7", "7"}, Setting{"heartbeat", "0", "0"},
-                    Setting{"heartbeat", "3600", "3600"},
-                    Setting{"state", "/run/state file", "/run/state file"},
-                    Setting{"state", "a=b#c", "a=b#c"}, Setting{"state", "{}", "{}"},
-                    Setting{"state-sync", "off", "off"}, Setting{"state-sync", "full", "full"},
-                    Setting{"state-keys", "net.*", "<net.*>"}, Setting{"state-keys", "[a,b]", "<[a,b]>"},
-                    Setting{"state-keys", "{}", "<{}>"}, Setting{"max-keys", "1", "1"},
-                    Setting{"max-keys", "1000000", "1000000"}, Setting{"max-keys", "010", "10"},
-                    Setting{"max-key-bytes", "1", "1"}, Setting{"max-key-bytes", "1M", "1048576"},
-                    Setting{"max-value-bytes", "2K", "2048"}, Setting{"max-stored-bytes", "1K", "1024"},
-                    Setting{"max-stored-bytes", "1024M", "1073741824"},
-                    Setting{"max-message-bytes", "64M", "67108864"}, Setting{"max-timers", "7", "7"},
-                    Setting{"max-counters", "8", "8"}, Setting{"max-notify-bytes", "64K", "65536"},
-                    Setting{"max-notify-bytes", "1024M", "1073741824"}, Setting{"max-connections", "9", "9"},
-                    Setting{"max-connections", "1000000", "1000000"}),
+    testing::Values(
+        Setting{"allow-set-time", "true", "true"}, Setting{"log-level", "0", "0"},
+        Setting{"log-level", "7", "7"}, Setting{"heartbeat", "0", "0"}, Setting{"heartbeat", "3600", "3600"},
+        Setting{"state", "/run/state file", "/run/state file"}, Setting{"state", "a=b#c", "a=b#c"},
+        Setting{"state", "{}", "{}"}, Setting{"state-sync", "off", "off"},
+        Setting{"state-sync", "full", "full"}, Setting{"state-keys", "net.*", "<net.*>"},
+        Setting{"state-keys", "[a,b]", "<[a,b]>"}, Setting{"state-keys", "{}", "<{}>"},
+        Setting{"max-keys", "1", "1"}, Setting{"max-keys", "1000000", "1000000"},
+        Setting{"max-keys", "010", "10"}, Setting{"max-key-bytes", "1", "1"},
+        Setting{"max-key-bytes", "1M", "1048576"}, Setting{"max-value-bytes", "2K", "2048"},
+        Setting{"max-stored-bytes", "1K", "1024"}, Setting{"max-stored-bytes", "1024M", "1073741824"},
+        Setting{"max-message-bytes", "64M", "67108864", "1073741824"}, Setting{"max-timers", "7", "7"},
+        Setting{"max-counters", "8", "8"}, Setting{"max-notify-bytes", "64K", "65536"},
+        Setting{"max-notify-bytes", "1024M", "1073741824", "2147483648"},
+        Setting{"max-notify-bytes", "12M", "12582912"}, // and four times 1M: all there is
+        Setting{"max-memory", "8M", "8388608"}, Setting{"max-memory", "2048M", "2147483648"},
+        Setting{"max-connections", "9", "9"}, Setting{"max-connections", "1000000", "1000000"}),
     settingName);
 
 TEST_P(EveryOption, isSetByTheCommandLine)
 {
     const Setting& setting = GetParam();
-    EXPECT_EQ(read({"--" + setting.name + "=" + setting.text}), defaultsBut(setting.name, setting.value));
+    Lines arguments{"--" + setting.name + "=" + setting.text};
+    Values expected = defaultsBut(setting.name, setting.value);
+    if (!setting.memory.empty())
+    {
+        arguments.push_back("--max-memory=" + setting.memory);
+        expected["max-memory"] = setting.memory;
+    }
+    EXPECT_EQ(read(arguments), expected);
 }
 
 TEST_P(EveryOption, isSetByTheFile)
@@ -296,6 +306,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Lines{"--max-key-bytes", "1.5K"}, Lines{"--max-stored-bytes", "18446744073709551615K"},
                     Lines{"--max-stored-bytes", "18014398509481985K"}, // 1K, were it to wrap
                     Lines{"--max-message-bytes", "32K"}, Lines{"--max-value-bytes", "2M"},
+                    Lines{"--max-memory", "4M"}, Lines{"--max-memory", "8388607"},
+                    Lines{"--max-notify-bytes", "12582913"}, Lines{"--max-message-bytes", "4M"},
                     Lines{"--state", ""}, Lines{"--config", ""}, Lines{"--state-keys", ""},
                     Lines{"--state-keys", "a", "stray"}),
     commandLineName);
@@ -377,6 +389,7 @@ TEST(Help, tellsUnitRangeAndDefaultOfEachOption)
                           {"max-timers", "COUNT:1..1000000=1000"},
                           {"max-counters", "COUNT:1..1000000=1000"},
                           {"max-notify-bytes", "BYTES:64K..1024M=4M"},
+                          {"max-memory", "BYTES:4M..2048M=16M"},
                           {"max-connections", "COUNT:1..1000000=1000"}};
     for (const auto& [name, text] : expected)
         EXPECT_NE(help.at(name).find(text), std::string::npos) << help.at(name);
@@ -531,6 +544,8 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"max-stored-bytes = 1G\n", "file:1: max-stored-bytes: \"1G\" is not a size in 1K..1024M"},
         Mistake{"max-message-bytes = 1023\n", "file:1: max-message-bytes: \"1023\" is not a size in 1K..64M"},
         Mistake{"max-notify-bytes = 63K\n", "file:1: max-notify-bytes: \"63K\" is not a size in 64K..1024M"},
+        Mistake{"max-memory = 4095K\n", "file:1: max-memory: \"4095K\" is not a size in 4M..2048M"},
+        Mistake{"max-memory = 2049M\n", "file:1: max-memory: \"2049M\" is not a size in 4M..2048M"},
         Mistake{"state-sync = FULL\n", "file:1: state-sync: \"FULL\" is none of off, normal, full"},
         Mistake{"allow-set-time = maybe\n", "file:1: allow-set-time: \"maybe\" is none of true, false"},
         Mistake{"allow-set-time = x\n", "file:1: allow-set-time: \"x\" is none of true, false"},
@@ -640,6 +655,10 @@ TEST_F(ConfigFileTest, mayNotContradictItself)
     write("max-message-bytes = 2K\nmax-value-bytes = 1K\nmax-key-bytes = 3K\n");
     EXPECT_EQ(errorOf(commandLine({"--config", file()})),
               file() + ": max-key-bytes (3072) must not be above max-message-bytes (2048)");
+    write("max-memory = 4M\nmax-notify-bytes = 1M\n");
+    EXPECT_EQ(errorOf(commandLine({"--config", file()})),
+              file() + ": max-memory (4194304) must not be below max-notify-bytes and four times "
+                       "max-message-bytes together (5242880)");
 }
 
 TEST_F(ConfigFileTest, mayNotContradictTheCommandLine)
@@ -651,8 +670,10 @@ TEST_F(ConfigFileTest, mayNotContradictTheCommandLine)
 
 TEST_F(ConfigFileTest, mayFitTogetherWithTheCommandLineOnly)
 {
-    write("max-message-bytes = 4M\n");
+    write("max-message-bytes = 4M\nmax-memory = 20M\n");
     EXPECT_EQ(read({"--config", file(), "--max-value-bytes", "3M"}).at("max-value-bytes"), "3145728");
+    write("max-notify-bytes = 64M\n");
+    EXPECT_EQ(read({"--config", file(), "--max-memory", "68M"}).at("max-notify-bytes"), "67108864");
     write("max-message-bytes = 32K\n");
     EXPECT_EQ(read({"--config", file(), "--max-value-bytes", "32K"}).at("max-message-bytes"), "32768");
 }

@@ -753,7 +753,7 @@ namespace
 class Ending : public FloodTest
 {
 protected:
-    Ending() : FloodTest({"--max-notify-bytes=64M"}) {}
+    Ending() : FloodTest({"--max-notify-bytes=64M", "--max-memory=128M"}) {}
 };
 
 } // namespace
