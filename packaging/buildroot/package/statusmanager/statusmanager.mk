@@ -25,12 +25,13 @@ define STATUSMANAGER_USERS
 	statusbroker -1 statusbroker -1 * - - - Status broker
 endef
 
-# The unit and its user file are installed with the program.
+# The unit, its user file and its pause are installed with the program.
 define STATUSMANAGER_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(STATUSMANAGER_PKGDIR)/S50statusbroker \
 		$(TARGET_DIR)/etc/init.d/S50statusbroker
 	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
-		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf
+		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf \
+		$(TARGET_DIR)/usr/libexec/statusbroker/pause-before-restart
 endef
 else
 STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BROKER=OFF

@@ -46,6 +46,7 @@ FILES:statusbroker = " \
     ${sysconfdir}/statusbroker.conf \
     ${systemd_system_unitdir}/statusbroker.service \
     ${nonarch_libdir}/sysusers.d/statusbroker.conf \
+    ${libexecdir}/statusbroker \
     ${datadir}/statusbroker \
 "
 FILES:statusctl = "${bindir}/statusctl"
