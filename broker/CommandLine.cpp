@@ -31,7 +31,7 @@ public:
             "SIGHUP, for the limits and the log level")
             ->check(OptionText::checkText)
             ->type_name("FILE");
-        add_flag("--check-config", isCheck, "Only say whether command line and file are good");
+        add_flag("--check-config", isCheck, "Check command line and file, and exit");
         for (const OptionEntry& entry : optionTable())
             entry.kind == OptionEntry::Kind::Flag ? addFlag(entry) : addOption(entry);
         set_version_flag("--version", "statusbroker " STATUSBROKER_VERSION);
