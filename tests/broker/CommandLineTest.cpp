@@ -384,7 +384,7 @@ TEST(Help, tellsUnitRangeAndDefaultOfEachOption)
                           {"max-keys", "COUNT:1..1000000=10000"},
                           {"max-key-bytes", "BYTES:1..1M=255"},
                           {"max-value-bytes", "BYTES:1..64M=64K"},
-                          {"max-stored-bytes", "BYTES:1K..1024M=16M"},
+                          {"max-stored-bytes", "BYTES:1K..1024M=4M"},
                           {"max-message-bytes", "BYTES:1K..64M=1M"},
                           {"max-timers", "COUNT:1..1000000=1000"},
                           {"max-counters", "COUNT:1..1000000=1000"},
