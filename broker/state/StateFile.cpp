@@ -118,8 +118,14 @@ bool StateFile::isKept(const std::string& name) const
 
 SavedState StateFile::load(const BootMoment& now)
 {
-    Database::Contents contents = open(startPatience);
-    mMissed = !mDatabase && !readOnly(contents);
+    Found found = open(startPatience);
+    if (!found.contents)
+        found.contents = readOnly();
+    if (found.database)
+        opened(std::move(found.database));
+    else if (!found.contents)
+        missed();
+    Database::Contents contents = std::move(found.contents).value_or(Database::Contents());
     if (now.bootId.empty())
         OV_LOG(2,
                "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
@@ -144,7 +150,7 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
     if (mPending.empty() && !changes.empty())
         return; // nothing of it is kept
     // One that fails is not tried again with every change.
-    if ((mFails || !mDatabase) && Clock::now() < mNextAttempt)
+    if (isReported() && Clock::now() < mNextAttempt)
         return;
     if (!mDatabase)
         reopen();
@@ -169,7 +175,7 @@ void StateFile::write(const BootMoment& now)
             mDatabase->write(mPending, now.bootId, now.microseconds);
             mPending = SavedState();
             ++mCommits;
-            return succeeded();
+            return written();
         }
         catch (const DatabaseError& error)
         {
@@ -181,22 +187,61 @@ void StateFile::write(const BootMoment& now)
     }
 }
 
+// ---------------------------------------------------------------------------------------------- the stages
+
+void StateFile::opened(std::unique_ptr<Database> database)
+{
+    // What has failed before works again only when something has been written.
+    mStage = isReported() ? Stage::Failing : Stage::Serving;
+    mDatabase = std::move(database);
+}
+
+void StateFile::written()
+{
+    if (isReported())
+        OV_LOG(2, "State file [%s] is written again", mPath.c_str());
+    mStage = Stage::Serving;
+}
+
+void StateFile::failed(const std::string& reason)
+{
+    constexpr std::chrono::seconds pause{1};
+    mNextAttempt = Clock::now() + pause;
+    ++mErrors;
+    if (isReported())
+        return;
+    OV_LOG(0, "State file [%s]: %s; what changes is lost when the broker ends", mPath.c_str(),
+           reason.c_str());
+    mStage = mDatabase ? Stage::Failing : Stage::Shut;
+}
+
+void StateFile::missed()
+{
+    mStage = Stage::Missed;
+}
+
+void StateFile::dropped()
+{
+    mStage = isReported() ? Stage::Shut : Stage::Closed;
+    mDatabase.reset();
+}
+
 // ------------------------------------------------------------------------------------------------ the file
 
-// What the file holds: nothing if it is new. Without a database afterwards if it cannot be had now.
-Database::Contents StateFile::open(std::chrono::milliseconds patience)
+// Moves aside what cannot be read, and begins a new file then.
+StateFile::Found StateFile::open(std::chrono::milliseconds patience)
 {
     constexpr int attempts = 2; // the second one after the unreadable file has been moved aside
     for (int attempt = 1; attempt <= attempts; ++attempt)
     {
         try
         {
-            auto database = std::make_unique<Database>(mPath, mSync, patience);
-            Database::Contents contents = database->read();
-            mDatabase = std::move(database);
+            Found found;
+            found.database = std::make_unique<Database>(mPath, mSync, patience);
+            found.contents = found.database->read();
             closeToOthers(mPath);
             closeToOthers(mPath + "-wal");
-            return contents;
+            return found;
         }
         catch (const DatabaseError& error)
         {
@@ -210,17 +255,16 @@ Database::Contents StateFile::open(std::chrono::milliseconds patience)
     return {};
 }
 
-// False if that cannot be done either.
-bool StateFile::readOnly(Database::Contents& contents) const
+// Nothing if that cannot be had either.
+std::optional<Database::Contents> StateFile::readOnly() const
 {
     try
     {
-        contents = Database::readOnly(mPath);
-        return true;
+        return Database::readOnly(mPath);
     }
     catch (const DatabaseError&)
     {
-        return false; // that it cannot be had has been told
+        return std::nullopt; // why the file cannot be had is logged already
     }
 }
 
@@ -229,16 +273,16 @@ bool StateFile::readOnly(Database::Contents& contents) const
 void StateFile::reopen()
 {
     constexpr std::chrono::milliseconds none{0}; // the broker is serving
-    const Database::Contents contents = open(none);
-    if (mDatabase && mMissed && !contents.state.empty())
+    Found found = open(none);
+    if (found.database && mStage == Stage::Missed && !found.contents->state.empty())
     {
-        mDatabase.reset();
+        found = Found();
         if (moveAside("not in time: the broker has begun without it"))
-            open(none);
+            found = open(none);
     }
-    if (!mDatabase)
+    if (!found.database)
         return;
-    mMissed = false;
+    opened(std::move(found.database));
     remember(mEverything()); // it may be a new one, or have been written by others meanwhile
 }
 
@@ -250,7 +294,7 @@ void StateFile::replace(const std::string& reason)
     mNextReplacement = Clock::now() + pause;
     ++mErrors;
     mDatabase->leaveAsItIs();
-    mDatabase.reset();
+    dropped();
     if (moveAside(reason))
         reopen();
 }
@@ -276,22 +320,4 @@ bool StateFile::moveAside(const std::string& reason)
     OV_LOG(0, "State file [%s] cannot be read (%s), moved to [%s]", mPath.c_str(), reason.c_str(),
            aside.c_str());
     return true;
-}
-
-void StateFile::succeeded()
-{
-    if (mFails)
-        OV_LOG(2, "State file [%s] is written again", mPath.c_str());
-    mFails = false;
-}
-
-void StateFile::failed(const std::string& reason)
-{
-    constexpr std::chrono::seconds pause{1};
-    mNextAttempt = Clock::now() + pause;
-    ++mErrors;
-    if (!mFails)
-        OV_LOG(0, "State file [%s]: %s; what changes is lost when the broker ends", mPath.c_str(),
-               reason.c_str());
-    mFails = true;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -72,27 +73,50 @@ public:
     uint64_t errors() const { return mErrors; }
 
 private:
+    /// How it stands with the file. The report is the log line that changes are lost when the broker ends.
+    enum class Stage
+    {
+        Closed,  ///< not open, not reported: the next commit opens it and adds to what it holds
+        Serving, ///< open, and the last write worked
+        Failing, ///< open, reported: what is to be written is tried again
+        Shut,    ///< not open, reported: what it holds is in use, and is added to when it can be opened
+        Missed, ///< not open, reported: what it holds is not in use, and is moved aside when it can be opened
+    };
+
+    /// What was found at the path: neither of both if nothing can be had now.
+    struct Found
+    {
+        std::unique_ptr<Database> database; ///< open for writing
+        std::optional<Database::Contents> contents;
+    };
+
+    bool isReported() const { return mStage != Stage::Closed && mStage != Stage::Serving; }
+
+    // Each of these goes from one stage to the next.
+    void opened(std::unique_ptr<Database> database);
+    void written();
+    void failed(const std::string& reason);
+    void missed();
+    void dropped();
+
     bool isKept(const std::string& name) const;
-    Database::Contents open(std::chrono::milliseconds patience);
-    bool readOnly(Database::Contents& contents) const;
+    Found open(std::chrono::milliseconds patience);
+    std::optional<Database::Contents> readOnly() const;
     void reopen();
     void replace(const std::string& reason);
     bool moveAside(const std::string& reason);
     void remember(const SavedState& changes);
     void write(const BootMoment& now);
-    void succeeded();
-    void failed(const std::string& reason);
 
-    std::string mPath;
-    StateSync mSync;
-    std::vector<std::string> mKeys;
-    std::function<SavedState()> mEverything;
-    std::unique_ptr<Database> mDatabase; // null while it cannot be opened
+    const std::string mPath;
+    const StateSync mSync;
+    const std::vector<std::string> mKeys;
+    const std::function<SavedState()> mEverything;
+    Stage mStage = Stage::Closed;
+    std::unique_ptr<Database> mDatabase; // while it is Serving or Failing
     SavedState mPending;                 // changed and not written yet
-    TimePoint mNextAttempt{};            // when it fails
-    bool mFails = false;
-    TimePoint mNextReplacement{}; // when it turns out to be unreadable again
-    bool mMissed = false;         // it could not be read when it was to be loaded
+    TimePoint mNextAttempt{};            // of what has failed
+    TimePoint mNextReplacement{};        // of a file that turns out to be unreadable while it is used
     bool mIsOfThisBoot = false;
     uint64_t mCommits = 0;
     uint64_t mErrors = 0;
