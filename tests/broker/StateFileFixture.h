@@ -1,0 +1,76 @@
+#ifndef TESTS_BROKER_STATEFILEFIXTURE_H
+#define TESTS_BROKER_STATEFILEFIXTURE_H
+
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <string>
+#include <vector>
+
+#include "broker/state/StateFile.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/Wait.h"
+
+/// What the tests of the state file need.
+
+inline const BootMoment thisBoot{"boot-1", 1000000};
+
+inline SavedState stateOf(const StatusMap& values)
+{
+    SavedState state;
+    state.values = values;
+    return state;
+}
+
+/// Changes the file as another program would.
+inline void execute(const std::string& path, const std::string& sql)
+{
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+/// The database and the log beside it, as a process that is killed leaves them.
+inline void copyAsKilled(const std::string& from, const std::string& to)
+{
+    std::filesystem::copy_file(from, to);
+    std::filesystem::copy_file(from + "-wal", to + "-wal");
+}
+
+class StateFileFixture : public testing::Test
+{
+protected:
+    void commit(const SavedState& state, const std::vector<std::string>& keys = {})
+    {
+        StateFile file(path, StateSync::Normal, keys);
+        file.load(thisBoot);
+        file.commit(state, thisBoot);
+    }
+
+    SavedState load(const BootMoment& now = thisBoot, const std::vector<std::string>& keys = {})
+    {
+        return StateFile(path, StateSync::Normal, keys).load(now);
+    }
+
+    /// The file must be moved aside as it is, said so, and replaced by an empty one.
+    void expectMovedAside(const std::string& aside = ".bad")
+    {
+        const std::string before = readFile(path);
+        const LogCapture log;
+        EXPECT_TRUE(load().empty());
+        EXPECT_EQ(readFile(path + aside), before);
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines()[0].level, 0);
+        EXPECT_NE(log.lines()[0].text.find("[" + path + "] cannot be read"), std::string::npos);
+        commit(stateOf({{"new", "1"}}));
+        EXPECT_EQ(load().values, (StatusMap{{"new", "1"}}));
+    }
+
+    TemporaryFolder folder;
+    std::string path = folder / "state";
+};
+
+#endif

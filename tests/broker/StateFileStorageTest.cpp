@@ -1,0 +1,367 @@
+// State files that cannot be had, or not for writing.
+
+#include <climits>
+#include <csignal>
+#include <fcntl.h>
+#include <optional>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "tests/broker/StateFileFixture.h"
+
+namespace
+{
+
+class StateFileStorageTest : public StateFileFixture
+{
+};
+
+} // namespace
+
+// ------------------------------------------------------------------------------- what can only be read
+
+namespace
+{
+
+using OpenCall = int (*)(const char*, int, int);
+OpenCall plainOpen = nullptr;
+
+int openForReading(const char* path, int flags, int mode)
+{
+    if ((flags & O_ACCMODE) == O_RDONLY && (flags & O_CREAT) == 0)
+        return plainOpen(path, flags, mode);
+    errno = EROFS;
+    return -1;
+}
+
+// While it lives, SQLite can open and make no file for writing.
+class ReadOnlyStorage
+{
+public:
+    ReadOnlyStorage()
+    {
+        plainOpen = reinterpret_cast<OpenCall>(mSystem->xGetSystemCall(mSystem, "open"));
+        mSystem->xSetSystemCall(mSystem, "open", reinterpret_cast<sqlite3_syscall_ptr>(openForReading));
+    }
+    ~ReadOnlyStorage() { mSystem->xSetSystemCall(mSystem, "open", nullptr); }
+
+    ReadOnlyStorage(const ReadOnlyStorage&) = delete;
+    ReadOnlyStorage& operator=(const ReadOnlyStorage&) = delete;
+
+private:
+    sqlite3_vfs* mSystem = sqlite3_vfs_find(nullptr);
+};
+
+// Somebody who is in the middle of reading the file, as a shell of SQLite may be.
+class Reader
+{
+public:
+    explicit Reader(const std::string& path)
+    {
+        EXPECT_EQ(sqlite3_open(path.c_str(), &mDatabase), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(mDatabase, "BEGIN; SELECT * FROM value", nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(mDatabase);
+    }
+    ~Reader() { sqlite3_close(mDatabase); }
+
+    Reader(const Reader&) = delete;
+    Reader& operator=(const Reader&) = delete;
+
+private:
+    sqlite3* mDatabase = nullptr;
+};
+
+bool isCommittedInTheEnd(StateFile& file)
+{
+    return eventually(
+        [&]
+        {
+            file.commit({}, thisBoot);
+            return file.commits() == 1;
+        });
+}
+
+} // namespace
+
+TEST_F(StateFileStorageTest, whatCanOnlyBeReadIsLoadedAndToldOnce)
+{
+    commit(stateOf({{"a", "1"}}));
+    const std::string before = readFile(path);
+    const ReadOnlyStorage storage;
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}}));
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 0U);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 0);
+    EXPECT_NE(log.lines()[0].text.find("it can only be read"), std::string::npos);
+    EXPECT_TRUE(readFile(path) == before);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 1);
+}
+
+TEST_F(StateFileStorageTest, theLogBesideAFileThatCanOnlyBeReadIsLoadedToo)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const std::string killed = folder / "killed";
+    {
+        StateFile file(path, StateSync::Normal, {});
+        file.load(thisBoot);
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        copyAsKilled(path, killed);
+    }
+    path = killed;
+    const std::string log = readFile(path + "-wal");
+    {
+        const ReadOnlyStorage storage;
+        const LogCapture lines;
+        EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+    }
+    EXPECT_TRUE(readFile(path + "-wal") == log);
+    EXPECT_FALSE(std::filesystem::exists(path + "-shm"));
+}
+
+TEST_F(StateFileStorageTest, aNameThatMeansSomethingInAUriIsLoadedFromStorageThatCanOnlyBeRead)
+{
+    path = folder / "a?mode=memory&b#%41 \xc3\xa4";
+    commit(stateOf({{"a", "1"}}));
+    const ReadOnlyStorage storage;
+    const LogCapture log;
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+}
+
+TEST_F(StateFileStorageTest, whatCouldOnlyBeReadIsAddedToWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        std::optional<ReadOnlyStorage> storage(std::in_place);
+        StateFile file(path, StateSync::Normal, {});
+        file.load(thisBoot);
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        storage.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileStorageTest, allOfItIsWrittenIfTheFileIsGoneWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        std::optional<ReadOnlyStorage> storage(std::in_place);
+        const SavedState everything = stateOf({{"a", "1"}, {"b", "1"}});
+        StateFile file(path, StateSync::Normal, {}, [&] { return everything; });
+        file.load(thisBoot);
+        std::filesystem::remove(path);
+        storage.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileStorageTest, damageThatCanOnlyBeReadIsMovedAsideWhenItCanBeWritten)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "UPDATE value SET text = 5");
+    const std::string before = readFile(path);
+    const LogCapture log;
+    std::optional<ReadOnlyStorage> storage(std::in_place);
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_TRUE(file.load(thisBoot).empty());
+    storage.reset();
+    EXPECT_TRUE(isCommittedInTheEnd(file));
+    EXPECT_TRUE(readFile(path + ".bad") == before);
+}
+
+TEST_F(StateFileStorageTest, somebodyWhoReadsItForAMomentIsWaitedFor)
+{
+    commit(stateOf({{"a", "1"}}));
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    auto reader = std::make_unique<Reader>(path);
+    Gate never;
+    std::thread leaving(
+        [&]
+        {
+            never.wait(std::chrono::milliseconds(200));
+            reader.reset();
+        });
+    EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}}));
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 1U);
+    EXPECT_TRUE(log.lines().empty());
+    leaving.join();
+}
+
+TEST_F(StateFileStorageTest, whatSomebodyReadsAllTheTimeIsLoadedAndWrittenLater)
+{
+    commit(stateOf({{"a", "1"}, {"b", "1"}}));
+    const LogCapture log;
+    {
+        auto reader = std::make_unique<Reader>(path);
+        StateFile file(path, StateSync::Normal, {});
+        EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"a", "1"}, {"b", "1"}}));
+        file.commit(stateOf({{"a", "2"}}), thisBoot);
+        EXPECT_EQ(file.commits(), 0U);
+        reader.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+// ----------------------------------------------------------------------------- where nothing can be done
+
+TEST_F(StateFileStorageTest, aFolderInItsPlaceIsToldOnceAndServingGoesOn)
+{
+    std::filesystem::create_directory(path);
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_TRUE(file.load(thisBoot).empty());
+    for (int count = 0; count < 100; ++count)
+        file.commit(stateOf({{"a", std::to_string(count)}}), thisBoot);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 0);
+    EXPECT_EQ(file.commits(), 0U);
+    EXPECT_GE(file.errors(), 1U);
+}
+
+TEST_F(StateFileStorageTest, aFileInPlaceOfItsFolderIsToldOnce)
+{
+    writeFile(folder / "file", "");
+    const LogCapture log;
+    StateFile file(folder / "file/state", StateSync::Normal, {});
+    EXPECT_TRUE(file.load(thisBoot).empty());
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST_F(StateFileStorageTest, whatCouldNotBeWrittenIsWrittenWhenItCanBe)
+{
+    const LogCapture log;
+    const std::string later = folder / "later/state";
+    StateFile file(later, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}, {"b", "1"}}), thisBoot);
+    file.commit(stateOf({{"a", "2"}}), thisBoot);
+    std::filesystem::create_directory(folder / "later");
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            file.commit({}, thisBoot);
+            return file.commits() == 1;
+        }));
+    EXPECT_TRUE(log.has(2, "State file [" + later + "] is written again"));
+    path = later + ".copy";
+    copyAsKilled(later, path);
+    EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+}
+
+TEST_F(StateFileStorageTest, whatFailsIsTriedAgainOnceASecondAtMost)
+{
+    const LogCapture log;
+    const TimePoint begin = Clock::now();
+    StateFile file(folder / "nowhere/state", StateSync::Normal, {});
+    file.load(thisBoot);
+    for (int count = 0; count < 1000; ++count)
+        file.commit(stateOf({{"a", std::to_string(count)}}), thisBoot);
+    const auto seconds = std::chrono::ceil<std::chrono::seconds>(Clock::now() - begin).count();
+    EXPECT_LE(file.errors(), static_cast<uint64_t>(seconds));
+}
+
+TEST_F(StateFileStorageTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegunWithoutIt)
+{
+    const LogCapture log;
+    auto first = std::make_unique<StateFile>(path, StateSync::Normal, std::vector<std::string>());
+    first->load(thisBoot);
+    first->commit(stateOf({{"old", "1"}}), thisBoot);
+    {
+        StateFile second(path, StateSync::Normal, {});
+        EXPECT_TRUE(second.load(thisBoot).empty());
+        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "it is another one's";
+        first.reset();
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                second.commit(stateOf({{"new", "1"}}), thisBoot);
+                return second.commits() == 1;
+            }));
+    }
+    EXPECT_EQ(load().values, (StatusMap{{"new", "1"}}));
+    path += ".bad";
+    EXPECT_EQ(load().values, (StatusMap{{"old", "1"}}));
+}
+
+TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "UPDATE value SET text = 5");
+    const std::string before = readFile(path);
+    // There is no room in it for the end of another name than the first one, which is taken.
+    const std::string longName = folder / std::string(NAME_MAX - 4, 'n');
+    std::filesystem::rename(path, longName);
+    writeFile(longName + ".bad", "first");
+    {
+        const LogCapture log;
+        StateFile file(longName, StateSync::Normal, {});
+        EXPECT_TRUE(file.load(thisBoot).empty());
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                file.commit(stateOf({{"new", "1"}}), thisBoot);
+                return file.errors() >= 2;
+            }));
+        EXPECT_EQ(file.commits(), 0U);
+        ASSERT_EQ(log.lines().size(), 1U);
+        EXPECT_EQ(log.lines()[0].level, 0);
+    }
+    EXPECT_TRUE(readFile(longName) == before);
+    EXPECT_EQ(readFile(longName + ".bad"), "first");
+}
+
+namespace
+{
+
+// Runs in a process of its own, whose files cannot grow for a while.
+bool survivesAFullDisk(const std::string& path)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"before", "1"}}), thisBoot);
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const rlimit full{100000, limit.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    for (int key = 0; key < 50; ++key)
+        file.commit(stateOf({{"key" + std::to_string(key), std::string(10000, 'x')}}), thisBoot);
+    if (log.lines().size() != 1 || log.lines()[0].level != 0)
+        return false;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    const uint64_t commits = file.commits();
+    return eventually(
+        [&]
+        {
+            file.commit(stateOf({{"after", "1"}}), thisBoot);
+            return file.commits() > commits && log.lines().size() == 2;
+        });
+}
+
+} // namespace
+
+TEST_F(StateFileStorageTest, aFullDiskIsToldOnceAndNothingIsForgotten)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(survivesAFullDisk(path) ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    const StatusMap values = load().values;
+    EXPECT_EQ(values.size(), 52U);
+    EXPECT_EQ(values.at("key49").size(), 10000U);
+}
