@@ -22,7 +22,7 @@ Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, R
     if (options.stateFile.empty())
         return;
     mStateFile.emplace(options.stateFile, options.stateSync, options.stateKeys,
-                       [this] { return mState.everything(); });
+                       [this] { return mState.everything(); }, options.limits);
     mState.restore(mStateFile->load());
 }
 

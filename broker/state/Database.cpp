@@ -1,7 +1,8 @@
 #include "broker/state/Database.h"
 
+#include <algorithm>
+#include <cstring>
 #include <filesystem>
-#include <limits>
 #include <sys/stat.h>
 
 namespace
@@ -9,21 +10,15 @@ namespace
 
 // The file says whose it is and how it is laid out: "stat" and the version of the tables.
 constexpr uint64_t applicationId = 0x73746174;
-constexpr uint64_t layoutVersion = 1;
+constexpr uint64_t layoutVersion = 2;
 
-constexpr uint64_t mostNumber = std::numeric_limits<int64_t>::max(); // SQLite's integers are signed
+// No name and no value that the broker can be told to take is longer. A longer row is none of its own.
+constexpr std::size_t longestName = std::size_t{1024} * 1024;
+constexpr std::size_t longestText = 64 * longestName;
 
-constexpr const char* createTables = R"(
-    BEGIN;
-    CREATE TABLE value (name BLOB PRIMARY KEY, text BLOB NOT NULL) WITHOUT ROWID;
-    CREATE TABLE timer (name BLOB PRIMARY KEY, accumulated INTEGER NOT NULL, span_start INTEGER NOT NULL,
-                        last_started INTEGER NOT NULL) WITHOUT ROWID;
-    CREATE TABLE counter (name BLOB PRIMARY KEY, number INTEGER NOT NULL) WITHOUT ROWID;
-    CREATE TABLE moment (only INTEGER PRIMARY KEY CHECK (only = 1), boot_id BLOB NOT NULL,
-                         microseconds INTEGER NOT NULL);
-    PRAGMA application_id = 0x73746174;
-    PRAGMA user_version = 1;
-    COMMIT;)";
+constexpr const char* lastMoment = "last"; // the name of the only row of its table
+
+constexpr std::string_view logSuffix = "-wal";
 
 const char* synchronous(StateSync sync)
 {
@@ -63,6 +58,53 @@ std::string direct(const std::string& path)
     return ignored ? path : (folder / given.filename()).string();
 }
 
+// Anything else could make the broker wait in open(), or be a device that is not to be written. SQLite opens
+// what lies beside the file, too.
+void refuseUnlessRegular(const std::string& path)
+{
+    for (const char* suffix : {"", "-wal", "-journal", "-shm"})
+    {
+        const std::string name = path + suffix;
+        struct stat status
+        {
+        };
+        if (lstat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+            throw DatabaseError("[" + name + "] is not a regular file", DatabaseError::Kind::Other);
+    }
+}
+
+// SQLite deletes a log that it finds beside an empty file.
+void refuseLostLog(const std::string& path)
+{
+    const auto isEmpty = [](const std::string& name)
+    {
+        struct stat status
+        {
+        };
+        return lstat(name.c_str(), &status) != 0 || status.st_size == 0;
+    };
+    if (isEmpty(path) && !isEmpty(path + std::string(logSuffix)))
+        throw DatabaseError("empty, with a log beside it", DatabaseError::Kind::Unreadable);
+}
+
+// SQLite makes no text, and takes none from the file, that is longer.
+void limitLength(sqlite3* database, std::size_t bytes)
+{
+    sqlite3_limit(database, SQLITE_LIMIT_LENGTH, static_cast<int>(bytes));
+}
+
+// Before anything is read. What the file says is data, whoever wrote it.
+void harden(sqlite3* database, const Limits& limits)
+{
+    constexpr std::size_t others = 65536; // the other columns, and SQLite's own texts
+    sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
+    sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+    sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
+    sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
+    limitLength(database, longestName + std::min(limits.valueBytes, longestText) + others);
+    sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, 0);
+}
+
 sqlite3* openFile(const std::string& name, int flags, const char* fileSystem = nullptr)
 {
     sqlite3* database = nullptr;
@@ -88,33 +130,408 @@ std::string immutable(const std::string& path)
     return uri + "?immutable=1";
 }
 
+sqlite3* openForWriting(const std::string& path)
+{
+    refuseUnlessRegular(path);
+    refuseLostLog(path);
+    return openFile(direct(path), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+}
+
 // Where nothing can be written, nobody else writes either, and no lock can be had.
 sqlite3* openUnwritable(const std::string& path)
 {
     std::error_code ignored;
-    if (std::filesystem::exists(path + "-wal", ignored))
+    if (std::filesystem::exists(path + std::string(logSuffix), ignored))
         return openFile(path, SQLITE_OPEN_READONLY, "unix-none");
     return openFile(immutable(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
 }
 
+std::string_view bytesOf(sqlite3_stmt* row, int column)
+{
+    const void* bytes = sqlite3_column_blob(row, column); // null if empty
+    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(row, column));
+    return bytes == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(bytes), size);
+}
+
+bool isNull(sqlite3_stmt* row, int column)
+{
+    return sqlite3_column_type(row, column) == SQLITE_NULL;
+}
+
+uint64_t numberOf(sqlite3_stmt* row, int column)
+{
+    return static_cast<uint64_t>(sqlite3_column_int64(row, column));
+}
+
+// Whether that is what SQLite says of pages that are not as it wrote them.
+bool isDamage(int code)
+{
+    const int plain = code & 0xFF;
+    return plain == SQLITE_CORRUPT || plain == SQLITE_TOOBIG;
+}
+
+bool isAtMost(sqlite3_stmt* row, int column, std::size_t most)
+{
+    return !isNull(row, column) && numberOf(row, column) <= most;
+}
+
 } // namespace
 
-Database::Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience)
-    : mDatabase(openFile(direct(path), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE))
+// Of what is read of a table: as much as there can be within the limits. It ends also where damaged pages
+// lead round in circles.
+class Database::Budget
+{
+public:
+    Budget(Table table, const Limits& limits) : mLeft(perRow * rowsOf(table, limits))
+    {
+        if (table == Table::Values)
+            mLeft += limits.storedBytes;
+        else
+            mLeft += uint64_t{limits.keyBytes} * rowsOf(table, limits);
+    }
+
+    // Not once more when it did not.
+    bool allows(std::size_t bytes)
+    {
+        const uint64_t cost = bytes + perRow;
+        const bool does = cost <= mLeft;
+        mLeft = does ? mLeft - cost : 0;
+        return does;
+    }
+
+private:
+    static constexpr uint64_t perRow = 128;
+
+    static std::size_t rowsOf(Table table, const Limits& limits)
+    {
+        switch (table)
+        {
+        case Table::Values:
+            return limits.keys;
+        case Table::Timers:
+            return limits.timers;
+        case Table::Counters:
+            return limits.counters;
+        case Table::Moments:
+            break;
+        }
+        return 1;
+    }
+
+    uint64_t mLeft;
+};
+
+// ---------------------------------------------------------------------------------------------------- open
+
+Database::Database(sqlite3* opened, const Limits& limits) : mLimits(limits), mDatabase(opened)
 {
     if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
         fail("open");
-    sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
+    mIsOpenForWriting = sqlite3_db_readonly(mDatabase.get(), "main") == 0;
+    harden(mDatabase.get(), limits);
     foldInOnClose(false); // what cannot be read is left as it is
-    setUp(sync);
-    foldInOnClose(true);
-    mWriteValue = prepare("INSERT OR REPLACE INTO value VALUES (?, ?)");
-    mWriteTimer = prepare("INSERT OR REPLACE INTO timer VALUES (?, ?, ?, ?)");
-    mWriteCounter = prepare("INSERT OR REPLACE INTO counter VALUES (?, ?)");
-    mWriteMoment = prepare("INSERT OR REPLACE INTO moment VALUES (1, ?, ?)");
+    execute("PRAGMA mmap_size = 0; PRAGMA cell_size_check = ON", "open");
+}
+
+Database::Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
+                   const Limits& limits)
+    : Database(openForWriting(path), limits)
+{
+    sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
+    // Exclusive: nobody else can hold a lock that the broker would have to wait for.
+    execute("PRAGMA locking_mode = EXCLUSIVE", "open");
+    execute(synchronous(sync), "open");
+    const PrivateFiles restricted; // what follows makes the file
+    if (isNew(path))
+        create();
+    checkTables();
 }
 
 Database::~Database() = default;
+
+// False if it is a state file. Looks at the log, too, which nobody writes any more now.
+bool Database::isNew(const std::string& path)
+{
+    const uint64_t id = numberOf("PRAGMA application_id");
+    const uint64_t version = numberOf("PRAGMA user_version");
+    mLog = checkLog(path + std::string(logSuffix));
+    const bool hasTrace = id != 0 || version != 0 || !mLog.damage.empty();
+    if (!hasTrace && numberOf("SELECT count(*) FROM sqlite_master") == 0)
+        return true;
+    if (id != applicationId)
+        throw DatabaseError(mLog.damage.empty() ? "not a state file of this program"
+                                                : mLog.damage + " is damaged",
+                            DatabaseError::Kind::Unreadable);
+    if (version != layoutVersion)
+        throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
+    return false;
+}
+
+void Database::create()
+{
+    execute("PRAGMA journal_mode = WAL");
+    std::string statements = "BEGIN;";
+    for (const Table table : allTables)
+        statements += Layout::of(table).createStatement() + ";";
+    execute(statements + "PRAGMA application_id = " + std::to_string(applicationId) +
+            ";PRAGMA user_version = " + std::to_string(layoutVersion) + ";COMMIT");
+}
+
+void Database::checkTables()
+{
+    if (!hasTables())
+        throw DatabaseError("tables are missing, or are others", DatabaseError::Kind::Unreadable);
+}
+
+// Whether the tables are there as create() makes them, and nothing else is.
+bool Database::hasTables()
+{
+    std::size_t found = 0;
+    const Statement schema = prepare("SELECT sql FROM sqlite_master");
+    int result = sqlite3_step(schema.get());
+    for (; result == SQLITE_ROW; result = sqlite3_step(schema.get()))
+    {
+        const bool isOurs = std::any_of(
+            allTables.begin(), allTables.end(),
+            [&](Table table) { return bytesOf(schema.get(), 0) == Layout::of(table).createStatement(); });
+        if (!isOurs)
+            return false;
+        ++found;
+    }
+    if (result != SQLITE_DONE)
+        fail("read");
+    return found == allTables.size();
+}
+
+// ---------------------------------------------------------------------------------------------------- read
+
+Database::Contents Database::read(const std::string& bootId)
+{
+    Contents contents = readAll(bootId);
+    if (contents.damage.empty())
+        getReadyToWrite();
+    return contents;
+}
+
+Database::Contents Database::readOnly(const std::string& path, const std::string& bootId,
+                                      const Limits& limits)
+{
+    const std::string name = direct(path);
+    refuseUnlessRegular(name);
+    try
+    {
+        return Database(openFile(name, SQLITE_OPEN_READONLY), limits).readUnwritable(name, bootId);
+    }
+    catch (const DatabaseError& error)
+    {
+        if (error.isUnreadable() || error.isLocked())
+            throw;
+    }
+    Database database(openUnwritable(name), limits);
+    database.execute("PRAGMA locking_mode = EXCLUSIVE", "open"); // needs no file of shared memory
+    return database.readUnwritable(name, bootId);
+}
+
+Database::Contents Database::readUnwritable(const std::string& path, const std::string& bootId)
+{
+    if (isNew(path))
+        return {};
+    checkTables();
+    return readAll(bootId);
+}
+
+Database::Contents Database::readAll(const std::string& bootId)
+{
+    Contents contents;
+    contents.damage = findDamage();
+    for (const Table table : allTables)
+        readTable(table, contents);
+    if (contents.damage.empty() && mLog.hasBadEnd && !bootId.empty() && contents.bootId == bootId)
+        contents.damage = "the last changes in its log";
+    contents.mayLackRows = !contents.damage.empty();
+    if (contents.damage.empty() && contents.lostRows != 0)
+        contents.damage = "checksums of rows";
+    return contents;
+}
+
+// In what holds the rows.
+std::string Database::findDamage()
+{
+    if (!mLog.damage.empty())
+        return mLog.damage;
+    // The header may say that only a later SQLite may write the file. None has ever written that.
+    if (mIsOpenForWriting && sqlite3_db_readonly(mDatabase.get(), "main") == 1)
+        return "the header";
+    const Statement check = prepare("PRAGMA quick_check(1)");
+    const int code = sqlite3_step(check.get());
+    if (isDamage(code))
+        return sqlite3_errmsg(mDatabase.get());
+    if (code != SQLITE_ROW)
+        fail("check");
+    const std::string result(bytesOf(check.get(), 0));
+    return result == "ok" ? "" : result;
+}
+
+// From both ends, if something in between cannot be read.
+void Database::readTable(Table table, Contents& contents)
+{
+    Budget budget(table, mLimits);
+    if (readRows(table, false, budget, contents))
+        return;
+    readRows(table, true, budget, contents);
+}
+
+// False if a row cannot be reached.
+bool Database::readRows(Table table, bool backwards, Budget& budget, Contents& contents)
+{
+    const Statement rows = prepare(Layout::of(table).readStatement(backwards));
+    sqlite3_bind_int64(rows.get(), 1, static_cast<sqlite3_int64>(std::min(mLimits.keyBytes, longestName)));
+    sqlite3_bind_int64(rows.get(), 2, static_cast<sqlite3_int64>(std::min(mLimits.valueBytes, longestText)));
+    int result = sqlite3_step(rows.get());
+    for (; result == SQLITE_ROW; result = sqlite3_step(rows.get()))
+    {
+        const std::size_t bytes =
+            bytesOf(rows.get(), Layout::Name).size() + bytesOf(rows.get(), Layout::Text).size();
+        if (!budget.allows(bytes))
+        {
+            ++contents.excessRows;
+            return true;
+        }
+        take(table, rows.get(), contents);
+    }
+    if (result == SQLITE_DONE)
+        return true;
+    if (!isDamage(result))
+        fail("read");
+    if (contents.damage.empty())
+        contents.damage = sqlite3_errmsg(mDatabase.get());
+    return false;
+}
+
+void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
+{
+    const Layout& layout = Layout::of(table);
+    if (isNull(row, Layout::Checksum)) // which all columns are then
+    {
+        const bool isLong = !isAtMost(row, Layout::NameLength, mLimits.keyBytes) ||
+                            !isAtMost(row, Layout::TextLength, mLimits.valueBytes);
+        const bool mayBeOurs =
+            isAtMost(row, Layout::NameLength, longestName) && isAtMost(row, Layout::TextLength, longestText);
+        ++(isLong && mayBeOurs ? contents.excessRows : contents.lostRows);
+        return;
+    }
+    Row found{bytesOf(row, Layout::Name), bytesOf(row, Layout::Text), {}};
+    for (std::size_t number = 0; number < layout.numbers(); ++number)
+        found.numbers[number] = ::numberOf(row, Layout::FirstNumber + static_cast<int>(number));
+    const bool isGood = ::numberOf(row, Layout::Checksum) == layout.checksum(found);
+    if (!isGood || !layout.mayHold(found.numbers) || !add(table, found, contents))
+        ++contents.lostRows;
+}
+
+// False if there is no such row.
+bool Database::add(Table table, const Row& row, Contents& contents)
+{
+    const std::string name(row.name);
+    switch (table)
+    {
+    case Table::Values:
+        contents.state.values[name] = row.text;
+        return true;
+    case Table::Timers:
+        contents.state.timers[name] = {row.numbers[0], row.numbers[1], row.numbers[2]};
+        return true;
+    case Table::Counters:
+        contents.state.counters[name] = static_cast<uint32_t>(row.numbers[0]);
+        return true;
+    case Table::Moments:
+        break;
+    }
+    if (name != lastMoment)
+        return false;
+    contents.bootId = row.text;
+    contents.microseconds = row.numbers[0];
+    return true;
+}
+
+// --------------------------------------------------------------------------------------------------- write
+
+void Database::getReadyToWrite()
+{
+    limitLength(mDatabase.get(), 2 * longestText); // the limits may be raised while it is open
+    execute("PRAGMA journal_mode = WAL");          // somebody may have changed it
+    foldInOnClose(true);
+    for (const Table table : allTables)
+        mWrite[static_cast<std::size_t>(table)] = prepare(Layout::of(table).writeStatement());
+    mHasRemains = mLog.isBlank;
+    foldIn();
+}
+
+void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
+{
+    execute("BEGIN IMMEDIATE");
+    try
+    {
+        writeAll(changes, bootId, microseconds);
+        execute("COMMIT");
+    }
+    catch (const DatabaseError&)
+    {
+        // Some errors have rolled back already; then this one fails, which does not matter.
+        sqlite3_exec(mDatabase.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+        mHasRemains = true;
+        throw;
+    }
+    foldIn();
+}
+
+void Database::writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
+{
+    for (const auto& [name, text] : changes.values)
+        writeRow(Table::Values, {name, text, {}});
+    for (const auto& [name, timer] : changes.timers)
+        writeRow(Table::Timers, {name, {}, {timer.accumulated, timer.spanStart, timer.lastStarted}});
+    for (const auto& [name, number] : changes.counters)
+        writeRow(Table::Counters, {name, {}, {number}});
+    writeRow(Table::Moments, {lastMoment, bootId, {microseconds}});
+}
+
+void Database::writeRow(Table table, Row row)
+{
+    const Layout& layout = Layout::of(table);
+    row.numbers = layout.clamped(row.numbers);
+    sqlite3_stmt* statement = mWrite[static_cast<std::size_t>(table)].get();
+    int index = 0;
+    int failures = 0;
+    const auto bindBytes = [&](std::string_view bytes) // which live until the statement has run
+    {
+        // Not null, which the data of an empty one may be.
+        const char* data = bytes.empty() ? "" : bytes.data();
+        failures |= sqlite3_bind_blob64(statement, ++index, data, bytes.size(), SQLITE_STATIC);
+    };
+    const auto bindNumber = [&](uint64_t number)
+    { failures |= sqlite3_bind_int64(statement, ++index, static_cast<sqlite3_int64>(number)); };
+    bindBytes(row.name);
+    if (layout.hasText())
+        bindBytes(row.text);
+    for (std::size_t number = 0; number < layout.numbers(); ++number)
+        bindNumber(row.numbers[number]);
+    bindNumber(layout.checksum(row));
+    const int result = failures == 0 ? sqlite3_step(statement) : SQLITE_ERROR;
+    sqlite3_reset(statement);
+    sqlite3_clear_bindings(statement);
+    if (result != SQLITE_DONE)
+        fail("write");
+}
+
+// Takes what a failed transaction has left in the log out of it: it would look like damage. If that does not
+// work, it is done after the next commit.
+void Database::foldIn()
+{
+    if (!mHasRemains)
+        return;
+    mHasRemains = sqlite3_wal_checkpoint_v2(mDatabase.get(), nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr,
+                                            nullptr) != SQLITE_OK;
+}
 
 // Whether closing writes what is in the log beside the file into the file, and deletes the log.
 void Database::foldInOnClose(bool does)
@@ -122,236 +539,28 @@ void Database::foldInOnClose(bool does)
     sqlite3_db_config(mDatabase.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, does ? 0 : 1, nullptr);
 }
 
-void Database::setUp(StateSync sync)
-{
-    // Exclusive: nobody else can hold a lock that the broker would have to wait for.
-    execute("PRAGMA locking_mode = EXCLUSIVE");
-    execute(synchronous(sync));
-    const PrivateFiles restricted; // this makes the file
-    const bool isEmpty = isNew();
-    execute("PRAGMA journal_mode = WAL");
-    if (isEmpty)
-        execute(createTables);
-    checkTables();
-    checkIntegrity();
-}
+// ------------------------------------------------------------------------------------------------ statements
 
-// False if it is a state file.
-bool Database::isNew()
-{
-    const uint64_t tables = numberOf("SELECT count(*) FROM sqlite_master");
-    const uint64_t id = numberOf("PRAGMA application_id");
-    const uint64_t version = numberOf("PRAGMA user_version");
-    if (tables == 0 && id == 0 && version == 0)
-        return true;
-    if (id != applicationId)
-        throw DatabaseError("not a state file of this program", DatabaseError::Kind::Unreadable);
-    if (version != layoutVersion)
-        throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
-    return false;
-}
-
-void Database::checkTables()
-{
-    constexpr uint64_t tablesWithKey = 4;
-    if (numberOf("SELECT count(*) FROM pragma_table_list AS t WHERE schema = 'main' AND type = 'table' AND"
-                 " name IN ('value', 'timer', 'counter', 'moment') AND"
-                 " (SELECT count(*) FROM pragma_table_info(t.name) WHERE pk > 0) = 1") != tablesWithKey)
-        throw DatabaseError("tables are missing, or are others", DatabaseError::Kind::Unreadable);
-}
-
-void Database::checkIntegrity()
-{
-    const Statement check = prepare("PRAGMA quick_check(1)");
-    if (sqlite3_step(check.get()) != SQLITE_ROW)
-        fail("check");
-    const std::string result = bytesOf(check.get(), 0);
-    if (result != "ok")
-        throw DatabaseError(result, DatabaseError::Kind::Unreadable);
-}
-
-// ---------------------------------------------------------------------------------------------------- read
-
-Database::Contents Database::read()
-{
-    foldInOnClose(false);
-    Contents contents = readRows();
-    foldInOnClose(true);
-    return contents;
-}
-
-Database::Contents Database::readOnly(const std::string& path)
-{
-    const std::string name = direct(path);
-    try
-    {
-        return Database(openFile(name, SQLITE_OPEN_READONLY)).readUnwritable();
-    }
-    catch (const DatabaseError& error)
-    {
-        if (error.isUnreadable() || error.isLocked())
-            throw;
-    }
-    Database database(openUnwritable(name));
-    database.execute("PRAGMA locking_mode = EXCLUSIVE"); // needs no file of shared memory
-    return database.readUnwritable();
-}
-
-Database::Contents Database::readUnwritable()
-{
-    if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
-        fail("open");
-    foldInOnClose(false);
-    if (isNew())
-        return {};
-    checkTables();
-    checkIntegrity();
-    return readRows();
-}
-
-Database::Contents Database::readRows()
-{
-    Contents contents;
-    const auto forEachRow = [this](const char* sql, auto take)
-    {
-        const Statement rows = prepare(sql);
-        int result = sqlite3_step(rows.get());
-        for (; result == SQLITE_ROW; result = sqlite3_step(rows.get()))
-            take(rows.get());
-        if (result != SQLITE_DONE)
-            fail("read");
-    };
-    forEachRow("SELECT name, text FROM value ORDER BY name",
-               [&](sqlite3_stmt* row) { contents.state.values[bytesOf(row, 0)] = bytesOf(row, 1); });
-    forEachRow("SELECT name, accumulated, span_start, last_started FROM timer",
-               [&](sqlite3_stmt* row)
-               {
-                   contents.state.timers[bytesOf(row, 0)] = {numberOf(row, 1, mostNumber),
-                                                             numberOf(row, 2, mostNumber),
-                                                             numberOf(row, 3, mostNumber)};
-               });
-    forEachRow("SELECT name, number FROM counter",
-               [&](sqlite3_stmt* row)
-               {
-                   constexpr uint64_t most = std::numeric_limits<uint32_t>::max();
-                   contents.state.counters[bytesOf(row, 0)] = static_cast<uint32_t>(numberOf(row, 1, most));
-               });
-    forEachRow("SELECT boot_id, microseconds FROM moment",
-               [&](sqlite3_stmt* row)
-               {
-                   contents.bootId = bytesOf(row, 0);
-                   contents.microseconds = numberOf(row, 1, mostNumber);
-               });
-    return contents;
-}
-
-std::string Database::bytesOf(sqlite3_stmt* statement, int column) const
-{
-    const int type = sqlite3_column_type(statement, column);
-    if (type != SQLITE_BLOB && type != SQLITE_TEXT)
-        throw DatabaseError("a row holds no text", DatabaseError::Kind::Unreadable);
-    const void* bytes = sqlite3_column_blob(statement, column); // null if empty
-    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-    return bytes == nullptr ? std::string() : std::string(static_cast<const char*>(bytes), size);
-}
-
-uint64_t Database::numberOf(sqlite3_stmt* statement, int column, uint64_t most) const
-{
-    const sqlite3_int64 number = sqlite3_column_int64(statement, column);
-    if (sqlite3_column_type(statement, column) != SQLITE_INTEGER || number < 0 ||
-        static_cast<uint64_t>(number) > most)
-        throw DatabaseError("a row holds no sensible number", DatabaseError::Kind::Unreadable);
-    return static_cast<uint64_t>(number);
-}
-
-uint64_t Database::numberOf(const char* pragma)
-{
-    const Statement statement = prepare(pragma);
-    if (sqlite3_step(statement.get()) != SQLITE_ROW)
-        fail("read");
-    return static_cast<uint64_t>(sqlite3_column_int64(statement.get(), 0));
-}
-
-// --------------------------------------------------------------------------------------------------- write
-
-void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
-{
-    execute("BEGIN IMMEDIATE");
-    try
-    {
-        writeRows(changes, bootId, microseconds);
-        execute("COMMIT");
-    }
-    catch (const DatabaseError&)
-    {
-        // Some errors have rolled back already; then this one fails, which does not matter.
-        sqlite3_exec(mDatabase.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-        throw;
-    }
-}
-
-void Database::writeRows(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
-{
-    for (const auto& [key, text] : changes.values)
-    {
-        bind(mWriteValue.get(), 1, key);
-        bind(mWriteValue.get(), 2, text);
-        run(mWriteValue.get());
-    }
-    for (const auto& [name, timer] : changes.timers)
-    {
-        bind(mWriteTimer.get(), 1, name);
-        bind(mWriteTimer.get(), 2, timer.accumulated);
-        bind(mWriteTimer.get(), 3, timer.spanStart);
-        bind(mWriteTimer.get(), 4, timer.lastStarted);
-        run(mWriteTimer.get());
-    }
-    for (const auto& [name, number] : changes.counters)
-    {
-        bind(mWriteCounter.get(), 1, name);
-        bind(mWriteCounter.get(), 2, number);
-        run(mWriteCounter.get());
-    }
-    bind(mWriteMoment.get(), 1, bootId);
-    bind(mWriteMoment.get(), 2, microseconds);
-    run(mWriteMoment.get());
-}
-
-Database::Statement Database::prepare(const char* sql)
+Database::Statement Database::prepare(const std::string& sql)
 {
     sqlite3_stmt* statement = nullptr;
-    if (sqlite3_prepare_v2(mDatabase.get(), sql, -1, &statement, nullptr) != SQLITE_OK)
+    if (sqlite3_prepare_v2(mDatabase.get(), sql.c_str(), -1, &statement, nullptr) != SQLITE_OK)
         fail("read");
     return Statement(statement);
 }
 
-// The bytes must live until the statement has run.
-void Database::bind(sqlite3_stmt* statement, int index, const std::string& bytes)
+uint64_t Database::numberOf(const char* sql)
 {
-    if (sqlite3_bind_blob64(statement, index, bytes.data(), bytes.size(), SQLITE_STATIC) != SQLITE_OK)
-        fail("write");
+    const Statement statement = prepare(sql);
+    if (sqlite3_step(statement.get()) != SQLITE_ROW)
+        fail("read");
+    return ::numberOf(statement.get(), 0);
 }
 
-void Database::bind(sqlite3_stmt* statement, int index, uint64_t number)
+void Database::execute(const std::string& sql, const char* doing)
 {
-    if (sqlite3_bind_int64(statement, index, static_cast<sqlite3_int64>(std::min(number, mostNumber))) !=
-        SQLITE_OK)
-        fail("write");
-}
-
-void Database::run(sqlite3_stmt* statement)
-{
-    const int result = sqlite3_step(statement);
-    sqlite3_reset(statement);
-    sqlite3_clear_bindings(statement);
-    if (result != SQLITE_DONE)
-        fail("write");
-}
-
-void Database::execute(const char* sql)
-{
-    if (sqlite3_exec(mDatabase.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK)
-        fail("write");
+    if (sqlite3_exec(mDatabase.get(), sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
+        fail(doing);
 }
 
 void Database::fail(const std::string& doing) const

@@ -1,6 +1,7 @@
 #ifndef BROKER_STATE_DATABASE_H
 #define BROKER_STATE_DATABASE_H
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -8,6 +9,9 @@
 #include <stdexcept>
 #include <string>
 
+#include "broker/base/Limits.h"
+#include "broker/state/LogCheck.h"
+#include "broker/state/Rows.h"
 #include "broker/state/SavedState.h"
 #include "broker/state/StateSync.h"
 
@@ -31,13 +35,20 @@ private:
     Kind mKind;
 };
 
-/// The tables of the state file. Every operation throws DatabaseError.
+/// The state file as an SQLite database. Every operation throws DatabaseError.
+///
+/// Nothing in the file is trusted. It is read if it has exactly the tables that are made here and nothing
+/// else, so no foreign trigger or view ever runs. A row counts if its checksum fits. Nothing long is read
+/// into memory.
 class Database
 {
 public:
-    /// Opens the file, or makes it.
+    /// Opens the file, or makes it. What is not a regular file is never opened: it could make the broker
+    /// wait.
     /// @param patience how long it is waited for somebody else who has locked it
-    Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience);
+    /// @param limits of what is read; they must outlive it
+    Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
+             const Limits& limits);
     ~Database();
 
     Database(const Database&) = delete;
@@ -48,12 +59,19 @@ public:
         SavedState state;
         std::string bootId;        ///< in which it was written last; empty: never
         uint64_t microseconds = 0; ///< of that boot
+
+        std::string damage;         ///< what is not as it was written; empty: nothing
+        std::size_t lostRows = 0;   ///< that are not as they were written
+        bool mayLackRows = false;   ///< whether there may be rows that are not found
+        std::size_t excessRows = 0; ///< beyond the limits, the last one perhaps not the only one
     };
 
-    Contents read();
+    /// What is good in it. If some of it is damaged, the file is left as it is: write() must not follow.
+    /// @param bootId of this boot; empty if it is not known
+    Contents read(const std::string& bootId);
 
     /// What a file holds that cannot be had for writing: others read it, or the storage can only be read.
-    static Contents readOnly(const std::string& path);
+    static Contents readOnly(const std::string& path, const std::string& bootId, const Limits& limits);
 
     /// Writes all or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
@@ -72,30 +90,39 @@ private:
     };
     using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
-    explicit Database(sqlite3* opened) : mDatabase(opened) {}
-    Contents readUnwritable();
-    Contents readRows();
-    [[noreturn]] void fail(const std::string& doing) const;
-    void execute(const char* sql);
-    Statement prepare(const char* sql);
-    void bind(sqlite3_stmt* statement, int index, const std::string& bytes);
-    void bind(sqlite3_stmt* statement, int index, uint64_t number);
-    void run(sqlite3_stmt* statement);
-    uint64_t numberOf(const char* pragma);
-    void foldInOnClose(bool does);
-    void setUp(StateSync sync);
-    bool isNew();
-    void checkTables();
-    void checkIntegrity();
-    void writeRows(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
-    std::string bytesOf(sqlite3_stmt* statement, int column) const;
-    uint64_t numberOf(sqlite3_stmt* statement, int column, uint64_t most) const;
+    class Budget;
 
+    Database(sqlite3* opened, const Limits& limits);
+    bool isNew(const std::string& path);
+    void create();
+    void checkTables();
+    bool hasTables();
+
+    Contents readUnwritable(const std::string& path, const std::string& bootId);
+    Contents readAll(const std::string& bootId);
+    std::string findDamage();
+    void readTable(Table table, Contents& contents);
+    bool readRows(Table table, bool backwards, Budget& budget, Contents& contents);
+    void take(Table table, sqlite3_stmt* row, Contents& contents) const;
+    static bool add(Table table, const Row& row, Contents& contents);
+
+    void getReadyToWrite();
+    void writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
+    void writeRow(Table table, Row row);
+    void foldIn();
+    void foldInOnClose(bool does);
+
+    [[noreturn]] void fail(const std::string& doing) const;
+    void execute(const std::string& sql, const char* doing = "write");
+    Statement prepare(const std::string& sql);
+    uint64_t numberOf(const char* sql);
+
+    const Limits& mLimits;
     std::unique_ptr<sqlite3, Closer> mDatabase;
-    Statement mWriteValue;
-    Statement mWriteTimer;
-    Statement mWriteCounter;
-    Statement mWriteMoment;
+    bool mIsOpenForWriting = false;
+    LogCheck mLog; // as it was found
+    std::array<Statement, allTables.size()> mWrite;
+    bool mHasRemains = false; // of a transaction that failed, in the log
 };
 
 #endif

@@ -63,9 +63,20 @@ bool isTaken(const std::string& name)
 std::string freeName(const std::string& path)
 {
     std::string name = path + ".bad";
-    for (int number = 1; isTaken(name) || isTaken(name + "-wal"); ++number)
+    for (int number = 1; isTaken(name) || isTaken(name + "-wal") || isTaken(name + "-journal"); ++number)
         name = path + ".bad." + std::to_string(number);
     return name;
+}
+
+// What becomes of the rows of a damaged file.
+std::string outcomeOf(const Database::Contents& contents)
+{
+    const std::size_t kept =
+        contents.state.values.size() + contents.state.timers.size() + contents.state.counters.size();
+    std::string lost = std::to_string(contents.lostRows);
+    if (contents.mayLackRows)
+        lost = contents.lostRows == 0 ? "an unknown number" : lost + " or more";
+    return "; " + std::to_string(kept) + " rows kept, " + lost + " lost";
 }
 
 // New files are for their owner only. Others may have been copied here, or their mode changed.
@@ -102,8 +113,9 @@ BootMoment BootMoment::now()
 }
 
 StateFile::StateFile(std::string path, StateSync sync, std::vector<std::string> keys,
-                     std::function<SavedState()> everything)
-    : mPath(std::move(path)), mSync(sync), mKeys(std::move(keys)), mEverything(std::move(everything))
+                     std::function<SavedState()> everything, const Limits& limits)
+    : mPath(std::move(path)), mSync(sync), mKeys(std::move(keys)), mEverything(std::move(everything)),
+      mLimits(limits)
 {
 }
 
@@ -118,25 +130,42 @@ bool StateFile::isKept(const std::string& name) const
 
 SavedState StateFile::load(const BootMoment& now)
 {
-    Found found = open(startPatience);
+    if (now.bootId.empty())
+        OV_LOG(2,
+               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
+    Found found = open(startPatience, now);
     if (!found.contents)
-        found.contents = readOnly();
+        found.contents = readOnly(now);
     if (found.database)
         opened(std::move(found.database));
     else if (!found.contents)
         missed();
     Database::Contents contents = std::move(found.contents).value_or(Database::Contents());
-    if (now.bootId.empty())
-        OV_LOG(2,
-               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
+    if (contents.excessRows != 0)
+        OV_LOG(2, "State file [%s]: rows beyond the limits are not loaded, %zu or more", mPath.c_str(),
+               contents.excessRows);
     mIsOfThisBoot = !now.bootId.empty() && contents.bootId == now.bootId;
-    SavedState state = std::move(contents.state);
-    for (auto& [name, timer] : state.timers)
+    stopTimers(contents, now);
+    if (found.isSaved && !contents.state.empty())
+    {
+        save(contents.state);
+        write(now);
+    }
+    return kept(std::move(contents.state));
+}
+
+void StateFile::stopTimers(Database::Contents& contents, const BootMoment& now)
+{
+    for (auto& [name, timer] : contents.state.timers)
     {
         // Kept with the next moment: beside that one it would look like one that runs in this boot.
         if (bringInto(now, contents, timer))
             mPending.timers[name] = timer;
     }
+}
+
+SavedState StateFile::kept(SavedState state) const
+{
     const auto keeps = [this](const std::string& name) { return isKept(name); };
     keepOnly(state.values, keeps);
     keepOnly(state.timers, keeps);
@@ -153,7 +182,7 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
     if (isReported() && Clock::now() < mNextAttempt)
         return;
     if (!mDatabase)
-        reopen();
+        reopen(now);
     write(now);
 }
 
@@ -163,6 +192,14 @@ void StateFile::remember(const SavedState& changes)
     merge(changes.values, mPending.values, keeps);
     merge(changes.timers, mPending.timers, keeps);
     merge(changes.counters, mPending.counters, keeps);
+}
+
+// What has been saved from a damaged file is written to the new one, unless it has changed since.
+void StateFile::save(SavedState state)
+{
+    mPending.values.merge(state.values);
+    mPending.timers.merge(state.timers);
+    mPending.counters.merge(state.counters);
 }
 
 void StateFile::write(const BootMoment& now)
@@ -182,7 +219,7 @@ void StateFile::write(const BootMoment& now)
             const bool replaceable = error.isUnreadable() && Clock::now() >= mNextReplacement;
             if (!replaceable)
                 return failed(error.what());
-            replace(error.what());
+            replace(error.what(), now);
         }
     }
 }
@@ -228,39 +265,72 @@ void StateFile::dropped()
 
 // ------------------------------------------------------------------------------------------------ the file
 
-// Moves aside what cannot be read, and begins a new file then.
-StateFile::Found StateFile::open(std::chrono::milliseconds patience)
+// Moves aside what cannot be read, or is damaged, and begins a new file then.
+StateFile::Found StateFile::open(std::chrono::milliseconds patience, const BootMoment& now)
 {
-    constexpr int attempts = 2; // the second one after the unreadable file has been moved aside
-    for (int attempt = 1; attempt <= attempts; ++attempt)
+    Found found;
+    std::string outcome;
+    std::string problem;
+    try
     {
-        try
-        {
-            Found found;
-            found.database = std::make_unique<Database>(mPath, mSync, patience);
-            found.contents = found.database->read();
-            closeToOthers(mPath);
-            closeToOthers(mPath + "-wal");
+        found = openFile(patience, now);
+        if (found.contents->damage.empty())
             return found;
-        }
-        catch (const DatabaseError& error)
-        {
-            if (!error.isUnreadable() || attempt == attempts)
-                failed(error.what());
-            else if (moveAside(error.what()))
-                continue;
-            break;
-        }
+        problem = "is damaged (" + found.contents->damage + ')';
+        outcome = outcomeOf(*found.contents);
     }
-    return {};
+    catch (const DatabaseError& error)
+    {
+        problem = error.what();
+        if (!error.isUnreadable())
+            return failed(problem), Found();
+        problem = "cannot be read (" + problem + ')';
+    }
+    found.database.reset();
+    if (moveAside(problem, outcome))
+        beginAnew(found, patience, now);
+    return found;
 }
 
-// Nothing if that cannot be had either.
-std::optional<Database::Contents> StateFile::readOnly() const
+StateFile::Found StateFile::openFile(std::chrono::milliseconds patience, const BootMoment& now)
+{
+    Found found;
+    found.database = std::make_unique<Database>(mPath, mSync, patience, mLimits);
+    found.contents = found.database->read(now.bootId);
+    closeToOthers(mPath);
+    closeToOthers(mPath + "-wal");
+    return found;
+}
+
+// Where a file was that has been moved aside.
+void StateFile::beginAnew(Found& found, std::chrono::milliseconds patience, const BootMoment& now)
 {
     try
     {
-        return Database::readOnly(mPath);
+        Found another = openFile(patience, now);
+        if (!another.contents->damage.empty())
+            return failed("is damaged (" + another.contents->damage + ')');
+        found.database = std::move(another.database);
+        found.isSaved = found.contents.has_value();
+        if (!found.contents)
+            found.contents = std::move(another.contents);
+    }
+    catch (const DatabaseError& error)
+    {
+        failed(error.what());
+    }
+}
+
+// Nothing if that cannot be had either.
+std::optional<Database::Contents> StateFile::readOnly(const BootMoment& now) const
+{
+    try
+    {
+        Database::Contents contents = Database::readOnly(mPath, now.bootId, mLimits);
+        if (!contents.damage.empty())
+            OV_LOG(0, "State file [%s] is damaged (%s)%s", mPath.c_str(), contents.damage.c_str(),
+                   outcomeOf(contents).c_str());
+        return contents;
     }
     catch (const DatabaseError&)
     {
@@ -270,24 +340,27 @@ std::optional<Database::Contents> StateFile::readOnly() const
 
 // Tries again. If the file could not be read when it was to be loaded, what it holds is not mixed with what
 // has been begun without it.
-void StateFile::reopen()
+void StateFile::reopen(const BootMoment& now)
 {
     constexpr std::chrono::milliseconds none{0}; // the broker is serving
-    Found found = open(none);
-    if (found.database && mStage == Stage::Missed && !found.contents->state.empty())
+    Found found = open(none, now);
+    const bool isMissed = mStage == Stage::Missed;
+    if (isMissed && found.database && !found.isSaved && !found.contents->state.empty())
     {
         found = Found();
-        if (moveAside("not in time: the broker has begun without it"))
-            found = open(none);
+        if (moveAside("cannot be read (not in time: the broker has begun without it)"))
+            found = open(none, now);
     }
     if (!found.database)
         return;
     opened(std::move(found.database));
+    if (found.isSaved && !isMissed)
+        save(std::move(found.contents->state));
     remember(mEverything()); // it may be a new one, or have been written by others meanwhile
 }
 
 // The file that is open has turned out to be unreadable.
-void StateFile::replace(const std::string& reason)
+void StateFile::replace(const std::string& reason, const BootMoment& now)
 {
     // A storage that damages all that is written to it is not filled with what is moved aside.
     constexpr std::chrono::hours pause{1};
@@ -295,29 +368,25 @@ void StateFile::replace(const std::string& reason)
     ++mErrors;
     mDatabase->leaveAsItIs();
     dropped();
-    if (moveAside(reason))
-        reopen();
+    if (moveAside("cannot be read (" + reason + ')'))
+        reopen(now);
 }
 
 // False if that cannot be done.
-bool StateFile::moveAside(const std::string& reason)
+bool StateFile::moveAside(const std::string& problem, const std::string& outcome)
 {
     const std::string aside = freeName(mPath);
     // What was written last is in the log beside it. It goes first: a new file would take the place of a log
     // that was left behind.
-    if (rename((mPath + "-wal").c_str(), (aside + "-wal").c_str()) != 0 && errno != ENOENT)
+    for (const char* suffix : {"-wal", "-journal", ""})
     {
-        const std::string why = strerror(errno);
-        failed(reason + ", and cannot move its log aside: " + why);
-        return false;
+        if (rename((mPath + suffix).c_str(), (aside + suffix).c_str()) != 0 && errno != ENOENT)
+        {
+            failed(problem + ", and cannot move [" + mPath + suffix + "] aside: " + strerror(errno));
+            return false;
+        }
     }
-    if (rename(mPath.c_str(), aside.c_str()) != 0)
-    {
-        const std::string why = strerror(errno);
-        failed(reason + ", and cannot move it aside: " + why);
-        return false;
-    }
-    OV_LOG(0, "State file [%s] cannot be read (%s), moved to [%s]", mPath.c_str(), reason.c_str(),
-           aside.c_str());
+    OV_LOG(0, "State file [%s] %s, moved to [%s]%s", mPath.c_str(), problem.c_str(), aside.c_str(),
+           outcome.c_str());
     return true;
 }

@@ -27,10 +27,10 @@ struct BootMoment
 /// Keeps the state in an SQLite database, so that a broker that is started again goes on where the last one
 /// was ended or killed.
 ///
-/// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read is moved
-/// aside and never overwritten, also when that shows only later; then everything is written to a new one.
-/// Where nothing can be written, that is logged, tried again, and logged when it works again; what has not
-/// been written is remembered until then.
+/// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read, or that is
+/// damaged, is moved aside and never overwritten, also when that shows only later; then what is good, or all
+/// that the broker holds by then, is written to a new one. Where nothing can be written, that is logged,
+/// tried again, and logged when it works again; what has not been written is remembered until then.
 class StateFile
 {
 public:
@@ -38,19 +38,21 @@ public:
     /// @param keys globs (fnmatch) of the names of values, timers and counters that are kept; none: all
     /// @param everything tells all there is to keep, for a file that takes the place of the one that was
     /// loaded
+    /// @param limits of what is loaded, so that no file can use up the memory
     StateFile(
         std::string path, StateSync sync, std::vector<std::string> keys,
-        std::function<SavedState()> everything = [] { return SavedState(); });
+        std::function<SavedState()> everything = [] { return SavedState(); },
+        const Limits& limits = Limits());
     ~StateFile();
 
     StateFile(const StateFile&) = delete;
     StateFile& operator=(const StateFile&) = delete;
 
     /// Opens or makes the file, and waits for a moment while somebody else has locked it. What was kept, of
-    /// the names that are kept now; nothing if there was none, or if it could not be read. What can be read
-    /// and not written is loaded, too, and written when it can be. To be called once, before the first
-    /// commit. Timers that ran in another boot, or would start in the future of this one, are stopped at what
-    /// they had.
+    /// the names that are kept now; nothing if there was none, or if it could not be read. Of a damaged file
+    /// every row whose checksum fits; they are in a new file when this returns. What can be read and not
+    /// written is loaded, too, and written when it can be. To be called once, before the first commit. Timers
+    /// that ran in another boot, or would start in the future of this one, are stopped at what they had.
     SavedState load(const BootMoment& now = BootMoment::now());
 
     /// Keeps what has changed, and that time has gone on to now. When it returns, and writing works, a broker
@@ -88,6 +90,8 @@ private:
     {
         std::unique_ptr<Database> database; ///< open for writing
         std::optional<Database::Contents> contents;
+        bool isSaved =
+            false; ///< whether the contents were in a damaged file, and are not in the database yet
     };
 
     bool isReported() const { return mStage != Stage::Closed && mStage != Stage::Serving; }
@@ -100,11 +104,16 @@ private:
     void dropped();
 
     bool isKept(const std::string& name) const;
-    Found open(std::chrono::milliseconds patience);
-    std::optional<Database::Contents> readOnly() const;
-    void reopen();
-    void replace(const std::string& reason);
-    bool moveAside(const std::string& reason);
+    Found open(std::chrono::milliseconds patience, const BootMoment& now);
+    Found openFile(std::chrono::milliseconds patience, const BootMoment& now);
+    void beginAnew(Found& found, std::chrono::milliseconds patience, const BootMoment& now);
+    std::optional<Database::Contents> readOnly(const BootMoment& now) const;
+    void reopen(const BootMoment& now);
+    void replace(const std::string& reason, const BootMoment& now);
+    bool moveAside(const std::string& problem, const std::string& outcome = "");
+    void save(SavedState state);
+    void stopTimers(Database::Contents& contents, const BootMoment& now);
+    SavedState kept(SavedState state) const;
     void remember(const SavedState& changes);
     void write(const BootMoment& now);
 
@@ -112,6 +121,7 @@ private:
     const StateSync mSync;
     const std::vector<std::string> mKeys;
     const std::function<SavedState()> mEverything;
+    const Limits mLimits;
     Stage mStage = Stage::Closed;
     std::unique_ptr<Database> mDatabase; // while it is Serving or Failing
     SavedState mPending;                 // changed and not written yet

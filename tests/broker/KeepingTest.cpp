@@ -142,6 +142,33 @@ TEST_F(KeepingTest, onlyTheNamesThatAreToldAreKept)
     EXPECT_EQ(RawRequester().ask(R"({"getClientInfo":"null"})"), R"({"disk":"1","net.a":"1"})");
 }
 
+TEST_F(KeepingTest, rowsBeyondTheLimitsAreNotLoadedAndCounted)
+{
+    start();
+    RawPoster poster;
+    for (const char* name : {"a", "b", "c", "much longer name"})
+    {
+        poster.post(postOf(name, "1"));
+        poster.post(std::string(R"({"startTimer":")") + name + "\"}");
+        poster.post(std::string(R"({"setCounterValue":{")") + name + "\":1}}");
+    }
+    poster.post(postOf("a", std::string(200, 'x')));
+    EXPECT_EQ(valueOf(*std::make_unique<RawRequester>(), "a"), reply(std::string(200, 'x')));
+    EXPECT_EQ(broker->stop(), 0);
+
+    start({"--max-key-bytes=10", "--max-value-bytes=100", "--max-keys=1", "--max-timers=1",
+           "--max-counters=2"});
+    RawRequester requester;
+    EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), R"({"b":"1"})");
+    EXPECT_EQ(brokerStatistic(requester, "stored.timers"), 1U);
+    EXPECT_EQ(brokerStatistic(requester, "stored.counters"), 2U);
+    EXPECT_EQ(brokerStatistic(requester, "limit.keys"), 1U) << "c";
+    EXPECT_EQ(brokerStatistic(requester, "limit.timers"), 2U) << "b and c";
+    EXPECT_EQ(brokerStatistic(requester, "limit.counters"), 1U) << "c";
+    EXPECT_TRUE(broker->process().waitForError("rows beyond the limits are not loaded, 4 or more"))
+        << "the three with the long name, and the long value";
+}
+
 TEST_F(KeepingTest, withoutAStateFileNothingIsWritten)
 {
     const std::filesystem::path before = std::filesystem::current_path();

@@ -3,8 +3,10 @@
 #include <csignal>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <limits>
 #include <memory>
 #include <random>
+#include <sys/stat.h>
 
 #include "broker/state/StateFile.h"
 #include "common/EventThread.h"
@@ -28,6 +30,14 @@ protected:
     {
         broker->process().signal(SIGKILL);
         broker->process().waitForExit();
+    }
+
+    // As another broker has left it.
+    void keep(const SavedState& state)
+    {
+        StateFile file(folder / "state", StateSync::Normal, {});
+        file.load();
+        file.commit(state);
     }
 
     TemporaryFolder folder;
@@ -160,13 +170,9 @@ TEST_F(RestartTest, aListenerIsToldOfWhatWasKeptAndNotPublished)
     client->registerForStatus(&listener, "k");
     ASSERT_TRUE(listener.waitForUpdates(1));
     kill();
-    {
-        StateFile file(folder / "state", StateSync::Normal, {});
-        file.load();
-        SavedState change;
-        change.values["k"] = "kept";
-        file.commit(change);
-    }
+    SavedState change;
+    change.values["k"] = "kept";
+    keep(change);
     start();
     EXPECT_TRUE(listener.waitForValue("k", "kept"));
     client->unregisterListener(&listener);
@@ -183,6 +189,53 @@ TEST_F(RestartTest, aStateFileThatCannotBeReadDoesNotKeepItFromServing)
     poster.post(R"({"postStatus":{"k":"1"}})");
     EXPECT_EQ(requester.ask(R"({"getClientInfoValue":"k"})"), R"({"statusValue":"1"})");
     EXPECT_EQ(readFile(folder / "state.bad"), "nonsense");
+}
+
+TEST_F(RestartTest, aFifoInPlaceOfTheStateFileDoesNotKeepItFromServing)
+{
+    ASSERT_EQ(mkfifo((folder / "state").c_str(), S_IRUSR | S_IWUSR), 0);
+    start();
+    EXPECT_TRUE(broker->process().waitForError("is not a regular file"));
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(R"({"postStatus":{"k":"1"}})");
+    EXPECT_EQ(requester.ask(R"({"getClientInfoValue":"k"})"), R"({"statusValue":"1"})");
+}
+
+TEST_F(RestartTest, whatIsGoodInADamagedStateFileIsServed)
+{
+    SavedState state;
+    state.values = {{"good", "1"}, {"bad", "aaaaaaaaaa"}};
+    keep(state);
+    std::string bytes = readFile(folder / "state");
+    bytes.at(bytes.find("aaaaaaaaaa")) = 'b';
+    writeFile(folder / "state", bytes);
+    start();
+    EXPECT_TRUE(broker->process().waitForError("1 rows kept, 1 lost"));
+    EXPECT_EQ(RawRequester().ask(R"({"getClientInfo":"null"})"), R"({"good":"1"})");
+}
+
+TEST_F(RestartTest, timersHaveSaneTimesWhateverTheStateFileHolds)
+{
+    constexpr uint64_t most = std::numeric_limits<int64_t>::max() / 1000;
+    const uint64_t now = BootMoment::now().microseconds;
+    SavedState state;
+    state.timers["future"] = {5, now + 3600000000U, 77};
+    state.timers["long"] = {most, now, most};
+    state.timers["longer"] = {most + 1, most + 1, most + 1};
+    keep(state);
+    start();
+    RawRequester requester;
+    const auto elapsed = [&](const std::string& timer)
+    { return strtoull(requester.ask(R"({"getTimerElapsed":")" + timer + "\"}").c_str(), nullptr, 10); };
+    EXPECT_EQ(elapsed("future"), 5U) << "it is stopped";
+    EXPECT_GE(elapsed("long"), most);
+    EXPECT_LT(elapsed("long"), most + 3600000000U);
+    EXPECT_EQ(elapsed("longer"), most) << "it is kept within what clocks can tell";
+    RawPoster poster;
+    poster.post(R"({"restartTimer":"longer"})");
+    EXPECT_LT(elapsed("longer"), 3600000000U);
+    EXPECT_EQ(broker->process().errors().find("damaged"), std::string::npos);
 }
 
 TEST_F(RestartTest, aBatchIsKeptAtOnce)

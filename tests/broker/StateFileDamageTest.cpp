@@ -1,16 +1,66 @@
 // State files that are no state files, or damaged ones.
 
 #include <fstream>
+#include <limits>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "broker/state/RowChecksum.h"
+#include "broker/state/Rows.h"
 #include "tests/broker/StateFileFixture.h"
 
 namespace
 {
 
+// As the broker writes it, whatever it holds.
+void write(const std::string& path, Table table, const Row& row)
+{
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    const Layout& layout = Layout::of(table);
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(database, layout.writeStatement().c_str(), -1, &statement, nullptr),
+              SQLITE_OK);
+    int index = 0;
+    const auto bindBytes = [&](std::string_view bytes)
+    { sqlite3_bind_blob64(statement, ++index, bytes.data(), bytes.size(), SQLITE_STATIC); };
+    const auto bindNumber = [&](uint64_t number)
+    { sqlite3_bind_int64(statement, ++index, static_cast<sqlite3_int64>(number)); };
+    bindBytes(row.name);
+    if (layout.hasText())
+        bindBytes(row.text);
+    for (std::size_t number = 0; number < layout.numbers(); ++number)
+        bindNumber(row.numbers[number]);
+    bindNumber(layout.checksum(row));
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE) << sqlite3_errmsg(database);
+    sqlite3_finalize(statement);
+    sqlite3_close(database);
+}
+
+const std::string longText(50, 'x');
+
+// A database of a dozen pages.
+SavedState manyValues()
+{
+    SavedState state;
+    for (int key = 0; key < 500; ++key)
+        state.values["key" + std::to_string(key)] = longText;
+    return state;
+}
+
+constexpr std::size_t pageSize = 4096;
+
 class StateFileDamageTest : public StateFileFixture
 {
+protected:
+    // How many rows are lost, by the only line that is logged.
+    static std::string outcomeIn(const LogCapture& log)
+    {
+        if (log.lines().size() != 1)
+            return std::to_string(log.lines().size()) + " lines";
+        const std::string text = log.lines()[0].text;
+        return text.substr(std::min(text.size(), text.find("; ")));
+    }
 };
 
 } // namespace
@@ -30,8 +80,18 @@ TEST_F(StateFileDamageTest, aDatabaseOfAnotherProgramIsMovedAside)
 TEST_F(StateFileDamageTest, aLaterLayoutIsMovedAside)
 {
     commit(stateOf({{"a", "1"}}));
-    execute(path, "PRAGMA user_version = 2");
+    execute(path, "PRAGMA user_version = 3");
     expectMovedAside();
+}
+
+TEST_F(StateFileDamageTest, anEarlierLayoutIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "PRAGMA user_version = 1");
+    const LogCapture log;
+    EXPECT_TRUE(load().empty());
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_NE(log.lines()[0].text.find("of version 1"), std::string::npos);
 }
 
 TEST_F(StateFileDamageTest, aTableWithoutItsKeyIsMovedAside)
@@ -60,23 +120,39 @@ TEST_F(StateFileDamageTest, aMissingTableIsMovedAside)
 
 TEST_F(StateFileDamageTest, aRowOfTheWrongTypeIsMovedAside)
 {
-    commit(stateOf({{"a", "1"}}));
-    execute(path, "UPDATE value SET text = 5");
-    expectMovedAside();
+    commit(stateOf({{"a", "1"}, {"b", "2"}}));
+    execute(path, "UPDATE value SET text = 5 WHERE name = x'61'");
+    expectMovedAside(".bad", {{"b", "2"}});
 }
 
 TEST_F(StateFileDamageTest, aCounterThatIsNoneIsMovedAside)
 {
     commit(stateOf({{"a", "1"}}));
-    execute(path, "INSERT INTO counter VALUES ('c', 4294967296)");
-    expectMovedAside();
+    write(path, Table::Counters, {"c", {}, {4294967296}});
+    expectMovedAside(".bad", {{"a", "1"}});
 }
 
 TEST_F(StateFileDamageTest, aNegativeTimerIsMovedAside)
 {
     commit(stateOf({{"a", "1"}}));
-    execute(path, "INSERT INTO timer VALUES ('t', -1, 0, 0)");
-    expectMovedAside();
+    write(path, Table::Timers, {"t", {}, {std::numeric_limits<uint64_t>::max(), 0, 0}});
+    expectMovedAside(".bad", {{"a", "1"}});
+}
+
+TEST_F(StateFileDamageTest, aTimerBeyondWhatClocksCanTellIsLost)
+{
+    constexpr uint64_t most = std::numeric_limits<int64_t>::max() / 1000;
+    commit(stateOf({{"a", "1"}}));
+    write(path, Table::Timers, {"accumulated", {}, {most + 1, 0, 0}});
+    write(path, Table::Timers, {"span", {}, {0, most + 1, 0}});
+    write(path, Table::Timers, {"last", {}, {0, 0, most + 1}});
+    write(path, Table::Timers, {"good", {}, {most, 0, most}});
+    const LogCapture log;
+    const SavedState state = load();
+    ASSERT_EQ(state.timers.size(), 1U);
+    EXPECT_EQ(state.timers.at("good").accumulated, most);
+    EXPECT_EQ(state.timers.at("good").lastStarted, most);
+    EXPECT_EQ(outcomeIn(log), "; 2 rows kept, 3 lost");
 }
 
 TEST_F(StateFileDamageTest, aTruncatedFileIsMovedAside)
@@ -163,22 +239,6 @@ TEST_F(StateFileDamageTest, anEmptyFileIsANewOne)
     EXPECT_TRUE(log.lines().empty());
 }
 
-namespace
-{
-
-// A database of a dozen pages.
-SavedState manyValues()
-{
-    SavedState state;
-    for (int key = 0; key < 500; ++key)
-        state.values["key" + std::to_string(key)] = std::string(50, 'x');
-    return state;
-}
-
-constexpr std::size_t pageSize = 4096;
-
-} // namespace
-
 TEST_F(StateFileDamageTest, aFileThatEndsAnywhereTooEarlyIsMovedAside)
 {
     commit(manyValues());
@@ -211,7 +271,9 @@ TEST_F(StateFileDamageTest, aFileWithADamagedPageIsMovedAside)
         const std::string damaged = std::string(whole).replace(page, 200, 200, 'Z');
         writeFile(path, damaged);
         const LogCapture log;
-        EXPECT_TRUE(load().empty());
+        const SavedState state = load();
+        for (const auto& [key, text] : state.values)
+            EXPECT_EQ(text, longText) << key;
         EXPECT_TRUE(readFile(path + ".bad") == damaged);
         EXPECT_EQ(log.lines().size(), 1U);
     }
@@ -222,8 +284,305 @@ TEST_F(StateFileDamageTest, damageThatNoRowShowsIsMovedAside)
     commit(stateOf({{"a", "1"}}));
     constexpr std::size_t unusedPages = 39; // the last byte of their number, in the header
     writeFile(path, readFile(path).replace(unusedPages, 1, 1, 7));
+    expectMovedAside(".bad", {{"a", "1"}});
+}
+
+// ------------------------------------------------------------------------------------------- foreign content
+
+TEST_F(StateFileDamageTest, aForeignTriggerNeverRuns)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "CREATE TRIGGER foreign_one AFTER INSERT ON moment BEGIN"
+                  " UPDATE value SET text = x'00'; END");
+    expectMovedAside();
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, "DROP TRIGGER foreign_one", nullptr, nullptr, nullptr), SQLITE_ERROR);
+    sqlite3_close(database);
+}
+
+TEST_F(StateFileDamageTest, aForeignViewIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "ALTER TABLE value RENAME TO kept;"
+                  "CREATE VIEW value AS SELECT name, checksum, text FROM kept");
     expectMovedAside();
 }
+
+TEST_F(StateFileDamageTest, aForeignIndexIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "CREATE INDEX foreign_one ON value (abs(text))");
+    expectMovedAside();
+}
+
+TEST_F(StateFileDamageTest, aForeignTableIsMovedAside)
+{
+    commit(stateOf({{"a", "1"}}));
+    execute(path, "CREATE TABLE foreign_one (name)");
+    expectMovedAside();
+}
+
+// ------------------------------------------------------------------------------------------------ checksums
+
+TEST_F(StateFileDamageTest, aFlippedBitLosesItsRowAndKeepsTheOthers)
+{
+    commit(stateOf({{"a", longText}, {"b", "yyyyyyyyy"}, {"c", longText}}));
+    std::string bytes = readFile(path);
+    bytes.at(bytes.find("yyyyyyyyy") + 4) ^= 1;
+    writeFile(path, bytes);
+    const LogCapture log;
+    EXPECT_EQ(load().values, (StatusMap{{"a", longText}, {"c", longText}}));
+    EXPECT_EQ(outcomeIn(log), "; 2 rows kept, 1 lost");
+    EXPECT_TRUE(readFile(path + ".bad") == bytes);
+}
+
+TEST_F(StateFileDamageTest, aRowCountsForItsNameOnly)
+{
+    commit(stateOf({{"a", "1"}, {"b", "2"}}));
+    execute(path, "UPDATE value SET name = x'63' WHERE name = x'61'");
+    const LogCapture log;
+    EXPECT_EQ(load().values, (StatusMap{{"b", "2"}}));
+}
+
+TEST_F(StateFileDamageTest, eachNumberOfATimerIsChecked)
+{
+    SavedState state;
+    for (const char* name : {"accumulated", "span_start", "last_started", "none"})
+        state.timers[name] = {1, 2, 3};
+    commit(state);
+    for (const char* name : {"accumulated", "span_start", "last_started"})
+    {
+        const std::string column = name;
+        execute(path, "UPDATE timer SET " + column + " = 7 WHERE name = CAST('" + column + "' AS BLOB)");
+    }
+    const LogCapture log;
+    const SavedState loaded = load();
+    EXPECT_EQ(loaded.timers.size(), 1U);
+    EXPECT_EQ(loaded.timers.count("none"), 1U);
+    EXPECT_EQ(outcomeIn(log), "; 1 rows kept, 3 lost");
+}
+
+TEST_F(StateFileDamageTest, aChangedCounterIsLost)
+{
+    SavedState state;
+    state.counters = {{"c", 1}, {"d", 2}};
+    commit(state);
+    execute(path, "UPDATE counter SET number = 3 WHERE name = x'63'");
+    const LogCapture log;
+    EXPECT_EQ(load().counters, (std::map<std::string, uint32_t>{{"d", 2}}));
+}
+
+TEST_F(StateFileDamageTest, withoutItsMomentNoTimerGoesOn)
+{
+    SavedState state;
+    state.timers["t"] = {5, 900000, 77};
+    commit(state);
+    execute(path, "UPDATE moment SET microseconds = 9000000");
+    const LogCapture log;
+    const SavedState::Timer timer = load().timers.at("t");
+    EXPECT_EQ(timer.accumulated, 5U);
+    EXPECT_EQ(timer.spanStart, 0U);
+    EXPECT_EQ(outcomeIn(log), "; 1 rows kept, 1 lost");
+}
+
+TEST_F(StateFileDamageTest, theGoodRowsAreInTheNewFileWhenTheyAreLoaded)
+{
+    SavedState state = stateOf({{"a", "1"}, {"b", "2"}});
+    state.timers["t"] = {5, 0, 77};
+    state.counters["c"] = 9;
+    commit(state);
+    execute(path, "UPDATE value SET checksum = checksum + 1 WHERE name = x'61'");
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {"b"});
+    EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"b", "2"}}));
+    copyAsKilled(path, path + ".copy");
+    path += ".copy";
+    const SavedState kept = load();
+    EXPECT_EQ(kept.values, (StatusMap{{"b", "2"}}));
+    EXPECT_EQ(kept.timers.at("t").lastStarted, 77U) << "also what is not loaded now";
+    EXPECT_EQ(kept.counters, state.counters);
+}
+
+TEST_F(StateFileDamageTest, rowsOnBothSidesOfADamagedPageAreKept)
+{
+    commit(manyValues());
+    std::string bytes = readFile(path);
+    const std::size_t middle = bytes.find("key300") / pageSize * pageSize;
+    ASSERT_GT(middle, pageSize);
+    writeFile(path, bytes.replace(middle, 200, 200, 'Z'));
+    const LogCapture log;
+    const SavedState state = load();
+    EXPECT_EQ(state.values.count("key0"), 1U);
+    EXPECT_EQ(state.values.count("key99"), 1U);
+    EXPECT_EQ(state.values.count("key300"), 0U);
+    EXPECT_GT(state.values.size(), 400U);
+    const std::string kept = std::to_string(state.values.size());
+    EXPECT_EQ(outcomeIn(log), "; " + kept + " rows kept, an unknown number lost");
+}
+
+TEST_F(StateFileDamageTest, noFlippedBitLoadsAWrongValue)
+{
+    SavedState whole = stateOf({{"empty", ""}, {"long", std::string(5000, 'l')}});
+    for (int row = 0; row < 20; ++row)
+    {
+        const std::string name = "row" + std::to_string(row);
+        whole.values[name] = "value of " + name;
+        whole.timers[name] = {uint64_t{1000} << row, 0, 1700000000000000U + static_cast<uint64_t>(row)};
+        whole.counters[name] = 3000000000U + static_cast<uint32_t>(row);
+    }
+    commit(whole);
+    const std::string bytes = readFile(path);
+    constexpr std::size_t step = 23; // every byte takes a minute
+    for (std::size_t byte = 0; byte < bytes.size(); byte += step)
+    {
+        SCOPED_TRACE(byte);
+        const TemporaryFolder other;
+        std::string flipped = bytes;
+        flipped[byte] = static_cast<char>(flipped[byte] ^ 1 << byte % 8);
+        writeFile(other / "state", flipped);
+        const LogCapture log;
+        const SavedState state = StateFile(other / "state", StateSync::Off, {}).load(thisBoot);
+        for (const auto& [key, text] : state.values)
+            EXPECT_EQ(whole.values.at(key), text);
+        for (const auto& [name, timer] : state.timers)
+        {
+            EXPECT_EQ(whole.timers.at(name).accumulated, timer.accumulated);
+            EXPECT_EQ(timer.spanStart, 0U);
+            EXPECT_EQ(whole.timers.at(name).lastStarted, timer.lastStarted);
+        }
+        for (const auto& [name, number] : state.counters)
+            EXPECT_EQ(whole.counters.at(name), number);
+        const bool isWhole = state.values.size() == whole.values.size() &&
+                             state.timers.size() == whole.timers.size() &&
+                             state.counters.size() == whole.counters.size();
+        EXPECT_TRUE(isWhole || !log.lines().empty());
+    }
+}
+
+TEST_F(StateFileDamageTest, aHeaderThatForbidsWritingIsDamage)
+{
+    commit(stateOf({{"a", "1"}}));
+    constexpr std::size_t writeVersion = 18;
+    writeFile(path, readFile(path).replace(writeVersion, 1, 1, 3));
+    expectMovedAside(".bad", {{"a", "1"}});
+}
+
+TEST(RowChecksumTest, isAsInTheFilesThatAreThere)
+{
+    EXPECT_EQ(Layout::of(Table::Values).checksum({"door", "open", {}}), 2012865731691259935U);
+    EXPECT_EQ(Layout::of(Table::Timers).checksum({"t", {}, {1, 2, 3}}), 11631459182018578988U);
+}
+
+TEST(RowChecksumTest, tellsWhichTableTheRowIsOf)
+{
+    EXPECT_NE(RowChecksum("value").value(), RowChecksum("timer").value());
+}
+
+TEST(RowChecksumTest, tellsWhereOneTextEndsAndTheNextBegins)
+{
+    const Layout& layout = Layout::of(Table::Values);
+    EXPECT_NE(layout.checksum({"ab", "c", {}}), layout.checksum({"a", "bc", {}}));
+}
+
+TEST(RowChecksumTest, noticesTwoFlipsOfTheHighestBit)
+{
+    const std::string text(16, 'x');
+    std::string flipped = text;
+    flipped[7] = flipped[15] = static_cast<char>('x' ^ 0x80);
+    RowChecksum one("");
+    one.add(text);
+    RowChecksum other("");
+    other.add(flipped);
+    EXPECT_NE(one.value(), other.value());
+}
+
+// --------------------------------------------------------------------------------------- beyond the limits
+
+namespace
+{
+
+constexpr std::size_t mebi = std::size_t{1024} * 1024;
+
+// The most memory that SQLite has had at once while the file was loaded.
+std::size_t memoryOfLoading(const std::string& path)
+{
+    sqlite3_memory_highwater(1);
+    StateFile(path, StateSync::Off, {}).load(thisBoot);
+    return static_cast<std::size_t>(sqlite3_memory_highwater(0));
+}
+
+std::string zeros(std::size_t bytes)
+{
+    return "zeroblob(" + std::to_string(bytes) + ")";
+}
+
+} // namespace
+
+TEST_F(StateFileDamageTest, aRowBeyondTheLimitsIsNotLoadedAndStays)
+{
+    const Limits limits;
+    const std::string tooLong(limits.valueBytes + 1, 'x');
+    commit(stateOf({{"a", "1"}, {"b", tooLong}, {std::string(limits.keyBytes + 1, 'n'), "1"}}));
+    const LogCapture log;
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 2);
+    EXPECT_NE(log.lines()[0].text.find("beyond the limits are not loaded, 2"), std::string::npos);
+    Limits larger;
+    larger.valueBytes = tooLong.size();
+    EXPECT_EQ(StateFile(
+                  path, StateSync::Off, {}, [] { return SavedState(); }, larger)
+                  .load(thisBoot)
+                  .values,
+              (StatusMap{{"a", "1"}, {"b", tooLong}}));
+}
+
+TEST_F(StateFileDamageTest, aRowLongerThanAnyLimitIsLostAndNeverInMemory)
+{
+    commit(stateOf({{"a", "1"}, {"z", "1"}}));
+    execute(path, "INSERT INTO value VALUES (x'62', 0, " + zeros(65 * mebi) + ")");
+    const LogCapture log;
+    EXPECT_LT(memoryOfLoading(path), 8 * mebi);
+    EXPECT_EQ(outcomeIn(log), "; 2 rows kept, 1 lost");
+}
+
+TEST_F(StateFileDamageTest, nothingLongIsReadIntoMemoryWhereverItIs)
+{
+    for (const std::string& row :
+         {zeros(2 * mebi) + ", 0, x''", "CAST(" + zeros(16 * mebi) + " AS TEXT), 0, x''",
+          "x'62', " + zeros(16 * mebi) + ", x''", "x'62', 0, CAST(" + zeros(16 * mebi) + " AS TEXT)"})
+    {
+        SCOPED_TRACE(row);
+        const TemporaryFolder other;
+        path = other / "state";
+        commit(stateOf({{"a", "1"}, {"z", "1"}}));
+        execute(path, "INSERT INTO value VALUES (" + row + ")");
+        const LogCapture log;
+        EXPECT_LT(memoryOfLoading(path), 8 * mebi);
+        EXPECT_EQ(outcomeIn(log), "; 2 rows kept, 1 lost");
+    }
+}
+
+TEST_F(StateFileDamageTest, noMoreIsLoadedThanThereCanBeWithinTheLimits)
+{
+    SavedState state;
+    for (int key = 0; key < 1000; ++key)
+        state.values["key" + std::to_string(key)] = std::string(1000, 'x');
+    commit(state);
+    Limits limits;
+    limits.keys = limits.timers = limits.counters = 10;
+    limits.storedBytes = 100000;
+    const LogCapture log;
+    const SavedState loaded = StateFile(
+                                  path, StateSync::Off, {}, [] { return SavedState(); }, limits)
+                                  .load(thisBoot);
+    EXPECT_GE(loaded.values.size(), 85U);
+    EXPECT_LT(loaded.values.size(), 120U);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 2);
+}
+
 // ------------------------------------------------------------------------------- damaged while it is used
 
 namespace

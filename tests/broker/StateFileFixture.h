@@ -45,32 +45,38 @@ class StateFileFixture : public testing::Test
 protected:
     void commit(const SavedState& state, const std::vector<std::string>& keys = {})
     {
-        StateFile file(path, StateSync::Normal, keys);
+        StateFile file(path, sync, keys);
         file.load(thisBoot);
         file.commit(state, thisBoot);
     }
 
     SavedState load(const BootMoment& now = thisBoot, const std::vector<std::string>& keys = {})
     {
-        return StateFile(path, StateSync::Normal, keys).load(now);
+        return StateFile(path, sync, keys).load(now);
     }
 
-    /// The file must be moved aside as it is, said so, and replaced by an empty one.
-    void expectMovedAside(const std::string& aside = ".bad")
+    /// The file must be moved aside as it is, reported, and replaced by one with what was good in it.
+    void expectMovedAside(const std::string& aside = ".bad", const StatusMap& good = {})
     {
         const std::string before = readFile(path);
         const LogCapture log;
-        EXPECT_TRUE(load().empty());
-        EXPECT_EQ(readFile(path + aside), before);
+        EXPECT_EQ(load().values, good);
+        EXPECT_TRUE(readFile(path + aside) == before);
         ASSERT_EQ(log.lines().size(), 1U);
         EXPECT_EQ(log.lines()[0].level, 0);
-        EXPECT_NE(log.lines()[0].text.find("[" + path + "] cannot be read"), std::string::npos);
+        const std::string text = log.lines()[0].text;
+        EXPECT_NE(text.find("[" + path + "] " + (good.empty() ? "" : "is damaged")), std::string::npos)
+            << text;
+        EXPECT_NE(text.find("moved to [" + path + aside + "]"), std::string::npos) << text;
         commit(stateOf({{"new", "1"}}));
-        EXPECT_EQ(load().values, (StatusMap{{"new", "1"}}));
+        StatusMap now = good;
+        now["new"] = "1";
+        EXPECT_EQ(load().values, now);
     }
 
     TemporaryFolder folder;
     std::string path = folder / "state";
+    StateSync sync = StateSync::Normal;
 };
 
 #endif

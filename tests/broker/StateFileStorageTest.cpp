@@ -1,10 +1,14 @@
 // State files that cannot be had, or not for writing.
 
+#include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <optional>
+#include <ostream>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -178,6 +182,27 @@ TEST_F(StateFileStorageTest, damageThatCanOnlyBeReadIsMovedAsideWhenItCanBeWritt
     EXPECT_TRUE(readFile(path + ".bad") == before);
 }
 
+TEST_F(StateFileStorageTest, whatIsGoodOfADamagedFileIsLoadedAlsoIfItCanOnlyBeRead)
+{
+    commit(stateOf({{"a", "1"}, {"b", "2"}}));
+    execute(path, "UPDATE value SET text = x'33' WHERE name = x'61'");
+    const std::string before = readFile(path);
+    const LogCapture log;
+    {
+        std::optional<ReadOnlyStorage> storage(std::in_place);
+        StateFile file(path, StateSync::Normal, {}, [] { return stateOf({{"b", "2"}}); });
+        EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"b", "2"}}));
+        EXPECT_TRUE(readFile(path) == before);
+        ASSERT_EQ(log.lines().size(), 2U);
+        EXPECT_NE(log.lines()[1].text.find("is damaged (checksums of rows); 1 rows kept, 1 lost"),
+                  std::string::npos);
+        storage.reset();
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_TRUE(readFile(path + ".bad") == before);
+    EXPECT_EQ(load().values, (StatusMap{{"b", "2"}}));
+}
+
 TEST_F(StateFileStorageTest, somebodyWhoReadsItForAMomentIsWaitedFor)
 {
     commit(stateOf({{"a", "1"}}));
@@ -297,8 +322,8 @@ TEST_F(StateFileStorageTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegu
 
 TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
 {
-    commit(stateOf({{"a", "1"}}));
-    execute(path, "UPDATE value SET text = 5");
+    commit(stateOf({{"a", "1"}, {"good", "1"}}));
+    execute(path, "UPDATE value SET text = 5 WHERE name = x'61'");
     const std::string before = readFile(path);
     // There is no room in it for the end of another name than the first one, which is taken.
     const std::string longName = folder / std::string(NAME_MAX - 4, 'n');
@@ -307,7 +332,7 @@ TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
     {
         const LogCapture log;
         StateFile file(longName, StateSync::Normal, {});
-        EXPECT_TRUE(file.load(thisBoot).empty());
+        EXPECT_EQ(file.load(thisBoot).values, (StatusMap{{"good", "1"}}));
         EXPECT_TRUE(eventually(
             [&]
             {
@@ -364,4 +389,98 @@ TEST_F(StateFileStorageTest, aFullDiskIsToldOnceAndNothingIsForgotten)
     const StatusMap values = load().values;
     EXPECT_EQ(values.size(), 52U);
     EXPECT_EQ(values.at("key49").size(), 10000U);
+}
+
+// ------------------------------------------------------------------------------------- no regular files
+
+namespace
+{
+
+struct Special
+{
+    const char* name;
+    const char* suffix; // of the file beside which it is
+    mode_t type;
+};
+
+void PrintTo(const Special& special, std::ostream* out)
+{
+    *out << special.name << special.suffix;
+}
+
+mode_t typeOf(const std::string& path)
+{
+    struct stat status
+    {
+    };
+    return lstat(path.c_str(), &status) == 0 ? status.st_mode & S_IFMT : 0;
+}
+
+bool make(const Special& special, const std::string& path)
+{
+    if (special.type == S_IFLNK)
+        return symlink("/dev/null", path.c_str()) == 0;
+    constexpr unsigned nullDevice = 1 << 8U | 3;
+    return mknod(path.c_str(), special.type | S_IRUSR | S_IWUSR, nullDevice) == 0;
+}
+
+class NoRegularFile : public StateFileFixture, public testing::WithParamInterface<Special>
+{
+protected:
+    // Who waits in open() would wait for ever.
+    NoRegularFile() { alarm(20 * TEST_TIME_FACTOR); }
+    ~NoRegularFile() override { alarm(0); }
+};
+
+} // namespace
+
+TEST_P(NoRegularFile, isNeitherOpenedNorMoved)
+{
+    const std::string special = path + GetParam().suffix;
+    if (special != path)
+        commit(stateOf({{"old", "1"}}));
+    if (!make(GetParam(), special))
+        GTEST_SKIP() << strerror(errno);
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    EXPECT_TRUE(file.load(thisBoot).empty());
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    EXPECT_EQ(file.commits(), 0U);
+    EXPECT_EQ(typeOf(special), GetParam().type);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].level, 0);
+    EXPECT_NE(log.lines()[0].text.find("[" + special + "] is not a regular file"), std::string::npos);
+}
+
+TEST_P(NoRegularFile, isNoHindranceWhenItIsGone)
+{
+    const std::string special = path + GetParam().suffix;
+    if (!make(GetParam(), special))
+        GTEST_SKIP() << strerror(errno);
+    const LogCapture log;
+    {
+        StateFile file(path, StateSync::Normal, {});
+        file.load(thisBoot);
+        file.commit(stateOf({{"a", "1"}}), thisBoot);
+        std::filesystem::remove(special);
+        EXPECT_TRUE(isCommittedInTheEnd(file));
+    }
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1"}}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, NoRegularFile,
+                         testing::Values(Special{"fifo", "", S_IFIFO}, Special{"fifo", "-wal", S_IFIFO},
+                                         Special{"fifo", "-journal", S_IFIFO},
+                                         Special{"fifo", "-shm", S_IFIFO}, Special{"socket", "", S_IFSOCK},
+                                         Special{"device", "", S_IFCHR}, Special{"device", "-wal", S_IFCHR},
+                                         Special{"link", "", S_IFLNK}, Special{"link", "-wal", S_IFLNK}));
+
+TEST_F(StateFileStorageTest, aFifoIsNotWaitedForAlsoWhereNothingCanBeWritten)
+{
+    ASSERT_EQ(mkfifo(path.c_str(), S_IRUSR | S_IWUSR), 0);
+    alarm(20 * TEST_TIME_FACTOR);
+    const ReadOnlyStorage storage;
+    const LogCapture log;
+    EXPECT_TRUE(load().empty());
+    alarm(0);
 }

@@ -51,7 +51,6 @@ SavedState withTimer(uint64_t spanStart)
     state.timers["t"] = {5, spanStart, 77};
     return state;
 }
-
 class StateFileTest : public StateFileFixture
 {
 };
