@@ -177,12 +177,12 @@ bool isAtMost(sqlite3_stmt* row, int column, std::size_t most)
 
 } // namespace
 
-// Of what is read of a table: as much as there can be within the limits. It ends also where damaged pages
-// lead round in circles.
+// Of what is read of a table: somewhat more than there can be within the limits, so that memory has a bound.
+// It ends also where damaged pages lead round in circles.
 class Database::Budget
 {
 public:
-    Budget(Table table, const Limits& limits) : mLeft(perRow * rowsOf(table, limits))
+    Budget(Table table, const Limits& limits) : mLeft(spare + perRow * rowsOf(table, limits))
     {
         if (table == Table::Values)
             mLeft += limits.storedBytes;
@@ -201,6 +201,7 @@ public:
 
 private:
     static constexpr uint64_t perRow = 128;
+    static constexpr uint64_t spare = uint64_t{1024} * 1024; // what is refused one by one is counted by kind
 
     static std::size_t rowsOf(Table table, const Limits& limits)
     {
