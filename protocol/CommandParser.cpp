@@ -127,6 +127,9 @@ private:
 template <class Forms>
 bool parse(std::string_view message, Command& command, std::vector<char>& unescaped, const Forms& forms)
 {
+    // The library takes a NUL for the end, and would not look at what is behind it. JSON has none.
+    if (message.find('\0') != std::string_view::npos)
+        return false;
     Handler<Forms> handler(command, unescaped, forms);
     if (!nlohmann::json::sax_parse(message.begin(), message.end(), &handler))
         return false;
