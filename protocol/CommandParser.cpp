@@ -137,6 +137,26 @@ bool parse(std::string_view message, Command& command, std::vector<char>& unesca
     return true;
 }
 
+// The one character that the library escapes, and clients and earlier brokers do not.
+void unescapeRubouts(std::string& document)
+{
+    constexpr std::string_view escape = "\\u007f";
+    std::size_t to = 0;
+    for (std::size_t from = 0; from < document.size();)
+    {
+        if (document.compare(from, escape.size(), escape) == 0)
+        {
+            document[to++] = '\x7f';
+            from += escape.size();
+            continue;
+        }
+        const bool isEscape = document[from] == '\\'; // what it escapes may be a backslash, too
+        for (std::size_t size = isEscape ? 2 : 1; size > 0; --size)
+            document[to++] = document[from++];
+    }
+    document.resize(to);
+}
+
 } // namespace
 
 bool parsePost(std::string_view message, Command& command, std::vector<char>& unescaped)
@@ -152,7 +172,9 @@ bool parseRequest(std::string_view message, Command& command, std::vector<char>&
 std::string escaped(std::string_view text)
 {
     using Json = nlohmann::json;
-    return Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
+    std::string document = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
+    unescapeRubouts(document);
+    return document;
 }
 
 } // namespace BrokerProtocol
