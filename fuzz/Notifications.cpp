@@ -1,18 +1,20 @@
-// Notifications, as the library reads them.
+// Notifications, as the library reads them and the broker writes them.
 
 #include "fuzz/Fuzz.h"
 #include "protocol/ClientDocuments.h"
+#include "tests/protocol/Written.h"
 
 using BrokerProtocol::Notification;
 
 namespace
 {
 
-std::string written(const Notification& notification)
+std::string asWritten(const Notification& notification)
 {
-    return notification.kind == Notification::Kind::StatusUpdate
-               ? BrokerProtocol::writeStatusUpdate(notification.members)
-               : BrokerProtocol::writeEventUpdate(notification.members);
+    namespace Key = BrokerProtocol::Key;
+    const bool isStatus = notification.kind == Notification::Kind::StatusUpdate;
+    return ::written(BrokerProtocol::appendUpdate, isStatus ? Key::statusUpdate : Key::eventUpdate,
+                     membersIn(notification.members));
 }
 
 bool isUpdate(const Notification& notification)
@@ -34,6 +36,6 @@ std::optional<Notification> readUpdate(const std::string& text)
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
-    Fuzz::requireRoundTrip(readUpdate, written, Fuzz::textOf(data, size));
+    Fuzz::requireRoundTrip(readUpdate, asWritten, Fuzz::textOf(data, size));
     return 0;
 }

@@ -7,10 +7,12 @@
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
+using PlainDocument::Members;
+
 namespace
 {
 
-bool isReadSo(const Json::Value& object, const StatusMap& members)
+bool isReadSo(const Json::Value& object, const Members& members)
 {
     if (!object.isObject() || object.size() != members.size())
         return false;

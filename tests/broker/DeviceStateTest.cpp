@@ -2,125 +2,181 @@
 
 #include <gtest/gtest.h>
 #include <malloc.h>
+#include <utility>
 
+#include "tests/protocol/Written.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/Wait.h"
-
-namespace Key = BrokerProtocol::Key;
 
 namespace
 {
 
+using Map = std::map<std::string, std::string>;
+using Changes = std::vector<std::pair<std::string, std::string>>; // in their order
+
+const Changes none;
+
 class DeviceStateTest : public testing::Test
 {
 protected:
-    std::optional<std::string> post(const std::string& document)
+    Changes post(const Map& values) { return copied(state.post(membersIn(values))); }
+    Changes reset(const std::vector<std::string_view>& keys) { return copied(state.reset(keys)); }
+    Changes events(const Map& events) { return copied(state.events(membersIn(events))); }
+
+    std::string valueOf(const std::string& key) { return std::string(state.valueOf(key)); }
+
+    // All values, in the order of their keys.
+    Map all()
     {
-        return state.apply(*BrokerProtocol::readPost(document));
+        Map values;
+        std::optional<std::string> last;
+        while (const DeviceState::Value* value = state.behind(last))
+        {
+            values.emplace(value->key, value->text);
+            last = value->key;
+        }
+        return values;
     }
 
-    std::string ask(const char* key, const std::string& name)
+    // In the order of their last changes.
+    Changes changedSince(uint64_t revision)
     {
-        return state.answer(*BrokerProtocol::readRequest(BrokerProtocol::writeText(key, name)))
-            .value_or("refused");
+        Changes changes;
+        for (const DeviceState::Value* value = state.changedSince(revision); value != nullptr;
+             value = value->newer)
+            changes.emplace_back(value->key, value->text);
+        return changes;
     }
-
-    uint64_t elapsed(const std::string& name) { return std::stoull(ask(Key::getTimerElapsed, name)); }
 
     Limits limits;
     Refusals refusals;
     DeviceState state{limits, refusals};
+
+private:
+    static Changes copied(const DeviceState::Members& members)
+    {
+        Changes changes;
+        for (const BrokerProtocol::Member& member : members)
+            changes.emplace_back(member.name, member.value);
+        return changes;
+    }
 };
 
 } // namespace
 
-TEST_F(DeviceStateTest, aPostIsOneUpdateOfWhatChangedInKeyOrder)
+TEST_F(DeviceStateTest, aPostReturnsWhatChangedInKeyOrder)
 {
-    EXPECT_EQ(post(R"({"postStatus":{"b":"2","a":"1"}})"), R"({"statusUpdate":{"a":"1","b":"2"}})");
-    EXPECT_EQ(post(R"({"postStatus":{"b":"3","a":"1"}})"), R"({"statusUpdate":{"b":"3"}})");
+    EXPECT_EQ(post({{"a", "1"}, {"b", "2"}}), (Changes{{"a", "1"}, {"b", "2"}}));
+    EXPECT_EQ(post({{"a", "1"}, {"b", "3"}}), (Changes{{"b", "3"}}));
+    EXPECT_EQ(reset({"b", "a"}), (Changes{{"a", ""}, {"b", ""}}));
 }
 
-TEST_F(DeviceStateTest, aPostThatChangesNothingPublishesNothing)
+TEST_F(DeviceStateTest, aPostThatChangesNothingReturnsNothing)
 {
-    post(R"({"postStatus":{"a":"1"}})");
-    EXPECT_EQ(post(R"({"postStatus":{"a":"1"}})"), std::nullopt);
-    EXPECT_EQ(post(R"({"postStatus":{}})"), std::nullopt);
-    EXPECT_EQ(post(R"({"resetStatus":[]})"), std::nullopt);
+    post({{"a", "1"}});
+    EXPECT_EQ(post({{"a", "1"}}), none);
+    EXPECT_EQ(post({}), none);
+    EXPECT_EQ(reset({}), none);
 }
 
 TEST_F(DeviceStateTest, anEmptyValueOfAnUnknownKeyIsAChange)
 {
-    EXPECT_EQ(post(R"({"postStatus":{"a":""}})"), R"({"statusUpdate":{"a":""}})");
-    EXPECT_EQ(post(R"({"resetStatus":["b","b"]})"), R"({"statusUpdate":{"b":""}})");
-    EXPECT_EQ(post(R"({"resetStatus":["a","b"]})"), std::nullopt);
-    EXPECT_EQ(ask(Key::getClientInfo, "null"), R"({"a":"","b":""})");
+    EXPECT_EQ(post({{"a", ""}}), (Changes{{"a", ""}}));
+    EXPECT_EQ(reset({"b", "b"}), (Changes{{"b", ""}}));
+    EXPECT_EQ(reset({"a", "b"}), none);
+    EXPECT_EQ(all(), (Map{{"a", ""}, {"b", ""}}));
 }
 
-TEST_F(DeviceStateTest, anEventIsPublishedAndNotKept)
+TEST_F(DeviceStateTest, anEventIsReturnedEachTimeAndNotKept)
 {
-    EXPECT_EQ(post(R"({"postEvent":{"e":"v"}})"), R"({"eventUpdate":{"e":"v"}})");
-    EXPECT_EQ(post(R"({"postEvent":{"e":"v"}})"), R"({"eventUpdate":{"e":"v"}})");
-    EXPECT_EQ(post(R"({"postEvent":{}})"), std::nullopt);
-    EXPECT_EQ(ask(Key::getClientInfo, "null"), "{}");
+    EXPECT_EQ(events({{"e", "v"}}), (Changes{{"e", "v"}}));
+    EXPECT_EQ(events({{"e", "v"}}), (Changes{{"e", "v"}}));
+    EXPECT_EQ(events({}), none);
+    EXPECT_EQ(all(), Map());
 }
 
 TEST_F(DeviceStateTest, queriesForValuesAnswerWhatIsKnown)
 {
-    post(R"({"postStatus":{"a":"1","b":"2"}})");
-    EXPECT_EQ(ask(Key::getClientInfoValue, "a"), R"({"statusValue":"1"})");
-    EXPECT_EQ(ask(Key::getClientInfoValue, "unknown"), R"({"statusValue":""})");
-    const auto several = BrokerProtocol::readRequest(R"({"getClientInfoValues":["b","unknown","b"]})");
-    EXPECT_EQ(state.answer(*several), R"({"b":"2"})");
-    EXPECT_EQ(ask(Key::getClientInfo, "null"), R"({"a":"1","b":"2"})");
+    post({{"a", "1"}, {"b", "2"}});
+    EXPECT_EQ(valueOf("a"), "1");
+    EXPECT_EQ(valueOf("unknown"), "");
+    EXPECT_EQ(state.find("unknown"), nullptr);
+    ASSERT_NE(state.find("b"), nullptr);
+    EXPECT_EQ(state.find("b")->key, "b");
+    EXPECT_EQ(state.find("b")->text, "2");
 }
 
-TEST_F(DeviceStateTest, changesSinceARevisionHaveTheirPresentValues)
+TEST_F(DeviceStateTest, theValueBehindAKeyIsFoundAlsoWhereTheKeyIsNone)
 {
-    post(R"({"postStatus":{"a":"1","b":"1"}})");
+    post({{"a", "1"}, {"c", "3"}});
+    EXPECT_EQ(state.behind(std::nullopt)->key, "a");
+    EXPECT_EQ(state.behind("")->key, "a");
+    EXPECT_EQ(state.behind("a")->key, "c");
+    EXPECT_EQ(state.behind("b")->key, "c");
+    EXPECT_EQ(state.behind("c"), nullptr);
+}
+
+TEST_F(DeviceStateTest, changesSinceARevisionHaveTheirPresentValuesInTheOrderOfTheLastChanges)
+{
+    post({{"a", "1"}, {"b", "1"}});
     const uint64_t revision = state.revision();
-    EXPECT_TRUE(state.changedSince(revision).empty());
-    post(R"({"postStatus":{"a":"1","b":"2","c":"3"}})");
-    post(R"({"postStatus":{"b":"4"}})");
-    EXPECT_EQ(state.changedSince(revision), (StatusMap{{"b", "4"}, {"c", "3"}}));
-    EXPECT_EQ(state.changedSince(0).size(), 3U);
+    EXPECT_EQ(changedSince(revision), none);
+    post({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    post({{"b", "4"}});
+    EXPECT_EQ(changedSince(revision), (Changes{{"c", "3"}, {"b", "4"}}));
+    EXPECT_EQ(changedSince(0), (Changes{{"a", "1"}, {"c", "3"}, {"b", "4"}}));
+    post({{"a", "5"}});
+    EXPECT_EQ(changedSince(0), (Changes{{"c", "3"}, {"b", "4"}, {"a", "5"}})) << "the oldest has moved";
+    EXPECT_EQ(changedSince(state.revision()), none);
+}
+
+TEST_F(DeviceStateTest, aRevisionIsThatOfTheLastChange)
+{
+    post({{"a", "1"}, {"b", "1"}});
+    EXPECT_EQ(state.find("b")->revision, state.revision());
+    EXPECT_LT(state.find("a")->revision, state.find("b")->revision);
+    const uint64_t revision = state.revision();
+    post({{"a", "1"}});
+    events({{"e", "1"}});
+    EXPECT_EQ(state.revision(), revision) << "nothing has changed";
 }
 
 TEST_F(DeviceStateTest, countersAnswerTheValueAfterTheIncrementAndWrap)
 {
-    EXPECT_EQ(ask(Key::getCounterValue, "c"), "0");
-    EXPECT_EQ(ask(Key::incrementCounter, "c"), "1");
-    EXPECT_EQ(post(R"({"setCounterValue":{"c":4294967295}})"), std::nullopt);
-    EXPECT_EQ(ask(Key::getCounterValue, "c"), "-1");
-    EXPECT_EQ(ask(Key::incrementCounter, "c"), "0");
+    EXPECT_EQ(state.counter("c"), 0U);
+    EXPECT_EQ(state.incrementCounter("c"), 1U);
+    state.setCounter("c", 4294967295U);
+    EXPECT_EQ(state.counter("c"), 4294967295U);
+    EXPECT_EQ(state.incrementCounter("c"), 0U);
 }
 
 TEST_F(DeviceStateTest, anUnknownTimerAnswersZero)
 {
-    EXPECT_EQ(ask(Key::getTimerElapsed, "t"), "0");
-    EXPECT_EQ(ask(Key::getTimerLastStarted, "t"), "0");
+    EXPECT_EQ(state.elapsed("t"), 0U);
+    EXPECT_EQ(state.lastStarted("t"), 0U);
 }
 
 TEST_F(DeviceStateTest, aTimerRunsUntilItIsStoppedAndKeepsItsTime)
 {
-    EXPECT_EQ(post(R"({"startTimer":"t"})"), std::nullopt);
-    ASSERT_TRUE(eventually([&] { return elapsed("t") >= 1000; }));
-    post(R"({"stopTimer":"t"})");
-    const uint64_t stopped = elapsed("t");
-    EXPECT_EQ(elapsed("t"), stopped);
-    post(R"({"resetTimer":"t"})");
-    EXPECT_EQ(elapsed("t"), 0U);
-    EXPECT_NE(ask(Key::getTimerLastStarted, "t"), "0");
+    state.startTimer("t");
+    ASSERT_TRUE(eventually([&] { return state.elapsed("t") >= 1000; }));
+    state.stopTimer("t");
+    const uint64_t stopped = state.elapsed("t");
+    EXPECT_EQ(state.elapsed("t"), stopped);
+    state.resetTimer("t");
+    EXPECT_EQ(state.elapsed("t"), 0U);
+    EXPECT_NE(state.lastStarted("t"), 0U);
 }
 
 TEST_F(DeviceStateTest, startingARunningTimerKeepsTheTimeOfItsStart)
 {
-    post(R"({"startTimer":"t"})");
-    const std::string started = ask(Key::getTimerLastStarted, "t");
-    ASSERT_TRUE(eventually([&] { return elapsed("t") >= 1000; }));
-    post(R"({"startTimer":"t"})");
-    EXPECT_EQ(ask(Key::getTimerLastStarted, "t"), started);
-    post(R"({"restartTimer":"t"})");
-    EXPECT_NE(ask(Key::getTimerLastStarted, "t"), started);
+    state.startTimer("t");
+    const uint64_t started = state.lastStarted("t");
+    ASSERT_TRUE(eventually([&] { return state.elapsed("t") >= 1000; }));
+    state.startTimer("t");
+    EXPECT_EQ(state.lastStarted("t"), started);
+    state.restartTimer("t");
+    EXPECT_NE(state.lastStarted("t"), started);
 }
 
 // -------------------------------------------------------------------------------------------------- limits
@@ -141,13 +197,6 @@ protected:
         limits.counters = 1;
     }
 
-    std::string value(const std::string& key) { return state.answer(valueRequest(key)).value_or("refused"); }
-
-    static BrokerProtocol::Command valueRequest(const std::string& key)
-    {
-        return *BrokerProtocol::readRequest(BrokerProtocol::writeText(Key::getClientInfoValue, key));
-    }
-
     const LogCapture log;
 };
 
@@ -155,47 +204,49 @@ protected:
 
 TEST_F(DeviceLimits, aKeyTooManyIsRefusedAndTheRestApplied)
 {
-    EXPECT_EQ(post(R"({"postStatus":{"a":"1","b":"1","c":"1"}})"), R"({"statusUpdate":{"a":"1","b":"1"}})");
+    EXPECT_EQ(post({{"a", "1"}, {"b", "1"}, {"c", "1"}}), (Changes{{"a", "1"}, {"b", "1"}}));
     EXPECT_EQ(refusals.count(Refusal::Keys), 1U);
     EXPECT_TRUE(log.has(2, "New name [c] refused, limit.keys is 2"));
-    EXPECT_EQ(post(R"({"resetStatus":["d"]})"), std::nullopt);
+    EXPECT_EQ(reset({"d"}), none);
     EXPECT_EQ(refusals.count(Refusal::Keys), 2U);
-    EXPECT_EQ(post(R"({"postStatus":{"a":"2","b":""}})"), R"({"statusUpdate":{"a":"2","b":""}})");
+    EXPECT_EQ(post({{"a", "2"}, {"b", ""}}), (Changes{{"a", "2"}, {"b", ""}}));
     EXPECT_EQ(state.keys(), 2U);
 }
 
 TEST_F(DeviceLimits, aLongNameIsRefusedEverywhere)
 {
-    EXPECT_EQ(post(R"({"postStatus":{"12345":"1","123456":"1"}})"), R"({"statusUpdate":{"12345":"1"}})");
-    EXPECT_EQ(post(R"({"resetStatus":["123456"]})"), std::nullopt);
-    EXPECT_EQ(post(R"({"postEvent":{"123456":"1"}})"), std::nullopt);
-    EXPECT_EQ(post(R"({"startTimer":"123456"})"), std::nullopt);
-    EXPECT_EQ(post(R"({"setCounterValue":{"123456":1}})"), std::nullopt);
-    EXPECT_EQ(ask(Key::incrementCounter, "123456"), "refused");
+    EXPECT_EQ(post({{"12345", "1"}, {"123456", "1"}}), (Changes{{"12345", "1"}}));
+    EXPECT_EQ(reset({"123456"}), none);
+    EXPECT_EQ(events({{"123456", "1"}}), none);
+    state.startTimer("123456");
+    EXPECT_EQ(state.timers(), 0U);
+    state.setCounter("123456", 1);
+    EXPECT_EQ(state.incrementCounter("123456"), std::nullopt);
+    EXPECT_EQ(state.counters(), 0U);
     EXPECT_EQ(refusals.count(Refusal::KeyBytes), 6U);
     EXPECT_TRUE(log.has(2, "Name [123456...] of 6 bytes refused, the limit is 5"));
 }
 
 TEST_F(DeviceLimits, aLongValueIsRefusedAndTheOldOneStays)
 {
-    post(R"({"postStatus":{"a":"1234567890"}})");
-    EXPECT_EQ(post(R"({"postStatus":{"a":"12345678901"}})"), std::nullopt);
-    EXPECT_EQ(post(R"({"postEvent":{"e":"12345678901"}})"), std::nullopt);
-    EXPECT_EQ(value("a"), R"({"statusValue":"1234567890"})");
+    post({{"a", "1234567890"}});
+    EXPECT_EQ(post({{"a", "12345678901"}}), none);
+    EXPECT_EQ(events({{"e", "12345678901"}}), none);
+    EXPECT_EQ(valueOf("a"), "1234567890");
     EXPECT_EQ(refusals.count(Refusal::ValueBytes), 2U);
     EXPECT_TRUE(log.has(2, "Value of [a] of 11 bytes refused, the limit is 10"));
 }
 
 TEST_F(DeviceLimits, allBytesTogetherAreLimited)
 {
-    post(R"({"postStatus":{"a":"123456789"}})"); // 10 with its key
-    EXPECT_EQ(post(R"({"postStatus":{"b":"1234567890"}})"), std::nullopt);
+    post({{"a", "123456789"}}); // 10 with its key
+    EXPECT_EQ(post({{"b", "1234567890"}}), none);
     EXPECT_EQ(refusals.count(Refusal::StoredBytes), 1U);
-    EXPECT_NE(post(R"({"postStatus":{"b":"123456789"}})"), std::nullopt);
+    EXPECT_NE(post({{"b", "123456789"}}), none);
     EXPECT_EQ(state.storedBytes(), 20U);
-    EXPECT_EQ(post(R"({"postStatus":{"b":"1234567890"}})"), std::nullopt);
-    EXPECT_NE(post(R"({"postStatus":{"b":"987654321"}})"), std::nullopt) << "no longer than before";
-    post(R"({"postStatus":{"a":""}})");
+    EXPECT_EQ(post({{"b", "1234567890"}}), none);
+    EXPECT_NE(post({{"b", "987654321"}}), none) << "no longer than before";
+    post({{"a", ""}});
     EXPECT_EQ(state.storedBytes(), 11U);
 }
 
@@ -207,30 +258,34 @@ TEST_F(DeviceStateTest, aValueThatWasLongTakesNoMemoryAnyMore)
     for (int key = 0; key < keys; ++key)
     {
         const std::string name = std::to_string(key);
-        post(BrokerProtocol::writeMap(Key::postStatus, {{name, std::string(limits.valueBytes, 'x')}}));
-        post(BrokerProtocol::writeList(Key::resetStatus, {name}));
+        post({{name, std::string(limits.valueBytes, 'x')}});
+        reset({name});
     }
     EXPECT_LT(mallinfo2().uordblks - before, keys * limits.valueBytes / 10);
 }
 
 TEST_F(DeviceLimits, timersAndCountersTooManyAreRefused)
 {
-    post(R"({"startTimer":"t"})");
-    post(R"({"startTimer":"u"})");
-    post(R"({"stopTimer":"t"})");
+    state.startTimer("t");
+    state.startTimer("u");
+    state.stopTimer("t");
     EXPECT_EQ(refusals.count(Refusal::Timers), 1U);
     EXPECT_EQ(state.timers(), 1U);
-    EXPECT_EQ(ask(Key::incrementCounter, "c"), "1");
-    EXPECT_EQ(ask(Key::incrementCounter, "d"), "refused");
-    EXPECT_EQ(ask(Key::incrementCounter, "c"), "2");
+    EXPECT_EQ(state.incrementCounter("c"), 1U);
+    EXPECT_EQ(state.incrementCounter("d"), std::nullopt);
+    EXPECT_EQ(state.incrementCounter("c"), 2U);
     EXPECT_EQ(refusals.count(Refusal::Counters), 1U);
 }
 
 TEST_F(DeviceLimits, askingMakesNothing)
 {
-    for (const char* key : {Key::getTimerElapsed, Key::getTimerLastStarted, Key::getCounterValue})
-        for (const char* name : {"a", "b", "c"})
-            EXPECT_EQ(ask(key, name), "0");
+    for (const char* name : {"a", "b", "c"})
+    {
+        EXPECT_EQ(state.elapsed(name), 0U);
+        EXPECT_EQ(state.lastStarted(name), 0U);
+        EXPECT_EQ(state.counter(name), 0U);
+        EXPECT_EQ(valueOf(name), "");
+    }
     EXPECT_EQ(state.timers() + state.counters() + state.keys(), 0U);
 }
 
@@ -238,20 +293,20 @@ TEST_F(DeviceLimits, askingMakesNothing)
 
 TEST_F(DeviceStateTest, changesAreNotedFromItsRestorationOn)
 {
-    post(R"({"postStatus":{"before":"1"}})");
+    post({{"before", "1"}});
     EXPECT_TRUE(state.takeChanges().empty());
     state.restore({});
-    post(R"({"postStatus":{"a":"1","b":"1"}})");
-    post(R"({"postStatus":{"a":"2"}})");
-    post(R"({"startTimer":"t"})");
-    post(R"({"setCounterValue":{"c":5}})");
-    ask(Key::incrementCounter, "c");
+    post({{"a", "1"}, {"b", "1"}});
+    post({{"a", "2"}});
+    state.startTimer("t");
+    state.setCounter("c", 5);
+    state.incrementCounter("c");
     const SavedState changes = state.takeChanges();
-    EXPECT_EQ(changes.values, (StatusMap{{"a", "2"}, {"b", "1"}}));
+    EXPECT_EQ(changes.values, (Map{{"a", "2"}, {"b", "1"}}));
     EXPECT_NE(changes.timers.at("t").spanStart, 0U);
     EXPECT_EQ(changes.counters, (std::map<std::string, uint32_t>{{"c", 6}}));
     EXPECT_TRUE(state.takeChanges().empty());
-    post(R"({"postStatus":{"a":"2"}})");
+    post({{"a", "2"}});
     EXPECT_TRUE(state.takeChanges().empty()) << "nothing has changed";
 }
 
@@ -262,12 +317,23 @@ TEST_F(DeviceStateTest, goesOnWithWhatWasKept)
     saved.counters = {{"c", 7}};
     saved.timers["stopped"] = {5000000, 0, 42};
     state.restore(saved);
-    EXPECT_EQ(ask(Key::getClientInfoValue, "a"), R"({"statusValue":"1"})");
-    EXPECT_EQ(ask(Key::incrementCounter, "c"), "8");
-    EXPECT_EQ(ask(Key::getTimerElapsed, "stopped"), "5000000");
-    EXPECT_EQ(ask(Key::getTimerLastStarted, "stopped"), "42");
+    EXPECT_EQ(valueOf("a"), "1");
+    EXPECT_EQ(state.incrementCounter("c"), 8U);
+    EXPECT_EQ(state.elapsed("stopped"), 5000000U);
+    EXPECT_EQ(state.lastStarted("stopped"), 42U);
     EXPECT_FALSE(state.hasRunningTimers());
     EXPECT_EQ(state.storedBytes(), 2U);
-    post(R"({"startTimer":"stopped"})");
+    state.startTimer("stopped");
     EXPECT_TRUE(state.hasRunningTimers());
+}
+
+TEST_F(DeviceStateTest, tellsEverythingItHolds)
+{
+    post({{"a", "1"}, {"b", "2"}});
+    state.startTimer("t");
+    state.setCounter("c", 5);
+    const SavedState all = state.everything();
+    EXPECT_EQ(all.values, (Map{{"a", "1"}, {"b", "2"}}));
+    EXPECT_EQ(all.timers.count("t"), 1U);
+    EXPECT_EQ(all.counters.at("c"), 5U);
 }

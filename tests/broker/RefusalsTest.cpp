@@ -9,46 +9,66 @@
 namespace
 {
 
-const TimePoint start{std::chrono::seconds(1000)};
+TimePoint now;
+
+class RefusalsTest : public testing::Test
+{
+protected:
+    RefusalsTest() { now = TimePoint(std::chrono::seconds(1000)); }
+
+    const LogCapture log;
+    Refusals refusals{[] { return now; }};
+};
 
 } // namespace
 
-TEST(RefusalsTest, areCountedAndSomeAreLogged)
+TEST_F(RefusalsTest, areCountedAndSomeAreLogged)
 {
-    const LogCapture log;
-    Refusals refusals;
     for (int count = 0; count < 1000; ++count)
-        refusals.report(Refusal::Keys, "too many", start);
+        refusals.report(Refusal::Keys, "too many");
     EXPECT_EQ(refusals.count(Refusal::Keys), 1000U);
     EXPECT_EQ(refusals.count(Refusal::Timers), 0U);
     EXPECT_EQ(log.count(2, "too many"), Refusals::linesPerWindow);
     EXPECT_EQ(log.lines().size(), Refusals::linesPerWindow);
 }
 
-TEST(RefusalsTest, theNextLineTellsHowManyWereLeftOut)
+TEST_F(RefusalsTest, theNextLineTellsHowManyWereLeftOut)
 {
-    const LogCapture log;
-    Refusals refusals;
     for (int count = 0; count < 12; ++count)
-        refusals.report(Refusal::Keys, "too many", start);
-    log.lines();
-    refusals.report(Refusal::Keys, "another", start + Refusals::window);
+        refusals.report(Refusal::Keys, "too many");
+    now += Refusals::window;
+    refusals.report(Refusal::Keys, "another");
     EXPECT_TRUE(log.has(2, "another (and 7 before it)"));
-    refusals.report(Refusal::Keys, "yet another", start + Refusals::window);
+    refusals.report(Refusal::Keys, "yet another");
     EXPECT_TRUE(log.has(2, "yet another"));
 }
 
-TEST(RefusalsTest, oneKindDoesNotSilenceAnother)
+TEST_F(RefusalsTest, oneKindDoesNotSilenceAnother)
 {
-    const LogCapture log;
-    Refusals refusals;
     for (int count = 0; count < 100; ++count)
-        refusals.report(Refusal::Keys, "too many", start);
-    refusals.report(Refusal::Timers, "a timer", start);
+        refusals.report(Refusal::Keys, "too many");
+    refusals.report(Refusal::Timers, "a timer");
     EXPECT_TRUE(log.has(2, "a timer"));
 }
 
-TEST(RefusalsTest, eachKindHasItsName)
+TEST_F(RefusalsTest, aLineIsCutAndNeverTooLong)
+{
+    refusals.report(Refusal::Keys, "%s", std::string(100000, 'x').c_str());
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_LE(log.lines().front().text.size(), 512U);
+}
+
+TEST_F(RefusalsTest, aLongMessageIsToldWithItsLimitAndWhatBecomesOfItsConnection)
+{
+    refusals.reportLong("Post", false, 2048);
+    refusals.reportLong("Request", true, 2048);
+    EXPECT_TRUE(log.has(2, "Post of more than 2048 bytes refused"));
+    EXPECT_TRUE(log.has(
+        2, "Request of more than 2048 bytes refused, its connection is closed because it does not end"));
+    EXPECT_EQ(refusals.count(Refusal::MessageBytes), 2U);
+}
+
+TEST_F(RefusalsTest, eachKindHasItsName)
 {
     std::set<std::string> names;
     for (std::size_t kind = 0; kind < refusalKinds; ++kind)
@@ -88,10 +108,9 @@ TEST(DurationsTest, extremesAreTaken)
 TEST(StatisticsTest, ofTheProcessAreThere)
 {
     Statistics::Numbers numbers;
-    Statistics::addProcess(numbers);
+    Statistics::Process process;
+    process.add(numbers, Clock::now());
     EXPECT_GE(numbers.at("descriptors.open"), 3U);
     EXPECT_GE(numbers.at("descriptors.limit"), numbers.at("descriptors.open"));
     EXPECT_GT(numbers.at("memory.rss"), 100000U);
-    EXPECT_EQ(BrokerProtocol::writeStatisticsReply({{"a.b", 5}, {"c", UINT64_MAX}}),
-              R"({"a.b":5,"c":18446744073709551615})");
 }

@@ -7,6 +7,8 @@
 #pragma GCC diagnostic ignored                                                                               \
     "-Wdeprecated-declarations" // Json::FastWriter and Json::Reader: the wire format is theirs
 
+using PlainDocument::Members;
+
 namespace
 {
 
@@ -17,7 +19,7 @@ std::string writtenByJsonCpp(const Json::Value& root)
     return writer.write(root);
 }
 
-Json::Value objectOf(const StatusMap& members)
+Json::Value objectOf(const Members& members)
 {
     Json::Value object(Json::objectValue);
     for (const auto& [name, value] : members)
@@ -25,9 +27,9 @@ Json::Value objectOf(const StatusMap& members)
     return object;
 }
 
-StatusMap membersOf(const Json::Value& object)
+Members membersOf(const Json::Value& object)
 {
-    StatusMap members;
+    Members members;
     for (const std::string& name : object.getMemberNames())
         members[name] = object[name].asString();
     return members;
@@ -58,9 +60,9 @@ public:
         return text;
     }
 
-    StatusMap members(std::string_view characters)
+    Members members(std::string_view characters)
     {
-        StatusMap members;
+        Members members;
         for (std::size_t count = upTo(4); count > 0; --count)
             members[text(characters)] = text(characters);
         return members;
@@ -79,7 +81,7 @@ TEST(PlainDocument, isWrittenAsJsonCppWritesIt)
     Generator generator;
     for (int round = 0; round < 2000; ++round)
     {
-        const StatusMap members = generator.members(plainCharacters);
+        const Members members = generator.members(plainCharacters);
         const std::string text = generator.text(plainCharacters);
         Json::Value withMembers(Json::objectValue);
         withMembers["postStatus"] = objectOf(members);
@@ -96,7 +98,7 @@ TEST(PlainDocument, isReadAsItWasWritten)
     Generator generator;
     for (int round = 0; round < 2000; ++round)
     {
-        const StatusMap members = generator.members(plainCharacters);
+        const Members members = generator.members(plainCharacters);
         const std::string text = generator.text(plainCharacters);
         const std::string withMembers = *PlainDocument::write("statusUpdate", members);
         const std::string withText = *PlainDocument::write("statusValue", text);
@@ -121,8 +123,8 @@ TEST(PlainDocument, everyByteThatJsonCppWritesOtherwiseIsLeftToIt)
         const bool asItIs = writtenByJsonCpp(objectOf({{"k", text}})) == document;
         const bool plain = asItIs && byte != 0x7f; // the one that could be, but is not printable
         EXPECT_EQ(PlainDocument::write("k", text).has_value(), plain) << byte;
-        EXPECT_EQ(PlainDocument::write("k", StatusMap{{text, ""}}).has_value(), plain) << byte;
-        EXPECT_EQ(PlainDocument::write(StatusMap{{"", text}}).has_value(), plain) << byte;
+        EXPECT_EQ(PlainDocument::write("k", Members{{text, ""}}).has_value(), plain) << byte;
+        EXPECT_EQ(PlainDocument::write(Members{{"", text}}).has_value(), plain) << byte;
         EXPECT_EQ(PlainDocument::read(document).has_value(), plain) << byte;
         EXPECT_EQ(PlainDocument::readMembers(document).has_value(), plain) << byte;
     }
@@ -135,12 +137,12 @@ TEST(PlainDocument, damagedIsNeverReadOtherwiseThanByJsonCpp)
     constexpr std::string_view damage = "\"{}:,\\ ab\t0[";
     for (int round = 0; round < 20000; ++round)
     {
-        StatusMap written = generator.members("abcde");
+        Members written = generator.members("abcde");
         written["a"];
         std::string document = *PlainDocument::write("key", written);
         document[generator.upTo(document.size() - 1)] = damage[generator.upTo(damage.size() - 1)];
         const std::optional<Json::Value> root = readByJsonCpp(document);
-        if (const std::optional<StatusMap> members = PlainDocument::readMembers(document))
+        if (const std::optional<Members> members = PlainDocument::readMembers(document))
         {
             ASSERT_TRUE(root) << document;
             ASSERT_EQ(membersOf(*root), *members) << document;
@@ -150,7 +152,7 @@ TEST(PlainDocument, damagedIsNeverReadOtherwiseThanByJsonCpp)
             ASSERT_TRUE(root && root->size() == 1) << document;
             ASSERT_EQ(root->begin().name(), content->key) << document;
             ASSERT_EQ(content->text ? root->begin()->asString() : "", content->text.value_or("")) << document;
-            ASSERT_EQ(content->text ? StatusMap() : membersOf(*root->begin()), content->members) << document;
+            ASSERT_EQ(content->text ? Members() : membersOf(*root->begin()), content->members) << document;
         }
     }
 }

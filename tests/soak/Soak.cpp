@@ -36,9 +36,9 @@ public:
         return mProcess.readLine() == "stopped";
     }
 
-    StatusMap known()
+    BrokerProtocol::Members known()
     {
-        StatusMap known;
+        BrokerProtocol::Members known;
         mProcess.writeLine("report");
         for (std::optional<std::string> line; (line = mProcess.readLine()) && *line != "reported";)
             known[line->substr(0, line->find('='))] = line->substr(line->find('=') + 1);
@@ -131,13 +131,13 @@ private:
     {
         mSamples.push_back(
             {brokerStatistic(mRequester, "memory.rss"), brokerStatistic(mRequester, "descriptors.open")});
-        printf("%5.0f s: %llu KiB, %llu descriptors, %llu posts, %llu notifications, %llu cut off\n",
+        printf("%5.0f s: %llu KiB, %llu descriptors, %llu posts, %llu notifications, %llu times behind\n",
                std::chrono::duration<double>(Clock::now() - mStart).count(),
                static_cast<unsigned long long>(mSamples.back().memory / 1024),
                static_cast<unsigned long long>(mSamples.back().descriptors),
                static_cast<unsigned long long>(brokerStatistic(mRequester, "posts")),
                static_cast<unsigned long long>(brokerStatistic(mRequester, "notifications.published")),
-               static_cast<unsigned long long>(brokerStatistic(mRequester, "subscribers.cutOff")));
+               static_cast<unsigned long long>(brokerStatistic(mRequester, "subscribers.fallenBehind")));
         fflush(stdout);
     }
 
@@ -167,9 +167,9 @@ private:
         for (const auto& client : mClients)
             if (!client->stop())
                 return printf("a client did not stop\n"), false;
-        const StatusMap held =
+        const BrokerProtocol::Members held =
             BrokerProtocol::readMapReply(mRequester.ask(BrokerProtocol::writeGetClientInfo()))
-                .value_or(StatusMap());
+                .value_or(BrokerProtocol::Members());
         int agreeing = 0;
         for (const auto& client : mClients)
             agreeing += eventually([&] { return client->known() == held; }) ? 1 : 0;

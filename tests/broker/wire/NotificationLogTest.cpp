@@ -1,0 +1,303 @@
+#include "broker/wire/NotificationLog.h"
+
+#include <array>
+#include <gtest/gtest.h>
+
+#include "tests/broker/wire/Frames.h"
+
+namespace
+{
+
+using Position = NotificationLog::Position;
+
+constexpr std::size_t chunk = NotificationLog::chunkBytes;
+
+std::string framesOf(const std::string& text)
+{
+    std::vector<std::string> frames;
+    for (std::size_t at = 0; at == 0 || at < text.size(); at += 512)
+        frames.push_back(text.substr(at, 512));
+    return WireFrames::message(frames);
+}
+
+class NotificationLogTest : public testing::Test
+{
+protected:
+    // Each at a revision of its own.
+    void append(const std::string& text, uint64_t events = 0)
+    {
+        log.append(text, ++revision, events);
+        all += framesOf(text);
+    }
+
+    // Fills the log to exactly this position, in one message.
+    void fillTo(Position end)
+    {
+        const Position size = end - log.end();
+        std::size_t textSize = size;
+        while (framesOf(std::string(textSize, 'x')).size() > size)
+            --textSize;
+        append(std::string(textSize, 'x'));
+        ASSERT_EQ(log.end(), end) << "no text has so many bytes in frames";
+    }
+
+    std::string copied(Position from, Position until) const
+    {
+        std::string bytes;
+        log.copy(from, until, bytes);
+        return bytes;
+    }
+
+    std::string beginning(Position message, std::size_t most) const
+    {
+        std::string text;
+        log.copyBeginning(message, most, text);
+        return text;
+    }
+
+    NotificationLog log;
+    uint64_t revision = 0;
+    std::string all; // bytes of the wire, from the beginning of all
+};
+
+} // namespace
+
+TEST_F(NotificationLogTest, holdsTheFramesOfItsMessagesBehindEachOther)
+{
+    append("one");
+    append("");
+    append(std::string(512, 'x'));
+    append(std::string(1300, 'y'));
+    EXPECT_EQ(log.end(), all.size());
+    EXPECT_EQ(copied(0, log.end()), all);
+    for (Position from = 0; from < log.end(); from += 7)
+        ASSERT_EQ(copied(from, log.end() - 1), all.substr(from, log.end() - 1 - from));
+}
+
+TEST_F(NotificationLogTest, messagesLieAcrossChunks)
+{
+    for (int count = 0; count < 300; ++count)
+        append(std::to_string(count) + std::string(997, 'x'));
+    append(std::string(3 * chunk, 'y'));
+    ASSERT_GT(log.end(), 7 * chunk);
+    EXPECT_EQ(copied(0, log.end()), all);
+}
+
+TEST_F(NotificationLogTest, piecesReachAsFarAsThereAreSome)
+{
+    append(std::string(3 * chunk, 'x'));
+    std::array<iovec, 16> pieces{};
+    const Position from = 100;
+    ASSERT_EQ(log.pieces(from, log.end(), pieces.data(), pieces.size()), 4U);
+    std::string bytes;
+    for (std::size_t index = 0; index < 4; ++index)
+        bytes.append(static_cast<const char*>(pieces[index].iov_base), pieces[index].iov_len);
+    EXPECT_EQ(bytes, all.substr(from));
+    EXPECT_EQ(log.pieces(from, log.end(), pieces.data(), 2), 2U);
+    EXPECT_EQ(pieces[0].iov_len, chunk - from);
+    EXPECT_EQ(pieces[1].iov_len, chunk);
+    EXPECT_EQ(log.pieces(log.end(), log.end(), pieces.data(), pieces.size()), 0U);
+}
+
+// ----------------------------------------------------------------------------------------------- positions
+
+TEST_F(NotificationLogTest, aPositionInAMessageOrAtItsEndIsThatMessages)
+{
+    append("first", 2);
+    const Position first = log.end();
+    append("second", 3);
+    const Position second = log.end();
+    EXPECT_EQ(log.messageAt(1).end, first);
+    EXPECT_EQ(log.messageAt(first).end, first) << "it has been read";
+    EXPECT_EQ(log.messageAt(first).revision, 1U);
+    EXPECT_EQ(log.messageAt(first).eventsUpTo, 2U);
+    EXPECT_EQ(log.messageAt(first + 1).end, second);
+    EXPECT_EQ(log.messageAt(second).end, second);
+    EXPECT_EQ(log.messageAt(second).revision, 2U);
+    EXPECT_EQ(log.messageAt(second).eventsUpTo, 5U);
+}
+
+TEST_F(NotificationLogTest, theMessageBehindAPositionBeginsThere)
+{
+    append("first");
+    const Position first = log.end();
+    append("second");
+    EXPECT_EQ(log.messageBehind(0)->end, first);
+    EXPECT_EQ(log.messageBehind(first - 1)->end, first);
+    EXPECT_EQ(log.messageBehind(first)->end, log.end());
+    EXPECT_EQ(log.messageBehind(log.end()), nullptr);
+}
+
+TEST_F(NotificationLogTest, anEmptyLogHasNoMessages)
+{
+    EXPECT_EQ(log.end(), 0U);
+    EXPECT_EQ(log.messageAt(0).end, 0U);
+    EXPECT_EQ(log.messageAt(0).revision, 0U);
+    EXPECT_EQ(log.messageBehind(0), nullptr);
+    EXPECT_EQ(log.endOfOldest(), 0U);
+}
+
+TEST_F(NotificationLogTest, eventsAreCountedUpToEachMessage)
+{
+    append("status");
+    EXPECT_EQ(log.eventsSoFar(), 0U);
+    append("event", 1);
+    append("events", 4);
+    EXPECT_EQ(log.eventsSoFar(), 5U);
+}
+
+TEST_F(NotificationLogTest, theBeginningOfAMessageIsOfItsTextAlone)
+{
+    append("short");
+    const Position first = log.end();
+    append(std::string(300, 'l'));
+    const Position second = log.end();
+    append(std::string(2000, 'm'));
+    EXPECT_EQ(beginning(0, 3), "sho");
+    EXPECT_EQ(beginning(0, 5), "short");
+    EXPECT_EQ(beginning(0, 255), "short") << "nothing of the next message";
+    EXPECT_EQ(beginning(first, 255), std::string(255, 'l'));
+    EXPECT_EQ(beginning(second, 255), std::string(255, 'm'));
+}
+
+TEST_F(NotificationLogTest, theBeginningOfAMessageMayLieAcrossTwoChunks)
+{
+    for (std::size_t before = 1; before < 20; ++before)
+    {
+        NotificationLog another;
+        std::swap(log, another);
+        fillTo(chunk - before);
+        const Position message = log.end();
+        append("{\"statusUpdate\":{\"k\":\"v\"}}");
+        EXPECT_EQ(beginning(message, 16), "{\"statusUpdate\":") << before;
+    }
+}
+
+TEST_F(NotificationLogTest, theBeginningOfALastMessageThatIsShortIsAllOfIt)
+{
+    append("");
+    EXPECT_EQ(beginning(0, 255), "");
+    const Position message = log.end();
+    append("x");
+    EXPECT_EQ(beginning(message, 255), "x");
+}
+
+// ------------------------------------------------------------------------------------------------- readers
+
+TEST_F(NotificationLogTest, whatNobodyReadsIsFreed)
+{
+    append(std::string(5 * chunk, 'x'));
+    const std::size_t before = log.heldBytes();
+    log.trim();
+    EXPECT_LT(log.heldBytes(), before - 4 * chunk);
+    EXPECT_EQ(log.endOfOldest(), 0U) << "there is only the chunk that is being written";
+    append("more");
+    EXPECT_EQ(copied(log.end() - 6, log.end()), framesOf("more"));
+}
+
+TEST_F(NotificationLogTest, whatSomebodyIsInIsKeptUntilItLeaves)
+{
+    append("first");
+    const Position reader = log.end();
+    log.enter(reader);
+    append(std::string(3 * chunk, 'x'));
+    log.trim();
+    EXPECT_EQ(copied(0, log.end()), all);
+    EXPECT_EQ(log.endOfOldest(), chunk);
+    log.leave(reader);
+    log.trim();
+    EXPECT_EQ(log.endOfOldest(), 0U);
+}
+
+TEST_F(NotificationLogTest, aReaderThatReadsOnFreesWhatIsBehindIt)
+{
+    log.enter(0);
+    append(std::string(3 * chunk, 'x'));
+    Position at = 0;
+    for (const Position to : {Position{100}, Position{chunk - 1}, Position{chunk}, Position{chunk + 1}})
+    {
+        log.advance(at, to);
+        at = to;
+        log.trim();
+        EXPECT_EQ(log.endOfOldest(), to < chunk ? chunk : 2 * chunk) << to;
+        EXPECT_EQ(copied(at, log.end()), all.substr(at));
+    }
+    log.advance(at, log.end());
+    log.trim();
+    EXPECT_EQ(log.endOfOldest(), 0U);
+}
+
+TEST_F(NotificationLogTest, theSlowestReaderCounts)
+{
+    log.enter(0);
+    log.enter(0);
+    append(std::string(2 * chunk, 'x'));
+    log.advance(0, log.end());
+    log.trim();
+    EXPECT_EQ(log.endOfOldest(), chunk);
+    log.advance(0, log.end());
+    log.trim();
+    EXPECT_EQ(log.endOfOldest(), 0U);
+}
+
+TEST_F(NotificationLogTest, aReaderMayStandAtTheEndOfAChunkThatIsExactlyFull)
+{
+    log.enter(0);
+    fillTo(chunk);
+    log.advance(0, log.end());
+    log.trim();
+    EXPECT_EQ(log.endOfOldest(), 0U);
+    append("next");
+    EXPECT_EQ(copied(chunk, log.end()), framesOf("next"));
+    log.leave(chunk);
+    log.enter(log.end());
+    log.trim();
+    EXPECT_EQ(log.messageAt(log.end()).revision, revision);
+}
+
+TEST_F(NotificationLogTest, theMessageAtAReadersPositionIsKnownAsLongAsItsChunkIsThere)
+{
+    append("first");
+    const Position reader = log.end();
+    log.enter(reader);
+    for (int count = 0; count < 200; ++count)
+    {
+        append(std::string(1000, 'x'));
+        log.trim();
+    }
+    EXPECT_EQ(log.messageAt(reader).end, reader);
+    EXPECT_EQ(log.messageAt(reader).revision, 1U);
+}
+
+TEST_F(NotificationLogTest, aMessageThatBeganInAChunkThatIsGoneIsStillKnown)
+{
+    append(std::string(chunk + 100, 'x'));
+    const Position inside = chunk + 50;
+    log.enter(inside);
+    append("next");
+    log.trim();
+    EXPECT_EQ(log.messageAt(inside).revision, 1U);
+    EXPECT_EQ(copied(inside, log.messageAt(inside).end),
+              all.substr(inside, log.messageAt(inside).end - inside));
+}
+
+// -------------------------------------------------------------------------------------------------- memory
+
+TEST_F(NotificationLogTest, alsoManySmallMessagesAreCounted)
+{
+    log.enter(0);
+    const std::size_t before = log.heldBytes();
+    for (int count = 0; count < 10000; ++count)
+        append("x");
+    EXPECT_GE(log.heldBytes() - before, 10000 * sizeof(NotificationLog::Message));
+}
+
+TEST_F(NotificationLogTest, withoutReadersItStaysShortWhateverIsPublished)
+{
+    for (int count = 0; count < 100000; ++count)
+    {
+        append("0123456789");
+        log.trim();
+        ASSERT_LT(log.heldBytes(), 8 * chunk);
+    }
+}
