@@ -1,124 +1,42 @@
-// What the broker does with a post and with a request, between its sockets: from a text to a text.
+#include "benchmarks/micro/BrokerCore.h"
 
 #include <stdexcept>
-#include <vector>
 
-#include "benchmarks/micro/Measured.h"
 #include "benchmarks/micro/Samples.h"
-#include "broker/state/DeviceState.h"
+#include "protocol/ClientDocuments.h"
 
 namespace Key = BrokerProtocol::Key;
 
-namespace
+BrokerCore::BrokerCore(std::size_t keys)
 {
-
-std::optional<std::string> post(DeviceState& device, const std::string& text)
-{
-    return device.apply(*BrokerProtocol::readPost(text));
+    post(BrokerProtocol::writeMap(Key::postStatus, Samples::values(keys)));
+    if (mDevice.keys() != keys)
+        throw std::logic_error("not all keys were stored");
 }
 
-std::optional<std::string> ask(DeviceState& device, const std::string& text)
+bool BrokerCore::post(std::string_view text)
 {
-    return device.answer(*BrokerProtocol::readRequest(text));
+    if (!mCommand.readPost(text))
+        throw std::logic_error("a post cannot be read");
+    const bool isStatus = mCommand.operation == BrokerProtocol::Operation::PostStatus;
+    const DeviceState::Members& members =
+        isStatus ? mDevice.post(mCommand.members) : mDevice.events(mCommand.members);
+    if (members.empty())
+        return false;
+    mNotification.clear();
+    BrokerProtocol::appendUpdate(mNotification, isStatus ? Key::statusUpdate : Key::eventUpdate, members);
+    mLog.append(mNotification, mDevice.revision(), isStatus ? 0 : members.size());
+    mLog.trim();
+    return true;
 }
 
-struct Holding
+const std::string& BrokerCore::ask(std::string_view text)
 {
-    explicit Holding(std::size_t keys)
+    constexpr std::size_t piece = 8192;
+    mAnswer.clear();
+    Reply reply = mAnswerer.answer(text);
+    while (!reply.produce(mDevice, piece, mAnswer))
     {
-        post(device, BrokerProtocol::writeMap(Key::postStatus, Samples::values(keys)));
-        if (device.keys() != keys)
-            throw std::logic_error("not all keys were stored");
     }
-
-    Limits limits;
-    Refusals refusals;
-    DeviceState device{limits, refusals};
-};
-
-// Posts of one value each, from all over the keys. Each changes something, whenever it comes.
-std::vector<std::string> postsThatChange(std::size_t keys)
-{
-    constexpr std::size_t some = 100;
-    std::vector<std::string> posts;
-    for (std::size_t i = 0; i < 2 * some; ++i)
-    {
-        const std::string name = Samples::name(i % some * keys / some);
-        posts.push_back(BrokerProtocol::writeMap(Key::postStatus, {{name, Samples::value(some + i)}}));
-    }
-    return posts;
+    return mAnswer;
 }
-
-void brokerPost(benchmark::State& state)
-{
-    const auto keys = static_cast<std::size_t>(state.range());
-    Holding holding(keys);
-    const std::vector<std::string> posts = postsThatChange(keys);
-    const uint64_t before = holding.device.revision();
-    std::size_t next = 0;
-    const Measured measured(state);
-    for (auto _ : state)
-    {
-        benchmark::DoNotOptimize(post(holding.device, posts[next]));
-        next = (next + 1) % posts.size();
-    }
-    if (holding.device.revision() - before != static_cast<uint64_t>(state.iterations()))
-        throw std::logic_error("a post changed nothing");
-}
-BENCHMARK(brokerPost)->ArgName("keys")->Arg(10)->Arg(100)->Arg(10000);
-
-void brokerPostOfTheSameValue(benchmark::State& state)
-{
-    Holding holding(100);
-    const std::string text =
-        BrokerProtocol::writeMap(Key::postStatus, {{Samples::name(1), Samples::value(1)}});
-    if (post(holding.device, text))
-        throw std::logic_error("the value is not the same");
-    const Measured measured(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(post(holding.device, text));
-}
-BENCHMARK(brokerPostOfTheSameValue);
-
-void brokerEvent(benchmark::State& state)
-{
-    Holding holding(0);
-    const std::string text = BrokerProtocol::writePostEvent(Samples::name(1), Samples::value(1));
-    const Measured measured(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(post(holding.device, text));
-}
-BENCHMARK(brokerEvent);
-
-void brokerQuery(benchmark::State& state)
-{
-    const auto keys = static_cast<std::size_t>(state.range());
-    Holding holding(keys);
-    const std::string text = BrokerProtocol::writeText(Key::getClientInfoValue, Samples::name(keys / 2));
-    const Measured measured(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(ask(holding.device, text));
-}
-BENCHMARK(brokerQuery)->ArgName("keys")->Arg(10)->Arg(100)->Arg(10000);
-
-void brokerQueryOfAll(benchmark::State& state)
-{
-    Holding holding(static_cast<std::size_t>(state.range()));
-    const std::string text = BrokerProtocol::writeGetClientInfo();
-    const Measured measured(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(ask(holding.device, text));
-}
-BENCHMARK(brokerQueryOfAll)->ArgName("keys")->Arg(10)->Arg(100)->Arg(10000);
-
-void brokerCounterIncrement(benchmark::State& state)
-{
-    Holding holding(0);
-    const std::string text = BrokerProtocol::writeText(Key::incrementCounter, Samples::name(1));
-    const Measured measured(state);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(ask(holding.device, text));
-}
-BENCHMARK(brokerCounterIncrement);
-
-} // namespace

@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "benchmarks/micro/Allocations.h"
+#include "benchmarks/micro/BrokerCore.h"
 #include "benchmarks/micro/FanOut.h"
 #include "benchmarks/micro/Samples.h"
-#include "broker/state/DeviceState.h"
 #include "common/EventAgent.h"
 #include "common/EventDispatcher.h"
 #include "protocol/ClientDocuments.h"
@@ -60,7 +60,7 @@ uint64_t writePost(unsigned times)
 
 uint64_t readNotification(unsigned times)
 {
-    const std::string text = BrokerProtocol::writeStatusUpdate(Samples::values(1));
+    const std::string text = BrokerProtocol::writeMap(Key::statusUpdate, Samples::values(1));
     return measure(
         [&](unsigned count)
         {
@@ -137,7 +137,7 @@ uint64_t fanOutOfManyKeys(unsigned times)
     return fanOut(1, 10000, times);
 }
 
-// The broker's work between its sockets: from the text of a post to the text of its notification. A hundred
+// The broker's work between its sockets: from the text of a post to the bytes of its notification. A hundred
 // keys, one of which changes with each post.
 uint64_t handlePost(unsigned times)
 {
@@ -146,14 +146,12 @@ uint64_t handlePost(unsigned times)
     for (std::size_t i = 0; i < 2 * keys; ++i)
         posts.push_back(
             BrokerProtocol::writeMap(Key::postStatus, {{Samples::name(i % keys), Samples::value(i)}}));
-    const Limits limits;
-    Refusals refusals;
-    DeviceState device(limits, refusals);
+    BrokerCore core(keys);
     return measure(
         [&](unsigned count)
         {
             while (count-- != 0)
-                device.apply(*BrokerProtocol::readPost(posts[count % posts.size()]));
+                core.post(posts[count % posts.size()]);
         },
         times);
 }

@@ -7,6 +7,7 @@
 #include "benchmarks/micro/Measured.h"
 #include "benchmarks/micro/Samples.h"
 #include "protocol/ClientDocuments.h"
+#include "tests/protocol/Written.h"
 
 namespace Key = BrokerProtocol::Key;
 
@@ -22,12 +23,14 @@ struct Document
 
 bool readPost(const std::string& text)
 {
-    return BrokerProtocol::readPost(text).has_value();
+    static BrokerProtocol::Command command; // used again and again, as in the broker
+    return command.readPost(text);
 }
 
 bool readRequest(const std::string& text)
 {
-    return BrokerProtocol::readRequest(text).has_value();
+    static BrokerProtocol::Command command;
+    return command.readRequest(text);
 }
 
 bool readMapReply(const std::string& text)
@@ -93,10 +96,10 @@ std::vector<Document> documentsOfOneThing()
         text(Key::getCounterValue, readRequest),
         text(Key::incrementCounter, readRequest),
         {Key::getBrokerStatistics, writeGetBrokerStatistics, ::readRequest},
-        {"statusValueReply", [=] { return writeStatusValueReply(value); }, ::readStatusValueReply},
-        {"timerReply", [] { return writeTimerReply(1700000000000000); }, ::readTimerReply},
-        {"counterReply", [] { return writeCounterReply(12345); }, ::readCounterReply},
-        {"statisticsReply", [numbers = sampleStatistics()] { return writeStatisticsReply(numbers); },
+        {"statusValueReply", [=] { return written(appendStatusValueReply, value); }, ::readStatusValueReply},
+        {"timerReply", [] { return written(appendTimerReply, 1700000000000000U); }, ::readTimerReply},
+        {"counterReply", [] { return written(appendCounterReply, 12345U); }, ::readCounterReply},
+        {"statisticsReply", [numbers = sampleStatistics()] { return written(appendNumbers, numbers); },
          ::readStatisticsReply},
         // A text that has to be escaped takes a longer road.
         {"postStatusEscaped",
@@ -104,7 +107,8 @@ std::vector<Document> documentsOfOneThing()
              return writeMap(Key::postStatus, {{name, "\"" + value + "\""}});
          },
          ::readPost},
-        {Key::eventUpdate, [event = Samples::values(1)] { return writeEventUpdate(event); },
+        {Key::eventUpdate,
+         [event = Samples::values(1)] { return written(appendUpdate, Key::eventUpdate, membersIn(event)); },
          ::readNotification},
     };
 }
@@ -118,8 +122,9 @@ std::vector<Document> documentsOfMany(std::size_t count)
         {Key::postStatus, [=] { return writeMap(Key::postStatus, values); }, ::readPost},
         {Key::resetStatus, [=] { return writeList(Key::resetStatus, names); }, ::readPost},
         {Key::getClientInfoValues, [=] { return writeList(Key::getClientInfoValues, names); }, ::readRequest},
-        {"mapReply", [=] { return writeMapReply(values); }, ::readMapReply},
-        {Key::statusUpdate, [=] { return writeStatusUpdate(values); }, ::readNotification},
+        {"mapReply", [=] { return writtenObject(values); }, ::readMapReply},
+        {Key::statusUpdate, [=] { return written(appendUpdate, Key::statusUpdate, membersIn(values)); },
+         ::readNotification},
     };
     for (Document& document : documents)
         document.name += "/" + std::to_string(count);

@@ -1,0 +1,42 @@
+#ifndef BENCHMARKS_MICRO_BROKERCORE_H
+#define BENCHMARKS_MICRO_BROKERCORE_H
+
+#include <string>
+#include <string_view>
+
+#include "broker/Answerer.h"
+#include "broker/state/DeviceState.h"
+#include "broker/wire/NotificationLog.h"
+#include "protocol/BrokerDocuments.h"
+
+/// The broker without its sockets.
+class BrokerCore
+{
+public:
+    /// @param keys of the samples that it holds
+    explicit BrokerCore(std::size_t keys);
+
+    BrokerCore(const BrokerCore&) = delete;
+    BrokerCore& operator=(const BrokerCore&) = delete;
+
+    /// From the text of a post to the bytes of its notification, which everybody has read at once. False if
+    /// nothing is published.
+    bool post(std::string_view text);
+
+    /// From the text of a request to the bytes of its answer.
+    const std::string& ask(std::string_view text);
+
+    const DeviceState& device() const { return mDevice; }
+
+private:
+    Limits mLimits;
+    Refusals mRefusals;
+    DeviceState mDevice{mLimits, mRefusals};
+    Answerer mAnswerer{mRefusals, mDevice, [](Statistics::Numbers&) {}};
+    BrokerProtocol::Command mCommand;
+    std::string mNotification;
+    NotificationLog mLog;
+    std::string mAnswer;
+};
+
+#endif
