@@ -1,6 +1,8 @@
 #ifndef BROKER_PATIENCE_H
 #define BROKER_PATIENCE_H
 
+#include <algorithm>
+
 #include "broker/base/Clock.h"
 
 /// How long requests wait for one post connection to answer a PING.

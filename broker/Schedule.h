@@ -1,6 +1,7 @@
 #ifndef BROKER_SCHEDULE_H
 #define BROKER_SCHEDULE_H
 
+#include <algorithm>
 #include <functional>
 #include <vector>
 
