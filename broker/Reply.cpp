@@ -11,6 +11,8 @@ using namespace std::string_view_literals;
 namespace
 {
 
+constexpr std::size_t frameBytes = BrokerProtocol::maxFrameBytes;
+
 // What a request socket expects in front of an answer: an empty frame, and more to come.
 constexpr std::string_view delimiter = "\1\0"sv;
 
@@ -27,7 +29,6 @@ Reply Reply::of(std::vector<std::string> keys)
 // follows.
 bool Reply::produce(const DeviceState& state, std::size_t bytes, std::string& to)
 {
-    constexpr std::size_t frameBytes = BrokerProtocol::maxFrameBytes;
     const auto append = [&to](std::string_view part) { to += part; };
     if (!mHasBegun)
         to += delimiter;
@@ -43,13 +44,14 @@ bool Reply::produce(const DeviceState& state, std::size_t bytes, std::string& to
     return mIsComplete;
 }
 
+// By one frame more, since the last one is kept back.
 void Reply::extend(const DeviceState& state, std::size_t bytes)
 {
     if (mIsComplete)
         return;
     if (!mHasMembers && mText.empty())
         mText = "{";
-    while (mText.size() < bytes)
+    while (mText.size() < bytes + frameBytes)
     {
         const DeviceState::Value* value = next(state);
         if (value == nullptr)
