@@ -1,0 +1,170 @@
+#include "broker/Reply.h"
+
+#include <gtest/gtest.h>
+
+#include "protocol/ClientDocuments.h"
+#include "tests/broker/wire/Frames.h"
+#include "tests/protocol/Written.h"
+#include "tests/support/LogCapture.h"
+
+namespace
+{
+
+using Map = std::map<std::string, std::string>;
+
+// Read as a client reads it: a delimiter, then frames that are never empty.
+std::string textOf(const std::string& bytes)
+{
+    const std::vector<WireFrames::Frame> frames = WireFrames::framesIn(bytes);
+    if (frames.size() < 2 || !frames.front().body.empty() || frames.front().flags != WireFrames::more)
+        return "no delimiter, or nothing behind it";
+    std::string text;
+    for (std::size_t index = 1; index < frames.size(); ++index)
+    {
+        const bool isLast = index + 1 == frames.size();
+        EXPECT_EQ((frames[index].flags & WireFrames::more) == 0, isLast);
+        EXPECT_EQ(frames[index].flags & WireFrames::command, 0U);
+        EXPECT_FALSE(frames[index].body.empty()) << "a client takes that for a failure";
+        EXPECT_LE(frames[index].body.size(), 512U);
+        text += frames[index].body;
+    }
+    return text;
+}
+
+class ReplyTest : public testing::Test
+{
+protected:
+    void post(const Map& values) { state.post(membersIn(values)); }
+
+    // In pieces of about so many bytes.
+    std::string produced(Reply reply, std::size_t pieceBytes = 8192)
+    {
+        std::string bytes;
+        while (!reply.produce(state, pieceBytes, bytes))
+        {
+        }
+        return textOf(bytes);
+    }
+
+    static Map numbered(std::size_t count, std::size_t valueBytes)
+    {
+        Map values;
+        for (std::size_t number = 0; number < count; ++number)
+            values["key" + std::to_string(number)] = std::string(valueBytes, 'v');
+        return values;
+    }
+
+    const LogCapture log;
+    Limits limits;
+    Refusals refusals;
+    DeviceState state{limits, refusals};
+};
+
+} // namespace
+
+TEST_F(ReplyTest, aTextIsSentAsItIs)
+{
+    EXPECT_EQ(produced(Reply("{}")), "{}");
+    EXPECT_EQ(produced(Reply(std::string(5000, 'x'))), std::string(5000, 'x'));
+}
+
+TEST_F(ReplyTest, aTextHasAnEmptyLastFrameAtNoLength)
+{
+    for (std::size_t size = 1; size < 2100; ++size)
+        ASSERT_EQ(produced(Reply(std::string(size, 'x'))), std::string(size, 'x'));
+}
+
+TEST_F(ReplyTest, ofAllHoldsAllValues)
+{
+    EXPECT_EQ(produced(Reply::ofAll()), "{}");
+    post({{"b", "2"}, {"a", "1"}, {"quote\"", "\xc3\xa4"}});
+    EXPECT_EQ(produced(Reply::ofAll()), R"({"a":"1","b":"2","quote\"":"\u00e4"})");
+}
+
+TEST_F(ReplyTest, ofSomeHoldsThoseThatAreKnownEachOnceInTheirOrder)
+{
+    post({{"a", "1"}, {"b", "2"}, {"c", "3"}});
+    EXPECT_EQ(produced(Reply::of({"c", "unknown", "a", "c"})), R"({"a":"1","c":"3"})");
+    EXPECT_EQ(produced(Reply::of({})), "{}");
+    EXPECT_EQ(produced(Reply::of({"unknown"})), "{}");
+}
+
+TEST_F(ReplyTest, inPiecesOfAnySizeIsTheSameText)
+{
+    const Map values = numbered(50, 30);
+    post(values);
+    const std::string whole = writtenObject(values);
+    for (std::size_t pieceBytes = 1; pieceBytes < whole.size() + 600; ++pieceBytes)
+        ASSERT_EQ(produced(Reply::ofAll(), pieceBytes), whole) << pieceBytes;
+}
+
+TEST_F(ReplyTest, inPiecesHasAnEmptyLastFrameAtNoLength)
+{
+    for (std::size_t size = 0; size < 1100; ++size)
+    {
+        post({{"k", std::string(size, 'v')}});
+        for (const std::size_t pieceBytes : {1U, 511U, 512U, 513U, 8192U})
+            ASSERT_EQ(produced(Reply::ofAll(), pieceBytes), R"({"k":")" + std::string(size, 'v') + "\"}");
+    }
+}
+
+TEST_F(ReplyTest, isProducedPieceByPiece)
+{
+    post(numbered(1000, 100));
+    constexpr std::size_t pieceBytes = 2000;
+    Reply reply = Reply::ofAll();
+    std::size_t pieces = 0;
+    std::string piece;
+    for (bool isLast = false; !isLast; ++pieces)
+    {
+        piece.clear();
+        isLast = reply.produce(state, pieceBytes, piece);
+        ASSERT_LT(piece.size(), 2 * pieceBytes);
+        ASSERT_LT(reply.heldBytes(), 3 * pieceBytes);
+    }
+    EXPECT_GT(pieces, 40U);
+}
+
+TEST_F(ReplyTest, countsTheKeysThatItHolds)
+{
+    std::vector<std::string> keys;
+    for (int number = 0; number < 1000; ++number)
+        keys.push_back(std::string(100, 'k') + std::to_string(number));
+    EXPECT_GT(Reply::of(keys).heldBytes(), 100000U);
+}
+
+// ------------------------------------------------------------------------------- values changing meanwhile
+
+TEST_F(ReplyTest, aValueIsAsItIsWhenItsTurnComes)
+{
+    post(numbered(100, 100));
+    Reply reply = Reply::ofAll();
+    std::string bytes;
+    ASSERT_FALSE(reply.produce(state, 1000, bytes));
+    post({{"key0", "too late"}, {"key99", "in time"}, {"key0more", "too late"}, {"z", "new"}});
+    while (!reply.produce(state, 1000, bytes))
+    {
+    }
+    const std::optional<Map> values = BrokerProtocol::readMapReply(textOf(bytes));
+    ASSERT_TRUE(values);
+    EXPECT_EQ(values->at("key0"), std::string(100, 'v'));
+    EXPECT_EQ(values->at("key99"), "in time");
+    EXPECT_EQ(values->count("key0more"), 0U);
+    EXPECT_EQ(values->at("z"), "new");
+    EXPECT_EQ(values->size(), 101U);
+}
+
+TEST_F(ReplyTest, changesBetweenAnyTwoPiecesLeaveItADocument)
+{
+    post(numbered(100, 10));
+    for (std::size_t pieceBytes = 1; pieceBytes < 700; pieceBytes += 13)
+    {
+        Reply reply = Reply::ofAll();
+        std::string bytes;
+        for (std::size_t round = 0; !reply.produce(state, pieceBytes, bytes); ++round)
+            post({{"key" + std::to_string(round % 100), std::string((round * 37) % 600, 'w')}});
+        const std::optional<Map> values = BrokerProtocol::readMapReply(textOf(bytes));
+        ASSERT_TRUE(values) << pieceBytes;
+        ASSERT_EQ(values->size(), 100U) << pieceBytes;
+    }
+}
