@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include "protocol/ClientDocuments.h"
-#include "tests/broker/wire/Frames.h"
 #include "tests/protocol/Written.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/WireFrames.h"
 
 namespace
 {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/broker/wire/Frames.h"
+#include "tests/support/WireFrames.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 #include <array>
 #include <gtest/gtest.h>
 
-#include "tests/broker/wire/Frames.h"
+#include "tests/support/WireFrames.h"
 
 namespace
 {

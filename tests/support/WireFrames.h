@@ -1,7 +1,8 @@
-#ifndef TESTS_BROKER_WIRE_FRAMES_H
-#define TESTS_BROKER_WIRE_FRAMES_H
+#ifndef TESTS_SUPPORT_WIREFRAMES_H
+#define TESTS_SUPPORT_WIREFRAMES_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,25 +44,31 @@ struct Frame
     std::string body;
 };
 
+/// Takes the first frame from the front of the bytes; nothing while it is not whole.
+inline std::optional<Frame> takeFrame(std::string& bytes)
+{
+    if (bytes.size() < 2)
+        return std::nullopt;
+    const auto flags = static_cast<unsigned char>(bytes[0]);
+    const std::size_t headerBytes = (flags & isLong) != 0 ? 9 : 2;
+    if (bytes.size() < headerBytes)
+        return std::nullopt;
+    std::uint64_t size = 0;
+    for (std::size_t at = 1; at < headerBytes; ++at)
+        size = size << 8 | static_cast<unsigned char>(bytes[at]);
+    if (bytes.size() - headerBytes < size)
+        return std::nullopt;
+    Frame frame{flags, bytes.substr(headerBytes, size)};
+    bytes.erase(0, headerBytes + size);
+    return frame;
+}
+
 /// The frames that the bytes hold; what is cut off at their end is left out.
-inline std::vector<Frame> framesIn(std::string_view bytes)
+inline std::vector<Frame> framesIn(std::string bytes)
 {
     std::vector<Frame> frames;
-    while (bytes.size() >= 2)
-    {
-        const auto flags = static_cast<unsigned char>(bytes[0]);
-        const std::size_t sizeBytes = (flags & isLong) != 0 ? 8 : 1;
-        if (bytes.size() < 1 + sizeBytes)
-            break;
-        std::uint64_t size = 0;
-        for (std::size_t at = 1; at <= sizeBytes; ++at)
-            size = size << 8 | static_cast<unsigned char>(bytes[at]);
-        bytes.remove_prefix(1 + sizeBytes);
-        if (bytes.size() < size)
-            break;
-        frames.push_back({flags, std::string(bytes.substr(0, size))});
-        bytes.remove_prefix(size);
-    }
+    while (std::optional<Frame> frame = takeFrame(bytes))
+        frames.push_back(std::move(*frame));
     return frames;
 }
 

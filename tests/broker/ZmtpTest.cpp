@@ -1,0 +1,442 @@
+// What the real broker sends, byte by byte, to peers written by hand. A client that sees a protocol error
+// never connects again, so nothing here may be other than the protocol says.
+
+#include <array>
+#include <gtest/gtest.h>
+#include <memory>
+
+#include "tests/broker/Messages.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/RawClient.h"
+#include "tests/support/ZmtpPeer.h"
+
+namespace
+{
+
+using namespace std::string_literals;
+
+constexpr std::array<uint16_t, 3> allPorts{ZmtpPeer::requestPort, ZmtpPeer::postPort, ZmtpPeer::notifyPort};
+
+// How long what must not come is waited for.
+constexpr std::chrono::milliseconds quiet{200};
+
+const std::string toAll = ZmtpPeer::subscribe("");
+const std::string postSubscription("\0\1\1", 3);
+
+class ZmtpTest : public testing::Test
+{
+protected:
+    // Gives the broker occasion to send something on every connection.
+    void keepItBusy()
+    {
+        RawPoster poster;
+        RawSubscriber subscriber(poster);
+        RawRequester requester;
+        for (int number = 0; number < 10; ++number)
+        {
+            poster.post(postOf("busy", std::to_string(number)));
+            EXPECT_EQ(requester.ask("Sync"), "SyncAck");
+            EXPECT_NE(subscriber.receiveText(), "");
+        }
+    }
+
+    BrokerProcess broker{{"--heartbeat=1"}};
+};
+
+} // namespace
+
+// ------------------------------------------------------------------------------------------------- opening
+
+TEST_F(ZmtpTest, greetingAndReadyComeAtOnceAndNothingElse)
+{
+    for (const uint16_t port : allPorts)
+    {
+        ZmtpPeer peer(port);
+        const std::string expected = ZmtpPeer::openingOf(port);
+        EXPECT_EQ(peer.read(expected.size()), expected) << port;
+        EXPECT_EQ(peer.read(1, quiet), "") << port;
+    }
+}
+
+TEST_F(ZmtpTest, nothingElseComesBeforeThePeersReadyWhateverHappens)
+{
+    std::vector<std::unique_ptr<ZmtpPeer>> peers;
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& said : {""s, ZmtpPeer::greeting().substr(0, 10), ZmtpPeer::greeting(),
+                                        ZmtpPeer::greeting() + ZmtpPeer::ready("PUB").substr(0, 20)})
+        {
+            peers.push_back(std::make_unique<ZmtpPeer>(port));
+            ASSERT_TRUE(peers.back()->write(said));
+            const std::string expected = ZmtpPeer::openingOf(port);
+            ASSERT_EQ(peers.back()->read(expected.size()), expected);
+        }
+    }
+    keepItBusy();
+    for (const auto& peer : peers)
+        EXPECT_EQ(peer->read(1, std::chrono::milliseconds(1)), "");
+}
+
+TEST_F(ZmtpTest, aPeerThatSpeaksInPiecesOfOneByteIsServed)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    const std::string said =
+        ZmtpPeer::greeting() + ZmtpPeer::ready("REQ") + ZmtpPeer::request(R"({"getCounterValue":"c"})");
+    for (const char byte : said)
+    {
+        ASSERT_TRUE(peer.write(std::string(1, byte)));
+        std::this_thread::yield();
+    }
+    const std::string expected = ZmtpPeer::openingOf(ZmtpPeer::requestPort) + "\1\0\0\1"s + "0";
+    EXPECT_EQ(peer.read(expected.size()), expected);
+}
+
+TEST_F(ZmtpTest, everythingInOneWriteIsServed)
+{
+    ZmtpPeer post(ZmtpPeer::postPort);
+    ASSERT_TRUE(
+        post.write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + ZmtpPeer::message(postOf("k", "v"))));
+    ZmtpPeer request(ZmtpPeer::requestPort);
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            ZmtpPeer asking(ZmtpPeer::requestPort);
+            return asking.shakeHands() && asking.ask(R"({"getClientInfoValue":"k"})") == reply("v");
+        }));
+}
+
+// -------------------------------------------------------------------------------------------- post channel
+
+TEST_F(ZmtpTest, subscriptionAndPingFollowThePostersReadyToTheByte)
+{
+    ZmtpPeer peer(ZmtpPeer::postPort);
+    ASSERT_TRUE(peer.shakeHands());
+    const std::string expected = postSubscription + "\4\x11\4PING\0\0subscribed"s;
+    EXPECT_EQ(peer.read(expected.size()), expected);
+    EXPECT_EQ(peer.read(1, quiet), "");
+}
+
+TEST_F(ZmtpTest, aPosterOfVersion30IsNeverPinged)
+{
+    ZmtpPeer peer(ZmtpPeer::postPort);
+    ASSERT_TRUE(peer.shakeHands(0));
+    EXPECT_EQ(peer.read(postSubscription.size()), postSubscription);
+    RawRequester requester;
+    for (int number = 0; number < 20; ++number)
+    {
+        ASSERT_TRUE(
+            peer.write(ZmtpPeer::message(postOf("k", std::to_string(number) + std::string(5000, 'x')))));
+        EXPECT_EQ(requester.ask("Sync"), "SyncAck");
+    }
+    EXPECT_EQ(peer.read(1, quiet), "");
+}
+
+// As what it posted before may be under way still.
+TEST_F(ZmtpTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
+{
+    ZmtpPeer peer(ZmtpPeer::postPort);
+    ASSERT_TRUE(peer.shakeHands());
+    peer.read(postSubscription.size());
+    ASSERT_TRUE(peer.readFrame());
+    RawRequester requester;
+    requester.ask("Sync"); // the first is another matter
+    ASSERT_TRUE(peer.write(ZmtpPeer::message(postOf("k", "v"))));
+    ASSERT_TRUE(eventually([&] { return valueOf(requester, "k") == reply("v"); }));
+    requester.send({"Sync"});
+    const auto ping = peer.readFrame();
+    ASSERT_TRUE(ping);
+    EXPECT_EQ(ping->flags, WireFrames::command);
+    EXPECT_EQ(ping->body.substr(0, 7), "\4PING\0\0"s) << "without a time to live";
+    EXPECT_LE(ping->body.size(), 7U + 16U) << "longer ones are cut by the peer";
+    ASSERT_FALSE(requester.receive(quiet)) << "the answer waits for PONG";
+    ASSERT_TRUE(peer.write(ZmtpPeer::pong(ping->body.substr(7))));
+    EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"});
+    EXPECT_EQ(peer.read(1, quiet), "");
+}
+
+// ----------------------------------------------------------------------------------------------------- PING
+
+TEST_F(ZmtpTest, aPingIsAnsweredWithItsContext)
+{
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& context : {""s, "ctx"s, std::string(16, 'c')})
+        {
+            ZmtpPeer peer(port);
+            ASSERT_TRUE(peer.shakeHands(0)); // who is not pinged
+            if (port == ZmtpPeer::postPort)
+                peer.read(postSubscription.size());
+            ASSERT_TRUE(peer.write(ZmtpPeer::ping(context)));
+            EXPECT_EQ(peer.read(ZmtpPeer::pong(context).size()), ZmtpPeer::pong(context)) << port;
+        }
+    }
+}
+
+TEST_F(ZmtpTest, ofALongContextSixteenBytesAreRepeated)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHands());
+    ASSERT_TRUE(peer.write(ZmtpPeer::ping(std::string(16, 'a') + std::string(100, 'b'))));
+    const std::string expected = ZmtpPeer::pong(std::string(16, 'a'));
+    EXPECT_EQ(peer.read(expected.size()), expected);
+    EXPECT_EQ(peer.read(1, quiet), "");
+}
+
+TEST_F(ZmtpTest, aPingBetweenTheFramesOfARequestIsAnsweredBeforeIt)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHands());
+    ASSERT_TRUE(peer.write(WireFrames::frame("", WireFrames::more) + ZmtpPeer::ping("1") +
+                           WireFrames::frame(R"({"getCounter)", WireFrames::more) + ZmtpPeer::ping("2") +
+                           WireFrames::frame(R"(Value":"c"})")));
+    const std::string expected = ZmtpPeer::pong("1") + ZmtpPeer::pong("2") + "\1\0\0\1"s + "0";
+    EXPECT_EQ(peer.read(expected.size()), expected);
+}
+
+TEST_F(ZmtpTest, aPeerThatPingsAndReadsNothingGetsNoPongsWithoutEnd)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort, 4096);
+    ASSERT_TRUE(peer.shakeHands());
+    RawRequester requester;
+    const std::string pings = []
+    {
+        std::string bytes;
+        for (int count = 0; count < 1000; ++count)
+            bytes += ZmtpPeer::ping("0123456789abcdef");
+        return bytes;
+    }();
+    for (int count = 0; count < 1000; ++count)
+        ASSERT_TRUE(peer.write(pings));
+    EXPECT_LT(brokerStatistic(requester, "memory.connections"), 500000U);
+}
+
+TEST_F(ZmtpTest, commandsThatMeanNothingAreIgnored)
+{
+    const std::vector<std::string> commands{"\4PING",
+                                            "\4PING\0"s,
+                                            "\4PONG",
+                                            "\4PONGelse",
+                                            "\5HELLO",
+                                            "\x05"
+                                            "ERROR\0"s,
+                                            "",
+                                            "\xff",
+                                            "\5READY"};
+    for (const uint16_t port : allPorts)
+    {
+        ZmtpPeer peer(port);
+        ASSERT_TRUE(peer.shakeHands(0));
+        if (port == ZmtpPeer::postPort)
+            peer.read(postSubscription.size());
+        for (const std::string& command : commands)
+            ASSERT_TRUE(peer.write(WireFrames::frame(command, WireFrames::command)));
+        ASSERT_TRUE(peer.write(ZmtpPeer::ping("end")));
+        EXPECT_EQ(peer.read(ZmtpPeer::pong("end").size()), ZmtpPeer::pong("end")) << port;
+    }
+}
+
+// ------------------------------------------------------------------------------------------------- requests
+
+TEST_F(ZmtpTest, anAnswerIsADelimiterAndFramesToTheByte)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHands());
+    ASSERT_TRUE(peer.write(ZmtpPeer::request("Sync")));
+    const std::string expected = "\1\0\0\7SyncAck"s;
+    EXPECT_EQ(peer.read(expected.size()), expected);
+    RawPoster poster;
+    const std::string value(600, 'v');
+    poster.post(postOf("k", value));
+    ASSERT_TRUE(peer.write(ZmtpPeer::request(R"({"getClientInfoValue":"k"})")));
+    const std::string text = reply(value);
+    const std::string framed = "\1\0\3\0\0\0\0\0\0\2\0"s + text.substr(0, 512) + "\0"s +
+                               static_cast<char>(text.size() - 512) + text.substr(512);
+    EXPECT_EQ(peer.read(framed.size()), framed);
+    EXPECT_EQ(peer.read(1, quiet), "");
+}
+
+TEST_F(ZmtpTest, requestsThatFollowEachOtherAtOnceAreAnsweredInTheirOrder)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHandsAs("DEALER"));
+    std::string asked;
+    std::string expected;
+    for (int number = 1; number <= 500; ++number)
+    {
+        asked += ZmtpPeer::request(R"({"incrementCounter":"c"})");
+        expected += WireFrames::message({"", std::to_string(number)});
+    }
+    ASSERT_TRUE(peer.write(asked));
+    EXPECT_EQ(peer.read(expected.size()), expected);
+}
+
+TEST_F(ZmtpTest, aRequestWithoutADelimiterIsAnsweredAsOneThatIsMalformed)
+{
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHands());
+    const std::string expected = "\1\0\0\2{}"s;
+    for (const std::vector<std::string>& frames :
+         {std::vector<std::string>{"Sync"}, {"not empty", "Sync"}, {""}, {"", ""}})
+    {
+        ASSERT_TRUE(peer.write(WireFrames::message(frames)));
+        EXPECT_EQ(peer.read(expected.size()), expected);
+    }
+}
+
+// A client that waits for an answer of an earlier broker asks again when it gets one that is empty.
+TEST_F(ZmtpTest, aConnectionThatSaysNothingGetsOneEmptyAnswerAfterASecond)
+{
+    ZmtpPeer silent(ZmtpPeer::requestPort);
+    ZmtpPeer asking(ZmtpPeer::requestPort);
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_TRUE(silent.shakeHands());
+    ASSERT_TRUE(asking.shakeHands());
+    EXPECT_EQ(asking.ask(R"({"getCounterValue":"c"})"), "0");
+    EXPECT_EQ(silent.read(4), "\1\0\0\0"s);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(999));
+    EXPECT_EQ(silent.read(1, std::chrono::milliseconds(1500)), "") << "once";
+    EXPECT_EQ(asking.read(1, quiet), "") << "not to one that has asked";
+    EXPECT_EQ(silent.ask(R"({"getCounterValue":"c"})"), "0");
+}
+
+// -------------------------------------------------------------------------------------------- notifications
+
+TEST(ZmtpNotification, isFramesToTheByte)
+{
+    BrokerProcess broker({"--heartbeat=0"});
+    RawPoster poster;
+    for (const char minorVersion : {'\0', '\1'})
+    {
+        ZmtpPeer peer(ZmtpPeer::notifyPort);
+        ASSERT_TRUE(peer.shakeHands(minorVersion));
+        const std::string subscription = minorVersion == 0 ? ZmtpPeer::subscribe30("") : toAll;
+        ASSERT_TRUE(peer.write(subscription + ZmtpPeer::ping("")));
+        ASSERT_EQ(peer.read(ZmtpPeer::pong("").size()), ZmtpPeer::pong("")) << "the subscription was read";
+        poster.post(R"({"postEvent":{"e":"v"}})");
+        const std::string shortOne = "\0\x19{\"eventUpdate\":{\"e\":\"v\"}}"s;
+        EXPECT_EQ(peer.read(shortOne.size()), shortOne);
+        poster.post(R"({"postEvent":{"e":")" + std::string(600, 'v') + "\"}}");
+        const std::string text = R"({"eventUpdate":{"e":")" + std::string(600, 'v') + "\"}}";
+        const std::string longOne = "\3\0\0\0\0\0\0\2\0"s + text.substr(0, 512) + '\0' +
+                                    static_cast<char>(text.size() - 512) + text.substr(512);
+        EXPECT_EQ(peer.read(longOne.size()), longOne);
+        EXPECT_EQ(peer.read(1, quiet), "");
+    }
+}
+
+TEST_F(ZmtpTest, whoHasNotSubscribedIsSentNothing)
+{
+    ZmtpPeer peer(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(peer.shakeHands());
+    keepItBusy();
+    EXPECT_EQ(peer.read(1, std::chrono::milliseconds(1)), "");
+    ASSERT_TRUE(peer.write(toAll + ZmtpPeer::cancel("") + ZmtpPeer::ping("cancelled")));
+    EXPECT_EQ(peer.readFrame()->body, "\4PONGcancelled");
+    keepItBusy();
+    EXPECT_EQ(peer.read(1, std::chrono::milliseconds(1)), "");
+}
+
+// ----------------------------------------------------------------------------------------------- violations
+
+TEST_F(ZmtpTest, othersAreClosedAtTheByteThatShowsIt)
+{
+    const std::string signature("\xff\0\0\0\0\0\0\0\0\x7f", 10);
+    const std::vector<std::string> strangers{
+        "G",
+        "POST / HTTP/1.1\r\n",
+        "\x16\3\1"s,
+        "\n",
+        "\1\0"s,
+        signature + '\1',
+        signature + '\2',
+        ZmtpPeer::greeting().substr(0, 12) + "PLAIN",
+        "\xff\0\0\0\0\0\0\0\1\0"s, // version 1 with a long length
+    };
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& said : strangers)
+        {
+            ZmtpPeer peer(port);
+            ASSERT_TRUE(peer.write(said));
+            const std::string opening = ZmtpPeer::openingOf(port);
+            EXPECT_EQ(peer.read(opening.size() + 1), opening) << "and nothing more";
+            EXPECT_TRUE(peer.isClosed()) << port << ": " << said;
+        }
+    }
+}
+
+TEST_F(ZmtpTest, whatFollowsTheGreetingAndIsNoFittingReadyIsTheEnd)
+{
+    const std::vector<std::string> wrong{ZmtpPeer::ready("PAIR"),
+                                         ZmtpPeer::ready("ROUTER"),
+                                         ZmtpPeer::ready(""),
+                                         ZmtpPeer::message("message"),
+                                         ZmtpPeer::ping("too early"),
+                                         ZmtpPeer::subscribe(""),
+                                         WireFrames::frame("\5READY", WireFrames::command),
+                                         WireFrames::frame("\5ERROR\0"s, WireFrames::command),
+                                         "\x08\x01x",
+                                         "\5\1x",
+                                         WireFrames::header(5000, WireFrames::command)};
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& said : wrong)
+        {
+            ZmtpPeer peer(port);
+            ASSERT_TRUE(peer.write(ZmtpPeer::greeting() + said));
+            const std::string opening = ZmtpPeer::openingOf(port);
+            EXPECT_EQ(peer.read(opening.size() + 1), opening) << "and nothing more";
+            EXPECT_TRUE(peer.isClosed()) << port << ": " << said;
+        }
+    }
+}
+
+TEST_F(ZmtpTest, aFrameThatBreaksTheProtocolIsTheEnd)
+{
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& said :
+             {"\x08\x01x"s, "\x80\x01x"s, "\5\1x"s, WireFrames::header(5000, WireFrames::command)})
+        {
+            ZmtpPeer peer(port);
+            ASSERT_TRUE(peer.shakeHands());
+            ASSERT_TRUE(peer.write(said));
+            EXPECT_TRUE(peer.isClosed()) << port;
+        }
+    }
+    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck");
+}
+
+TEST_F(ZmtpTest, aPageInABrowserCanSetNothing)
+{
+    const std::string body = "\1\0\0\x19"s + postOf("k", "set by a page");
+    for (const uint16_t port : allPorts)
+    {
+        ZmtpPeer page(port);
+        page.write("POST / HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(body.size()) +
+                   "\r\n\r\n" + body);
+        EXPECT_TRUE(page.isClosed());
+    }
+    RawRequester requester;
+    EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), "{}");
+    EXPECT_EQ(brokerStatistic(requester, "posts"), 0U);
+}
+
+TEST_F(ZmtpTest, thePeerThatDoesNotCompleteItsHandshakeIsClosedAfterFiveSeconds)
+{
+    std::vector<std::unique_ptr<ZmtpPeer>> peers;
+    const auto begin = std::chrono::steady_clock::now();
+    for (const uint16_t port : allPorts)
+    {
+        for (const std::string& said : {""s, ZmtpPeer::greeting().substr(0, 30), ZmtpPeer::greeting()})
+        {
+            peers.push_back(std::make_unique<ZmtpPeer>(port));
+            ASSERT_TRUE(peers.back()->write(said));
+        }
+    }
+    for (const auto& peer : peers)
+        EXPECT_TRUE(peer->isClosed());
+    const auto taken = std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(taken, std::chrono::milliseconds(4900));
+    EXPECT_LT(taken, allowed(std::chrono::seconds(8)));
+}
