@@ -5,10 +5,11 @@
 #include <mutex>
 #include <ostream>
 
-#include "statusmanager/BrokerProtocol.h"
+#include "protocol/BrokerDocuments.h"
 #include "tests/memory/Belongings.h"
 #include "tests/memory/FailingMemory.h"
 #include "tests/memory/LibzmqCalls.h"
+#include "tests/protocol/Written.h"
 #include "tests/proxy/Frames.h"
 #include "tests/proxy/TestProxy.h"
 #include "tests/support/RecordingListener.h"
@@ -453,6 +454,15 @@ TEST_F(ClientMemory, aSubscriptionIsMadeWhollyOrNotAtAll)
 namespace
 {
 
+namespace Key = BrokerProtocol::Key;
+
+std::string updateOf(const char* key, const StatusMap& values)
+{
+    std::string text;
+    BrokerProtocol::appendUpdate(text, key, membersIn(values));
+    return text;
+}
+
 struct Notification
 {
     const char* name;
@@ -465,14 +475,13 @@ void PrintTo(const Notification& notification, std::ostream* stream)
 }
 
 const Notification notifications[]{
-    {"value", BrokerProtocol::writeStatusUpdate(values(name("value"), 1))},
-    {"valueOfManyFrames", BrokerProtocol::writeStatusUpdate(values(name("value")))},
-    {"oddValue", BrokerProtocol::writeStatusUpdate(values(odd("value"), 3))},
+    {"value", updateOf(Key::statusUpdate, values(name("value"), 1))},
+    {"valueOfManyFrames", updateOf(Key::statusUpdate, values(name("value")))},
+    {"oddValue", updateOf(Key::statusUpdate, values(odd("value"), 3))},
     {"number", "{\"statusUpdate\":{\"" + name("key") + "\":5}}"},
-    {"event", BrokerProtocol::writeEventUpdate({{name("event"), name("value")}})},
-    {"events",
-     BrokerProtocol::writeEventUpdate({{name("event"), name("value")}, {name("event", 1), "value"}})},
-    {"oddEvent", BrokerProtocol::writeEventUpdate({{name("event"), odd("value")}})},
+    {"event", updateOf(Key::eventUpdate, {{name("event"), name("value")}})},
+    {"events", updateOf(Key::eventUpdate, {{name("event"), name("value")}, {name("event", 1), "value"}})},
+    {"oddEvent", updateOf(Key::eventUpdate, {{name("event"), odd("value")}})},
     {"sync", "Sync"},
     {"empty", ""},
     {"unhandled", "{\"" + name("other") + "\":\"" + name("value") + "\"}"},
@@ -494,7 +503,7 @@ protected:
         EXPECT_TRUE(heard == callbacks || hasStruck);
 
         const std::string value = "next" + std::to_string(before);
-        world.notify(BrokerProtocol::writeStatusUpdate(values(value, 1)));
+        world.notify(updateOf(Key::statusUpdate, values(value, 1)));
         EXPECT_EQ(world.listener.updates().back(), values(value, 1));
         return hasStruck;
     }
