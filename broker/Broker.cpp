@@ -70,33 +70,34 @@ Broker::Broker(const Options& options)
 
 void Broker::planTasks()
 {
-    mSchedule.add([this] { return mSupervisor.nextTelling().value_or(TimePoint::max()); },
-                  [this](TimePoint now) { mSupervisor.tellWhatIsDue(now); });
-    mSchedule.add([this] { return mOutbox.due(); }, [this](TimePoint now) { mOutbox.doWhatIsDue(now); });
-    mSchedule.add([this] { return mPosts.due(); }, [this](TimePoint now) { mPosts.doWhatIsDue(now); });
-    mSchedule.add([this] { return mRequests.due(); }, [this](TimePoint now) { mRequests.doWhatIsDue(now); });
-    mSchedule.add([this] { return mNotify.due(); }, [this](TimePoint now) { mNotify.doWhatIsDue(now); });
-    mSchedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
-    mSchedule.add([this] { return mPosts.hasPosts() ? TimePoint::min() : TimePoint::max(); },
-                  [](TimePoint) {});                                  // every round takes some
-    mSchedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
-    mSchedule.add([this] { return mLoop.nextTrim; },
-                  [this](TimePoint)
-                  {
-                      malloc_trim(0);
-                      mLoop.nextTrim = TimePoint::max();
-                  });
+    mLoop.schedule.add([this] { return mSupervisor.nextTelling().value_or(TimePoint::max()); },
+                       [this](TimePoint now) { mSupervisor.tellWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mOutbox.due(); }, [this](TimePoint now) { mOutbox.doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mPosts.due(); }, [this](TimePoint now) { mPosts.doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mRequests.due(); },
+                       [this](TimePoint now) { mRequests.doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mNotify.due(); }, [this](TimePoint now) { mNotify.doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
+    mLoop.schedule.add([this] { return mPosts.hasPosts() ? TimePoint::min() : TimePoint::max(); },
+                       [](TimePoint) {});                                  // every round takes some
+    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
+    mLoop.schedule.add([this] { return mLoop.nextTrim; },
+                       [this](TimePoint)
+                       {
+                           malloc_trim(0);
+                           mLoop.nextTrim = TimePoint::max();
+                       });
     if (mOptions.heartbeat.count() == 0)
         return;
     mLoop.nextHeartbeat = mLoop.started + mOptions.heartbeat;
-    mSchedule.add([this] { return mLoop.nextHeartbeat; },
-                  [this](TimePoint now)
-                  {
-                      // Clients ignore it. One that shuts down looks at its stop flag only when a
-                      // notification has come.
-                      mOutbox.publish(BrokerProtocol::syncWord, 0);
-                      mLoop.nextHeartbeat = now + mOptions.heartbeat;
-                  });
+    mLoop.schedule.add([this] { return mLoop.nextHeartbeat; },
+                       [this](TimePoint now)
+                       {
+                           // Clients ignore it. One that shuts down looks at its stop flag only when a
+                           // notification has come.
+                           mOutbox.publish(BrokerProtocol::syncWord, 0);
+                           mLoop.nextHeartbeat = now + mOptions.heartbeat;
+                       });
 }
 
 void Broker::setLimits(const Limits& limits)
@@ -122,7 +123,7 @@ void Broker::serveUntil(int interrupt)
 // Until something comes or is due.
 void Broker::waitForWork()
 {
-    const TimePoint next = mSchedule.next();
+    const TimePoint next = mLoop.schedule.next();
     const TimePoint now = Clock::now();
     if (next == TimePoint::max())
         takeEvents(withoutLimit);
@@ -184,7 +185,7 @@ void Broker::doRound()
     mPosts.takePosts(begin + turn);
     const TimePoint now = Clock::now();
     mQuestions.answer(now, now + turn);
-    mSchedule.doWhatIsDue(now);
+    mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
     mNotify.flush(now);
     pauseIntake(now);

@@ -12,11 +12,11 @@
 #include "broker/PostApplier.h"
 #include "broker/PostPort.h"
 #include "broker/Questions.h"
-#include "broker/base/Refusals.h"
 #include "broker/RequestPort.h"
 #include "broker/Schedule.h"
 #include "broker/Statistics.h"
 #include "broker/Supervisor.h"
+#include "broker/base/Refusals.h"
 
 /// The broker: takes posts, answers requests, publishes changes. All on the thread that calls it.
 class Broker
@@ -46,6 +46,7 @@ private:
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();
         Durations rounds;
+        Schedule schedule;
     };
 
     void planTasks();
@@ -75,7 +76,6 @@ private:
     Questions mQuestions;
     IntakePause mPause{mLoop.started};
     Supervisor mSupervisor;
-    Schedule mSchedule;
 };
 
 #endif
