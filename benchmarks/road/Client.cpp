@@ -2,7 +2,7 @@
 // standard input, one per line, and answers each with a line of JSON on its standard output; ends with its
 // input. The program's arguments are those of the system. Who commands it has the deadlines.
 //
-//   connect POSTS             ready when its posts arrive (1), or when it can ask (0)
+//   connect POSTS             ready when its posts arrive (1), or when it can ask (0); tells how long that took
 //   subscribe KEYS            ready when deliveries arrive; tells how long the first one took
 //   expect RUN COUNT          forgets what was delivered before
 //   burst RUN COUNT KEYS EVERY BARRIER   EVERY: posts between two barriers (0: none); BARRIER: sync or query
@@ -77,11 +77,12 @@ private:
 
     void connect(std::istream& words)
     {
+        const uint64_t begin = Stamp::now();
         mSystem = connectSystem(mArguments);
         if (read<int>(words) == 1)
             while (!probeArrives())
                 std::this_thread::sleep_for(milliseconds(1));
-        std::puts("{}");
+        std::printf("{\"ms\": %.3f}\n", static_cast<double>(Stamp::now() - begin) / 1e6);
     }
 
     bool probeArrives()

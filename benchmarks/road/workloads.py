@@ -3,8 +3,10 @@
 import contextlib
 import dataclasses
 import statistics
+import time
 
 from processes import Client
+from silent import silent_connections
 
 QUIET_MS = 1000  # for so long nothing must have been delivered before the rest counts as lost
 
@@ -17,6 +19,8 @@ class Sizes:
     fan_out: int = 50_000
     stored: int = 10_000
     starts: int = 5
+    together: int = 100
+    silent: int = 1_000
     growth_keys: tuple = (10, 100, 1_000, 10_000)
     growth_posts: int = 50_000
     growth_clients: tuple = (1, 10, 100)
@@ -24,7 +28,7 @@ class Sizes:
 
     @staticmethod
     def quick():
-        return Sizes(20_000, 1, 1_000, 5_000, 1_000, 2, (10, 1_000), 5_000, (1, 10), 10_000)
+        return Sizes(20_000, 1, 1_000, 5_000, 1_000, 2, 10, 100, (10, 1_000), 5_000, (1, 10), 10_000)
 
 
 def cpu_seconds(processes):
@@ -155,6 +159,28 @@ def start(system, sizes, folder):
         return {"ms": statistics.median(made.subscribe(10) for _ in range(sizes.starts))}
 
 
+def together(system, sizes, folder):
+    """Many clients that connect at the same moment. Their processes are there before."""
+    with road(system, folder) as made:
+        clients = [made.client() for _ in range(sizes.together)]
+        for client in clients:
+            client.begin("connect", 0)
+        times = [client.answer(60)["ms"] for client in clients]
+        return {"p50": statistics.median(times), "longest": max(times)}
+
+
+def silent(system, sizes, folder):
+    """What connections cost that say nothing: per delivery, and while nobody says anything."""
+    with road(system, folder, 1) as made:
+        alone = made.carry("burst", sizes.burst, 100, 250, "sync").get("cpuBroker")
+        with silent_connections(sizes.silent):
+            before = made.broker.cpu_seconds()
+            time.sleep(1)
+            idle = made.broker.cpu_seconds() - before
+            beside = made.carry("burst", sizes.burst, 100, 250, "sync").get("cpuBroker")
+        return {"alone": alone, "beside": beside, "idle": idle * 1e6}
+
+
 def growth(system, sizes, folder):
     result = {}
     for keys in sizes.growth_keys:
@@ -188,6 +214,8 @@ WORKLOADS = (
     Workload("fanOut", fan_out),
     Workload("memory", memory),
     Workload("start", start),
+    Workload("together", together, lambda system: system.name in ("product", "json")),
+    Workload("silent", silent, lambda system: system.name == "product"),
     Workload("growth", growth, lambda system: system.name in ("product", "json"),
              lambda system, rounds: min(rounds, 3)),
 )
