@@ -54,8 +54,6 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
     if (mState == State::Greeting || isDead())
         return Result::NeedsMore;
     Result result = mReader.next(bytes, mostBytes, item);
-    while (mState == State::Open && result == Result::Command && answerPing(item.body))
-        result = mReader.next(bytes, mostBytes, item);
     if (mState == State::Ready && result != Result::NeedsMore)
     {
         if (result != Result::Command || !mHandshake.acceptsReady(item.body))
@@ -67,6 +65,8 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
         opened = true;
         result = mReader.next(bytes, mostBytes, item);
     }
+    while (result == Result::Command && answerPing(item.body))
+        result = mReader.next(bytes, mostBytes, item);
     if (result == Result::Violation || result == Result::Endless)
         kill();
     return isDead() && result != Result::Endless ? Result::NeedsMore : result;
