@@ -137,6 +137,8 @@ void PostPort::takePong(PostConnection& connection, std::string_view context, st
                         TimePoint now)
 {
     connection.isSubscribed = true; // the first PING was the one behind the subscription
+    if (context == subscribedContext)
+        connection.bytesSincePong = behind;
     uint64_t barrier = 0;
     const auto [end, error] = std::from_chars(context.data(), context.data() + context.size(), barrier);
     if (error != std::errc() || end != context.data() + context.size() || barrier <= connection.ponged ||
@@ -186,7 +188,7 @@ void PostPort::takeArrivals(TimePoint now)
 void PostPort::ping(PostConnection& connection, TimePoint now)
 {
     const bool owesAnswer = connection.ponged != connection.pinged;
-    if (!connection.knowsPing() || (owesAnswer && now >= connection.endOfSyncWait))
+    if (!connection.isOpen() || !connection.knowsPing() || (owesAnswer && now >= connection.endOfSyncWait))
         return;
     if (!owesAnswer)
     {
