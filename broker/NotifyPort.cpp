@@ -95,6 +95,8 @@ void NotifyPort::read(NotifyConnection& connection, TimePoint)
 {
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     std::string_view bytes(mBuffer.data(), count);
+    if (count != 0)
+        finishMessage(connection); // a PONG must not get into it
     FrameReader::Item item;
     bool opened = false;
     for (;;)
@@ -283,15 +285,24 @@ void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position 
     connection.position = position;
 }
 
-// It still gets the rest of the message that it is in.
+// What it lacks of the message that it is in goes to its own output, and it is between two messages.
+void NotifyPort::finishMessage(NotifyConnection& connection)
+{
+    if (connection.state != NotifyConnection::State::Following)
+        return;
+    const NotificationLog::Position end = mLog.messageAt(connection.position).end;
+    mLog.copy(connection.position, end, connection.output());
+    moveTo(connection, end);
+}
+
 void NotifyPort::fallBehind(NotifyConnection& connection)
 {
+    finishMessage(connection);
     const NotificationLog::Message& message = mLog.messageAt(connection.position);
-    mLog.copy(connection.position, message.end, connection.output());
-    mLog.leave(connection.position);
-    connection.state = NotifyConnection::State::Behind;
     connection.revision = message.revision;
     connection.eventsKnown = message.eventsUpTo;
+    mLog.leave(connection.position);
+    connection.state = NotifyConnection::State::Behind;
 }
 
 void NotifyPort::shortenLog(std::size_t bytes)

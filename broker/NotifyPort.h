@@ -97,6 +97,7 @@ private:
     bool sendMissed(NotifyConnection& connection);
     void collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);
+    void finishMessage(NotifyConnection& connection);
     void fallBehind(NotifyConnection& connection);
     void moveTo(NotifyConnection& connection, NotificationLog::Position position);
     void update(NotifyConnection& connection);
