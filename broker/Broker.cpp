@@ -20,9 +20,6 @@ constexpr std::chrono::milliseconds longestFinish{400};
 constexpr std::chrono::milliseconds longestEnd{1200};
 constexpr std::chrono::milliseconds outputPause{10};
 
-// How long one that was closed for want of memory may take to come back.
-constexpr std::chrono::seconds closedMemory{3600};
-
 constexpr std::chrono::microseconds withoutLimit{-1};
 
 // How often memory that was freed is given back to the system.
@@ -55,8 +52,7 @@ Broker::Broker(const Options& options)
               mQuestions.forget(connection);
               mOutbox.forget(connection);
           }),
-      mNotify(mLoop.poller, mBudget, mOptions.limits, mRefusals, mState,
-              [this] { return mQuestions.catchUp().subscribed(Clock::now()).value_or(mState.revision()); }),
+      mNotify(mLoop.poller, mBudget, mOptions.limits, mRefusals, mState),
       mOutbox(mOptions, mState, mNotify, mRequests), mApplier(mOptions, mRefusals, mState, mOutbox),
       mPosts(mLoop.poller, mBudget, mOptions.limits, mRefusals,
              [this](std::string_view post) { mApplier.apply(post); }),
@@ -204,7 +200,7 @@ void Broker::pauseIntake(TimePoint now)
     const bool isPaused = mPause.decide(mNotify.backlog(now), limit, now);
     if (isPaused != wasPaused)
         mPosts.pause(isPaused);
-    mNotify.shortenLog(limit);
+    mNotify.shortenLog(limit, now);
 }
 
 // Whoever holds most gives way first: the log of notifications, or a connection.
@@ -215,7 +211,7 @@ void Broker::relieveMemory()
         Connection* largest = largestConnection();
         const std::size_t log = mNotify.log().heldBytes();
         if (mNotify.log().endOfOldest() != 0 && (largest == nullptr || log >= largest->accounted))
-            mNotify.shortenLog(log - 1);
+            mNotify.shortenLog(log - 1, Clock::now());
         else if (largest != nullptr)
             closeForMemory(*largest);
         else
@@ -251,9 +247,7 @@ void Broker::closeForMemory(Connection& connection)
     case Handshake::Kind::Request:
         return mRequests.close(static_cast<RequestConnection&>(connection));
     case Handshake::Kind::Notify:
-        // What the kernel held for it is lost, too, so nobody knows what it knows.
-        mQuestions.catchUp().disconnected(0, Clock::now(), closedMemory);
-        return mNotify.close(static_cast<NotifyConnection&>(connection));
+        return mNotify.closeForMemory(static_cast<NotifyConnection&>(connection), Clock::now());
     }
 }
 

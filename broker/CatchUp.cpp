@@ -5,39 +5,52 @@
 void CatchUp::acknowledged(uint64_t revision, TimePoint now)
 {
     forgetOld(now);
-    mAwaited.push_back({revision, now + longestWait, false});
+    if (mAwaited.empty() || mAwaited.back().since + together <= now)
+    {
+        mAwaited.push_back({revision, now, now});
+        return;
+    }
+    mAwaited.back().last = now;
+    ++mAwaited.back().waiting;
 }
 
 void CatchUp::disconnected(uint64_t revision, TimePoint now, std::chrono::seconds memory)
 {
     forgetOld(now);
-    mAwaited.push_back({revision, now + memory, true});
+    const TimePoint forgotten = now + memory;
+    if (mReturning)
+        mReturning = {std::min(mReturning->revision, revision), std::max(mReturning->forgotten, forgotten)};
+    else
+        mReturning = {revision, forgotten};
 }
 
 std::optional<uint64_t> CatchUp::subscribed(TimePoint now)
 {
     forgetOld(now);
-    if (mAwaited.empty())
-        return std::nullopt;
+    std::optional<uint64_t> revision;
+    if (mReturning)
+        revision = mReturning->revision;
+    if (!mAwaited.empty())
+        revision = std::min(revision.value_or(mAwaited.front().revision), mAwaited.front().revision);
     markLastServed(now);
-    return std::min_element(mAwaited.begin(), mAwaited.end(),
-                            [](const Awaited& one, const Awaited& other)
-                            { return one.revision < other.revision; })
-        ->revision;
+    return revision;
 }
 
 void CatchUp::forgetOld(TimePoint now)
 {
-    const auto isOld = [now](const Awaited& client) { return client.forgotten <= now; };
-    mAwaited.erase(std::remove_if(mAwaited.begin(), mAwaited.end(), isOld), mAwaited.end());
+    mAwaited.erase(std::remove_if(mAwaited.begin(), mAwaited.end(),
+                                  [now](const Awaited& clients) { return clients.isOld(now); }),
+                   mAwaited.end());
+    if (mReturning && mReturning->forgotten <= now)
+        mReturning.reset();
 }
 
 void CatchUp::markLastServed(TimePoint now)
 {
     const auto last = std::find_if(mAwaited.rbegin(), mAwaited.rend(),
-                                   [](const Awaited& client) { return !client.served; });
+                                   [](const Awaited& clients) { return clients.waiting != 0; });
     if (last == mAwaited.rend())
         return;
-    last->served = true;
-    last->forgotten = std::min(last->forgotten, now + TimePoint::duration(graceTime));
+    --last->waiting;
+    last->graceEnd = now + graceTime;
 }

@@ -16,7 +16,7 @@
 /// longest ago, and the one acknowledged last is taken to be served, but kept in mind a little longer.
 /// Listeners may so be told twice of a value that they know while clients are starting, but never too little.
 ///
-/// The same serves those that come back: subscribers that were cut off, and those of an earlier run of the
+/// The same serves those that come back: subscribers that were closed, and those of an earlier run of the
 /// broker. As nobody knows whether they are all back, they are kept in mind for a fixed time.
 class CatchUp
 {
@@ -26,6 +26,10 @@ public:
 
     /// How long one that seems to be served is kept in mind: the subscription may have been another's.
     static constexpr std::chrono::seconds graceTime{1};
+
+    /// Clients that were acknowledged within such a time count as acknowledged together, at the beginning of
+    /// it. So their number has no bound, but what is remembered of them has.
+    static constexpr std::chrono::milliseconds together{100};
 
     void acknowledged(uint64_t revision, TimePoint now);
 
@@ -37,17 +41,32 @@ public:
     std::optional<uint64_t> subscribed(TimePoint now);
 
 private:
+    /// Clients that were acknowledged together.
     struct Awaited
     {
         uint64_t revision;
+        TimePoint since;
+        TimePoint last;
+        TimePoint graceEnd{}; ///< of those that seem to be served
+        unsigned waiting = 1;
+
+        bool isOld(TimePoint now) const
+        {
+            return (waiting == 0 || last + longestWait <= now) && graceEnd <= now;
+        }
+    };
+
+    struct Returning
+    {
+        uint64_t revision;
         TimePoint forgotten;
-        bool served; ///< or not to be looked at in turn
     };
 
     void forgetOld(TimePoint now);
     void markLastServed(TimePoint now);
 
-    std::deque<Awaited> mAwaited; // oldest first
+    std::deque<Awaited> mAwaited; // oldest first, so their revisions ascend
+    std::optional<Returning> mReturning;
 };
 
 #endif

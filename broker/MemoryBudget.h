@@ -18,6 +18,8 @@ public:
         counted = now;
     }
 
+    /// Whether so much more may be held.
+    bool allows(std::size_t more) const { return mHeld + more <= mLimit; }
     bool isExceeded() const { return mHeld > mLimit; }
     std::size_t held() const { return mHeld; }
 

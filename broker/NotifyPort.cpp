@@ -29,8 +29,18 @@ constexpr std::size_t allSendBuffers = std::size_t{16} * 1024 * 1024;
 // Values that a subscriber missed go out in messages of about this size.
 constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 
+// What a short value costs beyond its bytes.
+constexpr std::size_t perValue = 32;
+
 // Sent of those to one subscriber before the others have their turn.
 constexpr std::size_t turnBytes = std::size_t{256} * 1024;
+
+// How long subscribers that cost more have their turn.
+constexpr std::chrono::milliseconds flushTurn{5};
+
+// How long one that was closed for want of memory may take to come back. What the kernel held for it is lost,
+// too, so nobody knows what it knows.
+constexpr std::chrono::seconds closedMemory{3600};
 
 // A subscriber that has taken nothing for so long has stopped.
 constexpr std::chrono::milliseconds progressTime{250};
@@ -57,10 +67,9 @@ bool NotifyConnection::wants(std::string_view message) const
 }
 
 NotifyPort::NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                       const DeviceState& state, OnSubscribed onSubscribed)
+                       const DeviceState& state)
     : Port(poller, BrokerProtocol::notifyPort, Handshake::Kind::Notify, 0), mBudget(budget),
-      mRefusals(refusals), mState(state), mOnSubscribed(std::move(onSubscribed)),
-      mLimit("notify", limits.connections, refusals), mBuffer(bufferBytes)
+      mRefusals(refusals), mState(state), mLimit("notify", limits.connections, refusals), mBuffer(bufferBytes)
 {
 }
 
@@ -91,12 +100,15 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
     update(connection);
 }
 
-void NotifyPort::read(NotifyConnection& connection, TimePoint)
+void NotifyPort::read(NotifyConnection& connection, TimePoint now)
 {
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     std::string_view bytes(mBuffer.data(), count);
-    if (count != 0)
-        finishMessage(connection); // a PONG must not get into it
+    if (count != 0 && !finishMessage(connection)) // a PONG must not get into it
+    {
+        lackMemory(now);
+        return connection.kill();
+    }
     FrameReader::Item item;
     bool opened = false;
     for (;;)
@@ -110,23 +122,23 @@ void NotifyPort::read(NotifyConnection& connection, TimePoint)
         if (result == FrameReader::Result::TooLong || result == FrameReader::Result::Endless)
             mRefusals.reportLong("Subscription", result == FrameReader::Result::Endless, longestPrefix);
         else if (result == FrameReader::Result::Command)
-            takeCommand(connection, item.body);
+            takeCommand(connection, item.body, now);
         else if (result == FrameReader::Result::Message && takePrefix(item.body, "\1"sv))
-            subscribe(connection, item.body); // as peers of version 3.0 do it
+            subscribe(connection, item.body, now); // as peers of version 3.0 do it
         else if (result == FrameReader::Result::Message && takePrefix(item.body, "\0"sv))
             cancel(connection, item.body);
     }
 }
 
-void NotifyPort::takeCommand(NotifyConnection& connection, std::string_view command)
+void NotifyPort::takeCommand(NotifyConnection& connection, std::string_view command, TimePoint now)
 {
     if (takePrefix(command, "\x09SUBSCRIBE"sv))
-        subscribe(connection, command);
+        subscribe(connection, command, now);
     else if (takePrefix(command, "\6CANCEL"sv))
         cancel(connection, command);
 }
 
-void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix)
+void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix, TimePoint now)
 {
     if (connection.prefixes.size() == mostPrefixes || prefix.size() > longestPrefix)
         return mRefusals.report(Refusal::Subscriptions,
@@ -136,7 +148,7 @@ void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix
     if (connection.state != NotifyConnection::State::Idle)
         return;
     connection.state = NotifyConnection::State::Behind;
-    connection.revision = mOnSubscribed();
+    connection.revision = mCatchUp.subscribed(now).value_or(mState.revision());
     connection.eventsKnown = mLog.eventsSoFar();
 }
 
@@ -163,20 +175,59 @@ void NotifyPort::publish(std::string_view message, uint64_t revision, uint64_t e
 
 void NotifyPort::flush(TimePoint now)
 {
+    flushFollowers(now);
+    flushOthers(now);
+    mLog.trim();
+    mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+void NotifyPort::flushFollowers(TimePoint now)
+{
     // Backwards, as sending may show that one has gone.
     for (std::size_t index = peers().size(); index-- > 0;)
     {
         NotifyConnection& connection = *peers()[index];
-        const bool isDone =
-            connection.state == NotifyConnection::State::Idle ||
-            (connection.state == NotifyConnection::State::Following && connection.position == mLog.end());
-        if (connection.isFull || (isDone && !connection.hasOutput()))
+        if (!connection.followsAll() || !isToBeSent(connection))
             continue;
         send(connection, now);
         update(connection);
     }
-    mLog.trim();
-    mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+void NotifyPort::flushOthers(TimePoint now)
+{
+    mHasLeftOver = false;
+    const TimePoint end = Clock::now() + flushTurn;
+    const std::size_t count = peers().size();
+    for (std::size_t looked = 0; looked < count && !mHasLeftOver; ++looked)
+    {
+        mNext = mNext < peers().size() ? mNext : 0;
+        NotifyConnection& connection = *peers()[mNext];
+        if (!connection.followsAll() && isToBeSent(connection))
+        {
+            send(connection, now);
+            update(connection);
+            // If one has gone, another has its place.
+            mHasLeftOver = peers().size() != count || Clock::now() >= end;
+        }
+        ++mNext;
+    }
+}
+
+bool NotifyPort::isToBeSent(const NotifyConnection& connection) const
+{
+    if (connection.isFull)
+        return false;
+    switch (connection.state)
+    {
+    case NotifyConnection::State::Idle:
+        break;
+    case NotifyConnection::State::Following:
+        return connection.hasOutput() || connection.position != mLog.end();
+    case NotifyConnection::State::Behind:
+        return true;
+    }
+    return connection.hasOutput();
 }
 
 void NotifyPort::send(NotifyConnection& connection, TimePoint now)
@@ -214,12 +265,15 @@ bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
     return true;
 }
 
-// Copies what it wants: its position is always between two messages.
+// Copies what it wants: its position is always between two messages. What it does not want takes time, too.
 bool NotifyPort::sendMatching(NotifyConnection& connection)
 {
     std::string begin;
+    const NotificationLog::Position turnEnd = connection.position + turnBytes;
     while (const NotificationLog::Message* message = mLog.messageBehind(connection.position))
     {
+        if (connection.position >= turnEnd)
+            return connection.flush() && false;
         begin.clear();
         mLog.copyBeginning(connection.position, longestPrefix, begin);
         if (connection.wants(begin))
@@ -235,38 +289,51 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
 // message goes on where this one ended.
 bool NotifyPort::sendMissed(NotifyConnection& connection)
 {
-    for (std::size_t sent = 0; sent < turnBytes; sent += missedBytes)
+    for (std::size_t looked = 0; looked < turnBytes;)
     {
-        const DeviceState::Value* value = mState.changedSince(connection.revision);
+        const DeviceState::Value* value = nextMissed(connection);
         if (value == nullptr)
         {
             follow(connection);
             return true;
         }
-        collectMissed(connection, value);
+        looked += collectMissed(connection, value);
         if (!connection.flush())
             return false;
     }
     return false;
 }
 
-void NotifyPort::collectMissed(NotifyConnection& connection, const DeviceState::Value* value)
+// Where it has stopped, if that value has not changed since; else that takes a search.
+const DeviceState::Value* NotifyPort::nextMissed(const NotifyConnection& connection) const
+{
+    if (connection.nextValue != nullptr && connection.nextValue->revision == connection.nextValueRevision)
+        return connection.nextValue;
+    return mState.changedSince(connection.revision);
+}
+
+// Returns how many bytes it has looked at.
+std::size_t NotifyPort::collectMissed(NotifyConnection& connection, const DeviceState::Value* value)
 {
     // One by one for a subscriber that may want only some of them.
     const std::size_t most = connection.wantsAll() ? missedBytes : 1;
     DeviceState::Members members;
-    for (std::size_t bytes = 0; value != nullptr && bytes < most; value = value->newer)
+    std::size_t bytes = 0;
+    for (; value != nullptr && bytes < most; value = value->newer)
     {
         members.push_back({value->key, value->text});
-        bytes += value->key.size() + value->text.size() + 1;
+        bytes += value->key.size() + value->text.size() + perValue;
         connection.revision = value->revision;
     }
+    connection.nextValue = value;
+    connection.nextValueRevision = value == nullptr ? 0 : value->revision;
     std::sort(members.begin(), members.end(),
               [](const auto& one, const auto& other) { return one.name < other.name; });
     std::string text;
     BrokerProtocol::appendUpdate(text, BrokerProtocol::Key::statusUpdate, members);
     if (connection.wants(text))
         FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
+    return bytes;
 }
 
 // --------------------------------------------------------------------------------------- following the log
@@ -285,42 +352,69 @@ void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position 
     connection.position = position;
 }
 
-// What it lacks of the message that it is in goes to its own output, and it is between two messages.
-void NotifyPort::finishMessage(NotifyConnection& connection)
+// What it lacks of the message that it is in goes to its own output, and it is between two messages. False if
+// there is no memory for that.
+bool NotifyPort::finishMessage(NotifyConnection& connection)
 {
     if (connection.state != NotifyConnection::State::Following)
-        return;
+        return true;
     const NotificationLog::Position end = mLog.messageAt(connection.position).end;
+    const std::size_t missing = end - connection.position;
+    if (missing != 0 && !mBudget.allows(missing))
+        return false;
     mLog.copy(connection.position, end, connection.output());
     moveTo(connection, end);
+    mBudget.update(connection.accounted, connection.heldBytes());
+    return true;
 }
 
-void NotifyPort::fallBehind(NotifyConnection& connection)
+// False if there is no memory for what it is to get first.
+bool NotifyPort::fallBehind(NotifyConnection& connection)
 {
-    finishMessage(connection);
+    if (!finishMessage(connection))
+        return false;
     const NotificationLog::Message& message = mLog.messageAt(connection.position);
     connection.revision = message.revision;
     connection.eventsKnown = message.eventsUpTo;
+    connection.nextValue = nullptr;
     mLog.leave(connection.position);
     connection.state = NotifyConnection::State::Behind;
+    return true;
 }
 
-void NotifyPort::shortenLog(std::size_t bytes)
+void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
 {
     while (mLog.heldBytes() > bytes && mLog.endOfOldest() != 0)
     {
         const NotificationLog::Position end = mLog.endOfOldest();
-        for (const auto& connection : peers())
+        for (std::size_t index = peers().size(); index-- > 0;)
         {
-            if (connection->state != NotifyConnection::State::Following || connection->position >= end)
+            NotifyConnection& connection = *peers()[index];
+            if (connection.state != NotifyConnection::State::Following || connection.position >= end)
                 continue;
-            fallBehind(*connection);
             ++mFallenBehind;
-            mBudget.update(connection->accounted, connection->heldBytes());
+            if (!fallBehind(connection))
+            {
+                lackMemory(now);
+                close(connection);
+            }
         }
         mLog.trim();
     }
     mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)
+{
+    mCatchUp.disconnected(0, now, closedMemory);
+    close(connection);
+}
+
+void NotifyPort::lackMemory(TimePoint now)
+{
+    mRefusals.report(Refusal::Memory, "Closing a subscriber in the middle of a message, %zu bytes held",
+                     mBudget.held());
+    mCatchUp.disconnected(0, now, closedMemory);
 }
 
 std::size_t NotifyPort::backlog(TimePoint now) const

@@ -2,10 +2,10 @@
 #define BROKER_NOTIFYPORT_H
 
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <vector>
 
+#include "broker/CatchUp.h"
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
 #include "broker/base/Limits.h"
@@ -31,10 +31,14 @@ public:
     NotificationLog::Position position = 0; ///< Following
     uint64_t revision = 0;                  ///< Behind: knows the values up to this one
     uint64_t eventsKnown = 0;               ///< Behind: knows, or cannot want, the events up to this one
-    std::vector<std::string> prefixes;      ///< of the messages that it wants; as subscribed, also twice
-    bool isFull = false;                    ///< the kernel takes no more until it says so
-    TimePoint tookAt{};                     ///< when it last took something
+    /// Behind: the value to go on with, if it still has this revision.
+    const DeviceState::Value* nextValue = nullptr;
+    uint64_t nextValueRevision = 0;
+    std::vector<std::string> prefixes; ///< of the messages that it wants; as subscribed, also twice
+    bool isFull = false;               ///< the kernel takes no more until it says so
+    TimePoint tookAt{};                ///< when it last took something
 
+    bool followsAll() const { return state == State::Following && wantsAll(); }
     bool wantsAll() const { return prefixes.size() == 1 && prefixes.front().empty(); }
     bool wants(std::string_view message) const;
 };
@@ -48,12 +52,9 @@ public:
 class NotifyPort : public Port<NotifyConnection>
 {
 public:
-    /// Returns the revision since which a new subscriber has to be told of values.
-    using OnSubscribed = std::function<uint64_t()>;
-
     /// All must outlive it.
     NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-               const DeviceState& state, OnSubscribed onSubscribed);
+               const DeviceState& state);
 
     void serve(NotifyConnection& connection, uint32_t what, TimePoint now);
 
@@ -62,11 +63,21 @@ public:
     /// @param events how many it holds
     void publish(std::string_view message, uint64_t revision, uint64_t events);
 
-    /// Sends every subscriber what it lacks, as far as the kernel takes it.
+    /// Sends every subscriber what it lacks, as far as the kernel takes it. Subscribers that are behind, or
+    /// want only some messages, cost more; they have their turn one after another for a limited time.
     void flush(TimePoint now);
 
+    /// When flush() is to be called although nothing has come.
+    TimePoint due() const override { return mHasLeftOver ? TimePoint::min() : Port::due(); }
+
+    /// Closes a subscriber for want of memory. It comes back.
+    void closeForMemory(NotifyConnection& connection, TimePoint now);
+
+    /// Subscribers have to be told again of what has changed since such a revision.
+    CatchUp& catchUp() { return mCatchUp; }
+
     /// Lets subscribers fall behind until the log holds at most so many bytes.
-    void shortenLog(std::size_t bytes);
+    void shortenLog(std::size_t bytes, TimePoint now);
 
     /// How many bytes the slowest follower lacks of those that have taken some lately.
     std::size_t backlog(TimePoint now) const;
@@ -88,30 +99,37 @@ private:
     void onClose(NotifyConnection& connection) override;
     void read(NotifyConnection& connection, TimePoint now) override;
 
-    void takeCommand(NotifyConnection& connection, std::string_view command);
-    void subscribe(NotifyConnection& connection, std::string_view prefix);
+    void takeCommand(NotifyConnection& connection, std::string_view command, TimePoint now);
+    void subscribe(NotifyConnection& connection, std::string_view prefix, TimePoint now);
     void cancel(NotifyConnection& connection, std::string_view prefix);
+    void flushFollowers(TimePoint now);
+    void flushOthers(TimePoint now);
+    bool isToBeSent(const NotifyConnection& connection) const;
     void send(NotifyConnection& connection, TimePoint now);
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
     bool sendMissed(NotifyConnection& connection);
-    void collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
+    const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
+    std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);
-    void finishMessage(NotifyConnection& connection);
-    void fallBehind(NotifyConnection& connection);
+    bool finishMessage(NotifyConnection& connection);
+    void lackMemory(TimePoint now);
+    bool fallBehind(NotifyConnection& connection);
     void moveTo(NotifyConnection& connection, NotificationLog::Position position);
     void update(NotifyConnection& connection);
 
     MemoryBudget& mBudget;
     Refusals& mRefusals;
     const DeviceState& mState;
-    OnSubscribed mOnSubscribed;
     ConnectionLimit mLimit;
+    CatchUp mCatchUp;
     NotificationLog mLog;
     std::size_t mLogCounted = 0;
     uint64_t mPublished = 0;
     uint64_t mMissedEvents = 0;
     uint64_t mFallenBehind = 0;
+    std::size_t mNext = 0;     ///< whose turn it is
+    bool mHasLeftOver = false; ///< could be sent something, but the time was over
     std::vector<char> mBuffer;
 };
 

@@ -26,11 +26,11 @@ void removeFrom(List& list, RequestConnection* connection)
 } // namespace
 
 Questions::Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
-                     const NotifyPort& notify, const DeviceState& state, TimePoint brokerStart)
+                     NotifyPort& notify, const DeviceState& state, TimePoint brokerStart)
     : mAnswerer(answerer), mOutbox(outbox), mPosts(posts), mRequests(requests), mNotify(notify),
       mState(state), mBrokerStart(brokerStart), mGate(brokerStart)
 {
-    mCatchUp.disconnected(0, brokerStart, restartMemory);
+    mNotify.catchUp().disconnected(0, brokerStart, restartMemory);
 }
 
 void Questions::forget(RequestConnection& connection)
@@ -152,7 +152,7 @@ void Questions::startOne(RequestConnection& connection)
     removeFrom(mStarting, &connection);
     if (mayHaveLostPosts(connection))
         return acknowledge(connection, BrokerProtocol::syncLostWord);
-    mCatchUp.acknowledged(mState.revision(), Clock::now());
+    mNotify.catchUp().acknowledged(mState.revision(), Clock::now());
     acknowledge(connection, BrokerProtocol::syncAckWord);
 }
 

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "broker/Answerer.h"
-#include "broker/CatchUp.h"
 #include "broker/Outbox.h"
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
@@ -18,8 +17,8 @@ class Questions
 {
 public:
     /// All must outlive it.
-    Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
-              const NotifyPort& notify, const DeviceState& state, TimePoint brokerStart);
+    Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests, NotifyPort& notify,
+              const DeviceState& state, TimePoint brokerStart);
 
     void ask(RequestConnection& connection) { mNew.push_back(&connection); }
 
@@ -36,9 +35,6 @@ public:
 
     /// When answer() is to be called although nothing has come.
     TimePoint due() const;
-
-    /// Subscribers have to be told again of what has changed since such a revision.
-    CatchUp& catchUp() { return mCatchUp; }
 
 private:
     struct Waiting
@@ -61,11 +57,10 @@ private:
     Outbox& mOutbox;
     PostPort& mPosts;
     RequestPort& mRequests;
-    const NotifyPort& mNotify;
+    NotifyPort& mNotify;
     const DeviceState& mState;
     const TimePoint mBrokerStart;
     StartGate mGate;
-    CatchUp mCatchUp;
     std::vector<RequestConnection*> mNew;
     std::deque<Waiting> mWaiting;              // for posts, in the order of their barriers
     std::vector<RequestConnection*> mStarting; // oldest first

@@ -46,6 +46,28 @@ TEST(CatchUpTest, aSubscriptionServesOnlyOneOfSeveralClients)
     EXPECT_EQ(catchUp.subscribed(start + 10s), 10U); // the older one still waits
 }
 
+TEST(CatchUpTest, ofClientsAcknowledgedTogetherEachIsAwaited)
+{
+    CatchUp catchUp;
+    catchUp.acknowledged(10, start);
+    catchUp.acknowledged(20, start + 50ms);
+    catchUp.acknowledged(30, start + 90ms);
+    catchUp.subscribed(start + 91ms);
+    catchUp.subscribed(start + 91ms);
+    EXPECT_EQ(catchUp.subscribed(start + 10s), 10U); // the third
+    EXPECT_EQ(catchUp.subscribed(start + 10s + CatchUp::graceTime), std::nullopt);
+}
+
+TEST(CatchUpTest, oneThatWasAcknowledgedLaterDoesNotPassForAnEarlierOne)
+{
+    CatchUp catchUp;
+    catchUp.acknowledged(10, start);
+    catchUp.acknowledged(20, start + CatchUp::together);
+    catchUp.subscribed(start + CatchUp::together); // the later one's
+    EXPECT_EQ(catchUp.subscribed(start + 10s), 10U);
+    EXPECT_EQ(catchUp.subscribed(start + 12s), std::nullopt);
+}
+
 TEST(CatchUpTest, aClientThatNeverSubscribesIsForgotten)
 {
     CatchUp catchUp;

@@ -31,3 +31,13 @@ TEST(MemoryBudgetTest, isExceededBeyondItsLimitWhichMayChange)
     limit = 101;
     EXPECT_FALSE(budget.isExceeded());
 }
+
+TEST(MemoryBudgetTest, allowsWhatFillsItAndNoMore)
+{
+    const std::size_t limit = 100;
+    MemoryBudget budget(limit);
+    std::size_t holder = 0;
+    budget.update(holder, 60);
+    EXPECT_TRUE(budget.allows(40));
+    EXPECT_FALSE(budget.allows(41));
+}
