@@ -86,12 +86,14 @@ uint64_t brokerStatistic(RawRequester& requester, const std::string& name)
     return std::stoull(text.substr(at + name.size() + 3));
 }
 
-RawPoster::RawPoster() : mSocket(context(), zmq::socket_type::pub)
+// An XPUB posts as a PUB does, and is told of the subscription besides.
+RawPoster::RawPoster() : mSocket(context(), zmq::socket_type::xpub)
 {
     mSocket.set(zmq::sockopt::linger, 1000);
     mSocket.set(zmq::sockopt::sndhwm, 0);
     mSocket.connect("tcp://127.0.0.1:5556");
-    const RawSubscriber echo(*this); // its "Sync" has come back: posts arrive
+    if (!receiveFrames(mSocket, testDeadline))
+        throw std::runtime_error("the broker's subscription did not come");
 }
 
 void RawPoster::post(const std::vector<std::string>& frames)
