@@ -77,18 +77,29 @@ TEST_F(ZmtpTest, nothingElseComesBeforeThePeersReadyWhateverHappens)
         EXPECT_EQ(peer->read(1, std::chrono::milliseconds(1)), "");
 }
 
-TEST_F(ZmtpTest, aPeerThatSpeaksInPiecesOfOneByteIsServed)
+TEST_F(ZmtpTest, peersThatSpeakInPiecesOfOneByteAreServed)
 {
-    ZmtpPeer peer(ZmtpPeer::requestPort);
-    const std::string said =
-        ZmtpPeer::greeting() + ZmtpPeer::ready("REQ") + ZmtpPeer::request(R"({"getCounterValue":"c"})");
-    for (const char byte : said)
+    const auto speak = [](ZmtpPeer& peer, const std::string& bytes)
     {
-        ASSERT_TRUE(peer.write(std::string(1, byte)));
-        std::this_thread::yield();
-    }
-    const std::string expected = ZmtpPeer::openingOf(ZmtpPeer::requestPort) + "\1\0\0\1"s + "0";
-    EXPECT_EQ(peer.read(expected.size()), expected);
+        for (const char byte : bytes)
+        {
+            ASSERT_TRUE(peer.write(std::string(1, byte)));
+            std::this_thread::yield();
+        }
+    };
+    ZmtpPeer notify(ZmtpPeer::notifyPort);
+    speak(notify, ZmtpPeer::greeting() + ZmtpPeer::ready("SUB") + toAll + ZmtpPeer::ping("1"));
+    const std::string notified = ZmtpPeer::openingOf(ZmtpPeer::notifyPort) + ZmtpPeer::pong("1");
+    ASSERT_EQ(notify.read(notified.size()), notified);
+    ZmtpPeer post(ZmtpPeer::postPort);
+    speak(post, ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") +
+                    ZmtpPeer::message(postOf("k", std::string(300, 'v'))));
+    EXPECT_EQ(notify.receiveText(), R"({"statusUpdate":{"k":")" + std::string(300, 'v') + "\"}}");
+    ZmtpPeer request(ZmtpPeer::requestPort);
+    speak(request,
+          ZmtpPeer::greeting() + ZmtpPeer::ready("REQ") + ZmtpPeer::request(R"({"getCounterValue":"c"})"));
+    const std::string answered = ZmtpPeer::openingOf(ZmtpPeer::requestPort) + "\1\0\0\1"s + "0";
+    EXPECT_EQ(request.read(answered.size()), answered);
 }
 
 TEST_F(ZmtpTest, everythingInOneWriteIsServed)
@@ -169,6 +180,19 @@ TEST_F(ZmtpTest, aPingIsAnsweredWithItsContext)
             ASSERT_TRUE(peer.write(ZmtpPeer::ping(context)));
             EXPECT_EQ(peer.read(ZmtpPeer::pong(context).size()), ZmtpPeer::pong(context)) << port;
         }
+    }
+}
+
+TEST_F(ZmtpTest, aPingInOneWriteWithReadyIsAnswered)
+{
+    for (const uint16_t port : {ZmtpPeer::requestPort, ZmtpPeer::notifyPort})
+    {
+        ZmtpPeer peer(port);
+        const std::string type = port == ZmtpPeer::requestPort ? "REQ" : "SUB";
+        ASSERT_TRUE(peer.write(ZmtpPeer::greeting() + ZmtpPeer::ready(type) + ZmtpPeer::ping("1") +
+                               ZmtpPeer::ping("2")));
+        const std::string expected = ZmtpPeer::openingOf(port) + ZmtpPeer::pong("1") + ZmtpPeer::pong("2");
+        EXPECT_EQ(peer.read(expected.size()), expected) << port;
     }
 }
 
@@ -321,6 +345,43 @@ TEST(ZmtpNotification, isFramesToTheByte)
                                     static_cast<char>(text.size() - 512) + text.substr(512);
         EXPECT_EQ(peer.read(longOne.size()), longOne);
         EXPECT_EQ(peer.read(1, quiet), "");
+    }
+}
+
+// The kernel takes a part of a message from the broker when a subscriber is slow. The rest must follow,
+// whatever the subscriber says meanwhile.
+TEST(ZmtpNotification, isNotTornByWhatASlowSubscriberSays)
+{
+    BrokerProcess broker({"--heartbeat=0"});
+    RawPoster poster;
+    ZmtpPeer peer(ZmtpPeer::notifyPort, 4096);
+    ASSERT_TRUE(peer.shakeHands());
+    ASSERT_TRUE(peer.write(toAll + ZmtpPeer::ping("")));
+    ASSERT_EQ(peer.read(ZmtpPeer::pong("").size()), ZmtpPeer::pong(""));
+    constexpr int messages = 60;
+    const std::string value(40000, 'v');
+    for (int number = 0; number < messages; ++number)
+        poster.post(R"({"postEvent":{")" + std::to_string(number) + R"(":")" + value + "\"}}");
+    RawRequester requester;
+    ASSERT_TRUE(
+        eventually([&] { return brokerStatistic(requester, "notifications.published") >= messages; }));
+    std::string text;
+    for (int number = 0; number < messages;)
+    {
+        ASSERT_TRUE(peer.write(ZmtpPeer::ping("p") + ZmtpPeer::subscribe("none") + ZmtpPeer::cancel("none")));
+        const auto frame = peer.readFrame();
+        ASSERT_TRUE(frame) << number;
+        if ((frame->flags & WireFrames::command) != 0)
+        {
+            ASSERT_EQ(frame->body, "\4PONGp");
+            continue;
+        }
+        text += frame->body;
+        if ((frame->flags & WireFrames::more) != 0)
+            continue;
+        ASSERT_EQ(text, R"({"eventUpdate":{")" + std::to_string(number) + R"(":")" + value + "\"}}");
+        text.clear();
+        ++number;
     }
 }
 
