@@ -99,7 +99,8 @@ void RequestPort::ask(RequestConnection& connection, FrameReader::Result result,
     connection.request.assign(isRequest ? item.body : std::string_view());
     connection.askedAt = now;
     if (!connection.hasAsked)
-        connection.isReturning = now - connection.openedAt > newClientsPause;
+        connection.isReturning =
+            now - connection.openedAt > newClientsPause || connection.request != BrokerProtocol::syncWord;
     connection.hasAsked = true;
     mOnRequest(connection);
 }

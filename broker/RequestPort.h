@@ -9,9 +9,9 @@
 
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
+#include "broker/Reply.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
-#include "broker/Reply.h"
 #include "broker/wire/Port.h"
 
 /// A connection on which a client asks. One question at a time: the next is read when the answer to the last
@@ -31,7 +31,7 @@ public:
     std::string unread;         ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered
-    bool isReturning = false; ///< its first words came too late for a new client
+    bool isReturning = false; ///< its first words are not "Sync", or came too late for a new client
     bool hasNoPosts = false;  ///< it has not shown a post connection
 
     std::size_t heldBytes() const
@@ -54,7 +54,7 @@ public:
     using OnRequest = std::function<void(RequestConnection&)>;
     using OnClose = std::function<void(RequestConnection&)>;
 
-    /// A new client speaks within milliseconds.
+    /// A new client says "Sync" within milliseconds.
     static constexpr std::chrono::milliseconds newClientsPause{250};
 
     /// A connection that has said nothing for so long gets an empty answer.
