@@ -24,6 +24,9 @@ Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, R
     mStateFile.emplace(options.stateFile, options.stateSync, options.stateKeys,
                        [this] { return mState.everything(); }, options.limits);
     mState.restore(mStateFile->load());
+    // So that the next broker of this boot knows that there was one before, also if nothing changes.
+    if (!mStateFile->isOfThisBoot())
+        mStateFile->commit({});
 }
 
 void Outbox::publish(const std::string& notification, uint64_t events)
