@@ -8,8 +8,8 @@ namespace
 {
 
 // Clients that were there before a broker that is started again come back within this time: they try each
-// 100 to 200 ms.
-constexpr std::chrono::milliseconds returnTime{250};
+// 100 to 200 ms, on a busy machine somewhat later.
+constexpr std::chrono::milliseconds returnTime{500};
 
 // A start is looked at so often while it is held.
 constexpr std::chrono::milliseconds startPause{1};
@@ -127,8 +127,7 @@ void Questions::start(TimePoint now)
     std::size_t clients = this->clients();
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        if (mOutbox.isRestart() && connection->askedAt < mBrokerStart + returnTime &&
-            now < mBrokerStart + returnTime)
+        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && now < mBrokerStart + returnTime)
             continue;
         const bool areSubscribed = mPosts.areSubscribed(connection->askedAt, now);
         switch (mGate.decide(connection->askedAt, areSubscribed, clients, posts, now))
@@ -157,12 +156,16 @@ void Questions::startOne(RequestConnection& connection)
 }
 
 // Its first "Sync" here is not that of a new client, but of one that an earlier broker knew: posts may have
-// died with that. A new client speaks at once, and only an old one has subscribed already.
+// died with that. A new client says "Sync" at once, and only an old one has subscribed already.
 bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 {
-    const bool hasComeBack =
-        mOutbox.isRestart() && connection.askedAt < mBrokerStart + returnTime && mNotify.hasSubscribers();
-    return connection.isReturning || hasComeBack;
+    return connection.isReturning || (isDuringReturn(connection) && mNotify.hasSubscribers());
+}
+
+// Asked while clients of an earlier broker come back.
+bool Questions::isDuringReturn(const RequestConnection& connection) const
+{
+    return mOutbox.isRestart() && connection.askedAt < mBrokerStart + returnTime;
 }
 
 void Questions::acknowledge(RequestConnection& connection, const char* word)

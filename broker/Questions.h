@@ -48,6 +48,7 @@ private:
     void start(TimePoint now);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
+    bool isDuringReturn(const RequestConnection& connection) const;
     void answerOne(RequestConnection& connection);
     void acknowledge(RequestConnection& connection, const char* word);
     std::size_t clients() const;
