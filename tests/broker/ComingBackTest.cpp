@@ -1,0 +1,207 @@
+// Clients whose broker is killed under them and started anew: what was under way, and what they may believe.
+
+#include <atomic>
+#include <csignal>
+#include <fstream>
+#include <future>
+#include <gtest/gtest.h>
+#include <memory>
+#include <sstream>
+
+#include "tests/broker/Messages.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ProxyClient.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/ZmtpPeer.h"
+
+namespace
+{
+
+// Bytes that connections of a port have received and nobody has read, as the kernel tells.
+unsigned long unreadBytes(uint16_t port)
+{
+    constexpr int hexadecimal = 16;
+    std::ifstream table("/proc/self/net/tcp");
+    unsigned long sum = 0;
+    std::string line;
+    for (std::getline(table, line); std::getline(table, line);)
+    {
+        std::istringstream fields(line);
+        std::string slot;
+        std::string local;
+        std::string remote;
+        std::string state;
+        std::string queues;
+        fields >> slot >> local >> remote >> state >> queues;
+        const bool isConnected = state == "01" || state == "08";
+        if (isConnected && std::stoul(local.substr(local.find(':') + 1), nullptr, hexadecimal) == port)
+            sum += std::stoul(queues.substr(queues.find(':') + 1), nullptr, hexadecimal);
+    }
+    return sum;
+}
+
+/// With and without a state file.
+class ComingBackTest : public testing::TestWithParam<bool>
+{
+protected:
+    void SetUp() override
+    {
+        start();
+        client.emplace();
+    }
+
+    bool keepsState() const { return GetParam(); }
+
+    void start()
+    {
+        const std::vector<std::string> options{"--state", folder / "state"};
+        broker = std::make_unique<BrokerProcess>(keepsState() ? options : std::vector<std::string>());
+    }
+
+    void kill()
+    {
+        broker->process().signal(SIGKILL);
+        broker->process().waitForExit();
+    }
+
+    void startAnew()
+    {
+        kill();
+        start();
+    }
+
+    // What the client says from now on dies with the broker.
+    void stop() { broker->process().suspend(); }
+
+    // Lets a post die with the broker.
+    void losePost()
+    {
+        stop();
+        (*client)->postStatus("lost", "1");
+        ASSERT_TRUE(eventually([] { return unreadBytes(ZmtpPeer::postPort) != 0; }));
+        kill();
+    }
+
+    // The client has come back and asks nothing, for longer than a new client takes to speak.
+    void waitUntilItIsBack()
+    {
+        RawRequester requester;
+        const auto has = [&](const char* connections, uint64_t count)
+        { return eventually([&] { return brokerStatistic(requester, connections) >= count; }); };
+        ASSERT_TRUE(has("clients.requests", 2) && has("clients.posts", 1) && has("clients.notifications", 1));
+        ZmtpPeer silent(ZmtpPeer::requestPort);
+        ASSERT_TRUE(silent.shakeHands());
+        ASSERT_TRUE(silent.readFrame()) << "the empty answer, after a second";
+    }
+
+    template <class Call>
+    auto underWay(Call call)
+    {
+        auto result = std::async(std::launch::async, std::move(call));
+        EXPECT_TRUE(eventually([] { return unreadBytes(ZmtpPeer::requestPort) != 0; }));
+        return result;
+    }
+
+    TemporaryFolder folder;
+    std::unique_ptr<BrokerProcess> broker;
+    std::optional<ProxyClient> client;
+};
+
+constexpr int withoutLimit = -1;
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(, ComingBackTest, testing::Bool(),
+                         [](const auto& test) { return test.param ? "withStateFile" : "withoutStateFile"; });
+
+// --------------------------------------------------------------------------------------------- hung queries
+
+TEST_P(ComingBackTest, aQueryThatWasUnderWayGetsTheNewBrokersAnswer)
+{
+    for (int round = 0; round < 3; ++round)
+    {
+        (*client)->setCounterValue("c", 10);
+        ASSERT_TRUE(eventually([&] { return (*client)->sync(withoutLimit); }));
+        stop();
+        auto value = underWay([&] { return (*client)->incrementCounter("c"); });
+        startAnew();
+        ASSERT_EQ(value.wait_for(testDeadline), std::future_status::ready);
+        EXPECT_EQ(value.get(), keepsState() ? 11U : 1U);
+    }
+}
+
+TEST_P(ComingBackTest, aClientThatAsksAllTheTimeGoesOnAfterEachKill)
+{
+    std::atomic<unsigned> answers{0};
+    Gate enough;
+    std::thread asking(
+        [&]
+        {
+            for (; !enough.isOpen(); ++answers)
+                (*client)->getCounterValue("c");
+        });
+    for (int round = 0; round < 5; ++round)
+    {
+        const unsigned before = answers;
+        EXPECT_TRUE(eventually([&] { return answers > before + 10; })) << round;
+        startAnew();
+    }
+    const unsigned before = answers;
+    EXPECT_TRUE(eventually([&] { return answers > before + 1; }));
+    enough.open();
+    asking.join();
+}
+
+TEST_P(ComingBackTest, aSyncThatWasUnderWayReturnsFalse)
+{
+    stop();
+    auto isSynced = underWay([&] { return (*client)->sync(withoutLimit); });
+    startAnew();
+    ASSERT_EQ(isSynced.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_FALSE(isSynced.get());
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+}
+
+// ------------------------------------------------------------------------------------------------ lost posts
+
+TEST_P(ComingBackTest, afterPostsThatDiedWithTheBrokerSyncIsFalseOnce)
+{
+    losePost();
+    start();
+    waitUntilItIsBack();
+    EXPECT_FALSE((*client)->sync(withoutLimit));
+    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "it is indeed";
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+}
+
+TEST_P(ComingBackTest, aQueryInBetweenDoesNotHideThatPostsWereLost)
+{
+    losePost();
+    start();
+    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "asked before it was back";
+    EXPECT_FALSE((*client)->sync(withoutLimit));
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+}
+
+// A Sync that waits for the broker comes as that of a new client would. Only the state file tells that there
+// was another broker before.
+TEST_P(ComingBackTest, aSyncThatWaitsForTheNewBrokerKnowsOfLostPostsByTheStateFileOnly)
+{
+    losePost();
+    auto isSynced = std::async(std::launch::async, [&] { return (*client)->sync(withoutLimit); });
+    start();
+    ASSERT_EQ(isSynced.wait_for(testDeadline), std::future_status::ready);
+    EXPECT_EQ(isSynced.get(), !keepsState());
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+}
+
+TEST_P(ComingBackTest, whoeverStartsAfterwardsIsToldTheTruth)
+{
+    losePost();
+    start();
+    waitUntilItIsBack();
+    TestProcess newClient({TESTCLIENT, "set", "k", "v"});
+    EXPECT_EQ(newClient.waitForExit(), 0) << "its sync was true";
+    EXPECT_EQ((*client)->getClientInfoValue("k"), "v");
+}
