@@ -201,6 +201,7 @@ TEST_P(ComingBackTest, whoeverStartsAfterwardsIsToldTheTruth)
     losePost();
     start();
     waitUntilItIsBack();
+    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck");
     TestProcess newClient({TESTCLIENT, "set", "k", "v"});
     EXPECT_EQ(newClient.waitForExit(), 0) << "its sync was true";
     EXPECT_EQ((*client)->getClientInfoValue("k"), "v");

@@ -229,3 +229,38 @@ void ZmtpPeer::reset()
     mSocket = -1;
     mIsEnded = true;
 }
+
+// --------------------------------------------------------------------------------------------------- server
+
+ZmtpServer::ZmtpServer(int receiveBuffer) : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+{
+    if (receiveBuffer != 0)
+        setsockopt(mSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(mSocket, SOMAXCONN) != 0)
+        throw std::runtime_error("cannot listen");
+}
+
+ZmtpServer::~ZmtpServer()
+{
+    close(mSocket);
+}
+
+std::string ZmtpServer::endpoint() const
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    getsockname(mSocket, reinterpret_cast<sockaddr*>(&address), &size);
+    return "tcp://127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+}
+
+std::unique_ptr<ZmtpPeer> ZmtpServer::accept(std::chrono::milliseconds deadline)
+{
+    pollfd item{mSocket, POLLIN, 0};
+    if (poll(&item, 1, static_cast<int>(deadline.count())) <= 0)
+        return nullptr;
+    return ZmtpPeer::accepted(accept4(mSocket, nullptr, nullptr, SOCK_CLOEXEC));
+}

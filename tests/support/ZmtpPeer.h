@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_ZMTPPEER_H
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,13 @@ public:
 
     /// @param receiveBuffer bytes that the kernel takes for it; 0: as usual
     explicit ZmtpPeer(uint16_t port, int receiveBuffer = 0);
+
+    /// At the other end: a connection that a client has made.
+    static std::unique_ptr<ZmtpPeer> accepted(int socket)
+    {
+        return std::unique_ptr<ZmtpPeer>(new ZmtpPeer(0, AcceptedSocket{socket}));
+    }
+
     ~ZmtpPeer();
 
     ZmtpPeer(const ZmtpPeer&) = delete;
@@ -94,6 +102,12 @@ public:
     int descriptor() const { return mSocket; }
 
 private:
+    struct AcceptedSocket
+    {
+        int number;
+    };
+    ZmtpPeer(uint16_t port, AcceptedSocket socket) : mPort(port), mSocket(socket.number) {}
+
     std::string fittingType() const;
     bool fill(std::chrono::steady_clock::time_point end);
 
@@ -101,6 +115,28 @@ private:
     int mSocket;
     std::string mReceived; // and not read
     bool mIsEnded = false;
+};
+
+/// A server that shares no code with the broker, nor with libzmq: a port of its own at which clients connect.
+class ZmtpServer
+{
+public:
+    /// @param receiveBuffer bytes that the kernel takes for each connection; 0: as usual
+    explicit ZmtpServer(int receiveBuffer = 0);
+    ~ZmtpServer();
+
+    ZmtpServer(const ZmtpServer&) = delete;
+    ZmtpServer& operator=(const ZmtpServer&) = delete;
+
+    std::string endpoint() const;
+
+    /// The next client; null at the deadline.
+    std::unique_ptr<ZmtpPeer> accept(std::chrono::milliseconds deadline = testDeadline);
+
+    bool hasClient() { return accept(std::chrono::milliseconds(0)) != nullptr; }
+
+private:
+    int mSocket;
 };
 
 #endif
