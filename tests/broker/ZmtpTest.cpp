@@ -397,6 +397,55 @@ TEST_F(ZmtpTest, whoHasNotSubscribedIsSentNothing)
     EXPECT_EQ(peer.read(1, std::chrono::milliseconds(1)), "");
 }
 
+// ---------------------------------------------------------------------------------------------- round trips
+
+// A whole client by hand, of an older and of the current version.
+TEST_F(ZmtpTest, peersOfVersion30And31PostAskAndListen)
+{
+    for (const char minorVersion : {'\0', '\1'})
+    {
+        ZmtpPeer notify(ZmtpPeer::notifyPort);
+        ASSERT_TRUE(notify.shakeHands(minorVersion));
+        ASSERT_TRUE(notify.write(minorVersion == 0 ? ZmtpPeer::subscribe30("{") : ZmtpPeer::subscribe("{")));
+        ZmtpPeer post(ZmtpPeer::postPort);
+        ZmtpPeer request(ZmtpPeer::requestPort);
+        ASSERT_TRUE(post.shakeHands(minorVersion));
+        EXPECT_EQ(post.read(postSubscription.size()), postSubscription);
+        ASSERT_TRUE(request.shakeHands(minorVersion));
+        ASSERT_TRUE(post.write(minorVersion == 0 ? "" : ZmtpPeer::pong(post.readFrame()->body.substr(7))));
+        EXPECT_EQ(request.ask("Sync"), "SyncAck");
+
+        const std::string value(2000, static_cast<char>('0' + minorVersion));
+        ASSERT_TRUE(post.write(ZmtpPeer::message(postOf("k", value))));
+        EXPECT_TRUE(eventually([&] { return request.ask(R"({"getClientInfoValue":"k"})") == reply(value); }));
+        std::optional<std::string> told = notify.receiveText();
+        if (told && told->find(value) == std::string::npos)
+            told = notify.receiveText(); // first what was there before
+        EXPECT_EQ(told, R"({"statusUpdate":{"k":")" + value + "\"}}");
+        ASSERT_TRUE(notify.write(minorVersion == 0 ? "\0\2\0{"s : ZmtpPeer::cancel("{")));
+        ASSERT_TRUE(notify.write(ZmtpPeer::ping("cancelled")));
+        EXPECT_EQ(notify.readFrame()->body, "\4PONGcancelled");
+        EXPECT_EQ(request.ask(R"({"incrementCounter":"c"})"), std::to_string(minorVersion + 1));
+        EXPECT_EQ(notify.read(1, quiet), "");
+    }
+}
+
+// Those that fit, but are not the ones that the library uses.
+TEST_F(ZmtpTest, otherSocketTypesThatFitAreServed)
+{
+    ZmtpPeer notify(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(notify.shakeHandsAs("XSUB"));
+    ASSERT_TRUE(notify.write(ZmtpPeer::subscribe30("{") + ZmtpPeer::ping("")));
+    ASSERT_TRUE(notify.readFrame());
+    ZmtpPeer post(ZmtpPeer::postPort);
+    ASSERT_TRUE(post.shakeHandsAs("XPUB"));
+    ASSERT_TRUE(post.write(ZmtpPeer::message(postOf("k", "v"))));
+    EXPECT_EQ(notify.receiveText(), R"({"statusUpdate":{"k":"v"}})");
+    ZmtpPeer request(ZmtpPeer::requestPort);
+    ASSERT_TRUE(request.shakeHandsAs("DEALER"));
+    EXPECT_EQ(request.ask(R"({"getClientInfoValue":"k"})"), reply("v"));
+}
+
 // ----------------------------------------------------------------------------------------------- violations
 
 TEST_F(ZmtpTest, othersAreClosedAtTheByteThatShowsIt)
