@@ -1,0 +1,154 @@
+// Nobody can use up the broker's memory, and it serves the others meanwhile.
+
+#include "tests/broker/attacks/Attack.h"
+#include "tests/broker/attacks/UnderAttack.h"
+#include "tests/support/WireFrames.h"
+
+namespace
+{
+
+constexpr std::size_t mebi = BrokerMemory::mebi;
+constexpr std::size_t mostAtPeak = 32 * mebi;
+constexpr std::size_t mostAfterwards = 8 * mebi;
+
+constexpr std::size_t megabyte = 1000 * 1000;
+
+// ------------------------------------------------------------------------------------- what they send
+
+std::string repeated(const std::string& text, std::size_t bytes)
+{
+    std::string all;
+    while (all.size() < bytes)
+        all += text;
+    return all;
+}
+
+// So many bytes of values, none of which is too long.
+std::string postOfLongValues(const std::string& key, std::size_t bytes, char filler)
+{
+    constexpr std::size_t longestValue = 60000;
+    std::string members;
+    for (int number = 0; members.size() < bytes; ++number)
+    {
+        const std::string value(std::min(longestValue, bytes), filler);
+        members += (members.empty() ? "\"" : ",\"") + key + std::to_string(number) + "\":\"" + value + '"';
+    }
+    return R"({"postStatus":{)" + members + "}}";
+}
+
+// They change the values each time.
+Attack::Peers posters(int count, std::size_t bytes)
+{
+    return {count,
+            ZmtpPeer::postPort,
+            "PUB",
+            {ZmtpPeer::message(postOfLongValues("k", bytes, 'x')),
+             ZmtpPeer::message(postOfLongValues("k", bytes, 'y'))},
+            true};
+}
+
+Attack::Peers postersOf(const std::string& post)
+{
+    return {1, ZmtpPeer::postPort, "PUB", {ZmtpPeer::message(post)}, true};
+}
+
+Attack::Peers subscribers(int count, const std::string& subscriptions)
+{
+    return {count, ZmtpPeer::notifyPort, "SUB", {subscriptions}, false};
+}
+
+std::string manyPrefixes()
+{
+    std::string all;
+    for (int number = 0; all.size() < 256 * 1024; ++number)
+        all += ZmtpPeer::subscribe("{\"statusUpdate\":{\"" + std::to_string(number) + std::string(200, 'x'));
+    return all + ZmtpPeer::subscribe("");
+}
+
+Attack::Peers unreadingClients(int count, const std::string& request)
+{
+    return {count, ZmtpPeer::requestPort, "DEALER", {ZmtpPeer::request(request)}, true};
+}
+
+std::string unfinishedMessage()
+{
+    return WireFrames::frame(std::string(megabyte, 'x'), WireFrames::more);
+}
+
+std::string emptyFrames()
+{
+    return repeated(WireFrames::frame("", WireFrames::more), 600 * 1000) + WireFrames::frame("");
+}
+
+struct MemoryAttack
+{
+    std::string name;
+    std::vector<Attack::Peers> peers;
+    std::size_t bytes; ///< that it sends at least
+};
+
+void PrintTo(const MemoryAttack& attack, std::ostream* to)
+{
+    *to << attack.name;
+}
+
+std::vector<MemoryAttack> memoryAttacks()
+{
+    const std::string all = R"({"getClientInfo":"null"})";
+    const std::string many = R"({"getClientInfoValues":[)" + repeated(R"("k",)", 900 * 1000) + R"("k"]})";
+    const std::string ones = R"({"resetStatus":[)" + repeated("1,", megabyte) + "1]}";
+    const Attack::Peers unfinished{900, ZmtpPeer::postPort, "PUB", {unfinishedMessage()}, false};
+    const Attack::Peers frames{1, ZmtpPeer::postPort, "PUB", {emptyFrames()}, true};
+    return {{"onePosterOfLongMessages", {posters(1, megabyte)}, 50 * mebi},
+            {"tenPostersOfLongMessages", {posters(10, megabyte)}, 50 * mebi},
+            {"aHundredPosters", {posters(100, 10 * 1024)}, 50 * mebi},
+            {"aListOfNumbers", {postersOf(ones)}, 10 * mebi},
+            {"aMegabyteOfBrackets", {postersOf(std::string(megabyte, '['))}, 10 * mebi},
+            {"nineHundredUnfinishedMessages", {unfinished}, 50 * mebi},
+            {"threeHundredClientsThatDoNotRead", {unreadingClients(300, all)}, 0},
+            {"longRequestsOfClientsThatDoNotRead", {unreadingClients(50, many)}, 20 * mebi},
+            {"twoHundredSubscribersWithManyPrefixes",
+             {subscribers(200, manyPrefixes()), posters(1, megabyte)},
+             50 * mebi},
+            {"twoHundredSubscribersThatDoNotRead",
+             {subscribers(200, ZmtpPeer::subscribe("")), posters(1, megabyte)},
+             50 * mebi},
+            {"nineHundredSubscribersThatDoNotRead",
+             {subscribers(900, ZmtpPeer::subscribe("")), posters(1, 60000)},
+             20 * mebi},
+            {"emptyFrames", {frames}, 10 * mebi}};
+}
+
+// A device that holds as much as it may.
+class MemoryAttackTest : public UnderAttack, public testing::WithParamInterface<MemoryAttack>
+{
+protected:
+    MemoryAttackTest()
+    {
+        for (int number = 0; number < 3; ++number)
+            poster.post(postOfLongValues("k" + std::to_string(number), megabyte, 'x'));
+        EXPECT_TRUE(reaches("stored.keys", 3 * 17));
+    }
+};
+
+} // namespace
+
+TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
+{
+    Bystander bystander;
+    bystander.expectServed();
+    const BrokerMemory memory(broker.process().pid());
+    {
+        Attack attack(GetParam().peers);
+        EXPECT_TRUE(attack.isUnderWay(GetParam().bytes));
+        bystander.expectServed();
+        TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
+        EXPECT_EQ(newcomer.waitForExit(), 0);
+    }
+    bystander.expectServed();
+    memory.expectPeakWithin(mostAtPeak);
+    memory.expectReturnTo(mostAfterwards);
+}
+
+INSTANTIATE_TEST_SUITE_P(By, MemoryAttackTest, testing::ValuesIn(memoryAttacks()),
+                         [](const auto& attack) { return attack.param.name; });

@@ -1,0 +1,96 @@
+#ifndef TESTS_BROKER_ATTACKS_UNDERATTACK_H
+#define TESTS_BROKER_ATTACKS_UNDERATTACK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <string>
+#include <vector>
+
+#include "common/EventThread.h"
+#include "tests/broker/Messages.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ProxyClient.h"
+#include "tests/support/RawClient.h"
+#include "tests/support/RecordingListener.h"
+#include "tests/support/Sanitized.h"
+#include "tests/support/ZmtpPeer.h"
+
+using Frames = std::vector<std::string>;
+
+/// A broker that others attack, with a poster and a requester that behave well.
+class UnderAttack : public testing::Test
+{
+protected:
+    explicit UnderAttack(const Frames& options = {}) : broker(options) {}
+
+    uint64_t statistic(const std::string& name) { return brokerStatistic(requester, name); }
+
+    /// Waits until the number is at least so large.
+    bool reaches(const std::string& name, uint64_t number)
+    {
+        return eventually([&] { return statistic(name) >= number; });
+    }
+
+    /// Posts a new value and asks until the answer has it.
+    void expectServing();
+
+    /// How often the broker's log holds the text.
+    std::ptrdiff_t linesWith(const std::string& text);
+
+    BrokerProcess broker;
+    RawPoster poster;
+    RawRequester requester;
+
+private:
+    int mAlive = 0;
+};
+
+/// A client of the library that posts, syncs, asks and listens.
+class Bystander
+{
+public:
+    Bystander();
+    ~Bystander();
+
+    Bystander(const Bystander&) = delete;
+    Bystander& operator=(const Bystander&) = delete;
+
+    /// Posts so many values, each of which must be confirmed, be read again, and reach the listener.
+    void expectServed(int times = 20);
+
+private:
+    int mNumber = 0;
+    Orvane::EventThread mThread{"bystander", 0};
+    RecordingListener mListener;
+    ProxyClient mClient;
+};
+
+/// The memory of a broker's process, as the kernel counts it.
+class BrokerMemory
+{
+public:
+    static constexpr std::size_t mebi = std::size_t{1024} * 1024;
+
+    /// A sanitizer and an emulator keep memory of their own: how much the process has tells nothing then.
+    static constexpr bool isTelling = !isSanitized && !isEmulated;
+
+    /// What it has now is taken for what it needs when idle.
+    explicit BrokerMemory(pid_t broker);
+
+    /// That it never had so much more.
+    void expectPeakWithin(std::size_t bytes) const;
+
+    /// That it returns to so much more.
+    void expectReturnTo(std::size_t bytes) const;
+
+    std::size_t resident() const { return read("VmRSS:"); }
+
+private:
+    std::size_t read(const std::string& name) const;
+
+    pid_t mBroker;
+    std::size_t mIdle;
+};
+
+#endif
