@@ -89,7 +89,7 @@ void PostPort::takePosts(TimePoint end)
         connection.isReady = false;
         read(connection, Clock::now());
         update(connection);
-    } while (Clock::now() < end);
+    } while (Clock::now() < end && !mBudget.isExceeded());
 }
 
 // Once.
@@ -174,13 +174,16 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
     return mBarrier;
 }
 
-// From each connection once: where more has come than that, a PING finds the end of it.
+// From each connection once: where more has come than that, or memory is short, a PING finds the end of it.
 void PostPort::takeArrivals(TimePoint now)
 {
     for (std::size_t count = mArrivals.wait(std::chrono::microseconds(0)), index = 0; index < count; ++index)
     {
         auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
-        read(connection, now);
+        if (mBudget.isExceeded())
+            connection.bytesSincePong = std::max(connection.bytesSincePong, fewBytes);
+        else
+            read(connection, now);
         update(connection);
     }
 }
