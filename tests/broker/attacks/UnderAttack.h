@@ -46,6 +46,17 @@ private:
     int mAlive = 0;
 };
 
+/// One that takes little.
+class SmallLimits : public UnderAttack
+{
+protected:
+    SmallLimits()
+        : UnderAttack(
+              {"--max-keys=3", "--max-message-bytes=2K", "--max-value-bytes=1K", "--max-connections=20"})
+    {
+    }
+};
+
 /// A client of the library that posts, syncs, asks and listens.
 class Bystander
 {
