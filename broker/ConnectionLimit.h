@@ -17,8 +17,9 @@ public:
     {
     }
 
-    /// A connection more: so many are in use now. Warns once at 90 %, and again after they were below 80 %.
-    void added(std::size_t inUse);
+    /// A connection more: so many are in use now. Warns once at 90 %, and again after they were below 80 %;
+    /// but not more often than peers can make other lines be logged.
+    void added(std::size_t inUse, TimePoint now);
 
     /// There is no room for a connection.
     void full();
@@ -30,6 +31,7 @@ private:
     const std::size_t& mLimit;
     Refusals& mRefusals;
     bool mHasWarned = false;
+    TimePoint mNextWarning{};
 };
 
 #endif

@@ -78,7 +78,7 @@ void NotifyPort::onAccepted(NotifyConnection& connection)
     const int bytes =
         static_cast<int>(std::clamp(allSendBuffers / peers().size(), smallestSendBuffer, largestSendBuffer));
     setsockopt(connection.descriptor(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
-    mLimit.added(peers().size());
+    mLimit.added(peers().size(), connection.acceptedAt());
 }
 
 void NotifyPort::onClose(NotifyConnection& connection)

@@ -52,7 +52,7 @@ PostPort::PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, R
 void PostPort::onAccepted(PostConnection& connection)
 {
     mArrivals.add(connection.descriptor(), EPOLLIN, &connection);
-    mLimit.added(peers().size());
+    mLimit.added(peers().size(), connection.acceptedAt());
 }
 
 void PostPort::onClose(PostConnection& connection)

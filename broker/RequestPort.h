@@ -79,7 +79,10 @@ public:
 private:
     std::size_t most() const override { return mLimit.most(); }
     void onFull() override { mLimit.full(); }
-    void onAccepted(RequestConnection&) override { mLimit.added(peers().size()); }
+    void onAccepted(RequestConnection& connection) override
+    {
+        mLimit.added(peers().size(), connection.acceptedAt());
+    }
     void onClose(RequestConnection& connection) override;
     void read(RequestConnection& connection, TimePoint now) override;
 

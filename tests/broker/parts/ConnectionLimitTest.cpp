@@ -14,6 +14,7 @@ protected:
 
     const LogCapture log;
     Refusals refusals;
+    TimePoint now{std::chrono::hours(1)};
     std::size_t most = 100;
     ConnectionLimit limit{"post", most, refusals};
 };
@@ -22,20 +23,34 @@ protected:
 
 TEST_F(ConnectionLimitTest, warnsAtNineTenths)
 {
-    limit.added(89);
+    limit.added(89, now);
     EXPECT_TRUE(log.lines().empty());
-    limit.added(90);
+    limit.added(90, now);
     EXPECT_EQ(warnings(), 1U);
 }
 
 TEST_F(ConnectionLimitTest, warnsAgainOnlyAfterTheyWereBelowEightTenths)
 {
-    limit.added(90);
+    limit.added(90, now);
     for (const std::size_t inUse : {91U, 100U, 89U, 80U, 90U})
-        limit.added(inUse);
+        limit.added(inUse, now);
     EXPECT_EQ(log.lines().size(), 1U);
-    limit.added(79);
-    limit.added(90);
+    limit.added(79, now);
+    now += Refusals::window;
+    limit.added(90, now);
+    EXPECT_EQ(warnings(), 2U);
+}
+
+TEST_F(ConnectionLimitTest, warnsAtMostOnceInAWindow)
+{
+    for (int round = 0; round < 10; ++round)
+    {
+        limit.added(90, now);
+        limit.added(79, now);
+        now += Refusals::window / 10;
+    }
+    EXPECT_EQ(warnings(), 1U);
+    limit.added(90, now);
     EXPECT_EQ(warnings(), 2U);
 }
 
@@ -53,6 +68,6 @@ TEST_F(ConnectionLimitTest, followsAChangeOfTheLimit)
 {
     most = 1000;
     EXPECT_EQ(limit.most(), 1000U);
-    limit.added(100);
+    limit.added(100, now);
     EXPECT_TRUE(log.lines().empty());
 }
