@@ -20,8 +20,8 @@ public:
 
     explicit IntakePause(TimePoint now) : mSince(now) {}
 
-    /// @param backlog bytes that the slowest subscriber lacks that still takes some
-    /// @param limit of the log of notifications, in bytes
+    /// @param backlog so much of the log of notifications is held for the slowest that still takes some
+    /// @param limit of the log
     /// @returns whether the intake is to be paused from now on
     bool decide(std::size_t backlog, std::size_t limit, TimePoint now)
     {

@@ -426,7 +426,7 @@ std::size_t NotifyPort::backlog(TimePoint now) const
             now - connection->tookAt < progressTime)
             slowest = std::min(slowest, connection->position);
     }
-    return static_cast<std::size_t>(mLog.end() - slowest);
+    return slowest == mLog.end() ? 0 : mLog.heldBytes(slowest);
 }
 
 bool NotifyPort::hasOutput() const

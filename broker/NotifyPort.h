@@ -79,7 +79,7 @@ public:
     /// Lets subscribers fall behind until the log holds at most so many bytes.
     void shortenLog(std::size_t bytes, TimePoint now);
 
-    /// How many bytes the slowest follower lacks of those that have taken some lately.
+    /// How much of the log is held for the slowest follower of those that have taken something lately.
     std::size_t backlog(TimePoint now) const;
 
     /// Whether something waits that the kernel did not take.

@@ -14,6 +14,9 @@ namespace
 // Read at a time. More of one connection than this waits until the others have had their turn.
 constexpr std::size_t bufferBytes = std::size_t{64} * 1024;
 
+// Of the log of notifications: so much is read before the others have their turn.
+constexpr std::size_t turnShare = 8;
+
 // Half of the window with which a connection begins. Where less than this has come since the last PONG,
 // nothing was held back before.
 constexpr std::size_t fewBytes = std::size_t{32} * 1024;
@@ -80,6 +83,7 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
 
 void PostPort::takePosts(TimePoint end)
 {
+    const uint64_t most = mReceived + mLimits.notifyBytes / turnShare;
     do
     {
         if (mReady.empty())
@@ -89,7 +93,7 @@ void PostPort::takePosts(TimePoint end)
         connection.isReady = false;
         read(connection, Clock::now());
         update(connection);
-    } while (Clock::now() < end && !mBudget.isExceeded());
+    } while (Clock::now() < end && mReceived < most && !mBudget.isExceeded());
 }
 
 // Once.
@@ -97,6 +101,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
 {
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     connection.bytesSincePong += count;
+    mReceived += count;
     std::string_view bytes(mBuffer.data(), count);
     FrameReader::Item item;
     bool opened = false;

@@ -57,7 +57,8 @@ public:
     /// Something can be read, or written, or has ended. Reading waits for takePosts().
     void serve(PostConnection& connection, uint32_t what);
 
-    /// Reads from the connections in turn, as long as there is something, until this time.
+    /// Reads from the connections in turn, as long as there is something, until this time. No more than a
+    /// part of what the log of notifications holds, so that slow subscribers can be looked after.
     void takePosts(TimePoint end);
 
     /// Connections wait to be read.
@@ -104,6 +105,7 @@ private:
     ConnectionLimit mLimit;
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
     uint64_t mBarrier = 0;
+    uint64_t mReceived = 0; ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
     std::vector<PostConnection*> mAwaited; // whose answer to a PING is waited for

@@ -41,10 +41,22 @@ void NotificationLog::addChunk()
     mChunks.push_back({0, std::move(mSpare)});
 }
 
+// The message in which a position is, or which ends there.
+std::deque<NotificationLog::Message>::const_iterator NotificationLog::findMessage(Position position) const
+{
+    return std::lower_bound(mMessages.begin(), mMessages.end(), position,
+                            [](const Message& each, Position at) { return each.end < at; });
+}
+
+std::size_t NotificationLog::heldBytes(Position position) const
+{
+    const auto messages = static_cast<std::size_t>(mMessages.end() - findMessage(position));
+    return (mChunks.size() - indexAt(position)) * chunkBytes + messages * sizeof(Message);
+}
+
 const NotificationLog::Message& NotificationLog::messageAt(Position position) const
 {
-    const auto message = std::lower_bound(mMessages.begin(), mMessages.end(), position,
-                                          [](const Message& each, Position at) { return each.end < at; });
+    const auto message = findMessage(position);
     return message == mMessages.end() ? mLast : *message;
 }
 

@@ -71,6 +71,9 @@ public:
     /// Memory that the log takes.
     std::size_t heldBytes() const { return mChunks.size() * chunkBytes + mMessages.size() * sizeof(Message); }
 
+    /// Memory that it takes for what is behind a position.
+    std::size_t heldBytes(Position position) const;
+
     uint64_t eventsSoFar() const { return mLast.eventsUpTo; }
 
 private:
@@ -82,6 +85,7 @@ private:
         std::unique_ptr<char[]> bytes{new char[chunkBytes]};
     };
 
+    std::deque<Message>::const_iterator findMessage(Position position) const;
     std::size_t indexAt(Position position) const { return (position - mBegin) / chunkBytes; }
     Chunk& chunkAt(Position position) { return mChunks[indexAt(position)]; }
     void write(std::string_view bytes);

@@ -292,6 +292,20 @@ TEST_F(NotificationLogTest, alsoManySmallMessagesAreCounted)
     EXPECT_GE(log.heldBytes() - before, 10000 * sizeof(NotificationLog::Message));
 }
 
+TEST_F(NotificationLogTest, ofWhatIsBehindAPositionChunksAndMessagesAreCounted)
+{
+    constexpr std::size_t perMessage = sizeof(NotificationLog::Message);
+    append("x");
+    EXPECT_EQ(log.heldBytes(log.end()), chunk + perMessage) << "with the message that ends there";
+    append(std::string(3 * chunk, 'x'));
+    const Position last = log.end();
+    append("x");
+    append("x");
+    EXPECT_EQ(log.heldBytes(0), 4 * chunk + 4 * perMessage);
+    EXPECT_EQ(log.heldBytes(0), log.heldBytes());
+    EXPECT_EQ(log.heldBytes(last), chunk + 3 * perMessage);
+}
+
 TEST_F(NotificationLogTest, withoutReadersItStaysShortWhateverIsPublished)
 {
     for (int count = 0; count < 100000; ++count)
