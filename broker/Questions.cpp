@@ -135,8 +135,7 @@ void Questions::start(TimePoint now)
         case StartGate::Decision::Hold:
             break;
         case StartGate::Decision::StartWithoutPosts:
-            connection->hasNoPosts = true;
-            --clients;
+            clients -= discount(clients - posts, *connection);
             startOne(*connection);
             break;
         case StartGate::Decision::Start:
@@ -144,6 +143,26 @@ void Questions::start(TimePoint now)
             break;
         }
     }
+}
+
+// So many clients have not shown a post connection in time. They do not count any more, so that they delay no
+// further start. First those that have asked without a "Sync", as tools do that never post; else the one that
+// starts. Returns how many.
+std::size_t Questions::discount(std::size_t missing, RequestConnection& starting)
+{
+    std::size_t count = 0;
+    for (const auto& peer : mRequests.peers())
+    {
+        const bool isTool = peer->hasAsked && !peer->isStarted && peer->request != BrokerProtocol::syncWord;
+        if (count == missing || !isTool || peer->hasNoPosts || peer->askedAt > starting.askedAt)
+            continue;
+        peer->hasNoPosts = true;
+        ++count;
+    }
+    if (count != 0)
+        return count;
+    starting.hasNoPosts = true;
+    return 1;
 }
 
 void Questions::startOne(RequestConnection& connection)

@@ -46,6 +46,7 @@ private:
 
     void sortNew(TimePoint now);
     void start(TimePoint now);
+    std::size_t discount(std::size_t missing, RequestConnection& starting);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
     bool isDuringReturn(const RequestConnection& connection) const;
