@@ -59,7 +59,6 @@ BrokerMemory::BrokerMemory(pid_t broker) : mBroker(broker)
 
 void BrokerMemory::expectPeakWithin(std::size_t bytes) const
 {
-    fprintf(stderr, "PEAK +%zu KiB of %zu\n", (read("VmHWM:") - mIdle) / 1024, mIdle / 1024);
     EXPECT_TRUE(!isTelling || read("VmHWM:") <= mIdle + bytes) << read("VmHWM:") << ", idle: " << mIdle;
 }
 

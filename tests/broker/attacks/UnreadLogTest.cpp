@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
-#include <regex>
 #include <sys/stat.h>
 #include <unistd.h>
 
