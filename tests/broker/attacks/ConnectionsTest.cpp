@@ -195,8 +195,9 @@ TEST_F(Connections, whateverIsNotTheProtocolIsClosedAndNothingInItCounts)
         signature + "\1"s + "\1\0\0"s + ZmtpPeer::message(post), // ZMTP 2.0
         signature + "\2"s + "\1\0\0"s + ZmtpPeer::message(post), // and between
         "\x16\3\1\2\0\1\0\1\xfc\3\3"s + std::string(200, 'x'),   // TLS
+        greetingWith(10, "\2") + rest,
         greetingWith(12, "PLAIN") + rest,
-        greetingWith(0, "\xfe") + rest, // another mechanism, no signature
+        greetingWith(0, "\xfe") + rest,
         greetingWith(9, "\x7e") + rest,
     };
     const uint64_t posts = statistic("posts");

@@ -12,11 +12,58 @@ namespace
 
 constexpr int smallBuffer = 32 * 1024;
 
+bool has(const std::string& text, int number)
+{
+    return text.find("\"" + std::to_string(number) + "x") != std::string::npos;
+}
+
+// The next notification of another number than this. While somebody subscribes, values are told again.
+std::string receiveNext(RawSubscriber& subscriber, int last)
+{
+    std::string text = subscriber.receiveText();
+    while (has(text, last))
+        text = subscriber.receiveText();
+    return text;
+}
+
 class Subscribing : public UnderAttack
 {
 protected:
     Subscribing() : UnderAttack({"--max-notify-bytes=256K"}) {}
+
+    // How long it takes a subscriber to get so many changes, one after the other. In all, more than the
+    // kernel takes for one that has stopped.
+    std::chrono::steady_clock::duration timeOfBurst(RawSubscriber& subscriber, int count)
+    {
+        const auto begin = std::chrono::steady_clock::now();
+        for (int number = 1, received = 0; number <= count; ++number)
+        {
+            poster.post(postOf("k", std::to_string(number) + filler));
+            for (; number % 250 == 0 && received < number; ++received)
+            {
+                const std::string text = receiveNext(subscriber, received);
+                if (!has(text, received + 1))
+                {
+                    ADD_FAILURE() << received << ": " << text;
+                    return {};
+                }
+            }
+        }
+        return std::chrono::steady_clock::now() - begin;
+    }
+
+    const std::string filler = std::string(300, 'x');
 };
+
+bool waitForLine(TestProcess& process, const std::string& text)
+{
+    while (const std::optional<std::string> line = process.readLine())
+    {
+        if (*line == text)
+            return true;
+    }
+    return false;
+}
 
 // A subscriber that reads only when it is told to.
 class Sleepy
@@ -28,9 +75,10 @@ public:
     }
 
     /// Reads until it has been told this.
-    bool readsUntil(const std::string& name, const std::string& value)
+    bool readsUntil(const std::string& name, const std::string& value,
+                    std::chrono::milliseconds deadline = testDeadline)
     {
-        while (const std::optional<std::string> text = mPeer.receiveText())
+        while (const std::optional<std::string> text = mPeer.receiveText(deadline))
         {
             note(*text);
             if (values[name] == value)
@@ -62,21 +110,7 @@ private:
     ZmtpPeer mPeer;
 };
 
-bool has(const std::string& text, int number)
-{
-    return text.find("\"" + std::to_string(number) + "x") != std::string::npos;
-}
-
-// The next notification of another number than this. While somebody subscribes, values are told again.
-std::string receiveNext(RawSubscriber& subscriber, int last)
-{
-    std::string text = subscriber.receiveText();
-    while (has(text, last))
-        text = subscriber.receiveText();
-    return text;
-}
-
-// Ten times what the log of notifications holds.
+// Much more than the log of notifications holds.
 class SlowReader : public UnderAttack
 {
 protected:
@@ -108,39 +142,24 @@ protected:
 TEST_F(Subscribing, oneThatStallsDelaysNobodyAndIsToldTheLatestValueWhenItReadsAgain)
 {
     RawSubscriber healthy(poster);
+    const auto alone = timeOfBurst(healthy, 50000);
     TestProcess stalled({TESTCLIENT, "watch", "k"});
-    ASSERT_EQ(stalled.readLine(), "(none)");
+    ASSERT_TRUE(stalled.readLine());
     poster.post(postOf("k", "0x"));
-    ASSERT_EQ(stalled.readLine(), "k=0x"); // it has subscribed
+    ASSERT_TRUE(waitForLine(stalled, "k=0x")); // it has subscribed
+    ASSERT_TRUE(has(receiveNext(healthy, 50000), 0));
     stalled.suspend();
     const BrokerMemory memory(broker.process().pid());
 
-    constexpr int count = 100000;
-    const std::string filler(300, 'x'); // in all, more than the kernel takes for it
-    std::chrono::steady_clock::duration longestWait{};
-    for (int number = 1, received = 0; number <= count; ++number)
-    {
-        poster.post(postOf("k", std::to_string(number) + filler));
-        while (number % 250 == 0 && received < number)
-        {
-            const auto begin = std::chrono::steady_clock::now();
-            ASSERT_TRUE(has(receiveNext(healthy, received), received + 1)) << received;
-            ++received;
-            longestWait = std::max(longestWait, std::chrono::steady_clock::now() - begin);
-        }
-    }
-    EXPECT_TRUE(isSanitized || longestWait < allowed(std::chrono::seconds(1))) << longestWait.count();
+    const auto beside = timeOfBurst(healthy, 50000);
+    EXPECT_LT(beside, 5 * alone);
     EXPECT_EQ(statistic("subscribers.fallenBehind"), 1U);
     EXPECT_EQ(statistic("clients.notifications"), 2U) << "nobody is cut off for being slow";
     memory.expectPeakWithin(8 * BrokerMemory::mebi);
 
     stalled.signal(SIGCONT);
-    const std::string last = "k=" + std::to_string(count) + filler;
-    std::optional<std::string> line;
-    while ((line = stalled.readLine()) && *line != last)
-    {
-    }
-    EXPECT_EQ(line, last);
+    const std::string last = "k=50000" + filler;
+    EXPECT_TRUE(waitForLine(stalled, last));
     EXPECT_EQ(statistic("limit.memory"), 0U);
 }
 
@@ -157,8 +176,12 @@ TEST_F(Subscribing, oneThatReadsAgainHasTheLatestValueOfEachKeyHoweverItSubscrib
         ASSERT_TRUE(sleepy.readsUntil("mark", "begin" + tag));
         constexpr int keys = 20;
         const auto key = [](int number) { return "k" + std::to_string(number % keys); };
-        for (int number = 0; number < 500; ++number)
+        constexpr int posts = 500;
+        for (int number = 0; number < posts; ++number)
+        {
             poster.post(postOf(key(number), std::to_string(number) + std::string(30000, 'x')));
+            poster.post(postOf("once" + std::to_string(number), tag));
+        }
         EXPECT_TRUE(reaches("subscribers.fallenBehind", static_cast<uint64_t>(round)));
         for (int number = 0; number < keys; ++number)
             poster.post(postOf(key(number), "last" + std::to_string(number) + tag));
@@ -166,6 +189,8 @@ TEST_F(Subscribing, oneThatReadsAgainHasTheLatestValueOfEachKeyHoweverItSubscrib
         EXPECT_TRUE(sleepy.readsUntil("mark", "end" + tag));
         for (int number = 0; number < keys; ++number)
             EXPECT_EQ(sleepy.values[key(number)], "last" + std::to_string(number) + tag);
+        for (int number = 0; number < posts; ++number)
+            EXPECT_EQ(sleepy.values["once" + std::to_string(number)], tag);
         EXPECT_EQ(statistic("clients.notifications"), 1U) << "it was not cut off";
     }
 }
@@ -194,19 +219,23 @@ TEST_F(Subscribing, eventsThatOneMissesAreCountedToTheLast)
 
 TEST_F(SlowReader, getsABurstOfShortMessagesWhole)
 {
-    expectWhole(100000, "x");
+    expectWhole(30000, "x");
 }
 
 TEST_F(SlowReader, getsABurstOfLongMessagesWhole)
 {
-    expectWhole(20000, std::string(500, 'x'));
+    expectWhole(10000, std::string(500, 'x'));
 }
 
 TEST_F(Subscribing, oneOfOnlyAPartIsNeverTakenForStalled)
 {
     Sleepy events(ZmtpPeer::subscribe(R"({"eventUpdate")"));
-    poster.post(R"({"postEvent":{"e":"first"}})");
-    ASSERT_TRUE(events.readsUntil("e", "first"));
+    ASSERT_TRUE(eventually( // that it has subscribed
+        [&]
+        {
+            poster.post(R"({"postEvent":{"e":"first"}})");
+            return events.readsUntil("e", "first", std::chrono::milliseconds(10));
+        }));
     for (int number = 1; number <= 10000; ++number)
     {
         poster.post(postOf("k", std::to_string(number) + std::string(100, 'x')));
@@ -242,6 +271,7 @@ TEST_F(Subscribing, oneThatReadsTooSlowlyDelaysNobodyForLong)
     };
     EXPECT_TRUE(eventually(hasFallenBehind));
     EXPECT_LT(longest, allowed(std::chrono::seconds(2)));
+    EXPECT_TRUE(reaches("posts", 1000));
     end.open();
     reading.wait();
     EXPECT_EQ(statistic("clients.notifications"), 1U);
