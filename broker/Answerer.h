@@ -7,9 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "broker/base/Refusals.h"
 #include "broker/Reply.h"
 #include "broker/Statistics.h"
+#include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
 

@@ -10,8 +10,8 @@
 
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
-#include "broker/base/Limits.h"
 #include "broker/Patience.h"
+#include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
 

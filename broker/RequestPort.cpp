@@ -4,6 +4,7 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "broker/wire/Ping.h"
 #include "protocol/Words.h"
 
 using namespace std::string_view_literals;
@@ -31,6 +32,15 @@ constexpr useconds_t pauseMicroseconds = 1000;
 // A delimiter, and an empty last frame.
 constexpr std::string_view emptyAnswer = "\1\0\0\0"sv;
 
+// What the answer to the PING in front of it repeats.
+constexpr std::string_view emptyContext = "empty"sv;
+
+template <class List>
+void removeFrom(List& list, RequestConnection* connection)
+{
+    list.erase(std::remove(list.begin(), list.end(), connection), list.end());
+}
+
 } // namespace
 
 RequestPort::RequestPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
@@ -43,7 +53,8 @@ RequestPort::RequestPort(Poller& poller, MemoryBudget& budget, const Limits& lim
 
 void RequestPort::onClose(RequestConnection& connection)
 {
-    mSilent.erase(std::remove(mSilent.begin(), mSilent.end(), &connection), mSilent.end());
+    removeFrom(mSilent, &connection);
+    removeFrom(mHeld, &connection);
     mOnClose(connection);
     mBudget.update(connection.accounted, 0);
 }
@@ -82,17 +93,25 @@ void RequestPort::take(RequestConnection& connection, std::string_view bytes, Ti
         if (result == FrameReader::Result::NeedsMore)
             return;
         if (result != FrameReader::Result::Command)
-            ask(connection, result, item, now);
+            take(connection, result, item, now);
+        else if (const auto context = Ping::pongContext(item.body))
+            takePong(connection, *context, now);
     }
     connection.unread.assign(bytes);
 }
 
-void RequestPort::ask(RequestConnection& connection, FrameReader::Result result,
-                      const FrameReader::Item& item, TimePoint now)
+void RequestPort::takePong(RequestConnection& connection, std::string_view context, TimePoint now)
+{
+    if (context == emptyContext)
+        connection.emptyAnswer.ponged(now);
+}
+
+// A request has come.
+void RequestPort::take(RequestConnection& connection, FrameReader::Result result,
+                       const FrameReader::Item& item, TimePoint now)
 {
     if (result != FrameReader::Result::Message)
         mRefusals.reportLong("Request", result == FrameReader::Result::Endless, mLimits.messageBytes);
-    connection.isAsking = true;
     connection.isTooLong = result != FrameReader::Result::Message;
     // What has no delimiter in front is no request, and is answered as such.
     const bool isRequest = item.firstIsEmpty && item.frames > 1 && !connection.isTooLong;
@@ -102,6 +121,21 @@ void RequestPort::ask(RequestConnection& connection, FrameReader::Result result,
         connection.isReturning =
             now - connection.openedAt > newClientsPause || connection.request != BrokerProtocol::syncWord;
     connection.hasAsked = true;
+    removeFrom(mHeld, &connection);
+    switch (connection.emptyAnswer.asked(now))
+    {
+    case EmptyAnswer::Verdict::Drop:
+        return;
+    case EmptyAnswer::Verdict::Hold:
+        return mHeld.push_back(&connection);
+    case EmptyAnswer::Verdict::Answer:
+        return ask(connection);
+    }
+}
+
+void RequestPort::ask(RequestConnection& connection)
+{
+    connection.isAsking = true;
     mOnRequest(connection);
 }
 
@@ -137,17 +171,51 @@ void RequestPort::send(RequestConnection& connection)
 
 TimePoint RequestPort::due() const
 {
-    return std::min(Port::due(), mSilent.empty() ? TimePoint::max() : mSilent.front()->openedAt + silence);
+    TimePoint due = Port::due();
+    if (!mSilent.empty())
+        due = std::min(due, mSilent.front()->openedAt + silence);
+    if (!mHeld.empty())
+        due = std::min(due, mHeld.front()->emptyAnswer.heldUntil());
+    return due;
 }
 
 void RequestPort::doWhatIsDue(TimePoint now)
 {
     Port::doWhatIsDue(now);
-    for (; !mSilent.empty() && mSilent.front()->openedAt + silence <= now; mSilent.pop_front())
+    while (!mSilent.empty() && mSilent.front()->openedAt + silence <= now)
     {
         RequestConnection& connection = *mSilent.front();
-        if (!connection.hasAsked)
-            connection.send(emptyAnswer);
+        mSilent.pop_front();
+        sendEmptyAnswer(connection, now);
+    }
+    releaseHeld(now);
+}
+
+// Unless its question waits to be read.
+void RequestPort::sendEmptyAnswer(RequestConnection& connection, TimePoint now)
+{
+    if (!connection.hasAsked)
+        read(connection, now);
+    if (!connection.hasAsked && !connection.isUnfinished() && connection.knowsPing())
+    {
+        connection.emptyAnswer.sent();
+        // In this order: also where they come apart, a question in front of PONG was sent before the answer
+        // came.
+        connection.sendCommand(Ping::command(emptyContext));
+        connection.send(emptyAnswer);
+    }
+    update(connection);
+}
+
+void RequestPort::releaseHeld(TimePoint now)
+{
+    while (!mHeld.empty() && mHeld.front()->emptyAnswer.heldUntil() <= now)
+    {
+        RequestConnection& connection = *mHeld.front();
+        mHeld.erase(mHeld.begin());
+        connection.emptyAnswer.release();
+        ask(connection);
+        update(connection);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 
 #include "broker/ConnectionLimit.h"
+#include "broker/EmptyAnswer.h"
 #include "broker/MemoryBudget.h"
 #include "broker/Reply.h"
 #include "broker/base/Limits.h"
@@ -34,6 +35,8 @@ public:
     bool isReturning = false; ///< its first words are not "Sync", or came too late for a new client
     bool hasNoPosts = false;  ///< it has not shown a post connection
 
+    EmptyAnswer emptyAnswer;
+
     std::size_t heldBytes() const
     {
         return Connection::heldBytes() + request.capacity() + unread.capacity() +
@@ -46,7 +49,7 @@ public:
 /// A client whose question was under way when an earlier broker ended waits for the answer on its new
 /// connection, for ever: its socket does not send the question again. An empty answer makes it ask again. So
 /// each connection that has said nothing for a while gets one; to a client that has no question under way it
-/// means nothing.
+/// means nothing. A question that it crosses on its way is taken care of by EmptyAnswer.
 class RequestPort : public Port<RequestConnection>
 {
 public:
@@ -87,8 +90,12 @@ private:
     void read(RequestConnection& connection, TimePoint now) override;
 
     void take(RequestConnection& connection, std::string_view bytes, TimePoint now);
-    void ask(RequestConnection& connection, FrameReader::Result result, const FrameReader::Item& item,
-             TimePoint now);
+    void takePong(RequestConnection& connection, std::string_view context, TimePoint now);
+    void take(RequestConnection& connection, FrameReader::Result result, const FrameReader::Item& item,
+              TimePoint now);
+    void ask(RequestConnection& connection);
+    void sendEmptyAnswer(RequestConnection& connection, TimePoint now);
+    void releaseHeld(TimePoint now);
     void send(RequestConnection& connection);
     void update(RequestConnection& connection);
 
@@ -100,6 +107,7 @@ private:
     OnClose mOnClose;
     ConnectionLimit mLimit;
     std::deque<RequestConnection*> mSilent; // since their handshake, oldest first
+    std::vector<RequestConnection*> mHeld;  // their question is, behind an empty answer
     std::vector<char> mBuffer;
 };
 
