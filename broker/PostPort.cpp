@@ -4,6 +4,7 @@
 #include <charconv>
 #include <string>
 
+#include "broker/wire/Ping.h"
 #include "protocol/Words.h"
 
 using namespace std::string_view_literals;
@@ -23,9 +24,6 @@ constexpr std::size_t fewBytes = std::size_t{32} * 1024;
 
 // A subscription to everything, as a message, which every version of the protocol understands.
 constexpr std::string_view subscription = "\0\1\1"sv;
-
-constexpr std::string_view pingCommand = "\4PING\0\0"sv; // without a time to live
-constexpr std::string_view pongCommand = "\4PONG"sv;
 
 // A post connection that does not show whether posts can arrive delays starting clients for this long.
 constexpr std::chrono::milliseconds longestStartWait{50};
@@ -63,6 +61,7 @@ void PostPort::onClose(PostConnection& connection)
     removeFrom(mReady, &connection);
     removeFrom(mTouched, &connection);
     removeFrom(mAwaited, &connection);
+    mPatience.spend(connection.pongs.abandon(Clock::now()));
     mBudget.update(connection.accounted, 0);
 }
 
@@ -72,7 +71,7 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
         connection.flush();
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
     {
-        if (mIsPaused && connection.isOpen() && connection.ponged == connection.pinged)
+        if (mIsPaused && connection.isOpen() && !connection.pongs.owes())
             return poll(connection, 0);
         if (!connection.isReady)
             mReady.push_back(&connection);
@@ -102,6 +101,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     connection.bytesSincePong += count;
     mReceived += count;
+    connection.pongs.received(count);
     std::string_view bytes(mBuffer.data(), count);
     FrameReader::Item item;
     bool opened = false;
@@ -115,8 +115,8 @@ void PostPort::read(PostConnection& connection, TimePoint now)
             break;
         if (result != FrameReader::Result::Command)
             take(result, item);
-        else if (item.body.substr(0, pongCommand.size()) == pongCommand)
-            takePong(connection, item.body.substr(pongCommand.size()), bytes.size(), now);
+        else if (const auto context = Ping::pongContext(item.body))
+            takePong(connection, *context, bytes.size(), now);
     }
 }
 
@@ -126,7 +126,7 @@ void PostPort::open(PostConnection& connection)
     noteOpened(connection);
     connection.send(subscription);
     if (connection.knowsPing())
-        connection.sendCommand(std::string(pingCommand).append(subscribedContext));
+        connection.sendCommand(Ping::command(subscribedContext));
 }
 
 void PostPort::take(FrameReader::Result result, const FrameReader::Item& item)
@@ -141,22 +141,24 @@ void PostPort::take(FrameReader::Result result, const FrameReader::Item& item)
 void PostPort::takePong(PostConnection& connection, std::string_view context, std::size_t behind,
                         TimePoint now)
 {
-    connection.isSubscribed = true; // the first PING was the one behind the subscription
     if (context == subscribedContext)
+    {
+        connection.isSubscribed = true;
         connection.bytesSincePong = behind;
+        return;
+    }
     uint64_t barrier = 0;
     const auto [end, error] = std::from_chars(context.data(), context.data() + context.size(), barrier);
-    if (error != std::errc() || end != context.data() + context.size() || barrier <= connection.ponged ||
-        barrier > connection.pinged)
+    SharedPatience::Duration cost{0};
+    if (error != std::errc() || end != context.data() + context.size() ||
+        !connection.pongs.ponged(barrier, now, cost))
         return;
-    connection.ponged = barrier;
+    mPatience.spend(cost);
     connection.bytesSincePong = behind;
-    connection.patience.answered(
-        std::chrono::duration_cast<Patience::Duration>(now - connection.waitedSince));
-    if (connection.ponged == connection.pinged)
-        endWait(connection);
-    else
-        beginWait(connection, now);
+    removeFrom(mAwaited, &connection);
+    ping(connection, now);
+    if (connection.pongs.owes())
+        mAwaited.push_back(&connection);
 }
 
 // ------------------------------------------------------------------------------------------------- barrier
@@ -171,10 +173,17 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
         return !connection->isTouched;
     };
     mTouched.erase(std::remove_if(mTouched.begin(), mTouched.end(), isClean), mTouched.end());
+    const SharedPatience::Duration patience = mPatience.left(now);
     for (PostConnection* connection : mTouched)
     {
-        if (isSync || connection->bytesSincePong >= fewBytes || connection->isUnfinished())
-            ping(*connection, now);
+        const bool isBehind = connection->bytesSincePong >= fewBytes || connection->isUnfinished();
+        if ((!isSync && !isBehind) || !connection->isOpen() || !connection->knowsPing())
+            continue;
+        const bool isAwaited = connection->pongs.isAwaited();
+        connection->pongs.want(mBarrier, !isBehind, patience, now);
+        ping(*connection, now);
+        if (!isAwaited && connection->pongs.isAwaited())
+            mAwaited.push_back(connection);
     }
     return mBarrier;
 }
@@ -193,71 +202,42 @@ void PostPort::takeArrivals(TimePoint now)
     }
 }
 
+// If one is due.
 void PostPort::ping(PostConnection& connection, TimePoint now)
 {
-    const bool owesAnswer = connection.ponged != connection.pinged;
-    if (!connection.isOpen() || !connection.knowsPing() || (owesAnswer && now >= connection.endOfSyncWait))
+    const uint64_t barrier = connection.pongs.pingDue();
+    if (barrier == 0)
         return;
-    if (!owesAnswer)
-    {
-        mAwaited.push_back(&connection);
-        beginWait(connection, now);
-    }
-    connection.pinged = mBarrier;
-    connection.sendCommand(std::string(pingCommand) + std::to_string(mBarrier));
+    connection.pongs.pinged(now);
+    connection.sendCommand(Ping::command(std::to_string(barrier)));
     poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U)); // also where it is paused
 }
 
-void PostPort::beginWait(PostConnection& connection, TimePoint now)
+TimePoint PostPort::endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const
 {
-    const Patience::Duration patience =
-        std::max(Patience::shortest, std::min(connection.patience.now(), mPatience.left(now)));
-    connection.waitedSince = now;
-    connection.endOfQueryWait = now + patience;
-    connection.endOfSyncWait = now + Patience::syncFactor * patience;
-    connection.hasDisappointed = false;
-}
-
-void PostPort::endWait(PostConnection& connection)
-{
-    removeFrom(mAwaited, &connection);
-}
-
-bool PostPort::isReached(uint64_t barrier, bool isSync, TimePoint now) const
-{
-    const auto isWaitedFor = [&](const PostConnection* connection)
-    {
-        const TimePoint end = isSync ? connection->endOfSyncWait : connection->endOfQueryWait;
-        return connection->pinged >= barrier && connection->ponged < barrier && now < end;
-    };
-    return std::none_of(mAwaited.begin(), mAwaited.end(), isWaitedFor);
+    TimePoint end = TimePoint::min();
+    for (const PostConnection* connection : mAwaited)
+        end = std::max(end, connection->pongs.endFor(barrier, isSync, opened));
+    return end;
 }
 
 TimePoint PostPort::due() const
 {
     TimePoint due = Port::due();
     for (const PostConnection* connection : mAwaited)
-        due = std::min(due,
-                       connection->hasDisappointed ? connection->endOfSyncWait : connection->endOfQueryWait);
+        due = std::min(due, connection->pongs.due());
     return due;
 }
 
 void PostPort::doWhatIsDue(TimePoint now)
 {
     Port::doWhatIsDue(now);
-    for (std::size_t index = mAwaited.size(); index-- > 0;)
+    const auto isGivenUp = [&](PostConnection* connection)
     {
-        PostConnection& connection = *mAwaited[index];
-        if (now >= connection.endOfQueryWait && !connection.hasDisappointed)
-        {
-            connection.hasDisappointed = true;
-            connection.patience.disappointed();
-            mPatience.spend(std::chrono::duration_cast<Patience::Duration>(connection.endOfQueryWait -
-                                                                           connection.waitedSince));
-        }
-        if (now >= connection.endOfSyncWait)
-            endWait(connection);
-    }
+        mPatience.spend(connection->pongs.judge(now));
+        return !connection->pongs.isAwaited();
+    };
+    mAwaited.erase(std::remove_if(mAwaited.begin(), mAwaited.end(), isGivenUp), mAwaited.end());
 }
 
 // --------------------------------------------------------------------------------------------------- start

@@ -10,7 +10,7 @@
 
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
-#include "broker/Patience.h"
+#include "broker/PongWait.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
@@ -19,16 +19,13 @@
 class PostConnection : public Connection
 {
 public:
-    using Connection::Connection;
+    PostConnection(Descriptor socket, Handshake::Kind kind, TimePoint now)
+        : Connection(std::move(socket), kind, now), pongs(now)
+    {
+    }
 
-    // ---- Barriers. The answer to the last PING is under way while `ponged` is less than `pinged`.
-    uint64_t pinged = 0; ///< for which barrier
-    uint64_t ponged = 0;
-    TimePoint waitedSince{};      ///< for the oldest answer
-    TimePoint endOfQueryWait{};   ///< queries do not wait beyond this
-    TimePoint endOfSyncWait{};    ///< nothing does, and no further PING is sent
-    bool hasDisappointed = false; ///< queries, since `waitedSince`
-    Patience patience;
+    // ---- Barriers.
+    PongWait pongs;
     std::size_t bytesSincePong = 0;
     bool isTouched = false; ///< something has come since
 
@@ -68,10 +65,10 @@ public:
     /// @param isSync waits also for connections from which only little has come
     uint64_t openBarrier(bool isSync, TimePoint now);
 
-    /// Whether all that was posted before has been taken in, or is not waited for any longer.
-    bool isReached(uint64_t barrier, bool isSync, TimePoint now) const;
+    /// Until when what was posted before is waited for at the longest; TimePoint::min() if it has all come.
+    /// @param opened when the barrier was
+    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const;
 
-    /// When that may be so because a wait ends.
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
@@ -94,8 +91,6 @@ private:
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeArrivals(TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
-    void beginWait(PostConnection& connection, TimePoint now);
-    void endWait(PostConnection& connection);
     void update(PostConnection& connection);
 
     MemoryBudget& mBudget;
@@ -108,7 +103,7 @@ private:
     uint64_t mReceived = 0; ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
-    std::vector<PostConnection*> mAwaited; // whose answer to a PING is waited for
+    std::vector<PostConnection*> mAwaited; // whose answer to a PING is
     SharedPatience mPatience;
     bool mIsPaused = false;
     std::vector<char> mBuffer;

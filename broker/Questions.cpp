@@ -48,10 +48,13 @@ void Questions::answer(TimePoint now, TimePoint end)
     if (!mNew.empty())
         sortNew(now);
     start(now);
+    mNextEnd = TimePoint::max();
     for (auto each = mWaiting.begin(); each != mWaiting.end();)
     {
-        if (!mPosts.isReached(each->barrier, each->isSync, now))
+        const TimePoint endOfWait = mPosts.endOfWait(each->barrier, each->isSync, each->opened);
+        if (endOfWait > now)
         {
+            mNextEnd = std::min(mNextEnd, endOfWait);
             ++each;
             continue;
         }
@@ -79,7 +82,7 @@ void Questions::sortNew(TimePoint now)
         if (isSync && !connection->isStarted)
             mStarting.push_back(connection);
         else
-            behindPosts.push_back({connection, 0, isSync});
+            behindPosts.push_back({connection, 0, isSync, now});
         hasSync = hasSync || isSync;
     }
     mNew.clear();
@@ -211,5 +214,5 @@ TimePoint Questions::due() const
 {
     if (!mNew.empty() || mHasLeftOver)
         return TimePoint::min();
-    return mStarting.empty() ? TimePoint::max() : mLastLook + startPause;
+    return std::min(mNextEnd, mStarting.empty() ? TimePoint::max() : mLastLook + startPause);
 }

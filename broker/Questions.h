@@ -42,6 +42,7 @@ private:
         RequestConnection* connection;
         uint64_t barrier;
         bool isSync;
+        TimePoint opened; ///< the barrier
     };
 
     void sortNew(TimePoint now);
@@ -67,7 +68,8 @@ private:
     std::deque<Waiting> mWaiting;              // for posts, in the order of their barriers
     std::vector<RequestConnection*> mStarting; // oldest first
     TimePoint mLastLook{};
-    bool mHasLeftOver = false; // could be answered, but the time was over
+    TimePoint mNextEnd = TimePoint::max(); // of a wait
+    bool mHasLeftOver = false;             // could be answered, but the time was over
 };
 
 #endif

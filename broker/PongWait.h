@@ -1,0 +1,145 @@
+#ifndef BROKER_PONGWAIT_H
+#define BROKER_PONGWAIT_H
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+
+#include "broker/Patience.h"
+
+/// What requests wait for from one post connection: its answers to PINGs, each behind what was posted before
+/// a barrier. Barriers are numbered in their order.
+///
+/// A request waits for so long after its own barrier was opened, whatever others wait for: answers that come,
+/// but late, do not add up.
+class PongWait
+{
+public:
+    using Duration = Patience::Duration;
+
+    /// More PINGs are not under way at once: the next one goes when an answer has come.
+    static constexpr std::size_t mostUnderWay = 8;
+
+    explicit PongWait(TimePoint now) : mPatience(now) {}
+
+    /// A barrier is opened, and of what was posted before it not all may have come. Where answers are owed
+    /// for too long, nothing is waited for.
+    /// @param isForSync only a "Sync" waits for that
+    /// @param shared patience that all connections together have left
+    void want(uint64_t barrier, bool isForSync, Duration shared, TimePoint now)
+    {
+        if (mHasGivenUp)
+            return;
+        mLimit = mPatience.limit(shared, now);
+        mIsForSync = isForSync && (mIsForSync || !isLacking());
+        mWanted = barrier;
+    }
+
+    /// The barrier for which a PING is to be sent now; 0: none.
+    uint64_t pingDue() const
+    {
+        const uint64_t last = owes() ? mUnderWay.back().barrier : mPonged;
+        return mWanted > last && mUnderWay.size() < mostUnderWay ? mWanted : 0;
+    }
+
+    /// It is sent.
+    void pinged(TimePoint now) { mUnderWay.push_back({mWanted, now, mIsForSync}); }
+
+    /// An answer is owed.
+    bool owes() const { return !mUnderWay.empty(); }
+
+    /// An answer is owed, and not for too long.
+    bool isAwaited() const { return owes() && !mHasGivenUp; }
+
+    /// The answer has come to a PING. False if it is owed none.
+    /// @param cost what the wait costs all connections together
+    bool ponged(uint64_t barrier, TimePoint now, Duration& cost)
+    {
+        const auto found = std::find_if(mUnderWay.begin(), mUnderWay.end(),
+                                        [=](const UnderWay& ping) { return ping.barrier == barrier; });
+        if (found == mUnderWay.end())
+            return false;
+        cost = pay(now);
+        mPatience.answered(std::chrono::duration_cast<Duration>(now - found->sent));
+        mUnderWay.erase(mUnderWay.begin(), found + 1); // answers come in the order of the PINGs
+        mPonged = barrier;
+        mHasDisappointed = false;
+        mHasGivenUp = false;
+        return true;
+    }
+
+    /// Until when a request behind this barrier waits; TimePoint::min() if it does not.
+    /// @param opened when the barrier was
+    TimePoint endFor(uint64_t barrier, bool isSync, TimePoint opened) const
+    {
+        if (mWanted < barrier || mPonged >= barrier || (mIsForSync && !isSync))
+            return TimePoint::min();
+        return opened + (isSync ? Patience::syncFactor : 1) * mLimit;
+    }
+
+    /// When judge() is to be called.
+    TimePoint due() const
+    {
+        if (!isAwaited())
+            return TimePoint::max();
+        return mUnderWay.front().sent + (mHasDisappointed ? Patience::syncFactor : 1) * mLimit;
+    }
+
+    /// Judges what is owed. Returns what the wait costs all connections together.
+    Duration judge(TimePoint now)
+    {
+        if (now < due())
+            return Duration(0);
+        const Duration cost = pay(now);
+        if (mHasDisappointed)
+            mHasGivenUp = true;
+        else
+            mPatience.disappointed();
+        mHasDisappointed = true;
+        return cost;
+    }
+
+    /// It is gone. Returns what the wait has cost all connections together.
+    Duration abandon(TimePoint now) { return owes() ? pay(now) : Duration(0); }
+
+    /// Posts have come.
+    void received(std::size_t bytes) { mPatience.received(bytes); }
+
+private:
+    struct UnderWay
+    {
+        uint64_t barrier;
+        TimePoint sent;
+        bool isForSync;
+    };
+
+    bool isLacking() const { return mPonged < mWanted; }
+
+    // For the time since the oldest PING that is owed an answer, each moment once. What only a "Sync" waits
+    // for costs less.
+    Duration pay(TimePoint now)
+    {
+        const UnderWay& oldest = mUnderWay.front();
+        const TimePoint from = std::max(oldest.sent + Patience::shortest, mPaidUntil);
+        if (now <= from)
+            return Duration(0);
+        const TimePoint endOfQueries = oldest.isForSync ? from : oldest.sent + mLimit;
+        const TimePoint middle = std::clamp(endOfQueries, from, now);
+        mPaidUntil = now;
+        return mPatience.spend(
+            std::chrono::duration_cast<Duration>((middle - from) + (now - middle) / Patience::syncFactor),
+            now);
+    }
+
+    Patience mPatience;
+    Duration mLimit = Patience::atFirst; ///< of a query
+    uint64_t mWanted = 0;                ///< the last barrier that is waited for
+    uint64_t mPonged = 0;                ///< up to this one everything has come
+    bool mIsForSync = false;             ///< all that is wanted
+    std::deque<UnderWay> mUnderWay;
+    TimePoint mPaidUntil{};
+    bool mHasDisappointed = false; ///< queries, since the last answer
+    bool mHasGivenUp = false;      ///< nothing is waited for until it answers
+};
+
+#endif
