@@ -4,6 +4,7 @@
 #include <malloc.h>
 
 #include "broker/Descriptors.h"
+#include "broker/MemoryRelief.h"
 #include "common/Logging.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -21,6 +22,9 @@ constexpr std::chrono::milliseconds longestEnd{1200};
 constexpr std::chrono::milliseconds outputPause{10};
 
 constexpr std::chrono::microseconds withoutLimit{-1};
+
+// How often it is looked at who gets on, while memory may become short.
+constexpr std::chrono::milliseconds lookPause{250};
 
 // How often memory that was freed is given back to the system.
 constexpr std::chrono::seconds trimPause{1};
@@ -57,7 +61,7 @@ Broker::Broker(const Options& options)
       mPosts(mLoop.poller, mBudget, mOptions.limits, mRefusals,
              [this](std::string_view post) { mApplier.apply(post); }),
       mAnswerer(mRefusals, mState, [this](Statistics::Numbers& numbers) { addNumbers(numbers); }),
-      mQuestions(mAnswerer, mOutbox, mPosts, mRequests, mNotify, mState, mLoop.started)
+      mQuestions(mAnswerer, mOutbox, mPosts, mRequests, mNotify, mState, Clock::now())
 {
     planTasks();
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
@@ -77,6 +81,12 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mPosts.hasPosts() ? TimePoint::min() : TimePoint::max(); },
                        [](TimePoint) {});                                  // every round takes some
     mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
+    mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
+                       [this](TimePoint now)
+                       {
+                           forEachConnection([](Connection& each) { each.progress.look(each.movedBytes()); });
+                           mLoop.nextLook = now + lookPause;
+                       });
     mLoop.schedule.add([this] { return mLoop.nextTrim; },
                        [this](TimePoint)
                        {
@@ -208,32 +218,32 @@ void Broker::relieveMemory()
 {
     while (mBudget.isExceeded())
     {
-        Connection* largest = largestConnection();
         const std::size_t log = mNotify.log().heldBytes();
-        if (mNotify.log().endOfOldest() != 0 && (largest == nullptr || log >= largest->accounted))
+        MemoryRelief<Connection> relief(mNotify.log().endOfOldest() != 0 ? log : 0);
+        forEachConnection(
+            [&](Connection& each) {
+                relief.add(each, each.accounted, each.progress.isStalled(each.movedBytes(), each.accounted));
+            });
+        if (relief.isLog())
             mNotify.shortenLog(log - 1, Clock::now());
-        else if (largest != nullptr)
-            closeForMemory(*largest);
+        else if (Connection* holder = relief.holder())
+            closeForMemory(*holder);
         else
             return;
     }
 }
 
-Connection* Broker::largestConnection() const
+template <class Do>
+void Broker::forEachConnection(Do&& act) const
 {
-    Connection* largest = nullptr;
-    const auto look = [&](const auto& peers)
+    const auto visit = [&](const auto& peers)
     {
         for (const auto& peer : peers)
-        {
-            if (peer->accounted > (largest == nullptr ? 0 : largest->accounted))
-                largest = peer.get();
-        }
+            act(*peer);
     };
-    look(mPosts.peers());
-    look(mRequests.peers());
-    look(mNotify.peers());
-    return largest;
+    visit(mPosts.peers());
+    visit(mRequests.peers());
+    visit(mNotify.peers());
 }
 
 void Broker::closeForMemory(Connection& connection)
@@ -243,6 +253,7 @@ void Broker::closeForMemory(Connection& connection)
     switch (connection.kind())
     {
     case Handshake::Kind::Post:
+        mQuestions.lostPosts().lost();
         return mPosts.close(static_cast<PostConnection&>(connection));
     case Handshake::Kind::Request:
         return mRequests.close(static_cast<RequestConnection&>(connection));

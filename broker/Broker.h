@@ -45,6 +45,7 @@ private:
         const TimePoint started = Clock::now();
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();
+        TimePoint nextLook{}; ///< at who gets on
         Durations rounds;
         Schedule schedule;
     };
@@ -57,7 +58,8 @@ private:
     void doRound();
     void pauseIntake(TimePoint now);
     void relieveMemory();
-    Connection* largestConnection() const;
+    template <class Do>
+    void forEachConnection(Do&& act) const;
     void closeForMemory(Connection& connection);
     void collectClosed();
     void addNumbers(Statistics::Numbers& numbers) const;

@@ -21,6 +21,8 @@ public:
     /// Whether so much more may be held.
     bool allows(std::size_t more) const { return mHeld + more <= mLimit; }
     bool isExceeded() const { return mHeld > mLimit; }
+    /// It may soon be exceeded.
+    bool isTight() const { return mHeld > mLimit / 2; }
     std::size_t held() const { return mHeld; }
 
 private:

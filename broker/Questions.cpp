@@ -7,10 +7,6 @@
 namespace
 {
 
-// Clients that were there before a broker that is started again come back within this time: they try each
-// 100 to 200 ms, on a busy machine somewhat later.
-constexpr std::chrono::milliseconds returnTime{500};
-
 // A start is looked at so often while it is held.
 constexpr std::chrono::milliseconds startPause{1};
 
@@ -26,11 +22,11 @@ void removeFrom(List& list, RequestConnection* connection)
 } // namespace
 
 Questions::Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
-                     NotifyPort& notify, const DeviceState& state, TimePoint brokerStart)
+                     NotifyPort& notify, const DeviceState& state, TimePoint serving)
     : mAnswerer(answerer), mOutbox(outbox), mPosts(posts), mRequests(requests), mNotify(notify),
-      mState(state), mBrokerStart(brokerStart), mGate(brokerStart)
+      mState(state), mLostPosts(serving), mGate(serving)
 {
-    mNotify.catchUp().disconnected(0, brokerStart, restartMemory);
+    mNotify.catchUp().disconnected(0, serving, restartMemory);
 }
 
 void Questions::forget(RequestConnection& connection)
@@ -99,7 +95,7 @@ void Questions::sortNew(TimePoint now)
 void Questions::answerOne(RequestConnection& connection)
 {
     if (connection.request == BrokerProtocol::syncWord)
-        mOutbox.reply(connection, Reply(BrokerProtocol::syncAckWord));
+        acknowledge(connection, connection.lossesKnown != mLostPosts.count());
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
@@ -113,7 +109,7 @@ void Questions::answerAll()
     for (const auto& each : std::exchange(mWaiting, {}))
         answerOne(*each.connection);
     for (RequestConnection* connection : std::exchange(mStarting, {}))
-        acknowledge(*connection, BrokerProtocol::syncAckWord);
+        acknowledge(*connection, mayHaveLostPosts(*connection));
 }
 
 // --------------------------------------------------------------------------------------------------- start
@@ -130,7 +126,7 @@ void Questions::start(TimePoint now)
     std::size_t clients = this->clients();
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && now < mBrokerStart + returnTime)
+        if (mOutbox.isRestart() && mLostPosts.areReturning(now))
             continue;
         const bool areSubscribed = mPosts.areSubscribed(connection->askedAt, now);
         switch (mGate.decide(connection->askedAt, areSubscribed, clients, posts, now))
@@ -171,29 +167,24 @@ std::size_t Questions::discount(std::size_t missing, RequestConnection& starting
 void Questions::startOne(RequestConnection& connection)
 {
     removeFrom(mStarting, &connection);
-    if (mayHaveLostPosts(connection))
-        return acknowledge(connection, BrokerProtocol::syncLostWord);
     mNotify.catchUp().acknowledged(mState.revision(), Clock::now());
-    acknowledge(connection, BrokerProtocol::syncAckWord);
+    acknowledge(connection, mayHaveLostPosts(connection));
 }
 
 // Its first "Sync" here is not that of a new client, but of one that an earlier broker knew: posts may have
-// died with that. A new client says "Sync" at once, and only an old one has subscribed already.
+// died with that.
 bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 {
-    return connection.isReturning || (isDuringReturn(connection) && mNotify.hasSubscribers());
+    return connection.isReturning ||
+           (mOutbox.isRestart() && mLostPosts.mayBeOld(connection.askedAt, mNotify.hasSubscribers()));
 }
 
-// Asked while clients of an earlier broker come back.
-bool Questions::isDuringReturn(const RequestConnection& connection) const
-{
-    return mOutbox.isRestart() && connection.askedAt < mBrokerStart + returnTime;
-}
-
-void Questions::acknowledge(RequestConnection& connection, const char* word)
+void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts)
 {
     connection.isStarted = true;
-    mOutbox.reply(connection, Reply(word));
+    connection.lossesKnown = mLostPosts.count();
+    mOutbox.reply(connection,
+                  Reply(mayHaveLostPosts ? BrokerProtocol::syncLostWord : BrokerProtocol::syncAckWord));
 }
 
 std::size_t Questions::clients() const

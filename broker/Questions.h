@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "broker/Answerer.h"
+#include "broker/LostPosts.h"
 #include "broker/Outbox.h"
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
@@ -18,7 +19,7 @@ class Questions
 public:
     /// All must outlive it.
     Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests, NotifyPort& notify,
-              const DeviceState& state, TimePoint brokerStart);
+              const DeviceState& state, TimePoint serving);
 
     void ask(RequestConnection& connection) { mNew.push_back(&connection); }
 
@@ -36,6 +37,9 @@ public:
     /// When answer() is to be called although nothing has come.
     TimePoint due() const;
 
+    /// To be told of posts that are lost, without a reason that their client knows.
+    LostPosts& lostPosts() { return mLostPosts; }
+
 private:
     struct Waiting
     {
@@ -50,9 +54,8 @@ private:
     std::size_t discount(std::size_t missing, RequestConnection& starting);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
-    bool isDuringReturn(const RequestConnection& connection) const;
     void answerOne(RequestConnection& connection);
-    void acknowledge(RequestConnection& connection, const char* word);
+    void acknowledge(RequestConnection& connection, bool mayHaveLostPosts);
     std::size_t clients() const;
     std::size_t postsWithSubscription() const;
 
@@ -62,7 +65,7 @@ private:
     RequestPort& mRequests;
     NotifyPort& mNotify;
     const DeviceState& mState;
-    const TimePoint mBrokerStart;
+    LostPosts mLostPosts;
     StartGate mGate;
     std::vector<RequestConnection*> mNew;
     std::deque<Waiting> mWaiting;              // for posts, in the order of their barriers

@@ -119,7 +119,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     connection.askedAt = now;
     if (!connection.hasAsked)
         connection.isReturning =
-            now - connection.openedAt > newClientsPause || connection.request != BrokerProtocol::syncWord;
+            connection.request != BrokerProtocol::syncWord || now - connection.openedAt > newClientsPause;
     connection.hasAsked = true;
     removeFrom(mHeld, &connection);
     switch (connection.emptyAnswer.asked(now))

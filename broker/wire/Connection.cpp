@@ -34,9 +34,7 @@ std::size_t Connection::receive(char* buffer, std::size_t size)
     const ssize_t count = recv(descriptor(), buffer, size, 0);
     if (count == 0)
         kill();
-    const std::size_t received = taken(count);
-    mReceived += received;
-    return received;
+    return taken(count);
 }
 
 FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
@@ -136,7 +134,10 @@ std::size_t Connection::sendPieces(const iovec* pieces, std::size_t count)
 std::size_t Connection::taken(ssize_t result)
 {
     if (result >= 0)
+    {
+        mMoved += static_cast<uint64_t>(result);
         return static_cast<std::size_t>(result);
+    }
     if (errno != EAGAIN && errno != EINTR)
         kill();
     return 0;

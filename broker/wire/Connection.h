@@ -8,6 +8,7 @@
 #include <sys/uio.h>
 
 #include "broker/base/Clock.h"
+#include "broker/base/Progress.h"
 #include "broker/wire/Descriptor.h"
 #include "broker/wire/FrameReader.h"
 #include "broker/wire/Handshake.h"
@@ -79,7 +80,8 @@ public:
 
     bool isUnfinished() const { return mReader.isUnfinished(); }
 
-    uint64_t receivedBytes() const { return mReceived; }
+    /// Bytes that it has received and sent.
+    uint64_t movedBytes() const { return mMoved; }
 
     /// Its place among those in the middle of their handshake; the port's.
     std::list<Connection*>::iterator opening;
@@ -87,6 +89,8 @@ public:
     uint32_t polled = 0;
     /// What the budget of memory was last told.
     std::size_t accounted = 0;
+    /// For who has to choose whom to close.
+    Progress progress;
 
 private:
     enum class State
@@ -108,7 +112,7 @@ private:
     FrameReader mReader;
     std::string mOutput;
     std::size_t mSent = 0; ///< of the output
-    uint64_t mReceived = 0;
+    uint64_t mMoved = 0;
 };
 
 #endif

@@ -1,0 +1,80 @@
+// A "Sync" does not confirm posts that are lost: peers written by hand against the real broker.
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <vector>
+
+#include "tests/broker/Messages.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ZmtpPeer.h"
+
+namespace
+{
+
+// A post in frames of which the last is missing.
+std::string unfinishedPost(std::size_t bytes)
+{
+    std::string post = "{\"postStatus\":{\"k\":\"" + std::string(bytes, 'v');
+    std::string frames;
+    for (std::size_t at = 0; at < post.size(); at += 200)
+        frames += WireFrames::frame(post.substr(at, 200), true);
+    return frames;
+}
+
+const std::vector<std::string> littleMemory{"--max-memory=4M", "--max-notify-bytes=1M",
+                                            "--max-message-bytes=700K"};
+
+std::unique_ptr<ZmtpPeer> posterOf(const std::string& bytes)
+{
+    auto poster = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
+    EXPECT_TRUE(poster->shakeHands());
+    poster->write(bytes);
+    return poster;
+}
+
+} // namespace
+
+TEST(SyncLostTest, oneWhoseFirstWordIsAQueryIsNoNewClient)
+{
+    BrokerProcess broker;
+    RawRequester requester;
+    valueOf(requester, "k");
+    EXPECT_EQ(requester.ask("Sync"), "SyncLost") << "its posts may have died with an earlier broker";
+    EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "it is told once";
+}
+
+TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedForWantOfMemory)
+{
+    BrokerProcess broker(littleMemory);
+    RawRequester one;
+    ASSERT_EQ(one.ask("Sync"), "SyncAck");
+    RawRequester other; // speaks at once, as new clients do
+    ASSERT_EQ(other.ask("Sync"), "SyncAck");
+    std::vector<std::unique_ptr<ZmtpPeer>> posters;
+    const auto isOneClosed = [&] { return brokerStatistic(one, "limit.memory") != 0; };
+    while (posters.size() < 20 && !isOneClosed())
+        posters.push_back(posterOf(unfinishedPost(600000)));
+    ASSERT_TRUE(eventually(isOneClosed));
+    posters.clear();
+    ASSERT_TRUE(eventually([&] { return brokerStatistic(one, "clients.posts") == 0; }));
+    EXPECT_EQ(one.ask("Sync"), "SyncLost");
+    EXPECT_EQ(one.ask("Sync"), "SyncAck");
+    EXPECT_EQ(other.ask("Sync"), "SyncLost");
+    EXPECT_EQ(other.ask("Sync"), "SyncAck");
+    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new one has lost nothing";
+}
+
+TEST(SyncLostTest, stoppedPeersThatHoldLittleEachGiveWayBeforeAPosterOfALargeMessage)
+{
+    BrokerProcess broker(littleMemory);
+    RawRequester requester;
+    ASSERT_EQ(requester.ask("Sync"), "SyncAck");
+    std::vector<std::unique_ptr<ZmtpPeer>> stopped;
+    const auto held = [&] { return brokerStatistic(requester, "memory.connections"); };
+    while (stopped.size() < 100 && held() < std::size_t{3400} * 1024)
+        stopped.push_back(posterOf(unfinishedPost(40000)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(600)); // they move nothing for so long
+    const auto poster = posterOf(unfinishedPost(600000));
+    ASSERT_TRUE(eventually([&] { return brokerStatistic(requester, "limit.memory") != 0; }));
+    EXPECT_FALSE(poster->isClosedNow());
+}
