@@ -294,11 +294,10 @@ void Broker::finish()
 {
     mSupervisor.stopping();
     const TimePoint begin = Clock::now();
-    for (TimePoint lastWork = begin, now = begin; now < begin + longestFinish && now < lastWork + finishQuiet;
-         now = Clock::now())
+    bool isQuiet = false;
+    while (!isQuiet && Clock::now() < begin + longestFinish)
     {
-        if (takeEvents(finishQuiet) != 0)
-            lastWork = now;
+        isQuiet = takeEvents(finishQuiet) == 0;
         doRound();
     }
     mQuestions.answerAll();
