@@ -18,6 +18,9 @@ public:
     static constexpr Duration most{500000};
     static constexpr int share = 4;
 
+    /// While it lasts, it is decided on again after such a time: the subscriber may take nothing any more.
+    static constexpr Duration step{10000};
+
     explicit IntakePause(TimePoint now) : mSince(now) {}
 
     /// @param backlog so much of the log of notifications is held for the slowest that still takes some
@@ -36,8 +39,8 @@ public:
 
     bool isPaused() const { return mIsPaused; }
 
-    /// When it ends at the latest.
-    TimePoint due() const { return mIsPaused ? mSince + mLeft : TimePoint::max(); }
+    /// When it is to be decided on again.
+    TimePoint due() const { return mIsPaused ? mSince + std::min(mLeft, step) : TimePoint::max(); }
 
 private:
     bool mIsPaused = false;

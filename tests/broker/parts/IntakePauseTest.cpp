@@ -60,7 +60,6 @@ TEST_F(IntakePauseTest, lastsHalfASecondInAll)
 TEST_F(IntakePauseTest, seldomLookedAtItLastsNoLonger)
 {
     ASSERT_TRUE(decide(tooMuch));
-    EXPECT_EQ(pause.due(), now + IntakePause::most);
     EXPECT_FALSE(decide(tooMuch, 10s));
 }
 
@@ -94,6 +93,14 @@ TEST_F(IntakePauseTest, takesAtMostAFifthOfTheTimeOfABurstWithoutEnd)
     for (int count = 0; count < 100000; ++count)
         paused += decide(tooMuch, 1ms) ? 1ms : 0ms;
     EXPECT_LE(paused, IntakePause::most + 100s / 5);
+}
+
+TEST_F(IntakePauseTest, isDueSoonSinceTheSubscriberMayTakeNothingAnyMore)
+{
+    ASSERT_TRUE(decide(tooMuch));
+    EXPECT_EQ(pause.due(), now + IntakePause::step);
+    ASSERT_TRUE(decide(tooMuch, IntakePause::most - 1ms));
+    EXPECT_EQ(pause.due(), now + 1ms) << "when its time is over";
 }
 
 TEST_F(IntakePauseTest, isNotDueWhileItIsNotPaused)
