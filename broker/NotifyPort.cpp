@@ -150,6 +150,7 @@ void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix
     connection.state = NotifyConnection::State::Behind;
     connection.revision = mCatchUp.subscribed(now).value_or(mState.revision());
     connection.eventsKnown = mLog.eventsSoFar();
+    connection.nextValue = nullptr;
 }
 
 void NotifyPort::cancel(NotifyConnection& connection, std::string_view prefix)
