@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -135,6 +136,19 @@ int dropped(const std::string& text)
     return sum;
 }
 
+// Whether each of these lines stands alone, without the piece of another in front of it.
+bool tellsOnLinesOfTheirOwn(const std::string& text)
+{
+    constexpr std::size_t longest = 250;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+    {
+        if (line.find("log lines were dropped") != std::string::npos && line.size() > longest)
+            return false;
+    }
+    return true;
+}
+
 // Everything that it has written to a stderr that is read only between the rounds.
 std::string written(const Ends& ends, std::size_t lineBytes)
 {
@@ -165,6 +179,7 @@ void expectEachLineWholeOrCounted(const Ends& ends, std::size_t lineBytes)
     EXPECT_EQ(whole + dropped(text), rounds * linesPerRound(lineBytes));
     EXPECT_EQ(occurrences(text, "log lines were dropped"), rounds);
     EXPECT_EQ(occurrences(text, "last\n"), 1);
+    EXPECT_TRUE(tellsOnLinesOfTheirOwn(text));
 }
 
 } // namespace
