@@ -97,6 +97,9 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
         connection.isFull = false; // flush() sends
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
         read(connection, now);
+    // Its first values go out now: what is posted from here on finds it following the log.
+    if (connection.state == NotifyConnection::State::Behind && !connection.isFull)
+        send(connection, now);
     update(connection);
 }
 
