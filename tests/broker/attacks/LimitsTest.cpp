@@ -92,7 +92,7 @@ TEST_F(SmallLimits, aMessageWithoutEndEndsItsConnection)
 
 TEST_F(HeavyPosts, leaveItServing)
 {
-    Bystander bystander;
+    Bystander bystander(requester);
     bystander.expectServed(1); // its key is there before there are too many
     Attack attack({peers});
     ASSERT_TRUE(reaches("limit.keys", 1));

@@ -156,7 +156,7 @@ protected:
 
 TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
 {
-    Bystander bystander;
+    Bystander bystander(requester);
     bystander.expectServed();
     const BrokerMemory memory(broker.process().pid());
     {
@@ -164,7 +164,9 @@ TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
         EXPECT_TRUE(attack.isUnderWay(GetParam().bytes));
         bystander.expectServed();
         TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
-        EXPECT_EQ(newcomer.waitForExit(), 0);
+        const std::optional<int> exit = newcomer.waitForExit();
+        EXPECT_TRUE(exit == EXIT_SUCCESS || (exit == EXIT_FAILURE && statistic("limit.memory") != 0))
+            << "its post may have stayed unconfirmed";
     }
     bystander.expectServed();
     memory.expectPeakWithin(mostAtPeak);

@@ -48,7 +48,7 @@ protected:
 
 TEST_F(WholeState, reachesASlowReaderWithoutBeingHeldForIt)
 {
-    Bystander bystander;
+    Bystander bystander(requester);
     const BrokerMemory memory(broker.process().pid());
     ZmtpPeer slow(ZmtpPeer::requestPort, smallBuffer);
     ASSERT_TRUE(slow.shakeHands() && slow.write(ZmtpPeer::request(request)));

@@ -317,7 +317,7 @@ TEST_F(Subscribing, onesWithManyPrefixesThatCloseDelayNobody)
     uint64_t count = 0;
     for (; prefixes.size() < std::size_t{256} * 1024; ++count)
         prefixes += ZmtpPeer::subscribe(std::to_string(count) + std::string(200, 'x'));
-    Bystander bystander;
+    Bystander bystander(requester);
     constexpr int rounds = 50;
     for (int round = 1; round <= rounds; ++round)
     {

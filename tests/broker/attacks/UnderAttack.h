@@ -61,16 +61,19 @@ protected:
 class Bystander
 {
 public:
-    Bystander();
+    /// @param requester to ask the broker with; must outlive it
+    explicit Bystander(RawRequester& requester);
     ~Bystander();
 
     Bystander(const Bystander&) = delete;
     Bystander& operator=(const Bystander&) = delete;
 
-    /// Posts so many values, each of which must be confirmed, be read again, and reach the listener.
+    /// Posts so many values, each of which must be confirmed, be read again, and reach the listener. It may
+    /// stay unconfirmed where posters were closed for want of memory: nobody knows whose posts are lost.
     void expectServed(int times = 20);
 
 private:
+    RawRequester& mRequester;
     int mNumber = 0;
     Orvane::EventThread mThread{"bystander", 0};
     RecordingListener mListener;
