@@ -2,6 +2,7 @@
 // never connects again, so nothing here may be other than the protocol says.
 
 #include <array>
+#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 
@@ -269,8 +270,10 @@ TEST_F(ZmtpTest, anAnswerIsADelimiterAndFramesToTheByte)
     const std::string expected = "\1\0\0\7SyncAck"s;
     EXPECT_EQ(peer.read(expected.size()), expected);
     RawPoster poster;
+    RawRequester requester;
     const std::string value(600, 'v');
     poster.post(postOf("k", value));
+    ASSERT_TRUE(eventually([&] { return valueOf(requester, "k") == reply(value); }));
     ASSERT_TRUE(peer.write(ZmtpPeer::request(R"({"getClientInfoValue":"k"})")));
     const std::string text = reply(value);
     const std::string framed = "\1\0\3\0\0\0\0\0\0\2\0"s + text.substr(0, 512) + "\0"s +
@@ -385,6 +388,52 @@ TEST(ZmtpNotification, isNotTornByWhatASlowSubscriberSays)
     }
 }
 
+// From the moment in which the broker has read the subscription, and answered the PING behind it; also if it
+// takes posts then before it sends anything.
+TEST(ZmtpNotification, isMissedByNoneThatHasSubscribed)
+{
+    BrokerProcess broker({"--heartbeat=0"});
+    ZmtpPeer heavy(ZmtpPeer::postPort);
+    ZmtpPeer post(ZmtpPeer::postPort);
+    ASSERT_TRUE(heavy.shakeHands(0) && post.shakeHands(0));
+    const std::string nothing = ZmtpPeer::message(R"({"setCounterValue":{"c":1}})");
+    std::string much;
+    while (much.size() < 60000)
+        much += nothing;
+    const std::string event = ZmtpPeer::message(R"({"postEvent":{"e":"v"}})");
+    const std::string notification = ZmtpPeer::message(R"({"eventUpdate":{"e":"v"}})");
+    for (int round = 0; round < 20; ++round)
+    {
+        ZmtpPeer peer(ZmtpPeer::notifyPort);
+        ASSERT_TRUE(peer.shakeHands());
+        broker.process().suspend();
+        ASSERT_TRUE(heavy.write(much) && post.write(nothing) && peer.write(toAll + ZmtpPeer::ping("")));
+        broker.process().signal(SIGCONT);
+        ASSERT_EQ(peer.read(ZmtpPeer::pong("").size()), ZmtpPeer::pong(""));
+        ASSERT_TRUE(post.write(event));
+        ASSERT_EQ(peer.read(notification.size()), notification) << round;
+    }
+}
+
+TEST_F(ZmtpTest, aSubscriberIsSentOnlyWhatBeginsAsItAskedFor)
+{
+    RawPoster poster;
+    ZmtpPeer peer(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(peer.shakeHands());
+    ASSERT_TRUE(peer.write(ZmtpPeer::subscribe(R"({"eventUpdate":{"e)") + ZmtpPeer::subscribe("nothing") +
+                           ZmtpPeer::ping("")));
+    ASSERT_EQ(peer.readFrame()->body, "\4PONG");
+    poster.post(postOf("e", "1"));
+    poster.post(R"({"postEvent":{"f":"2"}})");
+    poster.post(R"({"postEvent":{"e":"3"}})");
+    EXPECT_EQ(peer.receiveText(), R"({"eventUpdate":{"e":"3"}})");
+    ASSERT_TRUE(peer.write(ZmtpPeer::subscribe(R"({"statusUpdate":{"s)") + ZmtpPeer::ping("")));
+    ASSERT_EQ(peer.readFrame()->body, "\4PONG");
+    poster.post(postOf("r", "4"));
+    poster.post(postOf("s", "5"));
+    EXPECT_EQ(peer.receiveText(), R"({"statusUpdate":{"s":"5"}})");
+}
+
 TEST_F(ZmtpTest, whoHasNotSubscribedIsSentNothing)
 {
     ZmtpPeer peer(ZmtpPeer::notifyPort);
@@ -448,6 +497,23 @@ TEST_F(ZmtpTest, otherSocketTypesThatFitAreServed)
 
 // ----------------------------------------------------------------------------------------------- violations
 
+namespace
+{
+
+// One that says this is closed for it, and not because the time for its handshake is over.
+void expectEndOf(uint16_t port, const std::string& said)
+{
+    ZmtpPeer silent(port);
+    ZmtpPeer peer(port);
+    ASSERT_TRUE(peer.write(said));
+    const std::string opening = ZmtpPeer::openingOf(port);
+    EXPECT_EQ(peer.read(opening.size() + 1), opening) << "and nothing more";
+    EXPECT_TRUE(peer.isClosed()) << port << ": " << said;
+    EXPECT_FALSE(silent.isClosedNow()) << port << ": " << said;
+}
+
+} // namespace
+
 TEST_F(ZmtpTest, othersAreClosedAtTheByteThatShowsIt)
 {
     const std::string signature("\xff\0\0\0\0\0\0\0\0\x7f", 10);
@@ -466,11 +532,7 @@ TEST_F(ZmtpTest, othersAreClosedAtTheByteThatShowsIt)
     {
         for (const std::string& said : strangers)
         {
-            ZmtpPeer peer(port);
-            ASSERT_TRUE(peer.write(said));
-            const std::string opening = ZmtpPeer::openingOf(port);
-            EXPECT_EQ(peer.read(opening.size() + 1), opening) << "and nothing more";
-            EXPECT_TRUE(peer.isClosed()) << port << ": " << said;
+            expectEndOf(port, said);
         }
     }
 }
@@ -492,11 +554,7 @@ TEST_F(ZmtpTest, whatFollowsTheGreetingAndIsNoFittingReadyIsTheEnd)
     {
         for (const std::string& said : wrong)
         {
-            ZmtpPeer peer(port);
-            ASSERT_TRUE(peer.write(ZmtpPeer::greeting() + said));
-            const std::string opening = ZmtpPeer::openingOf(port);
-            EXPECT_EQ(peer.read(opening.size() + 1), opening) << "and nothing more";
-            EXPECT_TRUE(peer.isClosed()) << port << ": " << said;
+            expectEndOf(port, ZmtpPeer::greeting() + said);
         }
     }
 }
