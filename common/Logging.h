@@ -176,7 +176,7 @@ private:
     const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
 
 /// What a message shows as this source file: the part of its path from the last slash on.
-#define OV_LOG_FILE (__FILE__ + ov_log_constant<ov_log_file_tail(__FILE__)>)
+#define OV_LOG_FILE (&__FILE__[ov_log_constant<ov_log_file_tail(__FILE__)>])
 
 #endif
 
