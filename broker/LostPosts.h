@@ -12,24 +12,14 @@ class LostPosts
 {
 public:
     /// Clients that were there before a broker that is started again come back within this time: they try
-    /// each 100 to 200 ms.
-    static constexpr std::chrono::milliseconds returnTime{250};
-
-    /// One that comes back so late has been kept waiting by a machine that is busy.
-    static constexpr std::chrono::milliseconds longestReturn{500};
+    /// each 100 to 200 ms, on a busy machine somewhat later.
+    static constexpr std::chrono::milliseconds returnTime{500};
 
     /// @param serving since when the broker serves
     explicit LostPosts(TimePoint serving) : mServing(serving) {}
 
-    /// Clients of an earlier broker may still come back, and show by that who is one.
+    /// Whether clients of an earlier broker may still come back.
     bool areReturning(TimePoint now) const { return now < mServing + returnTime; }
-
-    /// Whether one whose first word is a "Sync" may have been a client of an earlier broker.
-    /// @param hasSubscribers only those have them so early
-    bool mayBeOld(TimePoint asked, bool hasSubscribers) const
-    {
-        return hasSubscribers && asked < mServing + longestReturn;
-    }
 
     /// Posts have been lost.
     void lost() { ++mCount; }

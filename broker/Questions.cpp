@@ -126,7 +126,7 @@ void Questions::start(TimePoint now)
     std::size_t clients = this->clients();
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        if (mOutbox.isRestart() && mLostPosts.areReturning(now))
+        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mLostPosts.areReturning(now))
             continue;
         const bool areSubscribed = mPosts.areSubscribed(connection->askedAt, now);
         switch (mGate.decide(connection->askedAt, areSubscribed, clients, posts, now))
@@ -172,11 +172,16 @@ void Questions::startOne(RequestConnection& connection)
 }
 
 // Its first "Sync" here is not that of a new client, but of one that an earlier broker knew: posts may have
-// died with that.
+// died with that. A new client says "Sync" at once, and only an old one has subscribed already.
 bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 {
-    return connection.isReturning ||
-           (mOutbox.isRestart() && mLostPosts.mayBeOld(connection.askedAt, mNotify.hasSubscribers()));
+    return connection.isReturning || (isDuringReturn(connection) && mNotify.hasSubscribers());
+}
+
+// Asked while clients of an earlier broker come back.
+bool Questions::isDuringReturn(const RequestConnection& connection) const
+{
+    return mOutbox.isRestart() && mLostPosts.areReturning(connection.askedAt);
 }
 
 void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts)

@@ -54,6 +54,7 @@ private:
     std::size_t discount(std::size_t missing, RequestConnection& starting);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
+    bool isDuringReturn(const RequestConnection& connection) const;
     void answerOne(RequestConnection& connection);
     void acknowledge(RequestConnection& connection, bool mayHaveLostPosts);
     std::size_t clients() const;

@@ -319,10 +319,12 @@ TEST_F(ZmtpTest, aConnectionThatSaysNothingGetsOneEmptyAnswerAfterASecond)
     ASSERT_TRUE(silent.shakeHands());
     ASSERT_TRUE(asking.shakeHands());
     EXPECT_EQ(asking.ask(R"({"getCounterValue":"c"})"), "0");
-    EXPECT_EQ(silent.read(4), "\1\0\0\0"s);
+    const std::string expected = "\4\x0c\4PING\0\0empty\1\0\0\0"s;
+    EXPECT_EQ(silent.read(expected.size()), expected);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(999));
     EXPECT_EQ(silent.read(1, std::chrono::milliseconds(1500)), "") << "once";
     EXPECT_EQ(asking.read(1, quiet), "") << "not to one that has asked";
+    ASSERT_TRUE(silent.write(ZmtpPeer::pong("empty")));
     EXPECT_EQ(silent.ask(R"({"getCounterValue":"c"})"), "0");
 }
 

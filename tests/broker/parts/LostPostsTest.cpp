@@ -20,14 +20,6 @@ TEST(LostPostsTest, clientsComeBackForAWhile)
     EXPECT_FALSE(lost.areReturning(serving + LostPosts::returnTime));
 }
 
-TEST(LostPostsTest, oneThatAsksEarlyWhileThereAreSubscribersMayBeOld)
-{
-    const LostPosts lost(serving);
-    EXPECT_TRUE(lost.mayBeOld(serving + LostPosts::longestReturn - 1us, true));
-    EXPECT_FALSE(lost.mayBeOld(serving + LostPosts::longestReturn, true));
-    EXPECT_FALSE(lost.mayBeOld(serving, false));
-}
-
 TEST(LostPostsTest, lossesAreCounted)
 {
     LostPosts lost(serving);
