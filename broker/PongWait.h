@@ -35,6 +35,18 @@ public:
         mWanted = barrier;
     }
 
+    /// It has sent something that the broker has no time to read now: until read() it is not to blame.
+    void leftUnread() { mIsUnread = true; }
+
+    /// The broker has read from it.
+    void read(std::size_t bytes, TimePoint now)
+    {
+        mPatience.received(bytes);
+        if (mIsUnread)
+            mReadAt = now;
+        mIsUnread = false;
+    }
+
     /// The barrier for which a PING is to be sent now; 0: none.
     uint64_t pingDue() const
     {
@@ -60,7 +72,7 @@ public:
         if (found == mUnderWay.end())
             return false;
         cost = pay(now);
-        mPatience.answered(std::chrono::duration_cast<Duration>(now - found->sent));
+        mPatience.answered(std::chrono::duration_cast<Duration>(now - std::max(found->sent, mReadAt)));
         mUnderWay.erase(mUnderWay.begin(), found + 1); // answers come in the order of the PINGs
         mPonged = barrier;
         mHasDisappointed = false;
@@ -74,15 +86,15 @@ public:
     {
         if (mWanted < barrier || mPonged >= barrier || (mIsForSync && !isSync))
             return TimePoint::min();
-        return opened + (isSync ? Patience::syncFactor : 1) * mLimit;
+        return opened + (isSync ? Patience::syncFactor : 1) * (mIsUnread ? Patience::longest : mLimit);
     }
 
     /// When judge() is to be called.
     TimePoint due() const
     {
-        if (!isAwaited())
+        if (!isAwaited() || mIsUnread)
             return TimePoint::max();
-        return mUnderWay.front().sent + (mHasDisappointed ? Patience::syncFactor : 1) * mLimit;
+        return oldestAsked() + (mHasDisappointed ? Patience::syncFactor : 1) * mLimit;
     }
 
     /// Judges what is owed. Returns what the wait costs all connections together.
@@ -102,9 +114,6 @@ public:
     /// It is gone. Returns what the wait has cost all connections together.
     Duration abandon(TimePoint now) { return owes() ? pay(now) : Duration(0); }
 
-    /// Posts have come.
-    void received(std::size_t bytes) { mPatience.received(bytes); }
-
 private:
     struct UnderWay
     {
@@ -113,17 +122,19 @@ private:
         bool isForSync;
     };
 
+    // Since when the oldest answer is owed, and could have been read.
+    TimePoint oldestAsked() const { return std::max(mUnderWay.front().sent, mReadAt); }
+
     bool isLacking() const { return mPonged < mWanted; }
 
     // For the time since the oldest PING that is owed an answer, each moment once. What only a "Sync" waits
     // for costs less.
     Duration pay(TimePoint now)
     {
-        const UnderWay& oldest = mUnderWay.front();
-        const TimePoint from = std::max(oldest.sent + Patience::shortest, mPaidUntil);
-        if (now <= from)
+        const TimePoint from = std::max(oldestAsked() + Patience::shortest, mPaidUntil);
+        if (now <= from || mIsUnread)
             return Duration(0);
-        const TimePoint endOfQueries = oldest.isForSync ? from : oldest.sent + mLimit;
+        const TimePoint endOfQueries = mUnderWay.front().isForSync ? from : oldestAsked() + mLimit;
         const TimePoint middle = std::clamp(endOfQueries, from, now);
         mPaidUntil = now;
         return mPatience.spend(
@@ -138,6 +149,8 @@ private:
     bool mIsForSync = false;             ///< all that is wanted
     std::deque<UnderWay> mUnderWay;
     TimePoint mPaidUntil{};
+    TimePoint mReadAt{}; ///< after it was left unread
+    bool mIsUnread = false;
     bool mHasDisappointed = false; ///< queries, since the last answer
     bool mHasGivenUp = false;      ///< nothing is waited for until it answers
 };

@@ -17,6 +17,12 @@ constexpr std::size_t bufferBytes = std::size_t{64} * 1024;
 
 // Of the log of notifications: so much is read before the others have their turn.
 constexpr std::size_t turnShare = 8;
+// Where many wait to be read, all have a turn after so many.
+constexpr std::size_t bytesOfAllTurns = std::size_t{1024} * 1024;
+constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
+
+// So long a barrier may read itself; the rest is read in turn.
+constexpr std::chrono::milliseconds longestTaking{5};
 
 // Half of the window with which a connection begins. Where less than this has come since the last PONG,
 // nothing was held back before.
@@ -53,12 +59,14 @@ PostPort::PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, R
 void PostPort::onAccepted(PostConnection& connection)
 {
     mArrivals.add(connection.descriptor(), EPOLLIN, &connection);
+    mArrivals.reserve(peers().size());
     mLimit.added(peers().size(), connection.acceptedAt());
 }
 
 void PostPort::onClose(PostConnection& connection)
 {
     removeFrom(mReady, &connection);
+    removeFrom(mUnread, &connection);
     removeFrom(mTouched, &connection);
     removeFrom(mAwaited, &connection);
     mPatience.spend(connection.pongs.abandon(Clock::now()));
@@ -73,11 +81,16 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
     {
         if (mIsPaused && connection.isOpen() && !connection.pongs.owes())
             return poll(connection, 0);
-        if (!connection.isReady)
-            mReady.push_back(&connection);
-        connection.isReady = true;
+        makeReady(connection);
     }
     update(connection);
+}
+
+void PostPort::makeReady(PostConnection& connection)
+{
+    if (!connection.isReady)
+        mReady.push_back(&connection);
+    connection.isReady = true;
 }
 
 void PostPort::takePosts(TimePoint end)
@@ -98,10 +111,11 @@ void PostPort::takePosts(TimePoint end)
 // Once.
 void PostPort::read(PostConnection& connection, TimePoint now)
 {
-    const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
+    const std::size_t most = std::clamp(bytesOfAllTurns / (mReady.size() + 1), fewestBytes, mBuffer.size());
+    const std::size_t count = connection.receive(mBuffer.data(), most);
     connection.bytesSincePong += count;
     mReceived += count;
-    connection.pongs.received(count);
+    connection.pongs.read(count, now);
     std::string_view bytes(mBuffer.data(), count);
     FrameReader::Item item;
     bool opened = false;
@@ -173,32 +187,44 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
         return !connection->isTouched;
     };
     mTouched.erase(std::remove_if(mTouched.begin(), mTouched.end(), isClean), mTouched.end());
-    const SharedPatience::Duration patience = mPatience.left(now);
     for (PostConnection* connection : mTouched)
     {
         const bool isBehind = connection->bytesSincePong >= fewBytes || connection->isUnfinished();
-        if ((!isSync && !isBehind) || !connection->isOpen() || !connection->knowsPing())
-            continue;
-        const bool isAwaited = connection->pongs.isAwaited();
-        connection->pongs.want(mBarrier, !isBehind, patience, now);
-        ping(*connection, now);
-        if (!isAwaited && connection->pongs.isAwaited())
-            mAwaited.push_back(connection);
+        if (isSync || isBehind)
+            want(*connection, !isBehind, now);
     }
+    for (PostConnection* connection : std::exchange(mUnread, {}))
+        want(*connection, false, now);
     return mBarrier;
 }
 
-// From each connection once: where more has come than that, or memory is short, a PING finds the end of it.
+void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
+{
+    if (!connection.isOpen() || !connection.knowsPing())
+        return;
+    const bool isAwaited = connection.pongs.isAwaited();
+    connection.pongs.want(mBarrier, isForSync, mPatience.left(now), now);
+    ping(connection, now);
+    if (!isAwaited && connection.pongs.isAwaited())
+        mAwaited.push_back(&connection);
+}
+
+// From each connection once: where more has come than that, or time or memory is short, a PING finds the end.
 void PostPort::takeArrivals(TimePoint now)
 {
+    const TimePoint end = now + longestTaking;
     for (std::size_t count = mArrivals.wait(std::chrono::microseconds(0)), index = 0; index < count; ++index)
     {
         auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
-        if (mBudget.isExceeded())
-            connection.bytesSincePong = std::max(connection.bytesSincePong, fewBytes);
-        else
-            read(connection, now);
-        update(connection);
+        if (const TimePoint time = Clock::now(); time < end && !mBudget.isExceeded())
+        {
+            read(connection, time);
+            update(connection);
+            continue;
+        }
+        connection.pongs.leftUnread();
+        makeReady(connection);
+        mUnread.push_back(&connection);
     }
 }
 

@@ -90,6 +90,8 @@ private:
     void take(FrameReader::Result result, const FrameReader::Item& item);
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeArrivals(TimePoint now);
+    void makeReady(PostConnection& connection);
+    void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void update(PostConnection& connection);
 
@@ -102,6 +104,7 @@ private:
     uint64_t mBarrier = 0;
     uint64_t mReceived = 0; ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
+    std::vector<PostConnection*> mUnread;  // something has arrived, and there was no time to read it
     std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
     std::vector<PostConnection*> mAwaited; // whose answer to a PING is
     SharedPatience mPatience;

@@ -1,10 +1,10 @@
 #ifndef BROKER_WIRE_POLLER_H
 #define BROKER_WIRE_POLLER_H
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <sys/epoll.h>
+#include <vector>
 
 #include "broker/wire/Descriptor.h"
 
@@ -47,6 +47,13 @@ public:
     void change(int descriptor, uint32_t what, Pollable* owner);
     void remove(int descriptor);
 
+    /// Lets wait() report so many events at a time, or as many as before.
+    void reserve(std::size_t events)
+    {
+        if (events > mEvents.size())
+            mEvents.resize(2 * events);
+    }
+
     /// Waits at most `limit`, which is rounded up to whole milliseconds; negative: without limit. Returns how
     /// many events there are.
     std::size_t wait(std::chrono::microseconds limit);
@@ -59,7 +66,7 @@ private:
     void control(int operation, int descriptor, uint32_t what, Pollable* owner);
 
     Descriptor mPoll;
-    std::array<epoll_event, 128> mEvents{};
+    std::vector<epoll_event> mEvents = std::vector<epoll_event>(128);
 };
 
 #endif

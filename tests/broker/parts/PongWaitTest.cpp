@@ -191,3 +191,29 @@ TEST_F(PongWaitTest, onePeerThatAnswersEachPingLateMakesOthersWaitForALittleOnly
     }
     EXPECT_LE(waited, Patience::wholeShare + 1000 * 2 * Patience::shortest);
 }
+
+TEST_F(PongWaitTest, oneThatWasLeftUnreadIsWaitedForLongerAndDoesNotPayForIt)
+{
+    wait.leftUnread();
+    open(1, start);
+    EXPECT_EQ(endFor(1, start), start + Patience::longest);
+    EXPECT_EQ(wait.due(), TimePoint::max()) << "it is not to blame";
+    EXPECT_EQ(wait.abandon(start + 50ms), 0ms);
+    wait.read(0, start + 50ms);
+    EXPECT_EQ(endFor(1, start), start + limit);
+    EXPECT_EQ(wait.due(), start + 50ms + limit);
+    answer(1, start + 53ms);
+    EXPECT_EQ(cost, 3ms - Patience::shortest);
+    open(2, start + 1h);
+    EXPECT_EQ(endFor(2, start), start + 2 * limit) << "it answered in time";
+}
+
+TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsNotWaitedForEvenIfItWasLeftUnread)
+{
+    open(1, start);
+    wait.judge(start + 1h);
+    wait.judge(start + 1h);
+    wait.leftUnread();
+    open(2, start + 1h);
+    EXPECT_EQ(endFor(2, start + 1h), notAtAll);
+}
