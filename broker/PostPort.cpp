@@ -40,6 +40,12 @@ constexpr std::chrono::milliseconds subscriptionTime{15};
 // What the answer to a PING repeats: the number of the barrier, or this.
 constexpr std::string_view subscribedContext = "subscribed"sv;
 
+bool isSubscribed(const PostConnection& connection, TimePoint now)
+{
+    return connection.isSubscribed || (connection.isOpen() && !connection.knowsPing() &&
+                                       now - connection.acceptedAt() >= subscriptionTime);
+}
+
 template <class List, class T>
 void removeFrom(List& list, T* element)
 {
@@ -58,6 +64,7 @@ PostPort::PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, R
 
 void PostPort::onAccepted(PostConnection& connection)
 {
+    connection.number = accepted();
     mArrivals.add(connection.descriptor(), EPOLLIN, &connection);
     mArrivals.reserve(peers().size());
     mLimit.added(peers().size(), connection.acceptedAt());
@@ -268,20 +275,25 @@ void PostPort::doWhatIsDue(TimePoint now)
 
 // --------------------------------------------------------------------------------------------------- start
 
-bool PostPort::areSubscribed(TimePoint acceptedBefore, TimePoint now)
+bool PostPort::areSubscribed(uint64_t arrived, TimePoint now)
 {
     bool are = true;
     for (const auto& connection : peers())
     {
-        const bool isShown = connection->isSubscribed || (connection->isOpen() && !connection->knowsPing() &&
-                                                          now - connection->acceptedAt() >= subscriptionTime);
-        if (isShown || connection->acceptedAt() > acceptedBefore)
+        if (isSubscribed(*connection, now) || connection->number > arrived)
             continue;
         if (!connection->startsWaitSince)
             connection->startsWaitSince = now;
         are = are && now - *connection->startsWaitSince >= longestStartWait;
     }
     return are;
+}
+
+std::size_t PostPort::subscribed(TimePoint now) const
+{
+    return static_cast<std::size_t>(std::count_if(peers().begin(), peers().end(),
+                                                  [now](const auto& connection)
+                                                  { return isSubscribed(*connection, now); }));
 }
 
 // ------------------------------------------------------------------------------------------------- reading

@@ -30,6 +30,7 @@ public:
     bool isTouched = false; ///< something has come since
 
     // ---- Start. Posts can arrive when the PING behind the subscription is answered.
+    uint64_t number = 0; ///< in the order of arrival
     bool isSubscribed = false;
     std::optional<TimePoint> startsWaitSince; ///< for that
 
@@ -72,9 +73,12 @@ public:
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
-    /// Whether the first posts of the clients can arrive whose post connections were accepted before this
-    /// moment. A connection that does not show it is waited for only once.
-    bool areSubscribed(TimePoint acceptedBefore, TimePoint now);
+    /// Whether the first posts of the clients can arrive whose post connections are among so many that have
+    /// arrived first. A connection that does not show it is waited for only once.
+    bool areSubscribed(uint64_t arrived, TimePoint now);
+
+    /// How many connections have shown it.
+    std::size_t subscribed(TimePoint now) const;
 
     /// While it is paused, nothing is read but what a barrier waits for.
     void pause(bool does);

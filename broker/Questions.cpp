@@ -10,6 +10,9 @@ namespace
 // A start is looked at so often while it is held.
 constexpr std::chrono::milliseconds startPause{1};
 
+// Accepted at a time for the sake of a start.
+constexpr uint64_t manyConnections = 256;
+
 // Subscribers of an earlier broker may have missed the last of what it kept.
 constexpr std::chrono::seconds restartMemory{30};
 
@@ -119,49 +122,36 @@ void Questions::start(TimePoint now)
     if (mStarting.empty())
         return;
     mLastLook = now;
-    // A client's post connection was made before its request connection, and waits to be accepted at the
-    // latest.
-    mPosts.accept(PostPort::allThatWait, now);
-    const std::size_t posts = postsWithSubscription();
-    std::size_t clients = this->clients();
+    if (!acceptPosts(now))
+        return;
+    const std::size_t posts = mPosts.subscribed(now);
+    const std::size_t clients = this->clients();
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
         if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mLostPosts.areReturning(now))
             continue;
-        const bool areSubscribed = mPosts.areSubscribed(connection->askedAt, now);
-        switch (mGate.decide(connection->askedAt, areSubscribed, clients, posts, now))
-        {
-        case StartGate::Decision::Hold:
-            break;
-        case StartGate::Decision::StartWithoutPosts:
-            clients -= discount(clients - posts, *connection);
+        const bool areSubscribed = mPosts.areSubscribed(*connection->postsArrived, now);
+        if (mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
             startOne(*connection);
-            break;
-        case StartGate::Decision::Start:
-            startOne(*connection);
-            break;
-        }
     }
 }
 
-// So many clients have not shown a post connection in time. They do not count any more, so that they delay no
-// further start. First those that have asked without a "Sync", as tools do that never post; else the one that
-// starts. Returns how many.
-std::size_t Questions::discount(std::size_t missing, RequestConnection& starting)
+// A client's post connection was made before its request connection, and waits to be accepted at the latest.
+// False if there was no time for all of them.
+bool Questions::acceptPosts(TimePoint now)
 {
-    std::size_t count = 0;
-    for (const auto& peer : mRequests.peers())
+    uint64_t arrived = 0;
+    for (RequestConnection* connection : mStarting)
     {
-        const bool isTool = peer->hasAsked && !peer->isStarted && peer->request != BrokerProtocol::syncWord;
-        if (count == missing || !isTool || peer->hasNoPosts || peer->askedAt > starting.askedAt)
-            continue;
-        peer->hasNoPosts = true;
-        ++count;
+        if (!connection->postsArrived)
+            connection->postsArrived = mPosts.arrived();
+        arrived = std::max(arrived, *connection->postsArrived);
     }
-    if (count != 0)
-        return count;
-    starting.hasNoPosts = true;
-    return 1;
+    if (arrived <= mPosts.accepted())
+        return true;
+    const uint64_t lacking = arrived - mPosts.accepted();
+    const bool areMore = mPosts.accept(static_cast<std::size_t>(std::min(lacking, manyConnections)), now);
+    return !areMore || lacking <= manyConnections;
 }
 
 void Questions::startOne(RequestConnection& connection)
@@ -195,15 +185,8 @@ void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts
 std::size_t Questions::clients() const
 {
     const auto& peers = mRequests.peers();
-    return static_cast<std::size_t>(std::count_if(
-        peers.begin(), peers.end(), [](const auto& peer) { return peer->hasAsked && !peer->hasNoPosts; }));
-}
-
-std::size_t Questions::postsWithSubscription() const
-{
-    const auto& peers = mPosts.peers();
     return static_cast<std::size_t>(
-        std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->isSubscribed; }));
+        std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->hasAsked; }));
 }
 
 TimePoint Questions::due() const

@@ -51,14 +51,13 @@ private:
 
     void sortNew(TimePoint now);
     void start(TimePoint now);
-    std::size_t discount(std::size_t missing, RequestConnection& starting);
+    bool acceptPosts(TimePoint now);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
     bool isDuringReturn(const RequestConnection& connection) const;
     void answerOne(RequestConnection& connection);
     void acknowledge(RequestConnection& connection, bool mayHaveLostPosts);
     std::size_t clients() const;
-    std::size_t postsWithSubscription() const;
 
     Answerer& mAnswerer;
     Outbox& mOutbox;

@@ -34,7 +34,8 @@ public:
     bool isStarted = false;   ///< its first "Sync" has been answered
     bool isReturning = false; ///< its first words are not "Sync", or came too late for a new client
     uint64_t lossesKnown = 0; ///< the last of the losses of posts that it has been told of
-    bool hasNoPosts = false;  ///< it has not shown a post connection
+    /// Its post connection is among so many that arrived first; once its first "Sync" has been read.
+    std::optional<uint64_t> postsArrived;
 
     EmptyAnswer emptyAnswer;
 

@@ -1,6 +1,7 @@
 #ifndef BROKER_STARTGATE_H
 #define BROKER_STARTGATE_H
 
+#include <algorithm>
 #include <cstddef>
 
 #include "broker/base/Clock.h"
@@ -13,7 +14,8 @@
 ///
 /// A client connects its post socket before its request socket, so its post connection is among those. But a
 /// client that was there before the broker connects both anew, at times of their own. So there must also be
-/// as many post connections as clients. Whoever opens no post connection is not waited for, after a while.
+/// as many post connections as clients. Some open no post connection: as many as were waited for in vain are
+/// not waited for again, until there have been fewer of them for a while.
 class StartGate
 {
 public:
@@ -26,33 +28,45 @@ public:
     static constexpr std::chrono::milliseconds patienceWhenYoung{500};
     static constexpr std::chrono::seconds youth{2};
 
+    /// How long it is remembered how many post connections are missing for good.
+    static constexpr std::chrono::seconds memory{10};
+
     explicit StartGate(TimePoint brokerStart) : mBrokerStart(brokerStart) {}
 
-    enum class Decision
-    {
-        Hold,
-        Start,
-        StartWithoutPosts, ///< it has not shown a post connection in time: it does not count any more
-    };
-
+    /// Whether it is to be answered now.
     /// @param asked when its "Sync" was read
     /// @param areSubscribed the post connections accepted before that have their subscription
-    /// @param clients that have asked for a start, and have a post connection
+    /// @param clients that have asked for anything
     /// @param posts post connections with their subscription
-    Decision decide(TimePoint asked, bool areSubscribed, std::size_t clients, std::size_t posts,
-                    TimePoint now) const
+    bool opens(TimePoint asked, bool areSubscribed, std::size_t clients, std::size_t posts, TimePoint now)
     {
         if (!areSubscribed || now - asked < settleTime)
-            return Decision::Hold;
-        if (posts >= clients)
-            return Decision::Start;
+            return false;
+        const std::size_t missing = clients > posts ? clients - posts : 0;
+        forgetSome(missing, now);
+        if (missing <= mMissing)
+            return true;
         const bool isYoung = asked - mBrokerStart < youth;
         const std::chrono::milliseconds limit = isYoung ? patienceWhenYoung : patience;
-        return now - asked >= limit ? Decision::StartWithoutPosts : Decision::Hold;
+        if (now - asked < limit)
+            return false;
+        mMissing = missing;
+        mMissed = now;
+        return true;
     }
 
 private:
+    void forgetSome(std::size_t missing, TimePoint now)
+    {
+        if (missing < mMissing && now - mMissed < memory)
+            return;
+        mMissing = std::min(mMissing, missing);
+        mMissed = now;
+    }
+
     TimePoint mBrokerStart;
+    std::size_t mMissing = 0; ///< post connections that were waited for in vain
+    TimePoint mMissed{};      ///< when so many were missing last
 };
 
 #endif

@@ -1,6 +1,7 @@
 #include "broker/wire/Listener.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <netinet/tcp.h>
 #include <stdexcept>
@@ -61,4 +62,14 @@ Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)
         outOfDescriptors = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
         return connection;
     }
+}
+
+std::size_t Listener::waiting() const
+{
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    constexpr std::size_t needed = offsetof(tcp_info, tcpi_unacked) + sizeof(info.tcpi_unacked);
+    if (getsockopt(mSocket.number(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed)
+        return backlog;       // emulated: as many as may
+    return info.tcpi_unacked; // for a socket that listens, the kernel tells it there
 }

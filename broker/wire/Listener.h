@@ -1,6 +1,7 @@
 #ifndef BROKER_WIRE_LISTENER_H
 #define BROKER_WIRE_LISTENER_H
 
+#include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
 
@@ -19,6 +20,9 @@ public:
     /// The next connection, non-blocking and ready to be used; none (not open) if none waits.
     /// @param outOfDescriptors set if one waits that cannot be had
     Descriptor accept(sockaddr_in& peer, bool& outOfDescriptors);
+
+    /// How many connections wait.
+    std::size_t waiting() const;
 
 private:
     Descriptor mSocket;

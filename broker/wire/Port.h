@@ -3,7 +3,7 @@
 
 #include <algorithm>
 #include <chrono>
-#include <limits>
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <vector>
@@ -29,10 +29,9 @@ public:
     /// How many connections a call of accept() takes, so that a crowd of them does not keep the others
     /// waiting.
     static constexpr std::size_t fewAtATime = 32;
-    static constexpr std::size_t allThatWait = std::numeric_limits<std::size_t>::max();
 
-    /// Takes connections that wait.
-    void accept(std::size_t count, TimePoint now)
+    /// Takes connections that wait. False if no more can be had.
+    bool accept(std::size_t count, TimePoint now)
     {
         bool outOfDescriptors = false;
         sockaddr_in address{};
@@ -41,6 +40,7 @@ public:
             Descriptor socket = mListener.accept(address, outOfDescriptors);
             if (!socket.isOpen())
                 break;
+            ++mAccepted;
             const bool hasRoom = mPeers.size() < most();
             if (!hasRoom)
                 onFull();
@@ -49,7 +49,12 @@ public:
         }
         if (outOfDescriptors)
             rest(now);
+        return count == 0;
     }
+
+    /// How many have been taken so far, and how many there were with those that wait.
+    uint64_t accepted() const { return mAccepted; }
+    uint64_t arrived() const { return mAccepted + mListener.waiting(); }
 
     /// Closes it at once; the object lives until collect().
     void close(Peer& peer)
@@ -175,6 +180,7 @@ private:
 
     Poller& mPoller;
     Listener mListener;
+    uint64_t mAccepted = 0;
     const Handshake::Kind mKind;
     std::vector<std::unique_ptr<Peer>> mPeers;
     std::vector<std::unique_ptr<Peer>> mClosed; // until nothing can point to them any more

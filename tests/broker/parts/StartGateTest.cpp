@@ -9,19 +9,23 @@ using namespace std::chrono_literals;
 namespace
 {
 
-using Decision = StartGate::Decision;
-
 const TimePoint brokerStart = TimePoint() + 1h;
 const TimePoint grownUp = brokerStart + StartGate::youth;
 
 class StartGateTest : public testing::Test
 {
 protected:
-    // Of a client that asks when the broker is not young any more.
-    Decision decide(std::chrono::microseconds waited, bool areSubscribed, std::size_t clients,
-                    std::size_t posts) const
+    // For a client that asks when the broker is not young any more.
+    bool opens(std::chrono::microseconds waited, bool areSubscribed, std::size_t clients, std::size_t posts)
     {
-        return gate.decide(grownUp, areSubscribed, clients, posts, grownUp + waited);
+        return gate.opens(grownUp, areSubscribed, clients, posts, grownUp + waited);
+    }
+
+    // As many clients more than posts are waited for in vain.
+    void missInVain(std::size_t missing, TimePoint now)
+    {
+        EXPECT_FALSE(gate.opens(now, true, missing, 0, now + StartGate::patience - 1us));
+        EXPECT_TRUE(gate.opens(now, true, missing, 0, now + StartGate::patience));
     }
 
     StartGate gate{brokerStart};
@@ -31,37 +35,61 @@ protected:
 
 TEST_F(StartGateTest, isHeldUntilTheClientsSocketLooksAgain)
 {
-    EXPECT_EQ(decide(0us, true, 1, 1), Decision::Hold);
-    EXPECT_EQ(decide(StartGate::settleTime - 1us, true, 1, 1), Decision::Hold);
-    EXPECT_EQ(decide(StartGate::settleTime, true, 1, 1), Decision::Start);
+    EXPECT_FALSE(opens(0us, true, 1, 1));
+    EXPECT_FALSE(opens(StartGate::settleTime - 1us, true, 1, 1));
+    EXPECT_TRUE(opens(StartGate::settleTime, true, 1, 1));
 }
 
 TEST_F(StartGateTest, isHeldUntilThePostConnectionsHaveTheirSubscription)
 {
-    EXPECT_EQ(decide(10s, false, 1, 1), Decision::Hold);
-    EXPECT_EQ(decide(10s, true, 1, 1), Decision::Start);
+    EXPECT_FALSE(opens(10s, false, 1, 1));
+    EXPECT_TRUE(opens(10s, true, 1, 1));
 }
 
 TEST_F(StartGateTest, isHeldWhileThereAreFewerPostConnectionsThanClients)
 {
-    EXPECT_EQ(decide(StartGate::settleTime, true, 2, 1), Decision::Hold);
-    EXPECT_EQ(decide(StartGate::settleTime, true, 2, 2), Decision::Start);
-    EXPECT_EQ(decide(StartGate::settleTime, true, 2, 3), Decision::Start) << "some only post";
+    EXPECT_FALSE(opens(StartGate::settleTime, true, 2, 1));
+    EXPECT_TRUE(opens(StartGate::settleTime, true, 2, 2));
+    EXPECT_TRUE(opens(StartGate::settleTime, true, 2, 3)) << "some only post";
 }
 
 TEST_F(StartGateTest, aClientWithoutAPostConnectionIsHeldForItsBound)
 {
-    EXPECT_EQ(decide(StartGate::patience - 1us, true, 1, 0), Decision::Hold);
-    EXPECT_EQ(decide(StartGate::patience, true, 1, 0), Decision::StartWithoutPosts);
+    EXPECT_FALSE(opens(StartGate::patience - 1us, true, 1, 0));
+    EXPECT_TRUE(opens(StartGate::patience, true, 1, 0));
 }
 
 TEST_F(StartGateTest, isHeldLongerByAYoungBrokerWhoseClientsMayStillComeBack)
 {
     const TimePoint asked = grownUp - 1us;
-    EXPECT_EQ(gate.decide(asked, true, 1, 0, asked + StartGate::patience), Decision::Hold);
-    EXPECT_EQ(gate.decide(asked, true, 1, 0, asked + StartGate::patienceWhenYoung - 1us), Decision::Hold);
-    EXPECT_EQ(gate.decide(asked, true, 1, 0, asked + StartGate::patienceWhenYoung),
-              Decision::StartWithoutPosts);
-    EXPECT_EQ(gate.decide(asked, true, 1, 1, asked + StartGate::settleTime), Decision::Start)
+    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patience));
+    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung - 1us));
+    EXPECT_TRUE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung));
+    EXPECT_TRUE(gate.opens(asked, true, 1, 1, asked + StartGate::settleTime))
         << "not where they are all there";
+}
+
+TEST_F(StartGateTest, whatWasWaitedForInVainIsNotWaitedForAgain)
+{
+    missInVain(2, grownUp);
+    const TimePoint later = grownUp + 1h;
+    EXPECT_TRUE(gate.opens(later, true, 2, 0, later + StartGate::settleTime));
+    EXPECT_TRUE(gate.opens(later, true, 7, 5, later + StartGate::settleTime));
+    EXPECT_FALSE(gate.opens(later, true, 7, 4, later + StartGate::settleTime)) << "one more is";
+}
+
+TEST_F(StartGateTest, othersThatHaveTheirPostConnectionAheadDoNotMakeItForget)
+{
+    missInVain(1, grownUp);
+    const TimePoint later = grownUp + StartGate::memory;
+    EXPECT_TRUE(gate.opens(later - 1s, true, 3, 3, later - 1s + StartGate::settleTime));
+    EXPECT_TRUE(gate.opens(later - 1s, true, 3, 2, later - 1s + StartGate::settleTime));
+}
+
+TEST_F(StartGateTest, whatHasNotBeenMissingForAWhileIsWaitedForAgain)
+{
+    missInVain(1, grownUp);
+    const TimePoint later = grownUp + StartGate::memory + 1s;
+    EXPECT_TRUE(gate.opens(later, true, 3, 3, later + StartGate::settleTime));
+    EXPECT_FALSE(gate.opens(later, true, 3, 2, later + StartGate::settleTime));
 }
