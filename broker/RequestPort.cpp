@@ -87,6 +87,7 @@ void RequestPort::take(RequestConnection& connection, std::string_view bytes, Ti
         {
             noteOpened(connection);
             connection.openedAt = now;
+            connection.readyAt = connection.lastArrival(now);
             mSilent.push_back(&connection);
         }
         opened = false;
@@ -118,8 +119,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     connection.request.assign(isRequest ? item.body : std::string_view());
     connection.askedAt = now;
     if (!connection.hasAsked)
-        connection.isReturning =
-            connection.request != BrokerProtocol::syncWord || now - connection.openedAt > newClientsPause;
+        connection.isReturning = isReturning(connection, now);
     connection.hasAsked = true;
     removeFrom(mHeld, &connection);
     switch (connection.emptyAnswer.asked(now))
@@ -131,6 +131,13 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     case EmptyAnswer::Verdict::Answer:
         return ask(connection);
     }
+}
+
+// A new client says "Sync" at once, though the broker may have been too busy to read it at once.
+bool RequestPort::isReturning(const RequestConnection& connection, TimePoint now) const
+{
+    return connection.request != BrokerProtocol::syncWord ||
+           connection.lastArrival(now) - connection.readyAt > newClientsPause;
 }
 
 void RequestPort::ask(RequestConnection& connection)

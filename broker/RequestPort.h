@@ -27,6 +27,7 @@ public:
     bool isAsking = false;  ///< there is one
     bool hasAsked = false;  ///< ever
     TimePoint openedAt{};
+    TimePoint readyAt{}; ///< when the end of its handshake arrived
     TimePoint askedAt{};
     std::optional<Reply> reply; ///< as far as it has not been handed to the connection
     std::string unread;         ///< received behind the request
@@ -92,6 +93,7 @@ private:
     void read(RequestConnection& connection, TimePoint now) override;
 
     void take(RequestConnection& connection, std::string_view bytes, TimePoint now);
+    bool isReturning(const RequestConnection& connection, TimePoint now) const;
     void takePong(RequestConnection& connection, std::string_view context, TimePoint now);
     void take(RequestConnection& connection, FrameReader::Result result, const FrameReader::Item& item,
               TimePoint now);

@@ -1,6 +1,9 @@
 #include "broker/wire/Connection.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include "broker/wire/FrameWriter.h"
@@ -35,6 +38,16 @@ std::size_t Connection::receive(char* buffer, std::size_t size)
     if (count == 0)
         kill();
     return taken(count);
+}
+
+TimePoint Connection::lastArrival(TimePoint now) const
+{
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    constexpr std::size_t needed = offsetof(tcp_info, tcpi_last_data_recv) + sizeof(info.tcpi_last_data_recv);
+    if (getsockopt(descriptor(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed)
+        return now; // emulated
+    return now - std::chrono::milliseconds(info.tcpi_last_data_recv);
 }
 
 FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,

@@ -53,6 +53,9 @@ public:
     /// @returns how many bytes; fewer than fit if no more were there
     std::size_t receive(char* buffer, std::size_t size);
 
+    /// When the last bytes have arrived, however late they were read.
+    TimePoint lastArrival(TimePoint now) const;
+
     /// What the bytes contain that receive() has returned, or that were left over; NeedsMore when they are
     /// used up, or when the connection is dead. Behind a message that is Endless, it is.
     /// @param opened set where the handshake has just been completed

@@ -1,5 +1,6 @@
 // A "Sync" does not confirm posts that are lost: peers written by hand against the real broker.
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 #include <vector>
@@ -41,6 +42,23 @@ TEST(SyncLostTest, oneWhoseFirstWordIsAQueryIsNoNewClient)
     valueOf(requester, "k");
     EXPECT_EQ(requester.ask("Sync"), "SyncLost") << "its posts may have died with an earlier broker";
     EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "it is told once";
+}
+
+TEST(SyncLostTest, aNewClientWhoseSyncIsReadLateIsNotTakenForAnOldOne)
+{
+    BrokerProcess broker;
+    ZmtpPeer peer(ZmtpPeer::requestPort);
+    ASSERT_TRUE(peer.shakeHands());
+    for (const std::string context : {"opened", "handled"})
+    {
+        ASSERT_TRUE(peer.write(ZmtpPeer::ping(context)));
+        ASSERT_EQ(peer.read(ZmtpPeer::pong(context).size()), ZmtpPeer::pong(context));
+    }
+    broker.process().suspend();
+    ASSERT_TRUE(peer.write(ZmtpPeer::request("Sync")));
+    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // longer than new clients are silent
+    broker.process().signal(SIGCONT);
+    EXPECT_EQ(peer.receiveText(), "SyncAck");
 }
 
 TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedForWantOfMemory)
