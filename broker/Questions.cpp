@@ -7,6 +7,10 @@
 namespace
 {
 
+// Requests up to this length are answered at once. A longer one asks for many values: it takes its turn
+// behind.
+constexpr std::size_t cheapBytes = 1024;
+
 // A start is looked at so often while it is held.
 constexpr std::chrono::milliseconds startPause{1};
 
@@ -36,9 +40,10 @@ void Questions::forget(RequestConnection& connection)
 {
     removeFrom(mNew, &connection);
     removeFrom(mStarting, &connection);
-    mWaiting.erase(std::remove_if(mWaiting.begin(), mWaiting.end(),
-                                  [&](const Waiting& each) { return each.connection == &connection; }),
-                   mWaiting.end());
+    for (Queue* queue : {&mWaiting, &mDear})
+        queue->erase(std::remove_if(queue->begin(), queue->end(),
+                                    [&](const Waiting& each) { return each.connection == &connection; }),
+                     queue->end());
 }
 
 void Questions::answer(TimePoint now, TimePoint end)
@@ -48,7 +53,15 @@ void Questions::answer(TimePoint now, TimePoint end)
         sortNew(now);
     start(now);
     mNextEnd = TimePoint::max();
-    for (auto each = mWaiting.begin(); each != mWaiting.end();)
+    answerSome(mWaiting, now, end);
+    answerSome(mDear, now, end);
+}
+
+// At least one, so that nobody keeps others waiting for ever.
+void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
+{
+    bool isTimeOver = false;
+    for (auto each = queue.begin(); each != queue.end();)
     {
         const TimePoint endOfWait = mPosts.endOfWait(each->barrier, each->isSync, each->opened);
         if (endOfWait > now)
@@ -57,14 +70,15 @@ void Questions::answer(TimePoint now, TimePoint end)
             ++each;
             continue;
         }
-        if (Clock::now() >= end)
+        if (isTimeOver)
         {
             mHasLeftOver = true;
             return;
         }
         RequestConnection& connection = *each->connection;
-        each = mWaiting.erase(each);
+        each = queue.erase(each);
         answerOne(connection);
+        isTimeOver = Clock::now() >= end;
     }
 }
 
@@ -91,7 +105,8 @@ void Questions::sortNew(TimePoint now)
     for (Waiting& each : behindPosts)
     {
         each.barrier = barrier;
-        mWaiting.push_back(each);
+        const bool isDear = each.connection->request.size() > cheapBytes;
+        (isDear ? mDear : mWaiting).push_back(each);
     }
 }
 
@@ -109,8 +124,9 @@ void Questions::answerAll()
 {
     const TimePoint now = Clock::now();
     sortNew(now);
-    for (const auto& each : std::exchange(mWaiting, {}))
-        answerOne(*each.connection);
+    for (Queue* queue : {&mWaiting, &mDear})
+        for (const auto& each : std::exchange(*queue, {}))
+            answerOne(*each.connection);
     for (RequestConnection* connection : std::exchange(mStarting, {}))
         acknowledge(*connection, mayHaveLostPosts(*connection));
 }

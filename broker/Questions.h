@@ -32,7 +32,7 @@ public:
     /// Answers all that waits: the broker ends.
     void answerAll();
 
-    bool isEmpty() const { return mNew.empty() && mWaiting.empty() && mStarting.empty(); }
+    bool isEmpty() const { return mNew.empty() && mWaiting.empty() && mDear.empty() && mStarting.empty(); }
 
     /// When answer() is to be called although nothing has come.
     TimePoint due() const;
@@ -49,7 +49,10 @@ private:
         TimePoint opened; ///< the barrier
     };
 
+    using Queue = std::deque<Waiting>; ///< in the order of their barriers
+
     void sortNew(TimePoint now);
+    void answerSome(Queue& queue, TimePoint now, TimePoint end);
     void start(TimePoint now);
     bool acceptPosts(TimePoint now);
     void startOne(RequestConnection& connection);
@@ -68,7 +71,8 @@ private:
     LostPosts mLostPosts;
     StartGate mGate;
     std::vector<RequestConnection*> mNew;
-    std::deque<Waiting> mWaiting;              // for posts, in the order of their barriers
+    Queue mWaiting;                            // for posts
+    Queue mDear;                               // those that take long to answer
     std::vector<RequestConnection*> mStarting; // oldest first
     TimePoint mLastLook{};
     TimePoint mNextEnd = TimePoint::max(); // of a wait
