@@ -8,12 +8,6 @@ namespace
 // Changes are kept together: at most so many bytes of what is to be published wait for that.
 constexpr std::size_t batchBytes = std::size_t{256} * 1024;
 
-// How often the state file is told that time goes on, while timers run.
-constexpr std::chrono::seconds momentPause{60};
-
-// How often what could not be written is tried again, while nothing else changes.
-constexpr std::chrono::seconds rewritePause{1};
-
 } // namespace
 
 Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, RequestPort& requests)
@@ -21,8 +15,9 @@ Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, R
 {
     if (options.stateFile.empty())
         return;
-    mStateFile.emplace(options.stateFile, options.stateSync, options.stateKeys,
-                       [this] { return mState.everything(); }, options.limits);
+    mStateFile.emplace(
+        options.stateFile, options.stateSync, options.stateKeys, [this] { return mState.everything(); },
+        options.limits);
     mState.restore(mStateFile->load());
     // So that the next broker of this boot knows that there was one before, also if nothing changes.
     if (!mStateFile->isOfThisBoot())
@@ -52,7 +47,10 @@ void Outbox::settle()
         return;
     const SavedState changes = mState.takeChanges();
     if (!changes.empty())
+    {
         mStateFile->commit(changes);
+        mTimes.tried(Clock::now());
+    }
     for (const Notification& notification : mNotifications)
         mNotify.publish(notification.text, notification.revision, notification.events);
     mNotifications.clear();
@@ -75,19 +73,18 @@ void Outbox::forget(RequestConnection& connection)
 
 TimePoint Outbox::due() const
 {
-    const bool isDue = mStateFile && (mState.hasRunningTimers() || mStateFile->isBehind());
-    return isDue ? mNextMoment : TimePoint::max();
+    return mStateFile ? mTimes.due(mState.hasRunningTimers(), mStateFile->isBehind()) : TimePoint::max();
 }
 
 void Outbox::doWhatIsDue(TimePoint now)
 {
     mStateFile->commit({});
-    mNextMoment = now + (mStateFile->isBehind() ? rewritePause : momentPause);
+    mTimes.triedAsDue(now);
 }
 
 void Outbox::finish()
 {
     settle();
     if (mStateFile)
-        mStateFile->commit({});
+        mStateFile->commitLast();
 }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "broker/CommitTimes.h"
 #include "broker/NotifyPort.h"
 #include "broker/Options.h"
 #include "broker/RequestPort.h"
@@ -64,7 +65,7 @@ private:
     std::vector<Notification> mNotifications;
     std::size_t mBytes = 0; ///< of the notifications
     std::vector<Answer> mAnswers;
-    TimePoint mNextMoment{};
+    CommitTimes mTimes;
 };
 
 #endif

@@ -186,6 +186,12 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
     write(now);
 }
 
+void StateFile::commitLast(const BootMoment& now)
+{
+    mNextAttempt = TimePoint();
+    commit({}, now);
+}
+
 void StateFile::remember(const SavedState& changes)
 {
     const auto keeps = [this](const std::string& name) { return isKept(name); };

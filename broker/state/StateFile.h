@@ -62,6 +62,9 @@ public:
     /// begun.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
+    /// The last one. It also tries what has failed just now.
+    void commitLast(const BootMoment& now = BootMoment::now());
+
     /// Whether something that has changed is still to be written: the next commit tries.
     bool isBehind() const { return !mPending.empty(); }
 

@@ -297,6 +297,19 @@ TEST_F(StateFileStorageTest, whatFailsIsTriedAgainOnceASecondAtMost)
     EXPECT_LE(file.errors(), static_cast<uint64_t>(seconds));
 }
 
+TEST_F(StateFileStorageTest, whatHasJustFailedIsTriedOnceMoreAtTheEnd)
+{
+    const LogCapture log;
+    const std::string later = folder / "later/state";
+    StateFile file(later, StateSync::Normal, {});
+    file.load(thisBoot);
+    file.commit(stateOf({{"a", "1"}}), thisBoot);
+    std::filesystem::create_directory(folder / "later");
+    file.commitLast(thisBoot);
+    EXPECT_EQ(file.commits(), 1U);
+    EXPECT_FALSE(file.isBehind());
+}
+
 TEST_F(StateFileStorageTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegunWithoutIt)
 {
     const LogCapture log;
