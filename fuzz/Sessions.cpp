@@ -33,12 +33,12 @@ struct Waiting
     std::deque<int> connections;
 };
 
-std::array<Waiting, 3> waiting;
+std::array<Waiting, 3> ports;
 
 Waiting& waitingAt(uint16_t port)
 {
     constexpr uint16_t first = 5555;
-    return waiting.at(static_cast<std::size_t>(port - first));
+    return ports.at(static_cast<std::size_t>(port - first));
 }
 
 } // namespace
@@ -54,9 +54,19 @@ Listener::Listener(uint16_t port, int) : mSocket(eventfd(0, EFD_NONBLOCK | EFD_S
     waitingAt(port) = {mSocket.number(), {}};
 }
 
+std::size_t Listener::waiting() const
+{
+    for (const Waiting& port : ports)
+    {
+        if (port.listener == mSocket.number())
+            return port.connections.size();
+    }
+    return 0;
+}
+
 Descriptor Listener::accept(sockaddr_in&, bool&)
 {
-    for (Waiting& port : waiting)
+    for (Waiting& port : ports)
     {
         eventfd_t one = 0;
         if (port.listener != mSocket.number() || eventfd_read(port.listener, &one) != 0)
@@ -105,8 +115,8 @@ public:
         for (const int end : ends)
             setsockopt(end, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
         mSocket = Descriptor(ends[0]);
-        waiting[mPort].connections.push_back(ends[1]);
-        eventfd_write(waiting[mPort].listener, 1);
+        ports[mPort].connections.push_back(ends[1]);
+        eventfd_write(ports[mPort].listener, 1);
     }
 
     std::size_t port() const { return mPort; }
@@ -263,7 +273,7 @@ private:
         {
         case Open:
         case OpenAndShakeHands:
-            client = std::make_unique<Client>(byte() % waiting.size());
+            client = std::make_unique<Client>(byte() % ports.size());
             if (code % steps == OpenAndShakeHands)
                 client->shakeHands();
             return;
@@ -324,7 +334,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     }();
     static_cast<void>(silent);
     Session(data, size).run();
-    for (Waiting& port : waiting)
+    for (Waiting& port : ports)
     {
         for (const int connection : port.connections)
             close(connection);
