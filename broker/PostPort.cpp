@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <charconv>
 #include <string>
+#include <utility>
 
 #include "broker/wire/Ping.h"
 #include "protocol/Words.h"
@@ -86,8 +87,10 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
         connection.flush();
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
     {
-        if (mIsPaused && connection.isOpen() && !connection.pongs.owes())
-            return poll(connection, 0);
+        // What has ended is reported whatever is asked for, so it is read.
+        const bool hasEnded = (what & (EPOLLHUP | EPOLLERR)) != 0;
+        if (mIsPaused && connection.isOpen() && !connection.pongs.owes() && !hasEnded)
+            return poll(connection, connection.hasOutput() ? EPOLLOUT : 0U);
         makeReady(connection);
     }
     update(connection);
@@ -139,6 +142,8 @@ void PostPort::read(PostConnection& connection, TimePoint now)
         else if (const auto context = Ping::pongContext(item.body))
             takePong(connection, *context, bytes.size(), now);
     }
+    if (connection.pingToSend != 0 && count < most)
+        sendPing(connection);
 }
 
 // Its subscription, and behind it the PING whose answer shows that the client has it.
@@ -242,8 +247,20 @@ void PostPort::ping(PostConnection& connection, TimePoint now)
     if (barrier == 0)
         return;
     connection.pongs.pinged(now);
-    connection.sendCommand(Ping::command(std::to_string(barrier)));
+    connection.pingToSend = barrier;
+    if (!connection.hasArrivals())
+        sendPing(connection);
     poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U)); // also where it is paused
+}
+
+// To be called when all that has arrived is read. A client that has ended resets the connection when
+// something comes, and what it has posted last is lost; that it has ended shows only then. It cannot answer,
+// but the end of what it has sent is the end of the wait, too.
+void PostPort::sendPing(PostConnection& connection)
+{
+    const uint64_t barrier = std::exchange(connection.pingToSend, 0);
+    if (!connection.hasPeerEnded())
+        connection.sendCommand(Ping::command(std::to_string(barrier)));
 }
 
 TimePoint PostPort::endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const

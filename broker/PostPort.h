@@ -26,6 +26,7 @@ public:
 
     // ---- Barriers.
     PongWait pongs;
+    uint64_t pingToSend = 0; ///< for which barrier, when all that has arrived is read; 0: none
     std::size_t bytesSincePong = 0;
     bool isTouched = false; ///< something has come since
 
@@ -97,6 +98,7 @@ private:
     void makeReady(PostConnection& connection);
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
+    void sendPing(PostConnection& connection);
     void update(PostConnection& connection);
 
     MemoryBudget& mBudget;

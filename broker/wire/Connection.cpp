@@ -2,8 +2,10 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include "broker/wire/FrameWriter.h"
@@ -15,6 +17,14 @@ namespace
 
 // Memory that is kept for the next output.
 constexpr std::size_t keptBytes = 1024;
+
+// False where it is emulated.
+bool getInfo(int socket, tcp_info& info)
+{
+    socklen_t size = sizeof(info);
+    constexpr std::size_t needed = offsetof(tcp_info, tcpi_last_data_recv) + sizeof(info.tcpi_last_data_recv);
+    return getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 && size >= needed;
+}
 
 } // namespace
 
@@ -43,11 +53,21 @@ std::size_t Connection::receive(char* buffer, std::size_t size)
 TimePoint Connection::lastArrival(TimePoint now) const
 {
     tcp_info info{};
-    socklen_t size = sizeof(info);
-    constexpr std::size_t needed = offsetof(tcp_info, tcpi_last_data_recv) + sizeof(info.tcpi_last_data_recv);
-    if (getsockopt(descriptor(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed)
-        return now; // emulated
+    if (!getInfo(descriptor(), info))
+        return now;
     return now - std::chrono::milliseconds(info.tcpi_last_data_recv);
+}
+
+bool Connection::hasPeerEnded() const
+{
+    tcp_info info{};
+    return getInfo(descriptor(), info) && info.tcpi_state == TCP_CLOSE_WAIT;
+}
+
+bool Connection::hasArrivals() const
+{
+    int bytes = 0;
+    return ioctl(descriptor(), SIOCINQ, &bytes) == 0 && bytes > 0;
 }
 
 FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
@@ -99,14 +119,15 @@ bool Connection::answerPing(std::string_view command)
 
 void Connection::send(std::string_view bytes)
 {
-    if (isDead())
+    if (isDead() || mIsDeaf)
         return;
     if (!hasOutput())
     {
-        const std::size_t count = taken(::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
+        const std::size_t count = sent(::send(descriptor(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
         bytes.remove_prefix(count);
     }
-    mOutput += bytes;
+    if (!mIsDeaf)
+        mOutput += bytes;
 }
 
 void Connection::sendCommand(std::string_view command)
@@ -121,9 +142,9 @@ bool Connection::flush()
     while (hasOutput() && !isDead())
     {
         const std::size_t count =
-            taken(::send(descriptor(), mOutput.data() + mSent, mOutput.size() - mSent, MSG_NOSIGNAL));
+            sent(::send(descriptor(), mOutput.data() + mSent, mOutput.size() - mSent, MSG_NOSIGNAL));
         if (count == 0)
-            return false;
+            return mIsDeaf;
         mSent += count;
     }
     mOutput.clear();
@@ -135,12 +156,24 @@ bool Connection::flush()
 
 std::size_t Connection::sendPieces(const iovec* pieces, std::size_t count)
 {
-    if (isDead())
+    if (isDead() || mIsDeaf)
         return 0;
     msghdr message{};
     message.msg_iov = const_cast<iovec*>(pieces); // which sendmsg() only reads
     message.msg_iovlen = count;
-    return taken(sendmsg(descriptor(), &message, MSG_NOSIGNAL));
+    return sent(sendmsg(descriptor(), &message, MSG_NOSIGNAL));
+}
+
+// What one that posts has sent before it ended is still to be read; to others that are gone there is nothing
+// to say.
+std::size_t Connection::sent(ssize_t result)
+{
+    if (result >= 0 || errno == EAGAIN || errno == EINTR || mKind != Handshake::Kind::Post)
+        return taken(result);
+    mIsDeaf = true;
+    mOutput.clear();
+    mSent = 0;
+    return 0;
 }
 
 // What a call has transferred. One that failed for another reason than want of room or bytes is the end.

@@ -36,6 +36,12 @@ public:
     bool isDead() const { return mState == State::Dead; }
     void kill() { mState = State::Dead; }
 
+    /// The peer has said that nothing more comes, though there may be something to be read.
+    bool hasPeerEnded() const;
+
+    /// Something has arrived that is not read.
+    bool hasArrivals() const;
+
     bool isClosed() const { return !mSocket.isOpen(); }
 
     /// Tells the peer that nothing more comes.
@@ -105,6 +111,7 @@ private:
     };
 
     bool answerPing(std::string_view command);
+    std::size_t sent(ssize_t result);
     std::size_t taken(ssize_t result);
 
     Descriptor mSocket;
@@ -115,6 +122,7 @@ private:
     FrameReader mReader;
     std::string mOutput;
     std::size_t mSent = 0; ///< of the output
+    bool mIsDeaf = false;  ///< the peer takes nothing any more
     uint64_t mMoved = 0;
 };
 
