@@ -41,6 +41,15 @@ protected:
         }
     }
 
+    // The next notification that is not a heartbeat.
+    static std::optional<std::string> nextTold(ZmtpPeer& peer)
+    {
+        std::optional<std::string> text = peer.receiveText();
+        while (text == "Sync")
+            text = peer.receiveText();
+        return text;
+    }
+
     BrokerProcess broker{{"--heartbeat=1"}};
 };
 
@@ -95,7 +104,7 @@ TEST_F(ZmtpTest, peersThatSpeakInPiecesOfOneByteAreServed)
     ZmtpPeer post(ZmtpPeer::postPort);
     speak(post, ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") +
                     ZmtpPeer::message(postOf("k", std::string(300, 'v'))));
-    EXPECT_EQ(notify.receiveText(), R"({"statusUpdate":{"k":")" + std::string(300, 'v') + "\"}}");
+    EXPECT_EQ(nextTold(notify), R"({"statusUpdate":{"k":")" + std::string(300, 'v') + "\"}}");
     ZmtpPeer request(ZmtpPeer::requestPort);
     speak(request,
           ZmtpPeer::greeting() + ZmtpPeer::ready("REQ") + ZmtpPeer::request(R"({"getCounterValue":"c"})"));
@@ -428,12 +437,12 @@ TEST_F(ZmtpTest, aSubscriberIsSentOnlyWhatBeginsAsItAskedFor)
     poster.post(postOf("e", "1"));
     poster.post(R"({"postEvent":{"f":"2"}})");
     poster.post(R"({"postEvent":{"e":"3"}})");
-    EXPECT_EQ(peer.receiveText(), R"({"eventUpdate":{"e":"3"}})");
+    EXPECT_EQ(nextTold(peer), R"({"eventUpdate":{"e":"3"}})");
     ASSERT_TRUE(peer.write(ZmtpPeer::subscribe(R"({"statusUpdate":{"s)") + ZmtpPeer::ping("")));
     ASSERT_EQ(peer.readFrame()->body, "\4PONG");
     poster.post(postOf("r", "4"));
     poster.post(postOf("s", "5"));
-    EXPECT_EQ(peer.receiveText(), R"({"statusUpdate":{"s":"5"}})");
+    EXPECT_EQ(nextTold(peer), R"({"statusUpdate":{"s":"5"}})");
 }
 
 TEST_F(ZmtpTest, whoHasNotSubscribedIsSentNothing)
@@ -491,7 +500,7 @@ TEST_F(ZmtpTest, otherSocketTypesThatFitAreServed)
     ZmtpPeer post(ZmtpPeer::postPort);
     ASSERT_TRUE(post.shakeHandsAs("XPUB"));
     ASSERT_TRUE(post.write(ZmtpPeer::message(postOf("k", "v"))));
-    EXPECT_EQ(notify.receiveText(), R"({"statusUpdate":{"k":"v"}})");
+    EXPECT_EQ(nextTold(notify), R"({"statusUpdate":{"k":"v"}})");
     ZmtpPeer request(ZmtpPeer::requestPort);
     ASSERT_TRUE(request.shakeHandsAs("DEALER"));
     EXPECT_EQ(request.ask(R"({"getClientInfoValue":"k"})"), reply("v"));

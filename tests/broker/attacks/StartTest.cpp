@@ -114,23 +114,3 @@ TEST_F(Starts, goOnBesideOneThatSyncsOverAndOver)
     EXPECT_TRUE(reaches("requests.Sync", count));
     EXPECT_LT(shortestStartOf(5), startWait);
 }
-
-TEST_F(Starts, areHeldForTheirPostsAlsoAfterManyThatSyncedAndLeft)
-{
-    ASSERT_EQ(requester.ask("Sync"), "SyncAck"); // so the poster is known to be its own
-    for (int count = 0; count < 300; ++count)
-    {
-        ZmtpPeer leaving(ZmtpPeer::requestPort);
-        ASSERT_TRUE(leaving.shakeHands() && leaving.write(ZmtpPeer::request("Sync")));
-    }
-    EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 1; }));
-    Duration held{};
-    for (int count = 0; count < 2; ++count) // when the first is let through, those that left have been, too
-    {
-        RawRequester requestOnly;
-        const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(requestOnly.ask("Sync"), "SyncAck");
-        held = std::chrono::steady_clock::now() - begin;
-    }
-    EXPECT_GE(held, startWait);
-}
