@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <list>
 #include <memory>
 #include <vector>
@@ -44,8 +45,10 @@ public:
             const bool hasRoom = mPeers.size() < most();
             if (!hasRoom)
                 onFull();
-            if (hasRoom || makeRoom(now))
-                onAccepted(add(std::move(socket), now));
+            if ((hasRoom || makeRoom(now)) && !add(std::move(socket), now))
+                outOfDescriptors = true;
+            if (outOfDescriptors)
+                break;
         }
         if (outOfDescriptors)
             rest(now);
@@ -144,14 +147,27 @@ protected:
     }
 
 private:
-    Peer& add(Descriptor socket, TimePoint now)
+    // False if there is no memory for it, here or in the system.
+    bool add(Descriptor socket, TimePoint now)
     {
-        mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
-        Peer& peer = *mPeers.back();
-        peer.opening = mOpening.insert(mOpening.end(), &peer);
-        mPoller.add(peer.descriptor(), EPOLLIN, &peer);
-        peer.polled = EPOLLIN;
-        return peer;
+        const std::size_t before = mPeers.size();
+        try
+        {
+            mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
+            Peer& peer = *mPeers.back();
+            peer.opening = mOpening.end();
+            peer.opening = mOpening.insert(mOpening.end(), &peer);
+            mPoller.add(peer.descriptor(), EPOLLIN, &peer);
+            peer.polled = EPOLLIN;
+            onAccepted(peer);
+            return true;
+        }
+        catch (const std::exception&) // of the poller, or want of memory
+        {
+            if (mPeers.size() != before)
+                close(*mPeers.back());
+            return false;
+        }
     }
 
     Peer* oldestOpening() const { return mOpening.empty() ? nullptr : static_cast<Peer*>(mOpening.front()); }
@@ -162,7 +178,7 @@ private:
         while (Peer* oldest = oldestOpening())
         {
             read(*oldest, now);
-            if (oldest != oldestOpening())
+            if (oldest != oldestOpening() && !oldest->isDead())
                 continue; // it is open now
             close(*oldest);
             return true;
