@@ -89,9 +89,15 @@ protected:
         const auto has = [&](const char* connections, uint64_t count)
         { return eventually([&] { return brokerStatistic(requester, connections) >= count; }); };
         ASSERT_TRUE(has("clients.requests", 2) && has("clients.posts", 1) && has("clients.notifications", 1));
+        waitForAnEmptyAnswer();
+    }
+
+    // For a second: then the broker says to those that are silent that it is there.
+    static void waitForAnEmptyAnswer()
+    {
         ZmtpPeer silent(ZmtpPeer::requestPort);
         ASSERT_TRUE(silent.shakeHands());
-        ASSERT_TRUE(silent.readFrame()) << "the empty answer, after a second";
+        ASSERT_TRUE(silent.readFrame());
     }
 
     template <class Call>
@@ -169,9 +175,20 @@ TEST_P(ComingBackTest, afterPostsThatDiedWithTheBrokerSyncIsFalseOnce)
     losePost();
     start();
     waitUntilItIsBack();
+    waitForAnEmptyAnswer(); // so long after its own
     EXPECT_FALSE((*client)->sync(withoutLimit));
     EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "it is indeed";
     EXPECT_TRUE((*client)->sync(withoutLimit));
+    EXPECT_TRUE((*client)->sync(withoutLimit));
+}
+
+// It may take the empty answer for that to its Sync.
+TEST_P(ComingBackTest, aSyncInTheMomentOfTheEmptyAnswerIsFalseOnce)
+{
+    losePost();
+    start();
+    waitUntilItIsBack();
+    EXPECT_FALSE((*client)->sync(withoutLimit));
     EXPECT_TRUE((*client)->sync(withoutLimit));
 }
 
@@ -185,15 +202,21 @@ TEST_P(ComingBackTest, aQueryInBetweenDoesNotHideThatPostsWereLost)
 }
 
 // A Sync that waits for the broker comes as that of a new client would. Only the state file tells that there
-// was another broker before.
+// was another broker before, and only at the beginning: on a busy machine some come later.
 TEST_P(ComingBackTest, aSyncThatWaitsForTheNewBrokerKnowsOfLostPostsByTheStateFileOnly)
 {
-    losePost();
-    auto isSynced = std::async(std::launch::async, [&] { return (*client)->sync(withoutLimit); });
-    start();
-    ASSERT_EQ(isSynced.wait_for(testDeadline), std::future_status::ready);
-    EXPECT_EQ(isSynced.get(), !keepsState());
-    EXPECT_TRUE((*client)->sync(withoutLimit));
+    constexpr int mostRounds = 10;
+    bool isTrue = true;
+    for (int round = 0; round < mostRounds && isTrue; ++round)
+    {
+        losePost();
+        auto isSynced = std::async(std::launch::async, [&] { return (*client)->sync(withoutLimit); });
+        start();
+        ASSERT_EQ(isSynced.wait_for(testDeadline), std::future_status::ready);
+        isTrue = isSynced.get();
+        EXPECT_TRUE((*client)->sync(withoutLimit));
+    }
+    EXPECT_EQ(isTrue, !keepsState());
 }
 
 TEST_P(ComingBackTest, whoeverStartsAfterwardsIsToldTheTruth)

@@ -98,7 +98,8 @@ TEST_F(ZmtpTest, peersThatSpeakInPiecesOfOneByteAreServed)
         }
     };
     ZmtpPeer notify(ZmtpPeer::notifyPort);
-    speak(notify, ZmtpPeer::greeting() + ZmtpPeer::ready("SUB") + toAll + ZmtpPeer::ping("1"));
+    speak(notify,
+          ZmtpPeer::greeting() + ZmtpPeer::ready("SUB") + ZmtpPeer::subscribe("{") + ZmtpPeer::ping("1"));
     const std::string notified = ZmtpPeer::openingOf(ZmtpPeer::notifyPort) + ZmtpPeer::pong("1");
     ASSERT_EQ(notify.read(notified.size()), notified);
     ZmtpPeer post(ZmtpPeer::postPort);
