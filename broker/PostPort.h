@@ -108,7 +108,7 @@ private:
     ConnectionLimit mLimit;
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
     uint64_t mBarrier = 0;
-    uint64_t mReceived = 0; ///< bytes, on all connections
+    uint64_t mReceived = 0;                ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::vector<PostConnection*> mUnread;  // something has arrived, and there was no time to read it
     std::vector<PostConnection*> mTouched; // from which something has come since their last PONG

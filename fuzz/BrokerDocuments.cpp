@@ -32,7 +32,8 @@ std::string written(const Meaning& meaning, const Command& command)
     }
 }
 
-void check(const std::string& text, bool (Command::*read)(std::string_view), const JsonCppReading::Forms& forms)
+void check(const std::string& text, bool (Command::*read)(std::string_view),
+           const JsonCppReading::Forms& forms)
 {
     static Command command; // used again and again, as in the broker
     if (!(command.*read)(text))

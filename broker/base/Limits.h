@@ -10,7 +10,7 @@ struct Limits
     std::size_t keyBytes = 255; ///< also of names of timers and counters
     std::size_t valueBytes = std::size_t{64} * 1024;
     std::size_t storedBytes = std::size_t{4} * 1024 * 1024; ///< keys and values together
-    std::size_t messageBytes = std::size_t{1024} * 1024;     ///< over all frames
+    std::size_t messageBytes = std::size_t{1024} * 1024;    ///< over all frames
     std::size_t timers = 1000;
     std::size_t counters = 1000;
     std::size_t notifyBytes = std::size_t{4} * 1024 * 1024; ///< notifications on their way, for all
