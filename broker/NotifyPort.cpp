@@ -237,16 +237,11 @@ bool NotifyPort::isToBeSent(const NotifyConnection& connection) const
 void NotifyPort::send(NotifyConnection& connection, TimePoint now)
 {
     const std::size_t before = connection.outputBytes();
-    if (!connection.flush())
-    {
-        connection.isFull = true;
-        if (connection.outputBytes() != before)
-            connection.tookAt = now;
-        return;
-    }
-    bool isDone = true;
-    if (connection.state == NotifyConnection::State::Behind)
-        isDone = sendMissed(connection);
+    bool isDone = connection.flush();
+    if (connection.outputBytes() != before)
+        connection.tookAt = now;
+    if (isDone && connection.state == NotifyConnection::State::Behind)
+        isDone = sendMissed(connection, now);
     if (isDone && connection.state == NotifyConnection::State::Following)
         isDone = connection.wantsAll() ? sendLog(connection, now) : sendMatching(connection);
     connection.isFull = !isDone;
@@ -291,7 +286,7 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
 
 // The latest values of what changed while it was behind; in the order of the changes, so that the next
 // message goes on where this one ended.
-bool NotifyPort::sendMissed(NotifyConnection& connection)
+bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
 {
     for (std::size_t looked = 0; looked < turnBytes;)
     {
@@ -304,6 +299,7 @@ bool NotifyPort::sendMissed(NotifyConnection& connection)
         looked += collectMissed(connection, value);
         if (!connection.flush())
             return false;
+        connection.tookAt = now;
     }
     return false;
 }
@@ -363,7 +359,7 @@ bool NotifyPort::finishMessage(NotifyConnection& connection)
     if (connection.state != NotifyConnection::State::Following)
         return true;
     const NotificationLog::Position end = mLog.messageAt(connection.position).end;
-    const std::size_t missing = end - connection.position;
+    const auto missing = static_cast<std::size_t>(end - connection.position);
     if (missing != 0 && !mBudget.allows(missing))
         return false;
     mLog.copy(connection.position, end, connection.output());

@@ -108,7 +108,7 @@ private:
     void send(NotifyConnection& connection, TimePoint now);
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
-    bool sendMissed(NotifyConnection& connection);
+    bool sendMissed(NotifyConnection& connection, TimePoint now);
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);

@@ -89,6 +89,7 @@ template <class Forms, class Parse>
 bool Command::read(std::string_view message, const Forms& forms, Parse parse)
 {
     clear();
+    makeRoom(message.size());
     PlainScanner scanner(message);
     std::string_view name;
     if (scanner.take('{') && scanner.takeText(name) && scanner.take(':'))
@@ -100,6 +101,7 @@ bool Command::read(std::string_view message, const Forms& forms, Parse parse)
         if (scanPayload(scanner, form->shape, *this) && scanner.take('}') && scanner.atEnd())
             return true;
         clear();
+        makeRoom(message.size());
     }
     mUnescaped.reserve(message.size());
     if (!parse(message, *this, mUnescaped))
@@ -127,13 +129,28 @@ void Command::clear()
     empty(mUnescaped);
 }
 
-// Of members with the same name the last counts.
+// At once for all that a long message may hold. A vector that grows needs, while it moves, half as much
+// again. Room that is not used takes no memory.
+void Command::makeRoom(std::size_t bytes)
+{
+    constexpr std::size_t shortBytes = 4096;
+    constexpr std::size_t shortestMember = std::string_view(R"("":"",)").size();
+    constexpr std::size_t shortestText = std::string_view(R"("",)").size();
+    if (bytes < shortBytes)
+        return;
+    members.reserve(std::min(bytes / shortestMember, mostMembers + 1));
+    texts.reserve(std::min(bytes / shortestText, mostMembers + 1));
+}
+
+// Of members with the same name the last counts: that whose value ends last. A sort that keeps the order
+// would need a second list of members.
 void Command::sortMembers()
 {
-    const auto byName = [](const Member& one, const Member& other) { return one.name < other.name; };
+    const auto end = [](const Member& member) { return member.value.data() + member.value.size(); };
+    const auto byName = [&](const Member& one, const Member& other)
+    { return one.name != other.name ? one.name < other.name : end(one) > end(other); };
     const auto sameName = [](const Member& one, const Member& other) { return one.name == other.name; };
-    std::reverse(members.begin(), members.end());
-    std::stable_sort(members.begin(), members.end(), byName);
+    std::sort(members.begin(), members.end(), byName);
     members.erase(std::unique(members.begin(), members.end(), sameName), members.end());
 }
 

@@ -73,7 +73,7 @@ std::size_t NotificationLog::pieces(Position from, Position until, iovec* to, st
     for (; from < until && count < most; ++count)
     {
         const std::size_t offset = from % chunkBytes;
-        const std::size_t size = std::min<Position>(until - from, chunkBytes - offset);
+        const auto size = static_cast<std::size_t>(std::min<Position>(until - from, chunkBytes - offset));
         to[count] = {mChunks[indexAt(from)].bytes.get() + offset, size};
         from += size;
     }

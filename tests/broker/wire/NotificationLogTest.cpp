@@ -30,10 +30,15 @@ protected:
         all += framesOf(text);
     }
 
+    std::string appended(Position from, Position until) const
+    {
+        return all.substr(static_cast<std::size_t>(from), static_cast<std::size_t>(until - from));
+    }
+
     // Fills the log to exactly this position, in one message.
     void fillTo(Position end)
     {
-        const Position size = end - log.end();
+        const auto size = static_cast<std::size_t>(end - log.end());
         std::size_t textSize = size;
         while (framesOf(std::string(textSize, 'x')).size() > size)
             --textSize;
@@ -71,7 +76,7 @@ TEST_F(NotificationLogTest, holdsTheFramesOfItsMessagesBehindEachOther)
     EXPECT_EQ(log.end(), all.size());
     EXPECT_EQ(copied(0, log.end()), all);
     for (Position from = 0; from < log.end(); from += 7)
-        ASSERT_EQ(copied(from, log.end() - 1), all.substr(from, log.end() - 1 - from));
+        ASSERT_EQ(copied(from, log.end() - 1), appended(from, log.end() - 1));
 }
 
 TEST_F(NotificationLogTest, messagesLieAcrossChunks)
@@ -220,7 +225,7 @@ TEST_F(NotificationLogTest, aReaderThatReadsOnFreesWhatIsBehindIt)
         at = to;
         log.trim();
         EXPECT_EQ(log.endOfOldest(), to < chunk ? chunk : 2 * chunk) << to;
-        EXPECT_EQ(copied(at, log.end()), all.substr(at));
+        EXPECT_EQ(copied(at, log.end()), appended(at, log.end()));
     }
     log.advance(at, log.end());
     log.trim();
@@ -277,8 +282,8 @@ TEST_F(NotificationLogTest, aMessageThatBeganInAChunkThatIsGoneIsStillKnown)
     append("next");
     log.trim();
     EXPECT_EQ(log.messageAt(inside).revision, 1U);
-    EXPECT_EQ(copied(inside, log.messageAt(inside).end),
-              all.substr(inside, log.messageAt(inside).end - inside));
+    const Position end = log.messageAt(inside).end;
+    EXPECT_EQ(copied(inside, end), appended(inside, end));
 }
 
 // -------------------------------------------------------------------------------------------------- memory
