@@ -7,6 +7,8 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include "protocol/Words.h"
+
 // ---- Ranges: four to each doubling, from 1 microsecond on.
 
 std::size_t Durations::rangeOf(uint64_t microseconds)
@@ -74,11 +76,12 @@ Statistics::Numbers Statistics::Process::read()
     Numbers numbers;
     std::error_code error;
     const std::filesystem::directory_iterator descriptors("/proc/self/fd", error);
-    numbers["descriptors.open"] = static_cast<uint64_t>(std::distance(begin(descriptors), end(descriptors)));
+    numbers[BrokerProtocol::Number::openDescriptors] =
+        static_cast<uint64_t>(std::distance(begin(descriptors), end(descriptors)));
 
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);
-    numbers["descriptors.limit"] = limit.rlim_cur;
+    numbers[BrokerProtocol::Number::mostDescriptors] = limit.rlim_cur;
 
     uint64_t pages = 0;
     std::ifstream memory("/proc/self/statm");

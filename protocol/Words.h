@@ -36,6 +36,22 @@ constexpr const char* statusValue = "statusValue";
 constexpr const char* getBrokerStatistics = "getBrokerStatistics";
 } // namespace Key
 
+/// Those numbers of getBrokerStatistics by which readers judge the broker.
+namespace Number
+{
+constexpr const char* posts = "posts";
+constexpr const char* published = "notifications.published";
+constexpr const char* missedEvents = "notifications.missedEvents";
+constexpr const char* fallenBehind = "subscribers.fallenBehind";
+constexpr const char* commits = "state.commits";
+constexpr const char* stateErrors = "state.errors";
+constexpr const char* malformedPosts = "malformed.posts";
+constexpr const char* malformedRequests = "malformed.requests";
+constexpr const char* systemTimeRefused = "refused.systemTime";
+constexpr const char* openDescriptors = "descriptors.open";
+constexpr const char* mostDescriptors = "descriptors.limit";
+} // namespace Number
+
 /// The control words, sent as bare text.
 constexpr const char* syncWord = "Sync";
 constexpr const char* syncAckWord = "SyncAck";

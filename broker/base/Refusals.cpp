@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "common/Logging.h"
+#include "protocol/Words.h"
 
 OV_LOG_CONTROL_WORDS;
 
@@ -52,11 +53,11 @@ const char* Refusals::name(Refusal kind)
     switch (kind)
     {
     case Refusal::MalformedPost:
-        return "malformed.posts";
+        return BrokerProtocol::Number::malformedPosts;
     case Refusal::MalformedRequest:
-        return "malformed.requests";
+        return BrokerProtocol::Number::malformedRequests;
     case Refusal::SystemTime:
-        return "refused.systemTime";
+        return BrokerProtocol::Number::systemTimeRefused;
     case Refusal::Keys:
         return "limit.keys";
     case Refusal::KeyBytes:

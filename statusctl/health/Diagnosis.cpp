@@ -4,10 +4,12 @@
 #include <set>
 #include <sstream>
 
+#include "protocol/Words.h"
 #include "statusctl/health/Inquiry.h"
 
 using BrokerProtocol::Statistics;
 using Diagnosis::Findings;
+namespace Number = BrokerProtocol::Number;
 
 namespace
 {
@@ -61,18 +63,18 @@ struct Rule
 };
 
 constexpr Rule rules[] = {
-    {"notifications.lost", "lost", "notifications were lost to subscribers that read too slowly",
-     "find the client that was cut off in the broker's log; have its callbacks return sooner, or give it "
-     "more room with --max-notify-bytes"},
-    {"subscribers.cutOff", "slow", "subscribers had stalled and were cut off",
-     "find the client in the broker's log: it was stopped, or its callbacks take too long"},
-    {"malformed.posts", "malformed", "posts could not be read",
+    {Number::missedEvents, "lost", "events were lost to subscribers that read too slowly",
+     "find the client that was stopped or whose callbacks take too long; or give all more room with "
+     "--max-notify-bytes"},
+    {Number::fallenBehind, "slow", "times a subscriber was too slow, and got only the latest values",
+     "find the client that was stopped or whose callbacks take too long"},
+    {Number::malformedPosts, "malformed", "posts could not be read",
      "find out who sends them: the broker's log shows how they begin"},
-    {"malformed.requests", "malformed", "requests could not be read",
+    {Number::malformedRequests, "malformed", "requests could not be read",
      "find out who sends them: the broker's log shows how they begin"},
-    {"state.errors", "state", "the state file could not be written",
+    {Number::stateErrors, "state", "the state file could not be written",
      "look for a full or failing disk under the file of --state"},
-    {"refused.systemTime", "clock", "clients were not allowed to set the clock",
+    {Number::systemTimeRefused, "clock", "clients were not allowed to set the clock",
      "if it should be, start the broker with --allow-set-time"},
 };
 
@@ -101,8 +103,8 @@ void addDescriptors(const Statistics& numbers, Findings& findings)
 {
     constexpr uint64_t percent = 100;
     constexpr uint64_t tooFull = 80;
-    const uint64_t open = valueOf(numbers, "descriptors.open");
-    const uint64_t limit = valueOf(numbers, "descriptors.limit");
+    const uint64_t open = valueOf(numbers, Number::openDescriptors);
+    const uint64_t limit = valueOf(numbers, Number::mostDescriptors);
     if (limit != 0 && open * percent >= limit * tooFull)
         findings.push_back({"descriptors",
                             "the broker has " + std::to_string(open) + " of " + std::to_string(limit) +

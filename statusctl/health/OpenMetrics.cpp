@@ -43,9 +43,9 @@ std::string labelOf(const std::string& label, const std::string& name)
 // The others go up and down, or are the most so far.
 bool isCounter(const std::string& name)
 {
-    static const std::set<std::string> counters{"posts",         "notifications.published",
-                                                "state.commits", "notifications.lost",
-                                                "state.errors",  "subscribers.cutOff"};
+    namespace Number = BrokerProtocol::Number;
+    static const std::set<std::string> counters{Number::posts,        Number::published, Number::missedEvents,
+                                                Number::fallenBehind, Number::commits,   Number::stateErrors};
     return counters.count(name) != 0;
 }
 

@@ -20,10 +20,14 @@ std::vector<Answer> healthyPorts()
 
 Statistics healthy()
 {
-    return {{"version.major", 1},        {"version.minor", 0},
-            {"version.patch", 0},        {"descriptors.open", 26},
-            {"descriptors.limit", 1000}, {"posts", 12345},
-            {"notifications.lost", 0},   {"limit.keys", 0}};
+    return {{"version.major", 1},
+            {"version.minor", 0},
+            {"version.patch", 0},
+            {"descriptors.open", 26},
+            {"descriptors.limit", 1000},
+            {"posts", 12345},
+            {"notifications.missedEvents", 0},
+            {"limit.keys", 0}};
 }
 
 // The words of the checks that found something, in order.
@@ -107,8 +111,8 @@ TEST(DiagnosisTest, anotherVersionIsFound)
 
 TEST(DiagnosisTest, whatWasLostRefusedOrUnreadableIsFound)
 {
-    EXPECT_EQ(checksWith("notifications.lost", 1), "lost ");
-    EXPECT_EQ(checksWith("subscribers.cutOff", 1), "slow ");
+    EXPECT_EQ(checksWith("notifications.missedEvents", 1), "lost ");
+    EXPECT_EQ(checksWith("subscribers.fallenBehind", 1), "slow ");
     EXPECT_EQ(checksWith("malformed.posts", 1), "malformed ");
     EXPECT_EQ(checksWith("malformed.requests", 1), "malformed ");
     EXPECT_EQ(checksWith("state.errors", 1), "state ");

@@ -67,6 +67,12 @@ TEST(OpenMetricsTest, aNameThatIsNoMetricHasUnderlinesInstead)
     EXPECT_EQ(textOf(""), "# TYPE statusbroker_ gauge\nstatusbroker_ 5\n");
 }
 
+TEST(OpenMetricsTest, whatIsCountedIsACounter)
+{
+    for (const std::string name : {"notifications.missedEvents", "subscribers.fallenBehind", "state.errors"})
+        EXPECT_NE(write({{name, 1}}).find(" counter\n"), std::string::npos) << name;
+}
+
 TEST(OpenMetricsTest, aNameCannotEndItsLabel)
 {
     EXPECT_EQ(textOf("requests.a\"} 1\nfake 2\\"), "# TYPE statusbroker_requests counter\n"
