@@ -33,7 +33,7 @@ Reply Answerer::answer(const BrokerProtocol::Command& command)
     case Operation::GetClientInfoValue:
         return replyOf(BrokerProtocol::appendStatusValueReply, mState.valueOf(command.text));
     case Operation::GetClientInfoValues:
-        return Reply::of({command.texts.begin(), command.texts.end()});
+        return Reply::of(command.texts);
     case Operation::GetTimerElapsed:
         return replyOf(BrokerProtocol::appendTimerReply, mState.elapsed(command.text));
     case Operation::GetTimerLastStarted:

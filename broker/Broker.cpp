@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <malloc.h>
+#include <utility>
 
 #include "broker/Descriptors.h"
 #include "broker/MemoryRelief.h"
@@ -178,7 +179,7 @@ void Broker::dispatch(const Poller::Event& event, TimePoint now)
 void Broker::acceptAt(const Pollable* port, TimePoint now)
 {
     if (port == &mPosts)
-        mPosts.accept(PostPort::fewAtATime, now);
+        mLoop.hasNewPosters = true; // accepting may read posts, which is for the round
     else if (port == &mRequests)
         mRequests.accept(RequestPort::fewAtATime, now);
     else
@@ -188,6 +189,8 @@ void Broker::acceptAt(const Pollable* port, TimePoint now)
 void Broker::doRound()
 {
     const TimePoint begin = Clock::now();
+    if (std::exchange(mLoop.hasNewPosters, false))
+        mPosts.accept(PostPort::fewAtATime, begin);
     mPosts.takePosts(begin + turn);
     const TimePoint now = Clock::now();
     mQuestions.answer(now, now + turn);
@@ -253,8 +256,7 @@ void Broker::closeForMemory(Connection& connection)
     switch (connection.kind())
     {
     case Handshake::Kind::Post:
-        mQuestions.lostPosts().lost();
-        return mPosts.close(static_cast<PostConnection&>(connection));
+        return mPosts.closeForMemory(static_cast<PostConnection&>(connection));
     case Handshake::Kind::Request:
         return mRequests.close(static_cast<RequestConnection&>(connection));
     case Handshake::Kind::Notify:
@@ -271,18 +273,19 @@ void Broker::collectClosed()
 
 void Broker::addNumbers(Statistics::Numbers& numbers) const
 {
-    numbers["posts"] = mApplier.count();
-    numbers["notifications.published"] = mNotify.published();
-    numbers["notifications.missedEvents"] = mNotify.missedEvents();
-    numbers["subscribers.fallenBehind"] = mNotify.fallenBehind();
+    namespace Number = BrokerProtocol::Number;
+    numbers[Number::posts] = mApplier.count();
+    numbers[Number::published] = mNotify.published();
+    numbers[Number::missedEvents] = mNotify.missedEvents();
+    numbers[Number::fallenBehind] = mNotify.fallenBehind();
     numbers["clients.requests"] = mRequests.openPeers();
     numbers["clients.posts"] = mPosts.openPeers();
     numbers["clients.notifications"] = mNotify.openPeers();
     numbers["memory.connections"] = mBudget.held();
     numbers["loop.maxMicroseconds"] = mLoop.rounds.longest();
     numbers["loop.p99Microseconds"] = mLoop.rounds.percentile(99);
-    numbers["state.commits"] = mOutbox.commits();
-    numbers["state.errors"] = mOutbox.errors();
+    numbers[Number::commits] = mOutbox.commits();
+    numbers[Number::stateErrors] = mOutbox.errors();
     const auto uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - mLoop.started);
     numbers["uptime.seconds"] = static_cast<uint64_t>(uptime.count());
     Statistics::addVersion(numbers);

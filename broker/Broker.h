@@ -42,6 +42,7 @@ private:
         Poller poller;
         Pollable interrupt{Pollable::Kind::Interrupt};
         bool isInterrupted = false;
+        bool hasNewPosters = false; ///< wait to be accepted
         const TimePoint started = Clock::now();
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();

@@ -2,7 +2,10 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iostream>
+#include <sstream>
 
+#include "broker/LastWords.h"
 #include "broker/OptionTable.h"
 #include "broker/OptionText.h"
 
@@ -86,7 +89,10 @@ CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(arg
     }
     catch (const CLI::ParseError& error)
     {
-        throw Exit{app.exit(error) == 0 ? 0 : wrongUsage};
+        std::ostringstream complaint;
+        const bool isWrong = app.exit(error, std::cout, complaint) != 0;
+        printLastWords(complaint.str());
+        throw Exit{isWrong ? wrongUsage : 0};
     }
     mConfigFile = app.configFile;
     mIsCheck = app.isCheck;

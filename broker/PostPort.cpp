@@ -158,9 +158,16 @@ void PostPort::open(PostConnection& connection)
 void PostPort::take(FrameReader::Result result, const FrameReader::Item& item)
 {
     if (result == FrameReader::Result::Message)
-        mOnPost(item.body);
-    else
-        mRefusals.reportLong("Post", result == FrameReader::Result::Endless, mLimits.messageBytes);
+        return mOnPost(item.body);
+    const bool isEndless = result == FrameReader::Result::Endless; // what is behind it is not read
+    mLosses += isEndless ? 1 : 0;
+    mRefusals.reportLong("Post", isEndless, mLimits.messageBytes);
+}
+
+void PostPort::closeForMemory(PostConnection& connection)
+{
+    ++mLosses;
+    close(connection);
 }
 
 /// @param behind so many bytes have been read behind it

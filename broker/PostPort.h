@@ -81,6 +81,14 @@ public:
     /// How many connections have shown it.
     std::size_t subscribed(TimePoint now) const;
 
+    /// Closes a connection for want of memory. What it had not sent yet is lost.
+    void closeForMemory(PostConnection& connection);
+
+    /// How often posts were lost with a connection that was closed here, be it for want of memory or because
+    /// a message did not end. Whose those were nobody knows. (What speaks another protocol is closed, too. It
+    /// has not posted anything.)
+    uint64_t losses() const { return mLosses; }
+
     /// While it is paused, nothing is read but what a barrier waits for.
     void pause(bool does);
 
@@ -108,6 +116,7 @@ private:
     ConnectionLimit mLimit;
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
     uint64_t mBarrier = 0;
+    uint64_t mLosses = 0;
     uint64_t mReceived = 0;                ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::vector<PostConnection*> mUnread;  // something has arrived, and there was no time to read it

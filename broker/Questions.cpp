@@ -31,7 +31,7 @@ void removeFrom(List& list, RequestConnection* connection)
 Questions::Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
                      NotifyPort& notify, const DeviceState& state, TimePoint serving)
     : mAnswerer(answerer), mOutbox(outbox), mPosts(posts), mRequests(requests), mNotify(notify),
-      mState(state), mLostPosts(serving), mGate(serving)
+      mState(state), mReturnTime(serving), mGate(serving)
 {
     mNotify.catchUp().disconnected(0, serving, restartMemory);
 }
@@ -113,7 +113,7 @@ void Questions::sortNew(TimePoint now)
 void Questions::answerOne(RequestConnection& connection)
 {
     if (connection.request == BrokerProtocol::syncWord)
-        acknowledge(connection, connection.lossesKnown != mLostPosts.count());
+        acknowledge(connection, connection.lossesKnown != mPosts.losses());
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
@@ -144,7 +144,7 @@ void Questions::start(TimePoint now)
     const std::size_t clients = this->clients();
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mLostPosts.areReturning(now))
+        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mReturnTime.isOn(now))
             continue;
         const bool areSubscribed = mPosts.areSubscribed(*connection->postsArrived, now);
         if (mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
@@ -187,13 +187,13 @@ bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 // Asked while clients of an earlier broker come back.
 bool Questions::isDuringReturn(const RequestConnection& connection) const
 {
-    return mOutbox.isRestart() && mLostPosts.areReturning(connection.askedAt);
+    return mOutbox.isRestart() && mReturnTime.isOn(connection.askedAt);
 }
 
 void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts)
 {
     connection.isStarted = true;
-    connection.lossesKnown = mLostPosts.count();
+    connection.lossesKnown = mPosts.losses();
     mOutbox.reply(connection,
                   Reply(mayHaveLostPosts ? BrokerProtocol::syncLostWord : BrokerProtocol::syncAckWord));
 }

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "broker/Answerer.h"
-#include "broker/LostPosts.h"
 #include "broker/Outbox.h"
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
+#include "broker/ReturnTime.h"
 #include "broker/StartGate.h"
 
 /// Requests between being read and being answered: they wait for the posts that were made before them, and
@@ -36,9 +36,6 @@ public:
 
     /// When answer() is to be called although nothing has come.
     TimePoint due() const;
-
-    /// To be told of posts that are lost, without a reason that their client knows.
-    LostPosts& lostPosts() { return mLostPosts; }
 
 private:
     struct Waiting
@@ -68,7 +65,7 @@ private:
     RequestPort& mRequests;
     NotifyPort& mNotify;
     const DeviceState& mState;
-    LostPosts mLostPosts;
+    const ReturnTime mReturnTime;
     StartGate mGate;
     std::vector<RequestConnection*> mNew;
     Queue mWaiting;                            // for posts

@@ -1,6 +1,7 @@
 #include "broker/Reply.h"
 
 #include <algorithm>
+#include <numeric>
 
 #include "broker/wire/FrameWriter.h"
 #include "protocol/BrokerDocuments.h"
@@ -18,11 +19,21 @@ constexpr std::string_view delimiter = "\1\0"sv;
 
 } // namespace
 
-Reply Reply::of(std::vector<std::string> keys)
+Reply Reply::of(std::vector<std::string_view> keys)
 {
     std::sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    return Reply(Values::Listed, std::move(keys));
+    Reply reply(Values::Listed);
+    reply.mKeys.reserve(std::accumulate(keys.begin(), keys.end(), std::size_t{0},
+                                        [](std::size_t sum, std::string_view key)
+                                        { return sum + key.size(); }));
+    reply.mKeyEnds.reserve(keys.size());
+    for (const std::string_view key : keys)
+    {
+        reply.mKeys += key;
+        reply.mKeyEnds.push_back(static_cast<uint32_t>(reply.mKeys.size()));
+    }
+    return reply;
 }
 
 // The last frame must not be empty, which clients take for a failure; so a frame is cut off only where more
@@ -78,9 +89,11 @@ const DeviceState::Value* Reply::next(const DeviceState& state)
             mLastKey = value->key;
         return value;
     }
-    while (mNextKey < mKeys.size())
+    while (mNextKey < mKeyEnds.size())
     {
-        if (const DeviceState::Value* value = state.find(mKeys[mNextKey++]))
+        const std::size_t begin = mNextKey == 0 ? 0 : mKeyEnds[mNextKey - 1];
+        const std::size_t end = mKeyEnds[mNextKey++];
+        if (const DeviceState::Value* value = state.find(std::string_view(mKeys).substr(begin, end - begin)))
             return value;
     }
     return nullptr;
@@ -88,8 +101,5 @@ const DeviceState::Value* Reply::next(const DeviceState& state)
 
 std::size_t Reply::heldBytes() const
 {
-    std::size_t bytes = mText.capacity() + mKeys.capacity() * sizeof(std::string);
-    for (const std::string& key : mKeys)
-        bytes += key.size() > sizeof(std::string) / 2 ? key.capacity() : 0;
-    return bytes;
+    return mText.capacity() + mKeys.capacity() + mKeyEnds.capacity() * sizeof(mKeyEnds.front());
 }

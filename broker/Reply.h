@@ -1,6 +1,7 @@
 #ifndef BROKER_REPLY_H
 #define BROKER_REPLY_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -19,10 +20,10 @@ public:
     explicit Reply(std::string text) : mText(std::move(text)), mIsComplete(true) {}
 
     /// All values of the device.
-    static Reply ofAll() { return Reply(Values::All, {}); }
+    static Reply ofAll() { return Reply(Values::All); }
 
     /// Those of the keys that are known.
-    static Reply of(std::vector<std::string> keys);
+    static Reply of(std::vector<std::string_view> keys);
 
     /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
     bool produce(const DeviceState& state, std::size_t bytes, std::string& to);
@@ -38,13 +39,14 @@ private:
         Listed,
     };
 
-    Reply(Values values, std::vector<std::string> keys) : mValues(values), mKeys(std::move(keys)) {}
+    explicit Reply(Values values) : mValues(values) {}
 
     void extend(const DeviceState& state, std::size_t bytes);
     const DeviceState::Value* next(const DeviceState& state);
 
     Values mValues = Values::None;
-    std::vector<std::string> mKeys; ///< in order, each there once
+    std::string mKeys; ///< behind each other, in order, each there once; a text each would take far more
+    std::vector<uint32_t> mKeyEnds;
     std::size_t mNextKey = 0;
     std::optional<std::string> mLastKey;
 

@@ -7,6 +7,7 @@
 
 #include "broker/Broker.h"
 #include "broker/CommandLine.h"
+#include "broker/LastWords.h"
 #include "broker/Signals.h"
 #include "common/Logging.h"
 
@@ -76,7 +77,7 @@ void keepMemoryReturnable()
 
 int complain(const std::exception& exception, int exitCode)
 {
-    fprintf(stderr, "statusbroker: %s\n", exception.what());
+    printLastWords("statusbroker: " + std::string(exception.what()) + "\n");
     return exitCode;
 }
 

@@ -12,8 +12,8 @@
 /// The documents as the broker reads and writes them. Pure functions; no sockets, no threads.
 ///
 /// Reading a message takes memory and time in proportion to its size: there are five shapes, and what is none
-/// of them is given up where that shows. Members of eleven bytes or more, as short keys with short values are,
-/// take three times their size; no list takes more than mostMembers elements. Nothing here throws but
+/// of them is given up where that shows. Members of eleven bytes or more, as short keys with short values
+/// are, take three times their size; no list takes more than mostMembers elements. Nothing here throws but
 /// std::bad_alloc.
 namespace BrokerProtocol
 {

@@ -82,6 +82,18 @@ TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedForWantOfMemo
     EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new one has lost nothing";
 }
 
+TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedBecauseAMessageDidNotEnd)
+{
+    constexpr std::size_t endless = std::size_t{16} * 1024 * 1024;
+    BrokerProcess broker;
+    RawRequester one;
+    ASSERT_EQ(one.ask("Sync"), "SyncAck");
+    const auto poster = posterOf(WireFrames::header(endless, WireFrames::isLong) + "a post lies behind it");
+    ASSERT_TRUE(eventually([&] { return brokerStatistic(one, "limit.messageBytes") != 0; }));
+    EXPECT_EQ(one.ask("Sync"), "SyncLost");
+    EXPECT_EQ(one.ask("Sync"), "SyncAck");
+}
+
 TEST(SyncLostTest, stoppedPeersThatHoldLittleEachGiveWayBeforeAPosterOfALargeMessage)
 {
     BrokerProcess broker(littleMemory);
