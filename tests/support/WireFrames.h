@@ -58,8 +58,8 @@ inline std::optional<Frame> takeFrame(std::string& bytes)
         size = size << 8 | static_cast<unsigned char>(bytes[at]);
     if (bytes.size() - headerBytes < size)
         return std::nullopt;
-    Frame frame{flags, bytes.substr(headerBytes, size)};
-    bytes.erase(0, headerBytes + size);
+    Frame frame{flags, bytes.substr(headerBytes, static_cast<std::size_t>(size))};
+    bytes.erase(0, headerBytes + frame.body.size());
     return frame;
 }
 

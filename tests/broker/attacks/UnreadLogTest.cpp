@@ -73,6 +73,15 @@ TEST_F(UnreadLog, keepsTheBrokerNeitherFromServingNorFromEnding)
     EXPECT_EQ(broker->waitForExit(), 0);
 }
 
+TEST_F(UnreadLog, keepsNoBrokerFromEndingThatCannotStart)
+{
+    for (const std::string arguments : {"--nonsense", "--config=/nonexistent", ""})
+    {
+        TestProcess second(Frames{"/bin/sh", "-c", "exec " STATUSBROKER " " + arguments + " 2>" + name});
+        EXPECT_GT(second.waitForExit(), 0) << arguments << ": nothing is less than any exit code";
+    }
+}
+
 TEST_F(UnreadLog, hasTheNumberOfLinesThatWereDroppedWhenItIsReadAgain)
 {
     misbehave(4);
