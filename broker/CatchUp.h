@@ -7,14 +7,14 @@
 
 #include "broker/base/Clock.h"
 
-/// Remembers from which point on subscribers have to be told of changes again.
+/// Remembers from which revision on a new subscriber has to be told of changes.
 ///
 /// A client subscribes to notifications only after its first SyncAck, so what is published in between passes
-/// it by, although it may have read an older value already. When a subscription arrives, the broker publishes
-/// again what changed since that SyncAck. A subscription does not say whose it is, and clients that reconnect
-/// subscribe without a SyncAck before it; so each is answered as if it were that of the client acknowledged
-/// longest ago, and the one acknowledged last is taken to be served, but kept in mind a little longer.
-/// Listeners may so be told twice of a value that they know while clients are starting, but never too little.
+/// it by, although it may have read an older value already. When a subscription arrives, its subscriber alone
+/// gets the values that changed since that SyncAck. A subscription does not say whose it is, and clients that
+/// reconnect subscribe without a SyncAck before it; so each is answered as if it were that of the client
+/// acknowledged longest ago, and the one acknowledged last is taken to be served, but kept in mind a little
+/// longer. So a new subscriber may be told of values that its listeners know, but never of too few.
 ///
 /// The same serves those that come back: subscribers that were closed, and those of an earlier run of the
 /// broker. As nobody knows whether they are all back, they are kept in mind for a fixed time.
@@ -36,8 +36,8 @@ public:
     /// Subscribers that know the state up to this revision have lost their connection and will come back.
     void disconnected(uint64_t revision, TimePoint now, std::chrono::seconds memory);
 
-    /// A subscription has arrived: the revision since which to publish again; nothing if no client is
-    /// waiting.
+    /// A subscription has arrived: the revision since which its subscriber is to be told of changes; nothing
+    /// if no client is waiting.
     std::optional<uint64_t> subscribed(TimePoint now);
 
 private:
