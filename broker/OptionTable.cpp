@@ -177,7 +177,9 @@ std::vector<OptionEntry> makeTable()
     };
 }
 
-// A message takes up to so many times its length while it is read.
+// So much memory is there for each byte of the longest message: one for the message, and three for its
+// members while it is read, as members of eleven bytes or more need. Shorter members need more, but
+// BrokerProtocol::mostMembers bounds them.
 constexpr std::size_t memoryPerByte = 4;
 
 std::string shownWithName(const char* name, std::size_t value)
