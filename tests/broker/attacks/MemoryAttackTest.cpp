@@ -76,6 +76,17 @@ Attack::Peers unreadingClients(int count, const std::string& request)
     return {count, ZmtpPeer::requestPort, "DEALER", {ZmtpPeer::request(request)}, true};
 }
 
+// Nearly as many as one request may name, and nearly as long as one may be.
+std::string requestOfManyNames()
+{
+    constexpr int most = 99000;
+    constexpr int firstNumber = 1000000;
+    std::string names;
+    for (int number = 0; number < most; ++number)
+        names += (number == 0 ? "\"" : ",\"") + std::to_string(firstNumber + number) + '"';
+    return R"({"getClientInfoValues":[)" + names + "]}";
+}
+
 std::string unfinishedMessage()
 {
     return WireFrames::frame(std::string(megabyte, 'x'), WireFrames::more);
@@ -92,6 +103,7 @@ struct MemoryAttack
     std::vector<Attack::Peers> peers;
     std::size_t bytes;        ///< that it sends at least
     bool isDeviceFull = true; ///< holds as much as it may
+    std::string counted{};    ///< in the statistics, if the broker takes what it is sent; empty: it need not
 };
 
 void PrintTo(const MemoryAttack& attack, std::ostream* to)
@@ -102,40 +114,44 @@ void PrintTo(const MemoryAttack& attack, std::ostream* to)
 std::vector<MemoryAttack> memoryAttacks()
 {
     const std::string all = R"({"getClientInfo":"null"})";
-    const std::string many = R"({"getClientInfoValues":[)" + repeated(R"("k",)", 900 * 1000) + R"("k"]})";
     const std::string ones = R"({"resetStatus":[)" + repeated("1,", megabyte) + "1]}";
     const Attack::Peers unfinished{900, ZmtpPeer::postPort, "PUB", {unfinishedMessage()}, false};
     const Attack::Peers frames{1, ZmtpPeer::postPort, "PUB", {emptyFrames()}, true};
-    return {{"onePosterOfLongMessages", {posters(1, megabyte)}, 50 * mebi},
-            {"tenPostersOfLongMessages", {posters(10, megabyte)}, 50 * mebi},
-            {"aHundredPosters", {posters(100, 10 * 1024)}, 50 * mebi},
-            {"aListOfNumbers", {postersOf(ones)}, 10 * mebi},
-            {"aMegabyteOfBrackets", {postersOf(std::string(megabyte, '['))}, 10 * mebi},
-            {"nineHundredUnfinishedMessages", {unfinished}, 50 * mebi},
-            {"threeHundredClientsThatDoNotRead", {unreadingClients(300, all)}, 0},
-            {"longRequestsOfClientsThatDoNotRead", {unreadingClients(50, many)}, 20 * mebi},
-            {"twoHundredSubscribersWithManyPrefixes",
-             {subscribers(200, manyPrefixes()), posters(1, megabyte)},
-             50 * mebi},
-            {"twoHundredSubscribersThatDoNotRead",
-             {subscribers(200, ZmtpPeer::subscribe("")), posters(1, megabyte)},
-             50 * mebi},
-            {"twoHundredSubscribersThatStopWithinAMessage",
-             {subscribers(200, ZmtpPeer::subscribe("")), posters(1, megabyte)},
-             50 * mebi,
-             false},
-            {"twoHundredSubscribersToAPart",
-             {subscribers(200, ZmtpPeer::subscribe(R"({"status)")), posters(1, megabyte)},
-             50 * mebi,
-             false},
-            {"twoHundredSubscribersThatSpeakWithinAMessage",
-             {talkingSubscribers(200), posters(1, megabyte)},
-             50 * mebi,
-             false},
-            {"nineHundredSubscribersThatDoNotRead",
-             {subscribers(900, ZmtpPeer::subscribe("")), posters(1, 60000)},
-             20 * mebi},
-            {"emptyFrames", {frames}, 10 * mebi}};
+    return {
+        {"onePosterOfLongMessages", {posters(1, megabyte)}, 50 * mebi},
+        {"tenPostersOfLongMessages", {posters(10, megabyte)}, 50 * mebi},
+        {"aHundredPosters", {posters(100, 10 * 1024)}, 50 * mebi},
+        {"aListOfNumbers", {postersOf(ones)}, 10 * mebi},
+        {"aMegabyteOfBrackets", {postersOf(std::string(megabyte, '['))}, 10 * mebi},
+        {"nineHundredUnfinishedMessages", {unfinished}, 50 * mebi},
+        {"threeHundredClientsThatDoNotRead", {unreadingClients(300, all)}, 0, true, "requests.getClientInfo"},
+        {"longRequestsOfClientsThatDoNotRead",
+         {unreadingClients(20, requestOfManyNames())},
+         20 * mebi,
+         true,
+         "requests.getClientInfoValues"},
+        {"twoHundredSubscribersWithManyPrefixes",
+         {subscribers(200, manyPrefixes()), posters(1, megabyte)},
+         50 * mebi},
+        {"twoHundredSubscribersThatDoNotRead",
+         {subscribers(200, ZmtpPeer::subscribe("")), posters(1, megabyte)},
+         50 * mebi},
+        {"twoHundredSubscribersThatStopWithinAMessage",
+         {subscribers(200, ZmtpPeer::subscribe("")), posters(1, megabyte)},
+         50 * mebi,
+         false},
+        {"twoHundredSubscribersToAPart",
+         {subscribers(200, ZmtpPeer::subscribe(R"({"status)")), posters(1, megabyte)},
+         50 * mebi,
+         false},
+        {"twoHundredSubscribersThatSpeakWithinAMessage",
+         {talkingSubscribers(200), posters(1, megabyte)},
+         50 * mebi,
+         false},
+        {"nineHundredSubscribersThatDoNotRead",
+         {subscribers(900, ZmtpPeer::subscribe("")), posters(1, 60000)},
+         20 * mebi},
+        {"emptyFrames", {frames}, 10 * mebi}};
 }
 
 class MemoryAttackTest : public UnderAttack, public testing::WithParamInterface<MemoryAttack>
@@ -150,6 +166,14 @@ protected:
             poster.post(postOfLongValues("k" + std::to_string(number), megabyte, 'x'));
         EXPECT_TRUE(reaches("stored.keys", posts * 17));
     }
+
+    // Requests are in the statistics from the first one on.
+    bool isCounted(const std::string& name)
+    {
+        const auto isThere = [&]
+        { return requester.ask(R"({"getBrokerStatistics":"null"})").find('"' + name) != std::string::npos; };
+        return name.empty() || eventually(isThere);
+    }
 };
 
 } // namespace
@@ -162,6 +186,7 @@ TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
     {
         Attack attack(GetParam().peers);
         EXPECT_TRUE(attack.isUnderWay(GetParam().bytes));
+        EXPECT_TRUE(isCounted(GetParam().counted)) << "all were refused";
         bystander.expectServed();
         TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
         const std::optional<int> exit = newcomer.waitForExit();
