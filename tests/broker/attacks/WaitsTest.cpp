@@ -1,5 +1,6 @@
 // Queries and "Sync"s beside peers that keep the broker waiting for their posts.
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -10,7 +11,6 @@ namespace
 {
 
 using std::chrono::milliseconds;
-using std::chrono::seconds;
 
 // Says a little of a long message now and then, and so is always in the middle of it.
 class Dawdler
@@ -70,49 +70,102 @@ private:
     std::thread mThread;
 };
 
+// A kind of request, and how long one may take.
+struct Asked
+{
+    std::string request;
+    milliseconds limit;
+    int count;
+};
+
+const Asked queries{R"({"getClientInfoValue":"k"})", milliseconds(50), 300};
+const Asked syncs{"Sync", milliseconds(100), 300};
+
+// What asking one after the other has taken. Ends when far too many have taken too long.
+class Waiting
+{
+public:
+    Waiting(RawRequester& requester, const Asked& asked)
+    {
+        const milliseconds limit = allowed(asked.limit);
+        for (int number = 0; number < asked.count && mTooLong < asked.count / 20; ++number)
+        {
+            const auto begin = std::chrono::steady_clock::now();
+            EXPECT_NE(requester.ask(asked.request), "");
+            mTimes.push_back(std::chrono::steady_clock::now() - begin);
+            mTooLong += mTimes.back() > limit ? 1 : 0;
+        }
+        std::sort(mTimes.begin(), mTimes.end());
+    }
+
+    /// Half of them took no longer.
+    std::chrono::nanoseconds median() const { return mTimes[mTimes.size() / 2]; }
+
+    int tooLong() const { return mTooLong; }
+
+private:
+    std::vector<std::chrono::nanoseconds> mTimes;
+    int mTooLong = 0;
+};
+
 class Waits : public UnderAttack
 {
 protected:
-    // That so many take less than half of what they would if each waited so long.
-    void expectQuick(const std::string& request, int count, milliseconds wait)
+    Waits()
     {
         requester.ask("Sync"); // the first is another matter
-        const auto begin = std::chrono::steady_clock::now();
-        for (int number = 0; number < count; ++number)
-            EXPECT_NE(requester.ask(request), "");
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, allowed(count * wait / 2));
     }
 
-    const std::string query = R"({"getClientInfoValue":"k"})";
+    // That hardly one in a hundred takes longer than it may, and half of them take next to no time. On a busy
+    // machine some take longer for other reasons: as many as without these peers, and then once more.
+    template <class MakePeers>
+    void expectQuick(const Asked& asked, MakePeers makePeers)
+    {
+        constexpr int attempts = 3;
+        bool isQuick = false;
+        for (int attempt = 0; attempt < attempts && !isQuick; ++attempt)
+        {
+            const Waiting alone(requester, asked);
+            const auto peers = makePeers();
+            const Waiting beside(requester, asked);
+            isQuick = beside.tooLong() <= alone.tooLong() + asked.count / 100 &&
+                      beside.median() < alone.median() + asked.limit / 10;
+        }
+        EXPECT_TRUE(isQuick) << asked.request;
+    }
 };
+
+using Dawdlers = std::vector<std::unique_ptr<Dawdler>>;
+
+Dawdlers dawdlers(int count)
+{
+    Dawdlers all;
+    while (count-- > 0)
+        all.push_back(std::make_unique<Dawdler>());
+    return all;
+}
 
 } // namespace
 
 TEST_F(Waits, aPeerInTheMiddleOfAMessageDoesNotDelayEachQuery)
 {
-    const Dawdler dawdler;
-    expectQuick(query, 100, milliseconds(100));
+    expectQuick(queries, [] { return dawdlers(1); });
 }
 
 TEST_F(Waits, aPeerInTheMiddleOfAMessageDoesNotDelayEachSync)
 {
-    const Dawdler dawdler;
-    expectQuick("Sync", 20, seconds(1));
+    expectQuick(syncs, [] { return dawdlers(1); });
 }
 
 TEST_F(Waits, norDoesItBesideTheEndlessSyncsOfAnother)
 {
-    const Dawdler dawdler;
     const Syncer syncer;
-    expectQuick("Sync", 10, seconds(2));
-    expectQuick(query, 100, milliseconds(100));
+    expectQuick(syncs, [] { return dawdlers(1); });
+    expectQuick(queries, [] { return dawdlers(1); });
 }
 
 TEST_F(Waits, manySuchPeersTogetherDelayNoMoreThanOne)
 {
-    std::vector<std::unique_ptr<Dawdler>> dawdlers;
-    for (int count = 0; count < 50; ++count)
-        dawdlers.push_back(std::make_unique<Dawdler>());
-    expectQuick(query, 100, milliseconds(100));
-    expectQuick("Sync", 20, seconds(1));
+    expectQuick(queries, [] { return dawdlers(50); });
+    expectQuick(syncs, [] { return dawdlers(50); });
 }
