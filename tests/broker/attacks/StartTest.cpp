@@ -11,21 +11,33 @@ namespace
 using std::chrono::milliseconds;
 using Duration = std::chrono::steady_clock::duration;
 
-// For how long a start waits for a post connection that does not show its subscription.
+// What a start waits for: a post connection that does not show its subscription, or that does not come. In
+// its first two seconds, the broker waits longer for those that do not come.
 constexpr milliseconds startWait{50};
+constexpr milliseconds youngStartWait{500};
+constexpr uint64_t youth = 2;
 
-class Starts : public UnderAttack
+// What a start may take longer than it should, on a machine that does other things, too.
+constexpr milliseconds slack{50};
+
+// A broker, and its clients.
+class StartedBroker
 {
-protected:
+public:
+    bool reaches(const std::string& statistic, uint64_t number)
+    {
+        return eventually([&] { return brokerStatistic(requester, statistic) >= number; });
+    }
+
     // How long the first "Sync" of a new client takes, which has a post connection.
     Duration start()
     {
         mPosters.emplace_back();
-        RawRequester starting;
+        RawRequester newcomer;
         const auto begin = std::chrono::steady_clock::now();
-        EXPECT_EQ(starting.ask("Sync"), "SyncAck");
+        EXPECT_EQ(newcomer.ask("Sync"), "SyncAck");
         const Duration time = std::chrono::steady_clock::now() - begin;
-        mRequesters.push_back(std::move(starting));
+        mRequesters.push_back(std::move(newcomer));
         return time;
     }
 
@@ -38,21 +50,83 @@ protected:
         return shortest;
     }
 
-    // Handshakes, and answers no PING.
-    std::deque<ZmtpPeer> silentPeers(uint16_t port, int count)
-    {
-        std::deque<ZmtpPeer> peers;
-        for (int number = 0; number < count; ++number)
-        {
-            peers.emplace_back(port);
-            EXPECT_TRUE(peers.back().shakeHands());
-        }
-        return peers;
-    }
+    BrokerProcess process;
+    RawPoster poster;
+    RawRequester requester;
 
 private:
     std::deque<RawPoster> mPosters;
     std::deque<RawRequester> mRequesters;
+};
+
+using Peers = std::deque<ZmtpPeer>;
+
+// Handshakes, and answers no PING.
+Peers silentPeers(uint16_t port, int count)
+{
+    Peers peers;
+    for (int number = 0; number < count; ++number)
+    {
+        peers.emplace_back(port);
+        EXPECT_TRUE(peers.back().shakeHands());
+    }
+    return peers;
+}
+
+Peers silentPosters()
+{
+    return silentPeers(ZmtpPeer::postPort, 100);
+}
+
+// They ask, and have no post connection.
+Peers clientsThatOnlyAsk()
+{
+    Peers peers = silentPeers(ZmtpPeer::requestPort, 10);
+    for (ZmtpPeer& peer : peers)
+        EXPECT_EQ(peer.ask(R"({"getClientInfoValue":"k"})"), reply(""));
+    return peers;
+}
+
+// How much longer than others the first start beside such peers takes, and how long the shortest of the next
+// ones.
+struct Delays
+{
+    Duration first;
+    Duration next;
+};
+
+class Starts : public testing::Test
+{
+protected:
+    // Each broker is delayed once, and on a busy machine longer: the least of a few brokers counts.
+    template <class MakePeers>
+    void expectDelayedOnce(uint64_t age, milliseconds wait, MakePeers makePeers)
+    {
+        constexpr int brokers = 3;
+        const Duration most = allowed(wait + slack);
+        Delays least{Duration::max(), Duration::max()};
+        for (int count = 0; count < brokers && (least.first >= most || least.next >= startWait); ++count)
+        {
+            const Delays delays = delaysOfABroker(age, makePeers);
+            least = {std::min(least.first, delays.first), std::min(least.next, delays.next)};
+        }
+        EXPECT_TRUE(least.first < most && least.next < startWait)
+            << least.first.count() << " ns, then " << least.next.count();
+    }
+
+private:
+    // A broker that has run for so many seconds.
+    template <class MakePeers>
+    static Delays delaysOfABroker(uint64_t age, MakePeers makePeers)
+    {
+        StartedBroker broker;
+        const Duration usual = broker.shortestStartOf(5);
+        EXPECT_TRUE(broker.reaches("uptime.seconds", age));
+        const Peers peers = makePeers();
+        const Duration first = broker.start();
+        EXPECT_GE(first, startWait) << "nothing is waited for";
+        return {first - usual, broker.shortestStartOf(20)};
+    }
 };
 
 } // namespace
@@ -61,39 +135,40 @@ private:
 
 TEST_F(Starts, areDelayedOnlyOnceByAPostConnectionThatNeverAnswers)
 {
+    StartedBroker broker;
     const auto silent = silentPeers(ZmtpPeer::postPort, 1);
-    EXPECT_GE(start(), startWait);
-    EXPECT_LT(shortestStartOf(20), startWait);
-}
-
-TEST_F(Starts, areDelayedByAHundredSuchConnectionsNoLongerThanByOne)
-{
-    const auto silent = silentPeers(ZmtpPeer::postPort, 100);
-    const Duration first = start();
-    EXPECT_GE(first, startWait);
-    EXPECT_LT(first, allowed(50 * startWait)) << "half of what waiting for one after the other takes";
-    EXPECT_LT(shortestStartOf(20), startWait);
+    EXPECT_GE(broker.start(), startWait);
+    EXPECT_LT(broker.shortestStartOf(20), startWait);
 }
 
 TEST_F(Starts, areNotDelayedByIdleRequestConnections)
 {
+    StartedBroker broker;
     const auto idle = silentPeers(ZmtpPeer::requestPort, 5);
-    EXPECT_LT(shortestStartOf(5), startWait);
+    EXPECT_LT(broker.shortestStartOf(5), startWait);
+}
+
+TEST_F(Starts, areDelayedByAHundredSuchConnectionsNoLongerThanByOne)
+{
+    expectDelayedOnce(youth, startWait, silentPosters);
 }
 
 TEST_F(Starts, areDelayedOnlyOnceByClientsWithoutAPostConnection)
 {
-    auto asking = silentPeers(ZmtpPeer::requestPort, 10);
-    for (ZmtpPeer& peer : asking)
-        ASSERT_EQ(peer.ask(R"({"getClientInfoValue":"k"})"), reply(""));
-    EXPECT_GE(start(), startWait);
-    EXPECT_LT(shortestStartOf(5), startWait);
+    expectDelayedOnce(youth, startWait, clientsThatOnlyAsk);
+}
+
+TEST_F(Starts, areDelayedALittleLongerInTheBrokersFirstSeconds)
+{
+    expectDelayedOnce(0, youngStartWait, silentPosters);
+    expectDelayedOnce(0, youngStartWait, clientsThatOnlyAsk);
 }
 
 // ------------------------------------------------------------------------------------------------- crowds
 
 TEST_F(Starts, ofAHundredClientsAtOnceLoseNoPost)
 {
+    StartedBroker broker;
     constexpr int count = 100;
     std::vector<std::unique_ptr<TestProcess>> clients;
     for (int number = 0; number < count; ++number)
@@ -102,15 +177,16 @@ TEST_F(Starts, ofAHundredClientsAtOnceLoseNoPost)
     for (const auto& client : clients)
         EXPECT_EQ(client->waitForExit(), 0);
     for (int number = 0; number < count; ++number)
-        EXPECT_EQ(valueOf(requester, "k" + std::to_string(number)), reply(std::to_string(number)));
+        EXPECT_EQ(valueOf(broker.requester, "k" + std::to_string(number)), reply(std::to_string(number)));
 }
 
 TEST_F(Starts, goOnBesideOneThatSyncsOverAndOver)
 {
+    StartedBroker broker;
     RawRequester flood(zmq::socket_type::dealer);
     constexpr int count = 10500;
     for (int number = 0; number < count; ++number)
         flood.send({"", "Sync"});
-    EXPECT_TRUE(reaches("requests.Sync", count));
-    EXPECT_LT(shortestStartOf(5), startWait);
+    EXPECT_TRUE(broker.reaches("requests.Sync", count));
+    EXPECT_LT(broker.shortestStartOf(5), startWait);
 }
