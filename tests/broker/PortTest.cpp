@@ -1,15 +1,21 @@
-// A port whose connections the system has no memory for: in this process.
+// Ports in this process: what they make of a system that has no memory for connections, and what they ask of
+// it.
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
+#include <deque>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "broker/NotifyPort.h"
 #include "broker/PostPort.h"
+#include "broker/RequestPort.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
@@ -100,4 +106,69 @@ TEST_F(PortTest, oneThatBreaksTheProtocolBehindItsHandshakeMakesRoom)
     EXPECT_TRUE(isClosed(breaking));
     EXPECT_FALSE(isClosed(next));
     EXPECT_EQ(port.peers().size(), 1U);
+}
+
+// ------------------------------------------------------------------------------------- options of the system
+
+namespace
+{
+
+int optionOf(int socket, int level, int option)
+{
+    int value = 0;
+    socklen_t size = sizeof(value);
+    EXPECT_EQ(getsockopt(socket, level, option, &value, &size), 0);
+    return value;
+}
+
+// What the system makes of a send buffer of so many bytes.
+int sendBufferOf(std::size_t bytes)
+{
+    const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int value = static_cast<int>(bytes);
+    EXPECT_EQ(setsockopt(probe.number(), SOL_SOCKET, SO_SNDBUF, &value, sizeof(value)), 0);
+    return optionOf(probe.number(), SOL_SOCKET, SO_SNDBUF);
+}
+
+template <class AnyPort>
+void expectNoDelay(AnyPort& port, uint16_t number)
+{
+    const ZmtpPeer peer(number);
+    port.accept(1, Clock::now());
+    ASSERT_EQ(port.peers().size(), 1U);
+    EXPECT_EQ(optionOf(port.peers().front()->descriptor(), IPPROTO_TCP, TCP_NODELAY), 1) << number;
+}
+
+constexpr std::size_t kibi = 1024;
+
+} // namespace
+
+TEST_F(PortTest, nothingWaitsForTheAcknowledgementOfWhatWasSentBefore)
+{
+    const DeviceState state(limits, refusals);
+    RequestPort requestPort(
+        poller, budget, limits, refusals, state, [](RequestConnection&) {}, [](RequestConnection&) {});
+    NotifyPort notifyPort(poller, budget, limits, refusals, state);
+    expectNoDelay(port, ZmtpPeer::postPort);
+    expectNoDelay(requestPort, ZmtpPeer::requestPort);
+    expectNoDelay(notifyPort, ZmtpPeer::notifyPort);
+}
+
+TEST_F(PortTest, theSystemHoldsMuchForEachOfAFewSubscribersAndLittleForEachOfMany)
+{
+    constexpr std::size_t forAll = 16 * kibi * kibi;
+    constexpr std::size_t count = 400;
+    const DeviceState state(limits, refusals);
+    NotifyPort notifyPort(poller, budget, limits, refusals, state);
+    std::deque<ZmtpPeer> subscribers;
+    while (subscribers.size() < count)
+    {
+        subscribers.emplace_back(ZmtpPeer::notifyPort);
+        notifyPort.accept(1, Clock::now());
+        ASSERT_EQ(notifyPort.peers().size(), subscribers.size());
+        const std::size_t bytes = std::min(256 * kibi, forAll / subscribers.size());
+        ASSERT_EQ(optionOf(notifyPort.peers().back()->descriptor(), SOL_SOCKET, SO_SNDBUF),
+                  sendBufferOf(bytes));
+    }
+    EXPECT_LT(sendBufferOf(forAll / count), sendBufferOf(256 * kibi)) << "this system tells nothing";
 }
