@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <stdexcept>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -12,6 +14,7 @@
 #include "benchmarks/micro/BrokerCore.h"
 #include "benchmarks/micro/FanOut.h"
 #include "benchmarks/micro/Samples.h"
+#include "broker/wire/FrameReader.h"
 #include "common/EventAgent.h"
 #include "common/EventDispatcher.h"
 #include "protocol/ClientDocuments.h"
@@ -156,6 +159,30 @@ uint64_t handlePost(unsigned times)
         times);
 }
 
+// Ten at once, as they are received.
+uint64_t readFrame(unsigned times)
+{
+    constexpr unsigned burst = 10;
+    constexpr std::size_t longest = std::size_t{1024} * 1024;
+    const std::string body = Samples::value(1);
+    std::string bytes;
+    for (unsigned i = 0; i < burst; ++i)
+        bytes += std::string(1, '\0') + static_cast<char>(body.size()) + body;
+    FrameReader reader;
+    FrameReader::Item item;
+    return measure(
+        [&](unsigned count)
+        {
+            for (std::string_view rest; count-- != 0;)
+            {
+                rest = rest.empty() ? bytes : rest;
+                if (reader.next(rest, longest, item) != FrameReader::Result::Message)
+                    throw std::logic_error("a frame cannot be read");
+            }
+        },
+        times);
+}
+
 struct Operation
 {
     std::string_view name;
@@ -163,11 +190,9 @@ struct Operation
 };
 
 constexpr Operation operations[] = {
-    {"writePost", writePost},
-    {"handlePost", handlePost},
-    {"readNotification", readNotification},
-    {"fanOut", fanOutToTen},
-    {"fanOutOfManyKeys", fanOutOfManyKeys},
+    {"writePost", writePost},       {"readFrame", readFrame},
+    {"handlePost", handlePost},     {"readNotification", readNotification},
+    {"fanOut", fanOutToTen},        {"fanOutOfManyKeys", fanOutOfManyKeys},
     {"deliverAgent", deliverAgent},
 };
 
