@@ -1,0 +1,103 @@
+// The memory that the broker needs for reading one message, as the kernel counts it: room that is asked for
+// and not used takes none.
+
+#include <fstream>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <string>
+
+#include "protocol/BrokerDocuments.h"
+#include "tests/support/Sanitized.h"
+#include "tests/support/Wait.h"
+
+namespace
+{
+
+using BrokerProtocol::Command;
+
+constexpr std::size_t kibi = 1024;
+constexpr std::size_t mebi = kibi * kibi;
+
+// A sanitizer and an emulator keep memory of their own.
+constexpr bool isTelling = !isSanitized && !isEmulated;
+
+std::size_t memory(const std::string& name)
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;)
+    {
+        std::size_t number = 0;
+        if (word == name && status >> number)
+            return number * kibi;
+    }
+    ADD_FAILURE() << "no " << name;
+    return 0;
+}
+
+// Most memory that `read` needs for a moment, beyond what there was before.
+template <class Read>
+std::size_t peakOf(Read read)
+{
+    malloc_trim(0);                              // what others have let go of
+    std::ofstream("/proc/self/clear_refs") << 5; // forgets the peak so far
+    const std::size_t before = memory("VmRSS:");
+    read();
+    return memory("VmHWM:") - before;
+}
+
+// Distinct names and short values, the last of which may need another reader.
+std::string postOfManyValues(int count, const std::string& last)
+{
+    constexpr int firstName = 10000;
+    std::string members;
+    for (int number = 0; number < count; ++number)
+        members += (number == 0 ? "\"" : ",\"") + std::to_string(firstName + number) + "\":\"" +
+                   std::to_string(number % 10) + '"';
+    return R"({"postStatus":{)" + members + R"(,"last":")" + last + "\"}}";
+}
+
+std::string listOfEmptyNames(int count)
+{
+    std::string names;
+    for (int number = 0; number < count; ++number)
+        names += number == 0 ? R"("")" : R"(,"")";
+    return R"({"resetStatus":[)" + names + "]}";
+}
+
+constexpr int manyValues = 85999;
+
+// Reads it, and returns how much memory that needed beside the message.
+std::size_t peakOfReading(const std::string& post)
+{
+    EXPECT_GT(post.size(), mebi * 95 / 100);
+    Command command;
+    const std::size_t peak = peakOf([&] { EXPECT_TRUE(command.readPost(post)); });
+    EXPECT_EQ(command.members.size(), static_cast<std::size_t>(manyValues) + 1);
+    return isTelling ? peak : 0;
+}
+
+} // namespace
+
+TEST(ReadingMemory, ofAMegabyteOfShortValuesIsAtMostFourTimesItsSizeWithTheMessage)
+{
+    const std::string post = postOfManyValues(manyValues, "1");
+    EXPECT_LE(post.size() + peakOfReading(post), 4 * post.size());
+}
+
+// All texts are copied then.
+TEST(ReadingMemory, ofOneThatHasToBeUnescapedIsAtMostFourTimesItsSize)
+{
+    const std::string post = postOfManyValues(manyValues, R"(\t)");
+    EXPECT_LE(peakOfReading(post), 4 * post.size());
+}
+
+// Each takes three bytes of the message, and sixteen of what is made of it.
+TEST(ReadingMemory, ofNearlyAsManyEmptyNamesAsMayBeIsAtMostTwoMegabytes)
+{
+    constexpr int count = 99999;
+    const std::string list = listOfEmptyNames(count);
+    Command command;
+    const std::size_t peak = peakOf([&] { EXPECT_TRUE(command.readPost(list)); });
+    EXPECT_EQ(command.texts.size(), static_cast<std::size_t>(count));
+    EXPECT_TRUE(!isTelling || peak <= 2 * mebi) << peak;
+}
