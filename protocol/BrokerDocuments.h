@@ -52,8 +52,8 @@ struct Member
     std::string_view value;
 };
 
-/// More members, or list elements, than this are no message of a client.
-constexpr std::size_t mostMembers = 100000;
+/// A message of more members, or list elements, than this is refused: reading it would make others wait.
+constexpr std::size_t mostMembers = 10000;
 
 /// A post or a request as the broker understands it: exactly one member, whose name is an operation's and
 /// whose value has exactly the types that the client writes. The texts stand in the message that was read, or

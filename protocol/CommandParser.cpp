@@ -107,12 +107,14 @@ private:
         return mForm != nullptr && mForm->shape == shape && mDepth == depth;
     }
 
-    // Texts are never longer than the message spells them, so the room that was made for all of them stays
-    // where it is.
+    // Texts are never longer than the message spells them, and it puts quotes around them. So the room that
+    // was made for all of them stays where it is, and there is room for an end of each: no two end at the
+    // same place.
     std::string_view keep(const std::string& text)
     {
         const std::size_t before = mUnescaped.size();
         mUnescaped.insert(mUnescaped.end(), text.begin(), text.end());
+        mUnescaped.push_back('\0');
         return {mUnescaped.data() + before, text.size()};
     }
 

@@ -79,11 +79,12 @@ Attack::Peers unreadingClients(int count, const std::string& request)
 // Nearly as many as one request may name, and nearly as long as one may be.
 std::string requestOfManyNames()
 {
-    constexpr int most = 99000;
+    constexpr int most = 9900;
     constexpr int firstNumber = 1000000;
+    const std::string filler(90, 'x');
     std::string names;
     for (int number = 0; number < most; ++number)
-        names += (number == 0 ? "\"" : ",\"") + std::to_string(firstNumber + number) + '"';
+        names += (number == 0 ? "\"" : ",\"") + std::to_string(firstNumber + number) + filler + "\"";
     return R"({"getClientInfoValues":[)" + names + "]}";
 }
 
