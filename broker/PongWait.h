@@ -20,32 +20,39 @@ public:
     /// More PINGs are not under way at once: the next one goes when an answer has come.
     static constexpr std::size_t mostUnderWay = 8;
 
+    /// More than a socket buffer of small messages: not waiting for so much would hide what its client
+    /// posted.
+    static constexpr std::size_t muchUnread = std::size_t{32} * 1024;
+
     explicit PongWait(TimePoint now) : mPatience(now) {}
 
     /// A barrier is opened, and of what was posted before it not all may have come. Where answers are owed
-    /// for too long, nothing is waited for.
+    /// for too long, nothing is waited for, unless much has arrived and was not read.
     /// @param isForSync only a "Sync" waits for that
+    /// @param unread bytes that have arrived
     /// @param shared patience that all connections together have left
-    void want(uint64_t barrier, bool isForSync, Duration shared, TimePoint now)
+    void want(uint64_t barrier, bool isForSync, std::size_t unread, Duration shared, TimePoint now)
     {
+        mHasGivenUp = mHasGivenUp && unread < muchUnread;
         if (mHasGivenUp)
             return;
+        mUnread = std::max(mUnread, unread);
         mLimit = mPatience.limit(shared, now);
         mIsForSync = isForSync && (mIsForSync || !isLacking());
         mWanted = barrier;
     }
 
-    /// It has sent something that the broker has no time to read now: until read() it is not to blame.
-    void leftUnread() { mIsUnread = true; }
-
-    /// The broker has read from it.
+    /// The broker has read from it. Until it has read all that had arrived when a barrier was opened, the
+    /// connection is not to blame, and is not sent the PING.
     void read(std::size_t bytes, TimePoint now)
     {
         mPatience.received(bytes);
-        if (mIsUnread)
+        if (isUnread())
             mReadAt = now;
-        mIsUnread = false;
+        mUnread -= std::min(mUnread, bytes);
     }
+
+    bool isUnread() const { return mUnread != 0; }
 
     /// The barrier for which a PING is to be sent now; 0: none.
     uint64_t pingDue() const
@@ -54,7 +61,7 @@ public:
         return mWanted > last && mUnderWay.size() < mostUnderWay ? mWanted : 0;
     }
 
-    /// It is sent.
+    /// It is sent, or will be as soon as isUnread() ends.
     void pinged(TimePoint now) { mUnderWay.push_back({mWanted, now, mIsForSync}); }
 
     /// An answer is owed.
@@ -86,13 +93,13 @@ public:
     {
         if (mWanted < barrier || mPonged >= barrier || (mIsForSync && !isSync))
             return TimePoint::min();
-        return opened + (isSync ? Patience::syncFactor : 1) * (mIsUnread ? Patience::longest : mLimit);
+        return opened + (isSync ? Patience::syncFactor : 1) * (isUnread() ? Patience::longest : mLimit);
     }
 
     /// When judge() is to be called.
     TimePoint due() const
     {
-        if (!isAwaited() || mIsUnread)
+        if (!isAwaited() || isUnread())
             return TimePoint::max();
         return oldestAsked() + (mHasDisappointed ? Patience::syncFactor : 1) * mLimit;
     }
@@ -132,7 +139,7 @@ private:
     Duration pay(TimePoint now)
     {
         const TimePoint from = std::max(oldestAsked() + Patience::shortest, mPaidUntil);
-        if (now <= from || mIsUnread)
+        if (now <= from || isUnread())
             return Duration(0);
         const TimePoint endOfQueries = mUnderWay.front().isForSync ? from : oldestAsked() + mLimit;
         const TimePoint middle = std::clamp(endOfQueries, from, now);
@@ -149,8 +156,8 @@ private:
     bool mIsForSync = false;             ///< all that is wanted
     std::deque<UnderWay> mUnderWay;
     TimePoint mPaidUntil{};
-    TimePoint mReadAt{}; ///< after it was left unread
-    bool mIsUnread = false;
+    TimePoint mReadAt{}; ///< the last of what was unread
+    std::size_t mUnread = 0;
     bool mHasDisappointed = false; ///< queries, since the last answer
     bool mHasGivenUp = false;      ///< nothing is waited for until it answers
 };

@@ -22,6 +22,10 @@ constexpr std::size_t turnShare = 8;
 constexpr std::size_t bytesOfAllTurns = std::size_t{1024} * 1024;
 constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 
+// A connection of which reading once takes longer has its turn behind the others: it makes all wait, and many
+// such must not make one wait that posts little.
+constexpr std::chrono::milliseconds heavyTime{3};
+
 // So long a barrier may read itself; the rest is read in turn.
 constexpr std::chrono::milliseconds longestTaking{5};
 
@@ -31,9 +35,6 @@ constexpr std::size_t fewBytes = std::size_t{32} * 1024;
 
 // A subscription to everything, as a message, which every version of the protocol understands.
 constexpr std::string_view subscription = "\0\1\1"sv;
-
-// A post connection that does not show whether posts can arrive delays starting clients for this long.
-constexpr std::chrono::milliseconds longestStartWait{50};
 
 // A peer that does not know PING: its subscription has arrived for sure after this time.
 constexpr std::chrono::milliseconds subscriptionTime{15};
@@ -74,6 +75,7 @@ void PostPort::onAccepted(PostConnection& connection)
 void PostPort::onClose(PostConnection& connection)
 {
     removeFrom(mReady, &connection);
+    removeFrom(mHeavy, &connection);
     removeFrom(mUnread, &connection);
     removeFrom(mTouched, &connection);
     removeFrom(mAwaited, &connection);
@@ -99,19 +101,26 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
 void PostPort::makeReady(PostConnection& connection)
 {
     if (!connection.isReady)
-        mReady.push_back(&connection);
+        (connection.isHeavy ? mHeavy : mReady).push_back(&connection);
     connection.isReady = true;
 }
 
 void PostPort::takePosts(TimePoint end)
 {
     const uint64_t most = mReceived + mLimits.notifyBytes / turnShare;
+    takeSome(mReady, end, most);
+    takeSome(mHeavy, end, most);
+}
+
+// At least one, if there is one.
+void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most)
+{
     do
     {
-        if (mReady.empty())
+        if (connections.empty())
             return;
-        PostConnection& connection = *mReady.front();
-        mReady.pop_front();
+        PostConnection& connection = *connections.front();
+        connections.pop_front();
         connection.isReady = false;
         read(connection, Clock::now());
         update(connection);
@@ -142,14 +151,16 @@ void PostPort::read(PostConnection& connection, TimePoint now)
         else if (const auto context = Ping::pongContext(item.body))
             takePong(connection, *context, bytes.size(), now);
     }
-    if (connection.pingToSend != 0 && count < most)
+    if (connection.pingToSend != 0 && !connection.pongs.isUnread())
         sendPing(connection);
+    connection.isHeavy = Clock::now() - now > heavyTime;
 }
 
 // Its subscription, and behind it the PING whose answer shows that the client has it.
 void PostPort::open(PostConnection& connection)
 {
     noteOpened(connection);
+    connection.startWait.beginAnew();
     connection.send(subscription);
     if (connection.knowsPing())
         connection.sendCommand(Ping::command(subscribedContext));
@@ -222,28 +233,39 @@ void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
     if (!connection.isOpen() || !connection.knowsPing())
         return;
     const bool isAwaited = connection.pongs.isAwaited();
-    connection.pongs.want(mBarrier, isForSync, mPatience.left(now), now);
+    connection.pongs.want(mBarrier, isForSync, connection.arrivals(), mPatience.left(now), now);
     ping(connection, now);
     if (!isAwaited && connection.pongs.isAwaited())
         mAwaited.push_back(&connection);
 }
 
-// From each connection once: where more has come than that, or time or memory is short, a PING finds the end.
+// From each connection once, and from heavy ones last: where more has come than that, or time or memory is
+// short, a PING finds the end.
 void PostPort::takeArrivals(TimePoint now)
 {
-    const TimePoint end = now + longestTaking;
+    std::vector<PostConnection*> light;
+    std::vector<PostConnection*> heavy;
     for (std::size_t count = mArrivals.wait(std::chrono::microseconds(0)), index = 0; index < count; ++index)
     {
-        auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
+        auto* connection = static_cast<PostConnection*>(mArrivals.event(index).owner);
+        (connection->isHeavy ? heavy : light).push_back(connection);
+    }
+    takeArrivals(light, now + longestTaking);
+    takeArrivals(heavy, now + longestTaking);
+}
+
+void PostPort::takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end)
+{
+    for (PostConnection* connection : connections)
+    {
         if (const TimePoint time = Clock::now(); time < end && !mBudget.isExceeded())
         {
-            read(connection, time);
-            update(connection);
+            read(*connection, time);
+            update(*connection);
             continue;
         }
-        connection.pongs.leftUnread();
-        makeReady(connection);
-        mUnread.push_back(&connection);
+        makeReady(*connection);
+        mUnread.push_back(connection);
     }
 }
 
@@ -255,14 +277,14 @@ void PostPort::ping(PostConnection& connection, TimePoint now)
         return;
     connection.pongs.pinged(now);
     connection.pingToSend = barrier;
-    if (!connection.hasArrivals())
+    if (!connection.pongs.isUnread())
         sendPing(connection);
     poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U)); // also where it is paused
 }
 
-// To be called when all that has arrived is read. A client that has ended resets the connection when
-// something comes, and what it has posted last is lost; that it has ended shows only then. It cannot answer,
-// but the end of what it has sent is the end of the wait, too.
+// To be called when all is read that had arrived at the barrier. A client that has ended resets the
+// connection when something comes, and what it has posted last is lost. It cannot answer, but the end of what
+// it has sent is the end of the wait, too.
 void PostPort::sendPing(PostConnection& connection)
 {
     const uint64_t barrier = std::exchange(connection.pingToSend, 0);
@@ -299,16 +321,28 @@ void PostPort::doWhatIsDue(TimePoint now)
 
 // --------------------------------------------------------------------------------------------------- start
 
+// The newest first: an old one is likely to stay silent. Reading one may close it, and put another into its
+// place, which has had its turn.
+void PostPort::readStarting(TimePoint now)
+{
+    const TimePoint end = now + longestTaking;
+    for (std::size_t index = peers().size(); index-- > 0 && Clock::now() < end;)
+    {
+        PostConnection& connection = *peers()[index];
+        if (isSubscribed(connection, now) || connection.startWait.isOver() || connection.arrivals() == 0)
+            continue;
+        read(connection, now);
+        update(connection);
+    }
+}
+
 bool PostPort::areSubscribed(uint64_t arrived, TimePoint now)
 {
     bool are = true;
     for (const auto& connection : peers())
     {
-        if (isSubscribed(*connection, now) || connection->number > arrived)
-            continue;
-        if (!connection->startsWaitSince)
-            connection->startsWaitSince = now;
-        are = are && now - *connection->startsWaitSince >= longestStartWait;
+        if (!isSubscribed(*connection, now) && connection->number <= arrived)
+            are = connection->startWait.look(now) && are;
     }
     return are;
 }

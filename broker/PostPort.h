@@ -11,6 +11,7 @@
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
 #include "broker/PongWait.h"
+#include "broker/StartWait.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
@@ -33,9 +34,10 @@ public:
     // ---- Start. Posts can arrive when the PING behind the subscription is answered.
     uint64_t number = 0; ///< in the order of arrival
     bool isSubscribed = false;
-    std::optional<TimePoint> startsWaitSince; ///< for that
+    StartWait startWait;
 
     bool isReady = false; ///< to be read
+    bool isHeavy = false; ///< reading it took long
 };
 
 /// The port on which posts arrive.
@@ -61,7 +63,7 @@ public:
     void takePosts(TimePoint end);
 
     /// Connections wait to be read.
-    bool hasPosts() const { return !mReady.empty(); }
+    bool hasPosts() const { return !mReady.empty() || !mHeavy.empty(); }
 
     /// Opens a barrier behind all that clients have posted by now, and takes in what has arrived of it.
     /// @param isSync waits also for connections from which only little has come
@@ -73,6 +75,9 @@ public:
 
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
+
+    /// Reads connections that have not shown yet that posts can arrive.
+    void readStarting(TimePoint now);
 
     /// Whether the first posts of the clients can arrive whose post connections are among so many that have
     /// arrived first. A connection that does not show it is waited for only once.
@@ -103,7 +108,9 @@ private:
     void take(FrameReader::Result result, const FrameReader::Item& item);
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeArrivals(TimePoint now);
+    void takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end);
     void makeReady(PostConnection& connection);
+    void takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most);
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void sendPing(PostConnection& connection);
@@ -119,6 +126,7 @@ private:
     uint64_t mLosses = 0;
     uint64_t mReceived = 0;                ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
+    std::deque<PostConnection*> mHeavy;    // behind those
     std::vector<PostConnection*> mUnread;  // something has arrived, and there was no time to read it
     std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
     std::vector<PostConnection*> mAwaited; // whose answer to a PING is

@@ -140,8 +140,9 @@ void Questions::start(TimePoint now)
     mLastLook = now;
     if (!acceptPosts(now))
         return;
+    mPosts.readStarting(now);
     const std::size_t posts = mPosts.subscribed(now);
-    const std::size_t clients = this->clients();
+    const std::size_t clients = this->clients(now);
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
         if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mReturnTime.isOn(now))
@@ -198,8 +199,11 @@ void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts
                   Reply(mayHaveLostPosts ? BrokerProtocol::syncLostWord : BrokerProtocol::syncAckWord));
 }
 
-std::size_t Questions::clients() const
+// Clients from before the broker need not have asked it anything yet, but their post connections count, too.
+std::size_t Questions::clients(TimePoint now) const
 {
+    if (mGate.isYoung(now))
+        return mRequests.openPeers();
     const auto& peers = mRequests.peers();
     return static_cast<std::size_t>(
         std::count_if(peers.begin(), peers.end(), [](const auto& peer) { return peer->hasAsked; }));

@@ -57,7 +57,7 @@ private:
     bool isDuringReturn(const RequestConnection& connection) const;
     void answerOne(RequestConnection& connection);
     void acknowledge(RequestConnection& connection, bool mayHaveLostPosts);
-    std::size_t clients() const;
+    std::size_t clients(TimePoint now) const;
 
     Answerer& mAnswerer;
     Outbox& mOutbox;

@@ -64,10 +64,10 @@ bool Connection::hasPeerEnded() const
     return getInfo(descriptor(), info) && info.tcpi_state == TCP_CLOSE_WAIT;
 }
 
-bool Connection::hasArrivals() const
+std::size_t Connection::arrivals() const
 {
     int bytes = 0;
-    return ioctl(descriptor(), SIOCINQ, &bytes) == 0 && bytes > 0;
+    return ioctl(descriptor(), SIOCINQ, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
 FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,

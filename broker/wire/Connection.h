@@ -39,8 +39,8 @@ public:
     /// The peer has said that nothing more comes, though there may be something to be read.
     bool hasPeerEnded() const;
 
-    /// Something has arrived that is not read.
-    bool hasArrivals() const;
+    /// How many bytes have arrived that are not read.
+    std::size_t arrivals() const;
 
     bool isClosed() const { return !mSocket.isOpen(); }
 

@@ -17,9 +17,9 @@ class PongWaitTest : public testing::Test
 {
 protected:
     // Opens a barrier and sends the PING for it, if it is due.
-    void open(uint64_t barrier, TimePoint now, bool isForSync = false)
+    void open(uint64_t barrier, TimePoint now, bool isForSync = false, std::size_t unread = 0)
     {
-        wait.want(barrier, isForSync, enough, now);
+        wait.want(barrier, isForSync, unread, enough, now);
         if (wait.pingDue() != 0)
             wait.pinged(now);
     }
@@ -88,8 +88,8 @@ TEST_F(PongWaitTest, aPingBehindTheMostUnderWayIsSentWhenAnAnswerHasCome)
 {
     for (uint64_t barrier = 1; barrier <= PongWait::mostUnderWay; ++barrier)
         open(barrier, start);
-    wait.want(20, false, enough, start);
-    wait.want(21, false, enough, start);
+    wait.want(20, false, 0, enough, start);
+    wait.want(21, false, 0, enough, start);
     EXPECT_EQ(wait.pingDue(), 0U);
     EXPECT_EQ(endFor(20, start), start + limit) << "it is waited for";
     EXPECT_TRUE(answer(1, start));
@@ -192,14 +192,18 @@ TEST_F(PongWaitTest, onePeerThatAnswersEachPingLateMakesOthersWaitForALittleOnly
     EXPECT_LE(waited, Patience::wholeShare + 1000 * 2 * Patience::shortest);
 }
 
-TEST_F(PongWaitTest, oneThatWasLeftUnreadIsWaitedForLongerAndDoesNotPayForIt)
+TEST_F(PongWaitTest, oneOfWhichMuchIsUnreadIsWaitedForLongerAndDoesNotPayForIt)
 {
-    wait.leftUnread();
-    open(1, start);
+    constexpr std::size_t unread = 10;
+    open(1, start, false, unread);
     EXPECT_EQ(endFor(1, start), start + Patience::longest);
     EXPECT_EQ(wait.due(), TimePoint::max()) << "it is not to blame";
     EXPECT_EQ(wait.abandon(start + 50ms), 0ms);
-    wait.read(0, start + 50ms);
+    wait.read(unread - 1, start + 40ms);
+    EXPECT_TRUE(wait.isUnread());
+    EXPECT_EQ(endFor(1, start), start + Patience::longest);
+    wait.read(1, start + 50ms);
+    EXPECT_FALSE(wait.isUnread());
     EXPECT_EQ(endFor(1, start), start + limit);
     EXPECT_EQ(wait.due(), start + 50ms + limit);
     answer(1, start + 53ms);
@@ -208,12 +212,13 @@ TEST_F(PongWaitTest, oneThatWasLeftUnreadIsWaitedForLongerAndDoesNotPayForIt)
     EXPECT_EQ(endFor(2, start), start + 2 * limit) << "it answered in time";
 }
 
-TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsNotWaitedForEvenIfItWasLeftUnread)
+TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForOnlyIfMuchHasArrived)
 {
     open(1, start);
     wait.judge(start + 1h);
     wait.judge(start + 1h);
-    wait.leftUnread();
-    open(2, start + 1h);
+    open(2, start + 1h, false, PongWait::muchUnread - 1);
     EXPECT_EQ(endFor(2, start + 1h), notAtAll);
+    open(3, start + 1h, false, PongWait::muchUnread);
+    EXPECT_EQ(endFor(3, start + 1h), start + 1h + Patience::longest);
 }

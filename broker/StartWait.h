@@ -1,0 +1,38 @@
+#ifndef BROKER_STARTWAIT_H
+#define BROKER_STARTWAIT_H
+
+#include "broker/base/Clock.h"
+
+/// How long starting clients wait for one post connection to show that posts can arrive: its handshake, and
+/// then the answer to the PING behind its subscription.
+///
+/// The time alone would not do. A broker that is kept busy by others has looked only once or twice by then,
+/// and the connection could not have shown anything.
+class StartWait
+{
+public:
+    static constexpr std::chrono::milliseconds longest{50};
+    static constexpr int fewestLooks = 5;
+
+    /// Nothing new has come from it. Returns whether it is given up.
+    bool look(TimePoint now)
+    {
+        if (mLooks == 0)
+            mSince = now;
+        ++mLooks;
+        mIsOver = mIsOver || (now - mSince >= longest && mLooks >= fewestLooks);
+        return mIsOver;
+    }
+
+    /// It has completed its handshake, which happens once.
+    void beginAnew() { *this = StartWait(); }
+
+    bool isOver() const { return mIsOver; }
+
+private:
+    TimePoint mSince{};
+    int mLooks = 0;
+    bool mIsOver = false;
+};
+
+#endif
