@@ -65,6 +65,10 @@ Broker::Broker(const Options& options)
       mQuestions(mAnswerer, mOutbox, mPosts, mRequests, mNotify, mState, Clock::now())
 {
     planTasks();
+    // A client whose request arrives has been able to connect its post socket, then.
+    mPosts.listen();
+    mNotify.listen();
+    mRequests.listen();
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
 }

@@ -13,9 +13,10 @@
 /// accepted before have shown that they have their subscription, and until the socket will look again.
 ///
 /// A client connects its post socket before its request socket, so its post connection is among those. But a
-/// client that was there before the broker connects both anew, at times of their own. So there must also be
-/// as many post connections as clients. Some open no post connection: as many as were waited for in vain are
-/// not waited for again, until there have been fewer of them for a while.
+/// client that was there before the broker connects both anew, at times of their own: it tries each 100 to
+/// 200 ms, so at first nobody is answered. There must also be as many post connections as clients. Some open
+/// no post connection: as many as were waited for in vain are not waited for again, until there have been
+/// fewer of them for a while.
 class StartGate
 {
 public:
@@ -28,26 +29,30 @@ public:
     static constexpr std::chrono::milliseconds patienceWhenYoung{500};
     static constexpr std::chrono::seconds youth{2};
 
+    /// Clients from before the broker have connected all their sockets by then.
+    static constexpr std::chrono::milliseconds returnTime{250};
+
     /// How long it is remembered how many post connections are missing for good.
     static constexpr std::chrono::seconds memory{10};
 
     explicit StartGate(TimePoint brokerStart) : mBrokerStart(brokerStart) {}
 
+    bool isYoung(TimePoint now) const { return now - mBrokerStart < youth; }
+
     /// Whether it is to be answered now.
     /// @param asked when its "Sync" was read
     /// @param areSubscribed the post connections accepted before that have their subscription
-    /// @param clients that have asked for anything
+    /// @param clients that have asked for anything; in a young broker, also those that have not asked yet
     /// @param posts post connections with their subscription
     bool opens(TimePoint asked, bool areSubscribed, std::size_t clients, std::size_t posts, TimePoint now)
     {
-        if (!areSubscribed || now - asked < settleTime)
+        if (!areSubscribed || now - asked < settleTime || now - mBrokerStart < returnTime)
             return false;
         const std::size_t missing = clients > posts ? clients - posts : 0;
         forgetSome(missing, now);
         if (missing <= mMissing)
             return true;
-        const bool isYoung = asked - mBrokerStart < youth;
-        const std::chrono::milliseconds limit = isYoung ? patienceWhenYoung : patience;
+        const std::chrono::milliseconds limit = isYoung(asked) ? patienceWhenYoung : patience;
         if (now - asked < limit)
             return false;
         mMissing = missing;

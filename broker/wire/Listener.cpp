@@ -28,7 +28,7 @@ void set(int socket, int level, int option, int value)
 } // namespace
 
 Listener::Listener(uint16_t port, int sendBuffer)
-    : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    : mPort(port), mSocket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
@@ -38,9 +38,14 @@ Listener::Listener(uint16_t port, int sendBuffer)
     if (sendBuffer != 0)
         set(mSocket.number(), SOL_SOCKET, SO_SNDBUF, sendBuffer);
     if (!mSocket.isOpen() ||
-        bind(mSocket.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(mSocket.number(), backlog) != 0)
+        bind(mSocket.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
         fail(port, errno);
+}
+
+void Listener::listen()
+{
+    if (::listen(mSocket.number(), backlog) != 0)
+        fail(mPort, errno);
 }
 
 Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)

@@ -11,9 +11,13 @@
 class Listener
 {
 public:
+    /// Takes the port; connections are refused until listen().
     /// @param sendBuffer bytes that the kernel may hold for a connection that does not read; 0: as usual
     /// @throws std::runtime_error when the port is taken
     Listener(uint16_t port, int sendBuffer);
+
+    /// @throws std::runtime_error when another program does already
+    void listen();
 
     int descriptor() const { return mSocket.number(); }
 
@@ -25,6 +29,7 @@ public:
     std::size_t waiting() const;
 
 private:
+    uint16_t mPort;
     Descriptor mSocket;
 };
 

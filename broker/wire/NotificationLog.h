@@ -86,7 +86,10 @@ private:
     };
 
     std::deque<Message>::const_iterator findMessage(Position position) const;
-    std::size_t indexAt(Position position) const { return static_cast<std::size_t>((position - mBegin) / chunkBytes); }
+    std::size_t indexAt(Position position) const
+    {
+        return static_cast<std::size_t>((position - mBegin) / chunkBytes);
+    }
     Chunk& chunkAt(Position position) { return mChunks[indexAt(position)]; }
     void write(std::string_view bytes);
     void addChunk();

@@ -31,6 +31,13 @@ public:
     /// waiting.
     static constexpr std::size_t fewAtATime = 32;
 
+    /// From now on, connections arrive.
+    void listen()
+    {
+        mListener.listen();
+        mPoller.add(mListener.descriptor(), EPOLLIN, this);
+    }
+
     /// Takes connections that wait. False if no more can be had.
     bool accept(std::size_t count, TimePoint now)
     {
@@ -110,7 +117,6 @@ protected:
     Port(Poller& poller, uint16_t number, Handshake::Kind kind, int sendBuffer)
         : Pollable(Pollable::Kind::Listener), mPoller(poller), mListener(number, sendBuffer), mKind(kind)
     {
-        mPoller.add(mListener.descriptor(), EPOLLIN, this);
     }
 
     virtual ~Port() = default;

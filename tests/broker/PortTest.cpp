@@ -43,6 +43,8 @@ namespace
 class PortTest : public testing::Test
 {
 protected:
+    PortTest() { port.listen(); }
+
     static Descriptor connectToIt()
     {
         Descriptor peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -149,6 +151,8 @@ TEST_F(PortTest, nothingWaitsForTheAcknowledgementOfWhatWasSentBefore)
     RequestPort requestPort(
         poller, budget, limits, refusals, state, [](RequestConnection&) {}, [](RequestConnection&) {});
     NotifyPort notifyPort(poller, budget, limits, refusals, state);
+    requestPort.listen();
+    notifyPort.listen();
     expectNoDelay(port, ZmtpPeer::postPort);
     expectNoDelay(requestPort, ZmtpPeer::requestPort);
     expectNoDelay(notifyPort, ZmtpPeer::notifyPort);
@@ -160,6 +164,7 @@ TEST_F(PortTest, theSystemHoldsMuchForEachOfAFewSubscribersAndLittleForEachOfMan
     constexpr std::size_t count = 400;
     const DeviceState state(limits, refusals);
     NotifyPort notifyPort(poller, budget, limits, refusals, state);
+    notifyPort.listen();
     std::deque<ZmtpPeer> subscribers;
     while (subscribers.size() < count)
     {

@@ -93,3 +93,10 @@ TEST_F(StartGateTest, whatHasNotBeenMissingForAWhileIsWaitedForAgain)
     EXPECT_TRUE(gate.opens(later, true, 3, 3, later + StartGate::settleTime));
     EXPECT_FALSE(gate.opens(later, true, 3, 2, later + StartGate::settleTime));
 }
+
+TEST_F(StartGateTest, nobodyIsAnsweredBeforeClientsOfAnEarlierBrokerCanBeBack)
+{
+    const TimePoint asked = brokerStart + 1ms;
+    EXPECT_FALSE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnTime - 1us));
+    EXPECT_TRUE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnTime));
+}
