@@ -149,6 +149,7 @@ std::size_t Broker::takeEvents(std::chrono::microseconds limit)
 {
     const std::size_t events = mLoop.poller.wait(limit);
     const TimePoint now = Clock::now();
+    mLoop.hasWorked = mLoop.hasWorked || events != 0;
     for (std::size_t index = 0; index < events; ++index)
         dispatch(mLoop.poller.event(index), now);
     return events;
@@ -206,7 +207,7 @@ void Broker::doRound()
     collectClosed();
     const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
     mLoop.rounds.add(static_cast<uint64_t>(taken.count()));
-    if (mLoop.nextTrim == TimePoint::max())
+    if (std::exchange(mLoop.hasWorked, false) && mLoop.nextTrim == TimePoint::max())
         mLoop.nextTrim = begin + trimPause;
 }
 
@@ -214,7 +215,7 @@ void Broker::pauseIntake(TimePoint now)
 {
     const std::size_t limit = mOptions.limits.notifyBytes;
     const bool wasPaused = mPause.isPaused();
-    const bool isPaused = mPause.decide(mNotify.backlog(now), limit, now);
+    const bool isPaused = !mLoop.isEnding && mPause.decide(mNotify.backlog(now), limit, now);
     if (isPaused != wasPaused)
         mPosts.pause(isPaused);
     mNotify.shortenLog(limit, now);
@@ -301,10 +302,13 @@ void Broker::finish()
 {
     mSupervisor.stopping();
     const TimePoint begin = Clock::now();
+    mLoop.isEnding = true; // for slow subscribers, too: posts that are not read now are lost
+    doRound();
     bool isQuiet = false;
     while (!isQuiet && Clock::now() < begin + longestFinish)
     {
-        isQuiet = takeEvents(finishQuiet) == 0;
+        isQuiet = takeEvents(mPosts.hasPosts() ? std::chrono::milliseconds(0) : finishQuiet) == 0;
+        isQuiet = isQuiet && !mPosts.hasPosts();
         doRound();
     }
     mQuestions.answerAll();

@@ -43,6 +43,8 @@ private:
         Pollable interrupt{Pollable::Kind::Interrupt};
         bool isInterrupted = false;
         bool hasNewPosters = false; ///< wait to be accepted
+        bool hasWorked = false;     ///< memory may have been freed
+        bool isEnding = false;
         const TimePoint started = Clock::now();
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();

@@ -116,7 +116,7 @@ private:
     void lackMemory(TimePoint now);
     bool fallBehind(NotifyConnection& connection);
     void moveTo(NotifyConnection& connection, NotificationLog::Position position);
-    void update(NotifyConnection& connection);
+    void update(NotifyConnection& connection) override;
 
     MemoryBudget& mBudget;
     Refusals& mRefusals;

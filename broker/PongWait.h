@@ -93,7 +93,15 @@ public:
     {
         if (mWanted < barrier || mPonged >= barrier || (mIsForSync && !isSync))
             return TimePoint::min();
-        return opened + (isSync ? Patience::syncFactor : 1) * (isUnread() ? Patience::longest : mLimit);
+        const int factor = isSync ? Patience::syncFactor : 1;
+        const TimePoint latest = opened + factor * Patience::longest;
+        return isUnread() ? latest : std::min(latest, std::max(opened, mReadAt) + factor * mLimit);
+    }
+
+    /// Of what had arrived before this barrier not all is read.
+    bool isUnreadBefore(uint64_t barrier) const
+    {
+        return isUnread() && mWanted >= barrier && mPonged < barrier;
     }
 
     /// When judge() is to be called.

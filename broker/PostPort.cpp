@@ -171,14 +171,21 @@ void PostPort::take(FrameReader::Result result, const FrameReader::Item& item)
     if (result == FrameReader::Result::Message)
         return mOnPost(item.body);
     const bool isEndless = result == FrameReader::Result::Endless; // what is behind it is not read
-    mLosses += isEndless ? 1 : 0;
+    if (isEndless)
+        lose();
     mRefusals.reportLong("Post", isEndless, mLimits.messageBytes);
 }
 
 void PostPort::closeForMemory(PostConnection& connection)
 {
-    ++mLosses;
+    lose();
     close(connection);
+}
+
+void PostPort::lose()
+{
+    ++mLosses;
+    mLastLoss = Clock::now();
 }
 
 /// @param behind so many bytes have been read behind it
@@ -300,6 +307,13 @@ TimePoint PostPort::endOfWait(uint64_t barrier, bool isSync, TimePoint opened) c
     return end;
 }
 
+bool PostPort::isUnreadBefore(uint64_t barrier) const
+{
+    return std::any_of(mAwaited.begin(), mAwaited.end(),
+                       [=](const PostConnection* connection)
+                       { return connection->pongs.isUnreadBefore(barrier); });
+}
+
 TimePoint PostPort::due() const
 {
     TimePoint due = Port::due();
@@ -336,15 +350,16 @@ void PostPort::readStarting(TimePoint now)
     }
 }
 
-bool PostPort::areSubscribed(uint64_t arrived, TimePoint now)
+uint64_t PostPort::firstUnsubscribed(uint64_t arrived, TimePoint now)
 {
-    bool are = true;
+    uint64_t first = none;
     for (const auto& connection : peers())
     {
-        if (!isSubscribed(*connection, now) && connection->number <= arrived)
-            are = connection->startWait.look(now) && are;
+        const bool isMissing = connection->number <= arrived && !isSubscribed(*connection, now);
+        if (isMissing && !connection->startWait.look(now))
+            first = std::min(first, connection->number);
     }
-    return are;
+    return first;
 }
 
 std::size_t PostPort::subscribed(TimePoint now) const

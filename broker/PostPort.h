@@ -73,15 +73,20 @@ public:
     /// @param opened when the barrier was
     TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const;
 
+    /// Of what had arrived before the barrier not all is read.
+    bool isUnreadBefore(uint64_t barrier) const;
+
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
     /// Reads connections that have not shown yet that posts can arrive.
     void readStarting(TimePoint now);
 
-    /// Whether the first posts of the clients can arrive whose post connections are among so many that have
-    /// arrived first. A connection that does not show it is waited for only once.
-    bool areSubscribed(uint64_t arrived, TimePoint now);
+    /// The number of the first connection, among so many that have arrived first, of which it is not clear
+    /// yet that posts can arrive; none if there is none. One that does not show it is waited for only once.
+    /// Call it once in a round.
+    uint64_t firstUnsubscribed(uint64_t arrived, TimePoint now);
+    static constexpr uint64_t none = UINT64_MAX;
 
     /// How many connections have shown it.
     std::size_t subscribed(TimePoint now) const;
@@ -93,6 +98,7 @@ public:
     /// a message did not end. Whose those were nobody knows. (What speaks another protocol is closed, too. It
     /// has not posted anything.)
     uint64_t losses() const { return mLosses; }
+    TimePoint lastLoss() const { return mLastLoss; }
 
     /// While it is paused, nothing is read but what a barrier waits for.
     void pause(bool does);
@@ -106,6 +112,7 @@ private:
 
     void open(PostConnection& connection);
     void take(FrameReader::Result result, const FrameReader::Item& item);
+    void lose();
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeArrivals(TimePoint now);
     void takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end);
@@ -114,7 +121,7 @@ private:
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void sendPing(PostConnection& connection);
-    void update(PostConnection& connection);
+    void update(PostConnection& connection) override;
 
     MemoryBudget& mBudget;
     const Limits& mLimits;
@@ -124,6 +131,7 @@ private:
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
     uint64_t mBarrier = 0;
     uint64_t mLosses = 0;
+    TimePoint mLastLoss{};
     uint64_t mReceived = 0;                ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::deque<PostConnection*> mHeavy;    // behind those

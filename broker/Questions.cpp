@@ -75,9 +75,9 @@ void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
             mHasLeftOver = true;
             return;
         }
-        RequestConnection& connection = *each->connection;
+        const Waiting answered = *each;
         each = queue.erase(each);
-        answerOne(connection);
+        answerOne(answered, mPosts.isUnreadBefore(answered.barrier));
         isTimeOver = Clock::now() >= end;
     }
 }
@@ -110,10 +110,12 @@ void Questions::sortNew(TimePoint now)
     }
 }
 
-void Questions::answerOne(RequestConnection& connection)
+// @param isTooEarly the broker has not taken in all posts that had arrived before: a "Sync" is not confirmed
+void Questions::answerOne(const Waiting& each, bool isTooEarly)
 {
-    if (connection.request == BrokerProtocol::syncWord)
-        acknowledge(connection, connection.lossesKnown != mPosts.losses());
+    RequestConnection& connection = *each.connection;
+    if (each.isSync)
+        acknowledge(connection, isTooEarly || connection.lossesKnown != mPosts.losses());
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
@@ -125,8 +127,8 @@ void Questions::answerAll()
     const TimePoint now = Clock::now();
     sortNew(now);
     for (Queue* queue : {&mWaiting, &mDear})
-        for (const auto& each : std::exchange(*queue, {}))
-            answerOne(*each.connection);
+        for (const Waiting& each : std::exchange(*queue, {}))
+            answerOne(each, mPosts.endOfWait(each.barrier, each.isSync, each.opened) > now);
     for (RequestConnection* connection : std::exchange(mStarting, {}))
         acknowledge(*connection, mayHaveLostPosts(*connection));
 }
@@ -143,12 +145,13 @@ void Questions::start(TimePoint now)
     mPosts.readStarting(now);
     const std::size_t posts = mPosts.subscribed(now);
     const std::size_t clients = this->clients(now);
+    const uint64_t firstUnsubscribed = mPosts.firstUnsubscribed(mPosts.accepted(), now);
+    const bool isReturnOver = mNotify.hasSubscribers() || !mReturnTime.isOn(now);
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        if (isDuringReturn(*connection) && !mNotify.hasSubscribers() && mReturnTime.isOn(now))
-            continue;
-        const bool areSubscribed = mPosts.areSubscribed(*connection->postsArrived, now);
-        if (mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
+        const bool areSubscribed = firstUnsubscribed > *connection->postsArrived;
+        if ((isReturnOver || !isDuringReturn(*connection)) &&
+            mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
             startOne(*connection);
     }
 }
@@ -182,13 +185,21 @@ void Questions::startOne(RequestConnection& connection)
 // died with that. A new client says "Sync" at once, and only an old one has subscribed already.
 bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 {
-    return connection.isReturning || (isDuringReturn(connection) && mNotify.hasSubscribers());
+    return connection.isReturning ||
+           ((isDuringReturn(connection) || isSoonAfterLoss(connection)) && mNotify.hasSubscribers());
 }
 
 // Asked while clients of an earlier broker come back.
 bool Questions::isDuringReturn(const RequestConnection& connection) const
 {
     return mOutbox.isRestart() && mReturnTime.isOn(connection.askedAt);
+}
+
+// Asked while those may come back whose posts were lost with a connection that was closed here: their request
+// connections may have been closed, too.
+bool Questions::isSoonAfterLoss(const RequestConnection& connection) const
+{
+    return mPosts.losses() != 0 && connection.askedAt < mPosts.lastLoss() + ReturnTime::length;
 }
 
 void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts)

@@ -55,7 +55,8 @@ private:
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;
     bool isDuringReturn(const RequestConnection& connection) const;
-    void answerOne(RequestConnection& connection);
+    bool isSoonAfterLoss(const RequestConnection& connection) const;
+    void answerOne(const Waiting& each, bool isTooEarly);
     void acknowledge(RequestConnection& connection, bool mayHaveLostPosts);
     std::size_t clients(TimePoint now) const;
 

@@ -104,7 +104,7 @@ void RequestPort::take(RequestConnection& connection, std::string_view bytes, Ti
 void RequestPort::takePong(RequestConnection& connection, std::string_view context, TimePoint now)
 {
     if (context == emptyContext)
-        connection.emptyAnswer.ponged(now);
+        connection.emptyAnswer.ponged(connection.lastArrival(now));
 }
 
 // A request has come.
@@ -122,7 +122,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
         connection.isReturning = isReturning(connection, now);
     connection.hasAsked = true;
     removeFrom(mHeld, &connection);
-    switch (connection.emptyAnswer.asked(now))
+    switch (connection.emptyAnswer.asked(connection.lastArrival(now)))
     {
     case EmptyAnswer::Verdict::Drop:
         return;
@@ -214,14 +214,19 @@ void RequestPort::sendEmptyAnswer(RequestConnection& connection, TimePoint now)
     update(connection);
 }
 
+// Unless it has been asked again, which may wait to be read.
 void RequestPort::releaseHeld(TimePoint now)
 {
     while (!mHeld.empty() && mHeld.front()->emptyAnswer.heldUntil() <= now)
     {
         RequestConnection& connection = *mHeld.front();
-        mHeld.erase(mHeld.begin());
-        connection.emptyAnswer.release();
-        ask(connection);
+        read(connection, now);
+        if (connection.emptyAnswer.isHolding())
+        {
+            removeFrom(mHeld, &connection);
+            connection.emptyAnswer.release();
+            ask(connection);
+        }
         update(connection);
     }
 }
@@ -249,9 +254,9 @@ void RequestPort::sayGoodbye(TimePoint end)
 {
     for (const auto& connection : peers())
         connection->shutDownOutput();
-    const auto isGone = [this](const auto& connection)
+    const auto isGone = [this, end](const auto& connection)
     {
-        while (connection->receive(mBuffer.data(), mBuffer.size()) != 0)
+        while (Clock::now() < end && connection->receive(mBuffer.data(), mBuffer.size()) != 0)
             continue;
         return connection->isDead();
     };

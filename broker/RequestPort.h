@@ -101,7 +101,7 @@ private:
     void sendEmptyAnswer(RequestConnection& connection, TimePoint now);
     void releaseHeld(TimePoint now);
     void send(RequestConnection& connection);
-    void update(RequestConnection& connection);
+    void update(RequestConnection& connection) override;
 
     MemoryBudget& mBudget;
     const Limits& mLimits;

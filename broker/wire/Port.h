@@ -101,7 +101,7 @@ public:
         {
             if (oldest->acceptedAt() + longestHandshake > now)
                 break;
-            close(*oldest);
+            letOpen(*oldest, now);
         }
     }
 
@@ -134,6 +134,9 @@ protected:
 
     /// Reads what it has sent.
     virtual void read(Peer& peer, TimePoint now) = 0;
+
+    /// What follows from that.
+    virtual void update(Peer& peer) = 0;
 
     /// Asks the poller for what a connection waits for now.
     void poll(Peer& peer, uint32_t what)
@@ -183,13 +186,22 @@ private:
     {
         while (Peer* oldest = oldestOpening())
         {
-            read(*oldest, now);
-            if (oldest != oldestOpening() && !oldest->isDead())
-                continue; // it is open now
-            close(*oldest);
-            return true;
+            if (!letOpen(*oldest, now))
+                return true;
         }
         return false;
+    }
+
+    // What it has sent may complete its handshake, and may have waited for long: the broker may have stood
+    // still. If it does not, it is closed. Returns whether it stays.
+    bool letOpen(Peer& peer, TimePoint now)
+    {
+        read(peer, now);
+        if (peer.opening == mOpening.end())
+            update(peer);
+        else
+            close(peer);
+        return !peer.isClosed();
     }
 
     // Out of descriptors or memory: the poller would report the waiting connection without end.

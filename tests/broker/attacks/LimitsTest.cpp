@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "broker/base/Refusals.h"
+#include "protocol/BrokerDocuments.h"
 #include "tests/broker/attacks/Attack.h"
 #include "tests/broker/attacks/UnderAttack.h"
 #include "tests/support/WireFrames.h"
@@ -13,11 +14,13 @@ namespace
 class HeavyPosts : public UnderAttack
 {
 protected:
-    // A post that takes long: each of its members is refused for itself, as there are too many.
+    HeavyPosts() : UnderAttack({"--max-keys=1000"}) {}
+
+    // A post that takes long: as many members as it may have, each of which is refused for itself.
     static std::string post()
     {
         std::string members = "\"\xc3\xa4\":\"\"";
-        for (int number = 0; members.size() < 300 * 1000; ++number)
+        for (std::size_t number = 1; number < BrokerProtocol::mostMembers; ++number)
             members += ",\"" + std::to_string(number) + "\":\"\"";
         return R"({"postStatus":{)" + members + "}}";
     }
