@@ -202,7 +202,7 @@ TEST_F(WatchTest, theCommandCanBeInterrupted)
 
 TEST_F(WatchTest, aTimeOutIsExitCode124)
 {
-    EXPECT_EQ(statusctl({"-t", "200ms", "-q", "watch", "door"}),
+    EXPECT_EQ(statusctl({"-t", "1s", "-q", "watch", "door"}),
               failure(124, "statusctl: watch: the time is over"));
 }
 
