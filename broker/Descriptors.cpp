@@ -7,9 +7,22 @@
 namespace
 {
 
-// For the ports, the state file, the log, and a connection that is just being refused.
-constexpr std::size_t reserve = 100;
+// For the ports, the state file, the log, and a connection that is just being refused: a quarter of the
+// limit, so that a low one is not used up by it, but no less than is needed and no more than can be.
+constexpr std::size_t smallestReserve = 24;
+constexpr std::size_t largestReserve = 100;
 constexpr std::size_t ports = 3;
+
+std::size_t reserveOf(std::size_t limit)
+{
+    return std::clamp(limit / (ports + 1), smallestReserve, largestReserve);
+}
+
+// That connectionsPerPort() needs.
+std::size_t limitFor(std::size_t connectionsPerPort)
+{
+    return ports * connectionsPerPort + std::clamp(connectionsPerPort, smallestReserve, largestReserve);
+}
 
 } // namespace
 
@@ -18,7 +31,7 @@ std::size_t Descriptors::raiseLimit(std::size_t connectionsPerPort)
     constexpr rlim_t usual = 1024; // should the system not tell
     rlimit limit{usual, usual};
     getrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t wanted = ports * connectionsPerPort + reserve;
+    const rlim_t wanted = limitFor(connectionsPerPort);
     if (limit.rlim_cur < wanted)
     {
         limit.rlim_cur = std::min(wanted, limit.rlim_max);
@@ -30,5 +43,6 @@ std::size_t Descriptors::raiseLimit(std::size_t connectionsPerPort)
 
 std::size_t Descriptors::connectionsPerPort(std::size_t limit)
 {
+    const std::size_t reserve = reserveOf(limit);
     return limit <= reserve ? 1 : std::max<std::size_t>(1, (limit - reserve) / ports);
 }
