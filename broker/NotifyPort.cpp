@@ -267,17 +267,17 @@ bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
 // Copies what it wants: its position is always between two messages. What it does not want takes time, too.
 bool NotifyPort::sendMatching(NotifyConnection& connection)
 {
-    std::string begin;
+    std::string copied;
     const NotificationLog::Position turnEnd = connection.position + turnBytes;
-    while (const NotificationLog::Message* message = mLog.messageBehind(connection.position))
+    while (const NotificationLog::Message* message =
+               mLog.messageBehind(connection.position, connection.nextMessage))
     {
         if (connection.position >= turnEnd)
             return connection.flush() && false;
-        begin.clear();
-        mLog.copyBeginning(connection.position, longestPrefix, begin);
-        if (connection.wants(begin))
+        if (connection.wants(mLog.beginning(connection.position, longestPrefix, copied)))
             mLog.copy(connection.position, message->end, connection.output());
         moveTo(connection, message->end);
+        ++connection.nextMessage;
         if (connection.outputBytes() >= turnBytes && !connection.flush())
             return false;
     }

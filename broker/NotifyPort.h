@@ -29,8 +29,10 @@ public:
 
     State state = State::Idle;
     NotificationLog::Position position = 0; ///< Following
-    uint64_t revision = 0;                  ///< Behind: knows the values up to this one
-    uint64_t eventsKnown = 0;               ///< Behind: knows, or cannot want, the events up to this one
+    NotificationLog::Number nextMessage =
+        0;                    ///< Following, some messages: the one at the position, as far as known
+    uint64_t revision = 0;    ///< Behind: knows the values up to this one
+    uint64_t eventsKnown = 0; ///< Behind: knows, or cannot want, the events up to this one
     /// Behind: the value to go on with, if it still has this revision.
     const DeviceState::Value* nextValue = nullptr;
     uint64_t nextValueRevision = 0;

@@ -60,11 +60,26 @@ const NotificationLog::Message& NotificationLog::messageAt(Position position) co
     return message == mMessages.end() ? mLast : *message;
 }
 
-const NotificationLog::Message* NotificationLog::messageBehind(Position position) const
+const NotificationLog::Message* NotificationLog::messageBehind(Position position, Number& number) const
 {
-    const auto message = std::upper_bound(mMessages.begin(), mMessages.end(), position,
-                                          [](Position at, const Message& each) { return at < each.end; });
-    return message == mMessages.end() ? nullptr : &*message;
+    if (!isBehind(position, number))
+    {
+        const auto message = std::upper_bound(mMessages.begin(), mMessages.end(), position,
+                                              [](Position at, const Message& each) { return at < each.end; });
+        number = mFirst + static_cast<Number>(message - mMessages.begin());
+    }
+    const auto index = static_cast<std::size_t>(number - mFirst);
+    return index == mMessages.size() ? nullptr : &mMessages[index];
+}
+
+// Whether messageBehind() a position is the one with this number.
+bool NotificationLog::isBehind(Position position, Number number) const
+{
+    if (number < mFirst || number - mFirst > mMessages.size())
+        return false;
+    const auto index = static_cast<std::size_t>(number - mFirst);
+    return (index == 0 || mMessages[index - 1].end <= position) &&
+           (index == mMessages.size() || position < mMessages[index].end);
 }
 
 std::size_t NotificationLog::pieces(Position from, Position until, iovec* to, std::size_t most) const
@@ -87,17 +102,23 @@ void NotificationLog::copy(Position from, Position until, std::string& to) const
 }
 
 // All of it stands in the first frame.
-void NotificationLog::copyBeginning(Position message, std::size_t most, std::string& to) const
+std::string_view NotificationLog::beginning(Position message, std::size_t most, std::string& copied) const
 {
     constexpr std::size_t longHeader = 9;
     constexpr std::size_t shortHeader = 2;
-    std::string bytes;
-    copy(message, std::min(end(), message + longHeader + most), bytes);
-    const bool isLong = (static_cast<unsigned char>(bytes[0]) & FrameWriter::longFlag) != 0;
-    if (isLong)
-        to.append(bytes, longHeader, most);
-    else
-        to.append(bytes, shortHeader, std::min<std::size_t>(most, static_cast<unsigned char>(bytes[1])));
+    const Position until = std::min(end(), message + longHeader + most);
+    iovec piece{};
+    pieces(message, until, &piece, 1);
+    std::string_view bytes(static_cast<const char*>(piece.iov_base), piece.iov_len);
+    if (bytes.size() != until - message)
+    {
+        copied.clear();
+        copy(message, until, copied);
+        bytes = copied;
+    }
+    if ((static_cast<unsigned char>(bytes[0]) & FrameWriter::longFlag) != 0)
+        return bytes.substr(longHeader, most);
+    return bytes.substr(shortHeader, std::min<std::size_t>(most, static_cast<unsigned char>(bytes[1])));
 }
 
 void NotificationLog::advance(Position from, Position to)
@@ -116,7 +137,7 @@ void NotificationLog::trim()
         mChunks.pop_front();
         mBegin += chunkBytes;
     }
-    while (!mMessages.empty() && mMessages.front().end < mBegin)
+    for (; !mMessages.empty() && mMessages.front().end < mBegin; ++mFirst)
         mMessages.pop_front();
 }
 

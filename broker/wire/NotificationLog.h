@@ -21,6 +21,9 @@ public:
     /// Bytes since the beginning of all.
     using Position = uint64_t;
 
+    /// Of a message, counted from the beginning of all.
+    using Number = uint64_t;
+
     static constexpr std::size_t chunkBytes = std::size_t{64} * 1024;
 
     /// @param revision of the state to which the message brings its readers
@@ -43,13 +46,16 @@ public:
     const Message& messageAt(Position position) const;
 
     /// The message that begins at a position between two, or in which the position is; null at the end.
-    const Message* messageBehind(Position position) const;
+    /// @param number is set to the number of that message, or of the next one to come. If it is that already,
+    ///               nothing is searched.
+    const Message* messageBehind(Position position, Number& number) const;
 
     /// Points to the bytes of a range, or as far as `most` pieces reach. Returns how many there are.
     std::size_t pieces(Position from, Position until, iovec* to, std::size_t most) const;
 
-    /// Copies the beginning of the text of the message that begins at a position.
-    void copyBeginning(Position message, std::size_t most, std::string& to) const;
+    /// The beginning of the text of the message that begins at a position. It is copied only if it lies in
+    /// two chunks.
+    std::string_view beginning(Position message, std::size_t most, std::string& copied) const;
 
     /// Copies the bytes of a range that is there.
     void copy(Position from, Position until, std::string& to) const;
@@ -86,6 +92,7 @@ private:
     };
 
     std::deque<Message>::const_iterator findMessage(Position position) const;
+    bool isBehind(Position position, Number number) const;
     std::size_t indexAt(Position position) const
     {
         return static_cast<std::size_t>((position - mBegin) / chunkBytes);
@@ -99,6 +106,7 @@ private:
     Position mBegin = 0;           ///< of the first chunk
     Position mWritten = 0;         ///< while a message is being written, more than end()
     std::deque<Message> mMessages; ///< but those that end before the first chunk
+    Number mFirst = 0;             ///< of these
     Message mLast{0, 0, 0};
 };
 

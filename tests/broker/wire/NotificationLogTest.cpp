@@ -1,5 +1,6 @@
 #include "broker/wire/NotificationLog.h"
 
+#include <algorithm>
 #include <array>
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@ namespace
 {
 
 using Position = NotificationLog::Position;
+using Number = NotificationLog::Number;
 
 constexpr std::size_t chunk = NotificationLog::chunkBytes;
 
@@ -55,9 +57,38 @@ protected:
 
     std::string beginning(Position message, std::size_t most) const
     {
-        std::string text;
-        log.copyBeginning(message, most, text);
-        return text;
+        std::string copied;
+        return std::string(log.beginning(message, most, copied));
+    }
+
+    // Where the message behind a position ends; 0 if there is none.
+    Position endBehind(Position position) const
+    {
+        Number number = 0;
+        const NotificationLog::Message* message = log.messageBehind(position, number);
+        return message == nullptr ? 0 : message->end;
+    }
+
+    // With a reader at the end of the message in the middle. Returns where each of them ends.
+    std::vector<Position> appendUntilTrimmed(std::size_t count)
+    {
+        std::vector<Position> ends;
+        while (ends.size() < count)
+        {
+            append(std::string(1000, 'x'));
+            ends.push_back(log.end());
+            if (ends.size() == count / 2)
+                log.enter(log.end());
+        }
+        log.trim();
+        return ends;
+    }
+
+    // The first message whose end is there.
+    std::size_t firstHeld(const std::vector<Position>& ends) const
+    {
+        const Position begin = log.endOfOldest() - chunk;
+        return static_cast<std::size_t>(std::lower_bound(ends.begin(), ends.end(), begin) - ends.begin());
     }
 
     NotificationLog log;
@@ -127,10 +158,44 @@ TEST_F(NotificationLogTest, theMessageBehindAPositionBeginsThere)
     append("first");
     const Position first = log.end();
     append("second");
-    EXPECT_EQ(log.messageBehind(0)->end, first);
-    EXPECT_EQ(log.messageBehind(first - 1)->end, first);
-    EXPECT_EQ(log.messageBehind(first)->end, log.end());
-    EXPECT_EQ(log.messageBehind(log.end()), nullptr);
+    EXPECT_EQ(endBehind(0), first);
+    EXPECT_EQ(endBehind(first - 1), first);
+    EXPECT_EQ(endBehind(first), log.end());
+    EXPECT_EQ(endBehind(log.end()), 0U);
+}
+
+TEST_F(NotificationLogTest, theMessageBehindAPositionIsFoundWhateverNumberIsSupposed)
+{
+    const std::vector<Position> ends = appendUntilTrimmed(300);
+    const std::size_t first = firstHeld(ends);
+    ASSERT_GT(first, 0U);
+    for (std::size_t index = first; index < ends.size(); ++index)
+        for (const Number supposed : {Number{0}, Number{index - 1}, Number{index}, Number{index + 1},
+                                      Number{index + 2}, Number{ends.size()}, Number{1} << 40})
+        {
+            Number number = supposed;
+            ASSERT_EQ(log.messageBehind(ends[index] - 1, number)->end, ends[index])
+                << index << ' ' << supposed;
+            ASSERT_EQ(number, index);
+            number = supposed;
+            const NotificationLog::Message* next = log.messageBehind(ends[index], number);
+            ASSERT_EQ(number, index + 1) << supposed;
+            ASSERT_EQ(next == nullptr ? 0 : next->end, index + 1 == ends.size() ? 0 : ends[index + 1]);
+        }
+}
+
+TEST_F(NotificationLogTest, theNumberAtTheEndIsThatOfTheNextMessage)
+{
+    Number number = 0;
+    EXPECT_EQ(log.messageBehind(0, number), nullptr);
+    append("first");
+    const Position first = log.end();
+    EXPECT_EQ(log.messageBehind(0, number)->end, first);
+    EXPECT_EQ(number, 0U);
+    EXPECT_EQ(log.messageBehind(first, number), nullptr);
+    append("second");
+    EXPECT_EQ(log.messageBehind(first, number)->end, log.end());
+    EXPECT_EQ(number, 1U);
 }
 
 TEST_F(NotificationLogTest, anEmptyLogHasNoMessages)
@@ -138,7 +203,7 @@ TEST_F(NotificationLogTest, anEmptyLogHasNoMessages)
     EXPECT_EQ(log.end(), 0U);
     EXPECT_EQ(log.messageAt(0).end, 0U);
     EXPECT_EQ(log.messageAt(0).revision, 0U);
-    EXPECT_EQ(log.messageBehind(0), nullptr);
+    EXPECT_EQ(endBehind(0), 0U);
     EXPECT_EQ(log.endOfOldest(), 0U);
 }
 
@@ -176,6 +241,19 @@ TEST_F(NotificationLogTest, theBeginningOfAMessageMayLieAcrossTwoChunks)
         append("{\"statusUpdate\":{\"k\":\"v\"}}");
         EXPECT_EQ(beginning(message, 16), "{\"statusUpdate\":") << before;
     }
+}
+
+TEST_F(NotificationLogTest, theBeginningOfAMessageIsCopiedOnlyWhereItLiesAcrossTwoChunks)
+{
+    std::string copied = "as before";
+    append("short");
+    EXPECT_EQ(log.beginning(0, 255, copied), "short");
+    EXPECT_EQ(copied, "as before");
+    fillTo(chunk - 10);
+    const Position message = log.end();
+    append("0123456789");
+    EXPECT_EQ(log.beginning(message, 255, copied), "0123456789") << "and nothing of what was there";
+    EXPECT_FALSE(copied.empty());
 }
 
 TEST_F(NotificationLogTest, theBeginningOfALastMessageThatIsShortIsAllOfIt)
