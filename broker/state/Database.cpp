@@ -20,6 +20,13 @@ constexpr const char* lastMoment = "last"; // the name of the only row of its ta
 
 constexpr std::string_view logSuffix = "-wal";
 
+// From so many pages in the log on they are folded into the file. SQLite waits for 1000 by default, some 4
+// MB: a small disk is full before, and then the file cannot grow to take them.
+constexpr int logPages = 100;
+
+// A log that a long transaction has made longer is cut to this length when it is begun anew.
+constexpr int logBytes = 2 * logPages * 4096;
+
 const char* synchronous(StateSync sync)
 {
     switch (sync)
@@ -460,6 +467,8 @@ void Database::getReadyToWrite()
 {
     limitLength(mDatabase.get(), 2 * longestText); // the limits may be raised while it is open
     execute("PRAGMA journal_mode = WAL");          // somebody may have changed it
+    execute("PRAGMA wal_autocheckpoint = " + std::to_string(logPages));
+    execute("PRAGMA journal_size_limit = " + std::to_string(logBytes));
     foldInOnClose(true);
     for (const Table table : allTables)
         mWrite[static_cast<std::size_t>(table)] = prepare(Layout::of(table).writeStatement());
@@ -469,6 +478,7 @@ void Database::getReadyToWrite()
 
 void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
 {
+    foldIn(); // a full disk may have room again when the log is short
     execute("BEGIN IMMEDIATE");
     try
     {
@@ -525,7 +535,7 @@ void Database::writeRow(Table table, Row row)
 }
 
 // Takes what a failed transaction has left in the log out of it: it would look like damage. If that does not
-// work, it is done after the next commit.
+// work, it is tried before and after the next commit.
 void Database::foldIn()
 {
     if (!mHasRemains)

@@ -363,18 +363,38 @@ TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
 namespace
 {
 
-// Runs in a process of its own, whose files cannot grow for a while.
-bool survivesAFullDisk(const std::string& path)
+// From now on the files of this process cannot grow beyond so many bytes, as on a full disk. Returns what
+// held before.
+rlimit limitFiles(rlim_t bytes)
 {
     signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit full{bytes, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    return before;
+}
+
+// Runs it in a process of its own.
+template <typename Use>
+bool holdsInAnotherProcess(Use use)
+{
+    const pid_t child = fork();
+    if (child == 0)
+        _exit(use() ? 0 : 1);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return status == 0;
+}
+
+// The files of its process cannot grow for a while.
+bool survivesAFullDisk(const std::string& path)
+{
     const LogCapture log;
     StateFile file(path, StateSync::Normal, {});
     file.load(thisBoot);
     file.commit(stateOf({{"before", "1"}}), thisBoot);
-    rlimit limit{};
-    getrlimit(RLIMIT_FSIZE, &limit);
-    const rlimit full{100000, limit.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &full);
+    const rlimit limit = limitFiles(100000);
     for (int key = 0; key < 50; ++key)
         file.commit(stateOf({{"key" + std::to_string(key), std::string(10000, 'x')}}), thisBoot);
     if (log.lines().size() != 1 || log.lines()[0].level != 0)
@@ -389,16 +409,56 @@ bool survivesAFullDisk(const std::string& path)
         });
 }
 
+void commitManySmallOnes(StateFile& file)
+{
+    for (int count = 0; count < 2000; ++count)
+        file.commit(stateOf({{"a", std::to_string(count)}}), thisBoot);
+}
+
+bool fitsIn(const std::string& path, rlim_t bytes)
+{
+    limitFiles(bytes);
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    commitManySmallOnes(file);
+    return file.commits() == 2000;
+}
+
+bool goesOnWhenItsLogCannotGrow(const std::string& path, rlim_t bytes)
+{
+    limitFiles(bytes);
+    const LogCapture log;
+    StateFile file(path, StateSync::Normal, {});
+    file.load(thisBoot);
+    commitManySmallOnes(file);
+    if (file.errors() == 0)
+        return false;
+    const uint64_t commits = file.commits();
+    return eventually(
+        [&]
+        {
+            file.commit(stateOf({{"a", "last"}}), thisBoot);
+            return file.commits() > commits;
+        });
+}
+
 } // namespace
+
+TEST_F(StateFileStorageTest, aSmallDiskIsEnough)
+{
+    EXPECT_TRUE(holdsInAnotherProcess([&] { return fitsIn(path, 500000); }));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "1999"}}));
+}
+
+TEST_F(StateFileStorageTest, aLogThatHasFilledTheDiskIsFoldedInAndWritingGoesOn)
+{
+    EXPECT_TRUE(holdsInAnotherProcess([&] { return goesOnWhenItsLogCannotGrow(path, 200000); }));
+    EXPECT_EQ(load().values, (StatusMap{{"a", "last"}}));
+}
 
 TEST_F(StateFileStorageTest, aFullDiskIsToldOnceAndNothingIsForgotten)
 {
-    const pid_t child = fork();
-    if (child == 0)
-        _exit(survivesAFullDisk(path) ? 0 : 1);
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(holdsInAnotherProcess([&] { return survivesAFullDisk(path); }));
     const StatusMap values = load().values;
     EXPECT_EQ(values.size(), 52U);
     EXPECT_EQ(values.at("key49").size(), 10000U);
