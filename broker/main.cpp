@@ -87,6 +87,7 @@ int main(int argc, char** argv)
 {
     signal(SIGPIPE, SIG_IGN); // the reader of the log may go away
     ov_log_never_wait();      // or stop reading
+    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a full disk
     keepMemoryReturnable();
     try
     {

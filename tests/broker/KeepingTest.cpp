@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <set>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include "tests/broker/Messages.h"
@@ -232,4 +233,26 @@ TEST_F(KeepingTest, whatCouldNotBeWrittenIsWrittenWhenItCanBeThoughNothingElseCh
     std::filesystem::create_directory(later);
     EXPECT_TRUE(broker->process().waitForError("is written again"));
     EXPECT_EQ(brokerStatistic(requester, "state.commits"), 1U);
+}
+
+TEST_F(KeepingTest, aFileThatMayNotGrowIsAFullDisk)
+{
+    start();
+    const pid_t process = broker->process().pid();
+    rlimit before{};
+    ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, nullptr, &before), 0);
+    const rlimit full{0, before.rlim_max};
+    ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &full, nullptr), 0);
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(postOf("k", "1"));
+    EXPECT_EQ(valueOf(requester, "k"), reply("1"));
+    ASSERT_TRUE(broker->process().waitForError("what changes is lost when the broker ends"));
+    ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &before, nullptr), 0);
+    EXPECT_TRUE(broker->process().waitForError("is written again"));
+    broker->process().signal(SIGKILL);
+    broker->process().waitForExit();
+    start();
+    RawRequester another;
+    EXPECT_EQ(valueOf(another, "k"), reply("1"));
 }
