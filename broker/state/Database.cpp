@@ -245,6 +245,7 @@ Database::Database(const std::string& path, StateSync sync, std::chrono::millise
                    const Limits& limits)
     : Database(openForWriting(path), limits)
 {
+    mPath = path;
     sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
     // Exclusive: nobody else can hold a lock that the broker would have to wait for.
     execute("PRAGMA locking_mode = EXCLUSIVE", "open");
@@ -256,6 +257,20 @@ Database::Database(const std::string& path, StateSync sync, std::chrono::millise
 }
 
 Database::~Database() = default;
+
+Database::Files Database::filesAt(const std::string& path)
+{
+    Files files;
+    for (std::size_t file = 0; file < files.size(); ++file)
+    {
+        struct stat status
+        {
+        };
+        if (lstat((file == 0 ? path : path + std::string(logSuffix)).c_str(), &status) == 0)
+            files[file] = {status.st_dev, status.st_ino};
+    }
+    return files;
+}
 
 // False if it is a state file. Looks at the log, too, which nobody writes any more now.
 bool Database::isNew(const std::string& path)
@@ -474,6 +489,7 @@ void Database::getReadyToWrite()
         mWrite[static_cast<std::size_t>(table)] = prepare(Layout::of(table).writeStatement());
     mHasRemains = mLog.isBlank;
     foldIn();
+    mFiles = filesAt(mPath);
 }
 
 void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)

@@ -8,6 +8,7 @@
 #include <sqlite3.h>
 #include <stdexcept>
 #include <string>
+#include <sys/types.h>
 
 #include "broker/base/Limits.h"
 #include "broker/state/LogCheck.h"
@@ -76,6 +77,10 @@ public:
     /// Writes all or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
 
+    /// False if somebody has removed or replaced the file, or the log beside it. What is written is lost
+    /// then.
+    bool isInPlace() const { return mFiles == filesAt(mPath); }
+
     /// Leaves the file and the log beside it as they are when it is closed.
     void leaveAsItIs() { foldInOnClose(false); }
 
@@ -92,7 +97,17 @@ private:
 
     class Budget;
 
+    struct FileId // all 0: there is none
+    {
+        dev_t device = 0;
+        ino_t inode = 0;
+
+        bool operator==(const FileId& other) const { return device == other.device && inode == other.inode; }
+    };
+    using Files = std::array<FileId, 2>; // the file and its log
+
     Database(sqlite3* opened, const Limits& limits);
+    static Files filesAt(const std::string& path);
     bool isNew(const std::string& path);
     void create();
     void checkTables();
@@ -118,6 +133,8 @@ private:
     uint64_t numberOf(const char* sql);
 
     const Limits& mLimits;
+    std::string mPath; // if it is open for writing
+    Files mFiles;      // that are open
     std::unique_ptr<sqlite3, Closer> mDatabase;
     bool mIsOpenForWriting = false;
     LogCheck mLog; // as it was found

@@ -188,7 +188,7 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
 
 void StateFile::commitLast(const BootMoment& now)
 {
-    mNextAttempt = TimePoint();
+    mNextAttempt = mNextLook = mNextReplacement = TimePoint();
     commit({}, now);
 }
 
@@ -210,6 +210,8 @@ void StateFile::save(SavedState state)
 
 void StateFile::write(const BootMoment& now)
 {
+    if (mDatabase && Clock::now() >= mNextLook)
+        lookAfterIt(now);
     constexpr int attempts = 2; // the second one into a new file
     for (int attempt = 1; mDatabase && attempt <= attempts; ++attempt)
     {
@@ -222,8 +224,7 @@ void StateFile::write(const BootMoment& now)
         }
         catch (const DatabaseError& error)
         {
-            const bool replaceable = error.isUnreadable() && Clock::now() >= mNextReplacement;
-            if (!replaceable)
+            if (!error.isUnreadable() || !mayMoveAside())
                 return failed(error.what());
             replace(error.what(), now);
         }
@@ -261,6 +262,7 @@ void StateFile::failed(const std::string& reason)
 void StateFile::missed()
 {
     mStage = Stage::Missed;
+    mDatabase.reset();
 }
 
 void StateFile::dropped()
@@ -354,7 +356,7 @@ void StateFile::reopen(const BootMoment& now)
     if (isMissed && found.database && !found.isSaved && !found.contents->state.empty())
     {
         found = Found();
-        if (moveAside("cannot be read (not in time: the broker has begun without it)"))
+        if (moveAside("is not what the broker goes on with"))
             found = open(none, now);
     }
     if (!found.database)
@@ -368,14 +370,39 @@ void StateFile::reopen(const BootMoment& now)
 // The file that is open has turned out to be unreadable.
 void StateFile::replace(const std::string& reason, const BootMoment& now)
 {
-    // A storage that damages all that is written to it is not filled with what is moved aside.
-    constexpr std::chrono::hours pause{1};
-    mNextReplacement = Clock::now() + pause;
     ++mErrors;
     mDatabase->leaveAsItIs();
     dropped();
     if (moveAside("cannot be read (" + reason + ')'))
         reopen(now);
+}
+
+// Writing to a file that has been removed or replaced goes on to work, so nothing else tells.
+void StateFile::lookAfterIt(const BootMoment& now)
+{
+    constexpr std::chrono::seconds pause{1}; // rather than with every commit
+    mNextLook = Clock::now() + pause;
+    if (mDatabase->isInPlace())
+        return;
+    mDatabase->leaveAsItIs();
+    failed("removed or replaced while it is in use");
+    missed();
+    const bool hasSuccessor = isTaken(mPath) || isTaken(mPath + "-wal");
+    if (hasSuccessor && !mayMoveAside())
+        mNextAttempt = mNextReplacement;
+    else
+        reopen(now);
+}
+
+// Once an hour: a storage that damages all that is written to it, and a program that replaces the file over
+// and over, must not fill the disk with what is moved aside.
+bool StateFile::mayMoveAside()
+{
+    constexpr std::chrono::hours pause{1};
+    if (Clock::now() < mNextReplacement)
+        return false;
+    mNextReplacement = Clock::now() + pause;
+    return true;
 }
 
 // False if that cannot be done.

@@ -29,8 +29,9 @@ struct BootMoment
 ///
 /// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read, or that is
 /// damaged, is moved aside and never overwritten, also when that shows only later; then what is good, or all
-/// that the broker holds by then, is written to a new one. Where nothing can be written, that is logged,
-/// tried again, and logged when it works again; what has not been written is remembered until then.
+/// that the broker holds by then, is written to a new one. So it is when somebody removes or replaces the
+/// file while it is in use. Where nothing can be written, that is logged, tried again, and logged when it
+/// works again; what has not been written is remembered until then.
 class StateFile
 {
 public:
@@ -62,7 +63,7 @@ public:
     /// begun.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
-    /// The last one. It also tries what has failed just now.
+    /// The last one. It also looks after the file, and tries what has failed just now.
     void commitLast(const BootMoment& now = BootMoment::now());
 
     /// Whether something that has changed is still to be written: the next commit tries.
@@ -113,6 +114,8 @@ private:
     std::optional<Database::Contents> readOnly(const BootMoment& now) const;
     void reopen(const BootMoment& now);
     void replace(const std::string& reason, const BootMoment& now);
+    void lookAfterIt(const BootMoment& now);
+    bool mayMoveAside();
     bool moveAside(const std::string& problem, const std::string& outcome = "");
     void save(SavedState state);
     void stopTimers(Database::Contents& contents, const BootMoment& now);
@@ -129,7 +132,8 @@ private:
     std::unique_ptr<Database> mDatabase; // while it is Serving or Failing
     SavedState mPending;                 // changed and not written yet
     TimePoint mNextAttempt{};            // of what has failed
-    TimePoint mNextReplacement{};        // of a file that turns out to be unreadable while it is used
+    TimePoint mNextLook{};               // for whether it is still there
+    TimePoint mNextReplacement{};        // of a file that is damaged or replaced while it is used
     bool mIsOfThisBoot = false;
     uint64_t mCommits = 0;
     uint64_t mErrors = 0;

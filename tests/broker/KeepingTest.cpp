@@ -222,6 +222,33 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
     EXPECT_EQ(afterwards.ask(R"({"getCounterValue":"c"})"), "5");
 }
 
+TEST_F(KeepingTest, whatIsRemovedWhileItServesIsWrittenAnew)
+{
+    start();
+    RawPoster poster;
+    RawRequester requester;
+    poster.post(postOf("before", "1"));
+    EXPECT_EQ(valueOf(requester, "before"), reply("1"));
+    std::filesystem::remove(folder / "state");
+    std::filesystem::remove(folder / "state-wal");
+    std::string after;
+    const bool isWritten = eventually( // it looks with changes, once a second
+        [&]
+        {
+            after += 'x';
+            poster.post(postOf("after", after));
+            return valueOf(requester, "after") == reply(after) && std::filesystem::exists(folder / "state");
+        });
+    EXPECT_TRUE(isWritten);
+    broker->process().signal(SIGKILL);
+    broker->process().waitForExit();
+
+    start();
+    RawRequester afterwards;
+    EXPECT_EQ(valueOf(afterwards, "before"), reply("1"));
+    EXPECT_EQ(valueOf(afterwards, "after"), reply(after));
+}
+
 TEST_F(KeepingTest, whatCouldNotBeWrittenIsWrittenWhenItCanBeThoughNothingElseChanges)
 {
     const std::string later = folder / "later";
