@@ -35,8 +35,9 @@ constexpr std::size_t perValue = 32;
 // Sent of those to one subscriber before the others have their turn.
 constexpr std::size_t turnBytes = std::size_t{256} * 1024;
 
-// How long subscribers that cost more have their turn.
+// How long subscribers that cost more have their turn, and how long followers of everything wait meanwhile.
 constexpr std::chrono::milliseconds flushTurn{5};
+constexpr std::chrono::microseconds flushSlice{500};
 
 // How long one that was closed for want of memory may take to come back. What the kernel held for it is lost,
 // too, so nobody knows what it knows.
@@ -198,10 +199,24 @@ void NotifyPort::flushFollowers(TimePoint now)
     }
 }
 
+// Where there are many subscribers, the kernel holds little for each, and one that reads all the time has
+// room again soon. It is not worth asking those that have stopped.
+void NotifyPort::refillFollowers(TimePoint now)
+{
+    for (const auto& connection : peers())
+    {
+        if (connection->followsAll() && now - connection->tookAt < progressTime)
+            connection->isFull = false;
+    }
+    flushFollowers(now);
+}
+
 void NotifyPort::flushOthers(TimePoint now)
 {
     mHasLeftOver = false;
-    const TimePoint end = Clock::now() + flushTurn;
+    TimePoint time = Clock::now();
+    const TimePoint end = time + flushTurn;
+    TimePoint sliceEnd = time + flushSlice;
     const std::size_t count = peers().size();
     for (std::size_t looked = 0; looked < count && !mHasLeftOver; ++looked)
     {
@@ -211,8 +226,15 @@ void NotifyPort::flushOthers(TimePoint now)
         {
             send(connection, now);
             update(connection);
+            time = Clock::now();
+            if (time >= sliceEnd)
+            {
+                refillFollowers(time);
+                time = Clock::now();
+                sliceEnd = time + flushSlice;
+            }
             // If one has gone, another has its place.
-            mHasLeftOver = peers().size() != count || Clock::now() >= end;
+            mHasLeftOver = peers().size() != count || time >= end;
         }
         ++mNext;
     }
@@ -297,9 +319,11 @@ bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
             return true;
         }
         looked += collectMissed(connection, value);
+        const bool hadOutput = connection.hasOutput();
         if (!connection.flush())
             return false;
-        connection.tookAt = now;
+        if (hadOutput)
+            connection.tookAt = now;
     }
     return false;
 }

@@ -66,7 +66,8 @@ public:
     void publish(std::string_view message, uint64_t revision, uint64_t events);
 
     /// Sends every subscriber what it lacks, as far as the kernel takes it. Subscribers that are behind, or
-    /// want only some messages, cost more; they have their turn one after another for a limited time.
+    /// want only some messages, cost more; they have their turn one after another for a limited time. In
+    /// between, the others are sent what they have room for by then.
     void flush(TimePoint now);
 
     /// When flush() is to be called although nothing has come.
@@ -105,6 +106,7 @@ private:
     void subscribe(NotifyConnection& connection, std::string_view prefix, TimePoint now);
     void cancel(NotifyConnection& connection, std::string_view prefix);
     void flushFollowers(TimePoint now);
+    void refillFollowers(TimePoint now);
     void flushOthers(TimePoint now);
     bool isToBeSent(const NotifyConnection& connection) const;
     void send(NotifyConnection& connection, TimePoint now);
