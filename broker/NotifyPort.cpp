@@ -20,12 +20,6 @@ constexpr std::size_t bufferBytes = 4096;
 constexpr std::size_t mostPrefixes = 16;
 constexpr std::size_t longestPrefix = 255;
 
-// What the kernel holds for a subscriber: much for a few, so that each is woken seldom, and little for many.
-// The kernel doubles the number, and takes twice as much for its own purposes.
-constexpr std::size_t largestSendBuffer = std::size_t{256} * 1024;
-constexpr std::size_t smallestSendBuffer = std::size_t{16} * 1024;
-constexpr std::size_t allSendBuffers = std::size_t{16} * 1024 * 1024;
-
 // Values that a subscriber missed go out in messages of about this size.
 constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 
@@ -76,9 +70,8 @@ NotifyPort::NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limit
 
 void NotifyPort::onAccepted(NotifyConnection& connection)
 {
-    const int bytes =
-        static_cast<int>(std::clamp(allSendBuffers / peers().size(), smallestSendBuffer, largestSendBuffer));
-    setsockopt(connection.descriptor(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+    resizeBuffers(peers().size());
+    resizeBuffer(connection);
     mLimit.added(peers().size(), connection.acceptedAt());
 }
 
@@ -88,6 +81,45 @@ void NotifyPort::onClose(NotifyConnection& connection)
         mLog.leave(connection.position);
     connection.state = NotifyConnection::State::Idle;
     mBudget.update(connection.accounted, 0);
+    mReaders -= connection.isReader ? 1 : 0;
+    connection.isReader = false;
+    resizeBuffers(peers().size() - 1);
+}
+
+// --------------------------------------------------------------------------------------- the kernel's memory
+
+void NotifyPort::resizeBuffers(std::size_t subscribers)
+{
+    if (!mSendBuffers.update(subscribers, mReaders))
+        return;
+    for (const auto& connection : peers())
+        resizeBuffer(*connection);
+}
+
+void NotifyPort::resizeBuffer(NotifyConnection& connection) const
+{
+    const std::size_t size = mSendBuffers.size(connection.isReader);
+    if (connection.sendBuffer == size)
+        return;
+    const int bytes = static_cast<int>(size);
+    setsockopt(connection.descriptor(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+    connection.sendBuffer = size;
+}
+
+// When it is closed, the kernel holds nothing more for it, which it would for minutes if the peer has
+// stopped.
+void NotifyPort::dropOutput(NotifyConnection& connection)
+{
+    const linger none{1, 0};
+    setsockopt(connection.descriptor(), SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+}
+
+void NotifyPort::noteReading(NotifyConnection& connection)
+{
+    connection.isReader = true;
+    ++mReaders;
+    resizeBuffers(peers().size());
+    resizeBuffer(connection);
 }
 
 // ------------------------------------------------------------------------------------------- subscriptions
@@ -110,7 +142,7 @@ void NotifyPort::read(NotifyConnection& connection, TimePoint now)
     std::string_view bytes(mBuffer.data(), count);
     if (count != 0 && !finishMessage(connection)) // a PONG must not get into it
     {
-        lackMemory(now);
+        lackMemory(connection, now);
         return connection.kill();
     }
     FrameReader::Item item;
@@ -258,6 +290,16 @@ bool NotifyPort::isToBeSent(const NotifyConnection& connection) const
 
 void NotifyPort::send(NotifyConnection& connection, TimePoint now)
 {
+    const uint64_t before = connection.movedBytes();
+    connection.isFull = !sendWhatItLacks(connection, now);
+    if (connection.hasBeenFull && !connection.isReader && connection.movedBytes() != before)
+        noteReading(connection);
+    connection.hasBeenFull = connection.hasBeenFull || connection.isFull;
+}
+
+// False if it takes no more for now.
+bool NotifyPort::sendWhatItLacks(NotifyConnection& connection, TimePoint now)
+{
     const std::size_t before = connection.outputBytes();
     bool isDone = connection.flush();
     if (connection.outputBytes() != before)
@@ -266,7 +308,7 @@ void NotifyPort::send(NotifyConnection& connection, TimePoint now)
         isDone = sendMissed(connection, now);
     if (isDone && connection.state == NotifyConnection::State::Following)
         isDone = connection.wantsAll() ? sendLog(connection, now) : sendMatching(connection);
-    connection.isFull = !isDone;
+    return isDone;
 }
 
 bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
@@ -419,7 +461,7 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
             ++mFallenBehind;
             if (!fallBehind(connection))
             {
-                lackMemory(now);
+                lackMemory(connection, now);
                 close(connection);
             }
         }
@@ -430,12 +472,14 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
 
 void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)
 {
+    dropOutput(connection);
     mCatchUp.disconnected(0, now, closedMemory);
     close(connection);
 }
 
-void NotifyPort::lackMemory(TimePoint now)
+void NotifyPort::lackMemory(NotifyConnection& connection, TimePoint now)
 {
+    dropOutput(connection);
     mRefusals.report(Refusal::Memory, "Closing a subscriber in the middle of a message, %zu bytes held",
                      mBudget.held());
     mCatchUp.disconnected(0, now, closedMemory);

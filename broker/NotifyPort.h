@@ -8,6 +8,7 @@
 #include "broker/CatchUp.h"
 #include "broker/ConnectionLimit.h"
 #include "broker/MemoryBudget.h"
+#include "broker/SendBuffers.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
@@ -39,6 +40,9 @@ public:
     std::vector<std::string> prefixes; ///< of the messages that it wants; as subscribed, also twice
     bool isFull = false;               ///< the kernel takes no more until it says so
     TimePoint tookAt{};                ///< when it last took something
+    bool hasBeenFull = false;
+    bool isReader = false;      ///< took more after it had been full
+    std::size_t sendBuffer = 0; ///< that the kernel was asked for
 
     bool followsAll() const { return state == State::Following && wantsAll(); }
     bool wantsAll() const { return prefixes.size() == 1 && prefixes.front().empty(); }
@@ -110,6 +114,10 @@ private:
     void flushOthers(TimePoint now);
     bool isToBeSent(const NotifyConnection& connection) const;
     void send(NotifyConnection& connection, TimePoint now);
+    bool sendWhatItLacks(NotifyConnection& connection, TimePoint now);
+    void noteReading(NotifyConnection& connection);
+    void resizeBuffers(std::size_t subscribers);
+    void resizeBuffer(NotifyConnection& connection) const;
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
     bool sendMissed(NotifyConnection& connection, TimePoint now);
@@ -117,7 +125,8 @@ private:
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);
     bool finishMessage(NotifyConnection& connection);
-    void lackMemory(TimePoint now);
+    void lackMemory(NotifyConnection& connection, TimePoint now);
+    static void dropOutput(NotifyConnection& connection);
     bool fallBehind(NotifyConnection& connection);
     void moveTo(NotifyConnection& connection, NotificationLog::Position position);
     void update(NotifyConnection& connection) override;
@@ -127,6 +136,8 @@ private:
     const DeviceState& mState;
     ConnectionLimit mLimit;
     CatchUp mCatchUp;
+    SendBuffers mSendBuffers;
+    std::size_t mReaders = 0;
     NotificationLog mLog;
     std::size_t mLogCounted = 0;
     uint64_t mPublished = 0;

@@ -1,11 +1,11 @@
 // Ports in this process: what they make of a system that has no memory for connections, and what they ask of
 // it.
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <deque>
 #include <gtest/gtest.h>
+#include <memory>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/epoll.h>
@@ -123,15 +123,6 @@ int optionOf(int socket, int level, int option)
     return value;
 }
 
-// What the system makes of a send buffer of so many bytes.
-int sendBufferOf(std::size_t bytes)
-{
-    const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const int value = static_cast<int>(bytes);
-    EXPECT_EQ(setsockopt(probe.number(), SOL_SOCKET, SO_SNDBUF, &value, sizeof(value)), 0);
-    return optionOf(probe.number(), SOL_SOCKET, SO_SNDBUF);
-}
-
 template <class AnyPort>
 void expectNoDelay(AnyPort& port, uint16_t number)
 {
@@ -140,8 +131,6 @@ void expectNoDelay(AnyPort& port, uint16_t number)
     ASSERT_EQ(port.peers().size(), 1U);
     EXPECT_EQ(optionOf(port.peers().front()->descriptor(), IPPROTO_TCP, TCP_NODELAY), 1) << number;
 }
-
-constexpr std::size_t kibi = 1024;
 
 } // namespace
 
@@ -158,22 +147,220 @@ TEST_F(PortTest, nothingWaitsForTheAcknowledgementOfWhatWasSentBefore)
     expectNoDelay(notifyPort, ZmtpPeer::notifyPort);
 }
 
-TEST_F(PortTest, theSystemHoldsMuchForEachOfAFewSubscribersAndLittleForEachOfMany)
+// ------------------------------------------------------------------------------------------------
+// subscribers
+
+namespace
 {
-    constexpr std::size_t forAll = 16 * kibi * kibi;
+
+// How often something has been sent to a connection from a log.
+int watchedSocket = -1;
+int timesSent = 0;
+
+} // namespace
+
+// In place of the system's.
+extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags)
+{
+    timesSent += socket == watchedSocket ? 1 : 0;
+    return syscall(SYS_sendmsg, socket, message, flags);
+}
+
+namespace
+{
+
+class SubscribersTest : public PortTest
+{
+protected:
+    SubscribersTest() { notifyPort.listen(); }
+
+    struct Subscriber
+    {
+        std::unique_ptr<ZmtpPeer> peer;
+        NotifyConnection* connection;
+    };
+
+    // That says nothing yet.
+    Subscriber connectOne()
+    {
+        auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::notifyPort);
+        notifyPort.accept(1, Clock::now());
+        return {std::move(peer), notifyPort.peers().back().get()};
+    }
+
+    Subscriber subscribe(const std::vector<std::string>& prefixes)
+    {
+        Subscriber subscriber = connectOne();
+        EXPECT_TRUE(subscriber.peer->shakeHands());
+        for (const std::string& prefix : prefixes)
+            subscriber.peer->write(ZmtpPeer::subscribe(prefix));
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                notifyPort.serve(*subscriber.connection, EPOLLIN, Clock::now());
+                return subscriber.connection->prefixes.size() == prefixes.size();
+            }));
+        return subscriber;
+    }
+
+    static int sendBufferOf(const NotifyConnection& connection)
+    {
+        return optionOf(connection.descriptor(), SOL_SOCKET, SO_SNDBUF);
+    }
+
+    // What the system makes of a send buffer of so many bytes.
+    static int sendBufferFor(std::size_t bytes)
+    {
+        const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        const int value = static_cast<int>(bytes);
+        EXPECT_EQ(setsockopt(probe.number(), SOL_SOCKET, SO_SNDBUF, &value, sizeof(value)), 0);
+        return optionOf(probe.number(), SOL_SOCKET, SO_SNDBUF);
+    }
+
+    std::size_t allSendBuffers() const
+    {
+        std::size_t sum = 0;
+        for (const auto& connection : notifyPort.peers())
+            sum += static_cast<std::size_t>(sendBufferOf(*connection));
+        return sum;
+    }
+
+    void publish(std::size_t messages, std::size_t bytes)
+    {
+        for (; messages != 0; --messages)
+            notifyPort.publish(std::string(bytes, 'x'), 0, 0);
+    }
+
+    // How often a follower of everything that reads nothing is sent something in one flush.
+    // @param now when it last took something
+    int timesSentToAFollower(TimePoint now)
+    {
+        const Subscriber follower = subscribe({""});
+        publish(64, 60000); // more than the system holds for it
+        follower.connection->tookAt = now;
+        watchedSocket = follower.connection->descriptor();
+        timesSent = 0;
+        notifyPort.flush(now);
+        watchedSocket = -1;
+        notifyPort.close(*follower.connection);
+        return timesSent;
+    }
+
+    const int large = sendBufferFor(SendBuffers::largest);
+    DeviceState state{limits, refusals};
+    NotifyPort notifyPort{poller, budget, limits, refusals, state};
+};
+
+} // namespace
+
+TEST_F(SubscribersTest, theSystemHoldsMuchForEachOfAFewAndNoMoreThanABoundForAll)
+{
+    constexpr std::size_t forAll = std::size_t{16} * 1024 * 1024;
     constexpr std::size_t count = 400;
-    const DeviceState state(limits, refusals);
-    NotifyPort notifyPort(poller, budget, limits, refusals, state);
-    notifyPort.listen();
     std::deque<ZmtpPeer> subscribers;
     while (subscribers.size() < count)
     {
         subscribers.emplace_back(ZmtpPeer::notifyPort);
         notifyPort.accept(1, Clock::now());
         ASSERT_EQ(notifyPort.peers().size(), subscribers.size());
-        const std::size_t bytes = std::min(256 * kibi, forAll / subscribers.size());
-        ASSERT_EQ(optionOf(notifyPort.peers().back()->descriptor(), SOL_SOCKET, SO_SNDBUF),
-                  sendBufferOf(bytes));
+        ASSERT_LE(allSendBuffers(), forAll) << subscribers.size();
+        if (subscribers.size() <= 16)
+        {
+            ASSERT_EQ(sendBufferOf(*notifyPort.peers().back()), large);
+        }
     }
-    EXPECT_LT(sendBufferOf(forAll / count), sendBufferOf(256 * kibi)) << "this system tells nothing";
+    EXPECT_LT(sendBufferOf(*notifyPort.peers().front()), large);
+}
+
+TEST_F(SubscribersTest, theSystemHoldsMuchAgainForTheRestWhenManyHaveLeft)
+{
+    std::deque<ZmtpPeer> subscribers;
+    while (subscribers.size() < 100)
+    {
+        subscribers.emplace_back(ZmtpPeer::notifyPort);
+        notifyPort.accept(1, Clock::now());
+    }
+    EXPECT_LT(sendBufferOf(*notifyPort.peers().front()), large);
+    while (notifyPort.peers().size() > 10)
+        notifyPort.close(*notifyPort.peers().back());
+    notifyPort.collect();
+    for (const auto& connection : notifyPort.peers())
+        EXPECT_EQ(sendBufferOf(*connection), large);
+}
+
+TEST_F(SubscribersTest, theSystemHoldsMuchForEachThatReadsAmongManyHoweverManyDidBefore)
+{
+    std::deque<ZmtpPeer> others;
+    while (others.size() < 300)
+    {
+        others.emplace_back(ZmtpPeer::notifyPort);
+        notifyPort.accept(1, Clock::now());
+    }
+    const Subscriber stopped = subscribe({""});
+    for (int count = 0; count < 20; ++count)
+    {
+        const Subscriber reader = subscribe({""});
+        publish(20, 60000);
+        notifyPort.flush(Clock::now());
+        EXPECT_TRUE(reader.connection->isFull);
+        EXPECT_LT(sendBufferOf(*reader.connection), large) << "it has not read yet";
+        ASSERT_TRUE(eventually(
+            [&]
+            {
+                reader.peer->read(60000, std::chrono::milliseconds(0));
+                notifyPort.serve(*reader.connection, EPOLLOUT, Clock::now());
+                notifyPort.flush(Clock::now());
+                return sendBufferOf(*reader.connection) == large;
+            }))
+            << count;
+        notifyPort.close(*reader.connection);
+    }
+    EXPECT_LT(sendBufferOf(*stopped.connection), large);
+}
+
+TEST_F(SubscribersTest, aFollowerIsSentMoreWhileOthersLookForWhatTheyWant)
+{
+    const int alone = timesSentToAFollower(Clock::now());
+    EXPECT_GT(alone, 0);
+    std::vector<std::string> prefixes;
+    while (prefixes.size() < 16)
+        prefixes.emplace_back(200, static_cast<char>('a' + prefixes.size()));
+    std::vector<Subscriber> others;
+    while (others.size() < 50)
+        others.push_back(subscribe(prefixes));
+    publish(300000, 10);
+    EXPECT_GT(timesSentToAFollower(Clock::now()), alone);
+
+    for (const Subscriber& other : others)
+        notifyPort.serve(*other.connection, EPOLLOUT, Clock::now());
+    EXPECT_EQ(timesSentToAFollower(Clock::now() - std::chrono::seconds(10)), alone) << "it has stopped";
+}
+
+TEST_F(SubscribersTest, oneThatIsSentNothingIsNotWaitedFor)
+{
+    const TimePoint now = Clock::now();
+    for (char name = 'a'; name < 'k'; ++name)
+        state.post({{std::string_view(&name, 1), "value"}});
+    notifyPort.catchUp().disconnected(0, now, std::chrono::seconds(30));
+    const Subscriber subscriber = subscribe({"unlike any"});
+    ASSERT_EQ(subscriber.connection->state, NotifyConnection::State::Following);
+    publish(1, 10);
+    EXPECT_EQ(notifyPort.backlog(now), 0U);
+
+    notifyPort.catchUp().disconnected(0, now, std::chrono::seconds(30));
+    const Subscriber taking = subscribe({"{\"statusUpdate\""});
+    ASSERT_EQ(taking.connection->state, NotifyConnection::State::Following);
+    publish(1, 10);
+    EXPECT_GT(notifyPort.backlog(now), 0U);
+}
+
+TEST_F(SubscribersTest, theSystemHoldsNothingForOneThatWasClosedForWantOfMemory)
+{
+    const Subscriber subscriber = subscribe({""});
+    publish(200, 60000);
+    notifyPort.flush(Clock::now());
+    notifyPort.closeForMemory(*subscriber.connection, Clock::now());
+    pollfd polled{subscriber.peer->descriptor(), POLLIN, 0};
+    EXPECT_EQ(poll(&polled, 1, 0), 1);
+    EXPECT_NE(polled.revents & POLLERR, 0) << "nothing more comes, nor the end behind it";
 }
