@@ -254,8 +254,8 @@ void PostPort::takeArrivals(TimePoint now)
     std::vector<PostConnection*> heavy;
     for (std::size_t count = mArrivals.wait(std::chrono::microseconds(0)), index = 0; index < count; ++index)
     {
-        auto* connection = static_cast<PostConnection*>(mArrivals.event(index).owner);
-        (connection->isHeavy ? heavy : light).push_back(connection);
+        auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
+        (connection.isHeavy ? heavy : light).push_back(&connection);
     }
     takeArrivals(light, now + longestTaking);
     takeArrivals(heavy, now + longestTaking);
