@@ -86,6 +86,19 @@ TEST(BrokerFaultsTest, aBadReplyIsExitCode5)
     }
 }
 
+// It says so to those that start shortly after it, too, and to each client when it has lost posts of another.
+TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBadReply)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames> {
+            return ScriptedBroker::Frames{request.find("Sync") != std::string::npos ? "SyncLost"
+                                                                                    : R"({"a":"1"})"};
+        });
+    EXPECT_EQ(statusctl({"get", "a"}), success("1\n"));
+    EXPECT_EQ(statusctl({"set", "a", "1"}), failure(1, "statusctl: set: the broker did not confirm"));
+}
+
 TEST(BrokerFaultsTest, aBrokerWithoutStatisticsIsTold)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);

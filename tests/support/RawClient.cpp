@@ -71,7 +71,13 @@ std::optional<std::vector<std::string>> RawRequester::receive(std::chrono::milli
 std::string RawRequester::ask(const std::string& request)
 {
     send({request});
-    return joined(receive());
+    std::optional<std::vector<std::string>> answer = receive();
+    if (answer && joined(answer).empty())
+    {
+        send({request});
+        answer = receive();
+    }
+    return joined(answer);
 }
 
 uint64_t brokerStatistic(RawRequester& requester, const std::string& name)

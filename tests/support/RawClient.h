@@ -24,7 +24,8 @@ public:
     /// The frames of the reply; nothing at the deadline.
     std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
 
-    /// One request in one frame and its reply's text; empty at the deadline.
+    /// One request in one frame and its reply's text; empty at the deadline. Where the answer is the empty
+    /// one that the broker gives to those that say nothing for long, asks again, as the library does.
     std::string ask(const std::string& request);
 
 private:
