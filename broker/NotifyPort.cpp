@@ -79,7 +79,7 @@ void NotifyPort::onClose(NotifyConnection& connection)
 {
     if (connection.state == NotifyConnection::State::Following)
         mLog.leave(connection.position);
-    connection.state = NotifyConnection::State::Idle;
+    becomeIdle(connection);
     mBudget.update(connection.accounted, 0);
     mReaders -= connection.isReader ? 1 : 0;
     connection.isReader = false;
@@ -127,7 +127,11 @@ void NotifyPort::noteReading(NotifyConnection& connection)
 void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint now)
 {
     if ((what & EPOLLOUT) != 0)
-        connection.isFull = false; // flush() sends
+    {
+        connection.isFull = false; // flush() sends to subscribers
+        if (connection.state == NotifyConnection::State::Idle)
+            connection.flush();
+    }
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
         read(connection, now);
     // Its first values go out now: what is posted from here on finds it following the log.
@@ -183,6 +187,7 @@ void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix
     connection.prefixes.emplace_back(prefix);
     if (connection.state != NotifyConnection::State::Idle)
         return;
+    mSubscribers.push_back(&connection);
     connection.state = NotifyConnection::State::Behind;
     connection.revision = mCatchUp.subscribed(now).value_or(mState.revision());
     connection.eventsKnown = mLog.eventsSoFar();
@@ -199,7 +204,14 @@ void NotifyPort::cancel(NotifyConnection& connection, std::string_view prefix)
         return;
     if (connection.state == NotifyConnection::State::Following)
         fallBehind(connection);
+    becomeIdle(connection);
+}
+
+void NotifyPort::becomeIdle(NotifyConnection& connection)
+{
     connection.state = NotifyConnection::State::Idle;
+    mSubscribers.erase(std::remove(mSubscribers.begin(), mSubscribers.end(), &connection),
+                       mSubscribers.end());
 }
 
 // ------------------------------------------------------------------------------------------------- sending
@@ -221,9 +233,9 @@ void NotifyPort::flush(TimePoint now)
 void NotifyPort::flushFollowers(TimePoint now)
 {
     // Backwards, as sending may show that one has gone.
-    for (std::size_t index = peers().size(); index-- > 0;)
+    for (std::size_t index = mSubscribers.size(); index-- > 0;)
     {
-        NotifyConnection& connection = *peers()[index];
+        NotifyConnection& connection = *mSubscribers[index];
         if (!connection.followsAll() || !isToBeSent(connection))
             continue;
         send(connection, now);
@@ -235,7 +247,7 @@ void NotifyPort::flushFollowers(TimePoint now)
 // room again soon. It is not worth asking those that have stopped.
 void NotifyPort::refillFollowers(TimePoint now)
 {
-    for (const auto& connection : peers())
+    for (NotifyConnection* connection : mSubscribers)
     {
         if (connection->followsAll() && now - connection->tookAt < progressTime)
             connection->isFull = false;
@@ -249,11 +261,11 @@ void NotifyPort::flushOthers(TimePoint now)
     TimePoint time = Clock::now();
     const TimePoint end = time + flushTurn;
     TimePoint sliceEnd = time + flushSlice;
-    const std::size_t count = peers().size();
+    const std::size_t count = mSubscribers.size();
     for (std::size_t looked = 0; looked < count && !mHasLeftOver; ++looked)
     {
-        mNext = mNext < peers().size() ? mNext : 0;
-        NotifyConnection& connection = *peers()[mNext];
+        mNext = mNext < mSubscribers.size() ? mNext : 0;
+        NotifyConnection& connection = *mSubscribers[mNext];
         if (!connection.followsAll() && isToBeSent(connection))
         {
             send(connection, now);
@@ -266,7 +278,7 @@ void NotifyPort::flushOthers(TimePoint now)
                 sliceEnd = time + flushSlice;
             }
             // If one has gone, another has its place.
-            mHasLeftOver = peers().size() != count || time >= end;
+            mHasLeftOver = mSubscribers.size() != count || time >= end;
         }
         ++mNext;
     }
@@ -453,9 +465,9 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
     while (mLog.heldBytes() > bytes && mLog.endOfOldest() != 0)
     {
         const NotificationLog::Position end = mLog.endOfOldest();
-        for (std::size_t index = peers().size(); index-- > 0;)
+        for (std::size_t index = mSubscribers.size(); index-- > 0;)
         {
-            NotifyConnection& connection = *peers()[index];
+            NotifyConnection& connection = *mSubscribers[index];
             if (connection.state != NotifyConnection::State::Following || connection.position >= end)
                 continue;
             ++mFallenBehind;
@@ -488,7 +500,7 @@ void NotifyPort::lackMemory(NotifyConnection& connection, TimePoint now)
 std::size_t NotifyPort::backlog(TimePoint now) const
 {
     NotificationLog::Position slowest = mLog.end();
-    for (const auto& connection : peers())
+    for (const NotifyConnection* connection : mSubscribers)
     {
         if (connection->state == NotifyConnection::State::Following &&
             now - connection->tookAt < progressTime)

@@ -109,6 +109,7 @@ private:
     void takeCommand(NotifyConnection& connection, std::string_view command, TimePoint now);
     void subscribe(NotifyConnection& connection, std::string_view prefix, TimePoint now);
     void cancel(NotifyConnection& connection, std::string_view prefix);
+    void becomeIdle(NotifyConnection& connection);
     void flushFollowers(TimePoint now);
     void refillFollowers(TimePoint now);
     void flushOthers(TimePoint now);
@@ -137,6 +138,7 @@ private:
     ConnectionLimit mLimit;
     CatchUp mCatchUp;
     SendBuffers mSendBuffers;
+    std::vector<NotifyConnection*> mSubscribers; // the others cost nothing
     std::size_t mReaders = 0;
     NotificationLog mLog;
     std::size_t mLogCounted = 0;

@@ -70,6 +70,9 @@ public:
     /// An answer is owed, and not for too long.
     bool isAwaited() const { return owes() && !mHasGivenUp; }
 
+    /// Nothing is waited for until it answers, or much arrives.
+    bool hasGivenUp() const { return mHasGivenUp; }
+
     /// The answer has come to a PING. False if it is owed none.
     /// @param cost what the wait costs all connections together
     bool ponged(uint64_t barrier, TimePoint now, Duration& cost)

@@ -232,6 +232,12 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
     }
     for (PostConnection* connection : std::exchange(mUnread, {}))
         want(*connection, false, now);
+    const auto isGivenUp = [](PostConnection* connection)
+    {
+        connection->isTouched = !connection->pongs.hasGivenUp();
+        return !connection->isTouched;
+    };
+    mTouched.erase(std::remove_if(mTouched.begin(), mTouched.end(), isGivenUp), mTouched.end());
     return mBarrier;
 }
 
