@@ -40,6 +40,8 @@ ROWS = (
     ("start", "ms", "start, to the first callback", "ms"),
     ("together", "p50", "start of 100 at once, until each is connected, p50", "ms"),
     ("together", "longest", "the last of them", "ms"),
+    ("together", "cpuBroker", "the broker's CPU for each of them", "ms"),
+    ("together", "cpuClient", "each client's own CPU", "ms"),
     ("silent", "alone", "the broker's CPU per 100,000 deliveries, synced burst, s", ""),
     ("silent", "beside", "the same beside 1,000 silent connections, s", ""),
     ("silent", "idle", "the broker's CPU beside them while nobody says anything, µs per s", ""),
