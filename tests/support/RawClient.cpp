@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <stdexcept>
+#include <utility>
 
 namespace
 {
@@ -55,16 +56,26 @@ std::string joined(const std::optional<std::vector<std::string>>& frames)
 RawRequester::RawRequester(zmq::socket_type type) : mSocket(context(), type)
 {
     mSocket.set(zmq::sockopt::linger, 0);
-    mSocket.connect("tcp://127.0.0.1:5555");
+}
+
+// A request that waits for the connection leaves with it, perhaps before a post that was made earlier and
+// that the I/O thread has not been told of yet. A connection that is asked for behind the post is not made
+// before it.
+void RawRequester::connect()
+{
+    if (!std::exchange(mIsConnected, true))
+        mSocket.connect("tcp://127.0.0.1:5555");
 }
 
 void RawRequester::send(const std::vector<std::string>& frames)
 {
+    connect();
     sendFrames(mSocket, frames);
 }
 
 std::optional<std::vector<std::string>> RawRequester::receive(std::chrono::milliseconds deadline)
 {
+    connect();
     return receiveFrames(mSocket, deadline);
 }
 

@@ -14,7 +14,7 @@
 /// process share one context with one I/O thread, as a client's sockets do, so their posts and requests have
 /// an order.
 
-/// Asks on the request port.
+/// Asks on the request port. Connects when it is used first.
 class RawRequester
 {
 public:
@@ -29,7 +29,10 @@ public:
     std::string ask(const std::string& request);
 
 private:
+    void connect();
+
     zmq::socket_t mSocket;
+    bool mIsConnected = false;
 };
 
 /// One of the numbers that the broker counts about itself. Fails the test if it is not there.
