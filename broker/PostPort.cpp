@@ -356,16 +356,17 @@ void PostPort::readStarting(TimePoint now)
     }
 }
 
-uint64_t PostPort::firstUnsubscribed(uint64_t arrived, TimePoint now)
+PostPort::Unsubscribed PostPort::unsubscribed(TimePoint now)
 {
-    uint64_t first = none;
+    Unsubscribed result;
     for (const auto& connection : peers())
     {
-        const bool isMissing = connection->number <= arrived && !isSubscribed(*connection, now);
-        if (isMissing && !connection->startWait.look(now))
-            first = std::min(first, connection->number);
+        if (isSubscribed(*connection, now))
+            continue;
+        uint64_t& first = connection->startWait.look(now) ? result.givenUp : result.awaited;
+        first = std::min(first, connection->number);
     }
-    return first;
+    return result;
 }
 
 std::size_t PostPort::subscribed(TimePoint now) const

@@ -82,11 +82,17 @@ public:
     /// Reads connections that have not shown yet that posts can arrive.
     void readStarting(TimePoint now);
 
-    /// The number of the first connection, among so many that have arrived first, of which it is not clear
-    /// yet that posts can arrive; none if there is none. One that does not show it is waited for only once.
+    /// Of connections that have not shown yet that posts can arrive: the number of the first that is waited
+    /// for, and of the first that was waited for in vain. One that does not show it is waited for only once.
+    struct Unsubscribed
+    {
+        static constexpr uint64_t none = UINT64_MAX;
+        uint64_t awaited = none;
+        uint64_t givenUp = none;
+    };
+
     /// Call it once in a round.
-    uint64_t firstUnsubscribed(uint64_t arrived, TimePoint now);
-    static constexpr uint64_t none = UINT64_MAX;
+    Unsubscribed unsubscribed(TimePoint now);
 
     /// How many connections have shown it.
     std::size_t subscribed(TimePoint now) const;

@@ -145,15 +145,26 @@ void Questions::start(TimePoint now)
     mPosts.readStarting(now);
     const std::size_t posts = mPosts.subscribed(now);
     const std::size_t clients = this->clients(now);
-    const uint64_t firstUnsubscribed = mPosts.firstUnsubscribed(mPosts.accepted(), now);
+    const PostPort::Unsubscribed unsubscribed = mPosts.unsubscribed(now);
     const bool isReturnOver = mNotify.hasSubscribers() || !mReturnTime.isOn(now);
     for (RequestConnection* connection : std::vector<RequestConnection*>(mStarting))
     {
-        const bool areSubscribed = firstUnsubscribed > *connection->postsArrived;
+        const uint64_t arrived = *connection->postsArrived;
+        const bool areSubscribed = unsubscribed.awaited > arrived;
+        if ((!areSubscribed || unsubscribed.givenUp <= arrived || clients > posts) &&
+            !hadItsTurns(*connection, now))
+            continue;
         if ((isReturnOver || !isDuringReturn(*connection)) &&
             mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
             startOne(*connection);
     }
+}
+
+// Where a post connection does not show that it has its subscription, or is missing, it may be this client's.
+bool Questions::hadItsTurns(RequestConnection& connection, TimePoint now)
+{
+    mRequests.probe(connection);
+    return connection.startProbe.isOver(connection.askedAt, now);
 }
 
 // A client's post connection was made before its request connection, and waits to be accepted at the latest.

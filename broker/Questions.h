@@ -51,6 +51,7 @@ private:
     void sortNew(TimePoint now);
     void answerSome(Queue& queue, TimePoint now, TimePoint end);
     void start(TimePoint now);
+    bool hadItsTurns(RequestConnection& connection, TimePoint now);
     bool acceptPosts(TimePoint now);
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;

@@ -1,6 +1,7 @@
 #include "broker/RequestPort.h"
 
 #include <algorithm>
+#include <array>
 #include <string_view>
 #include <unistd.h>
 
@@ -34,6 +35,10 @@ constexpr std::string_view emptyAnswer = "\1\0\0\0"sv;
 
 // What the answer to the PING in front of it repeats.
 constexpr std::string_view emptyContext = "empty"sv;
+
+// The same for the PING to a client that starts; and that answer, as the bytes of the wire.
+constexpr std::string_view probeContext = "start"sv;
+constexpr std::string_view probeAnswer = "\4\12\4PONGstart"sv;
 
 template <class List>
 void removeFrom(List& list, RequestConnection* connection)
@@ -70,6 +75,8 @@ void RequestPort::serve(RequestConnection& connection, uint32_t what, TimePoint 
 
 void RequestPort::read(RequestConnection& connection, TimePoint now)
 {
+    if (connection.isAsking && connection.startProbe.isUnderWay())
+        return readProbe(connection);
     if (connection.isAsking && (connection.polled & EPOLLIN) != 0)
         return poll(connection, connection.polled & ~static_cast<uint32_t>(EPOLLIN));
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
@@ -105,6 +112,34 @@ void RequestPort::takePong(RequestConnection& connection, std::string_view conte
 {
     if (context == emptyContext)
         connection.emptyAnswer.ponged(connection.lastArrival(now));
+}
+
+void RequestPort::probe(RequestConnection& connection)
+{
+    if (!connection.startProbe.isDue())
+        return;
+    if (!connection.knowsPing() || !connection.unread.empty())
+        return connection.startProbe.giveUp();
+    connection.startProbe.sent();
+    connection.sendCommand(Ping::command(probeContext));
+    poll(connection, connection.polled | EPOLLIN);
+}
+
+// A client that waits for the answer to its "Sync" says nothing else meanwhile. From one that does, nothing
+// more is read until it is answered.
+void RequestPort::readProbe(RequestConnection& connection)
+{
+    std::array<char, probeAnswer.size()> buffer{};
+    const std::size_t lacking = probeAnswer.size() - connection.unread.size();
+    const std::size_t count = connection.receive(buffer.data(), lacking);
+    connection.unread.append(buffer.data(), count);
+    if (probeAnswer.substr(0, connection.unread.size()) != connection.unread)
+        return connection.startProbe.giveUp();
+    if (connection.unread.size() != probeAnswer.size())
+        return;
+    connection.unread.clear();
+    connection.startProbe.answered();
+    probe(connection);
 }
 
 // A request has come.

@@ -11,6 +11,7 @@
 #include "broker/EmptyAnswer.h"
 #include "broker/MemoryBudget.h"
 #include "broker/Reply.h"
+#include "broker/StartProbe.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
@@ -37,6 +38,7 @@ public:
     uint64_t lossesKnown = 0; ///< the last of the losses of posts that it has been told of
     /// Its post connection is among so many that arrived first; once its first "Sync" has been read.
     std::optional<uint64_t> postsArrived;
+    StartProbe startProbe;
 
     EmptyAnswer emptyAnswer;
 
@@ -73,6 +75,9 @@ public:
     void serve(RequestConnection& connection, uint32_t what, TimePoint now);
     void reply(RequestConnection& connection, Reply reply);
 
+    /// Sends a PING that the connection's start probe has due. The connection asks.
+    void probe(RequestConnection& connection);
+
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
@@ -92,6 +97,7 @@ private:
     void onClose(RequestConnection& connection) override;
     void read(RequestConnection& connection, TimePoint now) override;
 
+    void readProbe(RequestConnection& connection);
     void take(RequestConnection& connection, std::string_view bytes, TimePoint now);
     bool isReturning(const RequestConnection& connection, TimePoint now) const;
     void takePong(RequestConnection& connection, std::string_view context, TimePoint now);

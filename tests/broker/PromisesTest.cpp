@@ -108,8 +108,7 @@ TEST(NoLostFirstPost, fiftyClientsThatPostAtOnceLoseNothing)
             ASSERT_EQ(process->readLine(), "posted");
 
         ProxyClient reader;
-        EXPECT_TRUE(eventually([&] { return reader->getClientInfo().size() == clients * posts; },
-                               std::chrono::seconds(5)))
+        EXPECT_TRUE(eventually([&] { return reader->getClientInfo().size() == clients * posts; }))
             << "round " << round << ": " << reader->getClientInfo().size() << " of " << clients * posts;
     }
 }

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <gtest/gtest.h>
 
+#include "broker/StartProbe.h"
 #include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ZmtpPeer.h"
@@ -24,4 +25,104 @@ TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
     ASSERT_TRUE(requester.receive());
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45))
         << "it does not answer the PING behind its subscription";
+}
+
+namespace
+{
+
+// A client by hand, on a machine so busy that its post connection says nothing yet.
+class BusyClientTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(post.write(ZmtpPeer::greeting()));
+        ASSERT_TRUE(request.shakeHands());
+        ASSERT_TRUE(request.write(ZmtpPeer::request("Sync")));
+    }
+
+    static bool isPing(const std::optional<WireFrames::Frame>& frame)
+    {
+        return frame && frame->flags == WireFrames::command && frame->body.substr(0, 5) == "\4PING";
+    }
+
+    // Answers so many PINGs on the request connection, as they come.
+    void answerPings(int count)
+    {
+        for (int ping = 0; ping < count; ++ping)
+        {
+            const auto frame = request.readFrame();
+            ASSERT_TRUE(isPing(frame)) << ping;
+            ASSERT_TRUE(request.write(ZmtpPeer::pong(frame->body.substr(7))));
+        }
+    }
+
+    static constexpr std::chrono::milliseconds quiet{300};
+
+    BrokerProcess broker;
+    RawPoster another; // so that as many post connections as clients have their subscription
+    ZmtpPeer post{ZmtpPeer::postPort};
+    ZmtpPeer request{ZmtpPeer::requestPort};
+};
+
+} // namespace
+
+TEST_F(BusyClientTest, isNotAnsweredBeforeItHasHadItsTurns)
+{
+    answerPings(StartProbe::enough - 1);
+    ASSERT_TRUE(isPing(request.readFrame()));
+    EXPECT_FALSE(request.readFrame(quiet)) << "the time for one that says nothing was over long before";
+    ASSERT_TRUE(request.write(ZmtpPeer::pong("start")));
+    EXPECT_EQ(request.receiveText(), "SyncAck");
+}
+
+TEST_F(BusyClientTest, isAnsweredAtOnceWhenItsPostConnectionHasTheSubscription)
+{
+    ASSERT_TRUE(isPing(request.readFrame()));
+    EXPECT_FALSE(request.readFrame(quiet));
+    ASSERT_TRUE(post.write(ZmtpPeer::ready("PUB")));
+    post.read(ZmtpPeer::openingOf(ZmtpPeer::postPort).size());
+    std::optional<WireFrames::Frame> frame;
+    while ((frame = post.readFrame()) && !isPing(frame))
+        continue;
+    ASSERT_TRUE(frame);
+    ASSERT_TRUE(post.write(ZmtpPeer::pong(frame->body.substr(7))));
+    EXPECT_EQ(request.receiveText(), "SyncAck");
+}
+
+TEST_F(BusyClientTest, goesOnWhenAnAnswerToAPingComesLate)
+{
+    ASSERT_TRUE(isPing(request.readFrame()));
+    post.reset();
+    EXPECT_EQ(request.receiveText(), "SyncAck");
+    ASSERT_TRUE(request.write(ZmtpPeer::pong("start")));
+    EXPECT_EQ(request.ask(R"({"getCounterValue":"c"})"), "0");
+}
+
+TEST_F(BusyClientTest, mayAnswerAPingInPieces)
+{
+    for (int ping = 0; ping < StartProbe::enough; ++ping)
+    {
+        ASSERT_TRUE(isPing(request.readFrame()));
+        for (const char byte : ZmtpPeer::pong("start"))
+            ASSERT_TRUE(request.write({&byte, 1}));
+    }
+    EXPECT_EQ(request.receiveText(), "SyncAck");
+}
+
+TEST_F(BusyClientTest, thatSaysSomethingElseIsNotWaitedFor)
+{
+    ASSERT_TRUE(isPing(request.readFrame()));
+    ASSERT_TRUE(request.write(ZmtpPeer::request(R"({"getCounterValue":"c"})")));
+    EXPECT_EQ(request.receiveText(), "SyncAck");
+    EXPECT_EQ(request.receiveText(), "0");
+}
+
+TEST_F(BusyClientTest, doesNotDelayOthers)
+{
+    ASSERT_TRUE(isPing(request.readFrame()));
+    RawRequester other;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(other.ask("Sync"), "SyncAck");
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, StartProbe::longest / 2);
 }
