@@ -11,8 +11,10 @@ namespace
 // behind.
 constexpr std::size_t cheapBytes = 1024;
 
-// A start is looked at so often while it is held.
+// A start is looked at so often while it is held, and one that has been held for long.
 constexpr std::chrono::milliseconds startPause{1};
+constexpr std::chrono::milliseconds longStart{600};
+constexpr std::chrono::milliseconds longStartPause{20};
 
 // Accepted at a time for the sake of a start.
 constexpr uint64_t manyConnections = 256;
@@ -139,7 +141,9 @@ void Questions::start(TimePoint now)
 {
     if (mStarting.empty())
         return;
-    mLastLook = now;
+    const bool isLong = std::all_of(mStarting.begin(), mStarting.end(),
+                                    [=](const auto* each) { return now - each->askedAt > longStart; });
+    mNextLook = now + (isLong ? longStartPause : startPause);
     if (!acceptPosts(now))
         return;
     mPosts.readStarting(now);
@@ -235,5 +239,5 @@ TimePoint Questions::due() const
 {
     if (!mNew.empty() || mHasLeftOver)
         return TimePoint::min();
-    return std::min(mNextEnd, mStarting.empty() ? TimePoint::max() : mLastLook + startPause);
+    return std::min(mNextEnd, mStarting.empty() ? TimePoint::max() : mNextLook);
 }

@@ -73,9 +73,9 @@ private:
     Queue mWaiting;                            // for posts
     Queue mDear;                               // those that take long to answer
     std::vector<RequestConnection*> mStarting; // oldest first
-    TimePoint mLastLook{};
-    TimePoint mNextEnd = TimePoint::max(); // of a wait
-    bool mHasLeftOver = false;             // could be answered, but the time was over
+    TimePoint mNextLook{};                     // at what starts
+    TimePoint mNextEnd = TimePoint::max();     // of a wait
+    bool mHasLeftOver = false;                 // could be answered, but the time was over
 };
 
 #endif
