@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "broker/wire/Descriptor.h"
+#include "broker/base/Descriptor.h"
 
 namespace
 {

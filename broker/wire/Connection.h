@@ -8,8 +8,8 @@
 #include <sys/uio.h>
 
 #include "broker/base/Clock.h"
+#include "broker/base/Descriptor.h"
 #include "broker/base/Progress.h"
-#include "broker/wire/Descriptor.h"
 #include "broker/wire/FrameReader.h"
 #include "broker/wire/Handshake.h"
 #include "broker/wire/Poller.h"

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 
-#include "broker/wire/Descriptor.h"
+#include "broker/base/Descriptor.h"
 
 /// A port of 127.0.0.1 at which connections arrive.
 class Listener

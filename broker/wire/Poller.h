@@ -6,7 +6,7 @@
 #include <sys/epoll.h>
 #include <vector>
 
-#include "broker/wire/Descriptor.h"
+#include "broker/base/Descriptor.h"
 
 /// The owner of a descriptor that is polled. The kind tells what it is.
 class Pollable
