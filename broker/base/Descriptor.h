@@ -21,6 +21,9 @@ public:
     int number() const { return mNumber; }
     bool isOpen() const { return mNumber != -1; }
 
+    /// Hands it on to another owner.
+    int release() { return std::exchange(mNumber, -1); }
+
     void close()
     {
         if (mNumber != -1)

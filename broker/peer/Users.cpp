@@ -1,0 +1,160 @@
+#include "broker/peer/Users.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <fcntl.h>
+#include <grp.h>
+#include <memory>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include "broker/base/Descriptor.h"
+
+namespace
+{
+
+struct CloseFile
+{
+    void operator()(FILE* file) const { fclose(file); }
+};
+using File = std::unique_ptr<FILE, CloseFile>;
+
+// Only a file of bounded size: the C library takes as much memory as the longest line needs.
+File opened(const std::string& path)
+{
+    Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    struct stat status
+    {
+    };
+    if (!descriptor.isOpen() || fstat(descriptor.number(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_size > static_cast<off_t>(Users::mostBytes))
+        return nullptr;
+    File file(fdopen(descriptor.number(), "re"));
+    if (file)
+        descriptor.release();
+    return file;
+}
+
+// "+" and "-" refer to a network's users; such a line has the number 0 and must not be taken for root's. A
+// name of digits would look like the number of another user.
+bool isName(const char* name)
+{
+    const std::string_view text = name == nullptr ? "" : name;
+    return !text.empty() && text[0] != '+' && text[0] != '-' &&
+           text.find_first_not_of("0123456789") != std::string_view::npos &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c != '\x7f'; });
+}
+
+// (uid_t)-1 is nobody's, and stands for numbers that do not fit.
+bool isNumber(uint32_t number)
+{
+    return number != UINT32_MAX;
+}
+
+} // namespace
+
+bool Users::State::operator==(const State& other) const
+{
+    return inode == other.inode && size == other.size && modified.tv_sec == other.modified.tv_sec &&
+           modified.tv_nsec == other.modified.tv_nsec;
+}
+
+Users::Users(std::string passwd, std::string group) : mPasswd(std::move(passwd)), mGroup(std::move(group))
+{
+    refresh();
+}
+
+Users::State Users::stateOf(const std::string& path)
+{
+    struct stat status
+    {
+    };
+    return stat(path.c_str(), &status) == 0 ? State{status.st_ino, status.st_size, status.st_mtim} : State{};
+}
+
+bool Users::refresh()
+{
+    const State passwd = stateOf(mPasswd); // before they are read: what changes meanwhile is read again
+    const State group = stateOf(mGroup);
+    if (passwd == mPasswdState && group == mGroupState && passwd.size >= 0 && group.size >= 0)
+        return true;
+    Content content;
+    if (!readUsers(mPasswd, content) || !readGroups(mGroup, content))
+        return false;
+    mContent = std::move(content);
+    mPasswdState = passwd;
+    mGroupState = group;
+    return true;
+}
+
+bool Users::readUsers(const std::string& path, Content& content)
+{
+    const File file = opened(path);
+    if (!file)
+        return false;
+    // The broker has one thread, so the entry is safe until the next call. Lines that are broken are skipped.
+    for (std::size_t count = 0; count != mostEntries; ++count)
+    {
+        const passwd* entry = fgetpwent(file.get()); // NOLINT(concurrency-mt-unsafe)
+        if (entry == nullptr)
+            break;
+        if (!isName(entry->pw_name) || !isNumber(entry->pw_uid))
+            continue;
+        content.users.try_emplace(entry->pw_uid, User{entry->pw_name, entry->pw_gid});
+        content.numbers.try_emplace(entry->pw_name, entry->pw_uid);
+    }
+    return true;
+}
+
+bool Users::readGroups(const std::string& path, Content& content)
+{
+    const File file = opened(path);
+    if (!file)
+        return false;
+    for (std::size_t count = 0; count != mostEntries; ++count)
+    {
+        const group* entry = fgetgrent(file.get()); // NOLINT(concurrency-mt-unsafe)
+        if (entry == nullptr)
+            break;
+        if (!isName(entry->gr_name) || !isNumber(entry->gr_gid))
+            continue;
+        Group& added = content.groups.emplace_back(Group{entry->gr_name, entry->gr_gid, {}});
+        for (char** member = entry->gr_mem; *member != nullptr; ++member)
+            added.members.emplace_back(*member);
+    }
+    return true;
+}
+
+std::string Users::name(uid_t uid) const
+{
+    const auto found = mContent.users.find(uid);
+    return found == mContent.users.end() ? std::to_string(uid) : found->second.name;
+}
+
+std::optional<uid_t> Users::uid(std::string_view name) const
+{
+    const auto found = mContent.numbers.find(std::string(name));
+    return found == mContent.numbers.end() ? std::nullopt : std::optional(found->second);
+}
+
+bool Users::isGroup(std::string_view name) const
+{
+    return std::any_of(mContent.groups.begin(), mContent.groups.end(),
+                       [name](const Group& group) { return group.name == name; });
+}
+
+std::vector<std::string> Users::groups(uid_t uid) const
+{
+    std::vector<std::string> names;
+    const auto user = mContent.users.find(uid);
+    if (user == mContent.users.end())
+        return names;
+    const User& found = user->second;
+    for (const Group& group : mContent.groups)
+        if (group.number == found.group ||
+            std::find(group.members.begin(), group.members.end(), found.name) != group.members.end())
+            names.push_back(group.name);
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}

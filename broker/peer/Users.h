@@ -1,0 +1,84 @@
+#ifndef BROKER_PEER_USERS_H
+#define BROKER_PEER_USERS_H
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <unordered_map>
+#include <vector>
+
+/// Names of users, and their groups, as in /etc/passwd and /etc/group.
+///
+/// Only the files are asked, not the name service switch (getpwuid()): that loads libraries into the broker,
+/// and may wait for a network. The broker's only thread must not wait.
+class Users
+{
+public:
+    /// Files beyond this size are not read, nor more than so many entries of one.
+    static constexpr std::size_t mostBytes = std::size_t{1024} * 1024;
+    static constexpr std::size_t mostEntries = 10000;
+
+    /// Reads the files; without them no user has a name.
+    explicit Users(std::string passwd = "/etc/passwd", std::string group = "/etc/group");
+
+    /// Reads the files anew if one of them was changed since. Takes some microseconds if not.
+    /// @returns false if one cannot be read: then all stays as it was
+    bool refresh();
+
+    /// The first name in the file, or the number.
+    std::string name(uid_t uid) const;
+
+    std::optional<uid_t> uid(std::string_view name) const;
+
+    /// A group of this name exists.
+    bool isGroup(std::string_view name) const;
+
+    /// The names of the groups that the user is in, by the number in its own entry or by being listed;
+    /// sorted.
+    std::vector<std::string> groups(uid_t uid) const;
+
+private:
+    struct User
+    {
+        std::string name;
+        gid_t group;
+    };
+
+    struct Group
+    {
+        std::string name;
+        gid_t number;
+        std::vector<std::string> members;
+    };
+
+    // What tells one state of a file from another.
+    struct State
+    {
+        ino_t inode = 0;
+        off_t size = -1;
+        timespec modified{};
+
+        bool operator==(const State& other) const;
+    };
+
+    struct Content
+    {
+        std::unordered_map<uid_t, User> users; ///< the first of each number
+        std::unordered_map<std::string, uid_t> numbers;
+        std::vector<Group> groups;
+    };
+
+    static State stateOf(const std::string& path);
+    static bool readUsers(const std::string& path, Content& content);
+    static bool readGroups(const std::string& path, Content& content);
+
+    const std::string mPasswd;
+    const std::string mGroup;
+    State mPasswdState;
+    State mGroupState;
+    Content mContent;
+};
+
+#endif
