@@ -1,0 +1,177 @@
+// Lines of the kernel's tables of connections, and lines that no kernel would write.
+
+#include "broker/peer/ConnectionTable.h"
+
+#include <arpa/inet.h>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <random>
+
+#include "tests/support/TemporaryFolder.h"
+
+namespace
+{
+
+using Knowledge = Owner::Knowledge;
+
+sockaddr_in at(const char* address, uint16_t port)
+{
+    sockaddr_in place{};
+    place.sin_family = AF_INET;
+    place.sin_port = htons(port);
+    EXPECT_EQ(inet_pton(AF_INET, address, &place.sin_addr), 1);
+    return place;
+}
+
+const SocketPair pair{at("127.0.0.1", 40000), at("127.0.0.1", 5555)};
+
+// As a machine writes an address whose lowest byte comes first.
+const std::string peer = "0100007F:9C40";
+const std::string own = "0100007F:15B3";
+
+std::string line(const std::string& from, const std::string& to, const std::string& state = "01",
+                 const std::string& uid = "1000", const std::string& inode = "99")
+{
+    return "   3: " + from + " " + to + " " + state + " 00000000:00000000 00:00000000 00000000  " + uid +
+           "        0 " + inode + " 1 0000000000000000 20 4 30 10 -1";
+}
+
+Owner read(const std::string& text)
+{
+    return ConnectionTable::read(text, pair);
+}
+
+class ConnectionTableTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (htonl(1) == 1)
+            GTEST_SKIP() << "the samples are those of another machine";
+    }
+
+    Owner askIn(const std::string& table, const std::string& name = "tcp") const
+    {
+        writeFile(folder / name, table);
+        return ConnectionTable(folder / "").ask(pair);
+    }
+
+    TemporaryFolder folder;
+    const std::string head =
+        "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n";
+};
+
+} // namespace
+
+TEST_F(ConnectionTableTest, theLineOfThePeersSocketTellsItsUserAndInode)
+{
+    const Owner owner = askIn(head + line(own, peer, "01", "7", "8") + "\n" + line(peer, own) + "\n");
+    EXPECT_TRUE(owner.isKnown()) << owner.reason();
+    EXPECT_EQ(owner.uid(), 1000U);
+    EXPECT_EQ(owner.inode(), 99U);
+    EXPECT_FALSE(owner.cgroup());
+}
+
+TEST_F(ConnectionTableTest, theOtherTableHasPeersWithSocketsForBothProtocols)
+{
+    const std::string mapped = "0000000000000000FFFF0000";
+    EXPECT_EQ(askIn(line(mapped + peer, mapped + own) + "\n", "tcp6").uid(), 1000U);
+    EXPECT_FALSE(askIn(line("000000000000000000000000" + peer, mapped + own) + "\n", "tcp6").isKnown());
+}
+
+TEST_F(ConnectionTableTest, aTableWithoutTheConnectionHasNone)
+{
+    EXPECT_EQ(askIn(head).knowledge(), Knowledge::NoConnection);
+}
+
+TEST_F(ConnectionTableTest, withoutTablesThereIsNoWayToAsk)
+{
+    EXPECT_EQ(ConnectionTable(folder / "missing").ask(pair).knowledge(), Knowledge::NoMeans);
+}
+
+TEST_F(ConnectionTableTest, linesOfOtherConnectionsArePassedOver)
+{
+    EXPECT_EQ(read(line("0100007F:9C41", own)).knowledge(), Knowledge::NotAsked);
+    EXPECT_EQ(read(line(peer, "0100007F:15B4")).knowledge(), Knowledge::NotAsked);
+    EXPECT_EQ(read(line("0200007F:9C40", own)).knowledge(), Knowledge::NotAsked);
+    EXPECT_EQ(read(line(peer, "0200007F:15B3")).knowledge(), Knowledge::NotAsked);
+    EXPECT_EQ(read(line(own, peer)).knowledge(), Knowledge::NotAsked);
+}
+
+TEST_F(ConnectionTableTest, aConnectionThatHasEndedIsNotRoots)
+{
+    for (const char* state : {"02", "03", "04", "05", "06", "07", "08", "0A", "0C", "1", "011", ""})
+        EXPECT_FALSE(read(line(peer, own, state, "0", "5")).isKnown()) << state;
+    EXPECT_EQ(read(line(peer, own, "06", "0", "0")).knowledge(), Knowledge::NotEstablished);
+}
+
+TEST_F(ConnectionTableTest, aSocketThatNoProcessHasIsNotRoots)
+{
+    EXPECT_EQ(read(line(peer, own, "01", "0", "0")).knowledge(), Knowledge::NoProcess);
+}
+
+TEST_F(ConnectionTableTest, numbersThatAreNoneAreNotBelieved)
+{
+    for (const char* bad : {"-1", "99999999999999999999", "1x", "x", "+1", "0x1"})
+    {
+        EXPECT_FALSE(read(line(peer, own, "01", bad)).isKnown()) << bad;
+        EXPECT_FALSE(read(line(peer, own, "01", "1000", bad)).isKnown()) << bad;
+    }
+    EXPECT_FALSE(read(line(peer, own, "01", "4294967295")).isKnown());
+    EXPECT_FALSE(read(line(peer, own, "01", "4294967296")).isKnown());
+}
+
+TEST_F(ConnectionTableTest, addressesThatAreNoneAreNotBelieved)
+{
+    for (const char* bad :
+         {"", ":", "0100007F", "0100007F:", ":9C40", "0100007F:9C40:", "0100007F:19C40", "0100007:9C40",
+          "00100007F:9C40", "-100007F:9C40", "0100007G:9C40", "0100007F:-1"})
+        EXPECT_EQ(read(line(bad, own)).knowledge(), Knowledge::NotAsked) << bad;
+}
+
+TEST_F(ConnectionTableTest, aLineThatIsCutOffIsNotBelieved)
+{
+    const std::string whole = line(peer, own);
+    const std::size_t inode = whole.find(" 99 ") + 1;
+    for (std::size_t size = 0; size <= inode; ++size)
+        EXPECT_FALSE(read(whole.substr(0, size)).isKnown()) << size;
+}
+
+TEST_F(ConnectionTableTest, aLineWithoutEndIsPassedOverAndNotHeld)
+{
+    const std::string endless(100000, 'x');
+    EXPECT_EQ(askIn(endless + line(peer, own) + "\n" + line(peer, own, "01", "7") + "\n").uid(), 7U);
+    EXPECT_EQ(askIn(endless + "\n" + line(peer, own) + "\n").uid(), 1000U);
+    EXPECT_FALSE(askIn(endless).isKnown());
+}
+
+TEST_F(ConnectionTableTest, linesAreFoundWhereverThePiecesEndThatAreRead)
+{
+    for (std::size_t before = 16000; before < 16500; before += 7)
+    {
+        std::string filling;
+        while (filling.size() < before)
+            filling += std::string(std::min<std::size_t>(99, before - filling.size()), '.') + "\n";
+        ASSERT_EQ(askIn(filling + line(peer, own) + "\n").uid(), 1000U) << before;
+    }
+}
+
+TEST_F(ConnectionTableTest, aFolderInPlaceOfATableIsNone)
+{
+    std::filesystem::create_directory(folder / "tcp");
+    EXPECT_FALSE(ConnectionTable(folder / "").ask(pair).isKnown());
+}
+
+TEST_F(ConnectionTableTest, damagedLinesAreHarmless)
+{
+    const std::string whole = line(peer, own);
+    std::mt19937 random(1);
+    for (int i = 0; i != 50000; ++i)
+    {
+        std::string damaged = whole.substr(0, random() % whole.size());
+        for (std::size_t flips = random() % 4; flips != 0 && !damaged.empty(); --flips)
+            damaged[random() % damaged.size()] = static_cast<char>(random());
+        const Owner owner = read(damaged);
+        ASSERT_EQ(owner.uid().has_value(), owner.isKnown());
+    }
+}
