@@ -8,8 +8,8 @@
 #include "broker/peer/SocketPair.h"
 
 /// The kernel's tables of TCP connections as text: /proc/net/tcp, and tcp6 for peers with an IPv6 socket. For
-/// kernels without NETLINK_SOCK_DIAG. It takes milliseconds where there are thousands of connections, and
-/// tells no control group.
+/// kernels and sandboxes without NETLINK_SOCK_DIAG. A look takes a millisecond or more, however few
+/// connections there are, and tells no control group.
 class ConnectionTable
 {
 public:
