@@ -142,7 +142,7 @@ private:
         }
         Folder folder{parent.path + "/" + name, parent.service, parent.depth + 1,
                       parent.hasOnlySlices && endsIn(name, ".slice")};
-        if (parent.service == none && parent.hasOnlySlices && !unitOf(name).empty())
+        if (parent.hasOnlySlices && !unitOf(name).empty())
         {
             folder.service = mServices.size();
             mServices.push_back({unitOf(name), 0});

@@ -189,7 +189,7 @@ Owner SockDiag::read(const char* bytes, std::size_t size, uint32_t number, const
     nlmsghdr header{};
     if (!datagram.copy(header) || header.nlmsg_seq != number)
         return {};
-    if (header.nlmsg_len < sizeof(header) || header.nlmsg_len > size)
+    if (header.nlmsg_len > size)
         return Owner::unknown(Owner::Knowledge::WrongAnswer);
     const Bytes body = datagram.first(header.nlmsg_len).behind(sizeof(header));
     switch (header.nlmsg_type)

@@ -141,7 +141,8 @@ private:
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int peer = isPrepared ? socket(AF_INET, SOCK_STREAM, 0) : -1;
         if (peer != -1 && connect(peer, Accepting::place(to.address), sizeof(to.address)) == 0)
-            (void)!read(held, &ignored, 1); // until the other end is closed
+            while (read(held, &ignored, 1) < 0) // until the other end is closed
+                continue;
         _exit(0);
     }
 

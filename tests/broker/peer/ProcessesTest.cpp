@@ -71,8 +71,8 @@ TEST_F(ProcessesTest, aSocketTwiceInAProcessIsThatProcessAlone)
 TEST_F(ProcessesTest, aSocketOfNobodyIsNotFound)
 {
     addProcess("4", "p\n",
-               {"socket:[9]", "socket:[999]", "socket:[]", "socket:[99", "xsocket:[99]", "socket:[99]x",
-                "socket:[ 99]", "socket:[99999999999999999999999]"});
+               {"socket:[9]", "socket:[999]", "socket:[]", "socket:[99", "socket:[99x", "xsocket:[99]",
+                "socket:[99]x", "socket:[ 99]", "socket:[99999999999999999999999]"});
     const Found found = find(99);
     EXPECT_EQ(found.inode, 99U);
     EXPECT_EQ(found.pid, 0);

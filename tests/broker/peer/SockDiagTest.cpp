@@ -92,6 +92,7 @@ class SockDiagTest : public testing::Test
 {
 protected:
     Answer answer;
+    std::mt19937 random{1};
 };
 
 } // namespace
@@ -228,6 +229,7 @@ TEST_F(SockDiagTest, anAttributeWithoutLengthEndsTheSearch)
 TEST_F(SockDiagTest, aControlGroupOfAnotherSizeIsLeftOut)
 {
     answer.addCgroup(5, 4);
+    answer.addAttribute(8, "beside it");
     EXPECT_FALSE(read(answer.bytes()).cgroup());
 }
 
@@ -255,7 +257,6 @@ TEST_F(SockDiagTest, damagedAnswersAreHarmless)
     answer.addAttribute(8, "x");
     answer.addCgroup(5);
     const std::string whole = answer.bytes();
-    std::mt19937 random(1);
     for (int i = 0; i != 100000; ++i)
     {
         std::string damaged = whole.substr(0, random() % 8 == 0 ? random() % whole.size() : whole.size());

@@ -68,14 +68,15 @@ TEST_F(UsersTest, aUserIsInItsOwnGroupAndInThoseThatListIt)
 
 TEST_F(UsersTest, brokenLinesAreSkipped)
 {
-    passwd("\n:x:5:5:::\nshort:x\nword:x:five:5:::\nbig:x:99999999999:5:::\nminus:x:-1:5:::\n"
+    passwd("\n:x:5:5:::\nshort:x\nword:x:five:5:::\nbig:x:99999999999:5:::\nminus:x:-1:5:::\nnone:x:"
+           "4294967295:5:::\n"
            "# root:x:6:6:::\n" +
            std::string("nul\0:x:7:7:::\n", 14) + "bell\a:x:8:8:::\nnet:x:998:998::/:/bin/false\n");
     const Users read = users();
     EXPECT_EQ(read.name(998), "net");
     for (const uid_t uid : {0U, 5U, 6U, 7U, 8U, 4294967295U})
         EXPECT_EQ(read.name(uid), std::to_string(uid));
-    for (const char* name : {"short", "word", "big", "minus"})
+    for (const char* name : {"short", "word", "big", "minus", "none"})
         EXPECT_FALSE(read.uid(name)) << name;
 }
 
@@ -109,7 +110,7 @@ TEST_F(UsersTest, withoutFilesNobodyHasAName)
 
 TEST_F(UsersTest, aFileThatIsTooLongIsNotRead)
 {
-    passwd(std::string(Users::mostBytes + 1, 'x'));
+    passwd("root:x:0:0:::\n" + std::string(Users::mostBytes, '#'));
     EXPECT_EQ(users().name(0), "0");
 }
 
