@@ -46,6 +46,8 @@ Reply Answerer::answer(const BrokerProtocol::Command& command)
         return Reply(refusal);
     case Operation::GetBrokerStatistics:
         return Reply(statistics());
+    case Operation::GetBrokerClients:
+        return Reply(clients());
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:
@@ -58,6 +60,14 @@ Reply Answerer::answer(const BrokerProtocol::Command& command)
         break; // no requests
     }
     return Reply(refusal);
+}
+
+std::string Answerer::clients()
+{
+    std::string text;
+    const std::vector<BrokerProtocol::Client> clients = mConnections.clients(Clock::now());
+    BrokerProtocol::appendClients(text, clients, !mConnections.isSeeking());
+    return text;
 }
 
 std::string Answerer::statistics()

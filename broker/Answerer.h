@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "broker/Connections.h"
 #include "broker/Reply.h"
 #include "broker/Statistics.h"
 #include "broker/base/Refusals.h"
@@ -24,8 +25,8 @@ public:
     using AddNumbers = std::function<void(Statistics::Numbers&)>;
 
     /// All must outlive it.
-    Answerer(Refusals& refusals, DeviceState& state, AddNumbers addNumbers)
-        : mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers))
+    Answerer(Refusals& refusals, DeviceState& state, Connections& connections, AddNumbers addNumbers)
+        : mRefusals(refusals), mState(state), mConnections(connections), mAddNumbers(std::move(addNumbers))
     {
     }
 
@@ -37,9 +38,11 @@ public:
 private:
     Reply answer(const BrokerProtocol::Command& command);
     std::string statistics();
+    std::string clients();
 
     Refusals& mRefusals;
     DeviceState& mState;
+    Connections& mConnections;
     AddNumbers mAddNumbers;
     BrokerProtocol::Command mCommand;
     std::map<std::string_view, uint64_t> mCounts; // of requests, by name

@@ -49,26 +49,23 @@ Options adjusted(Options options)
 
 Broker::Broker(const Options& options)
     : mOptions(adjusted(options)), mState(mOptions.limits, mRefusals),
-      mRequests(
+      mConnections(
           mLoop.poller, mBudget, mOptions.limits, mRefusals, mState,
+          [this](std::string_view post) { mApplier.apply(post); },
           [this](RequestConnection& connection) { mQuestions.ask(connection); },
           [this](RequestConnection& connection)
           {
               mQuestions.forget(connection);
               mOutbox.forget(connection);
           }),
-      mNotify(mLoop.poller, mBudget, mOptions.limits, mRefusals, mState),
-      mOutbox(mOptions, mState, mNotify, mRequests), mApplier(mOptions, mRefusals, mState, mOutbox),
-      mPosts(mLoop.poller, mBudget, mOptions.limits, mRefusals,
-             [this](std::string_view post) { mApplier.apply(post); }),
-      mAnswerer(mRefusals, mState, [this](Statistics::Numbers& numbers) { addNumbers(numbers); }),
-      mQuestions(mAnswerer, mOutbox, mPosts, mRequests, mNotify, mState, Clock::now())
+      mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
+      mApplier(mOptions, mRefusals, mState, mOutbox),
+      mAnswerer(mRefusals, mState, mConnections,
+                [this](Statistics::Numbers& numbers) { addNumbers(numbers); }),
+      mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
-    // A client whose request arrives has been able to connect its post socket, then.
-    mPosts.listen();
-    mNotify.listen();
-    mRequests.listen();
+    mConnections.listen();
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
 }
@@ -78,18 +75,24 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mSupervisor.nextTelling().value_or(TimePoint::max()); },
                        [this](TimePoint now) { mSupervisor.tellWhatIsDue(now); });
     mLoop.schedule.add([this] { return mOutbox.due(); }, [this](TimePoint now) { mOutbox.doWhatIsDue(now); });
-    mLoop.schedule.add([this] { return mPosts.due(); }, [this](TimePoint now) { mPosts.doWhatIsDue(now); });
-    mLoop.schedule.add([this] { return mRequests.due(); },
-                       [this](TimePoint now) { mRequests.doWhatIsDue(now); });
-    mLoop.schedule.add([this] { return mNotify.due(); }, [this](TimePoint now) { mNotify.doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mConnections.posts().due(); },
+                       [this](TimePoint now) { mConnections.posts().doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mConnections.requests().due(); },
+                       [this](TimePoint now) { mConnections.requests().doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mConnections.notify().due(); },
+                       [this](TimePoint now) { mConnections.notify().doWhatIsDue(now); });
+    mLoop.schedule.add([this] { return mConnections.due(); },
+                       [this](TimePoint now) { mConnections.doWhatIsDue(now); });
     mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
-    mLoop.schedule.add([this] { return mPosts.hasPosts() ? TimePoint::min() : TimePoint::max(); },
+    mLoop.schedule.add([this]
+                       { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); },
                        [](TimePoint) {});                                  // every round takes some
     mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
     mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
                        [this](TimePoint now)
                        {
-                           forEachConnection([](Connection& each) { each.progress.look(each.movedBytes()); });
+                           mConnections.forEach([](Connection& each)
+                                                { each.progress.look(each.movedBytes()); });
                            mLoop.nextLook = now + lookPause;
                        });
     mLoop.schedule.add([this] { return mLoop.nextTrim; },
@@ -170,41 +173,33 @@ void Broker::dispatch(const Poller::Event& event, TimePoint now)
     auto& connection = static_cast<Connection&>(*event.owner);
     if (connection.isClosed())
         return; // by an event before this one
-    switch (connection.kind())
-    {
-    case Handshake::Kind::Post:
-        return mPosts.serve(static_cast<PostConnection&>(connection), event.what);
-    case Handshake::Kind::Request:
-        return mRequests.serve(static_cast<RequestConnection&>(connection), event.what, now);
-    case Handshake::Kind::Notify:
-        return mNotify.serve(static_cast<NotifyConnection&>(connection), event.what, now);
-    }
+    mConnections.serve(connection, event.what, now);
 }
 
 void Broker::acceptAt(const Pollable* port, TimePoint now)
 {
-    if (port == &mPosts)
+    if (port == &mConnections.posts())
         mLoop.hasNewPosters = true; // accepting may read posts, which is for the round
-    else if (port == &mRequests)
-        mRequests.accept(RequestPort::fewAtATime, now);
+    else if (port == &mConnections.requests())
+        mConnections.requests().accept(RequestPort::fewAtATime, now);
     else
-        mNotify.accept(NotifyPort::fewAtATime, now);
+        mConnections.notify().accept(NotifyPort::fewAtATime, now);
 }
 
 void Broker::doRound()
 {
     const TimePoint begin = Clock::now();
     if (std::exchange(mLoop.hasNewPosters, false))
-        mPosts.accept(PostPort::fewAtATime, begin);
-    mPosts.takePosts(begin + turn);
+        mConnections.posts().accept(PostPort::fewAtATime, begin);
+    mConnections.posts().takePosts(begin + turn);
     const TimePoint now = Clock::now();
     mQuestions.answer(now, now + turn);
     mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
-    mNotify.flush(now);
+    mConnections.notify().flush(now);
     pauseIntake(now);
     relieveMemory();
-    collectClosed();
+    mConnections.collect();
     const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
     mLoop.rounds.add(static_cast<uint64_t>(taken.count()));
     if (std::exchange(mLoop.hasWorked, false) && mLoop.nextTrim == TimePoint::max())
@@ -215,10 +210,10 @@ void Broker::pauseIntake(TimePoint now)
 {
     const std::size_t limit = mOptions.limits.notifyBytes;
     const bool wasPaused = mPause.isPaused();
-    const bool isPaused = !mLoop.isEnding && mPause.decide(mNotify.backlog(now), limit, now);
+    const bool isPaused = !mLoop.isEnding && mPause.decide(mConnections.notify().backlog(now), limit, now);
     if (isPaused != wasPaused)
-        mPosts.pause(isPaused);
-    mNotify.shortenLog(limit, now);
+        mConnections.posts().pause(isPaused);
+    mConnections.notify().shortenLog(limit, now);
 }
 
 // Whoever holds most gives way first: the log of notifications, or a connection.
@@ -226,66 +221,31 @@ void Broker::relieveMemory()
 {
     while (mBudget.isExceeded())
     {
-        const std::size_t log = mNotify.log().heldBytes();
-        MemoryRelief<Connection> relief(mNotify.log().endOfOldest() != 0 ? log : 0);
-        forEachConnection(
+        const std::size_t log = mConnections.notify().log().heldBytes();
+        MemoryRelief<Connection> relief(mConnections.notify().log().endOfOldest() != 0 ? log : 0);
+        mConnections.forEach(
             [&](Connection& each) {
                 relief.add(each, each.accounted, each.progress.isStalled(each.movedBytes(), each.accounted));
             });
         if (relief.isLog())
-            mNotify.shortenLog(log - 1, Clock::now());
+            mConnections.notify().shortenLog(log - 1, Clock::now());
         else if (Connection* holder = relief.holder())
-            closeForMemory(*holder);
+            mConnections.closeForMemory(*holder);
         else
             return;
     }
-}
-
-template <class Do>
-void Broker::forEachConnection(Do&& act) const
-{
-    const auto visit = [&](const auto& peers)
-    {
-        for (const auto& peer : peers)
-            act(*peer);
-    };
-    visit(mPosts.peers());
-    visit(mRequests.peers());
-    visit(mNotify.peers());
-}
-
-void Broker::closeForMemory(Connection& connection)
-{
-    mRefusals.report(Refusal::Memory, "Closing the connection that holds most, %zu bytes of %zu",
-                     connection.accounted, mBudget.held());
-    switch (connection.kind())
-    {
-    case Handshake::Kind::Post:
-        return mPosts.closeForMemory(static_cast<PostConnection&>(connection));
-    case Handshake::Kind::Request:
-        return mRequests.close(static_cast<RequestConnection&>(connection));
-    case Handshake::Kind::Notify:
-        return mNotify.closeForMemory(static_cast<NotifyConnection&>(connection), Clock::now());
-    }
-}
-
-void Broker::collectClosed()
-{
-    mPosts.collect();
-    mRequests.collect();
-    mNotify.collect();
 }
 
 void Broker::addNumbers(Statistics::Numbers& numbers) const
 {
     namespace Number = BrokerProtocol::Number;
     numbers[Number::posts] = mApplier.count();
-    numbers[Number::published] = mNotify.published();
-    numbers[Number::missedEvents] = mNotify.missedEvents();
-    numbers[Number::fallenBehind] = mNotify.fallenBehind();
-    numbers["clients.requests"] = mRequests.openPeers();
-    numbers["clients.posts"] = mPosts.openPeers();
-    numbers["clients.notifications"] = mNotify.openPeers();
+    numbers[Number::published] = mConnections.notify().published();
+    numbers[Number::missedEvents] = mConnections.notify().missedEvents();
+    numbers[Number::fallenBehind] = mConnections.notify().fallenBehind();
+    numbers["clients.requests"] = mConnections.requests().openPeers();
+    numbers["clients.posts"] = mConnections.posts().openPeers();
+    numbers["clients.notifications"] = mConnections.notify().openPeers();
     numbers["memory.connections"] = mBudget.held();
     numbers["loop.maxMicroseconds"] = mLoop.rounds.longest();
     numbers["loop.p99Microseconds"] = mLoop.rounds.percentile(99);
@@ -307,18 +267,20 @@ void Broker::finish()
     bool isQuiet = false;
     while (!isQuiet && Clock::now() < begin + longestFinish)
     {
-        isQuiet = takeEvents(mPosts.hasPosts() ? std::chrono::milliseconds(0) : finishQuiet) == 0;
-        isQuiet = isQuiet && !mPosts.hasPosts();
+        isQuiet =
+            takeEvents(mConnections.posts().hasPosts() ? std::chrono::milliseconds(0) : finishQuiet) == 0;
+        isQuiet = isQuiet && !mConnections.posts().hasPosts();
         doRound();
     }
     mQuestions.answerAll();
     mOutbox.finish();
-    mPosts.pause(true);
-    while (Clock::now() < begin + longestEnd && (mNotify.hasOutput() || mRequests.hasOutput()))
+    mConnections.posts().pause(true);
+    while (Clock::now() < begin + longestEnd &&
+           (mConnections.notify().hasOutput() || mConnections.requests().hasOutput()))
     {
-        mNotify.flush(Clock::now());
+        mConnections.notify().flush(Clock::now());
         takeEvents(outputPause);
     }
-    mRequests.sayGoodbye(begin + longestEnd);
+    mConnections.requests().sayGoodbye(begin + longestEnd);
     OV_LOG(5, "Stopped");
 }

@@ -4,15 +4,13 @@
 #include <string>
 
 #include "broker/Answerer.h"
+#include "broker/Connections.h"
 #include "broker/IntakePause.h"
 #include "broker/MemoryBudget.h"
-#include "broker/NotifyPort.h"
 #include "broker/Options.h"
 #include "broker/Outbox.h"
 #include "broker/PostApplier.h"
-#include "broker/PostPort.h"
 #include "broker/Questions.h"
-#include "broker/RequestPort.h"
 #include "broker/Schedule.h"
 #include "broker/Statistics.h"
 #include "broker/Supervisor.h"
@@ -61,10 +59,6 @@ private:
     void doRound();
     void pauseIntake(TimePoint now);
     void relieveMemory();
-    template <class Do>
-    void forEachConnection(Do&& act) const;
-    void closeForMemory(Connection& connection);
-    void collectClosed();
     void addNumbers(Statistics::Numbers& numbers) const;
 
     Options mOptions;
@@ -72,11 +66,9 @@ private:
     MemoryBudget mBudget{mOptions.limits.memory};
     Loop mLoop;
     DeviceState mState;
-    RequestPort mRequests;
-    NotifyPort mNotify;
+    Connections mConnections;
     Outbox mOutbox;
     PostApplier mApplier;
-    PostPort mPosts;
     Answerer mAnswerer;
     Questions mQuestions;
     IntakePause mPause{mLoop.started};

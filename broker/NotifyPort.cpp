@@ -61,10 +61,11 @@ bool NotifyConnection::wants(std::string_view message) const
                        [&](const std::string& prefix) { return startsWith(message, prefix); });
 }
 
-NotifyPort::NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                       const DeviceState& state)
-    : Port(poller, BrokerProtocol::notifyPort, Handshake::Kind::Notify, 0), mBudget(budget),
-      mRefusals(refusals), mState(state), mLimit("notify", limits.connections, refusals), mBuffer(bufferBytes)
+NotifyPort::NotifyPort(const PortEnvironment& environment, const DeviceState& state)
+    : Port(environment.poller, environment.identities, BrokerProtocol::notifyPort, Handshake::Kind::Notify,
+           0),
+      mBudget(environment.budget), mRefusals(environment.refusals), mState(state),
+      mLimit("notify", environment.limits.connections, environment.refusals), mBuffer(bufferBytes)
 {
 }
 
@@ -142,6 +143,7 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
 
 void NotifyPort::read(NotifyConnection& connection, TimePoint now)
 {
+    const Refusals::From from(mRefusals, connection);
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     std::string_view bytes(mBuffer.data(), count);
     if (count != 0 && !finishMessage(connection)) // a PONG must not get into it
@@ -492,6 +494,7 @@ void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)
 void NotifyPort::lackMemory(NotifyConnection& connection, TimePoint now)
 {
     dropOutput(connection);
+    const Refusals::From from(mRefusals, connection);
     mRefusals.report(Refusal::Memory, "Closing a subscriber in the middle of a message, %zu bytes held",
                      mBudget.held());
     mCatchUp.disconnected(0, now, closedMemory);
@@ -507,6 +510,12 @@ std::size_t NotifyPort::backlog(TimePoint now) const
             slowest = std::min(slowest, connection->position);
     }
     return slowest == mLog.end() ? 0 : mLog.heldBytes(slowest);
+}
+
+uint64_t NotifyPort::queuedBytes(const NotifyConnection& connection) const
+{
+    const bool isFollowing = connection.state == NotifyConnection::State::Following;
+    return connection.outputBytes() + (isFollowing ? mLog.end() - connection.position : 0);
 }
 
 bool NotifyPort::hasOutput() const

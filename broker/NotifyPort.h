@@ -7,10 +7,8 @@
 
 #include "broker/CatchUp.h"
 #include "broker/ConnectionLimit.h"
-#include "broker/MemoryBudget.h"
+#include "broker/PortEnvironment.h"
 #include "broker/SendBuffers.h"
-#include "broker/base/Limits.h"
-#include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
 #include "broker/wire/NotificationLog.h"
 #include "broker/wire/Port.h"
@@ -58,9 +56,8 @@ public:
 class NotifyPort : public Port<NotifyConnection>
 {
 public:
-    /// All must outlive it.
-    NotifyPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-               const DeviceState& state);
+    /// @param state must outlive it
+    NotifyPort(const PortEnvironment& environment, const DeviceState& state);
 
     void serve(NotifyConnection& connection, uint32_t what, TimePoint now);
 
@@ -91,6 +88,9 @@ public:
 
     /// Whether something waits that the kernel did not take.
     bool hasOutput() const;
+
+    /// Bytes that are to be sent to it, as far as it follows the log.
+    uint64_t queuedBytes(const NotifyConnection& connection) const;
 
     bool hasSubscribers() const { return openPeers() != 0; }
 

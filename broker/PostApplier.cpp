@@ -14,8 +14,17 @@ void PostApplier::apply(std::string_view post)
     else if (mCommand.readPost(post))
         apply(mCommand);
     else
-        mRefusals.report(Refusal::MalformedPost, "Malformed post [%.*s] refused", excerptLength(post),
-                         post.data());
+        refuse(post);
+}
+
+// The library loses the end of texts whose length is a multiple of its frames' size, the last frame being
+// empty then.
+void PostApplier::refuse(std::string_view post)
+{
+    const bool isCutOff = post.size() % BrokerProtocol::maxFrameBytes == 0;
+    mRefusals.report(
+        Refusal::MalformedPost, "Malformed post [%.*s] refused%s", excerptLength(post), post.data(),
+        isCutOff ? ", which seems to lack its last 512 bytes: its length is a multiple of that" : "");
 }
 
 void PostApplier::apply(const BrokerProtocol::Command& command)
@@ -52,6 +61,7 @@ void PostApplier::apply(const BrokerProtocol::Command& command)
     case Operation::GetCounterValue:
     case Operation::IncrementCounter:
     case Operation::GetBrokerStatistics:
+    case Operation::GetBrokerClients:
         return; // no posts
     }
 }

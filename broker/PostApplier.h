@@ -27,6 +27,7 @@ public:
 
 private:
     void apply(const BrokerProtocol::Command& command);
+    void refuse(std::string_view post);
     void publish(const char* key, const DeviceState::Members& members, uint64_t events);
     void setSystemTime(uint32_t seconds);
 

@@ -56,10 +56,10 @@ void removeFrom(List& list, T* element)
 
 } // namespace
 
-PostPort::PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                   OnPost onPost)
-    : Port(poller, BrokerProtocol::postPort, Handshake::Kind::Post, 0), mBudget(budget), mLimits(limits),
-      mRefusals(refusals), mOnPost(std::move(onPost)), mLimit("post", limits.connections, refusals),
+PostPort::PostPort(const PortEnvironment& environment, OnPost onPost)
+    : Port(environment.poller, environment.identities, BrokerProtocol::postPort, Handshake::Kind::Post, 0),
+      mBudget(environment.budget), mLimits(environment.limits), mRefusals(environment.refusals),
+      mOnPost(std::move(onPost)), mLimit("post", environment.limits.connections, environment.refusals),
       mPatience(Clock::now()), mBuffer(bufferBytes)
 {
 }
@@ -130,6 +130,7 @@ void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end,
 // Once.
 void PostPort::read(PostConnection& connection, TimePoint now)
 {
+    const Refusals::From from(mRefusals, connection);
     const std::size_t most = std::clamp(bytesOfAllTurns / (mReady.size() + 1), fewestBytes, mBuffer.size());
     const std::size_t count = connection.receive(mBuffer.data(), most);
     connection.bytesSincePong += count;
@@ -147,7 +148,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
         if (result == FrameReader::Result::NeedsMore)
             break;
         if (result != FrameReader::Result::Command)
-            take(result, item);
+            take(connection, result, item);
         else if (const auto context = Ping::pongContext(item.body))
             takePong(connection, *context, bytes.size(), now);
     }
@@ -166,8 +167,9 @@ void PostPort::open(PostConnection& connection)
         connection.sendCommand(Ping::command(subscribedContext));
 }
 
-void PostPort::take(FrameReader::Result result, const FrameReader::Item& item)
+void PostPort::take(PostConnection& connection, FrameReader::Result result, const FrameReader::Item& item)
 {
+    ++connection.messages;
     if (result == FrameReader::Result::Message)
         return mOnPost(item.body);
     const bool isEndless = result == FrameReader::Result::Endless; // what is behind it is not read

@@ -9,11 +9,9 @@
 #include <vector>
 
 #include "broker/ConnectionLimit.h"
-#include "broker/MemoryBudget.h"
 #include "broker/PongWait.h"
+#include "broker/PortEnvironment.h"
 #include "broker/StartWait.h"
-#include "broker/base/Limits.h"
-#include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
 
 /// A connection on which a client posts.
@@ -52,8 +50,7 @@ class PostPort : public Port<PostConnection>
 public:
     using OnPost = std::function<void(std::string_view)>;
 
-    /// All must outlive it.
-    PostPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals, OnPost onPost);
+    PostPort(const PortEnvironment& environment, OnPost onPost);
 
     /// Something can be read, or written, or has ended. Reading waits for takePosts().
     void serve(PostConnection& connection, uint32_t what);
@@ -117,7 +114,7 @@ private:
     void read(PostConnection& connection, TimePoint now) override;
 
     void open(PostConnection& connection);
-    void take(FrameReader::Result result, const FrameReader::Item& item);
+    void take(PostConnection& connection, FrameReader::Result result, const FrameReader::Item& item);
     void lose();
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeArrivals(TimePoint now);

@@ -30,10 +30,10 @@ void removeFrom(List& list, RequestConnection* connection)
 
 } // namespace
 
-Questions::Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests,
-                     NotifyPort& notify, const DeviceState& state, TimePoint serving)
-    : mAnswerer(answerer), mOutbox(outbox), mPosts(posts), mRequests(requests), mNotify(notify),
-      mState(state), mReturnTime(serving), mGate(serving)
+Questions::Questions(Answerer& answerer, Outbox& outbox, Connections& connections, Refusals& refusals,
+                     const DeviceState& state, TimePoint serving)
+    : mAnswerer(answerer), mOutbox(outbox), mPosts(connections.posts()), mRequests(connections.requests()),
+      mNotify(connections.notify()), mRefusals(refusals), mState(state), mReturnTime(serving), mGate(serving)
 {
     mNotify.catchUp().disconnected(0, serving, restartMemory);
 }
@@ -116,6 +116,7 @@ void Questions::sortNew(TimePoint now)
 void Questions::answerOne(const Waiting& each, bool isTooEarly)
 {
     RequestConnection& connection = *each.connection;
+    const Refusals::From from(mRefusals, connection);
     if (each.isSync)
         acknowledge(connection, isTooEarly || connection.lossesKnown != mPosts.losses());
     else if (connection.isTooLong)

@@ -6,9 +6,8 @@
 #include <vector>
 
 #include "broker/Answerer.h"
+#include "broker/Connections.h"
 #include "broker/Outbox.h"
-#include "broker/PostPort.h"
-#include "broker/RequestPort.h"
 #include "broker/ReturnTime.h"
 #include "broker/StartGate.h"
 
@@ -18,7 +17,7 @@ class Questions
 {
 public:
     /// All must outlive it.
-    Questions(Answerer& answerer, Outbox& outbox, PostPort& posts, RequestPort& requests, NotifyPort& notify,
+    Questions(Answerer& answerer, Outbox& outbox, Connections& connections, Refusals& refusals,
               const DeviceState& state, TimePoint serving);
 
     void ask(RequestConnection& connection) { mNew.push_back(&connection); }
@@ -66,6 +65,7 @@ private:
     PostPort& mPosts;
     RequestPort& mRequests;
     NotifyPort& mNotify;
+    Refusals& mRefusals;
     const DeviceState& mState;
     const ReturnTime mReturnTime;
     StartGate mGate;

@@ -48,11 +48,13 @@ void removeFrom(List& list, RequestConnection* connection)
 
 } // namespace
 
-RequestPort::RequestPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                         const DeviceState& state, OnRequest onRequest, OnClose onClose)
-    : Port(poller, BrokerProtocol::requestPort, Handshake::Kind::Request, sendBufferBytes), mBudget(budget),
-      mLimits(limits), mRefusals(refusals), mState(state), mOnRequest(std::move(onRequest)),
-      mOnClose(std::move(onClose)), mLimit("request", limits.connections, refusals), mBuffer(bufferBytes)
+RequestPort::RequestPort(const PortEnvironment& environment, const DeviceState& state, OnRequest onRequest,
+                         OnClose onClose)
+    : Port(environment.poller, environment.identities, BrokerProtocol::requestPort, Handshake::Kind::Request,
+           sendBufferBytes),
+      mBudget(environment.budget), mLimits(environment.limits), mRefusals(environment.refusals),
+      mState(state), mOnRequest(std::move(onRequest)), mOnClose(std::move(onClose)),
+      mLimit("request", environment.limits.connections, environment.refusals), mBuffer(bufferBytes)
 {
 }
 
@@ -146,6 +148,8 @@ void RequestPort::readProbe(RequestConnection& connection)
 void RequestPort::take(RequestConnection& connection, FrameReader::Result result,
                        const FrameReader::Item& item, TimePoint now)
 {
+    ++connection.messages;
+    const Refusals::From from(mRefusals, connection);
     if (result != FrameReader::Result::Message)
         mRefusals.reportLong("Request", result == FrameReader::Result::Endless, mLimits.messageBytes);
     connection.isTooLong = result != FrameReader::Result::Message;

@@ -9,11 +9,9 @@
 
 #include "broker/ConnectionLimit.h"
 #include "broker/EmptyAnswer.h"
-#include "broker/MemoryBudget.h"
+#include "broker/PortEnvironment.h"
 #include "broker/Reply.h"
 #include "broker/StartProbe.h"
-#include "broker/base/Limits.h"
-#include "broker/base/Refusals.h"
 #include "broker/wire/Port.h"
 
 /// A connection on which a client asks. One question at a time: the next is read when the answer to the last
@@ -69,8 +67,8 @@ public:
     static constexpr std::chrono::milliseconds silence{1000};
 
     /// All must outlive it.
-    RequestPort(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                const DeviceState& state, OnRequest onRequest, OnClose onClose);
+    RequestPort(const PortEnvironment& environment, const DeviceState& state, OnRequest onRequest,
+                OnClose onClose);
 
     void serve(RequestConnection& connection, uint32_t what, TimePoint now);
     void reply(RequestConnection& connection, Reply reply);

@@ -49,8 +49,7 @@ std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept
     return time_point(begin + elapsed);
 }
 
-Listener::Listener(uint16_t port, int)
-    : mPort(port), mSocket(eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE | EFD_CLOEXEC))
+Listener::Listener(uint16_t port, int) : mSocket(eventfd(0, EFD_NONBLOCK | EFD_SEMAPHORE | EFD_CLOEXEC))
 {
     waitingAt(port) = {mSocket.number(), {}};
 }

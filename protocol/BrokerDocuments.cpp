@@ -156,6 +156,55 @@ void Command::sortMembers()
 
 // ------------------------------------------------------------------------------------------------- writing
 
+namespace
+{
+
+// Behind a comma unless a member list begins with it.
+void appendName(std::string& to, std::string_view name)
+{
+    if (!to.empty() && to.back() != '{')
+        to += ',';
+    appendText(to, name);
+    to += ':';
+}
+
+void appendNumber(std::string& to, std::string_view name, uint64_t number)
+{
+    appendName(to, name);
+    to += std::to_string(number);
+}
+
+void appendKnown(std::string& to, std::string_view name, std::string_view text)
+{
+    if (!text.empty())
+        appendMember(to, {name, text});
+}
+
+void appendClient(std::string& to, const Client& client)
+{
+    to += '{';
+    appendKnown(to, ClientMember::user, client.user);
+    if (client.uid)
+        appendNumber(to, ClientMember::uid, *client.uid);
+    appendKnown(to, ClientMember::service, client.service);
+    if (client.pid != 0)
+        appendNumber(to, ClientMember::pid, client.pid);
+    appendKnown(to, ClientMember::program, client.program);
+    if (client.isShared)
+        appendNumber(to, ClientMember::shared, 1);
+    appendNumber(to, ClientMember::since, client.since);
+    appendNumber(to, ClientMember::connections, client.connections);
+    appendNumber(to, ClientMember::posts, client.posts);
+    appendNumber(to, ClientMember::requests, client.requests);
+    appendNumber(to, ClientMember::queued, client.queued);
+    appendNumber(to, ClientMember::refusals, client.refusals);
+    appendNumber(to, ClientMember::received, client.received);
+    appendNumber(to, ClientMember::sent, client.sent);
+    to += '}';
+}
+
+} // namespace
+
 void appendText(std::string& to, std::string_view text)
 {
     if (!PlainText::isPlain(text))
@@ -170,10 +219,7 @@ void appendText(std::string& to, std::string_view text)
 
 void appendMember(std::string& to, const Member& member)
 {
-    if (!to.empty() && to.back() != '{')
-        to += ',';
-    appendText(to, member.name);
-    to += ':';
+    appendName(to, member.name);
     appendText(to, member.value);
 }
 
@@ -210,13 +256,23 @@ void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbe
 {
     to += '{';
     for (const auto& [name, number] : numbers)
+        appendNumber(to, name, number);
+    to += '}';
+}
+
+void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete)
+{
+    to += '{';
+    appendText(to, ClientMember::clients);
+    to += ":[";
+    for (const Client& client : clients)
     {
-        if (to.back() != '{')
+        if (&client != &clients.front())
             to += ',';
-        appendText(to, name);
-        to += ':';
-        to += std::to_string(number);
+        appendClient(to, client);
     }
+    to += ']';
+    appendNumber(to, ClientMember::complete, isComplete ? 1 : 0);
     to += '}';
 }
 

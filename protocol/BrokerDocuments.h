@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "protocol/Client.h"
 #include "protocol/Words.h"
 
 /// The documents as the broker reads and writes them. Pure functions; no sockets, no threads.
@@ -40,6 +41,7 @@ enum class Operation
     GetCounterValue,
     IncrementCounter,
     GetBrokerStatistics,
+    GetBrokerClients,
 };
 
 /// The name under which messages know it.
@@ -97,6 +99,9 @@ void appendTimerReply(std::string& to, uint64_t microseconds);
 /// As a signed number: above 2^31 the only text that clients of 32 bits read right, too, since atoi() ends
 /// there.
 void appendCounterReply(std::string& to, uint32_t value);
+
+/// @param isComplete no process is being looked for
+void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete);
 
 /// An object of numbers.
 void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers);

@@ -40,7 +40,7 @@ inline constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
 }};
 
-inline constexpr std::array<Form, 8> requestForms{{
+inline constexpr std::array<Form, 9> requestForms{{
     {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
     {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
     {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
@@ -49,6 +49,7 @@ inline constexpr std::array<Form, 8> requestForms{{
     {Key::getCounterValue, Operation::GetCounterValue, Shape::Text},
     {Key::incrementCounter, Operation::IncrementCounter, Shape::Text},
     {Key::getBrokerStatistics, Operation::GetBrokerStatistics, Shape::Text},
+    {Key::getBrokerClients, Operation::GetBrokerClients, Shape::Text},
 }};
 
 template <class Forms>

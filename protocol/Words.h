@@ -34,6 +34,7 @@ constexpr const char* statusUpdate = "statusUpdate";
 constexpr const char* eventUpdate = "eventUpdate";
 constexpr const char* statusValue = "statusValue";
 constexpr const char* getBrokerStatistics = "getBrokerStatistics";
+constexpr const char* getBrokerClients = "getBrokerClients";
 } // namespace Key
 
 /// Those numbers of getBrokerStatistics by which readers judge the broker.
@@ -51,6 +52,27 @@ constexpr const char* systemTimeRefused = "refused.systemTime";
 constexpr const char* openDescriptors = "descriptors.open";
 constexpr const char* mostDescriptors = "descriptors.limit";
 } // namespace Number
+
+/// The members of the answer to getBrokerClients. What the broker does not know of a client is left out.
+namespace ClientMember
+{
+constexpr const char* clients = "clients";   ///< the list of all
+constexpr const char* complete = "complete"; ///< 0: processes are still looked for, ask again; else 1
+constexpr const char* user = "user";
+constexpr const char* uid = "uid";
+constexpr const char* service = "service";
+constexpr const char* pid = "pid";
+constexpr const char* program = "program";
+constexpr const char* shared = "shared"; ///< other processes have its sockets, too
+constexpr const char* since = "since";   ///< microseconds since the Unix epoch
+constexpr const char* connections = "connections";
+constexpr const char* posts = "posts";
+constexpr const char* requests = "requests";
+constexpr const char* queued = "queued"; ///< bytes
+constexpr const char* refusals = "refusals";
+constexpr const char* received = "received"; ///< bytes
+constexpr const char* sent = "sent";         ///< bytes
+} // namespace ClientMember
 
 /// The control words, sent as bare text.
 constexpr const char* syncWord = "Sync";

@@ -1,5 +1,6 @@
 #include "broker/base/Refusals.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 
@@ -12,6 +13,8 @@ void Refusals::report(Refusal kind, const char* format, ...)
 {
     Kind& of = mKinds[static_cast<std::size_t>(kind)];
     ++of.count;
+    if (mSource != nullptr)
+        ++mSource->refusals;
     if (!isToBeLogged(of))
         return;
     std::array<char, 512> text{};
@@ -19,11 +22,39 @@ void Refusals::report(Refusal kind, const char* format, ...)
     va_start(arguments, format);
     vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    if (of.silent == 0)
-        OV_LOG(2, "%s", text.data());
+    Held line{mSource, text.data(), std::exchange(of.silent, 0)};
+    if (mSource == nullptr || !mDescribe)
+        return log(line, "");
+    if (const std::optional<std::string> name = mDescribe(*mSource))
+        return log(line, *name);
+    mHeld.push_back(std::move(line));
+}
+
+Refusals::~Refusals()
+{
+    for (const Held& line : mHeld)
+        log(line, "");
+}
+
+void Refusals::tell(const Refused& source, const std::string& name)
+{
+    const auto isItsOwn = [&](const Held& line) { return line.source == &source; };
+    for (const Held& line : mHeld)
+    {
+        if (isItsOwn(line))
+            log(line, name);
+    }
+    mHeld.erase(std::remove_if(mHeld.begin(), mHeld.end(), isItsOwn), mHeld.end());
+}
+
+void Refusals::log(const Held& line, const std::string& name)
+{
+    const std::string from = name.empty() ? "" : " [" + name + ']';
+    if (line.silent == 0)
+        OV_LOG(2, "%s%s", line.text.c_str(), from.c_str());
     else
-        OV_LOG(2, "%s (and %llu before it)", text.data(), static_cast<unsigned long long>(of.silent));
-    of.silent = 0;
+        OV_LOG(2, "%s%s (and %llu before it)", line.text.c_str(), from.c_str(),
+               static_cast<unsigned long long>(line.silent));
 }
 
 bool Refusals::isToBeLogged(Kind& kind)

@@ -4,7 +4,12 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "broker/base/Clock.h"
 
@@ -35,6 +40,13 @@ inline int excerptLength(std::string_view text)
     return static_cast<int>(text.size() < enough ? text.size() : enough);
 }
 
+/// What refused things come from.
+class Refused
+{
+public:
+    uint64_t refusals = 0;
+};
+
 /// Counts what is refused and logs it, within reason: one that keeps misbehaving cannot flood the log.
 class Refusals
 {
@@ -45,6 +57,34 @@ public:
 
     /// @param now for tests: what to measure the windows with
     explicit Refusals(TimePoint (*now)() = &Clock::now) : mNow(now) {}
+    ~Refusals();
+
+    Refusals(const Refusals&) = delete;
+    Refusals& operator=(const Refusals&) = delete;
+
+    /// Names a source in the log; nothing while it is not known who that is. Then the line waits for tell().
+    using Describe = std::function<std::optional<std::string>(Refused&)>;
+    void setDescribe(Describe describe) { mDescribe = std::move(describe); }
+
+    /// It is known now who the source is, or it goes.
+    void tell(const Refused& source, const std::string& name);
+
+    /// As long as it lives, refusals come from this source, which must live as long.
+    class From
+    {
+    public:
+        From(Refusals& refusals, Refused& source)
+            : mRefusals(refusals), mBefore(std::exchange(refusals.mSource, &source))
+        {
+        }
+        ~From() { mRefusals.mSource = mBefore; }
+        From(const From&) = delete;
+        From& operator=(const From&) = delete;
+
+    private:
+        Refusals& mRefusals;
+        Refused* mBefore;
+    };
 
     /// Counts it, and logs the text at level 2, within reason.
     void report(Refusal kind, const char* format, ...) __attribute__((format(printf, 3, 4), cold));
@@ -66,8 +106,20 @@ private:
         TimePoint windowStart{};
     };
 
-    bool isToBeLogged(Kind& kind);
+    // A line that waits. There are never many, as only a few are logged in a window.
+    struct Held
+    {
+        const Refused* source;
+        std::string text;
+        uint64_t silent;
+    };
 
+    bool isToBeLogged(Kind& kind);
+    static void log(const Held& line, const std::string& name);
+
+    Refused* mSource = nullptr;
+    Describe mDescribe;
+    std::vector<Held> mHeld;
     TimePoint (*const mNow)();
     std::array<Kind, refusalKinds> mKinds;
 };

@@ -47,7 +47,7 @@ std::size_t Connection::receive(char* buffer, std::size_t size)
     const ssize_t count = recv(descriptor(), buffer, size, 0);
     if (count == 0)
         kill();
-    return taken(count);
+    return taken(count, mReceivedBytes);
 }
 
 TimePoint Connection::lastArrival(TimePoint now) const
@@ -169,7 +169,7 @@ std::size_t Connection::sendPieces(const iovec* pieces, std::size_t count)
 std::size_t Connection::sent(ssize_t result)
 {
     if (result >= 0 || errno == EAGAIN || errno == EINTR || mKind != Handshake::Kind::Post)
-        return taken(result);
+        return taken(result, mSentBytes);
     mIsDeaf = true;
     mOutput.clear();
     mSent = 0;
@@ -177,11 +177,11 @@ std::size_t Connection::sent(ssize_t result)
 }
 
 // What a call has transferred. One that failed for another reason than want of room or bytes is the end.
-std::size_t Connection::taken(ssize_t result)
+std::size_t Connection::taken(ssize_t result, uint64_t& counter)
 {
     if (result >= 0)
     {
-        mMoved += static_cast<uint64_t>(result);
+        counter += static_cast<uint64_t>(result);
         return static_cast<std::size_t>(result);
     }
     if (errno != EAGAIN && errno != EINTR)

@@ -10,13 +10,15 @@
 #include "broker/base/Clock.h"
 #include "broker/base/Descriptor.h"
 #include "broker/base/Progress.h"
+#include "broker/base/Refusals.h"
+#include "broker/peer/Identity.h"
 #include "broker/wire/FrameReader.h"
 #include "broker/wire/Handshake.h"
 #include "broker/wire/Poller.h"
 
 /// One TCP connection of a peer: its handshake, what it sends as messages and commands, and what has been
 /// sent to it as far as the kernel did not take it.
-class Connection : public Pollable
+class Connection : public Pollable, public Refused
 {
 public:
     Connection(Descriptor socket, Handshake::Kind kind, TimePoint now);
@@ -89,9 +91,15 @@ public:
 
     bool isUnfinished() const { return mReader.isUnfinished(); }
 
-    /// Bytes that it has received and sent.
-    uint64_t movedBytes() const { return mMoved; }
+    /// Bytes that it has received from the peer, and sent to it.
+    uint64_t receivedBytes() const { return mReceivedBytes; }
+    uint64_t sentBytes() const { return mSentBytes; }
+    uint64_t movedBytes() const { return mReceivedBytes + mSentBytes; }
 
+    /// Who is at its other end.
+    Identity identity;
+    /// Posts or requests of it, malformed ones, too.
+    uint64_t messages = 0;
     /// Its place among those in the middle of their handshake; the port's.
     std::list<Connection*>::iterator opening;
     /// What the poller was last asked to report.
@@ -112,7 +120,7 @@ private:
 
     bool answerPing(std::string_view command);
     std::size_t sent(ssize_t result);
-    std::size_t taken(ssize_t result);
+    std::size_t taken(ssize_t result, uint64_t& counter);
 
     Descriptor mSocket;
     const Handshake::Kind mKind;
@@ -123,7 +131,8 @@ private:
     std::string mOutput;
     std::size_t mSent = 0; ///< of the output
     bool mIsDeaf = false;  ///< the peer takes nothing any more
-    uint64_t mMoved = 0;
+    uint64_t mReceivedBytes = 0;
+    uint64_t mSentBytes = 0;
 };
 
 #endif

@@ -28,24 +28,23 @@ void set(int socket, int level, int option, int value)
 } // namespace
 
 Listener::Listener(uint16_t port, int sendBuffer)
-    : mPort(port), mSocket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
+    : mSocket(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0))
 {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    mAddress.sin_family = AF_INET;
+    mAddress.sin_port = htons(port);
+    mAddress.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     set(mSocket.number(), SOL_SOCKET, SO_REUSEADDR, 1); // connections of an earlier broker may linger
     if (sendBuffer != 0)
         set(mSocket.number(), SOL_SOCKET, SO_SNDBUF, sendBuffer);
     if (!mSocket.isOpen() ||
-        bind(mSocket.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+        bind(mSocket.number(), reinterpret_cast<const sockaddr*>(&mAddress), sizeof(mAddress)) != 0)
         fail(port, errno);
 }
 
 void Listener::listen()
 {
     if (::listen(mSocket.number(), backlog) != 0)
-        fail(mPort, errno);
+        fail(ntohs(mAddress.sin_port), errno);
 }
 
 Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)

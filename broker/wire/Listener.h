@@ -21,6 +21,8 @@ public:
 
     int descriptor() const { return mSocket.number(); }
 
+    const sockaddr_in& address() const { return mAddress; }
+
     /// The next connection, non-blocking and ready to be used; none (not open) if none waits.
     /// @param outOfDescriptors set if one waits that cannot be had
     Descriptor accept(sockaddr_in& peer, bool& outOfDescriptors);
@@ -29,7 +31,7 @@ public:
     std::size_t waiting() const;
 
 private:
-    uint16_t mPort;
+    sockaddr_in mAddress{};
     Descriptor mSocket;
 };
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "broker/base/Clock.h"
+#include "broker/peer/Identities.h"
 #include "broker/wire/Connection.h"
 #include "broker/wire/Listener.h"
 #include "broker/wire/Poller.h"
@@ -52,7 +53,7 @@ public:
             const bool hasRoom = mPeers.size() < most();
             if (!hasRoom)
                 onFull();
-            if ((hasRoom || makeRoom(now)) && !add(std::move(socket), now))
+            if ((hasRoom || makeRoom(now)) && !add(std::move(socket), address, now))
                 outOfDescriptors = true;
             if (outOfDescriptors)
                 break;
@@ -71,6 +72,7 @@ public:
     {
         onClose(peer);
         noteOpened(peer);
+        mIdentities.forget(peer.identity);
         const auto found =
             std::find_if(mPeers.begin(), mPeers.end(), [&](const auto& each) { return each.get() == &peer; });
         peer.closeSocket();
@@ -79,8 +81,14 @@ public:
         mPeers.pop_back();
     }
 
-    /// Destroys what was closed. Nothing may point to it any more.
-    void collect() { mClosed.clear(); }
+    /// Destroys what was closed, each after act(Peer&). Nothing else may point to it any more.
+    template <class Act>
+    void collect(Act&& act)
+    {
+        for (const auto& peer : mClosed)
+            act(*peer);
+        mClosed.clear();
+    }
 
     virtual TimePoint due() const
     {
@@ -114,8 +122,9 @@ public:
     }
 
 protected:
-    Port(Poller& poller, uint16_t number, Handshake::Kind kind, int sendBuffer)
-        : Pollable(Pollable::Kind::Listener), mPoller(poller), mListener(number, sendBuffer), mKind(kind)
+    Port(Poller& poller, Identities& identities, uint16_t number, Handshake::Kind kind, int sendBuffer)
+        : Pollable(Pollable::Kind::Listener), mPoller(poller), mIdentities(identities),
+          mListener(number, sendBuffer), mKind(kind)
     {
     }
 
@@ -157,13 +166,14 @@ protected:
 
 private:
     // False if there is no memory for it, here or in the system.
-    bool add(Descriptor socket, TimePoint now)
+    bool add(Descriptor socket, const sockaddr_in& address, TimePoint now)
     {
         const std::size_t before = mPeers.size();
         try
         {
             mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
             Peer& peer = *mPeers.back();
+            peer.identity = mIdentities.identify(address, mListener.address());
             peer.opening = mOpening.end();
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
@@ -213,6 +223,7 @@ private:
     }
 
     Poller& mPoller;
+    Identities& mIdentities;
     Listener mListener;
     uint64_t mAccepted = 0;
     const Handshake::Kind mKind;

@@ -71,7 +71,9 @@ protected:
     Refusals refusals;
     MemoryBudget budget{limits.memory};
     Poller poller;
-    PostPort port{poller, budget, limits, refusals, [](std::string_view) {}};
+    Identities identities;
+    const PortEnvironment environment{poller, identities, budget, limits, refusals};
+    PostPort port{environment, [](std::string_view) {}};
 };
 
 } // namespace
@@ -93,7 +95,7 @@ TEST_F(PortTest, aConnectionThatTheSystemCannotWatchIsClosedAndTheNextOnesComeLa
         port.accept(PostPort::fewAtATime, Clock::now());
         ASSERT_EQ(port.peers().size(), 1U);
         port.close(*port.peers().front());
-        port.collect();
+        port.collect([](PostConnection&) {});
     }
 }
 
@@ -138,8 +140,8 @@ TEST_F(PortTest, nothingWaitsForTheAcknowledgementOfWhatWasSentBefore)
 {
     const DeviceState state(limits, refusals);
     RequestPort requestPort(
-        poller, budget, limits, refusals, state, [](RequestConnection&) {}, [](RequestConnection&) {});
-    NotifyPort notifyPort(poller, budget, limits, refusals, state);
+        environment, state, [](RequestConnection&) {}, [](RequestConnection&) {});
+    NotifyPort notifyPort(environment, state);
     requestPort.listen();
     notifyPort.listen();
     expectNoDelay(port, ZmtpPeer::postPort);
@@ -248,7 +250,7 @@ protected:
 
     const int large = sendBufferFor(SendBuffers::largest);
     DeviceState state{limits, refusals};
-    NotifyPort notifyPort{poller, budget, limits, refusals, state};
+    NotifyPort notifyPort{environment, state};
 };
 
 } // namespace
@@ -283,7 +285,7 @@ TEST_F(SubscribersTest, theSystemHoldsMuchAgainForTheRestWhenManyHaveLeft)
     EXPECT_LT(sendBufferOf(*notifyPort.peers().front()), large);
     while (notifyPort.peers().size() > 10)
         notifyPort.close(*notifyPort.peers().back());
-    notifyPort.collect();
+    notifyPort.collect([](NotifyConnection&) {});
     for (const auto& connection : notifyPort.peers())
         EXPECT_EQ(sendBufferOf(*connection), large);
 }

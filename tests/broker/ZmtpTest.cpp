@@ -274,12 +274,12 @@ TEST_F(ZmtpTest, commandsThatMeanNothingAreIgnored)
 
 TEST_F(ZmtpTest, anAnswerIsADelimiterAndFramesToTheByte)
 {
+    RawPoster poster;
     ZmtpPeer peer(ZmtpPeer::requestPort);
     ASSERT_TRUE(peer.shakeHands());
     ASSERT_TRUE(peer.write(ZmtpPeer::request("Sync")));
     const std::string expected = "\1\0\0\7SyncAck"s;
     EXPECT_EQ(peer.read(expected.size()), expected);
-    RawPoster poster;
     RawRequester requester;
     const std::string value(600, 'v');
     poster.post(postOf("k", value));

@@ -103,6 +103,8 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
     EXPECT_EQ(command.operation, Operation::GetClientInfo);
     ASSERT_TRUE(readsRequest(writeGetBrokerStatistics()));
     EXPECT_EQ(command.operation, Operation::GetBrokerStatistics);
+    ASSERT_TRUE(readsRequest(writeText(Key::getBrokerClients, "null")));
+    EXPECT_EQ(command.operation, Operation::GetBrokerClients);
     ASSERT_TRUE(readsRequest(writeList(Key::getClientInfoValues, {"a", "a"})));
     EXPECT_EQ(command.operation, Operation::GetClientInfoValues);
     EXPECT_EQ(command.texts, (TextViews{"a", "a"}));
@@ -122,7 +124,7 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
 
 TEST_F(Reading, everyOperationHasTheNameByWhichItIsRead)
 {
-    for (auto index = 0; index <= static_cast<int>(Operation::GetBrokerStatistics); ++index)
+    for (auto index = 0; index <= static_cast<int>(Operation::GetBrokerClients); ++index)
     {
         const auto operation = static_cast<Operation>(index);
         const std::string name = nameOf(operation);
@@ -319,4 +321,38 @@ TEST(BrokersWriting, everyTextIsReadByClientsAsItWas)
 TEST(BrokersWriting, bytesThatAreNotUtf8AreReadByClientsAsReplacementCharacters)
 {
     EXPECT_EQ(readStatusValueReply(written(appendStatusValueReply, "\xff")), "\xef\xbf\xbd");
+}
+
+TEST(ClientsWriting, tellsAllThatIsKnownOfAClient)
+{
+    BrokerProtocol::Client client;
+    client.user = "net";
+    client.uid = 7;
+    client.service = "net.service";
+    client.pid = 42;
+    client.program = "n\"d";
+    client.isShared = true;
+    client.since = 1;
+    client.connections = 2;
+    client.posts = 3;
+    client.requests = 4;
+    client.queued = 5;
+    client.refusals = 6;
+    client.received = 7;
+    client.sent = 8;
+    std::string text;
+    BrokerProtocol::appendClients(text, {client}, true);
+    EXPECT_EQ(text, R"({"clients":[{"user":"net","uid":7,"service":"net.service","pid":42,"program":"n\"d",)"
+                    R"("shared":1,"since":1,"connections":2,"posts":3,"requests":4,"queued":5,"refusals":6,)"
+                    R"("received":7,"sent":8}],"complete":1})");
+}
+
+TEST(ClientsWriting, leavesOutWhatIsUnknown)
+{
+    std::string text;
+    BrokerProtocol::appendClients(text, {BrokerProtocol::Client(), BrokerProtocol::Client()}, false);
+    const std::string unknown =
+        R"({"since":0,"connections":0,"posts":0,"requests":0,"queued":0,"refusals":0,)"
+        R"("received":0,"sent":0})";
+    EXPECT_EQ(text, R"({"clients":[)" + unknown + ',' + unknown + R"(],"complete":0})");
 }

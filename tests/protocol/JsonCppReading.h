@@ -114,7 +114,8 @@ inline const Forms requests{{BrokerProtocol::Key::getClientInfo, readText},
                             {BrokerProtocol::Key::getTimerLastStarted, readText},
                             {BrokerProtocol::Key::getCounterValue, readText},
                             {BrokerProtocol::Key::incrementCounter, readText},
-                            {BrokerProtocol::Key::getBrokerStatistics, readText}};
+                            {BrokerProtocol::Key::getBrokerStatistics, readText},
+                            {BrokerProtocol::Key::getBrokerClients, readText}};
 
 inline std::optional<Meaning> read(const std::string& document, const Forms& forms)
 {

@@ -1,0 +1,161 @@
+#include "broker/Connections.h"
+
+#include <algorithm>
+#include <ctime>
+#include <map>
+#include <tuple>
+
+namespace
+{
+
+using BrokerProtocol::Client;
+
+uint64_t wallMicroseconds()
+{
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now); // std::chrono's ends in 2038 on 32-bit processors
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
+}
+
+// Connections with the same key belong to the same client: of the same process, and where that is not known,
+// of the same user and control group. Those of unknown users stand alone.
+using ClientKey = std::tuple<std::optional<uid_t>, uint64_t, pid_t, const Connection*>;
+
+ClientKey keyOf(const Connection& connection)
+{
+    const Identity& identity = connection.identity;
+    const bool isAlone = !identity.owner.isKnown() && identity.pid == 0;
+    return {identity.owner.uid(), identity.owner.cgroup().value_or(0), identity.pid,
+            isAlone ? &connection : nullptr};
+}
+
+Client begin(const Identity& identity)
+{
+    Client client;
+    client.user = identity.user;
+    client.uid = identity.owner.uid();
+    client.service = identity.service;
+    client.pid = static_cast<uint32_t>(identity.pid);
+    client.program = identity.program;
+    client.isShared = identity.isShared;
+    client.since = UINT64_MAX;
+    return client;
+}
+
+} // namespace
+
+Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+                         const DeviceState& state, PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
+                         RequestPort::OnClose onClose)
+    : mRefusals(refusals), mEnvironment{poller, mIdentities, budget, limits, refusals},
+      mRequests(mEnvironment, state, std::move(onRequest), std::move(onClose)), mNotify(mEnvironment, state),
+      mPosts(mEnvironment, std::move(onPost))
+{
+    refusals.setDescribe([this](Refused& source) { return nameOf(static_cast<Connection&>(source)); });
+}
+
+void Connections::listen()
+{
+    // A client whose request arrives has been able to connect its post socket, then.
+    mPosts.listen();
+    mNotify.listen();
+    mRequests.listen();
+}
+
+void Connections::serve(Connection& connection, uint32_t what, TimePoint now)
+{
+    switch (connection.kind())
+    {
+    case Handshake::Kind::Post:
+        return mPosts.serve(static_cast<PostConnection&>(connection), what);
+    case Handshake::Kind::Request:
+        return mRequests.serve(static_cast<RequestConnection&>(connection), what, now);
+    case Handshake::Kind::Notify:
+        return mNotify.serve(static_cast<NotifyConnection&>(connection), what, now);
+    }
+}
+
+void Connections::closeForMemory(Connection& connection)
+{
+    const Refusals::From from(mRefusals, connection);
+    mRefusals.report(Refusal::Memory, "Closing the connection that holds most, %zu bytes of %zu",
+                     connection.accounted, mEnvironment.budget.held());
+    switch (connection.kind())
+    {
+    case Handshake::Kind::Post:
+        return mPosts.closeForMemory(static_cast<PostConnection&>(connection));
+    case Handshake::Kind::Request:
+        return mRequests.close(static_cast<RequestConnection&>(connection));
+    case Handshake::Kind::Notify:
+        return mNotify.closeForMemory(static_cast<NotifyConnection&>(connection), Clock::now());
+    }
+}
+
+void Connections::collect()
+{
+    const auto tell = [this](const Connection& connection)
+    { mRefusals.tell(connection, connection.identity.text()); };
+    mPosts.collect(tell);
+    mRequests.collect(tell);
+    mNotify.collect(tell);
+}
+
+// Nothing while its process is looked for.
+std::optional<std::string> Connections::nameOf(Connection& connection)
+{
+    mIdentities.seek(connection.identity);
+    if (connection.identity.search == Identity::Search::UnderWay)
+        return std::nullopt;
+    return connection.identity.text();
+}
+
+void Connections::doWhatIsDue(TimePoint now)
+{
+    std::map<uint64_t, Processes::Found> found;
+    for (Processes::Found& each : mIdentities.seekOn(now))
+        found[each.inode] = std::move(each);
+    if (found.empty())
+        return;
+    forEach(
+        [&](Connection& connection)
+        {
+            const auto about = found.find(connection.identity.owner.inode());
+            if (about == found.end())
+                return;
+            Identities::settle(connection.identity, about->second);
+            mRefusals.tell(connection, connection.identity.text());
+        });
+}
+
+std::vector<Client> Connections::clients(TimePoint now)
+{
+    const uint64_t wallNow = wallMicroseconds();
+    std::map<ClientKey, Client> clients;
+    forEach(
+        [&](Connection& connection)
+        {
+            mIdentities.seek(connection.identity);
+            Client& client = clients.try_emplace(keyOf(connection), begin(connection.identity)).first->second;
+            const auto age =
+                std::chrono::duration_cast<std::chrono::microseconds>(now - connection.acceptedAt()).count();
+            client.since = std::min(client.since, wallNow - static_cast<uint64_t>(std::max<int64_t>(age, 0)));
+            ++client.connections;
+            client.refusals += connection.refusals;
+            client.received += connection.receivedBytes();
+            client.sent += connection.sentBytes();
+            if (connection.kind() == Handshake::Kind::Post)
+                client.posts += connection.messages;
+            else if (connection.kind() == Handshake::Kind::Request)
+                client.requests += connection.messages;
+            client.queued += connection.kind() == Handshake::Kind::Notify
+                                 ? mNotify.queuedBytes(static_cast<NotifyConnection&>(connection))
+                                 : connection.outputBytes();
+        });
+    std::vector<Client> list;
+    list.reserve(clients.size());
+    for (auto& [key, client] : clients)
+        list.push_back(std::move(client));
+    std::stable_sort(list.begin(), list.end(),
+                     [](const Client& one, const Client& other) { return one.since < other.since; });
+    return list;
+}

@@ -1,0 +1,80 @@
+#ifndef BROKER_CONNECTIONS_H
+#define BROKER_CONNECTIONS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "broker/NotifyPort.h"
+#include "broker/PortEnvironment.h"
+#include "broker/PostPort.h"
+#include "broker/RequestPort.h"
+#include "protocol/Client.h"
+
+/// All connections of the broker, on its three ports, and who is at their other ends.
+class Connections
+{
+public:
+    /// All must outlive it.
+    Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
+                const DeviceState& state, PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
+                RequestPort::OnClose onClose);
+
+    Connections(const Connections&) = delete;
+    Connections& operator=(const Connections&) = delete;
+
+    PostPort& posts() { return mPosts; }
+    RequestPort& requests() { return mRequests; }
+    NotifyPort& notify() { return mNotify; }
+    const PostPort& posts() const { return mPosts; }
+    const RequestPort& requests() const { return mRequests; }
+    const NotifyPort& notify() const { return mNotify; }
+
+    /// From now on, connections arrive.
+    void listen();
+
+    /// Something can be read from a connection, or written to it, or it has ended.
+    void serve(Connection& connection, uint32_t what, TimePoint now);
+
+    /// Calls act(Connection&) for each.
+    template <class Act>
+    void forEach(Act&& act) const
+    {
+        for (const auto& peer : mPosts.peers())
+            act(*peer);
+        for (const auto& peer : mRequests.peers())
+            act(*peer);
+        for (const auto& peer : mNotify.peers())
+            act(*peer);
+    }
+
+    void closeForMemory(Connection& connection);
+
+    /// Destroys those that were closed. Nothing may point to them any more.
+    void collect();
+
+    // ---- Who uses the broker.
+
+    /// Who is connected, as far as is known by now, the oldest first. From now on, their processes are looked
+    /// for.
+    std::vector<BrokerProtocol::Client> clients(TimePoint now);
+
+    /// Processes are being looked for: clients() may tell more soon.
+    bool isSeeking() const { return mIdentities.isSeeking(); }
+
+    /// When doWhatIsDue() is to be called, to look for processes.
+    TimePoint due() const { return mIdentities.due(); }
+    void doWhatIsDue(TimePoint now);
+
+private:
+    std::optional<std::string> nameOf(Connection& connection);
+
+    Refusals& mRefusals;
+    Identities mIdentities;
+    const PortEnvironment mEnvironment;
+    RequestPort mRequests;
+    NotifyPort mNotify;
+    PostPort mPosts;
+};
+
+#endif

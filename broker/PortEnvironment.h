@@ -1,0 +1,20 @@
+#ifndef BROKER_PORTENVIRONMENT_H
+#define BROKER_PORTENVIRONMENT_H
+
+#include "broker/MemoryBudget.h"
+#include "broker/base/Limits.h"
+#include "broker/base/Refusals.h"
+#include "broker/peer/Identities.h"
+#include "broker/wire/Poller.h"
+
+/// What the three ports share. All of it must outlive them.
+struct PortEnvironment
+{
+    Poller& poller;
+    Identities& identities;
+    MemoryBudget& budget;
+    const Limits& limits;
+    Refusals& refusals;
+};
+
+#endif

@@ -1,0 +1,62 @@
+#ifndef BROKER_PEER_IDENTITIES_H
+#define BROKER_PEER_IDENTITIES_H
+
+#include <netinet/in.h>
+#include <string>
+#include <vector>
+
+#include "broker/base/Clock.h"
+#include "broker/peer/Identity.h"
+#include "broker/peer/OwnerQuery.h"
+#include "broker/peer/Processes.h"
+#include "broker/peer/Services.h"
+#include "broker/peer/Users.h"
+
+/// Finds out who is at the other end of connections. User and service at once; the process behind them little
+/// by little, so that nobody waits for that.
+class Identities
+{
+public:
+    /// Where it looks.
+    /// @param proc "/proc"; tests look elsewhere
+    explicit Identities(const std::string& proc = "/proc")
+        : mServices(Services::rootIn(proc)), mProcesses(proc)
+    {
+    }
+
+    /// Of a connection that has just been accepted.
+    /// @param peer the peer's address
+    /// @param own  ours
+    Identity identify(const sockaddr_in& peer, const sockaddr_in& own);
+
+    /// Has its process looked for, once.
+    void seek(Identity& identity);
+
+    /// The connection is closed.
+    void forget(Identity& identity);
+
+    /// Processes are being looked for.
+    bool isSeeking() const { return mProcesses.hasWork(); }
+
+    /// When seekOn() is to be called.
+    TimePoint due() const { return mProcesses.hasWork() ? mNext : TimePoint::max(); }
+
+    /// Looks for processes, for about a millisecond.
+    /// @returns what has been found. It is to be handed to settle() for each identity that there is.
+    std::vector<Processes::Found> seekOn(TimePoint now);
+
+    /// What has been found about it.
+    static void settle(Identity& identity, const Processes::Found& found);
+
+    OwnerQuery::Road road() const { return mOwners.road(); }
+
+private:
+    OwnerQuery mOwners;
+    Services mServices;
+    Users mUsers;
+    Processes mProcesses;
+    Clock::duration mWorked{0}; ///< in this pass through all processes
+    TimePoint mNext{};          ///< when to go on
+};
+
+#endif

@@ -1,0 +1,35 @@
+#ifndef BROKER_PEER_IDENTITY_H
+#define BROKER_PEER_IDENTITY_H
+
+#include <string>
+#include <sys/types.h>
+
+#include "broker/peer/Owner.h"
+
+/// Who is at the other end of a connection, as far as it is known.
+struct Identity
+{
+    // ---- What the kernel vouches for. It never changes.
+    Owner owner;
+    std::string user;    ///< its name, or its number; empty: unknown
+    std::string service; ///< of systemd; empty: none, or unknown
+
+    // ---- For people.
+    pid_t pid = 0;         ///< 0: unknown
+    std::string program;   ///< empty: unknown
+    bool isShared = false; ///< other processes have the socket, too
+
+    /// For its process.
+    enum class Search
+    {
+        None,
+        UnderWay,
+        Over,
+    };
+    Search search = Search::None;
+
+    /// For a log line: "net.service, user net, process 42 (netd)".
+    std::string text() const;
+};
+
+#endif

@@ -1,0 +1,32 @@
+#ifndef PROTOCOL_CLIENT_H
+#define PROTOCOL_CLIENT_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace BrokerProtocol
+{
+
+/// Who uses the broker. Its connections belong together as far as their process is known.
+struct Client
+{
+    std::string user; ///< its name, or its number; empty: unknown
+    std::optional<uint32_t> uid;
+    std::string service; ///< empty: none, or unknown
+    uint32_t pid = 0;    ///< 0: unknown
+    std::string program; ///< empty: unknown
+    bool isShared = false;
+    uint64_t since = 0; ///< microseconds since the Unix epoch
+    uint64_t connections = 0;
+    uint64_t posts = 0;
+    uint64_t requests = 0;
+    uint64_t queued = 0; ///< bytes of notifications and answers that it has not taken
+    uint64_t refusals = 0;
+    uint64_t received = 0; ///< bytes, of it
+    uint64_t sent = 0;     ///< bytes, to it
+};
+
+} // namespace BrokerProtocol
+
+#endif

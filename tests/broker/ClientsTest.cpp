@@ -1,0 +1,228 @@
+// What the real broker tells of those that use it, and how it names them in its log.
+
+#include <gtest/gtest.h>
+#include <json/writer.h>
+#include <memory>
+#include <sys/syscall.h>
+#include <thread>
+#include <unistd.h>
+
+#include "statusctl/text/Json.h"
+#include "tests/broker/Messages.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/ZmtpPeer.h"
+
+namespace
+{
+
+class ClientsTest : public testing::Test
+{
+protected:
+    void SetUp() override { ASSERT_TRUE(asking.shakeHands()); }
+
+    Json::Value ask()
+    {
+        const std::string answer = asking.ask(R"({"getBrokerClients":"null"})");
+        EXPECT_NE(answer, "");
+        return JsonText::readObject(answer).value_or(Json::Value(Json::objectValue));
+    }
+
+    // Those of this user, as soon as the broker knows their processes.
+    Json::Value clients()
+    {
+        Json::Value answer;
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                answer = ask();
+                return answer["complete"] == 1;
+            }));
+        return answer["clients"];
+    }
+
+    // This process.
+    Json::Value client()
+    {
+        const Json::Value all = clients();
+        EXPECT_EQ(all.size(), 1U) << all;
+        return all[0U];
+    }
+
+    // Answers come in order, so what was said before has been dealt with.
+    void awaitRound() { EXPECT_EQ(asking.ask(R"({"getCounterValue":"c"})"), "0"); }
+
+    bool isInLog(const std::string& text) { return broker.process().waitForError(text); }
+
+    static std::string nameInLog() { return "process " + std::to_string(getpid()) + " (ClientsTest)]"; }
+
+    BrokerProcess broker;
+    ZmtpPeer asking{ZmtpPeer::requestPort};
+};
+
+// Connected by a thread that is another user.
+std::unique_ptr<ZmtpPeer> peerOfUser(uid_t user, uint16_t port)
+{
+    std::unique_ptr<ZmtpPeer> peer;
+    std::thread thread(
+        [&]
+        {
+            if (syscall(SYS_setresuid, user, user, user) == 0) // of this thread alone, unlike setresuid()
+                peer = std::make_unique<ZmtpPeer>(port);
+        });
+    thread.join();
+    return peer;
+}
+
+} // namespace
+
+TEST_F(ClientsTest, theConnectionsOfAProcessAreOneClient)
+{
+    ZmtpPeer posting(ZmtpPeer::postPort);
+    ZmtpPeer listening(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(posting.shakeHands());
+    ASSERT_TRUE(listening.shakeHands());
+    const Json::Value found = client();
+    EXPECT_EQ(found["connections"], 3);
+    EXPECT_EQ(found["pid"].asInt(), getpid());
+    EXPECT_EQ(found["program"], "ClientsTest");
+    EXPECT_EQ(found["uid"].asUInt(), getuid());
+}
+
+TEST_F(ClientsTest, anotherProcessIsAnotherClient)
+{
+    TestProcess other({TESTCLIENT});
+    EXPECT_TRUE(eventually([&] { return clients().size() == 2; }));
+    const Json::Value all = clients();
+    EXPECT_EQ(all[0U]["pid"].asInt(), getpid());
+    EXPECT_EQ(all[1U]["pid"].asInt(), other.pid());
+    EXPECT_EQ(all[1U]["program"], "testclient");
+}
+
+TEST_F(ClientsTest, aClientThatHasGoneIsNotThereAnyMore)
+{
+    auto other = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
+    ASSERT_TRUE(other->shakeHands());
+    EXPECT_EQ(client()["connections"], 2);
+    other.reset();
+    EXPECT_TRUE(eventually([&] { return client()["connections"] == 1; }));
+}
+
+TEST_F(ClientsTest, anotherUserIsAnotherClientAlsoWithinAProcess)
+{
+    constexpr uid_t user = 12345;
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    const std::unique_ptr<ZmtpPeer> other = peerOfUser(user, ZmtpPeer::postPort);
+    ASSERT_NE(other, nullptr);
+    ASSERT_TRUE(other->shakeHands());
+    const Json::Value all = clients();
+    ASSERT_EQ(all.size(), 2U) << all;
+    EXPECT_EQ(all[1U]["uid"].asUInt(), user);
+    EXPECT_EQ(all[1U]["user"], std::to_string(user));
+}
+
+TEST_F(ClientsTest, postsAndRequestsAreCounted)
+{
+    ZmtpPeer posting(ZmtpPeer::postPort);
+    ASSERT_TRUE(posting.shakeHands());
+    const Json::Value before = client();
+    posting.write(ZmtpPeer::message(postOf("a", "1")) + ZmtpPeer::message(postOf("a", "2")));
+    EXPECT_TRUE(eventually([&] { return client()["posts"].asUInt() == before["posts"].asUInt() + 2; }));
+    const unsigned requests = ask()["clients"][0U]["requests"].asUInt();
+    EXPECT_EQ(ask()["clients"][0U]["requests"].asUInt(), requests + 1);
+}
+
+TEST_F(ClientsTest, bytesAreCountedInBothDirections)
+{
+    const Json::Value before = ask()["clients"][0U];
+    const std::string request = R"({"getCounterValue":"c"})";
+    asking.ask(request);
+    const Json::Value after = ask()["clients"][0U];
+    const std::size_t asked =
+        ZmtpPeer::request(request).size() + ZmtpPeer::request(R"({"getBrokerClients":"null"})").size();
+    EXPECT_EQ(after["received"].asUInt() - before["received"].asUInt(), asked);
+    EXPECT_GT(after["sent"].asUInt(), before["sent"].asUInt() + std::string("0").size());
+}
+
+TEST_F(ClientsTest, notificationsThatItDoesNotTakeAreToldAsQueued)
+{
+    constexpr int posts = 300;
+    constexpr std::size_t valueBytes = 10000;
+    ZmtpPeer listening(ZmtpPeer::notifyPort, 4096);
+    ZmtpPeer posting(ZmtpPeer::postPort);
+    ASSERT_TRUE(listening.shakeHands());
+    ASSERT_TRUE(listening.write(ZmtpPeer::subscribe("")));
+    ASSERT_TRUE(posting.shakeHands());
+    EXPECT_EQ(client()["queued"], 0);
+    for (int post = 0; post < posts; ++post)
+        ASSERT_TRUE(posting.write(
+            ZmtpPeer::message(postOf("k", std::string(valueBytes, post % 2 == 0 ? 'a' : 'b')))));
+    EXPECT_TRUE(eventually([&] { return client()["queued"].asUInt() > valueBytes; }));
+}
+
+TEST_F(ClientsTest, theTimeOfItsFirstConnectionIsTold)
+{
+    const auto now = []
+    {
+        timespec time{};
+        clock_gettime(CLOCK_REALTIME, &time);
+        return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_nsec / 1000);
+    };
+    const uint64_t before = now();
+    auto first = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
+    ASSERT_TRUE(first->shakeHands());
+    const uint64_t since = client()["since"].asUInt64();
+    EXPECT_LT(since, before); // that of the connection that asks
+    EXPECT_GT(since + 60000000, before);
+}
+
+TEST_F(ClientsTest, aMalformedPostIsLoggedWithItsClientAndCountedThere)
+{
+    ZmtpPeer posting(ZmtpPeer::postPort);
+    ASSERT_TRUE(posting.shakeHands());
+    posting.write(ZmtpPeer::message("nonsense"));
+    EXPECT_TRUE(isInLog("Malformed post [nonsense] refused [user ")) << broker.process().errors();
+    EXPECT_TRUE(isInLog(nameInLog())) << broker.process().errors();
+    EXPECT_EQ(client()["refusals"], 1);
+}
+
+// The library sends them so, with an empty last frame.
+TEST_F(ClientsTest, aPostThatLostItsLast512BytesSaysSoWithWhatIsLeft)
+{
+    constexpr std::size_t frameBytes = 512;
+    ZmtpPeer posting(ZmtpPeer::postPort);
+    ASSERT_TRUE(posting.shakeHands());
+    const std::string text = postOf("k", std::string(2 * frameBytes, 'x'));
+    posting.write(WireFrames::message({text.substr(0, frameBytes), ""}));
+    EXPECT_TRUE(isInLog("which seems to lack its last 512 bytes: its length is a multiple of that [user "));
+    EXPECT_TRUE(isInLog(R"(Malformed post [{"postStatus":{"k":"xxxx)")) << broker.process().errors();
+    posting.write(WireFrames::message({"x"}));
+    EXPECT_TRUE(isInLog("Malformed post [x] refused [user "));
+}
+
+TEST_F(ClientsTest, aMalformedRequestIsLoggedWithItsClientAndCountedThere)
+{
+    EXPECT_EQ(asking.ask("nonsense"), "{}");
+    EXPECT_TRUE(isInLog("Malformed request [nonsense] refused [user ")) << broker.process().errors();
+    EXPECT_TRUE(isInLog(nameInLog())) << broker.process().errors();
+    EXPECT_EQ(client()["refusals"], 1);
+}
+
+TEST_F(ClientsTest, aSubscriptionThatIsRefusedIsLoggedWithItsClient)
+{
+    ZmtpPeer listening(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(listening.shakeHands());
+    ASSERT_TRUE(listening.write(ZmtpPeer::subscribe(std::string(256, 'x'))));
+    EXPECT_TRUE(isInLog(nameInLog())) << broker.process().errors();
+    EXPECT_EQ(client()["refusals"], 1);
+}
+
+TEST_F(ClientsTest, refusalsOfOthersDoNotCountForIt)
+{
+    ZmtpPeer other(ZmtpPeer::requestPort);
+    ASSERT_TRUE(other.shakeHands());
+    EXPECT_EQ(other.ask("nonsense"), "{}");
+    other.reset();
+    EXPECT_TRUE(eventually([&] { return client()["connections"] == 1; }));
+    EXPECT_EQ(client()["refusals"], 0);
+}
