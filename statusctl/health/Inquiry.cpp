@@ -3,49 +3,142 @@
 #include <algorithm>
 #include <limits>
 #include <string>
+#include <thread>
 #include <zmq.hpp>
 
 #include "statusctl/base/Failure.h"
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Duration.h"
+#include "statusctl/text/Json.h"
+
+using BrokerProtocol::Client;
 
 namespace
 {
 
-std::string ask(const std::string& request, const Settings& settings)
+class Requester
 {
-    constexpr std::chrono::milliseconds most{std::numeric_limits<int>::max()};
-    const auto limit = static_cast<int>(std::min(settings.requestTimeout(), most).count());
-    zmq::context_t context;
-    zmq::socket_t socket(context, zmq::socket_type::req);
-    socket.set(zmq::sockopt::linger, 0);
-    socket.set(zmq::sockopt::rcvtimeo, limit);
-    socket.connect("tcp://127.0.0.1:5555");
-    socket.send(zmq::buffer(request));
-    std::string reply;
-    zmq::message_t frame;
-    do
+public:
+    /// @throws Failure if no broker listens
+    explicit Requester(const Settings& settings)
+        : mSettings(settings), mSocket(mContext, zmq::socket_type::req)
     {
-        if (!socket.recv(frame))
-            throw Failure(ExitCode::TimedOut,
-                          "no answer from the broker within " + Duration::write(settings.requestTimeout()));
-        reply.append(frame.data<char>(), frame.size());
-    } while (frame.more());
-    return reply;
+        constexpr std::chrono::milliseconds most{std::numeric_limits<int>::max()};
+        Device::checkReachable();
+        mSocket.set(zmq::sockopt::linger, 0);
+        mSocket.set(zmq::sockopt::rcvtimeo,
+                    static_cast<int>(std::min(settings.requestTimeout(), most).count()));
+        mSocket.connect("tcp://127.0.0.1:5555");
+    }
+
+    /// @throws Failure if no answer comes in time
+    std::string ask(const std::string& request)
+    {
+        mSocket.send(zmq::buffer(request));
+        std::string reply;
+        zmq::message_t frame;
+        do
+        {
+            if (!mSocket.recv(frame))
+                throw Failure(ExitCode::TimedOut, "no answer from the broker within " +
+                                                      Duration::write(mSettings.requestTimeout()));
+            reply.append(frame.data<char>(), frame.size());
+        } while (frame.more());
+        return reply;
+    }
+
+private:
+    const Settings& mSettings;
+    zmq::context_t mContext;
+    zmq::socket_t mSocket;
+};
+
+[[noreturn]] void failToRead(const std::string& reply)
+{
+    constexpr std::size_t enough = 200;
+    throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply.substr(0, enough));
+}
+
+// ---- Members of what the broker tells. It may be of another version: what is missing is unknown.
+
+std::string textIn(const Json::Value& object, const char* name)
+{
+    const Json::Value& member = object[name];
+    return member.isString() ? member.asString() : std::string();
+}
+
+uint64_t numberIn(const Json::Value& object, const char* name)
+{
+    const Json::Value& member = object[name];
+    return member.isUInt64() ? member.asUInt64() : 0;
+}
+
+Client clientIn(const Json::Value& object)
+{
+    namespace Member = BrokerProtocol::ClientMember;
+    Client client;
+    client.user = textIn(object, Member::user);
+    if (object[Member::uid].isUInt())
+        client.uid = object[Member::uid].asUInt();
+    client.service = textIn(object, Member::service);
+    client.pid = static_cast<uint32_t>(numberIn(object, Member::pid));
+    client.program = textIn(object, Member::program);
+    client.isShared = numberIn(object, Member::shared) != 0;
+    client.since = numberIn(object, Member::since);
+    client.connections = numberIn(object, Member::connections);
+    client.posts = numberIn(object, Member::posts);
+    client.requests = numberIn(object, Member::requests);
+    client.queued = numberIn(object, Member::queued);
+    client.refusals = numberIn(object, Member::refusals);
+    client.received = numberIn(object, Member::received);
+    client.sent = numberIn(object, Member::sent);
+    return client;
 }
 
 } // namespace
 
 BrokerProtocol::Statistics Inquiry::statistics(const Settings& settings)
 {
-    Device::checkReachable();
-    const std::string reply = ask(BrokerProtocol::writeGetBrokerStatistics(), settings);
+    const std::string reply = Requester(settings).ask(BrokerProtocol::writeGetBrokerStatistics());
     const auto statistics = BrokerProtocol::readStatisticsReply(reply);
     if (!statistics)
-        throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply.substr(0, 200));
+        failToRead(reply);
     if (statistics->empty())
         throw Failure(ExitCode::BadReply, "this broker keeps no statistics");
     return *statistics;
+}
+
+std::vector<Client> Inquiry::clients(const Settings& settings)
+{
+    namespace Member = BrokerProtocol::ClientMember;
+    constexpr std::chrono::milliseconds patience{500};
+    constexpr std::chrono::milliseconds pause{10};
+    const std::string request = BrokerProtocol::writeText(BrokerProtocol::Key::getBrokerClients, "null");
+    const auto end = std::chrono::steady_clock::now() + patience;
+    Requester requester(settings);
+    for (;;)
+    {
+        const std::string reply = requester.ask(request);
+        const std::optional<Json::Value> answer = JsonText::readObject(reply);
+        if (!answer)
+            failToRead(reply);
+        const Json::Value& list = (*answer)[Member::clients];
+        if (!list.isArray())
+            throw Failure(ExitCode::BadReply, "this broker does not tell who uses it");
+        if (numberIn(*answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
+        {
+            std::this_thread::sleep_for(pause);
+            continue;
+        }
+        std::vector<Client> clients;
+        for (const Json::Value& each : list)
+        {
+            if (!each.isObject())
+                failToRead(reply);
+            clients.push_back(clientIn(each));
+        }
+        return clients;
+    }
 }
 
 std::string Inquiry::versionIn(const BrokerProtocol::Statistics& statistics)

@@ -2,7 +2,9 @@
 #define STATUSCTL_HEALTH_INQUIRY_H
 
 #include <string>
+#include <vector>
 
+#include "protocol/Client.h"
 #include "protocol/ClientDocuments.h"
 #include "statusctl/base/Settings.h"
 
@@ -13,6 +15,10 @@ namespace Inquiry
 
 /// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
 BrokerProtocol::Statistics statistics(const Settings& settings);
+
+/// Who uses the broker, the oldest first. Waits a moment while the broker looks for processes.
+/// @throws Failure as statistics()
+std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 
 /// The broker's version in them: "1.0.0".
 std::string versionIn(const BrokerProtocol::Statistics& statistics);

@@ -1,0 +1,130 @@
+#include <chrono>
+
+#include "statusctl/health/Inquiry.h"
+#include "statusctl/text/Duration.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Table.h"
+#include "statusctl/text/Text.h"
+#include "statusctl/text/Timestamp.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+using BrokerProtocol::Client;
+
+const char* const unknown = "-";
+
+Timestamp::Time timeOf(uint64_t microseconds)
+{
+    return Timestamp::Time(std::chrono::microseconds(microseconds));
+}
+
+std::string orUnknown(const std::string& text)
+{
+    return text.empty() ? unknown : Text::escaped(text);
+}
+
+class Clients : public IVerb
+{
+public:
+    explicit Clients(CLI::App& app)
+    {
+        Verbs::describe(
+            app, "clients", "Print who uses the broker", "statusctl clients\nstatusctl --json clients",
+            "A line for each process that is connected, the oldest first: its systemd service, program,\n"
+            "user and process; how many connections it has; how many posts and requests came from it, how\n"
+            "many were refused; how many bytes wait for it, came from it (in) and went to it (out).\n"
+            "The kernel vouches for user and service. Process and program are for people, and missing\n"
+            "where the broker may not look; a + behind the process says that others share its sockets.");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const std::vector<Client> clients = Inquiry::clients(settings);
+        Output output(settings);
+        if (settings.isJson())
+            output.json(toJson(clients));
+        else
+            printTable(output, clients);
+        return ExitCode::Done;
+    }
+
+private:
+    static Json::Value toJson(const std::vector<Client>& clients)
+    {
+        Json::Value list(Json::arrayValue);
+        for (const Client& client : clients)
+            list.append(toJson(client));
+        Json::Value object(Json::objectValue);
+        object["clients"] = std::move(list);
+        return object;
+    }
+
+    // What is not known is left out.
+    static Json::Value toJson(const Client& client)
+    {
+        Json::Value object(Json::objectValue);
+        const auto set = [&](const char* name, const std::string& text)
+        {
+            if (!text.empty())
+                object[name] = Text::valid(text);
+        };
+        set("service", client.service);
+        set("program", client.program);
+        set("user", client.user);
+        if (client.uid)
+            object["uid"] = *client.uid;
+        if (client.pid != 0)
+            object["pid"] = client.pid;
+        if (client.isShared)
+            object["shared"] = true;
+        object["since"] = Timestamp::utc(timeOf(client.since));
+        object["connections"] = static_cast<Json::UInt64>(client.connections);
+        object["posts"] = static_cast<Json::UInt64>(client.posts);
+        object["requests"] = static_cast<Json::UInt64>(client.requests);
+        object["refusals"] = static_cast<Json::UInt64>(client.refusals);
+        object["queued"] = static_cast<Json::UInt64>(client.queued);
+        object["received"] = static_cast<Json::UInt64>(client.received);
+        object["sent"] = static_cast<Json::UInt64>(client.sent);
+        return object;
+    }
+
+    static void printTable(Output& output, const std::vector<Client>& clients)
+    {
+        constexpr auto left = Table::Alignment::Left;
+        constexpr auto right = Table::Alignment::Right;
+        Table table({{"SERVICE", left},
+                     {"PROGRAM", left},
+                     {"USER", left},
+                     {"PID", right},
+                     {"CONNS", right},
+                     {"POSTS", right},
+                     {"REQUESTS", right},
+                     {"REFUSED", right},
+                     {"QUEUED", right},
+                     {"IN", right},
+                     {"OUT", right},
+                     {"SINCE", left}});
+        for (const Client& client : clients)
+            table.add({orUnknown(client.service), orUnknown(client.program), orUnknown(client.user),
+                       process(client), std::to_string(client.connections), std::to_string(client.posts),
+                       std::to_string(client.requests), std::to_string(client.refusals),
+                       std::to_string(client.queued), std::to_string(client.received),
+                       std::to_string(client.sent), Timestamp::local(timeOf(client.since))});
+        for (const std::string& line : table.lines())
+            output.line(line);
+    }
+
+    static std::string process(const Client& client)
+    {
+        return client.pid == 0 ? unknown : std::to_string(client.pid) + (client.isShared ? "+" : "");
+    }
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addClients(CLI::App& app)
+{
+    return std::make_unique<Clients>(app);
+}
