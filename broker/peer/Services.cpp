@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <sys/stat.h>
 #include <vector>
@@ -29,7 +30,7 @@ uint64_t idOf(const Descriptor& folder)
     constexpr int ofTheTree = 0xfe; // FILEID_KERNFS
     uint64_t id = 0;
     alignas(file_handle) char place[sizeof(file_handle) + sizeof(id)] = {};
-    auto* handle = reinterpret_cast<file_handle*>(place);
+    auto* handle = new (place) file_handle; // with room for the number behind it
     handle->handle_bytes = sizeof(id);
     int mount = 0;
     if (name_to_handle_at(folder.number(), "", handle, &mount, AT_EMPTY_PATH) == 0 &&
