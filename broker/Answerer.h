@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "broker/Connections.h"
 #include "broker/Reply.h"
 #include "broker/Statistics.h"
 #include "broker/base/Refusals.h"
@@ -24,9 +23,13 @@ public:
     /// Adds to what the broker tells about itself.
     using AddNumbers = std::function<void(Statistics::Numbers&)>;
 
+    /// Appends the answer that tells who uses the broker.
+    using AppendClients = std::function<void(std::string&)>;
+
     /// All must outlive it.
-    Answerer(Refusals& refusals, DeviceState& state, Connections& connections, AddNumbers addNumbers)
-        : mRefusals(refusals), mState(state), mConnections(connections), mAddNumbers(std::move(addNumbers))
+    Answerer(Refusals& refusals, DeviceState& state, AddNumbers addNumbers, AppendClients appendClients)
+        : mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers)),
+          mAppendClients(std::move(appendClients))
     {
     }
 
@@ -38,15 +41,17 @@ public:
 private:
     Reply answer(const BrokerProtocol::Command& command);
     std::string statistics();
-    std::string clients();
+    const std::string& clients();
 
     Refusals& mRefusals;
     DeviceState& mState;
-    Connections& mConnections;
     AddNumbers mAddNumbers;
+    AppendClients mAppendClients;
     BrokerProtocol::Command mCommand;
     std::map<std::string_view, uint64_t> mCounts; // of requests, by name
     Statistics::Process mProcess;
+    std::string mClients; // as told last
+    TimePoint mClientsUntil{};
 };
 
 #endif

@@ -60,8 +60,9 @@ Broker::Broker(const Options& options)
           }),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
       mApplier(mOptions, mRefusals, mState, mOutbox),
-      mAnswerer(mRefusals, mState, mConnections,
-                [this](Statistics::Numbers& numbers) { addNumbers(numbers); }),
+      mAnswerer(
+          mRefusals, mState, [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
+          [this](std::string& to) { mConnections.appendClients(to, Clock::now()); }),
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
@@ -282,5 +283,6 @@ void Broker::finish()
         takeEvents(outputPause);
     }
     mConnections.requests().sayGoodbye(begin + longestEnd);
+    mConnections.finish();
     OV_LOG(5, "Stopped");
 }

@@ -5,10 +5,15 @@
 #include <map>
 #include <tuple>
 
+#include "protocol/BrokerDocuments.h"
+
 namespace
 {
 
 using BrokerProtocol::Client;
+
+// A line of the log waits so long for the process of which it tells.
+constexpr std::chrono::seconds longestSearch{2};
 
 uint64_t wallMicroseconds()
 {
@@ -109,8 +114,24 @@ std::optional<std::string> Connections::nameOf(Connection& connection)
     return connection.identity.text();
 }
 
+TimePoint Connections::due() const
+{
+    const auto [source, since] = mRefusals.waitingLongest();
+    return std::min(mIdentities.due(), source == nullptr ? TimePoint::max() : since + longestSearch);
+}
+
+void Connections::finish()
+{
+    forEach([this](const Connection& connection) { mRefusals.tell(connection, connection.identity.text()); });
+}
+
 void Connections::doWhatIsDue(TimePoint now)
 {
+    for (auto [source, since] = mRefusals.waitingLongest(); source != nullptr && since + longestSearch <= now;
+         std::tie(source, since) = mRefusals.waitingLongest())
+        mRefusals.tell(*source, static_cast<Connection*>(source)->identity.text());
+    if (mIdentities.due() > now)
+        return;
     std::map<uint64_t, Processes::Found> found;
     for (Processes::Found& each : mIdentities.seekOn(now))
         found[each.inode] = std::move(each);
@@ -127,6 +148,12 @@ void Connections::doWhatIsDue(TimePoint now)
         });
 }
 
+void Connections::appendClients(std::string& to, TimePoint now)
+{
+    const std::vector<Client> all = clients(now);
+    BrokerProtocol::appendClients(to, all, !mIdentities.isSeeking());
+}
+
 std::vector<Client> Connections::clients(TimePoint now)
 {
     const uint64_t wallNow = wallMicroseconds();
@@ -135,10 +162,14 @@ std::vector<Client> Connections::clients(TimePoint now)
         [&](Connection& connection)
         {
             mIdentities.seek(connection.identity);
-            Client& client = clients.try_emplace(keyOf(connection), begin(connection.identity)).first->second;
+            const auto [place, isNew] = clients.try_emplace(keyOf(connection));
+            Client& client = place->second;
+            if (isNew)
+                client = begin(connection.identity);
             const auto age =
                 std::chrono::duration_cast<std::chrono::microseconds>(now - connection.acceptedAt()).count();
-            client.since = std::min(client.since, wallNow - static_cast<uint64_t>(std::max<int64_t>(age, 0)));
+            const uint64_t ageNow = std::min(wallNow, static_cast<uint64_t>(std::max<int64_t>(age, 0)));
+            client.since = std::min(client.since, wallNow - ageNow);
             ++client.connections;
             client.refusals += connection.refusals;
             client.received += connection.receivedBytes();

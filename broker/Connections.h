@@ -55,18 +55,19 @@ public:
 
     // ---- Who uses the broker.
 
-    /// Who is connected, as far as is known by now, the oldest first. From now on, their processes are looked
-    /// for.
-    std::vector<BrokerProtocol::Client> clients(TimePoint now);
-
-    /// Processes are being looked for: clients() may tell more soon.
-    bool isSeeking() const { return mIdentities.isSeeking(); }
+    /// The answer that tells who is connected, as far as is known by now, the oldest first. From now on,
+    /// their processes are looked for: soon it may tell more.
+    void appendClients(std::string& to, TimePoint now);
 
     /// When doWhatIsDue() is to be called, to look for processes.
-    TimePoint due() const { return mIdentities.due(); }
+    TimePoint due() const;
     void doWhatIsDue(TimePoint now);
 
+    /// Has lines of the log written that wait for processes: the broker ends.
+    void finish();
+
 private:
+    std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 
     Refusals& mRefusals;

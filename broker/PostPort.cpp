@@ -67,6 +67,7 @@ PostPort::PostPort(const PortEnvironment& environment, OnPost onPost)
 void PostPort::onAccepted(PostConnection& connection)
 {
     connection.number = accepted();
+    ++mStartNews;
     mArrivals.add(connection.descriptor(), EPOLLIN, &connection);
     mArrivals.reserve(peers().size());
     mLimit.added(peers().size(), connection.acceptedAt());
@@ -74,6 +75,7 @@ void PostPort::onAccepted(PostConnection& connection)
 
 void PostPort::onClose(PostConnection& connection)
 {
+    ++mStartNews;
     removeFrom(mReady, &connection);
     removeFrom(mHeavy, &connection);
     removeFrom(mUnread, &connection);
@@ -197,6 +199,7 @@ void PostPort::takePong(PostConnection& connection, std::string_view context, st
     if (context == subscribedContext)
     {
         connection.isSubscribed = true;
+        ++mStartNews;
         connection.bytesSincePong = behind;
         return;
     }

@@ -91,6 +91,9 @@ public:
     /// Call it once in a round.
     Unsubscribed unsubscribed(TimePoint now);
 
+    /// Counts what may let clients start: connections that have come, gone, or shown it.
+    uint64_t startNews() const { return mStartNews; }
+
     /// How many connections have shown it.
     std::size_t subscribed(TimePoint now) const;
 
@@ -133,6 +136,7 @@ private:
     ConnectionLimit mLimit;
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
     uint64_t mBarrier = 0;
+    uint64_t mStartNews = 0;
     uint64_t mLosses = 0;
     TimePoint mLastLoss{};
     uint64_t mReceived = 0;                ///< bytes, on all connections

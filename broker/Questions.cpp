@@ -95,7 +95,10 @@ void Questions::sortNew(TimePoint now)
         if (isSync)
             mAnswerer.countSync();
         if (isSync && !connection->isStarted)
+        {
             mStarting.push_back(connection);
+            mNextLook = TimePoint();
+        }
         else
             behindPosts.push_back({connection, 0, isSync, now});
         hasSync = hasSync || isSync;
@@ -140,8 +143,10 @@ void Questions::answerAll()
 
 void Questions::start(TimePoint now)
 {
-    if (mStarting.empty())
+    const uint64_t news = mPosts.startNews() + mRequests.probed() + mPosts.arrived();
+    if (mStarting.empty() || (now < mNextLook && news == mNewsSeen))
         return;
+    mNewsSeen = news;
     const bool isLong = std::all_of(mStarting.begin(), mStarting.end(),
                                     [=](const auto* each) { return now - each->askedAt > longStart; });
     mNextLook = now + (isLong ? longStartPause : startPause);

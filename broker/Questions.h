@@ -74,6 +74,7 @@ private:
     Queue mDear;                               // those that take long to answer
     std::vector<RequestConnection*> mStarting; // oldest first
     TimePoint mNextLook{};                     // at what starts
+    uint64_t mNewsSeen = 0;                    // at the last look
     TimePoint mNextEnd = TimePoint::max();     // of a wait
     bool mHasLeftOver = false;                 // could be answered, but the time was over
 };

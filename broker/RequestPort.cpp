@@ -124,23 +124,29 @@ void RequestPort::probe(RequestConnection& connection)
         return connection.startProbe.giveUp();
     connection.startProbe.sent();
     connection.sendCommand(Ping::command(probeContext));
-    poll(connection, connection.polled | EPOLLIN);
+    poll(connection, connection.polled | EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 
 // A client that waits for the answer to its "Sync" says nothing else meanwhile. From one that does, nothing
 // more is read until it is answered.
 void RequestPort::readProbe(RequestConnection& connection)
 {
+    if (connection.unread.size() >= probeAnswer.size())
+        return connection.startProbe.giveUp();
     std::array<char, probeAnswer.size()> buffer{};
     const std::size_t lacking = probeAnswer.size() - connection.unread.size();
     const std::size_t count = connection.receive(buffer.data(), lacking);
     connection.unread.append(buffer.data(), count);
     if (probeAnswer.substr(0, connection.unread.size()) != connection.unread)
+    {
+        ++mProbed;
         return connection.startProbe.giveUp();
+    }
     if (connection.unread.size() != probeAnswer.size())
         return;
     connection.unread.clear();
     connection.startProbe.answered();
+    ++mProbed;
     probe(connection);
 }
 
@@ -188,6 +194,7 @@ void RequestPort::ask(RequestConnection& connection)
 void RequestPort::reply(RequestConnection& connection, Reply reply)
 {
     connection.reply = std::move(reply);
+    connection.startProbe = StartProbe(); // a PONG that still comes is ignored
     send(connection);
     update(connection);
 }

@@ -76,6 +76,9 @@ public:
     /// Sends a PING that the connection's start probe has due. The connection asks.
     void probe(RequestConnection& connection);
 
+    /// Counts what came back.
+    uint64_t probed() const { return mProbed; }
+
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
@@ -116,6 +119,7 @@ private:
     ConnectionLimit mLimit;
     std::deque<RequestConnection*> mSilent; // since their handshake, oldest first
     std::vector<RequestConnection*> mHeld;  // their question is, behind an empty answer
+    uint64_t mProbed = 0;
     std::vector<char> mBuffer;
 };
 

@@ -32,7 +32,7 @@ private:
     Limits mLimits;
     Refusals mRefusals;
     DeviceState mDevice{mLimits, mRefusals};
-    Answerer mAnswerer{mRefusals, mDevice, [](Statistics::Numbers&) {}};
+    Answerer mAnswerer{mRefusals, mDevice, [](Statistics::Numbers&) {}, [](std::string&) {}};
     BrokerProtocol::Command mCommand;
     std::string mNotification;
     NotificationLog mLog;

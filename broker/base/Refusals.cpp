@@ -22,7 +22,7 @@ void Refusals::report(Refusal kind, const char* format, ...)
     va_start(arguments, format);
     vsnprintf(text.data(), text.size(), format, arguments);
     va_end(arguments);
-    Held line{mSource, text.data(), std::exchange(of.silent, 0)};
+    Held line{mSource, text.data(), std::exchange(of.silent, 0), mNow()};
     if (mSource == nullptr || !mDescribe)
         return log(line, "");
     if (const std::optional<std::string> name = mDescribe(*mSource))

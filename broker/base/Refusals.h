@@ -69,6 +69,13 @@ public:
     /// It is known now who the source is, or it goes.
     void tell(const Refused& source, const std::string& name);
 
+    /// The source whose line waits longest, and since when; null if no line waits.
+    std::pair<Refused*, TimePoint> waitingLongest() const
+    {
+        return mHeld.empty() ? std::pair<Refused*, TimePoint>{}
+                             : std::pair{mHeld.front().source, mHeld.front().since};
+    }
+
     /// As long as it lives, refusals come from this source, which must live as long.
     class From
     {
@@ -109,9 +116,10 @@ private:
     // A line that waits. There are never many, as only a few are logged in a window.
     struct Held
     {
-        const Refused* source;
+        Refused* source;
         std::string text;
         uint64_t silent;
+        TimePoint since;
     };
 
     bool isToBeLogged(Kind& kind);

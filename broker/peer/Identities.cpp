@@ -1,13 +1,15 @@
 #include "broker/peer/Identities.h"
 
+#include <algorithm>
 #include <optional>
 
 namespace
 {
 
-// Looking for processes takes this of a round at most, and this of the processor's time: after a pass through
-// all processes, so many times as long is rested.
+// Looking for processes takes this of a round at most. Then it rests so many times as long as it has taken,
+// as far as it was not interrupted itself.
 constexpr std::chrono::milliseconds turn{1};
+constexpr std::chrono::milliseconds longestTurn{5};
 constexpr int restFactor = 20;
 
 } // namespace
@@ -21,13 +23,25 @@ Identity Identities::identify(const sockaddr_in& peer, const sockaddr_in& own)
         mUsers.refresh();
         identity.user = mUsers.name(*uid);
     }
-    if (const std::optional<uint64_t> group = identity.owner.cgroup())
-        identity.service = mServices.find(*group).name;
+    findService(identity);
     return identity;
+}
+
+// Later, if that was asked too often lately.
+void Identities::findService(Identity& identity)
+{
+    const std::optional<uint64_t> group = identity.owner.cgroup();
+    if (!group)
+        return;
+    const Services::Answer answer = mServices.find(*group);
+    identity.isServiceOpen = answer.knowledge == Services::Knowledge::Later;
+    identity.service = Processes::printable(answer.name);
 }
 
 void Identities::seek(Identity& identity)
 {
+    if (identity.isServiceOpen)
+        findService(identity);
     if (identity.search != Identity::Search::None)
         return;
     const bool isSought = identity.owner.inode() != 0 && mProcesses.want(identity.owner.inode());
@@ -45,12 +59,7 @@ std::vector<Processes::Found> Identities::seekOn(TimePoint now)
 {
     std::vector<Processes::Found> found = mProcesses.work(turn);
     const TimePoint end = Clock::now();
-    mWorked += end - now;
-    mNext = end;
-    if (found.empty())
-        return found;
-    mNext += restFactor * mWorked;
-    mWorked = Clock::duration(0);
+    mNext = end + restFactor * std::min<Clock::duration>(end - now, longestTurn);
     return found;
 }
 

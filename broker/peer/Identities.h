@@ -29,7 +29,7 @@ public:
     /// @param own  ours
     Identity identify(const sockaddr_in& peer, const sockaddr_in& own);
 
-    /// Has its process looked for, once.
+    /// Has its process looked for, once, and its service if that is still open.
     void seek(Identity& identity);
 
     /// The connection is closed.
@@ -51,12 +51,13 @@ public:
     OwnerQuery::Road road() const { return mOwners.road(); }
 
 private:
+    void findService(Identity& identity);
+
     OwnerQuery mOwners;
     Services mServices;
     Users mUsers;
     Processes mProcesses;
-    Clock::duration mWorked{0}; ///< in this pass through all processes
-    TimePoint mNext{};          ///< when to go on
+    TimePoint mNext{}; ///< when to go on
 };
 
 #endif

@@ -42,7 +42,7 @@ bool isName(const char* name)
     const std::string_view text = name == nullptr ? "" : name;
     return !text.empty() && text[0] != '+' && text[0] != '-' &&
            text.find_first_not_of("0123456789") != std::string_view::npos &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c != '\x7f'; });
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
 // (uid_t)-1 is nobody's, and stands for numbers that do not fit.

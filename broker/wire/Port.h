@@ -173,8 +173,8 @@ private:
         {
             mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
             Peer& peer = *mPeers.back();
+            peer.opening = mOpening.end(); // what comes may fail
             peer.identity = mIdentities.identify(address, mListener.address());
-            peer.opening = mOpening.end();
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
             peer.polled = EPOLLIN;

@@ -51,6 +51,69 @@ TEST_F(RefusalsTest, oneKindDoesNotSilenceAnother)
     EXPECT_TRUE(log.has(2, "a timer"));
 }
 
+// ----------------------------------------------------------------------------------------------------
+// sources
+
+TEST_F(RefusalsTest, nameTheirSource)
+{
+    Refused source;
+    refusals.setDescribe([](Refused&) { return "its name"; });
+    {
+        const Refusals::From from(refusals, source);
+        refusals.report(Refusal::Keys, "too many");
+    }
+    refusals.report(Refusal::Timers, "a timer");
+    EXPECT_TRUE(log.has(2, "too many [its name]"));
+    EXPECT_TRUE(log.has(2, "a timer"));
+    EXPECT_EQ(source.refusals, 1U);
+}
+
+TEST_F(RefusalsTest, comeFromTheInnerSourceAndThenFromTheOuterOneAgain)
+{
+    Refused outer;
+    Refused inner;
+    const Refusals::From fromOuter(refusals, outer);
+    {
+        const Refusals::From fromInner(refusals, inner);
+        refusals.report(Refusal::Keys, "too many");
+    }
+    refusals.report(Refusal::Keys, "too many");
+    EXPECT_EQ(inner.refusals, 1U);
+    EXPECT_EQ(outer.refusals, 1U);
+}
+
+TEST_F(RefusalsTest, waitForTheNameOfTheirSource)
+{
+    Refused source;
+    Refused other;
+    refusals.setDescribe([](Refused&) { return std::nullopt; });
+    {
+        const Refusals::From from(refusals, source);
+        refusals.report(Refusal::Keys, "too many");
+    }
+    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(refusals.waitingLongest(), std::pair(&source, now));
+    refusals.tell(other, "another");
+    EXPECT_TRUE(log.lines().empty());
+    refusals.tell(source, "its name");
+    EXPECT_TRUE(log.has(2, "too many [its name]"));
+    EXPECT_EQ(refusals.waitingLongest().first, nullptr);
+    refusals.tell(source, "its name");
+    EXPECT_EQ(log.lines().size(), 1U);
+}
+
+TEST_F(RefusalsTest, thatWaitAreLoggedAtTheEnd)
+{
+    {
+        Refusals ending;
+        Refused source;
+        ending.setDescribe([](Refused&) { return std::nullopt; });
+        const Refusals::From from(ending, source);
+        ending.report(Refusal::Keys, "too many");
+    }
+    EXPECT_TRUE(log.has(2, "too many"));
+}
+
 TEST_F(RefusalsTest, aLineIsCutAndNeverTooLong)
 {
     refusals.report(Refusal::Keys, "%s", std::string(100000, 'x').c_str());

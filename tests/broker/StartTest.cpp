@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <gtest/gtest.h>
+#include <poll.h>
 
 #include "broker/StartProbe.h"
 #include "tests/broker/Messages.h"
@@ -57,6 +58,18 @@ protected:
         }
     }
 
+    // Its post connection shows that posts can arrive.
+    void takeSubscription()
+    {
+        ASSERT_TRUE(post.write(ZmtpPeer::ready("PUB")));
+        post.read(ZmtpPeer::openingOf(ZmtpPeer::postPort).size());
+        std::optional<WireFrames::Frame> frame;
+        while ((frame = post.readFrame()) && !isPing(frame))
+            continue;
+        ASSERT_TRUE(frame);
+        ASSERT_TRUE(post.write(ZmtpPeer::pong(frame->body.substr(7))));
+    }
+
     static constexpr std::chrono::milliseconds quiet{300};
 
     BrokerProcess broker;
@@ -80,14 +93,31 @@ TEST_F(BusyClientTest, isAnsweredAtOnceWhenItsPostConnectionHasTheSubscription)
 {
     ASSERT_TRUE(isPing(request.readFrame()));
     EXPECT_FALSE(request.readFrame(quiet));
-    ASSERT_TRUE(post.write(ZmtpPeer::ready("PUB")));
-    post.read(ZmtpPeer::openingOf(ZmtpPeer::postPort).size());
-    std::optional<WireFrames::Frame> frame;
-    while ((frame = post.readFrame()) && !isPing(frame))
-        continue;
-    ASSERT_TRUE(frame);
-    ASSERT_TRUE(post.write(ZmtpPeer::pong(frame->body.substr(7))));
+    takeSubscription();
     EXPECT_EQ(request.receiveText(), "SyncAck");
+}
+
+TEST_F(BusyClientTest, mayAskOnThoughItOwesTheAnswerToAPing)
+{
+    ASSERT_TRUE(isPing(request.readFrame()));
+    takeSubscription();
+    ASSERT_EQ(request.receiveText(), "SyncAck");
+    const std::string all = R"({"getClientInfo":"null"})";
+    const std::string one = R"({"getCounterValue":"c"})";
+    constexpr int values = 30;
+    for (int value = 0; value < values; ++value)
+        another.post(postOf("k" + std::to_string(value), std::string(50000, 'x')));
+    EXPECT_NE(RawRequester().ask(all), "{}");
+
+    // An answer that it does not take, and two questions behind it.
+    ASSERT_TRUE(request.write(ZmtpPeer::request(all) + ZmtpPeer::request(one)));
+    pollfd polled{request.descriptor(), POLLIN, 0};
+    ASSERT_EQ(poll(&polled, 1, -1), 1);
+    ASSERT_TRUE(request.write(ZmtpPeer::request(one)));
+    EXPECT_EQ(RawRequester().ask(one), "0");
+    EXPECT_NE(request.receiveText(), "");
+    EXPECT_EQ(request.receiveText(), "0");
+    EXPECT_EQ(request.receiveText(), "0");
 }
 
 TEST_F(BusyClientTest, goesOnWhenAnAnswerToAPingComesLate)
