@@ -34,8 +34,10 @@ int listenOnPort()
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     constexpr int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    constexpr int smallest = 1; // the kernel takes more
-    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &smallest, sizeof(smallest));
+    // Not the smallest there is: behind a buffer of 2 KiB that was full for a second, Linux now and then sends
+    // a few hundred bytes a second from then on, whatever the reader does.
+    constexpr int small = 8192;
+    setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);

@@ -11,7 +11,7 @@
 #include <thread>
 
 /// The broker's side of the post channel, on a plain TCP socket. It takes posts at its own pace, or none, and
-/// the kernel's buffers are as small as possible. One client at a time.
+/// the kernel's buffer is small. One client at a time.
 class PostPort
 {
 public:
