@@ -80,7 +80,7 @@ void warnOfUnreachable(PolicyContent& content)
             reachability.add(rule, rule.who == 0 ? std::string() : content.whos[rule.who].text);
         if (!by.empty())
             content.warnings.push_back(
-                rule.place + ": the rule never decides, as earlier ones do, the last of them in " + by);
+                rule.place + ": the rule never decides: earlier ones do, at the latest that of " + by);
     }
 }
 
@@ -183,7 +183,7 @@ std::string Policy::explain(const Subject& subject, Action action, std::string_v
     else
         text += "the default in " + rule->place + ", as no rule matches";
     if (!isAllowed && mContent.isAudit)
-        text += " (not enforced, only logged: mode is audit in " + mContent.modePlace + ")";
+        text += " (only logged: mode is audit in " + mContent.modePlace + ")";
     return text;
 }
 
@@ -207,7 +207,7 @@ std::string Policy::describe() const
     for (const PolicyTie& tie : mContent.ties)
     {
         text += "  " + tie.place + ": " + textOf(tie.names) +
-                (tie.becomes.empty() ? " are reset " : " become ") +
+                (tie.becomes.empty() ? ": reset " : ": become ") +
                 (tie.becomes.empty() ? "" : "\"" + tie.becomes + "\" ") + std::to_string(tie.grace.count()) +
                 " ms after it has gone\n";
     }

@@ -252,7 +252,7 @@ private:
     void readQuota(const toml::table& table);
     void readTie(const toml::table& table);
 
-    Actions readActions(const toml::node& value);
+    Actions readActions(const std::string& name, const toml::node& value);
     std::vector<Glob> readGlobs(const toml::node& value);
     void readServices(const toml::node& value, Who& who);
     void readUsers(const toml::node& value, Who& who);
@@ -369,14 +369,14 @@ void FileReader::readTables(const std::string& name, const toml::node& value,
     const toml::array* tables = value.as_array();
     if (tables == nullptr)
     {
-        fail(lineOf(value), "a " + name + " begins with [[" + name + "]]");
+        fail(lineOf(value), "each " + name + " begins with [[" + name + "]]");
         return;
     }
     for (const toml::node& each : *tables)
     {
         const toml::table* table = each.as_table();
         if (table == nullptr)
-            fail(lineOf(each), "a " + name + " begins with [[" + name + "]]");
+            fail(lineOf(each), "each " + name + " begins with [[" + name + "]]");
         else if (mCollector.countTable())
             (this->*take)(*table);
         else if (mCollector.isFirstBeyondTables())
@@ -411,7 +411,7 @@ void FileReader::readRule(const toml::table& table)
                 fail(lineOf(key), "a rule either allows or denies: write two rules");
             isComplete = true;
             rule.isAllowed = name == "allow";
-            rule.actions = readActions(value);
+            rule.actions = readActions(name, value);
         }
         else if (name == "default" || name == "mode")
             fail(lineOf(key), name + " is not part of a rule: write it above the first [[rule]]");
@@ -557,10 +557,10 @@ bool FileReader::isName(const std::string& name, const Word& word)
     return false;
 }
 
-Actions FileReader::readActions(const toml::node& value)
+Actions FileReader::readActions(const std::string& name, const toml::node& value)
 {
     Actions actions;
-    for (const Word& word : readWords("allow or deny", value))
+    for (const Word& word : readWords(name, value))
     {
         const auto* const place = std::find(actionNames.begin(), actionNames.end(), word.text);
         if (word.text == "all")
@@ -636,8 +636,7 @@ void FileReader::readIds(const std::string& kind, const toml::node& value, Who& 
             if (const auto id = (mCollector.*lookUp)(word.text))
                 ids.push_back(*id);
             else
-                warn(word.line,
-                     "unknown " + kind + " " + quoted(word.text) + ": this concerns nobody of that name");
+                warn(word.line, "unknown " + kind + " " + quoted(word.text) + ": no client matches it");
             texts.push_back(word.text);
         }
     };
