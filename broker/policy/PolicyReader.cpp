@@ -8,12 +8,18 @@
 #include <utility>
 
 #include "broker/base/OptionText.h"
+#include "broker/policy/PolicyText.h"
 
-// The only file that knows the library. Its size is the reason: it is all templates.
+// The only file that includes the library: it is large, and all in headers. Its parser reports errors as
+// results.
 #define TOML_HEADER_ONLY 1
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
 #define TOML_ENABLE_WINDOWS_COMPAT 0
+// Some texts, such as "[+]", violate what the library asserts, and it reports them well all the same. With
+// NDEBUG it would let the compiler rely on the assertions.
+#undef NDEBUG
+#define TOML_ASSERT(expression) static_assert(true)
 #define TOML_MAX_NESTED_VALUES 4 // a policy needs two: tables in a list in a table of the file
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wundef"
@@ -28,30 +34,6 @@ namespace
 using Line = std::size_t;
 
 // -------------------------------------------------------------------------------------------------- texts
-
-bool isControl(char letter)
-{
-    const auto byte = static_cast<unsigned char>(letter);
-    return byte < ' ' || byte == 0x7f;
-}
-
-bool hasControl(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), isControl);
-}
-
-// Of one line of a file. Long lines are refused before the library sees them: a key of dots, "a.a.a.a", makes
-// a table in a table for each of them, and the library takes stack for each when it lets go of them.
-std::string errorInLine(std::string_view line)
-{
-    if (!line.empty() && line.back() == '\r')
-        line.remove_suffix(1);
-    if (line.size() > PolicyLimits::lineBytes)
-        return "longer than " + std::to_string(PolicyLimits::lineBytes) + " bytes";
-    const bool isText =
-        std::all_of(line.begin(), line.end(), [](char each) { return !isControl(each) || each == '\t'; });
-    return isText ? std::string() : "a byte that is no text";
-}
 
 // What the library says may repeat the file.
 std::string harmless(std::string_view text)
@@ -124,13 +106,7 @@ std::optional<std::chrono::milliseconds> readDuration(std::string_view text)
     return std::nullopt;
 }
 
-// A list of one table, with the line of each member.
-struct Word
-{
-    std::string text;
-    Line line;
-};
-
+using Word = PolicyWord;
 using Words = std::vector<Word>;
 
 // ------------------------------------------------------------------------------------------- all the files
@@ -291,15 +267,7 @@ bool FileReader::isText()
                             " bytes");
         return false;
     }
-    const std::string_view text = mSource.text;
-    Line number = 0;
-    for (std::size_t begin = 0, end = 0; begin < text.size(); begin = end + 1)
-    {
-        ++number;
-        end = std::min(text.find('\n', begin), text.size());
-        if (std::string error = errorInLine(text.substr(begin, end - begin)); !error.empty())
-            fail(number, std::move(error));
-    }
+    mErrors = errorsInPolicyText(mSource.text);
     return mErrors.empty();
 }
 
