@@ -187,17 +187,15 @@ uint64_t readFrame(unsigned times)
         times);
 }
 
-// A post of a key that is like those of the rules: a thousand rules, of which every third names a beginning,
-// and a few that are tried one by one.
+// Of a key that is like those of the rules: a thousand rules, of which every third names a beginning. A glob
+// that begins with a wildcard would add twenty instructions.
 uint64_t decideByPolicy(unsigned times)
 {
     constexpr std::size_t rules = 1000;
-    constexpr std::size_t ends = 100;
     std::string text = "default = \"deny\"\n";
     for (std::size_t i = 0; i < rules; ++i)
     {
-        const std::string key =
-            i % ends == 0 ? "*.end" + std::to_string(i) : Samples::name(i) + (i % 3 == 0 ? ".*" : "");
+        const std::string key = Samples::name(i) + (i % 3 == 0 ? ".*" : "");
         text += "[[rule]]\nallow = [\"post\", \"reset\"]\nkeys = \"" + key + "\"\n";
     }
     const LoadedPolicy loaded = makePolicy({{"policy", text}}, {});

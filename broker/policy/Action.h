@@ -13,8 +13,8 @@ enum class Action : uint8_t
     Post,
     Reset,
     Event,
-    Timer,
-    Counter,
+    Timers,
+    Counters,
     Query,
     See,
     Time, ///< sets the system clock; concerns no name

@@ -43,16 +43,28 @@ Glob::Glob(std::string_view text) : mText(text)
         at += text[at] == '\\' ? 1U : 0U;
         mLiteral += text[at];
     }
+    std::size_t wildcards = 0;
     bool isAfterStar = false;
     for (; at < text.size(); ++at)
     {
         const bool isStar = text[at] == '*';
-        if (text[at] == '\\')
-            mRest += text[at++];
-        if (!isStar || !isAfterStar) // two in a row say no more than one
-            mRest += text[at];
+        if (isStar && isAfterStar)
+            continue; // two in a row say no more than one
         isAfterStar = isStar;
+        if (isStar || text[at] == '?')
+        {
+            ++wildcards;
+            mTail.clear();
+        }
+        else
+        {
+            if (text[at] == '\\')
+                mRest += text[at++];
+            mTail += text[at];
+        }
+        mRest += text[at];
     }
+    mIsTailOnly = wildcards == 1 && mRest[0] == '*';
 }
 
 // Only the last * is tried again: the ones before it need not take more than they did.

@@ -26,6 +26,12 @@ public:
     /// Matches the rest of the name. Empty if only the literal itself matches.
     const std::string& rest() const { return mRest; }
 
+    /// The end of each name that it matches: the letters behind the last wildcard.
+    const std::string& tail() const { return mTail; }
+
+    /// The rest is a star and the tail.
+    bool isTailOnly() const { return mIsTailOnly; }
+
     bool matchesEverything() const { return mLiteral.empty() && mRest == "*"; }
 
     /// Takes at most as many steps as the product of both lengths.
@@ -35,6 +41,8 @@ private:
     std::string mText;
     std::string mLiteral;
     std::string mRest;
+    std::string mTail;
+    bool mIsTailOnly = false;
 };
 
 #endif

@@ -6,9 +6,16 @@
 namespace
 {
 
+constexpr int16_t noLetter = -1;
+
 uint8_t letterAt(const std::string& text, std::size_t at)
 {
     return static_cast<uint8_t>(text[at]);
+}
+
+int16_t lastLetterOf(const std::string& text)
+{
+    return text.empty() ? noLetter : static_cast<int16_t>(letterAt(text, text.size() - 1));
 }
 
 // How long the beginning is that both share.
@@ -58,14 +65,17 @@ uint32_t KeyIndex::build(const Entries& entries, std::size_t begin, std::size_t 
 // They come in their order.
 void KeyIndex::addHere(Node& node, const Entry& entry)
 {
-    const std::string& rest = entry.glob->rest();
+    const Glob& glob = *entry.glob;
+    const std::string& rest = glob.rest();
     if (rest.empty())
         node.exact = std::min(node.exact, entry.order);
     else if (rest == "*")
         node.anything = std::min(node.anything, entry.order);
     else
     {
-        mRests.push_back({keep(rest), static_cast<uint16_t>(rest.size()), entry.order});
+        mRests.push_back({keep(rest), keep(glob.tail()), static_cast<uint16_t>(rest.size()),
+                          static_cast<uint16_t>(glob.tail().size()), entry.order, lastLetterOf(glob.tail()),
+                          glob.isTailOnly()});
         ++node.restCount;
     }
 }
@@ -102,42 +112,57 @@ uint32_t KeyIndex::keep(std::string_view text)
     return at;
 }
 
+// Each decision goes through this; so it takes pointers instead of counting positions from the beginning.
 KeyIndex::Order KeyIndex::find(std::string_view name, Order otherwise) const
 {
     Order best = otherwise;
-    const Node* node = mNodes.data();
-    while (node->earliest < best)
+    const char* at = name.data();
+    const char* const end = at + name.size();
+    const Node* const nodes = mNodes.data();
+    const uint32_t* const children = mChildren.data();
+    for (const Node* node = nodes; node->earliest < best;)
     {
-        best = std::min(best, node->anything);
+        if (node->anything < best)
+            best = node->anything;
         if (node->restCount != 0)
-            best = findInRests(*node, name, best);
-        if (name.empty())
+            best = findInRests(*node, name.substr(static_cast<std::size_t>(at - name.data())), best);
+        if (at == end)
             return std::min(best, node->exact);
-        const unsigned child = static_cast<unsigned>(static_cast<uint8_t>(name[0])) - node->lowest;
-        if (child >= node->childSpan)
+        const unsigned letter = static_cast<unsigned>(static_cast<uint8_t>(*at++)) - node->lowest;
+        if (letter >= node->childSpan)
             return best;
-        node = &mNodes[mChildren[node->firstChild + child]];
-        if (node == mNodes.data())
+        const uint32_t child = children[node->firstChild + letter];
+        if (child == 0)
             return best;
+        node = nodes + child;
         const std::size_t length = node->labelLength;
-        if (name.size() <= length ||
-            (length != 0 && memcmp(name.data() + 1, mText.data() + node->label, length) != 0))
+        if (length != 0 && (static_cast<std::size_t>(end - at) < length ||
+                            memcmp(at, mText.data() + node->label, length) != 0))
             return best;
-        name.remove_prefix(length + 1);
+        at += length;
     }
     return best;
 }
 
 KeyIndex::Order KeyIndex::findInRests(const Node& node, std::string_view name, Order best) const
 {
-    const std::string_view text = mText;
-    for (std::size_t i = 0; i < node.restCount; ++i)
+    const int last = name.empty() ? noLetter : static_cast<uint8_t>(name.back());
+    const Rest* const end = mRests.data() + node.firstRest + node.restCount;
+    for (const Rest* rest = end - node.restCount; rest != end && rest->order < best; ++rest)
     {
-        const Rest& rest = mRests[node.firstRest + i];
-        if (rest.order >= best)
-            break; // those behind it are later
-        if (Glob::matches(text.substr(rest.text, rest.length), name))
-            return rest.order;
+        const bool mayMatch = rest->last == last || rest->last == noLetter;
+        if (mayMatch && matches(*rest, name))
+            return rest->order; // those behind it are later
     }
     return best;
+}
+
+bool KeyIndex::matches(const Rest& rest, std::string_view name) const
+{
+    const std::size_t length = rest.tailLength;
+    const char* const tail = mText.data() + rest.tail;
+    if (name.size() < length ||
+        (length != 0 && memcmp(name.data() + name.size() - length, tail, length) != 0))
+        return false;
+    return rest.isTailOnly || Glob::matches(std::string_view(mText).substr(rest.text, rest.length), name);
 }

@@ -35,7 +35,7 @@ public:
 
 private:
     // What comes in all names after this node is in its subtree.
-    struct Node
+    struct alignas(32) Node // a power of two is cheaper to multiply with
     {
         uint32_t label = 0;      // in mText: the letters that lead here, without the first
         uint32_t firstChild = 0; // in mChildren: where the table begins
@@ -52,8 +52,12 @@ private:
     struct Rest
     {
         uint32_t text; // in mText
+        uint32_t tail; // in mText
         uint16_t length;
+        uint16_t tailLength;
         Order order;
+        int16_t last; // letter of the tail, compared first as that is cheap; -1 if there is none
+        bool isTailOnly;
     };
 
     using Entries = std::vector<Entry>;
@@ -64,6 +68,7 @@ private:
     void addHere(Node& node, const Entry& entry);
     void addChildren(Node& node, const Entries& entries, std::size_t begin, std::size_t end,
                      std::size_t depth);
+    bool matches(const Rest& rest, std::string_view name) const;
     Order findInRests(const Node& node, std::string_view name, Order best) const;
     uint32_t keep(std::string_view text);
 

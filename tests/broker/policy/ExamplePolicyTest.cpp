@@ -32,7 +32,7 @@ TEST(ExamplePolicy, letsEachServiceChangeItsOwnKeys)
 {
     const auto policy = example();
     EXPECT_TRUE(may(*policy, serviceSubject("net.service"), Action::Post, "net.eth0"));
-    EXPECT_TRUE(may(*policy, serviceSubject("power.service"), Action::Timer, "power.idle"));
+    EXPECT_TRUE(may(*policy, serviceSubject("power.service"), Action::Timers, "power.idle"));
     EXPECT_TRUE(may(*policy, serviceSubject("clock.service"), Action::Time));
     EXPECT_TRUE(may(*policy, serviceSubject("clock.service"), Action::Post, "clock.synced"));
     EXPECT_FALSE(may(*policy, serviceSubject("power.service"), Action::Post, "net.eth0"));
