@@ -16,14 +16,9 @@ struct PolicyWord
 /// Below the blank, or DEL.
 bool hasControl(std::string_view text);
 
-/// Looks through a file before the TOML library does, for what the library would not stand: each of these is
-/// an error of TOML as well, or has no use in a policy.
-///  - Long lines. A key of dots, "a.a.a.a", makes a table in a table for each dot, and the library takes
-///  stack for each
-///    when it lets go of them.
-///  - Control characters.
-///  - Letters beyond ASCII outside of quotes and comments, for some of which the library's behaviour is
-///  undefined.
+/// Looks through a file before the TOML library does, for control characters and long lines. A key of dots,
+/// "a.a.a.a", makes a table in a table for each dot, and the library takes stack for each when it lets go of
+/// them.
 std::vector<PolicyWord> errorsInPolicyText(std::string_view text);
 
 #endif
