@@ -142,8 +142,8 @@ TEST(Policy, aRuleForAGroupConcernsItsMembers)
 TEST(Policy, aServiceIsComparedAsAWhole)
 {
     const auto policy =
-        policyOf("[[rule]]\nservice = [\"net\", \"b.service\", \"c.scope\"]\ndeny = \"post\"\n");
-    for (const char* name : {"net.service", "b.service", "c.scope"})
+        policyOf("[[rule]]\nservice = [\"net\", \"b.service\", \"c.scope\", \"phone\"]\ndeny = \"post\"\n");
+    for (const char* name : {"net.service", "b.service", "c.scope", "phone.service"})
         EXPECT_FALSE(may(*policy, serviceSubject(name), Action::Post, "a")) << name;
     for (const char* name : {"net", "net.scope", "net.service.service", "Net.service", "a-net.service",
                              "net.services", "c.scope.service", "c.service", ""})
