@@ -7,7 +7,7 @@
 
 #include "broker/LastWords.h"
 #include "broker/OptionTable.h"
-#include "broker/OptionText.h"
+#include "broker/base/OptionText.h"
 
 namespace
 {

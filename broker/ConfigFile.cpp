@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "broker/OptionTable.h"
-#include "broker/OptionText.h"
+#include "broker/base/OptionText.h"
 
 using OptionText::quoted;
 

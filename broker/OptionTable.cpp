@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "broker/OptionText.h"
+#include "broker/base/OptionText.h"
 
 using namespace OptionText;
 

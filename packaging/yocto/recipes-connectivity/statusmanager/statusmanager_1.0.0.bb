@@ -18,7 +18,7 @@ inherit cmake pkgconfig systemd useradd
 
 # Without the broker the device needs another one; without the tool it has no statusctl.
 PACKAGECONFIG ??= "broker tool"
-PACKAGECONFIG[broker] = "-DSTATUSMANAGER_BUILD_BROKER=ON,-DSTATUSMANAGER_BUILD_BROKER=OFF,cli11 sqlite3"
+PACKAGECONFIG[broker] = "-DSTATUSMANAGER_BUILD_BROKER=ON,-DSTATUSMANAGER_BUILD_BROKER=OFF,cli11 sqlite3 tomlplusplus"
 PACKAGECONFIG[tool] = "-DSTATUSMANAGER_BUILD_TOOL=ON,-DSTATUSMANAGER_BUILD_TOOL=OFF,cppzmq cli11 ncurses"
 
 # The examples are for a developer's machine, and so are the tests, which want its network ports. Programs find their

@@ -1,4 +1,4 @@
-#include "broker/OptionText.h"
+#include "broker/base/OptionText.h"
 
 #include <charconv>
 #include <cstddef>

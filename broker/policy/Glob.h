@@ -1,0 +1,48 @@
+#ifndef BROKER_POLICY_GLOB_H
+#define BROKER_POLICY_GLOB_H
+
+#include <string>
+#include <string_view>
+
+/// A name, or a pattern of names: * is any text, ? is one letter, and \ takes the letter behind it as it is.
+///
+/// Every glob that is good here means the same to statusctl. Sets of letters, "[a-z]", are refused: an index
+/// cannot serve them.
+class Glob
+{
+public:
+    /// Returns the error in a text, empty if there is none.
+    static std::string errorIn(std::string_view text);
+
+    /// @param text a good one
+    explicit Glob(std::string_view text);
+
+    /// As it was written.
+    const std::string& text() const { return mText; }
+
+    /// The beginning of each name that it matches.
+    const std::string& literal() const { return mLiteral; }
+
+    /// Matches the rest of the name. Empty if only the literal itself matches.
+    const std::string& rest() const { return mRest; }
+
+    /// The end of each name that it matches: the letters behind the last wildcard.
+    const std::string& tail() const { return mTail; }
+
+    /// The rest is a star and the tail.
+    bool isTailOnly() const { return mIsTailOnly; }
+
+    bool matchesEverything() const { return mLiteral.empty() && mRest == "*"; }
+
+    /// Takes at most as many steps as the product of both lengths.
+    static bool matches(std::string_view rest, std::string_view name);
+
+private:
+    std::string mText;
+    std::string mLiteral;
+    std::string mRest;
+    std::string mTail;
+    bool mIsTailOnly = false;
+};
+
+#endif

@@ -1,0 +1,81 @@
+#ifndef BROKER_POLICY_KEYINDEX_H
+#define BROKER_POLICY_KEYINDEX_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "broker/policy/Glob.h"
+
+/// Finds the first of many globs that matches a name, without trying them one by one.
+///
+/// A tree over the literal beginnings of the globs. Each step is a look into a table, so a search takes time
+/// in proportion to the length of the name, however many globs there are and whatever the name is. Globs that
+/// go on behind a wildcard, such as "*.state" or "net.*.state", are tried one by one where their beginning
+/// matches. It remembers nothing of earlier names, so nobody can make the next search slower.
+class KeyIndex
+{
+public:
+    /// Smaller is earlier.
+    using Order = uint16_t;
+
+    struct Entry
+    {
+        const Glob* glob; ///< need not outlive the constructor
+        Order order;
+    };
+
+    explicit KeyIndex(std::vector<Entry> entries);
+
+    /// The smallest order of all globs that match the name.
+    /// @param otherwise returned if none matches that is below it
+    Order find(std::string_view name, Order otherwise) const;
+
+private:
+    // What comes in all names after this node is in its subtree.
+    struct alignas(32) Node // a power of two is cheaper to multiply with
+    {
+        uint32_t label = 0;      // in mText: the letters that lead here, without the first
+        uint32_t firstChild = 0; // in mChildren: where the table begins
+        uint32_t firstRest = 0;  // in mRests
+        uint16_t labelLength = 0;
+        uint16_t restCount = 0;
+        uint16_t childSpan = 0; // length of the table
+        uint8_t lowest = 0;     // the first letter of the table's first child
+        Order earliest = none;  // of all below here, and here
+        Order exact = none;     // for the name that ends here
+        Order anything = none;  // for each name that comes by
+    };
+
+    struct Rest
+    {
+        uint32_t text; // in mText
+        uint32_t tail; // in mText
+        uint16_t length;
+        uint16_t tailLength;
+        Order order;
+        int16_t last; // letter of the tail, compared first as that is cheap; -1 if there is none
+        bool isTailOnly;
+    };
+
+    using Entries = std::vector<Entry>;
+
+    static constexpr Order none = 0xffff;
+
+    uint32_t build(const Entries& entries, std::size_t begin, std::size_t end, std::size_t depth);
+    void addHere(Node& node, const Entry& entry);
+    void addChildren(Node& node, const Entries& entries, std::size_t begin, std::size_t end,
+                     std::size_t depth);
+    bool matches(const Rest& rest, std::string_view name) const;
+    Order findInRests(const Node& node, std::string_view name, Order best) const;
+    uint32_t keep(std::string_view text);
+
+    std::vector<Node> mNodes;        // the first is the root
+    std::vector<uint32_t> mChildren; // in mNodes; 0 is none, as the root is nobody's child
+    std::vector<Rest> mRests;
+    std::string mText;
+};
+
+#endif

@@ -1,0 +1,46 @@
+#ifndef BROKER_POLICY_POLICYREADER_H
+#define BROKER_POLICY_POLICYREADER_H
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "broker/policy/PolicyContent.h"
+
+/// How the names of users and groups become numbers.
+struct PolicyNames
+{
+    std::function<std::optional<uid_t>(const std::string& name)> user;
+    std::function<std::optional<gid_t>(const std::string& name)> group;
+};
+
+/// One file of a policy.
+struct PolicySource
+{
+    std::string name; ///< for errors, and for answers to why
+    std::string text;
+};
+
+/// What files of a policy may hold.
+namespace PolicyLimits
+{
+
+constexpr std::size_t fileBytes = std::size_t{256} * 1024;
+constexpr std::size_t lineBytes = 1024;
+constexpr std::size_t files = 64;
+constexpr std::size_t tables = 4096; ///< rules, quotas and ties, in all files
+constexpr std::size_t names = 16384; ///< of clients and of keys, in all files
+constexpr std::size_t errors = 100;  ///< the ones after them are only counted
+
+} // namespace PolicyLimits
+
+/// Reads the files of a policy, in their order. Throws nothing but want of memory.
+/// @param errors what is wrong, "FILE:LINE: reason", in the order of files and lines. If there is any, what
+/// is
+///               returned is not to be used.
+PolicyContent readPolicy(const std::vector<PolicySource>& sources, const PolicyNames& names,
+                         std::vector<std::string>& errors);
+
+#endif
