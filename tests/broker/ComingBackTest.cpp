@@ -58,15 +58,9 @@ protected:
         broker = std::make_unique<BrokerProcess>(keepsState() ? options : std::vector<std::string>());
     }
 
-    void kill()
-    {
-        broker->process().signal(SIGKILL);
-        broker->process().waitForExit();
-    }
-
     void startAnew()
     {
-        kill();
+        broker->kill();
         start();
     }
 
@@ -79,7 +73,7 @@ protected:
         stop();
         (*client)->postStatus("lost", "1");
         ASSERT_TRUE(eventually([] { return unreadBytes(ZmtpPeer::postPort) != 0; }));
-        kill();
+        broker->kill();
     }
 
     // The client has come back and asks nothing, for longer than a new client takes to speak.

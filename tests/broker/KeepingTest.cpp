@@ -212,8 +212,7 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
     RawRequester asking;
     EXPECT_EQ(valueOf(asking, "k29"), reply("new"));
     EXPECT_TRUE(broker->process().waitForError("moved to"));
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
 
     start();
     RawRequester afterwards;
@@ -240,8 +239,7 @@ TEST_F(KeepingTest, whatIsRemovedWhileItServesIsWrittenAnew)
             return valueOf(requester, "after") == reply(after) && std::filesystem::exists(folder / "state");
         });
     EXPECT_TRUE(isWritten);
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
 
     start();
     RawRequester afterwards;
@@ -277,8 +275,7 @@ TEST_F(KeepingTest, aFileThatMayNotGrowIsAFullDisk)
     ASSERT_TRUE(broker->process().waitForError("what changes is lost when the broker ends"));
     ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &before, nullptr), 0);
     EXPECT_TRUE(broker->process().waitForError("is written again"));
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
     start();
     RawRequester another;
     EXPECT_EQ(valueOf(another, "k"), reply("1"));
