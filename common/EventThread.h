@@ -33,8 +33,9 @@ public:
     /// @throws std::system_error also when the system takes the size for too small (PTHREAD_STACK_MIN).
     EventThread(const char* name, int priority, std::size_t stackSize);
 
-    /// What the stack of an event thread may grow to, in bytes: 1 MiB, unless the library was built with
-    /// another STATUSMANAGER_EVENT_THREAD_STACK_KIB. Only what is used takes memory. "ulimit -s" has no say.
+    /// The size to which the stack of an event thread may grow, in bytes: 1 MiB, unless the library was built
+    /// with another STATUSMANAGER_EVENT_THREAD_STACK_KIB. Only the used part takes memory. "ulimit -s" has no
+    /// effect.
     static std::size_t defaultStackSize();
 
     /// As stop().
