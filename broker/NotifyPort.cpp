@@ -23,7 +23,7 @@ constexpr std::size_t longestPrefix = 255;
 // Values that a subscriber missed go out in messages of about this size.
 constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 
-// What a short value costs beyond its bytes.
+// The cost of a short value beyond its bytes.
 constexpr std::size_t perValue = 32;
 
 // Sent of those to one subscriber before the others have their turn.
@@ -432,8 +432,8 @@ void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position 
     connection.position = position;
 }
 
-// What it lacks of the message that it is in goes to its own output, and it is between two messages. False if
-// there is no memory for that.
+// Moves the rest of the message that the connection is in to its own output. Then the connection is between
+// two messages. False if there is no memory for that.
 bool NotifyPort::finishMessage(NotifyConnection& connection)
 {
     if (connection.state != NotifyConnection::State::Following)
@@ -531,7 +531,7 @@ bool NotifyPort::hasOutput() const
 
 // ------------------------------------------------------------------------------------------- housekeeping
 
-// What follows from what it has sent, or been sent.
+// Acts on what the connection has sent, or been sent.
 void NotifyPort::update(NotifyConnection& connection)
 {
     if (connection.isDead())

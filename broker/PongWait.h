@@ -7,8 +7,8 @@
 
 #include "broker/Patience.h"
 
-/// What requests wait for from one post connection: its answers to PINGs, each behind what was posted before
-/// a barrier. Barriers are numbered in their order.
+/// Requests wait for one post connection here: for its answers to PINGs, each behind the posts before a
+/// barrier. Barriers are numbered in their order.
 ///
 /// A request waits for so long after its own barrier was opened, whatever others wait for: answers that come,
 /// but late, do not add up.

@@ -67,11 +67,12 @@ public:
         std::size_t excessRows = 0; ///< beyond the limits, the last one perhaps not the only one
     };
 
-    /// What is good in it. If some of it is damaged, the file is left as it is: write() must not follow.
+    /// Reads all that is not damaged. If anything is damaged, the file is left as it is: write() must not
+    /// follow.
     /// @param bootId of this boot; empty if it is not known
     Contents read(const std::string& bootId);
 
-    /// What a file holds that cannot be had for writing: others read it, or the storage can only be read.
+    /// Reads a file that cannot be opened for writing: others read it, or the storage can only be read.
     static Contents readOnly(const std::string& path, const std::string& bootId, const Limits& limits);
 
     /// Writes all or nothing.

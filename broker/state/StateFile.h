@@ -89,7 +89,7 @@ private:
         Missed, ///< not open, reported: what it holds is not in use, and is moved aside when it can be opened
     };
 
-    /// What was found at the path: neither of both if nothing can be had now.
+    /// The content of the path: neither member if nothing can be read now.
     struct Found
     {
         std::unique_ptr<Database> database; ///< open for writing
