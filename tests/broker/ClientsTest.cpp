@@ -1,4 +1,4 @@
-// What the real broker tells of those that use it, and how it names them in its log.
+// The real broker lists its clients, and names them in its log.
 
 #include <gtest/gtest.h>
 #include <json/writer.h>

@@ -64,7 +64,7 @@ protected:
         start();
     }
 
-    // What the client says from now on dies with the broker.
+    // All that the client sends from now on dies with the broker.
     void stop() { broker->process().suspend(); }
 
     // Lets a post die with the broker.

@@ -1,4 +1,4 @@
-// What a broker writes to its state file, and when.
+// The writes of a broker to its state file: which, and when.
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ protected:
     KeepingTest() { setenv(heldFile, hold.c_str(), 1); }
     ~KeepingTest() override { unsetenv(heldFile); }
 
-    // Whoever is started before is gone first.
+    // The broker that was started before ends first.
     void start(std::vector<std::string> options = {})
     {
         broker.reset();

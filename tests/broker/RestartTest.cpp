@@ -1,4 +1,4 @@
-// What a restart of the broker leaves its clients with.
+// The values, timers and counters that clients find after a restart of the broker.
 
 #include <csignal>
 #include <cstdlib>

@@ -678,7 +678,7 @@ bool make(const Special& special, const std::string& path)
 class NoRegularFile : public StateFileFixture, public testing::WithParamInterface<Special>
 {
 protected:
-    // Who waits in open() would wait for ever.
+    // A broker that waits in open() would wait for ever.
     NoRegularFile() { alarm(20 * TEST_TIME_FACTOR); }
     ~NoRegularFile() override { alarm(0); }
 };

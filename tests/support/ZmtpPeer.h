@@ -42,7 +42,7 @@ public:
     /// A post, or any text, in one frame.
     static std::string message(const std::string& text) { return WireFrames::frame(text); }
 
-    /// What the broker sends at once on this port: greeting and READY.
+    /// The bytes that the broker sends at once on this port: greeting and READY.
     static std::string openingOf(uint16_t port);
 
     // ---- A connection.
@@ -72,7 +72,7 @@ public:
     /// Sends what there is room for without waiting; returns how many bytes.
     std::size_t writeSome(std::string_view bytes);
 
-    /// So many bytes, or those that came before the deadline or the end.
+    /// Reads `count` bytes, or those that came before the deadline or the end.
     std::string read(std::size_t count, std::chrono::milliseconds deadline = testDeadline);
 
     /// The next frame, whole; nothing at the deadline or the end.

@@ -86,7 +86,7 @@ class BrokerMemory
 public:
     static constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
-    /// What it has now is taken for what it needs when idle.
+    /// Takes the present memory for that of an idle broker.
     explicit BrokerMemory(pid_t broker);
 
     /// That it never had so much more.

@@ -1,4 +1,4 @@
-// Who is at the other end of real connections, along both roads to the kernel.
+// The owners of the other ends of real connections, along both roads to the kernel.
 
 #include "broker/peer/OwnerQuery.h"
 

@@ -1,4 +1,4 @@
-// What is made of the kernel's answers, and of bytes that no kernel would send.
+// Reading the kernel's answers, and bytes that no kernel would send.
 
 #include "broker/peer/SockDiag.h"
 
