@@ -33,8 +33,8 @@ constexpr std::size_t turnBytes = std::size_t{256} * 1024;
 constexpr std::chrono::milliseconds flushTurn{5};
 constexpr std::chrono::microseconds flushSlice{500};
 
-// How long one that was closed for want of memory may take to come back. What the kernel held for it is lost,
-// too, so nobody knows what it knows.
+// How long a subscriber that was closed for want of memory may take to come back. The bytes that the kernel
+// held for it are lost, too, so nobody knows what it knows.
 constexpr std::chrono::seconds closedMemory{3600};
 
 // A subscriber that has taken nothing for so long has stopped.
@@ -342,7 +342,8 @@ bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
     return true;
 }
 
-// Copies what it wants: its position is always between two messages. What it does not want takes time, too.
+// Copies the messages that it wants: its position is always between two messages. Those that it does not want
+// take time, too.
 bool NotifyPort::sendMatching(NotifyConnection& connection)
 {
     std::string copied;

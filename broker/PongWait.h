@@ -145,8 +145,8 @@ private:
 
     bool isLacking() const { return mPonged < mWanted; }
 
-    // For the time since the oldest PING that is owed an answer, each moment once. What only a "Sync" waits
-    // for costs less.
+    // For the time since the oldest PING that is owed an answer, each moment once. A wait only for a "Sync"
+    // costs less.
     Duration pay(TimePoint now)
     {
         const TimePoint from = std::max(oldestAsked() + Patience::shortest, mPaidUntil);

@@ -42,8 +42,8 @@ public:
     ~EventThread() override;
 
     /// Ends the thread after the agent that it is delivering, waits for it, and drops what is still queued:
-    /// those agents are never delivered, and senders that wait for them return. What is sent later is
-    /// released undelivered. Not from two threads at once; calling it again does nothing.
+    /// those agents are never delivered, and senders that wait for them return. Agents sent later
+    /// are released undelivered. Not from two threads at once; calling it again does nothing.
     /// @throws std::system_error on the thread itself, which ends all the same, but is still to be waited
     /// for.
     void stop();

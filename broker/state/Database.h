@@ -44,8 +44,7 @@ private:
 class Database
 {
 public:
-    /// Opens the file, or makes it. What is not a regular file is never opened: it could make the broker
-    /// wait.
+    /// Opens the file, or makes it. Only a regular file is opened: another could make the broker wait.
     /// @param patience how long it is waited for somebody else who has locked it
     /// @param limits of what is read; they must outlive it
     Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
@@ -78,8 +77,7 @@ public:
     /// Writes all or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
 
-    /// False if somebody has removed or replaced the file, or the log beside it. What is written is lost
-    /// then.
+    /// False if somebody has removed or replaced the file, or the log beside it. Then all writes are lost.
     bool isInPlace() const { return mFiles == filesAt(mPath); }
 
     /// Leaves the file and the log beside it as they are when it is closed.

@@ -28,7 +28,7 @@ public:
     DeviceState(const DeviceState&) = delete;
     DeviceState& operator=(const DeviceState&) = delete;
 
-    /// Begins with what was kept, within the limits. Whoever restores keeps: changes are noted from now on.
+    /// Begins with what was kept, within the limits. Changes are noted from now on.
     void restore(const SavedState& state);
 
     /// The changes since the last call, if changes are noted.
@@ -37,7 +37,7 @@ public:
     /// All it holds.
     SavedState everything() const;
 
-    // ---- Posts. What is returned stands here until the next post.
+    // ---- Posts. The results stand here until the next post.
 
     /// Returns the values that changed, in the order of their keys, each there once.
     /// @param values in the order of their keys, each there once

@@ -57,7 +57,7 @@ public:
 
     bool knowsPing() const { return mHandshake.knowsPing(); }
 
-    /// Reads once, as much as fits into the buffer. What was read is to be taken with next().
+    /// Reads once, as much as fits into the buffer. next() takes the bytes from there.
     /// @returns how many bytes; fewer than fit if no more were there
     std::size_t receive(char* buffer, std::size_t size);
 

@@ -87,7 +87,7 @@ public:
     /// Asks and returns the text of the answer; empty at the deadline or the end.
     std::string ask(const std::string& request);
 
-    /// Whether the broker closes it within the deadline. What it sends before that is read away.
+    /// Whether the broker closes it within the deadline. Bytes that it sends before that are read away.
     bool isClosed(std::chrono::milliseconds deadline = testDeadline);
 
     /// Whether it is closed by now.
