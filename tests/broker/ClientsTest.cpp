@@ -107,6 +107,8 @@ TEST_F(ClientsTest, aClientThatHasGoneIsNotThereAnyMore)
     EXPECT_TRUE(eventually([&] { return client()["connections"] == 1; }));
 }
 
+// Only root can be another user. Any user sees that processes are told apart, and SockDiagTest reads the
+// numbers of other users.
 TEST_F(ClientsTest, anotherUserIsAnotherClientAlsoWithinAProcess)
 {
     constexpr uid_t user = 12345;
