@@ -134,6 +134,7 @@ TEST_F(ConnectionTest, tellsWhenTheLastBytesArrivedHoweverLateTheyAreRead)
     say("said");
     ASSERT_TRUE(waitFor(connection, POLLIN));
     const TimePoint after = Clock::now();
+    // Real time must pass, there is nothing to wait for: the bytes must be read later than they arrived.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     receive(connection);
     constexpr std::chrono::milliseconds tick{10}; // of the kernel
