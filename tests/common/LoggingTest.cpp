@@ -615,7 +615,7 @@ public:
     SeparatedWrites(const SeparatedWrites&) = delete;
     SeparatedWrites& operator=(const SeparatedWrites&) = delete;
 
-    // What the next write held; empty when there was none.
+    // The bytes of the next write; empty when there was none.
     std::string next()
     {
         std::string bytes(100000, '\0');
