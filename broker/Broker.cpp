@@ -217,7 +217,7 @@ void Broker::pauseIntake(TimePoint now)
     mConnections.notify().shortenLog(limit, now);
 }
 
-// Whoever holds most gives way first: the log of notifications, or a connection.
+// The largest holder gives way first: the log of notifications, or a connection.
 void Broker::relieveMemory()
 {
     while (mBudget.isExceeded())

@@ -6,8 +6,8 @@
 
 #include "broker/Options.h"
 
-/// What is wrong with a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it is not
-/// about one line.
+/// A mistake in a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it is not about
+/// one line.
 class ConfigError : public std::runtime_error
 {
 public:

@@ -3,8 +3,8 @@
 
 #include <cstddef>
 
-/// Who gives way where memory is short: whoever holds most. Those that do not get on count as one: hundreds
-/// of stopped peers, each of which holds little, must not make one give way that is at work.
+/// Chooses the holder that gives way where memory is short: the holder of most. All peers that do not get on
+/// count as one: hundreds of stopped peers that hold little each must not make a working peer give way.
 template <class Holder>
 class MemoryRelief
 {
@@ -24,7 +24,7 @@ public:
     /// The log gives way.
     bool isLog() const { return mLog != 0 && mLog >= mStalled && mLog >= mLargestAtWork.held; }
 
-    /// Who gives way otherwise; none if nobody holds anything.
+    /// The connection that gives way otherwise; none if no connection holds anything.
     Holder* holder() const
     {
         return mStalled >= mLargestAtWork.held ? mLargestStalled.holder : mLargestAtWork.holder;

@@ -23,7 +23,7 @@ constexpr std::size_t longestPrefix = 255;
 // Values that a subscriber missed go out in messages of about this size.
 constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 
-// What a short value costs beyond its bytes.
+// The cost of a short value beyond its bytes.
 constexpr std::size_t perValue = 32;
 
 // Sent of those to one subscriber before the others have their turn.
@@ -33,8 +33,8 @@ constexpr std::size_t turnBytes = std::size_t{256} * 1024;
 constexpr std::chrono::milliseconds flushTurn{5};
 constexpr std::chrono::microseconds flushSlice{500};
 
-// How long one that was closed for want of memory may take to come back. What the kernel held for it is lost,
-// too, so nobody knows what it knows.
+// How long a subscriber that was closed for want of memory may take to come back. The bytes that the kernel
+// held for it are lost, too, so nobody knows what it knows.
 constexpr std::chrono::seconds closedMemory{3600};
 
 // A subscriber that has taken nothing for so long has stopped.
@@ -342,7 +342,8 @@ bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
     return true;
 }
 
-// Copies what it wants: its position is always between two messages. What it does not want takes time, too.
+// Copies the messages that it wants: its position is always between two messages. Those that it does not want
+// take time, too.
 bool NotifyPort::sendMatching(NotifyConnection& connection)
 {
     std::string copied;
@@ -432,8 +433,8 @@ void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position 
     connection.position = position;
 }
 
-// What it lacks of the message that it is in goes to its own output, and it is between two messages. False if
-// there is no memory for that.
+// Moves the rest of the message that the connection is in to its own output. Then the connection is between
+// two messages. False if there is no memory for that.
 bool NotifyPort::finishMessage(NotifyConnection& connection)
 {
     if (connection.state != NotifyConnection::State::Following)
@@ -531,7 +532,7 @@ bool NotifyPort::hasOutput() const
 
 // ------------------------------------------------------------------------------------------- housekeeping
 
-// What follows from what it has sent, or been sent.
+// Acts on what the connection has sent, or been sent.
 void NotifyPort::update(NotifyConnection& connection)
 {
     if (connection.isDead())

@@ -36,7 +36,7 @@ struct OptionEntry
 /// All options but those that only the command line knows.
 const std::vector<OptionEntry>& optionTable();
 
-/// What is wrong with limits that are good one by one; empty if nothing is.
+/// The contradiction between limits that are good one by one; empty if there is none.
 std::string contradictionIn(const Limits& limits);
 
 #endif

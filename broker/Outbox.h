@@ -13,8 +13,8 @@
 #include "broker/state/DeviceState.h"
 #include "broker/state/StateFile.h"
 
-/// What leaves the broker. Where the state is kept in a file, changes are committed first, then published,
-/// then answered: nobody sees what a restart takes back.
+/// Everything that leaves the broker. Where the state is kept in a file, changes are committed first, then
+/// published, then answered: nobody sees what a restart takes back.
 class Outbox
 {
 public:

@@ -97,7 +97,7 @@ public:
 
     explicit SharedPatience(TimePoint now) : mSince(now) {}
 
-    /// What is left for a wait that may be in vain.
+    /// The time that is left for a wait that may be in vain.
     Duration left(TimePoint now)
     {
         constexpr int share = 20;

@@ -7,8 +7,8 @@
 
 #include "broker/Patience.h"
 
-/// What requests wait for from one post connection: its answers to PINGs, each behind what was posted before
-/// a barrier. Barriers are numbered in their order.
+/// Requests wait for one post connection here: for its answers to PINGs, each behind the posts before a
+/// barrier. Barriers are numbered in their order.
 ///
 /// A request waits for so long after its own barrier was opened, whatever others wait for: answers that come,
 /// but late, do not add up.
@@ -145,8 +145,8 @@ private:
 
     bool isLacking() const { return mPonged < mWanted; }
 
-    // For the time since the oldest PING that is owed an answer, each moment once. What only a "Sync" waits
-    // for costs less.
+    // For the time since the oldest PING that is owed an answer, each moment once. A wait only for a "Sync"
+    // costs less.
     Duration pay(TimePoint now)
     {
         const TimePoint from = std::max(oldestAsked() + Patience::shortest, mPaidUntil);

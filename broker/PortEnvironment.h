@@ -7,7 +7,7 @@
 #include "broker/peer/Identities.h"
 #include "broker/wire/Poller.h"
 
-/// What the three ports share. All of it must outlive them.
+/// The objects that the three ports share. They must outlive the ports.
 struct PortEnvironment
 {
     Poller& poller;

@@ -66,7 +66,7 @@ void PostApplier::apply(const BrokerProtocol::Command& command)
     }
 }
 
-// What changes nothing is not published.
+// A post that changes nothing is not published.
 void PostApplier::publish(const char* key, const DeviceState::Members& members, uint64_t events)
 {
     constexpr std::size_t keptBytes = 4096;

@@ -39,7 +39,7 @@ constexpr std::string_view subscription = "\0\1\1"sv;
 // A peer that does not know PING: its subscription has arrived for sure after this time.
 constexpr std::chrono::milliseconds subscriptionTime{15};
 
-// What the answer to a PING repeats: the number of the barrier, or this.
+// The answer to a PING repeats its context: the number of the barrier, or this.
 constexpr std::string_view subscribedContext = "subscribed"sv;
 
 bool isSubscribed(const PostConnection& connection, TimePoint now)
@@ -91,7 +91,7 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
         connection.flush();
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
     {
-        // What has ended is reported whatever is asked for, so it is read.
+        // The kernel reports an ended connection whatever the broker asks for, so the broker reads it.
         const bool hasEnded = (what & (EPOLLHUP | EPOLLERR)) != 0;
         if (mIsPaused && connection.isOpen() && !connection.pongs.owes() && !hasEnded)
             return poll(connection, connection.hasOutput() ? EPOLLOUT : 0U);
@@ -393,7 +393,7 @@ void PostPort::pause(bool does)
     mIsPaused = does;
 }
 
-// What follows from what it has sent, or been sent.
+// Acts on what the connection has sent, or been sent.
 void PostPort::update(PostConnection& connection)
 {
     if (connection.bytesSincePong != 0 && !connection.isTouched)

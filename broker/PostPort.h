@@ -97,7 +97,7 @@ public:
     /// How many connections have shown it.
     std::size_t subscribed(TimePoint now) const;
 
-    /// Closes a connection for want of memory. What it had not sent yet is lost.
+    /// Closes a connection for want of memory. Posts that it had not sent yet are lost.
     void closeForMemory(PostConnection& connection);
 
     /// How often posts were lost with a connection that was closed here, be it for want of memory or because

@@ -14,7 +14,7 @@ namespace
 
 constexpr std::size_t frameBytes = BrokerProtocol::maxFrameBytes;
 
-// What a request socket expects in front of an answer: an empty frame, and more to come.
+// A request socket expects this in front of an answer: an empty frame, and more to come.
 constexpr std::string_view delimiter = "\1\0"sv;
 
 } // namespace

@@ -15,8 +15,8 @@ namespace
 
 constexpr std::size_t bufferBytes = std::size_t{16} * 1024;
 
-// What the kernel holds for a client that does not read. A thousand of them must not use up its memory; the
-// kernel doubles the number.
+// The kernel holds this much for a client that does not read. A thousand such clients must not use up its
+// memory. The kernel doubles the number.
 constexpr int sendBufferBytes = 32 * 1024;
 
 // Produced at a time; as much may wait for a client that does not read.
@@ -33,7 +33,7 @@ constexpr useconds_t pauseMicroseconds = 1000;
 // A delimiter, and an empty last frame.
 constexpr std::string_view emptyAnswer = "\1\0\0\0"sv;
 
-// What the answer to the PING in front of it repeats.
+// The context of the PING in front of an empty answer; the PONG repeats it.
 constexpr std::string_view emptyContext = "empty"sv;
 
 // The same for the PING to a client that starts; and that answer, as the bytes of the wire.
@@ -159,7 +159,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     if (result != FrameReader::Result::Message)
         mRefusals.reportLong("Request", result == FrameReader::Result::Endless, mLimits.messageBytes);
     connection.isTooLong = result != FrameReader::Result::Message;
-    // What has no delimiter in front is no request, and is answered as such.
+    // A message without a delimiter in front is not a request, and is answered as such.
     const bool isRequest = item.firstIsEmpty && item.frames > 1 && !connection.isTooLong;
     connection.request.assign(isRequest ? item.body : std::string_view());
     connection.askedAt = now;
@@ -277,7 +277,7 @@ void RequestPort::releaseHeld(TimePoint now)
     }
 }
 
-// What follows from what it has sent, or been sent.
+// Acts on what the connection has sent, or been sent.
 void RequestPort::update(RequestConnection& connection)
 {
     if (connection.isDead())

@@ -7,7 +7,7 @@
 
 #include "broker/base/Clock.h"
 
-/// What is to be done at a time: each task says when, and what.
+/// The tasks of the loop, each with its time.
 class Schedule
 {
 public:

@@ -18,7 +18,7 @@ public:
     static constexpr std::size_t largest = std::size_t{256} * 1024;
     static constexpr std::size_t smallest = std::size_t{4} * 1024;
 
-    /// So many there are now. True if sizes have changed.
+    /// Takes the present numbers of connections. True if sizes have changed.
     bool update(std::size_t subscribers, std::size_t readers)
     {
         const Steps before = mSteps;

@@ -30,7 +30,7 @@ private:
     uint64_t mLongest = 0;
 };
 
-/// What the broker counts about itself. None of it is a status value.
+/// The numbers that the broker counts about itself. None of them is a status value.
 namespace Statistics
 {
 
@@ -39,8 +39,8 @@ using Numbers = std::map<std::string, uint64_t>;
 /// The version of this program.
 void addVersion(Numbers& numbers);
 
-/// What the kernel knows about this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
-/// Asking it takes a while, so that is done a few times a second at most.
+/// The kernel's numbers of this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
+/// Asking the kernel takes a while, so the broker asks a few times a second at most.
 class Process
 {
 public:

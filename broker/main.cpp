@@ -16,7 +16,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// What the environment says about single files goes over the level for all.
+// The levels that the environment sets for single files go over the level for all.
 void setLogLevel(int level)
 {
     ov_log_configure(("*=" + std::to_string(level)).c_str());

@@ -1,4 +1,4 @@
-# What both of this project's shared libraries have in common.
+# The settings that both of this project's shared libraries have in common.
 #   statusmanager_shared_library(TARGET HEADERS file... SOURCES file...)
 function(statusmanager_shared_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")

@@ -2,5 +2,5 @@
 add_compile_options(-ffunction-sections -fdata-sections)
 add_link_options(LINKER:--gc-sections)
 
-# What runs seldom is compiled for size. For all else, that would cost a quarter to two fifths more instructions (docs/footprint.md).
+# Code that runs seldom is compiled for size. For all other code, that would cost a quarter to two fifths more instructions (docs/footprint.md).
 set(STATUSMANAGER_FOR_SIZE $<$<NOT:$<CONFIG:Debug>>:-Os>)

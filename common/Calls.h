@@ -75,7 +75,8 @@ void postCallDelayed(AllocationSite& site, IEventDispatcher& dispatcher, uint32_
 }
 
 /// Returns when the call has been made, with its result; on the dispatcher's own thread it is made in place.
-/// What the call throws is thrown here. A call that is dropped unmade yields a default-constructed result.
+/// An exception of the call is thrown here. A call that is dropped unmade yields a default-constructed
+/// result.
 template <class T, class R, class... A, class... Given>
 R callAndWait(AllocationSite& site, IEventDispatcher& dispatcher, T* receiver, R (T::*method)(A...),
               Given&&... given)

@@ -89,7 +89,7 @@ public:
     }
 
 protected:
-    R mResult{}; ///< What the call returned, once it was made.
+    R mResult{}; ///< The call's result, once it was made.
 };
 
 /// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the

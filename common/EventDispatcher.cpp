@@ -26,8 +26,9 @@ using Clock = std::chrono::steady_clock; // monotonic: this product sets the wal
 // The dispatcher whose loop runs on this thread. A thread-local answers isThreadCurrent() without a lock.
 thread_local const EventDispatcher* currentDispatcher = nullptr;
 
-// What a waiting sender waits for. It stands on the sender's stack and is gone as soon as wait() returns, be
-// complete() still at work or not: a semaphore may be destroyed then, a condition variable may not.
+// The end of a call that its sender waits for. It stands on the sender's stack. It is gone as soon as wait()
+// returns, even while complete() is still at work: a semaphore may be destroyed then, a condition variable
+// may not.
 class Completion
 {
 public:

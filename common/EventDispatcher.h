@@ -10,7 +10,7 @@ namespace Orvane
 {
 
 /// A queue of agents and the loop that delivers them, one at a time and in order, on the one thread that runs
-/// the loop. Who provides that thread is a derived class's business; see EventThread.
+/// the loop. A derived class provides that thread; see EventThread.
 class OV_EXPORT EventDispatcher : public IEventDispatcher
 {
 public:

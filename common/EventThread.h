@@ -33,16 +33,17 @@ public:
     /// @throws std::system_error also when the system takes the size for too small (PTHREAD_STACK_MIN).
     EventThread(const char* name, int priority, std::size_t stackSize);
 
-    /// What the stack of an event thread may grow to, in bytes: 1 MiB, unless the library was built with
-    /// another STATUSMANAGER_EVENT_THREAD_STACK_KIB. Only what is used takes memory. "ulimit -s" has no say.
+    /// The size to which the stack of an event thread may grow, in bytes: 1 MiB, unless the library was built
+    /// with another STATUSMANAGER_EVENT_THREAD_STACK_KIB. Only the used part takes memory. "ulimit -s" has no
+    /// effect.
     static std::size_t defaultStackSize();
 
     /// As stop().
     ~EventThread() override;
 
     /// Ends the thread after the agent that it is delivering, waits for it, and drops what is still queued:
-    /// those agents are never delivered, and senders that wait for them return. What is sent later is
-    /// released undelivered. Not from two threads at once; calling it again does nothing.
+    /// those agents are never delivered, and senders that wait for them return. Agents sent later
+    /// are released undelivered. Not from two threads at once; calling it again does nothing.
     /// @throws std::system_error on the thread itself, which ends all the same, but is still to be waited
     /// for.
     void stop();

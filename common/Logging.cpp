@@ -177,8 +177,8 @@ private:
                          environment);
     }
 
-    // What the new rule overrides is dropped: a program that keeps switching the same files must not grow the
-    // list.
+    // Drops the rules that the new rule overrides: a program that keeps switching the same files must not
+    // grow the list.
     static void keep(const Rule& rule, std::vector<Rule>& rules)
     {
         const auto overridden = [&rule](Rule& earlier)

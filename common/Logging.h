@@ -175,7 +175,7 @@ private:
 #define OV_TRACE(level)                                                                                      \
     const Tracer tracer((level), __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, logFlags, logLevel)
 
-/// What a message shows as this source file: the part of its path from the last slash on.
+/// The name of this source file in messages: the part of its path from the last slash on.
 #define OV_LOG_FILE (&__FILE__[ov_log_constant<ov_log_file_tail(__FILE__)>])
 
 #endif

@@ -10,7 +10,7 @@ namespace Orvane
 {
 
 /// Base of objects that live as long as somebody holds a count on them. The count starts at 0: an object that
-/// nobody ever held is not destroyed by itself. Whoever releases the last count destroys the object, on the
+/// nobody ever held is not destroyed by itself. The release of the last count destroys the object, on the
 /// releasing thread. All counts of the process change under Mutex::mCriticalSection.
 class OV_EXPORT RefCount : public Tracked
 {

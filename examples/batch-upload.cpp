@@ -10,7 +10,7 @@
 namespace
 {
 
-// So many wait in this process at most, and a broker that stands still is noticed before more are posted.
+// At most this many posts wait in this process. The program notices a stopped broker before it posts more.
 constexpr unsigned long postsBetweenSyncs = 250;
 constexpr int timeoutMs = 10000;
 

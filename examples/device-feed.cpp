@@ -1,7 +1,7 @@
 // Publishes what this machine is doing: posts a set of status values at a fixed pace, and an event when the
 // load crosses a threshold. Runs until it is told to stop, or for a number of rounds.
 //
-// What to copy: getInstance(), one postStatus() per set of values, postEvent(), a timer and a counter, and
+// Worth copying: getInstance(), one postStatus() per set of values, postEvent(), a timer and a counter, and
 // sync() before the process ends.
 
 #include <CLI/CLI.hpp>

@@ -1,7 +1,7 @@
 // Prints status values and events as they change, with the time that each set of values took to get here.
 // Runs until it is told to stop, or for a number of seconds.
 //
-// What to copy: a listener with a thread of its own for the callbacks, and the order in which both are taken
+// Worth copying: a listener with a thread of its own for the callbacks, and the order in which both are taken
 // down.
 
 #include <CLI/CLI.hpp>

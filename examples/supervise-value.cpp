@@ -34,7 +34,7 @@ public:
     void onEventUpdate(std::string, std::string) override {}
 
 private:
-    // Posting from a callback is fine: it is queued. Who repeats a value disturbs nobody: the broker
+    // Posting from a callback is fine: the post is queued. A repeated value disturbs nobody: the broker
     // publishes changes only.
     void switchFan(const char* state)
     {

@@ -14,7 +14,7 @@
 namespace
 {
 
-/// What both listeners write. Touched on the event thread only, until that has stopped.
+/// The texts that both listeners write. Only the event thread uses them, until it has stopped.
 struct Board
 {
     std::map<std::string, std::string> lines;

@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <string>
 
-/// What each target defines: one input, read by the parser under test.
+/// Each target defines this: the parser under test reads one input.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);
 
 namespace Fuzz
@@ -27,9 +27,9 @@ inline void require(bool holds, const char* what)
     abort();
 }
 
-/// What is read must come back once it has been written. Bytes that are not UTF-8 are replaced by the first
-/// writing, which may change the order of names or make two of them one; from the second on, all must stay as
-/// it is.
+/// Content that is read and then written must be read again as the same. The first writing replaces bytes
+/// that are not UTF-8, which may change the order of names or make two of them one. From the second writing
+/// on, all must stay as it is.
 /// @param read  the text to something that is written, or false
 /// @param write that to text
 template <typename Read, typename Write>

@@ -12,7 +12,7 @@ namespace BrokerProtocol
 namespace
 {
 
-// What takes more memory than this is not kept for the next message.
+// The memory of a list with room for more elements than this is not kept for the next message.
 constexpr std::size_t keptElements = 256;
 
 template <class Element>

@@ -19,7 +19,7 @@
 namespace BrokerProtocol
 {
 
-/// What a client wants.
+/// The operation that a client asks for.
 enum class Operation
 {
     // posts

@@ -8,7 +8,7 @@
 namespace BrokerProtocol
 {
 
-/// Who uses the broker. Its connections belong together as far as their process is known.
+/// A client of the broker. Its connections belong together as far as their process is known.
 struct Client
 {
     std::string user; ///< its name, or its number; empty: unknown

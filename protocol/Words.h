@@ -53,7 +53,7 @@ constexpr const char* openDescriptors = "descriptors.open";
 constexpr const char* mostDescriptors = "descriptors.limit";
 } // namespace Number
 
-/// The members of the answer to getBrokerClients. What the broker does not know of a client is left out.
+/// The members of the answer to getBrokerClients. Members that the broker does not know are left out.
 namespace ClientMember
 {
 constexpr const char* clients = "clients";   ///< the list of all

@@ -36,7 +36,7 @@ public:
     }
 };
 
-// What no argument can hold: it marks those whose letters say nothing to CLI11.
+// No argument can hold this letter. It marks the arguments whose letters mean nothing to CLI11.
 constexpr char literalMark = '\0';
 
 std::string withoutMark(std::string text)

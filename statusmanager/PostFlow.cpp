@@ -19,8 +19,8 @@ namespace
 constexpr unsigned mostUnderWay = 500;
 constexpr unsigned fewUnderWay = 400;
 
-// What libzmq lets go of inside the call that sends, it has dropped: nobody has subscribed, or there is no
-// room.
+// libzmq has dropped a message if it lets go of it inside the call that sends it: nobody has subscribed, or
+// there is no room.
 thread_local bool isSending = false;
 thread_local unsigned droppedNow = 0;
 

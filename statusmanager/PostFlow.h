@@ -48,7 +48,7 @@ public:
         DroppingEnded, ///< all posts have left, and none was dropped for a second
     };
 
-    /// What has happened since the last call.
+    /// The news since the last call.
     News takeNews();
 
     /// Whether dropping has begun and not ended yet.

@@ -210,7 +210,7 @@ protected:
     std::deque<veskcommon::Stopwatch> mTimers;                        ///< In the order of their first use.
     std::map<IStatusUpdateListener*, ClientListenerInfo*> mListeners; ///< Owns the records.
 
-    static StatusManager* mInstance; ///< What getInstance() returns.
+    static StatusManager* mInstance; ///< The object that getInstance() returns.
 
 private:
     ClientListenerInfo* findListener(IStatusUpdateListener* listener) const;

@@ -91,8 +91,8 @@ StatusManagerProxy::~StatusManagerProxy()
     }
     catch (const std::bad_alloc&)
     {
-        // By what takes no memory. What is still queued on the manager's thread is dropped unsent, and the
-        // sockets are closed on this thread, as the two that used them have ended.
+        // Only by steps that take no memory. Calls still queued on the manager's thread are dropped unsent.
+        // The sockets are closed on this thread, as the two that used them have ended.
         mNotifyThread.stop();
         mThread.removeAgentsByReceiver(this);
         mThread.stop();

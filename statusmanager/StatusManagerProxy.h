@@ -49,7 +49,7 @@ public:
     void postEvent(std::string name, std::string value, uint32_t delay) override;
     /// Posts of this process that were made before have reached the broker and taken effect when this returns
     /// true. It waits for posts to leave this process for a second at most; with a time limit, no longer than
-    /// that limit or 80 ms, whichever is longer. What exceeds 80 ms is taken from the time for the answer.
+    /// that limit or 80 ms, whichever is longer. Time beyond 80 ms is taken from the time for the answer.
     ///
     /// With a time limit, returns within that time and 100 ms, counted from when its turn on the manager's
     /// thread comes. One exception: a broker that gives empty or overlong answers is asked 20 times, with

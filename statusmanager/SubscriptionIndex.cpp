@@ -2,7 +2,8 @@
 
 #include <new>
 
-// Null when there is no memory. What is covered by then is kept, and a later lookup goes on from there.
+// Null when there is no memory. The part that is covered by then is kept, and a later lookup goes on from
+// there.
 const SubscriptionIndex::Index* SubscriptionIndex::cover(const StatusKeys& list)
 {
     try

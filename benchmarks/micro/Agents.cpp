@@ -17,7 +17,7 @@ struct Receiver
     unsigned sum = 0;
 };
 
-// What one thread posts in a row is delivered while it goes on; the wait is for the last.
+// Agents are delivered while the thread posts more of them. It waits for the last.
 void postAndDeliver(benchmark::State& state)
 {
     constexpr std::size_t burst = 1000;

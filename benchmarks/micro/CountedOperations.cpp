@@ -41,7 +41,7 @@ extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, uns
 namespace
 {
 
-// What only the first times cost (memory for the heap, symbols to look up) is not counted.
+// The extra cost of the first times (memory for the heap, symbols to look up) is not counted.
 uint64_t measure(const Loop& loop, unsigned times)
 {
     constexpr unsigned warmUp = 200;

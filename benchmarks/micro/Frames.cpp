@@ -13,7 +13,7 @@ namespace
 
 constexpr std::size_t longest = std::size_t{1024} * 1024;
 
-// So many messages of one frame each, as the broker receives them at once.
+// `count` messages of one frame each, as the broker receives them at once.
 std::string framesOf(const std::string& body, std::size_t count)
 {
     std::string bytes;

@@ -1,4 +1,5 @@
-// What is not printed: a message and a trace scope of a level that the file's control words do not admit.
+// The cost of what is not printed: a message and a trace scope of a level that the file's control words do
+// not admit.
 
 #include "common/Logging.h"
 

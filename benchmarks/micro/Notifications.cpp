@@ -1,5 +1,4 @@
-// What a client does with a notification that it has read: each listener gets those values that it subscribed
-// to.
+// A client's work on a notification that it has read: each listener gets the values that it subscribed to.
 
 #include <stdexcept>
 

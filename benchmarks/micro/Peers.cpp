@@ -17,7 +17,7 @@ sockaddr* place(sockaddr_in& address)
     return reinterpret_cast<sockaddr*>(&address);
 }
 
-// So many connections of this process with itself; the last of them is asked for.
+// Connections of this process with itself. The benchmark asks for the last of them.
 class Connections
 {
 public:

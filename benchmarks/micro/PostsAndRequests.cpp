@@ -1,4 +1,4 @@
-// What the broker does with a post and with a request, between its sockets.
+// The broker's work on a post and on a request, between its sockets.
 
 #include <stdexcept>
 #include <vector>

@@ -1,11 +1,12 @@
 // A process that posts to one of the compared systems, subscribes to it or asks it. Obeys commands on its
 // standard input, one per line, and answers each with a line of JSON on its standard output; ends with its
-// input. The program's arguments are those of the system. Who commands it has the deadlines.
+// input. The program's arguments are those of the system. The commanding process holds the deadlines.
 //
-//   connect POSTS             ready when its posts arrive (1), or when it can ask (0); tells how long that took
-//   subscribe KEYS            ready when deliveries arrive; tells how long the first one took
+//   connect POSTS             ready when its posts arrive (1), or when it can ask (0); reports the time taken
+//   subscribe KEYS            ready when deliveries arrive; reports the time until the first
 //   expect RUN COUNT          forgets what was delivered before
-//   burst RUN COUNT KEYS EVERY BARRIER   EVERY: posts between two barriers (0: none); BARRIER: sync or query
+//   burst RUN COUNT KEYS EVERY BARRIER
+//                             EVERY: posts between two barriers (0: none); BARRIER: sync or query
 //   paced RUN COUNT KEYS RATE
 //   collect QUIET             milliseconds without a delivery after which the rest counts as lost
 //   ask COUNT KEYS

@@ -46,7 +46,7 @@ void processOnOwnThread(sd_bus* bus)
         .detach();
 }
 
-// The bus keeps no values. Who posts them keeps them, and answers who asks.
+// The bus keeps no values. A poster keeps its values, and answers those that ask.
 class Values
 {
 public:

@@ -6,7 +6,8 @@
 #include <string>
 #include <time.h>
 
-/// What the posted values say: when and in which run each was posted, and as which one of it. 32 bytes.
+/// The content of the posted values: when and in which run each was posted, and its number in the run. 32
+/// bytes.
 struct Stamp
 {
     uint64_t time = 0; ///< nanoseconds, of a clock that all processes of a machine share

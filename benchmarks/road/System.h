@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// What is compared: something that carries named values from a process to others, as its user would use it.
+/// A compared system: it carries named values from a process to others, and is used as its user would use it.
 /// A system is connected from its construction to the end of the process; it is never destroyed. Failures are
 /// exceptions.
 class ISystem

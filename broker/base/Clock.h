@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-/// What the broker measures its own waiting with: monotonic, since clients may set the wall clock through it.
+/// The clock of the broker's own waits. It is monotonic: clients may set the wall clock through the broker.
 using Clock = std::chrono::steady_clock;
 using TimePoint = Clock::time_point;
 

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-/// What one client, or all of them, may use of the broker. What exceeds a limit is refused.
+/// How much of the broker one client, or all of them, may use. The broker refuses all that exceeds a limit.
 struct Limits
 {
     std::size_t keys = 10000;

@@ -40,7 +40,7 @@ inline int excerptLength(std::string_view text)
     return static_cast<int>(text.size() < enough ? text.size() : enough);
 }
 
-/// What refused things come from.
+/// A source of refused things: a connection, for example.
 class Refused
 {
 public:
@@ -51,7 +51,8 @@ public:
 class Refusals
 {
 public:
-    /// So many lines of a kind are logged within a window; the next one tells how many were left out.
+    /// At most this many lines of a kind are logged within a window. The next one reports how many were left
+    /// out.
     static constexpr unsigned linesPerWindow = 5;
     static constexpr std::chrono::seconds window{10};
 

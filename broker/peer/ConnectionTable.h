@@ -19,7 +19,7 @@ public:
     /// Reads the tables anew.
     Owner ask(const SocketPair& pair) const;
 
-    /// What one line of a table says.
+    /// Reads the owner from one line of a table.
     /// @param line any text
     /// @returns NotAsked if the line is about another socket, or not to be understood
     static Owner read(std::string_view line, const SocketPair& pair);

@@ -45,7 +45,7 @@ public:
     /// @returns what has been found. It is to be handed to settle() for each identity that there is.
     std::vector<Processes::Found> seekOn(TimePoint now);
 
-    /// What has been found about it.
+    /// Enters the results of a search for the process.
     static void settle(Identity& identity, const Processes::Found& found);
 
     OwnerQuery::Road road() const { return mOwners.road(); }

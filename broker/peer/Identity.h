@@ -6,7 +6,7 @@
 
 #include "broker/peer/Owner.h"
 
-/// Who is at the other end of a connection, as far as it is known.
+/// The peer at the other end of a connection, as far as it is known.
 struct Identity
 {
     // ---- What the kernel vouches for. It never changes.

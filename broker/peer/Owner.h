@@ -5,8 +5,8 @@
 #include <optional>
 #include <sys/types.h>
 
-/// Who made the socket at the other end of a connection, as far as the kernel tells. An unknown owner has no
-/// user: never root by default.
+/// The owner of the socket at the other end of a connection, as far as the kernel tells: the user that made
+/// it. An unknown owner has no user: never root by default.
 class Owner
 {
 public:

@@ -32,13 +32,13 @@ public:
         std::string name; ///< "net.service"; empty unless Named
     };
 
-    /// So many folders are looked at in a walk, and so many of one service, so that a service that makes
-    /// folders does not hide others.
+    /// A walk looks at so many folders at most, and at so many of one service: a service that makes folders
+    /// must not hide others.
     static constexpr std::size_t mostFolders = 4096;
     static constexpr std::size_t mostFoldersOfAService = 256;
 
-    /// So many folders are looked at at once, and in a second, however many unknown ids are asked for.
-    /// Otherwise a client that makes control groups could keep the broker walking.
+    /// The broker looks at so many folders at once, and at so many a second, however many unknown ids are
+    /// asked for. Otherwise a client that makes control groups could keep the broker walking.
     static constexpr long burst = 8192;
     static constexpr long foldersPerSecond = 1024;
 

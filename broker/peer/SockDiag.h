@@ -25,7 +25,7 @@ public:
     /// Never waits: the kernel answers within the call that asks.
     Owner ask(const SocketPair& pair);
 
-    /// What one datagram of the kernel says about the question with this number.
+    /// Reads the owner from one datagram of the kernel, for the question with this number.
     /// @param bytes any bytes, at any address
     /// @returns NotAsked if the datagram belongs to another question
     static Owner read(const char* bytes, std::size_t size, uint32_t number, const SocketPair& pair);

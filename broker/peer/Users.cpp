@@ -51,6 +51,24 @@ bool isNumber(uint32_t number)
     return number != UINT32_MAX;
 }
 
+// Calls `take` with the entries of a file, as far as they are read. `next` is the C library's function that
+// reads the next entry, and skips broken lines. False if the file cannot be read.
+template <class Entry, class Take>
+bool forEachEntry(const std::string& path, Entry* (*next)(FILE*), Take take)
+{
+    const File file = opened(path);
+    if (!file)
+        return false;
+    for (std::size_t count = 0; count != Users::mostEntries; ++count)
+    {
+        const Entry* entry = next(file.get()); // valid until the next call: the broker has one thread
+        if (entry == nullptr)
+            break;
+        take(*entry);
+    }
+    return true;
+}
+
 } // namespace
 
 bool Users::State::operator==(const State& other) const
@@ -89,40 +107,29 @@ bool Users::refresh()
 
 bool Users::readUsers(const std::string& path, Content& content)
 {
-    const File file = opened(path);
-    if (!file)
-        return false;
-    // The broker has one thread, so the entry is safe until the next call. Lines that are broken are skipped.
-    for (std::size_t count = 0; count != mostEntries; ++count)
-    {
-        const passwd* entry = fgetpwent(file.get()); // NOLINT(concurrency-mt-unsafe)
-        if (entry == nullptr)
-            break;
-        if (!isName(entry->pw_name) || !isNumber(entry->pw_uid))
-            continue;
-        content.users.try_emplace(entry->pw_uid, User{entry->pw_name, entry->pw_gid});
-        content.numbers.try_emplace(entry->pw_name, entry->pw_uid);
-    }
-    return true;
+    return forEachEntry<passwd>(
+        path, fgetpwent,
+        [&content](const passwd& entry)
+        {
+            if (!isName(entry.pw_name) || !isNumber(entry.pw_uid))
+                return;
+            content.users.try_emplace(entry.pw_uid, User{entry.pw_name, entry.pw_gid});
+            content.numbers.try_emplace(entry.pw_name, entry.pw_uid);
+        });
 }
 
 bool Users::readGroups(const std::string& path, Content& content)
 {
-    const File file = opened(path);
-    if (!file)
-        return false;
-    for (std::size_t count = 0; count != mostEntries; ++count)
-    {
-        const group* entry = fgetgrent(file.get()); // NOLINT(concurrency-mt-unsafe)
-        if (entry == nullptr)
-            break;
-        if (!isName(entry->gr_name) || !isNumber(entry->gr_gid))
-            continue;
-        Group& added = content.groups.emplace_back(Group{entry->gr_name, entry->gr_gid, {}});
-        for (char** member = entry->gr_mem; *member != nullptr; ++member)
-            added.members.emplace_back(*member);
-    }
-    return true;
+    return forEachEntry<group>(
+        path, fgetgrent,
+        [&content](const group& entry)
+        {
+            if (!isName(entry.gr_name) || !isNumber(entry.gr_gid))
+                return;
+            Group& added = content.groups.emplace_back(Group{entry.gr_name, entry.gr_gid, {}});
+            for (char** member = entry.gr_mem; *member != nullptr; ++member)
+                added.members.emplace_back(*member);
+        });
 }
 
 std::string Users::name(uid_t uid) const

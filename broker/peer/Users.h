@@ -53,7 +53,7 @@ private:
         std::vector<std::string> members;
     };
 
-    // What tells one state of a file from another.
+    // One state of a file, to be compared with a later one.
     struct State
     {
         ino_t inode = 0;

@@ -100,7 +100,7 @@ void limitLength(sqlite3* database, std::size_t bytes)
     sqlite3_limit(database, SQLITE_LIMIT_LENGTH, static_cast<int>(bytes));
 }
 
-// Before anything is read. What the file says is data, whoever wrote it.
+// To be called before anything is read. The file's content is data, whoever wrote it.
 void harden(sqlite3* database, const Limits& limits)
 {
     constexpr std::size_t others = 65536; // the other columns, and SQLite's own texts

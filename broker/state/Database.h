@@ -44,8 +44,7 @@ private:
 class Database
 {
 public:
-    /// Opens the file, or makes it. What is not a regular file is never opened: it could make the broker
-    /// wait.
+    /// Opens the file, or makes it. Only a regular file is opened: another could make the broker wait.
     /// @param patience how long it is waited for somebody else who has locked it
     /// @param limits of what is read; they must outlive it
     Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
@@ -67,18 +66,18 @@ public:
         std::size_t excessRows = 0; ///< beyond the limits, the last one perhaps not the only one
     };
 
-    /// What is good in it. If some of it is damaged, the file is left as it is: write() must not follow.
+    /// Reads all that is not damaged. If anything is damaged, the file is left as it is: write() must not
+    /// follow.
     /// @param bootId of this boot; empty if it is not known
     Contents read(const std::string& bootId);
 
-    /// What a file holds that cannot be had for writing: others read it, or the storage can only be read.
+    /// Reads a file that cannot be opened for writing: others read it, or the storage can only be read.
     static Contents readOnly(const std::string& path, const std::string& bootId, const Limits& limits);
 
     /// Writes all or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
 
-    /// False if somebody has removed or replaced the file, or the log beside it. What is written is lost
-    /// then.
+    /// False if somebody has removed or replaced the file, or the log beside it. Then all writes are lost.
     bool isInPlace() const { return mFiles == filesAt(mPath); }
 
     /// Leaves the file and the log beside it as they are when it is closed.

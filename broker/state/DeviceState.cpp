@@ -41,7 +41,7 @@ void assign(std::string& to, std::string_view text)
         to = text;
 }
 
-// What is only for the next post does not stay large.
+// Empties a list for the next post. A large list gives its memory back.
 template <typename Element>
 void shrink(std::vector<Element>& elements)
 {

@@ -13,10 +13,10 @@
 #include "broker/state/SavedState.h"
 #include "protocol/BrokerDocuments.h"
 
-/// What the device holds: status values, timers and counters. No sockets, one thread.
+/// The state of the device: status values, timers and counters. No sockets, one thread.
 ///
-/// What exceeds a limit is refused, name by name: the rest of the same post is applied. What is there already
-/// can always be changed, within the limits of its size.
+/// A name that exceeds a limit is refused: the rest of the same post is applied. Values, timers and counters
+/// that exist can always be changed, within the limits of their size.
 class DeviceState
 {
 public:
@@ -28,16 +28,16 @@ public:
     DeviceState(const DeviceState&) = delete;
     DeviceState& operator=(const DeviceState&) = delete;
 
-    /// Begins with what was kept, within the limits. Whoever restores keeps: changes are noted from now on.
+    /// Begins with what was kept, within the limits. Changes are noted from now on.
     void restore(const SavedState& state);
 
-    /// What has changed since the last call, if changes are noted.
+    /// The changes since the last call, if changes are noted.
     SavedState takeChanges();
 
     /// All it holds.
     SavedState everything() const;
 
-    // ---- Posts. What is returned stands here until the next post.
+    // ---- Posts. The results stand here until the next post.
 
     /// Returns the values that changed, in the order of their keys, each there once.
     /// @param values in the order of their keys, each there once

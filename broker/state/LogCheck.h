@@ -3,7 +3,7 @@
 
 #include <string>
 
-/// What became of the log (WAL) beside a database.
+/// Finds out what became of the log (WAL) beside a database.
 ///
 /// SQLite takes from a log what lies before the first page that does not fit its checksum, and overwrites the
 /// rest without a word. That is right after a power cut or a kill, which leave the last transaction torn. It

@@ -41,7 +41,7 @@ public:
     bool hasText() const { return mText != nullptr; }
     std::size_t numbers() const { return mCount; }
 
-    /// What the row's numbers are written as: none is above what the table may hold.
+    /// The row's numbers as they are written: each at most the largest that the table may hold.
     Row::Numbers clamped(const Row::Numbers& numbers) const;
 
     /// Whether a row with these numbers may be in the table.

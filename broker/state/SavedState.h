@@ -7,7 +7,7 @@
 
 #include "statusmanager/StatusTypes.h"
 
-/// What the device holds, or what of it has changed, as plain values that can be kept.
+/// The state of the device, or the changed part of it, as plain values that can be kept.
 struct SavedState
 {
     /// A stopwatch.

@@ -68,7 +68,7 @@ std::string freeName(const std::string& path)
     return name;
 }
 
-// What becomes of the rows of a damaged file.
+// Words for the log: what becomes of the rows of a damaged file.
 std::string outcomeOf(const Database::Contents& contents)
 {
     const std::size_t kept =
@@ -200,7 +200,7 @@ void StateFile::remember(const SavedState& changes)
     merge(changes.counters, mPending.counters, keeps);
 }
 
-// What has been saved from a damaged file is written to the new one, unless it has changed since.
+// Values saved from a damaged file are written to the new one, unless they have changed since.
 void StateFile::save(SavedState state)
 {
     mPending.values.merge(state.values);
@@ -235,7 +235,7 @@ void StateFile::write(const BootMoment& now)
 
 void StateFile::opened(std::unique_ptr<Database> database)
 {
-    // What has failed before works again only when something has been written.
+    // After a failure, the file works again only when something has been written.
     mStage = isReported() ? Stage::Failing : Stage::Serving;
     mDatabase = std::move(database);
 }
@@ -409,8 +409,8 @@ bool StateFile::mayMoveAside()
 bool StateFile::moveAside(const std::string& problem, const std::string& outcome)
 {
     const std::string aside = freeName(mPath);
-    // What was written last is in the log beside it. It goes first: a new file would take the place of a log
-    // that was left behind.
+    // The log beside the file holds the last writes. It is moved first: SQLite would take a log that was left
+    // behind for that of the new file.
     for (const char* suffix : {"-wal", "-journal", ""})
     {
         if (rename((mPath + suffix).c_str(), (aside + suffix).c_str()) != 0 && errno != ENOENT)

@@ -49,11 +49,12 @@ public:
     StateFile(const StateFile&) = delete;
     StateFile& operator=(const StateFile&) = delete;
 
-    /// Opens or makes the file, and waits for a moment while somebody else has locked it. What was kept, of
-    /// the names that are kept now; nothing if there was none, or if it could not be read. Of a damaged file
-    /// every row whose checksum fits; they are in a new file when this returns. What can be read and not
-    /// written is loaded, too, and written when it can be. To be called once, before the first commit. Timers
-    /// that ran in another boot, or would start in the future of this one, are stopped at what they had.
+    /// Opens or makes the file, and waits for a moment while somebody else has locked it. Returns the kept
+    /// state of the names that are kept now; nothing if there was none, or if it could not be read. Of a
+    /// damaged file it returns every row whose checksum fits; they are in a new file when this returns. A
+    /// file that can be read and not written is loaded, too, and written when it can be. To be called once,
+    /// before the first commit. Timers that ran in another boot, or would start in the future of this one,
+    /// are stopped at what they had.
     SavedState load(const BootMoment& now = BootMoment::now());
 
     /// Keeps what has changed, and that time has gone on to now. When it returns, and writing works, a broker
@@ -89,7 +90,7 @@ private:
         Missed, ///< not open, reported: what it holds is not in use, and is moved aside when it can be opened
     };
 
-    /// What was found at the path: neither of both if nothing can be had now.
+    /// The content of the path: neither member if nothing can be read now.
     struct Found
     {
         std::unique_ptr<Database> database; ///< open for writing

@@ -164,8 +164,8 @@ std::size_t Connection::sendPieces(const iovec* pieces, std::size_t count)
     return sent(sendmsg(descriptor(), &message, MSG_NOSIGNAL));
 }
 
-// What one that posts has sent before it ended is still to be read; to others that are gone there is nothing
-// to say.
+// A poster that has ended stays open after a failed send: the posts that it sent before are still to be read.
+// Connections of other kinds end.
 std::size_t Connection::sent(ssize_t result)
 {
     if (result >= 0 || errno == EAGAIN || errno == EINTR || mKind != Handshake::Kind::Post)
@@ -176,7 +176,8 @@ std::size_t Connection::sent(ssize_t result)
     return 0;
 }
 
-// What a call has transferred. One that failed for another reason than want of room or bytes is the end.
+// The bytes that a call has transferred. A call that fails for another reason than want of room or bytes ends
+// the connection.
 std::size_t Connection::taken(ssize_t result, uint64_t& counter)
 {
     if (result >= 0)

@@ -57,15 +57,15 @@ public:
 
     bool knowsPing() const { return mHandshake.knowsPing(); }
 
-    /// Reads once, as much as fits into the buffer. What was read is to be taken with next().
+    /// Reads once, as much as fits into the buffer. next() takes the bytes from there.
     /// @returns how many bytes; fewer than fit if no more were there
     std::size_t receive(char* buffer, std::size_t size);
 
     /// When the last bytes have arrived, however late they were read.
     TimePoint lastArrival(TimePoint now) const;
 
-    /// What the bytes contain that receive() has returned, or that were left over; NeedsMore when they are
-    /// used up, or when the connection is dead. Behind a message that is Endless, it is.
+    /// Reads the next item from the bytes that receive() has returned, or that were left over. NeedsMore when
+    /// they are used up, or when the connection is dead. A connection is dead behind an Endless message.
     /// @param opened set where the handshake has just been completed
     FrameReader::Result next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
                              bool& opened);
@@ -96,17 +96,17 @@ public:
     uint64_t sentBytes() const { return mSentBytes; }
     uint64_t movedBytes() const { return mReceivedBytes + mSentBytes; }
 
-    /// Who is at its other end.
+    /// The peer at its other end.
     Identity identity;
     /// Posts or requests of it, malformed ones, too.
     uint64_t messages = 0;
     /// Its place among those in the middle of their handshake; the port's.
     std::list<Connection*>::iterator opening;
-    /// What the poller was last asked to report.
+    /// The events that the poller was last asked to report.
     uint32_t polled = 0;
-    /// What the budget of memory was last told.
+    /// The bytes that the budget of memory was last told.
     std::size_t accounted = 0;
-    /// For who has to choose whom to close.
+    /// For the choice of the connection to close.
     Progress progress;
 
 private:

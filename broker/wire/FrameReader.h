@@ -24,7 +24,7 @@ public:
         Violation, ///< of the protocol
     };
 
-    /// What next() has found. The body is valid until the next call, and as long as the bytes are.
+    /// The find of next(). The body is valid until the next call, and as long as the bytes are.
     struct Item
     {
         std::string_view body;     ///< of all frames
@@ -67,7 +67,7 @@ private:
     bool mIsTooLong = false;
     uint64_t mWireBytes = 0; ///< with its headers
 
-    // What does not lie in the bytes as a whole.
+    // A message or a command is put together here if it does not lie in the bytes as a whole.
     std::string mMessage;
     std::string mCommand;
 

@@ -13,7 +13,7 @@
 class Handshake
 {
 public:
-    /// What the sockets on both sides are. The peer's must be one that fits.
+    /// The types of the sockets on both sides. The peer's type must fit.
     enum class Kind
     {
         Request, ///< ROUTER here, REQ or DEALER there
@@ -23,8 +23,9 @@ public:
 
     explicit Handshake(Kind kind) : mKind(kind) {}
 
-    /// What is sent at once: greeting and READY. Nothing else may follow before the peer's READY has come: a
-    /// client that has not sent its own yet takes it for a protocol error, and then never connects again.
+    /// The bytes to send at once: greeting and READY. Nothing else may follow before the peer's READY has
+    /// come: a client that has not sent its own yet takes more for a protocol error, and then never connects
+    /// again.
     static std::string_view opening(Kind kind);
 
     enum class Result

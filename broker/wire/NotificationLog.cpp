@@ -101,7 +101,7 @@ void NotificationLog::copy(Position from, Position until, std::string& to) const
         to.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
 }
 
-// All of it stands in the first frame.
+// The whole beginning stands in the first frame.
 std::string_view NotificationLog::beginning(Position message, std::size_t most, std::string& copied) const
 {
     constexpr std::size_t longHeader = 9;

@@ -144,7 +144,7 @@ protected:
     /// Reads what it has sent.
     virtual void read(Peer& peer, TimePoint now) = 0;
 
-    /// What follows from that.
+    /// Acts on what it has sent.
     virtual void update(Peer& peer) = 0;
 
     /// Asks the poller for what a connection waits for now.
@@ -191,7 +191,7 @@ private:
 
     Peer* oldestOpening() const { return mOpening.empty() ? nullptr : static_cast<Peer*>(mOpening.front()); }
 
-    // What the oldest has sent may complete its handshake. Then the next oldest is looked at.
+    // The oldest may complete its handshake with the bytes that it has sent. Then the next oldest is tried.
     bool makeRoom(TimePoint now)
     {
         while (Peer* oldest = oldestOpening())
@@ -202,8 +202,8 @@ private:
         return false;
     }
 
-    // What it has sent may complete its handshake, and may have waited for long: the broker may have stood
-    // still. If it does not, it is closed. Returns whether it stays.
+    // The peer may complete its handshake with bytes that have waited for long: the broker may have stood
+    // still. Otherwise the peer is closed. Returns whether it stays.
     bool letOpen(Peer& peer, TimePoint now)
     {
         read(peer, now);

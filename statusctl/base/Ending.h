@@ -4,7 +4,8 @@
 /// Ends the process by a signal, as if nothing had caught or blocked it: whoever started it sees 128+n.
 [[noreturn]] void endBy(int signal);
 
-/// What leaveWith() calls, once, before it tells why: a screen that is on would swallow the words.
+/// Sets the function that leaveWith() calls once, before it prints the reason: a screen that is on would hide
+/// the text.
 void setRestore(void (*restore)());
 void restoreBeforeLeaving();
 

@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string>
 
-/// What the process says with its exit code. Documented in statusctl(1); scripts depend on the numbers.
+/// The meaning of the process's exit code. Documented in statusctl(1); scripts depend on the numbers.
 enum class ExitCode
 {
     Done = 0,

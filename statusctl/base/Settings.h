@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// What the options that all commands share ask for.
+/// The settings by the options that all commands share.
 struct Settings
 {
     enum class Json

@@ -37,7 +37,7 @@ const char* nameOf(Change::Kind kind);
 /// {"time":...,"kind":...,"name":...,"value":...}; docs/statusctl.md describes it for scripts.
 Json::Value toJson(const Change& change);
 
-/// What toJson() has made; nothing for anything else.
+/// Reads the text that toJson() has made; nothing for any other text.
 std::optional<Change> readChange(const std::string& text);
 
 #endif

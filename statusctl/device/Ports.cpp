@@ -75,7 +75,7 @@ private:
     bool mIsOpen = false;
 };
 
-// What a ZeroMQ peer of the type that fits sends first: see the ZMTP protocol, version 3.
+// The first bytes of a ZeroMQ peer of the type that fits: see the ZMTP protocol, version 3.
 std::string greeting()
 {
     std::string text("\xff\0\0\0\0\0\0\0\1\x7f\3\0NULL", 16);

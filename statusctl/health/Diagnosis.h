@@ -10,7 +10,7 @@
 #include "statusctl/health/Listeners.h"
 #include "statusctl/health/RoundTrips.h"
 
-/// What is wrong with a device's status, and what to do about it. Pure: told the facts, it finds the faults.
+/// Finds what is wrong with a device's status, and what to do about it. Pure: it gets the facts as arguments.
 namespace Diagnosis
 {
 
@@ -23,7 +23,7 @@ struct Finding
 
 using Findings = std::vector<Finding>;
 
-/// What answers on a port of the broker's.
+/// The answer of a port of the broker.
 struct Answer
 {
     Ports::Port port;
@@ -34,7 +34,7 @@ struct Answer
 /// Whether there is a broker, and nothing else, on the ports.
 Findings ofPorts(const std::vector<Answer>& answers);
 
-/// What the broker's numbers tell.
+/// The findings from the broker's numbers.
 Findings ofStatistics(const BrokerProtocol::Statistics& numbers, const std::string& ownVersion);
 
 Findings ofRoundTrips(const RoundTrips& trips);

@@ -8,15 +8,14 @@
 #include "protocol/ClientDocuments.h"
 #include "statusctl/base/Settings.h"
 
-/// What the broker counts about itself, asked for on a connection of its own: the library has no operation
-/// for it.
+/// Asks for the broker's own statistics, on a connection of its own: the library has no operation for them.
 namespace Inquiry
 {
 
 /// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
 BrokerProtocol::Statistics statistics(const Settings& settings);
 
-/// Who uses the broker, the oldest first. Waits a moment while the broker looks for processes.
+/// The clients of the broker, the oldest first. Waits a moment while the broker looks for processes.
 /// @throws Failure as statistics()
 std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 

@@ -7,7 +7,7 @@
 #include <sys/types.h>
 #include <vector>
 
-/// Who listens on a TCP port, as the kernel tells it: nothing is connected to.
+/// The processes that listen on a TCP port, as the kernel lists them: this does not connect to anything.
 namespace Listeners
 {
 

@@ -11,7 +11,7 @@
 
 #include "statusctl/device/Change.h"
 
-/// What the live screen shows, without the screen. One thread.
+/// The content of the live screen, without the screen. One thread.
 class TopModel
 {
 public:

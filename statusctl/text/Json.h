@@ -19,13 +19,13 @@ std::string write(const Json::Value& value, Settings::Json style);
 /// Sets `name` to the text, or `name` + "Base64" where it is not UTF-8.
 void set(Json::Value& object, const std::string& name, const std::string& text);
 
-/// What set() has set; nothing if neither member is there or it is of another type.
+/// The text that set() has set; nothing if neither member is there or it is of another type.
 std::optional<std::string> get(const Json::Value& object, const std::string& name);
 
 /// {"values":{KEY:VALUE,...},"base64":{KEY:BASE64,...}}; without the second where all are UTF-8.
 Json::Value ofValues(const StatusMap& values);
 
-/// What ofValues() has made.
+/// Reads the text that ofValues() has made.
 /// @throws Failure, with the reason, if it is not of that shape
 StatusMap readValues(const std::string& text);
 

@@ -19,7 +19,7 @@ std::string utc(Time time);
 /// The same in local time, with milliseconds: "2026-11-21T08:12:01.123+01:00"
 std::string local(Time time);
 
-/// What utc() has written.
+/// Reads the text that utc() has written.
 std::optional<Time> read(const std::string& text);
 
 } // namespace Timestamp

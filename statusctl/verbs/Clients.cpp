@@ -61,7 +61,7 @@ private:
         return object;
     }
 
-    // What is not known is left out.
+    // Unknown members are left out.
     static Json::Value toJson(const Client& client)
     {
         Json::Value object(Json::objectValue);

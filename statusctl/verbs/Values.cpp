@@ -186,7 +186,7 @@ private:
                           "the broker refused " + inQuotes(refused) + "; its log tells why");
     }
 
-    // What the library's threads need to hand the post to the kernel.
+    // Waits as long as the library's threads need to hand the post to the kernel.
     static void leaveTime()
     {
         constexpr std::chrono::milliseconds enough{50};

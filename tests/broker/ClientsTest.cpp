@@ -1,4 +1,4 @@
-// What the real broker tells of those that use it, and how it names them in its log.
+// The real broker lists its clients, and names them in its log.
 
 #include <gtest/gtest.h>
 #include <json/writer.h>
@@ -107,6 +107,8 @@ TEST_F(ClientsTest, aClientThatHasGoneIsNotThereAnyMore)
     EXPECT_TRUE(eventually([&] { return client()["connections"] == 1; }));
 }
 
+// Only root can be another user. Any user sees that processes are told apart, and SockDiagTest reads the
+// numbers of other users.
 TEST_F(ClientsTest, anotherUserIsAnotherClientAlsoWithinAProcess)
 {
     constexpr uid_t user = 12345;

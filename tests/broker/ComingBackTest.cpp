@@ -58,19 +58,13 @@ protected:
         broker = std::make_unique<BrokerProcess>(keepsState() ? options : std::vector<std::string>());
     }
 
-    void kill()
-    {
-        broker->process().signal(SIGKILL);
-        broker->process().waitForExit();
-    }
-
     void startAnew()
     {
-        kill();
+        broker->kill();
         start();
     }
 
-    // What the client says from now on dies with the broker.
+    // All that the client sends from now on dies with the broker.
     void stop() { broker->process().suspend(); }
 
     // Lets a post die with the broker.
@@ -79,7 +73,7 @@ protected:
         stop();
         (*client)->postStatus("lost", "1");
         ASSERT_TRUE(eventually([] { return unreadBytes(ZmtpPeer::postPort) != 0; }));
-        kill();
+        broker->kill();
     }
 
     // The client has come back and asks nothing, for longer than a new client takes to speak.

@@ -1,4 +1,4 @@
-// What a broker writes to its state file, and when.
+// The writes of a broker to its state file: which, and when.
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ protected:
     KeepingTest() { setenv(heldFile, hold.c_str(), 1); }
     ~KeepingTest() override { unsetenv(heldFile); }
 
-    // Whoever is started before is gone first.
+    // The broker that was started before ends first.
     void start(std::vector<std::string> options = {})
     {
         broker.reset();
@@ -212,8 +212,7 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
     RawRequester asking;
     EXPECT_EQ(valueOf(asking, "k29"), reply("new"));
     EXPECT_TRUE(broker->process().waitForError("moved to"));
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
 
     start();
     RawRequester afterwards;
@@ -240,8 +239,7 @@ TEST_F(KeepingTest, whatIsRemovedWhileItServesIsWrittenAnew)
             return valueOf(requester, "after") == reply(after) && std::filesystem::exists(folder / "state");
         });
     EXPECT_TRUE(isWritten);
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
 
     start();
     RawRequester afterwards;
@@ -277,8 +275,7 @@ TEST_F(KeepingTest, aFileThatMayNotGrowIsAFullDisk)
     ASSERT_TRUE(broker->process().waitForError("what changes is lost when the broker ends"));
     ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &before, nullptr), 0);
     EXPECT_TRUE(broker->process().waitForError("is written again"));
-    broker->process().signal(SIGKILL);
-    broker->process().waitForExit();
+    broker->kill();
     start();
     RawRequester another;
     EXPECT_EQ(valueOf(another, "k"), reply("1"));

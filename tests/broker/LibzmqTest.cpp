@@ -1,5 +1,5 @@
-// What libzmq does on its side of the wire. The broker rests on all of it, and not all of it is in the
-// protocol: another version may do otherwise, and then one of these tests says where.
+// The behaviour of libzmq on its side of the wire. The broker relies on all of it, and not all of it is in
+// the protocol. Another version may behave otherwise; then one of these tests shows where.
 
 #include <array>
 #include <atomic>
@@ -32,7 +32,7 @@ std::string nameOf(Type type)
     return type == Type::pub ? "PUB" : type == Type::req ? "REQ" : "SUB";
 }
 
-// What the broker is for such a client.
+// The broker's type of socket for such a client.
 std::string fittingFor(Type type)
 {
     return type == Type::pub ? "SUB" : type == Type::req ? "ROUTER" : "XPUB";
@@ -325,7 +325,7 @@ TEST_F(LibzmqTest, putsPongBehindAllPostsThatItHasLetGoOf)
 namespace
 {
 
-// So many posts that were made at once after PONG had shown the subscription were lost.
+// The number of lost posts among those made at once after PONG had shown the subscription.
 unsigned lostBehindPong(zmq::context_t& context, bool looks)
 {
     Client client(context, Type::pub);

@@ -12,13 +12,13 @@ inline std::string postOf(const std::string& key, const std::string& value)
     return R"({"postStatus":{")" + key + R"(":")" + value + "\"}}";
 }
 
-/// What the broker answers when asked for the key's value.
+/// The broker's answer when asked for the key's value.
 inline std::string valueOf(RawRequester& requester, const std::string& key)
 {
     return requester.ask(R"({"getClientInfoValue":")" + key + "\"}");
 }
 
-/// What it answers for this value.
+/// The broker's answer where the key has this value.
 inline std::string reply(const std::string& value)
 {
     return R"({"statusValue":")" + value + "\"}";

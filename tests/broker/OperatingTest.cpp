@@ -307,7 +307,7 @@ TEST(Descriptors, hardLimitLowersTheConnectionsAndThatIsSaid)
 namespace
 {
 
-// What a service manager is told.
+// Receives the messages for a service manager.
 class NotifySocket
 {
 public:

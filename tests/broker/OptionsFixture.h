@@ -17,7 +17,7 @@
 #include "broker/CommandLine.h"
 #include "tests/support/TestProcess.h"
 
-/// What the tests of the command line and of the configuration file need.
+/// Helpers for the tests of the command line and of the configuration file.
 
 using Lines = std::vector<std::string>;
 using Values = std::map<std::string, std::string>;
@@ -85,7 +85,7 @@ inline Values readFile(const std::string& text)
     return valuesOf(parseConfig(text, "file"));
 }
 
-/// What is wrong with the text of a file; empty if nothing is.
+/// The error in the text of a file; empty if there is none.
 inline std::string errorIn(const std::string& text)
 {
     try

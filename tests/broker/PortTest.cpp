@@ -210,7 +210,7 @@ protected:
         return optionOf(connection.descriptor(), SOL_SOCKET, SO_SNDBUF);
     }
 
-    // What the system makes of a send buffer of so many bytes.
+    // The size that the system gives a send buffer of so many bytes.
     static int sendBufferFor(std::size_t bytes)
     {
         const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));

@@ -1,4 +1,4 @@
-// What a restart of the broker leaves its clients with.
+// The values, timers and counters that clients find after a restart of the broker.
 
 #include <csignal>
 #include <cstdlib>
@@ -24,12 +24,6 @@ protected:
     void start()
     {
         broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--state", folder / "state"});
-    }
-
-    void kill()
-    {
-        broker->process().signal(SIGKILL);
-        broker->process().waitForExit();
     }
 
     // As another broker has left it.
@@ -98,7 +92,7 @@ TEST_F(RestartTest, nothingIsTakenBackThatWasSeenOrConfirmedBeforeAKill)
         TestProcess counting({TESTCLIENT, "count", key});
         for (auto lines = 1 + random() % 20; lines > 0; --lines)
             ASSERT_TRUE(counting.readLine());
-        kill();
+        broker->kill();
         counting.signal(SIGKILL);
         const unsigned long confirmed = lastLineOf(counting);
         const unsigned long seen = listening.highestOf(key);
@@ -131,7 +125,7 @@ TEST_F(RestartTest, timersAndCountersGoOn)
     const uint64_t started = client->getTimerLastStarted("running");
     const uint64_t running = client->getTimerElapsed("running");
     const uint64_t stopped = client->getTimerElapsed("stopped");
-    kill();
+    broker->kill();
     start();
     EXPECT_EQ(client->getTimerLastStarted("running"), started);
     EXPECT_GE(client->getTimerElapsed("running"), running + 10000) << "it went on while no broker was there";
@@ -150,7 +144,7 @@ TEST_F(RestartTest, aListenerIsToldOfWhatChangedBeforeItWasBack)
     ASSERT_TRUE(listener.waitForUpdates(1));
     for (int round = 0; round < 20; ++round)
     {
-        kill();
+        broker->kill();
         start();
         TestProcess posting({TESTCLIENT, "set", "k", std::to_string(round)});
         EXPECT_EQ(posting.waitForExit(), 0);
@@ -169,7 +163,7 @@ TEST_F(RestartTest, aListenerIsToldOfWhatWasKeptAndNotPublished)
     client->registerListener(&listener, &thread);
     client->registerForStatus(&listener, "k");
     ASSERT_TRUE(listener.waitForUpdates(1));
-    kill();
+    broker->kill();
     SavedState change;
     change.values["k"] = "kept";
     keep(change);

@@ -12,7 +12,7 @@
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Wait.h"
 
-/// What the tests of the state file need.
+/// Helpers for the tests of the state file.
 
 inline const BootMoment thisBoot{"boot-1", 1000000};
 

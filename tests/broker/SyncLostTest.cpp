@@ -56,7 +56,9 @@ TEST(SyncLostTest, aNewClientWhoseSyncIsReadLateIsNotTakenForAnOldOne)
     }
     broker.process().suspend();
     ASSERT_TRUE(peer.write(ZmtpPeer::request("Sync")));
-    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // longer than new clients are silent
+    // Real time must pass, there is nothing to wait for: the broker reads a Sync that is older than new
+    // clients are silent.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
     broker.process().signal(SIGCONT);
     EXPECT_EQ(peer.receiveText(), "SyncAck");
 }
@@ -103,7 +105,9 @@ TEST(SyncLostTest, stoppedPeersThatHoldLittleEachGiveWayBeforeAPosterOfALargeMes
     const auto held = [&] { return brokerStatistic(requester, "memory.connections"); };
     while (stopped.size() < 100 && held() < std::size_t{3400} * 1024)
         stopped.push_back(posterOf(unfinishedPost(40000)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(600)); // they move nothing for so long
+    // Real time must pass, there is nothing to wait for: connections that have moved nothing for a while
+    // count as stopped.
+    std::this_thread::sleep_for(std::chrono::milliseconds(600));
     const auto poster = posterOf(unfinishedPost(600000));
     ASSERT_TRUE(eventually([&] { return brokerStatistic(requester, "limit.memory") != 0; }));
     EXPECT_FALSE(poster->isClosedNow());

@@ -1,4 +1,4 @@
-// What the real broker sends, byte by byte, to peers written by hand. A client that sees a protocol error
+// The bytes that the real broker sends to peers written by hand. A client that sees a protocol error
 // never connects again, so nothing here may be other than the protocol says.
 
 #include <array>

@@ -333,7 +333,7 @@ TEST(VirtualTable, ofRefCountAndEventAgent)
 namespace
 {
 
-// What a derived class adds comes behind all that its base has.
+// A derived class adds its members behind all those of its base.
 template <class Base>
 class Extended : public Base
 {

@@ -25,7 +25,7 @@ using namespace Orvane;
 namespace
 {
 
-// What a thread tells of itself.
+// The properties that a thread sees of itself.
 struct Inspection
 {
     void look()

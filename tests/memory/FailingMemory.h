@@ -7,8 +7,8 @@
 #include <string>
 
 /// Takes the place of a program's memory: lets an allocation fail on purpose, of those that this project is
-/// answerable for. These are what its threads take by operator new, and by malloc() from its own libraries
-/// and from JsonCpp. What libzmq takes for itself never fails: libzmq aborts then.
+/// answerable for. Those are its threads' allocations by operator new, and by malloc() from its own libraries
+/// and from JsonCpp. Allocations of libzmq never fail: libzmq aborts then.
 namespace FailingMemory
 {
 

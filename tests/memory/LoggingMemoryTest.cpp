@@ -1,4 +1,4 @@
-// What becomes of messages and of the control words where memory runs out.
+// Messages and control words where memory runs out.
 
 #include <gtest/gtest.h>
 

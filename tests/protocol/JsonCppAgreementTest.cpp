@@ -1,5 +1,5 @@
-// Earlier brokers read and wrote documents with JsonCpp, and clients do so still. What both accept must mean
-// the same, and what is written must be the same bytes.
+// Earlier brokers read and wrote documents with JsonCpp, and clients do so still. A document that both accept
+// must mean the same to both, and both must write the same bytes.
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -12,7 +12,7 @@
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations" // Json::Reader: the wire format is its
 
-/// What a post or a request says; and how JsonCpp reads it, which earlier brokers left to it.
+/// The meaning of a post or a request, as JsonCpp reads it: earlier brokers left the reading to JsonCpp.
 struct Meaning
 {
     std::string name; ///< of the operation

@@ -130,7 +130,7 @@ TEST(PlainDocument, everyByteThatJsonCppWritesOtherwiseIsLeftToIt)
     }
 }
 
-// What was damaged is refused, or read as JsonCpp reads it.
+// A damaged document is refused, or read as JsonCpp reads it.
 TEST(PlainDocument, damagedIsNeverReadOtherwiseThanByJsonCpp)
 {
     Generator generator;

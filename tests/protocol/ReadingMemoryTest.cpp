@@ -1,48 +1,29 @@
 // The memory that the broker needs for reading one message, as the kernel counts it: room that is asked for
 // and not used takes none.
 
-#include <fstream>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <string>
 
 #include "protocol/BrokerDocuments.h"
-#include "tests/support/Sanitized.h"
-#include "tests/support/Wait.h"
+#include "tests/support/ProcessMemory.h"
 
 namespace
 {
 
 using BrokerProtocol::Command;
 
-constexpr std::size_t kibi = 1024;
-constexpr std::size_t mebi = kibi * kibi;
-
-// A sanitizer and an emulator keep memory of their own.
-constexpr bool isTelling = !isSanitized && !isEmulated;
-
-std::size_t memory(const std::string& name)
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string word; status >> word;)
-    {
-        std::size_t number = 0;
-        if (word == name && status >> number)
-            return number * kibi;
-    }
-    ADD_FAILURE() << "no " << name;
-    return 0;
-}
+constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
 // Most memory that `read` needs for a moment, beyond what there was before.
 template <class Read>
 std::size_t peakOf(Read read)
 {
-    malloc_trim(0);                              // what others have let go of
-    std::ofstream("/proc/self/clear_refs") << 5; // forgets the peak so far
-    const std::size_t before = memory("VmRSS:");
+    malloc_trim(0); // what others have let go of
+    resetPeakMemory("self");
+    const std::size_t before = memoryOf("self", "VmRSS");
     read();
-    return memory("VmHWM:") - before;
+    return memoryOf("self", "VmHWM") - before;
 }
 
 // A megabyte of them, the last of which may need another reader.
@@ -73,7 +54,7 @@ std::size_t peakOfReading(const std::string& post)
     Command command;
     const std::size_t peak = peakOf([&] { EXPECT_TRUE(command.readPost(post)); });
     EXPECT_EQ(command.members.size(), static_cast<std::size_t>(manyValues) + 1);
-    return isTelling ? peak : 0;
+    return isMemoryTelling ? peak : 0;
 }
 
 } // namespace
@@ -99,5 +80,5 @@ TEST(ReadingMemory, ofAsManyEmptyNamesAsMayBeIsAtMostHalfAMegabyte)
     Command command;
     const std::size_t peak = peakOf([&] { EXPECT_TRUE(command.readPost(list)); });
     EXPECT_EQ(command.texts.size(), static_cast<std::size_t>(count));
-    EXPECT_TRUE(!isTelling || peak <= mebi / 2) << peak;
+    EXPECT_TRUE(!isMemoryTelling || peak <= mebi / 2) << peak;
 }

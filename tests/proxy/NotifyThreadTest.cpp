@@ -44,7 +44,7 @@ protected:
 
     void publishAndWait(const std::string& text) { publishAndWait(Frames{text}); }
 
-    // What came since the fixture was made, but for the marks of publishAndWait().
+    // The events since the fixture was made, but for the marks of publishAndWait().
     Events events() const
     {
         Events all = listener.events();

@@ -10,7 +10,7 @@
 #include "tests/proxy/TestProxy.h"
 #include "tests/support/LogCapture.h"
 
-/// What the tests of the operations need.
+/// Helpers for the tests of the operations.
 
 using Texts = std::vector<std::string>;
 

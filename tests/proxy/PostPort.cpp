@@ -190,7 +190,9 @@ void PostPort::serve(int connection)
     {
         if (isReady && !mayTake())
         {
-            std::this_thread::sleep_for(std::chrono::milliseconds(waitMilliseconds)); // this is its pace
+            // This is the pace of a slow reader, the subject of the test, not a wait for something to be
+            // ready.
+            std::this_thread::sleep_for(std::chrono::milliseconds(waitMilliseconds));
             continue;
         }
         std::array<char, 4096> bytes{};

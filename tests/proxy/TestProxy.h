@@ -15,7 +15,7 @@
 class TestProxy : public StatusManagerProxy
 {
 public:
-    /// What is still queued would otherwise run while this turns into its base.
+    /// Queued calls would otherwise run while this turns into its base.
     ~TestProxy() override { drain(); }
 
     using StatusManagerProxy::receiveOnSocket;

@@ -34,7 +34,7 @@ protected:
         return received;
     }
 
-    // What one receive makes of a reply in these frames.
+    // The result of one receive for a reply in these frames.
     bool receive(const Frames& frames, std::string& message)
     {
         broker.answerWith(frames);

@@ -141,7 +141,7 @@ private:
         fflush(stdout);
     }
 
-    // What has been reached after a third of the time must do for the rest.
+    // The memory after a third of the time must do for the rest.
     bool isFlat() const
     {
         const auto third = mSamples.begin() + static_cast<std::ptrdiff_t>(mSamples.size() / 3);

@@ -1,4 +1,4 @@
-// What the tool makes of a broker that is missing, silent or broken.
+// The tool with a broker that is missing, silent or broken.
 
 #include <atomic>
 #include <chrono>

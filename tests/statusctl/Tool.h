@@ -9,7 +9,7 @@
 
 using Words = std::vector<std::string>;
 
-/// What a command has done, when it has ended.
+/// The outcome of a command that has ended.
 struct Outcome
 {
     int code = -1; ///< 128+n for signal n; -1 if it did not end in time
@@ -35,10 +35,10 @@ Words commandOf(const Words& words);
 /// Runs the tool to its end.
 Outcome statusctl(const Words& words, const std::string& input = "");
 
-/// What it says of a failure on standard error.
+/// The outcome of a failure, with its text on standard error.
 Outcome failure(int code, const std::string& text);
 
-/// What it prints when all is well.
+/// The outcome when all is well, with the printed result.
 Outcome success(const std::string& output);
 
 /// The line without its first word: the time of day, which no test can know.

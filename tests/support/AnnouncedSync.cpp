@@ -15,7 +15,8 @@ int announced(long call, int descriptor)
     {
         const bool held = access(file, F_OK) == 0;
         fputs(held ? "sync is held\n" : "sync\n", stderr);
-        while (access(file, F_OK) == 0) // looks each millisecond; the test takes the file away
+        // The test removes the file. This pause is the pace of looking, not a wait for a test to get ready.
+        while (access(file, F_OK) == 0)
             usleep(1000);
     }
     return static_cast<int>(syscall(call, descriptor));

@@ -34,3 +34,9 @@ int BrokerProcess::stop()
     mProcess.signal(SIGTERM);
     return mProcess.waitForExit().value_or(-1);
 }
+
+void BrokerProcess::kill()
+{
+    mProcess.signal(SIGKILL);
+    mProcess.waitForExit();
+}

@@ -18,6 +18,9 @@ public:
     /// Asks it to end, and returns its exit code.
     int stop();
 
+    /// Ends it at once, as a crash would.
+    void kill();
+
 private:
     TestProcess mProcess;
 };

@@ -34,8 +34,8 @@ extern "C" __attribute__((visibility("default"))) int clock_settime(clockid_t, c
 }
 
 #if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && __SIZEOF_POINTER__ == 4
-// With 64-bit times the two above go by other names to the linker. What was compiled without must not reach
-// the machine's clock either.
+// With 64-bit times the two above go by other names to the linker. Code compiled without them must not
+// reach the machine's clock either.
 struct Timeval32
 {
     int32_t seconds;

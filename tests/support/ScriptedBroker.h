@@ -21,7 +21,7 @@ class ScriptedBroker
 public:
     /// One message, frame by frame.
     using Frames = std::vector<std::string>;
-    /// What to answer; nothing keeps silent (see reply()). Runs on the broker's thread.
+    /// Returns the frames to answer with; nothing keeps silent (see reply()). Runs on the broker's thread.
     using Answer = std::function<std::optional<Frames>(const std::string& request)>;
 
     enum class FirstAnswer
@@ -55,8 +55,8 @@ public:
     void publish(Frames frames);
     void publish(const std::string& text) { publish(Frames{text}); }
 
-    /// What came in so far, frame by frame. The "Sync" that a client posts at start-up is left out: whether
-    /// it arrives is a matter of time.
+    /// The messages that came in so far, frame by frame. The "Sync" that a client posts at start-up is left
+    /// out: whether it arrives is a matter of time.
     std::vector<Frames> requests() const;
     std::vector<Frames> posts() const;
 

@@ -41,7 +41,7 @@ public:
     /// The rest of its standard output, up to its end; what there is at the deadline.
     std::string readRest();
 
-    /// What it has written to standard error so far.
+    /// The text that it has written to standard error so far.
     std::string errors();
     bool waitForError(const std::string& text);
 

@@ -48,7 +48,7 @@ inline TraceLines inARow(std::initializer_list<TraceLines> pieces)
     return all;
 }
 
-/// What a trace scope logs, with what is logged inside.
+/// The lines of a trace scope, with those logged inside it.
 inline TraceLines scope(const std::string& function, const TraceLines& inside = {},
                         TraceLine::By by = TraceLine::By::Manager, int level = 7)
 {
@@ -74,7 +74,7 @@ inline TraceLines linesBy(TraceLine::By by, const TraceLines& all)
     return of;
 }
 
-/// What has been logged on one thread, taken for that of `by`.
+/// The lines that were logged on one thread, which is taken for that of `by`.
 inline TraceLines loggedOn(std::thread::id thread, TraceLine::By by, const LogCapture& log)
 {
     TraceLines of;

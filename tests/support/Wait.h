@@ -12,7 +12,7 @@ constexpr std::chrono::seconds testDeadline{30 * TEST_TIME_FACTOR};
 /// Whether this is built for another processor, and emulated.
 constexpr bool isEmulated = TEST_TIME_FACTOR > 1;
 
-/// What has this long on a machine of its own, and longer where it is emulated.
+/// The time that an operation may take: this long as a rule, and longer where it is emulated.
 constexpr std::chrono::milliseconds allowed(std::chrono::milliseconds time)
 {
     return time * TEST_TIME_FACTOR;

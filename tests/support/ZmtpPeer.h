@@ -42,7 +42,7 @@ public:
     /// A post, or any text, in one frame.
     static std::string message(const std::string& text) { return WireFrames::frame(text); }
 
-    /// What the broker sends at once on this port: greeting and READY.
+    /// The bytes that the broker sends at once on this port: greeting and READY.
     static std::string openingOf(uint16_t port);
 
     // ---- A connection.
@@ -72,7 +72,7 @@ public:
     /// Sends what there is room for without waiting; returns how many bytes.
     std::size_t writeSome(std::string_view bytes);
 
-    /// So many bytes, or those that came before the deadline or the end.
+    /// Reads `count` bytes, or those that came before the deadline or the end.
     std::string read(std::size_t count, std::chrono::milliseconds deadline = testDeadline);
 
     /// The next frame, whole; nothing at the deadline or the end.
@@ -87,7 +87,7 @@ public:
     /// Asks and returns the text of the answer; empty at the deadline or the end.
     std::string ask(const std::string& request);
 
-    /// Whether the broker closes it within the deadline. What it sends before that is read away.
+    /// Whether the broker closes it within the deadline. Bytes that it sends before that are read away.
     bool isClosed(std::chrono::milliseconds deadline = testDeadline);
 
     /// Whether it is closed by now.

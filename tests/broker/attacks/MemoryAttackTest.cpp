@@ -23,7 +23,7 @@ std::string repeated(const std::string& text, std::size_t bytes)
     return all;
 }
 
-// So many bytes of values, none of which is too long.
+// A post of so many bytes of values, none of which is too long.
 std::string postOfLongValues(const std::string& key, std::size_t bytes, char filler)
 {
     constexpr std::size_t longestValue = 60000;

@@ -11,13 +11,13 @@ namespace
 using std::chrono::milliseconds;
 using Duration = std::chrono::steady_clock::duration;
 
-// What a start waits for: a post connection that does not show its subscription, or that does not come. In
-// its first two seconds, the broker waits longer for those that do not come.
+// A start waits so long for a post connection that does not show its subscription, or that does not come. In
+// its first two seconds, the broker waits longer for connections that do not come.
 constexpr milliseconds startWait{50};
 constexpr milliseconds youngStartWait{500};
 constexpr uint64_t youth = 2;
 
-// What a start may take longer than it should, on a machine that does other things, too.
+// A start may take so much longer on a machine that does other things, too.
 constexpr milliseconds slack{50};
 
 // A broker, and its clients.

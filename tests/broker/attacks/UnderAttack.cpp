@@ -1,7 +1,5 @@
 #include "tests/broker/attacks/UnderAttack.h"
 
-#include <fstream>
-
 // ------------------------------------------------------------------------------------------------- fixture
 
 void UnderAttack::expectServing()
@@ -51,34 +49,19 @@ void Bystander::expectServed(int times)
 
 // -------------------------------------------------------------------------------------------------- memory
 
-BrokerMemory::BrokerMemory(pid_t broker) : mBroker(broker)
+BrokerMemory::BrokerMemory(pid_t broker) : mBroker(std::to_string(broker))
 {
-    const std::string resetPeak = "5";
-    std::ofstream("/proc/" + std::to_string(mBroker) + "/clear_refs") << resetPeak;
+    resetPeakMemory(mBroker);
     mIdle = resident();
 }
 
 void BrokerMemory::expectPeakWithin(std::size_t bytes) const
 {
-    EXPECT_TRUE(!isTelling || read("VmHWM:") <= mIdle + bytes) << read("VmHWM:") << ", idle: " << mIdle;
+    EXPECT_TRUE(!isMemoryTelling || peak() <= mIdle + bytes) << peak() << ", idle: " << mIdle;
 }
 
 void BrokerMemory::expectReturnTo(std::size_t bytes) const
 {
-    EXPECT_TRUE(!isTelling || eventually([&] { return resident() <= mIdle + bytes; }))
+    EXPECT_TRUE(!isMemoryTelling || eventually([&] { return resident() <= mIdle + bytes; }))
         << resident() << ", idle: " << mIdle;
-}
-
-std::size_t BrokerMemory::read(const std::string& name) const
-{
-    constexpr std::size_t kibi = 1024;
-    std::ifstream status("/proc/" + std::to_string(mBroker) + "/status");
-    for (std::string word; status >> word;)
-    {
-        std::size_t number = 0;
-        if (word == name && status >> number)
-            return number * kibi;
-    }
-    ADD_FAILURE() << "no " << name;
-    return 0;
 }

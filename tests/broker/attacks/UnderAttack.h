@@ -10,10 +10,10 @@
 #include "common/EventThread.h"
 #include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/ProxyClient.h"
 #include "tests/support/RawClient.h"
 #include "tests/support/RecordingListener.h"
-#include "tests/support/Sanitized.h"
 #include "tests/support/ZmtpPeer.h"
 
 using Frames = std::vector<std::string>;
@@ -86,10 +86,7 @@ class BrokerMemory
 public:
     static constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
-    /// A sanitizer and an emulator keep memory of their own: how much the process has tells nothing then.
-    static constexpr bool isTelling = !isSanitized && !isEmulated;
-
-    /// What it has now is taken for what it needs when idle.
+    /// Takes the present memory for that of an idle broker.
     explicit BrokerMemory(pid_t broker);
 
     /// That it never had so much more.
@@ -98,12 +95,12 @@ public:
     /// That it returns to so much more.
     void expectReturnTo(std::size_t bytes) const;
 
-    std::size_t resident() const { return read("VmRSS:"); }
+    std::size_t resident() const { return memoryOf(mBroker, "VmRSS"); }
 
 private:
-    std::size_t read(const std::string& name) const;
+    std::size_t peak() const { return memoryOf(mBroker, "VmHWM"); }
 
-    pid_t mBroker;
+    std::string mBroker; // its process's id
     std::size_t mIdle;
 };
 

@@ -44,7 +44,7 @@ protected:
         return text;
     }
 
-    // So many posts that are refused, each of which is to be logged.
+    // Sends posts that the broker refuses, and has to log one by one.
     void misbehave(int times)
     {
         for (int number = 0; number < times; ++number)

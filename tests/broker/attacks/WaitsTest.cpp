@@ -81,7 +81,7 @@ struct Asked
 const Asked queries{R"({"getClientInfoValue":"k"})", milliseconds(50), 300};
 const Asked syncs{"Sync", milliseconds(100), 300};
 
-// What asking one after the other has taken. Ends when far too many have taken too long.
+// Asks one question after the other, and notes their times. Ends when far too many have taken too long.
 class Waiting
 {
 public:

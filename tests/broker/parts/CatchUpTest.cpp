@@ -1,4 +1,4 @@
-// What is told again to a new subscriber: with time as an argument.
+// Notifications that a new subscriber is told again: with time as an argument.
 
 #include "broker/CatchUp.h"
 

@@ -6,7 +6,7 @@
 namespace
 {
 
-// What the process has of its own: the standard streams, the loop, the ports, the state file and its log, the
+// The process's own descriptors: the standard streams, the loop, the ports, the state file and its log, the
 // connection to the service manager, a folder that is being read, and a connection that is being refused.
 constexpr std::size_t own = 20;
 

@@ -1,4 +1,4 @@
-// Who gives way where memory is short: with numbers as arguments.
+// The choice of the holder that gives way where memory is short: with numbers as arguments.
 
 #include "broker/MemoryRelief.h"
 #include "broker/base/Progress.h"

@@ -1,4 +1,4 @@
-// What requests wait for from one post connection: with numbers of barriers and time as arguments.
+// The wait of requests for one post connection: with numbers of barriers and time as arguments.
 
 #include "broker/PongWait.h"
 

@@ -21,7 +21,7 @@ protected:
         return gate.opens(grownUp, areSubscribed, clients, posts, grownUp + waited);
     }
 
-    // As many clients more than posts are waited for in vain.
+    // The gate waits in vain for the post connections of so many clients.
     void missInVain(std::size_t missing, TimePoint now)
     {
         EXPECT_FALSE(gate.opens(now, true, missing, 0, now + StartGate::patience - 1us));

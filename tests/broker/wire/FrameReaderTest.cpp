@@ -13,7 +13,7 @@ using namespace WireFrames;
 
 constexpr std::size_t limit = 1000;
 
-// What a message beyond the limit may be on the wire at most.
+// The most bytes that a message beyond the limit may take on the wire.
 constexpr std::uint64_t endless = 2 * limit + 16384;
 
 /// One thing that was found.

@@ -43,7 +43,7 @@ bool acceptsType(Kind kind, const std::string& type)
     return accepts(kind, ready(property("Socket-Type", type)));
 }
 
-// In one piece. What is behind it is left.
+// The handshake takes the bytes in one piece, and leaves those behind its end.
 Result resultOf(const std::string& bytes)
 {
     Handshake handshake(Kind::Post);

@@ -54,7 +54,7 @@ FILES:statusctl-completions = "${datadir}/bash-completion ${datadir}/zsh ${datad
 FILES:${PN}-dev = "${includedir} ${libdir}/lib*.so ${libdir}/cmake ${libdir}/pkgconfig"
 FILES:${PN}-doc = "${mandir}"
 
-# All of it, for IMAGE_INSTALL.
+# All packages together, for IMAGE_INSTALL.
 ALLOW_EMPTY:${PN} = "1"
 RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
