@@ -63,6 +63,15 @@ protected:
         client->shutdown();
     }
 
+    // It waits for the notify thread when this returns, and has set the flag at which that looks.
+    std::future<void> beginToShutDown()
+    {
+        auto done = std::async(std::launch::async, [this] { client->shutdown(); });
+        EXPECT_TRUE(eventually([this] { return (*client).mNotifyThread.getPendingCount() == 1; }));
+        EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        return done;
+    }
+
     LogCapture log{"*=6:80000000"};
     ScriptedBroker broker;
     Client client{broker};
@@ -70,8 +79,7 @@ protected:
 
 TEST_F(Shutdown, waitsUntilTheBrokerPublishes)
 {
-    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
-    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(100)), std::future_status::timeout);
+    std::future<void> done = beginToShutDown();
     EXPECT_EQ(ZmqInterposer::names(), Texts{});
     broker.publish("Sync");
     EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
@@ -79,8 +87,7 @@ TEST_F(Shutdown, waitsUntilTheBrokerPublishes)
 
 TEST_F(Shutdown, oneNotificationOfAnyKindEndsTheLoop)
 {
-    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
-    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    std::future<void> done = beginToShutDown();
     broker.publish("no JSON");
     EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
     EXPECT_TRUE(log.has(0, "Failed to parse buf [no JSON]"));
@@ -89,8 +96,7 @@ TEST_F(Shutdown, oneNotificationOfAnyKindEndsTheLoop)
 
 TEST_F(Shutdown, failedReceiveEndsTheLoopToo)
 {
-    auto done = std::async(std::launch::async, [this] { client->shutdown(); });
-    EXPECT_EQ(done.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    std::future<void> done = beginToShutDown();
     broker.publish("");
     EXPECT_EQ(done.wait_for(testDeadline), std::future_status::ready);
     EXPECT_TRUE(log.has(2, "Failed to receive valid message from StatusBroker!"));
