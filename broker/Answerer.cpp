@@ -1,5 +1,7 @@
 #include "broker/Answerer.h"
 
+#include "broker/PolicyInquiry.h"
+
 namespace
 {
 
@@ -13,17 +15,19 @@ Reply replyOf(Append append, Value value)
 
 } // namespace
 
-Reply Answerer::answer(std::string_view request)
+Reply Answerer::answer(Connection& client, std::string_view request)
 {
     if (mCommand.readRequest(request))
-        return answer(mCommand);
+        return answer(client, mCommand);
     mRefusals.report(Refusal::MalformedRequest, "Malformed request [%.*s] refused", excerptLength(request),
                      request.data());
     return Reply(refusal);
 }
 
-Reply Answerer::answer(const BrokerProtocol::Command& command)
+// Of what a client may not ask for it learns what it would learn if that did not exist.
+Reply Answerer::answer(Connection& client, const BrokerProtocol::Command& command)
 {
+    const auto mayAsk = [&] { return mGuard.may(client, Action::Query, command.text); };
     using BrokerProtocol::Operation;
     ++mCounts[BrokerProtocol::nameOf(command.operation)];
     switch (command.operation)
@@ -31,23 +35,25 @@ Reply Answerer::answer(const BrokerProtocol::Command& command)
     case Operation::GetClientInfo:
         return Reply::ofAll();
     case Operation::GetClientInfoValue:
-        return replyOf(BrokerProtocol::appendStatusValueReply, mState.valueOf(command.text));
+        return replyOf(BrokerProtocol::appendStatusValueReply, mayAsk() && mGuard.shows(client, command.text)
+                                                                   ? mState.valueOf(command.text)
+                                                                   : std::string_view());
     case Operation::GetClientInfoValues:
         return Reply::of(command.texts);
     case Operation::GetTimerElapsed:
-        return replyOf(BrokerProtocol::appendTimerReply, mState.elapsed(command.text));
+        return replyOf(BrokerProtocol::appendTimerReply, mayAsk() ? mState.elapsed(command.text) : 0);
     case Operation::GetTimerLastStarted:
-        return replyOf(BrokerProtocol::appendTimerReply, mState.lastStarted(command.text));
+        return replyOf(BrokerProtocol::appendTimerReply, mayAsk() ? mState.lastStarted(command.text) : 0);
     case Operation::GetCounterValue:
-        return replyOf(BrokerProtocol::appendCounterReply, mState.counter(command.text));
+        return replyOf(BrokerProtocol::appendCounterReply, mayAsk() ? mState.counter(command.text) : 0);
     case Operation::IncrementCounter:
-        if (const std::optional<uint32_t> value = mState.incrementCounter(command.text))
-            return replyOf(BrokerProtocol::appendCounterReply, *value);
-        return Reply(refusal);
+        return increment(client, command.text);
     case Operation::GetBrokerStatistics:
         return Reply(statistics());
     case Operation::GetBrokerClients:
         return Reply(clients());
+    case Operation::GetPolicyDecision:
+        return Reply(decision(command.texts));
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:
@@ -60,6 +66,14 @@ Reply Answerer::answer(const BrokerProtocol::Command& command)
         break; // no requests
     }
     return Reply(refusal);
+}
+
+Reply Answerer::increment(const Connection& client, std::string_view counter)
+{
+    if (!mGuard.may(client, Action::Counters, counter))
+        return Reply(refusal);
+    const std::optional<uint32_t> value = mState.incrementCounter(counter);
+    return value ? replyOf(BrokerProtocol::appendCounterReply, *value) : Reply(refusal);
 }
 
 // Where there are so many that this takes long, those that ask share an answer: it must not take much of the
@@ -76,6 +90,27 @@ const std::string& Answerer::clients()
     const TimePoint end = Clock::now();
     mClientsUntil = end - begin < notLong ? end : end + shareOfTime * (end - begin);
     return mClients;
+}
+
+// The question is for whom, what, and the name of what; see docs/protocol.md.
+std::string Answerer::decision(const std::vector<std::string_view>& question)
+{
+    namespace Member = BrokerProtocol::DecisionMember;
+    std::string text = "{";
+    const auto add = [&](const char* name, std::string_view value) {
+        BrokerProtocol::appendMember(text, {name, value});
+    };
+    const auto at = [&](std::size_t index)
+    { return index < question.size() ? question[index] : std::string_view(); };
+    const PolicyInquiry inquiry(mGuard.policy(), mGuard.users(), at(0), at(1));
+    if (!inquiry.error().empty())
+        add(Member::error, inquiry.error());
+    else
+    {
+        add(Member::allowed, inquiry.isAllowed(at(2)) ? "yes" : "no");
+        add(Member::reason, inquiry.reason(at(2)));
+    }
+    return text + '}';
 }
 
 std::string Answerer::statistics()

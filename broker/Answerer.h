@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "broker/Guard.h"
 #include "broker/Reply.h"
 #include "broker/Statistics.h"
 #include "broker/base/Refusals.h"
@@ -27,22 +28,27 @@ public:
     using AppendClients = std::function<void(std::string&)>;
 
     /// All must outlive it.
-    Answerer(Refusals& refusals, DeviceState& state, AddNumbers addNumbers, AppendClients appendClients)
-        : mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers)),
+    Answerer(Guard& guard, Refusals& refusals, DeviceState& state, AddNumbers addNumbers,
+             AppendClients appendClients)
+        : mGuard(guard), mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers)),
           mAppendClients(std::move(appendClients))
     {
     }
 
-    Reply answer(std::string_view request);
+    /// @param client the connection on which it came
+    Reply answer(Connection& client, std::string_view request);
 
     /// Counts a "Sync", which is answered elsewhere.
     void countSync() { ++mCounts[BrokerProtocol::syncWord]; }
 
 private:
-    Reply answer(const BrokerProtocol::Command& command);
+    Reply answer(Connection& client, const BrokerProtocol::Command& command);
+    Reply increment(const Connection& client, std::string_view counter);
     std::string statistics();
     const std::string& clients();
+    std::string decision(const std::vector<std::string_view>& question);
 
+    Guard& mGuard;
     Refusals& mRefusals;
     DeviceState& mState;
     AddNumbers mAddNumbers;

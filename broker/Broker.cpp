@@ -47,11 +47,11 @@ Options adjusted(Options options)
 
 } // namespace
 
-Broker::Broker(const Options& options)
+Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
     : mOptions(adjusted(options)), mState(mOptions.limits, mRefusals),
       mConnections(
-          mLoop.poller, mBudget, mOptions.limits, mRefusals, mState,
-          [this](std::string_view post) { mApplier.apply(post); },
+          mLoop.poller, mBudget, mOptions.limits, mRefusals, std::move(policy), mState,
+          [this](PostConnection& client, std::string_view post) { mApplier.apply(client, post); },
           [this](RequestConnection& connection) { mQuestions.ask(connection); },
           [this](RequestConnection& connection)
           {
@@ -59,9 +59,10 @@ Broker::Broker(const Options& options)
               mOutbox.forget(connection);
           }),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
-      mApplier(mOptions, mRefusals, mState, mOutbox),
+      mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOutbox),
       mAnswerer(
-          mRefusals, mState, [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
+          mConnections.guard(), mRefusals, mState,
+          [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
           [this](std::string& to) { mConnections.appendClients(to, Clock::now()); }),
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
@@ -113,6 +114,11 @@ void Broker::planTasks()
                            mOutbox.publish(BrokerProtocol::syncWord, 0);
                            mLoop.nextHeartbeat = now + mOptions.heartbeat;
                        });
+}
+
+void Broker::setPolicy(std::unique_ptr<const Policy> policy)
+{
+    mConnections.setPolicy(std::move(policy), Clock::now());
 }
 
 void Broker::setLimits(const Limits& limits)
@@ -244,6 +250,7 @@ void Broker::addNumbers(Statistics::Numbers& numbers) const
     numbers[Number::published] = mConnections.notify().published();
     numbers[Number::missedEvents] = mConnections.notify().missedEvents();
     numbers[Number::fallenBehind] = mConnections.notify().fallenBehind();
+    numbers["policy.rules"] = mConnections.guard().policy().rules();
     numbers["clients.requests"] = mConnections.requests().openPeers();
     numbers["clients.posts"] = mConnections.posts().openPeers();
     numbers["clients.notifications"] = mConnections.notify().openPeers();

@@ -1,6 +1,7 @@
 #ifndef BROKER_BROKER_H
 #define BROKER_BROKER_H
 
+#include <memory>
 #include <string>
 
 #include "broker/Answerer.h"
@@ -21,14 +22,18 @@ class Broker
 {
 public:
     /// Binds the three ports and loads the state.
-    /// @throws std::runtime_error if a port cannot be had
-    explicit Broker(const Options& options);
+    /// @throws std::runtime_error if a port cannot be had, or the policy cannot be enforced here
+    Broker(const Options& options, std::unique_ptr<const Policy> policy);
 
     /// Serves until `interrupt` is readable.
     void serveUntil(int interrupt);
 
     /// Applies new limits.
     void setLimits(const Limits& limits);
+
+    /// Puts another policy in force.
+    /// @throws std::runtime_error if it cannot be enforced here. Then the policy before stays.
+    void setPolicy(std::unique_ptr<const Policy> policy);
 
     /// Takes in and answers what has been received, within 1.2 s. The last call.
     void finish();

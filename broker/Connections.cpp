@@ -50,9 +50,12 @@ Client begin(const Identity& identity)
 } // namespace
 
 Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                         const DeviceState& state, PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
+                         std::unique_ptr<const Policy> policy, const DeviceState& state,
+                         PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
                          RequestPort::OnClose onClose)
-    : mRefusals(refusals), mEnvironment{poller, mIdentities, budget, limits, refusals},
+    : mRefusals(refusals),
+      mGuard(mIdentities, refusals, std::move(policy)), mEnvironment{poller, mIdentities, budget,
+                                                                     limits, refusals,    mGuard},
       mRequests(mEnvironment, state, std::move(onRequest), std::move(onClose)), mNotify(mEnvironment, state),
       mPosts(mEnvironment, std::move(onPost))
 {
@@ -94,6 +97,34 @@ void Connections::closeForMemory(Connection& connection)
     case Handshake::Kind::Notify:
         return mNotify.closeForMemory(static_cast<NotifyConnection&>(connection), Clock::now());
     }
+}
+
+void Connections::close(Connection& connection)
+{
+    switch (connection.kind())
+    {
+    case Handshake::Kind::Post:
+        return mPosts.close(static_cast<PostConnection&>(connection));
+    case Handshake::Kind::Request:
+        return mRequests.close(static_cast<RequestConnection&>(connection));
+    case Handshake::Kind::Notify:
+        return mNotify.close(static_cast<NotifyConnection&>(connection));
+    }
+}
+
+void Connections::setPolicy(std::unique_ptr<const Policy> policy, TimePoint now)
+{
+    mGuard.setPolicy(std::move(policy));
+    std::vector<Connection*> refused;
+    forEach(
+        [&](Connection& connection)
+        {
+            if (!mGuard.admit(connection))
+                refused.push_back(&connection);
+        });
+    for (Connection* connection : refused)
+        close(*connection);
+    mNotify.takeOverRights(now);
 }
 
 void Connections::collect()

@@ -1,10 +1,12 @@
 #ifndef BROKER_CONNECTIONS_H
 #define BROKER_CONNECTIONS_H
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "broker/Guard.h"
 #include "broker/NotifyPort.h"
 #include "broker/PortEnvironment.h"
 #include "broker/PostPort.h"
@@ -17,8 +19,8 @@ class Connections
 public:
     /// All must outlive it.
     Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                const DeviceState& state, PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
-                RequestPort::OnClose onClose);
+                std::unique_ptr<const Policy> policy, const DeviceState& state, PostPort::OnPost onPost,
+                RequestPort::OnRequest onRequest, RequestPort::OnClose onClose);
 
     Connections(const Connections&) = delete;
     Connections& operator=(const Connections&) = delete;
@@ -53,6 +55,14 @@ public:
     /// Destroys those that were closed. Nothing may point to them any more.
     void collect();
 
+    // ---- What clients may do.
+
+    Guard& guard() { return mGuard; }
+    const Guard& guard() const { return mGuard; }
+
+    /// Puts another policy in force, for those that are connected, too. See Guard::setPolicy().
+    void setPolicy(std::unique_ptr<const Policy> policy, TimePoint now);
+
     // ---- Who uses the broker.
 
     /// The answer that tells who is connected, as far as is known by now, the oldest first. From now on,
@@ -67,11 +77,13 @@ public:
     void finish();
 
 private:
+    void close(Connection& connection);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 
     Refusals& mRefusals;
     Identities mIdentities;
+    Guard mGuard;
     const PortEnvironment mEnvironment;
     RequestPort mRequests;
     NotifyPort mNotify;

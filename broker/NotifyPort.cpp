@@ -64,13 +64,14 @@ bool NotifyConnection::wants(std::string_view message) const
 NotifyPort::NotifyPort(const PortEnvironment& environment, const DeviceState& state)
     : Port(environment.poller, environment.identities, BrokerProtocol::notifyPort, Handshake::Kind::Notify,
            0),
-      mBudget(environment.budget), mRefusals(environment.refusals), mState(state),
+      mBudget(environment.budget), mRefusals(environment.refusals), mGuard(environment.guard), mState(state),
       mLimit("notify", environment.limits.connections, environment.refusals), mBuffer(bufferBytes)
 {
 }
 
 void NotifyPort::onAccepted(NotifyConnection& connection)
 {
+    connection.isFiltered = !Guard::seesAll(connection);
     resizeBuffers(peers().size());
     resizeBuffer(connection);
     mLimit.added(peers().size(), connection.acceptedAt());
@@ -354,13 +355,47 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
         if (connection.position >= turnEnd)
             return connection.flush() && false;
         if (connection.wants(mLog.beginning(connection.position, longestPrefix, copied)))
-            mLog.copy(connection.position, message->end, connection.output());
+            copyMessage(connection, message->end);
         moveTo(connection, message->end);
         ++connection.nextMessage;
         if (connection.outputBytes() >= turnBytes && !connection.flush())
             return false;
     }
     return connection.flush();
+}
+
+// As far as it may be told. It learns nothing of a message of which nothing is left.
+void NotifyPort::copyMessage(NotifyConnection& connection, NotificationLog::Position end)
+{
+    if (!connection.isFiltered)
+        return mLog.copy(connection.position, end, connection.output());
+    std::string text = mLog.text(connection.position, end);
+    if (text != BrokerProtocol::syncWord && !filter(connection, text))
+        return;
+    FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
+}
+
+// Returns whether there is something left of the notification.
+bool NotifyPort::filter(NotifyConnection& connection, std::string& notification)
+{
+    if (!mFiltered.readUpdate(notification))
+        return false;
+    DeviceState::Members& members = mFiltered.members;
+    const std::size_t all = members.size();
+    members.erase(std::remove_if(members.begin(), members.end(),
+                                 [&](const BrokerProtocol::Member& member)
+                                 { return !mGuard.shows(connection, member.name); }),
+                  members.end());
+    if (members.size() == all || members.empty())
+        return !members.empty();
+    std::string rest;
+    BrokerProtocol::appendUpdate(rest,
+                                 mFiltered.operation == BrokerProtocol::Operation::PostEvent
+                                     ? BrokerProtocol::Key::eventUpdate
+                                     : BrokerProtocol::Key::statusUpdate,
+                                 members);
+    notification = std::move(rest);
+    return true;
 }
 
 // The latest values of what changed while it was behind; in the order of the changes, so that the next
@@ -402,12 +437,15 @@ std::size_t NotifyPort::collectMissed(NotifyConnection& connection, const Device
     std::size_t bytes = 0;
     for (; value != nullptr && bytes < most; value = value->newer)
     {
-        members.push_back({value->key, value->text});
+        if (!connection.isFiltered || mGuard.shows(connection, value->key))
+            members.push_back({value->key, value->text});
         bytes += value->key.size() + value->text.size() + perValue;
         connection.revision = value->revision;
     }
     connection.nextValue = value;
     connection.nextValueRevision = value == nullptr ? 0 : value->revision;
+    if (members.empty())
+        return bytes;
     std::sort(members.begin(), members.end(),
               [](const auto& one, const auto& other) { return one.name < other.name; });
     std::string text;
@@ -483,6 +521,25 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
         mLog.trim();
     }
     mBudget.update(mLogCounted, mLog.heldBytes());
+}
+
+void NotifyPort::takeOverRights(TimePoint now)
+{
+    for (std::size_t index = peers().size(); index-- > 0;)
+    {
+        NotifyConnection& connection = *peers()[index];
+        const bool wasFiltered = std::exchange(connection.isFiltered, !Guard::seesAll(connection));
+        if (connection.state == NotifyConnection::State::Idle || (!wasFiltered && !connection.isFiltered))
+            continue;
+        if (connection.state == NotifyConnection::State::Following && !fallBehind(connection))
+        {
+            lackMemory(connection, now);
+            close(connection);
+            continue;
+        }
+        connection.revision = 0;
+        connection.nextValue = nullptr;
+    }
 }
 
 void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)

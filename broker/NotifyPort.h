@@ -43,7 +43,9 @@ public:
     std::size_t sendBuffer = 0; ///< that the kernel was asked for
 
     bool followsAll() const { return state == State::Following && wantsAll(); }
-    bool wantsAll() const { return prefixes.size() == 1 && prefixes.front().empty(); }
+    bool isFiltered = false; ///< may not be told of everything
+
+    bool wantsAll() const { return !isFiltered && prefixes.size() == 1 && prefixes.front().empty(); }
     bool wants(std::string_view message) const;
 };
 
@@ -77,6 +79,10 @@ public:
     /// Closes a subscriber for want of memory. It comes back.
     void closeForMemory(NotifyConnection& connection, TimePoint now);
 
+    /// The rights of the connections have changed. Subscribers that may be told of more, or of less, are told
+    /// of all they may be told of.
+    void takeOverRights(TimePoint now);
+
     /// Subscribers have to be told again of what has changed since such a revision.
     CatchUp& catchUp() { return mCatchUp; }
 
@@ -102,6 +108,7 @@ public:
 private:
     std::size_t most() const override { return mLimit.most(); }
     void onFull() override { mLimit.full(); }
+    bool isAdmitted(NotifyConnection& connection) override { return mGuard.admit(connection); }
     void onAccepted(NotifyConnection& connection) override;
     void onClose(NotifyConnection& connection) override;
     void read(NotifyConnection& connection, TimePoint now) override;
@@ -121,6 +128,8 @@ private:
     void resizeBuffer(NotifyConnection& connection) const;
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
+    void copyMessage(NotifyConnection& connection, NotificationLog::Position end);
+    bool filter(NotifyConnection& connection, std::string& notification);
     bool sendMissed(NotifyConnection& connection, TimePoint now);
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
@@ -134,6 +143,7 @@ private:
 
     MemoryBudget& mBudget;
     Refusals& mRefusals;
+    Guard& mGuard;
     const DeviceState& mState;
     ConnectionLimit mLimit;
     CatchUp mCatchUp;
@@ -148,6 +158,7 @@ private:
     std::size_t mNext = 0;     ///< whose turn it is
     bool mHasLeftOver = false; ///< could be sent something, but the time was over
     std::vector<char> mBuffer;
+    BrokerProtocol::Command mFiltered;
 };
 
 #endif

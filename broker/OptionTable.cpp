@@ -137,6 +137,20 @@ OptionEntry stateKeys()
             checkText,    set};
 }
 
+OptionEntry policy()
+{
+    const auto set = [](Options& options, const Values& values) { options.policy = values.back(); };
+    return {"policy",
+            Kind::Single,
+            "PATH",
+            "",
+            "",
+            "What clients may do: this file, or the files *.policy in this folder; without it they may do "
+            "everything",
+            checkText,
+            set};
+}
+
 // -------------------------------------------------------------------------------------------------- table
 
 std::vector<OptionEntry> makeTable()
@@ -144,6 +158,7 @@ std::vector<OptionEntry> makeTable()
     const Options initial;
     return {
         allowSetTime(),
+        policy(),
         numeric(
             "log-level", levels, {0, 7}, static_cast<uint64_t>(initial.logLevel),
             [](Options& options, uint64_t number) { options.logLevel = static_cast<int>(number); },

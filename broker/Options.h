@@ -16,6 +16,7 @@ struct Options
     std::string stateFile;             ///< empty: nothing is kept
     StateSync stateSync = StateSync::Normal;
     std::vector<std::string> stateKeys; ///< globs; none: everything is kept
+    std::string policy;                 ///< a file or a folder; empty: clients may do everything
     Limits limits;
 };
 

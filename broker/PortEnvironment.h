@@ -1,6 +1,7 @@
 #ifndef BROKER_PORTENVIRONMENT_H
 #define BROKER_PORTENVIRONMENT_H
 
+#include "broker/Guard.h"
 #include "broker/MemoryBudget.h"
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
@@ -15,6 +16,7 @@ struct PortEnvironment
     MemoryBudget& budget;
     const Limits& limits;
     Refusals& refusals;
+    Guard& guard;
 };
 
 #endif

@@ -6,13 +6,13 @@
 
 using BrokerProtocol::Operation;
 
-void PostApplier::apply(std::string_view post)
+void PostApplier::apply(const Connection& client, std::string_view post)
 {
     ++mCount;
     if (post == BrokerProtocol::syncWord)
         mOutbox.publish(BrokerProtocol::syncWord, 0);
     else if (mCommand.readPost(post))
-        apply(mCommand);
+        apply(client, mCommand);
     else
         refuse(post);
 }
@@ -27,32 +27,39 @@ void PostApplier::refuse(std::string_view post)
         isCutOff ? ", which seems to lack its last 512 bytes: its length is a multiple of that" : "");
 }
 
-void PostApplier::apply(const BrokerProtocol::Command& command)
+void PostApplier::apply(const Connection& client, BrokerProtocol::Command& command)
 {
     namespace Key = BrokerProtocol::Key;
+    const auto nameOfMember = [](const BrokerProtocol::Member& member) { return member.name; };
+    const auto mayUseTimer = [&] { return mGuard.may(client, Action::Timers, command.text); };
     switch (command.operation)
     {
     case Operation::UpdateSystemTime:
-        return setSystemTime(command.number);
+        return setSystemTime(client, command.number);
     case Operation::PostStatus:
+        mGuard.keepAllowed(client, Action::Post, command.members, nameOfMember);
         return publish(Key::statusUpdate, mState.post(command.members), 0);
     case Operation::ResetStatus:
+        mGuard.keepAllowed(client, Action::Reset, command.texts, [](std::string_view key) { return key; });
         return publish(Key::statusUpdate, mState.reset(command.texts), 0);
     case Operation::PostEvent:
     {
+        mGuard.keepAllowed(client, Action::Event, command.members, nameOfMember);
         const DeviceState::Members& events = mState.events(command.members);
         return publish(Key::eventUpdate, events, events.size());
     }
     case Operation::StartTimer:
-        return mState.startTimer(command.text);
+        return mayUseTimer() ? mState.startTimer(command.text) : void();
     case Operation::StopTimer:
-        return mState.stopTimer(command.text);
+        return mayUseTimer() ? mState.stopTimer(command.text) : void();
     case Operation::ResetTimer:
-        return mState.resetTimer(command.text);
+        return mayUseTimer() ? mState.resetTimer(command.text) : void();
     case Operation::RestartTimer:
-        return mState.restartTimer(command.text);
+        return mayUseTimer() ? mState.restartTimer(command.text) : void();
     case Operation::SetCounterValue:
-        return mState.setCounter(command.text, command.number);
+        if (mGuard.may(client, Action::Counters, command.text))
+            mState.setCounter(command.text, command.number);
+        return;
     case Operation::GetClientInfo:
     case Operation::GetClientInfoValue:
     case Operation::GetClientInfoValues:
@@ -62,6 +69,7 @@ void PostApplier::apply(const BrokerProtocol::Command& command)
     case Operation::IncrementCounter:
     case Operation::GetBrokerStatistics:
     case Operation::GetBrokerClients:
+    case Operation::GetPolicyDecision:
         return; // no posts
     }
 }
@@ -79,8 +87,10 @@ void PostApplier::publish(const char* key, const DeviceState::Members& members, 
         std::string().swap(mNotification);
 }
 
-void PostApplier::setSystemTime(uint32_t seconds)
+void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
 {
+    if (!mGuard.may(client, Action::Time, {}))
+        return;
     if (!mOptions.allowSetTime)
         return mRefusals.report(Refusal::SystemTime,
                                 "Setting the system time to %u refused, not started with --allow-set-time",

@@ -5,33 +5,36 @@
 #include <string>
 #include <string_view>
 
+#include "broker/Guard.h"
 #include "broker/Options.h"
 #include "broker/Outbox.h"
 #include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
 
-/// Does what posts ask for, and publishes what follows.
+/// Does what posts ask for, as far as their clients may, and publishes what follows.
 class PostApplier
 {
 public:
     /// All must outlive it.
-    PostApplier(const Options& options, Refusals& refusals, DeviceState& state, Outbox& outbox)
-        : mOptions(options), mRefusals(refusals), mState(state), mOutbox(outbox)
+    PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state, Outbox& outbox)
+        : mOptions(options), mGuard(guard), mRefusals(refusals), mState(state), mOutbox(outbox)
     {
     }
 
-    void apply(std::string_view post);
+    /// @param client the connection on which it came
+    void apply(const Connection& client, std::string_view post);
 
     uint64_t count() const { return mCount; }
 
 private:
-    void apply(const BrokerProtocol::Command& command);
+    void apply(const Connection& client, BrokerProtocol::Command& command);
     void refuse(std::string_view post);
     void publish(const char* key, const DeviceState::Members& members, uint64_t events);
-    void setSystemTime(uint32_t seconds);
+    void setSystemTime(const Connection& client, uint32_t seconds);
 
     const Options& mOptions;
+    Guard& mGuard;
     Refusals& mRefusals;
     DeviceState& mState;
     Outbox& mOutbox;

@@ -59,8 +59,9 @@ void removeFrom(List& list, T* element)
 PostPort::PostPort(const PortEnvironment& environment, OnPost onPost)
     : Port(environment.poller, environment.identities, BrokerProtocol::postPort, Handshake::Kind::Post, 0),
       mBudget(environment.budget), mLimits(environment.limits), mRefusals(environment.refusals),
-      mOnPost(std::move(onPost)), mLimit("post", environment.limits.connections, environment.refusals),
-      mPatience(Clock::now()), mBuffer(bufferBytes)
+      mGuard(environment.guard), mOnPost(std::move(onPost)),
+      mLimit("post", environment.limits.connections, environment.refusals), mPatience(Clock::now()),
+      mBuffer(bufferBytes)
 {
 }
 
@@ -173,7 +174,7 @@ void PostPort::take(PostConnection& connection, FrameReader::Result result, cons
 {
     ++connection.messages;
     if (result == FrameReader::Result::Message)
-        return mOnPost(item.body);
+        return mOnPost(connection, item.body);
     const bool isEndless = result == FrameReader::Result::Endless; // what is behind it is not read
     if (isEndless)
         lose();

@@ -48,7 +48,7 @@ public:
 class PostPort : public Port<PostConnection>
 {
 public:
-    using OnPost = std::function<void(std::string_view)>;
+    using OnPost = std::function<void(PostConnection&, std::string_view)>;
 
     PostPort(const PortEnvironment& environment, OnPost onPost);
 
@@ -112,6 +112,7 @@ public:
 private:
     std::size_t most() const override { return mLimit.most(); }
     void onFull() override { mLimit.full(); }
+    bool isAdmitted(PostConnection& connection) override { return mGuard.admit(connection); }
     void onAccepted(PostConnection& connection) override;
     void onClose(PostConnection& connection) override;
     void read(PostConnection& connection, TimePoint now) override;
@@ -132,6 +133,7 @@ private:
     MemoryBudget& mBudget;
     const Limits& mLimits;
     Refusals& mRefusals;
+    Guard& mGuard;
     OnPost mOnPost;
     ConnectionLimit mLimit;
     Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported

@@ -125,7 +125,7 @@ void Questions::answerOne(const Waiting& each, bool isTooEarly)
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
-        mOutbox.reply(connection, mAnswerer.answer(connection.request));
+        mOutbox.reply(connection, mAnswerer.answer(connection, connection.request));
 }
 
 void Questions::answerAll()

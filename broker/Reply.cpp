@@ -38,13 +38,13 @@ Reply Reply::of(std::vector<std::string_view> keys)
 
 // The last frame must not be empty, which clients take for a failure; so a frame is cut off only where more
 // follows.
-bool Reply::produce(const DeviceState& state, std::size_t bytes, std::string& to)
+bool Reply::produce(const DeviceState& state, const Shows& shows, std::size_t bytes, std::string& to)
 {
     const auto append = [&to](std::string_view part) { to += part; };
     if (!mHasBegun)
         to += delimiter;
     mHasBegun = true;
-    extend(state, bytes);
+    extend(state, shows, bytes);
     std::string_view text = mText;
     for (; text.size() > frameBytes; text.remove_prefix(frameBytes))
         FrameWriter::frame(append, text.substr(0, frameBytes), FrameWriter::moreFlag);
@@ -56,7 +56,7 @@ bool Reply::produce(const DeviceState& state, std::size_t bytes, std::string& to
 }
 
 // By one frame more, since the last one is kept back.
-void Reply::extend(const DeviceState& state, std::size_t bytes)
+void Reply::extend(const DeviceState& state, const Shows& shows, std::size_t bytes)
 {
     if (mIsComplete)
         return;
@@ -64,7 +64,7 @@ void Reply::extend(const DeviceState& state, std::size_t bytes)
         mText = "{";
     while (mText.size() < bytes + frameBytes)
     {
-        const DeviceState::Value* value = next(state);
+        const DeviceState::Value* value = nextShown(state, shows);
         if (value == nullptr)
         {
             mText += '}';
@@ -78,6 +78,14 @@ void Reply::extend(const DeviceState& state, std::size_t bytes)
         BrokerProtocol::appendText(mText, value->text);
         mHasMembers = true;
     }
+}
+
+const DeviceState::Value* Reply::nextShown(const DeviceState& state, const Shows& shows)
+{
+    const DeviceState::Value* value = next(state);
+    while (value != nullptr && shows && !shows(*value))
+        value = next(state);
+    return value;
 }
 
 const DeviceState::Value* Reply::next(const DeviceState& state)

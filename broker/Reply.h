@@ -2,6 +2,7 @@
 #define BROKER_REPLY_H
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -26,7 +27,9 @@ public:
     static Reply of(std::vector<std::string_view> keys);
 
     /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
-    bool produce(const DeviceState& state, std::size_t bytes, std::string& to);
+    /// @param shows which values to tell; empty for all
+    using Shows = std::function<bool(const DeviceState::Value&)>;
+    bool produce(const DeviceState& state, const Shows& shows, std::size_t bytes, std::string& to);
 
     /// Memory that it holds.
     std::size_t heldBytes() const;
@@ -41,8 +44,9 @@ private:
 
     explicit Reply(Values values) : mValues(values) {}
 
-    void extend(const DeviceState& state, std::size_t bytes);
+    void extend(const DeviceState& state, const Shows& shows, std::size_t bytes);
     const DeviceState::Value* next(const DeviceState& state);
+    const DeviceState::Value* nextShown(const DeviceState& state, const Shows& shows);
 
     Values mValues = Values::None;
     std::string mKeys; ///< behind each other, in order, each there once; a text each would take far more

@@ -53,8 +53,9 @@ RequestPort::RequestPort(const PortEnvironment& environment, const DeviceState& 
     : Port(environment.poller, environment.identities, BrokerProtocol::requestPort, Handshake::Kind::Request,
            sendBufferBytes),
       mBudget(environment.budget), mLimits(environment.limits), mRefusals(environment.refusals),
-      mState(state), mOnRequest(std::move(onRequest)), mOnClose(std::move(onClose)),
-      mLimit("request", environment.limits.connections, environment.refusals), mBuffer(bufferBytes)
+      mGuard(environment.guard), mState(state), mOnRequest(std::move(onRequest)),
+      mOnClose(std::move(onClose)), mLimit("request", environment.limits.connections, environment.refusals),
+      mBuffer(bufferBytes)
 {
 }
 
@@ -202,12 +203,15 @@ void RequestPort::reply(RequestConnection& connection, Reply reply)
 // As much of the reply as the kernel takes; then the next request may come.
 void RequestPort::send(RequestConnection& connection)
 {
+    Reply::Shows shows;
+    if (!Guard::answersWithAll(connection))
+        shows = [&](const DeviceState::Value& value) { return mGuard.answersWith(connection, value.key); };
     std::string piece;
     std::size_t sent = 0;
     while (connection.flush() && connection.reply && sent < turnBytes)
     {
         piece.clear();
-        const bool isLast = connection.reply->produce(mState, pieceBytes, piece);
+        const bool isLast = connection.reply->produce(mState, shows, pieceBytes, piece);
         if (isLast)
             connection.reply.reset();
         connection.send(piece);

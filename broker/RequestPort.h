@@ -91,6 +91,7 @@ public:
 private:
     std::size_t most() const override { return mLimit.most(); }
     void onFull() override { mLimit.full(); }
+    bool isAdmitted(RequestConnection& connection) override { return mGuard.admit(connection); }
     void onAccepted(RequestConnection& connection) override
     {
         mLimit.added(peers().size(), connection.acceptedAt());
@@ -113,6 +114,7 @@ private:
     MemoryBudget& mBudget;
     const Limits& mLimits;
     Refusals& mRefusals;
+    Guard& mGuard;
     const DeviceState& mState;
     OnRequest mOnRequest;
     OnClose mOnClose;

@@ -3,12 +3,16 @@
 #include <cstdlib>
 #include <exception>
 #include <malloc.h>
+#include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "broker/Broker.h"
 #include "broker/CommandLine.h"
 #include "broker/LastWords.h"
 #include "broker/Signals.h"
+#include "broker/peer/Users.h"
+#include "broker/policy/PolicyFiles.h"
 #include "common/Logging.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -17,6 +21,27 @@ namespace
 {
 
 // The levels that the environment sets for single files go over the level for all.
+// Throws ConfigError, with a line for each mistake.
+std::unique_ptr<const Policy> readPolicy(const Options& options)
+{
+    if (options.policy.empty())
+        return std::make_unique<const Policy>();
+    const Users users;
+    const PolicyNames names{[&](const std::string& name) { return users.uid(name); },
+                            [&](const std::string& name) { return users.gid(name); }};
+    LoadedPolicy loaded = loadPolicy(options.policy, names);
+    if (loaded.policy && (loaded.policy->hasQuotas() || loaded.policy->hasTies()))
+        throw ConfigError(options.policy +
+                          ": has quotas, or values that end with their owner; this version does "
+                          "not enforce them");
+    if (loaded.policy)
+        return std::move(loaded.policy);
+    std::string lines;
+    for (const std::string& error : loaded.errors)
+        lines += (lines.empty() ? "" : "\n") + error;
+    throw ConfigError(lines);
+}
+
 void setLogLevel(int level)
 {
     ov_log_configure(("*=" + std::to_string(level)).c_str());
@@ -24,25 +49,40 @@ void setLogLevel(int level)
         ov_log_configure(environment);
 }
 
+void logPolicy(const Options& options, const Policy& policy)
+{
+    for (const std::string& warning : policy.warnings())
+        OV_LOG(2, "%s", warning.c_str());
+    if (!options.policy.empty())
+        OV_LOG(5, "The policy of %s is %s, %zu rules", options.policy.c_str(),
+               policy.isAudit() ? "only logged" : "in force", policy.rules());
+}
+
+// All or nothing.
 void reload(const CommandLine& commandLine, Broker& broker)
 {
     try
     {
         const Options options = commandLine.readOptions();
+        std::unique_ptr<const Policy> policy = readPolicy(options);
+        const Policy& used = *policy;
+        broker.setPolicy(std::move(policy));
         setLogLevel(options.logLevel);
         broker.setLimits(options.limits);
-        OV_LOG(5, "Took over limits and log level");
+        OV_LOG(5, "Took over limits, log level and policy");
+        logPolicy(options, used);
     }
-    catch (const ConfigError& error)
+    catch (const std::runtime_error& error)
     {
         OV_LOG(0, "Keeping the options: %s", error.what());
     }
 }
 
-void serve(const CommandLine& commandLine, const Options& options)
+void serve(const CommandLine& commandLine, const Options& options, std::unique_ptr<const Policy> policy)
 {
     Signals signals;
-    Broker broker(options);
+    logPolicy(options, *policy);
+    Broker broker(options, std::move(policy));
     for (;;)
     {
         broker.serveUntil(signals.descriptor());
@@ -58,13 +98,16 @@ void serve(const CommandLine& commandLine, const Options& options)
 void run(const CommandLine& commandLine)
 {
     const Options options = commandLine.readOptions();
+    std::unique_ptr<const Policy> policy = readPolicy(options);
     if (commandLine.isCheck())
     {
         puts("statusbroker: configuration is good");
+        if (!options.policy.empty())
+            fputs(policy->describe().c_str(), stdout);
         return;
     }
     setLogLevel(options.logLevel);
-    serve(commandLine, options);
+    serve(commandLine, options, std::move(policy));
 }
 
 // Freed memory goes back to the system where it is not between memory in use: large pieces are kept apart.

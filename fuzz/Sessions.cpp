@@ -216,7 +216,8 @@ class Session
 {
 public:
     Session(const uint8_t* data, std::size_t size)
-        : mInput(reinterpret_cast<const char*>(data), size), mBroker(smallOptions()),
+        : mInput(reinterpret_cast<const char*>(data), size),
+          mBroker(smallOptions(), std::make_unique<const Policy>()),
           mInterrupt(eventfd(1, EFD_NONBLOCK | EFD_CLOEXEC))
     {
     }

@@ -120,6 +120,11 @@ bool Command::readRequest(std::string_view message)
     return read(message, requestForms, parseRequest);
 }
 
+bool Command::readUpdate(std::string_view message)
+{
+    return read(message, updateForms, parseUpdate);
+}
+
 void Command::clear()
 {
     text = {};

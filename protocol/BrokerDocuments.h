@@ -42,6 +42,7 @@ enum class Operation
     IncrementCounter,
     GetBrokerStatistics,
     GetBrokerClients,
+    GetPolicyDecision,
 };
 
 /// The name under which messages know it.
@@ -66,12 +67,16 @@ public:
     Operation operation{};
     std::string_view text;       ///< the name of a timer, a counter or a status key
     std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
-    std::vector<std::string_view> texts; ///< ResetStatus, GetClientInfoValues: in their order
-    uint32_t number = 0;                 ///< UpdateSystemTime, SetCounterValue
+    std::vector<std::string_view>
+        texts;           ///< ResetStatus, GetClientInfoValues, GetPolicyDecision: in their order
+    uint32_t number = 0; ///< UpdateSystemTime, SetCounterValue
 
     /// False if the message is malformed, or no post or no request respectively.
     bool readPost(std::string_view message);
     bool readRequest(std::string_view message);
+
+    /// The same for a notification: as the post of values, or of events, of which it tells.
+    bool readUpdate(std::string_view message);
 
 private:
     template <class Forms, class Parse>

@@ -7,7 +7,7 @@
 
 #include "protocol/BrokerDocuments.h"
 
-/// The shapes of posts and requests. For reading them only.
+/// The shapes of posts, requests and notifications. For reading them only.
 namespace BrokerProtocol
 {
 
@@ -40,7 +40,7 @@ inline constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
 }};
 
-inline constexpr std::array<Form, 9> requestForms{{
+inline constexpr std::array<Form, 10> requestForms{{
     {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
     {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
     {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
@@ -50,6 +50,13 @@ inline constexpr std::array<Form, 9> requestForms{{
     {Key::incrementCounter, Operation::IncrementCounter, Shape::Text},
     {Key::getBrokerStatistics, Operation::GetBrokerStatistics, Shape::Text},
     {Key::getBrokerClients, Operation::GetBrokerClients, Shape::Text},
+    {Key::getPolicyDecision, Operation::GetPolicyDecision, Shape::Texts},
+}};
+
+// A notification is read as the post of which it tells.
+inline constexpr std::array<Form, 2> updateForms{{
+    {Key::statusUpdate, Operation::PostStatus, Shape::Members},
+    {Key::eventUpdate, Operation::PostEvent, Shape::Members},
 }};
 
 template <class Forms>

@@ -171,6 +171,11 @@ bool parseRequest(std::string_view message, Command& command, std::vector<char>&
     return parse(message, command, unescaped, requestForms);
 }
 
+bool parseUpdate(std::string_view message, Command& command, std::vector<char>& unescaped)
+{
+    return parse(message, command, unescaped, updateForms);
+}
+
 std::string escaped(std::string_view text)
 {
     using Json = nlohmann::json;

@@ -11,10 +11,12 @@
 namespace BrokerProtocol
 {
 
-/// Fills an empty command from a message. False if it is none of the posts, or of the requests.
+/// Fills an empty command from a message. False if it is none of the posts, requests or
+/// notifications.
 /// @param unescaped holds the texts; empty, and with room for the whole message
 bool parsePost(std::string_view message, Command& command, std::vector<char>& unescaped);
 bool parseRequest(std::string_view message, Command& command, std::vector<char>& unescaped);
+bool parseUpdate(std::string_view message, Command& command, std::vector<char>& unescaped);
 
 /// The text as JSON shows it, with its quotes. Bytes that are not UTF-8 become U+FFFD.
 std::string escaped(std::string_view text);

@@ -35,6 +35,7 @@ constexpr const char* eventUpdate = "eventUpdate";
 constexpr const char* statusValue = "statusValue";
 constexpr const char* getBrokerStatistics = "getBrokerStatistics";
 constexpr const char* getBrokerClients = "getBrokerClients";
+constexpr const char* getPolicyDecision = "getPolicyDecision";
 } // namespace Key
 
 /// Those numbers of getBrokerStatistics by which readers judge the broker.
@@ -73,6 +74,14 @@ constexpr const char* refusals = "refusals";
 constexpr const char* received = "received"; ///< bytes
 constexpr const char* sent = "sent";         ///< bytes
 } // namespace ClientMember
+
+/// The members of the answer to getPolicyDecision: an error, or the two others.
+namespace DecisionMember
+{
+constexpr const char* error = "error";
+constexpr const char* allowed = "allowed"; ///< "yes" or "no"
+constexpr const char* reason = "reason";
+} // namespace DecisionMember
 
 /// The control words, sent as bare text.
 constexpr const char* syncWord = "Sync";

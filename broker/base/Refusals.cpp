@@ -109,6 +109,14 @@ const char* Refusals::name(Refusal kind)
         return "limit.connections";
     case Refusal::Memory:
         return "limit.memory";
+    case Refusal::Denied:
+        return "policy.denied";
+    case Refusal::Audited:
+        return "policy.audited";
+    case Refusal::AuditedView:
+        return "policy.auditedViews";
+    case Refusal::UnknownOwner:
+        return "policy.unknownOwners";
     }
     return "";
 }

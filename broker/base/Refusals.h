@@ -29,9 +29,13 @@ enum class Refusal
     Subscriptions,
     Connections,
     Memory,
+    Denied,       ///< by the policy
+    Audited,      ///< would be denied, if the policy did not only log
+    AuditedView,  ///< the same, to be told of something
+    UnknownOwner, ///< the policy cannot be applied to the connection
 };
 
-constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::Memory) + 1;
+constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::UnknownOwner) + 1;
 
 /// So much of what came from outside is logged: enough to recognise it by. For "%.*s".
 inline int excerptLength(std::string_view text)

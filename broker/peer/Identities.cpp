@@ -1,6 +1,7 @@
 #include "broker/peer/Identities.h"
 
 #include <algorithm>
+#include <netinet/tcp.h>
 #include <optional>
 
 namespace
@@ -12,12 +13,25 @@ constexpr std::chrono::milliseconds turn{1};
 constexpr std::chrono::milliseconds longestTurn{5};
 constexpr int restFactor = 20;
 
+// The peer may have reset the connection before it was accepted. Then what it had sent is still to be read,
+// but its pair of addresses is free: the kernel may have told of somebody else, who has made a connection
+// with the same port since. As long as our end is connected, nobody can.
+bool isEstablished(int connection)
+{
+    tcp_info info{};
+    socklen_t size = sizeof(info);
+    return getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &size) == 0 &&
+           info.tcpi_state == TCP_ESTABLISHED;
+}
+
 } // namespace
 
-Identity Identities::identify(const sockaddr_in& peer, const sockaddr_in& own)
+Identity Identities::identify(int connection, const sockaddr_in& peer, const sockaddr_in& own)
 {
     Identity identity;
     identity.owner = mOwners.ask(peer, own);
+    if (!isEstablished(connection))
+        identity.owner = Owner::unknown(Owner::Knowledge::NotEstablished);
     if (const std::optional<uid_t> uid = identity.owner.uid())
     {
         mUsers.refresh();
@@ -34,6 +48,8 @@ void Identities::findService(Identity& identity)
     if (!group)
         return;
     const Services::Answer answer = mServices.find(*group);
+    identity.isServiceKnown =
+        answer.knowledge == Services::Knowledge::Named || answer.knowledge == Services::Knowledge::NoService;
     identity.isServiceOpen = answer.knowledge == Services::Knowledge::Later;
     identity.service = Processes::printable(answer.name);
 }

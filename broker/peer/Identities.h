@@ -19,15 +19,19 @@ class Identities
 public:
     /// Where it looks.
     /// @param proc "/proc"; tests look elsewhere
-    explicit Identities(const std::string& proc = "/proc")
-        : mServices(Services::rootIn(proc)), mProcesses(proc)
+    explicit Identities(const std::string& proc = "/proc") : Identities(proc, OwnerQuery::Sources()) {}
+
+    /// @param owners where it looks for owners; tests look elsewhere
+    Identities(const std::string& proc, OwnerQuery::Sources owners)
+        : mOwners(std::move(owners)), mServices(Services::rootIn(proc)), mProcesses(proc)
     {
     }
 
     /// Of a connection that has just been accepted.
+    /// @param connection our end
     /// @param peer the peer's address
     /// @param own  ours
-    Identity identify(const sockaddr_in& peer, const sockaddr_in& own);
+    Identity identify(int connection, const sockaddr_in& peer, const sockaddr_in& own);
 
     /// Has its process looked for, once, and its service if that is still open.
     void seek(Identity& identity);
@@ -48,7 +52,16 @@ public:
     /// Enters the results of a search for the process.
     static void settle(Identity& identity, const Processes::Found& found);
 
-    OwnerQuery::Road road() const { return mOwners.road(); }
+    /// The kernel tells which user made a socket, and in which service.
+    bool tellsUsers() const { return mOwners.road() != OwnerQuery::Road::None; }
+    bool tellsServices() const { return mOwners.tellsControlGroups() && mServices.isThere(); }
+
+    /// As the files have them now.
+    const Users& users()
+    {
+        mUsers.refresh();
+        return mUsers;
+    }
 
 private:
     void findService(Identity& identity);

@@ -11,9 +11,10 @@ struct Identity
 {
     // ---- What the kernel vouches for. It never changes.
     Owner owner;
-    std::string user;           ///< its name, or its number; empty: unknown
-    std::string service;        ///< of systemd; empty: none, or unknown
-    bool isServiceOpen = false; ///< it can be looked for only later
+    std::string user;            ///< its name, or its number; empty: unknown
+    std::string service;         ///< of systemd; empty: none, or unknown
+    bool isServiceKnown = false; ///< which it is, or that there is none
+    bool isServiceOpen = false;  ///< it can be looked for only later
 
     // ---- For people.
     pid_t pid = 0;         ///< 0: unknown

@@ -38,6 +38,13 @@ public:
     bool isKnown() const { return mKnowledge == Knowledge::Known; }
     Knowledge knowledge() const { return mKnowledge; }
 
+    /// It is unknown because the peer has ended.
+    bool hasGone() const
+    {
+        return mKnowledge == Knowledge::NoConnection || mKnowledge == Knowledge::NotEstablished ||
+               mKnowledge == Knowledge::NoProcess;
+    }
+
     /// For a log line: "known", or why not.
     const char* reason() const;
 

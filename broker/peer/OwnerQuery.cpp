@@ -77,8 +77,13 @@ OwnerQuery::Road OwnerQuery::firstTrue()
     if (!connection.isThere() || connection.inode() == 0)
         return Road::None;
     for (const Road road : {Road::SockDiag, Road::ConnectionTable})
-        if (askAlong(road, connection.pair()).inode() == connection.inode())
-            return road;
+    {
+        const Owner owner = askAlong(road, connection.pair());
+        if (owner.inode() != connection.inode())
+            continue;
+        mTellsControlGroups = owner.cgroup().has_value();
+        return road;
+    }
     return Road::None;
 }
 

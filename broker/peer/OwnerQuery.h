@@ -13,7 +13,7 @@
 ///
 /// The kernel knows who made the socket, as SO_PEERCRED does for other sockets: which user's trust the
 /// connection has, not which program uses it. It is asked when the connection is accepted. As long as our end
-/// is open, nobody else can have a connected socket with the same pair of addresses.
+/// is connected, nobody else can have a connected socket with the same pair of addresses.
 class OwnerQuery
 {
 public:
@@ -39,6 +39,9 @@ public:
 
     Road road() const { return mRoad; }
 
+    /// The kernel tells in which control group a socket was made.
+    bool tellsControlGroups() const { return mTellsControlGroups; }
+
     /// For people: "sock_diag", "/proc/net/tcp", "none".
     static const char* name(Road road);
 
@@ -57,6 +60,7 @@ private:
     UserNamespace mUsers;
     ConnectionTable mTable;
     SockDiag mSockDiag;
+    bool mTellsControlGroups = false;
     Road mRoad;
 };
 

@@ -50,6 +50,9 @@ public:
     /// @param proc "/proc"
     static std::string rootIn(const std::string& proc);
 
+    /// There is a tree.
+    bool isThere() const { return !mRoot.empty(); }
+
     /// A control group never seen before takes a walk: some microseconds for each folder.
     Answer find(uint64_t controlGroup);
 

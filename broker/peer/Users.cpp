@@ -144,24 +144,25 @@ std::optional<uid_t> Users::uid(std::string_view name) const
     return found == mContent.numbers.end() ? std::nullopt : std::optional(found->second);
 }
 
-bool Users::isGroup(std::string_view name) const
+std::optional<gid_t> Users::gid(std::string_view name) const
 {
-    return std::any_of(mContent.groups.begin(), mContent.groups.end(),
-                       [name](const Group& group) { return group.name == name; });
+    const auto found = std::find_if(mContent.groups.begin(), mContent.groups.end(),
+                                    [name](const Group& group) { return group.name == name; });
+    return found == mContent.groups.end() ? std::nullopt : std::optional(found->number);
 }
 
-std::vector<std::string> Users::groups(uid_t uid) const
+std::vector<gid_t> Users::groups(uid_t uid) const
 {
-    std::vector<std::string> names;
+    std::vector<gid_t> numbers;
     const auto user = mContent.users.find(uid);
     if (user == mContent.users.end())
-        return names;
+        return numbers;
     const User& found = user->second;
+    numbers.push_back(found.group);
     for (const Group& group : mContent.groups)
-        if (group.number == found.group ||
-            std::find(group.members.begin(), group.members.end(), found.name) != group.members.end())
-            names.push_back(group.name);
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
+        if (std::find(group.members.begin(), group.members.end(), found.name) != group.members.end())
+            numbers.push_back(group.number);
+    std::sort(numbers.begin(), numbers.end());
+    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+    return numbers;
 }

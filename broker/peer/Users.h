@@ -32,12 +32,10 @@ public:
 
     std::optional<uid_t> uid(std::string_view name) const;
 
-    /// A group of this name exists.
-    bool isGroup(std::string_view name) const;
+    std::optional<gid_t> gid(std::string_view name) const;
 
-    /// The names of the groups that the user is in, by the number in its own entry or by being listed;
-    /// sorted.
-    std::vector<std::string> groups(uid_t uid) const;
+    /// The groups that the user is in, by the number in its own entry or by being listed; sorted.
+    std::vector<gid_t> groups(uid_t uid) const;
 
 private:
     struct User

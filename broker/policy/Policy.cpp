@@ -187,6 +187,12 @@ std::string Policy::explain(const Subject& subject, Action action, std::string_v
     return text;
 }
 
+bool Policy::namesServices() const
+{
+    return std::any_of(mContent.whos.begin(), mContent.whos.end(),
+                       [](const Who& who) { return who.namesServices; });
+}
+
 std::string Policy::describe() const
 {
     const auto placed = [](const std::string& place, const std::string& text)

@@ -69,6 +69,18 @@ public:
     /// Nothing is refused, and what would be refused is logged.
     bool isAudit() const { return mContent.isAudit; }
 
+    /// Some rules are not about everybody: they say nothing about a client whose user is not known.
+    bool tellsClientsApart() const { return mContent.whos.size() > 1; }
+
+    /// Some of them are about services.
+    bool namesServices() const;
+
+    /// How many rules there are, without the default.
+    std::size_t rules() const { return mContent.rules.size() - 1; }
+
+    /// Some users have shares.
+    bool hasQuotas() const { return !mContent.quotas.empty(); }
+
     /// The rule for a value whose last poster has gone. Null if there is none: the value stays.
     const PolicyTie* tieFor(std::string_view key) const;
 

@@ -16,6 +16,8 @@
 #include "broker/wire/Handshake.h"
 #include "broker/wire/Poller.h"
 
+class PolicyClass;
+
 /// One TCP connection of a peer: its handshake, what it sends as messages and commands, and what has been
 /// sent to it as far as the kernel did not take it.
 class Connection : public Pollable, public Refused
@@ -98,6 +100,8 @@ public:
 
     /// The peer at its other end.
     Identity identity;
+    /// The rules for that client; null until it is admitted.
+    const PolicyClass* rights = nullptr;
     /// Posts or requests of it, malformed ones, too.
     uint64_t messages = 0;
     /// Its place among those in the middle of their handshake; the port's.

@@ -104,9 +104,7 @@ void NotificationLog::copy(Position from, Position until, std::string& to) const
 // The whole beginning stands in the first frame.
 std::string_view NotificationLog::beginning(Position message, std::size_t most, std::string& copied) const
 {
-    constexpr std::size_t longHeader = 9;
-    constexpr std::size_t shortHeader = 2;
-    const Position until = std::min(end(), message + longHeader + most);
+    const Position until = std::min(end(), message + FrameWriter::longHeader + most);
     iovec piece{};
     pieces(message, until, &piece, 1);
     std::string_view bytes(static_cast<const char*>(piece.iov_base), piece.iov_len);
@@ -116,9 +114,23 @@ std::string_view NotificationLog::beginning(Position message, std::size_t most, 
         copy(message, until, copied);
         bytes = copied;
     }
-    if ((static_cast<unsigned char>(bytes[0]) & FrameWriter::longFlag) != 0)
-        return bytes.substr(longHeader, most);
-    return bytes.substr(shortHeader, std::min<std::size_t>(most, static_cast<unsigned char>(bytes[1])));
+    return FrameWriter::bodyOfFirst(bytes).substr(0, most);
+}
+
+std::string NotificationLog::text(Position begin, Position end) const
+{
+    std::string bytes;
+    copy(begin, end, bytes);
+    std::string text;
+    text.reserve(bytes.size());
+    std::string_view left = bytes;
+    while (!left.empty())
+    {
+        const std::string_view body = FrameWriter::bodyOfFirst(left);
+        text += body;
+        left.remove_prefix(static_cast<std::size_t>(body.data() + body.size() - left.data()));
+    }
+    return text;
 }
 
 void NotificationLog::advance(Position from, Position to)

@@ -60,6 +60,9 @@ public:
     /// Copies the bytes of a range that is there.
     void copy(Position from, Position until, std::string& to) const;
 
+    /// The text of the message from its beginning to its end.
+    std::string text(Position begin, Position end) const;
+
     /// A subscriber comes to a position, and leaves it.
     void enter(Position position) { ++chunkAt(position).readers; }
     void leave(Position position) { --chunkAt(position).readers; }

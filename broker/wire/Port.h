@@ -136,6 +136,9 @@ protected:
     /// There is no room for another.
     virtual void onFull() = 0;
 
+    /// Whether it may stay. If not, nothing is read from it.
+    virtual bool isAdmitted(Peer& peer) = 0;
+
     virtual void onAccepted(Peer&) {}
 
     /// It is about to be closed.
@@ -174,7 +177,12 @@ private:
             mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
             Peer& peer = *mPeers.back();
             peer.opening = mOpening.end(); // what comes may fail
-            peer.identity = mIdentities.identify(address, mListener.address());
+            peer.identity = mIdentities.identify(peer.descriptor(), address, mListener.address());
+            if (!isAdmitted(peer))
+            {
+                close(peer);
+                return true;
+            }
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
             peer.polled = EPOLLIN;

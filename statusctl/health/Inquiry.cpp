@@ -141,6 +141,23 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
     }
 }
 
+Inquiry::Decision Inquiry::decision(const Settings& settings, const std::string& client,
+                                    const std::string& action, const std::string& name)
+{
+    namespace Member = BrokerProtocol::DecisionMember;
+    const std::string reply = Requester(settings).ask(
+        BrokerProtocol::writeList(BrokerProtocol::Key::getPolicyDecision, {client, action, name}));
+    const std::optional<Json::Value> answer = JsonText::readObject(reply);
+    if (!answer)
+        failToRead(reply);
+    if (const std::string error = textIn(*answer, Member::error); !error.empty())
+        throw Failure(ExitCode::WrongUsage, error);
+    const std::string allowed = textIn(*answer, Member::allowed);
+    if (allowed.empty())
+        throw Failure(ExitCode::BadReply, "this broker has no policy");
+    return {allowed == "yes", textIn(*answer, Member::reason)};
+}
+
 std::string Inquiry::versionIn(const BrokerProtocol::Statistics& statistics)
 {
     std::string version;

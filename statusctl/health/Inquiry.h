@@ -19,6 +19,18 @@ BrokerProtocol::Statistics statistics(const Settings& settings);
 /// @throws Failure as statistics()
 std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 
+/// What the broker's policy says about a client.
+struct Decision
+{
+    bool isAllowed;
+    std::string reason;
+};
+
+/// @param client a user, a service, or USER:SERVICE
+/// @throws Failure as statistics(), and if the broker does not know the client or the action
+Decision decision(const Settings& settings, const std::string& client, const std::string& action,
+                  const std::string& name);
+
 /// The broker's version in them: "1.0.0".
 std::string versionIn(const BrokerProtocol::Statistics& statistics);
 

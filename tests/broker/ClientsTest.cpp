@@ -3,12 +3,11 @@
 #include <gtest/gtest.h>
 #include <json/writer.h>
 #include <memory>
-#include <sys/syscall.h>
-#include <thread>
 #include <unistd.h>
 
 #include "statusctl/text/Json.h"
 #include "tests/broker/Messages.h"
+#include "tests/support/AsUser.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ZmtpPeer.h"
 
@@ -59,20 +58,6 @@ protected:
     ZmtpPeer asking{ZmtpPeer::requestPort};
 };
 
-// Connected by a thread that is another user.
-std::unique_ptr<ZmtpPeer> peerOfUser(uid_t user, uint16_t port)
-{
-    std::unique_ptr<ZmtpPeer> peer;
-    std::thread thread(
-        [&]
-        {
-            if (syscall(SYS_setresuid, user, user, user) == 0) // of this thread alone, unlike setresuid()
-                peer = std::make_unique<ZmtpPeer>(port);
-        });
-    thread.join();
-    return peer;
-}
-
 } // namespace
 
 TEST_F(ClientsTest, theConnectionsOfAProcessAreOneClient)
@@ -114,8 +99,8 @@ TEST_F(ClientsTest, anotherUserIsAnotherClientAlsoWithinAProcess)
     constexpr uid_t user = 12345;
     if (geteuid() != 0)
         GTEST_SKIP() << "only root can be another user";
-    const std::unique_ptr<ZmtpPeer> other = peerOfUser(user, ZmtpPeer::postPort);
-    ASSERT_NE(other, nullptr);
+    std::unique_ptr<ZmtpPeer> other;
+    ASSERT_TRUE(asUser(user, [&] { other = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort); }));
     ASSERT_TRUE(other->shakeHands());
     const Json::Value all = clients();
     ASSERT_EQ(all.size(), 2U) << all;

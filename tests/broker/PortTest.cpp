@@ -72,8 +72,9 @@ protected:
     MemoryBudget budget{limits.memory};
     Poller poller;
     Identities identities;
-    const PortEnvironment environment{poller, identities, budget, limits, refusals};
-    PostPort port{environment, [](std::string_view) {}};
+    Guard guard{identities, refusals, std::make_unique<const Policy>()};
+    const PortEnvironment environment{poller, identities, budget, limits, refusals, guard};
+    PostPort port{environment, [](PostConnection&, std::string_view) {}};
 };
 
 } // namespace

@@ -105,6 +105,8 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
     EXPECT_EQ(command.operation, Operation::GetBrokerStatistics);
     ASSERT_TRUE(readsRequest(writeText(Key::getBrokerClients, "null")));
     EXPECT_EQ(command.operation, Operation::GetBrokerClients);
+    ASSERT_TRUE(readsRequest(writeList(Key::getPolicyDecision, {"web", "post", "a"})));
+    EXPECT_EQ(command.operation, Operation::GetPolicyDecision);
     ASSERT_TRUE(readsRequest(writeList(Key::getClientInfoValues, {"a", "a"})));
     EXPECT_EQ(command.operation, Operation::GetClientInfoValues);
     EXPECT_EQ(command.texts, (TextViews{"a", "a"}));
@@ -122,9 +124,32 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
     }
 }
 
+TEST_F(Reading, aNotificationIsReadAsThePostOfWhichItTells)
+{
+    for (const std::string value : {"plain", "\xc3\xa4 \"\\"})
+    {
+        for (const auto& [key, operation] :
+             {std::pair{Key::statusUpdate, Operation::PostStatus}, {Key::eventUpdate, Operation::PostEvent}})
+        {
+            std::string text;
+            appendUpdate(text, key, {{"a", value}, {"b", ""}});
+            ASSERT_TRUE(command.readUpdate(message = text));
+            EXPECT_EQ(command.operation, operation);
+            EXPECT_EQ(mapOf(command.members), (Members{{"a", value}, {"b", ""}}));
+        }
+    }
+}
+
+TEST_F(Reading, nothingElseIsANotification)
+{
+    for (const char* text : {"Sync", "", "{}", R"({"postStatus":{"a":"1"}})", R"({"statusUpdate":["a"]})",
+                             R"({"statusUpdate":{"a":1}})", R"({"statusUpdate":{}},)"})
+        EXPECT_FALSE(command.readUpdate(message = text)) << text;
+}
+
 TEST_F(Reading, everyOperationHasTheNameByWhichItIsRead)
 {
-    for (auto index = 0; index <= static_cast<int>(Operation::GetBrokerClients); ++index)
+    for (auto index = 0; index <= static_cast<int>(Operation::GetPolicyDecision); ++index)
     {
         const auto operation = static_cast<Operation>(index);
         const std::string name = nameOf(operation);

@@ -115,7 +115,8 @@ inline const Forms requests{{BrokerProtocol::Key::getClientInfo, readText},
                             {BrokerProtocol::Key::getCounterValue, readText},
                             {BrokerProtocol::Key::incrementCounter, readText},
                             {BrokerProtocol::Key::getBrokerStatistics, readText},
-                            {BrokerProtocol::Key::getBrokerClients, readText}};
+                            {BrokerProtocol::Key::getBrokerClients, readText},
+                            {BrokerProtocol::Key::getPolicyDecision, readTexts}};
 
 inline std::optional<Meaning> read(const std::string& document, const Forms& forms)
 {

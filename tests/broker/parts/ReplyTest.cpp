@@ -40,7 +40,7 @@ protected:
     std::string produced(Reply reply, std::size_t pieceBytes = 8192)
     {
         std::string bytes;
-        while (!reply.produce(state, pieceBytes, bytes))
+        while (!reply.produce(state, {}, pieceBytes, bytes))
         {
         }
         return textOf(bytes);
@@ -118,7 +118,7 @@ TEST_F(ReplyTest, isProducedPieceByPiece)
     for (bool isLast = false; !isLast; ++pieces)
     {
         piece.clear();
-        isLast = reply.produce(state, pieceBytes, piece);
+        isLast = reply.produce(state, {}, pieceBytes, piece);
         ASSERT_LT(piece.size(), 2 * pieceBytes);
         ASSERT_LT(reply.heldBytes(), 3 * pieceBytes);
     }
@@ -142,9 +142,9 @@ TEST_F(ReplyTest, aValueIsAsItIsWhenItsTurnComes)
     post(numbered(100, 100));
     Reply reply = Reply::ofAll();
     std::string bytes;
-    ASSERT_FALSE(reply.produce(state, 1000, bytes));
+    ASSERT_FALSE(reply.produce(state, {}, 1000, bytes));
     post({{"key0", "too late"}, {"key99", "in time"}, {"key0more", "too late"}, {"z", "new"}});
-    while (!reply.produce(state, 1000, bytes))
+    while (!reply.produce(state, {}, 1000, bytes))
     {
     }
     const std::optional<Map> values = BrokerProtocol::readMapReply(textOf(bytes));
@@ -163,7 +163,7 @@ TEST_F(ReplyTest, changesBetweenAnyTwoPiecesLeaveItADocument)
     {
         Reply reply = Reply::ofAll();
         std::string bytes;
-        for (std::size_t round = 0; !reply.produce(state, pieceBytes, bytes); ++round)
+        for (std::size_t round = 0; !reply.produce(state, {}, pieceBytes, bytes); ++round)
             post({{"key" + std::to_string(round % 100), std::string((round * 37) % 600, 'w')}});
         const std::optional<Map> values = BrokerProtocol::readMapReply(textOf(bytes));
         ASSERT_TRUE(values) << pieceBytes;

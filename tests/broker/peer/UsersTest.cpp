@@ -9,7 +9,7 @@
 namespace
 {
 
-using Names = std::vector<std::string>;
+using Groups = std::vector<gid_t>;
 
 class UsersTest : public testing::Test
 {
@@ -49,21 +49,21 @@ TEST_F(UsersTest, ofSeveralNamesTheFirstCounts)
 {
     EXPECT_EQ(users().name(0), "root");
     EXPECT_EQ(users().uid("toor"), 0U);
-    EXPECT_EQ(users().groups(0), Names{"root"}) << "not those of toor";
+    EXPECT_EQ(users().groups(0), Groups{0}) << "not those of toor";
 }
 
 TEST_F(UsersTest, aUserWithoutANameIsItsNumber)
 {
     EXPECT_EQ(users().name(4000), "4000");
     EXPECT_FALSE(users().uid("4000"));
-    EXPECT_EQ(users().groups(4000), Names{});
+    EXPECT_EQ(users().groups(4000), Groups{});
 }
 
 TEST_F(UsersTest, aUserIsInItsOwnGroupAndInThoseThatListIt)
 {
-    EXPECT_EQ(users().groups(1000), (Names{"net", "users", "wheel"}));
-    EXPECT_TRUE(users().isGroup("wheel"));
-    EXPECT_FALSE(users().isGroup("weel"));
+    EXPECT_EQ(users().groups(1000), (Groups{10, 100, 998}));
+    EXPECT_EQ(users().gid("wheel"), 10U);
+    EXPECT_FALSE(users().gid("weel"));
 }
 
 TEST_F(UsersTest, brokenLinesAreSkipped)
@@ -98,14 +98,14 @@ TEST_F(UsersTest, aNameCannotLookLikeTheNumberOfAnother)
 TEST_F(UsersTest, brokenGroupsAreSkipped)
 {
     group("+\nwheel\nwheel:x\nwheel:x:ten:ui\nnet:x:998:ui\n");
-    EXPECT_EQ(users().groups(1000), Names{"net"});
+    EXPECT_EQ(users().groups(1000), (Groups{100, 998}));
 }
 
 TEST_F(UsersTest, withoutFilesNobodyHasAName)
 {
     const Users none(folder / "missing", folder / "missing");
     EXPECT_EQ(none.name(0), "0");
-    EXPECT_EQ(none.groups(0), Names{});
+    EXPECT_EQ(none.groups(0), Groups{});
 }
 
 TEST_F(UsersTest, aFileThatIsTooLongIsNotRead)
@@ -132,7 +132,7 @@ TEST_F(UsersTest, whatWasChangedIsReadAnew)
     EXPECT_EQ(read.name(1000), "new");
     group("new:x:100:\n");
     EXPECT_TRUE(read.refresh());
-    EXPECT_EQ(read.groups(1000), Names{"new"});
+    EXPECT_EQ(read.groups(1000), Groups{100});
 }
 
 TEST_F(UsersTest, whenAFileCannotBeReadAllStaysAsItWas)
@@ -142,7 +142,7 @@ TEST_F(UsersTest, whenAFileCannotBeReadAllStaysAsItWas)
     std::filesystem::remove(folder / "group");
     EXPECT_FALSE(read.refresh());
     EXPECT_EQ(read.name(1000), "ui");
-    EXPECT_EQ(read.groups(1000), (Names{"net", "users", "wheel"}));
+    EXPECT_EQ(read.groups(1000), (Groups{10, 100, 998}));
 }
 
 TEST_F(UsersTest, aFolderOrAPipeInPlaceOfAFileIsNotRead)

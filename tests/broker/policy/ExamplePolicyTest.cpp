@@ -60,12 +60,8 @@ TEST(ExamplePolicy, letsOthersLook)
     EXPECT_TRUE(may(*policy, userSubject(0), Action::Time));
 }
 
-TEST(ExamplePolicy, hasSharesAndTies)
+TEST(ExamplePolicy, hasNothingThatTheBrokerDoesNotEnforce)
 {
-    const auto policy = example();
-    EXPECT_EQ(policy->quotaFor(webUser)->keys, 10U);
-    EXPECT_EQ(policy->quotaFor(netUser)->bytes, 1024U * 1024U);
-    EXPECT_EQ(policy->tieFor("net.eth0")->becomes, "offline");
-    EXPECT_EQ(policy->tieFor("ui.reboot")->becomes, "");
-    EXPECT_EQ(policy->tieFor("power.idle"), nullptr);
+    EXPECT_FALSE(example()->hasQuotas());
+    EXPECT_FALSE(example()->hasTies());
 }

@@ -230,6 +230,22 @@ TEST_F(NotificationLogTest, theBeginningOfAMessageIsOfItsTextAlone)
     EXPECT_EQ(beginning(second, 255), std::string(255, 'm'));
 }
 
+TEST_F(NotificationLogTest, theTextOfAMessageIsThatOfAllItsFrames)
+{
+    append("");
+    const Position first = log.end();
+    append(std::string(300, 'l'));
+    const Position second = log.end();
+    append(std::string(512, 'm') + std::string(512, 'n') + "o");
+    fillTo(chunk - 10);
+    const Position last = log.end();
+    append("0123456789");
+    EXPECT_EQ(log.text(0, first), "");
+    EXPECT_EQ(log.text(first, second), std::string(300, 'l'));
+    EXPECT_EQ(log.text(second, endBehind(second)), std::string(512, 'm') + std::string(512, 'n') + "o");
+    EXPECT_EQ(log.text(last, log.end()), "0123456789");
+}
+
 TEST_F(NotificationLogTest, theBeginningOfAMessageMayLieAcrossTwoChunks)
 {
     for (std::size_t before = 1; before < 20; ++before)

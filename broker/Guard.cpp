@@ -1,0 +1,121 @@
+#include "broker/Guard.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace
+{
+
+// Where a rule stands, for a log line.
+const char* placeOf(const PolicyRule& rule)
+{
+    return rule.place.empty() ? "the default" : rule.place.c_str();
+}
+
+} // namespace
+
+Guard::Guard(Identities& identities, Refusals& refusals, std::unique_ptr<const Policy> policy)
+    : mIdentities(identities), mRefusals(refusals)
+{
+    setPolicy(std::move(policy));
+}
+
+void Guard::setPolicy(std::unique_ptr<const Policy> policy)
+{
+    check(*policy);
+    mPolicy = std::move(policy);
+}
+
+void Guard::check(const Policy& policy) const
+{
+    if (policy.isAudit())
+        return;
+    if (policy.tellsClientsApart() && !mIdentities.tellsUsers())
+        throw std::runtime_error(
+            "the policy names clients, but neither sock_diag nor /proc/net/tcp tells whose "
+            "a connection is");
+    if (policy.namesServices() && !mIdentities.tellsServices())
+        throw std::runtime_error("the policy names services, but this kernel does not tell them: that takes "
+                                 "sock_diag with control groups, and version 2 of those");
+}
+
+// ------------------------------------------------------------------------------------------ at the beginning
+
+bool Guard::admit(Connection& connection)
+{
+    const char* unknown = lacking(connection.identity);
+    if (unknown != nullptr && !reportUnknown(connection, unknown))
+        return false;
+    connection.rights = &mPolicy->classOf(subjectOf(connection.identity));
+    return true;
+}
+
+// Returns whether it may stay nevertheless. One that has gone without a word was a look at whether the broker
+// is there.
+bool Guard::reportUnknown(Connection& connection, const char* reason)
+{
+    const bool isAudit = mPolicy->isAudit();
+    if (connection.identity.owner.hasGone() && connection.arrivals() == 0)
+        return isAudit;
+    const Refusals::From from(mRefusals, connection);
+    mRefusals.report(isAudit ? Refusal::Audited : Refusal::UnknownOwner,
+                     "%s a connection, the policy needs to know its owner: %s",
+                     isAudit ? "Would refuse" : "Refused", reason);
+    return isAudit;
+}
+
+// A rule that is about others could be about this one. So it is not enough to leave the rule out: it may be
+// the one that denies.
+const char* Guard::lacking(const Identity& identity) const
+{
+    if (mPolicy->tellsClientsApart() && !identity.owner.uid())
+        return identity.owner.reason();
+    if (mPolicy->namesServices() && !identity.isServiceKnown)
+        return "its service cannot be told";
+    return nullptr;
+}
+
+Subject Guard::subjectOf(const Identity& identity) const
+{
+    Subject subject;
+    subject.user = identity.owner.uid();
+    if (subject.user)
+        subject.groups = mIdentities.users().groups(*subject.user);
+    subject.service = identity.service;
+    return subject;
+}
+
+// ------------------------------------------------------------------------------------------------ later on
+
+bool Guard::refuse(Action action, std::string_view name, const PolicyRule& rule)
+{
+    const bool isAudit = mPolicy->isAudit();
+    const bool hasName = action != Action::Time;
+    mRefusals.report(isAudit ? Refusal::Audited : Refusal::Denied, "%s %s%s%.*s%s, by %s",
+                     isAudit ? "Would deny" : "Denied", nameOf(action).data(), hasName ? " of [" : "",
+                     excerptLength(name), name.data(), hasName ? "]" : "", placeOf(rule));
+    return isAudit;
+}
+
+bool Guard::shows(Connection& client, std::string_view name)
+{
+    return !hides(client, Action::See, name);
+}
+
+bool Guard::answersWith(Connection& client, std::string_view key)
+{
+    return !hides(client, Action::See, key) && !hides(client, Action::Query, key);
+}
+
+bool Guard::hides(Connection& client, Action action, std::string_view name)
+{
+    const Decision decision = client.rights->decide(action, name);
+    if (decision.isAllowed)
+        return false;
+    if (!mPolicy->isAudit())
+        return true;
+    const Refusals::From from(mRefusals, client);
+    mRefusals.report(Refusal::AuditedView, "Would not show [%.*s], %s denied by %s", excerptLength(name),
+                     name.data(), nameOf(action).data(), placeOf(*decision.rule));
+    return false;
+}

@@ -1,0 +1,39 @@
+#ifndef BROKER_POLICYINQUIRY_H
+#define BROKER_POLICYINQUIRY_H
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "broker/peer/Users.h"
+#include "broker/policy/Policy.h"
+
+/// Asks a policy, for people, what it says about a client that need not be connected.
+class PolicyInquiry
+{
+public:
+    /// The policy must outlive it.
+    /// @param client the name or number of a user, the whole name of a service, or both as USER:SERVICE
+    /// @param action as policies name it
+    PolicyInquiry(const Policy& policy, const Users& users, std::string_view client, std::string_view action);
+
+    /// What is wrong with the question; empty if nothing is.
+    const std::string& error() const { return mError; }
+
+    bool isAllowed(std::string_view name) const;
+
+    /// In one line.
+    std::string reason(std::string_view name) const;
+
+private:
+    void readClient(const Users& users, std::string_view client);
+    void readUser(const Users& users, std::string_view user);
+    void readAction(std::string_view action);
+
+    const Policy& mPolicy;
+    Subject mSubject;
+    std::optional<Action> mAction;
+    std::string mError;
+};
+
+#endif

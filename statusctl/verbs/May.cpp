@@ -1,0 +1,58 @@
+#include "statusctl/health/Inquiry.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/text/Text.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+class May : public IVerb
+{
+public:
+    explicit May(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(
+            app, "may", "Print whether the policy allows a client something, and why",
+            "statusctl may web post net.up\n"
+            "statusctl may net.service reset wifi.state\n"
+            "statusctl may web:web.service see net.password\n"
+            "statusctl may clock:clock.service time",
+            "CLIENT is the name or number of a user, the name of a service, or both as USER:SERVICE. A "
+            "service\n"
+            "alone has no user, so rules for users do not concern it. ACTION is post, reset, event, timer,\n"
+            "counter, query, see, time or forget. Exits with 0 if the client may, else with 1. The policy "
+            "asked\n"
+            "is that which is in force in the broker.");
+        command.add_option("CLIENT", mClient, "Who")->required();
+        command.add_option("ACTION", mAction, "Does what")->required();
+        command.add_option("NAME", mName, "To which key, event, timer or counter");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const Inquiry::Decision decision = Inquiry::decision(settings, mClient, mAction, mName);
+        Output output(settings);
+        if (settings.isJson())
+        {
+            Json::Value object(Json::objectValue);
+            object["allowed"] = decision.isAllowed;
+            object["reason"] = Text::valid(decision.reason);
+            output.json(object);
+        }
+        else
+            output.line(Text::escaped(decision.reason));
+        return decision.isAllowed ? ExitCode::Done : ExitCode::Failed;
+    }
+
+private:
+    std::string mClient;
+    std::string mAction;
+    std::string mName;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addMay(CLI::App& app)
+{
+    return std::make_unique<May>(app);
+}

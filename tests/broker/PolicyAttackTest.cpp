@@ -1,0 +1,217 @@
+// Another user tries all it can to write what the policy leaves to us.
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <future>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "tests/broker/PolicedBroker.h"
+#include "tests/support/AsUser.h"
+
+namespace
+{
+
+constexpr uid_t attacker = 12345;
+
+// Connects from a port of its choice, so that the port of a connection that has ended is used again at once.
+class ChosenPort
+{
+public:
+    ChosenPort(uint16_t local, uint16_t remote)
+    {
+        const int on = 1;
+        setsockopt(mSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+        const linger none{1, 0}; // no TIME_WAIT
+        setsockopt(mSocket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+        const sockaddr_in own = at(local);
+        const sockaddr_in broker = at(remote);
+        mIsConnected = bind(mSocket, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == 0 &&
+                       connect(mSocket, reinterpret_cast<const sockaddr*>(&broker), sizeof(broker)) == 0;
+    }
+    ~ChosenPort() { close(mSocket); }
+
+    ChosenPort(const ChosenPort&) = delete;
+    ChosenPort& operator=(const ChosenPort&) = delete;
+
+    bool isConnected() const { return mIsConnected; }
+    void write(const std::string& bytes) const
+    {
+        static_cast<void>(send(mSocket, bytes.data(), bytes.size(), MSG_NOSIGNAL));
+    }
+
+private:
+    static sockaddr_in at(uint16_t port)
+    {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return address;
+    }
+
+    int mSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bool mIsConnected = false;
+};
+
+// Only root can be two users. What is denied to any user is denied in DenyingTest, and GuardTest tells users
+// apart.
+class PolicyAttack : public PolicedBroker
+{
+protected:
+    void SetUp() override
+    {
+        if (geteuid() != 0)
+            GTEST_SKIP() << "only root can become another user";
+        start("default = \"deny\"\n[[rule]]\nuser = 0\nallow = \"all\"\n"
+              "[[rule]]\nuser = 12345\nallow = \"post\"\nkeys = \"web.*\"\n");
+        post(postOf("ours", "1"));
+    }
+
+    // The posts behind the handshake, in one go.
+    static std::string session(const std::string& posts)
+    {
+        return ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + posts;
+    }
+
+    // A client that may is served beside it, and sees what it has written itself.
+    template <class Attack>
+    void whileServed(Attack attack)
+    {
+        std::atomic<bool> isOver{false};
+        auto attacking = std::async(std::launch::async,
+                                    [&]
+                                    {
+                                        EXPECT_TRUE(asUser(attacker, attack));
+                                        isOver = true;
+                                    });
+        int number = 0;
+        while (!isOver)
+        {
+            const std::string value = std::to_string(++number);
+            ASSERT_TRUE(posting->write(ZmtpPeer::message(postOf("ours", value))));
+            EXPECT_TRUE(eventually([&] { return all() == R"({"ours":")" + value + "\"}"; })) << all();
+        }
+        attacking.get();
+        EXPECT_GT(number, 0);
+    }
+
+    static std::string forbidden()
+    {
+        return ZmtpPeer::message(postOf("ours", "theirs")) + ZmtpPeer::message(postOf("other", "theirs")) +
+               ZmtpPeer::message(R"({"resetStatus":["ours"]})");
+    }
+};
+
+} // namespace
+
+TEST_F(PolicyAttack, aHundredThousandPostsChangeNothing)
+{
+    constexpr int posts = 100000;
+    whileServed(
+        []
+        {
+            ZmtpPeer peer(ZmtpPeer::postPort);
+            ASSERT_TRUE(peer.shakeHands());
+            std::string bytes;
+            for (int i = 0; i < 100; ++i)
+                bytes += ZmtpPeer::message(postOf("ours", "theirs"));
+            for (int i = 0; i < posts / 100; ++i)
+                ASSERT_TRUE(peer.write(bytes));
+            ZmtpPeer counting(ZmtpPeer::requestPort);
+            ASSERT_TRUE(counting.shakeHands());
+            EXPECT_TRUE(eventually([&] { return statistic(counting, "policy.denied") == posts; }));
+        });
+    EXPECT_EQ(statistic("stored.keys"), 1U);
+}
+
+TEST_F(PolicyAttack, whatIsSentAndClosedAtOnceChangesNothing)
+{
+    whileServed(
+        []
+        {
+            for (int i = 0; i < 2000; ++i)
+            {
+                const ChosenPort gone(0, ZmtpPeer::postPort);
+                gone.write(session(forbidden()));
+            }
+        });
+    EXPECT_EQ(statistic("stored.keys"), 1U);
+}
+
+// The broker must not take the one for the other.
+TEST_F(PolicyAttack, thePortOfAnAllowedConnectionBringsNoRights)
+{
+    constexpr uint16_t port = 30555;
+    int connected = 0;
+    for (int i = 0; i < 300; ++i)
+    {
+        {
+            const ChosenPort mine(port, ZmtpPeer::postPort);
+            mine.write(session(ZmtpPeer::message(postOf("mine", "1"))));
+        }
+        ASSERT_TRUE(asUser(attacker,
+                           [&]
+                           {
+                               const ChosenPort theirs(port, ZmtpPeer::postPort);
+                               theirs.write(session(forbidden()));
+                               connected += theirs.isConnected() ? 1 : 0;
+                           }));
+    }
+    EXPECT_GT(connected, 200);
+    const uint64_t before = statistic("posts");
+    post(postOf("last", "1"));
+    EXPECT_GT(statistic("posts"), before);
+    const std::string values = all();
+    EXPECT_EQ(values.find("theirs"), std::string::npos) << values;
+    EXPECT_NE(values.find(R"("ours":"1")"), std::string::npos) << values;
+}
+
+TEST_F(PolicyAttack, aFloodOfConnectionsChangesNothing)
+{
+    whileServed(
+        []
+        {
+            for (int round = 0; round < 20; ++round)
+            {
+                std::vector<std::unique_ptr<ChosenPort>> peers;
+                for (int i = 0; i < 100; ++i)
+                {
+                    peers.push_back(std::make_unique<ChosenPort>(0, ZmtpPeer::postPort));
+                    peers.back()->write(session(forbidden()));
+                }
+            }
+        });
+    EXPECT_EQ(statistic("stored.keys"), 1U);
+}
+
+TEST_F(PolicyAttack, whatItMayWriteIsTaken)
+{
+    ASSERT_TRUE(asUser(attacker,
+                       []
+                       {
+                           ZmtpPeer peer(ZmtpPeer::postPort);
+                           ASSERT_TRUE(peer.shakeHands());
+                           ASSERT_TRUE(peer.write(forbidden() + ZmtpPeer::message(postOf("web.a", "1"))));
+                           EXPECT_TRUE(peer.readFrame()); // it is not closed before all of it is read
+                       }));
+    EXPECT_TRUE(eventually([&] { return all() == R"({"ours":"1","web.a":"1"})"; }));
+}
+
+TEST_F(PolicyAttack, itIsToldNothing)
+{
+    ASSERT_TRUE(asUser(attacker,
+                       [&]
+                       {
+                           ZmtpPeer asker(ZmtpPeer::requestPort);
+                           ZmtpPeer listener(ZmtpPeer::notifyPort);
+                           ASSERT_TRUE(asker.shakeHands());
+                           ASSERT_TRUE(listener.shakeHands());
+                           ASSERT_TRUE(listener.write(ZmtpPeer::subscribe("")));
+                           EXPECT_EQ(asker.ask(R"({"getClientInfo":"null"})"), "{}");
+                           EXPECT_EQ(asker.ask(R"({"getClientInfoValue":"ours"})"), R"({"statusValue":""})");
+                           for (int i = 0; i < 100; ++i)
+                               post(postOf("ours", std::to_string(i + 2)));
+                           EXPECT_EQ(listener.receiveText(std::chrono::milliseconds(50)), std::nullopt);
+                       }));
+}

@@ -1,0 +1,122 @@
+// How the real broker takes its policy: at the start, at SIGHUP, and when it is asked about it.
+
+#include <csignal>
+
+#include "tests/broker/PolicedBroker.h"
+
+class UsedPolicy : public PolicedBroker
+{
+protected:
+    /// The exit code of a broker that does not come up, and what it says.
+    std::pair<int, std::string> refusal(const std::string& policy)
+    {
+        writePolicy(policy);
+        TestProcess process({STATUSBROKER_PRODUCT, "--policy", folder / "policy"});
+        const int code = process.waitForExit().value_or(-1);
+        return {code, process.errors()};
+    }
+};
+
+TEST_F(UsedPolicy, atSighupAnotherPolicyIsInForceForThoseThatAreConnected)
+{
+    start(allOk);
+    post(postOf("secret", "1"));
+    reload(rule("deny = [\"post\", \"query\"]\nkeys = \"secret\""));
+    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    post(postOf("secret", "2"));
+    EXPECT_EQ(all(), "{}");
+    EXPECT_EQ(statistic("policy.denied"), 1U);
+}
+
+TEST_F(UsedPolicy, aSubscriberThatMaySeeMoreIsToldOfIt)
+{
+    start(rule("deny = \"see\"\nkeys = \"secret\""));
+    listen();
+    post(R"({"postStatus":{"a":"1","secret":"2"}})");
+    EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1"}})");
+    reload(allOk);
+    EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1","secret":"2"}})");
+}
+
+TEST_F(UsedPolicy, aSubscriberThatMaySeeLessIsNotToldAnyMore)
+{
+    start(allOk);
+    listen();
+    reload(rule("deny = \"see\"\nkeys = \"secret\""));
+    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    post(postOf("secret", "2"));
+    post(postOf("a", "1"));
+    EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1"}})");
+}
+
+TEST_F(UsedPolicy, atSighupAFileThatIsWrongKeepsThePolicyBefore)
+{
+    start(rule("deny = \"post\"\nkeys = \"secret\""));
+    reload("[[rule]]\nallow = \"everything\"\n");
+    ASSERT_TRUE(isInLog("Keeping the options: " + (folder / "policy") + ":2: "));
+    post(postOf("secret", "2"));
+    EXPECT_EQ(all(), "{}");
+}
+
+TEST_F(UsedPolicy, aBrokerWhosePolicyIsWrongDoesNotStart)
+{
+    const auto [code, errors] = refusal("[[rule]]\nallow = \"everything\"\n[[rule]]\ndeny = 5\n");
+    EXPECT_EQ(code, 2);
+    EXPECT_NE(errors.find((folder / "policy") + ":2: "), std::string::npos) << errors;
+    EXPECT_NE(errors.find((folder / "policy") + ":4: "), std::string::npos) << errors;
+}
+
+TEST_F(UsedPolicy, aBrokerDoesNotPromiseWhatItDoesNotEnforce)
+{
+    const auto [code, errors] = refusal("[[quota]]\nkeys = 5\n");
+    EXPECT_EQ(code, 2);
+    EXPECT_NE(errors.find("does not enforce them"), std::string::npos) << errors;
+    EXPECT_EQ(refusal("[[owned]]\nkeys = \"a\"\n").first, 2);
+}
+
+TEST_F(UsedPolicy, checkConfigExplainsIt)
+{
+    writePolicy(rule("deny = \"post\"\nkeys = \"secret\""));
+    TestProcess process({STATUSBROKER_PRODUCT, "--policy", folder / "policy", "--check-config"});
+    EXPECT_EQ(process.waitForExit(), 0);
+    const std::string output = process.readRest();
+    EXPECT_NE(output.find("mode: enforce\n"), std::string::npos) << output;
+    EXPECT_NE(output.find("deny post of secret\n"), std::string::npos) << output;
+}
+
+TEST_F(UsedPolicy, itTellsWhatItSaysAboutAClient)
+{
+    start("[[rule]]\nuser = 4000\ndeny = \"post\"\nkeys = \"secret\"\n"
+          "[[rule]]\nservice = \"net\"\ndeny = \"reset\"\n");
+    const auto decision = [&](const std::string& client, const std::string& action, const std::string& name)
+    { return ask(R"({"getPolicyDecision":[")" + client + "\",\"" + action + "\",\"" + name + "\"]}"); };
+    EXPECT_EQ(decision("4000", "post", "secret").find(R"({"allowed":"no","reason":"denied by )"), 0U);
+    EXPECT_EQ(decision("4000", "post", "other"),
+              R"({"allowed":"yes","reason":"allowed by the default, as no rule matches"})");
+    EXPECT_EQ(decision("net.service", "reset", "a").find(R"({"allowed":"no")"), 0U);
+    EXPECT_EQ(decision("net.service", "post", "secret").find(R"({"allowed":"yes")"), 0U);
+    EXPECT_EQ(decision("4000:net.service", "post", "secret").find(R"({"allowed":"no")"), 0U);
+    EXPECT_EQ(decision("4000:net.service", "reset", "a").find(R"({"allowed":"no")"), 0U);
+    EXPECT_EQ(decision("4000", "time", "").find(R"({"allowed":"yes")"), 0U);
+}
+
+TEST_F(UsedPolicy, aQuestionAboutNobodyOrNothingGetsAnError)
+{
+    start(allOk);
+    EXPECT_EQ(ask(R"({"getPolicyDecision":["no such user","post","a"]})"),
+              R"({"error":"\"no such user\" is no user"})");
+    EXPECT_EQ(ask(R"({"getPolicyDecision":["0:net","post","a"]})"),
+              R"({"error":"\"net\" is no service, such as net.service"})");
+    EXPECT_EQ(
+        ask(R"({"getPolicyDecision":["0","look","a"]})"),
+        R"({"error":"\"look\" is none of post, reset, event, timer, counter, query, see, time, forget"})");
+    EXPECT_EQ(ask(R"({"getPolicyDecision":[]})"), R"({"error":"\"\" is no user"})");
+}
+
+TEST_F(UsedPolicy, whatWouldBeDeniedIsAllowedInAuditMode)
+{
+    start("mode = \"audit\"\n[[rule]]\nuser = 4000\ndeny = \"post\"\n");
+    const std::string answer = ask(R"({"getPolicyDecision":["4000","post","a"]})");
+    EXPECT_EQ(answer.find(R"({"allowed":"yes","reason":"denied by )"), 0U) << answer;
+    EXPECT_NE(answer.find("only logged"), std::string::npos) << answer;
+}
