@@ -41,6 +41,7 @@ inline Values valuesOf(const Options& options)
     const auto text = [](std::size_t number) { return std::to_string(number); };
     const Limits& limits = options.limits;
     return {{"allow-set-time", options.allowSetTime ? "true" : "false"},
+            {"policy", options.policy},
             {"log-level", std::to_string(options.logLevel)},
             {"heartbeat", std::to_string(options.heartbeat.count())},
             {"state", options.stateFile},
