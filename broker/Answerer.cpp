@@ -1,5 +1,7 @@
 #include "broker/Answerer.h"
 
+#include <unistd.h>
+
 #include "broker/PolicyInquiry.h"
 
 namespace
@@ -53,7 +55,7 @@ Reply Answerer::answer(Connection& client, const BrokerProtocol::Command& comman
     case Operation::GetBrokerClients:
         return Reply(clients());
     case Operation::GetPolicyDecision:
-        return Reply(decision(command.texts));
+        return Reply(decision(client, command.texts));
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:
@@ -92,8 +94,9 @@ const std::string& Answerer::clients()
     return mClients;
 }
 
-// The question is for whom, what, and the name of what; see docs/protocol.md.
-std::string Answerer::decision(const std::vector<std::string_view>& question)
+// The question is for whom, what, and the name of what; see docs/protocol.md. The answer tells of rules,
+// users and names, which are nobody else's business.
+std::string Answerer::decision(const Connection& client, const std::vector<std::string_view>& question)
 {
     namespace Member = BrokerProtocol::DecisionMember;
     std::string text = "{";
@@ -103,7 +106,10 @@ std::string Answerer::decision(const std::vector<std::string_view>& question)
     const auto at = [&](std::size_t index)
     { return index < question.size() ? question[index] : std::string_view(); };
     const PolicyInquiry inquiry(mGuard.policy(), mGuard.users(), at(0), at(1));
-    if (!inquiry.error().empty())
+    const std::optional<uid_t> asking = client.identity.owner.uid();
+    if (asking != uid_t{0} && asking != geteuid())
+        add(Member::error, "only root and the broker's user may ask");
+    else if (!inquiry.error().empty())
         add(Member::error, inquiry.error());
     else
     {

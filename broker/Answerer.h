@@ -46,7 +46,7 @@ private:
     Reply increment(const Connection& client, std::string_view counter);
     std::string statistics();
     const std::string& clients();
-    std::string decision(const std::vector<std::string_view>& question);
+    std::string decision(const Connection& client, const std::vector<std::string_view>& question);
 
     Guard& mGuard;
     Refusals& mRefusals;

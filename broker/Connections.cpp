@@ -114,6 +114,7 @@ void Connections::close(Connection& connection)
 
 void Connections::setPolicy(std::unique_ptr<const Policy> policy, TimePoint now)
 {
+    const std::string before = mGuard.policy().describe();
     mGuard.setPolicy(std::move(policy));
     std::vector<Connection*> refused;
     forEach(
@@ -124,7 +125,7 @@ void Connections::setPolicy(std::unique_ptr<const Policy> policy, TimePoint now)
         });
     for (Connection* connection : refused)
         close(*connection);
-    mNotify.takeOverRights(now);
+    mNotify.takeOverRights(mGuard.policy().describe() != before, now);
 }
 
 void Connections::collect()

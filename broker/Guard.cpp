@@ -3,6 +3,10 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "common/Logging.h"
+
+OV_LOG_CONTROL_WORDS;
+
 namespace
 {
 
@@ -23,6 +27,10 @@ Guard::Guard(Identities& identities, Refusals& refusals, std::unique_ptr<const P
 void Guard::setPolicy(std::unique_ptr<const Policy> policy)
 {
     check(*policy);
+    if (policy->tellsClientsApart() && !mIdentities.tellsAllUsers())
+        OV_LOG(2,
+               "The broker is in a user namespace that does not have all users: the policy keeps the others "
+               "from connecting");
     mPolicy = std::move(policy);
 }
 
@@ -43,6 +51,7 @@ void Guard::check(const Policy& policy) const
 
 bool Guard::admit(Connection& connection)
 {
+    mIdentities.completeService(connection.identity);
     const char* unknown = lacking(connection.identity);
     if (unknown != nullptr && !reportUnknown(connection, unknown))
         return false;
@@ -72,6 +81,8 @@ const char* Guard::lacking(const Identity& identity) const
         return identity.owner.reason();
     if (mPolicy->namesServices() && !identity.isServiceKnown)
         return "its service cannot be told";
+    if (mPolicy->namesGroups() && !mIdentities.users().isKnown(*identity.owner.uid()))
+        return "its groups cannot be told, as /etc/passwd has no such user";
     return nullptr;
 }
 

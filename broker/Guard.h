@@ -57,6 +57,12 @@ public:
     /// The client may be told of everything.
     static bool seesAll(const Connection& client) { return client.rights->mayAll(Action::See); }
 
+    /// The client may be told of nothing.
+    bool hidesAll(const Connection& client) const
+    {
+        return !mPolicy->isAudit() && client.rights->mayNothing(Action::See);
+    }
+
     /// Whether the client may be told of a value or an event. It is not told that it may not.
     bool shows(Connection& client, std::string_view name);
 

@@ -48,6 +48,12 @@ bool takePrefix(std::string_view& text, std::string_view prefix)
     return true;
 }
 
+const char* updateKey(BrokerProtocol::Operation operation)
+{
+    return operation == BrokerProtocol::Operation::PostEvent ? BrokerProtocol::Key::eventUpdate
+                                                             : BrokerProtocol::Key::statusUpdate;
+}
+
 bool startsWith(std::string_view text, std::string_view prefix)
 {
     return text.substr(0, prefix.size()) == prefix;
@@ -354,8 +360,10 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
     {
         if (connection.position >= turnEnd)
             return connection.flush() && false;
-        if (connection.wants(mLog.beginning(connection.position, longestPrefix, copied)))
-            copyMessage(connection, message->end);
+        if (connection.isFiltered)
+            copyFiltered(connection, message->end);
+        else if (connection.wants(mLog.beginning(connection.position, longestPrefix, copied)))
+            mLog.copy(connection.position, message->end, connection.output());
         moveTo(connection, message->end);
         ++connection.nextMessage;
         if (connection.outputBytes() >= turnBytes && !connection.flush())
@@ -364,38 +372,42 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
     return connection.flush();
 }
 
-// As far as it may be told. It learns nothing of a message of which nothing is left.
-void NotifyPort::copyMessage(NotifyConnection& connection, NotificationLog::Position end)
+// The part that it may be told of. Its prefixes count for that part alone: those that matched the rest would
+// tell what it is.
+void NotifyPort::copyFiltered(NotifyConnection& connection, NotificationLog::Position end)
 {
-    if (!connection.isFiltered)
-        return mLog.copy(connection.position, end, connection.output());
-    std::string text = mLog.text(connection.position, end);
-    if (text != BrokerProtocol::syncWord && !filter(connection, text))
-        return;
-    FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
+    const FilteredMessages::Key key{connection.position, connection.rights};
+    const std::string* text = mFiltered.find(key);
+    if (text == nullptr)
+        text = &mFiltered.add(key, filtered(connection, end));
+    if (!text->empty() && connection.wants(*text))
+        FrameWriter::message([&](std::string_view part) { connection.output() += part; }, *text);
 }
 
-// Returns whether there is something left of the notification.
-bool NotifyPort::filter(NotifyConnection& connection, std::string& notification)
+// Empty if it may be told of nothing in the message that begins where it is.
+std::string NotifyPort::filtered(NotifyConnection& connection, NotificationLog::Position end)
 {
-    if (!mFiltered.readUpdate(notification))
-        return false;
-    DeviceState::Members& members = mFiltered.members;
-    const std::size_t all = members.size();
-    members.erase(std::remove_if(members.begin(), members.end(),
-                                 [&](const BrokerProtocol::Member& member)
-                                 { return !mGuard.shows(connection, member.name); }),
-                  members.end());
-    if (members.size() == all || members.empty())
-        return !members.empty();
+    std::string copied;
+    const bool isSync =
+        mLog.beginning(connection.position, longestPrefix, copied) == BrokerProtocol::syncWord;
+    if (!isSync && mGuard.hidesAll(connection))
+        return {};
+    std::string text = mLog.text(connection.position, end);
+    if (isSync)
+        return text;
+    if (!mUpdate.readUpdate(text))
+        return {};
+    DeviceState::Members& members = mUpdate.members;
+    const auto isHidden = [&](const BrokerProtocol::Member& member)
+    { return !mGuard.shows(connection, member.name); };
+    const auto shown = std::remove_if(members.begin(), members.end(), isHidden);
+    if (shown == members.end() && !members.empty())
+        return text;
+    members.erase(shown, members.end());
     std::string rest;
-    BrokerProtocol::appendUpdate(rest,
-                                 mFiltered.operation == BrokerProtocol::Operation::PostEvent
-                                     ? BrokerProtocol::Key::eventUpdate
-                                     : BrokerProtocol::Key::statusUpdate,
-                                 members);
-    notification = std::move(rest);
-    return true;
+    if (!members.empty())
+        BrokerProtocol::appendUpdate(rest, updateKey(mUpdate.operation), members);
+    return rest;
 }
 
 // The latest values of what changed while it was behind; in the order of the changes, so that the next
@@ -432,7 +444,7 @@ const DeviceState::Value* NotifyPort::nextMissed(const NotifyConnection& connect
 std::size_t NotifyPort::collectMissed(NotifyConnection& connection, const DeviceState::Value* value)
 {
     // One by one for a subscriber that may want only some of them.
-    const std::size_t most = connection.wantsAll() ? missedBytes : 1;
+    const std::size_t most = connection.hasNoPrefix() ? missedBytes : 1;
     DeviceState::Members members;
     std::size_t bytes = 0;
     for (; value != nullptr && bytes < most; value = value->newer)
@@ -523,23 +535,32 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
     mBudget.update(mLogCounted, mLog.heldBytes());
 }
 
-void NotifyPort::takeOverRights(TimePoint now)
+void NotifyPort::takeOverRights(bool isToldAgain, TimePoint now)
 {
+    mFiltered.clear();
     for (std::size_t index = peers().size(); index-- > 0;)
     {
         NotifyConnection& connection = *peers()[index];
         const bool wasFiltered = std::exchange(connection.isFiltered, !Guard::seesAll(connection));
-        if (connection.state == NotifyConnection::State::Idle || (!wasFiltered && !connection.isFiltered))
-            continue;
-        if (connection.state == NotifyConnection::State::Following && !fallBehind(connection))
-        {
-            lackMemory(connection, now);
-            close(connection);
-            continue;
-        }
-        connection.revision = 0;
-        connection.nextValue = nullptr;
+        if (connection.state != NotifyConnection::State::Idle && wasFiltered != connection.isFiltered)
+            connection.nextMessage = 0; // is searched
+        if (isToldAgain && (wasFiltered || connection.isFiltered))
+            tellAgain(connection, now);
     }
+}
+
+// Of events that it has not read yet it is not told any more.
+void NotifyPort::tellAgain(NotifyConnection& connection, TimePoint now)
+{
+    if (connection.state == NotifyConnection::State::Idle)
+        return;
+    if (connection.state == NotifyConnection::State::Following && !fallBehind(connection))
+    {
+        lackMemory(connection, now);
+        return close(connection);
+    }
+    connection.revision = 0;
+    connection.nextValue = nullptr;
 }
 
 void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)

@@ -7,6 +7,7 @@
 
 #include "broker/CatchUp.h"
 #include "broker/ConnectionLimit.h"
+#include "broker/FilteredMessages.h"
 #include "broker/PortEnvironment.h"
 #include "broker/SendBuffers.h"
 #include "broker/state/DeviceState.h"
@@ -45,7 +46,8 @@ public:
     bool followsAll() const { return state == State::Following && wantsAll(); }
     bool isFiltered = false; ///< may not be told of everything
 
-    bool wantsAll() const { return !isFiltered && prefixes.size() == 1 && prefixes.front().empty(); }
+    bool hasNoPrefix() const { return prefixes.size() == 1 && prefixes.front().empty(); }
+    bool wantsAll() const { return !isFiltered && hasNoPrefix(); }
     bool wants(std::string_view message) const;
 };
 
@@ -79,9 +81,10 @@ public:
     /// Closes a subscriber for want of memory. It comes back.
     void closeForMemory(NotifyConnection& connection, TimePoint now);
 
-    /// The rights of the connections have changed. Subscribers that may be told of more, or of less, are told
-    /// of all they may be told of.
-    void takeOverRights(TimePoint now);
+    /// The rights of the connections have changed.
+    /// @param isToldAgain subscribers that were not, or are not, told of everything get all that they may be
+    ///                    told of
+    void takeOverRights(bool isToldAgain, TimePoint now);
 
     /// Subscribers have to be told again of what has changed since such a revision.
     CatchUp& catchUp() { return mCatchUp; }
@@ -128,8 +131,9 @@ private:
     void resizeBuffer(NotifyConnection& connection) const;
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
-    void copyMessage(NotifyConnection& connection, NotificationLog::Position end);
-    bool filter(NotifyConnection& connection, std::string& notification);
+    void copyFiltered(NotifyConnection& connection, NotificationLog::Position end);
+    std::string filtered(NotifyConnection& connection, NotificationLog::Position end);
+    void tellAgain(NotifyConnection& connection, TimePoint now);
     bool sendMissed(NotifyConnection& connection, TimePoint now);
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
@@ -158,7 +162,8 @@ private:
     std::size_t mNext = 0;     ///< whose turn it is
     bool mHasLeftOver = false; ///< could be sent something, but the time was over
     std::vector<char> mBuffer;
-    BrokerProtocol::Command mFiltered;
+    FilteredMessages mFiltered;
+    BrokerProtocol::Command mUpdate; // that is filtered
 };
 
 #endif

@@ -76,7 +76,7 @@ void PolicyInquiry::readAction(std::string_view action)
 
 bool PolicyInquiry::isAllowed(std::string_view name) const
 {
-    return mPolicy.isAudit() || mPolicy.classOf(mSubject).decide(*mAction, name).isAllowed;
+    return mPolicy.isAudit() || mPolicy.decideOnce(mSubject, *mAction, name).isAllowed;
 }
 
 std::string PolicyInquiry::reason(std::string_view name) const

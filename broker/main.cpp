@@ -10,9 +10,8 @@
 #include "broker/Broker.h"
 #include "broker/CommandLine.h"
 #include "broker/LastWords.h"
+#include "broker/PolicyOption.h"
 #include "broker/Signals.h"
-#include "broker/peer/Users.h"
-#include "broker/policy/PolicyFiles.h"
 #include "common/Logging.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -21,27 +20,6 @@ namespace
 {
 
 // The levels that the environment sets for single files go over the level for all.
-// Throws ConfigError, with a line for each mistake.
-std::unique_ptr<const Policy> readPolicy(const Options& options)
-{
-    if (options.policy.empty())
-        return std::make_unique<const Policy>();
-    const Users users;
-    const PolicyNames names{[&](const std::string& name) { return users.uid(name); },
-                            [&](const std::string& name) { return users.gid(name); }};
-    LoadedPolicy loaded = loadPolicy(options.policy, names);
-    if (loaded.policy && (loaded.policy->hasQuotas() || loaded.policy->hasTies()))
-        throw ConfigError(options.policy +
-                          ": has quotas, or values that end with their owner; this version does "
-                          "not enforce them");
-    if (loaded.policy)
-        return std::move(loaded.policy);
-    std::string lines;
-    for (const std::string& error : loaded.errors)
-        lines += (lines.empty() ? "" : "\n") + error;
-    throw ConfigError(lines);
-}
-
 void setLogLevel(int level)
 {
     ov_log_configure(("*=" + std::to_string(level)).c_str());
@@ -53,9 +31,10 @@ void logPolicy(const Options& options, const Policy& policy)
 {
     for (const std::string& warning : policy.warnings())
         OV_LOG(2, "%s", warning.c_str());
-    if (!options.policy.empty())
-        OV_LOG(5, "The policy of %s is %s, %zu rules", options.policy.c_str(),
-               policy.isAudit() ? "only logged" : "in force", policy.rules());
+    if (policy.rules() == 0)
+        OV_LOG(2, "The policy of %s has no rules", options.policy.c_str());
+    OV_LOG(5, "The policy of %s is %s, %zu rules", options.policy.c_str(),
+           policy.isAudit() ? "only logged" : "in force", policy.rules());
 }
 
 // All or nothing.
@@ -64,15 +43,18 @@ void reload(const CommandLine& commandLine, Broker& broker)
     try
     {
         const Options options = commandLine.readOptions();
-        std::unique_ptr<const Policy> policy = readPolicy(options);
+        std::unique_ptr<const Policy> policy = readPolicy(options.policy);
         const Policy& used = *policy;
         broker.setPolicy(std::move(policy));
         setLogLevel(options.logLevel);
         broker.setLimits(options.limits);
         OV_LOG(5, "Took over limits, log level and policy");
-        logPolicy(options, used);
+        if (options.policy.empty())
+            OV_LOG(5, "There is no policy: clients may do everything");
+        else
+            logPolicy(options, used);
     }
-    catch (const std::runtime_error& error)
+    catch (const std::exception& error)
     {
         OV_LOG(0, "Keeping the options: %s", error.what());
     }
@@ -81,7 +63,8 @@ void reload(const CommandLine& commandLine, Broker& broker)
 void serve(const CommandLine& commandLine, const Options& options, std::unique_ptr<const Policy> policy)
 {
     Signals signals;
-    logPolicy(options, *policy);
+    if (!options.policy.empty())
+        logPolicy(options, *policy);
     Broker broker(options, std::move(policy));
     for (;;)
     {
@@ -98,7 +81,7 @@ void serve(const CommandLine& commandLine, const Options& options, std::unique_p
 void run(const CommandLine& commandLine)
 {
     const Options options = commandLine.readOptions();
-    std::unique_ptr<const Policy> policy = readPolicy(options);
+    std::unique_ptr<const Policy> policy = readPolicy(options.policy);
     if (commandLine.isCheck())
     {
         puts("statusbroker: configuration is good");

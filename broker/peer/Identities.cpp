@@ -56,8 +56,7 @@ void Identities::findService(Identity& identity)
 
 void Identities::seek(Identity& identity)
 {
-    if (identity.isServiceOpen)
-        findService(identity);
+    completeService(identity);
     if (identity.search != Identity::Search::None)
         return;
     const bool isSought = identity.owner.inode() != 0 && mProcesses.want(identity.owner.inode());

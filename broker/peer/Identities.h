@@ -56,6 +56,16 @@ public:
     bool tellsUsers() const { return mOwners.road() != OwnerQuery::Road::None; }
     bool tellsServices() const { return mOwners.tellsControlGroups() && mServices.isThere(); }
 
+    /// Users from outside the broker's user namespace can be told apart, too.
+    bool tellsAllUsers() const { return mOwners.seesAllUsers(); }
+
+    /// Looks for its service again, if that could not be looked for at once.
+    void completeService(Identity& identity)
+    {
+        if (identity.isServiceOpen)
+            findService(identity);
+    }
+
     /// As the files have them now.
     const Users& users()
     {

@@ -52,9 +52,10 @@ bool isNumber(uint32_t number)
 }
 
 // Calls `take` with the entries of a file, as far as they are read. `next` is the C library's function that
-// reads the next entry, and skips broken lines. False if the file cannot be read.
+// reads the next entry, and skips broken lines. False if the file cannot be read; isComplete becomes false if
+// it has more entries.
 template <class Entry, class Take>
-bool forEachEntry(const std::string& path, Entry* (*next)(FILE*), Take take)
+bool forEachEntry(const std::string& path, Entry* (*next)(FILE*), Take take, bool& isComplete)
 {
     const File file = opened(path);
     if (!file)
@@ -63,9 +64,10 @@ bool forEachEntry(const std::string& path, Entry* (*next)(FILE*), Take take)
     {
         const Entry* entry = next(file.get()); // valid until the next call: the broker has one thread
         if (entry == nullptr)
-            break;
+            return true;
         take(*entry);
     }
+    isComplete = false;
     return true;
 }
 
@@ -97,6 +99,7 @@ bool Users::refresh()
     if (passwd == mPasswdState && group == mGroupState && passwd.size >= 0 && group.size >= 0)
         return true;
     Content content;
+    content.isComplete = true;
     if (!readUsers(mPasswd, content) || !readGroups(mGroup, content))
         return false;
     mContent = std::move(content);
@@ -115,7 +118,8 @@ bool Users::readUsers(const std::string& path, Content& content)
                 return;
             content.users.try_emplace(entry.pw_uid, User{entry.pw_name, entry.pw_gid});
             content.numbers.try_emplace(entry.pw_name, entry.pw_uid);
-        });
+        },
+        content.isComplete);
 }
 
 bool Users::readGroups(const std::string& path, Content& content)
@@ -129,7 +133,8 @@ bool Users::readGroups(const std::string& path, Content& content)
             Group& added = content.groups.emplace_back(Group{entry.gr_name, entry.gr_gid, {}});
             for (char** member = entry.gr_mem; *member != nullptr; ++member)
                 added.members.emplace_back(*member);
-        });
+        },
+        content.isComplete);
 }
 
 std::string Users::name(uid_t uid) const

@@ -27,6 +27,12 @@ public:
     /// @returns false if one cannot be read: then all stays as it was
     bool refresh();
 
+    /// Both files have been read, to their ends.
+    bool isComplete() const { return mContent.isComplete; }
+
+    /// The user is in the file, so its groups are known.
+    bool isKnown(uid_t uid) const { return mContent.users.find(uid) != mContent.users.end(); }
+
     /// The first name in the file, or the number.
     std::string name(uid_t uid) const;
 
@@ -66,6 +72,7 @@ private:
         std::unordered_map<uid_t, User> users; ///< the first of each number
         std::unordered_map<std::string, uid_t> numbers;
         std::vector<Group> groups;
+        bool isComplete = false;
     };
 
     static State stateOf(const std::string& path);

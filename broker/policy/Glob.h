@@ -32,6 +32,14 @@ public:
     /// The rest is a star and the tail.
     bool isTailOnly() const { return mIsTailOnly; }
 
+    bool matches(std::string_view name) const
+    {
+        if (name.substr(0, mLiteral.size()) != mLiteral)
+            return false;
+        name.remove_prefix(mLiteral.size());
+        return mRest.empty() ? name.empty() : matches(mRest, name);
+    }
+
     bool matchesEverything() const { return mLiteral.empty() && mRest == "*"; }
 
     /// Takes at most as many steps as the product of both lengths.

@@ -38,6 +38,9 @@ public:
     /// The action is allowed for every name: there is no need to ask for each.
     bool mayAll(Action action) const { return mFree.has(action); }
 
+    /// The action is denied for every name.
+    bool mayNothing(Action action) const { return mBarred.has(action); }
+
 private:
     friend class Policy;
 
@@ -45,6 +48,7 @@ private:
     const PolicyRule* mRules = nullptr;
     KeyIndex::Order mDefault = 0;
     Actions mFree;
+    Actions mBarred;
 };
 
 /// Which client may do what with which names; see packaging/example.policy for the files. Never changes:
@@ -66,14 +70,18 @@ public:
     /// as it makes differences, whatever clients come. Valid as long as the policy.
     const PolicyClass& classOf(const Subject& subject) const;
 
+    /// The same decision for somebody who need not be a client. Takes time in proportion to the policy.
+    Decision decideOnce(const Subject& subject, Action action, std::string_view name) const;
+
     /// Nothing is refused, and what would be refused is logged.
     bool isAudit() const { return mContent.isAudit; }
 
     /// Some rules are not about everybody: they say nothing about a client whose user is not known.
     bool tellsClientsApart() const { return mContent.whos.size() > 1; }
 
-    /// Some of them are about services.
+    /// Some of them are about services, or groups.
     bool namesServices() const;
+    bool namesGroups() const;
 
     /// How many rules there are, without the default.
     std::size_t rules() const { return mContent.rules.size() - 1; }

@@ -32,7 +32,11 @@ Connection::Connection(Descriptor socket, Handshake::Kind kind, TimePoint now)
     : Pollable(Pollable::Kind::Connection), mSocket(std::move(socket)), mKind(kind), mAcceptedAt(now),
       mHandshake(kind)
 {
-    send(Handshake::opening(kind));
+}
+
+void Connection::greet()
+{
+    send(Handshake::opening(mKind));
 }
 
 void Connection::shutDownOutput()

@@ -33,6 +33,9 @@ public:
     Handshake::Kind kind() const { return mKind; }
     TimePoint acceptedAt() const { return mAcceptedAt; }
 
+    /// Begins the handshake. A peer that hears nothing has sent nothing that it would not send again.
+    void greet();
+
     /// Its handshake is complete. Only then may anything be sent.
     bool isOpen() const { return mState == State::Open; }
 

@@ -183,6 +183,7 @@ private:
                 close(peer);
                 return true;
             }
+            peer.greet();
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
             peer.polled = EPOLLIN;

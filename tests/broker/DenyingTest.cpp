@@ -184,6 +184,37 @@ TEST_F(Denying, thePrefixOfASubscriptionStillCounts)
     }
 }
 
+// The prefix would match, or not, by what the value is.
+TEST_F(Denying, thePrefixOfASubscriptionTellsNothingOfWhatMayNotBeSeen)
+{
+    start(rule("deny = \"see\"\nkeys = \"secret\""));
+    listening.emplace(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(listening->shakeHands());
+    ASSERT_TRUE(listening->write(ZmtpPeer::subscribe(R"({"statusUpdate":{"secret":"h)") +
+                                 ZmtpPeer::subscribe(R"({"statusUpdate":{"v)") +
+                                 ZmtpPeer::subscribe("Sync")));
+    awaitSync();
+    post(R"({"postStatus":{"secret":"hunter","z":"1"}})");
+    post(R"({"postStatus":{"secret":"other","visible":"1"}})");
+    EXPECT_EQ(next(), R"({"statusUpdate":{"visible":"1"}})");
+}
+
+TEST_F(Denying, oneThatMaySeeNothingIsStillSentTheSync)
+{
+    start(rule("deny = \"see\""));
+    listen();
+    post(postOf("a", "1"));
+    post(R"({"postEvent":{"bell":"1"}})");
+    post("Sync");
+    int heard = 0;
+    while (const auto text = listening->receiveText(std::chrono::milliseconds(50)))
+    {
+        EXPECT_EQ(text, "Sync");
+        ++heard;
+    }
+    EXPECT_GT(heard, 0);
+}
+
 // A client that starts is told of what has changed since its first "Sync".
 TEST_F(Denying, theFirstValuesOfASubscriberAreFilteredToo)
 {

@@ -43,6 +43,12 @@ protected:
         listening.emplace(ZmtpPeer::notifyPort);
         ASSERT_TRUE(listening->shakeHands());
         ASSERT_TRUE(listening->write(ZmtpPeer::subscribe("")));
+        awaitSync();
+    }
+
+    /// Its subscription has arrived.
+    void awaitSync()
+    {
         ASSERT_TRUE(eventually(
             [this]
             {

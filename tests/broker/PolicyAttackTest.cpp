@@ -198,6 +198,32 @@ TEST_F(PolicyAttack, whatItMayWriteIsTaken)
     EXPECT_TRUE(eventually([&] { return all() == R"({"ours":"1","web.a":"1"})"; }));
 }
 
+TEST_F(PolicyAttack, itMayNotAskWhatThePolicySays)
+{
+    ASSERT_TRUE(asUser(attacker,
+                       []
+                       {
+                           ZmtpPeer asker(ZmtpPeer::requestPort);
+                           ASSERT_TRUE(asker.shakeHands());
+                           EXPECT_EQ(asker.ask(R"({"getPolicyDecision":["0","post","a"]})"),
+                                     R"({"error":"only root and the broker's user may ask"})");
+                       }));
+}
+
+// So that it has not handed out anything yet.
+TEST_F(PolicyAttack, aConnectionThatIsRefusedIsNotGreeted)
+{
+    reload("[[rule]]\ngroup = 5\ndeny = \"post\"\n"); // its groups are unknown
+    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(asUser(attacker,
+                       []
+                       {
+                           ZmtpPeer asker(ZmtpPeer::requestPort);
+                           EXPECT_EQ(asker.read(1), "");
+                       }));
+    EXPECT_TRUE(isInLog("its groups cannot be told"));
+}
+
 TEST_F(PolicyAttack, itIsToldNothing)
 {
     ASSERT_TRUE(asUser(attacker,

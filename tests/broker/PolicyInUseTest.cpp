@@ -38,6 +38,48 @@ TEST_F(UsedPolicy, aSubscriberThatMaySeeMoreIsToldOfIt)
     EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1","secret":"2"}})");
 }
 
+TEST_F(UsedPolicy, whatASubscriberMaySeeAfterASighupComesInOneNotification)
+{
+    start(rule("deny = \"see\"\nkeys = \"secret\""));
+    listen();
+    for (const char* key : {"a", "b", "secret", "other"})
+    {
+        post(postOf(key, "1"));
+        if (std::string("secret") != key)
+        {
+            EXPECT_EQ(next(), std::string(R"({"statusUpdate":{")") + key + R"(":"1"}})");
+        }
+    }
+    reload(rule("deny = \"see\"\nkeys = \"other\""));
+    EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1","b":"1","secret":"1"}})");
+}
+
+TEST_F(UsedPolicy, atSighupTheSamePolicyTellsNobodyAnythingAgain)
+{
+    const std::string policy = rule("deny = \"see\"\nkeys = \"secret\"");
+    start(policy);
+    listen();
+    post(postOf("a", "1"));
+    EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1"}})");
+    reload(policy);
+    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    post(postOf("b", "1"));
+    EXPECT_EQ(next(), R"({"statusUpdate":{"b":"1"}})");
+}
+
+TEST_F(UsedPolicy, thatAPolicyIsGoneOrEmptyIsLogged)
+{
+    start(allOk);
+    EXPECT_TRUE(isInLog("has no rules"));
+    const std::string config = folder / "conf";
+    writeFile(config, "policy = " + (folder / "policy") + "\n");
+    broker.reset();
+    broker.emplace(std::vector<std::string>{"--config", config});
+    writeFile(config, "");
+    broker->process().signal(SIGHUP);
+    EXPECT_TRUE(isInLog("There is no policy: clients may do everything"));
+}
+
 TEST_F(UsedPolicy, aSubscriberThatMaySeeLessIsNotToldAnyMore)
 {
     start(allOk);

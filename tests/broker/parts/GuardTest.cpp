@@ -108,6 +108,15 @@ TEST_F(GuardTest, aConnectionOfAnUnknownUserIsRefusedIfThePolicyTellsClientsApar
     EXPECT_EQ(refusals.count(Refusal::UnknownOwner), 2U);
 }
 
+TEST_F(GuardTest, aConnectionOfAUserWithoutAnEntryIsRefusedIfThePolicyNamesGroups)
+{
+    setPolicy("[[rule]]\ngroup = 5\ndeny = \"post\"\n");
+    identify(0);
+    EXPECT_TRUE(guard.admit(*connection));
+    identify(3000000000);
+    EXPECT_FALSE(guard.admit(*connection));
+}
+
 // As while it can be looked for only later.
 TEST_F(GuardTest, aConnectionOfAnUnknownServiceIsRefusedIfThePolicyNamesServices)
 {

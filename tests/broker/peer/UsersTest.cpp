@@ -43,6 +43,9 @@ TEST_F(UsersTest, usersHaveNames)
 {
     EXPECT_EQ(users().name(998), "net");
     EXPECT_EQ(users().uid("net"), 998U);
+    EXPECT_TRUE(users().isKnown(998));
+    EXPECT_FALSE(users().isKnown(999));
+    EXPECT_TRUE(users().isComplete());
 }
 
 TEST_F(UsersTest, ofSeveralNamesTheFirstCounts)
@@ -106,6 +109,7 @@ TEST_F(UsersTest, withoutFilesNobodyHasAName)
     const Users none(folder / "missing", folder / "missing");
     EXPECT_EQ(none.name(0), "0");
     EXPECT_EQ(none.groups(0), Groups{});
+    EXPECT_FALSE(none.isComplete());
 }
 
 TEST_F(UsersTest, aFileThatIsTooLongIsNotRead)
@@ -122,6 +126,7 @@ TEST_F(UsersTest, onlySoManyEntriesAreTaken)
     passwd(many);
     EXPECT_EQ(users().name(Users::mostEntries - 1), "u9999");
     EXPECT_EQ(users().name(Users::mostEntries), "10000");
+    EXPECT_FALSE(users().isComplete());
 }
 
 TEST_F(UsersTest, whatWasChangedIsReadAnew)

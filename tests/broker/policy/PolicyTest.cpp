@@ -319,6 +319,9 @@ TEST(Policy, decidesAsTryingAllRulesOneByOneDoes)
             const PolicyClass& rights = policy->classOf(userSubject(client));
             ASSERT_EQ(rights.decide(static_cast<Action>(action), name).isAllowed, expected) << text << name;
             ASSERT_TRUE(expected || !rights.mayAll(static_cast<Action>(action))) << text << name;
+            ASSERT_FALSE(expected && rights.mayNothing(static_cast<Action>(action))) << text << name;
+            const Decision once = policy->decideOnce(userSubject(client), static_cast<Action>(action), name);
+            ASSERT_EQ(once.rule, rights.decide(static_cast<Action>(action), name).rule) << text << name;
         }
     }
 }
