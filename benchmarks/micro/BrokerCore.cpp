@@ -9,6 +9,7 @@ namespace Key = BrokerProtocol::Key;
 
 BrokerCore::BrokerCore(std::size_t keys)
 {
+    mGuard.admit(mClient);
     post(BrokerProtocol::writeMap(Key::postStatus, Samples::values(keys)));
     if (mDevice.keys() != keys)
         throw std::logic_error("not all keys were stored");
@@ -19,6 +20,8 @@ bool BrokerCore::post(std::string_view text)
     if (!mCommand.readPost(text))
         throw std::logic_error("a post cannot be read");
     const bool isStatus = mCommand.operation == BrokerProtocol::Operation::PostStatus;
+    mGuard.keepAllowed(mClient, isStatus ? Action::Post : Action::Event, mCommand.members,
+                       [](const BrokerProtocol::Member& member) { return member.name; });
     const DeviceState::Members& members =
         isStatus ? mDevice.post(mCommand.members) : mDevice.events(mCommand.members);
     if (members.empty())
@@ -34,8 +37,8 @@ const std::string& BrokerCore::ask(std::string_view text)
 {
     constexpr std::size_t piece = 8192;
     mAnswer.clear();
-    Reply reply = mAnswerer.answer(text);
-    while (!reply.produce(mDevice, piece, mAnswer))
+    Reply reply = mAnswerer.answer(mClient, text);
+    while (!reply.produce(mDevice, {}, piece, mAnswer))
     {
     }
     return mAnswer;

@@ -1,10 +1,12 @@
 #ifndef BENCHMARKS_MICRO_BROKERCORE_H
 #define BENCHMARKS_MICRO_BROKERCORE_H
 
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "broker/Answerer.h"
+#include "broker/Guard.h"
 #include "broker/state/DeviceState.h"
 #include "broker/wire/NotificationLog.h"
 #include "protocol/BrokerDocuments.h"
@@ -32,7 +34,10 @@ private:
     Limits mLimits;
     Refusals mRefusals;
     DeviceState mDevice{mLimits, mRefusals};
-    Answerer mAnswerer{mRefusals, mDevice, [](Statistics::Numbers&) {}, [](std::string&) {}};
+    Identities mIdentities;
+    Guard mGuard{mIdentities, mRefusals, std::make_unique<const Policy>()};
+    Connection mClient{Descriptor(), Handshake::Kind::Post, Clock::now()};
+    Answerer mAnswerer{mGuard, mRefusals, mDevice, [](Statistics::Numbers&) {}, [](std::string&) {}};
     BrokerProtocol::Command mCommand;
     std::string mNotification;
     NotificationLog mLog;
