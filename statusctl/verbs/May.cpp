@@ -23,9 +23,9 @@ public:
             "counter, query, see, time or forget. Exits with 0 if the client may, else with 1. The policy "
             "asked\n"
             "is that which is in force in the broker.");
-        command.add_option("CLIENT", mClient, "Who")->required();
-        command.add_option("ACTION", mAction, "Does what")->required();
-        command.add_option("NAME", mName, "To which key, event, timer or counter");
+        command.add_option("CLIENT", mClient, "The client")->required();
+        command.add_option("ACTION", mAction, "The action")->required();
+        command.add_option("NAME", mName, "The key, event, timer or counter");
     }
 
     ExitCode run(const Settings& settings) override

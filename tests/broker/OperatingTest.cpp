@@ -60,7 +60,7 @@ TEST(Configuration, ofLimitsAndLevelIsTakenOverAtHangUp)
     EXPECT_EQ(valueOf(requester, "b"), reply(""));
     writeFile(folder / "conf", "max-keys = 2\nlog-level = 7\n");
     broker.process().signal(SIGHUP);
-    EXPECT_TRUE(broker.process().waitForError("Took over limits and log level"));
+    EXPECT_TRUE(broker.process().waitForError("Took over limits, log level and policy"));
     poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
     EXPECT_EQ(valueOf(requester, "b"), reply("1"));
 }
