@@ -50,6 +50,9 @@ constexpr const char* stateErrors = "state.errors";
 constexpr const char* malformedPosts = "malformed.posts";
 constexpr const char* malformedRequests = "malformed.requests";
 constexpr const char* systemTimeRefused = "refused.systemTime";
+constexpr const char* policyDenied = "policy.denied";
+constexpr const char* policyAudited = "policy.audited";
+constexpr const char* policyUnknownOwners = "policy.unknownOwners";
 constexpr const char* openDescriptors = "descriptors.open";
 constexpr const char* mostDescriptors = "descriptors.limit";
 } // namespace Number

@@ -110,13 +110,13 @@ const char* Refusals::name(Refusal kind)
     case Refusal::Memory:
         return "limit.memory";
     case Refusal::Denied:
-        return "policy.denied";
+        return BrokerProtocol::Number::policyDenied;
     case Refusal::Audited:
-        return "policy.audited";
+        return BrokerProtocol::Number::policyAudited;
     case Refusal::AuditedView:
         return "policy.auditedViews";
     case Refusal::UnknownOwner:
-        return "policy.unknownOwners";
+        return BrokerProtocol::Number::policyUnknownOwners;
     }
     return "";
 }

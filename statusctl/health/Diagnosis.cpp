@@ -76,6 +76,12 @@ constexpr Rule rules[] = {
      "look for a full or failing disk under the file of --state"},
     {Number::systemTimeRefused, "clock", "clients were not allowed to set the clock",
      "if it should be, start the broker with --allow-set-time"},
+    {Number::policyDenied, "policy", "names were denied to clients by the policy",
+     "the broker's log has client, name and rule; \"statusctl may\" explains a decision"},
+    {Number::policyAudited, "audit", "names would be denied to clients, but the policy only logs",
+     "the broker's log has client, name and rule; when it is quiet, remove the line mode from the policy"},
+    {Number::policyUnknownOwners, "policy", "connections were refused as their owners could not be told",
+     "the broker's log says why; a client of another user namespace needs a user that the broker knows"},
 };
 
 uint64_t valueOf(const Statistics& numbers, const std::string& name)

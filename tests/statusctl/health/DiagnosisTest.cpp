@@ -117,6 +117,9 @@ TEST(DiagnosisTest, whatWasLostRefusedOrUnreadableIsFound)
     EXPECT_EQ(checksWith("malformed.requests", 1), "malformed ");
     EXPECT_EQ(checksWith("state.errors", 1), "state ");
     EXPECT_EQ(checksWith("refused.systemTime", 1), "clock ");
+    EXPECT_EQ(checksWith("policy.denied", 1), "policy ");
+    EXPECT_EQ(checksWith("policy.audited", 1), "audit ");
+    EXPECT_EQ(checksWith("policy.unknownOwners", 1), "policy ");
     EXPECT_EQ(checksWith("limit.anyOfThem", 1), "limit ");
 }
 
