@@ -31,7 +31,7 @@ public:
         add_option(
             "--config", configFile,
             "Read options from this file, as \"name = value\"; the command line wins over it. Read again at "
-            "SIGHUP, for the limits and the log level")
+            "SIGHUP, for the limits, the log level and the policy")
             ->check(OptionText::checkText)
             ->type_name("FILE");
         add_flag("--check-config", isCheck, "Check command line and file, and exit");
