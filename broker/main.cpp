@@ -96,9 +96,10 @@ void run(const CommandLine& commandLine)
 // Freed memory goes back to the system where it is not between memory in use: large pieces are kept apart.
 void keepMemoryReturnable()
 {
-    constexpr int largePiece = 64 * 1024;
+    constexpr int largePiece = 16 * 1024;
+    constexpr int muchAtTheEnd = 64 * 1024;
     mallopt(M_MMAP_THRESHOLD, largePiece);
-    mallopt(M_TRIM_THRESHOLD, largePiece);
+    mallopt(M_TRIM_THRESHOLD, muchAtTheEnd);
 }
 
 int complain(const std::exception& exception, int exitCode)
