@@ -94,8 +94,8 @@ const std::string& Answerer::clients()
     return mClients;
 }
 
-// The question is for whom, what, and the name of what; see docs/protocol.md. The answer tells of rules,
-// users and names, which are nobody else's business.
+// A question has three texts: the client, the action and the name; see docs/protocol.md. The answer tells of
+// rules, users and names, which concern only root and the broker's user.
 std::string Answerer::decision(const Connection& client, const std::vector<std::string_view>& question)
 {
     namespace Member = BrokerProtocol::DecisionMember;
@@ -105,11 +105,14 @@ std::string Answerer::decision(const Connection& client, const std::vector<std::
     };
     const auto at = [&](std::size_t index)
     { return index < question.size() ? question[index] : std::string_view(); };
-    const PolicyInquiry inquiry(mGuard.policy(), mGuard.users(), at(0), at(1));
     const std::optional<uid_t> asking = client.identity.owner.uid();
     if (asking != uid_t{0} && asking != geteuid())
+    {
         add(Member::error, "only root and the broker's user may ask");
-    else if (!inquiry.error().empty())
+        return text + '}';
+    }
+    const PolicyInquiry inquiry(mGuard.policy(), mGuard.users(), at(0), at(1));
+    if (!inquiry.error().empty())
         add(Member::error, inquiry.error());
     else
     {

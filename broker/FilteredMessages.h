@@ -15,7 +15,7 @@ class PolicyClass;
 class FilteredMessages
 {
 public:
-    /// Most bytes of text.
+    /// Most bytes, unless one text alone has more.
     static constexpr std::size_t mostBytes = std::size_t{256} * 1024;
 
     using Key = std::pair<NotificationLog::Position, const PolicyClass*>; ///< where the message begins
@@ -30,9 +30,10 @@ public:
     /// @returns the text, until the next call
     const std::string& add(const Key& key, std::string text)
     {
-        mBytes += text.size() + perText;
-        if (mBytes > mostBytes)
+        const std::size_t bytes = text.size() + perText;
+        if (mBytes + bytes > mostBytes)
             clear();
+        mBytes += bytes;
         return mTexts[key] = std::move(text);
     }
 

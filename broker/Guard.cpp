@@ -90,7 +90,7 @@ Subject Guard::subjectOf(const Identity& identity) const
 {
     Subject subject;
     subject.user = identity.owner.uid();
-    if (subject.user)
+    if (subject.user && mPolicy->namesGroups()) // for all others it is not worth looking at files
         subject.groups = mIdentities.users().groups(*subject.user);
     subject.service = identity.service;
     return subject;

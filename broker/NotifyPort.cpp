@@ -542,9 +542,8 @@ void NotifyPort::takeOverRights(bool isToldAgain, TimePoint now)
     {
         NotifyConnection& connection = *peers()[index];
         const bool wasFiltered = std::exchange(connection.isFiltered, !Guard::seesAll(connection));
-        if (connection.state != NotifyConnection::State::Idle && wasFiltered != connection.isFiltered)
-            connection.nextMessage = 0; // is searched
-        if (isToldAgain && (wasFiltered || connection.isFiltered))
+        // One that is filtered from now on may be in the middle of a message, which must end as it began.
+        if (wasFiltered != connection.isFiltered || (isToldAgain && connection.isFiltered))
             tellAgain(connection, now);
     }
 }

@@ -43,9 +43,9 @@ public:
     bool isReader = false;      ///< took more after it had been full
     std::size_t sendBuffer = 0; ///< that the kernel was asked for
 
-    bool followsAll() const { return state == State::Following && wantsAll(); }
     bool isFiltered = false; ///< may not be told of everything
 
+    bool followsAll() const { return state == State::Following && wantsAll(); }
     bool hasNoPrefix() const { return prefixes.size() == 1 && prefixes.front().empty(); }
     bool wantsAll() const { return !isFiltered && hasNoPrefix(); }
     bool wants(std::string_view message) const;
@@ -82,8 +82,8 @@ public:
     void closeForMemory(NotifyConnection& connection, TimePoint now);
 
     /// The rights of the connections have changed.
-    /// @param isToldAgain subscribers that were not, or are not, told of everything get all that they may be
-    ///                    told of
+    /// Subscribers that may be told of more, or of less, get all that they may be told of.
+    /// @param isToldAgain so do all that may not be told of everything: the rules have changed
     void takeOverRights(bool isToldAgain, TimePoint now);
 
     /// Subscribers have to be told again of what has changed since such a revision.

@@ -17,7 +17,7 @@ public:
     /// @param action as policies name it
     PolicyInquiry(const Policy& policy, const Users& users, std::string_view client, std::string_view action);
 
-    /// What is wrong with the question; empty if nothing is.
+    /// The mistake in the question; empty if there is none.
     const std::string& error() const { return mError; }
 
     bool isAllowed(std::string_view name) const;

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <deque>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
 #include <netinet/tcp.h>
@@ -16,6 +17,7 @@
 #include "broker/NotifyPort.h"
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
+#include "broker/policy/PolicyFiles.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
@@ -366,4 +368,41 @@ TEST_F(SubscribersTest, theSystemHoldsNothingForOneThatWasClosedForWantOfMemory)
     pollfd polled{subscriber.peer->descriptor(), POLLIN, 0};
     EXPECT_EQ(poll(&polled, 1, 0), 1);
     EXPECT_NE(polled.revents & POLLERR, 0) << "nothing more comes, nor the end behind it";
+}
+
+// As when a user comes into a group and the rules stay the same.
+TEST_F(SubscribersTest, oneWhoseRightsGetLessInTheMiddleOfAMessageGetsItWholeAndThenWhatItMaySee)
+{
+    const Subscriber one = subscribe({""});
+    notifyPort.flush(Clock::now());
+    publish(1, 3000000); // more than the kernel takes
+    notifyPort.flush(Clock::now());
+    ASSERT_GT(notifyPort.queuedBytes(*one.connection), 0U);
+    LoadedPolicy loaded = makePolicy({{"policy", "[[rule]]\ndeny = \"see\"\nkeys = \"secret\"\n"}}, {});
+    ASSERT_EQ(loaded.errors, std::vector<std::string>{});
+    guard.setPolicy(std::move(loaded.policy));
+    ASSERT_TRUE(guard.admit(*one.connection));
+    notifyPort.takeOverRights(false, Clock::now());
+    auto received = std::async(std::launch::async,
+                               [&]
+                               {
+                                   const auto first = one.peer->receiveText();
+                                   return std::pair(first, one.peer->receiveText());
+                               });
+    bool isPublished = false;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            notifyPort.serve(*one.connection, EPOLLOUT, Clock::now());
+            notifyPort.flush(Clock::now());
+            if (!isPublished && notifyPort.queuedBytes(*one.connection) == 0)
+            {
+                notifyPort.publish(R"({"statusUpdate":{"a":"1","secret":"2"}})", 0, 0);
+                isPublished = true;
+            }
+            return received.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+        }));
+    const auto [first, second] = received.get();
+    EXPECT_EQ(first, std::string(3000000, 'x'));
+    EXPECT_EQ(second, R"({"statusUpdate":{"a":"1"}})");
 }

@@ -35,6 +35,9 @@ TEST(FilteredMessages, areBoundedAndTheLastOneIsThere)
     for (NotificationLog::Position position = 2; position < 100000; ++position)
         messages.add({position, one}, "");
     EXPECT_EQ(messages.find({2, one}), nullptr) << "empty ones take memory, too";
+    messages.add({0, other}, std::string(FilteredMessages::mostBytes, 'z'));
+    messages.add({1, other}, "behind a long one");
+    EXPECT_EQ(messages.find({0, other}), nullptr) << "the long one counts, too";
 }
 
 TEST(FilteredMessages, areGoneWhenCleared)
