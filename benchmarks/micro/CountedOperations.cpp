@@ -74,7 +74,7 @@ uint64_t readNotification(unsigned times)
         times);
 }
 
-// What is decided is used, so that the compiler leaves nothing out.
+// The decisions are used, so that the compiler leaves nothing out.
 volatile unsigned decided = 0;
 
 // A dispatcher that runs on the thread at hand. Agents come in bursts, posted by the last of the burst

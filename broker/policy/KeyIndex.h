@@ -34,7 +34,7 @@ public:
     Order find(std::string_view name, Order otherwise) const;
 
 private:
-    // What comes in all names after this node is in its subtree.
+    // The subtree of a node holds the rest of all names that begin with the letters up to it.
     struct alignas(32) Node // a power of two is cheaper to multiply with
     {
         uint32_t label = 0;      // in mText: the letters that lead here, without the first

@@ -105,7 +105,7 @@ public:
     /// All of the policy, in lines for people.
     std::string describe() const;
 
-    /// What is good, but seldom meant; "FILE:LINE: ...".
+    /// Lines of the files that are good, but seldom meant; "FILE:LINE: ...".
     const std::vector<std::string>& warnings() const { return mContent.warnings; }
 
 private:

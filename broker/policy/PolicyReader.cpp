@@ -44,7 +44,7 @@ using Line = std::size_t;
 
 // -------------------------------------------------------------------------------------------------- texts
 
-// What the library says may repeat the file.
+// The library's messages may repeat the file.
 std::string harmless(std::string_view text)
 {
     constexpr std::size_t longest = 200;
@@ -120,7 +120,7 @@ using Words = std::vector<Word>;
 
 // ------------------------------------------------------------------------------------------- all the files
 
-// What grows from file to file.
+// The policy and its errors, which grow from file to file.
 class Collector
 {
 public:

@@ -23,7 +23,7 @@ struct PolicySource
     std::string text;
 };
 
-/// What files of a policy may hold.
+/// The bounds of a policy's files.
 namespace PolicyLimits
 {
 

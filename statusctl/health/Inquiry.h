@@ -19,7 +19,7 @@ BrokerProtocol::Statistics statistics(const Settings& settings);
 /// @throws Failure as statistics()
 std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 
-/// What the broker's policy says about a client.
+/// A decision of the broker's policy about a client, and its reason.
 struct Decision
 {
     bool isAllowed;

@@ -6,6 +6,19 @@
 
 class Denying : public PolicedBroker
 {
+protected:
+    // By a client that has gone before the broker looks at it.
+    void postAndGo()
+    {
+        broker->process().suspend();
+        {
+            ZmtpPeer gone(ZmtpPeer::postPort);
+            ASSERT_TRUE(gone.write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") +
+                                   ZmtpPeer::message(postOf("secret", "1")) +
+                                   ZmtpPeer::message(postOf("other", "1"))));
+        }
+        broker->process().signal(SIGCONT);
+    }
 };
 
 TEST_F(Denying, aPostIsTakenWithoutTheKeysThatAreDenied)
@@ -251,14 +264,7 @@ TEST_F(Denying, inAuditModeEverythingIsDoneAndLogged)
 TEST_F(Denying, nothingIsTakenFromAClientThatHasGoneBeforeItsOwnerIsKnown)
 {
     start(rule("deny = \"post\"\nkeys = \"secret\""));
-    broker->process().suspend();
-    {
-        ZmtpPeer gone(ZmtpPeer::postPort);
-        ASSERT_TRUE(gone.write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") +
-                               ZmtpPeer::message(postOf("secret", "1")) +
-                               ZmtpPeer::message(postOf("other", "1"))));
-    }
-    broker->process().signal(SIGCONT);
+    postAndGo();
     EXPECT_TRUE(eventually([&] { return statistic("policy.unknownOwners") == 1; }));
     EXPECT_EQ(all(), "{}");
     EXPECT_TRUE(isInLog("Refused a connection, the policy needs to know its owner: "));
@@ -268,13 +274,6 @@ TEST_F(Denying, nothingIsTakenFromAClientThatHasGoneBeforeItsOwnerIsKnown)
 TEST_F(Denying, underAPolicyForAnyoneAClientThatHasGoneIsServed)
 {
     start("[[rule]]\ndeny = \"post\"\nkeys = \"secret\"");
-    broker->process().suspend();
-    {
-        ZmtpPeer gone(ZmtpPeer::postPort);
-        ASSERT_TRUE(gone.write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") +
-                               ZmtpPeer::message(postOf("secret", "1")) +
-                               ZmtpPeer::message(postOf("other", "1"))));
-    }
-    broker->process().signal(SIGCONT);
+    postAndGo();
     EXPECT_TRUE(eventually([&] { return all() == R"({"other":"1"})"; }));
 }

@@ -1,13 +1,12 @@
 // Another user tries all it can to write what the policy leaves to us.
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <future>
-#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include "tests/broker/PolicedBroker.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/Loopback.h"
 
 namespace
 {
@@ -24,8 +23,8 @@ public:
         setsockopt(mSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
         const linger none{1, 0}; // no TIME_WAIT
         setsockopt(mSocket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
-        const sockaddr_in own = at(local);
-        const sockaddr_in broker = at(remote);
+        const sockaddr_in own = loopback(local);
+        const sockaddr_in broker = loopback(remote);
         mIsConnected = bind(mSocket, reinterpret_cast<const sockaddr*>(&own), sizeof(own)) == 0 &&
                        connect(mSocket, reinterpret_cast<const sockaddr*>(&broker), sizeof(broker)) == 0;
     }
@@ -41,26 +40,17 @@ public:
     }
 
 private:
-    static sockaddr_in at(uint16_t port)
-    {
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return address;
-    }
-
     int mSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     bool mIsConnected = false;
 };
 
-// Only root can be two users. What is denied to any user is denied in DenyingTest, and GuardTest tells users
-// apart.
 class PolicyAttack : public PolicedBroker
 {
 protected:
     void SetUp() override
     {
+        // Only root can be two users, and the build server is. Any user sees in DenyingTest that nothing is
+        // taken that is denied, and in GuardTest that users are told apart.
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can become another user";
         start("default = \"deny\"\n[[rule]]\nuser = 0\nallow = \"all\"\n"

@@ -9,6 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "tests/support/Loopback.h"
+
 namespace
 {
 
@@ -89,11 +91,8 @@ ZmtpPeer::ZmtpPeer(uint16_t port, int receiveBuffer)
 {
     if (receiveBuffer != 0)
         setsockopt(mSocket, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(mSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+    const sockaddr_in address = loopback(port);
+    if (connect(mSocket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
         throw std::runtime_error("cannot connect to port " + std::to_string(port));
 }
 

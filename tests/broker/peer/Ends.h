@@ -12,16 +12,8 @@
 #include <sys/wait.h>
 
 #include "broker/base/Descriptor.h"
+#include "tests/support/Loopback.h"
 #include "tests/support/Wait.h"
-
-inline sockaddr_in loopback(uint16_t port)
-{
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
-}
 
 inline uint64_t inodeOf(const Descriptor& socket)
 {

@@ -10,7 +10,7 @@
 
 #include "broker/policy/PolicyFiles.h"
 
-/// What the tests of policies need.
+/// Helpers for the tests of policies.
 
 using Lines = std::vector<std::string>;
 

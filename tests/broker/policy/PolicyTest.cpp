@@ -229,7 +229,7 @@ TEST(PolicyClass, mayNotDoAllWhereTheDefaultDenies)
     EXPECT_TRUE(policy->classOf(anybody).mayAll(Action::See));
 }
 
-// What would be denied is to be logged.
+// A rule that denies is found all the same, to be logged.
 TEST(PolicyClass, auditDecidesAsEnforceDoes)
 {
     const auto policy = policyOf("mode = \"audit\"\n[[rule]]\ndeny = \"post\"\n");
