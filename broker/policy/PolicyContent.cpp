@@ -50,6 +50,21 @@ std::string PolicyRule::text() const
     return (isAllowed ? "allow " : "deny ") + namesOf(actions) + " of " + textOf(names);
 }
 
+std::string PolicyQuota::limits() const
+{
+    std::string result;
+    const auto add = [&](const std::optional<std::size_t>& number, const char* unit)
+    {
+        if (number)
+            result += (result.empty() ? "" : ", ") + std::to_string(*number) + unit;
+    };
+    add(keys, " keys");
+    add(bytes, " bytes");
+    add(connections, " connections");
+    add(postsPerSecond, " posts per second");
+    return result;
+}
+
 std::string textOf(const std::vector<Glob>& names)
 {
     std::string text;

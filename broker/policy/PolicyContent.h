@@ -63,6 +63,9 @@ struct PolicyQuota
     std::optional<std::size_t> postsPerSecond;
     std::string place;
     std::string text; ///< "user web: 1000 keys, 65536 bytes"
+
+    /// "1000 keys, 65536 bytes"
+    std::string limits() const;
 };
 
 /// Values that end with the client that posted them last.

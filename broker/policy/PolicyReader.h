@@ -37,9 +37,8 @@ constexpr std::size_t errors = 100;  ///< the ones after them are only counted
 } // namespace PolicyLimits
 
 /// Reads the files of a policy, in their order. Throws nothing but want of memory.
-/// @param errors what is wrong, "FILE:LINE: reason", in the order of files and lines. If there is any, what
-/// is
-///               returned is not to be used.
+/// @param errors takes "FILE:LINE: reason" for each error, in the order of files and lines. If there is any,
+///               the result is not to be used.
 PolicyContent readPolicy(const std::vector<PolicySource>& sources, const PolicyNames& names,
                          std::vector<std::string>& errors);
 
