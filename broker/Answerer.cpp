@@ -56,6 +56,8 @@ Reply Answerer::answer(Connection& client, const BrokerProtocol::Command& comman
         return Reply(clients());
     case Operation::GetPolicyDecision:
         return Reply(decision(client, command.texts));
+    case Operation::GetStatusDetails:
+        return Reply::detailsOf(command.texts);
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:

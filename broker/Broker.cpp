@@ -51,7 +51,11 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
     : mOptions(adjusted(options)), mState(mOptions.limits, mRefusals),
       mConnections(
           mLoop.poller, mBudget, mOptions.limits, mRefusals, std::move(policy), mState,
-          [this](PostConnection& client, std::string_view post) { mApplier.apply(client, post); },
+          [this](PostConnection& client, std::string_view post)
+          {
+              mConnections.introduce(client);
+              mApplier.apply(client, post);
+          },
           [this](RequestConnection& connection) { mQuestions.ask(connection); },
           [this](RequestConnection& connection)
           {

@@ -4,6 +4,7 @@
 #include <ctime>
 #include <map>
 #include <tuple>
+#include <utility>
 
 #include "protocol/BrokerDocuments.h"
 
@@ -50,10 +51,9 @@ Client begin(const Identity& identity)
 } // namespace
 
 Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                         std::unique_ptr<const Policy> policy, const DeviceState& state,
-                         PostPort::OnPost onPost, RequestPort::OnRequest onRequest,
-                         RequestPort::OnClose onClose)
-    : mRefusals(refusals),
+                         std::unique_ptr<const Policy> policy, DeviceState& state, PostPort::OnPost onPost,
+                         RequestPort::OnRequest onRequest, RequestPort::OnClose onClose)
+    : mRefusals(refusals), mPosters(state.posters()),
       mGuard(mIdentities, refusals, std::move(policy)), mEnvironment{poller, mIdentities, budget,
                                                                      limits, refusals,    mGuard},
       mRequests(mEnvironment, state, std::move(onRequest), std::move(onClose)), mNotify(mEnvironment, state),
@@ -132,7 +132,12 @@ void Connections::collect()
 {
     const auto tell = [this](const Connection& connection)
     { mRefusals.tell(connection, connection.identity.text()); };
-    mPosts.collect(tell);
+    mPosts.collect(
+        [&](PostConnection& connection)
+        {
+            tell(connection);
+            mPosters.release(std::exchange(connection.poster, Posters::nobody));
+        });
     mRequests.collect(tell);
     mNotify.collect(tell);
 }
@@ -175,9 +180,30 @@ void Connections::doWhatIsDue(TimePoint now)
             const auto about = found.find(connection.identity.owner.inode());
             if (about == found.end())
                 return;
-            Identities::settle(connection.identity, about->second);
-            mRefusals.tell(connection, connection.identity.text());
+            settle(connection, about->second);
         });
+}
+
+void Connections::settle(Connection& connection, const Processes::Found& found)
+{
+    Identities::settle(connection.identity, found);
+    mRefusals.tell(connection, connection.identity.text());
+    if (connection.kind() == Handshake::Kind::Post)
+        mPosters.setProcess(static_cast<PostConnection&>(connection).poster,
+                            static_cast<uint32_t>(connection.identity.pid), connection.identity.program);
+}
+
+void Connections::enterPoster(PostConnection& connection)
+{
+    mIdentities.seek(connection.identity);
+    const Identity& identity = connection.identity;
+    BrokerProtocol::Poster poster;
+    poster.user = identity.user;
+    poster.uid = identity.owner.uid();
+    poster.service = identity.service;
+    poster.program = identity.program;
+    poster.pid = static_cast<uint32_t>(identity.pid);
+    connection.poster = mPosters.add(poster);
 }
 
 void Connections::appendClients(std::string& to, TimePoint now)

@@ -19,7 +19,7 @@ class Connections
 public:
     /// All must outlive it.
     Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                std::unique_ptr<const Policy> policy, const DeviceState& state, PostPort::OnPost onPost,
+                std::unique_ptr<const Policy> policy, DeviceState& state, PostPort::OnPost onPost,
                 RequestPort::OnRequest onRequest, RequestPort::OnClose onClose);
 
     Connections(const Connections&) = delete;
@@ -50,6 +50,13 @@ public:
             act(*peer);
     }
 
+    /// Enters the client of a connection as one that posts, once. Its process is looked for.
+    void introduce(PostConnection& connection)
+    {
+        if (connection.poster == Posters::nobody)
+            enterPoster(connection);
+    }
+
     void closeForMemory(Connection& connection);
 
     /// Destroys those that were closed. Nothing may point to them any more.
@@ -78,10 +85,13 @@ public:
 
 private:
     void close(Connection& connection);
+    void enterPoster(PostConnection& connection);
+    void settle(Connection& connection, const Processes::Found& found);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 
     Refusals& mRefusals;
+    Posters& mPosters;
     Identities mIdentities;
     Guard mGuard;
     const PortEnvironment mEnvironment;

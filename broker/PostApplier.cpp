@@ -6,7 +6,7 @@
 
 using BrokerProtocol::Operation;
 
-void PostApplier::apply(const Connection& client, std::string_view post)
+void PostApplier::apply(const PostConnection& client, std::string_view post)
 {
     ++mCount;
     if (post == BrokerProtocol::syncWord)
@@ -27,7 +27,7 @@ void PostApplier::refuse(std::string_view post)
         isCutOff ? ", which seems to lack its last 512 bytes: its length is a multiple of that" : "");
 }
 
-void PostApplier::apply(const Connection& client, BrokerProtocol::Command& command)
+void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& command)
 {
     namespace Key = BrokerProtocol::Key;
     const auto nameOfMember = [](const BrokerProtocol::Member& member) { return member.name; };
@@ -38,10 +38,10 @@ void PostApplier::apply(const Connection& client, BrokerProtocol::Command& comma
         return setSystemTime(client, command.number);
     case Operation::PostStatus:
         mGuard.keepAllowed(client, Action::Post, command.members, nameOfMember);
-        return publish(Key::statusUpdate, mState.post(command.members), 0);
+        return publish(Key::statusUpdate, mState.post(command.members, client.poster), 0);
     case Operation::ResetStatus:
         mGuard.keepAllowed(client, Action::Reset, command.texts, [](std::string_view key) { return key; });
-        return publish(Key::statusUpdate, mState.reset(command.texts), 0);
+        return publish(Key::statusUpdate, mState.reset(command.texts, client.poster), 0);
     case Operation::PostEvent:
     {
         mGuard.keepAllowed(client, Action::Event, command.members, nameOfMember);
@@ -70,6 +70,7 @@ void PostApplier::apply(const Connection& client, BrokerProtocol::Command& comma
     case Operation::GetBrokerStatistics:
     case Operation::GetBrokerClients:
     case Operation::GetPolicyDecision:
+    case Operation::GetStatusDetails:
         return; // no posts
     }
 }

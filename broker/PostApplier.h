@@ -8,6 +8,7 @@
 #include "broker/Guard.h"
 #include "broker/Options.h"
 #include "broker/Outbox.h"
+#include "broker/PostPort.h"
 #include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
@@ -23,12 +24,12 @@ public:
     }
 
     /// @param client the connection on which it came
-    void apply(const Connection& client, std::string_view post);
+    void apply(const PostConnection& client, std::string_view post);
 
     uint64_t count() const { return mCount; }
 
 private:
-    void apply(const Connection& client, BrokerProtocol::Command& command);
+    void apply(const PostConnection& client, BrokerProtocol::Command& command);
     void refuse(std::string_view post);
     void publish(const char* key, const DeviceState::Members& members, uint64_t events);
     void setSystemTime(const Connection& client, uint32_t seconds);

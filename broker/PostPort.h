@@ -12,6 +12,7 @@
 #include "broker/PongWait.h"
 #include "broker/PortEnvironment.h"
 #include "broker/StartWait.h"
+#include "broker/state/Posters.h"
 #include "broker/wire/Port.h"
 
 /// A connection on which a client posts.
@@ -33,6 +34,9 @@ public:
     uint64_t number = 0; ///< in the order of arrival
     bool isSubscribed = false;
     StartWait startWait;
+
+    /// Its client, for the values that it posts; nobody until it posts something.
+    Posters::Id poster = Posters::nobody;
 
     bool isReady = false; ///< to be read
     bool isHeavy = false; ///< reading it took long

@@ -21,19 +21,26 @@ constexpr std::string_view delimiter = "\1\0"sv;
 
 Reply Reply::of(std::vector<std::string_view> keys)
 {
+    return Reply(Values::Listed, std::move(keys));
+}
+
+Reply Reply::detailsOf(std::vector<std::string_view> keys)
+{
+    return Reply(Values::Detailed, std::move(keys));
+}
+
+Reply::Reply(Values values, std::vector<std::string_view> keys) : mValues(values)
+{
     std::sort(keys.begin(), keys.end());
     keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
-    Reply reply(Values::Listed);
-    reply.mKeys.reserve(std::accumulate(keys.begin(), keys.end(), std::size_t{0},
-                                        [](std::size_t sum, std::string_view key)
-                                        { return sum + key.size(); }));
-    reply.mKeyEnds.reserve(keys.size());
+    mKeys.reserve(std::accumulate(keys.begin(), keys.end(), std::size_t{0},
+                                  [](std::size_t sum, std::string_view key) { return sum + key.size(); }));
+    mKeyEnds.reserve(keys.size());
     for (const std::string_view key : keys)
     {
-        reply.mKeys += key;
-        reply.mKeyEnds.push_back(static_cast<uint32_t>(reply.mKeys.size()));
+        mKeys += key;
+        mKeyEnds.push_back(static_cast<uint32_t>(mKeys.size()));
     }
-    return reply;
 }
 
 // The last frame must not be empty, which clients take for a failure; so a frame is cut off only where more
@@ -61,23 +68,40 @@ void Reply::extend(const DeviceState& state, const Shows& shows, std::size_t byt
     if (mIsComplete)
         return;
     if (!mHasMembers && mText.empty())
-        mText = "{";
+        begin();
     while (mText.size() < bytes + frameBytes)
     {
         const DeviceState::Value* value = nextShown(state, shows);
         if (value == nullptr)
         {
-            mText += '}';
+            mText += mValues == Values::Detailed ? "}}" : "}";
             mIsComplete = true;
             return;
         }
         if (mHasMembers)
             mText += ',';
-        BrokerProtocol::appendText(mText, value->key);
-        mText += ':';
-        BrokerProtocol::appendText(mText, value->text);
+        appendValue(state, *value);
         mHasMembers = true;
     }
+}
+
+void Reply::begin()
+{
+    mText = "{";
+    if (mValues != Values::Detailed)
+        return;
+    BrokerProtocol::appendText(mText, BrokerProtocol::Key::statusDetails);
+    mText += ":{";
+}
+
+void Reply::appendValue(const DeviceState& state, const DeviceState::Value& value)
+{
+    BrokerProtocol::appendText(mText, value.key);
+    mText += ':';
+    if (mValues == Values::Detailed)
+        BrokerProtocol::appendDetails(mText, state.details(value));
+    else
+        BrokerProtocol::appendText(mText, value.text);
 }
 
 const DeviceState::Value* Reply::nextShown(const DeviceState& state, const Shows& shows)

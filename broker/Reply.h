@@ -26,6 +26,9 @@ public:
     /// Those of the keys that are known.
     static Reply of(std::vector<std::string_view> keys);
 
+    /// What is known of those of the keys that are known.
+    static Reply detailsOf(std::vector<std::string_view> keys);
+
     /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
     /// @param shows which values to tell; empty for all
     using Shows = std::function<bool(const DeviceState::Value&)>;
@@ -40,11 +43,15 @@ private:
         None,
         All,
         Listed,
+        Detailed, ///< listed, with their details
     };
 
     explicit Reply(Values values) : mValues(values) {}
+    Reply(Values values, std::vector<std::string_view> keys);
 
     void extend(const DeviceState& state, const Shows& shows, std::size_t bytes);
+    void begin();
+    void appendValue(const DeviceState& state, const DeviceState::Value& value);
     const DeviceState::Value* next(const DeviceState& state);
     const DeviceState::Value* nextShown(const DeviceState& state, const Shows& shows);
 

@@ -185,9 +185,9 @@ void appendKnown(std::string& to, std::string_view name, std::string_view text)
         appendMember(to, {name, text});
 }
 
-void appendClient(std::string& to, const Client& client)
+template <class Known>
+void appendIdentity(std::string& to, const Known& client)
 {
-    to += '{';
     appendKnown(to, ClientMember::user, client.user);
     if (client.uid)
         appendNumber(to, ClientMember::uid, *client.uid);
@@ -195,6 +195,20 @@ void appendClient(std::string& to, const Client& client)
     if (client.pid != 0)
         appendNumber(to, ClientMember::pid, client.pid);
     appendKnown(to, ClientMember::program, client.program);
+}
+
+void appendPoster(std::string& to, std::string_view name, const Poster& poster)
+{
+    appendName(to, name);
+    to += '{';
+    appendIdentity(to, poster);
+    to += '}';
+}
+
+void appendClient(std::string& to, const Client& client)
+{
+    to += '{';
+    appendIdentity(to, client);
     if (client.isShared)
         appendNumber(to, ClientMember::shared, 1);
     appendNumber(to, ClientMember::since, client.since);
@@ -262,6 +276,20 @@ void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbe
     to += '{';
     for (const auto& [name, number] : numbers)
         appendNumber(to, name, number);
+    to += '}';
+}
+
+void appendDetails(std::string& to, const ValueDetails& details)
+{
+    to += '{';
+    appendMember(to, {DetailMember::value, details.value});
+    appendNumber(to, DetailMember::posted, details.posted);
+    appendNumber(to, DetailMember::changed, details.changed);
+    appendNumber(to, DetailMember::posts, details.posts);
+    appendNumber(to, DetailMember::changes, details.changes);
+    appendPoster(to, DetailMember::poster, details.poster);
+    if (!(details.changer == details.poster))
+        appendPoster(to, DetailMember::changer, details.changer);
     to += '}';
 }
 

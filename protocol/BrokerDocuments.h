@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "protocol/Client.h"
+#include "protocol/ValueDetails.h"
 #include "protocol/Words.h"
 
 /// The documents as the broker reads and writes them. Pure functions; no sockets, no threads.
@@ -43,6 +44,7 @@ enum class Operation
     GetBrokerStatistics,
     GetBrokerClients,
     GetPolicyDecision,
+    GetStatusDetails,
 };
 
 /// The name under which messages know it.
@@ -68,7 +70,7 @@ public:
     std::string_view text;       ///< the name of a timer, a counter or a status key
     std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
     std::vector<std::string_view>
-        texts;           ///< ResetStatus, GetClientInfoValues, GetPolicyDecision: in their order
+        texts; ///< ResetStatus, GetClientInfoValues, GetPolicyDecision, GetStatusDetails: in their order
     uint32_t number = 0; ///< UpdateSystemTime, SetCounterValue
 
     /// False if the message is malformed, or no post or no request respectively.
@@ -107,6 +109,9 @@ void appendCounterReply(std::string& to, uint32_t value);
 
 /// @param isComplete no process is being looked for
 void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete);
+
+/// The object of a key in the answer to getStatusDetails.
+void appendDetails(std::string& to, const ValueDetails& details);
 
 /// An object of numbers.
 void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers);

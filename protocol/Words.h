@@ -36,6 +36,8 @@ constexpr const char* statusValue = "statusValue";
 constexpr const char* getBrokerStatistics = "getBrokerStatistics";
 constexpr const char* getBrokerClients = "getBrokerClients";
 constexpr const char* getPolicyDecision = "getPolicyDecision";
+constexpr const char* getStatusDetails = "getStatusDetails";
+constexpr const char* statusDetails = "statusDetails";
 } // namespace Key
 
 /// Those numbers of getBrokerStatistics by which readers judge the broker.
@@ -77,6 +79,19 @@ constexpr const char* refusals = "refusals";
 constexpr const char* received = "received"; ///< bytes
 constexpr const char* sent = "sent";         ///< bytes
 } // namespace ClientMember
+
+/// The members of the answer to getStatusDetails, for each key. Those of a client that are unknown are left
+/// out. The user, service, program and process are as in the answer to getBrokerClients.
+namespace DetailMember
+{
+constexpr const char* value = "value";
+constexpr const char* posted = "posted";   ///< microseconds since the Unix epoch
+constexpr const char* changed = "changed"; ///< microseconds since the Unix epoch
+constexpr const char* posts = "posts";
+constexpr const char* changes = "changes";
+constexpr const char* poster = "poster";
+constexpr const char* changer = "changer"; ///< left out if it is the same client
+} // namespace DetailMember
 
 /// The members of the answer to getPolicyDecision: an error, or the two others.
 namespace DecisionMember

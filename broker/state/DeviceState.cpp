@@ -17,6 +17,18 @@ uint64_t microsecondsOf(clockid_t clock)
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
 }
 
+DeviceState::BootTime bootTime()
+{
+    return static_cast<DeviceState::BootTime>(microsecondsOf(CLOCK_BOOTTIME));
+}
+
+// As far as it goes.
+void count(uint32_t& number)
+{
+    if (number != UINT32_MAX)
+        ++number;
+}
+
 // ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
 // running one leaves the span under way.
 
@@ -63,7 +75,10 @@ typename Map::mapped_type& entry(Map& map, std::string_view name)
 void DeviceState::restore(const SavedState& state)
 {
     for (const auto& [key, text] : state.values)
-        store(key, text);
+    {
+        if (store(key, text, {}))
+            mValues.find(key)->second.history = {}; // unknown
+    }
     for (const auto& [name, timer] : state.timers)
     {
         if (mayName(mTimers, name, mLimits.timers, Refusal::Timers))
@@ -147,23 +162,25 @@ bool DeviceState::mayStore(Values::const_iterator stored, std::string_view key, 
 
 // --------------------------------------------------------------------------------------------------- posts
 
-const DeviceState::Members& DeviceState::post(const Members& values)
+const DeviceState::Members& DeviceState::post(const Members& values, Posters::Id by)
 {
     shrink(mChanged);
+    const Post post{by, bootTime()};
     for (const Member& value : values)
     {
-        if (store(value.name, value.value))
+        if (store(value.name, value.value, post))
             mChanged.push_back(value);
     }
     return mChanged;
 }
 
-const DeviceState::Members& DeviceState::reset(const std::vector<std::string_view>& keys)
+const DeviceState::Members& DeviceState::reset(const std::vector<std::string_view>& keys, Posters::Id by)
 {
     shrink(mChanged);
+    const Post post{by, bootTime()};
     for (const std::string_view key : keys)
     {
-        if (store(key, {}))
+        if (store(key, {}, post))
             mChanged.push_back({key, {}}); // once: the next time it is empty already
     }
     std::sort(mChanged.begin(), mChanged.end(),
@@ -183,11 +200,14 @@ const DeviceState::Members& DeviceState::events(const Members& events)
 }
 
 // True if that changed something. A key that is unknown so far changes even if the value is empty.
-bool DeviceState::store(std::string_view key, std::string_view text)
+bool DeviceState::store(std::string_view key, std::string_view text, const Post& post)
 {
     auto stored = mValues.find(key);
     if (stored != mValues.end() && stored->second.text == text)
+    {
+        note(stored->second.history, post, false);
         return false;
+    }
     if (!mayStore(stored, key, text))
         return false;
     mStoredBytes += text.size();
@@ -201,9 +221,29 @@ bool DeviceState::store(std::string_view key, std::string_view text)
         mStoredBytes -= stored->second.text.size();
     assign(stored->second.text, text);
     moveToNewest(stored->second);
+    note(stored->second.history, post, true);
     if (mNotesChanges)
         mNoted.values[stored->first] = text;
     return true;
+}
+
+void DeviceState::note(History& history, const Post& post, bool isChange)
+{
+    const auto replace = [this](Posters::Id& former, Posters::Id by)
+    {
+        if (former == by)
+            return;
+        mPosters.hold(by);
+        mPosters.release(std::exchange(former, by));
+    };
+    history.posted = post.at;
+    count(history.posts);
+    replace(history.poster, post.by);
+    if (!isChange)
+        return;
+    history.changed = post.at;
+    count(history.changes);
+    replace(history.changer, post.by);
 }
 
 void DeviceState::moveToNewest(Value& value)
@@ -310,6 +350,24 @@ const DeviceState::Value* DeviceState::behind(const std::optional<std::string>& 
 {
     const auto next = key ? mValues.upper_bound(*key) : mValues.begin();
     return next == mValues.end() ? nullptr : &next->second;
+}
+
+BrokerProtocol::ValueDetails DeviceState::details(const Value& value) const
+{
+    const auto wallNow = static_cast<int64_t>(microsecondsOf(CLOCK_REALTIME));
+    const BootTime now = bootTime();
+    const auto onTheWall = [&](BootTime time)
+    { return static_cast<uint64_t>(std::max<int64_t>(wallNow - (now - time), 0)); };
+    const History& history = value.history;
+    BrokerProtocol::ValueDetails details;
+    details.value = value.text;
+    details.posted = history.posts == 0 ? 0 : onTheWall(history.posted);
+    details.changed = history.changes == 0 ? 0 : onTheWall(history.changed);
+    details.posts = history.posts;
+    details.changes = history.changes;
+    details.poster = mPosters.at(history.poster);
+    details.changer = mPosters.at(history.changer);
+    return details;
 }
 
 std::string_view DeviceState::valueOf(std::string_view key) const

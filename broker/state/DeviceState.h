@@ -10,6 +10,7 @@
 
 #include "broker/base/Limits.h"
 #include "broker/base/Refusals.h"
+#include "broker/state/Posters.h"
 #include "broker/state/SavedState.h"
 #include "protocol/BrokerDocuments.h"
 
@@ -41,10 +42,11 @@ public:
 
     /// Returns the values that changed, in the order of their keys, each there once.
     /// @param values in the order of their keys, each there once
-    const Members& post(const Members& values);
+    /// @param by     the client that posts them
+    const Members& post(const Members& values, Posters::Id by = Posters::nobody);
 
     /// The same for keys that are set to the empty text.
-    const Members& reset(const std::vector<std::string_view>& keys);
+    const Members& reset(const std::vector<std::string_view>& keys, Posters::Id by = Posters::nobody);
 
     /// The events that are to be published; nothing is stored of them.
     const Members& events(const Members& events);
@@ -54,6 +56,11 @@ public:
     void resetTimer(std::string_view name);
     void restartTimer(std::string_view name);
     void setCounter(std::string_view name, uint32_t value);
+
+    // ---- Who posts.
+
+    /// To be filled with those that post. Values hold theirs.
+    Posters& posters() { return mPosters; }
 
     // ---- Requests.
 
@@ -65,6 +72,9 @@ public:
 
     /// The first value behind this key, in the order of the keys; behind nothing: the first of all.
     const Value* behind(const std::optional<std::string>& key) const;
+
+    /// The value with its history. The text stands in the state.
+    BrokerProtocol::ValueDetails details(const Value& value) const;
 
     /// Microseconds; 0 for a timer that is not there.
     uint64_t elapsed(std::string_view timer) const;
@@ -80,11 +90,25 @@ public:
     /// Counts the changes of status values so far.
     uint64_t revision() const { return mRevision; }
 
+    /// Microseconds since the device was started; before that for times that were kept over its start.
+    using BootTime = int64_t;
+
+    struct History
+    {
+        BootTime posted = 0;
+        BootTime changed = 0;
+        uint32_t posts = 0;
+        uint32_t changes = 0;
+        Posters::Id poster = Posters::nobody;
+        Posters::Id changer = Posters::nobody;
+    };
+
     struct Value
     {
         std::string_view key; ///< in the map
         std::string text;
         uint64_t revision = 0; ///< of its last change
+        History history;
 
         // In the order of their last changes.
         Value* older = nullptr;
@@ -104,7 +128,15 @@ private:
     using Values = std::map<std::string, Value, std::less<>>;
     using Timer = SavedState::Timer;
 
-    bool store(std::string_view key, std::string_view text);
+    /// The client and the time of a post.
+    struct Post
+    {
+        Posters::Id by;
+        BootTime at;
+    };
+
+    bool store(std::string_view key, std::string_view text, const Post& post);
+    void note(History& history, const Post& post, bool isChange);
     bool mayStore(Values::const_iterator stored, std::string_view key, std::string_view text);
     void moveToNewest(Value& value);
     void takeOut(Value& value);
@@ -119,6 +151,7 @@ private:
     Refusals& mRefusals;
     uint64_t mRevision = 0;
     std::size_t mStoredBytes = 0;
+    Posters mPosters;
     Values mValues;
     Value* mOldest = nullptr;
     Value* mNewest = nullptr;

@@ -1,0 +1,59 @@
+#include "broker/state/Posters.h"
+
+using BrokerProtocol::Poster;
+
+Posters::Id Posters::add(const Poster& poster)
+{
+    mFree.reserve(mEntries.size() + 1); // removing must not fail
+    const Entry entry{enter(poster), poster.pid, 1};
+    if (mFree.empty())
+    {
+        mEntries.push_back(entry);
+        return static_cast<Id>(mEntries.size());
+    }
+    const Id id = mFree.back();
+    mFree.pop_back();
+    mEntries[id - 1] = entry;
+    return id;
+}
+
+void Posters::setProcess(Id id, uint32_t pid, const std::string& program)
+{
+    if (id == nobody)
+        return;
+    Poster poster = at(id);
+    poster.program = program;
+    const auto before = mEntries[id - 1].names;
+    mEntries[id - 1].names = enter(std::move(poster));
+    mEntries[id - 1].pid = pid;
+    leave(before);
+}
+
+Poster Posters::at(Id id) const
+{
+    if (id == nobody)
+        return {};
+    Poster poster = mEntries[id - 1].names->first;
+    poster.pid = mEntries[id - 1].pid;
+    return poster;
+}
+
+Posters::Names::iterator Posters::enter(Poster poster)
+{
+    poster.pid = 0;
+    const auto place = mNames.try_emplace(std::move(poster)).first;
+    ++place->second;
+    return place;
+}
+
+void Posters::leave(Names::iterator names)
+{
+    if (--names->second == 0)
+        mNames.erase(names);
+}
+
+void Posters::remove(Id id)
+{
+    leave(mEntries[id - 1].names);
+    mFree.push_back(id);
+}

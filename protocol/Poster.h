@@ -1,0 +1,35 @@
+#ifndef PROTOCOL_POSTER_H
+#define PROTOCOL_POSTER_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <tuple>
+
+namespace BrokerProtocol
+{
+
+/// A client that has posted a value, as far as the broker knows it.
+struct Poster
+{
+    std::string user; ///< its name, or its number; empty: unknown
+    std::optional<uint32_t> uid;
+    std::string service; ///< empty: none, or unknown
+    std::string program; ///< empty: unknown
+    uint32_t pid = 0;    ///< 0: unknown
+};
+
+/// A poster without its process id: what many posters have in common.
+inline auto namesOf(const Poster& poster)
+{
+    return std::tie(poster.user, poster.uid, poster.service, poster.program);
+}
+
+inline bool operator==(const Poster& one, const Poster& other)
+{
+    return one.pid == other.pid && namesOf(one) == namesOf(other);
+}
+
+} // namespace BrokerProtocol
+
+#endif

@@ -1,0 +1,105 @@
+// The real broker tells who posted a value, when, and how often.
+
+#include <gtest/gtest.h>
+#include <json/writer.h>
+#include <memory>
+
+#include "statusctl/text/Json.h"
+#include "tests/broker/PolicedBroker.h"
+#include "tests/support/AsUser.h"
+
+namespace
+{
+
+class StatusDetails : public PolicedBroker
+{
+protected:
+    Json::Value detailsOf(const std::string& keys)
+    {
+        const std::string answer = ask(R"({"getStatusDetails":[)" + keys + "]}");
+        return JsonText::readObject(answer).value_or(Json::Value())["statusDetails"];
+    }
+
+    // Its process may still be looked for.
+    bool isPostedByUs()
+    {
+        return eventually([&] { return detailsOf(R"("door")")["door"]["poster"]["pid"] == getpid(); });
+    }
+};
+
+} // namespace
+
+TEST_F(StatusDetails, nameTheClientThatPosted)
+{
+    start(allOk);
+    post(postOf("door", "open"));
+    EXPECT_TRUE(isPostedByUs());
+    const Json::Value door = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(door["value"], "open");
+    EXPECT_EQ(door["poster"]["uid"].asUInt(), geteuid());
+    EXPECT_EQ(door["poster"]["program"], "StatusDetailsTe"); // as long as the kernel keeps it
+    EXPECT_FALSE(door.isMember("changer")) << door;
+    EXPECT_EQ(door["posts"], 1);
+    EXPECT_EQ(door["changes"], 1);
+    EXPECT_EQ(door["posted"], door["changed"]);
+}
+
+TEST_F(StatusDetails, nameTheClientAlsoWhenItHasGone)
+{
+    start(allOk);
+    post(postOf("door", "open"));
+    EXPECT_TRUE(isPostedByUs());
+    posting.reset();
+    EXPECT_TRUE(eventually([&] { return statistic("clients.posts") == 0; }));
+    EXPECT_TRUE(isPostedByUs());
+}
+
+TEST_F(StatusDetails, leaveOutKeysThatAreNotThere)
+{
+    start(allOk);
+    post(postOf("door", "open"));
+    EXPECT_EQ(detailsOf(R"("window","door","door")").getMemberNames(), Json::Value::Members{"door"});
+    EXPECT_EQ(ask(R"({"getStatusDetails":["window"]})"), R"({"statusDetails":{}})");
+    EXPECT_EQ(ask(R"({"getStatusDetails":[]})"), R"({"statusDetails":{}})");
+}
+
+TEST_F(StatusDetails, leaveOutKeysThatThePolicyHides)
+{
+    start(rule("deny = \"see\"\nkeys = \"secret\"") + rule("deny = \"query\"\nkeys = \"mute\""));
+    post(R"({"postStatus":{"door":"open","mute":"1","secret":"1"}})");
+    EXPECT_EQ(detailsOf(R"("door","mute","secret")").getMemberNames(), Json::Value::Members{"door"});
+}
+
+// Only root can be another user. ValueHistory tells clients of one user apart.
+TEST_F(StatusDetails, tellTheClientThatChangedItFromTheOneThatPostedItAgain)
+{
+    constexpr uid_t user = 12345;
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    start(allOk);
+    std::unique_ptr<ZmtpPeer> other;
+    ASSERT_TRUE(asUser(user, [&] { other = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort); }));
+    ASSERT_TRUE(other->shakeHands());
+    post(postOf("door", "open"));
+    ASSERT_TRUE(other->write(ZmtpPeer::message(postOf("door", "open"))));
+    EXPECT_TRUE(eventually([&] { return detailsOf(R"("door")")["door"]["posts"] == 2; }));
+    const Json::Value door = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(door["poster"]["uid"].asUInt(), user) << door;
+    EXPECT_EQ(door["changer"]["uid"].asUInt(), 0U) << door;
+}
+
+// Many times larger than what a connection holds.
+TEST_F(StatusDetails, ofAllKeysComeInOneAnswer)
+{
+    constexpr int keys = 10000;
+    start(allOk);
+    std::string values;
+    std::string names;
+    for (int key = 0; key < keys; ++key)
+    {
+        values += (key == 0 ? "\"k" : ",\"k") + std::to_string(key) + R"(":"1")";
+        names += (key == 0 ? "\"k" : ",\"k") + std::to_string(key) + '"';
+    }
+    post(R"({"postStatus":{)" + values + "}}");
+    EXPECT_EQ(detailsOf(names).size(), static_cast<Json::ArrayIndex>(keys));
+}
