@@ -48,22 +48,11 @@ Options adjusted(Options options)
 } // namespace
 
 Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
-    : mOptions(adjusted(options)), mState(mOptions.limits, mRefusals),
-      mConnections(
-          mLoop.poller, mBudget, mOptions.limits, mRefusals, std::move(policy), mState,
-          [this](PostConnection& client, std::string_view post)
-          {
-              mConnections.introduce(client);
-              mApplier.apply(client, post);
-          },
-          [this](RequestConnection& connection) { mQuestions.ask(connection); },
-          [this](RequestConnection& connection)
-          {
-              mQuestions.forget(connection);
-              mOutbox.forget(connection);
-          }),
+    : mOptions(adjusted(options)), mState(mOptions.limits, mRefusals), mOwnedValues(mState, makeWorld()),
+      mConnections(mLoop.poller, mBudget, mOptions.limits, mRefusals, std::move(policy), mState,
+                   makeHandlers()),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
-      mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOutbox),
+      mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOwnedValues, mOutbox),
       mAnswerer(
           mConnections.guard(), mRefusals, mState,
           [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
@@ -71,13 +60,41 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
+    mOwnedValues.setPolicy(mConnections.guard().policy(), Clock::now());
     mConnections.listen();
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
 }
 
+OwnedValues::World Broker::makeWorld()
+{
+    return {[this](Posters::Id client) { return mConnections.isHere(client); },
+            [this](Posters::Id gone, TimePoint since) { return mConnections.successorOf(gone, since); },
+            [this](Posters::Id gone, const PolicyTie& rule, const std::vector<std::string_view>& keys)
+            { mApplier.endValues(gone, rule, keys); }};
+}
+
+Connections::Handlers Broker::makeHandlers()
+{
+    return {[this](PostConnection& client, std::string_view post)
+            {
+                mConnections.introduce(client);
+                mApplier.apply(client, post);
+            },
+            [this](Posters::Id client, bool canComeBack)
+            { mOwnedValues.gone(client, canComeBack, Clock::now()); },
+            [this](RequestConnection& connection) { mQuestions.ask(connection); },
+            [this](RequestConnection& connection)
+            {
+                mQuestions.forget(connection);
+                mOutbox.forget(connection);
+            }};
+}
+
 void Broker::planTasks()
 {
+    mLoop.schedule.add([this] { return mOwnedValues.due(); },
+                       [this](TimePoint now) { mOwnedValues.doWhatIsDue(now); });
     mLoop.schedule.add([this] { return mSupervisor.nextTelling().value_or(TimePoint::max()); },
                        [this](TimePoint now) { mSupervisor.tellWhatIsDue(now); });
     mLoop.schedule.add([this] { return mOutbox.due(); }, [this](TimePoint now) { mOutbox.doWhatIsDue(now); });
@@ -122,7 +139,9 @@ void Broker::planTasks()
 
 void Broker::setPolicy(std::unique_ptr<const Policy> policy)
 {
-    mConnections.setPolicy(std::move(policy), Clock::now());
+    const TimePoint now = Clock::now();
+    mConnections.setPolicy(std::move(policy), now);
+    mOwnedValues.setPolicy(mConnections.guard().policy(), now);
 }
 
 void Broker::setLimits(const Limits& limits)

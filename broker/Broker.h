@@ -10,6 +10,7 @@
 #include "broker/MemoryBudget.h"
 #include "broker/Options.h"
 #include "broker/Outbox.h"
+#include "broker/OwnedValues.h"
 #include "broker/PostApplier.h"
 #include "broker/Questions.h"
 #include "broker/Schedule.h"
@@ -56,6 +57,8 @@ private:
         Schedule schedule;
     };
 
+    OwnedValues::World makeWorld();
+    Connections::Handlers makeHandlers();
     void planTasks();
     void waitForWork();
     std::size_t takeEvents(std::chrono::microseconds limit);
@@ -71,6 +74,7 @@ private:
     MemoryBudget mBudget{mOptions.limits.memory};
     Loop mLoop;
     DeviceState mState;
+    OwnedValues mOwnedValues;
     Connections mConnections;
     Outbox mOutbox;
     PostApplier mApplier;

@@ -16,6 +16,9 @@ using BrokerProtocol::Client;
 // A line of the log waits so long for the process of which it tells.
 constexpr std::chrono::seconds longestSearch{2};
 
+// What a client had sent is read to its end, which may show so much later than that the client is back.
+constexpr std::chrono::milliseconds longestEnding{100};
+
 uint64_t wallMicroseconds()
 {
     timespec now{};
@@ -51,13 +54,13 @@ Client begin(const Identity& identity)
 } // namespace
 
 Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                         std::unique_ptr<const Policy> policy, DeviceState& state, PostPort::OnPost onPost,
-                         RequestPort::OnRequest onRequest, RequestPort::OnClose onClose)
+                         std::unique_ptr<const Policy> policy, DeviceState& state, Handlers handlers)
     : mRefusals(refusals), mPosters(state.posters()),
       mGuard(mIdentities, refusals, std::move(policy)), mEnvironment{poller, mIdentities, budget,
                                                                      limits, refusals,    mGuard},
-      mRequests(mEnvironment, state, std::move(onRequest), std::move(onClose)), mNotify(mEnvironment, state),
-      mPosts(mEnvironment, std::move(onPost))
+      mRequests(mEnvironment, state, std::move(handlers.onRequest), std::move(handlers.onRequesterGone)),
+      mNotify(mEnvironment, state), mPosts(mEnvironment, std::move(handlers.onPost)),
+      mOnPosterGone(std::move(handlers.onPosterGone))
 {
     refusals.setDescribe([this](Refused& source) { return nameOf(static_cast<Connection&>(source)); });
 }
@@ -136,7 +139,7 @@ void Connections::collect()
         [&](PostConnection& connection)
         {
             tell(connection);
-            mPosters.release(std::exchange(connection.poster, Posters::nobody));
+            forgetPoster(connection);
         });
     mRequests.collect(tell);
     mNotify.collect(tell);
@@ -191,6 +194,41 @@ void Connections::settle(Connection& connection, const Processes::Found& found)
     if (connection.kind() == Handshake::Kind::Post)
         mPosters.setProcess(static_cast<PostConnection&>(connection).poster,
                             static_cast<uint32_t>(connection.identity.pid), connection.identity.program);
+}
+
+void Connections::forgetPoster(PostConnection& connection)
+{
+    if (connection.poster == Posters::nobody)
+        return;
+    const Identity& identity = connection.identity;
+    mOnPosterGone(connection.poster,
+                  !identity.service.empty() || identity.search != Identity::Search::CutShort);
+    mPosters.release(std::exchange(connection.poster, Posters::nobody));
+}
+
+bool Connections::isHere(Posters::Id client) const
+{
+    return std::any_of(mPosts.peers().begin(), mPosts.peers().end(),
+                       [=](const auto& peer) { return peer->poster == client; });
+}
+
+std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint since)
+{
+    const BrokerProtocol::Poster poster = mPosters.at(gone);
+    bool isSearching = false;
+    for (const auto& peer : mPosts.peers())
+    {
+        const Identity& identity = peer->identity;
+        const bool isNew = peer->isOpen() && peer->acceptedAt() + longestEnding > since;
+        if (!isNew || identity.owner.uid() != poster.uid || identity.service != poster.service)
+            continue;
+        introduce(*peer);
+        const bool isSought = poster.service.empty() && identity.search == Identity::Search::UnderWay;
+        isSearching = isSearching || isSought;
+        if (!isSought && (!poster.service.empty() || static_cast<uint32_t>(identity.pid) == poster.pid))
+            return peer->poster;
+    }
+    return isSearching ? std::nullopt : std::optional(Posters::nobody);
 }
 
 void Connections::enterPoster(PostConnection& connection)

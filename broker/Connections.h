@@ -1,6 +1,7 @@
 #ifndef BROKER_CONNECTIONS_H
 #define BROKER_CONNECTIONS_H
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,10 +18,19 @@
 class Connections
 {
 public:
+    /// What the broker does about them.
+    struct Handlers
+    {
+        PostPort::OnPost onPost;
+        /// A client that has posted something. It can come back unless it has gone before it was known.
+        std::function<void(Posters::Id client, bool canComeBack)> onPosterGone;
+        RequestPort::OnRequest onRequest;
+        RequestPort::OnClose onRequesterGone;
+    };
+
     /// All must outlive it.
     Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
-                std::unique_ptr<const Policy> policy, DeviceState& state, PostPort::OnPost onPost,
-                RequestPort::OnRequest onRequest, RequestPort::OnClose onClose);
+                std::unique_ptr<const Policy> policy, DeviceState& state, Handlers handlers);
 
     Connections(const Connections&) = delete;
     Connections& operator=(const Connections&) = delete;
@@ -49,6 +59,15 @@ public:
         for (const auto& peer : mNotify.peers())
             act(*peer);
     }
+
+    /// The client is connected for posts.
+    bool isHere(Posters::Id client) const;
+
+    /// The client that has come back in the place of one that has gone, entered as one that posts: nobody if
+    /// none has, nothing while its process is looked for. A client of a service is succeeded by any other of
+    /// the same service and user, and one without a service by its own process only. Where the broker may not
+    /// see the processes of the user, those are taken to be the same.
+    std::optional<Posters::Id> successorOf(Posters::Id gone, TimePoint since);
 
     /// Enters the client of a connection as one that posts, once. Its process is looked for.
     void introduce(PostConnection& connection)
@@ -86,6 +105,7 @@ public:
 private:
     void close(Connection& connection);
     void enterPoster(PostConnection& connection);
+    void forgetPoster(PostConnection& connection);
     void settle(Connection& connection, const Processes::Found& found);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
@@ -98,6 +118,7 @@ private:
     RequestPort mRequests;
     NotifyPort mNotify;
     PostPort mPosts;
+    const std::function<void(Posters::Id, bool)> mOnPosterGone;
 };
 
 #endif

@@ -3,8 +3,31 @@
 #include <cerrno>
 #include <cstring>
 #include <sys/time.h>
+#include <unistd.h>
 
 using BrokerProtocol::Operation;
+
+namespace
+{
+
+BrokerProtocol::Poster self()
+{
+    BrokerProtocol::Poster poster;
+    poster.uid = geteuid();
+    poster.user = std::to_string(*poster.uid);
+    poster.program = "statusbroker";
+    poster.pid = static_cast<uint32_t>(getpid());
+    return poster;
+}
+
+} // namespace
+
+PostApplier::PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state,
+                         OwnedValues& ownedValues, Outbox& outbox)
+    : mOptions(options), mGuard(guard), mRefusals(refusals), mState(state), mOwnedValues(ownedValues),
+      mOutbox(outbox), mSelf(state.posters().add(self()))
+{
+}
 
 void PostApplier::apply(const PostConnection& client, std::string_view post)
 {
@@ -38,10 +61,12 @@ void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& c
         return setSystemTime(client, command.number);
     case Operation::PostStatus:
         mGuard.keepAllowed(client, Action::Post, command.members, nameOfMember);
-        return publish(Key::statusUpdate, mState.post(command.members, client.poster), 0);
+        publish(Key::statusUpdate, mState.post(command.members, client.poster), 0);
+        return mOwnedValues.isUsed() ? mOwnedValues.posted(client.poster, command.members) : void();
     case Operation::ResetStatus:
         mGuard.keepAllowed(client, Action::Reset, command.texts, [](std::string_view key) { return key; });
-        return publish(Key::statusUpdate, mState.reset(command.texts, client.poster), 0);
+        publish(Key::statusUpdate, mState.reset(command.texts, client.poster), 0);
+        return mOwnedValues.isUsed() ? mOwnedValues.reset(command.texts) : void();
     case Operation::PostEvent:
     {
         mGuard.keepAllowed(client, Action::Event, command.members, nameOfMember);
@@ -105,4 +130,32 @@ void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
     if (settimeofday(&time, nullptr) != 0)
         mRefusals.report(Refusal::SystemTime, "Failed to set the system time to %u: %s", seconds,
                          strerror(errno));
+}
+
+void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
+                            const std::vector<std::string_view>& keys)
+{
+    std::vector<std::string_view> ending; // those that are still there
+    DeviceState::Members values;
+    for (const std::string_view key : keys)
+    {
+        const DeviceState::Value* value = mState.find(key);
+        if (value == nullptr || value->text == rule.becomes)
+            continue;
+        ending.push_back(key);
+        values.push_back({key, rule.becomes});
+    }
+    if (ending.empty())
+        return;
+    const bool isAudit = mGuard.policy().isAudit();
+    mRefusals.report(isAudit ? Refusal::Audited : Refusal::OwnerGone,
+                     "%s [%.*s] and %zu others to [%.*s], by %s: process %u (%s) of user %s has gone",
+                     isAudit ? "Would set" : "Set", excerptLength(ending.front()), ending.front().data(),
+                     ending.size() - 1, excerptLength(rule.becomes), rule.becomes.data(), rule.place.c_str(),
+                     mState.posters().at(owner).pid, mState.posters().at(owner).program.c_str(),
+                     mState.posters().at(owner).user.c_str());
+    if (isAudit)
+        return;
+    const auto& changed = rule.becomes.empty() ? mState.reset(ending, mSelf) : mState.post(values, mSelf);
+    publish(BrokerProtocol::Key::statusUpdate, changed, 0);
 }

@@ -8,6 +8,7 @@
 #include "broker/Guard.h"
 #include "broker/Options.h"
 #include "broker/Outbox.h"
+#include "broker/OwnedValues.h"
 #include "broker/PostPort.h"
 #include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
@@ -18,13 +19,14 @@ class PostApplier
 {
 public:
     /// All must outlive it.
-    PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state, Outbox& outbox)
-        : mOptions(options), mGuard(guard), mRefusals(refusals), mState(state), mOutbox(outbox)
-    {
-    }
+    PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state,
+                OwnedValues& ownedValues, Outbox& outbox);
 
     /// @param client the connection on which it came
     void apply(const PostConnection& client, std::string_view post);
+
+    /// Posts of the broker's own: values that end with their owner.
+    void endValues(Posters::Id owner, const PolicyTie& rule, const std::vector<std::string_view>& keys);
 
     uint64_t count() const { return mCount; }
 
@@ -38,7 +40,9 @@ private:
     Guard& mGuard;
     Refusals& mRefusals;
     DeviceState& mState;
+    OwnedValues& mOwnedValues;
     Outbox& mOutbox;
+    const Posters::Id mSelf; // the broker as a client
     BrokerProtocol::Command mCommand;
     std::string mNotification;
     uint64_t mCount = 0;

@@ -117,6 +117,8 @@ const char* Refusals::name(Refusal kind)
         return "policy.auditedViews";
     case Refusal::UnknownOwner:
         return BrokerProtocol::Number::policyUnknownOwners;
+    case Refusal::OwnerGone:
+        return BrokerProtocol::Number::policyOwnersGone;
     }
     return "";
 }

@@ -65,9 +65,10 @@ void Identities::seek(Identity& identity)
 
 void Identities::forget(Identity& identity)
 {
-    if (identity.search == Identity::Search::UnderWay)
+    const bool isUnderWay = identity.search == Identity::Search::UnderWay;
+    if (isUnderWay)
         mProcesses.forget(identity.owner.inode());
-    identity.search = Identity::Search::Over;
+    identity.search = isUnderWay ? Identity::Search::CutShort : Identity::Search::Over;
 }
 
 std::vector<Processes::Found> Identities::seekOn(TimePoint now)

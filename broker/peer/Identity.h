@@ -27,6 +27,7 @@ struct Identity
         None,
         UnderWay,
         Over,
+        CutShort, ///< by the end of the connection
     };
     Search search = Search::None;
 

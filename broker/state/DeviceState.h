@@ -73,6 +73,14 @@ public:
     /// The first value behind this key, in the order of the keys; behind nothing: the first of all.
     const Value* behind(const std::optional<std::string>& key) const;
 
+    /// Calls act(const Value&) for each value, in the order of the keys.
+    template <class Act>
+    void forEachValue(Act&& act) const
+    {
+        for (const auto& [key, value] : mValues)
+            act(value);
+    }
+
     /// The value with its history. The text stands in the state.
     BrokerProtocol::ValueDetails details(const Value& value) const;
 

@@ -113,7 +113,6 @@ TEST_F(UsedPolicy, aBrokerDoesNotPromiseWhatItDoesNotEnforce)
     const auto [code, errors] = refusal("[[quota]]\nkeys = 5\n");
     EXPECT_EQ(code, 2);
     EXPECT_NE(errors.find("does not enforce them"), std::string::npos) << errors;
-    EXPECT_EQ(refusal("[[owned]]\nkeys = \"a\"\n").first, 2);
 }
 
 TEST_F(UsedPolicy, checkConfigExplainsIt)

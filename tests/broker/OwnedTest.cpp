@@ -1,0 +1,239 @@
+// The real broker marks values whose owner has gone.
+
+#include <algorithm>
+#include <climits>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <memory>
+#include <random>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/broker/PolicedBroker.h"
+
+namespace
+{
+
+// A client that is a process of its own, with only the connection on which it posts.
+class OwnerProcess
+{
+public:
+    OwnerProcess(const std::string& key, const std::string& value)
+    {
+        if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
+            throw std::runtime_error("cannot make a process");
+        if (mPid == 0)
+            run(postOf(key, value));
+        close(mPipe[0]);
+    }
+
+    ~OwnerProcess()
+    {
+        end();
+        close(mPipe[1]);
+    }
+
+    OwnerProcess(const OwnerProcess&) = delete;
+    OwnerProcess& operator=(const OwnerProcess&) = delete;
+
+    void end()
+    {
+        if (mPid <= 0)
+            return;
+        kill(mPid, SIGKILL);
+        waitpid(mPid, nullptr, 0);
+        mPid = -1;
+    }
+
+    pid_t pid() const { return mPid; }
+
+    // By another connection, on which it posts nothing.
+    void reconnect() { ASSERT_EQ(write(mPipe[1], "x", 1), 1); }
+
+private:
+    [[noreturn]] void run(const std::string& post)
+    {
+        const int commands = dup2(mPipe[0], STDIN_FILENO);
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it has no connection of the test
+        auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
+        if (peer->shakeHands())
+            peer->write(ZmtpPeer::message(post));
+        for (char command = 0; read(commands, &command, 1) == 1;)
+        {
+            peer.reset();
+            peer = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
+            peer->shakeHands();
+        }
+        _exit(0);
+    }
+
+    int mPipe[2] = {-1, -1};
+    pid_t mPid = -1;
+};
+
+class Owned : public PolicedBroker
+{
+protected:
+    static std::string owned(const std::string& grace = "100ms")
+    {
+        return "[[owned]]\nkeys = \"net.*\"\nbecomes = \"offline\"\ngrace = \"" + grace + "\"\n";
+    }
+
+    std::unique_ptr<OwnerProcess> owner(const std::string& key, const std::string& text = "up")
+    {
+        auto process = std::make_unique<OwnerProcess>(key, text);
+        EXPECT_TRUE(becomes(key, text));
+        EXPECT_TRUE(eventually([&] { return isKnown(key, process->pid()); }));
+        return process;
+    }
+
+    // As the process that posted the value.
+    bool isKnown(const std::string& key, pid_t pid)
+    {
+        const std::string details = ask(R"({"getStatusDetails":[")" + key + "\"]}");
+        return details.find("\"pid\":" + std::to_string(pid) + ',') != std::string::npos;
+    }
+
+    std::string value(const std::string& key) { return ask(R"({"getClientInfoValue":")" + key + "\"}"); }
+
+    bool becomes(const std::string& key, const std::string& expected)
+    {
+        return eventually([&] { return value(key) == reply(expected); });
+    }
+
+    // An owner that goes now has its value marked, so those that went before had their time.
+    void awaitAnotherEnd()
+    {
+        owner("net.other");
+        ASSERT_TRUE(becomes("net.other", "offline"));
+    }
+};
+
+} // namespace
+
+TEST_F(Owned, valuesAreMarkedWhenTheirOwnerHasGoneAndListenersAreTold)
+{
+    start(owned());
+    listen();
+    auto client = owner("net.a");
+    EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"up"}})");
+    client->end();
+    EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"offline"}})");
+    EXPECT_EQ(value("net.a"), reply("offline"));
+    EXPECT_EQ(statistic("policy.ownersGone"), 1U);
+    EXPECT_TRUE(isInLog("Set [net.a] and 0 others to [offline], by ")) << broker->process().errors();
+}
+
+TEST_F(Owned, valuesWithoutATextAreReset)
+{
+    start("[[owned]]\nkeys = \"net.*\"\ngrace = \"1ms\"\n");
+    owner("net.a");
+    EXPECT_TRUE(becomes("net.a", ""));
+}
+
+TEST_F(Owned, valuesOfOtherNamesStay)
+{
+    start(owned("1ms"));
+    owner("door");
+    awaitAnotherEnd();
+    EXPECT_EQ(value("door"), reply("up"));
+}
+
+TEST_F(Owned, valuesStayIfTheirProcessComesBackWithinTheGraceTimeAndEndWithIt)
+{
+    start(owned("1s"));
+    auto client = owner("net.a");
+    client->reconnect();
+    awaitAnotherEnd();
+    EXPECT_EQ(value("net.a"), reply("up"));
+    client->end();
+    EXPECT_TRUE(becomes("net.a", "offline"));
+}
+
+TEST_F(Owned, valuesAreMarkedWhoeverComesIfTheirOwnerHasGoneBeforeItWasKnown)
+{
+    start(owned("500ms"));
+    auto client = std::make_unique<OwnerProcess>("net.a", "up");
+    ASSERT_TRUE(becomes("net.a", "up"));
+    client.reset();
+    const auto other = owner("net.b");
+    EXPECT_TRUE(becomes("net.a", "offline"));
+}
+
+// Where there are no services, a client is its process.
+TEST_F(Owned, valuesDoNotGoOnWithAnotherProcess)
+{
+    start(owned("500ms"));
+    auto client = owner("net.a");
+    client->end();
+    const auto other = owner("net.b");
+    EXPECT_TRUE(becomes("net.a", "offline"));
+    EXPECT_EQ(value("net.b"), reply("up"));
+}
+
+TEST_F(Owned, inAuditModeMarksAreOnlyLogged)
+{
+    start("mode = \"audit\"\n" + owned());
+    owner("net.a");
+    EXPECT_TRUE(isInLog("Would set [net.a] and 0 others to [offline], by ")) << broker->process().errors();
+    EXPECT_EQ(value("net.a"), reply("up"));
+}
+
+TEST_F(Owned, aPolicyThatIsTakenOverMarksThoseThatHaveNoOwner)
+{
+    start(allOk);
+    owner("net.a");
+    const auto client = owner("net.b");
+    EXPECT_TRUE(eventually([&] { return statistic("clients.posts") == 2; })); // this test's, and net.b's
+    reload(owned());
+    EXPECT_TRUE(becomes("net.a", "offline"));
+    EXPECT_EQ(value("net.b"), reply("up"));
+}
+
+class ManyOwners : public Owned
+{
+protected:
+    std::size_t countOf(const std::string& text)
+    {
+        const std::string values = all();
+        std::size_t count = 0;
+        for (std::size_t at = 0; (at = values.find(":\"" + text + '"', at)) != std::string::npos; ++at)
+            ++count;
+        return count;
+    }
+};
+
+TEST_F(ManyOwners, thatAreKilledAtRandomHaveAllTheirValuesMarkedAndNoOthers)
+{
+    constexpr std::size_t most = 200;
+    constexpr std::size_t atOnce = 40;
+    start(owned());
+    std::vector<std::unique_ptr<OwnerProcess>> owners;
+    for (std::size_t number = 0; number < most; ++number)
+        owners.push_back(std::make_unique<OwnerProcess>("net." + std::to_string(number), "up"));
+    ASSERT_TRUE(eventually([&] { return countOf("up") == most; }));
+    std::shuffle(owners.begin(), owners.end(), std::mt19937(1));
+    while (!owners.empty())
+    {
+        owners.resize(owners.size() - atOnce);
+        ASSERT_TRUE(eventually([&] { return countOf("offline") == most - owners.size(); }));
+        EXPECT_EQ(countOf("up"), owners.size());
+    }
+}
+
+TEST_F(ManyOwners, thatOnlyReconnectHaveNoValueMarked)
+{
+    constexpr std::size_t most = 50;
+    constexpr int times = 4;
+    start(owned("2s"));
+    std::vector<std::unique_ptr<OwnerProcess>> owners;
+    for (std::size_t number = 0; number < most; ++number)
+        owners.push_back(owner("net." + std::to_string(number)));
+    for (int time = 0; time < times; ++time)
+    {
+        for (const auto& each : owners)
+            each->reconnect();
+        awaitAnotherEnd();
+    }
+    EXPECT_EQ(countOf("up"), most);
+}
