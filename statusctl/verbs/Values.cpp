@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "statusctl/base/ChildCommand.h"
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Input.h"
 #include "statusctl/text/Json.h"
@@ -103,7 +104,8 @@ public:
                                             "statusctl set door open\n"
                                             "statusctl set lamp on fan off\n"
                                             "statusctl set log - < report.txt\n"
-                                            "statusctl set note -- -text-with-a-dash");
+                                            "statusctl set note -- -text-with-a-dash\n"
+                                            "statusctl set update.state running --while -- apply-update");
         command
             .add_option(
                 "KEY VALUE", mWords,
@@ -112,9 +114,15 @@ public:
         command.add_flag(
             "--no-sync", mNoSync,
             "Do not wait until the broker has taken them: faster, but nobody knows whether it did");
+        command.add_flag(
+            "--while", mIsWhile,
+            "Behind one pair, run the COMMAND that follows, and stay connected until it ends: where the "
+            "policy says that the value ends with its owner, it does so then. Exits as the command does");
         command.callback(
             [this]
             {
+                if (mIsWhile)
+                    return takeCommand();
                 if (mWords.size() % 2 != 0)
                     throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
                 if (inputs() > 1)
@@ -130,17 +138,33 @@ public:
         {
             device.post(values);
             leaveTime();
-            return ExitCode::Done;
         }
+        else
+            post(device, values);
+        return mIsWhile ? static_cast<ExitCode>(ChildCommand(mCommand).wait()) : ExitCode::Done;
+    }
+
+private:
+    // Behind the pair.
+    void takeCommand()
+    {
+        constexpr std::size_t pair = 2;
+        if (mWords.size() <= pair)
+            throw CLI::ValidationError("--while takes one KEY and VALUE, and a COMMAND behind them");
+        const auto begin = mWords.begin() + pair;
+        mCommand.assign(begin, mWords.end());
+        mWords.erase(begin, mWords.end());
+    }
+
+    static void post(Device& device, const StatusMap& values)
+    {
         const StatusKeys keys = keysOf(values);
         const StatusMap before = device.values(keys);
         device.post(values);
         device.confirm();
         checkTaken(values, before, device.values(keys));
-        return ExitCode::Done;
     }
 
-private:
     std::size_t inputs() const
     {
         std::size_t count = 0;
@@ -195,6 +219,8 @@ private:
 
     std::vector<std::string> mWords;
     bool mNoSync = false;
+    bool mIsWhile = false;
+    std::vector<std::string> mCommand;
 };
 
 // --------------------------------------------------------------------------------------------------- reset
