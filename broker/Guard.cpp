@@ -19,7 +19,7 @@ const char* placeOf(const PolicyRule& rule)
 } // namespace
 
 Guard::Guard(Identities& identities, Refusals& refusals, std::unique_ptr<const Policy> policy)
-    : mIdentities(identities), mRefusals(refusals)
+    : mIdentities(identities), mRefusals(refusals), mQuotas(refusals)
 {
     setPolicy(std::move(policy));
 }
@@ -32,6 +32,7 @@ void Guard::setPolicy(std::unique_ptr<const Policy> policy)
                "The broker is in a user namespace that does not have all users: the policy keeps the others "
                "from connecting");
     mPolicy = std::move(policy);
+    mQuotas.setPolicy(*mPolicy);
 }
 
 void Guard::check(const Policy& policy) const
@@ -54,6 +55,8 @@ bool Guard::admit(Connection& connection)
     mIdentities.completeService(connection.identity);
     const char* unknown = lacking(connection.identity);
     if (unknown != nullptr && !reportUnknown(connection, unknown))
+        return false;
+    if (!mQuotas.enter(connection, Clock::now()))
         return false;
     connection.rights = &mPolicy->classOf(subjectOf(connection.identity));
     return true;

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "broker/Quotas.h"
 #include "broker/base/Refusals.h"
 #include "broker/peer/Identities.h"
 #include "broker/policy/Policy.h"
@@ -29,8 +30,14 @@ public:
 
     /// Gives a connection the rights of its owner.
     /// @returns false, counted and logged, if the policy asks for something about the owner that is not known
-    ///          for sure. Nothing may be taken from the connection then.
+    ///          for sure, or if its user has as many connections as it may. Nothing may be taken from the
+    ///          connection then.
     bool admit(Connection& connection);
+
+    /// The connection is closed.
+    void dismiss(Connection& connection) { mQuotas.leave(connection); }
+
+    Quotas& quotas() { return mQuotas; }
 
     /// Whether the client may do this. If not, that is counted and logged as a refusal of the source that
     /// the refusals have now.
@@ -88,6 +95,7 @@ private:
     Identities& mIdentities;
     Refusals& mRefusals;
     std::unique_ptr<const Policy> mPolicy;
+    Quotas mQuotas;
 };
 
 #endif

@@ -85,6 +85,7 @@ void NotifyPort::onAccepted(NotifyConnection& connection)
 
 void NotifyPort::onClose(NotifyConnection& connection)
 {
+    mGuard.dismiss(connection);
     if (connection.state == NotifyConnection::State::Following)
         mLog.leave(connection.position);
     becomeIdle(connection);

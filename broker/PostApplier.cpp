@@ -1,5 +1,6 @@
 #include "broker/PostApplier.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/time.h>
@@ -33,11 +34,12 @@ void PostApplier::apply(const PostConnection& client, std::string_view post)
 {
     ++mCount;
     if (post == BrokerProtocol::syncWord)
-        mOutbox.publish(BrokerProtocol::syncWord, 0);
-    else if (mCommand.readPost(post))
+        return mGuard.quotas().mayPost(client, 1) ? mOutbox.publish(BrokerProtocol::syncWord, 0) : void();
+    if (!mCommand.readPost(post))
+        return refuse(post);
+    const std::size_t names = std::max<std::size_t>(1, mCommand.members.size() + mCommand.texts.size());
+    if (mGuard.quotas().mayPost(client, names))
         apply(client, mCommand);
-    else
-        refuse(post);
 }
 
 // The library loses the end of texts whose length is a multiple of its frames' size, the last frame being

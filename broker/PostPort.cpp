@@ -76,6 +76,7 @@ void PostPort::onAccepted(PostConnection& connection)
 
 void PostPort::onClose(PostConnection& connection)
 {
+    mGuard.dismiss(connection);
     ++mStartNews;
     removeFrom(mReady, &connection);
     removeFrom(mHeavy, &connection);

@@ -61,6 +61,7 @@ RequestPort::RequestPort(const PortEnvironment& environment, const DeviceState& 
 
 void RequestPort::onClose(RequestConnection& connection)
 {
+    mGuard.dismiss(connection);
     removeFrom(mSilent, &connection);
     removeFrom(mHeld, &connection);
     mOnClose(connection);

@@ -56,6 +56,7 @@ constexpr const char* policyDenied = "policy.denied";
 constexpr const char* policyAudited = "policy.audited";
 constexpr const char* policyUnknownOwners = "policy.unknownOwners";
 constexpr const char* policyOwnersGone = "policy.ownersGone";
+constexpr const char* policyQuota = "policy.quota";
 constexpr const char* openDescriptors = "descriptors.open";
 constexpr const char* mostDescriptors = "descriptors.limit";
 } // namespace Number

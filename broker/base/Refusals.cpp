@@ -119,6 +119,8 @@ const char* Refusals::name(Refusal kind)
         return BrokerProtocol::Number::policyUnknownOwners;
     case Refusal::OwnerGone:
         return BrokerProtocol::Number::policyOwnersGone;
+    case Refusal::Quota:
+        return BrokerProtocol::Number::policyQuota;
     }
     return "";
 }

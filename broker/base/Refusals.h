@@ -34,9 +34,10 @@ enum class Refusal
     AuditedView,  ///< the same, to be told of something
     UnknownOwner, ///< the policy cannot be applied to the connection
     OwnerGone,    ///< values have ended with their owner
+    Quota,        ///< beyond the share of a user
 };
 
-constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::OwnerGone) + 1;
+constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::Quota) + 1;
 
 /// So much of what came from outside is logged: enough to recognise it by. For "%.*s".
 inline int excerptLength(std::string_view text)

@@ -17,6 +17,7 @@
 #include "broker/wire/Poller.h"
 
 class PolicyClass;
+struct UserAccount;
 
 /// One TCP connection of a peer: its handshake, what it sends as messages and commands, and what has been
 /// sent to it as far as the kernel did not take it.
@@ -105,6 +106,8 @@ public:
     Identity identity;
     /// The rules for that client; null until it is admitted.
     const PolicyClass* rights = nullptr;
+    /// The share of its user; null where the policy has no quotas.
+    UserAccount* account = nullptr;
     /// Posts or requests of it, malformed ones, too.
     uint64_t messages = 0;
     /// Its place among those in the middle of their handshake; the port's.

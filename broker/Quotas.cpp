@@ -1,0 +1,103 @@
+#include "broker/Quotas.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace
+{
+
+// A user may post at once as much as in such a time. An account without connections is kept as long, so that
+// its user gains nothing by coming back.
+constexpr std::chrono::seconds burst{1};
+
+// From so many accounts on, the old ones are forgotten.
+constexpr std::size_t manyAccounts = 64;
+
+} // namespace
+
+void Quotas::setPolicy(const Policy& policy)
+{
+    mPolicy = &policy;
+    for (auto& [user, account] : mAccounts)
+        account.quota = policy.quotaFor(user);
+}
+
+bool Quotas::enter(Connection& connection, TimePoint now)
+{
+    if (connection.account != nullptr || !mPolicy->hasQuotas())
+        return true;
+    forgetOld(now);
+    const std::optional<uid_t> user = connection.identity.owner.uid();
+    const auto [place, isNew] = mAccounts.try_emplace(user);
+    UserAccount& account = place->second;
+    if (isNew)
+        account = {user, mPolicy->quotaFor(user), 0, 0, TimePoint::min()};
+    const bool isWithin = account.quota == nullptr || !account.quota->connections ||
+                          account.connections < *account.quota->connections;
+    const Refusals::From from(mRefusals, connection);
+    if (!isWithin && !refuse(*account.quota, "a connection"))
+        return false;
+    ++account.connections;
+    connection.account = &account;
+    return true;
+}
+
+void Quotas::leave(Connection& connection)
+{
+    if (UserAccount* account = std::exchange(connection.account, nullptr))
+        --account->connections;
+}
+
+void Quotas::forgetOld(TimePoint now)
+{
+    if (mAccounts.size() < manyAccounts)
+        return;
+    for (auto each = mAccounts.begin(); each != mAccounts.end();)
+    {
+        const UserAccount& account = each->second;
+        const bool isFull =
+            account.counted == TimePoint::min() || (account.posts >= 0 && account.counted + burst < now);
+        each = account.connections == 0 && isFull ? mAccounts.erase(each) : std::next(each);
+    }
+}
+
+bool Quotas::takePosts(UserAccount& account, std::size_t posts, TimePoint now)
+{
+    const auto rate = static_cast<double>(*account.quota->postsPerSecond);
+    const double mostPosts = rate * std::chrono::duration<double>(burst).count();
+    if (account.counted == TimePoint::min())
+        account.posts = mostPosts;
+    else
+    {
+        const std::chrono::duration<double> time = now - account.counted;
+        account.posts = std::min(mostPosts, account.posts + rate * time.count());
+    }
+    account.counted = now;
+    if (account.posts < 1 && !refuse(*account.quota, "a post"))
+        return false;
+    account.posts -= static_cast<double>(posts);
+    return true;
+}
+
+bool Quotas::mayTake(Shares::User user, const Shares::Share& before, const Shares::Share& after)
+{
+    const PolicyQuota* quota = mPolicy->quotaFor(user);
+    if (quota == nullptr)
+        return true;
+    const auto isBeyond = [](const std::optional<std::size_t>& most, std::size_t less, std::size_t more)
+    { return most && more > less && more > *most; };
+    if (isBeyond(quota->keys, before.keys, after.keys))
+        return refuse(*quota, "a key");
+    if (isBeyond(quota->bytes, before.bytes, after.bytes))
+        return refuse(*quota, "bytes of a value");
+    return true;
+}
+
+// Returns whether it is done nevertheless.
+bool Quotas::refuse(const PolicyQuota& quota, const char* what)
+{
+    const bool isAudit = mPolicy->isAudit();
+    mRefusals.report(isAudit ? Refusal::Audited : Refusal::Quota, "%s %s, beyond the quota of %s: %s",
+                     isAudit ? "Would refuse" : "Refused", what, quota.text.c_str(), quota.place.c_str());
+    return isAudit;
+}

@@ -1,0 +1,66 @@
+#ifndef BROKER_QUOTAS_H
+#define BROKER_QUOTAS_H
+
+#include <cstddef>
+#include <map>
+#include <optional>
+#include <sys/types.h>
+
+#include "broker/base/Clock.h"
+#include "broker/base/Refusals.h"
+#include "broker/policy/Policy.h"
+#include "broker/state/Shares.h"
+#include "broker/wire/Connection.h"
+
+/// A user with its connections, and with what it may still post now.
+struct UserAccount
+{
+    std::optional<uid_t> user;
+    const PolicyQuota* quota = nullptr; ///< null: it has no share, and is not limited
+    std::size_t connections = 0;
+    double posts = 0; ///< may be negative, as a message may hold many
+    TimePoint counted{};
+};
+
+/// Keeps each user within the share that the policy gives it: its connections, its posts, and its part of the
+/// state. Users whose number is not known are one user.
+class Quotas
+{
+public:
+    explicit Quotas(Refusals& refusals) : mRefusals(refusals) {}
+
+    Quotas(const Quotas&) = delete;
+    Quotas& operator=(const Quotas&) = delete;
+
+    /// The policy in force, until the next call. Connections must be entered anew.
+    void setPolicy(const Policy& policy);
+
+    /// Enters a connection, once. False, counted and logged, if its user has as many as it may.
+    bool enter(Connection& connection, TimePoint now);
+
+    /// The connection is closed.
+    void leave(Connection& connection);
+
+    /// Whether the user of the connection may post so many more values, events or commands now. If not, that
+    /// is counted and logged.
+    bool mayPost(const Connection& client, std::size_t posts)
+    {
+        const UserAccount* account = client.account;
+        return account == nullptr || account->quota == nullptr || !account->quota->postsPerSecond ||
+               takePosts(*client.account, posts, Clock::now());
+    }
+
+    /// Whether the user may take so much of the state.
+    bool mayTake(Shares::User user, const Shares::Share& before, const Shares::Share& after);
+
+private:
+    bool takePosts(UserAccount& account, std::size_t posts, TimePoint now);
+    bool refuse(const PolicyQuota& quota, const char* what);
+    void forgetOld(TimePoint now);
+
+    Refusals& mRefusals;
+    const Policy* mPolicy = nullptr;
+    std::map<std::optional<uid_t>, UserAccount> mAccounts;
+};
+
+#endif
