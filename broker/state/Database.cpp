@@ -507,11 +507,10 @@ bool Database::addDetail(const std::string& name, const Row& row, SavedState& st
 {
     constexpr uint64_t mostCounted = std::numeric_limits<uint32_t>::max();
     const auto [posted, changed, posts, changes] = row.numbers;
-    std::optional<PosterText::Clients> clients = PosterText::read(row.text);
-    if (!clients || posts > mostCounted || changes > mostCounted)
+    if (!PosterText::read(row.text) || posts > mostCounted || changes > mostCounted)
         return false;
-    state.details[name] = {
-        posted, changed, posts, changes, std::move(clients->poster), std::move(clients->changer)};
+    state.details[name] = {posted, changed, static_cast<uint32_t>(posts), static_cast<uint32_t>(changes),
+                           std::string(row.text)};
     return true;
 }
 
@@ -576,11 +575,8 @@ void Database::writeAll(const SavedState& changes, const std::string& bootId, ui
     for (const auto& [name, number] : changes.counters)
         writeRow(Table::Counters, {name, {}, {number}});
     for (const auto& [name, detail] : changes.details)
-    {
-        const std::string clients = PosterText::write({detail.poster, detail.changer});
         writeRow(Table::Details,
-                 {name, clients, {detail.posted, detail.changed, detail.posts, detail.changes}});
-    }
+                 {name, detail.clients, {detail.posted, detail.changed, detail.posts, detail.changes}});
     writeRow(Table::Moments, {lastMoment, bootId, {microseconds}});
 }
 

@@ -6,6 +6,8 @@
 #include <tuple>
 #include <utility>
 
+#include "broker/state/PosterText.h"
+
 using BrokerProtocol::Member;
 
 namespace
@@ -128,12 +130,9 @@ void DeviceState::restoreHistories(const SavedState& state)
         const auto value = mValues.find(key);
         if (value == mValues.end())
             continue;
-        value->second.history = {sinceBoot(detail.posted),
-                                 sinceBoot(detail.changed),
-                                 static_cast<uint32_t>(detail.posts),
-                                 static_cast<uint32_t>(detail.changes),
-                                 hold(detail.poster),
-                                 hold(detail.changer)};
+        const auto clients = PosterText::read(detail.clients).value_or(PosterText::Clients());
+        value->second.history = {sinceBoot(detail.posted), sinceBoot(detail.changed), detail.posts,
+                                 detail.changes,           hold(clients.poster),      hold(clients.changer)};
     }
     for (const auto& [poster, id] : entered)
         mPosters.release(id);
@@ -171,7 +170,8 @@ SavedState DeviceState::laterDetails() const
 SavedState::Detail DeviceState::savedDetail(const Value& value) const
 {
     const BrokerProtocol::ValueDetails known = details(value);
-    return {known.posted, known.changed, known.posts, known.changes, known.poster, known.changer};
+    return {known.posted, known.changed, known.posts, known.changes,
+            PosterText::write({known.poster, known.changer})};
 }
 
 SavedState DeviceState::everything() const

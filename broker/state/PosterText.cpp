@@ -17,10 +17,19 @@ bool hasControls(std::string_view text)
                        [](unsigned char letter) { return letter < ' ' || letter == 0x7F; });
 }
 
+Poster withoutControls(Poster poster)
+{
+    for (std::string* name : {&poster.user, &poster.service, &poster.program})
+    {
+        if (hasControls(*name))
+            name->clear();
+    }
+    return poster;
+}
+
 void appendField(std::string& to, const std::string& text)
 {
-    if (!hasControls(text))
-        to += text;
+    to += text;
     to += end;
 }
 
@@ -96,7 +105,7 @@ Poster posterIn(Fields& fields)
 
 std::string PosterText::write(const Clients& clients)
 {
-    std::string text = written(clients);
+    std::string text = written({withoutControls(clients.poster), withoutControls(clients.changer)});
     if (text.size() <= mostBytes)
         return text;
     Clients numbers;

@@ -5,7 +5,6 @@
 #include <map>
 #include <string>
 
-#include "protocol/Poster.h"
 #include "statusmanager/StatusTypes.h"
 
 /// The state of the device, or the changed part of it, as plain values that can be kept.
@@ -24,10 +23,9 @@ struct SavedState
     {
         uint64_t posted = 0;
         uint64_t changed = 0;
-        uint64_t posts = 0;
-        uint64_t changes = 0;
-        BrokerProtocol::Poster poster;
-        BrokerProtocol::Poster changer;
+        uint32_t posts = 0;
+        uint32_t changes = 0;
+        std::string clients; ///< PosterText, which takes little memory
     };
 
     StatusMap values;

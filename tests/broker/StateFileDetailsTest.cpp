@@ -25,7 +25,8 @@ Poster posterOf(const std::string& service, uint32_t pid)
 SavedState stateOfDoor()
 {
     SavedState state = stateOf({{"door", "open"}});
-    state.details["door"] = {2000, 1000, 3, 2, posterOf("a.service", 12), posterOf("b.service", 0)};
+    state.details["door"] = {2000, 1000, 3, 2,
+                             PosterText::write({posterOf("a.service", 12), posterOf("b.service", 0)})};
     return state;
 }
 
@@ -61,8 +62,10 @@ TEST_F(StateFileDetails, areKept)
     EXPECT_EQ(detail.changed, 1000U);
     EXPECT_EQ(detail.posts, 3U);
     EXPECT_EQ(detail.changes, 2U);
-    EXPECT_EQ(detail.poster, posterOf("a.service", 12));
-    EXPECT_EQ(detail.changer, posterOf("b.service", 0));
+    const auto clients = PosterText::read(detail.clients);
+    ASSERT_TRUE(clients);
+    EXPECT_EQ(clients->poster, posterOf("a.service", 12));
+    EXPECT_EQ(clients->changer, posterOf("b.service", 0));
 }
 
 TEST_F(StateFileDetails, areKeptForNamesThatAreKept)
@@ -180,6 +183,9 @@ TEST(PosterText, ofAnyNamesCanBeReadAgain)
         ASSERT_TRUE(read) << name;
         EXPECT_FALSE(read->poster.uid);
         EXPECT_EQ(read->changer, Poster());
+        Poster nameless = poster;
+        nameless.service.clear();
+        EXPECT_TRUE(PosterText::read(PosterText::write({poster, nameless}))) << name;
     }
 }
 
@@ -193,12 +199,9 @@ TEST_F(StateFileDetails, ofManyClientsTakeLittleMemory)
     {
         const std::string name = std::to_string(key);
         saved.values[name] = "1";
-        saved.details[name] = {1,
-                               1,
-                               1,
-                               1,
-                               posterOf(name + std::string(400, 'x'), 2 * key + 1),
-                               posterOf(name + std::string(400, 'y'), 2 * key + 2)};
+        saved.details[name] = {1, 1, 1, 1,
+                               PosterText::write({posterOf(name + std::string(400, 'x'), 2 * key + 1),
+                                                  posterOf(name + std::string(400, 'y'), 2 * key + 2)})};
     }
     commit(saved);
     saved = {};

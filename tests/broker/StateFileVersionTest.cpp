@@ -1,5 +1,6 @@
 // State files of the version before, which had no details.
 
+#include "broker/state/PosterText.h"
 #include "tests/broker/StateFileDamage.h"
 #include "tests/broker/StateFileStorage.h"
 
@@ -68,7 +69,7 @@ TEST_F(StateFileVersion, theFormerOneIsTakenOver)
 TEST_F(StateFileVersion, theFormerOneTakesDetails)
 {
     SavedState state = stateOf({{"door", "shut"}});
-    state.details["door"] = {1, 1, 1, 1, {}, {}};
+    state.details["door"] = {1, 1, 1, 1, PosterText::write({})};
     commit(state);
     const SavedState loaded = load();
     EXPECT_EQ(loaded.values.at("door"), "shut");

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "broker/state/DeviceState.h"
+#include "broker/state/PosterText.h"
 
 namespace
 {
@@ -31,6 +32,11 @@ protected:
         poster.program = "netd";
         poster.pid = pid;
         return poster;
+    }
+
+    static PosterText::Clients clientsOf(const SavedState::Detail& detail)
+    {
+        return PosterText::read(detail.clients).value_or(PosterText::Clients());
     }
 
     static uint64_t wallNow()
@@ -123,7 +129,8 @@ TEST_F(ValueHistory, isRestored)
     const uint64_t longAgo = wallNow() - 1000 * anHour; // before the device was started
     SavedState saved;
     saved.values["door"] = "open";
-    saved.details["door"] = {longAgo + anHour, longAgo, 7, 5, posterOf("a", 8), posterOf("b", 9)};
+    saved.details["door"] = {longAgo + anHour, longAgo, 7, 5,
+                             PosterText::write({posterOf("a", 8), posterOf("b", 9)})};
     state.restore(saved);
     EXPECT_EQ(details().posts, 7U);
     EXPECT_EQ(details().changes, 5U);
@@ -142,7 +149,7 @@ TEST_F(ValueHistory, timesInTheFutureAreUnknown)
     const uint64_t tomorrow = wallNow() + uint64_t{24} * 3600 * 1000000;
     SavedState saved;
     saved.values["door"] = "open";
-    saved.details["door"] = {tomorrow, 0, 7, 5, {}, {}};
+    saved.details["door"] = {tomorrow, 0, 7, 5, PosterText::write({})};
     state.restore(saved);
     EXPECT_EQ(details().posted, 0U);
     EXPECT_EQ(details().changed, 0U);
@@ -156,9 +163,9 @@ TEST_F(ValueHistory, equalClientsThatAreRestoredAreOne)
     for (const char* key : {"a", "b", "c"})
     {
         saved.values[key] = "1";
-        saved.details[key] = {1, 1, 1, 1, posterOf("a", 8), posterOf("a", 8)};
+        saved.details[key] = {1, 1, 1, 1, PosterText::write({posterOf("a", 8), posterOf("a", 8)})};
     }
-    saved.details["c"].changer = posterOf("a", 9); // another process
+    saved.details["c"].clients = PosterText::write({posterOf("a", 8), posterOf("a", 9)}); // another process
     state.restore(saved);
     EXPECT_EQ(state.posters().count(), 4U); // one, other, and two
 }
@@ -167,8 +174,8 @@ TEST_F(ValueHistory, restoredClientsAreThereAsLongAsAValueHasThem)
 {
     SavedState saved;
     saved.values["door"] = "open";
-    saved.details["door"] = {1, 1, 1, 1, posterOf("a", 8), posterOf("b", 9)};
-    saved.details["gone"] = {1, 1, 1, 1, posterOf("c", 8), posterOf("c", 9)};
+    saved.details["door"] = {1, 1, 1, 1, PosterText::write({posterOf("a", 8), posterOf("b", 9)})};
+    saved.details["gone"] = {1, 1, 1, 1, PosterText::write({posterOf("c", 8), posterOf("c", 9)})};
     state.restore(saved);
     EXPECT_EQ(state.posters().count(), 4U);
     post("open", one);
@@ -188,7 +195,7 @@ TEST_F(ValueHistory, isToBeKeptWithEachChange)
     const SavedState::Detail& detail = changes.details.at("door");
     EXPECT_EQ(detail.posts, 2U);
     EXPECT_EQ(detail.changes, 2U);
-    EXPECT_EQ(detail.poster.pid, 2U);
+    EXPECT_EQ(clientsOf(detail).poster.pid, 2U);
     EXPECT_EQ(detail.posted, detail.changed);
     EXPECT_NEAR(static_cast<double>(detail.posted), static_cast<double>(wallNow()), 6e7);
     EXPECT_TRUE(state.takeChanges().empty());
@@ -215,16 +222,16 @@ TEST_F(ValueHistory, ofAPostOfAnotherServiceIsToBeKeptAtOnce)
     const SavedState changes = state.takeChanges();
     EXPECT_TRUE(changes.values.empty());
     ASSERT_EQ(changes.details.size(), 1U);
-    EXPECT_EQ(changes.details.at("door").poster.service, "wifi");
-    EXPECT_EQ(changes.details.at("door").changer.service, "net");
+    EXPECT_EQ(clientsOf(changes.details.at("door")).poster.service, "wifi");
+    EXPECT_EQ(clientsOf(changes.details.at("door")).changer.service, "net");
 }
 
 TEST_F(ValueHistory, ofPostsThatChangedNothingIsToBeKeptAtTheEnd)
 {
     SavedState saved;
     saved.values = {{"door", "open"}, {"lamp", "on"}};
-    saved.details["door"] = {1, 1, 1, 1, {}, {}};
-    saved.details["lamp"] = {1, 1, 1, 1, {}, {}};
+    saved.details["door"] = {1, 1, 1, 1, PosterText::write({})};
+    saved.details["lamp"] = {1, 1, 1, 1, PosterText::write({})};
     state.restore(saved);
     EXPECT_TRUE(state.laterDetails().empty());
     post("open", one);
@@ -238,7 +245,7 @@ TEST_F(ValueHistory, isInEverything)
     post("open", one);
     state.post({{"lamp", "on"}});
     EXPECT_EQ(state.everything().details.size(), 2U);
-    EXPECT_EQ(state.everything().details.at("door").poster.pid, 1U);
+    EXPECT_EQ(clientsOf(state.everything().details.at("door")).poster.pid, 1U);
 }
 
 // So that the clients of a device that runs for years take no memory.
