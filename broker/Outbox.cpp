@@ -85,6 +85,8 @@ void Outbox::doWhatIsDue(TimePoint now)
 void Outbox::finish()
 {
     settle();
-    if (mStateFile)
-        mStateFile->commitLast();
+    if (!mStateFile)
+        return;
+    mStateFile->remember(mState.laterDetails());
+    mStateFile->commitLast();
 }

@@ -3,18 +3,33 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <sys/stat.h>
+
+#include "broker/state/PosterText.h"
 
 namespace
 {
 
 // The file says whose it is and how it is laid out: "stat" and the version of the tables.
 constexpr uint64_t applicationId = 0x73746174;
-constexpr uint64_t layoutVersion = 2;
+constexpr uint64_t layoutVersion = 3;
+constexpr uint64_t withoutDetails = 2; // is taken over
 
 // No name and no value that the broker can be told to take is longer. A longer row is none of its own.
 constexpr std::size_t longestName = std::size_t{1024} * 1024;
 constexpr std::size_t longestText = 64 * longestName;
+
+// Of the texts that a table may hold.
+std::size_t longestTextOf(Table table)
+{
+    return table == Table::Details ? PosterText::mostBytes : longestText;
+}
+
+std::size_t longestTextOf(Table table, const Limits& limits)
+{
+    return table == Table::Details ? PosterText::mostBytes : std::min(limits.valueBytes, longestText);
+}
 
 constexpr const char* lastMoment = "last"; // the name of the only row of its table
 
@@ -195,6 +210,8 @@ public:
             mLeft += limits.storedBytes;
         else
             mLeft += uint64_t{limits.keyBytes} * rowsOf(table, limits);
+        if (table == Table::Details)
+            mLeft += usualClients * rowsOf(table, limits);
     }
 
     // Not once more when it did not.
@@ -208,6 +225,7 @@ public:
 
 private:
     static constexpr uint64_t perRow = 128;
+    static constexpr uint64_t usualClients = 128;            // bytes; the longest are more
     static constexpr uint64_t spare = uint64_t{1024} * 1024; // what is refused one by one is counted by kind
 
     static std::size_t rowsOf(Table table, const Limits& limits)
@@ -215,6 +233,7 @@ private:
         switch (table)
         {
         case Table::Values:
+        case Table::Details:
             return limits.keys;
         case Table::Timers:
             return limits.timers;
@@ -285,7 +304,8 @@ bool Database::isNew(const std::string& path)
         throw DatabaseError(mLog.damage.empty() ? "not a state file of this program"
                                                 : mLog.damage + " is damaged",
                             DatabaseError::Kind::Unreadable);
-    if (version != layoutVersion)
+    mHasDetails = version != withoutDetails;
+    if (version != layoutVersion && mHasDetails)
         throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
     return false;
 }
@@ -316,14 +336,15 @@ bool Database::hasTables()
     {
         const bool isOurs = std::any_of(
             allTables.begin(), allTables.end(),
-            [&](Table table) { return bytesOf(schema.get(), 0) == Layout::of(table).createStatement(); });
+            [&](Table table)
+            { return isThere(table) && bytesOf(schema.get(), 0) == Layout::of(table).createStatement(); });
         if (!isOurs)
             return false;
         ++found;
     }
     if (result != SQLITE_DONE)
         fail("read");
-    return found == allTables.size();
+    return found == allTables.size() - (mHasDetails ? 0 : 1);
 }
 
 // ---------------------------------------------------------------------------------------------------- read
@@ -368,7 +389,11 @@ Database::Contents Database::readAll(const std::string& bootId)
     Contents contents;
     contents.damage = findDamage();
     for (const Table table : allTables)
-        readTable(table, contents);
+    {
+        if (isThere(table))
+            readTable(table, contents);
+    }
+    dropOrphans(contents.state);
     if (contents.damage.empty() && mLog.hasBadEnd && !bootId.empty() && contents.bootId == bootId)
         contents.damage = "the last changes in its log";
     contents.mayLackRows = !contents.damage.empty();
@@ -409,7 +434,7 @@ bool Database::readRows(Table table, bool backwards, Budget& budget, Contents& c
 {
     const Statement rows = prepare(Layout::of(table).readStatement(backwards));
     sqlite3_bind_int64(rows.get(), 1, static_cast<sqlite3_int64>(std::min(mLimits.keyBytes, longestName)));
-    sqlite3_bind_int64(rows.get(), 2, static_cast<sqlite3_int64>(std::min(mLimits.valueBytes, longestText)));
+    sqlite3_bind_int64(rows.get(), 2, static_cast<sqlite3_int64>(longestTextOf(table, mLimits)));
     int result = sqlite3_step(rows.get());
     for (; result == SQLITE_ROW; result = sqlite3_step(rows.get()))
     {
@@ -437,9 +462,9 @@ void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
     if (isNull(row, Layout::Checksum)) // which all columns are then
     {
         const bool isLong = !isAtMost(row, Layout::NameLength, mLimits.keyBytes) ||
-                            !isAtMost(row, Layout::TextLength, mLimits.valueBytes);
-        const bool mayBeOurs =
-            isAtMost(row, Layout::NameLength, longestName) && isAtMost(row, Layout::TextLength, longestText);
+                            !isAtMost(row, Layout::TextLength, longestTextOf(table, mLimits));
+        const bool mayBeOurs = isAtMost(row, Layout::NameLength, longestName) &&
+                               isAtMost(row, Layout::TextLength, longestTextOf(table));
         ++(isLong && mayBeOurs ? contents.excessRows : contents.lostRows);
         return;
     }
@@ -466,6 +491,8 @@ bool Database::add(Table table, const Row& row, Contents& contents)
     case Table::Counters:
         contents.state.counters[name] = static_cast<uint32_t>(row.numbers[0]);
         return true;
+    case Table::Details:
+        return addDetail(name, row, contents.state);
     case Table::Moments:
         break;
     }
@@ -474,6 +501,24 @@ bool Database::add(Table table, const Row& row, Contents& contents)
     contents.bootId = row.text;
     contents.microseconds = row.numbers[0];
     return true;
+}
+
+bool Database::addDetail(const std::string& name, const Row& row, SavedState& state)
+{
+    constexpr uint64_t mostCounted = std::numeric_limits<uint32_t>::max();
+    const auto [posted, changed, posts, changes] = row.numbers;
+    if (!PosterText::read(row.text) || posts > mostCounted || changes > mostCounted)
+        return false;
+    state.details[name] = {posted, changed, static_cast<uint32_t>(posts), static_cast<uint32_t>(changes),
+                           std::string(row.text)};
+    return true;
+}
+
+// Those whose value is not there, because its row is lost, or too long.
+void Database::dropOrphans(SavedState& state)
+{
+    for (auto detail = state.details.begin(); detail != state.details.end();)
+        detail = state.values.count(detail->first) != 0 ? std::next(detail) : state.details.erase(detail);
 }
 
 // --------------------------------------------------------------------------------------------------- write
@@ -485,11 +530,21 @@ void Database::getReadyToWrite()
     execute("PRAGMA wal_autocheckpoint = " + std::to_string(logPages));
     execute("PRAGMA journal_size_limit = " + std::to_string(logBytes));
     foldInOnClose(true);
+    if (!mHasDetails)
+        addTableOfDetails();
     for (const Table table : allTables)
         mWrite[static_cast<std::size_t>(table)] = prepare(Layout::of(table).writeStatement());
     mHasRemains = mLog.isBlank;
     foldIn();
     mFiles = filesAt(mPath);
+}
+
+// Makes a file of the present version of one of the former.
+void Database::addTableOfDetails()
+{
+    execute("BEGIN IMMEDIATE;" + Layout::of(Table::Details).createStatement() +
+            ";PRAGMA user_version = " + std::to_string(layoutVersion) + ";COMMIT");
+    mHasDetails = true;
 }
 
 void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
@@ -519,6 +574,9 @@ void Database::writeAll(const SavedState& changes, const std::string& bootId, ui
         writeRow(Table::Timers, {name, {}, {timer.accumulated, timer.spanStart, timer.lastStarted}});
     for (const auto& [name, number] : changes.counters)
         writeRow(Table::Counters, {name, {}, {number}});
+    for (const auto& [name, detail] : changes.details)
+        writeRow(Table::Details,
+                 {name, detail.clients, {detail.posted, detail.changed, detail.posts, detail.changes}});
     writeRow(Table::Moments, {lastMoment, bootId, {microseconds}});
 }
 

@@ -111,6 +111,7 @@ private:
     void create();
     void checkTables();
     bool hasTables();
+    bool isThere(Table table) const { return mHasDetails || table != Table::Details; }
 
     Contents readUnwritable(const std::string& path, const std::string& bootId);
     Contents readAll(const std::string& bootId);
@@ -119,8 +120,11 @@ private:
     bool readRows(Table table, bool backwards, Budget& budget, Contents& contents);
     void take(Table table, sqlite3_stmt* row, Contents& contents) const;
     static bool add(Table table, const Row& row, Contents& contents);
+    static bool addDetail(const std::string& name, const Row& row, SavedState& state);
+    static void dropOrphans(SavedState& state);
 
     void getReadyToWrite();
+    void addTableOfDetails();
     void writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
     void writeRow(Table table, Row row);
     void foldIn();
@@ -136,7 +140,8 @@ private:
     Files mFiles;      // that are open
     std::unique_ptr<sqlite3, Closer> mDatabase;
     bool mIsOpenForWriting = false;
-    LogCheck mLog; // as it was found
+    bool mHasDetails = true; // not in a file of the former version
+    LogCheck mLog;           // as it was found
     std::array<Statement, allTables.size()> mWrite;
     bool mHasRemains = false; // of a transaction that failed, in the log
 };

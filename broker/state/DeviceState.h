@@ -2,6 +2,7 @@
 #define BROKER_STATE_DEVICESTATE_H
 
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <optional>
 #include <string>
@@ -84,6 +85,10 @@ public:
     /// The value with its history. The text stands in the state.
     BrokerProtocol::ValueDetails details(const Value& value) const;
 
+    /// The details of all values that were posted since restore(). A post that changes nothing, and comes
+    /// from the same service, is in no changes.
+    SavedState laterDetails() const;
+
     /// Microseconds; 0 for a timer that is not there.
     uint64_t elapsed(std::string_view timer) const;
     uint64_t lastStarted(std::string_view timer) const;
@@ -100,6 +105,7 @@ public:
 
     /// Microseconds since the device was started; before that for times that were kept over its start.
     using BootTime = int64_t;
+    static constexpr BootTime unknownTime = std::numeric_limits<BootTime>::min();
 
     struct History
     {
@@ -144,7 +150,9 @@ private:
     };
 
     bool store(std::string_view key, std::string_view text, const Post& post);
-    void note(History& history, const Post& post, bool isChange);
+    void note(Value& value, const Post& post, bool isChange);
+    SavedState::Detail savedDetail(const Value& value) const;
+    void restoreHistories(const SavedState& state);
     bool mayStore(Values::const_iterator stored, std::string_view key, std::string_view text);
     void moveToNewest(Value& value);
     void takeOut(Value& value);
@@ -160,6 +168,7 @@ private:
     uint64_t mRevision = 0;
     std::size_t mStoredBytes = 0;
     Posters mPosters;
+    BootTime mRestored = 0;
     Values mValues;
     Value* mOldest = nullptr;
     Value* mNewest = nullptr;

@@ -38,6 +38,18 @@ Poster Posters::at(Id id) const
     return poster;
 }
 
+bool Posters::areOfOneService(Id one, Id other) const
+{
+    if (one == other)
+        return true;
+    if (one == nobody || other == nobody)
+        return false;
+    const Poster& first = mEntries[one - 1].names->first;
+    const Poster& second = mEntries[other - 1].names->first;
+    return std::tie(first.user, first.uid, first.service) ==
+           std::tie(second.user, second.uid, second.service);
+}
+
 Posters::Names::iterator Posters::enter(Poster poster)
 {
     poster.pid = 0;

@@ -36,6 +36,9 @@ public:
 
     BrokerProtocol::Poster at(Id id) const;
 
+    /// Whether they are of the same user and service, for which the kernel vouches.
+    bool areOfOneService(Id one, Id other) const;
+
     std::size_t count() const { return mEntries.size() - mFree.size(); }
 
 private:

@@ -20,6 +20,8 @@ const Layout& Layout::of(Table table)
     static constexpr Layout timer{
         "timer", nullptr, 3, {"accumulated", "span_start", "last_started"}, mostMicroseconds};
     static constexpr Layout counter{"counter", nullptr, 1, {"number"}, mostCounted};
+    static constexpr Layout detail{
+        "detail", "clients", 4, {"posted", "changed", "posts", "changes"}, mostMicroseconds};
     static constexpr Layout moment{"moment", "boot_id", 1, {"microseconds"}, mostMicroseconds};
     switch (table)
     {
@@ -29,6 +31,8 @@ const Layout& Layout::of(Table table)
         return timer;
     case Table::Counters:
         return counter;
+    case Table::Details:
+        return detail;
     case Table::Moments:
         break;
     }

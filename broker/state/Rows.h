@@ -15,15 +15,17 @@ enum class Table
     Values,
     Timers,
     Counters,
+    Details, ///< of values
     Moments, ///< the boot and the time of the last commit, one row
 };
 
-constexpr std::array<Table, 4> allTables{Table::Values, Table::Timers, Table::Counters, Table::Moments};
+constexpr std::array<Table, 5> allTables{Table::Values, Table::Timers, Table::Counters, Table::Details,
+                                         Table::Moments};
 
 /// A row, whatever its table: where a table has no text, or fewer numbers, they are empty and 0.
 struct Row
 {
-    static constexpr std::size_t mostNumbers = 3;
+    static constexpr std::size_t mostNumbers = 4;
     using Numbers = std::array<uint64_t, mostNumbers>;
 
     std::string_view name;

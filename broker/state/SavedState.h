@@ -18,11 +18,22 @@ struct SavedState
         uint64_t lastStarted = 0; ///< microseconds since the Unix epoch; 0: never
     };
 
+    /// What is remembered of the posts of a value. Times are microseconds since the Unix epoch; 0: unknown.
+    struct Detail
+    {
+        uint64_t posted = 0;
+        uint64_t changed = 0;
+        uint32_t posts = 0;
+        uint32_t changes = 0;
+        std::string clients; ///< PosterText, which takes little memory
+    };
+
     StatusMap values;
+    std::map<std::string, Detail> details; ///< of values; those of them that are not here are unknown
     std::map<std::string, Timer> timers;
     std::map<std::string, uint32_t> counters;
 
-    bool empty() const { return values.empty() && timers.empty() && counters.empty(); }
+    bool empty() const { return values.empty() && timers.empty() && counters.empty() && details.empty(); }
 };
 
 #endif

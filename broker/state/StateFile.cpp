@@ -71,8 +71,8 @@ std::string freeName(const std::string& path)
 // Words for the log: what becomes of the rows of a damaged file.
 std::string outcomeOf(const Database::Contents& contents)
 {
-    const std::size_t kept =
-        contents.state.values.size() + contents.state.timers.size() + contents.state.counters.size();
+    const std::size_t kept = contents.state.values.size() + contents.state.timers.size() +
+                             contents.state.counters.size() + contents.state.details.size();
     std::string lost = std::to_string(contents.lostRows);
     if (contents.mayLackRows)
         lost = contents.lostRows == 0 ? "an unknown number" : lost + " or more";
@@ -168,6 +168,7 @@ SavedState StateFile::kept(SavedState state) const
 {
     const auto keeps = [this](const std::string& name) { return isKept(name); };
     keepOnly(state.values, keeps);
+    keepOnly(state.details, keeps);
     keepOnly(state.timers, keeps);
     keepOnly(state.counters, keeps);
     return state;
@@ -196,6 +197,7 @@ void StateFile::remember(const SavedState& changes)
 {
     const auto keeps = [this](const std::string& name) { return isKept(name); };
     merge(changes.values, mPending.values, keeps);
+    merge(changes.details, mPending.details, keeps);
     merge(changes.timers, mPending.timers, keeps);
     merge(changes.counters, mPending.counters, keeps);
 }
@@ -204,6 +206,7 @@ void StateFile::remember(const SavedState& changes)
 void StateFile::save(SavedState state)
 {
     mPending.values.merge(state.values);
+    mPending.details.merge(state.details);
     mPending.timers.merge(state.timers);
     mPending.counters.merge(state.counters);
 }

@@ -64,6 +64,9 @@ public:
     /// begun.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
+    /// Keeps what has changed with the next commit.
+    void remember(const SavedState& changes);
+
     /// The last one. It also looks after the file, and tries what has failed just now.
     void commitLast(const BootMoment& now = BootMoment::now());
 
@@ -121,7 +124,6 @@ private:
     void save(SavedState state);
     void stopTimers(Database::Contents& contents, const BootMoment& now);
     SavedState kept(SavedState state) const;
-    void remember(const SavedState& changes);
     void write(const BootMoment& now);
 
     const std::string mPath;

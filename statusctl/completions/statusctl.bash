@@ -37,7 +37,7 @@ _statusctl() {
         esac
     done
     case $previous in
-        -t | --timeout | --after | -n | --speed | --match | --default | --event) return ;;
+        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event) return ;;
     esac
     if [[ $current == -* ]]; then
         words=$(_statusctl_options && [[ $verb ]] && _statusctl_options "$verb")
@@ -48,7 +48,7 @@ _statusctl() {
             timer | counter) ((index == COMP_CWORD - 1)) && words=$(_statusctl_commands "$verb") ;;
             load | replay) files=yes ;;
             record) ((index == COMP_CWORD - 1)) && files=yes || words=$(_statusctl_keys) ;;
-            get | set | reset | dump | watch | wait | top) words=$(_statusctl_keys) ;;
+            get | set | reset | dump | show | watch | wait | top) words=$(_statusctl_keys) ;;
         esac
     fi
     if [[ $files ]]; then

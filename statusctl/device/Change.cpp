@@ -9,12 +9,13 @@
 namespace
 {
 
-constexpr std::array<std::pair<Change::Kind, const char*>, 5> names{{
+constexpr std::array<std::pair<Change::Kind, const char*>, 6> names{{
     {Change::Kind::Initial, "initial"},
     {Change::Kind::Synced, "synced"},
     {Change::Kind::Changed, "changed"},
     {Change::Kind::Reset, "reset"},
     {Change::Kind::Event, "event"},
+    {Change::Kind::Stale, "stale"},
 }};
 
 } // namespace

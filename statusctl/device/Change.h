@@ -17,6 +17,7 @@ struct Change
         Changed, ///< a new value
         Reset,   ///< the value is empty now
         Event,
+        Stale, ///< the value has not been posted for long
     };
 
     Timestamp::Time time;
@@ -31,7 +32,7 @@ inline bool isUpdate(Change::Kind kind)
     return kind != Change::Kind::Initial && kind != Change::Kind::Synced;
 }
 
-/// "initial", "synced", "changed", "reset", "event"
+/// "initial", "synced", "changed", "reset", "event", "stale"
 const char* nameOf(Change::Kind kind);
 
 /// {"time":...,"kind":...,"name":...,"value":...}; docs/statusctl.md describes it for scripts.

@@ -1,14 +1,12 @@
 #include "statusctl/health/Inquiry.h"
 
-#include <algorithm>
-#include <limits>
+#include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
-#include <zmq.hpp>
 
 #include "statusctl/base/Failure.h"
-#include "statusctl/device/Device.h"
-#include "statusctl/text/Duration.h"
+#include "statusctl/health/Requester.h"
 #include "statusctl/text/Json.h"
 
 using BrokerProtocol::Client;
@@ -16,82 +14,25 @@ using BrokerProtocol::Client;
 namespace
 {
 
-class Requester
-{
-public:
-    /// @throws Failure if no broker listens
-    explicit Requester(const Settings& settings)
-        : mSettings(settings), mSocket(mContext, zmq::socket_type::req)
-    {
-        constexpr std::chrono::milliseconds most{std::numeric_limits<int>::max()};
-        Device::checkReachable();
-        mSocket.set(zmq::sockopt::linger, 0);
-        mSocket.set(zmq::sockopt::rcvtimeo,
-                    static_cast<int>(std::min(settings.requestTimeout(), most).count()));
-        mSocket.connect("tcp://127.0.0.1:5555");
-    }
-
-    /// @throws Failure if no answer comes in time
-    std::string ask(const std::string& request)
-    {
-        mSocket.send(zmq::buffer(request));
-        std::string reply;
-        zmq::message_t frame;
-        do
-        {
-            if (!mSocket.recv(frame))
-                throw Failure(ExitCode::TimedOut, "no answer from the broker within " +
-                                                      Duration::write(mSettings.requestTimeout()));
-            reply.append(frame.data<char>(), frame.size());
-        } while (frame.more());
-        return reply;
-    }
-
-private:
-    const Settings& mSettings;
-    zmq::context_t mContext;
-    zmq::socket_t mSocket;
-};
-
-[[noreturn]] void failToRead(const std::string& reply)
-{
-    constexpr std::size_t enough = 200;
-    throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply.substr(0, enough));
-}
-
-// ---- Members of what the broker tells. It may be of another version: what is missing is unknown.
-
-std::string textIn(const Json::Value& object, const char* name)
-{
-    const Json::Value& member = object[name];
-    return member.isString() ? member.asString() : std::string();
-}
-
-uint64_t numberIn(const Json::Value& object, const char* name)
-{
-    const Json::Value& member = object[name];
-    return member.isUInt64() ? member.asUInt64() : 0;
-}
-
 Client clientIn(const Json::Value& object)
 {
     namespace Member = BrokerProtocol::ClientMember;
     Client client;
-    client.user = textIn(object, Member::user);
+    client.user = Answer::textIn(object, Member::user);
     if (object[Member::uid].isUInt())
         client.uid = object[Member::uid].asUInt();
-    client.service = textIn(object, Member::service);
-    client.pid = static_cast<uint32_t>(numberIn(object, Member::pid));
-    client.program = textIn(object, Member::program);
-    client.isShared = numberIn(object, Member::shared) != 0;
-    client.since = numberIn(object, Member::since);
-    client.connections = numberIn(object, Member::connections);
-    client.posts = numberIn(object, Member::posts);
-    client.requests = numberIn(object, Member::requests);
-    client.queued = numberIn(object, Member::queued);
-    client.refusals = numberIn(object, Member::refusals);
-    client.received = numberIn(object, Member::received);
-    client.sent = numberIn(object, Member::sent);
+    client.service = Answer::textIn(object, Member::service);
+    client.pid = static_cast<uint32_t>(Answer::numberIn(object, Member::pid));
+    client.program = Answer::textIn(object, Member::program);
+    client.isShared = Answer::numberIn(object, Member::shared) != 0;
+    client.since = Answer::numberIn(object, Member::since);
+    client.connections = Answer::numberIn(object, Member::connections);
+    client.posts = Answer::numberIn(object, Member::posts);
+    client.requests = Answer::numberIn(object, Member::requests);
+    client.queued = Answer::numberIn(object, Member::queued);
+    client.refusals = Answer::numberIn(object, Member::refusals);
+    client.received = Answer::numberIn(object, Member::received);
+    client.sent = Answer::numberIn(object, Member::sent);
     return client;
 }
 
@@ -102,7 +43,7 @@ BrokerProtocol::Statistics Inquiry::statistics(const Settings& settings)
     const std::string reply = Requester(settings).ask(BrokerProtocol::writeGetBrokerStatistics());
     const auto statistics = BrokerProtocol::readStatisticsReply(reply);
     if (!statistics)
-        failToRead(reply);
+        Answer::failToRead(reply);
     if (statistics->empty())
         throw Failure(ExitCode::BadReply, "this broker keeps no statistics");
     return *statistics;
@@ -121,11 +62,11 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
         const std::string reply = requester.ask(request);
         const std::optional<Json::Value> answer = JsonText::readObject(reply);
         if (!answer)
-            failToRead(reply);
+            Answer::failToRead(reply);
         const Json::Value& list = (*answer)[Member::clients];
         if (!list.isArray())
             throw Failure(ExitCode::BadReply, "this broker does not tell who uses it");
-        if (numberIn(*answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
+        if (Answer::numberIn(*answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
         {
             std::this_thread::sleep_for(pause);
             continue;
@@ -134,7 +75,7 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
         for (const Json::Value& each : list)
         {
             if (!each.isObject())
-                failToRead(reply);
+                Answer::failToRead(reply);
             clients.push_back(clientIn(each));
         }
         return clients;
@@ -149,13 +90,13 @@ Inquiry::Decision Inquiry::decision(const Settings& settings, const std::string&
         BrokerProtocol::writeList(BrokerProtocol::Key::getPolicyDecision, {client, action, name}));
     const std::optional<Json::Value> answer = JsonText::readObject(reply);
     if (!answer)
-        failToRead(reply);
-    if (const std::string error = textIn(*answer, Member::error); !error.empty())
+        Answer::failToRead(reply);
+    if (const std::string error = Answer::textIn(*answer, Member::error); !error.empty())
         throw Failure(ExitCode::WrongUsage, error);
-    const std::string allowed = textIn(*answer, Member::allowed);
+    const std::string allowed = Answer::textIn(*answer, Member::allowed);
     if (allowed.empty())
         throw Failure(ExitCode::BadReply, "this broker has no policy");
-    return {allowed == "yes", textIn(*answer, Member::reason)};
+    return {allowed == "yes", Answer::textIn(*answer, Member::reason)};
 }
 
 std::string Inquiry::versionIn(const BrokerProtocol::Statistics& statistics)

@@ -60,13 +60,24 @@ void TopModel::take(const Change& change, Clock::time_point now)
     entry.value = change.value;
     if (!isUpdate(change.kind))
         return;
-    entry.changed = now;
-    entry.hasChanged = true;
+    entry.posted = entry.changed = now;
     entry.rate.count(secondOf(now));
+}
+
+void TopModel::takeDetails(const std::string& key, std::optional<std::chrono::microseconds> age,
+                           const std::string& poster, Clock::time_point now)
+{
+    const auto found = mEntries.find(key);
+    if (found == mEntries.end())
+        return;
+    found->second.poster = poster;
+    if (age)
+        found->second.posted = now - *age;
 }
 
 std::vector<TopModel::Row> TopModel::rows(const std::string& filter, Clock::time_point now) const
 {
+    constexpr std::chrono::seconds fresh{2};
     const std::string wanted = inSmallLetters(filter);
     std::vector<Row> rows;
     for (const auto& [key, entry] : mEntries)
@@ -74,8 +85,9 @@ std::vector<TopModel::Row> TopModel::rows(const std::string& filter, Clock::time
         if (!contains(key, wanted) && !contains(entry.value, wanted))
             continue;
         rows.push_back({key, entry.value,
-                        std::chrono::duration_cast<std::chrono::seconds>(now - entry.changed),
-                        entry.hasChanged, entry.rate.perSecond(secondOf(now))});
+                        std::chrono::duration_cast<std::chrono::seconds>(now - entry.posted.value_or(now)),
+                        entry.posted.has_value(), entry.changed && now - *entry.changed < fresh,
+                        entry.rate.perSecond(secondOf(now)), entry.poster});
     }
     return rows;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <deque>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,12 +22,19 @@ public:
     {
         std::string key;
         std::string value;
-        std::chrono::seconds age; ///< since the last change
-        bool isAgeKnown;          ///< not for values that have not changed yet
-        double changesPerSecond;  ///< over the last ten
+        std::chrono::seconds age; ///< since the last post
+        bool isAgeKnown;          ///< not before the broker has told it, or a change has come
+        bool hasJustChanged;
+        double changesPerSecond; ///< over the last ten
+        std::string poster;      ///< the client that posted it last, as it is shown
     };
 
     void take(const Change& change, Clock::time_point now);
+
+    /// What the broker has told of a key. Nothing if the key is not there.
+    /// @param age since the last post, if that is known
+    void takeDetails(const std::string& key, std::optional<std::chrono::microseconds> age,
+                     const std::string& poster, Clock::time_point now);
 
     /// The rows whose key or value contains the filter, sorted by key; small letters find capitals too.
     std::vector<Row> rows(const std::string& filter, Clock::time_point now) const;
@@ -58,8 +66,9 @@ private:
     struct Entry
     {
         std::string value;
-        Clock::time_point changed{};
-        bool hasChanged = false;
+        std::optional<Clock::time_point> posted;
+        std::optional<Clock::time_point> changed;
+        std::string poster;
         Rate rate;
     };
 

@@ -14,6 +14,7 @@
 
 #include "statusctl/base/Ending.h"
 #include "statusctl/base/Failure.h"
+#include "statusctl/text/Duration.h"
 #include "statusctl/text/Text.h"
 
 // Its macros would change the names of ours (timeout, filter, ...).
@@ -66,14 +67,7 @@ void restoreForGood()
 
 std::string ageOf(const TopModel::Row& row)
 {
-    constexpr int64_t minute = 60;
-    constexpr int64_t hour = 60 * minute;
-    if (!row.isAgeKnown)
-        return "-";
-    const int64_t age = row.age.count();
-    if (age < minute)
-        return std::to_string(age) + "s";
-    return age < hour ? std::to_string(age / minute) + "m" : std::to_string(age / hour) + "h";
+    return row.isAgeKnown ? Duration::age(row.age) : "-";
 }
 
 std::string rateOf(const TopModel::Row& row)
@@ -171,13 +165,20 @@ void TopScreen::drawHead(const TopModel& model, bool hasBroker) const
         mFilter.empty() ? "type to filter, q to leave" : "filter: " + mFilter + "  (Esc clears it)");
 }
 
-// Where the columns begin.
+// Where the columns begin. A narrow terminal has room for keys and values alone, and one that is not wide for
+// no poster.
 struct TopScreen::Columns
 {
-    static constexpr int numbers = 14; // AGE and CHANGES/S
-    int age = std::max(10, (COLS - numbers) * 2 / 5);
+    static constexpr int widthForNumbers = 40;
+    static constexpr int widthForPoster = 100;
+
+    bool hasNumbers = COLS >= widthForNumbers;
+    int numbers = hasNumbers ? 14 : 0; // AGE and CHANGES/S
+    int poster = COLS >= widthForPoster ? 24 : 0;
+    int age = std::max(10, (COLS - numbers - poster) * 2 / 5);
     int rate = age + 6;
-    int value = age + numbers;
+    int posterBegin = age + numbers;
+    int value = posterBegin + poster;
 };
 
 void TopScreen::drawHeadings(int line) const
@@ -186,20 +187,27 @@ void TopScreen::drawHeadings(int line) const
     const Look look(A_REVERSE);
     put(line, 0, COLS, std::string(static_cast<std::size_t>(COLS), ' '));
     put(line, 0, columns.age, "KEY");
-    put(line, columns.age, COLS - columns.age, "AGE");
-    put(line, columns.rate, COLS - columns.rate, "PER S");
+    if (columns.hasNumbers)
+    {
+        put(line, columns.age, COLS - columns.age, "AGE");
+        put(line, columns.rate, COLS - columns.rate, "PER S");
+    }
+    if (columns.poster > 0)
+        put(line, columns.posterBegin, columns.poster, "POSTER");
     put(line, columns.value, COLS - columns.value, "VALUE");
 }
 
 void TopScreen::drawRow(int line, const TopModel::Row& row) const
 {
-    constexpr std::chrono::seconds fresh{2};
     const Columns columns;
-    const bool isFresh = row.isAgeKnown && row.age < fresh;
     put(line, 0, columns.age - 1, Text::escapedName(row.key));
-    put(line, columns.age, columns.rate - columns.age - 1, ageOf(row));
-    put(line, columns.rate, columns.value - columns.rate - 1, rateOf(row));
-    const Look look(isFresh ? Look::bold(changedColor) : A_NORMAL);
+    if (columns.hasNumbers)
+    {
+        put(line, columns.age, columns.rate - columns.age - 1, ageOf(row));
+        put(line, columns.rate, columns.posterBegin - columns.rate - 1, rateOf(row));
+    }
+    put(line, columns.posterBegin, columns.poster - 1, row.poster);
+    const Look look(row.hasJustChanged ? Look::bold(changedColor) : A_NORMAL);
     put(line, columns.value, COLS - columns.value, Text::escaped(row.value));
 }
 
@@ -227,6 +235,9 @@ void TopScreen::draw(const TopModel& model, bool hasBroker)
     const auto page = static_cast<std::size_t>(mPage);
     mFirst = std::min(mFirst, rows.size() > page ? rows.size() - page : 0);
 
+    mShown.clear();
+    for (std::size_t row = mFirst; row < rows.size() && row < mFirst + page; ++row)
+        mShown.push_back(rows[row].key);
     werase(stdscr);
     drawHead(model, hasBroker);
     drawHeadings(head - 1);

@@ -2,6 +2,7 @@
 #define STATUSCTL_SCREEN_TOPSCREEN_H
 
 #include <chrono>
+#include <deque>
 #include <string>
 
 #include "statusctl/screen/TopModel.h"
@@ -23,6 +24,9 @@ public:
 
     void draw(const TopModel& model, bool hasBroker);
 
+    /// The keys that were drawn last.
+    const std::deque<std::string>& shown() const { return mShown; }
+
     enum class Wish
     {
         Stay,
@@ -41,6 +45,7 @@ private:
     /// @param text is put as it is: texts from outside must have been escaped
     void put(int line, int column, int width, const std::string& text) const;
 
+    std::deque<std::string> mShown;
     std::string mFilter;
     std::size_t mFirst = 0; // the row at the top
     int mPage = 1;          // rows that there is room for

@@ -1,8 +1,10 @@
 #include "statusctl/text/Duration.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <map>
 
@@ -42,4 +44,17 @@ std::string Duration::write(std::chrono::microseconds duration)
     std::snprintf(text.data(), text.size(), "%.*g %s", count < 1e6 && count >= 1e5 ? 4 : 3,
                   isLong ? count / 1e6 : count / 1e3, isLong ? "s" : "ms");
     return text.data();
+}
+
+std::string Duration::age(std::chrono::seconds age)
+{
+    constexpr int64_t minute = 60;
+    constexpr int64_t hour = 60 * minute;
+    constexpr int64_t day = 24 * hour;
+    const int64_t seconds = std::max<int64_t>(age.count(), 0);
+    if (seconds < minute)
+        return std::to_string(seconds) + "s";
+    if (seconds < hour)
+        return std::to_string(seconds / minute) + "m";
+    return seconds < day ? std::to_string(seconds / hour) + "h" : std::to_string(seconds / day) + "d";
 }

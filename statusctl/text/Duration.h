@@ -14,6 +14,10 @@ std::optional<std::chrono::milliseconds> read(const std::string& text);
 /// As a person would say it: "1.5 s", "500 ms".
 std::string write(std::chrono::microseconds duration);
 
+/// For columns of ages, in the largest unit of which it is one whole: "59s", "1m", "23h", "400d". None is
+/// below 0.
+std::string age(std::chrono::seconds age);
+
 } // namespace Duration
 
 #endif

@@ -8,9 +8,11 @@
 #include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
 #include "statusctl/device/Ports.h"
+#include "statusctl/health/Details.h"
 #include "statusctl/health/Listeners.h"
 #include "statusctl/screen/TopModel.h"
 #include "statusctl/screen/TopScreen.h"
+#include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -44,6 +46,54 @@ private:
     static constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 };
 
+/// The details of the keys on the screen, asked for now and then.
+class ShownDetails
+{
+public:
+    void refresh(TopModel& model, std::mutex& mutex, const StatusKeys& shown)
+    {
+        constexpr std::chrono::seconds pause{1};
+        const auto now = TopModel::Clock::now();
+        if (!mCanTell || shown.empty() || (now < mNext && shown == mKeys))
+            return;
+        mNext = now + pause;
+        mKeys = shown;
+        const Details::ByKey found = ask();
+        const Timestamp::Time time = Timestamp::now();
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (const auto& [key, details] : found)
+            model.takeDetails(key, ageOf(details, time), DetailsText::briefly(details.poster), now);
+    }
+
+private:
+    // What fails is tried again; the screen does without it.
+    Details::ByKey ask()
+    {
+        Settings settings;
+        settings.timeout = std::chrono::milliseconds(200); // a key that is pressed waits for it
+        try
+        {
+            return Details::of(settings, mKeys);
+        }
+        catch (const Failure& failure)
+        {
+            mCanTell = failure.code() != ExitCode::BadReply;
+            return {};
+        }
+    }
+
+    static std::optional<std::chrono::microseconds> ageOf(const Details& details, Timestamp::Time now)
+    {
+        if (details.posted == 0)
+            return std::nullopt;
+        return now - Timestamp::Time(std::chrono::microseconds(details.posted));
+    }
+
+    TopModel::Clock::time_point mNext{};
+    StatusKeys mKeys;
+    bool mCanTell = true;
+};
+
 class Top : public IVerb
 {
 public:
@@ -53,9 +103,10 @@ public:
             app, "top", "Show values and events on a live screen",
             "statusctl top\n"
             "statusctl top 'net.*'",
-            "Keys, values, the time since the last change, changes a second over the last ten seconds, and\n"
-            "events. Type to filter; Esc clears the filter; arrows and page keys scroll; q leaves. The time\n"
-            "since a change is shown once there was one: the broker does not tell of those before.");
+            "Keys, the time since their last post, changes a second over the last ten seconds, the client\n"
+            "that posted them last, values, and events. Type to filter; Esc clears the filter; arrows and\n"
+            "page keys scroll; q leaves. A narrow terminal leaves columns out. The broker is asked once a\n"
+            "second for the posts of the keys that are shown, since not every post is a change.");
         command.add_option("KEY", mKeys, "Only these keys and globs");
     }
 
@@ -89,6 +140,8 @@ private:
         {
             feed.wait(std::chrono::milliseconds(0)); // throws what has gone wrong
             const bool hasBroker = Listeners::areOn(Ports::all.front().number);
+            if (hasBroker)
+                mDetails.refresh(mModel, mMutex, screen.shown());
             const std::lock_guard<std::mutex> lock(mMutex);
             screen.draw(mModel, hasBroker);
         } while (caughtSignal == 0 && screen.readKey(pace) == TopScreen::Wish::Stay);
@@ -97,6 +150,7 @@ private:
     std::vector<std::string> mKeys;
     std::mutex mMutex;
     TopModel mModel; // under the mutex
+    ShownDetails mDetails;
 };
 
 } // namespace

@@ -10,6 +10,7 @@
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Pattern.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -25,9 +26,12 @@ public:
         CLI::App& command = Verbs::describe(app, "dump", "Print all values, sorted by key",
                                             "statusctl dump\n"
                                             "statusctl dump 'net.*' 'disk.?'\n"
+                                            "statusctl dump --long 'net.*'\n"
                                             "statusctl dump --json > backup.json");
         command.add_option("GLOB", mGlobs, "Only keys that match one of these");
         command.add_flag("--keys", mKeysOnly, "Print the keys alone");
+        command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
+            ->excludes("--keys");
     }
 
     ExitCode run(const Settings& settings) override
@@ -38,7 +42,9 @@ public:
         for (auto value = values.begin(); value != values.end();)
             value = pattern.empty() || pattern.matches(value->first) ? std::next(value) : values.erase(value);
         Output output(settings);
-        if (mKeysOnly)
+        if (mIsLong)
+            DetailsText::printLong(output, settings, Details::of(settings, keysOf(values)));
+        else if (mKeysOnly)
             printKeys(output, settings, values);
         else
             output.values(values);
@@ -46,6 +52,14 @@ public:
     }
 
 private:
+    static StatusKeys keysOf(const StatusMap& values)
+    {
+        StatusKeys keys;
+        for (const auto& [key, value] : values)
+            keys.push_back(key);
+        return keys;
+    }
+
     static void printKeys(Output& output, const Settings& settings, const StatusMap& values)
     {
         Json::Value list(Json::arrayValue);
@@ -62,6 +76,7 @@ private:
 
     std::vector<std::string> mGlobs;
     bool mKeysOnly = false;
+    bool mIsLong = false;
 };
 
 // ---------------------------------------------------------------------------------------------------- load

@@ -1,6 +1,8 @@
 // get, set and reset: the values of keys that are named.
 
+#include <algorithm>
 #include <chrono>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <thread>
@@ -12,6 +14,7 @@
 #include "statusctl/text/Json.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -44,16 +47,21 @@ public:
     {
         CLI::App& command = Verbs::describe(app, "get", "Print the values of keys",
                                             "statusctl get door\n"
-                                            "statusctl get door lamp --default unknown");
+                                            "statusctl get door lamp --default unknown\n"
+                                            "statusctl get --long door lamp");
         addKeys(command, mKeys, "One key prints its value alone, several print KEY=VALUE lines");
         command
             .add_option("--default", mDefault,
                         "Print this for a key that is not there, instead of exit code 3")
             ->type_name("VALUE");
+        command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
+            ->excludes("--default");
     }
 
     ExitCode run(const Settings& settings) override
     {
+        if (mIsLong)
+            return runLong(settings);
         Device device(settings);
         StatusMap values = device.values(listOf(mKeys));
         StatusKeys missing;
@@ -73,6 +81,19 @@ public:
     }
 
 private:
+    ExitCode runLong(const Settings& settings) const
+    {
+        const Details::ByKey details = Details::of(settings, listOf(mKeys));
+        StatusKeys missing;
+        std::copy_if(mKeys.begin(), mKeys.end(), std::back_inserter(missing),
+                     [&](const std::string& key) { return details.count(key) == 0; });
+        if (!missing.empty())
+            throw Failure(ExitCode::NotFound, "no value for " + inQuotes(missing));
+        Output output(settings);
+        DetailsText::printLong(output, settings, details);
+        return ExitCode::Done;
+    }
+
     // In the order in which they were asked for.
     void print(const Settings& settings, const StatusMap& values) const
     {
@@ -91,6 +112,7 @@ private:
 
     std::vector<std::string> mKeys;
     std::optional<std::string> mDefault;
+    bool mIsLong = false;
 };
 
 // ----------------------------------------------------------------------------------------------------- set

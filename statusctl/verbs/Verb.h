@@ -40,6 +40,7 @@ std::unique_ptr<IVerb> addPing(CLI::App& app);
 std::unique_ptr<IVerb> addStats(CLI::App& app);
 std::unique_ptr<IVerb> addClients(CLI::App& app);
 std::unique_ptr<IVerb> addMay(CLI::App& app);
+std::unique_ptr<IVerb> addShow(CLI::App& app);
 std::unique_ptr<IVerb> addRecord(CLI::App& app);
 std::unique_ptr<IVerb> addReplay(CLI::App& app);
 std::unique_ptr<IVerb> addTop(CLI::App& app);

@@ -1,5 +1,7 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include "statusctl/text/Report.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/Selection.h"
+#include "statusctl/verbs/Staleness.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -18,7 +21,8 @@ namespace
 constexpr const char* help =
     "KEY is exact or a glob (*, ?, [...]). Keys that appear later are told of as well.\n"
     "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
-    "process twice, whether its name matches or not. Nothing is polled.\n"
+    "process twice, whether its name matches or not. Nothing is polled, but with --stale: then the broker\n"
+    "is asked when a key may have become stale, because it does not tell of posts that change nothing.\n"
     "What stands behind \"--\" is a command that is run for each line, one after the other, with "
     "STATUS_KEY,\n"
     "STATUS_VALUE and STATUS_KIND in its environment.";
@@ -30,27 +34,76 @@ public:
         : mCommand(Verbs::describe(app, "watch", "Print values, then each change as it arrives",
                                    "statusctl watch door 'net.*' --event bell\n"
                                    "statusctl watch -n 1 --updates door\n"
+                                   "statusctl watch --stale 10s 'sensor.*'\n"
                                    "statusctl -q watch door -- sh -c 'echo \"$STATUS_KEY: $STATUS_VALUE\"'",
                                    help)),
           mSelection(mCommand)
     {
         mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the \"synced\" mark");
+        Verbs::addDuration(mCommand, "--stale", mStale,
+                           "Also tell of keys that have not been posted for that long, once until they are "
+                           "posted again; 100ms or more");
+        mCommand.callback(
+            [this]
+            {
+                if (mStale && *mStale < shortestStale)
+                    throw CLI::ValidationError("--stale must be at least 100ms");
+            });
     }
 
     ExitCode run(const Settings& settings) override
     {
         Device device(settings);
         Output output(settings);
+        std::optional<Staleness> staleness;
+        if (mStale)
+            staleness.emplace(settings, *mStale);
         Feed feed(device, mSelection.keys(), mSelection.events(),
-                  [&](const Change& change) { return show(settings, output, change); });
+                  [&](const Change& change)
+                  {
+                      if (staleness)
+                          staleness->hear(change);
+                      return show(settings, output, change);
+                  });
         feed.start();
-        if (!feed.wait(settings.timeout))
+        const bool isEnough =
+            staleness ? waitForStale(settings, output, feed, *staleness) : feed.wait(settings.timeout);
+        if (!isEnough)
             leaveWith(settings, Failure(ExitCode::TimedOut, "the time is over")); // whatever the command does
         return ExitCode::Done;
     }
 
 private:
+    static constexpr std::chrono::milliseconds shortestStale{100};
+
+    // As Feed::wait().
+    bool waitForStale(const Settings& settings, Output& output, Feed& feed, Staleness& staleness)
+    {
+        using std::chrono::milliseconds;
+        for (;;)
+        {
+            const milliseconds next = std::chrono::ceil<milliseconds>(staleness.nextLook() - mBegin);
+            if (feed.wait(std::min(next, settings.timeout.value_or(milliseconds::max()))))
+                return true;
+            if (settings.timeout && *settings.timeout <= next)
+                return false;
+            for (const Change& change : staleness.look())
+            {
+                if (!show(settings, output, change))
+                    return true;
+            }
+        }
+    }
+
+    // On the feed's thread, or for what is stale on the first one.
     bool show(const Settings& settings, Output& output, const Change& change)
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        mIsEnough = mIsEnough || !showNext(settings, output, change);
+        return !mIsEnough;
+    }
+
+    bool showNext(const Settings& settings, Output& output, const Change& change)
     {
         if (mUpdatesOnly && !isUpdate(change.kind))
             return true;
@@ -66,7 +119,8 @@ private:
     static std::string lineOf(const Output& output, const Change& change)
     {
         const Output::Color color = change.kind == Change::Kind::Changed ? Output::Color::Green
-                                    : change.kind == Change::Kind::Reset ? Output::Color::Yellow
+                                    : change.kind == Change::Kind::Reset || change.kind == Change::Kind::Stale
+                                        ? Output::Color::Yellow
                                     : change.kind == Change::Kind::Event ? Output::Color::Red
                                                                          : Output::Color::Dim;
         std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
@@ -125,6 +179,10 @@ private:
     CLI::App& mCommand;
     Selection mSelection;
     bool mUpdatesOnly = false;
+    std::optional<std::chrono::milliseconds> mStale;
+    const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
+    std::mutex mMutex;
+    bool mIsEnough = false;
 };
 
 } // namespace

@@ -5,9 +5,35 @@
 #include <cstddef>
 #include <string>
 
+#include "broker/state/Rows.h"
 #include "tests/broker/StateFileFixture.h"
 
 /// Helpers for the tests of damaged state files.
+
+/// As the broker writes it, whatever it holds.
+inline void write(const std::string& path, Table table, const Row& row)
+{
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &database), SQLITE_OK);
+    const Layout& layout = Layout::of(table);
+    sqlite3_stmt* statement = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(database, layout.writeStatement().c_str(), -1, &statement, nullptr),
+              SQLITE_OK);
+    int index = 0;
+    const auto bindBytes = [&](std::string_view bytes)
+    { sqlite3_bind_blob64(statement, ++index, bytes.data(), bytes.size(), SQLITE_STATIC); };
+    const auto bindNumber = [&](uint64_t number)
+    { sqlite3_bind_int64(statement, ++index, static_cast<sqlite3_int64>(number)); };
+    bindBytes(row.name);
+    if (layout.hasText())
+        bindBytes(row.text);
+    for (std::size_t number = 0; number < layout.numbers(); ++number)
+        bindNumber(row.numbers[number]);
+    bindNumber(layout.checksum(row));
+    EXPECT_EQ(sqlite3_step(statement), SQLITE_DONE) << sqlite3_errmsg(database);
+    sqlite3_finalize(statement);
+    sqlite3_close(database);
+}
 
 inline const std::string longText(50, 'x');
 

@@ -20,6 +20,8 @@ protected:
         return JsonText::readObject(answer).value_or(Json::Value())["statusDetails"];
     }
 
+    void startWithFile() { start(allOk, {"--state", folder / "state"}); }
+
     // Its process may still be looked for.
     bool isPostedByUs()
     {
@@ -83,6 +85,73 @@ TEST_F(StatusDetails, tellTheClientThatChangedItFromTheOneThatPostedItAgain)
     post(postOf("door", "open"));
     ASSERT_TRUE(other->write(ZmtpPeer::message(postOf("door", "open"))));
     EXPECT_TRUE(eventually([&] { return detailsOf(R"("door")")["door"]["posts"] == 2; }));
+    const Json::Value door = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(door["poster"]["uid"].asUInt(), user) << door;
+    EXPECT_EQ(door["changer"]["uid"].asUInt(), 0U) << door;
+}
+
+TEST_F(StatusDetails, areThereAfterAKill)
+{
+    startWithFile();
+    post(postOf("door", "open"));
+    post(postOf("door", "shut"));
+    const Json::Value before = detailsOf(R"("door")")["door"];
+    broker->kill();
+    startWithFile();
+    const Json::Value after = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(after["value"], "shut");
+    EXPECT_EQ(after["posts"], 2);
+    EXPECT_EQ(after["changes"], 2);
+    EXPECT_EQ(after["poster"]["uid"], before["poster"]["uid"]);
+    EXPECT_NEAR(after["changed"].asDouble(), before["changed"].asDouble(), 1e6);
+}
+
+TEST_F(StatusDetails, ofPostsThatChangedNothingAreThereAfterACleanEnd)
+{
+    startWithFile();
+    post(postOf("door", "open"));
+    post(postOf("door", "open"));
+    EXPECT_TRUE(isPostedByUs());
+    const Json::Value before = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(broker->stop(), 0);
+    startWithFile();
+    const Json::Value after = detailsOf(R"("door")")["door"];
+    EXPECT_EQ(after["posts"], 2);
+    EXPECT_EQ(after["changes"], 1);
+    EXPECT_EQ(after["poster"], before["poster"]);
+    EXPECT_NEAR(after["posted"].asDouble(), before["posted"].asDouble(), 1e6);
+    EXPECT_GT(after["posted"].asUInt64(), after["changed"].asUInt64());
+}
+
+// Flash wears.
+TEST_F(StatusDetails, ofPostsThatChangeNothingAreNotWritten)
+{
+    startWithFile();
+    post(postOf("door", "open"));
+    const uint64_t commits = statistic("state.commits");
+    EXPECT_GT(commits, 0U);
+    for (int number = 0; number < 10; ++number)
+        post(postOf("door", "open"));
+    EXPECT_EQ(detailsOf(R"("door")")["door"]["posts"], 11);
+    EXPECT_EQ(statistic("state.commits"), commits);
+    post(postOf("door", "shut"));
+    EXPECT_EQ(statistic("state.commits"), commits + 1);
+}
+
+TEST_F(StatusDetails, ofAPostOfAnotherUserAreWritten)
+{
+    constexpr uid_t user = 12345;
+    if (geteuid() != 0)
+        GTEST_SKIP() << "only root can be another user";
+    startWithFile();
+    post(postOf("door", "open"));
+    std::unique_ptr<ZmtpPeer> other;
+    ASSERT_TRUE(asUser(user, [&] { other = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort); }));
+    ASSERT_TRUE(other->shakeHands());
+    ASSERT_TRUE(other->write(ZmtpPeer::message(postOf("door", "open"))));
+    EXPECT_TRUE(eventually([&] { return detailsOf(R"("door")")["door"]["posts"] == 2; }));
+    broker->kill();
+    startWithFile();
     const Json::Value door = detailsOf(R"("door")")["door"];
     EXPECT_EQ(door["poster"]["uid"].asUInt(), user) << door;
     EXPECT_EQ(door["changer"]["uid"].asUInt(), 0U) << door;

@@ -29,12 +29,14 @@ TEST(ChangeTest, isWrittenAsDocumented)
               R"({"kind":"reset","name":"door","time":"2026-05-28T20:26:40.123456Z","value":""})");
     EXPECT_EQ(written(Change::Kind::Event, "bell", "rang"),
               R"({"kind":"event","name":"bell","time":"2026-05-28T20:26:40.123456Z","value":"rang"})");
+    EXPECT_EQ(written(Change::Kind::Stale, "door", "open"),
+              R"({"kind":"stale","name":"door","time":"2026-05-28T20:26:40.123456Z","value":"open"})");
 }
 
 TEST(ChangeTest, isReadBack)
 {
-    for (const Change::Kind kind :
-         {Change::Kind::Initial, Change::Kind::Changed, Change::Kind::Reset, Change::Kind::Event})
+    for (const Change::Kind kind : {Change::Kind::Initial, Change::Kind::Changed, Change::Kind::Reset,
+                                    Change::Kind::Event, Change::Kind::Stale})
     {
         const std::optional<Change> change = readChange(written(kind, "door", "a\xff\n"));
         ASSERT_TRUE(change);

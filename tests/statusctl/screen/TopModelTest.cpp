@@ -35,6 +35,37 @@ TEST(TopModelTest, rowsAreSortedByKeyAndHoldTheLatestValue)
     EXPECT_EQ(rows[1].value, "2");
 }
 
+TEST(TopModelTest, whatTheBrokerTellsOfAPostCountsAsItsAge)
+{
+    TopModel model;
+    model.take(change(Change::Kind::Initial, "a", "1"), start);
+    model.takeDetails("a", seconds(60), "net.service", start);
+    model.takeDetails("gone", seconds(60), "net.service", start);
+    ASSERT_EQ(model.rows("", start).size(), 1U);
+    const TopModel::Row row = model.rows("", start + seconds(1))[0];
+    EXPECT_EQ(row.age, seconds(61));
+    EXPECT_TRUE(row.isAgeKnown);
+    EXPECT_EQ(row.poster, "net.service");
+    EXPECT_FALSE(row.hasJustChanged);
+}
+
+TEST(TopModelTest, aBrokerThatDoesNotKnowTheLastPostLeavesTheAgeAsItWas)
+{
+    TopModel model;
+    model.take(change(Change::Kind::Changed, "a", "1"), start);
+    model.takeDetails("a", std::nullopt, "-", start + seconds(2));
+    EXPECT_EQ(model.rows("", start + seconds(3))[0].age, seconds(3));
+}
+
+TEST(TopModelTest, onlyAChangeIsShownAsOne)
+{
+    TopModel model;
+    model.take(change(Change::Kind::Changed, "a", "1"), start);
+    EXPECT_TRUE(model.rows("", start + seconds(1))[0].hasJustChanged);
+    model.takeDetails("a", seconds(0), "-", start + seconds(3));
+    EXPECT_FALSE(model.rows("", start + seconds(3))[0].hasJustChanged);
+}
+
 TEST(TopModelTest, ageIsKnownFromTheFirstChangeOn)
 {
     TopModel model;

@@ -33,3 +33,14 @@ TEST(DurationTest, isWrittenInTheUnitThatFits)
     EXPECT_EQ(Duration::write(milliseconds(500)), "500 ms");
     EXPECT_EQ(Duration::write(microseconds(250)), "0.25 ms");
 }
+
+TEST(DurationTest, agesAreWrittenInTheirLargestUnit)
+{
+    using std::chrono::seconds;
+    EXPECT_EQ(Duration::age(seconds(-5)), "0s");
+    EXPECT_EQ(Duration::age(seconds(59)), "59s");
+    EXPECT_EQ(Duration::age(seconds(119)), "1m");
+    EXPECT_EQ(Duration::age(seconds(3600)), "1h");
+    EXPECT_EQ(Duration::age(seconds(86399)), "23h");
+    EXPECT_EQ(Duration::age(seconds(86400 * 400)), "400d");
+}

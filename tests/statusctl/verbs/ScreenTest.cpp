@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
+#include <pwd.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -163,6 +164,19 @@ TEST_F(ScreenTest, showsValuesChangesAndEvents)
     EXPECT_TRUE(terminal.shows("bright"));
     statusctl({"event", "bell", "rang"});
     EXPECT_TRUE(terminal.shows("bell rang"));
+}
+
+TEST_F(ScreenTest, aWideTerminalShowsWhoPosted)
+{
+    constexpr unsigned short wide = 120;
+    statusctl({"set", "door", "open"});
+    const std::string user = getpwuid(getuid())->pw_name;
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("open"));
+    EXPECT_EQ(terminal.output().find("POSTER"), std::string::npos);
+    terminal.resize(24, wide);
+    EXPECT_TRUE(terminal.shows("POSTER"));
+    EXPECT_TRUE(terminal.shows(user));
 }
 
 TEST_F(ScreenTest, qLeavesAndRestoresTheTerminal)

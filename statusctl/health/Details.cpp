@@ -1,0 +1,83 @@
+#include "statusctl/health/Details.h"
+
+#include <algorithm>
+
+#include "protocol/ClientDocuments.h"
+#include "statusctl/base/Failure.h"
+#include "statusctl/health/Requester.h"
+#include "statusctl/text/Json.h"
+
+namespace
+{
+
+namespace Member = BrokerProtocol::DetailMember;
+using BrokerProtocol::Poster;
+
+// As much as one request may name, and far less than a message may be long.
+constexpr std::size_t mostKeys = 1000;
+constexpr std::size_t mostBytes = std::size_t{64} * 1024;
+
+Poster posterIn(const Json::Value& object)
+{
+    namespace Member = BrokerProtocol::ClientMember;
+    Poster poster;
+    if (!object.isObject())
+        return poster;
+    poster.user = Answer::textIn(object, Member::user);
+    if (object[Member::uid].isUInt())
+        poster.uid = object[Member::uid].asUInt();
+    poster.service = Answer::textIn(object, Member::service);
+    poster.program = Answer::textIn(object, Member::program);
+    poster.pid = static_cast<uint32_t>(Answer::numberIn(object, Member::pid));
+    return poster;
+}
+
+Details detailsIn(const Json::Value& object)
+{
+    Details details;
+    details.value = Answer::textIn(object, Member::value);
+    details.posted = Answer::numberIn(object, Member::posted);
+    details.changed = Answer::numberIn(object, Member::changed);
+    details.posts = Answer::numberIn(object, Member::posts);
+    details.changes = Answer::numberIn(object, Member::changes);
+    details.poster = posterIn(object[Member::poster]);
+    details.changer = object.isMember(Member::changer) ? posterIn(object[Member::changer]) : details.poster;
+    return details;
+}
+
+void read(const std::string& reply, Details::ByKey& into)
+{
+    const std::optional<Json::Value> answer = JsonText::readObject(reply);
+    if (!answer)
+        Answer::failToRead(reply);
+    const Json::Value& values = (*answer)[BrokerProtocol::Key::statusDetails];
+    if (!values.isObject())
+        throw Failure(ExitCode::BadReply, "this broker does not tell when values were posted");
+    for (auto value = values.begin(); value != values.end(); ++value)
+    {
+        if (!value->isObject())
+            Answer::failToRead(reply);
+        into[value.name()] = detailsIn(*value);
+    }
+}
+
+} // namespace
+
+Details::ByKey Details::of(const Settings& settings, const StatusKeys& keys)
+{
+    ByKey all;
+    Requester requester(settings);
+    auto next = keys.begin();
+    do // once also for no keys, since a broker that cannot tell is to be noticed
+    {
+        BrokerProtocol::Texts chunk;
+        for (std::size_t bytes = 0; next != keys.end() && chunk.size() < mostKeys && bytes < mostBytes;
+             ++next)
+        {
+            chunk.push_back(*next);
+            bytes += next->size();
+        }
+        read(requester.ask(BrokerProtocol::writeList(BrokerProtocol::Key::getStatusDetails, chunk)), all);
+    } while (next != keys.end());
+    return all;
+}

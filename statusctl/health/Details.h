@@ -1,0 +1,32 @@
+#ifndef STATUSCTL_HEALTH_DETAILS_H
+#define STATUSCTL_HEALTH_DETAILS_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "protocol/Poster.h"
+#include "statusctl/base/Settings.h"
+#include "statusmanager/StatusTypes.h"
+
+/// A value, and what the broker remembers of its posts. Times are microseconds since the Unix epoch; 0:
+/// unknown, as of a value from before the broker remembered.
+struct Details
+{
+    std::string value;
+    uint64_t posted = 0;
+    uint64_t changed = 0;
+    uint64_t posts = 0;
+    uint64_t changes = 0;
+    BrokerProtocol::Poster poster;
+    BrokerProtocol::Poster changer;
+
+    using ByKey = std::map<std::string, Details>;
+
+    /// Those of the keys that are there, asked for on a connection of its own.
+    /// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
+    static ByKey of(const Settings& settings, const StatusKeys& keys);
+};
+
+#endif

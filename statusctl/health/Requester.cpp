@@ -1,0 +1,51 @@
+#include "statusctl/health/Requester.h"
+
+#include <algorithm>
+#include <chrono>
+#include <limits>
+
+#include "statusctl/base/Failure.h"
+#include "statusctl/device/Device.h"
+#include "statusctl/text/Duration.h"
+
+Requester::Requester(const Settings& settings) : mSettings(settings), mSocket(mContext, zmq::socket_type::req)
+{
+    constexpr std::chrono::milliseconds most{std::numeric_limits<int>::max()};
+    Device::checkReachable();
+    mSocket.set(zmq::sockopt::linger, 0);
+    mSocket.set(zmq::sockopt::rcvtimeo, static_cast<int>(std::min(settings.requestTimeout(), most).count()));
+    mSocket.connect("tcp://127.0.0.1:5555");
+}
+
+std::string Requester::ask(const std::string& request)
+{
+    mSocket.send(zmq::buffer(request));
+    std::string reply;
+    zmq::message_t frame;
+    do
+    {
+        if (!mSocket.recv(frame))
+            throw Failure(ExitCode::TimedOut,
+                          "no answer from the broker within " + Duration::write(mSettings.requestTimeout()));
+        reply.append(frame.data<char>(), frame.size());
+    } while (frame.more());
+    return reply;
+}
+
+void Answer::failToRead(const std::string& reply)
+{
+    constexpr std::size_t enough = 200;
+    throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply.substr(0, enough));
+}
+
+std::string Answer::textIn(const Json::Value& object, const char* name)
+{
+    const Json::Value& member = object[name];
+    return member.isString() ? member.asString() : std::string();
+}
+
+uint64_t Answer::numberIn(const Json::Value& object, const char* name)
+{
+    const Json::Value& member = object[name];
+    return member.isUInt64() ? member.asUInt64() : 0;
+}

@@ -1,0 +1,85 @@
+// show: all that is known of keys.
+
+#include <algorithm>
+
+#include "statusctl/device/Device.h"
+#include "statusctl/text/Pattern.h"
+#include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+class Show : public IVerb
+{
+public:
+    explicit Show(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(
+            app, "show", "Print all that is known of keys", "statusctl show door\nstatusctl show 'net.*'",
+            "The value of each key; when it was last posted, and when it last changed; how often it was\n"
+            "posted, and how often it changed; the client that posted it last, and the one that changed it\n"
+            "last, if that is another. The kernel vouches for their service and user. Process and program\n"
+            "are for people. A post of the same value is a post, and no change.");
+        command.add_option("KEY", mKeys, "Keys and globs. Exit code 3 if one is not there")->required();
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const Pattern pattern(mKeys);
+        const Details::ByKey details = Details::of(settings, keysOf(settings, pattern));
+        Output output(settings);
+        if (settings.isJson())
+            output.json(DetailsText::toJson(details));
+        else
+            print(output, details);
+        checkAllThere(details);
+        return ExitCode::Done;
+    }
+
+private:
+    static StatusKeys keysOf(const Settings& settings, const Pattern& pattern)
+    {
+        StatusKeys keys(pattern.exact().begin(), pattern.exact().end());
+        if (!pattern.hasGlobs())
+            return keys;
+        Device device(settings);
+        for (const auto& [key, value] :
+             device.ask([](StatusManager& manager) { return manager.getClientInfo(); }))
+        {
+            if (!pattern.isExact(key) && pattern.matchesGlob(key))
+                keys.push_back(key);
+        }
+        return keys;
+    }
+
+    static void print(Output& output, const Details::ByKey& details)
+    {
+        const Timestamp::Time now = Timestamp::now();
+        for (const auto& [key, of] : details)
+            DetailsText::print(output, key, of, now);
+    }
+
+    void checkAllThere(const Details::ByKey& details) const
+    {
+        std::string missing;
+        for (const std::string& key : mKeys)
+        {
+            const Pattern pattern({key});
+            if (std::none_of(details.begin(), details.end(),
+                             [&](const auto& of) { return pattern.matches(of.first); }))
+                missing += (missing.empty() ? "\"" : ", \"") + key + "\"";
+        }
+        if (!missing.empty())
+            throw Failure(ExitCode::NotFound, "no value for " + missing);
+    }
+
+    std::vector<std::string> mKeys;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addShow(CLI::App& app)
+{
+    return std::make_unique<Show>(app);
+}
