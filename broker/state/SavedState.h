@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 
 #include "statusmanager/StatusTypes.h"
@@ -18,11 +19,24 @@ struct SavedState
         uint64_t lastStarted = 0; ///< microseconds since the Unix epoch; 0: never
     };
 
+    /// Names that have been forgotten. In changes a name is either here or there, never both.
+    struct Gone
+    {
+        using Names = std::set<std::string, std::less<>>;
+
+        Names values;
+        Names timers;
+        Names counters;
+
+        std::size_t size() const { return values.size() + timers.size() + counters.size(); }
+    };
+
     StatusMap values;
     std::map<std::string, Timer> timers;
     std::map<std::string, uint32_t> counters;
+    Gone gone;
 
-    bool empty() const { return values.empty() && timers.empty() && counters.empty(); }
+    bool empty() const { return values.empty() && timers.empty() && counters.empty() && gone.size() == 0; }
 };
 
 #endif
