@@ -123,6 +123,7 @@ private:
     void getReadyToWrite();
     void writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
     void writeRow(Table table, Row row);
+    void deleteRows(Table table, const SavedState::Gone::Names& names);
     void foldIn();
     void foldInOnClose(bool does);
 
@@ -138,6 +139,7 @@ private:
     bool mIsOpenForWriting = false;
     LogCheck mLog; // as it was found
     std::array<Statement, allTables.size()> mWrite;
+    std::array<Statement, allTables.size()> mDelete;
     bool mHasRemains = false; // of a transaction that failed, in the log
 };
 

@@ -70,6 +70,10 @@ public:
     /// Whether something that has changed is still to be written: the next commit tries.
     bool isBehind() const { return !mPending.empty(); }
 
+    /// Whether names may be forgotten. While nothing can be written, those that have been are remembered, and
+    /// that has a bound: as many as there may be names.
+    bool mayForget() const;
+
     /// Whether what was loaded was written within this boot.
     bool isOfThisBoot() const { return mIsOfThisBoot; }
 
