@@ -60,10 +60,13 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
           }),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
       mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOutbox),
+      mForgetting(mConnections.guard(), mRefusals, mState, mOutbox, mConnections.notify()),
       mAnswerer(
           mConnections.guard(), mRefusals, mState,
           [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
-          [this](std::string& to) { mConnections.appendClients(to, Clock::now()); }),
+          [this](std::string& to) { mConnections.appendClients(to, Clock::now()); },
+          [this](const Connection& client, BrokerProtocol::Command& command)
+          { return mForgetting.forget(client, command); }),
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
@@ -88,8 +91,9 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
     mLoop.schedule.add([this]
                        { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); },
-                       [](TimePoint) {});                                  // every round takes some
-    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
+                       [](TimePoint) {});                                       // every round takes some
+    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {});      // every round decides
+    mLoop.schedule.add([this] { return mForgetting.due(); }, [](TimePoint) {}); // every round drops
     mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
                        [this](TimePoint now)
                        {
@@ -204,6 +208,7 @@ void Broker::doRound()
     mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
     mConnections.notify().flush(now);
+    mForgetting.dropWhatAllKnow(now);
     pauseIntake(now);
     relieveMemory();
     mConnections.collect();

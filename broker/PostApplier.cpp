@@ -70,6 +70,9 @@ void PostApplier::apply(const Connection& client, BrokerProtocol::Command& comma
     case Operation::GetBrokerStatistics:
     case Operation::GetBrokerClients:
     case Operation::GetPolicyDecision:
+    case Operation::ForgetStatus:
+    case Operation::ForgetTimers:
+    case Operation::ForgetCounters:
         return; // no posts
     }
 }

@@ -40,7 +40,7 @@ inline constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
 }};
 
-inline constexpr std::array<Form, 10> requestForms{{
+inline constexpr std::array<Form, 13> requestForms{{
     {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
     {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
     {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
@@ -51,6 +51,9 @@ inline constexpr std::array<Form, 10> requestForms{{
     {Key::getBrokerStatistics, Operation::GetBrokerStatistics, Shape::Text},
     {Key::getBrokerClients, Operation::GetBrokerClients, Shape::Text},
     {Key::getPolicyDecision, Operation::GetPolicyDecision, Shape::Texts},
+    {Key::forgetStatus, Operation::ForgetStatus, Shape::Texts},
+    {Key::forgetTimers, Operation::ForgetTimers, Shape::Texts},
+    {Key::forgetCounters, Operation::ForgetCounters, Shape::Texts},
 }};
 
 // A notification is read as the post of which it tells.
