@@ -152,6 +152,30 @@ TEST_F(ForgettingTest, theNamesAreGoneAfterAKill)
     expectGoneAfterARestart(true);
 }
 
+TEST_F(ForgettingTest, itIsDroppedWhenNoClientOfAnEarlierBrokerCanComeBack)
+{
+    constexpr std::chrono::seconds comingBack{30};
+    serveWith();
+    post(postOf("a", "1"));
+    ask(R"({"forgetStatus":["a"]})");
+    EXPECT_TRUE(eventually([this] { return statistic("stored.forgotten") == 0; }, comingBack + testDeadline));
+}
+
+TEST_F(ForgettingTest, namesThatWaitForTheStateFileAreBounded)
+{
+    serveWith({"--state", folder / "nowhere/state", "--max-keys=1", "--max-timers=1", "--max-counters=1"});
+    for (int number = 0; number < 4; ++number)
+    {
+        const std::string name = std::to_string(number);
+        post(R"({"setCounterValue":{")" + name + "\":7}}");
+        const std::string gone = number < 3 ? '"' + name + '"' : "";
+        EXPECT_EQ(ask(R"({"forgetCounters":[")" + name + "\"]}"), R"({"forgotten":[)" + gone + "]}");
+    }
+    EXPECT_EQ(ask(R"({"getCounterValue":"3"})"), "7");
+    EXPECT_EQ(statistic("limit.memory"), 1U);
+    EXPECT_TRUE(isInLog("Forgetting names refused: too many wait for the state file to be written"));
+}
+
 // ---- The policy.
 
 TEST_F(ForgettingTest, whatMayNotBeForgottenStaysAndIsNotInTheAnswer)
