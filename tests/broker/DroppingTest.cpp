@@ -251,7 +251,10 @@ TEST_F(DroppingTest, oneThatIsToldAllAgainKeepsTheValueItGoesOnWith)
     postMany();
     post("m", std::string(30000, 'x'));
     EXPECT_TRUE(reads(*peer, R"("m":)"));
-    serve();
+    post("n", "1");
+    forget(R"("n")");
+    EXPECT_TRUE(reads(*peer, R"("n":"")"));
+    EXPECT_TRUE(isDropped()) << "it has been told of everything";
 
     NotifyConnection& connection = *notify.peers().back();
     connection.isFiltered = true; // as if it had other rights from now on

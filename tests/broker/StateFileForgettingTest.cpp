@@ -141,4 +141,6 @@ TEST_F(StateFileForgets, namesThatWaitToBeWrittenAreBounded)
     EXPECT_TRUE(file.mayForget());
     file.commit(without({"z"}), thisBoot);
     EXPECT_FALSE(file.mayForget());
+    file.commit(stateOf({{"z", "1"}}), thisBoot);
+    EXPECT_TRUE(file.mayForget()) << "a name that is there again does not wait";
 }

@@ -40,11 +40,13 @@ TEST_F(ToldRevisionTest, staysWhileOneByteIsMissing)
 
 TEST_F(ToldRevisionTest, goesOnAlsoWhereTheSubscriberIsNeverThroughWithAll)
 {
-    told.look(20, 100, 90);
-    told.look(30, 200, 190);
+    told.look(20, 100, 0);
+    told.look(30, 200, 90);
+    EXPECT_EQ(told.revision(), 10U);
+    told.look(40, 300, 190);
     EXPECT_EQ(told.revision(), 20U);
-    told.look(40, 300, 290);
-    EXPECT_EQ(told.revision(), 30U);
+    told.look(50, 400, 300);
+    EXPECT_EQ(told.revision(), 40U);
 }
 
 TEST_F(ToldRevisionTest, doesNotGoBackWhereASubscriberIsToldAllAgain)
