@@ -27,7 +27,7 @@ Reply Answerer::answer(Connection& client, std::string_view request)
 }
 
 // Of what a client may not ask for it learns what it would learn if that did not exist.
-Reply Answerer::answer(Connection& client, const BrokerProtocol::Command& command)
+Reply Answerer::answer(Connection& client, BrokerProtocol::Command& command)
 {
     const auto mayAsk = [&] { return mGuard.may(client, Action::Query, command.text); };
     using BrokerProtocol::Operation;
@@ -58,6 +58,10 @@ Reply Answerer::answer(Connection& client, const BrokerProtocol::Command& comman
         return Reply(decision(client, command.texts));
     case Operation::GetStatusDetails:
         return Reply::detailsOf(command.texts);
+    case Operation::ForgetStatus:
+    case Operation::ForgetTimers:
+    case Operation::ForgetCounters:
+        return Reply(mForget(client, command));
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:
@@ -132,6 +136,7 @@ std::string Answerer::statistics()
     for (std::size_t kind = 0; kind < refusalKinds; ++kind)
         numbers[Refusals::name(static_cast<Refusal>(kind))] = mRefusals.count(static_cast<Refusal>(kind));
     numbers["stored.keys"] = mState.keys();
+    numbers["stored.forgotten"] = mState.forgotten();
     numbers["stored.bytes"] = mState.storedBytes();
     numbers["stored.timers"] = mState.timers();
     numbers["stored.counters"] = mState.counters();

@@ -27,11 +27,14 @@ public:
     /// Appends the answer that tells who uses the broker.
     using AppendClients = std::function<void(std::string&)>;
 
+    /// Removes names for good. Returns the answer.
+    using Forget = std::function<std::string(const Connection&, BrokerProtocol::Command&)>;
+
     /// All must outlive it.
     Answerer(Guard& guard, Refusals& refusals, DeviceState& state, AddNumbers addNumbers,
-             AppendClients appendClients)
+             AppendClients appendClients, Forget forget)
         : mGuard(guard), mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers)),
-          mAppendClients(std::move(appendClients))
+          mAppendClients(std::move(appendClients)), mForget(std::move(forget))
     {
     }
 
@@ -42,7 +45,7 @@ public:
     void countSync() { ++mCounts[BrokerProtocol::syncWord]; }
 
 private:
-    Reply answer(Connection& client, const BrokerProtocol::Command& command);
+    Reply answer(Connection& client, BrokerProtocol::Command& command);
     Reply increment(const Connection& client, std::string_view counter);
     std::string statistics();
     const std::string& clients();
@@ -53,6 +56,7 @@ private:
     DeviceState& mState;
     AddNumbers mAddNumbers;
     AppendClients mAppendClients;
+    Forget mForget;
     BrokerProtocol::Command mCommand;
     std::map<std::string_view, uint64_t> mCounts; // of requests, by name
     Statistics::Process mProcess;

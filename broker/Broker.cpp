@@ -53,10 +53,13 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
                    makeHandlers()),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
       mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOwnedValues, mOutbox),
+      mForgetting(mConnections.guard(), mRefusals, mState, mOutbox, mConnections.notify()),
       mAnswerer(
           mConnections.guard(), mRefusals, mState,
           [this](Statistics::Numbers& numbers) { addNumbers(numbers); },
-          [this](std::string& to) { mConnections.appendClients(to, Clock::now()); }),
+          [this](std::string& to) { mConnections.appendClients(to, Clock::now()); },
+          [this](const Connection& client, BrokerProtocol::Command& command)
+          { return mForgetting.forget(client, command); }),
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
@@ -109,8 +112,9 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
     mLoop.schedule.add([this]
                        { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); },
-                       [](TimePoint) {});                                  // every round takes some
-    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {}); // every round decides
+                       [](TimePoint) {});                                       // every round takes some
+    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {});      // every round decides
+    mLoop.schedule.add([this] { return mForgetting.due(); }, [](TimePoint) {}); // every round drops
     mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
                        [this](TimePoint now)
                        {
@@ -227,6 +231,7 @@ void Broker::doRound()
     mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
     mConnections.notify().flush(now);
+    mForgetting.dropWhatAllKnow(now);
     pauseIntake(now);
     relieveMemory();
     mConnections.collect();

@@ -6,6 +6,7 @@
 
 #include "broker/Answerer.h"
 #include "broker/Connections.h"
+#include "broker/Forgetting.h"
 #include "broker/IntakePause.h"
 #include "broker/MemoryBudget.h"
 #include "broker/Options.h"
@@ -78,6 +79,7 @@ private:
     Connections mConnections;
     Outbox mOutbox;
     PostApplier mApplier;
+    Forgetting mForgetting;
     Answerer mAnswerer;
     Questions mQuestions;
     IntakePause mPause{mLoop.started};

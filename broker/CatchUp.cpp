@@ -26,13 +26,19 @@ void CatchUp::disconnected(uint64_t revision, TimePoint now, std::chrono::second
 
 std::optional<uint64_t> CatchUp::subscribed(TimePoint now)
 {
+    const std::optional<uint64_t> revision = leastAwaited(now);
+    markLastServed(now);
+    return revision;
+}
+
+std::optional<uint64_t> CatchUp::leastAwaited(TimePoint now)
+{
     forgetOld(now);
     std::optional<uint64_t> revision;
     if (mReturning)
         revision = mReturning->revision;
     if (!mAwaited.empty())
         revision = std::min(revision.value_or(mAwaited.front().revision), mAwaited.front().revision);
-    markLastServed(now);
     return revision;
 }
 

@@ -40,6 +40,9 @@ public:
     /// if no client is waiting.
     std::optional<uint64_t> subscribed(TimePoint now);
 
+    /// The least revision that a later subscribed() may return; nothing if no client is waiting.
+    std::optional<uint64_t> leastAwaited(TimePoint now);
+
 private:
     /// Clients that were acknowledged together.
     struct Awaited

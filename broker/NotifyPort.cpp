@@ -202,6 +202,7 @@ void NotifyPort::subscribe(NotifyConnection& connection, std::string_view prefix
     connection.revision = mCatchUp.subscribed(now).value_or(mState.revision());
     connection.eventsKnown = mLog.eventsSoFar();
     connection.nextValue = nullptr;
+    connection.told.begin(connection.revision);
 }
 
 void NotifyPort::cancel(NotifyConnection& connection, std::string_view prefix)
@@ -466,6 +467,38 @@ std::size_t NotifyPort::collectMissed(NotifyConnection& connection, const Device
     if (connection.wants(text))
         FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
     return bytes;
+}
+
+uint64_t NotifyPort::toldToAll(TimePoint now)
+{
+    uint64_t least = std::min(mCatchUp.leastAwaited(now).value_or(mState.revision()), mState.revision());
+    for (NotifyConnection* connection : mSubscribers)
+    {
+        lookAtTold(*connection);
+        least = std::min(least, connection->told.revision());
+        // Also if it is told all again: nextValue must stay.
+        if (connection->state == NotifyConnection::State::Behind)
+            least = std::min(least, connection->revision);
+    }
+    return least;
+}
+
+void NotifyPort::lookAtTold(NotifyConnection& connection) const
+{
+    uint64_t revision = connection.revision;
+    uint64_t missing = 0; // bytes of the message that it is in
+    if (connection.state == NotifyConnection::State::Following && connection.position == mLog.end())
+        revision = mState.revision();
+    else if (connection.state == NotifyConnection::State::Following)
+    {
+        const NotificationLog::Message& message = mLog.messageAt(connection.position);
+        revision = message.revision;
+        missing = message.end - connection.position;
+        if (missing != 0 && !connection.wantsAll()) // it gets another message in its place, or none
+            revision = 0;
+    }
+    const uint64_t lastByte = connection.sentBytes() + connection.outputBytes() + missing;
+    connection.told.look(revision, lastByte, connection.sentBytes() - connection.unacknowledgedBytes());
 }
 
 // --------------------------------------------------------------------------------------- following the log

@@ -10,6 +10,7 @@
 #include "broker/FilteredMessages.h"
 #include "broker/PortEnvironment.h"
 #include "broker/SendBuffers.h"
+#include "broker/ToldRevision.h"
 #include "broker/state/DeviceState.h"
 #include "broker/wire/NotificationLog.h"
 #include "broker/wire/Port.h"
@@ -33,9 +34,10 @@ public:
         0;                    ///< Following, some messages: the one at the position, as far as known
     uint64_t revision = 0;    ///< Behind: knows the values up to this one
     uint64_t eventsKnown = 0; ///< Behind: knows, or cannot want, the events up to this one
-    /// Behind: the value to go on with, if it still has this revision.
+    /// Behind: the value to go on with, if it still has this revision. Its last change is behind `revision`.
     const DeviceState::Value* nextValue = nullptr;
     uint64_t nextValueRevision = 0;
+    ToldRevision told;
     std::vector<std::string> prefixes; ///< of the messages that it wants; as subscribed, also twice
     bool isFull = false;               ///< the kernel takes no more until it says so
     TimePoint tookAt{};                ///< when it last took something
@@ -85,6 +87,11 @@ public:
     /// Subscribers that may be told of more, or of less, get all that they may be told of.
     /// @param isToldAgain so do all that may not be told of everything: the rules have changed
     void takeOverRights(bool isToldAgain, TimePoint now);
+
+    /// The revision of the state of which all subscribers have surely been told, also those that are to come
+    /// back. All that has changed must have been published. Values that changed last up to this revision are
+    /// not pointed to.
+    uint64_t toldToAll(TimePoint now);
 
     /// Subscribers have to be told again of what has changed since such a revision.
     CatchUp& catchUp() { return mCatchUp; }
@@ -138,6 +145,7 @@ private:
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);
+    void lookAtTold(NotifyConnection& connection) const;
     bool finishMessage(NotifyConnection& connection);
     void lackMemory(NotifyConnection& connection, TimePoint now);
     static void dropOutput(NotifyConnection& connection);

@@ -28,6 +28,9 @@ public:
     /// Commits, publishes and replies. Without a file, all that has happened already.
     void settle();
 
+    /// Whether names may be forgotten, see StateFile.
+    bool mayForget() const { return !mStateFile || mStateFile->mayForget(); }
+
     /// A connection has gone.
     void forget(RequestConnection& connection);
 

@@ -98,6 +98,9 @@ void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& c
     case Operation::GetBrokerClients:
     case Operation::GetPolicyDecision:
     case Operation::GetStatusDetails:
+    case Operation::ForgetStatus:
+    case Operation::ForgetTimers:
+    case Operation::ForgetCounters:
         return; // no posts
     }
 }

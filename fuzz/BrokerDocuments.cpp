@@ -22,6 +22,10 @@ std::string written(const Meaning& meaning, const Command& command)
         return Protocol::writeMap(key, meaning.members);
     case Operation::ResetStatus:
     case Operation::GetClientInfoValues:
+    case Operation::GetPolicyDecision:
+    case Operation::ForgetStatus:
+    case Operation::ForgetTimers:
+    case Operation::ForgetCounters:
         return Protocol::writeList(key, {meaning.texts.begin(), meaning.texts.end()});
     case Operation::UpdateSystemTime:
         return Protocol::writeUpdateSystemTime(meaning.number);

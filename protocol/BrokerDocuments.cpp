@@ -252,6 +252,20 @@ void appendUpdate(std::string& to, const char* key, const std::vector<Member>& m
     to += "}}";
 }
 
+void appendList(std::string& to, const char* key, const std::vector<std::string_view>& texts)
+{
+    to += '{';
+    appendText(to, key);
+    to += ":[";
+    for (const std::string_view& text : texts)
+    {
+        if (&text != &texts.front())
+            to += ',';
+        appendText(to, text);
+    }
+    to += "]}";
+}
+
 void appendStatusValueReply(std::string& to, std::string_view value)
 {
     to += '{';

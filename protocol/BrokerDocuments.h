@@ -45,6 +45,9 @@ enum class Operation
     GetBrokerClients,
     GetPolicyDecision,
     GetStatusDetails,
+    ForgetStatus,
+    ForgetTimers,
+    ForgetCounters,
 };
 
 /// The name under which messages know it.
@@ -69,8 +72,8 @@ public:
     Operation operation{};
     std::string_view text;       ///< the name of a timer, a counter or a status key
     std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
-    std::vector<std::string_view>
-        texts; ///< ResetStatus, GetClientInfoValues, GetPolicyDecision, GetStatusDetails: in their order
+    std::vector<std::string_view> texts; ///< ResetStatus, GetClientInfoValues, GetPolicyDecision,
+                                         ///< GetStatusDetails, Forget...: in their order
     uint32_t number = 0; ///< UpdateSystemTime, SetCounterValue
 
     /// False if the message is malformed, or no post or no request respectively.
@@ -106,6 +109,9 @@ void appendTimerReply(std::string& to, uint64_t microseconds);
 /// As a signed number: above 2^31 the only text that clients of 32 bits read right, too, since atoi() ends
 /// there.
 void appendCounterReply(std::string& to, uint32_t value);
+
+/// {"<key>":["<text>",...]}
+void appendList(std::string& to, const char* key, const std::vector<std::string_view>& texts);
 
 /// @param isComplete no process is being looked for
 void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete);

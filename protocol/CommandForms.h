@@ -40,7 +40,7 @@ inline constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
 }};
 
-inline constexpr std::array<Form, 11> requestForms{{
+inline constexpr std::array<Form, 14> requestForms{{
     {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
     {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
     {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
@@ -52,6 +52,9 @@ inline constexpr std::array<Form, 11> requestForms{{
     {Key::getBrokerClients, Operation::GetBrokerClients, Shape::Text},
     {Key::getPolicyDecision, Operation::GetPolicyDecision, Shape::Texts},
     {Key::getStatusDetails, Operation::GetStatusDetails, Shape::Texts},
+    {Key::forgetStatus, Operation::ForgetStatus, Shape::Texts},
+    {Key::forgetTimers, Operation::ForgetTimers, Shape::Texts},
+    {Key::forgetCounters, Operation::ForgetCounters, Shape::Texts},
 }};
 
 // A notification is read as the post of which it tells.

@@ -38,6 +38,10 @@ constexpr const char* getBrokerClients = "getBrokerClients";
 constexpr const char* getPolicyDecision = "getPolicyDecision";
 constexpr const char* getStatusDetails = "getStatusDetails";
 constexpr const char* statusDetails = "statusDetails";
+constexpr const char* forgetStatus = "forgetStatus";
+constexpr const char* forgetTimers = "forgetTimers";
+constexpr const char* forgetCounters = "forgetCounters";
+constexpr const char* forgotten = "forgotten"; ///< the answer to these three
 } // namespace Key
 
 /// Those numbers of getBrokerStatistics by which readers judge the broker.

@@ -10,11 +10,11 @@
 namespace
 {
 
-constexpr std::array<Verbs::Add, 19> verbs{
-    Verbs::addGet,    Verbs::addSet,     Verbs::addReset,  Verbs::addDump,   Verbs::addLoad,
-    Verbs::addWatch,  Verbs::addWait,    Verbs::addEvent,  Verbs::addTimer,  Verbs::addCounter,
-    Verbs::addPing,   Verbs::addStats,   Verbs::addRecord, Verbs::addReplay, Verbs::addTop,
-    Verbs::addDoctor, Verbs::addClients, Verbs::addMay,    Verbs::addShow,
+constexpr std::array<Verbs::Add, 20> verbs{
+    Verbs::addGet,     Verbs::addSet,    Verbs::addReset,   Verbs::addForget, Verbs::addDump,
+    Verbs::addLoad,    Verbs::addWatch,  Verbs::addWait,    Verbs::addEvent,  Verbs::addTimer,
+    Verbs::addCounter, Verbs::addPing,   Verbs::addStats,   Verbs::addRecord, Verbs::addReplay,
+    Verbs::addTop,     Verbs::addDoctor, Verbs::addClients, Verbs::addMay,    Verbs::addShow,
 };
 
 bool isTerminalWithColors()

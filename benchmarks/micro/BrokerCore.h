@@ -37,7 +37,12 @@ private:
     Identities mIdentities;
     Guard mGuard{mIdentities, mRefusals, std::make_unique<const Policy>()};
     Connection mClient{Descriptor(), Handshake::Kind::Post, Clock::now()};
-    Answerer mAnswerer{mGuard, mRefusals, mDevice, [](Statistics::Numbers&) {}, [](std::string&) {}};
+    Answerer mAnswerer{mGuard,
+                       mRefusals,
+                       mDevice,
+                       [](Statistics::Numbers&) {},
+                       [](std::string&) {},
+                       [](const Connection&, BrokerProtocol::Command&) { return std::string(); }};
     BrokerProtocol::Command mCommand;
     std::string mNotification;
     NotificationLog mLog;

@@ -533,7 +533,10 @@ void Database::getReadyToWrite()
     if (!mHasDetails)
         addTableOfDetails();
     for (const Table table : allTables)
+    {
         mWrite[static_cast<std::size_t>(table)] = prepare(Layout::of(table).writeStatement());
+        mDelete[static_cast<std::size_t>(table)] = prepare(Layout::of(table).deleteStatement());
+    }
     mHasRemains = mLog.isBlank;
     foldIn();
     mFiles = filesAt(mPath);
@@ -568,6 +571,10 @@ void Database::write(const SavedState& changes, const std::string& bootId, uint6
 
 void Database::writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
 {
+    deleteRows(Table::Values, changes.gone.values);
+    deleteRows(Table::Details, changes.gone.values);
+    deleteRows(Table::Timers, changes.gone.timers);
+    deleteRows(Table::Counters, changes.gone.counters);
     for (const auto& [name, text] : changes.values)
         writeRow(Table::Values, {name, text, {}});
     for (const auto& [name, timer] : changes.timers)
@@ -606,6 +613,22 @@ void Database::writeRow(Table table, Row row)
     sqlite3_clear_bindings(statement);
     if (result != SQLITE_DONE)
         fail("write");
+}
+
+// A name that has no row is as good as deleted.
+void Database::deleteRows(Table table, const SavedState::Gone::Names& names)
+{
+    sqlite3_stmt* statement = mDelete[static_cast<std::size_t>(table)].get();
+    for (const std::string& name : names)
+    {
+        const bool isBound =
+            sqlite3_bind_blob64(statement, 1, name.data(), name.size(), SQLITE_STATIC) == SQLITE_OK;
+        const int result = isBound ? sqlite3_step(statement) : SQLITE_ERROR;
+        sqlite3_reset(statement);
+        sqlite3_clear_bindings(statement);
+        if (result != SQLITE_DONE)
+            fail("write");
+    }
 }
 
 // Takes what a failed transaction has left in the log out of it: it would look like damage. If that does not

@@ -127,6 +127,7 @@ private:
     void addTableOfDetails();
     void writeAll(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
     void writeRow(Table table, Row row);
+    void deleteRows(Table table, const SavedState::Gone::Names& names);
     void foldIn();
     void foldInOnClose(bool does);
 
@@ -143,6 +144,7 @@ private:
     bool mHasDetails = true; // not in a file of the former version
     LogCheck mLog;           // as it was found
     std::array<Statement, allTables.size()> mWrite;
+    std::array<Statement, allTables.size()> mDelete;
     bool mHasRemains = false; // of a transaction that failed, in the log
 };
 

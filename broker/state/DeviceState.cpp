@@ -67,6 +67,39 @@ void shrink(std::vector<Element>& elements)
         std::vector<Element>().swap(elements);
 }
 
+// Notes that a name has been forgotten, or is there again.
+template <typename Map>
+void noteGone(Map& changed, SavedState::Gone::Names& gone, std::string_view name)
+{
+    const std::string text(name);
+    changed.erase(text);
+    gone.insert(text);
+}
+
+void noteBack(SavedState::Gone::Names& gone, std::string_view name)
+{
+    const auto found = gone.find(name);
+    if (found != gone.end())
+        gone.erase(found);
+}
+
+// Erases those names that are there, and returns them.
+template <typename Map, typename Note>
+std::vector<std::string_view> eraseAll(Map& map, const std::vector<std::string_view>& names, Note note)
+{
+    std::vector<std::string_view> erased;
+    for (const std::string_view name : names)
+    {
+        const auto found = map.find(name);
+        if (found == map.end())
+            continue;
+        map.erase(found);
+        note(name);
+        erased.push_back(name);
+    }
+    return erased;
+}
+
 template <typename Map>
 typename Map::mapped_type& entry(Map& map, std::string_view name)
 {
@@ -179,6 +212,8 @@ SavedState DeviceState::everything() const
     SavedState all;
     for (const auto& [key, value] : mValues)
     {
+        if (value.isForgotten)
+            continue;
         all.values.emplace_hint(all.values.end(), key, value.text);
         if (value.history.posts != 0)
             all.details.emplace_hint(all.details.end(), key, savedDetail(value));
@@ -227,11 +262,23 @@ bool DeviceState::mayName(const Map& map, std::string_view name, std::size_t mos
     return false;
 }
 
+bool DeviceState::mayAddKey(std::string_view key)
+{
+    if (mForgotten == 0 || mValues.size() < mLimits.keys)
+        return mayName(mValues, key, mLimits.keys, Refusal::Keys);
+    mRefusals.report(Refusal::Keys,
+                     "New name [%.*s] refused, %s is %zu, and %zu forgotten names take room until all "
+                     "subscribers know that they are gone",
+                     excerptLength(key), key.data(), Refusals::name(Refusal::Keys), mLimits.keys, mForgotten);
+    return false;
+}
+
+// A forgotten value has room for its key.
 bool DeviceState::mayStore(Values::const_iterator stored, std::string_view key, std::string_view text)
 {
-    const bool isNew = stored == mValues.end();
-    if (!hasGoodSize(key, text) || (isNew && !mayName(mValues, key, mLimits.keys, Refusal::Keys)))
+    if (!hasGoodSize(key, text) || (stored == mValues.end() && !mayAddKey(key)))
         return false;
+    const bool isNew = stored == mValues.end() || stored->second.isForgotten;
     const std::size_t before = isNew ? 0 : stored->second.text.size();
     const std::size_t after = text.size() + (isNew ? key.size() : 0);
     if (after <= before || mStoredBytes + (after - before) <= mLimits.storedBytes)
@@ -284,7 +331,7 @@ const DeviceState::Members& DeviceState::events(const Members& events)
 bool DeviceState::store(std::string_view key, std::string_view text, const Post& post)
 {
     auto stored = mValues.find(key);
-    if (stored != mValues.end() && stored->second.text == text)
+    if (stored != mValues.end() && stored->second.text == text && !stored->second.isForgotten)
     {
         note(stored->second, post, false);
         return false;
@@ -298,13 +345,22 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
         stored = mValues.emplace(key, Value()).first;
         stored->second.key = stored->first;
     }
+    else if (stored->second.isForgotten)
+    {
+        mStoredBytes += key.size();
+        stored->second.isForgotten = false;
+        --mForgotten;
+    }
     else
         mStoredBytes -= stored->second.text.size();
     assign(stored->second.text, text);
     moveToNewest(stored->second);
     note(stored->second, post, true);
     if (mNotesChanges)
+    {
         mNoted.values[stored->first] = text;
+        noteBack(mNoted.gone.values, key);
+    }
     return true;
 }
 
@@ -347,6 +403,8 @@ void DeviceState::takeOut(Value& value)
 {
     if (value.newer != nullptr)
         value.newer->older = value.older;
+    else if (mNewest == &value)
+        mNewest = value.older;
     if (value.older != nullptr)
         value.older->newer = value.newer;
     else if (mOldest == &value)
@@ -360,8 +418,10 @@ void DeviceState::applyToTimer(std::string_view name, Operate operate)
         return;
     Timer& timer = entry(mTimers, name);
     operate(timer, microsecondsOf(CLOCK_MONOTONIC));
-    if (mNotesChanges)
-        mNoted.timers[std::string(name)] = timer;
+    if (!mNotesChanges)
+        return;
+    mNoted.timers[std::string(name)] = timer;
+    noteBack(mNoted.gone.timers, name);
 }
 
 void DeviceState::startTimer(std::string_view name)
@@ -404,8 +464,86 @@ void DeviceState::setCounter(std::string_view name, uint32_t value)
     if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
         return;
     entry(mCounters, name) = value;
+    if (!mNotesChanges)
+        return;
+    mNoted.counters[std::string(name)] = value;
+    noteBack(mNoted.gone.counters, name);
+}
+
+// ---------------------------------------------------------------------------------------------- forgetting
+
+// A value that is empty already changes no more: its last change was its reset.
+DeviceState::Forgotten DeviceState::forgetValues(const std::vector<std::string_view>& keys)
+{
+    Forgotten forgotten;
+    for (const std::string_view key : keys)
+    {
+        const auto stored = mValues.find(key);
+        if (stored == mValues.end() || stored->second.isForgotten)
+            continue;
+        forgotten.names.push_back(key);
+        if (!stored->second.text.empty())
+            forgotten.resets.push_back({key, {}});
+        forget(stored->second);
+    }
+    std::sort(forgotten.resets.begin(), forgotten.resets.end(),
+              [](const Member& one, const Member& other) { return one.name < other.name; });
+    return forgotten;
+}
+
+// Nothing of it stays but its key and its place among the changes.
+void DeviceState::forget(Value& value)
+{
+    mStoredBytes -= value.key.size() + value.text.size();
+    if (!value.text.empty())
+        moveToNewest(value);
+    mPosters.release(value.history.poster);
+    mPosters.release(value.history.changer);
+    Value rest;
+    rest.key = value.key;
+    rest.revision = value.revision;
+    rest.older = value.older;
+    rest.newer = value.newer;
+    rest.isForgotten = true;
+    value = std::move(rest);
+    ++mForgotten;
     if (mNotesChanges)
-        mNoted.counters[std::string(name)] = value;
+        noteGone(mNoted.values, mNoted.gone.values, value.key);
+}
+
+std::size_t DeviceState::dropForgotten(uint64_t revision)
+{
+    const std::size_t before = mForgotten;
+    for (Value* value = mOldest; mForgotten != 0 && value != nullptr && value->revision <= revision;)
+    {
+        Value& each = *std::exchange(value, value->newer);
+        if (!each.isForgotten)
+            continue;
+        takeOut(each);
+        mValues.erase(mValues.find(each.key));
+        --mForgotten;
+    }
+    return before - mForgotten;
+}
+
+std::vector<std::string_view> DeviceState::forgetTimers(const std::vector<std::string_view>& names)
+{
+    return eraseAll(mTimers, names,
+                    [this](std::string_view name)
+                    {
+                        if (mNotesChanges)
+                            noteGone(mNoted.timers, mNoted.gone.timers, name);
+                    });
+}
+
+std::vector<std::string_view> DeviceState::forgetCounters(const std::vector<std::string_view>& names)
+{
+    return eraseAll(mCounters, names,
+                    [this](std::string_view name)
+                    {
+                        if (mNotesChanges)
+                            noteGone(mNoted.counters, mNoted.gone.counters, name);
+                    });
 }
 
 // ------------------------------------------------------------------------------------------------ requests
@@ -427,12 +565,14 @@ bool DeviceState::hasRunningTimers() const
 const DeviceState::Value* DeviceState::find(std::string_view key) const
 {
     const auto stored = mValues.find(key);
-    return stored == mValues.end() ? nullptr : &stored->second;
+    return stored == mValues.end() || stored->second.isForgotten ? nullptr : &stored->second;
 }
 
 const DeviceState::Value* DeviceState::behind(const std::optional<std::string>& key) const
 {
-    const auto next = key ? mValues.upper_bound(*key) : mValues.begin();
+    auto next = key ? mValues.upper_bound(*key) : mValues.begin();
+    while (next != mValues.end() && next->second.isForgotten)
+        ++next;
     return next == mValues.end() ? nullptr : &next->second;
 }
 

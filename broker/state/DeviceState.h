@@ -79,7 +79,10 @@ public:
     void forEachValue(Act&& act) const
     {
         for (const auto& [key, value] : mValues)
-            act(value);
+        {
+            if (!value.isForgotten)
+                act(value);
+        }
     }
 
     /// The value with its history. The text stands in the state.
@@ -98,7 +101,29 @@ public:
     /// The value after it; nothing if it exceeds a limit.
     std::optional<uint32_t> incrementCounter(std::string_view name);
 
-    // ---- Changes since.
+    // ---- Forgetting: as if the names had never been there. The results stand in the names given.
+
+    struct Forgotten
+    {
+        std::vector<std::string_view> names; ///< that were there, in the order given, each there once
+        Members resets;                      ///< of those that had a text, in the order of their keys
+    };
+
+    Forgotten forgetValues(const std::vector<std::string_view>& keys);
+
+    /// Running ones, too.
+    std::vector<std::string_view> forgetTimers(const std::vector<std::string_view>& names);
+    std::vector<std::string_view> forgetCounters(const std::vector<std::string_view>& names);
+
+    // ---- Changes since. A forgotten value stands among them with an empty text, and counts as a key for the
+    // ---- limit, until dropForgotten(): subscribers that have not read its reset yet get it from here.
+
+    /// How many there are.
+    std::size_t forgotten() const { return mForgotten; }
+
+    /// Drops those that changed last at this revision or before. Pointers to them are invalid then.
+    /// @returns how many
+    std::size_t dropForgotten(uint64_t revision);
 
     /// Counts the changes of status values so far.
     uint64_t revision() const { return mRevision; }
@@ -123,6 +148,7 @@ public:
         std::string text;
         uint64_t revision = 0; ///< of its last change
         History history;
+        bool isForgotten = false;
 
         // In the order of their last changes.
         Value* older = nullptr;
@@ -132,7 +158,7 @@ public:
     /// The value that changed first after this revision; null if none did. Follow `newer` for the others.
     const Value* changedSince(uint64_t revision) const;
 
-    std::size_t keys() const { return mValues.size(); }
+    std::size_t keys() const { return mValues.size() - mForgotten; }
     std::size_t storedBytes() const { return mStoredBytes; }
     std::size_t timers() const { return mTimers.size(); }
     std::size_t counters() const { return mCounters.size(); }
@@ -153,9 +179,11 @@ private:
     void note(Value& value, const Post& post, bool isChange);
     SavedState::Detail savedDetail(const Value& value) const;
     void restoreHistories(const SavedState& state);
+    bool mayAddKey(std::string_view key);
     bool mayStore(Values::const_iterator stored, std::string_view key, std::string_view text);
     void moveToNewest(Value& value);
     void takeOut(Value& value);
+    void forget(Value& value);
     template <typename Operate>
     void applyToTimer(std::string_view name, Operate operate);
     bool hasGoodSize(std::string_view name);
@@ -170,6 +198,7 @@ private:
     Posters mPosters;
     BootTime mRestored = 0;
     Values mValues;
+    std::size_t mForgotten = 0; // of these
     Value* mOldest = nullptr;
     Value* mNewest = nullptr;
     std::map<std::string, Timer, std::less<>> mTimers;

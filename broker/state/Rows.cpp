@@ -86,6 +86,11 @@ std::string Layout::writeStatement() const
            ")";
 }
 
+std::string Layout::deleteStatement() const
+{
+    return std::string("DELETE FROM ").append(mName) + " WHERE name = ?";
+}
+
 // A condition.
 std::string Layout::isReadable() const
 {

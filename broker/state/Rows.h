@@ -58,6 +58,9 @@ public:
     /// Takes name, text, numbers and checksum.
     std::string writeStatement() const;
 
+    /// Takes the name.
+    std::string deleteStatement() const;
+
     /// Takes the longest name and the longest text to read, in bytes. Longer ones never get into memory.
     ///
     /// Its columns, in all tables: the lengths of name and text (null: not of the right type), name, text,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 
 #include "statusmanager/StatusTypes.h"
@@ -28,12 +29,28 @@ struct SavedState
         std::string clients; ///< PosterText, which takes little memory
     };
 
+    /// Names that have been forgotten. In changes a name is either here or there, never both.
+    struct Gone
+    {
+        using Names = std::set<std::string, std::less<>>;
+
+        Names values;
+        Names timers;
+        Names counters;
+
+        std::size_t size() const { return values.size() + timers.size() + counters.size(); }
+    };
+
     StatusMap values;
     std::map<std::string, Detail> details; ///< of values; those of them that are not here are unknown
     std::map<std::string, Timer> timers;
     std::map<std::string, uint32_t> counters;
+    Gone gone;
 
-    bool empty() const { return values.empty() && timers.empty() && counters.empty() && details.empty(); }
+    bool empty() const
+    {
+        return values.empty() && details.empty() && timers.empty() && counters.empty() && gone.size() == 0;
+    }
 };
 
 #endif

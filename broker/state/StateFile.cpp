@@ -26,13 +26,32 @@ void keepOnly(Map& map, const Keeps& keeps)
         entry = keeps(entry->first) ? std::next(entry) : map.erase(entry);
 }
 
-// Adds what has changed; what it replaces is gone.
+// Adds what has changed; what it replaces is gone. A name that is forgotten may be in the file also if it is
+// not kept now: other names may have been kept before.
 template <typename Map, typename Keeps>
-void merge(const Map& changes, Map& into, const Keeps& keeps)
+void merge(const Map& changes, const SavedState::Gone::Names& changesGone, Map& into,
+           SavedState::Gone::Names& intoGone, const Keeps& keeps)
 {
+    for (const std::string& name : changesGone)
+    {
+        into.erase(name);
+        intoGone.insert(name);
+    }
     for (const auto& [name, value] : changes)
-        if (keeps(name))
-            into.insert_or_assign(name, value);
+    {
+        if (!keeps(name))
+            continue;
+        into.insert_or_assign(name, value);
+        intoGone.erase(name);
+    }
+}
+
+// Adds what was saved and has neither changed nor been forgotten since.
+template <typename Map>
+void addSaved(Map& saved, Map& into, const SavedState::Gone::Names& gone)
+{
+    keepOnly(saved, [&](const std::string& name) { return gone.count(name) == 0; });
+    into.merge(saved);
 }
 
 // Running timers go on within the boot in which they were started, and are stopped after it at what they had
@@ -196,19 +215,38 @@ void StateFile::commitLast(const BootMoment& now)
 void StateFile::remember(const SavedState& changes)
 {
     const auto keeps = [this](const std::string& name) { return isKept(name); };
-    merge(changes.values, mPending.values, keeps);
-    merge(changes.details, mPending.details, keeps);
-    merge(changes.timers, mPending.timers, keeps);
-    merge(changes.counters, mPending.counters, keeps);
+    SavedState::Gone& gone = mPending.gone;
+    merge(changes.values, changes.gone.values, mPending.values, gone.values, keeps);
+    mergeDetails(changes, keeps);
+    merge(changes.timers, changes.gone.timers, mPending.timers, gone.timers, keeps);
+    merge(changes.counters, changes.gone.counters, mPending.counters, gone.counters, keeps);
+}
+
+// They go with their values.
+template <typename Keeps>
+void StateFile::mergeDetails(const SavedState& changes, const Keeps& keeps)
+{
+    for (const std::string& name : changes.gone.values)
+        mPending.details.erase(name);
+    for (const auto& [name, detail] : changes.details)
+    {
+        if (keeps(name))
+            mPending.details.insert_or_assign(name, detail);
+    }
+}
+
+bool StateFile::mayForget() const
+{
+    return mPending.gone.size() < mLimits.keys + mLimits.timers + mLimits.counters;
 }
 
 // Values saved from a damaged file are written to the new one, unless they have changed since.
 void StateFile::save(SavedState state)
 {
-    mPending.values.merge(state.values);
-    mPending.details.merge(state.details);
-    mPending.timers.merge(state.timers);
-    mPending.counters.merge(state.counters);
+    addSaved(state.values, mPending.values, mPending.gone.values);
+    addSaved(state.details, mPending.details, mPending.gone.values);
+    addSaved(state.timers, mPending.timers, mPending.gone.timers);
+    addSaved(state.counters, mPending.counters, mPending.gone.counters);
 }
 
 void StateFile::write(const BootMoment& now)

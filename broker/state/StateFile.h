@@ -66,12 +66,18 @@ public:
 
     /// Keeps what has changed with the next commit.
     void remember(const SavedState& changes);
+    template <typename Keeps>
+    void mergeDetails(const SavedState& changes, const Keeps& keeps);
 
     /// The last one. It also looks after the file, and tries what has failed just now.
     void commitLast(const BootMoment& now = BootMoment::now());
 
     /// Whether something that has changed is still to be written: the next commit tries.
     bool isBehind() const { return !mPending.empty(); }
+
+    /// Whether names may be forgotten. While nothing can be written, those that have been are remembered, and
+    /// that has a bound: as many as there may be names.
+    bool mayForget() const;
 
     /// Whether what was loaded was written within this boot.
     bool isOfThisBoot() const { return mIsOfThisBoot; }

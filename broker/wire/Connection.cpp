@@ -74,6 +74,12 @@ std::size_t Connection::arrivals() const
     return ioctl(descriptor(), SIOCINQ, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
+std::size_t Connection::unacknowledgedBytes() const
+{
+    int bytes = 0;
+    return ioctl(descriptor(), SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
 FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
                                      bool& opened)
 {

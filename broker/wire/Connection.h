@@ -52,6 +52,9 @@ public:
 
     bool isClosed() const { return !mSocket.isOpen(); }
 
+    /// How many of the bytes sent the peer's system may not have.
+    std::size_t unacknowledgedBytes() const;
+
     /// Tells the peer that nothing more comes.
     void shutDownOutput();
 

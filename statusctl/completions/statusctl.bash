@@ -48,7 +48,7 @@ _statusctl() {
             timer | counter) ((index == COMP_CWORD - 1)) && words=$(_statusctl_commands "$verb") ;;
             load | replay) files=yes ;;
             record) ((index == COMP_CWORD - 1)) && files=yes || words=$(_statusctl_keys) ;;
-            get | set | reset | dump | show | watch | wait | top) words=$(_statusctl_keys) ;;
+            get | set | reset | forget | dump | show | watch | wait | top) words=$(_statusctl_keys) ;;
         esac
     fi
     if [[ $files ]]; then

@@ -39,5 +39,5 @@ complete -c statusctl -f
 complete -c statusctl -n 'not __statusctl_verb >/dev/null' -a '(__statusctl_commands)'
 complete -c statusctl -n 'string match -q -- "-*" (commandline -ct)' -a '(__statusctl_options; __statusctl_options (__statusctl_verb))'
 complete -c statusctl -n '__statusctl_is timer counter' -a '(__statusctl_commands (__statusctl_verb))'
-complete -c statusctl -n '__statusctl_is get set reset dump show watch wait top record' -a '(__statusctl_keys)'
+complete -c statusctl -n '__statusctl_is get set reset forget dump show watch wait top record' -a '(__statusctl_keys)'
 complete -c statusctl -n '__statusctl_is load replay record' -F

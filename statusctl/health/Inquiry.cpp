@@ -8,6 +8,7 @@
 #include "statusctl/base/Failure.h"
 #include "statusctl/health/Requester.h"
 #include "statusctl/text/Json.h"
+#include "statusctl/text/Text.h"
 
 using BrokerProtocol::Client;
 
@@ -34,6 +35,24 @@ Client clientIn(const Json::Value& object)
     client.received = Answer::numberIn(object, Member::received);
     client.sent = Answer::numberIn(object, Member::sent);
     return client;
+}
+
+std::vector<std::string> forgottenIn(const std::string& reply)
+{
+    const std::optional<Json::Value> answer = JsonText::readObject(reply);
+    if (!answer)
+        Answer::failToRead(reply);
+    const Json::Value& list = (*answer)[BrokerProtocol::Key::forgotten];
+    if (!list.isArray())
+        throw Failure(ExitCode::BadReply, "this broker cannot forget names");
+    std::vector<std::string> names;
+    for (const Json::Value& each : list)
+    {
+        if (!each.isString())
+            Answer::failToRead(reply);
+        names.push_back(each.asString());
+    }
+    return names;
 }
 
 } // namespace
@@ -97,6 +116,33 @@ Inquiry::Decision Inquiry::decision(const Settings& settings, const std::string&
     if (allowed.empty())
         throw Failure(ExitCode::BadReply, "this broker has no policy");
     return {allowed == "yes", Answer::textIn(*answer, Member::reason)};
+}
+
+std::vector<std::string> Inquiry::forget(const Settings& settings, Kind kind,
+                                         const std::vector<std::string>& names)
+{
+    namespace Key = BrokerProtocol::Key;
+    constexpr std::size_t enough = 900; // bytes in a request: the broker answers short ones first
+    const char* key = Key::forgetStatus;
+    if (kind == Kind::Timers)
+        key = Key::forgetTimers;
+    else if (kind == Kind::Counters)
+        key = Key::forgetCounters;
+    std::vector<std::string> gone;
+    Requester requester(settings);
+    for (std::size_t next = 0; next < names.size();)
+    {
+        BrokerProtocol::Texts some;
+        for (std::size_t bytes = 0; next < names.size() && bytes < enough; ++next)
+        {
+            some.push_back(Text::valid(names[next])); // as posts are
+            bytes += names[next].size() + 3;          // quotes and comma
+        }
+        const std::vector<std::string> answered =
+            forgottenIn(requester.ask(BrokerProtocol::writeList(key, some)));
+        gone.insert(gone.end(), answered.begin(), answered.end());
+    }
+    return gone;
 }
 
 std::string Inquiry::versionIn(const BrokerProtocol::Statistics& statistics)

@@ -8,7 +8,7 @@
 #include "protocol/ClientDocuments.h"
 #include "statusctl/base/Settings.h"
 
-/// Asks for the broker's own statistics, on a connection of its own: the library has no operation for them.
+/// Asks the broker what the library has no operation for, on a connection of its own.
 namespace Inquiry
 {
 
@@ -30,6 +30,19 @@ struct Decision
 /// @throws Failure as statistics(), and if the broker does not know the client or the action
 Decision decision(const Settings& settings, const std::string& client, const std::string& action,
                   const std::string& name);
+
+/// Names that the broker can forget.
+enum class Kind
+{
+    Values,
+    Timers,
+    Counters,
+};
+
+/// Removes names for good.
+/// @returns those that were there and are gone
+/// @throws Failure as statistics(), and if this broker cannot forget
+std::vector<std::string> forget(const Settings& settings, Kind kind, const std::vector<std::string>& names);
 
 /// The broker's version in them: "1.0.0".
 std::string versionIn(const BrokerProtocol::Statistics& statistics);

@@ -29,6 +29,7 @@ using Add = std::unique_ptr<IVerb> (*)(CLI::App& app);
 std::unique_ptr<IVerb> addGet(CLI::App& app);
 std::unique_ptr<IVerb> addSet(CLI::App& app);
 std::unique_ptr<IVerb> addReset(CLI::App& app);
+std::unique_ptr<IVerb> addForget(CLI::App& app);
 std::unique_ptr<IVerb> addDump(CLI::App& app);
 std::unique_ptr<IVerb> addLoad(CLI::App& app);
 std::unique_ptr<IVerb> addWatch(CLI::App& app);

@@ -48,11 +48,6 @@ protected:
         return changes;
     }
 
-    Limits limits;
-    Refusals refusals;
-    DeviceState state{limits, refusals};
-
-private:
     static Changes copied(const DeviceState::Members& members)
     {
         Changes changes;
@@ -60,6 +55,10 @@ private:
             changes.emplace_back(member.name, member.value);
         return changes;
     }
+
+    Limits limits;
+    Refusals refusals;
+    DeviceState state{limits, refusals};
 };
 
 } // namespace
@@ -287,6 +286,155 @@ TEST_F(DeviceLimits, askingMakesNothing)
         EXPECT_EQ(valueOf(name), "");
     }
     EXPECT_EQ(state.timers() + state.counters() + state.keys(), 0U);
+}
+
+// ---------------------------------------------------------------------------------------------- forgetting
+
+namespace
+{
+
+using Names = std::vector<std::string_view>;
+
+class DeviceForgets : public DeviceStateTest
+{
+protected:
+    DeviceForgets() { post({{"a", "1"}, {"b", "2"}, {"empty", ""}}); }
+
+    Changes forget(const Names& keys) { return copied(state.forgetValues(keys).resets); }
+};
+
+} // namespace
+
+TEST_F(DeviceForgets, theKeysThatWereThereAreReturnedInTheirOrderEachOnce)
+{
+    EXPECT_EQ(state.forgetValues({"empty", "unknown", "b", "a", "b"}).names, (Names{"empty", "b", "a"}));
+    EXPECT_EQ(state.forgetValues({"a", "empty"}).names, Names());
+}
+
+TEST_F(DeviceForgets, thoseThatHadATextAreResetInKeyOrder)
+{
+    EXPECT_EQ(forget({"empty", "b", "a"}), (Changes{{"a", ""}, {"b", ""}}));
+}
+
+TEST_F(DeviceForgets, aForgottenKeyIsInNoAnswerAndCountsNoMore)
+{
+    forget({"a", "empty"});
+    EXPECT_EQ(state.find("a"), nullptr);
+    EXPECT_EQ(valueOf("a"), "");
+    EXPECT_EQ(all(), (Map{{"b", "2"}}));
+    EXPECT_EQ(state.everything().values, (Map{{"b", "2"}}));
+    EXPECT_EQ(state.keys(), 1U);
+    EXPECT_EQ(state.storedBytes(), 2U);
+    forget({"b"});
+    EXPECT_EQ(state.behind(std::nullopt), nullptr);
+}
+
+TEST_F(DeviceForgets, subscribersThatAreBehindFindItsResetAmongTheChanges)
+{
+    const uint64_t revision = state.revision();
+    forget({"a"});
+    EXPECT_EQ(changedSince(revision), (Changes{{"a", ""}}));
+    EXPECT_EQ(state.forgotten(), 1U);
+}
+
+TEST_F(DeviceForgets, aKeyThatIsEmptyAlreadyKeepsTheRevisionOfItsReset)
+{
+    post({{"a", ""}});
+    const uint64_t revision = state.revision();
+    EXPECT_EQ(forget({"a"}), none);
+    EXPECT_EQ(state.revision(), revision);
+    EXPECT_EQ(changedSince(revision - 1), (Changes{{"a", ""}}));
+}
+
+TEST_F(DeviceForgets, itIsDroppedWhenItsRevisionIsReached)
+{
+    forget({"a"});
+    const uint64_t revision = state.revision();
+    post({{"c", "3"}});
+    forget({"b"});
+    EXPECT_EQ(state.dropForgotten(revision - 1), 0U);
+    EXPECT_EQ(state.dropForgotten(revision), 1U);
+    EXPECT_EQ(state.forgotten(), 1U);
+    EXPECT_EQ(changedSince(0), (Changes{{"empty", ""}, {"c", "3"}, {"b", ""}}));
+    EXPECT_EQ(state.dropForgotten(state.revision()), 1U) << "the newest of all";
+    EXPECT_EQ(changedSince(0), (Changes{{"empty", ""}, {"c", "3"}}));
+    post({{"d", "4"}});
+    EXPECT_EQ(changedSince(0), (Changes{{"empty", ""}, {"c", "3"}, {"d", "4"}}));
+}
+
+TEST_F(DeviceForgets, allCanBeDropped)
+{
+    forget({"a", "b", "empty"});
+    EXPECT_EQ(state.dropForgotten(state.revision()), 3U);
+    EXPECT_EQ(changedSince(0), none);
+    EXPECT_EQ(post({{"a", "1"}}), (Changes{{"a", "1"}}));
+    EXPECT_EQ(changedSince(0), (Changes{{"a", "1"}}));
+}
+
+TEST_F(DeviceForgets, aKeyThatIsPostedAnewIsThereAsIfItWereNew)
+{
+    forget({"a"});
+    EXPECT_EQ(post({{"a", ""}}), (Changes{{"a", ""}})) << "an empty value of an unknown key is a change";
+    EXPECT_EQ(all(), (Map{{"a", ""}, {"b", "2"}, {"empty", ""}}));
+    EXPECT_EQ(state.storedBytes(), 1U + 2U + 5U);
+    EXPECT_EQ(state.forgotten(), 0U);
+    EXPECT_EQ(state.dropForgotten(state.revision()), 0U);
+    forget({"a"});
+    EXPECT_EQ(reset({"a"}), (Changes{{"a", ""}}));
+    EXPECT_EQ(state.keys(), 3U);
+}
+
+TEST_F(DeviceForgets, forgottenKeysTakeRoomUntilTheyAreDropped)
+{
+    const LogCapture log;
+    limits.keys = 3;
+    forget({"a"});
+    EXPECT_EQ(post({{"c", "3"}}), none);
+    EXPECT_EQ(refusals.count(Refusal::Keys), 1U);
+    EXPECT_TRUE(log.has(2, "New name [c] refused, limit.keys is 3, and 1 forgotten names take room until all "
+                           "subscribers know that they are gone"));
+    EXPECT_NE(post({{"a", "3"}}), none) << "it has room already";
+    forget({"a"});
+    state.dropForgotten(state.revision());
+    EXPECT_NE(post({{"c", "3"}}), none);
+}
+
+TEST_F(DeviceForgets, timersAndCountersAreErasedAlsoRunningOnes)
+{
+    state.startTimer("t");
+    state.setCounter("c", 5);
+    EXPECT_EQ(state.forgetTimers({"u", "t", "t"}), (Names{"t"}));
+    EXPECT_EQ(state.forgetCounters({"d", "c", "c"}), (Names{"c"}));
+    EXPECT_FALSE(state.hasRunningTimers());
+    EXPECT_EQ(state.lastStarted("t"), 0U);
+    EXPECT_EQ(state.timers() + state.counters(), 0U);
+    EXPECT_EQ(state.incrementCounter("c"), 1U);
+}
+
+TEST_F(DeviceForgets, whatIsForgottenIsNotedAndWhatIsThereAgainIsNotedInItsPlace)
+{
+    state.restore({});
+    post({{"a", "2"}});
+    state.startTimer("t");
+    state.startTimer("u");
+    state.setCounter("c", 5);
+    state.setCounter("d", 5);
+    forget({"a", "b"});
+    state.forgetTimers({"t", "u"});
+    state.forgetCounters({"c", "d"});
+    post({{"b", "3"}});
+    state.startTimer("u");
+    state.incrementCounter("d");
+    const SavedState changes = state.takeChanges();
+    EXPECT_EQ(changes.values, (Map{{"b", "3"}}));
+    EXPECT_EQ(changes.gone.values, (SavedState::Gone::Names{"a"}));
+    EXPECT_EQ(changes.timers.count("u"), 1U);
+    EXPECT_EQ(changes.timers.size(), 1U);
+    EXPECT_EQ(changes.gone.timers, (SavedState::Gone::Names{"t"}));
+    EXPECT_EQ(changes.counters, (std::map<std::string, uint32_t>{{"d", 1}}));
+    EXPECT_EQ(changes.gone.counters, (SavedState::Gone::Names{"c"}));
+    forget({"b"});
+    EXPECT_FALSE(state.takeChanges().empty()) << "a name that is gone is a change";
 }
 
 // ----------------------------------------------------------------------------------------- kept and restored

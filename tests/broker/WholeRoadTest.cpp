@@ -7,6 +7,7 @@
 #include "common/EventThread.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ProxyClient.h"
+#include "tests/support/RawClient.h"
 #include "tests/support/RecordingListener.h"
 
 namespace
@@ -69,6 +70,20 @@ TEST_F(WithListener, theFirstCallbackCarriesTheValueThatTheDeviceHolds)
     client->registerForStatus(&listener, "k");
     ASSERT_TRUE(listener.waitForUpdates(1));
     EXPECT_EQ(listener.updates().front(), (StatusMap{{"k", "held"}}));
+}
+
+TEST_F(WithListener, aValueThatIsForgottenReachesTheListenerAsAReset)
+{
+    client->registerListener(&listener, &thread);
+    client->registerForStatus(&listener, "k");
+    EXPECT_EQ(runClient("set", "k", "1"), 0);
+    EXPECT_TRUE(listener.waitForValue("k", "1"));
+    RawRequester requester;
+    EXPECT_EQ(requester.ask(R"({"forgetStatus":["k"]})"), R"({"forgotten":["k"]})");
+    EXPECT_TRUE(listener.waitForValue("k", ""));
+    EXPECT_EQ(client->getClientInfoValues({"k"}), StatusMap());
+    EXPECT_EQ(runClient("set", "k", "2"), 0);
+    EXPECT_TRUE(listener.waitForValue("k", "2"));
 }
 
 TEST_F(WithListener, eventsResetsTimersAndCountersTakeTheWholeRoad)

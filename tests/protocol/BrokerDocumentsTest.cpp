@@ -107,6 +107,15 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
     EXPECT_EQ(command.operation, Operation::GetBrokerClients);
     ASSERT_TRUE(readsRequest(writeList(Key::getPolicyDecision, {"web", "post", "a"})));
     EXPECT_EQ(command.operation, Operation::GetPolicyDecision);
+    for (const auto& [key, operation] : {std::pair{Key::forgetStatus, Operation::ForgetStatus},
+                                         {Key::forgetTimers, Operation::ForgetTimers},
+                                         {Key::forgetCounters, Operation::ForgetCounters}})
+    {
+        ASSERT_TRUE(readsRequest(writeList(key, {"b", "a"})));
+        EXPECT_EQ(command.operation, operation);
+        EXPECT_EQ(command.texts, (TextViews{"b", "a"}));
+        EXPECT_FALSE(readsPost(writeList(key, {"a"})));
+    }
     ASSERT_TRUE(readsRequest(writeList(Key::getClientInfoValues, {"a", "a"})));
     EXPECT_EQ(command.operation, Operation::GetClientInfoValues);
     EXPECT_EQ(command.texts, (TextViews{"a", "a"}));
@@ -149,7 +158,7 @@ TEST_F(Reading, nothingElseIsANotification)
 
 TEST_F(Reading, everyOperationHasTheNameByWhichItIsRead)
 {
-    for (auto index = 0; index <= static_cast<int>(Operation::GetPolicyDecision); ++index)
+    for (auto index = 0; index <= static_cast<int>(Operation::ForgetCounters); ++index)
     {
         const auto operation = static_cast<Operation>(index);
         const std::string name = nameOf(operation);
@@ -304,6 +313,8 @@ TEST(BrokersWriting, isCompact)
               R"({"statusUpdate":{"k":"v","l":""}})");
     EXPECT_EQ(written(appendUpdate, Key::eventUpdate, membersIn({{"e", "v"}})),
               R"({"eventUpdate":{"e":"v"}})");
+    EXPECT_EQ(written(appendList, Key::forgotten, TextViews{"b", "a\n"}), R"({"forgotten":["b","a\n"]})");
+    EXPECT_EQ(written(appendList, Key::forgotten, TextViews{}), R"({"forgotten":[]})");
     EXPECT_EQ(written(appendNumbers, std::map<std::string, uint64_t>{{"a.b", 5}, {"c", UINT64_MAX}}),
               R"({"a.b":5,"c":18446744073709551615})");
 }

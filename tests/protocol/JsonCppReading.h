@@ -117,7 +117,10 @@ inline const Forms requests{{BrokerProtocol::Key::getClientInfo, readText},
                             {BrokerProtocol::Key::getBrokerStatistics, readText},
                             {BrokerProtocol::Key::getBrokerClients, readText},
                             {BrokerProtocol::Key::getPolicyDecision, readTexts},
-                            {BrokerProtocol::Key::getStatusDetails, readTexts}};
+                            {BrokerProtocol::Key::getStatusDetails, readTexts},
+                            {BrokerProtocol::Key::forgetStatus, readTexts},
+                            {BrokerProtocol::Key::forgetTimers, readTexts},
+                            {BrokerProtocol::Key::forgetCounters, readTexts}};
 
 inline std::optional<Meaning> read(const std::string& document, const Forms& forms)
 {

@@ -8,8 +8,8 @@
 namespace
 {
 
-const Words verbs{"get",   "set",     "reset", "dump",  "load",   "watch",  "wait", "event",
-                  "timer", "counter", "ping",  "stats", "record", "replay", "top",  "doctor"};
+const Words verbs{"get",     "set",  "reset", "dump",   "load",   "watch", "wait",   "event", "timer",
+                  "counter", "ping", "stats", "record", "replay", "top",   "doctor", "forget"};
 
 } // namespace
 

@@ -15,6 +15,7 @@ namespace
 const std::vector<Words> needBroker{{"get", "a"},
                                     {"set", "a", "1"},
                                     {"reset", "a"},
+                                    {"forget", "a"},
                                     {"dump"},
                                     {"watch", "a"},
                                     {"wait", "a"},

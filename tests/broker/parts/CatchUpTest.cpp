@@ -28,6 +28,19 @@ TEST(CatchUpTest, aSubscriptionIsToldWhatChangedSinceTheOldestAcknowledgement)
     EXPECT_EQ(catchUp.subscribed(start + 3ms), 10U);
 }
 
+TEST(CatchUpTest, theLeastRevisionAwaitedIsThatOfTheNextSubscription)
+{
+    CatchUp catchUp;
+    EXPECT_EQ(catchUp.leastAwaited(start), std::nullopt);
+    catchUp.acknowledged(20, start);
+    EXPECT_EQ(catchUp.leastAwaited(start), 20U);
+    catchUp.disconnected(10, start, 5s);
+    EXPECT_EQ(catchUp.leastAwaited(start), 10U);
+    EXPECT_EQ(catchUp.leastAwaited(start + 5s), 20U);
+    EXPECT_EQ(catchUp.leastAwaited(start + 10s), 20U) << "asking serves nobody";
+    EXPECT_EQ(catchUp.leastAwaited(start + CatchUp::longestWait), std::nullopt);
+}
+
 TEST(CatchUpTest, aClientThatSeemsServedIsKeptInMindForAWhile)
 {
     CatchUp catchUp;

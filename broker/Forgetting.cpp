@@ -1,0 +1,58 @@
+#include "broker/Forgetting.h"
+
+#include <algorithm>
+
+namespace
+{
+
+// A subscriber has mostly been told within milliseconds. One that has stopped is looked at less and less.
+constexpr std::chrono::milliseconds shortestPause{10};
+constexpr std::chrono::milliseconds longestPause{1000};
+
+} // namespace
+
+std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command& command)
+{
+    using BrokerProtocol::Operation;
+    mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
+    std::vector<std::string_view> gone;
+    if (!mOutbox.mayForget())
+        mRefusals.report(Refusal::Memory,
+                         "Forgetting names refused: too many wait for the state file to be written");
+    else if (command.operation == Operation::ForgetStatus)
+        gone = forgetValues(command.texts);
+    else if (command.operation == Operation::ForgetTimers)
+        gone = mState.forgetTimers(command.texts);
+    else
+        gone = mState.forgetCounters(command.texts);
+    std::string answer;
+    BrokerProtocol::appendList(answer, BrokerProtocol::Key::forgotten, gone);
+    return answer;
+}
+
+std::vector<std::string_view> Forgetting::forgetValues(const std::vector<std::string_view>& keys)
+{
+    DeviceState::Forgotten forgotten = mState.forgetValues(keys);
+    if (!forgotten.names.empty())
+    {
+        mNextLook = TimePoint();
+        mPause = shortestPause;
+    }
+    if (!forgotten.resets.empty())
+    {
+        std::string notification;
+        BrokerProtocol::appendUpdate(notification, BrokerProtocol::Key::statusUpdate, forgotten.resets);
+        mOutbox.publish(notification, 0);
+    }
+    return std::move(forgotten.names);
+}
+
+void Forgetting::dropWhatAllKnow(TimePoint now)
+{
+    if (now < due())
+        return;
+    if (mState.dropForgotten(mNotify.toldToAll(now)) != 0)
+        mPause = shortestPause;
+    mNextLook = now + mPause;
+    mPause = std::min(2 * mPause, longestPause);
+}

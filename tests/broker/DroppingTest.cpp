@@ -1,0 +1,272 @@
+// When forgotten keys are dropped: the port of notifications in this process, with time as an argument.
+
+#include <gtest/gtest.h>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "broker/Forgetting.h"
+#include "tests/support/ZmtpPeer.h"
+
+namespace
+{
+
+class DroppingTest : public testing::Test
+{
+protected:
+    DroppingTest() { notify.listen(); }
+
+    std::unique_ptr<ZmtpPeer> subscribe(const std::string& prefix = "")
+    {
+        constexpr int smallBuffer = 16 * 1024;
+        auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::notifyPort, smallBuffer);
+        peer->write(ZmtpPeer::greeting() + ZmtpPeer::ready("SUB") + ZmtpPeer::subscribe(prefix));
+        notify.accept(1, Clock::now());
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                serve();
+                return notify.peers().back()->state == NotifyConnection::State::Following;
+            }));
+        peer->read(ZmtpPeer::openingOf(ZmtpPeer::notifyPort).size());
+        return peer;
+    }
+
+    // A round of the broker.
+    void serve()
+    {
+        const TimePoint now = Clock::now() + ahead;
+        const std::size_t events = poller.wait(std::chrono::microseconds(0));
+        for (std::size_t index = 0; index < events; ++index)
+        {
+            const Poller::Event event = poller.event(index);
+            if (event.owner->pollableKind() == Pollable::Kind::Connection)
+                notify.serve(static_cast<NotifyConnection&>(*event.owner), event.what, now);
+        }
+        notify.flush(now);
+        forgetting.dropWhatAllKnow(now);
+    }
+
+    void post(const std::string& key, const std::string& value)
+    {
+        const DeviceState::Members changed = state.post({{key, value}});
+        std::string text;
+        BrokerProtocol::appendUpdate(text, BrokerProtocol::Key::statusUpdate, changed);
+        outbox.publish(text, 0);
+    }
+
+    std::string forget(const std::string& keys)
+    {
+        const Connection client(Descriptor(), Handshake::Kind::Request, Clock::now());
+        guard.admit(const_cast<Connection&>(client));
+        const std::string request = R"({"forgetStatus":[)" + keys + "]}";
+        EXPECT_TRUE(command.readRequest(request));
+        return forgetting.forget(client, command);
+    }
+
+    // More than the kernel takes for a subscriber that does not read, so that it falls behind.
+    void overflow()
+    {
+        for (int number = 0; number < 200; ++number)
+        {
+            post("much" + std::to_string(number % 60), std::to_string(number) + std::string(30000, 'x'));
+            serve();
+        }
+        notify.shortenLog(1, Clock::now());
+        ASSERT_EQ(notify.peers().back()->state, NotifyConnection::State::Behind);
+    }
+
+    bool isDropped()
+    {
+        return eventually(
+            [&]
+            {
+                ahead += std::chrono::seconds(1);
+                serve();
+                return state.forgotten() == 0;
+            });
+    }
+
+    // Whatever time goes by.
+    bool isKept()
+    {
+        for (int hour = 0; hour < 24; ++hour)
+        {
+            ahead += std::chrono::hours(1);
+            serve();
+        }
+        return state.forgotten() != 0;
+    }
+
+    // Until it has been told this.
+    bool reads(ZmtpPeer& peer, const std::string& text)
+    {
+        return eventually(
+            [&]
+            {
+                serve();
+                return readsNow(peer, text);
+            });
+    }
+
+    // From what has come by now.
+    bool readsNow(ZmtpPeer& peer, const std::string& text)
+    {
+        while (const auto frame = peer.readFrame(std::chrono::milliseconds(0)))
+        {
+            if ((frame->flags & WireFrames::command) != 0)
+                continue;
+            mMessage += frame->body;
+            if ((frame->flags & WireFrames::more) == 0 &&
+                std::exchange(mMessage, {}).find(text) != std::string::npos)
+                return true;
+        }
+        return false;
+    }
+
+    std::chrono::seconds ahead{0}; // of the clock
+    Options options;
+    Limits limits;
+    Refusals refusals;
+    MemoryBudget budget{limits.memory};
+    Poller poller;
+    Identities identities;
+    Guard guard{identities, refusals, std::make_unique<const Policy>()};
+    const PortEnvironment environment{poller, identities, budget, limits, refusals, guard};
+    DeviceState state{limits, refusals};
+    RequestPort requests{environment, state, [](RequestConnection&) {}, [](RequestConnection&) {}};
+    NotifyPort notify{environment, state};
+    Outbox outbox{options, state, notify, requests};
+    Forgetting forgetting{guard, refusals, state, outbox, notify};
+    BrokerProtocol::Command command;
+
+private:
+    std::string mMessage; // as far as it has come
+};
+
+} // namespace
+
+TEST_F(DroppingTest, withoutSubscribersAForgottenKeyIsDroppedAtOnce)
+{
+    post("a", "1");
+    EXPECT_EQ(forget(R"("a","b")"), R"({"forgotten":["a"]})");
+    EXPECT_EQ(state.forgotten(), 1U);
+    serve();
+    EXPECT_EQ(state.forgotten(), 0U);
+    EXPECT_EQ(forgetting.due(), TimePoint::max());
+}
+
+TEST_F(DroppingTest, withAHealthySubscriberItIsDroppedSoon)
+{
+    const auto peer = subscribe();
+    post("a", "1");
+    forget(R"("a")");
+    EXPECT_TRUE(reads(*peer, R"({"statusUpdate":{"a":""}})"));
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(DroppingTest, aSubscriberThatWantsNothingOfItDoesNotKeepIt)
+{
+    const auto peer = subscribe("something else");
+    post("a", "1");
+    forget(R"("a")");
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(DroppingTest, oneThatIsBehindKeepsItAndIsToldOfTheReset)
+{
+    post("a", "1");
+    const auto peer = subscribe();
+    overflow();
+    forget(R"("a")");
+    EXPECT_TRUE(isKept());
+    EXPECT_TRUE(reads(*peer, R"("a":"")"));
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(DroppingTest, aKeyThatWasEmptyAlreadyIsKeptForOneThatIsBehind)
+{
+    post("a", "1");
+    const auto peer = subscribe();
+    overflow();
+    post("a", "");
+    serve();
+    notify.shortenLog(1, Clock::now());
+    forget(R"("a")");
+    EXPECT_TRUE(isKept());
+    EXPECT_TRUE(reads(*peer, R"("a":"")"));
+    EXPECT_TRUE(isDropped());
+}
+
+TEST_F(DroppingTest, oneThatMayStillFallBehindKeepsIt)
+{
+    const auto peer = subscribe();
+    for (int number = 0; number < 60; ++number)
+        post("much" + std::to_string(number), std::string(30000, 'x'));
+    serve();
+    ASSERT_EQ(notify.peers().back()->state, NotifyConnection::State::Following);
+    forget(R"("much0")");
+    EXPECT_TRUE(isKept());
+    EXPECT_TRUE(reads(*peer, R"({"statusUpdate":{"much0":""}})"));
+    EXPECT_TRUE(isDropped());
+}
+
+// What the kernel holds for a subscriber is lost when it is closed for want of memory.
+TEST_F(DroppingTest, bytesThatOnlyOurKernelHoldsKeepIt)
+{
+    const auto peer = subscribe();
+    for (int number = 0; number < 4; ++number)
+        post("much" + std::to_string(number), std::string(30000, 'x'));
+    forget(R"("much0")");
+    serve();
+    ASSERT_FALSE(notify.hasOutput()) << "the kernel has taken it all";
+    EXPECT_TRUE(isKept());
+    notify.closeForMemory(*notify.peers().back(), Clock::now() + ahead);
+    const auto again = subscribe();
+    EXPECT_TRUE(reads(*again, R"("much0":"")"));
+}
+
+TEST_F(DroppingTest, aClientThatIsAboutToSubscribeKeepsIt)
+{
+    post("a", "1");
+    notify.catchUp().acknowledged(state.revision(), Clock::now());
+    forget(R"("a")");
+    ahead = CatchUp::longestWait / 2;
+    serve();
+    EXPECT_EQ(state.forgotten(), 1U);
+    ahead = 2 * CatchUp::longestWait;
+    serve();
+    EXPECT_EQ(state.forgotten(), 0U);
+}
+
+// The value with which it is to go on must stay, or it would read freed memory.
+TEST_F(DroppingTest, oneThatIsToldAllAgainKeepsTheValueItGoesOnWith)
+{
+    const auto peer = subscribe();
+    const auto postMany = [this]
+    {
+        for (int number = 0; number < 100; ++number)
+            post("k" + std::to_string(number), number < 50 ? std::string(30000, 'x') : "");
+    };
+    postMany();
+    post("m", std::string(30000, 'x'));
+    EXPECT_TRUE(reads(*peer, R"("m":)"));
+    post("n", "1");
+    forget(R"("n")");
+    EXPECT_TRUE(reads(*peer, R"("n":"")"));
+    EXPECT_TRUE(isDropped()) << "it has been told of everything";
+
+    NotifyConnection& connection = *notify.peers().back();
+    connection.isFiltered = true; // as if it had other rights from now on
+    notify.takeOverRights(true, Clock::now());
+    serve();
+    ASSERT_EQ(connection.state, NotifyConnection::State::Behind);
+    ASSERT_NE(connection.nextValue, nullptr);
+    std::string keys;
+    for (int number = 50; number < 100; ++number)
+        keys += (number == 50 ? "\"k" : ",\"k") + std::to_string(number) + '"';
+    forget(keys);
+    EXPECT_TRUE(isKept());
+    EXPECT_TRUE(reads(*peer, R"("k99":"")"));
+    EXPECT_TRUE(isDropped());
+}
