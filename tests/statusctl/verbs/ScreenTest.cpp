@@ -181,6 +181,20 @@ TEST_F(ScreenTest, aWideTerminalShowsWhoPosted)
     EXPECT_TRUE(terminal.shows(poster));
 }
 
+TEST_F(ScreenTest, aNarrowTerminalShowsKeysAndValuesAlone)
+{
+    constexpr unsigned short narrow = 39;
+    statusctl({"set", "door", "open"});
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("PER S"));
+    const std::size_t before = terminal.output().size();
+    terminal.resize(24, narrow);
+    ASSERT_TRUE(terminal.shows("VALUE"));
+    EXPECT_EQ(terminal.output().find("AGE", before), std::string::npos);
+    terminal.resize(24, narrow + 1);
+    EXPECT_TRUE(terminal.shows("AGE"));
+}
+
 TEST_F(ScreenTest, qLeavesAndRestoresTheTerminal)
 {
     Terminal terminal({"top"});
