@@ -465,7 +465,10 @@ void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
                             !isAtMost(row, Layout::TextLength, longestTextOf(table, mLimits));
         const bool mayBeOurs = isAtMost(row, Layout::NameLength, longestName) &&
                                isAtMost(row, Layout::TextLength, longestTextOf(table));
-        ++(isLong && mayBeOurs ? contents.excessRows : contents.lostRows);
+        if (!isLong || !mayBeOurs)
+            ++contents.lostRows;
+        else if (table != Table::Details) // whose value is counted already
+            ++contents.excessRows;
         return;
     }
     Row found{bytesOf(row, Layout::Name), bytesOf(row, Layout::Text), {}};

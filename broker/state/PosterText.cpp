@@ -51,7 +51,7 @@ std::string written(const PosterText::Clients& clients)
     return text;
 }
 
-// Takes the fields one by one. What has gone wrong stays so.
+// Takes the fields one by one, whatever is there.
 class Fields
 {
 public:
@@ -59,18 +59,11 @@ public:
 
     std::string text()
     {
-        const std::size_t size = mRest.find(end);
-        if (size == std::string_view::npos)
-        {
-            mIsGood = false;
-            return {};
-        }
-        const std::string field(mRest.substr(0, size));
-        mRest.remove_prefix(size + 1);
+        const std::string field(mRest.substr(0, mRest.find(end)));
+        mRest.remove_prefix(std::min(field.size() + 1, mRest.size()));
         return field;
     }
 
-    // As std::to_string() writes it.
     std::optional<uint32_t> number()
     {
         const std::string field = text();
@@ -78,16 +71,13 @@ public:
             return std::nullopt;
         uint32_t number = 0;
         std::from_chars(field.data(), field.data() + field.size(), number);
-        mIsGood = mIsGood && std::to_string(number) == field;
         return number;
     }
 
-    bool isGood() const { return mIsGood; }
     bool isAtEnd() const { return mRest.empty(); }
 
 private:
     std::string_view mRest;
-    bool mIsGood = true;
 };
 
 Poster posterIn(Fields& fields)
@@ -123,7 +113,7 @@ std::optional<PosterText::Clients> PosterText::read(std::string_view text)
     Clients clients;
     clients.poster = posterIn(fields);
     clients.changer = fields.isAtEnd() ? clients.poster : posterIn(fields);
-    if (!fields.isGood() || !fields.isAtEnd() || write(clients) != text)
+    if (write(clients) != text)
         return std::nullopt;
     return clients;
 }

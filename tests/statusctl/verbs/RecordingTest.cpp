@@ -120,6 +120,16 @@ TEST_F(RecordingTest, aLineThatIsNoneIsNamed)
               failure(1, "statusctl: replay: -:2: not a line of a recording"));
 }
 
+// As of "watch --json --stale".
+TEST_F(RecordingTest, whatWasStaleIsNotPosted)
+{
+    const std::string line =
+        R"({"kind":"stale","name":"door","time":"2026-05-28T20:26:40.123456Z","value":"open"})";
+    const Outcome outcome = statusctl({"-q", "replay", "-"}, line + "\n");
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    EXPECT_EQ(statusctl({"get", "door"}).code, 3);
+}
+
 TEST_F(RecordingTest, replayOfAFolderIsAFailure)
 {
     EXPECT_EQ(statusctl({"replay", "/"}), failure(1, "statusctl: replay: cannot read /"));

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
-#include <pwd.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
@@ -170,13 +169,30 @@ TEST_F(ScreenTest, aWideTerminalShowsWhoPosted)
 {
     constexpr unsigned short wide = 120;
     statusctl({"set", "door", "open"});
-    const std::string user = getpwuid(getuid())->pw_name;
+    // The service in which the tests run, or their user.
+    const std::string line = statusctl({"get", "--long", "door"}).output;
+    const std::string poster = line.substr(line.rfind("  ") + 2, 4);
+    ASSERT_EQ(poster.size(), 4U) << line;
     Terminal terminal({"top"});
     ASSERT_TRUE(terminal.shows("open"));
     EXPECT_EQ(terminal.output().find("POSTER"), std::string::npos);
     terminal.resize(24, wide);
     EXPECT_TRUE(terminal.shows("POSTER"));
-    EXPECT_TRUE(terminal.shows(user));
+    EXPECT_TRUE(terminal.shows(poster));
+}
+
+TEST_F(ScreenTest, aNarrowTerminalShowsKeysAndValuesAlone)
+{
+    constexpr unsigned short narrow = 39;
+    statusctl({"set", "door", "open"});
+    Terminal terminal({"top"});
+    ASSERT_TRUE(terminal.shows("PER S"));
+    const std::size_t before = terminal.output().size();
+    terminal.resize(24, narrow);
+    ASSERT_TRUE(terminal.shows("VALUE"));
+    EXPECT_EQ(terminal.output().find("AGE", before), std::string::npos);
+    terminal.resize(24, narrow + 1);
+    EXPECT_TRUE(terminal.shows("AGE"));
 }
 
 TEST_F(ScreenTest, qLeavesAndRestoresTheTerminal)
