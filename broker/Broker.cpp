@@ -63,7 +63,7 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
       mQuestions(mAnswerer, mOutbox, mConnections, mRefusals, mState, Clock::now())
 {
     planTasks();
-    mOwnedValues.setPolicy(mConnections.guard().policy(), Clock::now());
+    applyPolicy(Clock::now());
     mConnections.listen();
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
@@ -145,7 +145,20 @@ void Broker::setPolicy(std::unique_ptr<const Policy> policy)
 {
     const TimePoint now = Clock::now();
     mConnections.setPolicy(std::move(policy), now);
-    mOwnedValues.setPolicy(mConnections.guard().policy(), now);
+    applyPolicy(now);
+}
+
+// To the values.
+void Broker::applyPolicy(TimePoint now)
+{
+    Guard& guard = mConnections.guard();
+    mOwnedValues.setPolicy(guard.policy(), now);
+    Shares::Judge judge;
+    if (guard.policy().hasQuotas())
+        judge = [&quotas = guard.quotas()](Shares::User user, const Shares::Share& before,
+                                           const Shares::Share& after)
+        { return quotas.mayTake(user, before, after); };
+    mState.setShares(std::move(judge));
 }
 
 void Broker::setLimits(const Limits& limits)

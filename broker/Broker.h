@@ -60,6 +60,7 @@ private:
 
     OwnedValues::World makeWorld();
     Connections::Handlers makeHandlers();
+    void applyPolicy(TimePoint now);
     void planTasks();
     void waitForWork();
     std::size_t takeEvents(std::chrono::microseconds limit);

@@ -36,8 +36,6 @@ std::unique_ptr<const Policy> readPolicy(const std::string& path)
     LoadedPolicy loaded = loadPolicy(path, {user, group});
     if (!loaded.policy)
         throw ConfigError(linesOf(loaded.errors));
-    if (loaded.policy->hasQuotas())
-        throw ConfigError(path + ": has quotas; this version does not enforce them");
     // A rule that denies something to a user who seems to be unknown would allow it.
     if ((namesSomebody || loaded.policy->namesGroups()) && !users.isComplete())
         throw ConfigError(path +

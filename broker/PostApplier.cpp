@@ -140,27 +140,24 @@ void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
 void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
                             const std::vector<std::string_view>& keys)
 {
-    std::vector<std::string_view> ending; // those that are still there
-    DeviceState::Members values;
+    DeviceState::Members values; // those that are still there
     for (const std::string_view key : keys)
     {
         const DeviceState::Value* value = mState.find(key);
         if (value == nullptr || value->text == rule.becomes)
             continue;
-        ending.push_back(key);
         values.push_back({key, rule.becomes});
     }
-    if (ending.empty())
+    if (values.empty())
         return;
     const bool isAudit = mGuard.policy().isAudit();
     mRefusals.report(isAudit ? Refusal::Audited : Refusal::OwnerGone,
                      "%s [%.*s] and %zu others to [%.*s], by %s: process %u (%s) of user %s has gone",
-                     isAudit ? "Would set" : "Set", excerptLength(ending.front()), ending.front().data(),
-                     ending.size() - 1, excerptLength(rule.becomes), rule.becomes.data(), rule.place.c_str(),
-                     mState.posters().at(owner).pid, mState.posters().at(owner).program.c_str(),
-                     mState.posters().at(owner).user.c_str());
+                     isAudit ? "Would set" : "Set", excerptLength(values.front().name),
+                     values.front().name.data(), values.size() - 1, excerptLength(rule.becomes),
+                     rule.becomes.data(), rule.place.c_str(), mState.posters().at(owner).pid,
+                     mState.posters().at(owner).program.c_str(), mState.posters().at(owner).user.c_str());
     if (isAudit)
         return;
-    const auto& changed = rule.becomes.empty() ? mState.reset(ending, mSelf) : mState.post(values, mSelf);
-    publish(BrokerProtocol::Key::statusUpdate, changed, 0);
+    publish(BrokerProtocol::Key::statusUpdate, mState.end(values, mSelf), 0);
 }

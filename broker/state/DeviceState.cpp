@@ -292,8 +292,17 @@ bool DeviceState::mayStore(Values::const_iterator stored, std::string_view key, 
 
 const DeviceState::Members& DeviceState::post(const Members& values, Posters::Id by)
 {
+    return store(values, {by, bootTime()});
+}
+
+const DeviceState::Members& DeviceState::end(const Members& values, Posters::Id by)
+{
+    return store(values, {by, bootTime(), true});
+}
+
+const DeviceState::Members& DeviceState::store(const Members& values, const Post& post)
+{
     shrink(mChanged);
-    const Post post{by, bootTime()};
     for (const Member& value : values)
     {
         if (store(value.name, value.value, post))
@@ -331,13 +340,20 @@ const DeviceState::Members& DeviceState::events(const Members& events)
 bool DeviceState::store(std::string_view key, std::string_view text, const Post& post)
 {
     auto stored = mValues.find(key);
-    if (stored != mValues.end() && stored->second.text == text && !stored->second.isForgotten)
+    const bool isThere = stored != mValues.end() && !stored->second.isForgotten;
+    if (!mayTakeShare(isThere ? &stored->second : nullptr, key, text, post))
+        return false;
+    if (isThere && stored->second.text == text)
     {
+        removeShare(stored->second);
         note(stored->second, post, false);
+        addShare(stored->second);
         return false;
     }
     if (!mayStore(stored, key, text))
         return false;
+    if (isThere)
+        removeShare(stored->second);
     mStoredBytes += text.size();
     if (stored == mValues.end())
     {
@@ -356,6 +372,7 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
     assign(stored->second.text, text);
     moveToNewest(stored->second);
     note(stored->second, post, true);
+    addShare(stored->second);
     if (mNotesChanges)
     {
         mNoted.values[stored->first] = text;
@@ -363,6 +380,47 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
     }
     return true;
 }
+
+// -------------------------------------------------------------------------------------------------- shares
+
+void DeviceState::setShares(Shares::Judge judge)
+{
+    mShares.begin(std::move(judge));
+    forEachValue([this](const Value& value) { addShare(value); });
+}
+
+Shares::User DeviceState::userOf(const Value* value) const
+{
+    return value == nullptr ? std::nullopt : mPosters.userOf(value->history.poster);
+}
+
+Shares::Share DeviceState::shareOf(const Value* value)
+{
+    return value == nullptr ? Shares::Share() : Shares::Share{1, value->key.size() + value->text.size()};
+}
+
+void DeviceState::addShare(const Value& value)
+{
+    if (mShares.isUsed())
+        mShares.add(userOf(&value), shareOf(&value));
+}
+
+void DeviceState::removeShare(const Value& value)
+{
+    if (mShares.isUsed())
+        mShares.remove(userOf(&value), shareOf(&value));
+}
+
+/// @param former that is replaced; null if the key is new
+bool DeviceState::mayTakeShare(const Value* former, std::string_view key, std::string_view text,
+                               const Post& post) const
+{
+    return !mShares.isUsed() || post.isEnd ||
+           mShares.mayMove(userOf(former), shareOf(former), mPosters.userOf(post.by),
+                           {1, key.size() + text.size()});
+}
+
+// ------------------------------------------------------------------------------------------------- history
 
 void DeviceState::note(Value& value, const Post& post, bool isChange)
 {
@@ -376,9 +434,12 @@ void DeviceState::note(Value& value, const Post& post, bool isChange)
         mPosters.hold(by);
         mPosters.release(std::exchange(former, by));
     };
-    history.posted = post.at;
-    count(history.posts);
-    replace(history.poster, post.by);
+    if (!post.isEnd)
+    {
+        history.posted = post.at;
+        count(history.posts);
+        replace(history.poster, post.by);
+    }
     if (!isChange)
         return;
     history.changed = post.at;
@@ -497,6 +558,7 @@ void DeviceState::forget(Value& value)
     mStoredBytes -= value.key.size() + value.text.size();
     if (!value.text.empty())
         moveToNewest(value);
+    removeShare(value);
     mPosters.release(value.history.poster);
     mPosters.release(value.history.changer);
     Value rest;

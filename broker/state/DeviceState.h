@@ -13,6 +13,7 @@
 #include "broker/base/Refusals.h"
 #include "broker/state/Posters.h"
 #include "broker/state/SavedState.h"
+#include "broker/state/Shares.h"
 #include "protocol/BrokerDocuments.h"
 
 /// The state of the device: status values, timers and counters. No sockets, one thread.
@@ -49,6 +50,10 @@ public:
     /// The same for keys that are set to the empty text.
     const Members& reset(const std::vector<std::string_view>& keys, Posters::Id by = Posters::nobody);
 
+    /// The same for values that end with their owner: their last poster stays, and the share is still its
+    /// own. The empty text resets.
+    const Members& end(const Members& values, Posters::Id by);
+
     /// The events that are to be published; nothing is stored of them.
     const Members& events(const Members& events);
 
@@ -59,6 +64,9 @@ public:
     void setCounter(std::string_view name, uint32_t value);
 
     // ---- Who posts.
+
+    /// From now on, no user takes more of the state than the judge allows; without a judge, none is limited.
+    void setShares(Shares::Judge judge);
 
     /// To be filled with those that post. Values hold theirs.
     Posters& posters() { return mPosters; }
@@ -173,12 +181,20 @@ private:
     {
         Posters::Id by;
         BootTime at;
+        bool isEnd = false; ///< of the value, with its owner
     };
 
     bool store(std::string_view key, std::string_view text, const Post& post);
     void note(Value& value, const Post& post, bool isChange);
     SavedState::Detail savedDetail(const Value& value) const;
     void restoreHistories(const SavedState& state);
+    Shares::User userOf(const Value* value) const;
+    static Shares::Share shareOf(const Value* value);
+    void addShare(const Value& value);
+    void removeShare(const Value& value);
+    bool mayTakeShare(const Value* former, std::string_view key, std::string_view text,
+                      const Post& post) const;
+    const Members& store(const Members& values, const Post& post);
     bool mayAddKey(std::string_view key);
     bool mayStore(Values::const_iterator stored, std::string_view key, std::string_view text);
     void moveToNewest(Value& value);
@@ -196,6 +212,7 @@ private:
     uint64_t mRevision = 0;
     std::size_t mStoredBytes = 0;
     Posters mPosters;
+    Shares mShares;
     BootTime mRestored = 0;
     Values mValues;
     std::size_t mForgotten = 0; // of these

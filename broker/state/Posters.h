@@ -36,6 +36,11 @@ public:
 
     BrokerProtocol::Poster at(Id id) const;
 
+    std::optional<uint32_t> userOf(Id id) const
+    {
+        return id == nobody ? std::nullopt : mEntries[id - 1].names->first.uid;
+    }
+
     /// Whether they are of the same user and service, for which the kernel vouches.
     bool areOfOneService(Id one, Id other) const;
 

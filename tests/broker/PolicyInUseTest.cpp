@@ -108,13 +108,6 @@ TEST_F(UsedPolicy, aBrokerWhosePolicyIsWrongDoesNotStart)
     EXPECT_NE(errors.find((folder / "policy") + ":4: "), std::string::npos) << errors;
 }
 
-TEST_F(UsedPolicy, aBrokerDoesNotPromiseWhatItDoesNotEnforce)
-{
-    const auto [code, errors] = refusal("[[quota]]\nkeys = 5\n");
-    EXPECT_EQ(code, 2);
-    EXPECT_NE(errors.find("does not enforce them"), std::string::npos) << errors;
-}
-
 TEST_F(UsedPolicy, checkConfigExplainsIt)
 {
     writePolicy(rule("deny = \"post\"\nkeys = \"secret\""));

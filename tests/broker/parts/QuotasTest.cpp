@@ -1,0 +1,132 @@
+#include "broker/Quotas.h"
+
+#include <gtest/gtest.h>
+#include <list>
+
+#include "tests/broker/policy/PolicyFixture.h"
+#include "tests/support/Wait.h"
+
+namespace
+{
+
+using namespace std::chrono_literals;
+
+class QuotasTest : public testing::Test
+{
+protected:
+    void use(const std::string& text)
+    {
+        const PolicyPointer before = std::exchange(policy, policyOf(text));
+        quotas.setPolicy(*policy);
+    }
+
+    // Null if it is refused.
+    Connection* connect(uid_t user)
+    {
+        Connection& connection = connections.emplace_back(Descriptor(), Handshake::Kind::Post, now);
+        connection.identity.owner = Owner::known(user, 1, 1);
+        return quotas.enter(connection, now) ? &connection : nullptr;
+    }
+
+    TimePoint now = Clock::now();
+    Refusals refusals;
+    PolicyPointer policy;
+    Quotas quotas{refusals};
+    std::list<Connection> connections;
+};
+
+} // namespace
+
+TEST_F(QuotasTest, aUserMayHaveSoManyConnectionsAndOthersTheirs)
+{
+    use("[[quota]]\nuser = \"web\"\nconnections = 2\n");
+    EXPECT_TRUE(connect(webUser));
+    Connection* second = connect(webUser);
+    EXPECT_TRUE(second);
+    EXPECT_FALSE(connect(webUser));
+    EXPECT_TRUE(connect(netUser));
+    EXPECT_EQ(refusals.count(Refusal::Quota), 1U);
+    quotas.leave(*second);
+    EXPECT_TRUE(connect(webUser));
+}
+
+TEST_F(QuotasTest, aConnectionIsCountedOnce)
+{
+    use("[[quota]]\nconnections = 1\n");
+    Connection* connection = connect(webUser);
+    ASSERT_TRUE(connection);
+    EXPECT_TRUE(quotas.enter(*connection, now));
+    quotas.leave(*connection);
+    quotas.leave(*connection);
+    EXPECT_TRUE(connect(webUser));
+    EXPECT_FALSE(connect(webUser));
+}
+
+TEST_F(QuotasTest, inAuditModeNothingIsRefusedAndAllIsCounted)
+{
+    use("mode = \"audit\"\n[[quota]]\nconnections = 1\nkeys = 1\n");
+    EXPECT_TRUE(connect(webUser));
+    EXPECT_TRUE(connect(webUser));
+    EXPECT_TRUE(quotas.mayTake(webUser, {1, 1}, {2, 2}));
+    EXPECT_EQ(refusals.count(Refusal::Audited), 2U);
+}
+
+TEST_F(QuotasTest, anotherPolicyIsAppliedToThoseThatAreConnected)
+{
+    use("");
+    Connection* connection = connect(webUser);
+    use("[[quota]]\nconnections = 1\nposts-per-second = 1\n");
+    EXPECT_TRUE(quotas.enter(*connection, now));
+    EXPECT_FALSE(connect(webUser));
+    EXPECT_TRUE(quotas.mayPost(*connection, 100));
+    EXPECT_FALSE(quotas.mayPost(*connection, 1));
+    use("");
+    EXPECT_TRUE(quotas.mayPost(*connection, 1));
+}
+
+// At once a user may post as much as in a second, and a message that begins within that is taken whole.
+TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
+{
+    use("[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(quotas.mayPost(*connection, 4));
+    EXPECT_TRUE(quotas.mayPost(*connection, 50000));
+    EXPECT_FALSE(quotas.mayPost(*connection, 1));
+    EXPECT_TRUE(quotas.mayPost(*connect(netUser), 1));
+}
+
+TEST_F(QuotasTest, aUserGainsNothingByComingBack)
+{
+    use("[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(quotas.mayPost(*connection, 50000));
+    quotas.leave(*connection);
+    for (uid_t other = 1000; other < 1200; ++other)
+        quotas.leave(*connect(other)); // so many that old ones are forgotten
+    EXPECT_FALSE(quotas.mayPost(*connect(webUser), 1));
+}
+
+TEST_F(QuotasTest, aUserMayPostAgainAfterAWhile)
+{
+    use("[[quota]]\nposts-per-second = 1000\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(quotas.mayPost(*connection, 1010));
+    EXPECT_TRUE(eventually([&] { return quotas.mayPost(*connection, 1); }));
+}
+
+TEST_F(QuotasTest, aUserThatTakesMoreThanItsPartOfTheStateIsRefused)
+{
+    use("[[quota]]\nuser = \"web\"\nkeys = 10\nbytes = 100\n");
+    EXPECT_TRUE(quotas.mayTake(webUser, {9, 90}, {10, 100}));
+    EXPECT_FALSE(quotas.mayTake(webUser, {10, 90}, {11, 91}));
+    EXPECT_FALSE(quotas.mayTake(webUser, {9, 90}, {9, 101}));
+    EXPECT_TRUE(quotas.mayTake(netUser, {10, 100}, {1000, 10000}));
+}
+
+// Its share may have been made smaller.
+TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
+{
+    use("[[quota]]\nkeys = 10\nbytes = 100\n");
+    EXPECT_TRUE(quotas.mayTake(webUser, {20, 200}, {20, 199}));
+    EXPECT_FALSE(quotas.mayTake(webUser, {20, 200}, {20, 201}));
+}
