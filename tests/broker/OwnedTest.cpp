@@ -190,6 +190,30 @@ TEST_F(Owned, aPolicyThatIsTakenOverMarksThoseThatHaveNoOwner)
     EXPECT_EQ(value("net.b"), reply("up"));
 }
 
+TEST_F(Owned, valuesAreMarkedAfterARestartIfTheirOwnerDoesNotReturn)
+{
+    const std::vector<std::string> options{"--state", folder / "state"};
+    start(owned(), options);
+    auto client = owner("net.a");
+    broker->kill();
+    client->end();
+    start(owned("500ms"), options);
+    EXPECT_EQ(value("net.a"), reply("up"));
+    EXPECT_TRUE(becomes("net.a", "offline"));
+}
+
+TEST_F(Owned, valuesStayOverARestartIfTheirOwnerReturns)
+{
+    const std::vector<std::string> options{"--state", folder / "state"};
+    start(owned("2s"), options);
+    auto client = owner("net.a");
+    EXPECT_EQ(broker->stop(), 0); // so that the process is kept, too, which was found after the post
+    start(owned("2s"), options);
+    client->reconnect();
+    awaitAnotherEnd();
+    EXPECT_EQ(value("net.a"), reply("up"));
+}
+
 class ManyOwners : public Owned
 {
 protected:

@@ -60,8 +60,12 @@ TEST(ExamplePolicy, letsOthersLook)
     EXPECT_TRUE(may(*policy, userSubject(0), Action::Time));
 }
 
-TEST(ExamplePolicy, hasNothingThatTheBrokerDoesNotEnforce)
+TEST(ExamplePolicy, hasSharesAndValuesThatEndWithTheirOwner)
 {
-    EXPECT_FALSE(example()->hasQuotas());
-    EXPECT_FALSE(example()->hasTies());
+    const auto policy = example();
+    EXPECT_EQ(policy->quotaFor(webUser)->keys, 10U);
+    EXPECT_EQ(policy->quotaFor(netUser)->bytes, 1024U * 1024U);
+    EXPECT_EQ(policy->tieFor("net.eth0")->becomes, "offline");
+    EXPECT_EQ(policy->tieFor("ui.reboot")->becomes, "");
+    EXPECT_EQ(policy->tieFor("power.idle"), nullptr);
 }
