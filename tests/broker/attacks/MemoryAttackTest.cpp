@@ -175,6 +175,16 @@ protected:
         { return requester.ask(R"({"getBrokerStatistics":"null"})").find('"' + name) != std::string::npos; };
         return name.empty() || eventually(isThere);
     }
+
+    // It always ends. Where the broker gets little of the processor, it may take so long to read the attack
+    // that it cannot vouch for the newcomer's post, and says so; then another newcomer tries.
+    bool isNewcomerServed()
+    {
+        TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
+        const std::optional<int> exit = newcomer.waitForExit();
+        EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "it waits";
+        return exit == EXIT_SUCCESS || statistic("limit.memory") != 0;
+    }
 };
 
 } // namespace
@@ -189,10 +199,7 @@ TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
         EXPECT_TRUE(attack.isUnderWay(GetParam().bytes));
         EXPECT_TRUE(isCounted(GetParam().counted)) << "all were refused";
         bystander.expectServed();
-        TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
-        const std::optional<int> exit = newcomer.waitForExit();
-        EXPECT_TRUE(exit == EXIT_SUCCESS || (exit == EXIT_FAILURE && statistic("limit.memory") != 0))
-            << "its post may have stayed unconfirmed";
+        EXPECT_TRUE(eventually([&] { return isNewcomerServed(); }));
     }
     bystander.expectServed();
     memory.expectPeakWithin(mostAtPeak);
