@@ -1,11 +1,11 @@
 #include "broker/Connections.h"
 
 #include <algorithm>
-#include <ctime>
 #include <map>
 #include <tuple>
 #include <utility>
 
+#include "broker/base/SystemClock.h"
 #include "protocol/BrokerDocuments.h"
 
 namespace
@@ -18,13 +18,6 @@ constexpr std::chrono::seconds longestSearch{2};
 
 // What a client had sent is read to its end, which may show so much later than that the client is back.
 constexpr std::chrono::milliseconds longestEnding{100};
-
-uint64_t wallMicroseconds()
-{
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now); // std::chrono's ends in 2038 on 32-bit processors
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
-}
 
 // Connections with the same key belong to the same client: of the same process, and where that is not known,
 // of the same user and control group. Those of unknown users stand alone.
@@ -252,7 +245,7 @@ void Connections::appendClients(std::string& to, TimePoint now)
 
 std::vector<Client> Connections::clients(TimePoint now)
 {
-    const uint64_t wallNow = wallMicroseconds();
+    const uint64_t wallNow = microsecondsOf(CLOCK_REALTIME);
     std::map<ClientKey, Client> clients;
     forEach(
         [&](Connection& connection)

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cstring>
-#include <filesystem>
 #include <limits>
 #include <sys/stat.h>
 
+#include "broker/state/DatabaseFile.h"
 #include "broker/state/PosterText.h"
 
 namespace
@@ -16,24 +16,19 @@ constexpr uint64_t applicationId = 0x73746174;
 constexpr uint64_t layoutVersion = 3;
 constexpr uint64_t withoutDetails = 2; // is taken over
 
-// No name and no value that the broker can be told to take is longer. A longer row is none of its own.
-constexpr std::size_t longestName = std::size_t{1024} * 1024;
-constexpr std::size_t longestText = 64 * longestName;
-
 // Of the texts that a table may hold.
 std::size_t longestTextOf(Table table)
 {
-    return table == Table::Details ? PosterText::mostBytes : longestText;
+    return table == Table::Details ? PosterText::mostBytes : DatabaseFile::longestText;
 }
 
 std::size_t longestTextOf(Table table, const Limits& limits)
 {
-    return table == Table::Details ? PosterText::mostBytes : std::min(limits.valueBytes, longestText);
+    return table == Table::Details ? PosterText::mostBytes
+                                   : std::min(limits.valueBytes, DatabaseFile::longestText);
 }
 
 constexpr const char* lastMoment = "last"; // the name of the only row of its table
-
-constexpr std::string_view logSuffix = "-wal";
 
 // From so many pages in the log on they are folded into the file. SQLite waits for 1000 by default, some 4
 // MB: a small disk is full before, and then the file cannot grow to take them.
@@ -54,118 +49,6 @@ const char* synchronous(StateSync sync)
         return "PRAGMA synchronous = FULL";
     }
     return "";
-}
-
-// While it lives, files are made for their owner only: what devices hold is not everybody's business.
-class PrivateFiles
-{
-public:
-    PrivateFiles() : mBefore(umask(0077)) {}
-    ~PrivateFiles() { umask(mBefore); }
-
-    PrivateFiles(const PrivateFiles&) = delete;
-    PrivateFiles& operator=(const PrivateFiles&) = delete;
-
-private:
-    mode_t mBefore;
-};
-
-// A link in place of the file is refused; one on the way to it, such as /var/run, is not.
-std::string direct(const std::string& path)
-{
-    std::error_code ignored;
-    const std::filesystem::path given(path);
-    const auto folder =
-        std::filesystem::canonical(given.has_parent_path() ? given.parent_path() : ".", ignored);
-    return ignored ? path : (folder / given.filename()).string();
-}
-
-// Anything else could make the broker wait in open(), or be a device that is not to be written. SQLite opens
-// what lies beside the file, too.
-void refuseUnlessRegular(const std::string& path)
-{
-    for (const char* suffix : {"", "-wal", "-journal", "-shm"})
-    {
-        const std::string name = path + suffix;
-        struct stat status
-        {
-        };
-        if (lstat(name.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
-            throw DatabaseError("[" + name + "] is not a regular file", DatabaseError::Kind::Other);
-    }
-}
-
-// SQLite deletes a log that it finds beside an empty file.
-void refuseLostLog(const std::string& path)
-{
-    const auto isEmpty = [](const std::string& name)
-    {
-        struct stat status
-        {
-        };
-        return lstat(name.c_str(), &status) != 0 || status.st_size == 0;
-    };
-    if (isEmpty(path) && !isEmpty(path + std::string(logSuffix)))
-        throw DatabaseError("empty, with a log beside it", DatabaseError::Kind::Unreadable);
-}
-
-// SQLite makes no text, and takes none from the file, that is longer.
-void limitLength(sqlite3* database, std::size_t bytes)
-{
-    sqlite3_limit(database, SQLITE_LIMIT_LENGTH, static_cast<int>(bytes));
-}
-
-// To be called before anything is read. The file's content is data, whoever wrote it.
-void harden(sqlite3* database, const Limits& limits)
-{
-    constexpr std::size_t others = 65536; // the other columns, and SQLite's own texts
-    sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-    sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-    sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
-    sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
-    limitLength(database, longestName + std::min(limits.valueBytes, longestText) + others);
-    sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, 0);
-}
-
-sqlite3* openFile(const std::string& name, int flags, const char* fileSystem = nullptr)
-{
-    sqlite3* database = nullptr;
-    const PrivateFiles restricted;
-    sqlite3_open_v2(name.c_str(), &database, flags | SQLITE_OPEN_NOFOLLOW | SQLITE_OPEN_EXRESCODE,
-                    fileSystem);
-    return database;
-}
-
-// As a URI, which can tell SQLite that nobody writes the file.
-std::string immutable(const std::string& path)
-{
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string uri = "file:";
-    for (const char character : path)
-    {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '/')
-            uri += character;
-        else
-            (uri += '%').append({digits[byte / 16U], digits[byte % 16U]});
-    }
-    return uri + "?immutable=1";
-}
-
-sqlite3* openForWriting(const std::string& path)
-{
-    refuseUnlessRegular(path);
-    refuseLostLog(path);
-    return openFile(direct(path), SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-}
-
-// Where nothing can be written, nobody else writes either, and no lock can be had.
-sqlite3* openUnwritable(const std::string& path)
-{
-    std::error_code ignored;
-    if (std::filesystem::exists(path + std::string(logSuffix), ignored))
-        return openFile(path, SQLITE_OPEN_READONLY, "unix-none");
-    return openFile(immutable(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
 }
 
 std::string_view bytesOf(sqlite3_stmt* row, int column)
@@ -255,21 +138,21 @@ Database::Database(sqlite3* opened, const Limits& limits) : mLimits(limits), mDa
     if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
         fail("open");
     mIsOpenForWriting = sqlite3_db_readonly(mDatabase.get(), "main") == 0;
-    harden(mDatabase.get(), limits);
+    DatabaseFile::harden(mDatabase.get(), limits);
     foldInOnClose(false); // what cannot be read is left as it is
     execute("PRAGMA mmap_size = 0; PRAGMA cell_size_check = ON", "open");
 }
 
 Database::Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
                    const Limits& limits)
-    : Database(openForWriting(path), limits)
+    : Database(DatabaseFile::openForWriting(path), limits)
 {
     mPath = path;
     sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
     // Exclusive: nobody else can hold a lock that the broker would have to wait for.
     execute("PRAGMA locking_mode = EXCLUSIVE", "open");
     execute(synchronous(sync), "open");
-    const PrivateFiles restricted; // what follows makes the file
+    const DatabaseFile::PrivateFiles restricted; // what follows makes the file
     if (isNew(path))
         create();
     checkTables();
@@ -285,7 +168,7 @@ Database::Files Database::filesAt(const std::string& path)
         struct stat status
         {
         };
-        if (lstat((file == 0 ? path : path + std::string(logSuffix)).c_str(), &status) == 0)
+        if (lstat((file == 0 ? path : path + std::string(DatabaseFile::logSuffix)).c_str(), &status) == 0)
             files[file] = {status.st_dev, status.st_ino};
     }
     return files;
@@ -296,7 +179,7 @@ bool Database::isNew(const std::string& path)
 {
     const uint64_t id = numberOf("PRAGMA application_id");
     const uint64_t version = numberOf("PRAGMA user_version");
-    mLog = checkLog(path + std::string(logSuffix));
+    mLog = checkLog(path + std::string(DatabaseFile::logSuffix));
     const bool hasTrace = id != 0 || version != 0 || !mLog.damage.empty();
     if (!hasTrace && numberOf("SELECT count(*) FROM sqlite_master") == 0)
         return true;
@@ -360,18 +243,18 @@ Database::Contents Database::read(const std::string& bootId)
 Database::Contents Database::readOnly(const std::string& path, const std::string& bootId,
                                       const Limits& limits)
 {
-    const std::string name = direct(path);
-    refuseUnlessRegular(name);
+    const std::string name = DatabaseFile::direct(path);
+    DatabaseFile::refuseUnlessRegular(name);
     try
     {
-        return Database(openFile(name, SQLITE_OPEN_READONLY), limits).readUnwritable(name, bootId);
+        return Database(DatabaseFile::openForReading(name), limits).readUnwritable(name, bootId);
     }
     catch (const DatabaseError& error)
     {
         if (error.isUnreadable() || error.isLocked())
             throw;
     }
-    Database database(openUnwritable(name), limits);
+    Database database(DatabaseFile::openUnwritable(name), limits);
     database.execute("PRAGMA locking_mode = EXCLUSIVE", "open"); // needs no file of shared memory
     return database.readUnwritable(name, bootId);
 }
@@ -433,7 +316,8 @@ void Database::readTable(Table table, Contents& contents)
 bool Database::readRows(Table table, bool backwards, Budget& budget, Contents& contents)
 {
     const Statement rows = prepare(Layout::of(table).readStatement(backwards));
-    sqlite3_bind_int64(rows.get(), 1, static_cast<sqlite3_int64>(std::min(mLimits.keyBytes, longestName)));
+    sqlite3_bind_int64(rows.get(), 1,
+                       static_cast<sqlite3_int64>(std::min(mLimits.keyBytes, DatabaseFile::longestName)));
     sqlite3_bind_int64(rows.get(), 2, static_cast<sqlite3_int64>(longestTextOf(table, mLimits)));
     int result = sqlite3_step(rows.get());
     for (; result == SQLITE_ROW; result = sqlite3_step(rows.get()))
@@ -463,7 +347,7 @@ void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
     {
         const bool isLong = !isAtMost(row, Layout::NameLength, mLimits.keyBytes) ||
                             !isAtMost(row, Layout::TextLength, longestTextOf(table, mLimits));
-        const bool mayBeOurs = isAtMost(row, Layout::NameLength, longestName) &&
+        const bool mayBeOurs = isAtMost(row, Layout::NameLength, DatabaseFile::longestName) &&
                                isAtMost(row, Layout::TextLength, longestTextOf(table));
         if (!isLong || !mayBeOurs)
             ++contents.lostRows;
@@ -528,8 +412,9 @@ void Database::dropOrphans(SavedState& state)
 
 void Database::getReadyToWrite()
 {
-    limitLength(mDatabase.get(), 2 * longestText); // the limits may be raised while it is open
-    execute("PRAGMA journal_mode = WAL");          // somebody may have changed it
+    DatabaseFile::limitLength(mDatabase.get(),
+                              2 * DatabaseFile::longestText); // the limits may be raised while it is open
+    execute("PRAGMA journal_mode = WAL");                     // somebody may have changed it
     execute("PRAGMA wal_autocheckpoint = " + std::to_string(logPages));
     execute("PRAGMA journal_size_limit = " + std::to_string(logBytes));
     foldInOnClose(true);

@@ -6,35 +6,15 @@
 #include <cstdint>
 #include <memory>
 #include <sqlite3.h>
-#include <stdexcept>
 #include <string>
 #include <sys/types.h>
 
 #include "broker/base/Limits.h"
+#include "broker/state/DatabaseError.h"
 #include "broker/state/LogCheck.h"
 #include "broker/state/Rows.h"
 #include "broker/state/SavedState.h"
 #include "broker/state/StateSync.h"
-
-/// Why an operation on the state file failed.
-class DatabaseError : public std::runtime_error
-{
-public:
-    enum class Kind
-    {
-        Unreadable, ///< the file is there, but is not what it should be: no use in trying again
-        Locked,     ///< by somebody else
-        Other,
-    };
-
-    DatabaseError(const std::string& what, Kind kind) : std::runtime_error(what), mKind(kind) {}
-
-    bool isUnreadable() const { return mKind == Kind::Unreadable; }
-    bool isLocked() const { return mKind == Kind::Locked; }
-
-private:
-    Kind mKind;
-};
 
 /// The state file as an SQLite database. Every operation throws DatabaseError.
 ///

@@ -1,50 +1,20 @@
 #include "broker/state/DeviceState.h"
 
 #include <algorithm>
-#include <ctime>
-#include <map>
-#include <tuple>
 #include <utility>
 
-#include "broker/state/PosterText.h"
+#include "broker/base/SystemClock.h"
 
 using BrokerProtocol::Member;
 
 namespace
 {
 
-// Not by the clocks of std::chrono: on 32-bit processors the C++ library's wall clock ends in 2038.
-uint64_t microsecondsOf(clockid_t clock)
-{
-    timespec now{};
-    clock_gettime(clock, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec / 1000);
-}
-
-DeviceState::BootTime bootTime()
-{
-    return static_cast<DeviceState::BootTime>(microsecondsOf(CLOCK_BOOTTIME));
-}
-
 // As far as it goes.
 void count(uint32_t& number)
 {
     if (number != UINT32_MAX)
         ++number;
-}
-
-// ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
-// running one leaves the span under way.
-
-uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
-{
-    return timer.spanStart == 0 || timer.spanStart > now ? 0 : now - timer.spanStart;
-}
-
-void begin(SavedState::Timer& timer, uint64_t now)
-{
-    timer.spanStart = now;
-    timer.lastStarted = microsecondsOf(CLOCK_REALTIME);
 }
 
 // Within the memory that is there, but what has shrunk does not keep that of its largest value: the limits
@@ -67,160 +37,12 @@ void shrink(std::vector<Element>& elements)
         std::vector<Element>().swap(elements);
 }
 
-// Notes that a name has been forgotten, or is there again.
-template <typename Map>
-void noteGone(Map& changed, SavedState::Gone::Names& gone, std::string_view name)
-{
-    const std::string text(name);
-    changed.erase(text);
-    gone.insert(text);
-}
-
-void noteBack(SavedState::Gone::Names& gone, std::string_view name)
-{
-    const auto found = gone.find(name);
-    if (found != gone.end())
-        gone.erase(found);
-}
-
-// Erases those names that are there, and returns them.
-template <typename Map, typename Note>
-std::vector<std::string_view> eraseAll(Map& map, const std::vector<std::string_view>& names, Note note)
-{
-    std::vector<std::string_view> erased;
-    for (const std::string_view name : names)
-    {
-        const auto found = map.find(name);
-        if (found == map.end())
-            continue;
-        map.erase(found);
-        note(name);
-        erased.push_back(name);
-    }
-    return erased;
-}
-
-template <typename Map>
-typename Map::mapped_type& entry(Map& map, std::string_view name)
-{
-    const auto found = map.find(name);
-    return found == map.end() ? map[std::string(name)] : found->second;
-}
-
 } // namespace
 
-void DeviceState::restore(const SavedState& state)
+// A device may sleep: the time of a post must be right on the wall.
+DeviceState::BootTime DeviceState::bootTime()
 {
-    for (const auto& [key, text] : state.values)
-    {
-        if (store(key, text, {}))
-            mValues.find(key)->second.history = {}; // unknown
-    }
-    restoreHistories(state);
-    for (const auto& [name, timer] : state.timers)
-    {
-        if (mayName(mTimers, name, mLimits.timers, Refusal::Timers))
-            mTimers[name] = timer;
-    }
-    for (const auto& [name, number] : state.counters)
-    {
-        if (mayName(mCounters, name, mLimits.counters, Refusal::Counters))
-            mCounters[name] = number;
-    }
-    mRestored = bootTime();
-    mNotesChanges = true;
-}
-
-// Equal clients become one, and are there as long as a value holds them.
-void DeviceState::restoreHistories(const SavedState& state)
-{
-    const auto wallNow = static_cast<BootTime>(microsecondsOf(CLOCK_REALTIME));
-    const BootTime now = bootTime();
-    const auto sinceBoot = [&](uint64_t time)
-    {
-        const auto onTheWall = static_cast<BootTime>(time);
-        const bool isKnown = time != 0 && onTheWall <= wallNow; // else the clock is not set, or was not then
-        return isKnown ? now - (wallNow - onTheWall) : unknownTime;
-    };
-    const auto isLess = [](const BrokerProtocol::Poster& one, const BrokerProtocol::Poster& other)
-    {
-        return std::tie(one.pid, one.uid, one.user, one.service, one.program) <
-               std::tie(other.pid, other.uid, other.user, other.service, other.program);
-    };
-    std::map<BrokerProtocol::Poster, Posters::Id, decltype(isLess)> entered(isLess);
-    const auto hold = [&](const BrokerProtocol::Poster& poster)
-    {
-        if (poster == BrokerProtocol::Poster())
-            return Posters::nobody;
-        const auto [place, isNew] = entered.try_emplace(poster);
-        if (isNew)
-            place->second = mPosters.add(poster);
-        mPosters.hold(place->second);
-        return place->second;
-    };
-    for (const auto& [key, detail] : state.details)
-    {
-        const auto value = mValues.find(key);
-        if (value == mValues.end())
-            continue;
-        const auto clients = PosterText::read(detail.clients).value_or(PosterText::Clients());
-        value->second.history = {sinceBoot(detail.posted), sinceBoot(detail.changed), detail.posts,
-                                 detail.changes,           hold(clients.poster),      hold(clients.changer)};
-    }
-    for (const auto& [poster, id] : entered)
-        mPosters.release(id);
-}
-
-SavedState DeviceState::takeChanges()
-{
-    for (const auto& [key, text] : mNoted.values)
-        mNoted.details[key];
-    for (auto detail = mNoted.details.begin(); detail != mNoted.details.end();)
-    {
-        const Value* value = find(detail->first);
-        if (value == nullptr)
-        {
-            detail = mNoted.details.erase(detail);
-            continue;
-        }
-        detail->second = savedDetail(*value);
-        ++detail;
-    }
-    return std::exchange(mNoted, SavedState());
-}
-
-SavedState DeviceState::laterDetails() const
-{
-    SavedState later;
-    for (const auto& [key, value] : mValues)
-    {
-        if (value.history.posts != 0 && value.history.posted >= mRestored)
-            later.details.emplace_hint(later.details.end(), key, savedDetail(value));
-    }
-    return later;
-}
-
-SavedState::Detail DeviceState::savedDetail(const Value& value) const
-{
-    const BrokerProtocol::ValueDetails known = details(value);
-    return {known.posted, known.changed, known.posts, known.changes,
-            PosterText::write({known.poster, known.changer})};
-}
-
-SavedState DeviceState::everything() const
-{
-    SavedState all;
-    for (const auto& [key, value] : mValues)
-    {
-        if (value.isForgotten)
-            continue;
-        all.values.emplace_hint(all.values.end(), key, value.text);
-        if (value.history.posts != 0)
-            all.details.emplace_hint(all.details.end(), key, savedDetail(value));
-    }
-    all.timers.insert(mTimers.begin(), mTimers.end());
-    all.counters.insert(mCounters.begin(), mCounters.end());
-    return all;
+    return static_cast<BootTime>(microsecondsOf(CLOCK_BOOTTIME));
 }
 
 // -------------------------------------------------------------------------------------------------- limits
@@ -247,15 +69,12 @@ bool DeviceState::hasGoodSize(std::string_view name, std::string_view value)
     return false;
 }
 
-// Whether the map has the name already, or room for it.
-template <typename Map>
-bool DeviceState::mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind)
+// Beside so many others.
+bool DeviceState::mayAddName(std::string_view name, std::size_t others, std::size_t most, Refusal kind)
 {
-    if (map.find(name) != map.end())
-        return true;
     if (!hasGoodSize(name))
         return false;
-    if (map.size() < most)
+    if (others < most)
         return true;
     mRefusals.report(kind, "New name [%.*s] refused, %s is %zu", excerptLength(name), name.data(),
                      Refusals::name(kind), most);
@@ -265,7 +84,7 @@ bool DeviceState::mayName(const Map& map, std::string_view name, std::size_t mos
 bool DeviceState::mayAddKey(std::string_view key)
 {
     if (mForgotten == 0 || mValues.size() < mLimits.keys)
-        return mayName(mValues, key, mLimits.keys, Refusal::Keys);
+        return mayAddName(key, mValues.size(), mLimits.keys, Refusal::Keys);
     mRefusals.report(Refusal::Keys,
                      "New name [%.*s] refused, %s is %zu, and %zu forgotten names take room until all "
                      "subscribers know that they are gone",
@@ -472,65 +291,6 @@ void DeviceState::takeOut(Value& value)
         mOldest = value.newer;
 }
 
-template <typename Operate>
-void DeviceState::applyToTimer(std::string_view name, Operate operate)
-{
-    if (!mayName(mTimers, name, mLimits.timers, Refusal::Timers))
-        return;
-    Timer& timer = entry(mTimers, name);
-    operate(timer, microsecondsOf(CLOCK_MONOTONIC));
-    if (!mNotesChanges)
-        return;
-    mNoted.timers[std::string(name)] = timer;
-    noteBack(mNoted.gone.timers, name);
-}
-
-void DeviceState::startTimer(std::string_view name)
-{
-    applyToTimer(name,
-                 [](Timer& timer, uint64_t now)
-                 {
-                     if (timer.spanStart == 0)
-                         begin(timer, now);
-                 });
-}
-
-void DeviceState::stopTimer(std::string_view name)
-{
-    applyToTimer(name,
-                 [](Timer& timer, uint64_t now)
-                 {
-                     timer.accumulated += spanOf(timer, now);
-                     timer.spanStart = 0;
-                 });
-}
-
-void DeviceState::resetTimer(std::string_view name)
-{
-    applyToTimer(name, [](Timer& timer, uint64_t) { timer.accumulated = 0; });
-}
-
-void DeviceState::restartTimer(std::string_view name)
-{
-    applyToTimer(name,
-                 [](Timer& timer, uint64_t now)
-                 {
-                     timer.accumulated = 0;
-                     begin(timer, now);
-                 });
-}
-
-void DeviceState::setCounter(std::string_view name, uint32_t value)
-{
-    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
-        return;
-    entry(mCounters, name) = value;
-    if (!mNotesChanges)
-        return;
-    mNoted.counters[std::string(name)] = value;
-    noteBack(mNoted.gone.counters, name);
-}
-
 // ---------------------------------------------------------------------------------------------- forgetting
 
 // A value that is empty already changes no more: its last change was its reset.
@@ -588,41 +348,7 @@ std::size_t DeviceState::dropForgotten(uint64_t revision)
     return before - mForgotten;
 }
 
-std::vector<std::string_view> DeviceState::forgetTimers(const std::vector<std::string_view>& names)
-{
-    return eraseAll(mTimers, names,
-                    [this](std::string_view name)
-                    {
-                        if (mNotesChanges)
-                            noteGone(mNoted.timers, mNoted.gone.timers, name);
-                    });
-}
-
-std::vector<std::string_view> DeviceState::forgetCounters(const std::vector<std::string_view>& names)
-{
-    return eraseAll(mCounters, names,
-                    [this](std::string_view name)
-                    {
-                        if (mNotesChanges)
-                            noteGone(mNoted.counters, mNoted.gone.counters, name);
-                    });
-}
-
 // ------------------------------------------------------------------------------------------------ requests
-
-std::optional<uint32_t> DeviceState::incrementCounter(std::string_view name)
-{
-    if (!mayName(mCounters, name, mLimits.counters, Refusal::Counters))
-        return std::nullopt;
-    setCounter(name, counter(name) + 1); // wraps at 2^32
-    return counter(name);
-}
-
-bool DeviceState::hasRunningTimers() const
-{
-    return std::any_of(mTimers.begin(), mTimers.end(),
-                       [](const auto& entry) { return entry.second.spanStart != 0; });
-}
 
 const DeviceState::Value* DeviceState::find(std::string_view key) const
 {
@@ -638,24 +364,6 @@ const DeviceState::Value* DeviceState::behind(const std::optional<std::string>& 
     return next == mValues.end() ? nullptr : &next->second;
 }
 
-BrokerProtocol::ValueDetails DeviceState::details(const Value& value) const
-{
-    const auto wallNow = static_cast<int64_t>(microsecondsOf(CLOCK_REALTIME));
-    const BootTime now = bootTime();
-    const auto onTheWall = [&](BootTime time)
-    { return time == unknownTime ? 0 : static_cast<uint64_t>(std::max<int64_t>(wallNow - (now - time), 0)); };
-    const History& history = value.history;
-    BrokerProtocol::ValueDetails details;
-    details.value = value.text;
-    details.posted = history.posts == 0 ? 0 : onTheWall(history.posted);
-    details.changed = history.changes == 0 ? 0 : onTheWall(history.changed);
-    details.posts = history.posts;
-    details.changes = history.changes;
-    details.poster = mPosters.at(history.poster);
-    details.changer = mPosters.at(history.changer);
-    return details;
-}
-
 std::string_view DeviceState::valueOf(std::string_view key) const
 {
     const Value* value = find(key);
@@ -669,24 +377,4 @@ const DeviceState::Value* DeviceState::changedSince(uint64_t revision) const
     for (const Value* value = mNewest; value != nullptr && value->revision > revision; value = value->older)
         first = value;
     return first;
-}
-
-uint64_t DeviceState::elapsed(std::string_view timer) const
-{
-    const auto found = mTimers.find(timer);
-    if (found == mTimers.end())
-        return 0;
-    return found->second.accumulated + spanOf(found->second, microsecondsOf(CLOCK_MONOTONIC));
-}
-
-uint64_t DeviceState::lastStarted(std::string_view timer) const
-{
-    const auto found = mTimers.find(timer);
-    return found == mTimers.end() ? 0 : found->second.lastStarted;
-}
-
-uint32_t DeviceState::counter(std::string_view name) const
-{
-    const auto stored = mCounters.find(name);
-    return stored == mCounters.end() ? 0 : stored->second;
 }

@@ -200,12 +200,19 @@ private:
     void moveToNewest(Value& value);
     void takeOut(Value& value);
     void forget(Value& value);
+    static BootTime bootTime();
     template <typename Operate>
     void applyToTimer(std::string_view name, Operate operate);
     bool hasGoodSize(std::string_view name);
     bool hasGoodSize(std::string_view name, std::string_view value);
+    bool mayAddName(std::string_view name, std::size_t others, std::size_t most, Refusal kind);
+
+    // Whether the map has the name already, or room for it.
     template <typename Map>
-    bool mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind);
+    bool mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind)
+    {
+        return map.find(name) != map.end() || mayAddName(name, map.size(), most, kind);
+    }
 
     const Limits& mLimits;
     Refusals& mRefusals;

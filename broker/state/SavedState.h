@@ -5,6 +5,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <string_view>
 
 #include "statusmanager/StatusTypes.h"
 
@@ -52,5 +53,21 @@ struct SavedState
         return values.empty() && details.empty() && timers.empty() && counters.empty() && gone.size() == 0;
     }
 };
+
+/// Notes in changes that a name has been forgotten, or is there again.
+template <typename Map>
+void noteGone(Map& changed, SavedState::Gone::Names& gone, std::string_view name)
+{
+    const std::string text(name);
+    changed.erase(text);
+    gone.insert(text);
+}
+
+inline void noteBack(SavedState::Gone::Names& gone, std::string_view name)
+{
+    const auto found = gone.find(name);
+    if (found != gone.end())
+        gone.erase(found);
+}
 
 #endif
