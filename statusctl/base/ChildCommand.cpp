@@ -19,24 +19,53 @@ constexpr int bySignal = 128;
 
 std::atomic<pid_t> running{0};
 
+using Action = void (*)(int);
+
 void passOn(int signal)
 {
     const int before = errno;
-    kill(running, signal);
+    if (const pid_t child = running; child > 0) // 0 would be all processes of the group, this one among them
+        kill(child, signal);
     errno = before;
 }
 
-void setAction(int signal, void (*action)(int))
+void setActions(Action ofOthers, Action ofTerminal)
 {
-    struct sigaction how
+    const auto set = [](int signal, Action action)
     {
+        struct sigaction how
+        {
+        };
+        how.sa_handler = action;
+        how.sa_flags = SA_RESTART;
+        sigaction(signal, &how, nullptr);
     };
-    how.sa_handler = action;
-    how.sa_flags = SA_RESTART;
-    sigaction(signal, &how, nullptr);
+    set(SIGTERM, ofOthers);
+    set(SIGHUP, ofOthers);
+    set(SIGINT, ofTerminal);
+    set(SIGQUIT, ofTerminal);
 }
 
-// What the program begins with: signals as they are for any program.
+// As long as it lives, they wait.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &mBefore);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t mBefore{};
+};
+
+// The program begins with signals as they are for any program.
 class Attributes
 {
 public:
@@ -72,24 +101,25 @@ ChildCommand::ChildCommand(const std::vector<std::string>& words)
         arguments.push_back(const_cast<char*>(word.c_str())); // which are not written to
     arguments.push_back(nullptr);
     const Attributes attributes;
+    const SignalsBlocked blocked; // one that comes meanwhile is passed on
     const int error =
         posix_spawnp(&mPid, arguments.front(), nullptr, attributes.get(), arguments.data(), environ);
     if (error != 0)
         throw Failure(static_cast<ExitCode>(error == ENOENT ? noProgram : cannotRun),
                       "cannot run \"" + words.front() + "\": " + strerror(error));
     running = mPid;
-    setAction(SIGTERM, passOn);
-    setAction(SIGHUP, passOn);
-    setAction(SIGINT, SIG_IGN);
-    setAction(SIGQUIT, SIG_IGN);
+    setActions(passOn, SIG_IGN);
 }
 
 int ChildCommand::wait()
 {
-    int status = 0;
-    while (waitpid(mPid, &status, 0) < 0 && errno == EINTR)
+    siginfo_t ignored;
+    while (waitid(P_PID, static_cast<id_t>(mPid), &ignored, WEXITED | WNOWAIT) < 0 && errno == EINTR)
     {
     }
-    running = 0;
+    running = 0; // before its number can be another's
+    int status = 0;
+    waitpid(mPid, &status, 0);
+    setActions(SIG_DFL, SIG_DFL); // there is nobody any more to whom to pass them on
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

@@ -76,6 +76,23 @@ TEST_F(WhileTest, aSignalThatEndsTheToolEndsTheCommand)
     EXPECT_TRUE(ends());
 }
 
+// They may come when the command has ended, and before the tool has.
+TEST_F(WhileTest, signalsOneAfterAnotherEndTheTool)
+{
+    TestProcess tool(commandOf(
+        whileRunning({"sh", "-c", "trap 'exit 3' TERM; echo begun; while :; do sleep 0.01; done"})));
+    EXPECT_EQ(tool.readLine(), "begun");
+    std::optional<int> exit;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            tool.signal(SIGTERM);
+            exit = tool.waitForExit(std::chrono::milliseconds(1));
+            return exit.has_value();
+        }));
+    EXPECT_TRUE(exit == 3 || exit == 128 + SIGTERM);
+}
+
 // It has no part of the connection.
 TEST_F(WhileTest, aProcessThatTheCommandLeavesBehindDoesNotKeepTheValue)
 {
