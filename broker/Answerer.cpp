@@ -78,7 +78,7 @@ Reply Answerer::answer(Connection& client, BrokerProtocol::Command& command)
 
 Reply Answerer::increment(const Connection& client, std::string_view counter)
 {
-    if (!mGuard.may(client, Action::Counters, counter))
+    if (!mGuard.quotas().mayPost(client) || !mGuard.may(client, Action::Counters, counter))
         return Reply(refusal);
     const std::optional<uint32_t> value = mState.incrementCounter(counter);
     return value ? replyOf(BrokerProtocol::appendCounterReply, *value) : Reply(refusal);

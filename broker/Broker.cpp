@@ -53,7 +53,7 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
                    makeHandlers()),
       mOutbox(mOptions, mState, mConnections.notify(), mConnections.requests()),
       mApplier(mOptions, mConnections.guard(), mRefusals, mState, mOwnedValues, mOutbox),
-      mForgetting(mConnections.guard(), mRefusals, mState, mOutbox, mConnections.notify()),
+      mForgetting(mConnections.guard(), mRefusals, mState, mOwnedValues, mOutbox, mConnections.notify()),
       mAnswerer(
           mConnections.guard(), mRefusals, mState,
           [this](Statistics::Numbers& numbers) { addNumbers(numbers); },

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 #include <tuple>
 #include <utility>
 
@@ -31,6 +32,13 @@ ClientKey keyOf(const Connection& connection)
             isAlone ? &connection : nullptr};
 }
 
+// The number of a process that has ended may be another's by now.
+bool isSameProcess(const BrokerProtocol::Poster& poster, const Identity& identity)
+{
+    return poster.pid != 0 && static_cast<uint32_t>(identity.pid) == poster.pid &&
+           identity.program == poster.program;
+}
+
 Client begin(const Identity& identity)
 {
     Client client;
@@ -48,7 +56,7 @@ Client begin(const Identity& identity)
 
 Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
                          std::unique_ptr<const Policy> policy, DeviceState& state, Handlers handlers)
-    : mRefusals(refusals), mPosters(state.posters()),
+    : mRefusals(refusals), mState(state),
       mGuard(mIdentities, refusals, std::move(policy)), mEnvironment{poller, mIdentities, budget,
                                                                      limits, refusals,    mGuard},
       mRequests(mEnvironment, state, std::move(handlers.onRequest), std::move(handlers.onRequesterGone)),
@@ -170,23 +178,27 @@ void Connections::doWhatIsDue(TimePoint now)
         found[each.inode] = std::move(each);
     if (found.empty())
         return;
+    std::set<Posters::Id> known;
     forEach(
         [&](Connection& connection)
         {
             const auto about = found.find(connection.identity.owner.inode());
             if (about == found.end())
                 return;
-            settle(connection, about->second);
+            Identities::settle(connection.identity, about->second);
+            mRefusals.tell(connection, connection.identity.text());
+            if (connection.kind() != Handshake::Kind::Post)
+                return;
+            tellProcess(static_cast<PostConnection&>(connection));
+            known.insert(static_cast<PostConnection&>(connection).poster);
         });
+    mState.notePosters(known);
 }
 
-void Connections::settle(Connection& connection, const Processes::Found& found)
+void Connections::tellProcess(const PostConnection& connection)
 {
-    Identities::settle(connection.identity, found);
-    mRefusals.tell(connection, connection.identity.text());
-    if (connection.kind() == Handshake::Kind::Post)
-        mPosters.setProcess(static_cast<PostConnection&>(connection).poster,
-                            static_cast<uint32_t>(connection.identity.pid), connection.identity.program);
+    mState.posters().setProcess(connection.poster, static_cast<uint32_t>(connection.identity.pid),
+                                connection.identity.program);
 }
 
 void Connections::forgetPoster(PostConnection& connection)
@@ -196,7 +208,7 @@ void Connections::forgetPoster(PostConnection& connection)
     const Identity& identity = connection.identity;
     mOnPosterGone(connection.poster,
                   !identity.service.empty() || identity.search != Identity::Search::CutShort);
-    mPosters.release(std::exchange(connection.poster, Posters::nobody));
+    mState.posters().release(std::exchange(connection.poster, Posters::nobody));
 }
 
 bool Connections::isHere(Posters::Id client) const
@@ -207,19 +219,22 @@ bool Connections::isHere(Posters::Id client) const
 
 std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint since)
 {
-    const BrokerProtocol::Poster poster = mPosters.at(gone);
+    const BrokerProtocol::Poster poster = mState.posters().at(gone);
     bool isSearching = false;
     for (const auto& peer : mPosts.peers())
     {
+        mIdentities.completeService(peer->identity);
         const Identity& identity = peer->identity;
-        const bool isNew = peer->isOpen() && peer->acceptedAt() + longestEnding > since;
-        if (!isNew || identity.owner.uid() != poster.uid || identity.service != poster.service)
+        if (!peer->isOpen() || identity.owner.uid() != poster.uid || identity.service != poster.service)
             continue;
         introduce(*peer);
-        const bool isSought = poster.service.empty() && identity.search == Identity::Search::UnderWay;
-        isSearching = isSearching || isSought;
-        if (!isSought && (!poster.service.empty() || static_cast<uint32_t>(identity.pid) == poster.pid))
+        const bool isNew = peer->acceptedAt() + longestEnding > since;
+        const bool isOfService = !poster.service.empty();
+        const bool isUnseen =
+            poster.pid == 0 && identity.search == Identity::Search::Over && identity.pid == 0;
+        if (isSameProcess(poster, identity) || (isNew && (isOfService || isUnseen)))
             return peer->poster;
+        isSearching = isSearching || (!isOfService && identity.search == Identity::Search::UnderWay);
     }
     return isSearching ? std::nullopt : std::optional(Posters::nobody);
 }
@@ -234,7 +249,7 @@ void Connections::enterPoster(PostConnection& connection)
     poster.service = identity.service;
     poster.program = identity.program;
     poster.pid = static_cast<uint32_t>(identity.pid);
-    connection.poster = mPosters.add(poster);
+    connection.poster = mState.posters().add(poster);
 }
 
 void Connections::appendClients(std::string& to, TimePoint now)

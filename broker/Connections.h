@@ -106,12 +106,12 @@ private:
     void close(Connection& connection);
     void enterPoster(PostConnection& connection);
     void forgetPoster(PostConnection& connection);
-    void settle(Connection& connection, const Processes::Found& found);
+    void tellProcess(const PostConnection& connection);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 
     Refusals& mRefusals;
-    Posters& mPosters;
+    DeviceState& mState;
     Identities mIdentities;
     Guard mGuard;
     const PortEnvironment mEnvironment;

@@ -16,6 +16,9 @@ std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command
     using BrokerProtocol::Operation;
     mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
     std::vector<std::string_view> gone;
+    if (!mGuard.quotas().mayPost(client))
+        command.texts.clear();
+    Quotas::charge(client, command.texts.size());
     if (!mOutbox.mayForget())
         mRefusals.report(Refusal::Memory,
                          "Forgetting names refused: too many wait for the state file to be written");
@@ -33,6 +36,7 @@ std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command
 std::vector<std::string_view> Forgetting::forgetValues(const std::vector<std::string_view>& keys)
 {
     DeviceState::Forgotten forgotten = mState.forgetValues(keys);
+    mOwnedValues.forget(forgotten.names);
     if (!forgotten.names.empty())
     {
         mNextLook = TimePoint();

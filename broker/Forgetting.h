@@ -8,6 +8,7 @@
 #include "broker/Guard.h"
 #include "broker/NotifyPort.h"
 #include "broker/Outbox.h"
+#include "broker/OwnedValues.h"
 #include "broker/base/Refusals.h"
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
@@ -20,8 +21,10 @@ class Forgetting
 {
 public:
     /// All must outlive it.
-    Forgetting(Guard& guard, Refusals& refusals, DeviceState& state, Outbox& outbox, NotifyPort& notify)
-        : mGuard(guard), mRefusals(refusals), mState(state), mOutbox(outbox), mNotify(notify)
+    Forgetting(Guard& guard, Refusals& refusals, DeviceState& state, OwnedValues& ownedValues, Outbox& outbox,
+               NotifyPort& notify)
+        : mGuard(guard), mRefusals(refusals), mState(state), mOwnedValues(ownedValues), mOutbox(outbox),
+          mNotify(notify)
     {
     }
 
@@ -43,6 +46,7 @@ private:
     Guard& mGuard;
     Refusals& mRefusals;
     DeviceState& mState;
+    OwnedValues& mOwnedValues;
     Outbox& mOutbox;
     NotifyPort& mNotify;
     TimePoint mNextLook{};

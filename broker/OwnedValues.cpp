@@ -25,14 +25,17 @@ void OwnedValues::setPolicy(const Policy& policy, TimePoint now)
         [&](const DeviceState::Value& value)
         {
             const Posters::Id poster = value.history.poster;
-            if (poster != Posters::nobody && policy.tieFor(value.key) != nullptr &&
+            if (poster != Posters::nobody && !value.text.empty() && policy.tieFor(value.key) != nullptr &&
                 mKeys.find(value.key) == mKeys.end())
                 own(value.key, poster);
         });
     for (auto& [client, owner] : mOwners)
     {
         if (!owner.goneAt && !mWorld.isHere(client))
+        {
             owner.goneAt = now;
+            owner.since = TimePoint::min();
+        }
         if (owner.goneAt)
             plan(owner, now);
     }
@@ -44,16 +47,30 @@ void OwnedValues::posted(Posters::Id by, const DeviceState::Members& values)
 {
     for (const BrokerProtocol::Member& posted : values)
     {
-        if (mPolicy->tieFor(posted.name) == nullptr)
-            continue;
-        const DeviceState::Value* value = mState.find(posted.name);
-        const bool isTaken = value != nullptr && value->text == posted.value;
-        if (isTaken)
-            own(posted.name, by);
+        if (mPolicy->tieFor(posted.name) != nullptr)
+            follow(posted.name, by);
     }
 }
 
-void OwnedValues::reset(const std::vector<std::string_view>& keys)
+void OwnedValues::reset(Posters::Id by, const std::vector<std::string_view>& keys)
+{
+    for (const std::string_view key : keys)
+        follow(key, by);
+}
+
+// What the client has posted, unless that was refused.
+void OwnedValues::follow(std::string_view key, Posters::Id by)
+{
+    const DeviceState::Value* value = mState.find(key);
+    if (value == nullptr || value->history.poster != by)
+        return;
+    if (!value->text.empty())
+        own(key, by);
+    else if (const auto owned = mKeys.find(key); owned != mKeys.end())
+        disown(owned);
+}
+
+void OwnedValues::forget(const std::vector<std::string_view>& keys)
 {
     for (const std::string_view key : keys)
     {
@@ -108,6 +125,7 @@ void OwnedValues::gone(Posters::Id client, bool canComeBack, TimePoint now)
     if (owner == mOwners.end())
         return;
     owner->second.goneAt = now;
+    owner->second.since = now;
     owner->second.canComeBack = canComeBack;
     plan(owner->second, now);
 }
@@ -154,7 +172,7 @@ void OwnedValues::doWhatIsDue(TimePoint now)
 void OwnedValues::settle(Posters::Id client, Owner& owner, TimePoint now)
 {
     const std::optional<Posters::Id> successor =
-        owner.canComeBack ? mWorld.successor(client, *owner.goneAt) : Posters::nobody;
+        owner.canComeBack ? mWorld.successor(client, owner.since) : Posters::nobody;
     const TimePoint end = successor ? owner.end : owner.end + longestSearch;
     if (successor.value_or(Posters::nobody) != Posters::nobody)
         handOver(owner, *successor);

@@ -27,6 +27,7 @@ public:
 
         /// The client that has come back in the place of one that has gone: nobody if none has, nothing while
         /// that is being found out.
+        /// @param since when it has gone; TimePoint::min() if that is not known
         std::function<std::optional<Posters::Id>(Posters::Id gone, TimePoint since)> successor;
 
         /// Resets the values, or sets them, as their rule says.
@@ -51,11 +52,13 @@ public:
     /// Whether the rest must be called.
     bool isUsed() const { return mPolicy != nullptr && mPolicy->hasTies(); }
 
-    /// To be called when the state has taken the post.
+    /// To be called when the state has dealt with the post, of which it may have refused a part. The empty
+    /// text resets.
     void posted(Posters::Id by, const DeviceState::Members& values);
+    void reset(Posters::Id by, const std::vector<std::string_view>& keys);
 
-    /// These have no owner any more.
-    void reset(const std::vector<std::string_view>& keys);
+    /// These are not there any more.
+    void forget(const std::vector<std::string_view>& keys);
 
     /// The client has gone.
     /// @param canComeBack if not, nobody takes its place
@@ -68,6 +71,7 @@ private:
     struct Owner
     {
         std::optional<TimePoint> goneAt;
+        TimePoint since{}; // if it has gone: when, as far as that is known
         bool canComeBack = true;
         TimePoint end{};                 // if it has gone: of the shortest grace time
         TimePoint next{};                // the same: when to look for its successor, or to mark values
@@ -76,6 +80,7 @@ private:
     using Owners = std::map<Posters::Id, Owner>; // each is held
     using Keys = std::map<std::string, Posters::Id, std::less<>>;
 
+    void follow(std::string_view key, Posters::Id by);
     void own(std::string_view key, Posters::Id client);
     Keys::iterator disown(Keys::iterator key);
     Owner& ownerFor(Posters::Id client);

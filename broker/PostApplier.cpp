@@ -33,13 +33,14 @@ PostApplier::PostApplier(const Options& options, Guard& guard, Refusals& refusal
 void PostApplier::apply(const PostConnection& client, std::string_view post)
 {
     ++mCount;
+    if (!mGuard.quotas().mayPost(client)) // before the work of reading it
+        return;
     if (post == BrokerProtocol::syncWord)
-        return mGuard.quotas().mayPost(client, 1) ? mOutbox.publish(BrokerProtocol::syncWord, 0) : void();
+        return mOutbox.publish(BrokerProtocol::syncWord, 0);
     if (!mCommand.readPost(post))
         return refuse(post);
-    const std::size_t names = std::max<std::size_t>(1, mCommand.members.size() + mCommand.texts.size());
-    if (mGuard.quotas().mayPost(client, names))
-        apply(client, mCommand);
+    Quotas::charge(client, mCommand.members.size() + mCommand.texts.size());
+    apply(client, mCommand);
 }
 
 // The library loses the end of texts whose length is a multiple of its frames' size, the last frame being
@@ -68,7 +69,7 @@ void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& c
     case Operation::ResetStatus:
         mGuard.keepAllowed(client, Action::Reset, command.texts, [](std::string_view key) { return key; });
         publish(Key::statusUpdate, mState.reset(command.texts, client.poster), 0);
-        return mOwnedValues.isUsed() ? mOwnedValues.reset(command.texts) : void();
+        return mOwnedValues.isUsed() ? mOwnedValues.reset(client.poster, command.texts) : void();
     case Operation::PostEvent:
     {
         mGuard.keepAllowed(client, Action::Event, command.members, nameOfMember);
@@ -159,5 +160,13 @@ void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
                      mState.posters().at(owner).program.c_str(), mState.posters().at(owner).user.c_str());
     if (isAudit)
         return;
+    publish(BrokerProtocol::Key::statusUpdate, mState.end(values, mSelf), 0);
+    // There may be no room for the text. There is always room for none.
+    values.erase(std::remove_if(values.begin(), values.end(),
+                                [this](const BrokerProtocol::Member& value)
+                                { return mState.valueOf(value.name) == value.value; }),
+                 values.end());
+    for (BrokerProtocol::Member& value : values)
+        value.value = {};
     publish(BrokerProtocol::Key::statusUpdate, mState.end(values, mSelf), 0);
 }

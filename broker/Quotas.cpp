@@ -31,13 +31,15 @@ bool Quotas::enter(Connection& connection, TimePoint now)
     const auto [place, isNew] = mAccounts.try_emplace(user);
     UserAccount& account = place->second;
     if (isNew)
-        account = {user, mPolicy->quotaFor(user), 0, 0, TimePoint::min()};
+        account = {user, mPolicy->quotaFor(user), 0, 0, now - burst, now};
     const bool isWithin = account.quota == nullptr || !account.quota->connections ||
                           account.connections < *account.quota->connections;
+    const bool isNewConnection = connection.rights == nullptr;
     const Refusals::From from(mRefusals, connection);
-    if (!isWithin && !refuse(*account.quota, "a connection"))
+    if (!isWithin && isNewConnection && !refuse(*account.quota, "a connection"))
         return false;
     ++account.connections;
+    account.entered = now;
     connection.account = &account;
     return true;
 }
@@ -54,28 +56,30 @@ void Quotas::forgetOld(TimePoint now)
         return;
     for (auto each = mAccounts.begin(); each != mAccounts.end();)
     {
-        const UserAccount& account = each->second;
-        const bool isFull =
-            account.counted == TimePoint::min() || (account.posts >= 0 && account.counted + burst < now);
-        each = account.connections == 0 && isFull ? mAccounts.erase(each) : std::next(each);
+        UserAccount& account = each->second;
+        refill(account, now);
+        const bool isIdle = account.connections == 0 && account.posts >= 0 && account.entered + burst < now;
+        each = isIdle ? mAccounts.erase(each) : std::next(each);
     }
 }
 
-bool Quotas::takePosts(UserAccount& account, std::size_t posts, TimePoint now)
+void Quotas::refill(UserAccount& account, TimePoint now)
 {
+    if (account.quota == nullptr || !account.quota->postsPerSecond)
+        return;
     const auto rate = static_cast<double>(*account.quota->postsPerSecond);
-    const double mostPosts = rate * std::chrono::duration<double>(burst).count();
-    if (account.counted == TimePoint::min())
-        account.posts = mostPosts;
-    else
-    {
-        const std::chrono::duration<double> time = now - account.counted;
-        account.posts = std::min(mostPosts, account.posts + rate * time.count());
-    }
+    const double most = rate * std::chrono::duration<double>(burst).count();
+    const std::chrono::duration<double> time = now - account.counted;
+    account.posts = std::min(most, account.posts + rate * time.count());
     account.counted = now;
+}
+
+bool Quotas::takePost(UserAccount& account, TimePoint now)
+{
+    refill(account, now);
     if (account.posts < 1 && !refuse(*account.quota, "a post"))
         return false;
-    account.posts -= static_cast<double>(posts);
+    account.posts -= 1;
     return true;
 }
 

@@ -20,6 +20,7 @@ struct UserAccount
     std::size_t connections = 0;
     double posts = 0; ///< may be negative, as a message may hold many
     TimePoint counted{};
+    TimePoint entered{}; ///< its last connection
 };
 
 /// Keeps each user within the share that the policy gives it: its connections, its posts, and its part of the
@@ -35,26 +36,34 @@ public:
     /// The policy in force, until the next call. Connections must be entered anew.
     void setPolicy(const Policy& policy);
 
-    /// Enters a connection, once. False, counted and logged, if its user has as many as it may.
+    /// Enters a connection, once. False, counted and logged, if it is new and its user has as many as it may.
     bool enter(Connection& connection, TimePoint now);
 
     /// The connection is closed.
     void leave(Connection& connection);
 
-    /// Whether the user of the connection may post so many more values, events or commands now. If not, that
-    /// is counted and logged.
-    bool mayPost(const Connection& client, std::size_t posts)
+    /// Whether the user of the connection may post something now, which counts as one post. If not, that is
+    /// counted and logged.
+    bool mayPost(const Connection& client)
     {
         const UserAccount* account = client.account;
         return account == nullptr || account->quota == nullptr || !account->quota->postsPerSecond ||
-               takePosts(*client.account, posts, Clock::now());
+               takePost(*client.account, Clock::now());
+    }
+
+    /// What it has posted holds so many names: each counts as a post.
+    static void charge(const Connection& client, std::size_t names)
+    {
+        if (client.account != nullptr && names > 1)
+            client.account->posts -= static_cast<double>(names - 1);
     }
 
     /// Whether the user may take so much of the state.
     bool mayTake(Shares::User user, const Shares::Share& before, const Shares::Share& after);
 
 private:
-    bool takePosts(UserAccount& account, std::size_t posts, TimePoint now);
+    static void refill(UserAccount& account, TimePoint now);
+    bool takePost(UserAccount& account, TimePoint now);
     bool refuse(const PolicyQuota& quota, const char* what);
     void forgetOld(TimePoint now);
 

@@ -76,8 +76,9 @@ public:
     /// Nothing is refused, and what would be refused is logged.
     bool isAudit() const { return mContent.isAudit; }
 
-    /// Some rules are not about everybody: they say nothing about a client whose user is not known.
-    bool tellsClientsApart() const { return mContent.whos.size() > 1; }
+    /// Some rules are not about everybody, or users have shares: that says nothing about a client whose user
+    /// is not known.
+    bool tellsClientsApart() const { return mContent.whos.size() > 1 || hasQuotas(); }
 
     /// Some of them are about services, or groups.
     bool namesServices() const;

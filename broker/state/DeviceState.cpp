@@ -160,7 +160,7 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
 {
     auto stored = mValues.find(key);
     const bool isThere = stored != mValues.end() && !stored->second.isForgotten;
-    if (!mayTakeShare(isThere ? &stored->second : nullptr, key, text, post))
+    if (!mayTakeShare(stored == mValues.end() ? nullptr : &stored->second, key, text, post))
         return false;
     if (isThere && stored->second.text == text)
     {
@@ -171,7 +171,7 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
     }
     if (!mayStore(stored, key, text))
         return false;
-    if (isThere)
+    if (stored != mValues.end())
         removeShare(stored->second);
     mStoredBytes += text.size();
     if (stored == mValues.end())
@@ -205,7 +205,8 @@ bool DeviceState::store(std::string_view key, std::string_view text, const Post&
 void DeviceState::setShares(Shares::Judge judge)
 {
     mShares.begin(std::move(judge));
-    forEachValue([this](const Value& value) { addShare(value); });
+    for (const auto& [key, value] : mValues)
+        addShare(value); // also forgotten ones, which take room until they are dropped
 }
 
 Shares::User DeviceState::userOf(const Value* value) const
@@ -312,22 +313,24 @@ DeviceState::Forgotten DeviceState::forgetValues(const std::vector<std::string_v
     return forgotten;
 }
 
-// Nothing of it stays but its key and its place among the changes.
+// Nothing of it stays but its key, its place among the changes, and its share: otherwise its user could fill
+// the device with names that a slow subscriber keeps.
 void DeviceState::forget(Value& value)
 {
     mStoredBytes -= value.key.size() + value.text.size();
     if (!value.text.empty())
         moveToNewest(value);
     removeShare(value);
-    mPosters.release(value.history.poster);
     mPosters.release(value.history.changer);
     Value rest;
     rest.key = value.key;
+    rest.history.poster = value.history.poster;
     rest.revision = value.revision;
     rest.older = value.older;
     rest.newer = value.newer;
     rest.isForgotten = true;
     value = std::move(rest);
+    addShare(value);
     ++mForgotten;
     if (mNotesChanges)
         noteGone(mNoted.values, mNoted.gone.values, value.key);
@@ -342,6 +345,8 @@ std::size_t DeviceState::dropForgotten(uint64_t revision)
         if (!each.isForgotten)
             continue;
         takeOut(each);
+        removeShare(each);
+        mPosters.release(each.history.poster);
         mValues.erase(mValues.find(each.key));
         --mForgotten;
     }

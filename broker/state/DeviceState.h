@@ -5,6 +5,7 @@
 #include <limits>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -70,6 +71,9 @@ public:
 
     /// To be filled with those that post. Values hold theirs.
     Posters& posters() { return mPosters; }
+
+    /// More is known of these than when they posted: that is kept with their values, too.
+    void notePosters(const std::set<Posters::Id>& posters);
 
     // ---- Requests.
 

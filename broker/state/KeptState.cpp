@@ -71,6 +71,18 @@ void DeviceState::restoreHistories(const SavedState& state)
         mPosters.release(id);
 }
 
+void DeviceState::notePosters(const std::set<Posters::Id>& posters)
+{
+    if (!mNotesChanges || posters.empty())
+        return;
+    forEachValue(
+        [&](const Value& value)
+        {
+            if (posters.count(value.history.poster) != 0 || posters.count(value.history.changer) != 0)
+                mNoted.details[std::string(value.key)];
+        });
+}
+
 SavedState DeviceState::takeChanges()
 {
     for (const auto& [key, text] : mNoted.values)

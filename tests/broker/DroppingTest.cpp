@@ -137,7 +137,8 @@ protected:
     RequestPort requests{environment, state, [](RequestConnection&) {}, [](RequestConnection&) {}};
     NotifyPort notify{environment, state};
     Outbox outbox{options, state, notify, requests};
-    Forgetting forgetting{guard, refusals, state, outbox, notify};
+    OwnedValues ownedValues{state, {}};
+    Forgetting forgetting{guard, refusals, state, ownedValues, outbox, notify};
     BrokerProtocol::Command command;
 
 private:

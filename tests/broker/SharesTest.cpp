@@ -111,13 +111,36 @@ TEST_F(SharesTest, resettingAValueLeavesItsKeyInTheShare)
     EXPECT_FALSE(post(webClient, "c", "1"));
 }
 
-TEST_F(SharesTest, forgettingAKeyTakesItOut)
+// Otherwise a user could fill the device with forgotten names, of which a slow subscriber has not been told.
+TEST_F(SharesTest, aForgottenKeyStaysInTheShareUntilItIsDropped)
 {
     post(webClient, "a", "1");
     post(webClient, "b", "1");
     state.forgetValues({"a"});
+    EXPECT_FALSE(post(webClient, "c", "1"));
+    EXPECT_EQ(state.dropForgotten(state.revision()), 1U);
     EXPECT_TRUE(post(webClient, "c", "1"));
     EXPECT_FALSE(post(webClient, "a", "1"));
+}
+
+TEST_F(SharesTest, aForgottenKeyThatIsPostedAgainBelongsToTheOneThatPostsIt)
+{
+    post(webClient, "a", "1");
+    post(webClient, "b", "1");
+    state.forgetValues({"a"});
+    EXPECT_TRUE(post(netClient, "a", "1"));
+    EXPECT_TRUE(post(webClient, "c", "1"));
+    EXPECT_EQ(state.posters().count(), 2U);
+}
+
+TEST_F(SharesTest, aDroppedKeyLetsItsPosterGo)
+{
+    const Posters::Id passing = client(web);
+    post(passing, "a", "1");
+    state.posters().release(passing); // its connection
+    state.forgetValues({"a"});
+    state.dropForgotten(state.revision());
+    EXPECT_EQ(state.posters().count(), 2U);
 }
 
 // Otherwise a user whose values end with it could fill the device with names.

@@ -173,7 +173,7 @@ TEST_F(OwnedValuesTest, areNobodysWhenTheyAreReset)
     const Posters::Id owner = client();
     post(owner, "net.a");
     state.reset({"net.a"}, owner);
-    values.reset({"net.a"});
+    values.reset(owner, {"net.a"});
     go(owner);
     EXPECT_EQ(values.due(), TimePoint::max());
 }
@@ -186,6 +186,46 @@ TEST_F(OwnedValuesTest, doNotBelongToAClientWhosePostIsRefused)
     post(owner, "net.a", "up");
     post(other, "net.a", "too long");
     go(other);
+    EXPECT_EQ(values.due(), TimePoint::max());
+}
+
+TEST_F(OwnedValuesTest, doNotBelongToAUserBeyondItsShareThatPostsTheSame)
+{
+    const Posters::Id owner = client();
+    const Posters::Id other = client();
+    post(owner, "net.a");
+    state.setShares([](Shares::User, const Shares::Share&, const Shares::Share&) { return false; });
+    post(other, "net.a");
+    go(other);
+    EXPECT_EQ(values.due(), TimePoint::max());
+}
+
+TEST_F(OwnedValuesTest, keepTheirOwnerWhenAResetIsRefused)
+{
+    const Posters::Id owner = client();
+    post(owner, "net.a");
+    values.reset(client(), {"net.a"});
+    go(owner);
+    pass(2s);
+    EXPECT_EQ(marked, (Marked{{"net.a", "offline"}}));
+}
+
+TEST_F(OwnedValuesTest, areNobodysWhenTheyAreForgotten)
+{
+    const Posters::Id owner = client();
+    post(owner, "net.a");
+    values.forget({"net.a"});
+    go(owner);
+    EXPECT_EQ(values.due(), TimePoint::max());
+}
+
+TEST_F(OwnedValuesTest, thatAreEmptyAreNobodys)
+{
+    const Posters::Id owner = client();
+    post(owner, "net.a");
+    post(owner, "net.a", "");
+    use("[[owned]]\nkeys = \"net.*\"\nbecomes = \"offline\"\n");
+    go(owner);
     EXPECT_EQ(values.due(), TimePoint::max());
 }
 

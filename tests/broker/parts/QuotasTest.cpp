@@ -28,6 +28,15 @@ protected:
         return quotas.enter(connection, now) ? &connection : nullptr;
     }
 
+    // Of so many names.
+    bool post(const Connection& client, std::size_t names = 1)
+    {
+        if (!quotas.mayPost(client))
+            return false;
+        Quotas::charge(client, names);
+        return true;
+    }
+
     TimePoint now = Clock::now();
     Refusals refusals;
     PolicyPointer policy;
@@ -78,10 +87,10 @@ TEST_F(QuotasTest, anotherPolicyIsAppliedToThoseThatAreConnected)
     use("[[quota]]\nconnections = 1\nposts-per-second = 1\n");
     EXPECT_TRUE(quotas.enter(*connection, now));
     EXPECT_FALSE(connect(webUser));
-    EXPECT_TRUE(quotas.mayPost(*connection, 100));
-    EXPECT_FALSE(quotas.mayPost(*connection, 1));
+    EXPECT_TRUE(post(*connection, 100));
+    EXPECT_FALSE(post(*connection));
     use("");
-    EXPECT_TRUE(quotas.mayPost(*connection, 1));
+    EXPECT_TRUE(post(*connection));
 }
 
 // At once a user may post as much as in a second, and a message that begins within that is taken whole.
@@ -89,29 +98,29 @@ TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 {
     use("[[quota]]\nposts-per-second = 5\n");
     Connection* connection = connect(webUser);
-    EXPECT_TRUE(quotas.mayPost(*connection, 4));
-    EXPECT_TRUE(quotas.mayPost(*connection, 50000));
-    EXPECT_FALSE(quotas.mayPost(*connection, 1));
-    EXPECT_TRUE(quotas.mayPost(*connect(netUser), 1));
+    EXPECT_TRUE(post(*connection, 4));
+    EXPECT_TRUE(post(*connection, 50000));
+    EXPECT_FALSE(post(*connection));
+    EXPECT_TRUE(post(*connect(netUser)));
 }
 
 TEST_F(QuotasTest, aUserGainsNothingByComingBack)
 {
     use("[[quota]]\nposts-per-second = 5\n");
     Connection* connection = connect(webUser);
-    EXPECT_TRUE(quotas.mayPost(*connection, 50000));
+    EXPECT_TRUE(post(*connection, 50000));
     quotas.leave(*connection);
     for (uid_t other = 1000; other < 1200; ++other)
         quotas.leave(*connect(other)); // so many that old ones are forgotten
-    EXPECT_FALSE(quotas.mayPost(*connect(webUser), 1));
+    EXPECT_FALSE(post(*connect(webUser)));
 }
 
 TEST_F(QuotasTest, aUserMayPostAgainAfterAWhile)
 {
     use("[[quota]]\nposts-per-second = 1000\n");
     Connection* connection = connect(webUser);
-    EXPECT_TRUE(quotas.mayPost(*connection, 1010));
-    EXPECT_TRUE(eventually([&] { return quotas.mayPost(*connection, 1); }));
+    EXPECT_TRUE(post(*connection, 1010));
+    EXPECT_TRUE(eventually([&] { return post(*connection); }));
 }
 
 TEST_F(QuotasTest, aUserThatTakesMoreThanItsPartOfTheStateIsRefused)
