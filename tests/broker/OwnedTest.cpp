@@ -207,10 +207,32 @@ TEST_F(Owned, valuesStayOverARestartIfTheirOwnerReturns)
     const std::vector<std::string> options{"--state", folder / "state"};
     start(owned("2s"), options);
     auto client = owner("net.a");
-    EXPECT_EQ(broker->stop(), 0); // so that the process is kept, too, which was found after the post
+    broker->kill();
     start(owned("2s"), options);
     client->reconnect();
     awaitAnotherEnd();
+    EXPECT_EQ(value("net.a"), reply("up"));
+}
+
+TEST_F(Owned, aValueForWhoseTextThereIsNoRoomIsReset)
+{
+    start(owned(), {"--max-stored-bytes=1K"});
+    auto client = owner("net.a");
+    post(postOf("filler", std::string(1024 - 5 - 2 - 6, 'x')));
+    client->end();
+    EXPECT_TRUE(becomes("net.a", ""));
+}
+
+// Of the same process, whichever connection the value came on.
+TEST_F(Owned, aPolicyThatIsTakenOverLeavesTheValuesOfAClientThatHasReconnected)
+{
+    start(allOk);
+    auto client = owner("net.a");
+    client->reconnect();
+    owner("net.b");
+    EXPECT_TRUE(eventually([&] { return statistic("clients.posts") == 2; })); // this test's, and the client's
+    reload(owned("500ms"));
+    EXPECT_TRUE(becomes("net.b", "offline"));
     EXPECT_EQ(value("net.a"), reply("up"));
 }
 

@@ -128,6 +128,7 @@ TEST_F(StatusDetails, ofPostsThatChangeNothingAreNotWritten)
 {
     startWithFile();
     post(postOf("door", "open"));
+    ASSERT_TRUE(isPostedByUs()); // which is written, too
     const uint64_t commits = statistic("state.commits");
     EXPECT_GT(commits, 0U);
     for (int number = 0; number < 10; ++number)

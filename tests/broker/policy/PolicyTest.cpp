@@ -229,6 +229,13 @@ TEST(PolicyClass, mayNotDoAllWhereTheDefaultDenies)
     EXPECT_TRUE(policy->classOf(anybody).mayAll(Action::See));
 }
 
+// An unknown user would otherwise have a share beside its own.
+TEST(PolicyClass, sharesTellClientsApart)
+{
+    EXPECT_FALSE(policyOf("[[owned]]\nkeys = \"a\"\n")->tellsClientsApart());
+    EXPECT_TRUE(policyOf("[[quota]]\nkeys = 5\n")->tellsClientsApart());
+}
+
 // A rule that denies is found all the same, to be logged.
 TEST(PolicyClass, auditDecidesAsEnforceDoes)
 {
