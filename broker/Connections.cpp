@@ -17,7 +17,7 @@ using BrokerProtocol::Client;
 // A line of the log waits so long for the process of which it tells.
 constexpr std::chrono::seconds longestSearch{2};
 
-// What a client had sent is read to its end, which may show so much later than that the client is back.
+// A client's last posts are read before its end shows, so that may be so much later than its return.
 constexpr std::chrono::milliseconds longestEnding{100};
 
 // Connections with the same key belong to the same client: of the same process, and where that is not known,

@@ -18,7 +18,7 @@
 class Connections
 {
 public:
-    /// What the broker does about them.
+    /// The broker's part.
     struct Handlers
     {
         PostPort::OnPost onPost;

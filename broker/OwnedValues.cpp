@@ -6,7 +6,7 @@
 namespace
 {
 
-// So many owners that have gone have their turn before others are served.
+// The owners that have gone whose turn it is, before others are served.
 constexpr std::size_t fewAtATime = 32;
 
 // While it is found out who has come back.
@@ -58,7 +58,7 @@ void OwnedValues::reset(Posters::Id by, const std::vector<std::string_view>& key
         follow(key, by);
 }
 
-// What the client has posted, unless that was refused.
+// Unless the client's post was refused.
 void OwnedValues::follow(std::string_view key, Posters::Id by)
 {
     const DeviceState::Value* value = mState.find(key);

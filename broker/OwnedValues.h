@@ -19,7 +19,7 @@
 class OwnedValues
 {
 public:
-    /// What it needs of the broker.
+    /// The broker around it.
     struct World
     {
         /// The client is connected.

@@ -51,7 +51,7 @@ public:
                takePost(*client.account, Clock::now());
     }
 
-    /// What it has posted holds so many names: each counts as a post.
+    /// The post that was allowed holds so many names: each counts as a post.
     static void charge(const Connection& client, std::size_t names)
     {
         if (client.account != nullptr && names > 1)

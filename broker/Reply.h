@@ -26,7 +26,7 @@ public:
     /// Those of the keys that are known.
     static Reply of(std::vector<std::string_view> keys);
 
-    /// What is known of those of the keys that are known.
+    /// The details of those of the keys that are known.
     static Reply detailsOf(std::vector<std::string_view> keys);
 
     /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.

@@ -185,8 +185,7 @@ void appendKnown(std::string& to, std::string_view name, std::string_view text)
         appendMember(to, {name, text});
 }
 
-template <class Known>
-void appendIdentity(std::string& to, const Known& client)
+void appendIdentity(std::string& to, const Poster& client)
 {
     appendKnown(to, ClientMember::user, client.user);
     if (client.uid)

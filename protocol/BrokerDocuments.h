@@ -74,7 +74,7 @@ public:
     std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
     std::vector<std::string_view> texts; ///< ResetStatus, GetClientInfoValues, GetPolicyDecision,
                                          ///< GetStatusDetails, Forget...: in their order
-    uint32_t number = 0; ///< UpdateSystemTime, SetCounterValue
+    uint32_t number = 0;                 ///< UpdateSystemTime, SetCounterValue
 
     /// False if the message is malformed, or no post or no request respectively.
     bool readPost(std::string_view message);

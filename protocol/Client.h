@@ -2,20 +2,15 @@
 #define PROTOCOL_CLIENT_H
 
 #include <cstdint>
-#include <optional>
-#include <string>
+
+#include "protocol/Poster.h"
 
 namespace BrokerProtocol
 {
 
 /// A client of the broker. Its connections belong together as far as their process is known.
-struct Client
+struct Client : Poster
 {
-    std::string user; ///< its name, or its number; empty: unknown
-    std::optional<uint32_t> uid;
-    std::string service; ///< empty: none, or unknown
-    uint32_t pid = 0;    ///< 0: unknown
-    std::string program; ///< empty: unknown
     bool isShared = false;
     uint64_t since = 0; ///< microseconds since the Unix epoch
     uint64_t connections = 0;

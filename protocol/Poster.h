@@ -9,7 +9,7 @@
 namespace BrokerProtocol
 {
 
-/// A client that has posted a value, as far as the broker knows it.
+/// The one who posts: a client, as far as the broker knows it.
 struct Poster
 {
     std::string user; ///< its name, or its number; empty: unknown

@@ -20,7 +20,7 @@ struct SavedState
         uint64_t lastStarted = 0; ///< microseconds since the Unix epoch; 0: never
     };
 
-    /// What is remembered of the posts of a value. Times are microseconds since the Unix epoch; 0: unknown.
+    /// The history of a value in short. Times are microseconds since the Unix epoch; 0: unknown.
     struct Detail
     {
         uint64_t posted = 0;

@@ -29,7 +29,7 @@ public:
     /// The keys to look at now.
     std::vector<std::string> due(Clock::time_point now) const;
 
-    /// What a look has found.
+    /// The result of a look.
     struct Found
     {
         std::optional<Clock::duration> age; ///< since the last post, if that is known

@@ -11,26 +11,10 @@ namespace
 {
 
 namespace Member = BrokerProtocol::DetailMember;
-using BrokerProtocol::Poster;
 
 // As much as one request may name, and far less than a message may be long.
 constexpr std::size_t mostKeys = 1000;
 constexpr std::size_t mostBytes = std::size_t{64} * 1024;
-
-Poster posterIn(const Json::Value& object)
-{
-    namespace Member = BrokerProtocol::ClientMember;
-    Poster poster;
-    if (!object.isObject())
-        return poster;
-    poster.user = Answer::textIn(object, Member::user);
-    if (object[Member::uid].isUInt())
-        poster.uid = object[Member::uid].asUInt();
-    poster.service = Answer::textIn(object, Member::service);
-    poster.program = Answer::textIn(object, Member::program);
-    poster.pid = static_cast<uint32_t>(Answer::numberIn(object, Member::pid));
-    return poster;
-}
 
 Details detailsIn(const Json::Value& object)
 {
@@ -40,8 +24,9 @@ Details detailsIn(const Json::Value& object)
     details.changed = Answer::numberIn(object, Member::changed);
     details.posts = Answer::numberIn(object, Member::posts);
     details.changes = Answer::numberIn(object, Member::changes);
-    details.poster = posterIn(object[Member::poster]);
-    details.changer = object.isMember(Member::changer) ? posterIn(object[Member::changer]) : details.poster;
+    details.poster = Answer::posterIn(object[Member::poster]);
+    details.changer =
+        object.isMember(Member::changer) ? Answer::posterIn(object[Member::changer]) : details.poster;
     return details;
 }
 

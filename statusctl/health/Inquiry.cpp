@@ -19,12 +19,7 @@ Client clientIn(const Json::Value& object)
 {
     namespace Member = BrokerProtocol::ClientMember;
     Client client;
-    client.user = Answer::textIn(object, Member::user);
-    if (object[Member::uid].isUInt())
-        client.uid = object[Member::uid].asUInt();
-    client.service = Answer::textIn(object, Member::service);
-    client.pid = static_cast<uint32_t>(Answer::numberIn(object, Member::pid));
-    client.program = Answer::textIn(object, Member::program);
+    static_cast<BrokerProtocol::Poster&>(client) = Answer::posterIn(object);
     client.isShared = Answer::numberIn(object, Member::shared) != 0;
     client.since = Answer::numberIn(object, Member::since);
     client.connections = Answer::numberIn(object, Member::connections);

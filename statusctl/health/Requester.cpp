@@ -4,6 +4,7 @@
 #include <chrono>
 #include <limits>
 
+#include "protocol/Words.h"
 #include "statusctl/base/Failure.h"
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Duration.h"
@@ -48,4 +49,19 @@ uint64_t Answer::numberIn(const Json::Value& object, const char* name)
 {
     const Json::Value& member = object[name];
     return member.isUInt64() ? member.asUInt64() : 0;
+}
+
+BrokerProtocol::Poster Answer::posterIn(const Json::Value& object)
+{
+    namespace Member = BrokerProtocol::ClientMember;
+    BrokerProtocol::Poster poster;
+    if (!object.isObject())
+        return poster;
+    poster.user = textIn(object, Member::user);
+    if (object[Member::uid].isUInt())
+        poster.uid = object[Member::uid].asUInt();
+    poster.service = textIn(object, Member::service);
+    poster.program = textIn(object, Member::program);
+    poster.pid = static_cast<uint32_t>(numberIn(object, Member::pid));
+    return poster;
 }

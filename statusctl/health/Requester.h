@@ -6,6 +6,7 @@
 #include <string>
 #include <zmq.hpp>
 
+#include "protocol/Poster.h"
 #include "statusctl/base/Settings.h"
 
 /// Asks the broker on a connection of its own, for what the library has no operation for.
@@ -35,6 +36,7 @@ namespace Answer
 
 std::string textIn(const Json::Value& object, const char* name);
 uint64_t numberIn(const Json::Value& object, const char* name);
+BrokerProtocol::Poster posterIn(const Json::Value& object);
 
 } // namespace Answer
 

@@ -31,7 +31,7 @@ public:
 
     void take(const Change& change, Clock::time_point now);
 
-    /// What the broker has told of a key. Nothing if the key is not there.
+    /// The details of a key, as the broker has told them. Nothing if the key is not there.
     /// @param age since the last post, if that is known
     void takeDetails(const std::string& key, std::optional<std::chrono::microseconds> age,
                      const std::string& poster, Clock::time_point now);

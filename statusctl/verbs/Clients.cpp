@@ -6,6 +6,7 @@
 #include "statusctl/text/Table.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/text/Timestamp.h"
+#include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -64,19 +65,7 @@ private:
     // Unknown members are left out.
     static Json::Value toJson(const Client& client)
     {
-        Json::Value object(Json::objectValue);
-        const auto set = [&](const char* name, const std::string& text)
-        {
-            if (!text.empty())
-                object[name] = Text::valid(text);
-        };
-        set("service", client.service);
-        set("program", client.program);
-        set("user", client.user);
-        if (client.uid)
-            object["uid"] = *client.uid;
-        if (client.pid != 0)
-            object["pid"] = client.pid;
+        Json::Value object = DetailsText::toJson(static_cast<const BrokerProtocol::Poster&>(client));
         if (client.isShared)
             object["shared"] = true;
         object["since"] = Timestamp::utc(timeOf(client.since));

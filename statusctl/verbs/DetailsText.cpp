@@ -61,24 +61,6 @@ std::string cutOff(const std::string& value)
     return value;
 }
 
-Json::Value toJson(const Poster& poster)
-{
-    Json::Value object(Json::objectValue);
-    const auto set = [&](const char* name, const std::string& text)
-    {
-        if (!text.empty())
-            object[name] = Text::valid(text);
-    };
-    set("service", poster.service);
-    set("program", poster.program);
-    set("user", poster.user);
-    if (poster.uid)
-        object["uid"] = *poster.uid;
-    if (poster.pid != 0)
-        object["pid"] = poster.pid;
-    return object;
-}
-
 Json::Value toJson(const std::string& key, const Details& details)
 {
     Json::Value object(Json::objectValue);
@@ -90,8 +72,8 @@ Json::Value toJson(const std::string& key, const Details& details)
         object["changed"] = Timestamp::utc(timeOf(details.changed));
     object["posts"] = static_cast<Json::UInt64>(details.posts);
     object["changes"] = static_cast<Json::UInt64>(details.changes);
-    object["poster"] = toJson(details.poster);
-    object["changer"] = toJson(details.changer);
+    object["poster"] = DetailsText::toJson(details.poster);
+    object["changer"] = DetailsText::toJson(details.changer);
     return object;
 }
 
@@ -115,6 +97,24 @@ void printTable(Output& output, const Details::ByKey& details, Timestamp::Time n
 }
 
 } // namespace
+
+Json::Value DetailsText::toJson(const Poster& poster)
+{
+    Json::Value object(Json::objectValue);
+    const auto set = [&](const char* name, const std::string& text)
+    {
+        if (!text.empty())
+            object[name] = Text::valid(text);
+    };
+    set("service", poster.service);
+    set("program", poster.program);
+    set("user", poster.user);
+    if (poster.uid)
+        object["uid"] = *poster.uid;
+    if (poster.pid != 0)
+        object["pid"] = poster.pid;
+    return object;
+}
 
 std::string DetailsText::briefly(const Poster& poster)
 {

@@ -21,6 +21,9 @@ void printLong(Output& output, const Settings& settings, const Details::ByKey& d
 /// {"details":[{"key":...,"value":...,...},...]}; what is unknown is left out.
 Json::Value toJson(const Details::ByKey& details);
 
+/// The members of a client that are known.
+Json::Value toJson(const BrokerProtocol::Poster& poster);
+
 /// In a few letters: "net.service", or "root (sh)" where it is no service; "-" if nothing is known.
 std::string briefly(const BrokerProtocol::Poster& poster);
 

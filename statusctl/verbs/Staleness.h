@@ -22,7 +22,7 @@ public:
 
     Clock::time_point nextLook();
 
-    /// What has become stale. A broker that has gone is asked again later.
+    /// The keys that have become stale. A broker that has gone is asked again later.
     /// @throws Failure if the broker cannot tell
     std::vector<Change> look();
 

@@ -66,7 +66,7 @@ public:
     }
 
 private:
-    // What fails is tried again; the screen does without it.
+    // A look that fails is made again; the screen does without it.
     Details::ByKey ask()
     {
         Settings settings;

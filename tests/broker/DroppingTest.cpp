@@ -212,7 +212,7 @@ TEST_F(DroppingTest, oneThatMayStillFallBehindKeepsIt)
     EXPECT_TRUE(isDropped());
 }
 
-// What the kernel holds for a subscriber is lost when it is closed for want of memory.
+// The kernel's part of the output is lost when a subscriber is closed for want of memory.
 TEST_F(DroppingTest, bytesThatOnlyOurKernelHoldsKeepIt)
 {
     const auto peer = subscribe();

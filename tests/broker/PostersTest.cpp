@@ -2,21 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace
-{
-
-BrokerProtocol::Poster posterOf(const std::string& service, uint32_t pid)
-{
-    BrokerProtocol::Poster poster;
-    poster.user = "net";
-    poster.uid = 7;
-    poster.service = service;
-    poster.program = "netd";
-    poster.pid = pid;
-    return poster;
-}
-
-} // namespace
+#include "tests/broker/PosterOf.h"
 
 TEST(Posters, areTheyThatWereAdded)
 {

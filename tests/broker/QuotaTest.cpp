@@ -17,6 +17,7 @@ class QuotaTest : public PolicedBroker
 protected:
     void SetUp() override
     {
+        // Only root can be two users, and the build server is.
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can become another user";
     }

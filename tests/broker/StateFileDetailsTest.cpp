@@ -1,26 +1,16 @@
-// What is remembered of the posts of values, in the state file.
+// The history of values in the state file.
 
 #include <malloc.h>
 
 #include "broker/state/DeviceState.h"
 #include "broker/state/PosterText.h"
+#include "tests/broker/PosterOf.h"
 #include "tests/broker/StateFileDamage.h"
 
 namespace
 {
 
 using BrokerProtocol::Poster;
-
-Poster posterOf(const std::string& service, uint32_t pid)
-{
-    Poster poster;
-    poster.user = "net";
-    poster.uid = 7;
-    poster.service = service;
-    poster.program = "netd";
-    poster.pid = pid;
-    return poster;
-}
 
 SavedState stateOfDoor()
 {

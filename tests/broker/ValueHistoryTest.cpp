@@ -2,6 +2,7 @@
 
 #include "broker/state/DeviceState.h"
 #include "broker/state/PosterText.h"
+#include "tests/broker/PosterOf.h"
 
 namespace
 {
@@ -21,17 +22,6 @@ protected:
         Poster poster;
         poster.pid = pid;
         return state.posters().add(poster);
-    }
-
-    static Poster posterOf(const std::string& service, uint32_t pid)
-    {
-        Poster poster;
-        poster.user = "net";
-        poster.uid = 7;
-        poster.service = service;
-        poster.program = "netd";
-        poster.pid = pid;
-        return poster;
     }
 
     static PosterText::Clients clientsOf(const SavedState::Detail& detail)
