@@ -11,14 +11,21 @@ using BrokerProtocol::Operation;
 namespace
 {
 
-BrokerProtocol::Poster self()
+BrokerProtocol::Poster self(const Users& users)
 {
     BrokerProtocol::Poster poster;
     poster.uid = geteuid();
-    poster.user = std::to_string(*poster.uid);
+    poster.user = users.name(*poster.uid);
     poster.program = "statusbroker";
     poster.pid = static_cast<uint32_t>(getpid());
     return poster;
+}
+
+// As clients are named in other lines of the log.
+std::string textOf(const BrokerProtocol::Poster& poster)
+{
+    return (poster.service.empty() ? "" : poster.service + ", ") + "user " + poster.user + ", process " +
+           std::to_string(poster.pid) + " (" + poster.program + ")";
 }
 
 } // namespace
@@ -26,7 +33,7 @@ BrokerProtocol::Poster self()
 PostApplier::PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state,
                          OwnedValues& ownedValues, Outbox& outbox)
     : mOptions(options), mGuard(guard), mRefusals(refusals), mState(state), mOwnedValues(ownedValues),
-      mOutbox(outbox), mSelf(state.posters().add(self()))
+      mOutbox(outbox), mSelf(state.posters().add(self(guard.users())))
 {
 }
 
@@ -152,12 +159,12 @@ void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
     if (values.empty())
         return;
     const bool isAudit = mGuard.policy().isAudit();
+    const std::string name = textOf(mState.posters().at(owner));
     mRefusals.report(isAudit ? Refusal::Audited : Refusal::OwnerGone,
-                     "%s [%.*s] and %zu others to [%.*s], by %s: process %u (%s) of user %s has gone",
+                     "%s [%.*s] and %zu others to [%.*s], by %s, as their owner has gone: %s",
                      isAudit ? "Would set" : "Set", excerptLength(values.front().name),
                      values.front().name.data(), values.size() - 1, excerptLength(rule.becomes),
-                     rule.becomes.data(), rule.place.c_str(), mState.posters().at(owner).pid,
-                     mState.posters().at(owner).program.c_str(), mState.posters().at(owner).user.c_str());
+                     rule.becomes.data(), rule.place.c_str(), name.c_str());
     if (isAudit)
         return;
     publish(BrokerProtocol::Key::statusUpdate, mState.end(values, mSelf), 0);

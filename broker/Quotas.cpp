@@ -19,7 +19,10 @@ void Quotas::setPolicy(const Policy& policy)
 {
     mPolicy = &policy;
     for (auto& [user, account] : mAccounts)
+    {
         account.quota = policy.quotaFor(user);
+        account.posts = std::max(account.posts, 0.0); // while it was only logged, a user may have posted far more
+    }
 }
 
 bool Quotas::enter(Connection& connection, TimePoint now)

@@ -28,7 +28,8 @@ struct UserAccount
 class Quotas
 {
 public:
-    explicit Quotas(Refusals& refusals) : mRefusals(refusals) {}
+    /// @param now for tests: the clock that the rates are measured with
+    explicit Quotas(Refusals& refusals, TimePoint (*now)() = &Clock::now) : mRefusals(refusals), mNow(now) {}
 
     Quotas(const Quotas&) = delete;
     Quotas& operator=(const Quotas&) = delete;
@@ -48,7 +49,7 @@ public:
     {
         const UserAccount* account = client.account;
         return account == nullptr || account->quota == nullptr || !account->quota->postsPerSecond ||
-               takePost(*client.account, Clock::now());
+               takePost(*client.account, mNow());
     }
 
     /// The post that was allowed holds so many names: each counts as a post.
@@ -68,6 +69,7 @@ private:
     void forgetOld(TimePoint now);
 
     Refusals& mRefusals;
+    TimePoint (*const mNow)();
     const Policy* mPolicy = nullptr;
     std::map<std::optional<uid_t>, UserAccount> mAccounts;
 };

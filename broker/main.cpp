@@ -31,7 +31,7 @@ void logPolicy(const Options& options, const Policy& policy)
 {
     for (const std::string& warning : policy.warnings())
         OV_LOG(2, "%s", warning.c_str());
-    if (policy.rules() == 0 && !policy.hasTies())
+    if (policy.rules() == 0 && !policy.hasTies() && !policy.hasQuotas())
         OV_LOG(2, "The policy of %s has no rules", options.policy.c_str());
     OV_LOG(5, "The policy of %s is %s, %zu rules", options.policy.c_str(),
            policy.isAudit() ? "only logged" : "in force", policy.rules());

@@ -8,9 +8,9 @@
 
 #include "protocol/Poster.h"
 
-/// The clients that have posted values. Each is there as long as it is held: by its connection, and by each
-/// value that it was the last to post or to change. So there are never more than that, whatever comes and
-/// goes. Those that differ only by their process share their names.
+/// The clients that have posted values. Each is there as long as it is held: by its connection, by
+/// each value that it was the last to post or to change, and by those that end with it. So there are never
+/// more than that, whatever comes and goes. Those that differ only by their process share their names.
 class Posters
 {
 public:

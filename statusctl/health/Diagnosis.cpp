@@ -80,6 +80,8 @@ constexpr Rule rules[] = {
      "the broker's log has client, name and rule; \"statusctl may\" explains a decision"},
     {Number::policyAudited, "audit", "names would be denied to clients, but the policy only logs",
      "the broker's log has client, name and rule; when it is quiet, remove the line mode from the policy"},
+    {Number::policyQuota, "quota", "users have used up their shares, and more was refused",
+     "the broker's log has client and quota"},
     {Number::policyUnknownOwners, "policy", "connections were refused as their owners could not be told",
      "the broker's log says why; a client of another user namespace needs a user that the broker knows"},
 };

@@ -202,6 +202,17 @@ TEST_F(Owned, valuesAreMarkedAfterARestartIfTheirOwnerDoesNotReturn)
     EXPECT_TRUE(becomes("net.a", "offline"));
 }
 
+TEST_F(Owned, valuesStayMarkedOverAKill)
+{
+    const std::vector<std::string> options{"--state", folder / "state"};
+    start(owned(), options);
+    owner("net.a");
+    EXPECT_TRUE(becomes("net.a", "offline"));
+    broker->kill();
+    start(allOk, options);
+    EXPECT_EQ(value("net.a"), reply("offline"));
+}
+
 TEST_F(Owned, valuesStayOverARestartIfTheirOwnerReturns)
 {
     const std::vector<std::string> options{"--state", folder / "state"};

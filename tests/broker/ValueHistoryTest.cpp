@@ -10,9 +10,8 @@ namespace
 using BrokerProtocol::Poster;
 using BrokerProtocol::ValueDetails;
 
-// All that the broker keeps for people about a value: its history, and both of its clients, should each be
-// another's.
-static_assert(sizeof(DeviceState::History) + 2 * Posters::entryBytes <= 64);
+// All that the broker keeps about a value: its history, and its client, should each value have another.
+static_assert(sizeof(DeviceState::History) + Posters::entryBytes < 64);
 
 class ValueHistory : public testing::Test
 {

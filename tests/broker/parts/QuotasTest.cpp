@@ -4,7 +4,6 @@
 #include <list>
 
 #include "tests/broker/policy/PolicyFixture.h"
-#include "tests/support/Wait.h"
 
 namespace
 {
@@ -37,10 +36,10 @@ protected:
         return true;
     }
 
-    TimePoint now = Clock::now();
+    inline static TimePoint now = Clock::now();
     Refusals refusals;
     PolicyPointer policy;
-    Quotas quotas{refusals};
+    Quotas quotas{refusals, [] { return now; }};
     std::list<Connection> connections;
 };
 
@@ -93,6 +92,19 @@ TEST_F(QuotasTest, anotherPolicyIsAppliedToThoseThatAreConnected)
     EXPECT_TRUE(post(*connection));
 }
 
+// Only who comes is refused.
+TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
+{
+    use("");
+    std::vector<Connection*> there{connect(webUser), connect(webUser)};
+    for (Connection* connection : there)
+        connection->rights = &policy->classOf(Subject());
+    use("[[quota]]\nconnections = 1\n");
+    for (Connection* connection : there)
+        EXPECT_TRUE(quotas.enter(*connection, now));
+    EXPECT_FALSE(connect(webUser));
+}
+
 // At once a user may post as much as in a second, and a message that begins within that is taken whole.
 TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 {
@@ -110,6 +122,7 @@ TEST_F(QuotasTest, aUserGainsNothingByComingBack)
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     quotas.leave(*connection);
+    now += 10s;
     for (uid_t other = 1000; other < 1200; ++other)
         quotas.leave(*connect(other)); // so many that old ones are forgotten
     EXPECT_FALSE(post(*connect(webUser)));
@@ -120,7 +133,32 @@ TEST_F(QuotasTest, aUserMayPostAgainAfterAWhile)
     use("[[quota]]\nposts-per-second = 1000\n");
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 1010));
-    EXPECT_TRUE(eventually([&] { return post(*connection); }));
+    now += 10ms;
+    EXPECT_FALSE(post(*connection));
+    now += 1ms;
+    EXPECT_TRUE(post(*connection));
+}
+
+TEST_F(QuotasTest, aUserOwesNothingOfWhatWasOnlyLogged)
+{
+    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(post(*connection, 50000));
+    EXPECT_TRUE(post(*connection, 50000));
+    use("[[quota]]\nposts-per-second = 5\n");
+    EXPECT_FALSE(post(*connection));
+    now += 1s;
+    EXPECT_TRUE(post(*connection));
+}
+
+TEST_F(QuotasTest, aUserThatPostsNothingSavesNothing)
+{
+    use("[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(post(*connection));
+    now += 1h;
+    EXPECT_TRUE(post(*connection, 5));
+    EXPECT_FALSE(post(*connection));
 }
 
 TEST_F(QuotasTest, aUserThatTakesMoreThanItsPartOfTheStateIsRefused)

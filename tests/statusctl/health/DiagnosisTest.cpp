@@ -120,6 +120,7 @@ TEST(DiagnosisTest, whatWasLostRefusedOrUnreadableIsFound)
     EXPECT_EQ(checksWith("policy.denied", 1), "policy ");
     EXPECT_EQ(checksWith("policy.audited", 1), "audit ");
     EXPECT_EQ(checksWith("policy.unknownOwners", 1), "policy ");
+    EXPECT_EQ(checksWith("policy.quota", 1), "quota ");
     EXPECT_EQ(checksWith("limit.anyOfThem", 1), "limit ");
 }
 
