@@ -220,6 +220,10 @@ bool Connections::isHere(Posters::Id client) const
 std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint since)
 {
     const BrokerProtocol::Poster poster = mState.posters().at(gone);
+    std::set<uint64_t>
+        sockets; // it takes long to find the process of a socket, but not whether this one has it
+    if (poster.service.empty() && poster.pid != 0)
+        sockets = mIdentities.socketsOf(static_cast<pid_t>(poster.pid), poster.program);
     bool isSearching = false;
     for (const auto& peer : mPosts.peers())
     {
@@ -232,7 +236,8 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
         const bool isOfService = !poster.service.empty();
         const bool isUnseen =
             poster.pid == 0 && identity.search == Identity::Search::Over && identity.pid == 0;
-        if (isSameProcess(poster, identity) || (isNew && (isOfService || isUnseen)))
+        const bool isItself = sockets.count(identity.owner.inode()) != 0 || isSameProcess(poster, identity);
+        if (isItself || (isNew && (isOfService || isUnseen)))
             return peer->poster;
         isSearching = isSearching || (!isOfService && identity.search == Identity::Search::UnderWay);
     }

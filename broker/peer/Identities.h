@@ -2,6 +2,7 @@
 #define BROKER_PEER_IDENTITIES_H
 
 #include <netinet/in.h>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,12 @@ public:
 
     /// Enters the results of a search for the process.
     static void settle(Identity& identity, const Processes::Found& found);
+
+    /// See Processes.
+    std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const
+    {
+        return mProcesses.socketsOf(pid, program);
+    }
 
     /// The kernel tells which user made a socket, and in which service.
     bool tellsUsers() const { return mOwners.road() != OwnerQuery::Road::None; }

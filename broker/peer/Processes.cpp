@@ -26,6 +26,32 @@ bool readSocket(std::string_view link, uint64_t& inode)
            readNumber(link.substr(begin.size(), link.size() - begin.size() - 1), inode);
 }
 
+// The socket behind a link of the folder of a process's descriptors; 0 if it is none.
+uint64_t socketAt(DIR* descriptors, const char* name)
+{
+    std::array<char, 64> link{};
+    const ssize_t size = readlinkat(dirfd(descriptors), name, link.data(), link.size());
+    uint64_t inode = 0;
+    const bool isSocket = size > 0 && readSocket({link.data(), static_cast<std::size_t>(size)}, inode);
+    return isSocket ? inode : 0;
+}
+
+std::string programOf(const Descriptor& process)
+{
+    std::array<char, 64> name{};
+    const Descriptor file(openat(process.number(), "comm", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    const ssize_t size = file.isOpen() ? read(file.number(), name.data(), name.size()) : 0;
+    std::string text(name.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+    if (!text.empty() && text.back() == '\n')
+        text.pop_back();
+    return Processes::printable(text);
+}
+
+Descriptor openFolder(int parent, const std::string& path)
+{
+    return Descriptor(openat(parent, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
 } // namespace
 
 Processes::Processes(std::string proc) : mProc(std::move(proc)) {}
@@ -62,7 +88,7 @@ std::vector<Processes::Found> Processes::work(Clock::duration atMost)
 
 Processes::Folder Processes::folderAt(int parent, const std::string& path)
 {
-    Descriptor opened(openat(parent, path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    Descriptor opened = openFolder(parent, path);
     Folder folder(opened.isOpen() ? fdopendir(opened.number()) : nullptr);
     if (folder)
         opened.release();
@@ -97,19 +123,14 @@ void Processes::openProcess(const char* name)
 {
     if (!readNumber(std::string_view(name), mPid) || mPid <= 0)
         return;
-    mProcess = Descriptor(openat(dirfd(mProcesses.get()), name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    mProcess = openFolder(dirfd(mProcesses.get()), name);
     if (mProcess.isOpen())
         mDescriptors = folderAt(mProcess.number(), "fd");
 }
 
 void Processes::lookAt(const char* descriptor)
 {
-    std::array<char, 64> link{};
-    const ssize_t size = readlinkat(dirfd(mDescriptors.get()), descriptor, link.data(), link.size());
-    uint64_t inode = 0;
-    if (size <= 0 || !readSocket({link.data(), static_cast<std::size_t>(size)}, inode))
-        return;
-    const auto wanted = mWanted.find(inode);
+    const auto wanted = mWanted.find(socketAt(mDescriptors.get(), descriptor));
     if (wanted != mWanted.end() && wanted->second.pid != mPid)
         note(wanted->second);
 }
@@ -120,14 +141,27 @@ void Processes::note(Found& found)
     if (found.pid != 0 && found.pid < mPid)
         return;
     // Through the folder that is open: the number may be another process's by now, but not the folder.
-    std::array<char, 64> name{};
-    const Descriptor file(openat(mProcess.number(), "comm", O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    const ssize_t size = file.isOpen() ? read(file.number(), name.data(), name.size()) : 0;
-    std::string text(name.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-    if (!text.empty() && text.back() == '\n')
-        text.pop_back();
     found.pid = mPid;
-    found.program = printable(text);
+    found.program = programOf(mProcess);
+}
+
+std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) const
+{
+    constexpr int mostDescriptors = 1024; // one process must not make others wait
+    const Descriptor process = openFolder(AT_FDCWD, mProc + "/" + std::to_string(pid));
+    std::set<uint64_t> sockets;
+    if (!process.isOpen() || programOf(process) != program)
+        return sockets;
+    const Folder descriptors = folderAt(process.number(), "fd");
+    for (int count = 0; descriptors && count < mostDescriptors; ++count)
+    {
+        const dirent* entry = readdir(descriptors.get());
+        if (entry == nullptr)
+            break;
+        if (const uint64_t inode = socketAt(descriptors.get(), entry->d_name); inode != 0)
+            sockets.insert(inode);
+    }
+    return sockets;
 }
 
 std::vector<Processes::Found> Processes::finish()

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <dirent.h>
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/types.h>
 #include <unordered_map>
@@ -50,6 +51,10 @@ public:
     /// @param atMost how long; one step of some microseconds is always done
     /// @returns those that have been looked for everywhere, at the end of a pass
     std::vector<Found> work(Clock::duration atMost);
+
+    /// The sockets of a process that runs this program; none if another does by now. Of a process with very
+    /// many descriptors, some of them. Looks at once, beside what is wanted.
+    std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const;
 
     /// How names are told: every byte that is not printable ASCII is a "?".
     static std::string printable(std::string name);

@@ -179,3 +179,30 @@ TEST(RealProcessesTest, theProcessOfARealConnectionIsFoundByNameAndNumber)
             isFound = isFound || (found.pid == other.pid && found.program == "real?client" && !found.others);
     EXPECT_TRUE(isFound);
 }
+
+TEST_F(ProcessesTest, theSocketsOfAProcessAreToldAtOnce)
+{
+    addProcess("7", "first\n", {"/dev/null", "socket:[98]", "pipe:[97]", "socket:[99]"});
+    addProcess("8", "second\n", {"socket:[96]"});
+    EXPECT_EQ(processes.socketsOf(7, "first"), (std::set<uint64_t>{98, 99}));
+    EXPECT_FALSE(processes.hasWork());
+}
+
+TEST_F(ProcessesTest, aProcessThatRunsAnotherProgramIsAnotherOne)
+{
+    addProcess("7", "first\n", {"socket:[98]"});
+    EXPECT_EQ(processes.socketsOf(7, "second"), std::set<uint64_t>());
+    EXPECT_EQ(processes.socketsOf(8, "first"), std::set<uint64_t>());
+}
+
+TEST_F(ProcessesTest, ofAProcessWithVeryManySocketsOnlySomeAreTold)
+{
+    constexpr int many = 3000;
+    std::vector<std::string> links;
+    for (int inode = 1; inode <= many; ++inode)
+        links.push_back("socket:[" + std::to_string(inode) + "]");
+    addProcess("7", "first\n", links);
+    const std::size_t told = processes.socketsOf(7, "first").size();
+    EXPECT_GT(told, 0U);
+    EXPECT_LT(told, static_cast<std::size_t>(many));
+}
