@@ -15,7 +15,7 @@
 
 /// Removes names for good, as far as clients may.
 ///
-/// Subscribers are told of a forgotten value as of a reset. One that is behind gets it later, from the state,
+/// A forgotten value reaches subscribers as a reset. One that is behind gets it later, from the state,
 /// so the state keeps the key until every subscriber has been told. Only then is it dropped.
 class Forgetting
 {

@@ -476,7 +476,7 @@ uint64_t NotifyPort::toldToAll(TimePoint now)
     {
         lookAtTold(*connection);
         least = std::min(least, connection->told.revision());
-        // Also if it is told all again: nextValue must stay.
+        // Also for one that gets everything anew, since nextValue must stay.
         if (connection->state == NotifyConnection::State::Behind)
             least = std::min(least, connection->revision);
     }

@@ -46,10 +46,7 @@ void OwnedValues::setPolicy(const Policy& policy, TimePoint now)
 void OwnedValues::posted(Posters::Id by, const DeviceState::Members& values)
 {
     for (const BrokerProtocol::Member& posted : values)
-    {
-        if (mPolicy->tieFor(posted.name) != nullptr)
-            follow(posted.name, by);
-    }
+        follow(posted.name, by);
 }
 
 void OwnedValues::reset(Posters::Id by, const std::vector<std::string_view>& keys)
@@ -61,6 +58,8 @@ void OwnedValues::reset(Posters::Id by, const std::vector<std::string_view>& key
 // Unless the client's post was refused.
 void OwnedValues::follow(std::string_view key, Posters::Id by)
 {
+    if (mPolicy->tieFor(key) == nullptr)
+        return;
     const DeviceState::Value* value = mState.find(key);
     if (value == nullptr || value->history.poster != by)
         return;
@@ -130,7 +129,7 @@ void OwnedValues::gone(Posters::Id client, bool canComeBack, TimePoint now)
     plan(owner->second, now);
 }
 
-// Of one that has gone.
+// For an owner that has gone.
 void OwnedValues::plan(Owner& owner, TimePoint now)
 {
     owner.end = TimePoint::max();

@@ -21,7 +21,8 @@ void Quotas::setPolicy(const Policy& policy)
     for (auto& [user, account] : mAccounts)
     {
         account.quota = policy.quotaFor(user);
-        account.posts = std::max(account.posts, 0.0); // while it was only logged, a user may have posted far more
+        account.posts =
+            std::max(account.posts, 0.0); // it may have posted far more while that was only logged
     }
 }
 

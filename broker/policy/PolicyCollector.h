@@ -32,7 +32,7 @@ public:
     /// Adds a whole line, or only counts it beyond the limit.
     void addError(std::string text);
 
-    /// False beyond the limit; the error is told only once.
+    /// False beyond the limit, which is reported only once.
     bool countTable() { return ++mTables <= PolicyLimits::tables; }
     bool isFirstBeyondTables() const { return mTables == PolicyLimits::tables + 1; }
     bool countName() { return ++mNameCount <= PolicyLimits::names; }

@@ -17,7 +17,8 @@ class QuotaTest : public PolicedBroker
 protected:
     void SetUp() override
     {
-        // Only root can be two users, and the build server is.
+        // Only root can be two users, and the build server is. Any user runs QuotasTest and SharesTest, which
+        // try each limit with users of their own making.
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can become another user";
     }

@@ -139,6 +139,7 @@ TEST_F(StatusDetails, ofPostsThatChangeNothingAreNotWritten)
     EXPECT_EQ(statistic("state.commits"), commits + 1);
 }
 
+// Only root can be another user. Any user sees in ValueHistory that such a post is to be kept.
 TEST_F(StatusDetails, ofAPostOfAnotherUserAreWritten)
 {
     constexpr uid_t user = 12345;

@@ -210,6 +210,18 @@ TEST_F(OwnedValuesTest, keepTheirOwnerWhenAResetIsRefused)
     EXPECT_EQ(marked, (Marked{{"net.a", "offline"}}));
 }
 
+// Limits may be lowered while there are longer keys.
+TEST_F(OwnedValuesTest, areNotThoseOfOtherNamesWhoseResetIsRefused)
+{
+    const Posters::Id owner = client();
+    post(owner, "door.of.the.garage");
+    limits.keyBytes = 4;
+    state.reset({"door.of.the.garage"}, owner);
+    values.reset(owner, {"door.of.the.garage"});
+    go(owner);
+    EXPECT_EQ(values.due(), TimePoint::max());
+}
+
 TEST_F(OwnedValuesTest, areNobodysWhenTheyAreForgotten)
 {
     const Posters::Id owner = client();
