@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "broker/PolicyInquiry.h"
+#include "broker/base/OptionText.h"
 
 namespace
 {
@@ -13,6 +14,20 @@ Reply replyOf(Append append, Value value)
     std::string text;
     append(text, value);
     return Reply(std::move(text));
+}
+
+std::optional<BrokerProtocol::TimerReading> readingIn(const std::vector<std::string_view>& texts)
+{
+    if (texts.size() != 4)
+        return std::nullopt;
+    const std::optional<uint64_t> elapsed = OptionText::readNumber(texts[1]);
+    const std::optional<uint64_t> lastStarted = OptionText::readNumber(texts[2]);
+    const bool isRunning = texts[3] == BrokerProtocol::timerRuns;
+    if (!elapsed || *elapsed > BrokerProtocol::mostTimerMicroseconds || !lastStarted ||
+        *lastStarted > BrokerProtocol::mostTimerMicroseconds ||
+        (!isRunning && texts[3] != BrokerProtocol::timerStands))
+        return std::nullopt;
+    return BrokerProtocol::TimerReading{*elapsed, *lastStarted, isRunning};
 }
 
 } // namespace
@@ -62,6 +77,12 @@ Reply Answerer::answer(Connection& client, BrokerProtocol::Command& command)
     case Operation::ForgetTimers:
     case Operation::ForgetCounters:
         return Reply(mForget(client, command));
+    case Operation::GetTimers:
+        return Reply::ofTimers();
+    case Operation::GetCounters:
+        return Reply::ofCounters();
+    case Operation::SetTimer:
+        return setTimer(client, command.texts);
     case Operation::UpdateSystemTime:
     case Operation::PostStatus:
     case Operation::ResetStatus:
@@ -82,6 +103,20 @@ Reply Answerer::increment(const Connection& client, std::string_view counter)
         return Reply(refusal);
     const std::optional<uint32_t> value = mState.incrementCounter(counter);
     return value ? replyOf(BrokerProtocol::appendCounterReply, *value) : Reply(refusal);
+}
+
+// A timer has four texts: its name, the two numbers of a reading, and whether it runs; see docs/protocol.md.
+Reply Answerer::setTimer(const Connection& client, const std::vector<std::string_view>& texts)
+{
+    const auto name = texts.empty() ? std::string_view() : texts.front();
+    const std::optional<BrokerProtocol::TimerReading> reading = readingIn(texts);
+    if (!reading)
+        mRefusals.report(Refusal::MalformedRequest, "Malformed request [%s of %.*s] refused",
+                         BrokerProtocol::Key::setTimer, excerptLength(name), name.data());
+    if (!reading || !mGuard.quotas().mayPost(client) || !mGuard.may(client, Action::Timers, name) ||
+        !mState.setTimer(name, *reading))
+        return Reply(refusal);
+    return replyOf(BrokerProtocol::appendTimerReply, mState.elapsed(name));
 }
 
 // Where there are so many that this takes long, those that ask share an answer: it must not take much of the

@@ -47,6 +47,7 @@ public:
 private:
     Reply answer(Connection& client, BrokerProtocol::Command& command);
     Reply increment(const Connection& client, std::string_view counter);
+    Reply setTimer(const Connection& client, const std::vector<std::string_view>& texts);
     std::string statistics();
     const std::string& clients();
     std::string decision(const Connection& client, const std::vector<std::string_view>& question);

@@ -121,6 +121,11 @@ bool Guard::answersWith(Connection& client, std::string_view key)
     return !hides(client, Action::See, key) && !hides(client, Action::Query, key);
 }
 
+bool Guard::lists(Connection& client, std::string_view name)
+{
+    return !hides(client, Action::Query, name);
+}
+
 bool Guard::hides(Connection& client, Action action, std::string_view name)
 {
     const Decision decision = client.rights->decide(action, name);

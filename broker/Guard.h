@@ -76,6 +76,9 @@ public:
     /// The same for an answer: the client must also be allowed to ask.
     bool answersWith(Connection& client, std::string_view key);
 
+    /// The same for a list of timers or counters: those are not seen, only asked for.
+    bool lists(Connection& client, std::string_view name);
+
     /// The client may be answered with everything.
     static bool answersWithAll(const Connection& client)
     {

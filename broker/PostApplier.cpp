@@ -109,6 +109,9 @@ void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& c
     case Operation::ForgetStatus:
     case Operation::ForgetTimers:
     case Operation::ForgetCounters:
+    case Operation::GetTimers:
+    case Operation::GetCounters:
+    case Operation::SetTimer:
         return; // no posts
     }
 }

@@ -71,43 +71,90 @@ void Reply::extend(const DeviceState& state, const Shows& shows, std::size_t byt
         begin();
     while (mText.size() < bytes + frameBytes)
     {
-        const DeviceState::Value* value = nextShown(state, shows);
-        if (value == nullptr)
-        {
-            mText += mValues == Values::Detailed ? "}}" : "}";
-            mIsComplete = true;
-            return;
-        }
-        if (mHasMembers)
-            mText += ',';
-        appendValue(state, *value);
-        mHasMembers = true;
+        if (appendNext(state, shows))
+            continue;
+        mText += key() == nullptr ? "}" : "}}";
+        mIsComplete = true;
+        return;
     }
+}
+
+// Under which an answer has its members; null for one that has them at once.
+const char* Reply::key() const
+{
+    switch (mValues)
+    {
+    case Values::Detailed:
+        return BrokerProtocol::Key::statusDetails;
+    case Values::Timers:
+        return BrokerProtocol::Key::timers;
+    case Values::Counters:
+        return BrokerProtocol::Key::counters;
+    case Values::None:
+    case Values::All:
+    case Values::Listed:
+        break;
+    }
+    return nullptr;
 }
 
 void Reply::begin()
 {
     mText = "{";
-    if (mValues != Values::Detailed)
+    if (key() == nullptr)
         return;
-    BrokerProtocol::appendText(mText, BrokerProtocol::Key::statusDetails);
+    BrokerProtocol::appendText(mText, key());
     mText += ":{";
 }
 
-void Reply::appendValue(const DeviceState& state, const DeviceState::Value& value)
+// False if there is no more.
+bool Reply::appendNext(const DeviceState& state, const Shows& shows)
 {
-    BrokerProtocol::appendText(mText, value.key);
-    mText += ':';
+    if (mValues == Values::Timers || mValues == Values::Counters)
+        return appendNextMeasure(state, shows);
+    const DeviceState::Value* value = nextShown(state, shows);
+    if (value == nullptr)
+        return false;
+    appendName(value->key);
     if (mValues == Values::Detailed)
-        BrokerProtocol::appendDetails(mText, state.details(value));
+        BrokerProtocol::appendDetails(mText, state.details(*value));
     else
-        BrokerProtocol::appendText(mText, value.text);
+        BrokerProtocol::appendText(mText, value->text);
+    return true;
+}
+
+bool Reply::appendNextMeasure(const DeviceState& state, const Shows& shows)
+{
+    const bool isOfTimers = mValues == Values::Timers;
+    const std::string* name = nullptr;
+    do
+    {
+        name = isOfTimers ? state.timerBehind(mLastKey) : state.counterBehind(mLastKey);
+        if (name == nullptr)
+            return false;
+        mLastKey = *name;
+    } while (shows && !shows(Kind::Measure, *name));
+    appendName(*name);
+    if (isOfTimers)
+        BrokerProtocol::appendTimer(mText, state.timer(*name));
+    else
+        mText += std::to_string(state.counter(*name));
+    return true;
+}
+
+void Reply::appendName(std::string_view name)
+{
+    if (mHasMembers)
+        mText += ',';
+    BrokerProtocol::appendText(mText, name);
+    mText += ':';
+    mHasMembers = true;
 }
 
 const DeviceState::Value* Reply::nextShown(const DeviceState& state, const Shows& shows)
 {
     const DeviceState::Value* value = next(state);
-    while (value != nullptr && shows && !shows(*value))
+    while (value != nullptr && shows && !shows(Kind::Value, value->key))
         value = next(state);
     return value;
 }

@@ -29,9 +29,19 @@ public:
     /// The details of those of the keys that are known.
     static Reply detailsOf(std::vector<std::string_view> keys);
 
+    /// All timers, or counters, of the device.
+    static Reply ofTimers() { return Reply(Values::Timers); }
+    static Reply ofCounters() { return Reply(Values::Counters); }
+
+    enum class Kind
+    {
+        Value,
+        Measure, ///< a timer or a counter
+    };
+
     /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
-    /// @param shows which values to tell; empty for all
-    using Shows = std::function<bool(const DeviceState::Value&)>;
+    /// @param shows which names to tell; empty for all
+    using Shows = std::function<bool(Kind, std::string_view)>;
     bool produce(const DeviceState& state, const Shows& shows, std::size_t bytes, std::string& to);
 
     /// Memory that it holds.
@@ -44,14 +54,19 @@ private:
         All,
         Listed,
         Detailed, ///< listed, with their details
+        Timers,
+        Counters,
     };
 
     explicit Reply(Values values) : mValues(values) {}
     Reply(Values values, std::vector<std::string_view> keys);
 
     void extend(const DeviceState& state, const Shows& shows, std::size_t bytes);
+    const char* key() const;
     void begin();
-    void appendValue(const DeviceState& state, const DeviceState::Value& value);
+    bool appendNext(const DeviceState& state, const Shows& shows);
+    bool appendNextMeasure(const DeviceState& state, const Shows& shows);
+    void appendName(std::string_view name);
     const DeviceState::Value* next(const DeviceState& state);
     const DeviceState::Value* nextShown(const DeviceState& state, const Shows& shows);
 

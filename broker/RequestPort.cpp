@@ -206,7 +206,11 @@ void RequestPort::send(RequestConnection& connection)
 {
     Reply::Shows shows;
     if (!Guard::answersWithAll(connection))
-        shows = [&](const DeviceState::Value& value) { return mGuard.answersWith(connection, value.key); };
+        shows = [&](Reply::Kind kind, std::string_view name)
+        {
+            return kind == Reply::Kind::Value ? mGuard.answersWith(connection, name)
+                                              : mGuard.lists(connection, name);
+        };
     std::string piece;
     std::size_t sent = 0;
     while (connection.flush() && connection.reply && sent < turnBytes)

@@ -26,6 +26,7 @@ std::string written(const Meaning& meaning, const Command& command)
     case Operation::ForgetStatus:
     case Operation::ForgetTimers:
     case Operation::ForgetCounters:
+    case Operation::SetTimer:
         return Protocol::writeList(key, {meaning.texts.begin(), meaning.texts.end()});
     case Operation::UpdateSystemTime:
         return Protocol::writeUpdateSystemTime(meaning.number);

@@ -306,6 +306,15 @@ void appendDetails(std::string& to, const ValueDetails& details)
     to += '}';
 }
 
+void appendTimer(std::string& to, const TimerReading& timer)
+{
+    to += '{';
+    appendNumber(to, TimerMember::elapsed, timer.elapsed);
+    appendNumber(to, TimerMember::lastStarted, timer.lastStarted);
+    appendNumber(to, TimerMember::running, timer.isRunning ? 1 : 0);
+    to += '}';
+}
+
 void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete)
 {
     to += '{';

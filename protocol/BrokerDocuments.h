@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "protocol/Client.h"
+#include "protocol/TimerReading.h"
 #include "protocol/ValueDetails.h"
 #include "protocol/Words.h"
 
@@ -48,6 +49,9 @@ enum class Operation
     ForgetStatus,
     ForgetTimers,
     ForgetCounters,
+    GetTimers,
+    GetCounters,
+    SetTimer,
 };
 
 /// The name under which messages know it.
@@ -73,7 +77,7 @@ public:
     std::string_view text;       ///< the name of a timer, a counter or a status key
     std::vector<Member> members; ///< PostStatus, PostEvent: in the order of the names, each there once
     std::vector<std::string_view> texts; ///< ResetStatus, GetClientInfoValues, GetPolicyDecision,
-                                         ///< GetStatusDetails, Forget...: in their order
+                                         ///< GetStatusDetails, Forget..., SetTimer: in their order
     uint32_t number = 0;                 ///< UpdateSystemTime, SetCounterValue
 
     /// False if the message is malformed, or no post or no request respectively.
@@ -118,6 +122,9 @@ void appendClients(std::string& to, const std::vector<Client>& clients, bool isC
 
 /// The object of a key in the answer to getStatusDetails.
 void appendDetails(std::string& to, const ValueDetails& details);
+
+/// The object of a timer in the answer to getTimers.
+void appendTimer(std::string& to, const TimerReading& timer);
 
 /// An object of numbers.
 void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers);

@@ -40,7 +40,7 @@ inline constexpr std::array<Form, 9> postForms{{
     {Key::setCounterValue, Operation::SetCounterValue, Shape::NamedNumber},
 }};
 
-inline constexpr std::array<Form, 14> requestForms{{
+inline constexpr std::array<Form, 17> requestForms{{
     {Key::getClientInfo, Operation::GetClientInfo, Shape::Text},
     {Key::getClientInfoValue, Operation::GetClientInfoValue, Shape::Text},
     {Key::getClientInfoValues, Operation::GetClientInfoValues, Shape::Texts},
@@ -55,6 +55,9 @@ inline constexpr std::array<Form, 14> requestForms{{
     {Key::forgetStatus, Operation::ForgetStatus, Shape::Texts},
     {Key::forgetTimers, Operation::ForgetTimers, Shape::Texts},
     {Key::forgetCounters, Operation::ForgetCounters, Shape::Texts},
+    {Key::getTimers, Operation::GetTimers, Shape::Text},
+    {Key::getCounters, Operation::GetCounters, Shape::Text},
+    {Key::setTimer, Operation::SetTimer, Shape::Texts},
 }};
 
 // A notification is read as the post of which it tells.

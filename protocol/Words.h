@@ -42,6 +42,11 @@ constexpr const char* forgetStatus = "forgetStatus";
 constexpr const char* forgetTimers = "forgetTimers";
 constexpr const char* forgetCounters = "forgetCounters";
 constexpr const char* forgotten = "forgotten"; ///< the answer to these three
+constexpr const char* getTimers = "getTimers";
+constexpr const char* timers = "timers"; ///< the answer
+constexpr const char* getCounters = "getCounters";
+constexpr const char* counters = "counters"; ///< the answer
+constexpr const char* setTimer = "setTimer";
 } // namespace Key
 
 /// Those numbers of getBrokerStatistics by which readers judge the broker.
@@ -98,6 +103,18 @@ constexpr const char* changes = "changes";
 constexpr const char* poster = "poster";
 constexpr const char* changer = "changer"; ///< left out if it is the same client
 } // namespace DetailMember
+
+/// The members of the answer to getTimers, for each timer.
+namespace TimerMember
+{
+constexpr const char* elapsed = "elapsed";         ///< microseconds
+constexpr const char* lastStarted = "lastStarted"; ///< microseconds since the Unix epoch; 0: never
+constexpr const char* running = "running";         ///< 1 or 0
+} // namespace TimerMember
+
+/// The last text of setTimer.
+constexpr const char* timerRuns = "running";
+constexpr const char* timerStands = "stopped";
 
 /// The members of the answer to getPolicyDecision: an error, or the two others.
 namespace DecisionMember

@@ -10,11 +10,12 @@
 namespace
 {
 
-constexpr std::array<Verbs::Add, 20> verbs{
-    Verbs::addGet,     Verbs::addSet,    Verbs::addReset,   Verbs::addForget, Verbs::addDump,
-    Verbs::addLoad,    Verbs::addWatch,  Verbs::addWait,    Verbs::addEvent,  Verbs::addTimer,
-    Verbs::addCounter, Verbs::addPing,   Verbs::addStats,   Verbs::addRecord, Verbs::addReplay,
-    Verbs::addTop,     Verbs::addDoctor, Verbs::addClients, Verbs::addMay,    Verbs::addShow,
+constexpr std::array<Verbs::Add, 23> verbs{
+    Verbs::addGet,     Verbs::addSet,        Verbs::addReset,   Verbs::addForget, Verbs::addDump,
+    Verbs::addLoad,    Verbs::addWatch,      Verbs::addWait,    Verbs::addEvent,  Verbs::addTimer,
+    Verbs::addCounter, Verbs::addPing,       Verbs::addStats,   Verbs::addRecord, Verbs::addReplay,
+    Verbs::addTop,     Verbs::addDoctor,     Verbs::addClients, Verbs::addMay,    Verbs::addShow,
+    Verbs::addSandbox, Verbs::addCompletion, Verbs::addHelp,
 };
 
 bool isTerminalWithColors()
@@ -161,7 +162,7 @@ std::vector<std::string> CommandLine::withoutCommand(std::vector<std::string> ar
     };
     const auto verb = std::find_if(arguments.begin(), arguments.end(), isVerb);
     const auto end = std::find(arguments.begin(), arguments.end(), "--");
-    if (verb == arguments.end() || *verb != "watch" || end == arguments.end())
+    if (verb == arguments.end() || (*verb != "watch" && *verb != "sandbox") || end == arguments.end())
         return arguments;
     mSettings.command.assign(end + 1, arguments.end());
     arguments.erase(end, arguments.end());

@@ -40,6 +40,13 @@ std::vector<std::string_view> eraseAll(Map& map, const std::vector<std::string_v
 }
 
 template <typename Map>
+const std::string* nameBehind(const Map& map, const std::optional<std::string>& name)
+{
+    const auto next = name ? map.upper_bound(*name) : map.begin();
+    return next == map.end() ? nullptr : &next->first;
+}
+
+template <typename Map>
 typename Map::mapped_type& entry(Map& map, std::string_view name)
 {
     const auto found = map.find(name);
@@ -50,17 +57,19 @@ typename Map::mapped_type& entry(Map& map, std::string_view name)
 
 // -------------------------------------------------------------------------------------------------- posts
 
+// False if the name exceeds a limit.
 template <typename Operate>
-void DeviceState::applyToTimer(std::string_view name, Operate operate)
+bool DeviceState::applyToTimer(std::string_view name, Operate operate)
 {
     if (!mayName(mTimers, name, mLimits.timers, Refusal::Timers))
-        return;
+        return false;
     Timer& timer = entry(mTimers, name);
     operate(timer, microsecondsOf(CLOCK_MONOTONIC));
     if (!mNotesChanges)
-        return;
+        return true;
     mNoted.timers[std::string(name)] = timer;
     noteBack(mNoted.gone.timers, name);
+    return true;
 }
 
 void DeviceState::startTimer(std::string_view name)
@@ -96,6 +105,17 @@ void DeviceState::restartTimer(std::string_view name)
                      timer.accumulated = 0;
                      begin(timer, now);
                  });
+}
+
+bool DeviceState::setTimer(std::string_view name, const BrokerProtocol::TimerReading& reading)
+{
+    return applyToTimer(name,
+                        [&](Timer& timer, uint64_t now)
+                        {
+                            timer.accumulated = reading.elapsed;
+                            timer.spanStart = reading.isRunning ? now : 0;
+                            timer.lastStarted = reading.lastStarted;
+                        });
 }
 
 void DeviceState::setCounter(std::string_view name, uint32_t value)
@@ -157,6 +177,22 @@ uint64_t DeviceState::lastStarted(std::string_view timer) const
 {
     const auto found = mTimers.find(timer);
     return found == mTimers.end() ? 0 : found->second.lastStarted;
+}
+
+BrokerProtocol::TimerReading DeviceState::timer(std::string_view name) const
+{
+    const auto found = mTimers.find(name);
+    return {elapsed(name), lastStarted(name), found != mTimers.end() && found->second.spanStart != 0};
+}
+
+const std::string* DeviceState::timerBehind(const std::optional<std::string>& name) const
+{
+    return nameBehind(mTimers, name);
+}
+
+const std::string* DeviceState::counterBehind(const std::optional<std::string>& name) const
+{
+    return nameBehind(mCounters, name);
 }
 
 uint32_t DeviceState::counter(std::string_view name) const

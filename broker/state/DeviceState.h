@@ -64,6 +64,10 @@ public:
     void restartTimer(std::string_view name);
     void setCounter(std::string_view name, uint32_t value);
 
+    /// Gives a timer what it has. One that runs goes on from there.
+    /// @returns false if the name exceeds a limit
+    bool setTimer(std::string_view name, const BrokerProtocol::TimerReading& reading);
+
     // ---- Who posts.
 
     /// From now on, no user takes more of the state than the judge allows; without a judge, none is limited.
@@ -107,8 +111,14 @@ public:
     /// Microseconds; 0 for a timer that is not there.
     uint64_t elapsed(std::string_view timer) const;
     uint64_t lastStarted(std::string_view timer) const;
+    BrokerProtocol::TimerReading timer(std::string_view name) const;
 
     uint32_t counter(std::string_view name) const;
+
+    /// The first name behind this one, in the order of the names; behind nothing: the first of all. Null if
+    /// there is none.
+    const std::string* timerBehind(const std::optional<std::string>& name) const;
+    const std::string* counterBehind(const std::optional<std::string>& name) const;
 
     /// The value after it; nothing if it exceeds a limit.
     std::optional<uint32_t> incrementCounter(std::string_view name);
@@ -206,7 +216,7 @@ private:
     void forget(Value& value);
     static BootTime bootTime();
     template <typename Operate>
-    void applyToTimer(std::string_view name, Operate operate);
+    bool applyToTimer(std::string_view name, Operate operate);
     bool hasGoodSize(std::string_view name);
     bool hasGoodSize(std::string_view name, std::string_view value);
     bool mayAddName(std::string_view name, std::size_t others, std::size_t most, Refusal kind);

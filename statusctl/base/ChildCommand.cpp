@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "statusctl/base/Failure.h"
+#include "statusctl/base/SignalsBlocked.h"
 
 namespace
 {
@@ -19,51 +20,39 @@ constexpr int bySignal = 128;
 
 std::atomic<pid_t> running{0};
 
-using Action = void (*)(int);
+constexpr int passed[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2};
 
-void passOn(int signal)
+// A key of the terminal means both: the kernel has sent its signal to the other one, too.
+bool isOfTerminal(int signal, const siginfo_t& info)
+{
+    return info.si_code == SI_KERNEL && (signal == SIGINT || signal == SIGQUIT);
+}
+
+void passOn(int signal, siginfo_t* info, void*)
 {
     const int before = errno;
-    if (const pid_t child = running; child > 0) // 0 would be all processes of the group, this one among them
+    const pid_t child = running;
+    if (child > 0 && !isOfTerminal(signal, *info)) // 0 would be all processes of the group, this one too
         kill(child, signal);
     errno = before;
 }
 
-void setActions(Action ofOthers, Action ofTerminal)
+void passSignalsOn()
 {
-    const auto set = [](int signal, Action action)
+    struct sigaction how
     {
-        struct sigaction how
-        {
-        };
-        how.sa_handler = action;
-        how.sa_flags = SA_RESTART;
-        sigaction(signal, &how, nullptr);
     };
-    set(SIGTERM, ofOthers);
-    set(SIGHUP, ofOthers);
-    set(SIGINT, ofTerminal);
-    set(SIGQUIT, ofTerminal);
+    how.sa_sigaction = passOn;
+    how.sa_flags = SA_RESTART | SA_SIGINFO;
+    for (const int signal : passed)
+        sigaction(signal, &how, nullptr);
 }
 
-// As long as it lives, they wait.
-class SignalsBlocked
+void takeSignals()
 {
-public:
-    SignalsBlocked()
-    {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_BLOCK, &all, &mBefore);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
-
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-private:
-    sigset_t mBefore{};
-};
+    for (const int signal : passed)
+        std::signal(signal, SIG_DFL);
+}
 
 // The program begins with signals as they are for any program.
 class Attributes
@@ -108,10 +97,10 @@ ChildCommand::ChildCommand(const std::vector<std::string>& words)
         throw Failure(static_cast<ExitCode>(error == ENOENT ? noProgram : cannotRun),
                       "cannot run \"" + words.front() + "\": " + strerror(error));
     running = mPid;
-    setActions(passOn, SIG_IGN);
+    passSignalsOn();
 }
 
-int ChildCommand::wait()
+int ChildCommand::wait() const
 {
     siginfo_t ignored;
     while (waitid(P_PID, static_cast<id_t>(mPid), &ignored, WEXITED | WNOWAIT) < 0 && errno == EINTR)
@@ -120,6 +109,6 @@ int ChildCommand::wait()
     running = 0; // before its number can be another's
     int status = 0;
     waitpid(mPid, &status, 0);
-    setActions(SIG_DFL, SIG_DFL); // there is nobody any more to whom to pass them on
+    takeSignals(); // there is nobody any more to whom to pass them on
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

@@ -7,8 +7,8 @@
 
 /// Another program, which runs while this one waits for it. One at a time.
 ///
-/// Signals that end this program go to the other one: SIGTERM and SIGHUP are passed on. SIGINT and SIGQUIT
-/// come from the terminal, which sends them to both.
+/// Signals to this program go to the other one: SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1 and SIGUSR2 are
+/// passed on. SIGINT and SIGQUIT are not where they come from the terminal, which sends them to both.
 class ChildCommand
 {
 public:
@@ -21,7 +21,7 @@ public:
     ChildCommand& operator=(const ChildCommand&) = delete;
 
     /// Returns its exit code; 128 and the signal's number if a signal has ended it.
-    int wait();
+    int wait() const;
 
 private:
     pid_t mPid = -1;

@@ -37,16 +37,21 @@ _statusctl() {
         esac
     done
     case $previous in
-        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event) return ;;
+        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event | --values) return ;;
+        --output | --broker) files=yes ;;
     esac
-    if [[ $current == -* ]]; then
+    if [[ $files ]]; then
+        :
+    elif [[ $current == -* ]]; then
         words=$(_statusctl_options && [[ $verb ]] && _statusctl_options "$verb")
     elif [[ -z $verb ]]; then
         words=$(_statusctl_commands)
     else
         case $verb in
             timer | counter) ((index == COMP_CWORD - 1)) && words=$(_statusctl_commands "$verb") ;;
-            load | replay) files=yes ;;
+            help) words=$(_statusctl_commands "${COMP_WORDS[@]:index + 1:COMP_CWORD - index - 1}") ;;
+            completion) words=$'bash\nzsh\nfish' ;;
+            load | replay | sandbox) files=yes ;;
             record) ((index == COMP_CWORD - 1)) && files=yes || words=$(_statusctl_keys) ;;
             get | set | reset | forget | dump | show | watch | wait | top) words=$(_statusctl_keys) ;;
         esac

@@ -31,6 +31,13 @@ function __statusctl_verb
     return 1
 end
 
+# The words behind the command.
+function __statusctl_behind
+    set -l words (commandline -opc)
+    set -l at (contains -i -- (__statusctl_verb) $words)
+    set -q words[(math $at + 1)]; and string join \n -- $words[(math $at + 1)..-1]
+end
+
 function __statusctl_is
     contains -- (__statusctl_verb) $argv
 end
@@ -40,4 +47,7 @@ complete -c statusctl -n 'not __statusctl_verb >/dev/null' -a '(__statusctl_comm
 complete -c statusctl -n 'string match -q -- "-*" (commandline -ct)' -a '(__statusctl_options; __statusctl_options (__statusctl_verb))'
 complete -c statusctl -n '__statusctl_is timer counter' -a '(__statusctl_commands (__statusctl_verb))'
 complete -c statusctl -n '__statusctl_is get set reset forget dump show watch wait top record' -a '(__statusctl_keys)'
-complete -c statusctl -n '__statusctl_is load replay record' -F
+complete -c statusctl -n '__statusctl_is help' -a '(__statusctl_commands (__statusctl_behind))'
+complete -c statusctl -n '__statusctl_is completion' -a 'bash zsh fish'
+complete -c statusctl -n '__statusctl_is load replay record sandbox' -F
+complete -c statusctl -n '__statusctl_is stats' -l output -r -F

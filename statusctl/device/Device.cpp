@@ -150,6 +150,13 @@ void Device::reset(const StatusKeys& keys)
     sendInParts(keys, longestMessage, write, [this](const StatusKeys& part) { mManager->resetStatus(part); });
 }
 
+void Device::setCounter(const std::string& name, uint32_t value)
+{
+    checkUtf8(name);
+    checkTaken(BrokerProtocol::writeSetCounterValue(name, value));
+    mManager->setCounterValue(name, value);
+}
+
 void Device::confirm()
 {
     constexpr int noLimit = -1; // one that runs out closes the request channel for good

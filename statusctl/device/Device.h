@@ -44,6 +44,7 @@ public:
     void post(const StatusMap& values);
     void postEvent(const std::string& name, const std::string& value);
     void reset(const StatusKeys& keys);
+    void setCounter(const std::string& name, uint32_t value);
 
     /// Returns when the broker has taken all that was posted.
     void confirm();

@@ -32,10 +32,8 @@ Details detailsIn(const Json::Value& object)
 
 void read(const std::string& reply, Details::ByKey& into)
 {
-    const std::optional<Json::Value> answer = JsonText::readObject(reply);
-    if (!answer)
-        Answer::failToRead(reply);
-    const Json::Value& values = (*answer)[BrokerProtocol::Key::statusDetails];
+    const Json::Value answer = Answer::objectIn(reply);
+    const Json::Value& values = answer[BrokerProtocol::Key::statusDetails];
     if (!values.isObject())
         throw Failure(ExitCode::BadReply, "this broker does not tell when values were posted");
     for (auto value = values.begin(); value != values.end(); ++value)

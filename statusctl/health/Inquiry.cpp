@@ -34,10 +34,8 @@ Client clientIn(const Json::Value& object)
 
 std::vector<std::string> forgottenIn(const std::string& reply)
 {
-    const std::optional<Json::Value> answer = JsonText::readObject(reply);
-    if (!answer)
-        Answer::failToRead(reply);
-    const Json::Value& list = (*answer)[BrokerProtocol::Key::forgotten];
+    const Json::Value answer = Answer::objectIn(reply);
+    const Json::Value& list = answer[BrokerProtocol::Key::forgotten];
     if (!list.isArray())
         throw Failure(ExitCode::BadReply, "this broker cannot forget names");
     std::vector<std::string> names;
@@ -48,6 +46,28 @@ std::vector<std::string> forgottenIn(const std::string& reply)
         names.push_back(each.asString());
     }
     return names;
+}
+
+// The answer to a request for all timers, or counters: an object of them.
+Json::Value listIn(const std::string& reply, const char* key)
+{
+    Json::Value answer = Answer::objectIn(reply);
+    if (!answer[key].isObject())
+        throw Failure(ExitCode::BadReply, std::string("this broker does not list its ") + key);
+    return answer[key];
+}
+
+BrokerProtocol::TimerReading timerIn(const Json::Value& object)
+{
+    namespace Member = BrokerProtocol::TimerMember;
+    return {Answer::numberIn(object, Member::elapsed), Answer::numberIn(object, Member::lastStarted),
+            Answer::numberIn(object, Member::running) != 0};
+}
+
+BrokerProtocol::Texts textsOf(const std::string& name, const BrokerProtocol::TimerReading& timer)
+{
+    return {Text::valid(name), std::to_string(timer.elapsed), std::to_string(timer.lastStarted),
+            timer.isRunning ? BrokerProtocol::timerRuns : BrokerProtocol::timerStands};
 }
 
 } // namespace
@@ -74,13 +94,11 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
     for (;;)
     {
         const std::string reply = requester.ask(request);
-        const std::optional<Json::Value> answer = JsonText::readObject(reply);
-        if (!answer)
-            Answer::failToRead(reply);
-        const Json::Value& list = (*answer)[Member::clients];
+        const Json::Value answer = Answer::objectIn(reply);
+        const Json::Value& list = answer[Member::clients];
         if (!list.isArray())
             throw Failure(ExitCode::BadReply, "this broker does not tell who uses it");
-        if (Answer::numberIn(*answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
+        if (Answer::numberIn(answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
         {
             std::this_thread::sleep_for(pause);
             continue;
@@ -102,15 +120,13 @@ Inquiry::Decision Inquiry::decision(const Settings& settings, const std::string&
     namespace Member = BrokerProtocol::DecisionMember;
     const std::string reply = Requester(settings).ask(
         BrokerProtocol::writeList(BrokerProtocol::Key::getPolicyDecision, {client, action, name}));
-    const std::optional<Json::Value> answer = JsonText::readObject(reply);
-    if (!answer)
-        Answer::failToRead(reply);
-    if (const std::string error = Answer::textIn(*answer, Member::error); !error.empty())
+    const Json::Value answer = Answer::objectIn(reply);
+    if (const std::string error = Answer::textIn(answer, Member::error); !error.empty())
         throw Failure(ExitCode::WrongUsage, error);
-    const std::string allowed = Answer::textIn(*answer, Member::allowed);
+    const std::string allowed = Answer::textIn(answer, Member::allowed);
     if (allowed.empty())
         throw Failure(ExitCode::BadReply, "this broker has no policy");
-    return {allowed == "yes", Answer::textIn(*answer, Member::reason)};
+    return {allowed == "yes", Answer::textIn(answer, Member::reason)};
 }
 
 std::vector<std::string> Inquiry::forget(const Settings& settings, Kind kind,
@@ -138,6 +154,52 @@ std::vector<std::string> Inquiry::forget(const Settings& settings, Kind kind,
         gone.insert(gone.end(), answered.begin(), answered.end());
     }
     return gone;
+}
+
+Inquiry::Timers Inquiry::timers(const Settings& settings)
+{
+    namespace Key = BrokerProtocol::Key;
+    const std::string reply = Requester(settings).ask(BrokerProtocol::writeText(Key::getTimers, "null"));
+    const Json::Value list = listIn(reply, Key::timers);
+    Timers timers;
+    for (auto timer = list.begin(); timer != list.end(); ++timer)
+    {
+        if (!timer->isObject())
+            Answer::failToRead(reply);
+        timers[timer.name()] = timerIn(*timer);
+    }
+    return timers;
+}
+
+Inquiry::Counters Inquiry::counters(const Settings& settings)
+{
+    namespace Key = BrokerProtocol::Key;
+    const std::string reply = Requester(settings).ask(BrokerProtocol::writeText(Key::getCounters, "null"));
+    const Json::Value list = listIn(reply, Key::counters);
+    Counters counters;
+    for (auto counter = list.begin(); counter != list.end(); ++counter)
+    {
+        if (!counter->isUInt())
+            Answer::failToRead(reply);
+        counters[counter.name()] = counter->asUInt();
+    }
+    return counters;
+}
+
+std::vector<std::string> Inquiry::setTimers(const Settings& settings, const Timers& timers)
+{
+    std::vector<std::string> refused;
+    if (timers.empty())
+        return refused;
+    Requester requester(settings);
+    for (const auto& [name, timer] : timers)
+    {
+        const std::string request =
+            BrokerProtocol::writeList(BrokerProtocol::Key::setTimer, textsOf(name, timer));
+        if (requester.ask(request) == "{}")
+            refused.push_back(name);
+    }
+    return refused;
 }
 
 std::string Inquiry::versionIn(const BrokerProtocol::Statistics& statistics)

@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <limits>
+#include <utility>
 
 #include "protocol/Words.h"
 #include "statusctl/base/Failure.h"
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Duration.h"
+#include "statusctl/text/Json.h"
 
 Requester::Requester(const Settings& settings) : mSettings(settings), mSocket(mContext, zmq::socket_type::req)
 {
@@ -37,6 +39,14 @@ void Answer::failToRead(const std::string& reply)
 {
     constexpr std::size_t enough = 200;
     throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply.substr(0, enough));
+}
+
+Json::Value Answer::objectIn(const std::string& reply)
+{
+    std::optional<Json::Value> answer = JsonText::readObject(reply);
+    if (!answer)
+        failToRead(reply);
+    return std::move(*answer);
 }
 
 std::string Answer::textIn(const Json::Value& object, const char* name)

@@ -32,6 +32,10 @@ namespace Answer
 
 [[noreturn]] void failToRead(const std::string& reply);
 
+/// The object that an answer is.
+/// @throws Failure if it is none
+Json::Value objectIn(const std::string& reply);
+
 // ---- Members of what the broker tells. It may be of another version: what is missing is unknown.
 
 std::string textIn(const Json::Value& object, const char* name);

@@ -71,14 +71,19 @@ Json::Value JsonText::ofValues(const StatusMap& values)
     return root;
 }
 
-StatusMap JsonText::readValues(const std::string& text)
+Json::Value JsonText::readRoot(const std::string& text)
 {
-    const std::optional<Json::Value> root = readObject(text);
+    std::optional<Json::Value> root = readObject(text);
     if (!root)
         throw Failure(ExitCode::Failed, "not a JSON object");
+    return std::move(*root);
+}
+
+StatusMap JsonText::readValues(const Json::Value& root)
+{
     StatusMap values;
-    const Json::Value& plain = memberOf(*root, "values");
-    const Json::Value& encoded = memberOf(*root, "base64");
+    const Json::Value& plain = memberOf(root, "values");
+    const Json::Value& encoded = memberOf(root, "base64");
     if (plain.isNull() && encoded.isNull())
         throw Failure(ExitCode::Failed, R"(no "values" in it, as "statusctl dump --json" writes them)");
     for (const std::string& key : plain.getMemberNames())

@@ -25,9 +25,12 @@ std::optional<std::string> get(const Json::Value& object, const std::string& nam
 /// {"values":{KEY:VALUE,...},"base64":{KEY:BASE64,...}}; without the second where all are UTF-8.
 Json::Value ofValues(const StatusMap& values);
 
-/// Reads the text that ofValues() has made.
+/// Reads what ofValues() has made. Other members are left alone.
 /// @throws Failure, with the reason, if it is not of that shape
-StatusMap readValues(const std::string& text);
+StatusMap readValues(const Json::Value& root);
+
+/// @throws Failure if the text is no object
+Json::Value readRoot(const std::string& text);
 
 /// An object; nothing if the text is not one, or has something behind it.
 std::optional<Json::Value> readObject(const std::string& text);

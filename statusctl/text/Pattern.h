@@ -1,6 +1,7 @@
 #ifndef STATUSCTL_TEXT_PATTERN_H
 #define STATUSCTL_TEXT_PATTERN_H
 
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,15 @@ public:
 
     /// Whether one of the globs or exact names is this one.
     bool matches(const std::string& name) const;
+
+    /// Those of the names in a map that match; all if there is neither a glob nor a name.
+    template <typename Map>
+    Map matching(Map map) const
+    {
+        for (auto each = map.begin(); each != map.end();)
+            each = empty() || matches(each->first) ? std::next(each) : map.erase(each);
+        return map;
+    }
     bool matchesGlob(const std::string& name) const;
     bool isExact(const std::string& name) const;
 

@@ -3,11 +3,26 @@
 #include <string>
 
 #include "statusctl/device/Device.h"
+#include "statusctl/health/Backup.h"
+#include "statusctl/health/Inquiry.h"
 #include "statusctl/text/Output.h"
+#include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
 {
+
+void printObject(const Settings& settings, const char* name, const Json::Value& value)
+{
+    Json::Value object(Json::objectValue);
+    object[name] = value;
+    Output(settings).json(object);
+}
+
+void printPair(const Settings& settings, const std::string& name, uint64_t number)
+{
+    Output(settings).line(Text::escapedName(name) + "=" + std::to_string(number));
+}
 
 // --------------------------------------------------------------------------------------------------- timer
 
@@ -19,7 +34,8 @@ public:
         CLI::App& command = Verbs::describe(app, "timer", "Run the device's named timers, or read one",
                                             "statusctl timer restart boot\n"
                                             "statusctl timer show boot\n"
-                                            "statusctl timer show boot --seconds");
+                                            "statusctl timer show boot --seconds\n"
+                                            "statusctl timer list");
         command.require_subcommand(1);
         addAction(command, "start", "Start it; it goes on from what it has", &StatusManager::startTimer);
         addAction(command, "stop", "Stop it; it keeps what it has", &StatusManager::stopTimer);
@@ -29,11 +45,19 @@ public:
         addAction(command, "restart", "Set it to 0 and start it", &StatusManager::restartTimer);
         CLI::App& show = *command.add_subcommand("show", "Print the microseconds that it has run");
         show.add_option("NAME", mName)->required();
-        show.add_flag("--seconds", mInSeconds, "Print whole seconds instead");
+        CLI::App& list = *command.add_subcommand("list", "Print all, as NAME=MICROSECONDS");
+        list.callback([this] { mIsList = true; });
+        for (CLI::App* each : {&show, &list})
+            each->add_flag("--seconds", mInSeconds, "Print whole seconds instead");
     }
 
     ExitCode run(const Settings& settings) override
     {
+        if (mIsList)
+        {
+            list(settings);
+            return ExitCode::Done;
+        }
         Device device(settings);
         if (mAction == nullptr)
         {
@@ -60,9 +84,8 @@ private:
         Output output(settings);
         const uint64_t elapsed =
             device.ask([&](StatusManager& manager) { return manager.getTimerElapsed(mName); });
-        constexpr uint64_t microseconds = 1000000;
         if (!settings.isJson())
-            return output.number({}, mInSeconds ? elapsed / microseconds : elapsed);
+            return output.number({}, inUnits(elapsed));
         Json::Value object(Json::objectValue);
         object["elapsed"] = static_cast<Json::UInt64>(elapsed);
         object["lastStarted"] = static_cast<Json::UInt64>(
@@ -70,8 +93,24 @@ private:
         output.json(object);
     }
 
+    void list(const Settings& settings) const
+    {
+        const Inquiry::Timers timers = Inquiry::timers(settings);
+        if (settings.isJson())
+            return printObject(settings, BrokerProtocol::Key::timers, MeasuresJson::of(timers));
+        for (const auto& [name, timer] : timers)
+            printPair(settings, name, inUnits(timer.elapsed));
+    }
+
+    uint64_t inUnits(uint64_t microseconds) const
+    {
+        constexpr uint64_t second = 1000000;
+        return mInSeconds ? microseconds / second : microseconds;
+    }
+
     std::string mName;
-    Action mAction = nullptr; // none: show
+    Action mAction = nullptr; // none: show or list
+    bool mIsList = false;
     bool mInSeconds = false;
 };
 
@@ -86,7 +125,8 @@ public:
             Verbs::describe(app, "counter", "Count, or read and set the device's named counters",
                             "statusctl counter add restarts\n"
                             "statusctl counter get restarts\n"
-                            "statusctl counter set restarts 0");
+                            "statusctl counter set restarts 0\n"
+                            "statusctl counter list");
         command.require_subcommand(1);
         constexpr uint32_t most = 1000000;
         add(command, "get", "Print its value", &Counters::get);
@@ -98,10 +138,16 @@ public:
             .add_option("N", mNumber)
             ->required()
             ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
+        command.add_subcommand("list", "Print all, as NAME=VALUE");
     }
 
     ExitCode run(const Settings& settings) override
     {
+        if (mAction == nullptr)
+        {
+            list(settings);
+            return ExitCode::Done;
+        }
         Device device(settings);
         if (const std::optional<uint32_t> value = (this->*mAction)(device))
             Output(settings).number("value", *value);
@@ -134,14 +180,23 @@ private:
 
     std::optional<uint32_t> set(Device& device) const
     {
-        device.manager().setCounterValue(mName, mNumber);
+        device.setCounter(mName, mNumber);
         device.confirm();
         return std::nullopt;
     }
 
+    static void list(const Settings& settings)
+    {
+        const Inquiry::Counters counters = Inquiry::counters(settings);
+        if (settings.isJson())
+            return printObject(settings, BrokerProtocol::Key::counters, MeasuresJson::of(counters));
+        for (const auto& [name, value] : counters)
+            printPair(settings, name, value);
+    }
+
     std::string mName;
     uint32_t mNumber = 1;
-    Action mAction = nullptr;
+    Action mAction = nullptr; // none: list
 };
 
 } // namespace

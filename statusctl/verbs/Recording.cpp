@@ -100,12 +100,14 @@ public:
         CLI::App& command =
             Verbs::describe(app, "replay", "Post what \"record\" has written, at the pace of then",
                             "statusctl replay day.jsonl\n"
-                            "statusctl replay day.jsonl --speed 60");
+                            "statusctl replay day.jsonl --speed 60\n"
+                            "statusctl replay --dry-run day.jsonl");
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
         command.add_option("--speed", mSpeed, "So many times as fast; 0 for as fast as the broker takes it")
             ->type_name("X")
             ->check(CLI::Validator(checkSpeed, ""))
             ->capture_default_str();
+        command.add_flag("--dry-run", mDryRun, "Only read and check the file");
     }
 
     ExitCode run(const Settings& settings) override
@@ -116,7 +118,9 @@ public:
         std::istream& lines = mFile == "-" ? std::cin : file;
         if (mFile != "-" && !file.is_open())
             throw Failure(ExitCode::Failed, "cannot read " + mFile);
-        Device device(settings);
+        std::optional<Device> device;
+        if (!mDryRun)
+            device.emplace(settings);
         uint64_t posted = 0;
         uint64_t number = 0;
         for (std::string line; std::getline(lines, line);)
@@ -128,16 +132,20 @@ public:
                               mFile + ":" + std::to_string(number) + ": not a line of a recording");
             if (change->kind == Change::Kind::Synced || change->kind == Change::Kind::Stale)
                 continue;
+            ++posted;
+            if (!device)
+                continue;
             waitFor(*change);
-            post(device, *change);
+            post(*device, *change);
             // Posts that nobody has confirmed are dropped when there are too many.
             constexpr uint64_t unconfirmed = 250;
-            if (++posted % unconfirmed == 0)
-                device.confirm();
+            if (posted % unconfirmed == 0)
+                device->confirm();
         }
         if (lines.bad())
             throw Failure(ExitCode::Failed, "cannot read " + mFile);
-        device.confirm();
+        if (device)
+            device->confirm();
         if (!settings.quiet)
             Output(settings).number("posted", posted);
         return ExitCode::Done;
@@ -178,6 +186,7 @@ private:
 
     std::string mFile;
     double mSpeed = 1;
+    bool mDryRun = false;
     std::optional<Timestamp::Time> mFirst;
     std::chrono::steady_clock::time_point mBegin;
 };

@@ -1,8 +1,12 @@
 #include <algorithm>
 
+#include "statusctl/device/Device.h"
 #include "statusctl/health/Inquiry.h"
-#include "statusctl/health/OpenMetrics.h"
+#include "statusctl/health/Metrics.h"
+#include "statusctl/text/Json.h"
 #include "statusctl/text/Output.h"
+#include "statusctl/text/OutputFile.h"
+#include "statusctl/text/Pattern.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/Verb.h"
 
@@ -16,27 +20,61 @@ class Stats : public IVerb
 public:
     explicit Stats(CLI::App& app)
     {
-        CLI::App& command =
-            Verbs::describe(app, "stats", "Print what the broker counts about itself",
-                            "statusctl stats\n"
-                            "statusctl stats --openmetrics > /var/lib/node_exporter/status.prom");
-        command.add_flag("--openmetrics", mOpenMetrics, "In the text format that monitoring systems read");
+        CLI::App& command = Verbs::describe(
+            app, "stats", "Print what the broker counts about itself",
+            "statusctl stats\n"
+            "statusctl stats --prometheus --output /run/metrics/status.prom\n"
+            "statusctl stats --prometheus --values 'net.*' --values 'disk.*'",
+            "The formats for monitoring systems are the text format 0.0.4, which node_exporter's\n"
+            "textfile collector reads, too, and OpenMetrics 1.0. A value of the device is exported\n"
+            "if it is a decimal number, as statusbroker_value{key=\"net.speed\"}; of these the first\n"
+            "1000, in the order of their keys.");
+        CLI::Option* prometheus =
+            command.add_flag("--prometheus", mPrometheus, "In the text format that Prometheus reads");
+        command.add_flag("--openmetrics", mOpenMetrics, "In the format of OpenMetrics")->excludes(prometheus);
+        command
+            .add_option("--values", mValues,
+                        "Export the device's own values whose keys match, too; may be given several times")
+            ->type_name("GLOB")
+            ->expected(1)
+            ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+        command
+            .add_option("--output", mFile,
+                        "Write to this file instead: beside it first, so that no reader sees a part")
+            ->type_name("FILE");
     }
 
     ExitCode run(const Settings& settings) override
     {
+        const bool isMetrics = mPrometheus || mOpenMetrics;
+        if (!mValues.empty() && !isMetrics)
+            throw Failure(ExitCode::WrongUsage, "--values goes with --prometheus or --openmetrics");
         const Statistics statistics = Inquiry::statistics(settings);
-        Output output(settings);
-        if (mOpenMetrics)
-            output.line(OpenMetrics::write(statistics));
+        std::string text;
+        if (isMetrics)
+            text = Metrics::write(mPrometheus ? Metrics::Format::Prometheus : Metrics::Format::OpenMetrics,
+                                  statistics, values(settings));
         else if (settings.isJson())
-            output.json(toJson(statistics));
+            text = JsonText::write(toJson(statistics), settings.json);
         else
-            printTable(output, statistics);
+            text = table(statistics);
+        if (mFile.empty() || mFile == "-")
+            Output(settings).line(text);
+        else
+            OutputFile::replace(mFile, text + '\n');
         return ExitCode::Done;
     }
 
 private:
+    std::optional<StatusMap> values(const Settings& settings) const
+    {
+        if (mValues.empty())
+            return std::nullopt;
+        Device device(settings);
+        return Pattern(mValues).matching(
+            device.ask([](StatusManager& manager) { return manager.getClientInfo(); }));
+    }
+
     static Json::Value toJson(const Statistics& statistics)
     {
         Json::Value object(Json::objectValue);
@@ -45,13 +83,15 @@ private:
         return object;
     }
 
-    static void printTable(Output& output, const Statistics& statistics)
+    static std::string table(const Statistics& statistics)
     {
         std::size_t width = 0;
         for (const auto& [name, number] : statistics)
             width = std::max(width, Text::escapedName(name).size());
+        std::string text;
         for (const auto& [name, number] : statistics)
-            output.line(row(Text::escapedName(name), width, std::to_string(number)));
+            text += (text.empty() ? "" : "\n") + row(Text::escapedName(name), width, std::to_string(number));
+        return text;
     }
 
     static std::string row(const std::string& name, std::size_t width, const std::string& number)
@@ -61,7 +101,10 @@ private:
         return name + blanks + number;
     }
 
+    bool mPrometheus = false;
     bool mOpenMetrics = false;
+    std::vector<std::string> mValues;
+    std::string mFile;
 };
 
 } // namespace

@@ -1,10 +1,12 @@
-// dump and load: all values out, and in again.
+// dump and load: the state of the device out, and in again.
 
+#include <algorithm>
 #include <cstdio>
-#include <iterator>
+#include <set>
 #include <unistd.h>
 
 #include "statusctl/device/Device.h"
+#include "statusctl/health/Backup.h"
 #include "statusctl/text/Input.h"
 #include "statusctl/text/Json.h"
 #include "statusctl/text/Output.h"
@@ -27,22 +29,29 @@ public:
                                             "statusctl dump\n"
                                             "statusctl dump 'net.*' 'disk.?'\n"
                                             "statusctl dump --long 'net.*'\n"
-                                            "statusctl dump --json > backup.json");
+                                            "statusctl dump --json > backup.json\n"
+                                            "statusctl dump --all --json > backup.json");
         command.add_option("GLOB", mGlobs, "Only keys that match one of these");
         command.add_flag("--keys", mKeysOnly, "Print the keys alone");
         command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
             ->excludes("--keys");
+        command.add_flag("--all", mIsAll, "Print timers (microseconds) and counters, too")
+            ->excludes("--keys")
+            ->excludes("--long");
     }
 
     ExitCode run(const Settings& settings) override
     {
         const Pattern pattern(mGlobs);
         Device device(settings);
-        StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
-        for (auto value = values.begin(); value != values.end();)
-            value = pattern.empty() || pattern.matches(value->first) ? std::next(value) : values.erase(value);
+        const StatusMap values =
+            pattern.matching(device.ask([](StatusManager& manager) { return manager.getClientInfo(); }));
         Output output(settings);
-        if (mIsLong)
+        if (mIsAll)
+            printAll(output, settings,
+                     {values, pattern.matching(Inquiry::timers(settings)),
+                      pattern.matching(Inquiry::counters(settings))});
+        else if (mIsLong)
             DetailsText::printLong(output, settings, Details::of(settings, keysOf(values)));
         else if (mKeysOnly)
             printKeys(output, settings, values);
@@ -74,7 +83,20 @@ private:
             output.json(list);
     }
 
+    // No key is shown with a blank in it, so lines of timers and counters differ from those of values.
+    static void printAll(Output& output, const Settings& settings, const Backup& backup)
+    {
+        if (settings.isJson())
+            return output.json(backup.toJson());
+        output.values(backup.values);
+        for (const auto& [name, timer] : *backup.timers)
+            output.line("timer " + Text::escapedName(name) + "=" + std::to_string(timer.elapsed));
+        for (const auto& [name, counter] : *backup.counters)
+            output.line("counter " + Text::escapedName(name) + "=" + std::to_string(counter));
+    }
+
     std::vector<std::string> mGlobs;
+    bool mIsAll = false;
     bool mKeysOnly = false;
     bool mIsLong = false;
 };
@@ -118,30 +140,117 @@ class Load : public IVerb
 public:
     explicit Load(CLI::App& app)
     {
-        CLI::App& command = Verbs::describe(app, "load", "Post values that \"dump --json\" has written",
-                                            "statusctl load backup.json\n"
-                                            "statusctl -t 1m load - < backup.json\n"
-                                            "statusctl load --dry-run backup.json");
+        CLI::App& command =
+            Verbs::describe(app, "load", "Put back what \"dump --json\" has written",
+                            "statusctl load backup.json\n"
+                            "statusctl -t 1m load - < backup.json\n"
+                            "statusctl load --dry-run backup.json\n"
+                            "statusctl load --replace backup.json",
+                            "Timers and counters are put back where the file has them, as after \"dump "
+                            "--all\". A timer that ran\n"
+                            "goes on from what it had then. With --replace, keys that the file lacks are "
+                            "forgotten; timers and\n"
+                            "counters also, but only where the file has some, or says that there were none.");
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
         command.add_flag("--dry-run", mDryRun, "Only read and check the file");
+        command.add_flag("--replace", mReplace, "Remove what the file lacks");
     }
 
     ExitCode run(const Settings& settings) override
     {
-        const StatusMap values = JsonText::readValues(Input::all(mFile));
+        const Backup backup = Backup::read(Input::all(mFile));
+        std::size_t removed = 0;
         if (!mDryRun)
-            post(settings, values);
+        {
+            Device device(settings);
+            post(settings, device, backup.values);
+            if (backup.counters)
+                setCounters(device, *backup.counters);
+            if (backup.timers)
+                setTimers(settings, *backup.timers);
+            if (mReplace)
+                removed = removeOthers(settings, device, backup);
+        }
         if (!settings.quiet)
-            Output(settings).number("loaded", values.size());
+            print(settings, backup.names(), removed);
         return ExitCode::Done;
     }
 
 private:
+    void print(const Settings& settings, std::size_t loaded, std::size_t removed) const
+    {
+        Output output(settings);
+        if (!mReplace || mDryRun)
+            return output.number("loaded", loaded);
+        if (!settings.isJson())
+            return output.line(std::to_string(loaded) + " loaded, " + std::to_string(removed) + " removed");
+        Json::Value object(Json::objectValue);
+        object["loaded"] = static_cast<Json::UInt64>(loaded);
+        object["removed"] = static_cast<Json::UInt64>(removed);
+        output.json(object);
+    }
+
+    // Posts that nobody has confirmed are dropped when there are too many.
+    static void setCounters(Device& device, const Inquiry::Counters& counters)
+    {
+        constexpr std::size_t unconfirmed = 250;
+        std::size_t posted = 0;
+        for (const auto& [name, number] : counters)
+        {
+            device.setCounter(name, number);
+            if (++posted % unconfirmed == 0)
+                device.confirm();
+        }
+        device.confirm();
+    }
+
+    static void setTimers(const Settings& settings, const Inquiry::Timers& timers)
+    {
+        check("the broker did not take", "timers", Inquiry::setTimers(settings, timers));
+    }
+
+    // Only what this client may see.
+    static std::size_t removeOthers(const Settings& settings, Device& device, const Backup& backup)
+    {
+        const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
+        std::size_t removed = remove(settings, Inquiry::Kind::Values, values, backup.values);
+        if (backup.timers)
+            removed += remove(settings, Inquiry::Kind::Timers, Inquiry::timers(settings), *backup.timers);
+        if (backup.counters)
+            removed +=
+                remove(settings, Inquiry::Kind::Counters, Inquiry::counters(settings), *backup.counters);
+        return removed;
+    }
+
+    template <typename Map>
+    static std::size_t remove(const Settings& settings, Inquiry::Kind kind, const Map& there, const Map& kept)
+    {
+        std::vector<std::string> others;
+        for (const auto& [name, value] : there)
+        {
+            if (kept.find(name) == kept.end())
+                others.push_back(name);
+        }
+        const std::vector<std::string> gone = Inquiry::forget(settings, kind, others);
+        const std::set<std::string> isGone(gone.begin(), gone.end());
+        const auto hasGone = [&](const std::string& name) { return isGone.count(Text::valid(name)) != 0; };
+        others.erase(std::remove_if(others.begin(), others.end(), hasGone), others.end());
+        check("the policy does not let this client remove", "names", others);
+        return gone.size();
+    }
+
+    static void check(const std::string& problem, const std::string& what,
+                      const std::vector<std::string>& refused)
+    {
+        if (!refused.empty())
+            throw Failure(ExitCode::Failed, problem + " " + std::to_string(refused.size()) + " " + what +
+                                                ", \"" + refused.front() + "\" for example");
+    }
+
     // Each batch is confirmed before the next one goes, so none is dropped on the way.
-    static void post(const Settings& settings, const StatusMap& values)
+    static void post(const Settings& settings, Device& device, const StatusMap& values)
     {
         constexpr std::size_t batchBytes = std::size_t{32} * 1024;
-        Device device(settings);
         const ProgressBar progress(settings, values.size());
         StatusMap batch;
         std::size_t bytes = 0;
@@ -163,6 +272,7 @@ private:
 
     std::string mFile;
     bool mDryRun = false;
+    bool mReplace = false;
 };
 
 } // namespace

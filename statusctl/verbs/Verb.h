@@ -46,6 +46,9 @@ std::unique_ptr<IVerb> addRecord(CLI::App& app);
 std::unique_ptr<IVerb> addReplay(CLI::App& app);
 std::unique_ptr<IVerb> addTop(CLI::App& app);
 std::unique_ptr<IVerb> addDoctor(CLI::App& app);
+std::unique_ptr<IVerb> addSandbox(CLI::App& app);
+std::unique_ptr<IVerb> addCompletion(CLI::App& app);
+std::unique_ptr<IVerb> addHelp(CLI::App& app);
 
 /// The command with its help.
 /// @param examples one a line

@@ -105,6 +105,12 @@ TEST_F(RequestReading, everyRequestOfTheClientIsRead)
     EXPECT_EQ(command.operation, Operation::GetBrokerStatistics);
     ASSERT_TRUE(readsRequest(writeText(Key::getBrokerClients, "null")));
     EXPECT_EQ(command.operation, Operation::GetBrokerClients);
+    ASSERT_TRUE(readsRequest(writeText(Key::getTimers, "null")));
+    EXPECT_EQ(command.operation, Operation::GetTimers);
+    ASSERT_TRUE(readsRequest(writeText(Key::getCounters, "null")));
+    EXPECT_EQ(command.operation, Operation::GetCounters);
+    ASSERT_TRUE(readsRequest(writeList(Key::setTimer, {"t", "5", "0", "stopped"})));
+    EXPECT_EQ(command.operation, Operation::SetTimer);
     ASSERT_TRUE(readsRequest(writeList(Key::getPolicyDecision, {"web", "post", "a"})));
     EXPECT_EQ(command.operation, Operation::GetPolicyDecision);
     for (const auto& [key, operation] : {std::pair{Key::forgetStatus, Operation::ForgetStatus},
@@ -158,7 +164,7 @@ TEST_F(Reading, nothingElseIsANotification)
 
 TEST_F(Reading, everyOperationHasTheNameByWhichItIsRead)
 {
-    for (auto index = 0; index <= static_cast<int>(Operation::ForgetCounters); ++index)
+    for (auto index = 0; index <= static_cast<int>(Operation::SetTimer); ++index)
     {
         const auto operation = static_cast<Operation>(index);
         const std::string name = nameOf(operation);

@@ -120,7 +120,10 @@ inline const Forms requests{{BrokerProtocol::Key::getClientInfo, readText},
                             {BrokerProtocol::Key::getStatusDetails, readTexts},
                             {BrokerProtocol::Key::forgetStatus, readTexts},
                             {BrokerProtocol::Key::forgetTimers, readTexts},
-                            {BrokerProtocol::Key::forgetCounters, readTexts}};
+                            {BrokerProtocol::Key::forgetCounters, readTexts},
+                            {BrokerProtocol::Key::getTimers, readText},
+                            {BrokerProtocol::Key::getCounters, readText},
+                            {BrokerProtocol::Key::setTimer, readTexts}};
 
 inline std::optional<Meaning> read(const std::string& document, const Forms& forms)
 {

@@ -1,5 +1,6 @@
 #include "broker/Reply.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 #include "protocol/ClientDocuments.h"
@@ -169,4 +170,59 @@ TEST_F(ReplyTest, changesBetweenAnyTwoPiecesLeaveItADocument)
         ASSERT_TRUE(values) << pieceBytes;
         ASSERT_EQ(values->size(), 100U) << pieceBytes;
     }
+}
+
+// ------------------------------------------------------------------------------------ timers and counters
+
+TEST_F(ReplyTest, ofTimersHoldsWhatEachHas)
+{
+    EXPECT_EQ(produced(Reply::ofTimers()), R"({"timers":{}})");
+    state.setTimer("b", {5, 1700000000000000, false});
+    state.setTimer("a\"", {7, 0, false});
+    EXPECT_EQ(produced(Reply::ofTimers()),
+              R"({"timers":{"a\"":{"elapsed":7,"lastStarted":0,"running":0},)"
+              R"("b":{"elapsed":5,"lastStarted":1700000000000000,"running":0}}})");
+    state.startTimer("b");
+    EXPECT_NE(produced(Reply::ofTimers()).find(R"("running":1)"), std::string::npos);
+}
+
+TEST_F(ReplyTest, ofCountersHoldsEachWithAllThatItCounts)
+{
+    EXPECT_EQ(produced(Reply::ofCounters()), R"({"counters":{}})");
+    state.setCounter("b", 4294967295U);
+    state.setCounter("a", 0);
+    EXPECT_EQ(produced(Reply::ofCounters()), R"({"counters":{"a":0,"b":4294967295}})");
+}
+
+TEST_F(ReplyTest, ofCountersLeavesOutWhatIsNotShown)
+{
+    state.setCounter("a", 1);
+    state.setCounter("b", 2);
+    state.setCounter("c", 3);
+    const auto shows = [](Reply::Kind kind, std::string_view name)
+    { return kind == Reply::Kind::Measure && name == "b"; };
+    std::string bytes;
+    EXPECT_TRUE(Reply::ofCounters().produce(state, shows, 1000, bytes));
+    EXPECT_EQ(textOf(bytes), R"({"counters":{"b":2}})");
+}
+
+// A connection holds a piece of it, however many there are.
+TEST_F(ReplyTest, ofCountersIsProducedAsItIsRead)
+{
+    constexpr std::size_t pieceBytes = 1000;
+    for (std::size_t number = 0; number < limits.counters; ++number)
+        state.setCounter("counter" + std::to_string(number), 1);
+    Reply reply = Reply::ofCounters();
+    std::string bytes;
+    std::size_t pieces = 0;
+    for (bool isLast = false; !isLast; ++pieces)
+    {
+        const std::size_t before = bytes.size();
+        isLast = reply.produce(state, {}, pieceBytes, bytes);
+        ASSERT_LT(bytes.size() - before, 4 * pieceBytes);
+        ASSERT_LT(reply.heldBytes(), 4 * pieceBytes);
+    }
+    EXPECT_GT(pieces, 10U);
+    const std::string text = textOf(bytes);
+    EXPECT_EQ(std::count(text.begin(), text.end(), ':'), static_cast<int>(limits.counters) + 1);
 }

@@ -16,7 +16,7 @@ std::string reasonToRefuse(const std::string& text)
 {
     try
     {
-        JsonText::readValues(text);
+        JsonText::readValues(JsonText::readRoot(text));
     }
     catch (const Failure& failure)
     {
@@ -48,14 +48,15 @@ TEST(JsonTest, hiddenCharactersAreEscaped)
 TEST(JsonTest, whatIsEscapedIsReadBack)
 {
     const StatusMap values{{"a\u200b", "\u009b\u007f\u2028\U0001bca0\U000e0041 \\u202e \u202e"}};
-    EXPECT_EQ(JsonText::readValues(shortly(values)), values);
+    EXPECT_EQ(JsonText::readValues(JsonText::readRoot(shortly(values))), values);
 }
 
 TEST(JsonTest, valuesAreReadBack)
 {
     const StatusMap values{{"door", "Tür"}, {"empty", ""}, {"raw", "\xff\n"}, {"quote", "\"\\\n"}};
-    EXPECT_EQ(JsonText::readValues(shortly(values)), values);
-    EXPECT_EQ(JsonText::readValues(JsonText::write(JsonText::ofValues(values), Settings::Json::Pretty)),
+    EXPECT_EQ(JsonText::readValues(JsonText::readRoot(shortly(values))), values);
+    EXPECT_EQ(JsonText::readValues(
+                  JsonText::readRoot(JsonText::write(JsonText::ofValues(values), Settings::Json::Pretty))),
               values);
 }
 

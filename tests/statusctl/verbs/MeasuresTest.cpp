@@ -81,3 +81,30 @@ TEST_F(MeasuresTest, whatIsNoCountIsWrongUsage)
     EXPECT_EQ(statusctl({"counter", "count", "starts"}).code, 2);
     EXPECT_EQ(statusctl({"timer", "show"}).code, 2);
 }
+
+TEST_F(MeasuresTest, countersAreListed)
+{
+    EXPECT_EQ(statusctl({"counter", "list"}), success(""));
+    EXPECT_EQ(statusctl({"counter", "list", "--json"}), success("{\"counters\":{}}\n"));
+    statusctl({"counter", "set", "starts", "4294967295"});
+    statusctl({"counter", "add", "two words"});
+    EXPECT_EQ(statusctl({"counter", "list"}), success("starts=4294967295\ntwo\\x20words=1\n"));
+    EXPECT_EQ(statusctl({"counter", "list", "--json"}),
+              success("{\"counters\":{\"starts\":4294967295,\"two words\":1}}\n"));
+}
+
+TEST_F(MeasuresTest, timersAreListed)
+{
+    EXPECT_EQ(statusctl({"timer", "list"}), success(""));
+    statusctl({"timer", "stop", "boot"});
+    statusctl({"timer", "start", "work"});
+    const Outcome outcome = statusctl({"timer", "list"});
+    EXPECT_EQ(outcome.output.find("boot=0\nwork="), 0U) << outcome;
+    EXPECT_EQ(statusctl({"timer", "list", "--seconds"}), success("boot=0\nwork=0\n"));
+    const std::string json = statusctl({"timer", "list", "--json"}).output;
+    EXPECT_EQ(json.find("{\"timers\":{\"boot\":{\"elapsed\":0,\"lastStarted\":0,\"running\":false},"
+                        "\"work\":{\"elapsed\":"),
+              0U)
+        << json;
+    EXPECT_NE(json.find("\"running\":true}}}\n"), std::string::npos) << json;
+}

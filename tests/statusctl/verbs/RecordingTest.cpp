@@ -150,3 +150,17 @@ TEST_F(RecordingTest, aReaderThatHasGoneEndsItSilently)
     EXPECT_EQ(record.waitForExit(), 128 + SIGPIPE);
     EXPECT_EQ(record.errors(), "");
 }
+
+TEST_F(RecordingTest, aDryRunReadsAndChecksOnly)
+{
+    writeFile(mFile,
+              lineAt("01.000000", "changed", "door", "1") + lineAt("59.000000", "changed", "door", "2"));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(statusctl({"replay", "--dry-run", mFile}), success("2\n"));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(50));
+    EXPECT_EQ(statusctl({"dump"}), success(""));
+    EXPECT_EQ(statusctl({"replay", "--dry-run", "-"}, "nonsense\n"),
+              failure(1, "statusctl: replay: -:1: not a line of a recording"));
+    mBroker.stop();
+    EXPECT_EQ(statusctl({"replay", "--dry-run", mFile}), success("2\n"));
+}

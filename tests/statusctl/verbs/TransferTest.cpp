@@ -1,6 +1,8 @@
 // dump and load, against a real broker.
 
+#include <algorithm>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
@@ -87,4 +89,123 @@ TEST_F(TransferTest, aFileOfAnotherShapeIsRefusedAndPostsNothing)
 TEST_F(TransferTest, quietLeavesTheCountOut)
 {
     EXPECT_EQ(statusctl({"-q", "load", "-"}, R"({"values":{"a":"1"}})"), success(""));
+}
+
+// ---- timers and counters
+
+TEST_F(TransferTest, dumpPrintsTimersAndCountersIfAsked)
+{
+    statusctl({"set", "a", "1"});
+    statusctl({"timer", "stop", "boot"});
+    statusctl({"counter", "set", "starts", "3"});
+    EXPECT_EQ(statusctl({"dump"}), success("a=1\n"));
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("a=1\ntimer boot=0\ncounter starts=3\n"));
+    EXPECT_EQ(statusctl({"dump", "--all", "st*"}), success("counter starts=3\n"));
+    EXPECT_EQ(statusctl({"dump", "--all", "--json"}),
+              success("{\"counters\":{\"starts\":3},"
+                      "\"timers\":{\"boot\":{\"elapsed\":0,\"lastStarted\":0,\"running\":false}},"
+                      "\"values\":{\"a\":\"1\"}}\n"));
+    EXPECT_EQ(statusctl({"dump", "--all", "--keys"}).code, 2);
+}
+
+TEST_F(TransferTest, loadPutsTimersAndCountersBack)
+{
+    const std::string text = R"({"counters":{"faults":4294967295,"starts":3},"timers":{)"
+                             R"("boot":{"elapsed":5000000,"lastStarted":1700000000000000,"running":false},)"
+                             R"("work":{"elapsed":7000000,"lastStarted":1700000000000001,"running":true}},)"
+                             R"("values":{"a":"1"}})";
+    EXPECT_EQ(statusctl({"load", "-"}, text), success("5\n"));
+    EXPECT_EQ(statusctl({"counter", "list"}), success("faults=4294967295\nstarts=3\n"));
+    EXPECT_EQ(statusctl({"timer", "show", "boot", "--json"}),
+              success("{\"elapsed\":5000000,\"lastStarted\":1700000000000000}\n"));
+    const std::string timers = statusctl({"timer", "list", "--json"}).output;
+    EXPECT_NE(timers.find("\"lastStarted\":1700000000000001,\"running\":true"), std::string::npos) << timers;
+    EXPECT_GE(std::stoull(statusctl({"timer", "show", "work"}).output), 7000000U);
+}
+
+// Also of names that only hostile clients choose.
+TEST_F(TransferTest, whatDumpHasWrittenOfAllComesBackAsItWas)
+{
+    statusctl({"set", "a=b \n", "1"});
+    statusctl({"timer", "stop", "\"quoted\" \n"});
+    statusctl({"counter", "add", "T\u00fcr\t"});
+    const std::string dumped = statusctl({"dump", "--all", "--json"}).output;
+    mBroker.stop();
+    BrokerProcess other;
+    EXPECT_EQ(statusctl({"load", "-"}, dumped), success("3\n"));
+    EXPECT_EQ(statusctl({"dump", "--all", "--json"}).output, dumped);
+}
+
+TEST_F(TransferTest, loadLosesNoneOfManyCounters)
+{
+    std::string text;
+    for (int number = 0; number < 1000; ++number)
+        text += (number == 0 ? "\"" : ",\"") + std::string(200, 'c') + std::to_string(number) + "\":1";
+    EXPECT_EQ(statusctl({"load", "-"}, "{\"values\":{},\"counters\":{" + text + "}}"), success("1000\n"));
+    const std::string list = statusctl({"counter", "list"}).output;
+    EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), 1000);
+}
+
+TEST_F(TransferTest, aTimerOrCounterOfAnotherShapeIsRefusedAndPostsNothing)
+{
+    const auto load = [](const std::string& member) {
+        return statusctl({"load", "-"}, R"({"values":{"a":"1"},)" + member + "}");
+    };
+    EXPECT_EQ(load(R"("counters":{"c":-1})"),
+              failure(1, "statusctl: load: \"c\" is not the number of a counter"));
+    EXPECT_EQ(load(R"("counters":[])"), failure(1, "statusctl: load: \"counters\" is no object"));
+    EXPECT_EQ(load(R"("timers":{"t":5})"), failure(1, "statusctl: load: \"t\" is not a timer"));
+    EXPECT_EQ(load(R"("timers":{"t":{"elapsed":"5","lastStarted":0,"running":false}})"),
+              failure(1, "statusctl: load: \"elapsed\" of a timer is not a number of microseconds"));
+    EXPECT_EQ(load(R"("timers":{"t":{"elapsed":9007199254740992,"lastStarted":0,"running":false}})").code, 1);
+    EXPECT_EQ(statusctl({"dump"}), success(""));
+}
+
+// ---- load --replace
+
+TEST_F(TransferTest, replaceRemovesTheKeysThatTheFileLacks)
+{
+    statusctl({"set", "a", "old", "b", "2", "c", "3"});
+    statusctl({"counter", "set", "starts", "3"});
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{"a":"1"}})"),
+              success("1 loaded, 2 removed\n"));
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("a=1\ncounter starts=3\n"));
+    EXPECT_EQ(statusctl({"load", "--replace", "--json", "-"}, R"({"values":{}})"),
+              success("{\"loaded\":0,\"removed\":1}\n"));
+}
+
+TEST_F(TransferTest, replaceRemovesTimersAndCountersThatAFileWithSomeLacks)
+{
+    statusctl({"timer", "stop", "boot"});
+    statusctl({"counter", "set", "starts", "3"});
+    statusctl({"counter", "set", "faults", "1"});
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{},"counters":{"starts":4},"timers":{}})"),
+              success("1 loaded, 2 removed\n"));
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("counter starts=4\n"));
+}
+
+TEST_F(TransferTest, aDryRunRemovesNothing)
+{
+    statusctl({"set", "b", "2"});
+    EXPECT_EQ(statusctl({"load", "--replace", "--dry-run", "-"}, R"({"values":{"a":"1"}})"), success("1\n"));
+    EXPECT_EQ(statusctl({"dump"}), success("b=2\n"));
+}
+
+TEST_F(TransferTest, whatThePolicyKeepsIsAFailureOfReplaceAndOfTimers)
+{
+    writeFile(mFolder / "policy", "[[rule]]\nuser = " + std::to_string(geteuid()) +
+                                      "\ndeny = [\"forget\", \"timer\"]\nkeys = \"kept.*\"\n");
+    mBroker.stop();
+    BrokerProcess policed({"--policy", mFolder / "policy"});
+    statusctl({"set", "kept.a", "1", "kept.b", "2", "c", "3"});
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{}})"),
+              failure(1,
+                      "statusctl: load: the policy does not let this client remove 2 names, \"kept.a\" for "
+                      "example"));
+    EXPECT_EQ(statusctl({"dump"}), success("kept.a=1\nkept.b=2\n"));
+    const std::string timer = R"({"elapsed":5,"lastStarted":0,"running":false})";
+    EXPECT_EQ(
+        statusctl({"load", "-"}, R"({"values":{},"timers":{"kept.t":)" + timer + R"(,"u":)" + timer + "}}"),
+        failure(1, "statusctl: load: the broker did not take 1 timers, \"kept.t\" for example"));
+    EXPECT_EQ(statusctl({"timer", "list"}), success("u=5\n"));
 }

@@ -1,0 +1,79 @@
+#include "statusctl/base/Descendants.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "statusctl/base/SignalsBlocked.h"
+
+namespace
+{
+
+namespace fs = std::filesystem;
+
+// From "12 (name) S 11 ...", where the name may be anything.
+pid_t parentOf(const fs::path& process)
+{
+    std::ifstream file(process / "stat");
+    std::string text;
+    std::getline(file, text);
+    const std::size_t name = text.rfind(')');
+    if (name == std::string::npos)
+        return 0;
+    std::istringstream words(text.substr(name + 1));
+    char state = 0;
+    pid_t parent = 0;
+    words >> state >> parent;
+    return parent;
+}
+
+std::set<pid_t> children()
+{
+    std::set<pid_t> found;
+    std::error_code error;
+    for (fs::directory_iterator process("/proc", error), end; !error && process != end;
+         process.increment(error))
+    {
+        const std::string name = process->path().filename();
+        if (name.find_first_not_of("0123456789") == std::string::npos &&
+            parentOf(process->path()) == getpid())
+            found.insert(static_cast<pid_t>(std::atol(name.c_str())));
+    }
+    return found;
+}
+
+// One that has become another user, as by sudo, may not be ended, nor waited for.
+bool end(pid_t child)
+{
+    return kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child;
+}
+
+} // namespace
+
+Descendants::Descendants() : mInherited(children())
+{
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+// The children of one that ends have become ours when it has been waited for.
+Descendants::~Descendants()
+{
+    const SignalsBlocked blocked; // or some would be left
+    while (endChildren())
+    {
+    }
+}
+
+bool Descendants::endChildren() const
+{
+    bool hasEnded = false;
+    for (const pid_t child : children())
+        hasEnded = (mInherited.count(child) == 0 && end(child)) || hasEnded;
+    return hasEnded;
+}

@@ -1,0 +1,25 @@
+#ifndef STATUSCTL_BASE_SIGNALSBLOCKED_H
+#define STATUSCTL_BASE_SIGNALSBLOCKED_H
+
+#include <csignal>
+
+/// As long as it lives, signals to this thread wait.
+class SignalsBlocked
+{
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_BLOCK, &all, &mBefore);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &mBefore, nullptr); }
+
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t mBefore{};
+};
+
+#endif

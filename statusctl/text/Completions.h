@@ -1,0 +1,14 @@
+#ifndef STATUSCTL_TEXT_COMPLETIONS_H
+#define STATUSCTL_TEXT_COMPLETIONS_H
+
+#include <string>
+
+namespace Completions
+{
+
+/// The text of the file in completions/ for this shell: "bash", "zsh" or "fish".
+std::string of(const std::string& shell);
+
+} // namespace Completions
+
+#endif

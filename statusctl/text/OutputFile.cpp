@@ -1,0 +1,140 @@
+#include "statusctl/text/OutputFile.h"
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "statusctl/base/Failure.h"
+#include "statusctl/base/SignalsBlocked.h"
+
+namespace
+{
+
+[[noreturn]] void fail(const std::string& name)
+{
+    throw Failure(ExitCode::Failed, "cannot write " + name + ": " + std::strerror(errno));
+}
+
+/// A file that is closed again.
+class Descriptor
+{
+public:
+    Descriptor(const std::string& name, int flags)
+        : mDescriptor(open(name.c_str(), flags | O_WRONLY | O_CLOEXEC, 0666)) // without the bits of the umask
+    {
+    }
+    ~Descriptor() { close(); }
+
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+
+    int get() const { return mDescriptor; }
+
+    bool write(const std::string& text) const
+    {
+        std::size_t written = 0;
+        while (written < text.size())
+        {
+            const ssize_t size = ::write(mDescriptor, text.data() + written, text.size() - written);
+            if (size < 0 && errno != EINTR)
+                return false;
+            written += size < 0 ? 0 : static_cast<std::size_t>(size);
+        }
+        return true;
+    }
+
+    // Some file systems tell only here that a disk is full.
+    bool close()
+    {
+        const int descriptor = std::exchange(mDescriptor, -1);
+        return descriptor < 0 || ::close(descriptor) == 0;
+    }
+
+private:
+    int mDescriptor;
+};
+
+/// A new name in a folder, which goes unless it is given to keep().
+class NewFile
+{
+public:
+    // In the folder of the other one, so that it can take its place. The ending differs, as readers look for
+    // files by their ending.
+    explicit NewFile(const std::string& target) : mName(nameBeside(target)), mFile(mName, O_CREAT | O_EXCL)
+    {
+        if (mFile.get() < 0)
+            fail(target);
+    }
+    ~NewFile()
+    {
+        if (!mName.empty())
+            unlink(mName.c_str());
+    }
+
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    // Only root may give a file away; as any other user it is ours anyway.
+    void takeOver(const struct stat& before) const
+    {
+        if (fchown(mFile.get(), before.st_uid, before.st_gid) == 0 || geteuid() != 0)
+            (void)fchmod(mFile.get(), before.st_mode & 0777U); // some file systems have no modes
+    }
+
+    bool write(const std::string& text) { return mFile.write(text) && mFile.close(); }
+
+    bool takePlaceOf(const std::string& target)
+    {
+        if (rename(mName.c_str(), target.c_str()) != 0)
+            return false;
+        mName.clear();
+        return true;
+    }
+
+private:
+    // That no other process has, and that none has left behind.
+    static std::string nameBeside(const std::string& target)
+    {
+        const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
+        return target + "." + std::to_string(getpid()) + "." + std::to_string(now) + ".tmp";
+    }
+
+    std::string mName;
+    Descriptor mFile;
+};
+
+void writeTo(const std::string& name, const std::string& text)
+{
+    Descriptor file(name, 0);
+    if (file.get() < 0 || !file.write(text) || !file.close())
+        fail(name);
+}
+
+} // namespace
+
+// Not synchronised with the disk: that would wear it, and the next text comes in a minute.
+void OutputFile::replace(const std::string& name, const std::string& text)
+{
+    struct stat before
+    {
+    };
+    const bool isThere = stat(name.c_str(), &before) == 0;
+    if (isThere && !S_ISREG(before.st_mode))
+        return writeTo(name, text);
+    std::error_code error;
+    const std::string real = std::filesystem::canonical(name, error).string();
+    const std::string& target = error ? name : real;
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a full disk
+    const SignalsBlocked blocked;  // one that ended the process would leave the new file behind
+    NewFile file(target);
+    if (isThere)
+        file.takeOver(before);
+    if (!file.write(text) || !file.takePlaceOf(target))
+        fail(name);
+}

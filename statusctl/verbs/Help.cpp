@@ -1,0 +1,94 @@
+// help and completion: what is known without a broker.
+
+#include "statusctl/text/Completions.h"
+#include "statusctl/text/Output.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+// -------------------------------------------------------------------------------------------------- help
+
+class Help : public IVerb
+{
+public:
+    explicit Help(CLI::App& app) : mApp(app)
+    {
+        CLI::App& command = Verbs::describe(app, "help", "Print what \"COMMAND --help\" does",
+                                            "statusctl help\n"
+                                            "statusctl help watch\n"
+                                            "statusctl help timer start");
+        command.add_option("COMMAND", mWords, "A command, and one of those that it has");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        const CLI::App* command = &mApp;
+        std::string name = mApp.get_name();
+        for (const std::string& word : mWords)
+        {
+            const auto found =
+                command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
+            if (found.empty())
+                fail(word, name);
+            command = found.front();
+            name += " " + word;
+        }
+        std::string text = mApp.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
+        text.pop_back(); // the end of its last line
+        Output(settings).line(text);
+        return ExitCode::Done;
+    }
+
+private:
+    [[noreturn]] static void fail(const std::string& word, const std::string& name)
+    {
+        throw Failure(ExitCode::WrongUsage, "\"" + word + "\" is no command of " + name);
+    }
+
+    CLI::App& mApp;
+    std::vector<std::string> mWords;
+};
+
+// -------------------------------------------------------------------------------------------- completion
+
+class Completion : public IVerb
+{
+public:
+    explicit Completion(CLI::App& app)
+    {
+        CLI::App& command =
+            Verbs::describe(app, "completion", "Print the completion for a shell",
+                            "source <(statusctl completion bash)\n"
+                            "statusctl completion zsh > ~/.zfunc/_statusctl\n"
+                            "statusctl completion fish | source",
+                            "The same as the files that are installed, for a shell that does not "
+                            "look where they are.");
+        command.add_option("SHELL", mShell, "bash, zsh or fish")
+            ->required()
+            ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        std::string text = Completions::of(mShell);
+        text.pop_back(); // the end of its last line
+        Output(settings).line(text);
+        return ExitCode::Done;
+    }
+
+private:
+    std::string mShell;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addHelp(CLI::App& app)
+{
+    return std::make_unique<Help>(app);
+}
+
+std::unique_ptr<IVerb> Verbs::addCompletion(CLI::App& app)
+{
+    return std::make_unique<Completion>(app);
+}

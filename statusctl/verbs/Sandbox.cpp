@@ -1,0 +1,123 @@
+// sandbox: a command with a broker of its own.
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "statusctl/base/ChildCommand.h"
+#include "statusctl/base/Descendants.h"
+#include "statusctl/base/PrivateNetwork.h"
+#include "statusctl/device/Ports.h"
+#include "statusctl/text/Duration.h"
+#include "statusctl/verbs/Verb.h"
+
+namespace
+{
+
+/// A broker in this network, which dies with this process.
+class OwnBroker
+{
+public:
+    /// Returns when it serves.
+    OwnBroker(const std::string& program, const Settings& settings) : mPid(start(program))
+    {
+        const auto end = std::chrono::steady_clock::now() + settings.requestTimeout();
+        constexpr std::chrono::milliseconds pause{5};
+        while (Ports::firstClosed())
+        {
+            if (waitpid(mPid, nullptr, WNOHANG) == mPid)
+                throw Failure(ExitCode::Failed, "the broker \"" + program + "\" could not be started");
+            if (std::chrono::steady_clock::now() >= end)
+                throw Failure(ExitCode::TimedOut, "the broker did not serve within " +
+                                                      Duration::write(settings.requestTimeout()));
+            std::this_thread::sleep_for(pause);
+        }
+    }
+
+private:
+    static pid_t start(const std::string& program)
+    {
+        const pid_t parent = getpid();
+        const pid_t pid = fork();
+        if (pid < 0)
+            throw Failure(ExitCode::Failed, std::string("cannot make a process: ") + std::strerror(errno));
+        if (pid == 0)
+            become(program, parent);
+        return pid;
+    }
+
+    [[noreturn]] static void become(const std::string& program, pid_t parent)
+    {
+        constexpr int noProgram = 127;
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (getppid() == parent && nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO)
+        {
+            setsid(); // the keys of the terminal are for the command
+            execlp(program.c_str(), program.c_str(), "--log-level=2", nullptr);
+        }
+        _exit(noProgram);
+    }
+
+    const pid_t mPid;
+};
+
+class Sandbox : public IVerb
+{
+public:
+    explicit Sandbox(CLI::App& app)
+    {
+        CLI::App& command = Verbs::describe(
+            app, "sandbox", "Run a command with a broker of its own",
+            "statusctl sandbox -- ctest\n"
+            "statusctl sandbox -- sh -c 'statusctl set door open; ./door-test'",
+            "Both run in a network of their own, where the broker's ports are free: so several sandboxes "
+            "run\n"
+            "side by side, beside the device's own broker. The command reaches no other machine, nor other\n"
+            "programs of this one by IP. The broker knows no value at first, keeps nothing, has no policy, "
+            "and\n"
+            "logs from level 2 on. Takes no rights where the kernel lets users make namespaces. Exits as "
+            "the\n"
+            "command does; then all that it has left running is ended.");
+        command
+            .add_option("--broker", mBroker,
+                        "The broker's program, if not that beside this one or in the PATH")
+            ->type_name("PROGRAM");
+    }
+
+    ExitCode run(const Settings& settings) override
+    {
+        if (settings.command.empty())
+            throw Failure(ExitCode::WrongUsage, "the command is missing: sandbox -- COMMAND");
+        enterPrivateNetwork();
+        const Descendants descendants;
+        const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
+        return static_cast<ExitCode>(ChildCommand(settings.command).wait());
+    }
+
+private:
+    // Installed together, they fit.
+    static std::string usualBroker()
+    {
+        std::error_code error;
+        const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+        const std::string beside = (self.parent_path() / "statusbroker").string();
+        return !error && access(beside.c_str(), X_OK) == 0 ? beside : "statusbroker";
+    }
+
+    std::string mBroker;
+};
+
+} // namespace
+
+std::unique_ptr<IVerb> Verbs::addSandbox(CLI::App& app)
+{
+    return std::make_unique<Sandbox>(app);
+}

@@ -1,0 +1,187 @@
+// sandbox, beside a real broker.
+
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <unistd.h>
+
+#include "tests/statusctl/Tool.h"
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace
+{
+
+// Of the network that this process is in, so it needs a namespace here, too.
+bool canSandbox()
+{
+    TestProcess trial({"/usr/bin/env", "unshare", geteuid() == 0 ? "--net" : "--user", "true"});
+    return trial.waitForExit() == 0;
+}
+
+class SandboxTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!canSandbox())
+            GTEST_SKIP() << "this kernel does not let this user make namespaces";
+    }
+
+    static Words sandboxed(const Words& command)
+    {
+        Words words{"sandbox", "--broker", STATUSBROKER, "--"};
+        words.insert(words.end(), command.begin(), command.end());
+        return words;
+    }
+
+    // A shell in it, which finds the tool as $0.
+    static Words shell(const std::string& line) { return sandboxed({"sh", "-c", line, STATUSCTL}); }
+
+    static bool isThere(pid_t process) { return kill(process, 0) == 0; }
+
+    BrokerProcess mBroker;
+};
+
+} // namespace
+
+TEST_F(SandboxTest, aCommandHasABrokerOfItsOwn)
+{
+    statusctl({"set", "door", "open"});
+    EXPECT_EQ(statusctl(shell("$0 get door --default none; $0 set door shut lamp on; $0 dump")),
+              success("none\ndoor=shut\nlamp=on\n"));
+    EXPECT_EQ(statusctl({"dump"}), success("door=open\n"));
+}
+
+TEST_F(SandboxTest, twoRunSideBySide)
+{
+    const std::string line = "$0 set door $1; echo ready; read -r go; $0 get door";
+    TestProcess one(commandOf(sandboxed({"sh", "-c", line, STATUSCTL, "1"})));
+    TestProcess other(commandOf(sandboxed({"sh", "-c", line, STATUSCTL, "2"})));
+    EXPECT_EQ(one.readLine(), "ready");
+    EXPECT_EQ(other.readLine(), "ready");
+    one.writeLine("go");
+    other.writeLine("go");
+    EXPECT_EQ(one.readLine(), "1");
+    EXPECT_EQ(other.readLine(), "2");
+    EXPECT_EQ(one.waitForExit(), 0);
+    EXPECT_EQ(other.waitForExit(), 0);
+}
+
+TEST_F(SandboxTest, theExitCodeIsTheCommands)
+{
+    EXPECT_EQ(statusctl(sandboxed({"true"})), success(""));
+    EXPECT_EQ(statusctl(shell("exit 42")).code, 42);
+    EXPECT_EQ(statusctl(shell("kill -KILL $$")).code, 128 + SIGKILL);
+    EXPECT_EQ(statusctl(sandboxed({"no-such-program"})),
+              failure(127, "statusctl: sandbox: cannot run \"no-such-program\": No such file or directory"));
+}
+
+TEST_F(SandboxTest, signalsReachTheCommand)
+{
+    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1})
+    {
+        TestProcess tool(commandOf(
+            shell("trap 'exit 3' TERM HUP INT QUIT USR1; echo begun; while :; do sleep 0.01; done")));
+        EXPECT_EQ(tool.readLine(), "begun");
+        tool.signal(number);
+        EXPECT_EQ(tool.waitForExit(), 3) << number;
+    }
+}
+
+// Neither the broker nor what the command has started, however far from it.
+TEST_F(SandboxTest, nothingIsLeftBehind)
+{
+    const TemporaryFolder folder;
+    const std::string pipe = folder / "pipe";
+    const Outcome outcome = statusctl(
+        shell("mkfifo " + pipe +
+              "; setsid sh -c 'trap \"\" TERM HUP; (sleep 1000 & echo $!); echo $$; sleep 1001; :' >" + pipe +
+              " & exec <" + pipe + "; read -r one; echo $one; read -r other; echo $other"));
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    Words processes;
+    std::istringstream lines(outcome.output);
+    for (std::string line; std::getline(lines, line);)
+    {
+        processes.push_back(line);
+        EXPECT_FALSE(isThere(std::stoi(line))) << line;
+    }
+    EXPECT_EQ(processes.size(), 2U) << outcome;
+}
+
+// It has become what "exec" of a shell made of it.
+TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
+{
+    Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
+    const Words tool = commandOf(sandboxed({"true"}));
+    command.insert(command.end(), tool.begin(), tool.end());
+    TestProcess process(command);
+    const pid_t child = std::stoi(process.readLine().value_or("0"));
+    EXPECT_EQ(process.waitForExit(), 0) << process.errors();
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(kill(child, SIGKILL), 0);
+}
+
+TEST_F(SandboxTest, theBrokerDiesWithTheTool)
+{
+    TestProcess tool(commandOf(shell("cat /proc/$PPID/task/$PPID/children; echo; read -r line")));
+    std::istringstream children(tool.readLine().value_or(""));
+    pid_t broker = 0;
+    ASSERT_TRUE(children >> broker); // the first that it has started
+    ASSERT_TRUE(isThere(broker));
+    tool.signal(SIGKILL);
+    tool.waitForExit();
+    EXPECT_TRUE(eventually([&] { return !isThere(broker); }));
+}
+
+TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
+{
+    EXPECT_EQ(statusctl({"sandbox", "--broker", "/bin/false", "--", "echo", "run"}),
+              failure(1, "statusctl: sandbox: the broker \"/bin/false\" could not be started"));
+    EXPECT_EQ(statusctl({"-t", "300ms", "sandbox", "--broker", "/bin/cat", "--", "echo", "run"}).code, 1);
+}
+
+TEST_F(SandboxTest, aCommandIsNeeded)
+{
+    EXPECT_EQ(statusctl({"sandbox"}),
+              failure(2, "statusctl: sandbox: the command is missing: sandbox -- COMMAND"));
+}
+
+// Only root can become another user. ThreadSanitizer runs a thread of its own, and the kernel gives a process
+// with several no user namespace.
+TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "needs a process of one thread";
+#endif
+    const Words asNobody{"/usr/bin/env", "setpriv", "--reuid=12345", "--regid=12345", "--clear-groups"};
+    Words trial = asNobody;
+    trial.insert(trial.end(), {"unshare", "--user", "--net", "test", "-x", STATUSCTL});
+    if (geteuid() != 0 || TestProcess(trial).waitForExit() != 0)
+        GTEST_SKIP() << "needs root, and a kernel that lets users make namespaces";
+    Words command = asNobody;
+    const Words tool = commandOf(shell("id -u; $0 set door open; $0 get door; exit 5"));
+    command.insert(command.end(), tool.begin(), tool.end());
+    TestProcess process(command);
+    EXPECT_EQ(process.readRest(), "12345\nopen\n") << process.errors();
+    EXPECT_EQ(process.waitForExit(), 5) << process.errors();
+}
+
+TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
+{
+    const std::string forbid = "echo 0 >/proc/sys/user/max_net_namespaces || exit 99; exec \"$@\"";
+    Words command{"/usr/bin/env", "unshare", "--user", "--map-root-user", "sh", "-c", forbid, "sh"};
+    const Words tool = commandOf(sandboxed({"echo", "run"}));
+    command.insert(command.end(), tool.begin(), tool.end());
+    TestProcess process(command);
+    EXPECT_EQ(process.readRest(), "");
+    const std::optional<int> code = process.waitForExit();
+    if (code == 99)
+        GTEST_SKIP() << "this kernel's limits cannot be set";
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(
+        process.errors().find("statusctl: sandbox: cannot make a network of its own: unshare: No space left "
+                              "on device; run it as root, or let users make namespaces"),
+        std::string::npos)
+        << process.errors();
+}
