@@ -20,6 +20,9 @@ constexpr std::chrono::seconds longestSearch{2};
 // A client's last posts are read before its end shows, so that may be so much later than its return.
 constexpr std::chrono::milliseconds longestEnding{100};
 
+// So many post connections are asked for one "Sync".
+constexpr std::size_t mostOwnPosters = 16;
+
 // Connections with the same key belong to the same client: of the same process, and where that is not known,
 // of the same user and control group. Those of unknown users stand alone.
 using ClientKey = std::tuple<std::optional<uid_t>, uint64_t, pid_t, const Connection*>;
@@ -37,6 +40,33 @@ bool isSameProcess(const BrokerProtocol::Poster& poster, const Identity& identit
 {
     return poster.pid != 0 && static_cast<uint32_t>(identity.pid) == poster.pid &&
            identity.program == poster.program;
+}
+
+pid_t pidOf(const Identity& identity)
+{
+    return identity.isShared ? 0 : identity.pid;
+}
+
+// Where a process is not known, of the same user and control group. Those of unknown users stand alone.
+bool mayBeOfOneProcess(const Identity& one, const Identity& other)
+{
+    if (pidOf(one) != 0 && pidOf(other) != 0)
+        return pidOf(one) == pidOf(other);
+    return one.owner.isKnown() && other.owner.isKnown() && one.owner.uid() == other.owner.uid() &&
+           one.owner.cgroup() == other.owner.cgroup();
+}
+
+// Which of many are a client's is told by when they came: it makes its connections at about the same time.
+void keepNearest(std::vector<PostConnection*>& posters, std::size_t most, uint64_t number)
+{
+    if (posters.size() <= most)
+        return;
+    const auto distance = [=](const PostConnection* poster)
+    { return std::max(poster->number, number) - std::min(poster->number, number); };
+    const auto end = posters.begin() + static_cast<std::ptrdiff_t>(most);
+    std::nth_element(posters.begin(), end, posters.end(),
+                     [&](const auto* one, const auto* other) { return distance(one) < distance(other); });
+    posters.erase(end, posters.end());
 }
 
 Client begin(const Identity& identity)
@@ -242,6 +272,27 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
         isSearching = isSearching || (!isOfService && identity.search == Identity::Search::UnderWay);
     }
     return isSearching ? std::nullopt : std::optional(Posters::nobody);
+}
+
+std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestConnection& client,
+                                                                        uint64_t barrier, TimePoint now)
+{
+    mIdentities.seek(client.identity);
+    std::vector<PostConnection*> posters;
+    for (const auto& peer : mPosts.peers())
+    {
+        if (PostPort::needsOwnProbe(*peer) && mayBeOfOneProcess(client.identity, peer->identity))
+            posters.push_back(peer.get());
+    }
+    keepNearest(posters, mostOwnPosters, client.postsArrived.value_or(0));
+    std::vector<std::shared_ptr<const OwnProbe>> probes;
+    for (PostConnection* poster : posters)
+    {
+        mIdentities.seek(poster->identity);
+        if (auto probe = mPosts.askOwn(*poster, barrier, now))
+            probes.push_back(std::move(probe));
+    }
+    return probes;
 }
 
 void Connections::enterPoster(PostConnection& connection)
