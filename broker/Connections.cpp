@@ -69,6 +69,17 @@ void keepNearest(std::vector<PostConnection*>& posters, std::size_t most, uint64
     posters.erase(end, posters.end());
 }
 
+BrokerProtocol::Poster posterOf(const Identity& identity)
+{
+    BrokerProtocol::Poster poster;
+    poster.user = identity.user;
+    poster.uid = identity.owner.uid();
+    poster.service = identity.service;
+    poster.program = identity.program;
+    poster.pid = static_cast<uint32_t>(identity.pid);
+    return poster;
+}
+
 Client begin(const Identity& identity)
 {
     Client client;
@@ -219,22 +230,28 @@ void Connections::doWhatIsDue(TimePoint now)
             mRefusals.tell(connection, connection.identity.text());
             if (connection.kind() != Handshake::Kind::Post)
                 return;
-            tellProcess(static_cast<PostConnection&>(connection));
+            describePoster(static_cast<PostConnection&>(connection));
             known.insert(static_cast<PostConnection&>(connection).poster);
         });
     mState.notePosters(known);
 }
 
-void Connections::tellProcess(const PostConnection& connection)
+// Also its service may have been found only now.
+void Connections::describePoster(PostConnection& connection)
 {
-    mState.posters().setProcess(connection.poster, static_cast<uint32_t>(connection.identity.pid),
-                                connection.identity.program);
+    mIdentities.completeService(connection.identity);
+    mState.posters().describe(connection.poster, posterOf(connection.identity));
 }
 
 void Connections::forgetPoster(PostConnection& connection)
 {
     if (connection.poster == Posters::nobody)
         return;
+    if (connection.identity.isServiceOpen)
+    {
+        describePoster(connection);
+        mState.notePosters({connection.poster});
+    }
     const Identity& identity = connection.identity;
     mOnPosterGone(connection.poster,
                   !identity.service.empty() || identity.search != Identity::Search::CutShort);
@@ -250,10 +267,14 @@ bool Connections::isHere(Posters::Id client) const
 std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint since)
 {
     const BrokerProtocol::Poster poster = mState.posters().at(gone);
-    std::set<uint64_t>
-        sockets; // it takes long to find the process of a socket, but not whether this one has it
-    if (poster.service.empty() && poster.pid != 0)
-        sockets = mIdentities.socketsOf(static_cast<pid_t>(poster.pid), poster.program);
+    std::optional<std::set<uint64_t>> sockets;
+    // It takes long to find the process of a socket, but not whether this one has it.
+    const auto hasSocket = [&](const Identity& identity)
+    {
+        if (!sockets)
+            sockets = mIdentities.socketsOf(static_cast<pid_t>(poster.pid), poster.program);
+        return sockets->count(identity.owner.inode()) != 0;
+    };
     bool isSearching = false;
     for (const auto& peer : mPosts.peers())
     {
@@ -266,7 +287,9 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
         const bool isOfService = !poster.service.empty();
         const bool isUnseen =
             poster.pid == 0 && identity.search == Identity::Search::Over && identity.pid == 0;
-        const bool isItself = sockets.count(identity.owner.inode()) != 0 || isSameProcess(poster, identity);
+        const bool isUncertain = identity.search != Identity::Search::Over || identity.isShared;
+        const bool isItself = isSameProcess(poster, identity) ||
+                              (!isOfService && poster.pid != 0 && isUncertain && hasSocket(identity));
         if (isItself || (isNew && (isOfService || isUnseen)))
             return peer->poster;
         isSearching = isSearching || (!isOfService && identity.search == Identity::Search::UnderWay);
@@ -298,14 +321,7 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
 void Connections::enterPoster(PostConnection& connection)
 {
     mIdentities.seek(connection.identity);
-    const Identity& identity = connection.identity;
-    BrokerProtocol::Poster poster;
-    poster.user = identity.user;
-    poster.uid = identity.owner.uid();
-    poster.service = identity.service;
-    poster.program = identity.program;
-    poster.pid = static_cast<uint32_t>(identity.pid);
-    connection.poster = mState.posters().add(poster);
+    connection.poster = mState.posters().add(posterOf(connection.identity));
 }
 
 void Connections::appendClients(std::string& to, TimePoint now)

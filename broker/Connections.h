@@ -113,7 +113,7 @@ private:
     void close(Connection& connection);
     void enterPoster(PostConnection& connection);
     void forgetPoster(PostConnection& connection);
-    void tellProcess(const PostConnection& connection);
+    void describePoster(PostConnection& connection);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 

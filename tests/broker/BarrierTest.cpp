@@ -82,6 +82,23 @@ TEST_F(BarrierTest, aSyncPingsThePosterOfItsClientThoughNothingHasCome)
     EXPECT_EQ(valueOf(requester, "k"), reply("v"));
 }
 
+// For 100 ms, in which this process need not run each time.
+TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
+{
+    Poster poster;
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            requester.send({"Sync"});
+            const std::string context = poster.awaitPing();
+            const bool hasWaited = !requester.receive(std::chrono::milliseconds(5));
+            EXPECT_TRUE(poster.write(ZmtpPeer::pong(context)));
+            if (hasWaited)
+                expectAnswer();
+            return hasWaited;
+        }));
+}
+
 // Only root can be another user.
 TEST_F(BarrierTest, aSyncDoesNotPingPostersOfOtherUsersFromWhichNothingHasCome)
 {

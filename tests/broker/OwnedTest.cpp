@@ -123,11 +123,13 @@ TEST_F(Owned, valuesAreMarkedWhenTheirOwnerHasGoneAndListenersAreTold)
     listen();
     auto client = owner("net.a");
     EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"up"}})");
+    const pid_t pid = client->pid();
     client->end();
     EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"offline"}})");
     EXPECT_EQ(value("net.a"), reply("offline"));
     EXPECT_EQ(statistic("policy.ownersGone"), 1U);
     EXPECT_TRUE(isInLog("Set [net.a] and 0 others to [offline], by ")) << broker->process().errors();
+    EXPECT_TRUE(isInLog(", process " + std::to_string(pid) + " (OwnedTest)")) << broker->process().errors();
 }
 
 TEST_F(Owned, valuesWithoutATextAreReset)
