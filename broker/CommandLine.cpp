@@ -91,7 +91,7 @@ CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(arg
     {
         std::ostringstream complaint;
         const bool isWrong = app.exit(error, std::cout, complaint) != 0;
-        printLastWords(complaint.str());
+        printLastWords((isWrong ? "statusbroker: " : "") + complaint.str());
         throw Exit{isWrong ? wrongUsage : 0};
     }
     mConfigFile = app.configFile;

@@ -145,13 +145,15 @@ TEST_P(WrongCommandLine, isRefusedWithCodeTwoAndAMessage)
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.code, 2);
     EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(startsWith(outcome.errors, "statusbroker: ")) << outcome.errors;
     EXPECT_NE(outcome.errors.find("\nRun with --help for more information.\n"), std::string::npos);
 }
 
 TEST(CommandLine, aMessageNamesOptionValueAndRange)
 {
     const Outcome outcome = run({"--check-config", "--max-key-bytes", "2M"});
-    EXPECT_EQ(linesOf(outcome.errors).front(), "--max-key-bytes: \"2M\" is not a size in 1..1M");
+    EXPECT_EQ(linesOf(outcome.errors).front(),
+              "statusbroker: --max-key-bytes: \"2M\" is not a size in 1..1M");
 }
 
 // So that a variable that is not set does not make a broker serve that was to be checked only.
