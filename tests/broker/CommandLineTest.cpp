@@ -1,6 +1,7 @@
 // The broker's command line: what it sets, as the configuration file does, and how each mistake in it is
 // told.
 
+#include <cstdlib>
 #include <map>
 #include <ostream>
 #include <set>
@@ -98,6 +99,35 @@ TEST(CommandLine, aValueMayBeAnArgumentOfItsOwn)
 TEST(CommandLine, stateKeysAddUp)
 {
     EXPECT_EQ(read({"--state-keys", "a*", "--state-keys", "[b]"}), defaultsBut("state-keys", "<a*><[b]>"));
+}
+
+namespace
+{
+
+// A service that has a folder for the state, and says so in the environment.
+class StateOfTheService : public ConfigFileTest
+{
+protected:
+    StateOfTheService() { setenv("STATUSBROKER_STATE", "/run/service/state", 1); }
+    ~StateOfTheService() override { unsetenv("STATUSBROKER_STATE"); }
+};
+
+} // namespace
+
+TEST_F(StateOfTheService, isUsedWhereNoOtherIsNamed)
+{
+    EXPECT_EQ(read({}), defaultsBut("state", "/run/service/state"));
+}
+
+TEST_F(StateOfTheService, givesWayToTheConfiguration)
+{
+    write("state = /data/state\n");
+    EXPECT_EQ(read({"--config", file()}), defaultsBut("state", "/data/state"));
+}
+
+TEST_F(StateOfTheService, givesWayToTheCommandLine)
+{
+    EXPECT_EQ(read({"--state", "/data/state"}), defaultsBut("state", "/data/state"));
 }
 
 TEST(CommandLine, aCheckIsAskedFor)
