@@ -72,8 +72,9 @@ constexpr Rule rules[] = {
      "find out who sends them: the broker's log shows how they begin"},
     {Number::malformedRequests, "malformed", "requests could not be read",
      "find out who sends them: the broker's log shows how they begin"},
-    {Number::stateErrors, "state", "the state file could not be written",
-     "look for a full or failing disk under the file of --state"},
+    {Number::stateErrors, "state", "the state file could not be opened or written",
+     "the broker's log names the file and the reason: a folder that is missing or closed to the broker, or a "
+     "disk that is full or fails"},
     {Number::systemTimeRefused, "clock", "clients were not allowed to set the clock",
      "if it should be, start the broker with --allow-set-time"},
     {Number::policyDenied, "policy", "names were denied to clients by the policy",

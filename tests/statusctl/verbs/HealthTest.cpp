@@ -135,6 +135,16 @@ TEST_F(HealthTest, doctorTellsWhatWasRefusedAndWhatToDo)
     EXPECT_EQ(objectIn(statusctl({"doctor", "-j"}))["findings"][0]["check"], "limit");
 }
 
+TEST(DoctorTest, tellsOfAStateFileThatCannotBeUsed)
+{
+    BrokerProcess broker({"--state", "/nowhere/state"});
+    const Outcome outcome = statusctl({"doctor"});
+    EXPECT_EQ(outcome.code, 1) << outcome;
+    EXPECT_NE(outcome.output.find("the state file could not be opened"), std::string::npos) << outcome;
+    EXPECT_TRUE(broker.process().waitForError("State file [/nowhere/state]: "))
+        << "where the remedy points to";
+}
+
 TEST(DoctorTest, namesTheProgramOnAPort)
 {
     const Squatter squatter(5556);
