@@ -45,10 +45,11 @@ do_install:append() {
 STATUSMANAGER_NEEDS_SCRIPT = "${@'true' if bb.utils.contains('PACKAGECONFIG', 'broker', True, False, d) and \
     bb.utils.contains('DISTRO_FEATURES', 'sysvinit', True, False, d) else 'false'}"
 
-PACKAGES =+ "libveskcommon libstatusmanager statusbroker statusctl statusctl-completions"
+PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers statusbroker statusctl statusctl-completions"
 
 FILES:libveskcommon = "${libdir}/libveskcommon.so.*"
 FILES:libstatusmanager = "${libdir}/libstatusmanager.so.*"
+FILES:libstatushelpers = "${libdir}/libstatushelpers.so.*"
 FILES:statusbroker = " \
     ${bindir}/statusbroker \
     ${sysconfdir}/statusbroker.conf \
@@ -69,7 +70,9 @@ RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
     ${@bb.utils.contains('PACKAGECONFIG', 'tool', 'statusctl', '', d)} \
 "
-RDEPENDS:${PN}-dev = "libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV})"
+RDEPENDS:${PN}-dev = " \
+    libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV}) \
+"
 
 CONFFILES:statusbroker = "${sysconfdir}/statusbroker.conf"
 SYSTEMD_PACKAGES = "${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)}"
