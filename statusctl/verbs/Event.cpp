@@ -5,6 +5,7 @@
 #include "statusctl/device/Feed.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -19,12 +20,13 @@ public:
                                             "statusctl event bell rang\n"
                                             "statusctl event reminder --after 10m\n"
                                             "statusctl -t 30 event --wait bell");
-        command.add_option("NAME", mName, "The event")->required();
+        Names::addName(command, mName, mIsLiteral);
         CLI::Option* value = command.add_option("VALUE", mValue, "Its value, empty if not given");
         CLI::Option* after = Verbs::addDuration(command, "--after", mAfter, "Post it after this time");
         command.add_flag("--wait", mWait, "Wait for the event and print its value")
             ->excludes(value)
             ->excludes(after);
+        command.callback([this] { Names::checkExact({mName}, mIsLiteral); });
     }
 
     ExitCode run(const Settings& settings) override
@@ -69,6 +71,7 @@ private:
 
     std::string mName;
     std::string mValue;
+    bool mIsLiteral = false;
     std::optional<std::chrono::milliseconds> mAfter;
     bool mWait = false;
 };

@@ -67,6 +67,7 @@ public:
         mCommand.add_option("FILE", mFile, "The file, or - for standard output; it is overwritten")
             ->required();
         mSelection.emplace(mCommand);
+        mCommand.callback([this] { mSelection->check(); });
     }
 
     ExitCode run(const Settings& settings) override

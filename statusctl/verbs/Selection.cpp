@@ -1,5 +1,7 @@
 #include "statusctl/verbs/Selection.h"
 
+#include "statusctl/verbs/Names.h"
+
 Selection::Selection(CLI::App& command)
 {
     command.add_option("KEY", mKeys, "Keys and globs to follow; everything if no event is named either");
@@ -10,6 +12,12 @@ Selection::Selection(CLI::App& command)
     command.add_option("-n", mCount, "Leave after so many changes and events")
         ->type_name("COUNT")
         ->check(CLI::Range(uint64_t{1}, uint64_t{UINT64_MAX}).description(""));
+}
+
+void Selection::check() const
+{
+    Names::checkFilled(mKeys);
+    Names::checkFilled(mEvents);
 }
 
 Pattern Selection::keys() const

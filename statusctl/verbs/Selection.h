@@ -16,6 +16,10 @@ public:
     /// Adds KEY..., --event NAME and -n COUNT to the command.
     explicit Selection(CLI::App& command);
 
+    /// To be called when the command line has been read.
+    /// @throws CLI::ValidationError if it makes no sense
+    void check() const;
+
     /// Both match everything if neither was given.
     Pattern keys() const;
     Pattern events() const;

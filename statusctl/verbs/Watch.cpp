@@ -46,6 +46,7 @@ public:
         mCommand.callback(
             [this]
             {
+                mSelection.check();
                 if (mStale && *mStale < shortestStale)
                     throw CLI::ValidationError("--stale must be at least 100ms");
             });
