@@ -235,16 +235,20 @@ private:
             const auto found = values.find(key);
             return found == values.end() ? std::nullopt : std::optional(found->second);
         };
-        StatusKeys refused;
+        Names::List refused;
+        Names::List taken;
         for (const auto& [key, value] : wanted)
         {
             const auto now = valueIn(after, key);
-            if (now != Text::valid(value) && now == valueIn(before, key))
-                refused.push_back(key);
+            const bool isRefused = now != Text::valid(value) && now == valueIn(before, key);
+            (isRefused ? refused : taken).push_back(key);
         }
         if (!refused.empty())
             throw Failure(ExitCode::Failed,
-                          "the broker refused " + Names::inQuotes(refused) + "; its log tells why");
+                          "the broker refused " + Names::inQuotes(refused) +
+                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) +
+                              "; its log tells why",
+                          {{"refused", refused}, {"taken", taken}});
     }
 
     // Waits as long as the library's threads need to hand the post to the kernel.
