@@ -45,7 +45,7 @@ bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
     const auto isFinished = [this] { return mIsFinished; };
     if (!timeout)
         mFinished.wait(lock, isFinished);
-    else if (!mFinished.wait_until(lock, mBegin + *timeout, isFinished))
+    else if (!mFinished.wait_until(lock, mDevice.begin() + *timeout, isFinished))
         return false;
     if (mFailure)
         std::rethrow_exception(mFailure);

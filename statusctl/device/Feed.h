@@ -38,7 +38,8 @@ public:
     /// Subscribes. The receiver is called from now on.
     void start();
 
-    /// Waits until the receiver has seen enough; false if the time, from the beginning, runs out before.
+    /// Waits until the receiver has seen enough; false if the time, from the device's beginning, is over
+    /// before.
     /// @throws what the receiver has thrown
     bool wait(std::optional<std::chrono::milliseconds> timeout);
 
@@ -57,7 +58,6 @@ private:
     void finish(std::exception_ptr failure);
 
     Device& mDevice;
-    const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     const Pattern mKeys;
     const Pattern mEvents;
     const Receiver mReceiver;

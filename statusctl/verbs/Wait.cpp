@@ -2,12 +2,11 @@
 #include <regex.h>
 #include <vector>
 
-#include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
-#include "statusctl/text/Duration.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/Condition.h"
+#include "statusctl/verbs/Following.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -66,6 +65,7 @@ public:
         command.add_flag("--any", mAny, "One of them is enough");
         command.add_flag("--literal", mIsLiteral,
                          "Take the letters of globs in KEY, and operators in VALUE, as they are");
+        mFollowing.emplace(command);
         command.callback([this] { prepare(); });
     }
 
@@ -75,13 +75,12 @@ public:
         std::vector<std::string> keys;
         for (const Condition& condition : mConditions)
             keys.push_back(condition.key());
-        Device device(settings);
+        Device device = mFollowing->connect(settings);
         Feed feed(device, Pattern::ofNames(keys), Pattern(),
                   [this](const Change& change) { return isMissing(change); });
         feed.start();
         if (!feed.wait(settings.timeout))
-            throw Failure(ExitCode::TimedOut,
-                          "timed out after " + Duration::writeExactly(*settings.timeout) + ": " + whyNot());
+            throw Following::timedOut(settings, whyNot());
         print(settings);
         return ExitCode::Done;
     }
@@ -164,6 +163,7 @@ private:
 
     std::vector<std::string> mTexts;
     std::optional<std::string> mRegex;
+    std::optional<Following> mFollowing;
     bool mAny = false;
     bool mIsLiteral = false;
     std::vector<Condition> mConditions;

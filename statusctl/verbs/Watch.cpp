@@ -6,11 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Report.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Following.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Staleness.h"
 #include "statusctl/verbs/Verb.h"
@@ -37,7 +37,7 @@ public:
                                    "statusctl watch --stale 10s 'sensor.*'\n"
                                    "statusctl -q watch door -- sh -c 'echo \"$STATUS_KEY: $STATUS_VALUE\"'",
                                    help)),
-          mSelection(mCommand)
+          mSelection(mCommand), mFollowing(mCommand)
     {
         mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the \"synced\" mark");
         Verbs::addDuration(mCommand, "--stale", mStale,
@@ -54,7 +54,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
-        Device device(settings);
+        Device device = mFollowing.connect(settings);
         Output output(settings);
         std::optional<Staleness> staleness;
         if (mStale)
@@ -67,10 +67,10 @@ public:
                       return show(settings, output, change);
                   });
         feed.start();
-        const bool isEnough =
-            staleness ? waitForStale(settings, output, feed, *staleness) : feed.wait(settings.timeout);
+        const bool isEnough = staleness ? waitForStale(settings, output, device, feed, *staleness)
+                                        : feed.wait(settings.timeout);
         if (!isEnough)
-            leaveWith(settings, Failure(ExitCode::TimedOut, "the time is over")); // whatever the command does
+            leaveWith(settings, Following::timedOut(settings)); // whatever the command does
         return ExitCode::Done;
     }
 
@@ -78,12 +78,13 @@ private:
     static constexpr std::chrono::milliseconds shortestStale{100};
 
     // As Feed::wait().
-    bool waitForStale(const Settings& settings, Output& output, Feed& feed, Staleness& staleness)
+    bool waitForStale(const Settings& settings, Output& output, const Device& device, Feed& feed,
+                      Staleness& staleness)
     {
         using std::chrono::milliseconds;
         for (;;)
         {
-            const milliseconds next = std::chrono::ceil<milliseconds>(staleness.nextLook() - mBegin);
+            const milliseconds next = std::chrono::ceil<milliseconds>(staleness.nextLook() - device.begin());
             if (feed.wait(std::min(next, settings.timeout.value_or(milliseconds::max()))))
                 return true;
             if (settings.timeout && *settings.timeout <= next)
@@ -179,9 +180,9 @@ private:
 
     CLI::App& mCommand;
     Selection mSelection;
+    Following mFollowing;
     bool mUpdatesOnly = false;
     std::optional<std::chrono::milliseconds> mStale;
-    const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     std::mutex mMutex;
     bool mIsEnough = false;
 };

@@ -203,7 +203,7 @@ TEST_F(WatchTest, theCommandCanBeInterrupted)
 TEST_F(WatchTest, aTimeOutIsExitCode124)
 {
     EXPECT_EQ(statusctl({"-t", "1s", "-q", "watch", "door"}),
-              failure(124, "statusctl: watch: the time is over"));
+              failure(124, "statusctl: watch: timed out after 1s"));
 }
 
 TEST_F(WatchTest, aTimeOutDoesNotWaitForTheCommand)
@@ -212,7 +212,7 @@ TEST_F(WatchTest, aTimeOutDoesNotWaitForTheCommand)
     TestProcess watch(commandOf(
         {"-t", "300ms", "watch", "door", "--", "/bin/sh", "-c", "exec >/dev/null 2>&1; exec sleep 60"}));
     EXPECT_EQ(watch.waitForExit(allowed(std::chrono::seconds(10))), 124);
-    EXPECT_EQ(watch.errors(), "statusctl: watch: the time is over\n");
+    EXPECT_EQ(watch.errors(), "statusctl: watch: timed out after 300ms\n");
 }
 
 TEST_F(WatchTest, aReaderThatHasGoneEndsItSilently)
