@@ -28,6 +28,8 @@ public:
     Device(const Device&) = delete;
     Device& operator=(const Device&) = delete;
 
+    std::chrono::milliseconds requestTimeout() const { return mSettings.requestTimeout(); }
+
     /// When the time of -t began to run.
     std::chrono::steady_clock::time_point begin() const { return mBegin; }
 

@@ -130,7 +130,7 @@ public:
             if (!change)
                 throw Failure(ExitCode::Failed,
                               mFile + ":" + std::to_string(number) + ": not a line of a recording");
-            if (change->kind == Change::Kind::Synced || change->kind == Change::Kind::Stale)
+            if (isMark(change->kind) || change->kind == Change::Kind::Stale)
                 continue;
             waitFor(*change);
             post(device, *change);

@@ -102,11 +102,13 @@ private:
     bool isMissing(const Change& change)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        if (change.kind == Change::Kind::Synced)
-            mIsSynced = true;
+        if (isMark(change.kind))
+            mIsSynced = change.kind == Change::Kind::Synced;
+        else if (change.kind == Change::Kind::Gone)
+            mValues.erase(change.name);
         else
             mValues[change.name] = change.value;
-        if (!mIsSynced)
+        if (!mIsSynced) // of values that are lost, nobody knows which are there at the same time
             return true;
         mHolding.clear();
         for (const Condition& condition : mConditions)
@@ -134,7 +136,7 @@ private:
     {
         const std::lock_guard<std::mutex> lock(mMutex);
         if (!mIsSynced)
-            return "the broker has not sent the values yet";
+            return "no values from the broker";
         std::string text;
         for (const Condition& condition : mConditions)
         {

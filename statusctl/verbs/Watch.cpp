@@ -23,6 +23,9 @@ constexpr const char* help =
     "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
     "process twice, whether its name matches or not. Nothing is polled, but with --stale: then the broker\n"
     "is asked when a key may have become stale, because it does not tell of posts that change nothing.\n"
+    "When the broker goes, \"lost\" is printed; when it is back, what differs, and then \"synced\". A key "
+    "that\n"
+    "it does not have any more is \"gone\". Events in between are not heard.\n"
     "What stands behind \"--\" is a command that is run for each line, one after the other, with "
     "STATUS_KEY,\n"
     "STATUS_VALUE and STATUS_KIND in its environment.";
@@ -39,7 +42,7 @@ public:
                                    help)),
           mSelection(mCommand), mFollowing(mCommand)
     {
-        mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the \"synced\" mark");
+        mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the first \"synced\"");
         Verbs::addDuration(mCommand, "--stale", mStale,
                            "Also tell of keys that have not been posted for that long, once until they are "
                            "posted again; 100ms or more");
@@ -107,27 +110,31 @@ private:
 
     bool showNext(const Settings& settings, Output& output, const Change& change)
     {
-        if (mUpdatesOnly && !isUpdate(change.kind))
+        const bool isBeginning = !mIsSynced;
+        mIsSynced = mIsSynced || change.kind == Change::Kind::Synced;
+        if (mUpdatesOnly && isBeginning && !isUpdate(change.kind))
             return true;
         if (settings.isJson() && !settings.quiet)
             output.streamed(toJson(change));
         else if (!settings.quiet)
             output.line(lineOf(output, change));
-        if (!settings.command.empty() && change.kind != Change::Kind::Synced)
+        if (!settings.command.empty() && !isMark(change.kind))
             runCommand(settings.command, change);
         return mSelection.wantsMoreAfter(change);
     }
 
     static std::string lineOf(const Output& output, const Change& change)
     {
-        const Output::Color color = change.kind == Change::Kind::Changed ? Output::Color::Green
-                                    : change.kind == Change::Kind::Reset || change.kind == Change::Kind::Stale
-                                        ? Output::Color::Yellow
-                                    : change.kind == Change::Kind::Event ? Output::Color::Red
-                                                                         : Output::Color::Dim;
+        const Output::Color color =
+            change.kind == Change::Kind::Changed ? Output::Color::Green
+            : change.kind == Change::Kind::Reset || change.kind == Change::Kind::Stale ||
+                    change.kind == Change::Kind::Gone
+                ? Output::Color::Yellow
+            : change.kind == Change::Kind::Event || change.kind == Change::Kind::Lost ? Output::Color::Red
+                                                                                      : Output::Color::Dim;
         std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
                            output.colored(nameOf(change.kind), color);
-        if (change.kind != Change::Kind::Synced)
+        if (!isMark(change.kind))
             line += " " + Text::escapedName(change.name) + " " + Text::escaped(change.value);
         return line;
     }
@@ -182,6 +189,7 @@ private:
     Selection mSelection;
     Following mFollowing;
     bool mUpdatesOnly = false;
+    bool mIsSynced = false;
     std::optional<std::chrono::milliseconds> mStale;
     std::mutex mMutex;
     bool mIsEnough = false;
