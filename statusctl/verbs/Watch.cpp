@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "statusctl/device/Feed.h"
+#include "statusctl/text/LineFormat.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Report.h"
 #include "statusctl/text/Text.h"
@@ -38,6 +39,8 @@ public:
                                    "statusctl watch door 'net.*' --event bell\n"
                                    "statusctl watch -n 1 --updates door\n"
                                    "statusctl watch --stale 10s 'sensor.*'\n"
+                                   "statusctl watch --only event\n"
+                                   "statusctl watch --updates --format '%k %v' 'net.*'\n"
                                    "statusctl -q watch door -- sh -c 'echo \"$STATUS_KEY: $STATUS_VALUE\"'",
                                    help)),
           mSelection(mCommand), mFollowing(mCommand)
@@ -46,17 +49,14 @@ public:
         Verbs::addDuration(mCommand, "--stale", mStale,
                            "Also tell of keys that have not been posted for that long, once until they are "
                            "posted again; 100ms or more");
-        mCommand.callback(
-            [this]
-            {
-                mSelection.check();
-                if (mStale && *mStale < shortestStale)
-                    throw CLI::ValidationError("--stale must be at least 100ms");
-            });
+        addForm();
+        mCommand.callback([this] { check(); });
     }
 
     ExitCode run(const Settings& settings) override
     {
+        if (settings.isJson() && (mFormat || mIsRaw))
+            throw Failure(ExitCode::WrongUsage, "--json excludes --format and --raw");
         Device device = mFollowing.connect(settings);
         Output output(settings);
         std::optional<Staleness> staleness;
@@ -79,6 +79,31 @@ public:
 
 private:
     static constexpr std::chrono::milliseconds shortestStale{100};
+
+    void addForm()
+    {
+        const auto take = [this](const std::string& text) { mFormat.emplace(text); };
+        mCommand
+            .add_option_function<std::string>(
+                "--format", take,
+                "Print lines of this form: %t is the local time, %w what it is (initial, changed, ...), %k "
+                "the "
+                "name, %v the value, %% a percent sign. Without %w, \"synced\" and \"lost\" are left out")
+            ->type_name("FORMAT");
+        mCommand.add_flag(
+            "--raw", mIsRaw,
+            "Print names and values byte for byte. On a terminal, what could harm it is escaped");
+    }
+
+    void check() const
+    {
+        mSelection.check();
+        if (mStale && *mStale < shortestStale)
+            throw CLI::ValidationError("--stale must be at least 100ms");
+        const std::string unknown = mFormat ? mFormat->unknownField("twkv") : "";
+        if (!unknown.empty())
+            throw CLI::ValidationError("--format knows %t, %w, %k, %v and %%, and no \"" + unknown + "\"");
+    }
 
     // As Feed::wait().
     bool waitForStale(const Settings& settings, Output& output, const Device& device, Feed& feed,
@@ -114,16 +139,24 @@ private:
         mIsSynced = mIsSynced || change.kind == Change::Kind::Synced;
         if (mUpdatesOnly && isBeginning && !isUpdate(change.kind))
             return true;
-        if (settings.isJson() && !settings.quiet)
-            output.streamed(toJson(change));
-        else if (!settings.quiet)
-            output.line(lineOf(output, change));
+        if (!settings.quiet)
+            print(settings, output, change);
         if (!settings.command.empty() && !isMark(change.kind))
             runCommand(settings.command, change);
         return mSelection.wantsMoreAfter(change);
     }
 
-    static std::string lineOf(const Output& output, const Change& change)
+    void print(const Settings& settings, Output& output, const Change& change) const
+    {
+        if (settings.isJson())
+            output.streamed(toJson(change));
+        else if (mFormat)
+            printFormatted(output, change);
+        else
+            output.line(lineOf(output, change));
+    }
+
+    std::string lineOf(const Output& output, const Change& change) const
     {
         const Output::Color color =
             change.kind == Change::Kind::Changed ? Output::Color::Green
@@ -135,8 +168,45 @@ private:
         std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
                            output.colored(nameOf(change.kind), color);
         if (!isMark(change.kind))
-            line += " " + Text::escapedName(change.name) + " " + Text::escaped(change.value);
+            line += " " + name(output, change) + " " + value(output, change);
         return line;
+    }
+
+    // A mark without the field that says what it is would be a line of blanks.
+    void printFormatted(Output& output, const Change& change) const
+    {
+        if (isMark(change.kind) && !mFormat->has('w'))
+            return;
+        output.line(mFormat->fill(
+            [&](char letter)
+            {
+                switch (letter)
+                {
+                case 't':
+                    return Timestamp::local(change.time);
+                case 'w':
+                    return std::string(nameOf(change.kind));
+                case 'k':
+                    return name(output, change);
+                default:
+                    return value(output, change);
+                }
+            }));
+    }
+
+    std::string name(const Output& output, const Change& change) const
+    {
+        return mIsRaw ? raw(output, change.name) : Text::escapedName(change.name);
+    }
+
+    std::string value(const Output& output, const Change& change) const
+    {
+        return mIsRaw ? raw(output, change.value) : Text::escaped(change.value);
+    }
+
+    static std::string raw(const Output& output, const std::string& text)
+    {
+        return output.isTerminal() ? Text::harmless(text) : text;
     }
 
     // Its exit code does not matter; whether it can be started does.
@@ -188,6 +258,8 @@ private:
     CLI::App& mCommand;
     Selection mSelection;
     Following mFollowing;
+    std::optional<LineFormat> mFormat;
+    bool mIsRaw = false;
     bool mUpdatesOnly = false;
     bool mIsSynced = false;
     std::optional<std::chrono::milliseconds> mStale;
