@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <unistd.h>
 
+#include "statusctl/base/Ending.h"
 #include "statusctl/device/Ports.h"
 #include "statusctl/text/Duration.h"
 
@@ -27,6 +28,7 @@ Following::Following(CLI::App& command)
 
 Device Following::connect(const Settings& settings) const
 {
+    obeyInterrupts();
     if (mIsImpatient)
         return Device(settings);
     tellOfWaiting(settings);

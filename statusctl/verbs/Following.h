@@ -7,7 +7,7 @@
 #include "statusctl/verbs/Verb.h"
 
 /// The part that commands share which run until they have seen enough: they wait for the broker, too, so that
-/// a boot script needs no loop around them.
+/// a boot script needs no loop around them, and an interrupt ends them also in the background.
 class Following
 {
 public:

@@ -114,6 +114,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
+        obeyInterrupts(); // the recording may last for days
         std::ifstream file;
         if (mFile != "-")
             file.open(mFile, std::ios::binary);

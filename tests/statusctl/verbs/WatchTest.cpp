@@ -306,6 +306,17 @@ TEST_F(WatchTest, aReaderThatHasGoneEndsItSilently)
     EXPECT_EQ(watch.errors(), "");
 }
 
+TEST_F(WatchTest, anInterruptEndsItAlsoInTheBackground)
+{
+    for (const int signal : {SIGINT, SIGQUIT})
+    {
+        TestProcess watch(inBackground({"watch", "door"}));
+        EXPECT_EQ(upToSynced(watch), (Words{"synced"}));
+        watch.signal(signal);
+        EXPECT_EQ(watch.waitForExit(), 128 + signal);
+    }
+}
+
 TEST_F(WatchTest, anInterruptEndsItWithItsSignal)
 {
     TestProcess watch(commandOf({"watch", "door"}));
