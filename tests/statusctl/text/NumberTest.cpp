@@ -13,6 +13,7 @@ TEST(NumberTest, numbersAreComparedByTheirSize)
 TEST(NumberTest, largeWholeNumbersAreComparedExactly)
 {
     EXPECT_LT(Number::compare("9007199254740992", "9007199254740993"), 0);
+    EXPECT_GT(Number::compare("-9007199254740992", "-9007199254740993"), 0);
     EXPECT_GT(Number::compare("18446744073709551615", "18446744073709551614"), 0);
     EXPECT_GT(Number::compare("18446744073709551615", "-1"), 0);
 }
