@@ -37,7 +37,11 @@ _statusctl() {
         esac
     done
     case $previous in
-        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event) return ;;
+        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event | --format) return ;;
+        --only)
+            _statusctl_offer "$current" <<<$'status\nevent'
+            return
+            ;;
     esac
     if [[ $current == -* ]]; then
         words=$(_statusctl_options && [[ $verb ]] && _statusctl_options "$verb")

@@ -41,3 +41,4 @@ complete -c statusctl -n 'string match -q -- "-*" (commandline -ct)' -a '(__stat
 complete -c statusctl -n '__statusctl_is timer counter' -a '(__statusctl_commands (__statusctl_verb))'
 complete -c statusctl -n '__statusctl_is get set reset forget dump show watch wait top record' -a '(__statusctl_keys)'
 complete -c statusctl -n '__statusctl_is load replay record' -F
+complete -c statusctl -n '__statusctl_is watch record' -l only -x -a 'status event'

@@ -4,6 +4,7 @@
 
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Output.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -28,8 +29,9 @@ public:
                   &StatusManager::resetTimer);
         addAction(command, "restart", "Set it to 0 and start it", &StatusManager::restartTimer);
         CLI::App& show = *command.add_subcommand("show", "Print the microseconds that it has run");
-        show.add_option("NAME", mName)->required();
+        Names::addName(show, mName, mIsLiteral);
         show.add_flag("--seconds", mInSeconds, "Print whole seconds instead");
+        command.callback([this] { Names::checkExact({mName}, mIsLiteral); });
     }
 
     ExitCode run(const Settings& settings) override
@@ -51,7 +53,7 @@ private:
     void addAction(CLI::App& command, const char* name, const char* text, Action action)
     {
         CLI::App& subcommand = *command.add_subcommand(name, text);
-        subcommand.add_option("NAME", mName)->required();
+        Names::addName(subcommand, mName, mIsLiteral);
         subcommand.callback([this, action] { mAction = action; });
     }
 
@@ -71,6 +73,7 @@ private:
     }
 
     std::string mName;
+    bool mIsLiteral = false;
     Action mAction = nullptr; // none: show
     bool mInSeconds = false;
 };
@@ -98,6 +101,7 @@ public:
             .add_option("N", mNumber)
             ->required()
             ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
+        command.callback([this] { Names::checkExact({mName}, mIsLiteral); });
     }
 
     ExitCode run(const Settings& settings) override
@@ -114,7 +118,7 @@ private:
     CLI::App& add(CLI::App& command, const char* name, const char* text, Action action)
     {
         CLI::App& subcommand = *command.add_subcommand(name, text);
-        subcommand.add_option("NAME", mName)->required();
+        Names::addName(subcommand, mName, mIsLiteral);
         subcommand.callback([this, action] { mAction = action; });
         return subcommand;
     }
@@ -140,6 +144,7 @@ private:
     }
 
     std::string mName;
+    bool mIsLiteral = false;
     uint32_t mNumber = 1;
     Action mAction = nullptr;
 };

@@ -11,6 +11,7 @@
 #include "statusctl/text/Pattern.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -32,6 +33,7 @@ public:
         command.add_flag("--keys", mKeysOnly, "Print the keys alone");
         command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
             ->excludes("--keys");
+        command.callback([this] { Names::checkFilled(mGlobs); });
     }
 
     ExitCode run(const Settings& settings) override

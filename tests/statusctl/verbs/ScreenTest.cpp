@@ -287,6 +287,15 @@ TEST(ScreenStartTest, aSignalEndsItWhileTheBrokerDoesNotAnswer)
     EXPECT_EQ(terminal.waitForExit(), 128 + SIGINT);
 }
 
+TEST(ScreenStartTest, whatWaitsForTheBrokerTellsSoToPeople)
+{
+    Terminal waiting({"watch", "a"});
+    EXPECT_TRUE(waiting.shows("statusctl: watch: waiting for the broker"));
+    Terminal quiet({"-q", "-t", "200ms", "watch", "a"});
+    EXPECT_TRUE(quiet.shows("timed out after 200ms"));
+    EXPECT_EQ(quiet.output().find("waiting"), std::string::npos);
+}
+
 // Here on the feed's thread, which looks for keys that it has missed.
 TEST(ScreenStartTest, aBrokerThatStopsToAnswerIsToldBehindTheScreen)
 {
