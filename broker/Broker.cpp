@@ -45,6 +45,14 @@ Options adjusted(Options options)
     return options;
 }
 
+void logState(const Options& options)
+{
+    if (options.stateFile.empty())
+        OV_LOG(5, "There is no state file: nothing is kept when the broker ends");
+    else
+        OV_LOG(5, "The state file is [%s]", options.stateFile.c_str());
+}
+
 } // namespace
 
 Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
@@ -65,6 +73,7 @@ Broker::Broker(const Options& options, std::unique_ptr<const Policy> policy)
     planTasks();
     applyPolicy(Clock::now());
     mConnections.listen();
+    logState(mOptions);
     OV_LOG(5, "Serving on 127.0.0.1, ports 5555 (requests), 5556 (posts), 5557 (notifications)");
     mSupervisor.ready("Serving, " + std::to_string(mState.keys()) + " keys loaded");
 }

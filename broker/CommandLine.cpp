@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <sstream>
 
@@ -73,6 +74,13 @@ private:
     Options& mOptions;
 };
 
+// Only the service knows its folders. Given on the command line, its file would win over the configuration.
+std::string stateOfTheService()
+{
+    const char* file = getenv("STATUSBROKER_STATE");
+    return file == nullptr ? "" : file;
+}
+
 } // namespace
 
 CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(argc, 1), argv + argc)
@@ -91,7 +99,7 @@ CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(arg
     {
         std::ostringstream complaint;
         const bool isWrong = app.exit(error, std::cout, complaint) != 0;
-        printLastWords(complaint.str());
+        printLastWords((isWrong ? "statusbroker: " : "") + complaint.str());
         throw Exit{isWrong ? wrongUsage : 0};
     }
     mConfigFile = app.configFile;
@@ -104,6 +112,8 @@ Options CommandLine::readOptions() const
     if (!mConfigFile.empty())
         options = readConfigFile(mConfigFile);
     BrokerApp(options).parseWords(mArguments);
+    if (options.stateFile.empty())
+        options.stateFile = stateOfTheService();
     if (const std::string contradiction = contradictionIn(options.limits); !contradiction.empty())
         throw ConfigError(mConfigFile + ": " + contradiction);
     return options;

@@ -27,8 +27,9 @@ public:
     /// Only to be checked, not to be served.
     bool isCheck() const { return mIsCheck; }
 
-    /// Reads the file, if one is named, and puts the command line over it. May be called again later, when
-    /// the file has changed. Throws ConfigError.
+    /// Reads the file, if one is named, and puts the command line over it. Where neither names a state file,
+    /// STATUSBROKER_STATE in the environment does. May be called again later, when the file has changed.
+    /// Throws ConfigError.
     Options readOptions() const;
 
 private:

@@ -20,6 +20,9 @@ constexpr std::chrono::seconds longestSearch{2};
 // A client's last posts are read before its end shows, so that may be so much later than its return.
 constexpr std::chrono::milliseconds longestEnding{100};
 
+// So many post connections are asked for one "Sync".
+constexpr std::size_t mostOwnPosters = 16;
+
 // Connections with the same key belong to the same client: of the same process, and where that is not known,
 // of the same user and control group. Those of unknown users stand alone.
 using ClientKey = std::tuple<std::optional<uid_t>, uint64_t, pid_t, const Connection*>;
@@ -37,6 +40,44 @@ bool isSameProcess(const BrokerProtocol::Poster& poster, const Identity& identit
 {
     return poster.pid != 0 && static_cast<uint32_t>(identity.pid) == poster.pid &&
            identity.program == poster.program;
+}
+
+pid_t pidOf(const Identity& identity)
+{
+    return identity.isShared ? 0 : identity.pid;
+}
+
+// Where a process is not known, of the same user and control group. Those of unknown users stand alone.
+bool mayBeOfOneProcess(const Identity& one, const Identity& other)
+{
+    if (pidOf(one) != 0 && pidOf(other) != 0)
+        return pidOf(one) == pidOf(other);
+    return one.owner.isKnown() && other.owner.isKnown() && one.owner.uid() == other.owner.uid() &&
+           one.owner.cgroup() == other.owner.cgroup();
+}
+
+// Which of many are a client's is told by when they came: it makes its connections at about the same time.
+void keepNearest(std::vector<PostConnection*>& posters, std::size_t most, uint64_t number)
+{
+    if (posters.size() <= most)
+        return;
+    const auto distance = [=](const PostConnection* poster)
+    { return std::max(poster->number, number) - std::min(poster->number, number); };
+    const auto end = posters.begin() + static_cast<std::ptrdiff_t>(most);
+    std::nth_element(posters.begin(), end, posters.end(),
+                     [&](const auto* one, const auto* other) { return distance(one) < distance(other); });
+    posters.erase(end, posters.end());
+}
+
+BrokerProtocol::Poster posterOf(const Identity& identity)
+{
+    BrokerProtocol::Poster poster;
+    poster.user = identity.user;
+    poster.uid = identity.owner.uid();
+    poster.service = identity.service;
+    poster.program = identity.program;
+    poster.pid = static_cast<uint32_t>(identity.pid);
+    return poster;
 }
 
 Client begin(const Identity& identity)
@@ -189,22 +230,28 @@ void Connections::doWhatIsDue(TimePoint now)
             mRefusals.tell(connection, connection.identity.text());
             if (connection.kind() != Handshake::Kind::Post)
                 return;
-            tellProcess(static_cast<PostConnection&>(connection));
+            describePoster(static_cast<PostConnection&>(connection));
             known.insert(static_cast<PostConnection&>(connection).poster);
         });
     mState.notePosters(known);
 }
 
-void Connections::tellProcess(const PostConnection& connection)
+// Also its service may have been found only now.
+void Connections::describePoster(PostConnection& connection)
 {
-    mState.posters().setProcess(connection.poster, static_cast<uint32_t>(connection.identity.pid),
-                                connection.identity.program);
+    mIdentities.completeService(connection.identity);
+    mState.posters().describe(connection.poster, posterOf(connection.identity));
 }
 
 void Connections::forgetPoster(PostConnection& connection)
 {
     if (connection.poster == Posters::nobody)
         return;
+    if (connection.identity.isServiceOpen)
+    {
+        describePoster(connection);
+        mState.notePosters({connection.poster});
+    }
     const Identity& identity = connection.identity;
     mOnPosterGone(connection.poster,
                   !identity.service.empty() || identity.search != Identity::Search::CutShort);
@@ -220,10 +267,14 @@ bool Connections::isHere(Posters::Id client) const
 std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint since)
 {
     const BrokerProtocol::Poster poster = mState.posters().at(gone);
-    std::set<uint64_t>
-        sockets; // it takes long to find the process of a socket, but not whether this one has it
-    if (poster.service.empty() && poster.pid != 0)
-        sockets = mIdentities.socketsOf(static_cast<pid_t>(poster.pid), poster.program);
+    std::optional<std::set<uint64_t>> sockets;
+    // It takes long to find the process of a socket, but not whether this one has it.
+    const auto hasSocket = [&](const Identity& identity)
+    {
+        if (!sockets)
+            sockets = mIdentities.socketsOf(static_cast<pid_t>(poster.pid), poster.program);
+        return sockets->count(identity.owner.inode()) != 0;
+    };
     bool isSearching = false;
     for (const auto& peer : mPosts.peers())
     {
@@ -236,7 +287,9 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
         const bool isOfService = !poster.service.empty();
         const bool isUnseen =
             poster.pid == 0 && identity.search == Identity::Search::Over && identity.pid == 0;
-        const bool isItself = sockets.count(identity.owner.inode()) != 0 || isSameProcess(poster, identity);
+        const bool isUncertain = identity.search != Identity::Search::Over || identity.isShared;
+        const bool isItself = isSameProcess(poster, identity) ||
+                              (!isOfService && poster.pid != 0 && isUncertain && hasSocket(identity));
         if (isItself || (isNew && (isOfService || isUnseen)))
             return peer->poster;
         isSearching = isSearching || (!isOfService && identity.search == Identity::Search::UnderWay);
@@ -244,17 +297,31 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
     return isSearching ? std::nullopt : std::optional(Posters::nobody);
 }
 
+std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestConnection& client,
+                                                                        uint64_t barrier, TimePoint now)
+{
+    mIdentities.seek(client.identity);
+    std::vector<PostConnection*> posters;
+    for (const auto& peer : mPosts.peers())
+    {
+        if (PostPort::needsOwnProbe(*peer) && mayBeOfOneProcess(client.identity, peer->identity))
+            posters.push_back(peer.get());
+    }
+    keepNearest(posters, mostOwnPosters, client.postsArrived.value_or(0));
+    std::vector<std::shared_ptr<const OwnProbe>> probes;
+    for (PostConnection* poster : posters)
+    {
+        mIdentities.seek(poster->identity);
+        if (auto probe = mPosts.askOwn(*poster, barrier, now))
+            probes.push_back(std::move(probe));
+    }
+    return probes;
+}
+
 void Connections::enterPoster(PostConnection& connection)
 {
     mIdentities.seek(connection.identity);
-    const Identity& identity = connection.identity;
-    BrokerProtocol::Poster poster;
-    poster.user = identity.user;
-    poster.uid = identity.owner.uid();
-    poster.service = identity.service;
-    poster.program = identity.program;
-    poster.pid = static_cast<uint32_t>(identity.pid);
-    connection.poster = mState.posters().add(poster);
+    connection.poster = mState.posters().add(posterOf(connection.identity));
 }
 
 void Connections::appendClients(std::string& to, TimePoint now)

@@ -76,6 +76,13 @@ public:
             enterPoster(connection);
     }
 
+    /// Asks the post connections that may belong to the client of this request connection whether something
+    /// is under way, as far as the barrier does not find out. The client's process is looked for, to tell
+    /// better next time.
+    /// @returns those that are to be waited for; they outlive the connections
+    std::vector<std::shared_ptr<const OwnProbe>> askOwnPosters(RequestConnection& client, uint64_t barrier,
+                                                                 TimePoint now);
+
     void closeForMemory(Connection& connection);
 
     /// Destroys those that were closed. Nothing may point to them any more.
@@ -106,7 +113,7 @@ private:
     void close(Connection& connection);
     void enterPoster(PostConnection& connection);
     void forgetPoster(PostConnection& connection);
-    void tellProcess(const PostConnection& connection);
+    void describePoster(PostConnection& connection);
     std::vector<BrokerProtocol::Client> clients(TimePoint now);
     std::optional<std::string> nameOf(Connection& connection);
 

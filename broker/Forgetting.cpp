@@ -14,12 +14,12 @@ constexpr std::chrono::milliseconds longestPause{1000};
 std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command& command)
 {
     using BrokerProtocol::Operation;
-    mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
-    std::vector<std::string_view> gone;
     if (!mGuard.quotas().mayPost(client))
         command.texts.clear();
-    Quotas::charge(client, command.texts.size());
-    if (!mOutbox.mayForget())
+    Quotas::charge(client, command.texts.size()); // also for names that are denied, as each is work
+    mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
+    std::vector<std::string_view> gone;
+    if (!command.texts.empty() && !mOutbox.mayForget())
         mRefusals.report(Refusal::Memory,
                          "Forgetting names refused: too many wait for the state file to be written");
     else if (command.operation == Operation::ForgetStatus)

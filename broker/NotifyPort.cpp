@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <numeric>
-#include <sys/socket.h>
 
 #include "broker/wire/FrameWriter.h"
 #include "protocol/BrokerDocuments.h"
@@ -48,24 +47,7 @@ bool takePrefix(std::string_view& text, std::string_view prefix)
     return true;
 }
 
-const char* updateKey(BrokerProtocol::Operation operation)
-{
-    return operation == BrokerProtocol::Operation::PostEvent ? BrokerProtocol::Key::eventUpdate
-                                                             : BrokerProtocol::Key::statusUpdate;
-}
-
-bool startsWith(std::string_view text, std::string_view prefix)
-{
-    return text.substr(0, prefix.size()) == prefix;
-}
-
 } // namespace
-
-bool NotifyConnection::wants(std::string_view message) const
-{
-    return std::any_of(prefixes.begin(), prefixes.end(),
-                       [&](const std::string& prefix) { return startsWith(message, prefix); });
-}
 
 NotifyPort::NotifyPort(const PortEnvironment& environment, const DeviceState& state)
     : Port(environment.poller, environment.identities, BrokerProtocol::notifyPort, Handshake::Kind::Notify,
@@ -107,20 +89,7 @@ void NotifyPort::resizeBuffers(std::size_t subscribers)
 
 void NotifyPort::resizeBuffer(NotifyConnection& connection) const
 {
-    const std::size_t size = mSendBuffers.size(connection.isReader);
-    if (connection.sendBuffer == size)
-        return;
-    const int bytes = static_cast<int>(size);
-    setsockopt(connection.descriptor(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
-    connection.sendBuffer = size;
-}
-
-// When it is closed, the kernel holds nothing more for it, which it would for minutes if the peer has
-// stopped.
-void NotifyPort::dropOutput(NotifyConnection& connection)
-{
-    const linger none{1, 0};
-    setsockopt(connection.descriptor(), SOL_SOCKET, SO_LINGER, &none, sizeof(none));
+    connection.resizeSendBuffer(mSendBuffers.size(connection.isReader));
 }
 
 void NotifyPort::noteReading(NotifyConnection& connection)
@@ -378,38 +347,9 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
 // tell what it is.
 void NotifyPort::copyFiltered(NotifyConnection& connection, NotificationLog::Position end)
 {
-    const FilteredMessages::Key key{connection.position, connection.rights};
-    const std::string* text = mFiltered.find(key);
-    if (text == nullptr)
-        text = &mFiltered.add(key, filtered(connection, end));
-    if (!text->empty() && connection.wants(*text))
-        FrameWriter::message([&](std::string_view part) { connection.output() += part; }, *text);
-}
-
-// Empty if it may be told of nothing in the message that begins where it is.
-std::string NotifyPort::filtered(NotifyConnection& connection, NotificationLog::Position end)
-{
-    std::string copied;
-    const bool isSync =
-        mLog.beginning(connection.position, longestPrefix, copied) == BrokerProtocol::syncWord;
-    if (!isSync && mGuard.hidesAll(connection))
-        return {};
-    std::string text = mLog.text(connection.position, end);
-    if (isSync)
-        return text;
-    if (!mUpdate.readUpdate(text))
-        return {};
-    DeviceState::Members& members = mUpdate.members;
-    const auto isHidden = [&](const BrokerProtocol::Member& member)
-    { return !mGuard.shows(connection, member.name); };
-    const auto shown = std::remove_if(members.begin(), members.end(), isHidden);
-    if (shown == members.end() && !members.empty())
-        return text;
-    members.erase(shown, members.end());
-    std::string rest;
-    if (!members.empty())
-        BrokerProtocol::appendUpdate(rest, updateKey(mUpdate.operation), members);
-    return rest;
+    const std::string& text = mFilter.partFor(connection, connection.position, end);
+    if (!text.empty() && connection.wants(text))
+        FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
 }
 
 // The latest values of what changed while it was behind; in the order of the changes, so that the next
@@ -571,7 +511,7 @@ void NotifyPort::shortenLog(std::size_t bytes, TimePoint now)
 
 void NotifyPort::takeOverRights(bool isToldAgain, TimePoint now)
 {
-    mFiltered.clear();
+    mFilter.clear();
     for (std::size_t index = peers().size(); index-- > 0;)
     {
         NotifyConnection& connection = *peers()[index];
@@ -598,14 +538,14 @@ void NotifyPort::tellAgain(NotifyConnection& connection, TimePoint now)
 
 void NotifyPort::closeForMemory(NotifyConnection& connection, TimePoint now)
 {
-    dropOutput(connection);
+    connection.dropOutput();
     mCatchUp.disconnected(0, now, closedMemory);
     close(connection);
 }
 
 void NotifyPort::lackMemory(NotifyConnection& connection, TimePoint now)
 {
-    dropOutput(connection);
+    connection.dropOutput();
     const Refusals::From from(mRefusals, connection);
     mRefusals.report(Refusal::Memory, "Closing a subscriber in the middle of a message, %zu bytes held",
                      mBudget.held());

@@ -7,51 +7,13 @@
 
 #include "broker/CatchUp.h"
 #include "broker/ConnectionLimit.h"
-#include "broker/FilteredMessages.h"
+#include "broker/NotificationFilter.h"
+#include "broker/NotifyConnection.h"
 #include "broker/PortEnvironment.h"
 #include "broker/SendBuffers.h"
-#include "broker/ToldRevision.h"
 #include "broker/state/DeviceState.h"
 #include "broker/wire/NotificationLog.h"
 #include "broker/wire/Port.h"
-
-/// A subscriber.
-class NotifyConnection : public Connection
-{
-public:
-    using Connection::Connection;
-
-    enum class State
-    {
-        Idle,      ///< has not subscribed
-        Following, ///< reads the log
-        Behind,    ///< the log has gone on without it: it gets the latest values first
-    };
-
-    State state = State::Idle;
-    NotificationLog::Position position = 0; ///< Following
-    NotificationLog::Number nextMessage =
-        0;                    ///< Following, some messages: the one at the position, as far as known
-    uint64_t revision = 0;    ///< Behind: knows the values up to this one
-    uint64_t eventsKnown = 0; ///< Behind: knows, or cannot want, the events up to this one
-    /// Behind: the value to go on with, if it still has this revision. Its last change is behind `revision`.
-    const DeviceState::Value* nextValue = nullptr;
-    uint64_t nextValueRevision = 0;
-    ToldRevision told;
-    std::vector<std::string> prefixes; ///< of the messages that it wants; as subscribed, also twice
-    bool isFull = false;               ///< the kernel takes no more until it says so
-    TimePoint tookAt{};                ///< when it last took something
-    bool hasBeenFull = false;
-    bool isReader = false;      ///< took more after it had been full
-    std::size_t sendBuffer = 0; ///< that the kernel was asked for
-
-    bool isFiltered = false; ///< may not be told of everything
-
-    bool followsAll() const { return state == State::Following && wantsAll(); }
-    bool hasNoPrefix() const { return prefixes.size() == 1 && prefixes.front().empty(); }
-    bool wantsAll() const { return !isFiltered && hasNoPrefix(); }
-    bool wants(std::string_view message) const;
-};
 
 /// The port on which changes are published.
 ///
@@ -139,7 +101,6 @@ private:
     bool sendLog(NotifyConnection& connection, TimePoint now);
     bool sendMatching(NotifyConnection& connection);
     void copyFiltered(NotifyConnection& connection, NotificationLog::Position end);
-    std::string filtered(NotifyConnection& connection, NotificationLog::Position end);
     void tellAgain(NotifyConnection& connection, TimePoint now);
     bool sendMissed(NotifyConnection& connection, TimePoint now);
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
@@ -148,7 +109,6 @@ private:
     void lookAtTold(NotifyConnection& connection) const;
     bool finishMessage(NotifyConnection& connection);
     void lackMemory(NotifyConnection& connection, TimePoint now);
-    static void dropOutput(NotifyConnection& connection);
     bool fallBehind(NotifyConnection& connection);
     void moveTo(NotifyConnection& connection, NotificationLog::Position position);
     void update(NotifyConnection& connection) override;
@@ -170,8 +130,7 @@ private:
     std::size_t mNext = 0;     ///< whose turn it is
     bool mHasLeftOver = false; ///< could be sent something, but the time was over
     std::vector<char> mBuffer;
-    FilteredMessages mFiltered;
-    BrokerProtocol::Command mUpdate; // that is filtered
+    NotificationFilter mFilter{mGuard, mLog};
 };
 
 #endif

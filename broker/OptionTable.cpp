@@ -121,11 +121,15 @@ OptionEntry stateSync()
 OptionEntry state()
 {
     const auto set = [](Options& options, const Values& values) { options.stateFile = values.back(); };
-    return {
-        "state",   Kind::Single,
-        "FILE",    "",
-        "",        "Keep values, timers and counters in this file over a restart; without it nothing is kept",
-        checkText, set};
+    return {"state",
+            Kind::Single,
+            "FILE",
+            "",
+            "",
+            "Keep values, timers and counters in this file over a restart; without it nothing is kept, "
+            "unless STATUSBROKER_STATE in the environment names a file",
+            checkText,
+            set};
 }
 
 OptionEntry stateKeys()

@@ -6,8 +6,9 @@
 namespace
 {
 
-// The owners that have gone whose turn it is, before others are served.
+// So many owners that have gone have their turn, and for so long, before others are served.
 constexpr std::size_t fewAtATime = 32;
+constexpr std::chrono::milliseconds turn{3};
 
 // While it is found out who has come back.
 constexpr std::chrono::milliseconds searchPause{5};
@@ -149,23 +150,27 @@ void OwnedValues::wait(Owner& owner, TimePoint now)
 
 void OwnedValues::doWhatIsDue(TimePoint now)
 {
-    std::vector<Posters::Id> due;
+    std::vector<std::pair<TimePoint, Posters::Id>> due; // those that have waited longest first
     mDue = TimePoint::max();
     for (const auto& [client, owner] : mOwners)
     {
         if (!owner.goneAt)
             continue;
-        const bool hasTurn = owner.next <= now && due.size() < fewAtATime;
-        if (hasTurn)
-            due.push_back(client);
+        if (owner.next <= now)
+            due.emplace_back(owner.next, client);
         else
             mDue = std::min(mDue, owner.next);
     }
-    for (const Posters::Id client : due)
+    std::sort(due.begin(), due.end());
+    const TimePoint end = Clock::now() + turn;
+    std::size_t count = 0;
+    for (; count < std::min(due.size(), fewAtATime) && Clock::now() < end; ++count)
     {
-        if (const auto owner = mOwners.find(client); owner != mOwners.end())
-            settle(client, owner->second, now);
+        if (const auto owner = mOwners.find(due[count].second); owner != mOwners.end())
+            settle(owner->first, owner->second, now);
     }
+    if (count < due.size())
+        mDue = std::min(mDue, due[count].first);
 }
 
 void OwnedValues::settle(Posters::Id client, Owner& owner, TimePoint now)

@@ -73,6 +73,12 @@ public:
     /// Nothing is waited for until it answers, or much arrives.
     bool hasGivenUp() const { return mHasGivenUp; }
 
+    /// Not all that had arrived could be read. Its answer may be among that, so it is waited for again.
+    void wasNotRead() { mHasGivenUp = false; }
+
+    /// A "Sync" waits for its answer for less than this.
+    bool isShorterThan(Duration time) const { return mHasGivenUp || Patience::syncFactor * mLimit < time; }
+
     /// The answer has come to a PING. False if it is owed none.
     /// @param cost what the wait costs all connections together
     bool ponged(uint64_t barrier, TimePoint now, Duration& cost)

@@ -24,8 +24,9 @@ BrokerProtocol::Poster self(const Users& users)
 // As clients are named in other lines of the log.
 std::string textOf(const BrokerProtocol::Poster& poster)
 {
-    return (poster.service.empty() ? "" : poster.service + ", ") + "user " + poster.user + ", process " +
-           std::to_string(poster.pid) + " (" + poster.program + ")";
+    return (poster.service.empty() ? "" : poster.service + ", ") +
+           (poster.user.empty() ? "unknown user" : "user " + poster.user) +
+           (poster.pid == 0 ? "" : ", process " + std::to_string(poster.pid) + " (" + poster.program + ")");
 }
 
 } // namespace

@@ -39,8 +39,18 @@ constexpr std::string_view subscription = "\0\1\1"sv;
 // A peer that does not know PING: its subscription has arrived for sure after this time.
 constexpr std::chrono::milliseconds subscriptionTime{15};
 
-// The answer to a PING repeats its context: the number of the barrier, or this.
+// The answer to a PING repeats its context: the number of the barrier, the same behind this letter, or this.
+constexpr char ownLetter = 'o';
 constexpr std::string_view subscribedContext = "subscribed"sv;
+
+std::optional<uint64_t> numberIn(std::string_view text)
+{
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return number;
+}
 
 bool isSubscribed(const PostConnection& connection, TimePoint now)
 {
@@ -77,6 +87,8 @@ void PostPort::onAccepted(PostConnection& connection)
 void PostPort::onClose(PostConnection& connection)
 {
     mGuard.dismiss(connection);
+    if (connection.ownProbe)
+        connection.ownProbe->end();
     ++mStartNews;
     removeFrom(mReady, &connection);
     removeFrom(mHeavy, &connection);
@@ -95,7 +107,7 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
     {
         // The kernel reports an ended connection whatever the broker asks for, so the broker reads it.
         const bool hasEnded = (what & (EPOLLHUP | EPOLLERR)) != 0;
-        if (mIsPaused && connection.isOpen() && !connection.pongs.owes() && !hasEnded)
+        if (mIsPaused && connection.isOpen() && !connection.owesPong() && !hasEnded)
             return poll(connection, connection.hasOutput() ? EPOLLOUT : 0U);
         makeReady(connection);
     }
@@ -205,11 +217,11 @@ void PostPort::takePong(PostConnection& connection, std::string_view context, st
         connection.bytesSincePong = behind;
         return;
     }
-    uint64_t barrier = 0;
-    const auto [end, error] = std::from_chars(context.data(), context.data() + context.size(), barrier);
+    if (!context.empty() && context.front() == ownLetter)
+        return takeOwnPong(connection, numberIn(context.substr(1)).value_or(0), behind, now);
     SharedPatience::Duration cost{0};
-    if (error != std::errc() || end != context.data() + context.size() ||
-        !connection.pongs.ponged(barrier, now, cost))
+    const std::optional<uint64_t> barrier = numberIn(context);
+    if (!barrier || !connection.pongs.ponged(*barrier, now, cost))
         return;
     mPatience.spend(cost);
     connection.bytesSincePong = behind;
@@ -219,11 +231,19 @@ void PostPort::takePong(PostConnection& connection, std::string_view context, st
         mAwaited.push_back(&connection);
 }
 
+void PostPort::takeOwnPong(PostConnection& connection, uint64_t barrier, std::size_t behind, TimePoint now)
+{
+    if (!connection.ownProbe || !connection.ownProbe->lacks(barrier))
+        return;
+    connection.ownProbe->answered(barrier, now);
+    connection.bytesSincePong = behind;
+}
+
 // ------------------------------------------------------------------------------------------------- barrier
 
 uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
 {
-    takeArrivals(now);
+    takeArrivals();
     ++mBarrier;
     const auto isClean = [](PostConnection* connection)
     {
@@ -238,7 +258,10 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
             want(*connection, !isBehind, now);
     }
     for (PostConnection* connection : std::exchange(mUnread, {}))
+    {
+        connection->pongs.wasNotRead();
         want(*connection, false, now);
+    }
     const auto isGivenUp = [](PostConnection* connection)
     {
         connection->isTouched = !connection->pongs.hasGivenUp();
@@ -261,7 +284,7 @@ void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
 
 // From each connection once, and from heavy ones last: where more has come than that, or time or memory is
 // short, a PING finds the end.
-void PostPort::takeArrivals(TimePoint now)
+void PostPort::takeArrivals()
 {
     std::vector<PostConnection*> light;
     std::vector<PostConnection*> heavy;
@@ -270,8 +293,9 @@ void PostPort::takeArrivals(TimePoint now)
         auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
         (connection.isHeavy ? heavy : light).push_back(&connection);
     }
-    takeArrivals(light, now + longestTaking);
-    takeArrivals(heavy, now + longestTaking);
+    const TimePoint end = Clock::now() + longestTaking; // the round may have begun long ago
+    takeArrivals(light, end);
+    takeArrivals(heavy, end);
 }
 
 void PostPort::takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end)
@@ -299,7 +323,13 @@ void PostPort::ping(PostConnection& connection, TimePoint now)
     connection.pingToSend = barrier;
     if (!connection.pongs.isUnread())
         sendPing(connection);
-    poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U)); // also where it is paused
+    awaitAnswer(connection);
+}
+
+// Also where it is paused.
+void PostPort::awaitAnswer(PostConnection& connection)
+{
+    poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 
 // To be called when all is read that had arrived at the barrier. A client that has ended resets the
@@ -310,6 +340,26 @@ void PostPort::sendPing(PostConnection& connection)
     const uint64_t barrier = std::exchange(connection.pingToSend, 0);
     if (!connection.hasPeerEnded())
         connection.sendCommand(Ping::command(std::to_string(barrier)));
+}
+
+std::shared_ptr<const OwnProbe> PostPort::askOwn(PostConnection& connection, uint64_t barrier, TimePoint now)
+{
+    if (!connection.ownProbe)
+        connection.ownProbe = std::make_shared<OwnProbe>();
+    OwnProbe& probe = *connection.ownProbe;
+    if (probe.isDue(barrier, now) && !connection.hasPeerEnded())
+    {
+        probe.asked(barrier, now);
+        connection.sendCommand(Ping::command(ownLetter + std::to_string(barrier)));
+        awaitAnswer(connection);
+    }
+    return probe.lacks(barrier) ? connection.ownProbe : nullptr;
+}
+
+bool PostPort::needsOwnProbe(const PostConnection& connection)
+{
+    return connection.isOpen() && connection.knowsPing() &&
+           (connection.bytesSincePong == 0 || connection.pongs.isShorterThan(OwnProbe::longest));
 }
 
 TimePoint PostPort::endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const

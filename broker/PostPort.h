@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <vector>
 
 #include "broker/ConnectionLimit.h"
+#include "broker/OwnProbe.h"
 #include "broker/PongWait.h"
 #include "broker/PortEnvironment.h"
 #include "broker/StartWait.h"
@@ -28,7 +30,10 @@ public:
     PongWait pongs;
     uint64_t pingToSend = 0; ///< for which barrier, when all that has arrived is read; 0: none
     std::size_t bytesSincePong = 0;
-    bool isTouched = false; ///< something has come since
+    bool isTouched = false;             ///< something has come since
+    std::shared_ptr<OwnProbe> ownProbe; ///< null: never asked
+
+    bool owesPong() const { return pongs.owes() || (ownProbe && ownProbe->owes()); }
 
     // ---- Start. Posts can arrive when the PING behind the subscription is answered.
     uint64_t number = 0; ///< in the order of arrival
@@ -69,6 +74,14 @@ public:
     /// Opens a barrier behind all that clients have posted by now, and takes in what has arrived of it.
     /// @param isSync waits also for connections from which only little has come
     uint64_t openBarrier(bool isSync, TimePoint now);
+
+    /// A "Sync" does not wait for it, or only briefly: nothing has come from it since its last PONG, or it
+    /// has little patience left. Its own client may ask it by a PING of its own.
+    static bool needsOwnProbe(const PostConnection& connection);
+
+    /// Asks it, for this barrier.
+    /// @returns the probe, which outlives the connection; null if there is nothing to wait for
+    std::shared_ptr<const OwnProbe> askOwn(PostConnection& connection, uint64_t barrier, TimePoint now);
 
     /// Until when what was posted before is waited for at the longest; TimePoint::min() if it has all come.
     /// @param opened when the barrier was
@@ -125,13 +138,15 @@ private:
     void take(PostConnection& connection, FrameReader::Result result, const FrameReader::Item& item);
     void lose();
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
-    void takeArrivals(TimePoint now);
+    void takeOwnPong(PostConnection& connection, uint64_t barrier, std::size_t behind, TimePoint now);
+    void takeArrivals();
     void takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end);
     void makeReady(PostConnection& connection);
     void takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most);
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void sendPing(PostConnection& connection);
+    void awaitAnswer(PostConnection& connection);
     void update(PostConnection& connection) override;
 
     MemoryBudget& mBudget;

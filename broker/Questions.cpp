@@ -1,6 +1,7 @@
 #include "broker/Questions.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "protocol/Words.h"
 
@@ -32,8 +33,9 @@ void removeFrom(List& list, RequestConnection* connection)
 
 Questions::Questions(Answerer& answerer, Outbox& outbox, Connections& connections, Refusals& refusals,
                      const DeviceState& state, TimePoint serving)
-    : mAnswerer(answerer), mOutbox(outbox), mPosts(connections.posts()), mRequests(connections.requests()),
-      mNotify(connections.notify()), mRefusals(refusals), mState(state), mReturnTime(serving), mGate(serving)
+    : mAnswerer(answerer), mOutbox(outbox), mConnections(connections), mPosts(connections.posts()),
+      mRequests(connections.requests()), mNotify(connections.notify()), mRefusals(refusals), mState(state),
+      mReturnTime(serving), mGate(serving)
 {
     mNotify.catchUp().disconnected(0, serving, restartMemory);
 }
@@ -65,10 +67,9 @@ void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
     bool isTimeOver = false;
     for (auto each = queue.begin(); each != queue.end();)
     {
-        const TimePoint endOfWait = mPosts.endOfWait(each->barrier, each->isSync, each->opened);
-        if (endOfWait > now)
+        if (const TimePoint awaited = endOfWait(*each); awaited > now)
         {
-            mNextEnd = std::min(mNextEnd, endOfWait);
+            mNextEnd = std::min(mNextEnd, awaited);
             ++each;
             continue;
         }
@@ -77,11 +78,19 @@ void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
             mHasLeftOver = true;
             return;
         }
-        const Waiting answered = *each;
+        const Waiting answered = std::move(*each);
         each = queue.erase(each);
         answerOne(answered, mPosts.isUnreadBefore(answered.barrier));
         isTimeOver = Clock::now() >= end;
     }
+}
+
+TimePoint Questions::endOfWait(const Waiting& each) const
+{
+    const TimePoint end = mPosts.endOfWait(each.barrier, each.isSync, each.opened);
+    const bool mayLack = std::any_of(each.own.begin(), each.own.end(),
+                                     [&](const auto& probe) { return probe->lacks(each.barrier); });
+    return mayLack ? std::max(end, each.opened + OwnProbe::longest) : end;
 }
 
 // All that came in this round share one barrier.
@@ -100,7 +109,7 @@ void Questions::sortNew(TimePoint now)
             mNextLook = TimePoint();
         }
         else
-            behindPosts.push_back({connection, 0, isSync, now});
+            behindPosts.push_back({connection, 0, isSync, now, {}});
         hasSync = hasSync || isSync;
     }
     mNew.clear();
@@ -110,8 +119,10 @@ void Questions::sortNew(TimePoint now)
     for (Waiting& each : behindPosts)
     {
         each.barrier = barrier;
+        if (each.isSync)
+            each.own = mConnections.askOwnPosters(*each.connection, barrier, now);
         const bool isDear = each.connection->request.size() > cheapBytes;
-        (isDear ? mDear : mWaiting).push_back(each);
+        (isDear ? mDear : mWaiting).push_back(std::move(each));
     }
 }
 

@@ -42,12 +42,14 @@ private:
         RequestConnection* connection;
         uint64_t barrier;
         bool isSync;
-        TimePoint opened; ///< the barrier
+        TimePoint opened;                                   ///< the barrier
+        std::vector<std::shared_ptr<const OwnProbe>> own; ///< posters that may hold something back
     };
 
     using Queue = std::deque<Waiting>; ///< in the order of their barriers
 
     void sortNew(TimePoint now);
+    TimePoint endOfWait(const Waiting& each) const;
     void answerSome(Queue& queue, TimePoint now, TimePoint end);
     void start(TimePoint now);
     bool hadItsTurns(RequestConnection& connection, TimePoint now);
@@ -62,6 +64,7 @@ private:
 
     Answerer& mAnswerer;
     Outbox& mOutbox;
+    Connections& mConnections;
     PostPort& mPosts;
     RequestPort& mRequests;
     NotifyPort& mNotify;

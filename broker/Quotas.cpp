@@ -17,12 +17,13 @@ constexpr std::size_t manyAccounts = 64;
 
 void Quotas::setPolicy(const Policy& policy)
 {
+    const bool wasAudit = std::exchange(mIsAudit, policy.isAudit());
     mPolicy = &policy;
     for (auto& [user, account] : mAccounts)
     {
         account.quota = policy.quotaFor(user);
-        account.posts =
-            std::max(account.posts, 0.0); // it may have posted far more while that was only logged
+        if (wasAudit)
+            account.posts = std::max(account.posts, 0.0); // nobody owes anything of what was only logged
     }
 }
 
@@ -62,14 +63,15 @@ void Quotas::forgetOld(TimePoint now)
     {
         UserAccount& account = each->second;
         refill(account, now);
-        const bool isIdle = account.connections == 0 && account.posts >= 0 && account.entered + burst < now;
+        const bool owes = hasRate(account) && account.posts < 0;
+        const bool isIdle = account.connections == 0 && !owes && account.entered + burst < now;
         each = isIdle ? mAccounts.erase(each) : std::next(each);
     }
 }
 
 void Quotas::refill(UserAccount& account, TimePoint now)
 {
-    if (account.quota == nullptr || !account.quota->postsPerSecond)
+    if (!hasRate(account))
         return;
     const auto rate = static_cast<double>(*account.quota->postsPerSecond);
     const double most = rate * std::chrono::duration<double>(burst).count();
@@ -81,8 +83,9 @@ void Quotas::refill(UserAccount& account, TimePoint now)
 bool Quotas::takePost(UserAccount& account, TimePoint now)
 {
     refill(account, now);
-    if (account.posts < 1 && !refuse(*account.quota, "a post"))
-        return false;
+    account.isBeyond = account.posts < 1;
+    if (account.isBeyond)
+        return refuse(*account.quota, "a post");
     account.posts -= 1;
     return true;
 }

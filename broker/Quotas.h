@@ -20,7 +20,8 @@ struct UserAccount
     std::size_t connections = 0;
     double posts = 0; ///< may be negative, as a message may hold many
     TimePoint counted{};
-    TimePoint entered{}; ///< its last connection
+    TimePoint entered{};   ///< its last connection
+    bool isBeyond = false; ///< it posts more than it may, in audit mode: that costs nothing
 };
 
 /// Keeps each user within the share that the policy gives it: its connections, its posts, and its part of the
@@ -47,22 +48,26 @@ public:
     /// counted and logged.
     bool mayPost(const Connection& client)
     {
-        const UserAccount* account = client.account;
-        return account == nullptr || account->quota == nullptr || !account->quota->postsPerSecond ||
-               takePost(*client.account, mNow());
+        UserAccount* account = client.account;
+        return account == nullptr || !hasRate(*account) || takePost(*account, mNow());
     }
 
     /// The post that was allowed holds so many names: each counts as a post.
     static void charge(const Connection& client, std::size_t names)
     {
-        if (client.account != nullptr && names > 1)
-            client.account->posts -= static_cast<double>(names - 1);
+        UserAccount* account = client.account;
+        if (account != nullptr && hasRate(*account) && !account->isBeyond && names > 1)
+            account->posts -= static_cast<double>(names - 1);
     }
 
     /// Whether the user may take so much of the state.
     bool mayTake(Shares::User user, const Shares::Share& before, const Shares::Share& after);
 
 private:
+    static bool hasRate(const UserAccount& account)
+    {
+        return account.quota != nullptr && account.quota->postsPerSecond;
+    }
     static void refill(UserAccount& account, TimePoint now);
     bool takePost(UserAccount& account, TimePoint now);
     bool refuse(const PolicyQuota& quota, const char* what);
@@ -71,6 +76,7 @@ private:
     Refusals& mRefusals;
     TimePoint (*const mNow)();
     const Policy* mPolicy = nullptr;
+    bool mIsAudit = false;
     std::map<std::optional<uid_t>, UserAccount> mAccounts;
 };
 

@@ -13,9 +13,10 @@ install(FILES
     DESTINATION ${package_dir} COMPONENT Development)
 
 # pkg-config files find the tree from their own place in it, so that it may be installed to another prefix than it
-# was configured for, and moved. Where the library folder is absolute, there is no way back from it to the prefix.
+# was configured for, and moved. Where the library folder is absolute, there is no way back from it to the prefix. With the
+# prefix /usr, pkg-config leaves out the folders that every compiler searches, which it knows by their plain names.
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}")
+if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR CMAKE_INSTALL_PREFIX STREQUAL /usr)
     set(PC_PREFIX "${CMAKE_INSTALL_PREFIX}")
 else()
     file(RELATIVE_PATH way_back /${pc_dir} /)
@@ -29,7 +30,7 @@ foreach(kind LIBDIR INCLUDEDIR)
         set(PC_${kind} "\${prefix}/${CMAKE_INSTALL_${kind}}")
     endif()
 endforeach()
-foreach(name veskcommon statusmanager)
+foreach(name veskcommon statusmanager statushelpers)
     configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
     install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${pc_dir} COMPONENT Development)
 endforeach()

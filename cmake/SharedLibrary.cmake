@@ -1,4 +1,4 @@
-# The settings that both of this project's shared libraries have in common.
+# The settings that this project's shared libraries have in common.
 #   statusmanager_shared_library(TARGET HEADERS file... SOURCES file...)
 function(statusmanager_shared_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")
@@ -19,7 +19,7 @@ function(statusmanager_shared_library target)
         target_link_options(${target} PRIVATE LINKER:-z,defs)
     endif()
 
-    get_filename_component(folder ${CMAKE_CURRENT_SOURCE_DIR} NAME)
+    file(RELATIVE_PATH folder ${PROJECT_SOURCE_DIR} ${CMAKE_CURRENT_SOURCE_DIR})
     install(TARGETS ${target} EXPORT StatusManagerTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime NAMELINK_COMPONENT Development)
     install(FILES ${arg_HEADERS} DESTINATION ${STATUSMANAGER_INCLUDE_DIR}/${folder} COMPONENT Development)

@@ -23,6 +23,7 @@ std::string written(const Meaning& meaning, const Command& command)
     case Operation::ResetStatus:
     case Operation::GetClientInfoValues:
     case Operation::GetPolicyDecision:
+    case Operation::GetStatusDetails:
     case Operation::ForgetStatus:
     case Operation::ForgetTimers:
     case Operation::ForgetCounters:

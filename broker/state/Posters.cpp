@@ -17,15 +17,13 @@ Posters::Id Posters::add(const Poster& poster)
     return id;
 }
 
-void Posters::setProcess(Id id, uint32_t pid, const std::string& program)
+void Posters::describe(Id id, const Poster& poster)
 {
     if (id == nobody)
         return;
-    Poster poster = at(id);
-    poster.program = program;
     const auto before = mEntries[id - 1].names;
-    mEntries[id - 1].names = enter(std::move(poster));
-    mEntries[id - 1].pid = pid;
+    mEntries[id - 1].names = enter(poster);
+    mEntries[id - 1].pid = poster.pid;
     leave(before);
 }
 

@@ -31,8 +31,8 @@ public:
             remove(id);
     }
 
-    /// Its process has been found.
-    void setProcess(Id id, uint32_t pid, const std::string& program);
+    /// More is known of it now: its process, or its service.
+    void describe(Id id, const BrokerProtocol::Poster& poster);
 
     BrokerProtocol::Poster at(Id id) const;
 

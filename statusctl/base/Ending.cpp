@@ -11,6 +11,12 @@ std::atomic<void (*)()> restoreScreen{nullptr};
 
 } // namespace
 
+void obeyInterrupts()
+{
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGQUIT, SIG_DFL);
+}
+
 void setRestore(void (*restore)())
 {
     restoreScreen = restore;

@@ -1,8 +1,11 @@
 #ifndef STATUSCTL_BASE_FAILURE_H
 #define STATUSCTL_BASE_FAILURE_H
 
+#include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 /// The meaning of the process's exit code. Documented in statusctl(1); scripts depend on the numbers.
 enum class ExitCode
@@ -20,12 +23,20 @@ enum class ExitCode
 class Failure : public std::runtime_error
 {
 public:
-    Failure(ExitCode code, const std::string& reason) : std::runtime_error(reason), mCode(code) {}
+    using Lists = std::map<std::string, std::vector<std::string>>;
+
+    /// @param lists names, by what became of them: members of the error in JSON. The reason tells them, too
+    Failure(ExitCode code, const std::string& reason, Lists lists = {})
+        : std::runtime_error(reason), mCode(code), mLists(std::move(lists))
+    {
+    }
 
     ExitCode code() const { return mCode; }
+    const Lists& lists() const { return mLists; }
 
 private:
     ExitCode mCode;
+    Lists mLists;
 };
 
 #endif

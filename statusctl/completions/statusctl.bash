@@ -37,8 +37,12 @@ _statusctl() {
         esac
     done
     case $previous in
-        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event | --values) return ;;
+        -t | --timeout | --after | --stale | -n | --speed | --match | --default | --event | --values | --format) return ;;
         --output | --broker) files=yes ;;
+        --only)
+            _statusctl_offer "$current" <<<$'status\nevent'
+            return
+            ;;
     esac
     if [[ $files ]]; then
         :

@@ -51,3 +51,4 @@ complete -c statusctl -n '__statusctl_is help' -a '(__statusctl_commands (__stat
 complete -c statusctl -n '__statusctl_is completion' -a 'bash zsh fish'
 complete -c statusctl -n '__statusctl_is load replay record sandbox' -F
 complete -c statusctl -n '__statusctl_is stats' -l output -r -F
+complete -c statusctl -n '__statusctl_is watch record' -l only -x -a 'status event'

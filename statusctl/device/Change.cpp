@@ -9,13 +9,15 @@
 namespace
 {
 
-constexpr std::array<std::pair<Change::Kind, const char*>, 6> names{{
+constexpr std::array<std::pair<Change::Kind, const char*>, 8> names{{
     {Change::Kind::Initial, "initial"},
     {Change::Kind::Synced, "synced"},
     {Change::Kind::Changed, "changed"},
     {Change::Kind::Reset, "reset"},
     {Change::Kind::Event, "event"},
     {Change::Kind::Stale, "stale"},
+    {Change::Kind::Lost, "lost"},
+    {Change::Kind::Gone, "gone"},
 }};
 
 } // namespace
@@ -31,7 +33,7 @@ Json::Value toJson(const Change& change)
     Json::Value object(Json::objectValue);
     object["time"] = Timestamp::utc(change.time);
     object["kind"] = nameOf(change.kind);
-    if (change.kind == Change::Kind::Synced)
+    if (isMark(change.kind))
         return object;
     JsonText::set(object, "name", change.name);
     JsonText::set(object, "value", change.value);
@@ -51,7 +53,7 @@ std::optional<Change> readChange(const std::string& text)
         return std::nullopt;
     const std::optional<std::string> name = JsonText::get(*object, "name");
     const std::optional<std::string> value = JsonText::get(*object, "value");
-    if (known->first != Change::Kind::Synced && (!name || !value))
+    if (!isMark(known->first) && (!name || !value))
         return std::nullopt;
     return Change{*time, known->first, name.value_or(""), value.value_or("")};
 }

@@ -13,11 +13,13 @@ struct Change
     enum class Kind
     {
         Initial, ///< a value that was there at the beginning
-        Synced,  ///< all of those have been told; without name and value
+        Synced,  ///< all of those have been told, or all that differs after Lost; without name and value
         Changed, ///< a new value
         Reset,   ///< the value is empty now
         Event,
         Stale, ///< the value has not been posted for long
+        Lost,  ///< the broker has gone; without name and value. Synced follows when it is back
+        Gone,  ///< the broker that is back does not have the key
     };
 
     Timestamp::Time time;
@@ -26,13 +28,19 @@ struct Change
     std::string value;
 };
 
-/// Whether it has happened since the beginning.
-inline bool isUpdate(Change::Kind kind)
+/// Whether it is about the feed, and so has neither name nor value.
+inline bool isMark(Change::Kind kind)
 {
-    return kind != Change::Kind::Initial && kind != Change::Kind::Synced;
+    return kind == Change::Kind::Synced || kind == Change::Kind::Lost;
 }
 
-/// "initial", "synced", "changed", "reset", "event", "stale"
+/// Whether it has happened to a value, or is an event.
+inline bool isUpdate(Change::Kind kind)
+{
+    return kind != Change::Kind::Initial && !isMark(kind);
+}
+
+/// "initial", "synced", "changed", "reset", "event", "stale", "lost", "gone"
 const char* nameOf(Change::Kind kind);
 
 /// {"time":...,"kind":...,"name":...,"value":...}; docs/statusctl.md describes it for scripts.

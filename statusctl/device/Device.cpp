@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
+#include <thread>
 
 #include "protocol/ClientDocuments.h"
 #include "statusctl/device/Ports.h"
@@ -13,6 +14,9 @@
 
 namespace
 {
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 std::optional<Failure> unreachable()
 {
@@ -78,10 +82,13 @@ constexpr std::size_t longestMessage = std::size_t{256} * 1024;
 
 } // namespace
 
-Device::Device(const Settings& settings) : mSettings(settings)
+Device::Device(const Settings& settings, WithoutBroker without) : mSettings(settings)
 {
-    checkReachable();
-    const Deadline deadline(mSettings.requestTimeout(), [this] { leave(); });
+    if (without == WithoutBroker::Wait)
+        waitForBroker();
+    else
+        checkReachable();
+    const Deadline deadline(timeToConnect(), [this] { leave(); });
     mManager = StatusManager::getInstance(false);
     throwFailure();
 }
@@ -90,6 +97,27 @@ void Device::checkReachable()
 {
     if (const std::optional<Failure> failure = unreachable())
         throw Failure(*failure);
+}
+
+void Device::waitForBroker() const
+{
+    constexpr milliseconds pace{50};
+    while (const std::optional<Failure> failure = unreachable())
+    {
+        if (mSettings.timeout && steady_clock::now() - mBegin >= *mSettings.timeout)
+            throw Failure(failure->code(), "timed out after " + Duration::writeExactly(*mSettings.timeout) +
+                                               ": " + failure->what());
+        std::this_thread::sleep_for(std::min(pace, mSettings.timeout.value_or(pace)));
+    }
+}
+
+// What the wait for the broker has left of the time of -t.
+milliseconds Device::timeToConnect() const
+{
+    if (!mSettings.timeout)
+        return mSettings.requestTimeout();
+    const auto waited = std::chrono::duration_cast<milliseconds>(steady_clock::now() - mBegin);
+    return std::max(*mSettings.timeout - waited, milliseconds(1));
 }
 
 // On the deadline's thread, while the main thread waits for ever. Nothing that either holds is released.

@@ -15,9 +15,23 @@
 class Device
 {
 public:
+    enum class WithoutBroker
+    {
+        Fail,
+        Wait, ///< for the time of -t, without it for ever
+    };
+
     /// Connects.
     /// @throws Failure if no broker listens. Leaves the process at the deadline.
-    explicit Device(const Settings& settings);
+    explicit Device(const Settings& settings, WithoutBroker without = WithoutBroker::Fail);
+
+    Device(const Device&) = delete;
+    Device& operator=(const Device&) = delete;
+
+    std::chrono::milliseconds requestTimeout() const { return mSettings.requestTimeout(); }
+
+    /// When the time of -t began to run.
+    std::chrono::steady_clock::time_point begin() const { return mBegin; }
 
     /// @throws Failure if no broker listens
     static void checkReachable();
@@ -53,10 +67,13 @@ public:
     void unregister(IStatusUpdateListener* listener);
 
 private:
+    void waitForBroker() const;
+    std::chrono::milliseconds timeToConnect() const;
     void throwFailure();
     [[noreturn]] void leave() const;
 
     const Settings& mSettings;
+    const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     Journal& mJournal = Journal::get();
     StatusManager* mManager = nullptr;
 };

@@ -9,17 +9,20 @@
 
 using BrokerProtocol::Notification;
 using Orvane::AsyncEventAgent1;
+using AsyncEventAgent0 = Orvane::MemberCall<Orvane::AsyncEventAgent, Feed, void>;
 
 Feed::Feed(Device& device, Pattern keys, Pattern events, Receiver receiver)
     : mDevice(device), mKeys(std::move(keys)), mEvents(std::move(events)), mReceiver(std::move(receiver))
 {
 }
 
-// Nothing may reach the feed any more when its members go: first the tap, then the library, then what they
-// have queued.
+// Nothing may reach the feed any more when its members go: first the tap and the link, then the library, then
+// what they have queued.
 Feed::~Feed()
 {
     mTap.reset();
+    if (mLink)
+        mLink->end(); // the feed's thread may be using it
     mDevice.unregister(this);
     mThread.stop();
 }
@@ -30,13 +33,17 @@ void Feed::start()
     if (mKeys.hasGlobs() || mEvents.hasGlobs())
         mTap.emplace([this](Notification notification) { onTapped(std::move(notification)); });
 
+    mLink.emplace([this](bool isUp) { onLink(isUp); });
     StatusKeys keys = keysThatMatch();
     keys.insert(keys.end(), mKeys.exact().begin(), mKeys.exact().end());
     const EventKeys events(mEvents.exact().begin(), mEvents.exact().end());
     mDevice.manager().registerListener(this, &mThread);
     mDevice.manager().registerForEvent(this, events);
     subscribe(keys);
+    mLink->waitUntilUp();
     mDevice.confirm(); // tells of a bad reply to what was queued
+    auto* agent = OV_NEW AsyncEventAgent0(this, &Feed::takeStart);
+    agent->send(&mThread);
 }
 
 bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
@@ -45,7 +52,7 @@ bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
     const auto isFinished = [this] { return mIsFinished; };
     if (!timeout)
         mFinished.wait(lock, isFinished);
-    else if (!mFinished.wait_until(lock, mBegin + *timeout, isFinished))
+    else if (!mFinished.wait_until(lock, mDevice.begin() + *timeout, isFinished))
         return false;
     if (mFailure)
         std::rethrow_exception(mFailure);
@@ -54,8 +61,24 @@ bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
 
 // ----------------------------------------------------------------------------------------- the feed's thread
 
-// The first one is the answer to start(): the values of the keys that were there.
+// Nothing is told before: until then, the process ends if the broker does.
+void Feed::takeStart()
+{
+    mHasStarted = true;
+    for (const StatusMap& updates : std::exchange(mEarly, {}))
+        takeUpdates(updates);
+}
+
 void Feed::onStatusUpdate(StatusMap updates)
+{
+    if (mHasStarted)
+        takeUpdates(updates);
+    else
+        mEarly.push_back(std::move(updates));
+}
+
+// The first ones are the answer to start(): the values of the keys that were there.
+void Feed::takeUpdates(const StatusMap& updates)
 {
     if (mIsSynced)
     {
@@ -112,16 +135,73 @@ void Feed::tellTapped()
 // left to it.
 void Feed::lookForMissed()
 {
+    if (!mKeys.hasGlobs())
+        return;
     try
     {
-        StatusKeys missed = keysThatMatch();
-        const auto isKnown = [this](const std::string& key) { return mValues.count(key) != 0; };
-        missed.erase(std::remove_if(missed.begin(), missed.end(), isKnown), missed.end());
+        const std::optional<StatusMap> values = mLink->values(mDevice.requestTimeout());
+        if (!values)
+            return; // lost: there will be another look
+        StatusKeys missed;
+        for (const auto& [key, value] : *values)
+        {
+            if (mKeys.matchesGlob(key) && mValues.count(key) == 0)
+                missed.push_back(key);
+        }
         subscribe(missed);
     }
     catch (...)
     {
         finish(std::current_exception());
+    }
+}
+
+// Before the values of the beginning have come, there is nothing that could differ.
+void Feed::takeLink(bool isUp)
+{
+    if (!mIsSynced || mIsEnough)
+        return;
+    if (isUp)
+        return lookForDifferences();
+    if (!std::exchange(mIsLost, true))
+        tell(Change::Kind::Lost, {}, {});
+}
+
+// The library hears of values that differ, too, since a new broker tells everything to those that come back.
+// It does not hear of keys that are no more. Whatever changes from now on waits in the queue of this thread.
+void Feed::lookForDifferences()
+{
+    try
+    {
+        const std::optional<StatusMap> values = mLink->values();
+        if (!values)
+            return; // lost again
+        for (const auto& [key, value] : *values)
+        {
+            if (mKeys.matches(key))
+                tellValue(key, value);
+        }
+        tellGone(*values);
+        if (std::exchange(mIsLost, false))
+            tell(Change::Kind::Synced, {}, {});
+    }
+    catch (...)
+    {
+        finish(std::current_exception());
+    }
+}
+
+void Feed::tellGone(const StatusMap& values)
+{
+    for (auto known = mValues.begin(); known != mValues.end();)
+    {
+        if (values.count(known->first) != 0)
+        {
+            ++known;
+            continue;
+        }
+        tell(Change::Kind::Gone, known->first, {});
+        known = mValues.erase(known);
     }
 }
 
@@ -201,5 +281,13 @@ void Feed::onTapped(Notification notification)
     if (members.empty() && (isEvent || notification.kind == Notification::Kind::StatusUpdate))
         return;
     auto* agent = OV_NEW AsyncEventAgent1<Feed, Notification>(this, &Feed::take, std::move(notification));
+    agent->send(&mThread);
+}
+
+// ----------------------------------------------------------------------------------------- the link's thread
+
+void Feed::onLink(bool isUp)
+{
+    auto* agent = OV_NEW AsyncEventAgent1<Feed, bool>(this, &Feed::takeLink, isUp);
     agent->send(&mThread);
 }

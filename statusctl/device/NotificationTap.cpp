@@ -3,40 +3,7 @@
 #include <cerrno>
 #include <utility>
 
-namespace
-{
-
-// False on a signal that somebody handles.
-bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame)
-{
-    try
-    {
-        return socket.recv(frame).has_value();
-    }
-    catch (const zmq::error_t& error)
-    {
-        if (error.num() != EINTR)
-            throw;
-        return false;
-    }
-}
-
-// All frames of the next message as one text.
-std::string receiveMessage(zmq::socket_t& socket)
-{
-    std::string text;
-    zmq::message_t frame;
-    do
-    {
-        while (!receiveFrame(socket, frame))
-        {
-        }
-        text.append(frame.data<char>(), frame.size());
-    } while (frame.more());
-    return text;
-}
-
-} // namespace
+#include "statusctl/device/Messages.h"
 
 NotificationTap::NotificationTap(std::function<void(BrokerProtocol::Notification)> receive)
     : mReceive(std::move(receive)), mThread([this] { run(); })
@@ -62,7 +29,7 @@ void NotificationTap::run()
         {
             using Kind = BrokerProtocol::Notification::Kind;
             BrokerProtocol::Notification notification =
-                BrokerProtocol::readNotification(receiveMessage(socket));
+                BrokerProtocol::readNotification(Messages::receive(socket).value_or(""));
             if (notification.kind == Kind::StatusUpdate || notification.kind == Kind::EventUpdate)
                 mReceive(std::move(notification));
             if (std::exchange(isFirst, false))

@@ -92,6 +92,24 @@ std::string readyOf(const std::string& type)
     return std::string(1, '\4') + static_cast<char>(body.size()) + body;
 }
 
+// Also of the beginning of one.
+bool isGreeting(const std::string& bytes)
+{
+    return (bytes.empty() || bytes[0] == '\xff') && (bytes.size() < 10 || bytes[9] == '\x7f');
+}
+
+// In the properties of a READY; empty if it is not there.
+std::string typeIn(const std::string& bytes)
+{
+    static const std::string name("\x0bSocket-Type", 12);
+    constexpr std::size_t lengthBytes = 4;
+    const std::size_t at = bytes.find(name);
+    if (at == std::string::npos || bytes.size() < at + name.size() + lengthBytes)
+        return {};
+    const auto size = static_cast<unsigned char>(bytes[at + name.size() + lengthBytes - 1]);
+    return bytes.substr(at + name.size() + lengthBytes, size);
+}
+
 std::string peerTypeOf(uint16_t port)
 {
     constexpr uint16_t requests = 5555;
@@ -113,23 +131,20 @@ std::optional<Ports::Port> Ports::firstClosed()
     return closed == all.end() ? std::nullopt : std::optional(*closed);
 }
 
-std::string Ports::socketType(uint16_t port, milliseconds timeout)
+std::optional<std::string> Ports::socketType(uint16_t port, milliseconds timeout)
 {
     constexpr std::size_t greetingBytes = 64;
     const steady_clock::time_point end = steady_clock::now() + timeout;
     Connection connection(port);
     std::string received;
-    if (!connection.isOpen() || !connection.write(greeting()) ||
-        !connection.readUpTo(received, greetingBytes, end) || received[0] != '\xff' ||
-        received[9] != '\x7f' || !connection.write(readyOf(peerTypeOf(port))) ||
+    if (!connection.isOpen() || !connection.write(greeting()))
+        return std::nullopt;
+    const bool isWhole = connection.readUpTo(received, greetingBytes, end);
+    if (!isGreeting(received))
+        return "";
+    if (!isWhole || !connection.write(readyOf(peerTypeOf(port))) ||
         !connection.readUpTo(received, greetingBytes + 2, end) ||
         !connection.readUpTo(received, greetingBytes + 2 + static_cast<unsigned char>(received.back()), end))
-        return {};
-    static const std::string name("\x0bSocket-Type", 12);
-    const std::size_t at = received.find(name);
-    constexpr std::size_t lengthBytes = 4;
-    if (at == std::string::npos || received.size() < at + name.size() + lengthBytes)
-        return {};
-    const auto size = static_cast<unsigned char>(received[at + name.size() + lengthBytes - 1]);
-    return received.substr(at + name.size() + lengthBytes, size);
+        return std::nullopt;
+    return typeIn(received);
 }

@@ -27,9 +27,9 @@ bool isOpen(uint16_t port);
 /// The first that nothing listens on.
 std::optional<Port> firstClosed();
 
-/// The ZeroMQ socket type that answers there ("ROUTER"); empty if what answers is no ZeroMQ, or nothing does
-/// in time.
-std::string socketType(uint16_t port, std::chrono::milliseconds timeout);
+/// The ZeroMQ socket type that answers there ("ROUTER"); empty if the answer is not ZeroMQ's, nothing if
+/// there is none in time.
+std::optional<std::string> socketType(uint16_t port, std::chrono::milliseconds timeout);
 
 } // namespace Ports
 

@@ -1,6 +1,7 @@
 #include "statusctl/health/Diagnosis.h"
 
 #include <cstdio>
+#include <map>
 #include <set>
 #include <sstream>
 
@@ -35,22 +36,77 @@ std::string programOn(const Diagnosis::Answer& answer)
     return answer.listeners.empty() ? "a program" : Listeners::nameOf(answer.listeners.front());
 }
 
+constexpr const char* restart = R"("systemctl restart statusbroker")";
+
+// It listens, and says nothing.
+bool isSilent(const Diagnosis::Answer& answer)
+{
+    return !answer.listeners.empty() && !answer.socketType;
+}
+
+// By the name of its program, as far as that is known.
+bool isSilentBroker(const Diagnosis::Answer& answer)
+{
+    const std::string broker = "statusbroker";
+    return isSilent(answer) && answer.listeners.front().process &&
+           answer.listeners.front().name.compare(0, broker.size(), broker) == 0;
+}
+
+void addForeign(const Diagnosis::Answer& answer, const std::string& what, Findings& findings)
+{
+    findings.push_back({"port", programOn(answer) + " on " + describe(answer.port) + " " + what,
+                        "end that program, or have it use another port; the broker's are fixed"});
+}
+
 void addPort(const Diagnosis::Answer& answer, Findings& findings)
 {
-    constexpr const char* moveAway = "end that program, or have it use another port; the broker's are fixed";
-    if (answer.listeners.empty() && answer.socketType.empty())
+    if (isSilentBroker(answer))
+        return; // one finding for all its ports
+    if (answer.listeners.empty() && !answer.socketType)
         findings.push_back({"port", "nothing listens on " + describe(answer.port),
                             R"(start the broker: "systemctl start statusbroker", or run "statusbroker")"});
-    else if (answer.socketType.empty())
-        findings.push_back({"port",
-                            programOn(answer) + " on " + describe(answer.port) +
-                                " does not answer as a broker: another program, or a broker that hangs",
-                            moveAway});
-    else if (!isOneOf(answer.socketType, answer.port.types))
-        findings.push_back({"port",
-                            programOn(answer) + " on " + describe(answer.port) + " is a ZeroMQ " +
-                                answer.socketType + " socket, which no broker has there",
-                            moveAway});
+    else if (isSilent(answer) && !answer.listeners.front().process)
+        findings.push_back(
+            {"port",
+             programOn(answer) + " on " + describe(answer.port) +
+                 " does not answer: a broker that hangs, or another program",
+             std::string("as root this says which; if it is the broker, ") + restart + "; if not, end it"});
+    else if (!answer.socketType || answer.socketType->empty())
+        addForeign(answer, answer.socketType ? "answers, but it is not a broker" : "is not a broker",
+                   findings);
+    else if (!isOneOf(*answer.socketType, answer.port.types))
+        addForeign(answer, "is a ZeroMQ " + *answer.socketType + " socket, which no broker has there",
+                   findings);
+}
+
+// A broker that hangs owns all three ports, so its ports share one finding.
+void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& findings)
+{
+    std::map<pid_t, std::string> ports;
+    for (const Diagnosis::Answer& answer : answers)
+    {
+        if (!isSilentBroker(answer))
+            continue;
+        std::string& text = ports[*answer.listeners.front().process];
+        text += (text.empty() ? "" : ", ") + describe(answer.port);
+    }
+    for (const Diagnosis::Answer& answer : answers)
+    {
+        const auto found =
+            isSilentBroker(answer) ? ports.find(*answer.listeners.front().process) : ports.end();
+        if (found == ports.end())
+            continue;
+        const std::string process = std::to_string(found->first);
+        if (answer.listeners.front().isStopped)
+            findings.push_back({"hung",
+                                programOn(answer) + " is stopped, and does not answer on " + found->second,
+                                "let it go on: \"kill -CONT " + process + "\"; or restart it: " + restart});
+        else
+            findings.push_back({"hung", programOn(answer) + " hangs: it does not answer on " + found->second,
+                                std::string("restart it: ") + restart + ", or \"kill -KILL " + process +
+                                    "\" and start it again; its log may say why"});
+        ports.erase(found);
+    }
 }
 
 // A rule on the broker's numbers: one that is not 0 is a fault.
@@ -72,8 +128,9 @@ constexpr Rule rules[] = {
      "find out who sends them: the broker's log shows how they begin"},
     {Number::malformedRequests, "malformed", "requests could not be read",
      "find out who sends them: the broker's log shows how they begin"},
-    {Number::stateErrors, "state", "the state file could not be written",
-     "look for a full or failing disk under the file of --state"},
+    {Number::stateErrors, "state", "the state file could not be opened or written",
+     "the broker's log names the file and the reason: a folder that is missing or closed to the broker, or a "
+     "disk that is full or fails"},
     {Number::systemTimeRefused, "clock", "clients were not allowed to set the clock",
      "if it should be, start the broker with --allow-set-time"},
     {Number::policyDenied, "policy", "names were denied to clients by the policy",
@@ -151,6 +208,7 @@ Findings Diagnosis::ofPorts(const std::vector<Answer>& answers)
                 processes.insert(*listener.process);
         }
     }
+    addSilentBrokers(answers, findings);
     if (findings.empty() && processes.size() > 1)
         findings.push_back({"port", "the three ports belong to different processes",
                             "end the one that is not the broker; \"ss -ltnp\" shows them"});

@@ -28,7 +28,7 @@ struct Answer
 {
     Ports::Port port;
     std::vector<Listeners::Listener> listeners;
-    std::string socketType; ///< as Ports::socketType()
+    std::optional<std::string> socketType; ///< as Ports::socketType()
 };
 
 /// Whether there is a broker, and nothing else, on the ports.

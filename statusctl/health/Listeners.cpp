@@ -64,6 +64,16 @@ std::string commandOf(const fs::path& process)
     return name;
 }
 
+// "123 (name) T ...", where the name may hold anything.
+bool isStopped(const fs::path& process)
+{
+    std::ifstream file(process / "stat");
+    std::string line;
+    std::getline(file, line);
+    const std::size_t end = line.rfind(')');
+    return end != std::string::npos && line.compare(end, 3, ") T") == 0;
+}
+
 Listeners::Listener ownerOf(const std::string& inode)
 {
     std::error_code error;
@@ -72,7 +82,8 @@ Listeners::Listener ownerOf(const std::string& inode)
     {
         const std::string name = process->path().filename();
         if (name.find_first_not_of("0123456789") == std::string::npos && hasSocket(process->path(), inode))
-            return {static_cast<pid_t>(std::atol(name.c_str())), commandOf(process->path())};
+            return {static_cast<pid_t>(std::atol(name.c_str())), commandOf(process->path()),
+                    isStopped(process->path())};
     }
     return {};
 }

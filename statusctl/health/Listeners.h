@@ -15,6 +15,7 @@ struct Listener
 {
     std::optional<pid_t> process; ///< nothing where it belongs to another user, whose processes are hidden
     std::string name;             ///< "statusbroker"; empty without a process
+    bool isStopped = false;       ///< by a signal, until another one lets it go on
 };
 
 /// Those that a connection to 127.0.0.1 can reach.

@@ -8,6 +8,7 @@
 #include "protocol/Words.h"
 #include "statusctl/base/Failure.h"
 #include "statusctl/device/Device.h"
+#include "statusctl/device/Messages.h"
 #include "statusctl/text/Duration.h"
 #include "statusctl/text/Json.h"
 
@@ -23,16 +24,11 @@ Requester::Requester(const Settings& settings) : mSettings(settings), mSocket(mC
 std::string Requester::ask(const std::string& request)
 {
     mSocket.send(zmq::buffer(request));
-    std::string reply;
-    zmq::message_t frame;
-    do
-    {
-        if (!mSocket.recv(frame))
-            throw Failure(ExitCode::TimedOut,
-                          "no answer from the broker within " + Duration::write(mSettings.requestTimeout()));
-        reply.append(frame.data<char>(), frame.size());
-    } while (frame.more());
-    return reply;
+    std::optional<std::string> reply = Messages::receive(mSocket);
+    if (!reply)
+        throw Failure(ExitCode::TimedOut,
+                      "no answer from the broker within " + Duration::write(mSettings.requestTimeout()));
+    return *std::move(reply);
 }
 
 void Answer::failToRead(const std::string& reply)

@@ -47,8 +47,13 @@ int64_t TopModel::secondOf(Clock::time_point time)
 void TopModel::take(const Change& change, Clock::time_point now)
 {
     constexpr std::size_t eventsKept = 1000;
-    if (change.kind == Change::Kind::Synced)
+    if (isMark(change.kind))
         return;
+    if (change.kind == Change::Kind::Gone)
+    {
+        mEntries.erase(change.name);
+        return;
+    }
     if (change.kind == Change::Kind::Event)
     {
         mEvents.push_front(change);

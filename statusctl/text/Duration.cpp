@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <map>
+#include <utility>
 
 namespace
 {
@@ -34,6 +35,17 @@ std::optional<std::chrono::milliseconds> Duration::read(const std::string& text)
     if (milliseconds > longest)
         return std::nullopt;
     return std::chrono::milliseconds(std::llround(milliseconds));
+}
+
+std::string Duration::writeExactly(std::chrono::milliseconds duration)
+{
+    constexpr std::pair<int64_t, const char*> longUnits[] = {{3600000, "h"}, {60000, "m"}, {1000, "s"}};
+    for (const auto& [milliseconds, name] : longUnits)
+    {
+        if (duration.count() != 0 && duration.count() % milliseconds == 0)
+            return std::to_string(duration.count() / milliseconds) + name;
+    }
+    return std::to_string(duration.count()) + "ms";
 }
 
 std::string Duration::write(std::chrono::microseconds duration)

@@ -11,6 +11,9 @@ namespace Duration
 /// "5", "1.5" and "5s" are seconds; "500ms", "2m", "1h". Nothing for what is none, or longer than 1000 hours.
 std::optional<std::chrono::milliseconds> read(const std::string& text);
 
+/// Exactly, as read() takes it: "300ms", "5s", "2m", "1h".
+std::string writeExactly(std::chrono::milliseconds duration);
+
 /// As a person would say it: "1.5 s", "500 ms".
 std::string write(std::chrono::microseconds duration);
 

@@ -6,7 +6,12 @@
 Pattern::Pattern(const std::vector<std::string>& texts)
 {
     for (const std::string& text : texts)
-        add(text.find_first_of("*?[\\") == std::string::npos ? mExact : mGlobs, text);
+        add(isGlob(text) ? mGlobs : mExact, text);
+}
+
+bool Pattern::isGlob(const std::string& text)
+{
+    return text.find_first_of("*?[\\") != std::string::npos;
 }
 
 Pattern Pattern::ofNames(const std::vector<std::string>& names)

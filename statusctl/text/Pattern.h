@@ -16,6 +16,9 @@ public:
     /// All exact, whatever letters are in them.
     static Pattern ofNames(const std::vector<std::string>& names);
 
+    /// Whether the text has letters of a glob.
+    static bool isGlob(const std::string& text);
+
     /// Whether one of the globs or exact names is this one.
     bool matches(const std::string& name) const;
 

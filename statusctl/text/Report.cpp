@@ -9,6 +9,19 @@
 #include "statusctl/text/Json.h"
 #include "statusctl/text/Text.h"
 
+namespace
+{
+
+Json::Value listOf(const std::vector<std::string>& texts)
+{
+    Json::Value list(Json::arrayValue);
+    for (const std::string& text : texts)
+        list.append(Text::valid(text));
+    return list;
+}
+
+} // namespace
+
 void report(const Settings& settings, const Failure& failure)
 {
     std::string line;
@@ -18,6 +31,8 @@ void report(const Settings& settings, const Failure& failure)
         error["verb"] = settings.verb;
         error["code"] = static_cast<int>(failure.code());
         error["reason"] = Text::valid(failure.what());
+        for (const auto& [name, texts] : failure.lists())
+            error[name] = listOf(texts);
         Json::Value root(Json::objectValue);
         root["error"] = error;
         line = JsonText::write(root, Settings::Json::Short);

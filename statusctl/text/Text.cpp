@@ -222,6 +222,20 @@ std::string Text::escapedInJson(const std::string& json)
                      });
 }
 
+std::string Text::cutOff(const std::string& text)
+{
+    constexpr std::size_t most = 40;
+    constexpr const char* ellipsis = "...";
+    std::size_t characters = 0;
+    for (std::size_t index = 0; index < text.size(); ++index)
+    {
+        const bool isBegin = (static_cast<unsigned char>(text[index]) & 0xC0U) != 0x80U;
+        if (isBegin && characters++ == most)
+            return text.substr(0, index) + ellipsis;
+    }
+    return text;
+}
+
 std::string Text::base64(const std::string& bytes)
 {
     std::string text;

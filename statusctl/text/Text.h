@@ -27,6 +27,9 @@ std::string harmless(const std::string& text);
 /// control characters of ASCII stay: JSON has them between its texts alone.
 std::string escapedInJson(const std::string& json);
 
+/// The first 40 characters, then "..." if there are more: as much as a table or a message has room for.
+std::string cutOff(const std::string& text);
+
 std::string base64(const std::string& bytes);
 
 /// @returns false if it is not base64.

@@ -46,21 +46,6 @@ std::string inFull(const Poster& poster)
     return text.empty() ? "unknown" : text;
 }
 
-// As much of it as a table has room for, in whole characters.
-std::string cutOff(const std::string& value)
-{
-    constexpr std::size_t most = 40;
-    constexpr const char* ellipsis = "...";
-    std::size_t characters = 0;
-    for (std::size_t index = 0; index < value.size(); ++index)
-    {
-        const bool isBegin = (static_cast<unsigned char>(value[index]) & 0xC0U) != 0x80U;
-        if (isBegin && characters++ == most)
-            return value.substr(0, index) + ellipsis;
-    }
-    return value;
-}
-
 Json::Value toJson(const std::string& key, const Details& details)
 {
     Json::Value object(Json::objectValue);
@@ -88,7 +73,7 @@ void printTable(Output& output, const Details::ByKey& details, Timestamp::Time n
                  {"POSTS", right},
                  {"POSTER", left}});
     for (const auto& [key, of] : details)
-        table.add({Text::escapedName(key), Text::escaped(cutOff(of.value)),
+        table.add({Text::escapedName(key), Text::escaped(Text::cutOff(of.value)),
                    of.changed == 0 ? unknown : Timestamp::local(timeOf(of.changed)),
                    of.posted == 0 ? unknown : ageOf(of.posted, now), std::to_string(of.posts),
                    DetailsText::briefly(of.poster)});

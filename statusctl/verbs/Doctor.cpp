@@ -24,9 +24,9 @@ public:
             "statusctl doctor\n"
             "sudo statusctl doctor\n"
             "statusctl doctor --json",
-            "Looks at who listens on the broker's ports, whether it is a broker, its version, what\n"
-            "it lost, refused or could not read since it was started, and how long it takes to\n"
-            "answer. Exit code 1 if something was found, 4 if there is no broker. Which program\n"
+            "Looks at who listens on the broker's ports: a broker, one that hangs or is stopped, or another\n"
+            "program; then at the broker's version, at all that it lost, refused or could not read since it\n"
+            "was started, and at the time that it takes to answer. Exit code 1 if something was found, 4 if there is no broker. Which program\n"
             "listens on a port is only shown for one's own programs, or to root.");
     }
 

@@ -1,10 +1,11 @@
 #include <string>
 #include <thread>
 
-#include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Following.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -19,12 +20,15 @@ public:
                                             "statusctl event bell rang\n"
                                             "statusctl event reminder --after 10m\n"
                                             "statusctl -t 30 event --wait bell");
-        command.add_option("NAME", mName, "The event")->required();
+        Names::addName(command, mName, mIsLiteral);
         CLI::Option* value = command.add_option("VALUE", mValue, "Its value, empty if not given");
         CLI::Option* after = Verbs::addDuration(command, "--after", mAfter, "Post it after this time");
-        command.add_flag("--wait", mWait, "Wait for the event and print its value")
-            ->excludes(value)
-            ->excludes(after);
+        CLI::Option* wait = command.add_flag("--wait", mWait, "Wait for the event and print its value")
+                                ->excludes(value)
+                                ->excludes(after);
+        mFollowing.emplace(command);
+        mFollowing->option()->needs(wait);
+        command.callback([this] { Names::checkExact({mName}, mIsLiteral); });
     }
 
     ExitCode run(const Settings& settings) override
@@ -49,7 +53,7 @@ private:
 
     void wait(const Settings& settings)
     {
-        Device device(settings);
+        Device device = mFollowing->connect(settings);
         Output output(settings);
         Feed feed(device, Pattern(), Pattern::ofNames({mName}),
                   [&](const Change& change)
@@ -64,13 +68,15 @@ private:
                   });
         feed.start();
         if (!feed.wait(settings.timeout))
-            throw Failure(ExitCode::TimedOut, "the time is over");
+            throw Following::timedOut(settings, "no event \"" + mName + "\"");
     }
 
     std::string mName;
     std::string mValue;
+    bool mIsLiteral = false;
     std::optional<std::chrono::milliseconds> mAfter;
     bool mWait = false;
+    std::optional<Following> mFollowing;
 };
 
 } // namespace

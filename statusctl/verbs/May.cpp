@@ -1,6 +1,7 @@
 #include "statusctl/health/Inquiry.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -25,7 +26,14 @@ public:
             "is that which is in force in the broker.");
         command.add_option("CLIENT", mClient, "The client")->required();
         command.add_option("ACTION", mAction, "The action")->required();
-        command.add_option("NAME", mName, "The key, event, timer or counter");
+        const CLI::Option* name = command.add_option("NAME", mName, "The key, event, timer or counter");
+        Names::addLiteral(command, "NAME", mIsLiteral);
+        command.callback(
+            [this, name]
+            {
+                if (name->count() != 0)
+                    Names::checkExact({mName}, mIsLiteral);
+            });
     }
 
     ExitCode run(const Settings& settings) override
@@ -48,6 +56,7 @@ private:
     std::string mClient;
     std::string mAction;
     std::string mName;
+    bool mIsLiteral = false;
 };
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "statusctl/health/Inquiry.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -44,11 +45,17 @@ public:
                   &StatusManager::resetTimer);
         addAction(command, "restart", "Set it to 0 and start it", &StatusManager::restartTimer);
         CLI::App& show = *command.add_subcommand("show", "Print the microseconds that it has run");
-        show.add_option("NAME", mName)->required();
+        Names::addName(show, mName, mIsLiteral);
         CLI::App& list = *command.add_subcommand("list", "Print all, as NAME=MICROSECONDS");
         list.callback([this] { mIsList = true; });
         for (CLI::App* each : {&show, &list})
             each->add_flag("--seconds", mInSeconds, "Print whole seconds instead");
+        command.callback(
+            [this, &list]
+            {
+                if (!list.parsed())
+                    Names::checkExact({mName}, mIsLiteral);
+            });
     }
 
     ExitCode run(const Settings& settings) override
@@ -75,7 +82,7 @@ private:
     void addAction(CLI::App& command, const char* name, const char* text, Action action)
     {
         CLI::App& subcommand = *command.add_subcommand(name, text);
-        subcommand.add_option("NAME", mName)->required();
+        Names::addName(subcommand, mName, mIsLiteral);
         subcommand.callback([this, action] { mAction = action; });
     }
 
@@ -109,6 +116,7 @@ private:
     }
 
     std::string mName;
+    bool mIsLiteral = false;
     Action mAction = nullptr; // none: show or list
     bool mIsList = false;
     bool mInSeconds = false;
@@ -138,7 +146,13 @@ public:
             .add_option("N", mNumber)
             ->required()
             ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
-        command.add_subcommand("list", "Print all, as NAME=VALUE");
+        CLI::App& list = *command.add_subcommand("list", "Print all, as NAME=VALUE");
+        command.callback(
+            [this, &list]
+            {
+                if (!list.parsed())
+                    Names::checkExact({mName}, mIsLiteral);
+            });
     }
 
     ExitCode run(const Settings& settings) override
@@ -160,7 +174,7 @@ private:
     CLI::App& add(CLI::App& command, const char* name, const char* text, Action action)
     {
         CLI::App& subcommand = *command.add_subcommand(name, text);
-        subcommand.add_option("NAME", mName)->required();
+        Names::addName(subcommand, mName, mIsLiteral);
         subcommand.callback([this, action] { mAction = action; });
         return subcommand;
     }
@@ -195,6 +209,7 @@ private:
     }
 
     std::string mName;
+    bool mIsLiteral = false;
     uint32_t mNumber = 1;
     Action mAction = nullptr; // none: list
 };

@@ -14,6 +14,7 @@
 #include "statusctl/device/Feed.h"
 #include "statusctl/text/Json.h"
 #include "statusctl/text/Output.h"
+#include "statusctl/verbs/Following.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Verb.h"
 
@@ -62,16 +63,18 @@ public:
               "statusctl record day.jsonl\n"
               "statusctl -t 1h record net.jsonl 'net.*' --event 'net.*'",
               "The file holds the lines of \"watch --json\". The recording ends with the time given by -t,\n"
-              "or by a signal."))
+              "or by a signal.")),
+          mFollowing(mCommand)
     {
         mCommand.add_option("FILE", mFile, "The file, or - for standard output; it is overwritten")
             ->required();
         mSelection.emplace(mCommand);
+        mCommand.callback([this] { mSelection->check(); });
     }
 
     ExitCode run(const Settings& settings) override
     {
-        Device device(settings);
+        Device device = mFollowing.connect(settings); // where there is none, an old recording stays
         LineFile file(mFile);
         Feed feed(device, mSelection->keys(), mSelection->events(),
                   [&](const Change& change)
@@ -86,6 +89,7 @@ public:
 
 private:
     CLI::App& mCommand;
+    Following mFollowing;
     std::string mFile;
     std::optional<Selection> mSelection; // its KEYs stand behind the file
 };
@@ -112,6 +116,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
+        obeyInterrupts(); // the recording may last for days
         std::ifstream file;
         if (mFile != "-")
             file.open(mFile, std::ios::binary);
@@ -130,7 +135,7 @@ public:
             if (!change)
                 throw Failure(ExitCode::Failed,
                               mFile + ":" + std::to_string(number) + ": not a line of a recording");
-            if (change->kind == Change::Kind::Synced || change->kind == Change::Kind::Stale)
+            if (isMark(change->kind) || change->kind == Change::Kind::Stale)
                 continue;
             ++posted;
             if (!device)

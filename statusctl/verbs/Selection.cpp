@@ -1,5 +1,20 @@
 #include "statusctl/verbs/Selection.h"
 
+#include "statusctl/verbs/Names.h"
+
+namespace
+{
+
+constexpr const char* onlyStatus = "status";
+constexpr const char* onlyEvents = "event";
+
+Names::List everything()
+{
+    return {"*"};
+}
+
+} // namespace
+
 Selection::Selection(CLI::App& command)
 {
     command.add_option("KEY", mKeys, "Keys and globs to follow; everything if no event is named either");
@@ -7,19 +22,32 @@ Selection::Selection(CLI::App& command)
         ->type_name("NAME")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+    command.add_option("--only", mOnly, "Follow only values, or only events; all of them if none is named")
+        ->type_name("status|event")
+        ->check(CLI::IsMember({onlyStatus, onlyEvents}).description(""));
     command.add_option("-n", mCount, "Leave after so many changes and events")
         ->type_name("COUNT")
         ->check(CLI::Range(uint64_t{1}, uint64_t{UINT64_MAX}).description(""));
 }
 
+void Selection::check() const
+{
+    Names::checkFilled(mKeys);
+    Names::checkFilled(mEvents);
+    if (mOnly == onlyEvents && !mKeys.empty())
+        throw CLI::ValidationError("--only event excludes keys");
+    if (mOnly == onlyStatus && !mEvents.empty())
+        throw CLI::ValidationError("--only status excludes --event");
+}
+
 Pattern Selection::keys() const
 {
-    return Pattern(isEverything() ? std::vector<std::string>{"*"} : mKeys);
+    return Pattern(isEverything() && mOnly != onlyEvents ? everything() : mKeys);
 }
 
 Pattern Selection::events() const
 {
-    return Pattern(isEverything() ? std::vector<std::string>{"*"} : mEvents);
+    return Pattern(isEverything() && mOnly != onlyStatus ? everything() : mEvents);
 }
 
 bool Selection::wantsMoreAfter(const Change& change)

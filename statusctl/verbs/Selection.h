@@ -13,8 +13,12 @@
 class Selection
 {
 public:
-    /// Adds KEY..., --event NAME and -n COUNT to the command.
+    /// Adds KEY..., --event NAME, --only and -n COUNT to the command.
     explicit Selection(CLI::App& command);
+
+    /// To be called when the command line has been read.
+    /// @throws CLI::ValidationError if it makes no sense
+    void check() const;
 
     /// Both match everything if neither was given.
     Pattern keys() const;
@@ -29,6 +33,7 @@ private:
 
     std::vector<std::string> mKeys;
     std::vector<std::string> mEvents;
+    std::string mOnly;   // status, event, or empty
     uint64_t mCount = 0; // no limit
     uint64_t mSeen = 0;
 };

@@ -5,6 +5,7 @@
 #include "statusctl/device/Device.h"
 #include "statusctl/text/Pattern.h"
 #include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -22,6 +23,7 @@ public:
             "last, if that is another. The kernel vouches for their service and user. Process and program\n"
             "are for people. A post of the same value is a post, and no change.");
         command.add_option("KEY", mKeys, "Keys and globs. Exit code 3 if one is not there")->required();
+        command.callback([this] { Names::checkFilled(mKeys); });
     }
 
     ExitCode run(const Settings& settings) override
@@ -62,16 +64,16 @@ private:
 
     void checkAllThere(const Details::ByKey& details) const
     {
-        std::string missing;
+        Names::List missing;
         for (const std::string& key : mKeys)
         {
             const Pattern pattern({key});
             if (std::none_of(details.begin(), details.end(),
                              [&](const auto& of) { return pattern.matches(of.first); }))
-                missing += (missing.empty() ? "\"" : ", \"") + key + "\"";
+                missing.push_back(key);
         }
         if (!missing.empty())
-            throw Failure(ExitCode::NotFound, "no value for " + missing);
+            throw Failure(ExitCode::NotFound, "no value for " + Names::inQuotes(missing));
     }
 
     std::vector<std::string> mKeys;

@@ -29,8 +29,10 @@ Staleness::Staleness(const Settings& settings, Clock::duration longest)
 void Staleness::hear(const Change& change)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
-    if (change.kind == Change::Kind::Synced)
-        mIsSynced = true;
+    if (isMark(change.kind))
+        mIsSynced = true; // once and for all: a broker that has gone is asked later
+    else if (change.kind == Change::Kind::Gone)
+        mKeys.remove(change.name);
     else if (change.kind == Change::Kind::Initial)
         mKeys.add(change.name, Clock::now());
     else if (change.kind != Change::Kind::Event)

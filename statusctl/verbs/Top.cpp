@@ -13,6 +13,7 @@
 #include "statusctl/screen/TopModel.h"
 #include "statusctl/screen/TopScreen.h"
 #include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -108,6 +109,7 @@ public:
             "page keys scroll; q leaves. A narrow terminal leaves columns out. The broker is asked once a\n"
             "second for the posts of the keys that are shown, since not every post is a change.");
         command.add_option("KEY", mKeys, "Only these keys and globs");
+        command.callback([this] { Names::checkFilled(mKeys); });
     }
 
     ExitCode run(const Settings& settings) override

@@ -13,6 +13,7 @@
 #include "statusctl/text/Pattern.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -38,6 +39,7 @@ public:
         command.add_flag("--all", mIsAll, "Print timers (microseconds) and counters, too")
             ->excludes("--keys")
             ->excludes("--long");
+        command.callback([this] { Names::checkFilled(mGlobs); });
     }
 
     ExitCode run(const Settings& settings) override

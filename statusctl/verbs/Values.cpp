@@ -15,6 +15,7 @@
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/DetailsText.h"
+#include "statusctl/verbs/Names.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -30,12 +31,9 @@ StatusKeys listOf(const std::vector<std::string>& keys)
     return {keys.begin(), keys.end()};
 }
 
-std::string inQuotes(const StatusKeys& keys)
+[[noreturn]] void failToFind(const Names::List& missing)
 {
-    std::string text;
-    for (const std::string& key : keys)
-        text += (text.empty() ? "\"" : ", \"") + key + "\"";
-    return text;
+    throw Failure(ExitCode::NotFound, "no value for " + Names::inQuotes(missing));
 }
 
 // ----------------------------------------------------------------------------------------------------- get
@@ -48,24 +46,29 @@ public:
         CLI::App& command = Verbs::describe(app, "get", "Print the values of keys",
                                             "statusctl get door\n"
                                             "statusctl get door lamp --default unknown\n"
+                                            "statusctl get 'net.*'\n"
                                             "statusctl get --long door lamp");
-        addKeys(command, mKeys, "One key prints its value alone, several print KEY=VALUE lines");
+        addKeys(command, mKeys,
+                "Keys and globs. One key prints its value alone; several, or a glob, print KEY=VALUE lines");
         command
             .add_option("--default", mDefault,
                         "Print this for a key that is not there, instead of exit code 3")
             ->type_name("VALUE");
         command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
             ->excludes("--default");
+        Names::addLiteral(command, "KEY", mIsLiteral);
+        command.callback([this] { Names::checkFilled(mKeys); });
     }
 
     ExitCode run(const Settings& settings) override
     {
+        const Names::Resolved names = Names::resolve(settings, mKeys, mIsLiteral);
         if (mIsLong)
-            return runLong(settings);
+            return runLong(settings, names);
         Device device(settings);
-        StatusMap values = device.values(listOf(mKeys));
-        StatusKeys missing;
-        for (const std::string& key : mKeys)
+        StatusMap values = device.values(listOf(names.keys));
+        Names::List missing = names.unmatched;
+        for (const std::string& key : names.keys)
         {
             if (values.count(key) != 0)
                 continue;
@@ -75,35 +78,36 @@ public:
                 missing.push_back(key);
         }
         if (!missing.empty())
-            throw Failure(ExitCode::NotFound, "no value for " + inQuotes(missing));
-        print(settings, values);
+            failToFind(missing);
+        print(settings, names, values);
         return ExitCode::Done;
     }
 
 private:
-    ExitCode runLong(const Settings& settings) const
+    static ExitCode runLong(const Settings& settings, const Names::Resolved& names)
     {
-        const Details::ByKey details = Details::of(settings, listOf(mKeys));
-        StatusKeys missing;
-        std::copy_if(mKeys.begin(), mKeys.end(), std::back_inserter(missing),
+        const Details::ByKey details = Details::of(settings, listOf(names.keys));
+        Names::List missing = names.unmatched;
+        std::copy_if(names.keys.begin(), names.keys.end(), std::back_inserter(missing),
                      [&](const std::string& key) { return details.count(key) == 0; });
         if (!missing.empty())
-            throw Failure(ExitCode::NotFound, "no value for " + inQuotes(missing));
+            failToFind(missing);
         Output output(settings);
         DetailsText::printLong(output, settings, details);
         return ExitCode::Done;
     }
 
     // In the order in which they were asked for.
-    void print(const Settings& settings, const StatusMap& values) const
+    static void print(const Settings& settings, const Names::Resolved& names, const StatusMap& values)
     {
         Output output(settings);
         if (settings.isJson())
             return output.json(JsonText::ofValues(values));
-        for (const std::string& key : mKeys)
+        const bool isAlone = names.keys.size() == 1 && !names.hasGlobs;
+        for (const std::string& key : names.keys)
         {
             const std::string& value = values.at(key);
-            if (mKeys.size() == 1)
+            if (isAlone)
                 output.line(output.isTerminal() ? Text::harmless(value) : value);
             else
                 output.line(Text::escapedName(key) + "=" + Text::escaped(value));
@@ -113,6 +117,7 @@ private:
     std::vector<std::string> mKeys;
     std::optional<std::string> mDefault;
     bool mIsLong = false;
+    bool mIsLiteral = false;
 };
 
 // ----------------------------------------------------------------------------------------------------- set
@@ -140,13 +145,15 @@ public:
             "--while", mIsWhile,
             "Behind one pair, run the COMMAND that follows, and stay connected until it ends: where the "
             "policy says that the value ends with its owner, it does so then. Exits as the command does");
+        Names::addLiteral(command, "KEY", mIsLiteral);
         command.callback(
             [this]
             {
                 if (mIsWhile)
-                    return takeCommand();
+                    takeCommand();
                 if (mWords.size() % 2 != 0)
                     throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
+                Names::checkExact(keys(), mIsLiteral);
                 if (inputs() > 1)
                     throw CLI::ValidationError("standard input can be the value of one key only");
             });
@@ -187,6 +194,14 @@ private:
         checkTaken(values, before, device.values(keys));
     }
 
+    Names::List keys() const
+    {
+        Names::List keys;
+        for (std::size_t index = 0; index < mWords.size(); index += 2)
+            keys.push_back(mWords[index]);
+        return keys;
+    }
+
     std::size_t inputs() const
     {
         std::size_t count = 0;
@@ -220,16 +235,20 @@ private:
             const auto found = values.find(key);
             return found == values.end() ? std::nullopt : std::optional(found->second);
         };
-        StatusKeys refused;
+        Names::List refused;
+        Names::List taken;
         for (const auto& [key, value] : wanted)
         {
             const auto now = valueIn(after, key);
-            if (now != Text::valid(value) && now == valueIn(before, key))
-                refused.push_back(key);
+            const bool isRefused = now != Text::valid(value) && now == valueIn(before, key);
+            (isRefused ? refused : taken).push_back(key);
         }
         if (!refused.empty())
             throw Failure(ExitCode::Failed,
-                          "the broker refused " + inQuotes(refused) + "; its log tells why");
+                          "the broker refused " + Names::inQuotes(refused) +
+                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) +
+                              "; its log tells why",
+                          {{"refused", refused}, {"taken", taken}});
     }
 
     // Waits as long as the library's threads need to hand the post to the kernel.
@@ -242,6 +261,7 @@ private:
     std::vector<std::string> mWords;
     bool mNoSync = false;
     bool mIsWhile = false;
+    bool mIsLiteral = false;
     std::vector<std::string> mCommand;
 };
 
@@ -252,21 +272,29 @@ class Reset : public IVerb
 public:
     explicit Reset(CLI::App& app)
     {
-        CLI::App& command =
-            Verbs::describe(app, "reset", "Reset values: they become empty", "statusctl reset door lamp");
-        addKeys(command, mKeys, "A key that is not there comes into being, empty");
+        CLI::App& command = Verbs::describe(app, "reset", "Reset values: they become empty",
+                                            "statusctl reset door lamp\nstatusctl reset 'net.*'");
+        addKeys(command, mKeys,
+                "Keys and globs. A key that is not there comes into being, empty. Nothing is reset if a glob "
+                "matches no key");
+        Names::addLiteral(command, "KEY", mIsLiteral);
+        command.callback([this] { Names::checkFilled(mKeys); });
     }
 
     ExitCode run(const Settings& settings) override
     {
+        const Names::Resolved names = Names::resolve(settings, mKeys, mIsLiteral);
+        if (!names.unmatched.empty())
+            throw Failure(ExitCode::NotFound, "no key matches " + Names::inQuotes(names.unmatched));
         Device device(settings);
-        device.reset(listOf(mKeys));
+        device.reset(listOf(names.keys));
         device.confirm();
         return ExitCode::Done;
     }
 
 private:
     std::vector<std::string> mKeys;
+    bool mIsLiteral = false;
 };
 
 } // namespace

@@ -1,11 +1,12 @@
-#include <algorithm>
+#include <mutex>
 #include <regex.h>
 #include <vector>
 
-#include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Condition.h"
+#include "statusctl/verbs/Following.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -38,35 +39,6 @@ private:
     regex_t mCompiled{};
 };
 
-struct Condition
-{
-    enum class Kind
-    {
-        Filled,
-        Equal,
-        NotEqual,
-    };
-
-    std::string key;
-    Kind kind = Kind::Filled;
-    std::string wanted;
-
-    static Condition read(const std::string& text)
-    {
-        const std::size_t equals = text.find('=');
-        if (equals == std::string::npos)
-            return {text, Kind::Filled, {}};
-        const bool isNegated = equals > 0 && text[equals - 1] == '!';
-        return {text.substr(0, equals - (isNegated ? 1 : 0)), isNegated ? Kind::NotEqual : Kind::Equal,
-                text.substr(equals + 1)};
-    }
-
-    bool holds(const std::string& value) const
-    {
-        return kind == Kind::Filled ? !value.empty() : (value == wanted) == (kind == Kind::Equal);
-    }
-};
-
 class Wait : public IVerb
 {
 public:
@@ -76,19 +48,24 @@ public:
             Verbs::describe(app, "wait", "Wait until values are as they should be, and print them",
                             "statusctl wait door=closed\n"
                             "statusctl -t 30 wait 'door!=open' lamp=off\n"
+                            "statusctl wait 'battery>=20' 'update.state exists'\n"
                             "statusctl wait --any a=1 b=1\n"
                             "statusctl wait version --match '^2\\.'");
         command
             .add_option(
                 "KEY", mTexts,
-                "KEY (has a value that is not empty), KEY=VALUE, or KEY!=VALUE (is there, with another "
-                "value). All must hold at the same time. At once if they do already")
+                "KEY (has a value that is not empty), \"KEY exists\" (also with an empty one), KEY=VALUE, "
+                "KEY!=VALUE (is there, with another value), or KEY<VALUE, KEY<=VALUE, KEY>VALUE, KEY>=VALUE "
+                "(both are numbers). All must hold at the same time. At once if they do already")
             ->required();
         command
             .add_option("--match", mRegex,
                         "The values must also match this POSIX extended regular expression")
             ->type_name("REGEX");
         command.add_flag("--any", mAny, "One of them is enough");
+        command.add_flag("--literal", mIsLiteral,
+                         "Take the letters of globs in KEY, and operators in VALUE, as they are");
+        mFollowing.emplace(command);
         command.callback([this] { prepare(); });
     }
 
@@ -97,13 +74,13 @@ public:
     {
         std::vector<std::string> keys;
         for (const Condition& condition : mConditions)
-            keys.push_back(condition.key);
-        Device device(settings);
+            keys.push_back(condition.key());
+        Device device = mFollowing->connect(settings);
         Feed feed(device, Pattern::ofNames(keys), Pattern(),
                   [this](const Change& change) { return isMissing(change); });
         feed.start();
         if (!feed.wait(settings.timeout))
-            throw Failure(ExitCode::TimedOut, "the time is over");
+            throw Following::timedOut(settings, whyNot());
         print(settings);
         return ExitCode::Done;
     }
@@ -111,11 +88,12 @@ public:
 private:
     void prepare()
     {
-        for (const std::string& text : mTexts)
+        for (std::size_t index = 0; index < mTexts.size(); ++index)
         {
-            mConditions.push_back(Condition::read(text));
-            if (mConditions.back().key.empty())
-                throw CLI::ValidationError("\"" + text + "\" names no key");
+            std::string text = mTexts[index];
+            if (index + 1 < mTexts.size() && mTexts[index + 1] == "exists")
+                text += " " + mTexts[++index];
+            mConditions.push_back(Condition::read(text, mIsLiteral));
         }
         if (mRegex)
             mMatch.emplace(*mRegex);
@@ -123,21 +101,54 @@ private:
 
     bool isMissing(const Change& change)
     {
-        if (change.kind == Change::Kind::Synced)
-            mIsSynced = true;
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (isMark(change.kind))
+            mIsSynced = change.kind == Change::Kind::Synced;
+        else if (change.kind == Change::Kind::Gone)
+            mValues.erase(change.name);
         else
             mValues[change.name] = change.value;
-        if (!mIsSynced)
+        if (!mIsSynced) // of values that are lost, nobody knows which are there at the same time
             return true;
         mHolding.clear();
         for (const Condition& condition : mConditions)
         {
-            const auto value = mValues.find(condition.key);
-            if (value != mValues.end() && condition.holds(value->second) &&
-                (!mMatch || mMatch->matches(value->second)))
-                mHolding.push_back(condition.key);
+            if (holds(condition))
+                mHolding.push_back(condition.key());
         }
         return mAny ? mHolding.empty() : mHolding.size() < mConditions.size();
+    }
+
+    bool holds(const Condition& condition) const
+    {
+        const Condition::Value value = valueOf(condition.key());
+        return condition.holds(value) && (!mMatch || mMatch->matches(*value));
+    }
+
+    Condition::Value valueOf(const std::string& key) const
+    {
+        const auto value = mValues.find(key);
+        return value == mValues.end() ? std::nullopt : Condition::Value(value->second);
+    }
+
+    // door is "open", wanted "shut"; lamp is not there, wanted "on"
+    std::string whyNot()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        if (!mIsSynced)
+            return "no values from the broker";
+        std::string text;
+        for (const Condition& condition : mConditions)
+        {
+            if (holds(condition))
+                continue;
+            const Condition::Value value = valueOf(condition.key());
+            const bool isMatchMissing = condition.holds(value);
+            text += (text.empty() ? "" : "; ") + condition.key() + " is " +
+                    (value ? "\"" + Text::cutOff(*value) + "\"" : "not there") + ", wanted " +
+                    (isMatchMissing ? "a match of \"" + *mRegex + "\"" : condition.wanted());
+        }
+        return text;
     }
 
     void print(const Settings& settings) const
@@ -154,11 +165,14 @@ private:
 
     std::vector<std::string> mTexts;
     std::optional<std::string> mRegex;
+    std::optional<Following> mFollowing;
     bool mAny = false;
+    bool mIsLiteral = false;
     std::vector<Condition> mConditions;
     std::optional<Regex> mMatch;
 
-    // The feed's thread, until the feed has ended.
+    // The feed's thread changes these under the mutex.
+    std::mutex mMutex;
     bool mIsSynced = false;
     StatusMap mValues;
     std::vector<std::string> mHolding;

@@ -6,11 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "statusctl/device/Device.h"
 #include "statusctl/device/Feed.h"
+#include "statusctl/text/LineFormat.h"
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Report.h"
 #include "statusctl/text/Text.h"
+#include "statusctl/verbs/Following.h"
 #include "statusctl/verbs/Selection.h"
 #include "statusctl/verbs/Staleness.h"
 #include "statusctl/verbs/Verb.h"
@@ -23,6 +24,9 @@ constexpr const char* help =
     "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
     "process twice, whether its name matches or not. Nothing is polled, but with --stale: then the broker\n"
     "is asked when a key may have become stale, because it does not tell of posts that change nothing.\n"
+    "When the broker goes, \"lost\" is printed; when it is back, what differs, and then \"synced\". A key "
+    "that\n"
+    "it does not have any more is \"gone\". Events in between are not heard.\n"
     "What stands behind \"--\" is a command that is run for each line, one after the other, with "
     "STATUS_KEY,\n"
     "STATUS_VALUE and STATUS_KIND in its environment.";
@@ -35,25 +39,25 @@ public:
                                    "statusctl watch door 'net.*' --event bell\n"
                                    "statusctl watch -n 1 --updates door\n"
                                    "statusctl watch --stale 10s 'sensor.*'\n"
+                                   "statusctl watch --only event\n"
+                                   "statusctl watch --updates --format '%k %v' 'net.*'\n"
                                    "statusctl -q watch door -- sh -c 'echo \"$STATUS_KEY: $STATUS_VALUE\"'",
                                    help)),
-          mSelection(mCommand)
+          mSelection(mCommand), mFollowing(mCommand)
     {
-        mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the \"synced\" mark");
+        mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the first \"synced\"");
         Verbs::addDuration(mCommand, "--stale", mStale,
                            "Also tell of keys that have not been posted for that long, once until they are "
                            "posted again; 100ms or more");
-        mCommand.callback(
-            [this]
-            {
-                if (mStale && *mStale < shortestStale)
-                    throw CLI::ValidationError("--stale must be at least 100ms");
-            });
+        addForm();
+        mCommand.callback([this] { check(); });
     }
 
     ExitCode run(const Settings& settings) override
     {
-        Device device(settings);
+        if (settings.isJson() && (mFormat || mIsRaw))
+            throw Failure(ExitCode::WrongUsage, "--json excludes --format and --raw");
+        Device device = mFollowing.connect(settings);
         Output output(settings);
         std::optional<Staleness> staleness;
         if (mStale)
@@ -66,23 +70,49 @@ public:
                       return show(settings, output, change);
                   });
         feed.start();
-        const bool isEnough =
-            staleness ? waitForStale(settings, output, feed, *staleness) : feed.wait(settings.timeout);
+        const bool isEnough = staleness ? waitForStale(settings, output, device, feed, *staleness)
+                                        : feed.wait(settings.timeout);
         if (!isEnough)
-            leaveWith(settings, Failure(ExitCode::TimedOut, "the time is over")); // whatever the command does
+            leaveWith(settings, Following::timedOut(settings)); // whatever the command does
         return ExitCode::Done;
     }
 
 private:
     static constexpr std::chrono::milliseconds shortestStale{100};
 
+    void addForm()
+    {
+        const auto take = [this](const std::string& text) { mFormat.emplace(text); };
+        mCommand
+            .add_option_function<std::string>(
+                "--format", take,
+                "Print lines of this form: %t is the local time, %w what it is (initial, changed, ...), %k "
+                "the "
+                "name, %v the value, %% a percent sign. Without %w, \"synced\" and \"lost\" are left out")
+            ->type_name("FORMAT");
+        mCommand.add_flag(
+            "--raw", mIsRaw,
+            "Print names and values byte for byte. On a terminal, what could harm it is escaped");
+    }
+
+    void check() const
+    {
+        mSelection.check();
+        if (mStale && *mStale < shortestStale)
+            throw CLI::ValidationError("--stale must be at least 100ms");
+        const std::string unknown = mFormat ? mFormat->unknownField("twkv") : "";
+        if (!unknown.empty())
+            throw CLI::ValidationError("--format knows %t, %w, %k, %v and %%, and no \"" + unknown + "\"");
+    }
+
     // As Feed::wait().
-    bool waitForStale(const Settings& settings, Output& output, Feed& feed, Staleness& staleness)
+    bool waitForStale(const Settings& settings, Output& output, const Device& device, Feed& feed,
+                      Staleness& staleness)
     {
         using std::chrono::milliseconds;
         for (;;)
         {
-            const milliseconds next = std::chrono::ceil<milliseconds>(staleness.nextLook() - mBegin);
+            const milliseconds next = std::chrono::ceil<milliseconds>(staleness.nextLook() - device.begin());
             if (feed.wait(std::min(next, settings.timeout.value_or(milliseconds::max()))))
                 return true;
             if (settings.timeout && *settings.timeout <= next)
@@ -105,29 +135,78 @@ private:
 
     bool showNext(const Settings& settings, Output& output, const Change& change)
     {
-        if (mUpdatesOnly && !isUpdate(change.kind))
+        const bool isBeginning = !mIsSynced;
+        mIsSynced = mIsSynced || change.kind == Change::Kind::Synced;
+        if (mUpdatesOnly && isBeginning && !isUpdate(change.kind))
             return true;
-        if (settings.isJson() && !settings.quiet)
-            output.streamed(toJson(change));
-        else if (!settings.quiet)
-            output.line(lineOf(output, change));
-        if (!settings.command.empty() && change.kind != Change::Kind::Synced)
+        if (!settings.quiet)
+            print(settings, output, change);
+        if (!settings.command.empty() && !isMark(change.kind))
             runCommand(settings.command, change);
         return mSelection.wantsMoreAfter(change);
     }
 
-    static std::string lineOf(const Output& output, const Change& change)
+    void print(const Settings& settings, Output& output, const Change& change) const
     {
-        const Output::Color color = change.kind == Change::Kind::Changed ? Output::Color::Green
-                                    : change.kind == Change::Kind::Reset || change.kind == Change::Kind::Stale
-                                        ? Output::Color::Yellow
-                                    : change.kind == Change::Kind::Event ? Output::Color::Red
-                                                                         : Output::Color::Dim;
+        if (settings.isJson())
+            output.streamed(toJson(change));
+        else if (mFormat)
+            printFormatted(output, change);
+        else
+            output.line(lineOf(output, change));
+    }
+
+    std::string lineOf(const Output& output, const Change& change) const
+    {
+        const Output::Color color =
+            change.kind == Change::Kind::Changed ? Output::Color::Green
+            : change.kind == Change::Kind::Reset || change.kind == Change::Kind::Stale ||
+                    change.kind == Change::Kind::Gone
+                ? Output::Color::Yellow
+            : change.kind == Change::Kind::Event || change.kind == Change::Kind::Lost ? Output::Color::Red
+                                                                                      : Output::Color::Dim;
         std::string line = output.colored(Timestamp::local(change.time), Output::Color::Dim) + " " +
                            output.colored(nameOf(change.kind), color);
-        if (change.kind != Change::Kind::Synced)
-            line += " " + Text::escapedName(change.name) + " " + Text::escaped(change.value);
+        if (!isMark(change.kind))
+            line += " " + name(output, change) + " " + value(output, change);
         return line;
+    }
+
+    // A mark without the field that says what it is would be a line of blanks.
+    void printFormatted(Output& output, const Change& change) const
+    {
+        if (isMark(change.kind) && !mFormat->has('w'))
+            return;
+        output.line(mFormat->fill(
+            [&](char letter)
+            {
+                switch (letter)
+                {
+                case 't':
+                    return Timestamp::local(change.time);
+                case 'w':
+                    return std::string(nameOf(change.kind));
+                case 'k':
+                    return name(output, change);
+                default:
+                    return value(output, change);
+                }
+            }));
+    }
+
+    std::string name(const Output& output, const Change& change) const
+    {
+        return mIsRaw ? raw(output, change.name) : Text::escapedName(change.name);
+    }
+
+    std::string value(const Output& output, const Change& change) const
+    {
+        return mIsRaw ? raw(output, change.value) : Text::escaped(change.value);
+    }
+
+    static std::string raw(const Output& output, const std::string& text)
+    {
+        return output.isTerminal() ? Text::harmless(text) : text;
     }
 
     // Its exit code does not matter; whether it can be started does.
@@ -178,9 +257,12 @@ private:
 
     CLI::App& mCommand;
     Selection mSelection;
+    Following mFollowing;
+    std::optional<LineFormat> mFormat;
+    bool mIsRaw = false;
     bool mUpdatesOnly = false;
+    bool mIsSynced = false;
     std::optional<std::chrono::milliseconds> mStale;
-    const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     std::mutex mMutex;
     bool mIsEnough = false;
 };

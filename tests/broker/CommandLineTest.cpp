@@ -1,6 +1,7 @@
 // The broker's command line: what it sets, as the configuration file does, and how each mistake in it is
 // told.
 
+#include <cstdlib>
 #include <map>
 #include <ostream>
 #include <set>
@@ -100,6 +101,35 @@ TEST(CommandLine, stateKeysAddUp)
     EXPECT_EQ(read({"--state-keys", "a*", "--state-keys", "[b]"}), defaultsBut("state-keys", "<a*><[b]>"));
 }
 
+namespace
+{
+
+// A service that has a folder for the state, and says so in the environment.
+class StateOfTheService : public ConfigFileTest
+{
+protected:
+    StateOfTheService() { setenv("STATUSBROKER_STATE", "/run/service/state", 1); }
+    ~StateOfTheService() override { unsetenv("STATUSBROKER_STATE"); }
+};
+
+} // namespace
+
+TEST_F(StateOfTheService, isUsedWhereNoOtherIsNamed)
+{
+    EXPECT_EQ(read({}), defaultsBut("state", "/run/service/state"));
+}
+
+TEST_F(StateOfTheService, givesWayToTheConfiguration)
+{
+    write("state = /data/state\n");
+    EXPECT_EQ(read({"--config", file()}), defaultsBut("state", "/data/state"));
+}
+
+TEST_F(StateOfTheService, givesWayToTheCommandLine)
+{
+    EXPECT_EQ(read({"--state", "/data/state"}), defaultsBut("state", "/data/state"));
+}
+
 TEST(CommandLine, aCheckIsAskedFor)
 {
     EXPECT_TRUE(commandLine({"--check-config"}).isCheck());
@@ -145,13 +175,15 @@ TEST_P(WrongCommandLine, isRefusedWithCodeTwoAndAMessage)
     const Outcome outcome = run(arguments);
     EXPECT_EQ(outcome.code, 2);
     EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(startsWith(outcome.errors, "statusbroker: ")) << outcome.errors;
     EXPECT_NE(outcome.errors.find("\nRun with --help for more information.\n"), std::string::npos);
 }
 
 TEST(CommandLine, aMessageNamesOptionValueAndRange)
 {
     const Outcome outcome = run({"--check-config", "--max-key-bytes", "2M"});
-    EXPECT_EQ(linesOf(outcome.errors).front(), "--max-key-bytes: \"2M\" is not a size in 1..1M");
+    EXPECT_EQ(linesOf(outcome.errors).front(),
+              "statusbroker: --max-key-bytes: \"2M\" is not a size in 1..1M");
 }
 
 // So that a variable that is not set does not make a broker serve that was to be checked only.

@@ -302,6 +302,22 @@ TEST(Descriptors, hardLimitLowersTheConnectionsAndThatIsSaid)
     EXPECT_EQ(broker.waitForExit(), 0);
 }
 
+// ------------------------------------------------------------------------------------------- state file
+
+TEST(StateFileOption, isNamedInTheLogAtTheStart)
+{
+    const TemporaryFolder folder;
+    BrokerProcess broker({"--state", folder / "state"});
+    EXPECT_TRUE(broker.process().waitForError("The state file is [" + (folder / "state") + "]"));
+}
+
+TEST(StateFileOption, isMissedInTheLogAtTheStart)
+{
+    BrokerProcess broker;
+    EXPECT_TRUE(
+        broker.process().waitForError("There is no state file: nothing is kept when the broker ends"));
+}
+
 // ------------------------------------------------------------------------------------------- service manager
 
 namespace

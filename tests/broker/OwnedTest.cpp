@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "tests/broker/PolicedBroker.h"
+#include "tests/broker/peer/ServiceGroup.h"
 
 namespace
 {
@@ -18,12 +19,16 @@ namespace
 class OwnerProcess
 {
 public:
-    OwnerProcess(const std::string& key, const std::string& value)
+    OwnerProcess(const std::string& key, const std::string& value, const ServiceGroup* group = nullptr)
     {
         if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
             throw std::runtime_error("cannot make a process");
         if (mPid == 0)
+        {
+            if (group != nullptr)
+                group->enter();
             run(postOf(key, value));
+        }
         close(mPipe[0]);
     }
 
@@ -79,9 +84,10 @@ protected:
         return "[[owned]]\nkeys = \"net.*\"\nbecomes = \"offline\"\ngrace = \"" + grace + "\"\n";
     }
 
-    std::unique_ptr<OwnerProcess> owner(const std::string& key, const std::string& text = "up")
+    std::unique_ptr<OwnerProcess> owner(const std::string& key, const std::string& text = "up",
+                                        const ServiceGroup* group = nullptr)
     {
-        auto process = std::make_unique<OwnerProcess>(key, text);
+        auto process = std::make_unique<OwnerProcess>(key, text, group);
         EXPECT_TRUE(becomes(key, text));
         EXPECT_TRUE(eventually([&] { return isKnown(key, process->pid()); }));
         return process;
@@ -117,11 +123,13 @@ TEST_F(Owned, valuesAreMarkedWhenTheirOwnerHasGoneAndListenersAreTold)
     listen();
     auto client = owner("net.a");
     EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"up"}})");
+    const pid_t pid = client->pid();
     client->end();
     EXPECT_EQ(next(), R"({"statusUpdate":{"net.a":"offline"}})");
     EXPECT_EQ(value("net.a"), reply("offline"));
     EXPECT_EQ(statistic("policy.ownersGone"), 1U);
     EXPECT_TRUE(isInLog("Set [net.a] and 0 others to [offline], by ")) << broker->process().errors();
+    EXPECT_TRUE(isInLog(", process " + std::to_string(pid) + " (OwnedTest)")) << broker->process().errors();
 }
 
 TEST_F(Owned, valuesWithoutATextAreReset)
@@ -169,6 +177,24 @@ TEST_F(Owned, valuesDoNotGoOnWithAnotherProcess)
     const auto other = owner("net.b");
     EXPECT_TRUE(becomes("net.a", "offline"));
     EXPECT_EQ(value("net.b"), reply("up"));
+}
+
+TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
+{
+    const ServiceGroup one("one");
+    const ServiceGroup two("two");
+    if (const std::string lack = one.lack(); !lack.empty())
+        GTEST_SKIP() << lack;
+    start(owned("1s"));
+    auto first = owner("net.a", "up", &one);
+    auto second = owner("net.b", "up", &two);
+    first->end();
+    const auto restarted = owner("net.c", "up", &one);
+    second->end();
+    EXPECT_TRUE(becomes("net.b", "offline")); // one's processes are another service's
+    awaitAnotherEnd();
+    EXPECT_EQ(value("net.a"), reply("up"));
+    EXPECT_EQ(value("net.c"), reply("up"));
 }
 
 TEST_F(Owned, inAuditModeMarksAreOnlyLogged)

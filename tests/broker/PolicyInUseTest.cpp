@@ -108,6 +108,28 @@ TEST_F(UsedPolicy, aBrokerWhosePolicyIsWrongDoesNotStart)
     EXPECT_NE(errors.find((folder / "policy") + ":4: "), std::string::npos) << errors;
 }
 
+// Without control groups of version 2 no kernel tells services.
+TEST_F(UsedPolicy, aBrokerDoesNotStartWhereItsPolicyCannotBeEnforced)
+{
+    const std::vector<std::string> ownMounts{"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
+                                             "umount --all --lazy --types cgroup2 && exec \"$@\"", "sh"};
+    const auto run = [&](const std::vector<std::string>& command)
+    {
+        std::vector<std::string> all = ownMounts;
+        all.insert(all.end(), command.begin(), command.end());
+        TestProcess process(all);
+        const int code = process.waitForExit().value_or(-1);
+        return std::pair(code, process.errors());
+    };
+    if (run({"/bin/true"}).first != 0)
+        GTEST_SKIP() << "this process may not have mounts of its own";
+    writePolicy("[[rule]]\nservice = \"net\"\ndeny = \"reset\"\n");
+    const auto [code, errors] = run({STATUSBROKER_PRODUCT, "--policy", folder / "policy"});
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(errors.find("the policy names services, but this kernel does not tell them"), std::string::npos)
+        << errors;
+}
+
 TEST_F(UsedPolicy, checkConfigExplainsIt)
 {
     writePolicy(rule("deny = \"post\"\nkeys = \"secret\""));

@@ -38,14 +38,14 @@ TEST(Posters, thatComeAndGoTakeNoMemory)
     EXPECT_EQ(posters.at(kept), posterOf("kept.service", 1));
 }
 
-TEST(Posters, getTheirProcessWhenItIsFound)
+TEST(Posters, getTheirProcessAndServiceWhenTheyAreFound)
 {
     Posters posters;
-    BrokerProtocol::Poster unknown = posterOf("net.service", 0);
+    BrokerProtocol::Poster unknown = posterOf("", 0);
     unknown.program.clear();
     const Posters::Id id = posters.add(unknown);
     const Posters::Id same = posters.add(unknown);
-    posters.setProcess(id, 9, "netd");
+    posters.describe(id, posterOf("net.service", 9));
     EXPECT_EQ(posters.at(id), posterOf("net.service", 9));
     EXPECT_EQ(posters.at(same), unknown);
 }
@@ -55,6 +55,6 @@ TEST(Posters, nobodyIsNeitherHeldNorFound)
     Posters posters;
     posters.hold(Posters::nobody);
     posters.release(Posters::nobody);
-    posters.setProcess(Posters::nobody, 9, "netd");
+    posters.describe(Posters::nobody, posterOf("net.service", 9));
     EXPECT_EQ(posters.count(), 0U);
 }

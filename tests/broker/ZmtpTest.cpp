@@ -153,29 +153,6 @@ TEST_F(ZmtpTest, aPosterOfVersion30IsNeverPinged)
     EXPECT_EQ(peer.read(1, quiet), "");
 }
 
-// As what it posted before may be under way still.
-TEST_F(ZmtpTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
-{
-    ZmtpPeer peer(ZmtpPeer::postPort);
-    ASSERT_TRUE(peer.shakeHands());
-    peer.read(postSubscription.size());
-    ASSERT_TRUE(peer.readFrame());
-    RawRequester requester;
-    requester.ask("Sync"); // the first is another matter
-    ASSERT_TRUE(peer.write(ZmtpPeer::message(postOf("k", "v"))));
-    ASSERT_TRUE(eventually([&] { return valueOf(requester, "k") == reply("v"); }));
-    requester.send({"Sync"});
-    const auto ping = peer.readFrame();
-    ASSERT_TRUE(ping);
-    EXPECT_EQ(ping->flags, WireFrames::command);
-    EXPECT_EQ(ping->body.substr(0, 7), "\4PING\0\0"s) << "without a time to live";
-    EXPECT_LE(ping->body.size(), 7U + 16U) << "longer ones are cut by the peer";
-    ASSERT_FALSE(requester.receive(quiet)) << "the answer waits for PONG";
-    ASSERT_TRUE(peer.write(ZmtpPeer::pong(ping->body.substr(7))));
-    EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"});
-    EXPECT_EQ(peer.read(1, quiet), "");
-}
-
 // ----------------------------------------------------------------------------------------------------- PING
 
 TEST_F(ZmtpTest, aPingIsAnsweredWithItsContext)

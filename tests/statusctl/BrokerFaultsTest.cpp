@@ -8,6 +8,7 @@
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ScriptedBroker.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace
 {
@@ -17,16 +18,19 @@ const std::vector<Words> needBroker{{"get", "a"},
                                     {"reset", "a"},
                                     {"forget", "a"},
                                     {"dump"},
-                                    {"watch", "a"},
-                                    {"wait", "a"},
+                                    {"watch", "a", "--no-wait-broker"},
+                                    {"wait", "a", "--no-wait-broker"},
                                     {"event", "a"},
-                                    {"event", "--wait", "a"},
+                                    {"event", "--wait", "a", "--no-wait-broker"},
                                     {"timer", "start", "a"},
                                     {"timer", "show", "a"},
                                     {"counter", "add", "a"},
                                     {"ping"},
                                     {"stats"},
-                                    {"record", "/dev/null"}};
+                                    {"record", "/dev/null", "--no-wait-broker"}};
+
+const std::vector<Words> waitForBroker{
+    {"watch", "a"}, {"wait", "a"}, {"event", "--wait", "a"}, {"record", "/dev/null", "a"}};
 
 } // namespace
 
@@ -36,6 +40,56 @@ TEST(BrokerFaultsTest, withoutABrokerEveryCommandLeavesWith4)
         EXPECT_EQ(statusctl(words), failure(4, "statusctl: " + words[0] +
                                                    ": no broker: nothing listens on port 5555 (requests); is "
                                                    "statusbroker running?"));
+}
+
+TEST(BrokerFaultsTest, whatWaitsForTheBrokerDoesSoForTheTimeGiven)
+{
+    for (const Words& words : waitForBroker)
+    {
+        Words command{"-t", "300ms"};
+        command.insert(command.end(), words.begin(), words.end());
+        const auto begin = std::chrono::steady_clock::now();
+        EXPECT_EQ(
+            statusctl(command),
+            failure(4, "statusctl: " + words[0] +
+                           ": timed out after 300ms: no broker: nothing listens on port 5555 (requests); is "
+                           "statusbroker running?"));
+        EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300)) << words[0];
+    }
+}
+
+TEST(BrokerFaultsTest, watchAndWaitBeginWhenTheBrokerIsThere)
+{
+    TestProcess watch(commandOf({"watch", "a"}));
+    TestProcess wait(commandOf({"-t", "60", "wait", "a=1"}));
+    EXPECT_EQ(watch.readLine(std::chrono::milliseconds(100)), std::nullopt);
+    EXPECT_EQ(wait.waitForExit(std::chrono::milliseconds(0)), std::nullopt);
+    const BrokerProcess broker;
+    EXPECT_EQ(nextLine(watch), "synced");
+    statusctl({"set", "a", "1"});
+    EXPECT_EQ(nextLine(watch), "changed a 1");
+    EXPECT_EQ(wait.waitForExit(), 0);
+    EXPECT_EQ(wait.readRest(), "1\n");
+    EXPECT_EQ(watch.errors() + wait.errors(), "");
+}
+
+TEST(BrokerFaultsTest, theTimeRunsFromTheBeginningAndNotFromTheBroker)
+{
+    const auto second = allowed(std::chrono::seconds(1));
+    TestProcess wait(commandOf({"-t", std::to_string(3 * second.count()) + "ms", "wait", "a=1"}));
+    EXPECT_EQ(wait.waitForExit(2 * second), std::nullopt);
+    const BrokerProcess broker;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(wait.waitForExit(), 124);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 3 * second);
+}
+
+TEST(BrokerFaultsTest, aRecordingStaysWhereThereIsNoBroker)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "old", "old");
+    EXPECT_EQ(statusctl({"record", folder / "old", "--no-wait-broker"}).code, 4);
+    EXPECT_EQ(readFile(folder / "old"), "old");
 }
 
 TEST(BrokerFaultsTest, jsonTellsTheCode)

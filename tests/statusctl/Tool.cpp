@@ -7,6 +7,14 @@ Words commandOf(const Words& words)
     return command;
 }
 
+Words inBackground(const Words& words)
+{
+    Words command{"/bin/sh", "-c", "trap '' INT QUIT; exec \"$@\"", "sh"};
+    const Words tool = commandOf(words);
+    command.insert(command.end(), tool.begin(), tool.end());
+    return command;
+}
+
 Outcome statusctl(const Words& words, const std::string& input)
 {
     TestProcess process(commandOf(words));

@@ -32,6 +32,9 @@ inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome)
 /// does.
 Words commandOf(const Words& words);
 
+/// The same, with interrupts ignored, as a script's shell starts what stands before "&".
+Words inBackground(const Words& words);
+
 /// Runs the tool to its end.
 Outcome statusctl(const Words& words, const std::string& input = "");
 

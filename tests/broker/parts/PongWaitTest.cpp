@@ -223,3 +223,28 @@ TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForOnlyIfMuchHasArrive
     open(3, start + 1h, false, PongWait::muchUnread);
     EXPECT_EQ(endFor(3, start + 1h), start + 1h + Patience::longest);
 }
+
+// Its answer may be among what could not be read.
+TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForAgainIfItCouldNotBeRead)
+{
+    open(1, start);
+    wait.judge(start + 1h);
+    wait.judge(start + 1h);
+    ASSERT_TRUE(wait.hasGivenUp());
+    wait.wasNotRead();
+    open(2, start + 1h, false, 1);
+    EXPECT_EQ(endFor(2, start + 1h), start + 1h + Patience::longest);
+    EXPECT_TRUE(wait.isAwaited());
+}
+
+TEST_F(PongWaitTest, aSyncWaitsForALongTimeUnlessAnAnswerDidNotCome)
+{
+    open(1, start);
+    EXPECT_FALSE(wait.isShorterThan(100ms));
+    wait.judge(start + 1h);
+    EXPECT_FALSE(wait.hasGivenUp());
+    open(2, start + 1h);
+    EXPECT_TRUE(wait.isShorterThan(100ms)) << "a quarter of the time, ten times";
+    wait.judge(start + 2h);
+    EXPECT_TRUE(wait.isShorterThan(1ms));
+}

@@ -177,3 +177,37 @@ TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
     EXPECT_TRUE(quotas.mayTake(webUser, {20, 200}, {20, 199}));
     EXPECT_FALSE(quotas.mayTake(webUser, {20, 200}, {20, 201}));
 }
+
+// So the log says in audit mode how much would be refused.
+TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
+{
+    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    for (int count = 0; count < 100; ++count)
+        post(*connection, 10);
+    const uint64_t before = refusals.count(Refusal::Audited);
+    now += 10s;
+    for (int count = 0; count < 5; ++count)
+        post(*connection);
+    EXPECT_EQ(refusals.count(Refusal::Audited), before);
+}
+
+TEST_F(QuotasTest, aDebtIsNotForgivenWithAnotherPolicy)
+{
+    use("[[quota]]\nposts-per-second = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(post(*connection, 50000));
+    use("[[quota]]\nposts-per-second = 6\n");
+    now += 1s;
+    EXPECT_FALSE(post(*connection));
+}
+
+TEST_F(QuotasTest, aUserWithoutARateOwesNothing)
+{
+    use("[[quota]]\nconnections = 5\n");
+    Connection* connection = connect(webUser);
+    EXPECT_TRUE(post(*connection, 50000));
+    use("[[quota]]\nposts-per-second = 5\n");
+    now += 1s;
+    EXPECT_TRUE(post(*connection));
+}

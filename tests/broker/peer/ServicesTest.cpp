@@ -4,10 +4,9 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "broker/peer/OwnerQuery.h"
-#include "tests/broker/peer/Ends.h"
+#include "tests/broker/peer/ServiceGroup.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace
@@ -208,67 +207,23 @@ TEST_F(ServicesTest, theTreeIsWhereTheMachineHasMountedIt)
     EXPECT_EQ(Services::rootIn(tree / "missing"), "");
 }
 
-namespace
-{
-
-// A control group of the machine's own, if this process may make one.
-class RealGroup
-{
-public:
-    explicit RealGroup(const std::string& root)
-        : mSlice(root + "/statusmanagertest" + std::to_string(getpid()) + ".slice"),
-          mService(mSlice + "/named.service"), path(mService + "/net.service")
-    {
-        const bool isMade = !root.empty() && mkdir(mSlice.c_str(), 0755) == 0 &&
-                            mkdir(mService.c_str(), 0755) == 0 && mkdir(path.c_str(), 0755) == 0;
-        error = root.empty() ? ENOENT : isMade ? 0 : errno;
-    }
-    ~RealGroup()
-    {
-        for (const std::string& folder : {path, mService, mSlice})
-            eventually([&folder] { return rmdir(folder.c_str()) == 0 || errno != EBUSY; });
-    }
-
-    int error; ///< 0 if it was made
-
-private:
-    const std::string mSlice;
-    const std::string mService;
-
-public:
-    const std::string path;
-};
-
-} // namespace
-
-// Only root can make control groups, and not in a container that has them read-only. ServicesTest finds
-// services in a folder that looks like the control groups, on any machine.
+// ServicesTest finds services in a folder that looks like the control groups, on any machine.
 TEST(RealServicesTest, aConnectionIsThatOfTheServiceThatMadeIt)
 {
-    if (isEmulated)
-        GTEST_SKIP() << "the emulator has no sockets that tell a control group";
-    const std::string root = Services::rootIn("/proc");
-    const RealGroup group(root);
-    if (root.empty())
-        GTEST_SKIP() << "no control groups of version 2";
-    if (group.error == EACCES || group.error == EPERM || group.error == EROFS)
-        GTEST_SKIP() << "this process may not make control groups";
-    ASSERT_EQ(group.error, 0) << strerror(group.error);
+    const ServiceGroup group("named");
+    if (const std::string lack = group.lack(); !lack.empty())
+        GTEST_SKIP() << lack;
     OwnerQuery query;
     ASSERT_EQ(query.road(), OwnerQuery::Road::SockDiag);
-    Ends own;
-    own.connect();
-    if (!query.ask(own.peerAddress, own.address).cgroup())
-        GTEST_SKIP() << "this kernel tells no control groups at all (before Linux 5.7)";
     Accepting ends;
     const ConnectedProcess member(ends,
                                   [&group]
                                   {
-                                      std::ofstream(group.path + "/cgroup.procs") << getpid() << std::flush;
+                                      group.enter();
                                       return true;
                                   });
     ASSERT_TRUE(member.isConnected);
     const Owner owner = query.ask(ends.peerAddress, ends.address);
     ASSERT_TRUE(owner.cgroup());
-    EXPECT_EQ(Services(root).find(*owner.cgroup()).name, "named.service");
+    EXPECT_EQ(Services(ServiceGroup::root()).find(*owner.cgroup()).name, "named.service");
 }

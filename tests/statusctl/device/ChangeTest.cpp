@@ -23,6 +23,9 @@ TEST(ChangeTest, isWrittenAsDocumented)
               R"({"kind":"initial","name":"door","time":"2026-05-28T20:26:40.123456Z","value":"open"})");
     EXPECT_EQ(written(Change::Kind::Synced, "", ""),
               R"({"kind":"synced","time":"2026-05-28T20:26:40.123456Z"})");
+    EXPECT_EQ(written(Change::Kind::Lost, "", ""), R"({"kind":"lost","time":"2026-05-28T20:26:40.123456Z"})");
+    EXPECT_EQ(written(Change::Kind::Gone, "door", ""),
+              R"({"kind":"gone","name":"door","time":"2026-05-28T20:26:40.123456Z","value":""})");
     EXPECT_EQ(written(Change::Kind::Changed, "raw", "\xff"),
               R"({"kind":"changed","name":"raw","time":"2026-05-28T20:26:40.123456Z","valueBase64":"/w=="})");
     EXPECT_EQ(written(Change::Kind::Reset, "door", ""),
@@ -36,7 +39,7 @@ TEST(ChangeTest, isWrittenAsDocumented)
 TEST(ChangeTest, isReadBack)
 {
     for (const Change::Kind kind : {Change::Kind::Initial, Change::Kind::Changed, Change::Kind::Reset,
-                                    Change::Kind::Event, Change::Kind::Stale})
+                                    Change::Kind::Event, Change::Kind::Stale, Change::Kind::Gone})
     {
         const std::optional<Change> change = readChange(written(kind, "door", "a\xff\n"));
         ASSERT_TRUE(change);
@@ -45,9 +48,12 @@ TEST(ChangeTest, isReadBack)
         EXPECT_EQ(change->name, "door");
         EXPECT_EQ(change->value, "a\xff\n");
     }
-    const std::optional<Change> synced = readChange(written(Change::Kind::Synced, "", ""));
-    ASSERT_TRUE(synced);
-    EXPECT_EQ(synced->kind, Change::Kind::Synced);
+    for (const Change::Kind kind : {Change::Kind::Synced, Change::Kind::Lost})
+    {
+        const std::optional<Change> mark = readChange(written(kind, "", ""));
+        ASSERT_TRUE(mark);
+        EXPECT_EQ(mark->kind, kind);
+    }
 }
 
 TEST(ChangeTest, anythingElseIsRefused)

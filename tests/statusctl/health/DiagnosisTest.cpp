@@ -66,7 +66,7 @@ TEST(DiagnosisTest, aPortThatNobodyListensOnIsFound)
 {
     std::vector<Answer> ports = healthyPorts();
     ports[1].listeners.clear();
-    ports[1].socketType.clear();
+    ports[1].socketType.reset();
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(findings.size(), 1U);
     EXPECT_EQ(findings[0].problem, "nothing listens on port 5556 (posts)");
@@ -78,8 +78,49 @@ TEST(DiagnosisTest, aProgramThatIsNoBrokerIsNamed)
     ports[0] = {Ports::all[0], {{pid_t{7}, "httpd"}}, ""};
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].problem.find("httpd (process 7) on port 5555 (requests)"), 0U)
-        << findings[0].problem;
+    EXPECT_EQ(findings[0].problem,
+              "httpd (process 7) on port 5555 (requests) answers, but it is not a broker");
+    ports[0].socketType.reset();
+    EXPECT_EQ(Diagnosis::ofPorts(ports)[0].problem,
+              "httpd (process 7) on port 5555 (requests) is not a broker");
+}
+
+TEST(DiagnosisTest, aBrokerThatIsStoppedIsOneFindingWithTheWayOut)
+{
+    std::vector<Answer> ports = healthyPorts();
+    for (Answer& port : ports)
+    {
+        port.listeners[0].isStopped = true;
+        port.socketType.reset();
+    }
+    const Findings findings = Diagnosis::ofPorts(ports);
+    ASSERT_EQ(checksOf(findings), "hung ");
+    EXPECT_EQ(findings[0].problem,
+              "statusbroker (process 100) is stopped, and does not answer on port 5555 (requests), "
+              "port 5556 (posts), port 5557 (notifications)");
+    EXPECT_EQ(findings[0].remedy,
+              "let it go on: \"kill -CONT 100\"; or restart it: \"systemctl restart statusbroker\"");
+}
+
+TEST(DiagnosisTest, aBrokerThatHangsIsToldFromAnotherProgram)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[1].socketType.reset();
+    const Findings findings = Diagnosis::ofPorts(ports);
+    ASSERT_EQ(checksOf(findings), "hung ");
+    EXPECT_EQ(findings[0].problem,
+              "statusbroker (process 100) hangs: it does not answer on port 5556 (posts)");
+    EXPECT_NE(findings[0].remedy.find("systemctl restart statusbroker"), std::string::npos);
+}
+
+TEST(DiagnosisTest, aSilentProgramOfAnotherUserMayBeEither)
+{
+    std::vector<Answer> ports = healthyPorts();
+    ports[0] = {Ports::all[0], {{std::nullopt, ""}}, std::nullopt};
+    const Findings findings = Diagnosis::ofPorts(ports);
+    ASSERT_EQ(checksOf(findings), "port ");
+    EXPECT_NE(findings[0].problem.find("a broker that hangs, or another program"), std::string::npos);
+    EXPECT_NE(findings[0].remedy.find("as root"), std::string::npos);
 }
 
 TEST(DiagnosisTest, aSocketOfAnotherTypeIsFound)

@@ -35,6 +35,16 @@ TEST(TopModelTest, rowsAreSortedByKeyAndHoldTheLatestValue)
     EXPECT_EQ(rows[1].value, "2");
 }
 
+TEST(TopModelTest, aKeyThatIsGoneLeavesNoRow)
+{
+    TopModel model;
+    model.take(change(Change::Kind::Initial, "a", "1"), start);
+    model.take(change(Change::Kind::Initial, "b", "1"), start);
+    model.take(change(Change::Kind::Lost, "", ""), start);
+    model.take(change(Change::Kind::Gone, "a", ""), start);
+    EXPECT_EQ(keysOf(model.rows("", start)), "b ");
+}
+
 TEST(TopModelTest, whatTheBrokerTellsOfAPostCountsAsItsAge)
 {
     TopModel model;

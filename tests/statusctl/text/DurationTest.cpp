@@ -34,6 +34,13 @@ TEST(DurationTest, isWrittenInTheUnitThatFits)
     EXPECT_EQ(Duration::write(microseconds(250)), "0.25 ms");
 }
 
+TEST(DurationTest, isWrittenExactlyAsItIsRead)
+{
+    for (const char* text : {"0ms", "300ms", "1500ms", "5s", "90s", "2m", "1h", "1000h"})
+        EXPECT_EQ(Duration::writeExactly(Duration::read(text).value()), text);
+    EXPECT_EQ(Duration::writeExactly(Duration::read("1.5").value()), "1500ms");
+}
+
 TEST(DurationTest, agesAreWrittenInTheirLargestUnit)
 {
     using std::chrono::seconds;

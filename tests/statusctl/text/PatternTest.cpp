@@ -43,6 +43,14 @@ TEST(PatternTest, ofNamesTakesEveryLetterAsItIs)
     EXPECT_FALSE(pattern.hasGlobs());
 }
 
+TEST(PatternTest, tellsGlobsFromNames)
+{
+    for (const char* glob : {"*", "net.?", "a[1]", "a\\*"})
+        EXPECT_TRUE(Pattern::isGlob(glob)) << glob;
+    for (const char* name : {"", "net.rx", "a]", "a{b,c}"})
+        EXPECT_FALSE(Pattern::isGlob(name)) << name;
+}
+
 TEST(PatternTest, ofNothingMatchesNothing)
 {
     EXPECT_FALSE(Pattern().matches(""));

@@ -55,6 +55,7 @@ TEST_F(EventsTest, anotherOneDoesNotEndTheWait)
     ASSERT_TRUE(postUntilGone(wait, {"event", "other"}));
     EXPECT_EQ(wait.waitForExit(), 124);
     EXPECT_EQ(wait.readRest(), "");
+    EXPECT_EQ(wait.errors(), "statusctl: event: timed out after 500ms: no event \"bell\"\n");
 }
 
 TEST_F(EventsTest, waitingExcludesAValue)

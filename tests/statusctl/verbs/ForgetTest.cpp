@@ -13,7 +13,10 @@ namespace
 class ForgetTest : public testing::Test
 {
 protected:
-    ForgetTest() { statusctl({"set", "a", "1", "b.c", "2", "b.d", "3", "b*", "4", "kept.e", "5"}); }
+    ForgetTest()
+    {
+        statusctl({"set", "--literal", "a", "1", "b.c", "2", "b.d", "3", "b*", "4", "kept.e", "5"});
+    }
 
     static std::string keys() { return statusctl({"-j", "dump", "--keys"}).output; }
 
@@ -82,18 +85,18 @@ TEST_F(ForgetTest, manyKeysAreForgottenAtOnce)
 
 TEST_F(ForgetTest, timersAndCountersHaveNamesOfTheirOwn)
 {
-    statusctl({"set", "t*", "1", "tx", "1"});
-    statusctl({"timer", "start", "t*"});
+    statusctl({"set", "--literal", "t*", "1", "tx", "1"});
+    statusctl({"timer", "start", "--literal", "t*"});
     statusctl({"timer", "start", "tu"});
-    statusctl({"counter", "set", "t*", "7"});
-    EXPECT_EQ(statusctl({"forget", "--timer", "t*"}), success(""));
-    EXPECT_EQ(statusctl({"timer", "show", "t*"}), success("0\n"));
+    statusctl({"counter", "set", "--literal", "t*", "7"});
+    EXPECT_EQ(statusctl({"forget", "--literal", "--timer", "t*"}), success(""));
+    EXPECT_EQ(statusctl({"timer", "show", "--literal", "t*"}), success("0\n"));
     EXPECT_NE(statusctl({"-j", "timer", "show", "tu"}).output.find(R"("lastStarted":1)"), std::string::npos);
-    EXPECT_EQ(statusctl({"counter", "get", "t*"}), success("7\n"));
-    EXPECT_EQ(statusctl({"forget", "--counter", "t*"}), success(""));
-    EXPECT_EQ(statusctl({"counter", "get", "t*"}), success("0\n"));
-    EXPECT_EQ(statusctl({"get", "t*"}), success("1\n"));
-    EXPECT_EQ(statusctl({"forget", "--timer", "t*", "tu"}), missing(R"("t*")"));
+    EXPECT_EQ(statusctl({"counter", "get", "--literal", "t*"}), success("7\n"));
+    EXPECT_EQ(statusctl({"forget", "--literal", "--counter", "t*"}), success(""));
+    EXPECT_EQ(statusctl({"counter", "get", "--literal", "t*"}), success("0\n"));
+    EXPECT_EQ(statusctl({"get", "--literal", "t*"}), success("1\n"));
+    EXPECT_EQ(statusctl({"forget", "--literal", "--timer", "t*", "tu"}), missing(R"("t*")"));
     EXPECT_EQ(statusctl({"forget", "--timer", "--counter", "t"}).code, 2);
 }
 

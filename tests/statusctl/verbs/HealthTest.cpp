@@ -1,10 +1,13 @@
 // ping, stats and doctor, against a real broker.
 
 #include <arpa/inet.h>
+#include <array>
+#include <csignal>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
 
 #include "statusctl/text/Json.h"
@@ -63,6 +66,16 @@ public:
             pollfd item{mWaiting.back(), POLLOUT, 0};
             isTaken = poll(&item, 1, patience) == 1;
         }
+    }
+
+    /// Answers the first connection.
+    void answerOnce(const std::string& text) const
+    {
+        const int peer = accept(mDescriptor, nullptr, nullptr);
+        send(peer, text.data(), text.size(), MSG_NOSIGNAL);
+        std::array<char, 64> greeting{};
+        recv(peer, greeting.data(), greeting.size(), MSG_WAITALL); // or closing would take the answer back
+        close(peer);
     }
 
     Squatter(const Squatter&) = delete;
@@ -135,6 +148,16 @@ TEST_F(HealthTest, doctorTellsWhatWasRefusedAndWhatToDo)
     EXPECT_EQ(objectIn(statusctl({"doctor", "-j"}))["findings"][0]["check"], "limit");
 }
 
+TEST(DoctorTest, tellsOfAStateFileThatCannotBeUsed)
+{
+    BrokerProcess broker({"--state", "/nowhere/state"});
+    const Outcome outcome = statusctl({"doctor"});
+    EXPECT_EQ(outcome.code, 1) << outcome;
+    EXPECT_NE(outcome.output.find("the state file could not be opened"), std::string::npos) << outcome;
+    EXPECT_TRUE(broker.process().waitForError("State file [/nowhere/state]: "))
+        << "where the remedy points to";
+}
+
 TEST(DoctorTest, namesTheProgramOnAPort)
 {
     const Squatter squatter(5556);
@@ -147,6 +170,33 @@ TEST(DoctorTest, namesTheProgramOnAPort)
               std::string::npos)
         << outcome;
     EXPECT_NE(outcome.output.find("nothing listens on port 5555"), std::string::npos) << outcome;
+}
+
+TEST_F(HealthTest, doctorTellsThatTheBrokerIsStoppedAndWhatToDo)
+{
+    if (isEmulated)
+        GTEST_SKIP() << "the kernel knows the emulator's name alone";
+    mBroker.process().suspend();
+    const Outcome outcome = statusctl({"-t", "300ms", "doctor"});
+    EXPECT_EQ(outcome.code, 4);
+    EXPECT_NE(outcome.output.find(" is stopped, and does not answer on port 5555 (requests), port 5556"),
+              std::string::npos)
+        << outcome;
+    EXPECT_NE(outcome.output.find("\"kill -CONT " + std::to_string(mBroker.process().pid()) + "\""),
+              std::string::npos)
+        << outcome;
+    EXPECT_EQ(objectIn(statusctl({"-j", "-t", "300ms", "doctor"}))["findings"][0]["check"], "hung");
+    mBroker.process().signal(SIGCONT);
+}
+
+TEST(DoctorTest, tellsThatAnotherProgramAnswers)
+{
+    Squatter squatter(5556);
+    std::thread answering([&] { squatter.answerOnce("HTTP/1.1 400 Bad Request\r\n"); });
+    const Outcome outcome = statusctl({"doctor"});
+    answering.join();
+    EXPECT_NE(outcome.output.find(" on port 5556 (posts) answers, but it is not a broker"), std::string::npos)
+        << outcome;
 }
 
 // As of a broker that is stopped while clients go on trying.

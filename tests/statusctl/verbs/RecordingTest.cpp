@@ -78,6 +78,23 @@ TEST_F(RecordingTest, endsWellWhenItsTimeIsOver)
     EXPECT_NE(readFile(mFile).find("synced"), std::string::npos);
 }
 
+TEST_F(RecordingTest, anInterruptEndsItAlsoInTheBackground)
+{
+    TestProcess record(inBackground({"record", mFile, "door"}));
+    ASSERT_TRUE(waitForRecorded("synced"));
+    record.signal(SIGINT);
+    EXPECT_EQ(record.waitForExit(), 128 + SIGINT);
+}
+
+TEST_F(RecordingTest, anInterruptEndsAReplayInTheBackground)
+{
+    TestProcess replay(inBackground({"replay", "-"}));
+    replay.write(lineAt("00.000000", "changed", "door", "1"));
+    EXPECT_EQ(statusctl({"wait", "door=1"}), success("1\n")); // it runs, and waits for more
+    replay.signal(SIGINT);
+    EXPECT_EQ(replay.waitForExit(), 128 + SIGINT);
+}
+
 TEST_F(RecordingTest, aFileThatCannotBeWrittenIsAFailure)
 {
     const Outcome outcome = statusctl({"record", "/none/such"});

@@ -256,9 +256,10 @@ TEST_F(ScreenTest, aSmallTerminalIsNoTrouble)
         statusctl({"set", "door", std::to_string(size)});
     }
     terminal.resize(24, 80);
-    EXPECT_TRUE(terminal.shows("q to leave"));
+    statusctl({"set", "door", "AJAR"}); // of what was there before, only the part is drawn that is new
+    EXPECT_TRUE(terminal.shows("AJAR")) << terminal.output();
     terminal.type("q");
-    EXPECT_EQ(terminal.waitForExit(), 0);
+    EXPECT_EQ(terminal.waitForExit(), 0) << terminal.output();
     EXPECT_TRUE(terminal.isRestored());
 }
 
@@ -284,6 +285,15 @@ TEST(ScreenStartTest, aSignalEndsItWhileTheBrokerDoesNotAnswer)
     ASSERT_TRUE(broker.waitForRequests(2));
     terminal.signal(SIGINT);
     EXPECT_EQ(terminal.waitForExit(), 128 + SIGINT);
+}
+
+TEST(ScreenStartTest, whatWaitsForTheBrokerTellsSoToPeople)
+{
+    Terminal waiting({"watch", "a"});
+    EXPECT_TRUE(waiting.shows("statusctl: watch: waiting for the broker"));
+    Terminal quiet({"-q", "-t", "200ms", "watch", "a"});
+    EXPECT_TRUE(quiet.shows("timed out after 200ms"));
+    EXPECT_EQ(quiet.output().find("waiting"), std::string::npos);
 }
 
 // Here on the feed's thread, which looks for keys that it has missed.

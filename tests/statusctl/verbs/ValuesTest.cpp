@@ -4,6 +4,7 @@
 
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace
 {
@@ -107,6 +108,25 @@ TEST_F(ValuesTest, whatTheBrokerRefusesIsAFailure)
     EXPECT_EQ(outcome.code, 1);
     EXPECT_NE(outcome.errors.find("the broker refused"), std::string::npos) << outcome;
     EXPECT_EQ(outcome.output, "");
+}
+
+TEST(SetTest, aRefusalTellsWhatWasTakenAndWhatWasNot)
+{
+    const TemporaryFolder folder;
+    writeFile(folder / "p", "[[rule]]\ndeny = \"post\"\nkeys = \"f*\"\n");
+    const BrokerProcess broker({"--policy", folder / "p"});
+    EXPECT_EQ(
+        statusctl({"set", "a", "9", "f", "6", "b", "1", "fan", "on"}),
+        failure(
+            1, "statusctl: set: the broker refused \"f\", \"fan\" and took \"a\", \"b\"; its log tells why"));
+    EXPECT_EQ(statusctl({"dump"}), success("a=9\nb=1\n"));
+    const Outcome outcome = statusctl({"-j", "set", "a", "8", "f", "6"});
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_NE(outcome.errors.find(R"("refused":["f"],"taken":["a"],"verb":"set")"), std::string::npos)
+        << outcome;
+    EXPECT_EQ(statusctl({"set", "f", "6"}),
+              failure(1, "statusctl: set: the broker refused \"f\"; its log tells why"));
 }
 
 TEST_F(ValuesTest, whatIsNotUtf8IsRefusedBeforeItIsPosted)

@@ -14,7 +14,10 @@ protected:
     BrokerProcess mBroker;
 };
 
-const Outcome tooLate = failure(124, "statusctl: wait: the time is over");
+Outcome tooLate(const std::string& why)
+{
+    return failure(124, "statusctl: wait: timed out after 200ms: " + why);
+}
 
 } // namespace
 
@@ -39,11 +42,16 @@ TEST_F(WaitTest, returnsAsSoonAsTheConditionHolds)
 TEST_F(WaitTest, doesNotReturnWhileTheConditionDoesNotHold)
 {
     statusctl({"set", "door", "open", "empty", ""});
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "door=shut"}), tooLate);
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "door!=open"}), tooLate);
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "empty"}), tooLate);
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "none"}), tooLate);
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "none!=x"}), tooLate);
+    const auto wait = [](const std::string& condition) {
+        return statusctl({"-t", "200ms", "wait", condition});
+    };
+    EXPECT_EQ(wait("door=shut"), tooLate(R"(door is "open", wanted "shut")"));
+    EXPECT_EQ(wait("door!=open"), tooLate(R"(door is "open", wanted not "open")"));
+    EXPECT_EQ(wait("empty"), tooLate(R"(empty is "", wanted a value that is not empty)"));
+    EXPECT_EQ(wait("none"), tooLate("none is not there, wanted a value that is not empty"));
+    EXPECT_EQ(wait("none exists"), tooLate("none is not there, wanted any value"));
+    EXPECT_EQ(wait("none!=x"), tooLate(R"(none is not there, wanted not "x")"));
+    EXPECT_EQ(wait("door>5"), tooLate(R"(door is "open", wanted > 5)"));
 }
 
 // Between looking and waiting nothing can slip through: the value is set once, at any moment of the start.
@@ -63,7 +71,8 @@ TEST_F(WaitTest, severalConditionsMustAllHold)
 {
     statusctl({"set", "a", "1", "b", "2"});
     EXPECT_EQ(statusctl({"wait", "a=1", "b!=3"}), success("a=1\nb=2\n"));
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "a=1", "b=3"}), tooLate);
+    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "a=1", "b=3", "c"}),
+              tooLate(R"(b is "2", wanted "3"; c is not there, wanted a value that is not empty)"));
 }
 
 TEST_F(WaitTest, withAnyOneIsEnough)
@@ -76,7 +85,32 @@ TEST_F(WaitTest, aRegularExpressionMustMatch)
 {
     statusctl({"set", "version", "2.10"});
     EXPECT_EQ(statusctl({"wait", "version", "--match", "^2\\.[0-9]+$"}), success("2.10\n"));
-    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "version", "--match", "^3"}), tooLate);
+    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "version", "--match", "^3"}),
+              tooLate(R"(version is "2.10", wanted a match of "^3")"));
+}
+
+TEST_F(WaitTest, numbersAreComparedAsNumbers)
+{
+    statusctl({"set", "battery", "9"});
+    TestProcess wait(commandOf({"wait", "battery>9"}));
+    EXPECT_EQ(statusctl({"wait", "battery<10", "battery>=9", "battery<=9"}), success("battery=9\n"));
+    EXPECT_EQ(wait.waitForExit(std::chrono::milliseconds(50)), std::nullopt);
+    statusctl({"set", "battery", "10"});
+    EXPECT_EQ(wait.waitForExit(), 0);
+}
+
+TEST_F(WaitTest, existsMayBeAWordOfItsOwn)
+{
+    statusctl({"set", "a", "", "b", "1"});
+    EXPECT_EQ(statusctl({"wait", "a", "exists"}), success("\n"));
+    EXPECT_EQ(statusctl({"wait", "a exists", "b"}), success("a=\nb=1\n"));
+}
+
+TEST_F(WaitTest, aLongValueIsCutOffInTheMessage)
+{
+    statusctl({"set", "note", std::string(50, 'x')});
+    EXPECT_EQ(statusctl({"-t", "200ms", "wait", "note=y"}),
+              tooLate("note is \"" + std::string(40, 'x') + "...\", wanted \"y\""));
 }
 
 TEST_F(WaitTest, jsonHoldsTheMatchingValues)
@@ -89,5 +123,9 @@ TEST_F(WaitTest, aBrokenExpressionOrConditionIsWrongUsage)
 {
     EXPECT_EQ(statusctl({"wait", "a", "--match", "("}).code, 2);
     EXPECT_EQ(statusctl({"wait", "=x"}), failure(2, "statusctl: wait: \"=x\" names no key"));
+    EXPECT_EQ(
+        statusctl({"wait", "a==x"}),
+        failure(2, "statusctl: wait: \"a==x\" is not a condition; there are KEY, \"KEY exists\", KEY=VALUE, "
+                   "and KEY!=VALUE, <, <=, > and >= alike"));
     EXPECT_EQ(statusctl({"wait"}).code, 2);
 }

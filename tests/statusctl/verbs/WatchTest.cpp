@@ -200,10 +200,91 @@ TEST_F(WatchTest, theCommandCanBeInterrupted)
     EXPECT_EQ(watch.readRest(), "") << "the command inherited blocked signals";
 }
 
+TEST_F(WatchTest, aFormatSaysWhatALineHolds)
+{
+    statusctl({"set", "door", "a\nb"});
+    TestProcess watch(commandOf({"watch", "door", "--format", "%k is \"%v\" (%w) 100%%"}));
+    EXPECT_EQ(watch.readLine(), "door is \"a\\nb\" (initial) 100%");
+    EXPECT_EQ(watch.readLine(), " is \"\" (synced) 100%");
+    TestProcess timed(commandOf({"watch", "door", "--format", "%t"}));
+    EXPECT_EQ(timed.readLine().value_or("").size(), std::string("2026-11-21T08:12:01.123+01:00").size());
+}
+
+TEST_F(WatchTest, aFormatThatDoesNotSayWhatItIsLeavesOutTheMarks)
+{
+    statusctl({"set", "door", "open"});
+    TestProcess watch(commandOf({"watch", "-n", "1", "door", "--format", "%k=%v"}));
+    EXPECT_EQ(watch.readLine(), "door=open");
+    TestProcess all(commandOf({"watch", "door"})); // has the mark
+    upToSynced(all);
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            statusctl({"set", "door", "shut"});
+            return watch.waitForExit(std::chrono::milliseconds(100)).has_value();
+        }));
+    EXPECT_EQ(watch.readRest(), "door=shut\n");
+}
+
+TEST_F(WatchTest, aFieldThatIsUnknownIsRefused)
+{
+    for (const char* field : {"%x", "%"})
+        EXPECT_EQ(
+            statusctl({"-t", "5", "watch", "--format", std::string("%k ") + field}),
+            failure(2, std::string("statusctl: watch: --format knows %t, %w, %k, %v and %%, and no \"") +
+                           field + "\""));
+}
+
+TEST_F(WatchTest, rawTextsArePrintedByteForByte)
+{
+    statusctl({"set", "door x", "a\tb\u202e"});
+    TestProcess watch(commandOf({"watch", "--raw", "--format", "%k=%v", "door x"}));
+    EXPECT_EQ(watch.readLine(), "door x=a\tb\u202e");
+    TestProcess plain(commandOf({"watch", "--raw", "door x"}));
+    EXPECT_EQ(nextLine(plain), "initial door x a\tb\u202e");
+}
+
+TEST_F(WatchTest, jsonHasItsOwnForm)
+{
+    for (const Words& words : std::vector<Words>{{"-j", "-t", "5", "watch", "--raw"},
+                                                 {"-j", "-t", "5", "watch", "--format", "%k"}})
+        EXPECT_EQ(statusctl(words).code, 2);
+}
+
+TEST_F(WatchTest, onlyEventsLeavesOutTheValues)
+{
+    statusctl({"set", "door", "open"});
+    TestProcess watch(commandOf({"watch", "--only", "event"}));
+    EXPECT_EQ(nextLine(watch), "synced");
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            statusctl({"set", "door", "shut"});
+            statusctl({"set", "door", "ajar"});
+            statusctl({"event", "bell", "rang"});
+            const std::optional<std::string> line = watch.readLine(std::chrono::milliseconds(200));
+            EXPECT_EQ(withoutTime(line.value_or("t event bell rang")), "event bell rang");
+            return line.has_value();
+        }));
+}
+
+TEST_F(WatchTest, onlyStatusLeavesOutTheEvents)
+{
+    statusctl({"set", "door", "open"});
+    TestProcess watch(commandOf({"watch", "--only", "status"}));
+    EXPECT_EQ(upToSynced(watch), (Words{"initial door open", "synced"}));
+    statusctl({"event", "bell", "rang"});
+    statusctl({"set", "door", "shut"});
+    EXPECT_EQ(nextLine(watch), "changed door shut");
+    EXPECT_EQ(statusctl({"watch", "--only", "status", "--event", "bell"}).code, 2);
+    EXPECT_EQ(statusctl({"watch", "--only", "event", "door"}).code, 2);
+    EXPECT_EQ(statusctl({"watch", "--only", "some"}).code, 2);
+}
+
 TEST_F(WatchTest, aTimeOutIsExitCode124)
 {
     EXPECT_EQ(statusctl({"-t", "1s", "-q", "watch", "door"}),
-              failure(124, "statusctl: watch: the time is over"));
+              failure(124, "statusctl: watch: timed out after 1s"));
 }
 
 TEST_F(WatchTest, aTimeOutDoesNotWaitForTheCommand)
@@ -212,7 +293,7 @@ TEST_F(WatchTest, aTimeOutDoesNotWaitForTheCommand)
     TestProcess watch(commandOf(
         {"-t", "300ms", "watch", "door", "--", "/bin/sh", "-c", "exec >/dev/null 2>&1; exec sleep 60"}));
     EXPECT_EQ(watch.waitForExit(allowed(std::chrono::seconds(10))), 124);
-    EXPECT_EQ(watch.errors(), "statusctl: watch: the time is over\n");
+    EXPECT_EQ(watch.errors(), "statusctl: watch: timed out after 300ms\n");
 }
 
 TEST_F(WatchTest, aReaderThatHasGoneEndsItSilently)
@@ -223,6 +304,17 @@ TEST_F(WatchTest, aReaderThatHasGoneEndsItSilently)
     statusctl({"set", "door", "1"});
     EXPECT_EQ(watch.waitForExit(), 128 + SIGPIPE);
     EXPECT_EQ(watch.errors(), "");
+}
+
+TEST_F(WatchTest, anInterruptEndsItAlsoInTheBackground)
+{
+    for (const int signal : {SIGINT, SIGQUIT})
+    {
+        TestProcess watch(inBackground({"watch", "door"}));
+        EXPECT_EQ(upToSynced(watch), (Words{"synced"}));
+        watch.signal(signal);
+        EXPECT_EQ(watch.waitForExit(), 128 + signal);
+    }
 }
 
 TEST_F(WatchTest, anInterruptEndsItWithItsSignal)

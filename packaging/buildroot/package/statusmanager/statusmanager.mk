@@ -6,7 +6,15 @@
 
 STATUSMANAGER_VERSION = 1.0.0
 STATUSMANAGER_SITE = $(call qstrip,$(BR2_PACKAGE_STATUSMANAGER_SITE))
+ifeq ($(STATUSMANAGER_SITE),)
+# The checkout that this file is part of, as it is now, without what was built in it.
+STATUSMANAGER_SITE = $(abspath $(BR2_EXTERNAL_STATUSMANAGER_PATH)/../..)
+STATUSMANAGER_SITE_METHOD = local
+STATUSMANAGER_OVERRIDE_SRCDIR_RSYNC_EXCLUSIONS = --exclude=/build --exclude=/.cache
+else
+STATUSMANAGER_VERSION = $(call qstrip,$(BR2_PACKAGE_STATUSMANAGER_REVISION))
 STATUSMANAGER_SITE_METHOD = git
+endif
 STATUSMANAGER_LICENSE = MIT
 STATUSMANAGER_LICENSE_FILES = LICENSE
 STATUSMANAGER_INSTALL_STAGING = YES
@@ -27,10 +35,12 @@ endef
 
 # The unit, its user file and its pause are installed with the program.
 define STATUSMANAGER_INSTALL_INIT_SYSV
-	$(INSTALL) -D -m 0755 $(STATUSMANAGER_PKGDIR)/S50statusbroker \
+	$(INSTALL) -D -m 0755 $(@D)/packaging/sysvinit/statusbroker \
 		$(TARGET_DIR)/etc/init.d/S50statusbroker
 	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
 		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf \
+		$(TARGET_DIR)/usr/share/statusbroker/allow-set-time.conf \
+		$(TARGET_DIR)/usr/share/statusbroker/persist.conf \
 		$(TARGET_DIR)/usr/libexec/statusbroker/pause-before-restart
 endef
 else

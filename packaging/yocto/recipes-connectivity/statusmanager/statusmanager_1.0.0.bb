@@ -1,20 +1,22 @@
 SUMMARY = "Device-wide status values and events for the processes of an embedded Linux device"
 DESCRIPTION = "The library that the processes of a device share their status through, the broker that holds it, and a \
 tool for the shell."
+HOMEPAGE = "https://statusmanager.example"
 SECTION = "libs"
 LICENSE = "MIT"
 LIC_FILES_CHKSUM = "file://LICENSE;md5=36a7ab93bad234682c0f1782ef63d18e"
 
-# PLACEHOLDER: where your copy of the project is hosted, and the commit to build. Set both in a .bbappend or in
-# local.conf; the recipe cannot fetch anything before.
-STATUSMANAGER_GIT ?= "git://git.example.invalid/statusmanager.git;protocol=https;branch=main"
-SRC_URI = "${STATUSMANAGER_GIT}"
-SRCREV ?= "0000000000000000000000000000000000000000"
-S = "${WORKDIR}/git"
+# What is committed in the checkout that this layer is in. For another place, set STATUSMANAGER_GIT and
+# SRCREV:pn-statusmanager in local.conf; for what is not committed yet, use externalsrc.
+STATUSMANAGER_GIT ?= "git://${STATUSMANAGER_CHECKOUT};protocol=file;usehead=1"
+SRC_URI = "${STATUSMANAGER_GIT};destsuffix=statusmanager"
+SRCREV ?= "${AUTOREV}"
+# Releases before styhead have no UNPACKDIR.
+S = "${@d.getVar('UNPACKDIR') or d.getVar('WORKDIR')}/statusmanager"
 
 DEPENDS = "zeromq jsoncpp nlohmann-json"
 
-inherit cmake pkgconfig systemd useradd
+inherit cmake pkgconfig systemd update-rc.d useradd
 
 # Without the broker the device needs another one; without the tool it has no statusctl.
 PACKAGECONFIG ??= "broker tool"
@@ -28,22 +30,30 @@ EXTRA_OECMAKE = " \
     -DCMAKE_SKIP_INSTALL_RPATH=ON \
 "
 
-# The unit is installed below the prefix; where / and /usr are not one, systemd looks for it elsewhere.
+# The unit is installed below the prefix; where / and /usr are not one, systemd looks for it elsewhere. Without systemd, a
+# script starts the broker.
 do_install:append() {
     if [ -d ${D}${nonarch_libdir}/systemd/system ] && [ "${systemd_system_unitdir}" != "${nonarch_libdir}/systemd/system" ]; then
         install -d ${D}${systemd_system_unitdir}
         mv ${D}${nonarch_libdir}/systemd/system/statusbroker.service ${D}${systemd_system_unitdir}/
         rmdir ${D}${nonarch_libdir}/systemd/system ${D}${nonarch_libdir}/systemd
     fi
+    if ${STATUSMANAGER_NEEDS_SCRIPT}; then
+        install -D -m 0755 ${S}/packaging/sysvinit/statusbroker ${D}${sysconfdir}/init.d/statusbroker
+    fi
 }
+STATUSMANAGER_NEEDS_SCRIPT = "${@'true' if bb.utils.contains('PACKAGECONFIG', 'broker', True, False, d) and \
+    bb.utils.contains('DISTRO_FEATURES', 'sysvinit', True, False, d) else 'false'}"
 
-PACKAGES =+ "libveskcommon libstatusmanager statusbroker statusctl statusctl-completions"
+PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers statusbroker statusctl statusctl-completions"
 
 FILES:libveskcommon = "${libdir}/libveskcommon.so.*"
 FILES:libstatusmanager = "${libdir}/libstatusmanager.so.*"
+FILES:libstatushelpers = "${libdir}/libstatushelpers.so.*"
 FILES:statusbroker = " \
     ${bindir}/statusbroker \
     ${sysconfdir}/statusbroker.conf \
+    ${sysconfdir}/init.d/statusbroker \
     ${systemd_system_unitdir}/statusbroker.service \
     ${nonarch_libdir}/sysusers.d/statusbroker.conf \
     ${libexecdir}/statusbroker \
@@ -60,10 +70,18 @@ RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
     ${@bb.utils.contains('PACKAGECONFIG', 'tool', 'statusctl', '', d)} \
 "
-RDEPENDS:${PN}-dev = "libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV})"
+RDEPENDS:${PN}-dev = " \
+    libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV}) \
+"
 
 CONFFILES:statusbroker = "${sysconfdir}/statusbroker.conf"
 SYSTEMD_PACKAGES = "${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)}"
 SYSTEMD_SERVICE:statusbroker = "statusbroker.service"
+INITSCRIPT_PACKAGES = "${SYSTEMD_PACKAGES}"
+INITSCRIPT_NAME:statusbroker = "statusbroker"
+INITSCRIPT_PARAMS:statusbroker = "defaults 20"
 USERADD_PACKAGES = "statusbroker"
 USERADD_PARAM:statusbroker = "--system --no-create-home --home-dir / --shell /sbin/nologin --user-group statusbroker"
+
+# For tools on the machine that builds, and in an SDK. There is no init there; zeromq and the others are needed likewise.
+BBCLASSEXTEND = "native nativesdk"

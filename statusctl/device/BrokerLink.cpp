@@ -1,0 +1,124 @@
+#include "statusctl/device/BrokerLink.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+#include "protocol/ClientDocuments.h"
+#include "statusctl/base/Failure.h"
+#include "statusctl/device/Messages.h"
+#include "statusctl/text/Duration.h"
+
+namespace
+{
+
+constexpr const char* requests = "tcp://127.0.0.1:5555";
+constexpr const char* events = "inproc://link";
+
+} // namespace
+
+BrokerLink::BrokerLink(std::function<void(bool)> tell) : mTell(std::move(tell)), mThread([this] { watch(); })
+{
+}
+
+BrokerLink::~BrokerLink()
+{
+    end();
+}
+
+void BrokerLink::end()
+{
+    mContext.shutdown(); // ends whatever receives
+    if (mThread.joinable())
+        mThread.join();
+}
+
+void BrokerLink::waitUntilUp()
+{
+    constexpr std::chrono::seconds enough{5};
+    mFirst.get_future().wait_for(enough);
+}
+
+std::optional<StatusMap> BrokerLink::values(std::optional<std::chrono::milliseconds> limit)
+{
+    const auto isWanted = [this, limit, turn = mTurn.load(), begin = std::chrono::steady_clock::now()]
+    {
+        if (limit && std::chrono::steady_clock::now() - begin >= *limit)
+            throw Failure(ExitCode::TimedOut, "no answer from the broker within " + Duration::write(*limit));
+        return mTurn == turn;
+    };
+    std::optional<std::string> reply;
+    do
+        reply = ask(BrokerProtocol::writeGetClientInfo(), isWanted);
+    while (reply && reply->empty()); // to a connection that has said nothing for too long: ask again
+    if (!reply)
+        return std::nullopt;
+    std::optional<StatusMap> values = BrokerProtocol::readMapReply(*reply);
+    if (!values)
+        throw Failure(ExitCode::BadReply, "bad reply from the broker: " + reply->substr(0, 200));
+    return values;
+}
+
+// On a connection of its own: the link itself may be just about to get the broker's empty answer.
+std::optional<std::string> BrokerLink::ask(const std::string& request, const std::function<bool()>& isWanted)
+{
+    constexpr int pace = 100;
+    try
+    {
+        zmq::socket_t socket(mContext, zmq::socket_type::req);
+        socket.set(zmq::sockopt::linger, 0);
+        socket.set(zmq::sockopt::rcvtimeo, pace);
+        socket.connect(requests);
+        socket.send(zmq::buffer(request));
+        while (isWanted())
+        {
+            if (std::optional<std::string> reply = Messages::receive(socket))
+                return reply;
+        }
+    }
+    catch (const zmq::error_t& error)
+    {
+        if (error.num() != ETERM)
+            throw;
+    }
+    return std::nullopt;
+}
+
+// ----------------------------------------------------------------------------------------- the link's thread
+
+void BrokerLink::watch()
+{
+    try
+    {
+        zmq::socket_t link(mContext, zmq::socket_type::req);
+        link.set(zmq::sockopt::linger, 0);
+        if (zmq_socket_monitor(link.handle(), events,
+                               ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) != 0)
+            throw zmq::error_t();
+        zmq::socket_t monitor(mContext, zmq::socket_type::pair);
+        monitor.set(zmq::sockopt::linger, 0);
+        monitor.connect(events);
+        link.connect(requests);
+        while (const std::optional<std::string> event = Messages::receive(monitor))
+            take(*event);
+    }
+    catch (const zmq::error_t&) // by end(); without sockets there is nothing to tell
+    {
+    }
+}
+
+// Its number stands at the beginning.
+void BrokerLink::take(const std::string& event)
+{
+    uint16_t number = 0;
+    std::memcpy(&number, event.data(), sizeof(number));
+    const bool isUp = number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
+    if (isUp == mIsUp) // it is still trying
+        return;
+    mIsUp = isUp;
+    if (++mTurn == 1)
+        mFirst.set_value();
+    mTell(isUp);
+}

@@ -1,0 +1,24 @@
+#include "statusmanager/Helpers.h"
+
+// Each of these must not compile; without any, it does.
+void wrong()
+{
+    status::post("n", 0); // a number
+    status::post("n", "");
+    status::postEvent("bell");
+#ifdef POST
+    status::post("n", nullptr);
+#endif
+#ifdef POST_EVENT
+    status::postEvent("bell", nullptr);
+#endif
+#ifdef POST_EVENT_ZERO
+    status::postEvent("bell", 0);
+#endif
+#ifdef FIND
+    static_cast<void>(status::find(nullptr));
+#endif
+#ifdef CHARACTER
+    status::post("n", 'c');
+#endif
+}

@@ -1,0 +1,118 @@
+// Subscriptions of the helpers where memory runs out.
+
+#include <gtest/gtest.h>
+#include <string>
+
+#include "common/Calls.h"
+#include "statusmanager/helpers/Subscription.h"
+#include "tests/helpers/WatchedManager.h"
+#include "tests/memory/FailingMemory.h"
+
+using FailingMemory::failEach;
+using FailingMemory::Failure;
+using FailingMemory::runsOut;
+using FailingMemory::Spared;
+
+namespace
+{
+
+// Longer than what a string keeps in itself.
+const std::string key(100, 'k');
+
+// A manager and a thread whose memory may run out.
+class World
+{
+public:
+    status::Subscription subscribe()
+    {
+        return status::on(
+            {key}, thread, [this](const StatusMap&) { ++calls; }, manager);
+    }
+
+    // Returns when all that was queued has been done.
+    void settle()
+    {
+        const Spared spared;
+        manager.sync(0);
+        Orvane::callAndWait(OV_SITE, thread, this, &World::nothing);
+        manager.sync(0);
+    }
+
+    unsigned calls = 0; // the thread's, and the test's when it has settled
+    Orvane::EventThread thread{"counted", 0};
+    WatchedManager manager;
+
+private:
+    void nothing() {}
+};
+
+class SubscriptionMemory : public testing::Test
+{
+protected:
+    // Does the work in a world of its own, with each allocation failing once, and compares what is left.
+    template <class Work>
+    unsigned failEachOf(Work work)
+    {
+        return failEach(
+            [&](const Failure& failure)
+            {
+                const std::size_t before = FailingMemory::liveObjects();
+                bool hasStruck = false;
+                {
+                    World world;
+                    hasStruck = work(world, failure);
+                }
+                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
+                return hasStruck;
+            });
+    }
+
+private:
+    FailingMemory::QuietLog mLog;
+};
+
+} // namespace
+
+TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
+{
+    const unsigned struck = failEachOf(
+        [](World& world, const Failure& failure)
+        {
+            status::Subscription subscription;
+            const bool hasStruck = failure.during(
+                [&]
+                {
+                    const bool isRefused = runsOut([&] { subscription = world.subscribe(); });
+                    EXPECT_EQ(static_cast<bool>(subscription), !isRefused);
+                    world.settle();
+                });
+            world.manager.postStatus(key, "1");
+            world.settle();
+            const unsigned mostCalls =
+                subscription ? 2 : 0; // a queued registration may fail, which is logged
+            EXPECT_LE(world.calls, mostCalls);
+            subscription.cancel();
+            world.settle();
+            world.manager.clearInfo(); // it may still be registered: a manager does not free such records
+            return hasStruck;
+        });
+    EXPECT_GT(struck, 10U);
+}
+
+TEST_F(SubscriptionMemory, oneEndsWhetherOrNotThereIsMemory)
+{
+    const unsigned struck = failEachOf(
+        [](World& world, const Failure& failure)
+        {
+            status::Subscription subscription = world.subscribe();
+            world.settle();
+            const bool hasStruck = failure.during([&] { subscription.cancel(); });
+            const unsigned calls = world.calls;
+            world.manager.postStatus(key, "1");
+            world.settle();
+            EXPECT_EQ(world.calls, calls);
+            world.manager.clearInfo(); // it may still be registered: a manager does not free such records
+            return hasStruck;
+        });
+    EXPECT_GT(struck, 1U);
+}
