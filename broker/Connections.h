@@ -81,7 +81,7 @@ public:
     /// better next time.
     /// @returns those that are to be waited for; they outlive the connections
     std::vector<std::shared_ptr<const OwnProbe>> askOwnPosters(RequestConnection& client, uint64_t barrier,
-                                                                 TimePoint now);
+                                                               TimePoint now);
 
     void closeForMemory(Connection& connection);
 

@@ -42,7 +42,7 @@ private:
         RequestConnection* connection;
         uint64_t barrier;
         bool isSync;
-        TimePoint opened;                                   ///< the barrier
+        TimePoint opened;                                 ///< the barrier
         std::vector<std::shared_ptr<const OwnProbe>> own; ///< posters that may hold something back
     };
 

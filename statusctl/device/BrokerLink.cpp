@@ -17,6 +17,12 @@ namespace
 constexpr const char* requests = "tcp://127.0.0.1:5555";
 constexpr const char* events = "inproc://link";
 
+// It begins without a connection.
+bool isUp(unsigned turn)
+{
+    return turn % 2 == 1;
+}
+
 } // namespace
 
 BrokerLink::BrokerLink(std::function<void(bool)> tell) : mTell(std::move(tell)), mThread([this] { watch(); })
@@ -43,7 +49,10 @@ void BrokerLink::waitUntilUp()
 
 std::optional<StatusMap> BrokerLink::values(std::optional<std::chrono::milliseconds> limit)
 {
-    const auto isWanted = [this, limit, turn = mTurn.load(), begin = std::chrono::steady_clock::now()]
+    const unsigned turn = mTurn;
+    if (!isUp(turn))
+        return std::nullopt; // the next turn would come only with the next broker
+    const auto isWanted = [this, limit, turn, begin = std::chrono::steady_clock::now()]
     {
         if (limit && std::chrono::steady_clock::now() - begin >= *limit)
             throw Failure(ExitCode::TimedOut, "no answer from the broker within " + Duration::write(*limit));
@@ -114,11 +123,10 @@ void BrokerLink::take(const std::string& event)
 {
     uint16_t number = 0;
     std::memcpy(&number, event.data(), sizeof(number));
-    const bool isUp = number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
-    if (isUp == mIsUp) // it is still trying
+    const bool hasCome = number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
+    if (hasCome == isUp(mTurn)) // it is still trying
         return;
-    mIsUp = isUp;
     if (++mTurn == 1)
         mFirst.set_value();
-    mTell(isUp);
+    mTell(hasCome);
 }

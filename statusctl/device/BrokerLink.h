@@ -31,7 +31,7 @@ public:
     /// All values that the broker has. Any thread. The library is not asked: its thread would wait without
     /// limit if the broker went meanwhile.
     /// @param limit the time that the broker has; a broker that hangs is waited for without one
-    /// @returns nothing if the connection is lost meanwhile, and after end()
+    /// @returns nothing where there is no connection, or it is lost meanwhile, and after end()
     /// @throws Failure on a bad reply, and at the limit
     std::optional<StatusMap> values(std::optional<std::chrono::milliseconds> limit = {});
 
@@ -44,8 +44,7 @@ private:
     std::optional<std::string> ask(const std::string& request, const std::function<bool()>& isWanted);
 
     const std::function<void(bool)> mTell;
-    bool mIsUp = false;             // the link's thread
-    std::atomic<unsigned> mTurn{0}; // counts how often that has changed
+    std::atomic<unsigned> mTurn{0}; // counts how often the connection has come and gone
     std::promise<void> mFirst;      // kept at the first connection
     zmq::context_t mContext;
     std::thread mThread;

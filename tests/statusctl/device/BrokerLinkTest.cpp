@@ -1,0 +1,40 @@
+#include "statusctl/device/BrokerLink.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/BrokerProcess.h"
+#include "tests/support/Wait.h"
+
+namespace
+{
+
+class BrokerLinkTest : public testing::Test
+{
+protected:
+    // Until the link has told of it.
+    void awaitTold(bool isUp)
+    {
+        ASSERT_TRUE(eventually([&] { return mTold == (isUp ? 1 : -1); }));
+    }
+
+    std::atomic<int> mTold{0};
+    BrokerLink link{[this](bool isUp) { mTold = isUp ? 1 : -1; }};
+};
+
+} // namespace
+
+TEST_F(BrokerLinkTest, withoutABrokerThereAreNoValuesAndNobodyWaitsForThem)
+{
+    EXPECT_FALSE(link.values());
+    EXPECT_EQ(mTold, 0);
+}
+
+TEST_F(BrokerLinkTest, tellsThatTheBrokerHasComeAndGone)
+{
+    BrokerProcess broker;
+    awaitTold(true);
+    EXPECT_EQ(link.values(), StatusMap());
+    broker.kill();
+    awaitTold(false);
+    EXPECT_FALSE(link.values()) << "waits for the next broker otherwise";
+}
