@@ -16,7 +16,9 @@ class BrokerCore
 {
 public:
     /// @param keys of the samples that it holds
-    explicit BrokerCore(std::size_t keys);
+    /// @param policy by which its client posts and asks; it must allow the samples
+    explicit BrokerCore(std::size_t keys,
+                        std::unique_ptr<const Policy> policy = std::make_unique<const Policy>());
 
     BrokerCore(const BrokerCore&) = delete;
     BrokerCore& operator=(const BrokerCore&) = delete;
@@ -35,7 +37,7 @@ private:
     Refusals mRefusals;
     DeviceState mDevice{mLimits, mRefusals};
     Identities mIdentities;
-    Guard mGuard{mIdentities, mRefusals, std::make_unique<const Policy>()};
+    Guard mGuard;
     Connection mClient{Descriptor(), Handshake::Kind::Post, Clock::now()};
     Answerer mAnswerer{mGuard,
                        mRefusals,
