@@ -1,8 +1,15 @@
 // Whom the real broker asks by a PING before it confirms a "Sync".
 
+#include <climits>
+#include <csignal>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
+#include <stdexcept>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "tests/broker/Messages.h"
@@ -41,9 +48,68 @@ public:
     }
 };
 
+// A poster that is a process of its own.
+class PosterProcess
+{
+public:
+    PosterProcess()
+    {
+        if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
+            throw std::runtime_error("cannot make a process");
+        if (mPid == 0)
+            run();
+        close(mPipe[0]);
+    }
+
+    ~PosterProcess()
+    {
+        close(mPipe[1]);
+        if (mPid > 0)
+            waitpid(mPid, nullptr, 0);
+    }
+
+    PosterProcess(const PosterProcess&) = delete;
+    PosterProcess& operator=(const PosterProcess&) = delete;
+
+    pid_t pid() const { return mPid; }
+
+    // Ends it.
+    bool isPinged()
+    {
+        int status = 0;
+        EXPECT_EQ(write(mPipe[1], "x", 1), 1);
+        waitpid(std::exchange(mPid, -1), &status, 0);
+        return !WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS;
+    }
+
+private:
+    [[noreturn]] void run()
+    {
+        const int end = dup2(mPipe[0], STDIN_FILENO);
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it has no connection of the test
+        Poster poster;
+        char letter = 0;
+        if (testing::Test::HasFailure() || ::read(end, &letter, 1) != 1)
+            _exit(EXIT_FAILURE);
+        _exit(poster.read(1, quiet).empty() ? EXIT_SUCCESS : EXIT_FAILURE);
+    }
+
+    int mPipe[2] = {-1, -1};
+    pid_t mPid = -1;
+};
+
 class BarrierTest : public testing::Test
 {
 protected:
+    // The broker has found the process of a connection.
+    bool isKnown(pid_t pid)
+    {
+        const std::string member = "\"pid\":" + std::to_string(pid) + ',';
+        return eventually(
+            [&]
+            { return requester.ask(R"({"getBrokerClients":"null"})").find(member) != std::string::npos; });
+    }
+
     void SetUp() override { requester.ask("Sync"); } // the first is another matter
 
     void expectAnswer() { EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"}); }
@@ -97,6 +163,48 @@ TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
                 expectAnswer();
             return hasWaited;
         }));
+}
+
+// In one round of the broker, which reads both as it wakes. Only root can be another user.
+TEST_F(BarrierTest, syncsOfTwoUsersPingThePosterOfEachOnce)
+{
+    std::unique_ptr<ZmtpPeer> otherRequester;
+    std::unique_ptr<Poster> other;
+    const auto connect = [&]
+    {
+        otherRequester = std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort);
+        other = std::make_unique<Poster>();
+    };
+    if (!asUser(12345, connect))
+        GTEST_SKIP() << "this process may not be another user";
+    ASSERT_TRUE(otherRequester->shakeHands());
+    ASSERT_EQ(otherRequester->ask("Sync"), "SyncAck");
+    Poster poster;
+    broker.process().suspend();
+    requester.send({"Sync"});
+    ASSERT_TRUE(otherRequester->write(ZmtpPeer::request("Sync")));
+    broker.process().signal(SIGCONT);
+    for (Poster* each : {&poster, other.get()})
+    {
+        const std::string context = each->awaitPing();
+        ASSERT_NE(context, "");
+        ASSERT_TRUE(each->write(ZmtpPeer::pong(context)));
+    }
+    expectAnswer();
+    EXPECT_EQ(otherRequester->receiveText(), "SyncAck");
+    EXPECT_EQ(poster.read(1, quiet), "");
+    EXPECT_EQ(other->read(1, quiet), "");
+}
+
+// The processes are looked for when somebody asks for them; from then on the posters of others stay in peace.
+TEST_F(BarrierTest, aSyncDoesNotPingThePosterOfAnotherProcessOfTheSameUser)
+{
+    ASSERT_TRUE(isKnown(getpid())); // before the other process inherits the socket
+    PosterProcess other;
+    ASSERT_TRUE(isKnown(other.pid()));
+    requester.send({"Sync"});
+    expectAnswer();
+    EXPECT_FALSE(other.isPinged());
 }
 
 // Only root can be another user.
