@@ -5,8 +5,12 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <numeric>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
@@ -32,6 +36,8 @@ class Poster : public ZmtpPeer
 public:
     Poster() : ZmtpPeer(postPort)
     {
+        const int on = 1; // as libzmq; what is written must not stay in this process's kernel
+        EXPECT_EQ(setsockopt(descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
         EXPECT_TRUE(shakeHands());
         EXPECT_EQ(read(3), "\0\1\1"s) << "the subscription";
         EXPECT_TRUE(readFrame()) << "the PING behind it";
@@ -223,6 +229,51 @@ TEST_F(BarrierTest, aQueryDoesNotPingPostersFromWhichNothingHasCome)
     Poster poster;
     EXPECT_EQ(valueOf(requester, "k"), reply(""));
     EXPECT_EQ(poster.read(1, quiet), "");
+}
+
+// More of what its client had posted before may be under way.
+TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
+{
+    ZmtpPeer subscriber(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(subscriber.shakeHands());
+    ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
+    Poster poster;
+    std::string posts;
+    for (int number = 0; posts.size() < std::size_t{64} * 1024; ++number)
+        posts += ZmtpPeer::message(postOf("k", std::to_string(number)));
+    ASSERT_TRUE(poster.write(posts + ZmtpPeer::message(postOf("k", "before"))));
+    ASSERT_TRUE(eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
+    requester.send({R"({"getClientInfoValue":"k"})"});
+    const std::string context = poster.awaitPing();
+    ASSERT_NE(context, "");
+    ASSERT_TRUE(poster.write(ZmtpPeer::message(postOf("k", "after")) + ZmtpPeer::pong(context)));
+    EXPECT_EQ(requester.receive(), std::vector<std::string>{reply("after")});
+}
+
+// Also where the broker has so much to read that the posts of some come late.
+TEST_F(BarrierTest, aQueryIsAnsweredBehindAllPostsThatHadArrived)
+{
+    constexpr int many = 32; // reading them takes longer than a turn, and not nearly 100 ms
+    std::vector<std::unique_ptr<Poster>> posters;
+    std::string rest;
+    for (int number = 0; rest.size() < std::size_t{10} * 1024; ++number)
+        rest += ZmtpPeer::message(postOf("rest", std::to_string(number)));
+    for (int number = 0; number < many; ++number)
+        posters.push_back(std::make_unique<Poster>());
+    broker.process().suspend();
+    for (int number = 0; number < many; ++number)
+    {
+        Poster& poster = *posters[static_cast<std::size_t>(number)];
+        ASSERT_TRUE(poster.write(ZmtpPeer::message(postOf("k" + std::to_string(number), "v"))));
+        ASSERT_TRUE(poster.write(rest)); // so little that no poster is pinged
+    }
+    requester.send({R"({"getClientInfo":"null"})"});
+    broker.process().signal(SIGCONT);
+    const auto answer = requester.receive();
+    ASSERT_TRUE(answer);
+    const std::string values = std::accumulate(answer->begin(), answer->end(), std::string());
+    for (int number = 0; number < many; ++number)
+        EXPECT_NE(values.find("\"k" + std::to_string(number) + "\":\"v\""), std::string::npos) << number;
 }
 
 // A client that stands still delays the others of its service once.
