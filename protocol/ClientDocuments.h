@@ -21,7 +21,7 @@ using Members = std::map<std::string, std::string>;
 /// A list of names, in its order.
 using Texts = std::deque<std::string>;
 
-// --------------------------------------------------------------- posts and requests, written by the client
+// ----------------------------------------------------------------- posts and requests, written by the client
 
 /// {"<key>":"<text>"}: the timer posts, and the requests with one name.
 std::string writeText(const char* key, const std::string& text);
@@ -39,7 +39,7 @@ std::string writeSetCounterValue(const std::string& name, uint32_t value);
 /// The value is the four-letter string "null", not a JSON null.
 std::string writeGetClientInfo();
 
-// ----------------------------------------------------------------------------- replies, read by the client
+// ------------------------------------------------------------------------------- replies, read by the client
 
 /// Reads a {"<key>":"<value>",...} reply; null and [] are replies without members. Returns nothing for any
 /// other text.
@@ -53,7 +53,7 @@ std::optional<std::string> readStatusValueReply(const std::string& reply);
 uint64_t readTimerReply(const std::string& reply);
 uint32_t readCounterReply(const std::string& reply);
 
-// ----------------------------------------------------------------------- notifications, read by the client
+// ------------------------------------------------------------------------- notifications, read by the client
 
 struct Notification
 {
@@ -73,7 +73,7 @@ struct Notification
 /// has no members.
 Notification readNotification(const std::string& message);
 
-// ------------------------------------------------------------- the broker's statistics, requested by tools
+// --------------------------------------------------------------- the broker's statistics, requested by tools
 
 using Statistics = std::map<std::string, uint64_t>;
 
