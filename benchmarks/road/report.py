@@ -1,4 +1,4 @@
-"""What the measurements say: tables, the targets, and the places of the documents that hold them."""
+"""Writes the results into the documents: tables, targets and plots."""
 
 import math
 import os
@@ -49,7 +49,7 @@ ROWS = (
 
 
 class Measured:
-    """The runs' metrics, by workload, system and name."""
+    """The metrics of all runs, by workload, system and name."""
 
     def __init__(self, results):
         self.results = results
@@ -69,7 +69,7 @@ class Measured:
         return value / other if value is not None and other else None
 
     def spread(self, workload, system, metric):
-        """Median, lowest, highest; nothing if it was not measured."""
+        """Median, lowest, highest; None if it was not measured."""
         values = self.values(workload, system, metric)
         return (statistics.median(values), min(values), max(values)) if values else None
 
@@ -132,7 +132,7 @@ def failures(measured):
 
 
 def of_floor(workload, metric, text, bound):
-    """A ratio to the JSON floor that must not be on the wrong side of a bound."""
+    """A bound on the ratio to the JSON floor."""
     def judge(measured):
         ratio = measured.ratio(workload, "product", metric)
         if ratio is None:
@@ -205,7 +205,7 @@ TARGETS = (
     ("deliveries per second to 8 processes", of_floor("fanOut", "rate", "at least", 1.0)),
     *(("deliveries per second to 8 processes", compared_with("fanOut", "rate", other, "more"))
       for other in ("mqtt0", "mqtt1", "dbus")),
-    # The broker that this one replaced took 0.61 of the floor's; this one at most 0.35 of that.
+    # The previous broker took 0.61 of the floor's CPU; this one may take at most 0.35 of that.
     ("the broker's CPU per delivery", of_floor("synced", "cpuBroker", "at most", 0.21)),
     ("the broker's CPU per delivery", beside_silent_connections),
     ("the broker's CPU beside 1,000 silent connections", below("silent", "idle", 1000, "µs per s")),
@@ -247,7 +247,7 @@ def tables(results):
 
 
 def write_documents(results, docs):
-    """Renews what stands between the marks of performance.md; what is written by hand stays."""
+    """Renews the text between the marks of performance.md; all other text stays."""
     measured = Measured(results)
     folder = os.path.join(docs, "performance")
     os.makedirs(folder, exist_ok=True)
