@@ -12,13 +12,13 @@ FLOOR = "json"
 # Workload, metric, label, unit.
 ROWS = (
     ("synced", "rate", "burst, a sync every 250 posts", "delivered/s"),
-    ("synced", "lost", "lost of it", ""),
+    ("synced", "lost", "lost", ""),
     ("queried", "rate", "burst, a query every 250 posts", "delivered/s"),
-    ("queried", "lost", "lost of it", ""),
+    ("queried", "lost", "lost", ""),
     ("plain", "rate", "burst without sync", "delivered/s"),
-    ("plain", "lost", "lost of it", ""),
+    ("plain", "lost", "lost", ""),
     ("fanOut", "rate", "to 8 processes, a sync every 250 posts", "delivered/s"),
-    ("fanOut", "lost", "lost of it", ""),
+    ("fanOut", "lost", "lost", ""),
     ("paced", "p50", "one way at 1,000 posts/s, p50", "µs"),
     ("paced", "p99", "one way, p99", "µs"),
     ("paced", "p999", "one way, p99.9", "µs"),
@@ -27,9 +27,9 @@ ROWS = (
     ("query", "p99", "query, p99", "µs"),
     ("query", "perSecond", "sequential queries", "/s"),
     ("synced", "cpu", "CPU per 100,000 deliveries, synced burst", "s"),
-    ("synced", "cpuPoster", "of it the poster's", "s"),
-    ("synced", "cpuBroker", "of it the broker's", "s"),
-    ("synced", "cpuSubscribers", "of it the subscriber's", "s"),
+    ("synced", "cpuPoster", "the poster's part", "s"),
+    ("synced", "cpuBroker", "the broker's part", "s"),
+    ("synced", "cpuSubscribers", "the subscriber's part", "s"),
     ("paced", "cpu", "CPU per 100,000 deliveries, 1,000 posts/s", "s"),
     ("memory", "idleRss", "broker, idle, RSS", "KiB"),
     ("memory", "idlePss", "broker, idle, PSS", "KiB"),
@@ -39,12 +39,12 @@ ROWS = (
     ("memory", "clientPss", "idle client, PSS", "KiB"),
     ("start", "ms", "start, to the first callback", "ms"),
     ("together", "p50", "start of 100 at once, until each is connected, p50", "ms"),
-    ("together", "longest", "the last of them", "ms"),
-    ("together", "cpuBroker", "the broker's CPU for each of them", "ms"),
-    ("together", "cpuClient", "each client's own CPU", "ms"),
+    ("together", "longest", "start of 100 at once, until the last is connected", "ms"),
+    ("together", "cpuBroker", "start of 100 at once, the broker's CPU for each", "ms"),
+    ("together", "cpuClient", "start of 100 at once, each client's own CPU", "ms"),
     ("silent", "alone", "the broker's CPU per 100,000 deliveries, synced burst, s", ""),
     ("silent", "beside", "the same beside 1,000 silent connections, s", ""),
-    ("silent", "idle", "the broker's CPU beside them while nobody says anything, µs per s", ""),
+    ("silent", "idle", "the broker's CPU beside 1,000 silent connections while nothing is sent, µs per s", ""),
 )
 
 
@@ -148,7 +148,7 @@ def compared_with(workload, metric, other, sign):
         if ratio is None:
             return None
         met = ratio > 1 if sign == "more" else ratio < 1
-        return f"{sign} than {measured.titles[other]}", f"{ratio:.2f} of it", met
+        return f"{sign} than {measured.titles[other]}", f"{ratio:.2f} times", met
     return judge
 
 
@@ -233,7 +233,7 @@ def circumstances(measured):
     machine, sizes = measured.results["machine"], measured.results["sizes"]
     packages = ", ".join(f"{name} {version}" for name, version in measured.results["versions"].items())
     return (f"Measured on {measured.results['date']}: {machine['cpu']}, {machine['cores']} cores, "
-            f"{machine['memoryMiB']:,} MiB of memory, Linux {machine['kernel']}; load when it began "
+            f"{machine['memoryMiB']:,} MiB of memory, Linux {machine['kernel']}; load at the start "
             f"{machine['load']:.1f}. {packages}. {measured.results['rounds']} rounds, bursts of {sizes['burst']:,} posts, "
             f"{sizes['fan_out']:,} to 8 processes, {sizes['seconds']} s at 1,000 posts/s, {sizes['queries']:,} queries.\n\n"
             "Each number is the median of the rounds, with the lowest and the highest.")
