@@ -249,8 +249,7 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
     const int length = vsnprintf(shortText.data(), shortText.size(), format, arguments);
     std::string text;
     if (length < 0)
-        text =
-            format; // an argument could not be converted; the bare format still shows the message
+        text = format; // an argument could not be converted; the bare format still shows the message
     else if (static_cast<std::size_t>(length) < shortText.size())
         text = shortText.data();
     else

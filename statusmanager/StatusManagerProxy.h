@@ -126,8 +126,8 @@ private:
 
     std::unique_ptr<PostFlow, PostFlowEnd> mPostFlow; ///< Manager's thread.
     bool mIsDroppingWatched = false;                  ///< Manager's thread.
-    std::atomic<bool> mEnding{false}; ///< Set before mShutdown: the sockets will be closed.
-    bool mNotifySocketLeft = false;   ///< The notify loop ended without closing it. Notify thread.
+    std::atomic<bool> mEnding{false};                 ///< Set before mShutdown: the sockets will be closed.
+    bool mNotifySocketLeft = false;                   ///< Left open by the notify loop. Notify thread.
 };
 
 #endif
