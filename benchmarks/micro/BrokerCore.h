@@ -23,11 +23,11 @@ public:
     BrokerCore(const BrokerCore&) = delete;
     BrokerCore& operator=(const BrokerCore&) = delete;
 
-    /// From the text of a post to the bytes of its notification, which everybody has read at once. False if
-    /// nothing is published.
+    /// Handles the text of a post and makes the bytes of its notification, which count as read at once.
+    /// Returns false if nothing is published.
     bool post(std::string_view text);
 
-    /// From the text of a request to the bytes of its answer.
+    /// Handles the text of a request and returns the bytes of its answer.
     const std::string& ask(std::string_view text);
 
     const DeviceState& device() const { return mDevice; }

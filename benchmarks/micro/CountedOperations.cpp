@@ -1,6 +1,6 @@
-// Repeats one operation, for a count of the instructions that it takes; see scripts/bench-counts.
+// Repeats one operation, so that callgrind can count its instructions; see scripts/bench-counts.
 //   countedoperations               names the operations
-//   countedoperations NAME TIMES    prints how often it allocates, for each time
+//   countedoperations NAME TIMES    prints the allocations per repetition
 
 #include <cstdio>
 #include <cstdlib>
@@ -33,7 +33,7 @@ using Loop = std::function<void(unsigned times)>;
 
 } // namespace
 
-// Callgrind collects while this runs, and finds it by its name.
+// Callgrind counts while this function runs, and finds it by its name.
 extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, unsigned times)
 {
     const uint64_t before = Allocations::count();
@@ -44,7 +44,7 @@ extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, uns
 namespace
 {
 
-// The extra cost of the first times (memory for the heap, symbols to look up) is not counted.
+// Does not count the extra cost of the first repetitions (growing the heap, looking up symbols).
 uint64_t measure(const Loop& loop, unsigned times)
 {
     constexpr unsigned warmUp = 200;
@@ -76,11 +76,11 @@ uint64_t readNotification(unsigned times)
         times);
 }
 
-// The decisions are used, so that the compiler leaves nothing out.
+// Uses the decisions, so that the compiler removes nothing.
 volatile unsigned decided = 0;
 
-// A dispatcher that runs on the thread at hand. Agents come in bursts, posted by the last of the burst
-// before.
+// A dispatcher that runs on the current thread. Agents come in bursts; the last agent of a burst posts the
+// next burst.
 class Relay : private EventDispatcher
 {
 public:
@@ -120,7 +120,7 @@ uint64_t deliverAgent(unsigned times)
     return measure([](unsigned count) { Relay().deliver(count); }, times);
 }
 
-// One value to so many listeners, each subscribed to so many keys.
+// Passes one value to `listenerCount` listeners, each subscribed to `keys` keys.
 uint64_t fanOut(std::size_t listenerCount, std::size_t keys, unsigned times)
 {
     FanOut listeners(listenerCount, keys);
@@ -146,8 +146,8 @@ uint64_t fanOutOfManyKeys(unsigned times)
     return fanOut(1, 10000, times);
 }
 
-// The broker's work between its sockets: from the text of a post to the bytes of its notification. A hundred
-// keys, one of which changes with each post.
+// The broker's work between its sockets, from the text of a post to the bytes of its notification. There are
+// a hundred keys; each post changes one.
 uint64_t handlePosts(std::unique_ptr<const Policy> policy, unsigned times)
 {
     constexpr std::size_t keys = 100;
@@ -172,8 +172,8 @@ uint64_t handlePost(unsigned times)
 
 constexpr std::size_t rules = 1000;
 
-// Each allows a key of the samples, and every third the names that begin so, too. A glob that begins with a
-// wildcard would add twenty instructions to each decision.
+// Each rule allows a key of the samples; every third rule also allows the names that begin with its key. A glob
+// that begins with a wildcard would add twenty instructions to each decision.
 std::unique_ptr<const Policy> policyOfManyRules()
 {
     std::string text = "default = \"deny\"\n";
@@ -193,7 +193,7 @@ uint64_t handlePostWithPolicy(unsigned times)
     return handlePosts(policyOfManyRules(), times);
 }
 
-// Ten at once, as they are received.
+// Ten frames at once, as they are received.
 uint64_t readFrame(unsigned times)
 {
     constexpr unsigned burst = 10;
@@ -217,7 +217,7 @@ uint64_t readFrame(unsigned times)
         times);
 }
 
-// Of a key that is like those of the rules.
+// Decides for a key similar to the keys in the rules.
 uint64_t decideByPolicy(unsigned times)
 {
     const std::unique_ptr<const Policy> policy = policyOfManyRules();
