@@ -172,8 +172,8 @@ uint64_t handlePost(unsigned times)
 
 constexpr std::size_t rules = 1000;
 
-// Each rule allows a key of the samples; every third rule also allows the names that begin with its key. A glob
-// that begins with a wildcard would add twenty instructions to each decision.
+// Each rule allows a key of the samples; every third rule also allows the names that begin with its key. A
+// glob that begins with a wildcard would add twenty instructions to each decision.
 std::unique_ptr<const Policy> policyOfManyRules()
 {
     std::string text = "default = \"deny\"\n";
