@@ -21,10 +21,10 @@ struct UserAccount
     double posts = 0; ///< may be negative, as a message may hold many
     TimePoint counted{};
     TimePoint entered{};   ///< its last connection
-    bool isBeyond = false; ///< in audit mode the user posts more than its share, and pays nothing for it
+    bool isBeyond = false; ///< in audit mode the user posts more than its quota, and pays nothing for it
 };
 
-/// Keeps each user within the share that the policy gives it: its connections, its posts, and its part of the
+/// Keeps each user within the quota that the policy gives it: its connections, its posts, and its part of the
 /// state. All users without a known number share one account.
 class Quotas
 {

@@ -34,7 +34,7 @@ enum class Refusal
     AuditedView,  ///< the same for seeing a value or an event
     UnknownOwner, ///< the policy cannot be applied to the connection
     OwnerGone,    ///< values were ended because their owner has gone
-    Quota,        ///< beyond a user's share
+    Quota,        ///< beyond a user's quota
 };
 
 constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::Quota) + 1;

@@ -110,7 +110,7 @@ public:
     Identity identity;
     /// The rules for the peer; null until it is admitted.
     const PolicyClass* rights = nullptr;
-    /// The share of its user; null where the policy has no quotas.
+    /// The account of its user; null where the policy has no quotas.
     UserAccount* account = nullptr;
     /// Its posts or requests, including malformed ones.
     uint64_t messages = 0;
