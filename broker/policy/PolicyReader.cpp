@@ -15,7 +15,7 @@ using OptionText::quoted;
 namespace
 {
 
-// The library's messages may repeat the file.
+// The library's messages may quote the file.
 std::string harmless(std::string_view text)
 {
     constexpr std::size_t longest = 200;
@@ -25,7 +25,7 @@ std::string harmless(std::string_view text)
     return result;
 }
 
-// One file.
+// Reads one file.
 class FileReader
 {
 public:

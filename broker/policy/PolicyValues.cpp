@@ -40,7 +40,7 @@ bool endsWith(std::string_view text, std::string_view end)
     return text.size() > end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-// As systemd's tools complete it.
+// Completes the name as systemd's tools do.
 std::string unitName(const std::string& name)
 {
     return endsWith(name, ".service") || endsWith(name, ".scope") ? name : name + ".service";
@@ -67,7 +67,7 @@ void PolicyValues::warn(Line line, const std::string& text)
     mCollector.content().warnings.push_back(placeOf(line) + ": " + text);
 }
 
-// A text, or a list of texts.
+// Reads a text, or a list of texts.
 std::vector<PolicyWord> PolicyValues::words(const std::string& name, const toml::node& value)
 {
     Words found;
@@ -162,7 +162,7 @@ void PolicyValues::addGroups(const toml::node& value, Who& who)
     addIds("group", value, who, who.groups, &PolicyCollector::group);
 }
 
-// Names, or numbers where a device has no names.
+// Adds names, or numbers where a device has no names.
 template <typename Id>
 void PolicyValues::addIds(const std::string& kind, const toml::node& value, Who& who, std::vector<Id>& ids,
                           std::optional<Id> (PolicyCollector::*lookUp)(const std::string&))
@@ -170,7 +170,7 @@ void PolicyValues::addIds(const std::string& kind, const toml::node& value, Who&
     std::vector<std::string> texts;
     const auto addNumber = [&](const toml::node& node)
     {
-        constexpr int64_t most = std::numeric_limits<Id>::max() - 1; // the highest means that there is none
+        constexpr int64_t most = std::numeric_limits<Id>::max() - 1; // the highest number means none
         const int64_t number = node.as_integer()->get();
         if (number < 0 || number > most)
             fail(lineOf(node), kind + ": " + std::to_string(number) + " is not the number of a " + kind);
