@@ -10,7 +10,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// Where a rule stands, for a log line.
+// The place of a rule, for a log line.
 const char* placeOf(const PolicyRule& rule)
 {
     return rule.place.empty() ? "the default" : rule.place.c_str();
@@ -62,8 +62,8 @@ bool Guard::admit(Connection& connection)
     return true;
 }
 
-// Returns whether it may stay nevertheless. One that has gone without a word was a look at whether the broker
-// is there.
+// Returns whether the connection may stay nevertheless. A connection that has ended without sending anything
+// was only a check whether the broker runs, and is not logged.
 bool Guard::reportUnknown(Connection& connection, const char* reason)
 {
     const bool isAudit = mPolicy->isAudit();
@@ -76,8 +76,8 @@ bool Guard::reportUnknown(Connection& connection, const char* reason)
     return isAudit;
 }
 
-// A rule that is about others could be about this one. So it is not enough to leave the rule out: it may be
-// the one that denies.
+// A rule about other clients could apply to an unknown client. So leaving the rule out is not enough: it may
+// be the rule that denies.
 const char* Guard::lacking(const Identity& identity) const
 {
     if (mPolicy->tellsClientsApart() && !identity.owner.uid())
@@ -93,7 +93,7 @@ Subject Guard::subjectOf(const Identity& identity) const
 {
     Subject subject;
     subject.user = identity.owner.uid();
-    if (subject.user && mPolicy->namesGroups()) // for all others it is not worth looking at files
+    if (subject.user && mPolicy->namesGroups()) // otherwise reading the files is not worth while
         subject.groups = mIdentities.users().groups(*subject.user);
     subject.service = identity.service;
     return subject;

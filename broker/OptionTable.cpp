@@ -196,9 +196,9 @@ std::vector<OptionEntry> makeTable()
     };
 }
 
-// So much memory is there for each byte of the longest message: one for the message, and three for its
-// members while it is read, as members of eleven bytes or more need. Shorter members need more, but
-// BrokerProtocol::mostMembers bounds them.
+// Memory for each byte of the longest message. One byte is for the message, and three for its members while
+// it is read: members of eleven bytes or more take that. Shorter members take more, but
+// BrokerProtocol::mostMembers bounds their number.
 constexpr std::size_t memoryPerByte = 4;
 
 std::string shownWithName(const char* name, std::size_t value)
@@ -214,7 +214,7 @@ std::string checkFits(const char* name, std::size_t value, const Limits& limits)
            shownWithName("max-message-bytes", limits.messageBytes);
 }
 
-// A message of the greatest length is taken however full the log of notifications is.
+// A message of the greatest length must fit, however full the log of notifications is.
 std::string checkMemory(const Limits& limits)
 {
     const std::size_t needed = limits.notifyBytes + memoryPerByte * limits.messageBytes;

@@ -7,7 +7,7 @@
 namespace
 {
 
-// Nobody's number. No rule for users concerns it, and those for services do.
+// Not the number of any user. Rules for users do not apply to it, and rules for services do.
 constexpr auto noUser = static_cast<uid_t>(-1);
 
 bool endsWith(std::string_view text, std::string_view ending)

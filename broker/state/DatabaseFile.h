@@ -52,7 +52,7 @@ sqlite3* openForReading(const std::string& path);
 /// For storage that cannot be written: no other process writes either, and no lock is available.
 sqlite3* openUnwritable(const std::string& path);
 
-/// Call this before reading anything. The file's content is data, whoever wrote it.
+/// Call this before reading anything. The file's content is data, no matter which program wrote it.
 void harden(sqlite3* database, const Limits& limits);
 
 /// Makes SQLite refuse longer texts, both its own and the file's.

@@ -9,7 +9,7 @@ namespace
 {
 
 // ---- The rules of a stopwatch. Starting a running one and stopping a stopped one do nothing. Resetting a
-//---- running one keeps the current span.
+// running one keeps the current span.
 
 uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
 {

@@ -139,9 +139,8 @@ public:
     std::vector<std::string_view> forgetCounters(const std::vector<std::string_view>& names);
 
     // ---- Changes since a revision. A forgotten value stays among them with an empty text, and counts
-    // towards
-    //---- the limit of keys, until dropForgotten(): subscribers that have not read its reset get it from
-    //here.
+    // towards the limit of keys, until dropForgotten(): subscribers that have not read its reset get it from
+    // here.
 
     /// How many forgotten values there are.
     std::size_t forgotten() const { return mForgotten; }
