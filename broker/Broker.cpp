@@ -48,7 +48,7 @@ Options adjusted(Options options)
 void logState(const Options& options)
 {
     if (options.stateFile.empty())
-        OV_LOG(5, "There is no state file: nothing is kept when the broker ends");
+        OV_LOG(5, "There is no state file: the state is lost when the broker ends");
     else
         OV_LOG(5, "The state file is [%s]", options.stateFile.c_str());
 }

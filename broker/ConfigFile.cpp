@@ -53,7 +53,7 @@ std::string contentOf(std::string line)
     if (line.size() > longestLine)
         throw std::runtime_error("longer than " + std::to_string(longestLine) + " bytes");
     if (std::any_of(line.begin(), line.end(), isControl))
-        throw std::runtime_error("a byte that is no text");
+        throw std::runtime_error("a control character");
     return trimmed(withoutComment(line));
 }
 

@@ -132,7 +132,7 @@ void Connections::serve(Connection& connection, uint32_t what, TimePoint now)
 void Connections::closeForMemory(Connection& connection)
 {
     const Refusals::From from(mRefusals, connection);
-    mRefusals.report(Refusal::Memory, "Closing the connection that holds most, %zu bytes of %zu",
+    mRefusals.report(Refusal::Memory, "Closing the connection that holds the most memory, %zu of %zu bytes",
                      connection.accounted, mEnvironment.budget.held());
     switch (connection.kind())
     {

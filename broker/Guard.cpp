@@ -28,9 +28,8 @@ void Guard::setPolicy(std::unique_ptr<const Policy> policy)
 {
     check(*policy);
     if (policy->tellsClientsApart() && !mIdentities.tellsAllUsers())
-        OV_LOG(2,
-               "The broker is in a user namespace that does not have all users: the policy keeps the others "
-               "from connecting");
+        OV_LOG(2, "The broker runs in a user namespace that lacks some users: the policy refuses their "
+                  "connections");
     mPolicy = std::move(policy);
     mQuotas.setPolicy(*mPolicy);
 }
@@ -41,11 +40,12 @@ void Guard::check(const Policy& policy) const
         return;
     if (policy.tellsClientsApart() && !mIdentities.tellsUsers())
         throw std::runtime_error(
-            "the policy names clients, but neither sock_diag nor /proc/net/tcp tells whose "
-            "a connection is");
+            "the policy names clients, but neither sock_diag nor /proc/net/tcp reports the owner of "
+            "a connection");
     if (policy.namesServices() && !mIdentities.tellsServices())
-        throw std::runtime_error("the policy names services, but this kernel does not tell them: that takes "
-                                 "sock_diag with control groups, and version 2 of those");
+        throw std::runtime_error(
+            "the policy names services, but this kernel does not report them: that needs "
+            "sock_diag with control groups of version 2");
 }
 
 // ------------------------------------------------------------------------------------------ at the beginning
@@ -83,9 +83,9 @@ const char* Guard::lacking(const Identity& identity) const
     if (mPolicy->tellsClientsApart() && !identity.owner.uid())
         return identity.owner.reason();
     if (mPolicy->namesServices() && !identity.isServiceKnown)
-        return "its service cannot be told";
+        return "its service is unknown";
     if (mPolicy->namesGroups() && !mIdentities.users().isKnown(*identity.owner.uid()))
-        return "its groups cannot be told, as /etc/passwd has no such user";
+        return "its groups are unknown: /etc/passwd has no such user";
     return nullptr;
 }
 

@@ -135,13 +135,13 @@ void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
     if (!mGuard.may(client, Action::Time, {}))
         return;
     if (!mOptions.allowSetTime)
-        return mRefusals.report(Refusal::SystemTime,
-                                "Setting the system time to %u refused, not started with --allow-set-time",
-                                seconds);
+        return mRefusals.report(
+            Refusal::SystemTime,
+            "Setting the system time to %u refused: the broker runs without --allow-set-time", seconds);
     if (seconds < STATUSBROKER_BUILD_TIME)
         return mRefusals.report(
             Refusal::SystemTime,
-            "Setting the system time to %u refused, that is before this program was built", seconds);
+            "Setting the system time to %u refused: that is before this program was built", seconds);
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
     if (settimeofday(&time, nullptr) != 0)

@@ -88,7 +88,7 @@ void Supervisor::ready(const std::string& status)
     mReadiness = "READY=1\nSTATUS=" + status;
     tellReadiness();
     if (mNextReadiness)
-        OV_LOG(2, "Could not tell the service manager yet that the broker is ready");
+        OV_LOG(2, "Could not report to the service manager yet that the broker is ready");
 }
 
 void Supervisor::stopping()

@@ -48,7 +48,7 @@ void reload(const CommandLine& commandLine, Broker& broker)
         broker.setPolicy(std::move(policy));
         setLogLevel(options.logLevel);
         broker.setLimits(options.limits);
-        OV_LOG(5, "Took over limits, log level and policy");
+        OV_LOG(5, "Applied new limits, log level and policy");
         if (options.policy.empty())
             OV_LOG(5, "There is no policy: clients may do everything");
         else
@@ -56,7 +56,7 @@ void reload(const CommandLine& commandLine, Broker& broker)
     }
     catch (const std::exception& error)
     {
-        OV_LOG(0, "Keeping the options: %s", error.what());
+        OV_LOG(0, "Keeping the old options: %s", error.what());
     }
 }
 
@@ -84,7 +84,7 @@ void run(const CommandLine& commandLine)
     std::unique_ptr<const Policy> policy = readPolicy(options.policy);
     if (commandLine.isCheck())
     {
-        puts("statusbroker: configuration is good");
+        puts("statusbroker: the configuration is valid");
         if (!options.policy.empty())
             fputs(policy->describe().c_str(), stdout);
         return;

@@ -79,7 +79,7 @@ void warnOfUnreachable(PolicyContent& content)
             reachability.add(rule, rule.who == 0 ? std::string() : content.whos[rule.who].text);
         if (!by.empty())
             content.warnings.push_back(
-                rule.place + ": the rule never decides: earlier ones do, at the latest that of " + by);
+                rule.place + ": the rule never decides: earlier rules always do, the last of them at " + by);
     }
 }
 
@@ -221,7 +221,7 @@ std::string Policy::describe() const
     { return text + (place.empty() ? "" : " (" + place + ")") + "\n"; };
     const PolicyRule& last = mContent.rules.back();
     std::string text = placed(mContent.modePlace, mContent.isAudit ? "mode: audit" : "mode: enforce");
-    text += mContent.rules.size() > 1 ? "rules, of which the first that matches decides:\n" : "no rules\n";
+    text += mContent.rules.size() > 1 ? "rules, the first match decides:\n" : "no rules\n";
     for (std::size_t i = 0; i + 1 < mContent.rules.size(); ++i)
     {
         const PolicyRule& rule = mContent.rules[i];

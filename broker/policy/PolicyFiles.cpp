@@ -54,9 +54,9 @@ std::string errorIn(const struct stat& status)
 {
     if (status.st_uid != 0 && status.st_uid != geteuid())
         return "belongs to user " + std::to_string(status.st_uid) +
-               ", and must belong to root or to the broker's user";
+               ", but must belong to root or to the broker's user";
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return "others than its owner may write to it (chmod go-w)";
+        return "users other than its owner can write to it (chmod go-w)";
     return {};
 }
 

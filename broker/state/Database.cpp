@@ -190,7 +190,8 @@ bool Database::isNew(const std::string& path)
                             DatabaseError::Kind::Unreadable);
     mHasDetails = version != withoutDetails;
     if (version != layoutVersion && mHasDetails)
-        throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
+        throw DatabaseError("unsupported version " + std::to_string(version),
+                            DatabaseError::Kind::Unreadable);
     return false;
 }
 
@@ -207,7 +208,7 @@ void Database::create()
 void Database::checkTables()
 {
     if (!hasTables())
-        throw DatabaseError("tables are missing, or are others", DatabaseError::Kind::Unreadable);
+        throw DatabaseError("its tables are missing, or differ", DatabaseError::Kind::Unreadable);
 }
 
 // Whether the tables are exactly those of create(), and nothing else exists.
@@ -571,7 +572,7 @@ void Database::fail(const std::string& doing) const
     if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
         throw DatabaseError("locked by another program", DatabaseError::Kind::Locked);
     if (mDatabase && sqlite3_db_readonly(mDatabase.get(), "main") == 1)
-        throw DatabaseError("it can only be read", DatabaseError::Kind::Other);
+        throw DatabaseError("it is read-only", DatabaseError::Kind::Other);
     const std::string text = mDatabase ? sqlite3_errmsg(mDatabase.get()) : sqlite3_errstr(code);
     throw DatabaseError("cannot " + doing + ": " + text, DatabaseError::Kind::Other);
 }

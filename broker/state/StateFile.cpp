@@ -108,7 +108,7 @@ void closeToOthers(const std::string& path)
     if (lstat(path.c_str(), &status) != 0 || (status.st_mode & ACCESSPERMS & ~allowed) == 0)
         return;
     if (chmod(path.c_str(), status.st_mode & allowed) != 0)
-        OV_LOG(2, "State file [%s] stays open to others: %s", path.c_str(), strerror(errno));
+        OV_LOG(2, "State file [%s] stays accessible to others: %s", path.c_str(), strerror(errno));
 }
 
 std::string readBootId()
@@ -150,8 +150,7 @@ bool StateFile::isKept(const std::string& name) const
 SavedState StateFile::load(const BootMoment& now)
 {
     if (now.bootId.empty())
-        OV_LOG(2,
-               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
+        OV_LOG(2, "The kernel's id of this boot is unknown: timers will stop when the broker is restarted");
     Found found = open(startPatience, now);
     if (!found.contents)
         found.contents = readOnly(now);
@@ -284,7 +283,7 @@ void StateFile::opened(std::unique_ptr<Database> database)
 void StateFile::written()
 {
     if (isReported())
-        OV_LOG(2, "State file [%s] is written again", mPath.c_str());
+        OV_LOG(2, "State file [%s] can be written again", mPath.c_str());
     mStage = Stage::Serving;
 }
 
@@ -295,7 +294,7 @@ void StateFile::failed(const std::string& reason)
     ++mErrors;
     if (isReported())
         return;
-    OV_LOG(0, "State file [%s]: %s; what changes is lost when the broker ends", mPath.c_str(),
+    OV_LOG(0, "State file [%s]: %s; changes will be lost when the broker ends", mPath.c_str(),
            reason.c_str());
     mStage = mDatabase ? Stage::Failing : Stage::Shut;
 }
@@ -397,7 +396,7 @@ void StateFile::reopen(const BootMoment& now)
     if (isMissed && found.database && !found.isSaved && !found.contents->state.empty())
     {
         found = Found();
-        if (moveAside("is not what the broker goes on with"))
+        if (moveAside("does not hold the current state of the broker"))
             found = open(none, now);
     }
     if (!found.database)
@@ -426,7 +425,7 @@ void StateFile::lookAfterIt(const BootMoment& now)
     if (mDatabase->isInPlace())
         return;
     mDatabase->leaveAsItIs();
-    failed("removed or replaced while it is in use");
+    failed("removed or replaced while in use");
     missed();
     const bool hasSuccessor = isTaken(mPath) || isTaken(mPath + "-wal");
     if (hasSuccessor && !mayMoveAside())
