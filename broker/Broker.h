@@ -30,7 +30,6 @@ public:
     /// Serves until `interrupt` is readable.
     void serveUntil(int interrupt);
 
-    /// Applies new limits.
     void setLimits(const Limits& limits);
 
     /// Puts another policy in force.

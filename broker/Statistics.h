@@ -36,7 +36,6 @@ namespace Statistics
 
 using Numbers = std::map<std::string, uint64_t>;
 
-/// The version of this program.
 void addVersion(Numbers& numbers);
 
 /// The kernel's numbers of this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
