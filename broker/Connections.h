@@ -78,9 +78,8 @@ public:
             enterPoster(connection);
     }
 
-    /// A query may overtake posts that its barrier does not wait for. So this asks the post connections that
-    /// may belong to the same client whether a post is under way. It also starts the search for the client's
-    /// process, to choose better next time.
+    /// Asks the post connections that may belong to the same client whether a post is under way, where the
+    /// barrier does not find out. Starts the search for the client's process, to choose better next time.
     /// @returns the probes to wait for; they outlive the connections
     std::vector<std::shared_ptr<const OwnProbe>> askOwnPosters(RequestConnection& client, uint64_t barrier,
                                                                TimePoint now);

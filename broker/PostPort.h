@@ -77,7 +77,7 @@ public:
     uint64_t openBarrier(bool isSync, TimePoint now);
 
     /// Whether a "Sync" waits for the connection only briefly or not at all: nothing has come from it since
-    /// its last PONG, or it has little patience left. Then its own client may probe it with a PING.
+    /// its last PONG, or it has little patience left. Then a "Sync" of its own client probes it with a PING.
     static bool needsOwnProbe(const PostConnection& connection);
 
     /// Sends such a PING for this barrier.

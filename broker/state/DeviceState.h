@@ -51,8 +51,8 @@ public:
     /// The same for keys whose text becomes empty.
     const Members& reset(const std::vector<std::string_view>& keys, Posters::Id by = Posters::nobody);
 
-    /// The same for values that end with their owner. Their last poster stays, and its share still pays for
-    /// them. The empty text resets.
+    /// The same for values that end with their owner. Their last poster stays, and they still count towards
+    /// its share. The empty text resets.
     const Members& end(const Members& values, Posters::Id by);
 
     /// The events to publish. Events are not stored.
