@@ -41,7 +41,7 @@ Reply Answerer::answer(Connection& client, std::string_view request)
     return Reply(refusal);
 }
 
-// Of what a client may not ask for it learns what it would learn if that did not exist.
+// For a denied name, the client gets the same answer as for a name that does not exist.
 Reply Answerer::answer(Connection& client, BrokerProtocol::Command& command)
 {
     const auto mayAsk = [&] { return mGuard.may(client, Action::Query, command.text); };
@@ -92,7 +92,7 @@ Reply Answerer::answer(Connection& client, BrokerProtocol::Command& command)
     case Operation::ResetTimer:
     case Operation::RestartTimer:
     case Operation::SetCounterValue:
-        break; // no requests
+        break; // not requests
     }
     return Reply(refusal);
 }
@@ -119,8 +119,8 @@ Reply Answerer::setTimer(const Connection& client, const std::vector<std::string
     return replyOf(BrokerProtocol::appendTimerReply, mState.elapsed(name));
 }
 
-// Where there are so many that this takes long, those that ask share an answer: it must not take much of the
-// broker's time.
+// With so many clients that this takes long, requests share an answer: it must not take much of the broker's
+// time.
 const std::string& Answerer::clients()
 {
     constexpr std::chrono::microseconds notLong{500};
@@ -135,8 +135,8 @@ const std::string& Answerer::clients()
     return mClients;
 }
 
-// A question has three texts: the client, the action and the name; see docs/protocol.md. The answer tells of
-// rules, users and names, which concern only root and the broker's user.
+// A question has three texts: the client, the action and the name; see docs/protocol.md. The answer reveals
+// rules, users and names, which are only for root and the broker's user.
 std::string Answerer::decision(const Connection& client, const std::vector<std::string_view>& question)
 {
     namespace Member = BrokerProtocol::DecisionMember;

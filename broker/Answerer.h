@@ -18,19 +18,20 @@
 class Answerer
 {
 public:
-    /// The answer to what cannot be understood, and to what exceeds a limit: nobody waits in vain.
+    /// The answer to a request that is malformed or exceeds a limit. Without it the client would wait
+    /// forever.
     static constexpr const char* refusal = "{}";
 
-    /// Adds to what the broker tells about itself.
+    /// Adds to the broker's statistics.
     using AddNumbers = std::function<void(Statistics::Numbers&)>;
 
-    /// Appends the answer that tells who uses the broker.
+    /// Appends the answer that lists the connected clients.
     using AppendClients = std::function<void(std::string&)>;
 
     /// Removes names for good. Returns the answer.
     using Forget = std::function<std::string(const Connection&, BrokerProtocol::Command&)>;
 
-    /// All must outlive it.
+    /// All referenced objects must outlive this one.
     Answerer(Guard& guard, Refusals& refusals, DeviceState& state, AddNumbers addNumbers,
              AppendClients appendClients, Forget forget)
         : mGuard(guard), mRefusals(refusals), mState(state), mAddNumbers(std::move(addNumbers)),
@@ -38,7 +39,7 @@ public:
     {
     }
 
-    /// @param client the connection on which it came
+    /// @param client the connection on which the request came
     Reply answer(Connection& client, std::string_view request);
 
     /// Counts a "Sync", which is answered elsewhere.
@@ -59,9 +60,9 @@ private:
     AppendClients mAppendClients;
     Forget mForget;
     BrokerProtocol::Command mCommand;
-    std::map<std::string_view, uint64_t> mCounts; // of requests, by name
+    std::map<std::string_view, uint64_t> mCounts; // requests, by name
     Statistics::Process mProcess;
-    std::string mClients; // as told last
+    std::string mClients; // the last answer, good until mClientsUntil
     TimePoint mClientsUntil{};
 };
 

@@ -13,10 +13,10 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// Posts are taken, and requests answered, for so long before the others have their turn.
+// How long to take posts, and then to answer requests, before other work.
 constexpr std::chrono::milliseconds turn{5};
 
-// Asked to stop, the broker serves until nothing has come for a while. All of it has one bound.
+// When asked to stop, the broker serves until nothing has arrived for a while, within these limits.
 constexpr std::chrono::milliseconds finishQuiet{50};
 constexpr std::chrono::milliseconds longestFinish{400};
 constexpr std::chrono::milliseconds longestEnd{1200};
@@ -24,10 +24,10 @@ constexpr std::chrono::milliseconds outputPause{10};
 
 constexpr std::chrono::microseconds withoutLimit{-1};
 
-// How often it is looked at who gets on, while memory may become short.
+// How often to check which connections make progress, while memory may become short.
 constexpr std::chrono::milliseconds lookPause{250};
 
-// How often memory that was freed is given back to the system.
+// How often to return freed memory to the system.
 constexpr std::chrono::seconds trimPause{1};
 
 Limits within(Limits limits, std::size_t descriptors)
@@ -48,7 +48,7 @@ Options adjusted(Options options)
 void logState(const Options& options)
 {
     if (options.stateFile.empty())
-        OV_LOG(5, "There is no state file: nothing is kept when the broker ends");
+        OV_LOG(5, "There is no state file: the state is lost when the broker ends");
     else
         OV_LOG(5, "The state file is [%s]", options.stateFile.c_str());
 }
@@ -143,8 +143,8 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mLoop.nextHeartbeat; },
                        [this](TimePoint now)
                        {
-                           // Clients ignore it. One that shuts down looks at its stop flag only when a
-                           // notification has come.
+                           // Clients ignore it. But a client that shuts down checks its stop flag only after
+                           // a notification.
                            mOutbox.publish(BrokerProtocol::syncWord, 0);
                            mLoop.nextHeartbeat = now + mOptions.heartbeat;
                        });
@@ -157,7 +157,7 @@ void Broker::setPolicy(std::unique_ptr<const Policy> policy)
     applyPolicy(now);
 }
 
-// To the values.
+// Applies the policy to the values.
 void Broker::applyPolicy(TimePoint now)
 {
     Guard& guard = mConnections.guard();
@@ -190,7 +190,7 @@ void Broker::serveUntil(int interrupt)
     mLoop.poller.remove(interrupt);
 }
 
-// Until something comes or is due.
+// Waits until something arrives or is due.
 void Broker::waitForWork()
 {
     const TimePoint next = mLoop.schedule.next();
@@ -203,7 +203,7 @@ void Broker::waitForWork()
         takeEvents(std::chrono::ceil<std::chrono::microseconds>(next - now));
 }
 
-// Returns how many there were.
+// Returns the number of events.
 std::size_t Broker::takeEvents(std::chrono::microseconds limit)
 {
     const std::size_t events = mLoop.poller.wait(limit);
@@ -228,14 +228,14 @@ void Broker::dispatch(const Poller::Event& event, TimePoint now)
     }
     auto& connection = static_cast<Connection&>(*event.owner);
     if (connection.isClosed())
-        return; // by an event before this one
+        return; // by an earlier event
     mConnections.serve(connection, event.what, now);
 }
 
 void Broker::acceptAt(const Pollable* port, TimePoint now)
 {
     if (port == &mConnections.posts())
-        mLoop.hasNewPosters = true; // accepting may read posts, which is for the round
+        mLoop.hasNewPosters = true; // accepting may read posts, which doRound() does
     else if (port == &mConnections.requests())
         mConnections.requests().accept(RequestPort::fewAtATime, now);
     else
@@ -320,7 +320,7 @@ void Broker::finish()
 {
     mSupervisor.stopping();
     const TimePoint begin = Clock::now();
-    mLoop.isEnding = true; // for slow subscribers, too: posts that are not read now are lost
+    mLoop.isEnding = true; // no pause for slow subscribers: posts not read now are lost
     doRound();
     bool isQuiet = false;
     while (!isQuiet && Clock::now() < begin + longestFinish)

@@ -19,41 +19,40 @@
 #include "broker/Supervisor.h"
 #include "broker/base/Refusals.h"
 
-/// The broker: takes posts, answers requests, publishes changes. All on the thread that calls it.
+/// The broker: takes posts, answers requests, publishes changes. Everything runs on the calling thread.
 class Broker
 {
 public:
     /// Binds the three ports and loads the state.
-    /// @throws std::runtime_error if a port cannot be had, or the policy cannot be enforced here
+    /// @throws std::runtime_error if a port is taken, or the policy cannot be enforced here
     Broker(const Options& options, std::unique_ptr<const Policy> policy);
 
     /// Serves until `interrupt` is readable.
     void serveUntil(int interrupt);
 
-    /// Applies new limits.
     void setLimits(const Limits& limits);
 
     /// Puts another policy in force.
-    /// @throws std::runtime_error if it cannot be enforced here. Then the policy before stays.
+    /// @throws std::runtime_error if it cannot be enforced here. The previous policy then stays in force.
     void setPolicy(std::unique_ptr<const Policy> policy);
 
-    /// Takes in and answers what has been received, within 1.2 s. The last call.
+    /// Takes in and answers everything already received, within 1.2 s. The last call.
     void finish();
 
 private:
-    /// The loop: one round each time something has come, or is due.
+    /// The loop: one round each time something has arrived or is due.
     struct Loop
     {
         Poller poller;
         Pollable interrupt{Pollable::Kind::Interrupt};
         bool isInterrupted = false;
-        bool hasNewPosters = false; ///< wait to be accepted
+        bool hasNewPosters = false; ///< post connections wait to be accepted
         bool hasWorked = false;     ///< memory may have been freed
         bool isEnding = false;
         const TimePoint started = Clock::now();
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();
-        TimePoint nextLook{}; ///< at who gets on
+        TimePoint nextLook{}; ///< at which connections make progress
         Durations rounds;
         Schedule schedule;
     };

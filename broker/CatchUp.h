@@ -7,40 +7,43 @@
 
 #include "broker/base/Clock.h"
 
-/// Remembers from which revision on a new subscriber has to be told of changes.
+/// Remembers the revision from which a new subscriber must catch up.
 ///
-/// A client subscribes to notifications only after its first SyncAck, so what is published in between passes
-/// it by, although it may have read an older value already. When a subscription arrives, its subscriber alone
-/// gets the values that changed since that SyncAck. A subscription does not say whose it is, and clients that
-/// reconnect subscribe without a SyncAck before it; so each is answered as if it were that of the client
-/// acknowledged longest ago, and the one acknowledged last is taken to be served, but kept in mind a little
-/// longer. So a new subscriber may be told of values that its listeners know, but never of too few.
+/// A client subscribes to notifications only after its first SyncAck. It misses what is published in between,
+/// although it may have read an older value already. When a subscription arrives, only its subscriber gets
+/// the values that changed since that SyncAck.
 ///
-/// The same serves those that come back: subscribers that were closed, and those of an earlier run of the
-/// broker. As nobody knows whether they are all back, they are kept in mind for a fixed time.
+/// A subscription does not name its client, and a reconnecting client subscribes without a SyncAck. So each
+/// subscription is answered as if it came from the client acknowledged longest ago. The client acknowledged
+/// last counts as served, but is remembered a little longer. So a new subscriber may get values that its
+/// listeners know already, but never too few.
+///
+/// Returning subscribers catch up in the same way: after their connection was closed, or after a broker
+/// restart. The broker cannot know when all of them are back, so it remembers them for a fixed time.
 class CatchUp
 {
 public:
-    /// A client that has been acknowledged has subscribed after this time, or never will.
+    /// An acknowledged client subscribes within this time, or never.
     static constexpr std::chrono::seconds longestWait{30};
 
-    /// How long one that seems to be served is kept in mind: the subscription may have been another's.
+    /// How long to remember a client that seems to be served: the subscription may have been another
+    /// client's.
     static constexpr std::chrono::seconds graceTime{1};
 
-    /// Clients that were acknowledged within such a time count as acknowledged together, at the beginning of
-    /// it. So their number has no bound, but what is remembered of them has.
+    /// Clients acknowledged within this time are recorded as one group, at its beginning. So any number of
+    /// clients needs only a bounded record.
     static constexpr std::chrono::milliseconds together{100};
 
     void acknowledged(uint64_t revision, TimePoint now);
 
-    /// Subscribers that know the state up to this revision have lost their connection and will come back.
+    /// Subscribers that know the state up to this revision have lost their connection. They will come back.
     void disconnected(uint64_t revision, TimePoint now, std::chrono::seconds memory);
 
-    /// A subscription has arrived: the revision since which its subscriber is to be told of changes; nothing
-    /// if no client is waiting.
+    /// A subscription has arrived.
+    /// @returns the revision from which its subscriber must catch up; nothing if no client is waiting
     std::optional<uint64_t> subscribed(TimePoint now);
 
-    /// The least revision that a later subscribed() may return; nothing if no client is waiting.
+    /// The lowest revision that a later subscribed() may return; nothing if no client is waiting.
     std::optional<uint64_t> leastAwaited(TimePoint now);
 
 private:
@@ -50,7 +53,7 @@ private:
         uint64_t revision;
         TimePoint since;
         TimePoint last;
-        TimePoint graceEnd{}; ///< of those that seem to be served
+        TimePoint graceEnd{}; ///< for the clients that seem to be served
         unsigned waiting = 1;
 
         bool isOld(TimePoint now) const

@@ -19,7 +19,7 @@ CLI::Validator validatorOf(const OptionEntry& entry)
     return {check, entry.range};
 }
 
-// Takes what is given over the options that are there.
+// Applies the command line to existing options.
 class BrokerApp : public CLI::App
 {
 public:
@@ -43,7 +43,7 @@ public:
 
     void parseWords(const std::vector<std::string>& words)
     {
-        parse(std::vector<std::string>(words.rbegin(), words.rend())); // as CLI11 wants them
+        parse(std::vector<std::string>(words.rbegin(), words.rend())); // CLI11 expects the reverse order
     }
 
     std::string configFile;
@@ -57,7 +57,7 @@ private:
         add_flag_function("--" + entry.name, set, entry.text)->check(validatorOf(entry));
     }
 
-    // Not bound to a variable: CLI11 would read lists like "[a,b]" in what is a glob.
+    // Not bound to a variable: CLI11 would parse a glob such as "[a,b]" as a list.
     void addOption(const OptionEntry& entry)
     {
         const auto set = [this, &entry](const CLI::results_t& values)
@@ -74,7 +74,7 @@ private:
     Options& mOptions;
 };
 
-// Only the service knows its folders. Given on the command line, its file would win over the configuration.
+// Only the service knows its folders. A file on the command line would override the configuration.
 std::string stateOfTheService()
 {
     const char* file = getenv("STATUSBROKER_STATE");
@@ -91,8 +91,7 @@ CommandLine::CommandLine(int argc, char** argv) : mArguments(argv + std::min(arg
     {
         app.parseWords(mArguments);
         const std::string contradiction = contradictionIn(scratch.limits);
-        if (app.configFile.empty() &&
-            !contradiction.empty()) // the file may have the limit that goes with these
+        if (app.configFile.empty() && !contradiction.empty()) // otherwise the file may set a limit that fits
             throw CLI::ValidationError(contradiction);
     }
     catch (const CLI::ParseError& error)

@@ -7,16 +7,15 @@
 #include "broker/ConfigFile.h"
 #include "broker/Options.h"
 
-/// The broker's command line, and the configuration file that it may name. Both know the same options; what
-/// is given on the command line wins.
+/// The broker's command line, and the configuration file that it may name. Both have the same options. The
+/// command line wins.
 class CommandLine
 {
 public:
-    /// The exit code for a wrong command line and a wrong file alike: another start would end in the same
-    /// way.
+    /// The exit code for a wrong command line and for a wrong file: another start would fail in the same way.
     static constexpr int wrongUsage = 2;
 
-    /// Thrown when there is nothing more to do: help was shown, or what is wrong with the command line.
+    /// Thrown when the program must end: it has printed the help, or the mistake in the command line.
     struct Exit
     {
         int code;
@@ -24,11 +23,11 @@ public:
 
     CommandLine(int argc, char** argv);
 
-    /// Only to be checked, not to be served.
+    /// Whether to check the configuration only, without serving.
     bool isCheck() const { return mIsCheck; }
 
-    /// Reads the file, if one is named, and puts the command line over it. Where neither names a state file,
-    /// STATUSBROKER_STATE in the environment does. May be called again later, when the file has changed.
+    /// Reads the file, if one is named, and puts the command line over it. If neither names a state file, the
+    /// environment variable STATUSBROKER_STATE does. May be called again later, when the file has changed.
     /// Throws ConfigError.
     Options readOptions() const;
 

@@ -3,21 +3,21 @@
 
 #include "broker/base/Clock.h"
 
-/// When the state file is written although nothing has changed: it is told that time goes on, and what could
-/// not be written is tried again.
+/// When to write the state file although no value changed: to record that time passes, or to retry a failed
+/// write.
 class CommitTimes
 {
 public:
-    /// How often the file is told that time goes on, while timers run.
+    /// How often to record that time passes, while timers run.
     static constexpr std::chrono::seconds momentPause{60};
 
-    /// How long after an attempt what could not be written is tried again.
+    /// How long to wait after a failed write before the next attempt.
     static constexpr std::chrono::seconds rewritePause{1};
 
     /// There was an attempt to write.
     void tried(TimePoint now) { mTried = now; }
 
-    /// There was one because it was due.
+    /// There was an attempt because due() had come.
     void triedAsDue(TimePoint now)
     {
         tried(now);

@@ -28,7 +28,7 @@ bool isControl(char letter)
     return (byte < ' ' && byte != '\t') || byte == 0x7f;
 }
 
-// A # ends a line where it cannot be part of a value: at the beginning and after a blank.
+// A # starts a comment only at the beginning or after a blank; elsewhere it may be part of a value.
 std::string withoutComment(const std::string& line)
 {
     std::size_t at = line.find('#');
@@ -45,7 +45,7 @@ std::string trimmed(const std::string& text)
                                       : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
-// Without its comment and the blanks around it. Windows ends lines with a carriage return.
+// Removes the comment and surrounding blanks. Windows ends lines with a carriage return.
 std::string contentOf(std::string line)
 {
     if (!line.empty() && line.back() == '\r')
@@ -53,7 +53,7 @@ std::string contentOf(std::string line)
     if (line.size() > longestLine)
         throw std::runtime_error("longer than " + std::to_string(longestLine) + " bytes");
     if (std::any_of(line.begin(), line.end(), isControl))
-        throw std::runtime_error("a byte that is no text");
+        throw std::runtime_error("a control character");
     return trimmed(withoutComment(line));
 }
 
@@ -117,7 +117,7 @@ std::string readFile(const std::string& fileName)
     const bool isRegular = std::filesystem::is_regular_file(fileName, error);
     if (error)
         throw ConfigError(fileName + ": cannot be read: " + error.message());
-    if (!isRegular) // a pipe, say, could keep a serving broker waiting
+    if (!isRegular) // a pipe, for example, could block a serving broker
         throw ConfigError(fileName + ": cannot be read: not a regular file");
     std::ifstream file(fileName, std::ios::binary);
     std::string text(longestFile + 1, '\0');

@@ -6,22 +6,22 @@
 
 #include "broker/Options.h"
 
-/// A mistake in a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it is not about
-/// one line.
+/// A mistake in a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it concerns no
+/// single line.
 class ConfigError : public std::runtime_error
 {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// Reads a configuration: lines of "name = value", with the names of the option table. Empty lines are
-/// ignored, and what follows a # at the beginning of a line or after a blank. Limits that contradict each
-/// other are not refused, since the command line may change one of them. Throws ConfigError.
-/// @param fileName to be named in errors
+/// Reads a configuration: lines of "name = value", with the names of the option table. Ignores empty lines
+/// and comments. A comment begins with a # at the beginning of a line or after a blank. Accepts limits that
+/// contradict each other, since the command line may change one of them. Throws ConfigError.
+/// @param fileName for error messages
 Options parseConfig(const std::string& text, const std::string& fileName);
 
-/// Reads the configuration in a file of at most 64 KiB. Never waits for a file, as a pipe would make it.
-/// Throws ConfigError.
+/// Reads the configuration in a file of at most 64 KiB. Never waits for the file: a pipe in its place is an
+/// error. Throws ConfigError.
 Options readConfigFile(const std::string& fileName);
 
 #endif

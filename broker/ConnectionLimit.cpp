@@ -19,7 +19,7 @@ void ConnectionLimit::full()
 {
     mRefusals.report(
         Refusal::Connections,
-        "All %zu connections to the %s port are in use: one that has not spoken makes room, or the "
-        "new one is refused",
+        "All %zu connections to the %s port are in use: a new one replaces one that has not spoken, or "
+        "is refused",
         mLimit, mName);
 }

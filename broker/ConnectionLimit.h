@@ -6,19 +6,19 @@
 
 #include "broker/base/Refusals.h"
 
-/// Tells the operator when the connections of a port get scarce, and when there are none left.
+/// Warns the operator when the connections of a port become scarce, and when none are left.
 class ConnectionLimit
 {
 public:
     /// @param name of the port
-    /// @param limit may change; both must outlive it
+    /// @param limit may change; the limit and the refusals must outlive this object
     ConnectionLimit(const char* name, const std::size_t& limit, Refusals& refusals)
         : mName(name), mLimit(limit), mRefusals(refusals)
     {
     }
 
-    /// A connection more: so many are in use now. Warns once at 90 %, and again after they were below 80 %;
-    /// but not more often than peers can make other lines be logged.
+    /// A connection was added. Warns once at 90 %, and re-arms below 80 %; rate-limited like every line that
+    /// peers can trigger.
     void added(std::size_t inUse, TimePoint now);
 
     /// There is no room for a connection.

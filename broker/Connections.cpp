@@ -14,17 +14,18 @@ namespace
 
 using BrokerProtocol::Client;
 
-// A line of the log waits so long for the process of which it tells.
+// How long a log line waits for the search for a process.
 constexpr std::chrono::seconds longestSearch{2};
 
-// A client's last posts are read before its end shows, so that may be so much later than its return.
+// The broker reads a client's last posts before it notices the client's end. So it may notice the end this
+// much after the client has returned.
 constexpr std::chrono::milliseconds longestEnding{100};
 
-// So many post connections are asked for one "Sync".
+// The most post connections that are probed for one "Sync".
 constexpr std::size_t mostOwnPosters = 16;
 
-// Connections with the same key belong to the same client: of the same process, and where that is not known,
-// of the same user and control group. Those of unknown users stand alone.
+// Connections with the same key belong to the same client: they have the same process. If a process is
+// unknown, user and control group must match. A connection of an unknown user stands alone.
 using ClientKey = std::tuple<std::optional<uid_t>, uint64_t, pid_t, const Connection*>;
 
 ClientKey keyOf(const Connection& connection)
@@ -35,7 +36,7 @@ ClientKey keyOf(const Connection& connection)
             isAlone ? &connection : nullptr};
 }
 
-// The number of a process that has ended may be another's by now.
+// Compares the program, too: after a process has ended, another may get its number.
 bool isSameProcess(const BrokerProtocol::Poster& poster, const Identity& identity)
 {
     return poster.pid != 0 && static_cast<uint32_t>(identity.pid) == poster.pid &&
@@ -47,7 +48,7 @@ pid_t pidOf(const Identity& identity)
     return identity.isShared ? 0 : identity.pid;
 }
 
-// Where a process is not known, of the same user and control group. Those of unknown users stand alone.
+// If a process is unknown, user and control group must match. An unknown user matches no other.
 bool mayBeOfOneProcess(const Identity& one, const Identity& other)
 {
     if (pidOf(one) != 0 && pidOf(other) != 0)
@@ -56,7 +57,7 @@ bool mayBeOfOneProcess(const Identity& one, const Identity& other)
            one.owner.cgroup() == other.owner.cgroup();
 }
 
-// Which of many are a client's is told by when they came: it makes its connections at about the same time.
+// Keeps the connections that most likely belong to a client: it opens its connections at about the same time.
 void keepNearest(std::vector<PostConnection*>& posters, std::size_t most, uint64_t number)
 {
     if (posters.size() <= most)
@@ -109,7 +110,7 @@ Connections::Connections(Poller& poller, MemoryBudget& budget, const Limits& lim
 
 void Connections::listen()
 {
-    // A client whose request arrives has been able to connect its post socket, then.
+    // In this order, a client whose request arrives has been able to connect its post socket before.
     mPosts.listen();
     mNotify.listen();
     mRequests.listen();
@@ -131,7 +132,7 @@ void Connections::serve(Connection& connection, uint32_t what, TimePoint now)
 void Connections::closeForMemory(Connection& connection)
 {
     const Refusals::From from(mRefusals, connection);
-    mRefusals.report(Refusal::Memory, "Closing the connection that holds most, %zu bytes of %zu",
+    mRefusals.report(Refusal::Memory, "Closing the connection that holds the most memory, %zu of %zu bytes",
                      connection.accounted, mEnvironment.budget.held());
     switch (connection.kind())
     {
@@ -187,7 +188,7 @@ void Connections::collect()
     mNotify.collect(tell);
 }
 
-// Nothing while its process is looked for.
+// Returns nothing while the process is being looked for.
 std::optional<std::string> Connections::nameOf(Connection& connection)
 {
     mIdentities.seek(connection.identity);
@@ -236,7 +237,7 @@ void Connections::doWhatIsDue(TimePoint now)
     mState.notePosters(known);
 }
 
-// Also its service may have been found only now.
+// The search may also have found the service only now.
 void Connections::describePoster(PostConnection& connection)
 {
     mIdentities.completeService(connection.identity);
@@ -269,7 +270,7 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
 {
     const BrokerProtocol::Poster poster = mState.posters().at(gone);
     std::optional<std::set<uint64_t>> sockets;
-    // It takes long to find the process of a socket, but not whether this one has it.
+    // Finding the process of a socket takes long; checking whether this process has the socket does not.
     const auto hasSocket = [&](const Identity& identity)
     {
         if (!sockets)

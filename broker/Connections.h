@@ -14,22 +14,22 @@
 #include "broker/RequestPort.h"
 #include "protocol/Client.h"
 
-/// All connections of the broker, on its three ports, and who is at their other ends.
+/// All connections of the broker, on its three ports, and the identities of their clients.
 class Connections
 {
 public:
-    /// The broker's part.
+    /// The broker's reactions to events of connections.
     struct Handlers
     {
         PostPort::OnPost onPost;
-        /// A client that has posted something. It can come back unless it has gone before it was known.
-        /// It may have ended as early as `since`.
+        /// The client has posted, and its connection has gone. It cannot come back if it left before it was
+        /// identified. It may have ended as early as `since`.
         std::function<void(Posters::Id client, bool canComeBack, TimePoint since)> onPosterGone;
         RequestPort::OnRequest onRequest;
         RequestPort::OnClose onRequesterGone;
     };
 
-    /// All must outlive it.
+    /// All referenced objects must outlive this one.
     Connections(Poller& poller, MemoryBudget& budget, const Limits& limits, Refusals& refusals,
                 std::unique_ptr<const Policy> policy, DeviceState& state, Handlers handlers);
 
@@ -43,13 +43,13 @@ public:
     const RequestPort& requests() const { return mRequests; }
     const NotifyPort& notify() const { return mNotify; }
 
-    /// From now on, connections arrive.
+    /// Connections are accepted from now on.
     void listen();
 
     /// Something can be read from a connection, or written to it, or it has ended.
     void serve(Connection& connection, uint32_t what, TimePoint now);
 
-    /// Calls act(Connection&) for each.
+    /// Calls act(Connection&) for each connection.
     template <class Act>
     void forEach(Act&& act) const
     {
@@ -61,32 +61,32 @@ public:
             act(*peer);
     }
 
-    /// The client is connected for posts.
+    /// Whether the client has a post connection.
     bool isHere(Posters::Id client) const;
 
-    /// The client that has come back in the place of one that has gone, entered as one that posts: nobody if
-    /// none has, nothing while its process is looked for. A client of a service is succeeded by any other of
-    /// the same service and user, and one without a service by its own process only. Where the broker may not
-    /// see the processes of the user, those are taken to be the same.
+    /// The client that has come back in the place of a client that has gone, entered as a poster. Returns
+    /// nobody if none has, and nothing while its process is being looked for. A client of a service may be
+    /// replaced by any other client of the same service and user. A client without a service may only be
+    /// replaced by its own process. Where the broker cannot see a user's processes, it takes them to be the
+    /// same.
     std::optional<Posters::Id> successorOf(Posters::Id gone, TimePoint since);
 
-    /// Enters the client of a connection as one that posts, once. Its process is looked for.
+    /// Enters the client of a connection as a poster, once. Starts the search for its process.
     void introduce(PostConnection& connection)
     {
         if (connection.poster == Posters::nobody)
             enterPoster(connection);
     }
 
-    /// Asks the post connections that may belong to the client of this request connection whether something
-    /// is under way, as far as the barrier does not find out. The client's process is looked for, to tell
-    /// better next time.
-    /// @returns those that are to be waited for; they outlive the connections
+    /// Asks the post connections that may belong to the same client whether a post is under way, where the
+    /// barrier does not find out. Starts the search for the client's process, to choose better next time.
+    /// @returns the probes to wait for; they outlive the connections
     std::vector<std::shared_ptr<const OwnProbe>> askOwnPosters(RequestConnection& client, uint64_t barrier,
                                                                TimePoint now);
 
     void closeForMemory(Connection& connection);
 
-    /// Destroys those that were closed. Nothing may point to them any more.
+    /// Destroys closed connections. Nothing may point to them any more.
     void collect();
 
     // ---- What clients may do.
@@ -94,20 +94,20 @@ public:
     Guard& guard() { return mGuard; }
     const Guard& guard() const { return mGuard; }
 
-    /// Puts another policy in force, for those that are connected, too. See Guard::setPolicy().
+    /// Puts another policy in force, also for existing connections. See Guard::setPolicy().
     void setPolicy(std::unique_ptr<const Policy> policy, TimePoint now);
 
-    // ---- Who uses the broker.
+    // ---- Which clients use the broker.
 
-    /// The answer that tells who is connected, as far as is known by now, the oldest first. From now on,
-    /// their processes are looked for: soon it may tell more.
+    /// Appends the answer that lists the connected clients, oldest first, as far as they are identified.
+    /// Starts the search for their processes, so a later answer may hold more.
     void appendClients(std::string& to, TimePoint now);
 
-    /// When doWhatIsDue() is to be called, to look for processes.
+    /// When to call doWhatIsDue(), which looks for processes.
     TimePoint due() const;
     void doWhatIsDue(TimePoint now);
 
-    /// Has lines of the log written that wait for processes: the broker ends.
+    /// The broker ends: writes the log lines that wait for processes.
     void finish();
 
 private:

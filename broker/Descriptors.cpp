@@ -7,8 +7,8 @@
 namespace
 {
 
-// For the ports, the state file, the log, and a connection that is just being refused: a quarter of the
-// limit, so that a low one is not used up by it, but no less than is needed and no more than can be.
+// Reserves descriptors for the ports, the state file, the log, and a connection that is just being refused.
+// The reserve is a quarter of the limit, so that it does not use up a low one, within these bounds.
 constexpr std::size_t smallestReserve = 24;
 constexpr std::size_t largestReserve = 100;
 constexpr std::size_t ports = 3;
@@ -18,7 +18,7 @@ std::size_t reserveOf(std::size_t limit)
     return std::clamp(limit / (ports + 1), smallestReserve, largestReserve);
 }
 
-// That connectionsPerPort() needs.
+// The limit that makes connectionsPerPort() return this number.
 std::size_t limitFor(std::size_t connectionsPerPort)
 {
     return ports * connectionsPerPort + std::clamp(connectionsPerPort, smallestReserve, largestReserve);
@@ -28,7 +28,7 @@ std::size_t limitFor(std::size_t connectionsPerPort)
 
 std::size_t Descriptors::raiseLimit(std::size_t connectionsPerPort)
 {
-    constexpr rlim_t usual = 1024; // should the system not tell
+    constexpr rlim_t usual = 1024; // if the system does not report one
     rlimit limit{usual, usual};
     getrlimit(RLIMIT_NOFILE, &limit);
     const rlim_t wanted = limitFor(connectionsPerPort);

@@ -3,12 +3,12 @@
 
 #include <cstddef>
 
-/// The limit of open files. Connections are limited to what there is.
+/// The limit of open files, which bounds the number of connections.
 namespace Descriptors
 {
 
-/// Raises this process's soft limit so that this many connections per port fit, as far as the hard limit
-/// allows. Returns the limit.
+/// Raises this process's soft limit so that this many connections per port fit, up to the hard limit. Returns
+/// the new limit.
 std::size_t raiseLimit(std::size_t connectionsPerPort);
 
 /// How many connections per port fit into a limit.

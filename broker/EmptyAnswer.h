@@ -3,19 +3,19 @@
 
 #include "broker/base/Clock.h"
 
-/// Decides about the questions that follow an empty answer, for which nobody may have asked.
+/// Decides about the question that follows an empty answer, which the client may not have asked for.
 ///
-/// A client that is waiting for an answer takes the empty one, and asks again. If its question were answered
-/// as well, each of its later questions would get the answer of the one before. So a question that was sent
-/// before the empty answer came must not be answered.
+/// A client that waits for an answer takes the empty answer, and asks again. If its first question were
+/// answered as well, each later question would get the answer to the question before. So a question that was
+/// sent before the empty answer arrived must not be answered.
 ///
-/// A PING goes in front of the empty answer. So a question in front of PONG was sent before the empty answer
-/// came. One soon behind PONG may have been on its way within the client, or have been sent at that moment.
-/// So it is held: if the client took the empty answer for it, the client asks again.
+/// The broker sends a PING in front of the empty answer. A question that arrives before PONG was sent before
+/// the empty answer arrived. A question soon after PONG may have been on its way within the client, or have
+/// been sent at that moment. So it is held: if the client took the empty answer, it asks again.
 class EmptyAnswer
 {
 public:
-    /// A question was sent behind the empty answer for sure that comes so long after PONG.
+    /// A question that comes this long after PONG was certainly sent after the empty answer.
     static constexpr std::chrono::milliseconds doubt{25};
 
     /// A client asks again after 10 ms.
@@ -23,12 +23,12 @@ public:
 
     enum class Verdict
     {
-        Answer, ///< instead of one that is held, if there is one
+        Answer, ///< in place of the held question, if there is one
         Drop,   ///< the empty answer was its answer
-        Hold,   ///< and answer it when heldUntil() has come, unless another comes before
+        Hold,   ///< until heldUntil(), then answer it, unless another question replaces it
     };
 
-    /// The empty answer leaves, behind its PING.
+    /// The empty answer is sent, behind its PING.
     void sent() { mStage = Stage::Sent; }
 
     void ponged(TimePoint now)
@@ -67,7 +67,7 @@ private:
     };
 
     Stage mStage = Stage::Over;
-    TimePoint mSince{}; ///< Ponged, Holding
+    TimePoint mSince{}; ///< of Ponged or Holding
 };
 
 #endif

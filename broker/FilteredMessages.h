@@ -10,24 +10,25 @@
 
 class PolicyClass;
 
-/// The parts of the last notifications that kinds of clients may be told of: each is found out once, however
-/// many subscribers of that kind there are. Bounded; what is gone is found out again.
+/// The visible parts of recent notifications, per policy class. Each part is filtered once, however many
+/// subscribers share the class. Bounded: a part that was dropped is filtered again.
 class FilteredMessages
 {
 public:
-    /// Most bytes, unless one text alone has more.
+    /// The most bytes that are kept, unless a single text is longer.
     static constexpr std::size_t mostBytes = std::size_t{256} * 1024;
 
-    using Key = std::pair<NotificationLog::Position, const PolicyClass*>; ///< where the message begins
+    using Key = std::pair<NotificationLog::Position, const PolicyClass*>; ///< the position where the message
+                                                                          ///< begins
 
-    /// Null if it is not there.
+    /// Null if the part is not here.
     const std::string* find(const Key& key) const
     {
         const auto found = mTexts.find(key);
         return found == mTexts.end() ? nullptr : &found->second;
     }
 
-    /// @returns the text, until the next call
+    /// @returns the text, valid until the next call
     const std::string& add(const Key& key, std::string text)
     {
         const std::size_t bytes = text.size() + perText;
@@ -44,7 +45,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t perText = 128; // what an entry takes beside it
+    static constexpr std::size_t perText = 128; // memory of an entry beside its text
 
     std::map<Key, std::string> mTexts;
     std::size_t mBytes = 0;

@@ -5,7 +5,7 @@
 namespace
 {
 
-// A subscriber has mostly been told within milliseconds. One that has stopped is looked at less and less.
+// Most subscribers receive the reset within milliseconds. For a stopped one, the checks become rarer.
 constexpr std::chrono::milliseconds shortestPause{10};
 constexpr std::chrono::milliseconds longestPause{1000};
 
@@ -16,7 +16,7 @@ std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command
     using BrokerProtocol::Operation;
     if (!mGuard.quotas().mayPost(client))
         command.texts.clear();
-    Quotas::charge(client, command.texts.size()); // also for names that are denied, as each is work
+    Quotas::charge(client, command.texts.size()); // denied names count, too, as each is work
     mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
     std::vector<std::string_view> gone;
     if (!command.texts.empty() && !mOutbox.mayForget())

@@ -13,14 +13,14 @@
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
 
-/// Removes names for good, as far as clients may.
+/// Removes names for good, if the policy lets the client do so.
 ///
-/// A forgotten value reaches subscribers as a reset. One that is behind gets it later, from the state,
-/// so the state keeps the key until every subscriber has been told. Only then is it dropped.
+/// Subscribers receive a forgotten value as a reset. A subscriber that is behind gets it later, from the
+/// state. So the state keeps the key until every subscriber has received the reset, and only then drops it.
 class Forgetting
 {
 public:
-    /// All must outlive it.
+    /// All arguments must outlive this object.
     Forgetting(Guard& guard, Refusals& refusals, DeviceState& state, OwnedValues& ownedValues, Outbox& outbox,
                NotifyPort& notify)
         : mGuard(guard), mRefusals(refusals), mState(state), mOwnedValues(ownedValues), mOutbox(outbox),
@@ -28,16 +28,15 @@ public:
     {
     }
 
-    /// Does what a ForgetStatus, ForgetTimers or ForgetCounters asks for. Takes the names that are denied out
-    /// of the command.
-    /// @returns the answer: the names that were there and are gone
+    /// Performs a ForgetStatus, ForgetTimers or ForgetCounters. Removes the denied names from the command.
+    /// @returns the answer: the names that existed and are now gone
     std::string forget(const Connection& client, BrokerProtocol::Command& command);
 
-    /// Drops the forgotten keys of which every subscriber has been told, once in a while. All that has
-    /// changed must have been published.
+    /// Drops forgotten keys whose reset every subscriber has received; at intervals. All changes must have
+    /// been published.
     void dropWhatAllKnow(TimePoint now);
 
-    /// When dropWhatAllKnow() is to be called although nothing has come.
+    /// When to call dropWhatAllKnow() although nothing has arrived.
     TimePoint due() const { return mState.forgotten() == 0 ? TimePoint::max() : mNextLook; }
 
 private:

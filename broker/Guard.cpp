@@ -10,7 +10,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// Where a rule stands, for a log line.
+// The place of a rule, for a log line.
 const char* placeOf(const PolicyRule& rule)
 {
     return rule.place.empty() ? "the default" : rule.place.c_str();
@@ -28,9 +28,8 @@ void Guard::setPolicy(std::unique_ptr<const Policy> policy)
 {
     check(*policy);
     if (policy->tellsClientsApart() && !mIdentities.tellsAllUsers())
-        OV_LOG(2,
-               "The broker is in a user namespace that does not have all users: the policy keeps the others "
-               "from connecting");
+        OV_LOG(2, "The broker runs in a user namespace that lacks some users: the policy refuses their "
+                  "connections");
     mPolicy = std::move(policy);
     mQuotas.setPolicy(*mPolicy);
 }
@@ -41,11 +40,12 @@ void Guard::check(const Policy& policy) const
         return;
     if (policy.tellsClientsApart() && !mIdentities.tellsUsers())
         throw std::runtime_error(
-            "the policy names clients, but neither sock_diag nor /proc/net/tcp tells whose "
-            "a connection is");
+            "the policy names clients, but neither sock_diag nor /proc/net/tcp reports the owner of "
+            "a connection");
     if (policy.namesServices() && !mIdentities.tellsServices())
-        throw std::runtime_error("the policy names services, but this kernel does not tell them: that takes "
-                                 "sock_diag with control groups, and version 2 of those");
+        throw std::runtime_error(
+            "the policy names services, but this kernel does not report them: that needs "
+            "sock_diag with control groups of version 2");
 }
 
 // ------------------------------------------------------------------------------------------ at the beginning
@@ -62,8 +62,8 @@ bool Guard::admit(Connection& connection)
     return true;
 }
 
-// Returns whether it may stay nevertheless. One that has gone without a word was a look at whether the broker
-// is there.
+// Returns whether the connection may stay nevertheless. A connection that has ended without sending anything
+// was only a check whether the broker runs, and is not logged.
 bool Guard::reportUnknown(Connection& connection, const char* reason)
 {
     const bool isAudit = mPolicy->isAudit();
@@ -76,16 +76,16 @@ bool Guard::reportUnknown(Connection& connection, const char* reason)
     return isAudit;
 }
 
-// A rule that is about others could be about this one. So it is not enough to leave the rule out: it may be
-// the one that denies.
+// A rule about other clients could apply to an unknown client. So leaving the rule out is not enough: it may
+// be the rule that denies.
 const char* Guard::lacking(const Identity& identity) const
 {
     if (mPolicy->tellsClientsApart() && !identity.owner.uid())
         return identity.owner.reason();
     if (mPolicy->namesServices() && !identity.isServiceKnown)
-        return "its service cannot be told";
+        return "its service is unknown";
     if (mPolicy->namesGroups() && !mIdentities.users().isKnown(*identity.owner.uid()))
-        return "its groups cannot be told, as /etc/passwd has no such user";
+        return "its groups are unknown: /etc/passwd has no such user";
     return nullptr;
 }
 
@@ -93,7 +93,7 @@ Subject Guard::subjectOf(const Identity& identity) const
 {
     Subject subject;
     subject.user = identity.owner.uid();
-    if (subject.user && mPolicy->namesGroups()) // for all others it is not worth looking at files
+    if (subject.user && mPolicy->namesGroups()) // otherwise reading the files is not worth while
         subject.groups = mIdentities.users().groups(*subject.user);
     subject.service = identity.service;
     return subject;

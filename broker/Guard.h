@@ -12,26 +12,25 @@
 #include "broker/policy/Policy.h"
 #include "broker/wire/Connection.h"
 
-/// Applies the policy: says which connections are taken, and what their clients may do.
+/// Applies the policy: decides which connections are accepted, and what their clients may do.
 class Guard
 {
 public:
-    /// Both must outlive it.
+    /// Both references must outlive this object.
     /// @throws std::runtime_error if the policy cannot be enforced here, see setPolicy()
     Guard(Identities& identities, Refusals& refusals, std::unique_ptr<const Policy> policy);
 
-    /// Puts another policy in force. Each connection must be admitted anew: what the rules before gave it is
-    /// gone.
-    /// @throws std::runtime_error if the policy tells clients apart and the kernel does not. Then the policy
-    ///         before stays in force. A policy that only logs is taken.
+    /// Puts another policy in force. Each connection must be admitted again: the rights that it holds become
+    /// invalid.
+    /// @throws std::runtime_error if the policy distinguishes clients and the kernel cannot. The previous
+    ///     policy then stays in force. A policy in audit mode is always accepted.
     void setPolicy(std::unique_ptr<const Policy> policy);
 
     const Policy& policy() const { return *mPolicy; }
 
     /// Gives a connection the rights of its owner.
-    /// @returns false, counted and logged, if the policy asks for something about the owner that is not known
-    ///          for sure, or if its user has as many connections as it may. Nothing may be taken from the
-    ///          connection then.
+    /// @returns false, counted and logged, if the policy needs an uncertain fact about the owner, or its user
+    ///     has too many connections. Then nothing may be read from the connection.
     bool admit(Connection& connection);
 
     /// The connection is closed.
@@ -39,8 +38,8 @@ public:
 
     Quotas& quotas() { return mQuotas; }
 
-    /// Whether the client may do this. If not, that is counted and logged as a refusal of the source that
-    /// the refusals have now.
+    /// Whether the client may do this. A refusal is counted, and logged under the current source of the
+    /// refusals.
     /// @param name of the key, event, timer or counter; empty for Action::Time
     bool may(const Connection& client, Action action, std::string_view name)
     {
@@ -50,8 +49,8 @@ public:
         return decision.isAllowed || refuse(action, name, *decision.rule);
     }
 
-    /// Takes the names out of a list that the client may not use for this.
-    /// @param nameOf returns the name that an element stands for
+    /// Removes the names from a list that the client may not use for this action.
+    /// @param nameOf returns the name of an element
     template <class Element, class NameOf>
     void keepAllowed(const Connection& client, Action action, std::vector<Element>& elements, NameOf nameOf)
     {
@@ -61,25 +60,25 @@ public:
         elements.erase(std::remove_if(elements.begin(), elements.end(), isRefused), elements.end());
     }
 
-    /// The client may be told of everything.
+    /// Whether the client may see everything.
     static bool seesAll(const Connection& client) { return client.rights->mayAll(Action::See); }
 
-    /// The client may be told of nothing.
+    /// Whether the client may see nothing.
     bool hidesAll(const Connection& client) const
     {
         return !mPolicy->isAudit() && client.rights->mayNothing(Action::See);
     }
 
-    /// Whether the client may be told of a value or an event. It is not told that it may not.
+    /// Whether the client may see a value or an event. The client does not learn of a refusal.
     bool shows(Connection& client, std::string_view name);
 
-    /// The same for an answer: the client must also be allowed to ask.
+    /// The same for an answer: the client must also be allowed to query.
     bool answersWith(Connection& client, std::string_view key);
 
-    /// The same for a list of timers or counters: those are not seen, only asked for.
+    /// The same for a list of timers or counters: they need only the right to query, not to see.
     bool lists(Connection& client, std::string_view name);
 
-    /// The client may be answered with everything.
+    /// Whether an answer to the client may hold everything.
     static bool answersWithAll(const Connection& client)
     {
         return seesAll(client) && client.rights->mayAll(Action::Query);

@@ -5,11 +5,11 @@
 
 #include "broker/base/Clock.h"
 
-/// Decides when posts are left unread for a while, so that a subscriber that is merely slower than a burst
-/// gets all of it. Requests go on.
+/// Decides when to leave posts unread for a while. So a subscriber that is merely slower than a burst still
+/// gets all of it. Requests are served meanwhile.
 ///
-/// The intake pauses for at most 500 ms in all; a second without a pause gives back 250 ms of that. Beyond
-/// it, slow subscribers fall behind.
+/// The intake pauses for at most 500 ms in all. The budget refills at 250 ms per second without a pause.
+/// Beyond the budget, slow subscribers fall behind.
 class IntakePause
 {
 public:
@@ -18,20 +18,20 @@ public:
     static constexpr Duration most{500000};
     static constexpr int share = 4;
 
-    /// While it lasts, it is decided on again after such a time: the subscriber may take nothing any more.
+    /// A pause is reconsidered after this time: the subscriber may have stopped reading.
     static constexpr Duration step{10000};
 
     explicit IntakePause(TimePoint now) : mSince(now) {}
 
-    /// @param backlog so much of the log of notifications is held for the slowest that still takes some
+    /// @param backlog bytes of the notification log held for the slowest subscriber that still reads
     /// @param limit of the log
-    /// @returns whether the intake is to be paused from now on
+    /// @returns whether to pause the intake from now on
     bool decide(std::size_t backlog, std::size_t limit, TimePoint now)
     {
         const auto passed = std::chrono::duration_cast<Duration>(now - mSince);
         mSince = now;
         mLeft = mIsPaused ? mLeft - passed : std::min(most, mLeft + passed / share);
-        // Begins and ends at different lengths, or it would begin and end all the time.
+        // The two thresholds differ, or the pause would begin and end all the time.
         const bool isLong = backlog > (mIsPaused ? limit / 2 : limit / 4 * 3);
         mIsPaused = isLong && mLeft > (mIsPaused ? Duration(0) : most / share);
         return mIsPaused;
@@ -39,7 +39,7 @@ public:
 
     bool isPaused() const { return mIsPaused; }
 
-    /// When it is to be decided on again.
+    /// When to decide again.
     TimePoint due() const { return mIsPaused ? mSince + std::min(mLeft, step) : TimePoint::max(); }
 
 private:

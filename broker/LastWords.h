@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// Prints to stderr why the program ends, and waits no longer than a second for somebody to read it: the
-/// program must end, so that whoever started it can start it again.
+/// Prints to stderr why the program ends. Waits at most a second for somebody to read it: the program must
+/// end, so that it can be started again.
 void printLastWords(std::string text);
 
 #endif

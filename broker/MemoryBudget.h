@@ -3,25 +3,25 @@
 
 #include <cstddef>
 
-/// Counts the memory that all connections together hold: unfinished messages, requests, replies, and the
+/// Counts the memory of all connections together: unfinished messages, requests, replies, and the
 /// notifications on their way.
 class MemoryBudget
 {
 public:
-    /// @param limit may change; must outlive it
+    /// @param limit may change; must outlive this object
     explicit MemoryBudget(const std::size_t& limit) : mLimit(limit) {}
 
-    /// Replaces what a holder was counted with.
+    /// Replaces the bytes counted for a holder.
     void update(std::size_t& counted, std::size_t now)
     {
         mHeld = mHeld - counted + now;
         counted = now;
     }
 
-    /// Whether so much more may be held.
+    /// Whether this many more bytes may be held.
     bool allows(std::size_t more) const { return mHeld + more <= mLimit; }
     bool isExceeded() const { return mHeld > mLimit; }
-    /// It may soon be exceeded.
+    /// Whether more than half is used.
     bool isTight() const { return mHeld > mLimit / 2; }
     std::size_t held() const { return mHeld; }
 

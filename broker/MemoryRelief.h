@@ -3,13 +3,13 @@
 
 #include <cstddef>
 
-/// Chooses the holder that gives way where memory is short: the holder of most. All peers that do not get on
-/// count as one: hundreds of stopped peers that hold little each must not make a working peer give way.
+/// Chooses the holder that gives way when memory is short: the largest. All stalled peers count as one
+/// holder: hundreds of stopped peers that hold little each must not displace a working peer.
 template <class Holder>
 class MemoryRelief
 {
 public:
-    /// @param log what can be taken from the log of notifications
+    /// @param log bytes that the log of notifications can give up
     explicit MemoryRelief(std::size_t log) : mLog(log) {}
 
     void add(Holder& holder, std::size_t held, bool isStalled)
@@ -21,10 +21,10 @@ public:
             largest = {&holder, held};
     }
 
-    /// The log gives way.
+    /// Whether the log gives way.
     bool isLog() const { return mLog != 0 && mLog >= mStalled && mLog >= mLargestAtWork.held; }
 
-    /// The connection that gives way otherwise; none if no connection holds anything.
+    /// The connection that gives way if the log does not; null if no connection holds anything.
     Holder* holder() const
     {
         return mStalled >= mLargestAtWork.held ? mLargestStalled.holder : mLargestAtWork.holder;

@@ -10,15 +10,15 @@
 
 class Guard;
 
-/// Finds the parts of notifications in the log that subscribers may be told of by the policy.
+/// Finds the parts of logged notifications that the policy lets a subscriber see.
 class NotificationFilter
 {
 public:
-    /// Both must outlive it.
+    /// Both arguments must outlive this object.
     NotificationFilter(Guard& guard, const NotificationLog& log) : mGuard(guard), mLog(log) {}
 
-    /// The part of a message that a client may be told of; empty if it may be told of nothing.
-    /// @returns the text, until the next call
+    /// The part of a message that a client may see; empty if it may see nothing.
+    /// @returns the text, valid until the next call
     const std::string& partFor(Connection& client, NotificationLog::Position begin,
                                NotificationLog::Position end);
 
@@ -31,7 +31,7 @@ private:
     Guard& mGuard;
     const NotificationLog& mLog;
     FilteredMessages mParts;
-    BrokerProtocol::Command mUpdate; ///< that is filtered
+    BrokerProtocol::Command mUpdate; ///< the message that is being filtered
 };
 
 #endif

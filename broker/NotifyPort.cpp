@@ -15,7 +15,7 @@ namespace
 
 constexpr std::size_t bufferBytes = 4096;
 
-// The library subscribes once, to everything; tools to a few prefixes.
+// The library subscribes once, to everything; tools subscribe to a few prefixes.
 constexpr std::size_t mostPrefixes = 16;
 constexpr std::size_t longestPrefix = 255;
 
@@ -25,18 +25,18 @@ constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 // The cost of a short value beyond its bytes.
 constexpr std::size_t perValue = 32;
 
-// Sent of those to one subscriber before the others have their turn.
+// How much of them to send to one subscriber before the others have their turn.
 constexpr std::size_t turnBytes = std::size_t{256} * 1024;
 
 // How long subscribers that cost more have their turn, and how long followers of everything wait meanwhile.
 constexpr std::chrono::milliseconds flushTurn{5};
 constexpr std::chrono::microseconds flushSlice{500};
 
-// How long a subscriber that was closed for want of memory may take to come back. The bytes that the kernel
-// held for it are lost, too, so nobody knows what it knows.
+// How long a closed subscriber may take to come back. The bytes that the kernel held for it are lost, too, so
+// it is unknown how far it has read.
 constexpr std::chrono::seconds closedMemory{3600};
 
-// A subscriber that has taken nothing for so long has stopped.
+// A subscriber that has read nothing for this long has stopped.
 constexpr std::chrono::milliseconds progressTime{250};
 
 bool takePrefix(std::string_view& text, std::string_view prefix)
@@ -112,7 +112,7 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
     }
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
         read(connection, now);
-    // Its first values go out now: what is posted from here on finds it following the log.
+    // Send its first values now, so that it follows the log before the next post.
     if (connection.state == NotifyConnection::State::Behind && !connection.isFull)
         send(connection, now);
     update(connection);
@@ -123,7 +123,7 @@ void NotifyPort::read(NotifyConnection& connection, TimePoint now)
     const Refusals::From from(mRefusals, connection);
     const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
     std::string_view bytes(mBuffer.data(), count);
-    if (count != 0 && !finishMessage(connection)) // a PONG must not get into it
+    if (count != 0 && !finishMessage(connection)) // a PONG must not get into the message
     {
         lackMemory(connection, now);
         return connection.kill();
@@ -143,7 +143,7 @@ void NotifyPort::read(NotifyConnection& connection, TimePoint now)
         else if (result == FrameReader::Result::Command)
             takeCommand(connection, item.body, now);
         else if (result == FrameReader::Result::Message && takePrefix(item.body, "\1"sv))
-            subscribe(connection, item.body, now); // as peers of version 3.0 do it
+            subscribe(connection, item.body, now); // peers of version 3.0 subscribe in this way
         else if (result == FrameReader::Result::Message && takePrefix(item.body, "\0"sv))
             cancel(connection, item.body);
     }
@@ -212,7 +212,7 @@ void NotifyPort::flush(TimePoint now)
 
 void NotifyPort::flushFollowers(TimePoint now)
 {
-    // Backwards, as sending may show that one has gone.
+    // Backwards, since sending may close and remove a connection.
     for (std::size_t index = mSubscribers.size(); index-- > 0;)
     {
         NotifyConnection& connection = *mSubscribers[index];
@@ -223,8 +223,8 @@ void NotifyPort::flushFollowers(TimePoint now)
     }
 }
 
-// Where there are many subscribers, the kernel holds little for each, and one that reads all the time has
-// room again soon. It is not worth asking those that have stopped.
+// With many subscribers, the kernel holds little for each, so an active reader soon has room again. Stopped
+// subscribers are not worth asking.
 void NotifyPort::refillFollowers(TimePoint now)
 {
     for (NotifyConnection* connection : mSubscribers)
@@ -257,7 +257,7 @@ void NotifyPort::flushOthers(TimePoint now)
                 time = Clock::now();
                 sliceEnd = time + flushSlice;
             }
-            // If one has gone, another has its place.
+            // When a connection has gone, another is at its index.
             mHasLeftOver = mSubscribers.size() != count || time >= end;
         }
         ++mNext;
@@ -289,7 +289,7 @@ void NotifyPort::send(NotifyConnection& connection, TimePoint now)
     connection.hasBeenFull = connection.hasBeenFull || connection.isFull;
 }
 
-// False if it takes no more for now.
+// Returns false if the connection takes no more for now.
 bool NotifyPort::sendWhatItLacks(NotifyConnection& connection, TimePoint now)
 {
     const std::size_t before = connection.outputBytes();
@@ -320,8 +320,8 @@ bool NotifyPort::sendLog(NotifyConnection& connection, TimePoint now)
     return true;
 }
 
-// Copies the messages that it wants: its position is always between two messages. Those that it does not want
-// take time, too.
+// Copies the messages that the connection wants, so its position is always between two messages. Skipping
+// unwanted messages takes time, too, and counts towards the turn.
 bool NotifyPort::sendMatching(NotifyConnection& connection)
 {
     std::string copied;
@@ -343,8 +343,8 @@ bool NotifyPort::sendMatching(NotifyConnection& connection)
     return connection.flush();
 }
 
-// The part that it may be told of. Its prefixes count for that part alone: those that matched the rest would
-// tell what it is.
+// Copies the visible part. Prefixes are matched against this part only: a match of the rest would reveal what
+// it is.
 void NotifyPort::copyFiltered(NotifyConnection& connection, NotificationLog::Position end)
 {
     const std::string& text = mFilter.partFor(connection, connection.position, end);
@@ -352,8 +352,8 @@ void NotifyPort::copyFiltered(NotifyConnection& connection, NotificationLog::Pos
         FrameWriter::message([&](std::string_view part) { connection.output() += part; }, text);
 }
 
-// The latest values of what changed while it was behind; in the order of the changes, so that the next
-// message goes on where this one ended.
+// Sends the latest values of keys that changed while the subscriber was behind. They go in the order of their
+// changes, so that the next message continues after this one.
 bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
 {
     for (std::size_t looked = 0; looked < turnBytes;)
@@ -374,7 +374,7 @@ bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
     return false;
 }
 
-// Where it has stopped, if that value has not changed since; else that takes a search.
+// Continues with the remembered value, if it has not changed since. Otherwise this takes a search.
 const DeviceState::Value* NotifyPort::nextMissed(const NotifyConnection& connection) const
 {
     if (connection.nextValue != nullptr && connection.nextValue->revision == connection.nextValueRevision)
@@ -385,7 +385,7 @@ const DeviceState::Value* NotifyPort::nextMissed(const NotifyConnection& connect
 // Returns how many bytes it has looked at.
 std::size_t NotifyPort::collectMissed(NotifyConnection& connection, const DeviceState::Value* value)
 {
-    // One by one for a subscriber that may want only some of them.
+    // One value per message for a subscriber that may want only some of them.
     const std::size_t most = connection.hasNoPrefix() ? missedBytes : 1;
     DeviceState::Members members;
     std::size_t bytes = 0;
@@ -416,7 +416,7 @@ uint64_t NotifyPort::toldToAll(TimePoint now)
     {
         lookAtTold(*connection);
         least = std::min(least, connection->told.revision());
-        // Also for one that gets everything anew, since nextValue must stay.
+        // Also applies to a subscriber that gets everything anew: its nextValue must stay valid.
         if (connection->state == NotifyConnection::State::Behind)
             least = std::min(least, connection->revision);
     }
@@ -426,7 +426,7 @@ uint64_t NotifyPort::toldToAll(TimePoint now)
 void NotifyPort::lookAtTold(NotifyConnection& connection) const
 {
     uint64_t revision = connection.revision;
-    uint64_t missing = 0; // bytes of the message that it is in
+    uint64_t missing = 0; // bytes of its current message
     if (connection.state == NotifyConnection::State::Following && connection.position == mLog.end())
         revision = mState.revision();
     else if (connection.state == NotifyConnection::State::Following)
@@ -434,7 +434,7 @@ void NotifyPort::lookAtTold(NotifyConnection& connection) const
         const NotificationLog::Message& message = mLog.messageAt(connection.position);
         revision = message.revision;
         missing = message.end - connection.position;
-        if (missing != 0 && !connection.wantsAll()) // it gets another message in its place, or none
+        if (missing != 0 && !connection.wantsAll()) // another message, or none, takes its place
             revision = 0;
     }
     const uint64_t lastByte = connection.sentBytes() + connection.outputBytes() + missing;
@@ -457,8 +457,8 @@ void NotifyPort::moveTo(NotifyConnection& connection, NotificationLog::Position 
     connection.position = position;
 }
 
-// Moves the rest of the message that the connection is in to its own output. Then the connection is between
-// two messages. False if there is no memory for that.
+// Moves the rest of the connection's current message to its own output. Then its position is between two
+// messages. Returns false if there is no memory for that.
 bool NotifyPort::finishMessage(NotifyConnection& connection)
 {
     if (connection.state != NotifyConnection::State::Following)
@@ -473,7 +473,7 @@ bool NotifyPort::finishMessage(NotifyConnection& connection)
     return true;
 }
 
-// False if there is no memory for what it is to get first.
+// Returns false if there is no memory for the rest of its current message.
 bool NotifyPort::fallBehind(NotifyConnection& connection)
 {
     if (!finishMessage(connection))
@@ -516,13 +516,13 @@ void NotifyPort::takeOverRights(bool isToldAgain, TimePoint now)
     {
         NotifyConnection& connection = *peers()[index];
         const bool wasFiltered = std::exchange(connection.isFiltered, !Guard::seesAll(connection));
-        // One that is filtered from now on may be in the middle of a message, which must end as it began.
+        // A newly filtered connection may be in the middle of a message, which must end as it began.
         if (wasFiltered != connection.isFiltered || (isToldAgain && connection.isFiltered))
             tellAgain(connection, now);
     }
 }
 
-// Of events that it has not read yet it is not told any more.
+// The connection does not get the events that it has not read yet.
 void NotifyPort::tellAgain(NotifyConnection& connection, TimePoint now)
 {
     if (connection.state == NotifyConnection::State::Idle)
@@ -583,7 +583,7 @@ bool NotifyPort::hasOutput() const
 
 // ------------------------------------------------------------------------------------------- housekeeping
 
-// Acts on what the connection has sent, or been sent.
+// Acts on the data that the connection has received or sent.
 void NotifyPort::update(NotifyConnection& connection)
 {
     if (connection.isDead())

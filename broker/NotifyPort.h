@@ -17,57 +17,57 @@
 
 /// The port on which changes are published.
 ///
-/// A notification stands once, in a log. Each subscriber is sent the log from its own position on, as fast as
-/// it takes it. The log is bounded: a subscriber that is too far back falls behind. It gets the rest of the
-/// message that it is in; when it takes bytes again, the latest values of the keys that changed meanwhile;
+/// A log holds each notification once. Each subscriber is sent the log from its own position on, as fast as
+/// it reads. The log is bounded, so a subscriber that is too far back falls behind. It first gets the rest of
+/// its current message. When it reads again, it gets the latest values of the keys that changed meanwhile,
 /// then it follows the log again. Nothing waits for it. Events in between are lost, and counted.
 class NotifyPort : public Port<NotifyConnection>
 {
 public:
-    /// @param state must outlive it
+    /// @param state must outlive this object
     NotifyPort(const PortEnvironment& environment, const DeviceState& state);
 
     void serve(NotifyConnection& connection, uint32_t what, TimePoint now);
 
     /// Puts a notification into the log; flush() sends it.
-    /// @param revision of the state to which it brings its readers
-    /// @param events how many it holds
+    /// @param revision the state's revision once the message is read
+    /// @param events how many events the message holds
     void publish(std::string_view message, uint64_t revision, uint64_t events);
 
-    /// Sends every subscriber what it lacks, as far as the kernel takes it. Subscribers that are behind, or
-    /// want only some messages, cost more; they have their turn one after another for a limited time. In
-    /// between, the others are sent what they have room for by then.
+    /// Sends every subscriber what it lacks, as far as the kernel has room. Subscribers that are behind, or
+    /// want only some messages, cost more. They take turns, for a limited time. In between, the other
+    /// subscribers are sent whatever they have room for by then.
     void flush(TimePoint now);
 
-    /// When flush() is to be called although nothing has come.
+    /// When to call flush() although nothing has arrived.
     TimePoint due() const override { return mHasLeftOver ? TimePoint::min() : Port::due(); }
 
-    /// Closes a subscriber for want of memory. It comes back.
+    /// Closes a subscriber for want of memory. It will come back.
     void closeForMemory(NotifyConnection& connection, TimePoint now);
 
-    /// The rights of the connections have changed.
-    /// Subscribers that may be told of more, or of less, get all that they may be told of.
-    /// @param isToldAgain so do all that may not be told of everything: the rules have changed
+    /// The rights of the connections have changed. Subscribers that may now see more, or less, get everything
+    /// that they may see.
+    /// @param isToldAgain every restricted subscriber gets everything anew: the rules have changed
     void takeOverRights(bool isToldAgain, TimePoint now);
 
-    /// The revision of the state of which all subscribers have surely been told, also those that are to come
-    /// back. All that has changed must have been published. Values that changed last up to this revision are
-    /// not pointed to.
+    /// The revision that every subscriber has certainly received, including subscribers that will come back.
+    /// All changes must have been published. This port then holds no pointer to a value whose last change is
+    /// at or before that revision.
     uint64_t toldToAll(TimePoint now);
 
-    /// Subscribers have to be told again of what has changed since such a revision.
+    /// The record of subscribers that must catch up.
     CatchUp& catchUp() { return mCatchUp; }
 
-    /// Lets subscribers fall behind until the log holds at most so many bytes.
+    /// Lets subscribers fall behind until the log holds at most this many bytes.
     void shortenLog(std::size_t bytes, TimePoint now);
 
-    /// How much of the log is held for the slowest follower of those that have taken something lately.
+    /// Bytes of the log held for the slowest follower that has read something lately.
     std::size_t backlog(TimePoint now) const;
 
-    /// Whether something waits that the kernel did not take.
+    /// Whether output waits that the kernel did not take.
     bool hasOutput() const;
 
-    /// Bytes that are to be sent to it, as far as it follows the log.
+    /// Bytes of the log that are still to be sent to the connection.
     uint64_t queuedBytes(const NotifyConnection& connection) const;
 
     bool hasSubscribers() const { return openPeers() != 0; }
@@ -120,15 +120,15 @@ private:
     ConnectionLimit mLimit;
     CatchUp mCatchUp;
     SendBuffers mSendBuffers;
-    std::vector<NotifyConnection*> mSubscribers; // the others cost nothing
+    std::vector<NotifyConnection*> mSubscribers; // connections without a subscription cost nothing
     std::size_t mReaders = 0;
     NotificationLog mLog;
     std::size_t mLogCounted = 0;
     uint64_t mPublished = 0;
     uint64_t mMissedEvents = 0;
     uint64_t mFallenBehind = 0;
-    std::size_t mNext = 0;     ///< whose turn it is
-    bool mHasLeftOver = false; ///< could be sent something, but the time was over
+    std::size_t mNext = 0;     ///< the subscriber whose turn is next
+    bool mHasLeftOver = false; ///< more could be sent, but the time was up
     std::vector<char> mBuffer;
     NotificationFilter mFilter{mGuard, mLog};
 };

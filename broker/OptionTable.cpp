@@ -83,7 +83,7 @@ OptionEntry::Check oneOf(const std::vector<std::string>& choices)
         std::string list;
         for (const std::string& choice : choices)
             list += (list.empty() ? "" : ", ") + choice;
-        return quoted(value) + " is none of " + list;
+        return quoted(value) + " is not one of " + list;
     };
 }
 
@@ -96,7 +96,7 @@ OptionEntry allowSetTime()
             "",
             "",
             "false",
-            "Let clients set the system clock (takes CAP_SYS_TIME); by default they may not",
+            "Let clients set the system clock (needs CAP_SYS_TIME); by default they may not",
             oneOf({"true", "false"}),
             set};
 }
@@ -175,30 +175,29 @@ std::vector<OptionEntry> makeTable()
         state(),
         stateSync(),
         stateKeys(),
-        count("max-keys", &Limits::keys, "Most status keys"),
+        count("max-keys", &Limits::keys, "Largest number of status keys"),
         size("max-key-bytes", {1, mebi}, &Limits::keyBytes, "Longest name of a key, event, timer or counter"),
         size("max-value-bytes", {1, 64 * mebi}, &Limits::valueBytes, "Longest value"),
         size("max-stored-bytes", {kibi, 1024 * mebi}, &Limits::storedBytes,
-             "Most bytes of all keys and values together"),
+             "Largest size of all keys and values together"),
         size("max-message-bytes", {kibi, 64 * mebi}, &Limits::messageBytes,
              "Longest message over all its frames"),
-        count("max-timers", &Limits::timers, "Most timers"),
-        count("max-counters", &Limits::counters, "Most counters"),
+        count("max-timers", &Limits::timers, "Largest number of timers"),
+        count("max-counters", &Limits::counters, "Largest number of counters"),
         size("max-notify-bytes", {64 * kibi, 1024 * mebi}, &Limits::notifyBytes,
              "Length of the log of notifications that all subscribers share; a subscriber that is further "
              "behind gets the latest values instead"),
-        size(
-            "max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
-            "Most memory for the unfinished messages, requests, replies and notifications of all connections "
-            "together; beyond it the largest gives way: the log of notifications gets shorter, or a "
-            "connection is closed and comes back"),
-        count("max-connections", &Limits::connections, "Most connections per port"),
+        size("max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
+             "Memory limit for the unfinished messages, requests, replies and notifications of all "
+             "connections together; beyond it the largest gives way: the log of notifications gets "
+             "shorter, or a connection is closed and comes back"),
+        count("max-connections", &Limits::connections, "Largest number of connections per port"),
     };
 }
 
-// So much memory is there for each byte of the longest message: one for the message, and three for its
-// members while it is read, as members of eleven bytes or more need. Shorter members need more, but
-// BrokerProtocol::mostMembers bounds them.
+// Memory for each byte of the longest message. One byte is for the message, and three for its members while
+// it is read: members of eleven bytes or more take that. Shorter members take more, but
+// BrokerProtocol::mostMembers bounds their number.
 constexpr std::size_t memoryPerByte = 4;
 
 std::string shownWithName(const char* name, std::size_t value)
@@ -214,7 +213,7 @@ std::string checkFits(const char* name, std::size_t value, const Limits& limits)
            shownWithName("max-message-bytes", limits.messageBytes);
 }
 
-// A message of the greatest length is taken however full the log of notifications is.
+// A message of the greatest length must fit, however full the log of notifications is.
 std::string checkMemory(const Limits& limits)
 {
     const std::size_t needed = limits.notifyBytes + memoryPerByte * limits.messageBytes;

@@ -17,26 +17,26 @@ struct OptionEntry
         Repeatable, ///< the values add up
     };
 
-    /// Returns what is wrong with a value, in one line; empty if nothing is.
+    /// Returns the error in a value, in one line; empty if there is none.
     using Check = std::function<std::string(const std::string& value)>;
 
-    /// Sets the option; only values that are good, and several only where they add up.
+    /// Sets the option. All values must have passed the check; several are allowed only where they add up.
     using Set = std::function<void(Options& options, const std::vector<std::string>& values)>;
 
     std::string name; ///< without dashes
     Kind kind;
     std::string unit;    ///< of its value, for the help; empty for a flag
-    std::string range;   ///< "1..1000000"; empty if the unit says it all
+    std::string range;   ///< "1..1000000"; empty if the unit says enough
     std::string initial; ///< the default; empty if there is none
     std::string text;    ///< for the help
     Check check;
     Set set;
 };
 
-/// All options but those that only the command line knows.
+/// All options except those that only the command line has.
 const std::vector<OptionEntry>& optionTable();
 
-/// The contradiction between limits that are good one by one; empty if there is none.
+/// The contradiction between limits that are valid one by one; empty if there is none.
 std::string contradictionIn(const Limits& limits);
 
 #endif

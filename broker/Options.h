@@ -13,9 +13,9 @@ struct Options
     bool allowSetTime = false;
     int logLevel = 5;
     std::chrono::seconds heartbeat{5}; ///< 0: none
-    std::string stateFile;             ///< empty: nothing is kept
+    std::string stateFile;             ///< empty: no state is kept
     StateSync stateSync = StateSync::Normal;
-    std::vector<std::string> stateKeys; ///< globs; none: everything is kept
+    std::vector<std::string> stateKeys; ///< globs; none: all of the state is kept
     std::string policy;                 ///< a file or a folder; empty: clients may do everything
     Limits limits;
 };

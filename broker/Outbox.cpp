@@ -5,7 +5,7 @@
 namespace
 {
 
-// Changes are kept together: at most so many bytes of what is to be published wait for that.
+// Changes are committed in batches: at most this many bytes of notifications wait for a commit.
 constexpr std::size_t batchBytes = std::size_t{256} * 1024;
 
 } // namespace
@@ -19,7 +19,7 @@ Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, R
         options.stateFile, options.stateSync, options.stateKeys, [this] { return mState.everything(); },
         options.limits);
     mState.restore(mStateFile->load());
-    // So that the next broker of this boot knows that there was one before, also if nothing changes.
+    // Shows the next broker of this boot that there was an earlier one, even if no value changes.
     if (!mStateFile->isOfThisBoot())
         mStateFile->commit({});
 }
@@ -55,7 +55,7 @@ void Outbox::settle()
         mNotify.publish(notification.text, notification.revision, notification.events);
     mNotifications.clear();
     mBytes = 0;
-    // One by one: answering may show that a connection has gone, and bring the next question.
+    // One by one: replying may close a connection, or bring the next question.
     while (!mAnswers.empty())
     {
         Answer answer = std::move(mAnswers.back());

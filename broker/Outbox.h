@@ -13,35 +13,36 @@
 #include "broker/state/DeviceState.h"
 #include "broker/state/StateFile.h"
 
-/// Everything that leaves the broker. Where the state is kept in a file, changes are committed first, then
-/// published, then answered: nobody sees what a restart takes back.
+/// Everything that leaves the broker. With a state file, changes are committed first, then published, then
+/// answered. So no client sees a change that a restart takes back.
 class Outbox
 {
 public:
-    /// All must outlive it. Loads what the file holds into the state.
+    /// All references must outlive this object. Loads the content of the file into the state.
     Outbox(const Options& options, DeviceState& state, NotifyPort& notify, RequestPort& requests);
 
-    /// @param events how many the notification holds
+    /// @param events how many events the notification holds
     void publish(const std::string& notification, uint64_t events);
     void reply(RequestConnection& connection, Reply reply);
 
-    /// Commits, publishes and replies. Without a file, all that has happened already.
+    /// Commits, publishes and replies. Without a file, nothing is left to do: publish() and reply() act at
+    /// once.
     void settle();
 
     /// Whether names may be forgotten, see StateFile.
     bool mayForget() const { return !mStateFile || mStateFile->mayForget(); }
 
-    /// A connection has gone.
+    /// The connection has gone.
     void forget(RequestConnection& connection);
 
-    /// When something is to be written although nothing has changed.
+    /// When to write although nothing has changed.
     TimePoint due() const;
     void doWhatIsDue(TimePoint now);
 
     /// The last commit.
     void finish();
 
-    /// Whether an earlier broker has served since the device was started, as far as the file tells.
+    /// Whether the file shows an earlier broker since the device was started.
     bool isRestart() const { return mStateFile && mStateFile->isOfThisBoot(); }
 
     uint64_t commits() const { return mStateFile ? mStateFile->commits() : 0; }

@@ -6,17 +6,17 @@
 
 #include "broker/base/Clock.h"
 
-/// Whether a post connection holds something back for its own client, though the barrier does not wait for
-/// it, or only briefly. On busy cores the kernel may deliver the "Sync" of a client before a post that was
-/// written earlier. So a PING is sent, whose answer comes behind such a post. Only the client that said
-/// "Sync" waits for it, and not for long, so it costs nobody patience. One that does not answer is not asked
-/// again until it does.
+/// Finds out whether a post connection still holds a post of its own client. It is used where the barrier
+/// waits only briefly or not at all. On busy cores the kernel may deliver a client's "Sync" before a post
+/// that was written earlier. So the broker sends a PING, whose answer comes behind such a post. Only the
+/// client that said "Sync" waits for the answer, and only briefly, so this costs no other client any
+/// patience. A connection that does not answer is not asked again until it does.
 class OwnProbe
 {
 public:
     static constexpr std::chrono::milliseconds longest{100};
 
-    /// A PING is to be sent for this barrier.
+    /// Whether to send a PING for this barrier.
     bool isDue(uint64_t barrier, TimePoint now) const { return mAsked < barrier && !isSilent(now); }
 
     void asked(uint64_t barrier, TimePoint now)
@@ -26,7 +26,7 @@ public:
         mAsked = barrier;
     }
 
-    /// The answer has come. One that was not asked for does not count.
+    /// The answer has come. An answer without a question does not count.
     void answered(uint64_t barrier, TimePoint now)
     {
         mAnswered = std::max(mAnswered, std::min(barrier, mAsked));
@@ -38,15 +38,15 @@ public:
 
     bool owes() const { return mAnswered < mAsked; }
 
-    /// It was asked for this barrier, and has not answered.
+    /// Whether it was asked for this barrier and has not answered.
     bool lacks(uint64_t barrier) const { return mAsked >= barrier && mAnswered < barrier; }
 
 private:
     bool isSilent(TimePoint now) const { return owes() && now - mSince >= longest; }
 
-    uint64_t mAsked = 0; ///< for the barriers up to this one
+    uint64_t mAsked = 0; ///< for barriers up to this number
     uint64_t mAnswered = 0;
-    TimePoint mSince{}; ///< owes an answer
+    TimePoint mSince{}; ///< of the oldest answer that it owes
 };
 
 #endif

@@ -6,11 +6,11 @@
 namespace
 {
 
-// So many owners that have gone have their turn, and for so long, before others are served.
+// How many departed owners are processed before other work, and for how long.
 constexpr std::size_t fewAtATime = 32;
 constexpr std::chrono::milliseconds turn{3};
 
-// While it is found out who has come back.
+// The pause between two looks for a successor.
 constexpr std::chrono::milliseconds searchPause{5};
 
 } // namespace
@@ -56,7 +56,7 @@ void OwnedValues::reset(Posters::Id by, const std::vector<std::string_view>& key
         follow(key, by);
 }
 
-// Unless the client's post was refused.
+// Has no effect if the client's post was refused.
 void OwnedValues::follow(std::string_view key, Posters::Id by)
 {
     if (mPolicy->tieFor(key) == nullptr)
@@ -130,7 +130,7 @@ void OwnedValues::gone(Posters::Id client, bool canComeBack, TimePoint since, Ti
     plan(owner->second, now);
 }
 
-// For an owner that has gone.
+// Plans the next look at an owner that has gone.
 void OwnedValues::plan(Owner& owner, TimePoint now)
 {
     owner.end = TimePoint::max();
@@ -139,7 +139,7 @@ void OwnedValues::plan(Owner& owner, TimePoint now)
     wait(owner, now);
 }
 
-// Until the end, its successor is looked for a few times, since it takes a while to know a process.
+// Until the end, its successor is looked for several times, since finding a process takes a while.
 void OwnedValues::wait(Owner& owner, TimePoint now)
 {
     constexpr int looks = 8;
@@ -150,7 +150,7 @@ void OwnedValues::wait(Owner& owner, TimePoint now)
 
 void OwnedValues::doWhatIsDue(TimePoint now)
 {
-    std::vector<std::pair<TimePoint, Posters::Id>> due; // those that have waited longest first
+    std::vector<std::pair<TimePoint, Posters::Id>> due; // longest waiting first
     mDue = TimePoint::max();
     for (const auto& [client, owner] : mOwners)
     {
@@ -186,14 +186,14 @@ void OwnedValues::settle(Posters::Id client, Owner& owner, TimePoint now)
         mark(client, owner, now);
 }
 
-// The keys are copied, as the owner goes with its last one.
+// The keys are copied, since the owner is destroyed with its last key.
 void OwnedValues::handOver(const Owner& owner, Posters::Id successor)
 {
     for (const std::string_view key : std::set<std::string_view>(owner.keys))
         own(key, successor);
 }
 
-// The values whose time has come.
+// Marks the values whose grace time is over.
 void OwnedValues::mark(Posters::Id client, const Owner& owner, TimePoint now)
 {
     std::map<const PolicyTie*, std::vector<std::string_view>> over;

@@ -13,57 +13,57 @@
 #include "broker/policy/Policy.h"
 #include "broker/state/DeviceState.h"
 
-/// Values that end with their owner, as far as the policy names some: the client that posted such a value
-/// last owns it. When that client has gone, and it or another of its service has not come within the grace
-/// time, the value is marked. No sockets: clients are numbers here.
+/// Marks values when their owner has gone. The policy names such values; the client that posted one last owns
+/// it. A value is marked if neither its owner nor another client of the same service returns within the grace
+/// time. Has no sockets: clients are numbers here.
 class OwnedValues
 {
 public:
-    /// The broker around it.
+    /// Access to the rest of the broker.
     struct World
     {
-        /// The client is connected.
+        /// Whether the client is connected.
         std::function<bool(Posters::Id)> isHere;
 
-        /// The client that has come back in the place of one that has gone: nobody if none has, nothing while
-        /// that is being found out.
-        /// @param since when it has gone; TimePoint::min() if that is not known
+        /// The client that has replaced a client that has gone. Returns Posters::nobody if there is none, and
+        /// nothing while the search lasts.
+        /// @param since when the client left; TimePoint::min() if unknown
         std::function<std::optional<Posters::Id>(Posters::Id gone, TimePoint since)> successor;
 
-        /// Resets the values, or sets them, as their rule says.
+        /// Resets the values or sets them, as their rule says.
         std::function<void(Posters::Id gone, const PolicyTie& rule,
                            const std::vector<std::string_view>& keys)>
             mark;
     };
 
-    /// It may take so long to find out who has come back.
+    /// The longest time that the search for a successor may take.
     static constexpr std::chrono::milliseconds longestSearch{80};
 
-    /// The state must outlive it.
+    /// The state must outlive this object.
     OwnedValues(DeviceState& state, World world) : mState(state), mWorld(std::move(world)) {}
 
     OwnedValues(const OwnedValues&) = delete;
     OwnedValues& operator=(const OwnedValues&) = delete;
 
-    /// The policy in force, until the next call. Values that it newly names belong to their last poster; one
-    /// that is not here has gone just now. So it is with values that were loaded.
+    /// The policy in force, until the next call. A value that the policy newly names belongs to its last
+    /// poster. A poster that is not connected counts as gone just now. The same applies to loaded values.
     void setPolicy(const Policy& policy, TimePoint now);
 
-    /// Whether the rest must be called.
+    /// Whether the functions below must be called.
     bool isUsed() const { return mPolicy != nullptr && mPolicy->hasTies(); }
 
-    /// To be called when the state has dealt with the post, of which it may have refused a part. The empty
+    /// Call these when the state has processed the post. The state may have refused a part of it. The empty
     /// text resets.
     void posted(Posters::Id by, const DeviceState::Members& values);
     void reset(Posters::Id by, const std::vector<std::string_view>& keys);
 
-    /// These are not there any more.
+    /// These keys no longer exist.
     void forget(const std::vector<std::string_view>& keys);
 
     /// The client has gone.
-    /// @param canComeBack if not, nobody takes its place
-    /// @param since when it may have ended at the earliest; a client of its service that came later may take
-    ///              its place
+    /// @param canComeBack false: no other client takes its place
+    /// @param since the earliest time at which it may have ended: a client of its service that connected later
+    ///              may take its place
     void gone(Posters::Id client, bool canComeBack, TimePoint since, TimePoint now);
 
     TimePoint due() const { return mDue; }
@@ -75,11 +75,11 @@ private:
         std::optional<TimePoint> goneAt;
         TimePoint since{}; // if it has gone: when, as far as that is known
         bool canComeBack = true;
-        TimePoint end{};                 // if it has gone: of the shortest grace time
-        TimePoint next{};                // the same: when to look for its successor, or to mark values
-        std::set<std::string_view> keys; // they stand in the list of all
+        TimePoint end{};                 // if it has gone: the end of the shortest grace time
+        TimePoint next{};                // if it has gone: when to look for its successor, or to mark values
+        std::set<std::string_view> keys; // views of the names in mKeys
     };
-    using Owners = std::map<Posters::Id, Owner>; // each is held
+    using Owners = std::map<Posters::Id, Owner>; // each owner is held in Posters
     using Keys = std::map<std::string, Posters::Id, std::less<>>;
 
     void follow(std::string_view key, Posters::Id by);

@@ -8,10 +8,10 @@
 
 /// How long requests wait for one post connection to answer a PING.
 ///
-/// A connection has little of it at first, more with each answer in time, and next to nothing after an answer
-/// that did not come. It also pays for each wait: with what it has earned by posting, which takes time to
-/// arrive, and else from a small share. So a client that posts much and is slow is waited for. One that
-/// answers late on purpose, or never, costs others a part of a second, and then a hundredth of the time.
+/// A connection begins with little patience. Each answer in time increases it, and a missed answer takes most
+/// of it. It also pays for each wait: first from the time earned by posting, then from a small share. So a
+/// slow client that posts much is waited for. A client that answers late on purpose, or never, first costs
+/// others a part of a second. After that it costs a hundredth of the time.
 class Patience
 {
 public:
@@ -20,7 +20,7 @@ public:
     static constexpr Duration atFirst{25000};
     static constexpr Duration longest{100000};
 
-    /// A wait of this length costs nothing.
+    /// A wait of up to this length costs nothing.
     static constexpr Duration shortest{1000};
 
     /// A "Sync" is the client's explicit barrier, and waits longer by this factor.
@@ -31,7 +31,7 @@ public:
     explicit Patience(TimePoint now) : mSince(now) {}
 
     /// How long a query waits now.
-    /// @param shared what all connections together have left
+    /// @param shared the time that all connections together have left
     Duration limit(Duration shared, TimePoint now)
     {
         refill(now);
@@ -47,17 +47,17 @@ public:
         mBytes %= bytesPerMicrosecond;
     }
 
-    /// It has answered, after this time.
+    /// The connection has answered, after this time.
     void answered(Duration after)
     {
         if (after <= mQuickness)
             mQuickness = std::min(longest, 2 * mQuickness);
     }
 
-    /// It has not answered in time.
+    /// The connection has not answered in time.
     void disappointed() { mQuickness = std::max(shortest, mQuickness / 4); }
 
-    /// Others have waited for it. Returns the part that all connections together have to bear.
+    /// Others have waited for the connection. Returns the part charged to all connections together.
     Duration spend(Duration time, TimePoint now)
     {
         refill(now);
@@ -81,13 +81,13 @@ private:
 
     Duration mQuickness = atFirst;
     Duration mEarned{0};
-    std::size_t mBytes = 0; ///< that have not earned anything yet
+    std::size_t mBytes = 0; ///< too few to have earned a microsecond
     Duration mShare = wholeShare;
     TimePoint mSince;
 };
 
-/// How much all connections together may disappoint. New connections have a share of their own, and there
-/// may be any number of them: at most a twentieth of the time is spent on waiting for nothing.
+/// Bounds the time lost to all connections together. Each new connection has a share of its own, and there
+/// may be any number of them. So at most a twentieth of the time is spent waiting for nothing.
 class SharedPatience
 {
 public:
@@ -97,7 +97,7 @@ public:
 
     explicit SharedPatience(TimePoint now) : mSince(now) {}
 
-    /// The time that is left for a wait that may be in vain.
+    /// The time left for a wait that may be in vain.
     Duration left(TimePoint now)
     {
         constexpr int share = 20;

@@ -7,7 +7,7 @@
 namespace
 {
 
-// Nobody's number. No rule for users concerns it, and those for services do.
+// Not the number of any user. Rules for users do not apply to it, and rules for services do.
 constexpr auto noUser = static_cast<uid_t>(-1);
 
 bool endsWith(std::string_view text, std::string_view ending)
@@ -45,7 +45,7 @@ void PolicyInquiry::readClient(const Users& users, std::string_view client)
         return;
     mSubject.service = client.substr(colon + 1);
     if (!isService(mSubject.service))
-        mError = OptionText::quoted(mSubject.service) + " is no service, such as net.service";
+        mError = OptionText::quoted(mSubject.service) + " is not a service, such as net.service";
 }
 
 void PolicyInquiry::readUser(const Users& users, std::string_view user)
@@ -56,7 +56,7 @@ void PolicyInquiry::readUser(const Users& users, std::string_view user)
     else
         mSubject.user = users.uid(user);
     if (!mSubject.user)
-        mError = OptionText::quoted(std::string(user)) + " is no user";
+        mError = OptionText::quoted(std::string(user)) + " is not a user";
     else
         mSubject.groups = users.groups(*mSubject.user);
 }
@@ -69,7 +69,7 @@ void PolicyInquiry::readAction(std::string_view action)
         mAction = static_cast<Action>(found - actionNames.begin());
         return;
     }
-    mError = OptionText::quoted(std::string(action)) + " is none of";
+    mError = OptionText::quoted(std::string(action)) + " is not one of";
     for (const std::string_view name : actionNames)
         mError += (name == actionNames.front() ? " " : ", ") + std::string(name);
 }

@@ -8,21 +8,21 @@
 #include "broker/peer/Users.h"
 #include "broker/policy/Policy.h"
 
-/// Asks a policy, for people, what it says about a client that need not be connected.
+/// Explains to people how a policy decides about a client. The client need not be connected.
 class PolicyInquiry
 {
 public:
-    /// The policy must outlive it.
+    /// The policy must outlive this object.
     /// @param client the name or number of a user, the whole name of a service, or both as USER:SERVICE
-    /// @param action as policies name it
+    /// @param action as named in policy files
     PolicyInquiry(const Policy& policy, const Users& users, std::string_view client, std::string_view action);
 
-    /// The mistake in the question; empty if there is none.
+    /// The error in the question; empty if there is none.
     const std::string& error() const { return mError; }
 
     bool isAllowed(std::string_view name) const;
 
-    /// In one line.
+    /// The reason, in one line.
     std::string reason(std::string_view name) const;
 
 private:

@@ -36,7 +36,7 @@ std::unique_ptr<const Policy> readPolicy(const std::string& path)
     LoadedPolicy loaded = loadPolicy(path, {user, group});
     if (!loaded.policy)
         throw ConfigError(linesOf(loaded.errors));
-    // A rule that denies something to a user who seems to be unknown would allow it.
+    // A rule that denies something to a user would not apply if that user seemed unknown.
     if ((namesSomebody || loaded.policy->namesGroups()) && !users.isComplete())
         throw ConfigError(path +
                           ": names users or groups, but /etc/passwd and /etc/group cannot be read as a "

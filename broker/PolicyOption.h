@@ -6,9 +6,9 @@
 
 #include "broker/policy/Policy.h"
 
-/// The policy that the option names.
-/// @param path of a file or a folder; empty: everything is allowed
-/// @throws ConfigError with a line for each mistake, and if the broker could not enforce it
+/// Reads the policy that the option names.
+/// @param path a file or a folder; empty: everything is allowed
+/// @throws ConfigError with a line for each error, or if the broker could not enforce the policy
 std::unique_ptr<const Policy> readPolicy(const std::string& path);
 
 #endif

@@ -7,29 +7,29 @@
 
 #include "broker/Patience.h"
 
-/// Requests wait for one post connection here: for its answers to PINGs, each behind the posts before a
-/// barrier. Barriers are numbered in their order.
+/// How requests wait for one post connection to answer its PINGs. Each PING follows the posts before one
+/// barrier. Barriers are numbered in order.
 ///
-/// A request waits for so long after its own barrier was opened, whatever others wait for: answers that come,
-/// but late, do not add up.
+/// Each request's wait starts when its own barrier opens, whatever other requests wait for. So answers that
+/// come late do not add up.
 class PongWait
 {
 public:
     using Duration = Patience::Duration;
 
-    /// More PINGs are not under way at once: the next one goes when an answer has come.
+    /// The most PINGs on their way at once. The next is sent after an answer.
     static constexpr std::size_t mostUnderWay = 8;
 
-    /// More than a socket buffer of small messages: not waiting for so much would hide what its client
+    /// More than a socket buffer of small messages. Not waiting for this much would hide what the client has
     /// posted.
     static constexpr std::size_t muchUnread = std::size_t{32} * 1024;
 
     explicit PongWait(TimePoint now) : mPatience(now) {}
 
-    /// A barrier is opened, and of what was posted before it not all may have come. Where answers are owed
-    /// for too long, nothing is waited for, unless much has arrived and was not read.
-    /// @param isForSync only a "Sync" waits for that
-    /// @param unread bytes that have arrived
+    /// A barrier opens, and posts made before it may still be missing. If the connection was given
+    /// up, nothing is waited for, unless much data has arrived unread.
+    /// @param isForSync only a "Sync" waits for this barrier
+    /// @param unread bytes that have arrived and are not read
     /// @param shared patience that all connections together have left
     void want(uint64_t barrier, bool isForSync, std::size_t unread, Duration shared, TimePoint now)
     {
@@ -42,8 +42,8 @@ public:
         mWanted = barrier;
     }
 
-    /// The broker has read from it. Until it has read all that had arrived when a barrier was opened, the
-    /// connection is not to blame, and is not sent the PING.
+    /// The broker has read from the connection. Until it has read everything that had arrived before the
+    /// barrier, the connection is not to blame, and gets no PING.
     void read(std::size_t bytes, TimePoint now)
     {
         mPatience.received(bytes);
@@ -54,32 +54,33 @@ public:
 
     bool isUnread() const { return mUnread != 0; }
 
-    /// The barrier for which a PING is to be sent now; 0: none.
+    /// The barrier for which to send a PING now; 0: none.
     uint64_t pingDue() const
     {
         const uint64_t last = owes() ? mUnderWay.back().barrier : mPonged;
         return mWanted > last && mUnderWay.size() < mostUnderWay ? mWanted : 0;
     }
 
-    /// It is sent, or will be as soon as isUnread() ends.
+    /// The PING is sent, or will be as soon as isUnread() ends.
     void pinged(TimePoint now) { mUnderWay.push_back({mWanted, now, mIsForSync}); }
 
-    /// An answer is owed.
+    /// Whether an answer is missing.
     bool owes() const { return !mUnderWay.empty(); }
 
-    /// An answer is owed, and not for too long.
+    /// Whether an answer is missing and still waited for.
     bool isAwaited() const { return owes() && !mHasGivenUp; }
 
-    /// Nothing is waited for until it answers, or much arrives.
+    /// Whether nothing is waited for until the connection answers, or much data arrives.
     bool hasGivenUp() const { return mHasGivenUp; }
 
-    /// Not all that had arrived could be read. Its answer may be among that, so it is waited for again.
+    /// The broker could not read everything that had arrived. The answer may be part of that, so it is
+    /// awaited again.
     void wasNotRead() { mHasGivenUp = false; }
 
-    /// A "Sync" waits for its answer for less than this.
+    /// Whether a "Sync" waits for the answer for less than this time.
     bool isShorterThan(Duration time) const { return mHasGivenUp || Patience::syncFactor * mLimit < time; }
 
-    /// The answer has come to a PING. False if it is owed none.
+    /// A PING was answered. Returns false if none was waiting for an answer.
     /// @param cost what the wait costs all connections together
     bool ponged(uint64_t barrier, TimePoint now, Duration& cost)
     {
@@ -97,7 +98,7 @@ public:
     }
 
     /// Until when a request behind this barrier waits; TimePoint::min() if it does not.
-    /// @param opened when the barrier was
+    /// @param opened when the barrier opened
     TimePoint endFor(uint64_t barrier, bool isSync, TimePoint opened) const
     {
         if (mWanted < barrier || mPonged >= barrier || (mIsForSync && !isSync))
@@ -107,13 +108,13 @@ public:
         return isUnread() ? latest : std::min(latest, std::max(opened, mReadAt) + factor * mLimit);
     }
 
-    /// Of what had arrived before this barrier not all is read.
+    /// Whether data that had arrived before this barrier is still unread.
     bool isUnreadBefore(uint64_t barrier) const
     {
         return isUnread() && mWanted >= barrier && mPonged < barrier;
     }
 
-    /// When judge() is to be called.
+    /// When to call judge().
     TimePoint due() const
     {
         if (!isAwaited() || isUnread())
@@ -121,7 +122,7 @@ public:
         return oldestAsked() + (mHasDisappointed ? Patience::syncFactor : 1) * mLimit;
     }
 
-    /// Judges what is owed. Returns what the wait costs all connections together.
+    /// Judges overdue answers. Returns what the wait costs all connections together.
     Duration judge(TimePoint now)
     {
         if (now < due())
@@ -135,7 +136,7 @@ public:
         return cost;
     }
 
-    /// It is gone. Returns what the wait has cost all connections together.
+    /// The connection is gone. Returns what the wait has cost all connections together.
     Duration abandon(TimePoint now) { return owes() ? pay(now) : Duration(0); }
 
 private:
@@ -146,13 +147,13 @@ private:
         bool isForSync;
     };
 
-    // Since when the oldest answer is owed, and could have been read.
+    // Since when the oldest missing answer has been awaited, and could have been read.
     TimePoint oldestAsked() const { return std::max(mUnderWay.front().sent, mReadAt); }
 
     bool isLacking() const { return mPonged < mWanted; }
 
-    // For the time since the oldest PING that is owed an answer, each moment once. A wait only for a "Sync"
-    // costs less.
+    // Pays for the time since the oldest unanswered PING, each moment once. A wait for a "Sync" alone costs
+    // less.
     Duration pay(TimePoint now)
     {
         const TimePoint from = std::max(oldestAsked() + Patience::shortest, mPaidUntil);
@@ -169,14 +170,14 @@ private:
     Patience mPatience;
     Duration mLimit = Patience::atFirst; ///< of a query
     uint64_t mWanted = 0;                ///< the last barrier that is waited for
-    uint64_t mPonged = 0;                ///< up to this one everything has come
-    bool mIsForSync = false;             ///< all that is wanted
+    uint64_t mPonged = 0;                ///< everything before this barrier has come
+    bool mIsForSync = false;             ///< all missing barriers concern a "Sync" only
     std::deque<UnderWay> mUnderWay;
     TimePoint mPaidUntil{};
-    TimePoint mReadAt{}; ///< the last of what was unread
+    TimePoint mReadAt{}; ///< the last of the data that was unread
     std::size_t mUnread = 0;
-    bool mHasDisappointed = false; ///< queries, since the last answer
-    bool mHasGivenUp = false;      ///< nothing is waited for until it answers
+    bool mHasDisappointed = false; ///< answers for queries are overdue since the last answer
+    bool mHasGivenUp = false;      ///< nothing is waited for until the connection answers
 };
 
 #endif

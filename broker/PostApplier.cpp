@@ -21,7 +21,7 @@ BrokerProtocol::Poster self(const Users& users)
     return poster;
 }
 
-// As clients are named in other lines of the log.
+// Names the poster as other log lines name clients.
 std::string textOf(const BrokerProtocol::Poster& poster)
 {
     return (poster.service.empty() ? "" : poster.service + ", ") +
@@ -51,8 +51,8 @@ void PostApplier::apply(const PostConnection& client, std::string_view post)
     apply(client, mCommand);
 }
 
-// The library loses the end of texts whose length is a multiple of its frames' size, the last frame being
-// empty then.
+// The library loses the end of texts whose length is a multiple of its frame size: their last frame is then
+// empty.
 void PostApplier::refuse(std::string_view post)
 {
     const bool isCutOff = post.size() % BrokerProtocol::maxFrameBytes == 0;
@@ -113,7 +113,7 @@ void PostApplier::apply(const PostConnection& client, BrokerProtocol::Command& c
     case Operation::GetTimers:
     case Operation::GetCounters:
     case Operation::SetTimer:
-        return; // no posts
+        return; // not posts
     }
 }
 
@@ -135,13 +135,13 @@ void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
     if (!mGuard.may(client, Action::Time, {}))
         return;
     if (!mOptions.allowSetTime)
-        return mRefusals.report(Refusal::SystemTime,
-                                "Setting the system time to %u refused, not started with --allow-set-time",
-                                seconds);
+        return mRefusals.report(
+            Refusal::SystemTime,
+            "Setting the system time to %u refused: the broker runs without --allow-set-time", seconds);
     if (seconds < STATUSBROKER_BUILD_TIME)
         return mRefusals.report(
             Refusal::SystemTime,
-            "Setting the system time to %u refused, that is before this program was built", seconds);
+            "Setting the system time to %u refused: that is before this program was built", seconds);
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
     if (settimeofday(&time, nullptr) != 0)
@@ -152,7 +152,7 @@ void PostApplier::setSystemTime(const Connection& client, uint32_t seconds)
 void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
                             const std::vector<std::string_view>& keys)
 {
-    DeviceState::Members values; // those that are still there
+    DeviceState::Members values; // the values that still exist
     for (const std::string_view key : keys)
     {
         const DeviceState::Value* value = mState.find(key);
@@ -172,7 +172,7 @@ void PostApplier::endValues(Posters::Id owner, const PolicyTie& rule,
     if (isAudit)
         return;
     publish(BrokerProtocol::Key::statusUpdate, mState.end(values, mSelf), 0);
-    // There may be no room for the text. There is always room for none.
+    // There may be no room for the text. There is always room for the empty text.
     values.erase(std::remove_if(values.begin(), values.end(),
                                 [this](const BrokerProtocol::Member& value)
                                 { return mState.valueOf(value.name) == value.value; }),

@@ -14,18 +14,18 @@
 #include "broker/state/DeviceState.h"
 #include "protocol/BrokerDocuments.h"
 
-/// Does what posts ask for, as far as their clients may, and publishes what follows.
+/// Applies posts as far as the policy lets their clients, and publishes the results.
 class PostApplier
 {
 public:
-    /// All must outlive it.
+    /// All arguments must outlive this object.
     PostApplier(const Options& options, Guard& guard, Refusals& refusals, DeviceState& state,
                 OwnedValues& ownedValues, Outbox& outbox);
 
-    /// @param client the connection on which it came
+    /// @param client the connection on which the post came
     void apply(const PostConnection& client, std::string_view post);
 
-    /// Posts of the broker's own: values that end with their owner.
+    /// Posts for the broker itself, to end values whose owner has gone.
     void endValues(Posters::Id owner, const PolicyTie& rule, const std::vector<std::string_view>& keys);
 
     uint64_t count() const { return mCount; }

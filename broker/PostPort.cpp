@@ -13,33 +13,34 @@ using namespace std::string_view_literals;
 namespace
 {
 
-// Read at a time. More of one connection than this waits until the others have had their turn.
+// The bytes of one read. The rest waits until the other connections have had their turn.
 constexpr std::size_t bufferBytes = std::size_t{64} * 1024;
 
-// Of the log of notifications: so much is read before the others have their turn.
+// The part of the notification log's size that is read before other work.
 constexpr std::size_t turnShare = 8;
-// Where many wait to be read, all have a turn after so many.
+// The bytes of all waiting connections' turns together, and the fewest of one turn.
 constexpr std::size_t bytesOfAllTurns = std::size_t{1024} * 1024;
 constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 
-// A connection of which reading once takes longer has its turn behind the others: it makes all wait, and many
-// such must not make one wait that posts little.
+// If one read of a connection takes longer, the connection is read after the others. It delays all of them,
+// and many such connections must not delay a client that posts little.
 constexpr std::chrono::milliseconds heavyTime{3};
 
-// So long a barrier may read itself; the rest is read in turn.
+// How long a barrier may read by itself; the rest is read in turn.
 constexpr std::chrono::milliseconds longestTaking{5};
 
-// Half of the window with which a connection begins. Where less than this has come since the last PONG,
-// nothing was held back before.
+// Half of a new connection's window. If less than this has come since the last PONG, nothing was held back
+// before.
 constexpr std::size_t fewBytes = std::size_t{32} * 1024;
 
 // A subscription to everything, as a message, which every version of the protocol understands.
 constexpr std::string_view subscription = "\0\1\1"sv;
 
-// A peer that does not know PING: its subscription has arrived for sure after this time.
+// After this time, the subscription has certainly reached a peer that does not know PING.
 constexpr std::chrono::milliseconds subscriptionTime{15};
 
-// The answer to a PING repeats its context: the number of the barrier, the same behind this letter, or this.
+// The contexts of PINGs, which their PONGs repeat: a barrier's number, the same after this letter, or this
+// text.
 constexpr char ownLetter = 'o';
 constexpr std::string_view subscribedContext = "subscribed"sv;
 
@@ -96,7 +97,8 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
         connection.flush();
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
     {
-        // The kernel reports an ended connection whatever the broker asks for, so the broker reads it.
+        // The kernel reports an ended connection even if the broker does not ask for it, so the broker reads
+        // it.
         const bool hasEnded = (what & (EPOLLHUP | EPOLLERR)) != 0;
         if (mIsPaused && connection.isOpen() && !connection.owesPong() && !hasEnded)
             return poll(connection, connection.hasOutput() ? EPOLLOUT : 0U);
@@ -119,7 +121,7 @@ void PostPort::takePosts(TimePoint end)
     takeSome(mHeavy, end, most);
 }
 
-// At least one, if there is one.
+// Reads at least one connection, if there is one.
 void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most)
 {
     do
@@ -134,7 +136,7 @@ void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end,
     } while (Clock::now() < end && mReceived < most && !mBudget.isExceeded());
 }
 
-// Once.
+// Reads once.
 void PostPort::read(PostConnection& connection, TimePoint now)
 {
     const Refusals::From from(mRefusals, connection);
@@ -165,7 +167,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
     connection.isHeavy = Clock::now() - now > heavyTime;
 }
 
-// Its subscription, and behind it the PING whose answer shows that the client has it.
+// Sends the subscription, and a PING whose answer shows that the client has the subscription.
 void PostPort::open(PostConnection& connection)
 {
     noteOpened(connection);
@@ -180,7 +182,7 @@ void PostPort::take(PostConnection& connection, FrameReader::Result result, cons
     ++connection.messages;
     if (result == FrameReader::Result::Message)
         return mOnPost(connection, item.body);
-    const bool isEndless = result == FrameReader::Result::Endless; // what is behind it is not read
+    const bool isEndless = result == FrameReader::Result::Endless; // then nothing more is read
     if (isEndless)
         lose();
     mRefusals.reportLong("Post", isEndless, mLimits.messageBytes);
@@ -198,7 +200,7 @@ void PostPort::lose()
     mLastLoss = Clock::now();
 }
 
-/// @param behind so many bytes have been read behind it
+/// @param behind bytes that were read after it
 void PostPort::takePong(PostConnection& connection, std::string_view context, std::size_t behind,
                         TimePoint now)
 {
@@ -274,8 +276,8 @@ void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
         mAwaited.push_back(&connection);
 }
 
-// From each connection once, and from heavy ones last: where more has come than that, or time or memory is
-// short, a PING finds the end.
+// Reads each connection once, heavy ones last. If more has come than that, or time or memory is short, a PING
+// finds the end.
 void PostPort::takeArrivals()
 {
     std::vector<PostConnection*> light;
@@ -305,7 +307,7 @@ void PostPort::takeArrivals(const std::vector<PostConnection*>& connections, Tim
     }
 }
 
-// If one is due.
+// Sends a PING if one is due.
 void PostPort::ping(PostConnection& connection, TimePoint now)
 {
     const uint64_t barrier = connection.pongs.pingDue();
@@ -318,15 +320,15 @@ void PostPort::ping(PostConnection& connection, TimePoint now)
     awaitAnswer(connection);
 }
 
-// Also where it is paused.
+// Reads the answer even while the port is paused.
 void PostPort::awaitAnswer(PostConnection& connection)
 {
     poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 
-// To be called when all is read that had arrived at the barrier. A client that has ended resets the
-// connection when something comes, and what it has posted last is lost. It cannot answer, but the end of what
-// it has sent is the end of the wait, too.
+// Call this when everything that had arrived before the barrier is read. A client that has ended gets no
+// PING: its system would reset the connection, and its last posts would be lost. The end of its data also
+// ends the wait.
 void PostPort::sendPing(PostConnection& connection)
 {
     const uint64_t barrier = std::exchange(connection.pingToSend, 0);
@@ -390,8 +392,8 @@ void PostPort::doWhatIsDue(TimePoint now)
 
 // --------------------------------------------------------------------------------------------------- start
 
-// The newest first: an old one is likely to stay silent. Reading one may close it, and put another into its
-// place, which has had its turn.
+// Newest first: an old one is likely to stay silent. Reading a connection may close it. Then another takes
+// its index, which has had its turn.
 void PostPort::readStarting(TimePoint now)
 {
     const TimePoint end = now + longestTaking;
@@ -437,7 +439,7 @@ void PostPort::pause(bool does)
     mIsPaused = does;
 }
 
-// Acts on what the connection has sent, or been sent.
+// Acts on the data that the connection has received or sent.
 void PostPort::update(PostConnection& connection)
 {
     if (connection.bytesSincePong != 0 && !connection.isTouched)

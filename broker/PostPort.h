@@ -29,19 +29,20 @@ public:
 
     // ---- Barriers.
     PongWait pongs;
-    uint64_t pingToSend = 0; ///< for which barrier, when all that has arrived is read; 0: none
+    uint64_t pingToSend = 0; ///< the barrier to send a PING for, once everything that has arrived is read; 0:
+                             ///< none
     std::size_t bytesSincePong = 0;
-    bool isTouched = false;             ///< something has come since
+    bool isTouched = false;             ///< something has come since then
     std::shared_ptr<OwnProbe> ownProbe; ///< null: never asked
 
     bool owesPong() const { return pongs.owes() || (ownProbe && ownProbe->owes()); }
 
-    // ---- Start. Posts can arrive when the PING behind the subscription is answered.
+    // ---- Start. Posts can arrive once the PING behind the subscription is answered.
     uint64_t number = 0; ///< in the order of arrival
     bool isSubscribed = false;
     StartWait startWait;
 
-    /// Its client, for the values that it posts; nobody until it posts something.
+    /// Its client, as the poster of values; nobody until it posts something.
     Posters::Id poster = Posters::nobody;
 
     bool isReady = false; ///< to be read
@@ -52,10 +53,10 @@ public:
 /// The port on which posts arrive.
 ///
 /// Posts and requests travel on two connections, so a request can overtake the posts that its client made
-/// before it. A request is answered behind a barrier, therefore. For that, what has arrived on post
-/// connections is taken in. Where much has come since the last look, more may be on its way: in the client's
-/// kernel, or in its libzmq. So the broker sends a PING there, whose answer comes behind all that the client
-/// had let go of, and waits for the answer.
+/// before it. So the broker answers a request behind a barrier: it first takes in everything that has arrived
+/// on post connections. Where much has come since the last look, more may be on its way, in the client's
+/// kernel or its libzmq. So the broker sends a PING on that connection. The answer comes behind all posts
+/// that the client had let go of, and the broker waits for it.
 class PostPort : public Port<PostConnection>
 {
 public:
@@ -63,43 +64,43 @@ public:
 
     PostPort(const PortEnvironment& environment, OnPost onPost);
 
-    /// Something can be read, or written, or has ended. Reading waits for takePosts().
+    /// Something can be read or written, or the connection has ended. Reading waits for takePosts().
     void serve(PostConnection& connection, uint32_t what);
 
-    /// Reads from the connections in turn, as long as there is something, until this time. No more than a
-    /// part of what the log of notifications holds, so that slow subscribers can be looked after.
+    /// Reads from the connections in turn, until this time or until nothing is left. Stops after a part of
+    /// the notification log's capacity, so that slow subscribers can be served.
     void takePosts(TimePoint end);
 
-    /// Connections wait to be read.
+    /// Whether connections wait to be read.
     bool hasPosts() const { return !mReady.empty() || !mHeavy.empty(); }
 
-    /// Opens a barrier behind all that clients have posted by now, and takes in what has arrived of it.
-    /// @param isSync waits also for connections from which only little has come
+    /// Opens a barrier behind everything that clients have posted by now, and reads what has arrived of it.
+    /// @param isSync waits also for connections that have received only little
     uint64_t openBarrier(bool isSync, TimePoint now);
 
-    /// A "Sync" does not wait for it, or only briefly: nothing has come from it since its last PONG, or it
-    /// has little patience left. Its own client may ask it by a PING of its own.
+    /// Whether a "Sync" waits for the connection only briefly or not at all: nothing has come from it since
+    /// its last PONG, or it has little patience left. Then a "Sync" of its own client probes it with a PING.
     static bool needsOwnProbe(const PostConnection& connection);
 
-    /// Asks it, for this barrier.
+    /// Sends such a PING for this barrier.
     /// @returns the probe, which outlives the connection; null if there is nothing to wait for
     std::shared_ptr<const OwnProbe> askOwn(PostConnection& connection, uint64_t barrier, TimePoint now);
 
-    /// Until when what was posted before is waited for at the longest; TimePoint::min() if it has all come.
-    /// @param opened when the barrier was
+    /// Until when to wait at most for posts before the barrier; TimePoint::min() if all have come.
+    /// @param opened when the barrier opened
     TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const;
 
-    /// Of what had arrived before the barrier not all is read.
+    /// Whether data that had arrived before the barrier is still unread.
     bool isUnreadBefore(uint64_t barrier) const;
 
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;
 
-    /// Reads connections that have not shown yet that posts can arrive.
+    /// Reads connections that have not yet shown that posts can arrive.
     void readStarting(TimePoint now);
 
-    /// Of connections that have not shown yet that posts can arrive: the number of the first that is waited
-    /// for, and of the first that was waited for in vain. One that does not show it is waited for only once.
+    /// Connections that have not yet shown that posts can arrive: the number of the first one that is waited
+    /// for, and of the first that was given up. Each is waited for only once.
     struct Unsubscribed
     {
         static constexpr uint64_t none = UINT64_MAX;
@@ -107,25 +108,26 @@ public:
         uint64_t givenUp = none;
     };
 
-    /// Call it once in a round.
+    /// Call this once in a round.
     Unsubscribed unsubscribed(TimePoint now);
 
-    /// Counts what may let clients start: connections that have come, gone, or shown it.
+    /// Counts what may let clients start: post connections that have come, gone, or become able to deliver
+    /// posts.
     uint64_t startNews() const { return mStartNews; }
 
-    /// How many connections have shown it.
+    /// How many connections can deliver posts.
     std::size_t subscribed(TimePoint now) const;
 
-    /// Closes a connection for want of memory. Posts that it had not sent yet are lost.
+    /// Closes a connection for want of memory. Posts that the client had not sent yet are lost.
     void closeForMemory(PostConnection& connection);
 
-    /// How often posts were lost with a connection that was closed here, be it for want of memory or because
-    /// a message did not end. Whose those were nobody knows. (What speaks another protocol is closed, too. It
-    /// has not posted anything.)
+    /// How often posts were lost because a connection was closed here, for want of memory or because of an
+    /// endless message. The broker cannot know whose posts they were. A connection that speaks another
+    /// protocol is closed, too, but has not posted anything.
     uint64_t losses() const { return mLosses; }
     TimePoint lastLoss() const { return mLastLoss; }
 
-    /// While it is paused, nothing is read but what a barrier waits for.
+    /// While the port is paused, it reads only what a barrier waits for.
     void pause(bool does);
 
 private:
@@ -157,17 +159,17 @@ private:
     Guard& mGuard;
     OnPost mOnPost;
     ConnectionLimit mLimit;
-    Poller mArrivals; // the same connections: for what has arrived since the broker's poller reported
+    Poller mArrivals; // the same connections: for data that arrived after the broker's poller reported
     uint64_t mBarrier = 0;
     uint64_t mStartNews = 0;
     uint64_t mLosses = 0;
     TimePoint mLastLoss{};
     uint64_t mReceived = 0;                ///< bytes, on all connections
     std::deque<PostConnection*> mReady;    // to be read, in turn
-    std::deque<PostConnection*> mHeavy;    // behind those
-    std::vector<PostConnection*> mUnread;  // something has arrived, and there was no time to read it
-    std::vector<PostConnection*> mTouched; // from which something has come since their last PONG
-    std::vector<PostConnection*> mAwaited; // whose answer to a PING is
+    std::deque<PostConnection*> mHeavy;    // read after mReady
+    std::vector<PostConnection*> mUnread;  // data has arrived that there was no time to read
+    std::vector<PostConnection*> mTouched; // data has come since their last PONG
+    std::vector<PostConnection*> mAwaited; // their answers to a PING are awaited
     SharedPatience mPatience;
     bool mIsPaused = false;
     std::vector<char> mBuffer;

@@ -8,19 +8,19 @@
 namespace
 {
 
-// Requests up to this length are answered at once. A longer one asks for many values: it takes its turn
-// behind.
+// Requests up to this length are answered at once. A longer one asks for many values, and takes its turn
+// behind them.
 constexpr std::size_t cheapBytes = 1024;
 
-// A start is looked at so often while it is held, and one that has been held for long.
+// How often to look at a held start, and at one that has been held for long.
 constexpr std::chrono::milliseconds startPause{1};
 constexpr std::chrono::milliseconds longStart{600};
 constexpr std::chrono::milliseconds longStartPause{20};
 
-// Accepted at a time for the sake of a start.
+// The most connections accepted at a time for a start.
 constexpr uint64_t manyConnections = 256;
 
-// Subscribers of an earlier broker may have missed the last of what it kept.
+// How long subscribers of an earlier broker may take to come back. They may lack its last changes.
 constexpr std::chrono::seconds restartMemory{30};
 
 template <class List>
@@ -61,7 +61,7 @@ void Questions::answer(TimePoint now, TimePoint end)
     answerSome(mDear, now, end);
 }
 
-// At least one, so that nobody keeps others waiting for ever.
+// Answers at least one request, so that the queue always moves.
 void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
 {
     bool isTimeOver = false;
@@ -93,7 +93,7 @@ TimePoint Questions::endOfWait(const Waiting& each) const
     return mayLack ? std::max(end, each.opened + OwnProbe::longest) : end;
 }
 
-// All that came in this round share one barrier.
+// All requests of this round share one barrier.
 void Questions::sortNew(TimePoint now)
 {
     std::vector<Waiting> behindPosts;
@@ -126,7 +126,7 @@ void Questions::sortNew(TimePoint now)
     }
 }
 
-// @param isTooEarly the broker has not taken in all posts that had arrived before: a "Sync" is not confirmed
+// @param isTooEarly some posts that arrived earlier are still unread, so a "Sync" must not be confirmed
 void Questions::answerOne(const Waiting& each, bool isTooEarly)
 {
     RequestConnection& connection = *each.connection;
@@ -181,15 +181,15 @@ void Questions::start(TimePoint now)
     }
 }
 
-// Where a post connection does not show that it has its subscription, or is missing, it may be this client's.
+// An unconfirmed or missing post connection may belong to this client.
 bool Questions::hadItsTurns(RequestConnection& connection, TimePoint now)
 {
     mRequests.probe(connection);
     return connection.startProbe.isOver(connection.askedAt, now);
 }
 
-// A client's post connection was made before its request connection, and waits to be accepted at the latest.
-// False if there was no time for all of them.
+// A client opens its post connection before its request connection, so that one has arrived by now. Returns
+// false if there was no time to accept all of them.
 bool Questions::acceptPosts(TimePoint now)
 {
     uint64_t arrived = 0;
@@ -213,22 +213,22 @@ void Questions::startOne(RequestConnection& connection)
     acknowledge(connection, mayHaveLostPosts(connection));
 }
 
-// Its first "Sync" here is not that of a new client, but of one that an earlier broker knew: posts may have
-// died with that. A new client says "Sync" at once, and only an old one has subscribed already.
+// Whether its first "Sync" comes from a client of an earlier broker, with which posts may have died. A new
+// client says "Sync" at once, and only an old client has already subscribed.
 bool Questions::mayHaveLostPosts(const RequestConnection& connection) const
 {
     return connection.isReturning ||
            ((isDuringReturn(connection) || isSoonAfterLoss(connection)) && mNotify.hasSubscribers());
 }
 
-// Asked while clients of an earlier broker come back.
+// Whether it was sent while clients of an earlier broker come back.
 bool Questions::isDuringReturn(const RequestConnection& connection) const
 {
     return mOutbox.isRestart() && mReturnTime.isOn(connection.askedAt);
 }
 
-// Asked while those may come back whose posts were lost with a connection that was closed here: their request
-// connections may have been closed, too.
+// Whether it was sent soon after posts were lost with a connection that was closed here. The client's request
+// connection may have been closed, too.
 bool Questions::isSoonAfterLoss(const RequestConnection& connection) const
 {
     return mPosts.losses() != 0 && connection.askedAt < mPosts.lastLoss() + ReturnTime::length;
@@ -242,7 +242,7 @@ void Questions::acknowledge(RequestConnection& connection, bool mayHaveLostPosts
                   Reply(mayHaveLostPosts ? BrokerProtocol::syncLostWord : BrokerProtocol::syncAckWord));
 }
 
-// Clients from before the broker need not have asked it anything yet, but their post connections count, too.
+// Clients of an earlier broker may not have asked anything yet, but their post connections count, too.
 std::size_t Questions::clients(TimePoint now) const
 {
     if (mGate.isYoung(now))

@@ -11,29 +11,29 @@
 #include "broker/ReturnTime.h"
 #include "broker/StartGate.h"
 
-/// Requests between being read and being answered: they wait for the posts that were made before them, and
-/// the first "Sync" of a client for its posts to be able to arrive.
+/// Requests between being read and being answered. A request waits for the posts that were made before it. A
+/// client's first "Sync" waits until the client's posts can arrive.
 class Questions
 {
 public:
-    /// All must outlive it.
+    /// All references must outlive this object.
     Questions(Answerer& answerer, Outbox& outbox, Connections& connections, Refusals& refusals,
               const DeviceState& state, TimePoint serving);
 
     void ask(RequestConnection& connection) { mNew.push_back(&connection); }
 
-    /// A connection has gone.
+    /// The connection has gone.
     void forget(RequestConnection& connection);
 
-    /// Answers what can be answered by now, as long as it is not later than `end`.
+    /// Answers every request that can be answered by now, until `end`.
     void answer(TimePoint now, TimePoint end);
 
-    /// Answers all that waits: the broker ends.
+    /// Answers every waiting request: the broker ends.
     void answerAll();
 
     bool isEmpty() const { return mNew.empty() && mWaiting.empty() && mDear.empty() && mStarting.empty(); }
 
-    /// When answer() is to be called although nothing has come.
+    /// When to call answer() although nothing has arrived.
     TimePoint due() const;
 
 private:
@@ -42,8 +42,8 @@ private:
         RequestConnection* connection;
         uint64_t barrier;
         bool isSync;
-        TimePoint opened;                                 ///< the barrier
-        std::vector<std::shared_ptr<const OwnProbe>> own; ///< posters that may hold something back
+        TimePoint opened;                                 ///< when the barrier opened
+        std::vector<std::shared_ptr<const OwnProbe>> own; ///< probes of the same client's post connections
     };
 
     using Queue = std::deque<Waiting>; ///< in the order of their barriers
@@ -74,12 +74,12 @@ private:
     StartGate mGate;
     std::vector<RequestConnection*> mNew;
     Queue mWaiting;                            // for posts
-    Queue mDear;                               // those that take long to answer
+    Queue mDear;                               // answers that take long
     std::vector<RequestConnection*> mStarting; // oldest first
-    TimePoint mNextLook{};                     // at what starts
-    uint64_t mNewsSeen = 0;                    // at the last look
+    TimePoint mNextLook{};                     // at starting clients
+    uint64_t mNewsSeen = 0;                    // of the start news, at the last look
     TimePoint mNextEnd = TimePoint::max();     // of a wait
-    bool mHasLeftOver = false;                 // could be answered, but the time was over
+    bool mHasLeftOver = false;                 // more could be answered, but the time was up
 };
 
 #endif

@@ -6,11 +6,11 @@
 namespace
 {
 
-// A user may post at once as much as in such a time. An account without connections is kept as long, so that
-// its user gains nothing by coming back.
+// A user may post at once as much as in this time. An account without connections is kept this long, so that
+// its user gains nothing by reconnecting.
 constexpr std::chrono::seconds burst{1};
 
-// From so many accounts on, the old ones are forgotten.
+// From this number of accounts, old ones are dropped.
 constexpr std::size_t manyAccounts = 64;
 
 } // namespace
@@ -23,7 +23,7 @@ void Quotas::setPolicy(const Policy& policy)
     {
         account.quota = policy.quotaFor(user);
         if (wasAudit)
-            account.posts = std::max(account.posts, 0.0); // nobody owes anything of what was only logged
+            account.posts = std::max(account.posts, 0.0); // excess that was only logged is not owed
     }
 }
 
@@ -104,7 +104,7 @@ bool Quotas::mayTake(Shares::User user, const Shares::Share& before, const Share
     return true;
 }
 
-// Returns whether it is done nevertheless.
+// Returns whether to do it nevertheless.
 bool Quotas::refuse(const PolicyQuota& quota, const char* what)
 {
     const bool isAudit = mPolicy->isAudit();

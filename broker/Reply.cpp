@@ -14,7 +14,7 @@ namespace
 
 constexpr std::size_t frameBytes = BrokerProtocol::maxFrameBytes;
 
-// A request socket expects this in front of an answer: an empty frame, and more to come.
+// A request socket expects this before an answer: an empty frame, with more to come.
 constexpr std::string_view delimiter = "\1\0"sv;
 
 } // namespace
@@ -43,8 +43,8 @@ Reply::Reply(Values values, std::vector<std::string_view> keys) : mValues(values
     }
 }
 
-// The last frame must not be empty, which clients take for a failure; so a frame is cut off only where more
-// follows.
+// The last frame must not be empty: clients would take that for a failure. So a frame is completed only if
+// more follows.
 bool Reply::produce(const DeviceState& state, const Shows& shows, std::size_t bytes, std::string& to)
 {
     const auto append = [&to](std::string_view part) { to += part; };
@@ -62,7 +62,7 @@ bool Reply::produce(const DeviceState& state, const Shows& shows, std::size_t by
     return mIsComplete;
 }
 
-// By one frame more, since the last one is kept back.
+// Extends the text by one more frame, since the last frame is held back.
 void Reply::extend(const DeviceState& state, const Shows& shows, std::size_t bytes)
 {
     if (mIsComplete)
@@ -79,7 +79,7 @@ void Reply::extend(const DeviceState& state, const Shows& shows, std::size_t byt
     }
 }
 
-// Under which an answer has its members; null for one that has them at once.
+// The key of the answer's members; null if they are at the top level.
 const char* Reply::key() const
 {
     switch (mValues)
@@ -107,7 +107,7 @@ void Reply::begin()
     mText += ":{";
 }
 
-// False if there is no more.
+// Returns false if there are no more.
 bool Reply::appendNext(const DeviceState& state, const Shows& shows)
 {
     if (mValues == Values::Timers || mValues == Values::Counters)

@@ -10,10 +10,10 @@
 
 #include "broker/state/DeviceState.h"
 
-/// The text of an answer, produced as its reader takes it: the whole state of a device may be many times
+/// The text of an answer, produced as the client reads it. The whole state of a device may be many times
 /// larger than what a connection should hold.
 ///
-/// Values are as they are when their turn comes, so none is older than the request.
+/// Each value is read when its turn comes, so none is older than the request.
 class Reply
 {
 public:
@@ -23,10 +23,10 @@ public:
     /// All values of the device.
     static Reply ofAll() { return Reply(Values::All); }
 
-    /// Those of the keys that are known.
+    /// The values of the listed keys that exist.
     static Reply of(std::vector<std::string_view> keys);
 
-    /// The details of those of the keys that are known.
+    /// The details of the listed keys that exist.
     static Reply detailsOf(std::vector<std::string_view> keys);
 
     /// All timers, or counters, of the device.
@@ -39,12 +39,12 @@ public:
         Measure, ///< a timer or a counter
     };
 
-    /// Appends the frames of a message, as much as makes about so many bytes. True when they are all there.
-    /// @param shows which names to tell; empty for all
+    /// Appends frames of the message, about this many bytes. Returns true when the message is complete.
+    /// @param shows whether a name is visible to the client; empty: all names are
     using Shows = std::function<bool(Kind, std::string_view)>;
     bool produce(const DeviceState& state, const Shows& shows, std::size_t bytes, std::string& to);
 
-    /// Memory that it holds.
+    /// Memory that the answer holds.
     std::size_t heldBytes() const;
 
 private:
@@ -71,7 +71,8 @@ private:
     const DeviceState::Value* nextShown(const DeviceState& state, const Shows& shows);
 
     Values mValues = Values::None;
-    std::string mKeys; ///< behind each other, in order, each there once; a text each would take far more
+    std::string mKeys; ///< the keys one after another, sorted and unique; a string for each would take far
+                       ///< more memory
     std::vector<uint32_t> mKeyEnds;
     std::size_t mNextKey = 0;
     std::optional<std::string> mLastKey;

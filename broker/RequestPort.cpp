@@ -19,13 +19,13 @@ constexpr std::size_t bufferBytes = std::size_t{16} * 1024;
 // memory. The kernel doubles the number.
 constexpr int sendBufferBytes = 32 * 1024;
 
-// Produced at a time; as much may wait for a client that does not read.
+// Produced at a time. As much may wait for a client that does not read.
 constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
 
 // Sent to one connection before the others have their turn.
 constexpr std::size_t turnBytes = std::size_t{32} * 1024;
 
-// Memory that is kept for the next request.
+// Memory that stays allocated for the next request.
 constexpr std::size_t keptBytes = 1024;
 
 constexpr useconds_t pauseMicroseconds = 1000;
@@ -33,10 +33,10 @@ constexpr useconds_t pauseMicroseconds = 1000;
 // A delimiter, and an empty last frame.
 constexpr std::string_view emptyAnswer = "\1\0\0\0"sv;
 
-// The context of the PING in front of an empty answer; the PONG repeats it.
+// The context of the PING before an empty answer; the PONG repeats it.
 constexpr std::string_view emptyContext = "empty"sv;
 
-// The same for the PING to a client that starts; and that answer, as the bytes of the wire.
+// The context of the PING to a starting client, and its answer as the bytes of the wire.
 constexpr std::string_view probeContext = "start"sv;
 constexpr std::string_view probeAnswer = "\4\12\4PONGstart"sv;
 
@@ -129,8 +129,8 @@ void RequestPort::probe(RequestConnection& connection)
     poll(connection, connection.polled | EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 
-// A client that waits for the answer to its "Sync" says nothing else meanwhile. From one that does, nothing
-// more is read until it is answered.
+// A client that waits for the answer to its "Sync" sends only this. If it sends anything else, nothing more
+// is read before the answer.
 void RequestPort::readProbe(RequestConnection& connection)
 {
     if (connection.unread.size() >= probeAnswer.size())
@@ -152,7 +152,7 @@ void RequestPort::readProbe(RequestConnection& connection)
     probe(connection);
 }
 
-// A request has come.
+// Takes a request.
 void RequestPort::take(RequestConnection& connection, FrameReader::Result result,
                        const FrameReader::Item& item, TimePoint now)
 {
@@ -161,7 +161,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     if (result != FrameReader::Result::Message)
         mRefusals.reportLong("Request", result == FrameReader::Result::Endless, mLimits.messageBytes);
     connection.isTooLong = result != FrameReader::Result::Message;
-    // A message without a delimiter in front is not a request, and is answered as such.
+    // A message without a leading delimiter is not a request, and is refused like a malformed one.
     const bool isRequest = item.firstIsEmpty && item.frames > 1 && !connection.isTooLong;
     connection.request.assign(isRequest ? item.body : std::string_view());
     connection.askedAt = now;
@@ -180,7 +180,7 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
     }
 }
 
-// A new client says "Sync" at once, though the broker may have been too busy to read it at once.
+// A new client says "Sync" at once. The arrival counts, as the broker may have been too busy to read it.
 bool RequestPort::isReturning(const RequestConnection& connection, TimePoint now) const
 {
     return connection.request != BrokerProtocol::syncWord ||
@@ -196,12 +196,12 @@ void RequestPort::ask(RequestConnection& connection)
 void RequestPort::reply(RequestConnection& connection, Reply reply)
 {
     connection.reply = std::move(reply);
-    connection.startProbe = StartProbe(); // a PONG that still comes is ignored
+    connection.startProbe = StartProbe(); // a late PONG is ignored
     send(connection);
     update(connection);
 }
 
-// As much of the reply as the kernel takes; then the next request may come.
+// Sends as much of the reply as the kernel takes. When all of it is sent, the next request is read.
 void RequestPort::send(RequestConnection& connection)
 {
     Reply::Shows shows;
@@ -253,7 +253,7 @@ void RequestPort::doWhatIsDue(TimePoint now)
     releaseHeld(now);
 }
 
-// Unless its question waits to be read.
+// Sends it unless a question is already waiting to be read.
 void RequestPort::sendEmptyAnswer(RequestConnection& connection, TimePoint now)
 {
     if (!connection.hasAsked)
@@ -261,15 +261,15 @@ void RequestPort::sendEmptyAnswer(RequestConnection& connection, TimePoint now)
     if (!connection.hasAsked && !connection.isUnfinished() && connection.knowsPing())
     {
         connection.emptyAnswer.sent();
-        // In this order: also where they come apart, a question in front of PONG was sent before the answer
-        // came.
+        // In this order: a question that arrives before PONG was then sent before the empty answer arrived,
+        // even if the two are split.
         connection.sendCommand(Ping::command(emptyContext));
         connection.send(emptyAnswer);
     }
     update(connection);
 }
 
-// Unless it has been asked again, which may wait to be read.
+// Answers held questions, unless the client has asked again. That question may still be unread.
 void RequestPort::releaseHeld(TimePoint now)
 {
     while (!mHeld.empty() && mHeld.front()->emptyAnswer.heldUntil() <= now)
@@ -286,7 +286,7 @@ void RequestPort::releaseHeld(TimePoint now)
     }
 }
 
-// Acts on what the connection has sent, or been sent.
+// Acts on the data that the connection has received or sent.
 void RequestPort::update(RequestConnection& connection)
 {
     if (connection.isDead())
@@ -303,8 +303,8 @@ bool RequestPort::hasOutput() const
                        [](const auto& connection) { return connection->hasOutput() || connection->reply; });
 }
 
-// A connection that is closed with something unread is reset, and what was sent last may be lost. So the end
-// is announced, and what still comes is read until the client has closed, too.
+// Closing a connection with unread data resets it, and its last output may be lost. So this announces the
+// end, and reads until the client has closed, too.
 void RequestPort::sayGoodbye(TimePoint end)
 {
     for (const auto& connection : peers())

@@ -14,27 +14,27 @@
 #include "broker/StartProbe.h"
 #include "broker/wire/Port.h"
 
-/// A connection on which a client asks. One question at a time: the next is read when the answer to the last
-/// has left.
+/// A connection on which a client asks. It serves one question at a time: the next is read when the last
+/// answer has left.
 class RequestConnection : public Connection
 {
 public:
     using Connection::Connection;
 
-    std::string request;    ///< that is being dealt with
-    bool isTooLong = false; ///< the request was, and is not here
-    bool isAsking = false;  ///< there is one
+    std::string request;    ///< the request that is being answered
+    bool isTooLong = false; ///< the request was too long, and is not stored
+    bool isAsking = false;  ///< a request is waiting for its answer
     bool hasAsked = false;  ///< ever
     TimePoint openedAt{};
     TimePoint readyAt{}; ///< when the end of its handshake arrived
     TimePoint askedAt{};
-    std::optional<Reply> reply; ///< as far as it has not been handed to the connection
+    std::optional<Reply> reply; ///< the part that was not yet handed to the connection
     std::string unread;         ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered
-    bool isReturning = false; ///< its first words are not "Sync", or came too late for a new client
-    uint64_t lossesKnown = 0; ///< the last of the losses of posts that it has been told of
-    /// Its post connection is among so many that arrived first; once its first "Sync" has been read.
+    bool isReturning = false; ///< its first message is not "Sync", or came too late for a new client
+    uint64_t lossesKnown = 0; ///< the last loss of posts that was reported to it
+    /// How many post connections had arrived before its first "Sync" was read. Its own is among them.
     std::optional<uint64_t> postsArrived;
     StartProbe startProbe;
 
@@ -49,34 +49,34 @@ public:
 
 /// The port on which clients ask and are answered.
 ///
-/// A client whose question was under way when an earlier broker ended waits for the answer on its new
-/// connection, for ever: its socket does not send the question again. An empty answer makes it ask again. So
-/// each connection that has said nothing for a while gets one; to a client that has no question under way it
-/// means nothing. A question that it crosses on its way is taken care of by EmptyAnswer.
+/// A client whose question was under way when an earlier broker ended waits forever for the answer on its new
+/// connection: its socket does not send the question again. An empty answer makes the client ask again. So
+/// each connection that has said nothing for a while gets an empty answer. It means nothing to a client
+/// without a question under way. EmptyAnswer handles a question that crosses the empty answer.
 class RequestPort : public Port<RequestConnection>
 {
 public:
-    /// Called for a connection that asks. It is to be answered by reply(), now or later.
+    /// Called for a connection that asks. Answer it with reply(), now or later.
     using OnRequest = std::function<void(RequestConnection&)>;
     using OnClose = std::function<void(RequestConnection&)>;
 
     /// A new client says "Sync" within milliseconds.
     static constexpr std::chrono::milliseconds newClientsPause{250};
 
-    /// A connection that has said nothing for so long gets an empty answer.
+    /// A connection that has said nothing for this long gets an empty answer.
     static constexpr std::chrono::milliseconds silence{1000};
 
-    /// All must outlive it.
+    /// All references must outlive this object.
     RequestPort(const PortEnvironment& environment, const DeviceState& state, OnRequest onRequest,
                 OnClose onClose);
 
     void serve(RequestConnection& connection, uint32_t what, TimePoint now);
     void reply(RequestConnection& connection, Reply reply);
 
-    /// Sends a PING that the connection's start probe has due. The connection asks.
+    /// Sends a PING if the connection's start probe has one due. The connection must have a question.
     void probe(RequestConnection& connection);
 
-    /// Counts what came back.
+    /// Counts the answers to such PINGs.
     uint64_t probed() const { return mProbed; }
 
     TimePoint due() const override;
@@ -85,7 +85,8 @@ public:
     /// Whether answers wait that the kernel did not take.
     bool hasOutput() const;
 
-    /// Closes all connections so that clients get the last answers also if they have asked on meanwhile.
+    /// Closes all connections so that each client still gets its last answer, even if it has asked again
+    /// meanwhile.
     void sayGoodbye(TimePoint end);
 
 private:
@@ -120,7 +121,7 @@ private:
     OnClose mOnClose;
     ConnectionLimit mLimit;
     std::deque<RequestConnection*> mSilent; // since their handshake, oldest first
-    std::vector<RequestConnection*> mHeld;  // their question is, behind an empty answer
+    std::vector<RequestConnection*> mHeld;  // a question is held, behind an empty answer
     uint64_t mProbed = 0;
     std::vector<char> mBuffer;
 };

@@ -3,12 +3,12 @@
 
 #include "broker/base/Clock.h"
 
-/// The time within which the clients of an earlier broker come back. Posts may have died with that broker, so
-/// a first "Sync" in this time waits until it is clear whether its client is one of those.
+/// The time within which the clients of an earlier broker reconnect. Posts may have died with that broker. So
+/// a first "Sync" in this time waits until it is clear whether its client is one of them.
 class ReturnTime
 {
 public:
-    /// They try each 100 to 200 ms, on a busy machine somewhat later.
+    /// Clients try again every 100 to 200 ms; on a busy machine somewhat later.
     static constexpr std::chrono::milliseconds length{500};
 
     /// @param serving since when the broker serves

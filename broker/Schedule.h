@@ -7,14 +7,14 @@
 
 #include "broker/base/Clock.h"
 
-/// The tasks of the loop, each with its time.
+/// The loop's tasks, each with its time.
 class Schedule
 {
 public:
     using Due = std::function<TimePoint()>;
     using Task = std::function<void(TimePoint now)>;
 
-    /// @param due returns when it is to be done next; TimePoint::max(): not now
+    /// @param due returns when to run the task next; TimePoint::max(): not now
     void add(Due due, Task task) { mTasks.push_back({std::move(due), std::move(task)}); }
 
     /// When the next task is due.

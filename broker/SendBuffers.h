@@ -4,21 +4,21 @@
 #include <algorithm>
 #include <cstddef>
 
-/// How much the kernel may hold for each subscriber: much for a few, so that each is woken seldom, and little
-/// for many.
+/// How much the kernel may hold for each subscriber: much if there are few, so that the broker wakes seldom
+/// for each, and little if there are many.
 ///
-/// One half of it is for all. The other is for readers: those that went on taking after they had been full.
-/// For the others more would be of no use: they want little, or have stopped.
+/// Half of the total is for all subscribers. The other half is for readers: subscribers that went on reading
+/// after their buffer had been full. More would not help the others: they receive little, or have stopped.
 class SendBuffers
 {
 public:
-    /// The kernel doubles what is asked for, and holds that.
+    /// The kernel doubles the requested size, and holds that much.
     static constexpr std::size_t factor = 2;
     static constexpr std::size_t forAll = std::size_t{16} * 1024 * 1024 / factor;
     static constexpr std::size_t largest = std::size_t{256} * 1024;
     static constexpr std::size_t smallest = std::size_t{4} * 1024;
 
-    /// Takes the present numbers of connections. True if sizes have changed.
+    /// Takes the present numbers of connections. Returns true if sizes have changed.
     bool update(std::size_t subscribers, std::size_t readers)
     {
         const Steps before = mSteps;
@@ -26,7 +26,7 @@ public:
         return mSteps.subscribers != before.subscribers || mSteps.readers != before.readers;
     }
 
-    /// To be asked for.
+    /// The size to request for one subscriber.
     std::size_t size(bool isReader) const
     {
         const std::size_t extra = isReader ? forAll / 2 / mSteps.readers : 0;
@@ -40,8 +40,8 @@ private:
         std::size_t readers = 1;
     };
 
-    // The number, rounded up to a power of two. It is rounded down again a little later, so that sizes do not
-    // change with each one that comes or goes.
+    // The number, rounded up to a power of two. It shrinks only at three eighths of the step. So sizes do not
+    // change with each connection that comes or goes.
     static std::size_t step(std::size_t before, std::size_t count)
     {
         while (before < count)

@@ -1,8 +1,8 @@
 #ifndef BROKER_SIGNALS_H
 #define BROKER_SIGNALS_H
 
-/// SIGTERM, SIGINT and SIGHUP as something to poll. To be made before any thread is started, so that none
-/// gets them.
+/// SIGTERM, SIGINT and SIGHUP as a pollable descriptor. Create it before any thread is started, so that no
+/// thread receives them.
 class Signals
 {
 public:
@@ -15,7 +15,7 @@ public:
     /// Readable when take() has something.
     int descriptor() const { return mDescriptor; }
 
-    /// The next signal that has come; 0 if there is none.
+    /// The next pending signal; 0 if there is none.
     int take();
 
 private:

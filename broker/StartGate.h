@@ -8,42 +8,43 @@
 
 /// Decides when the first "Sync" of a client is answered.
 ///
-/// A client's post socket drops everything until the broker's subscription has reached it, and the socket
-/// takes notice of that at most about every 3 ms. So the answer is held until the post connections that were
-/// accepted before have shown that they have their subscription, and until the socket will look again.
+/// A client's post socket drops everything until the broker's subscription has reached it. It looks for the
+/// subscription at most about every 3 ms. So the answer is held until every post connection accepted earlier
+/// has confirmed the subscription, and until the socket looks again.
 ///
-/// A client connects its post socket before its request socket, so its post connection is among those. But a
-/// client that was there before the broker connects both anew, at times of their own: it tries each 100 to
-/// 200 ms, so at first nobody is answered. There must also be as many post connections as clients. Some open
-/// no post connection: as many as were waited for in vain are not waited for again, until there have been
-/// fewer of them for a while.
+/// A new client connects its post socket before its request socket, so its post connection is among them. But
+/// a client of an earlier broker reconnects both sockets at times of their own, every 100 to 200 ms. So a new
+/// broker answers no client for a while.
+///
+/// There must also be as many post connections as clients. Some clients open none. Post connections that were
+/// waited for in vain are not waited for again, until fewer have been missing for a while.
 class StartGate
 {
 public:
     /// The client's socket looks for a subscription when 3,000,000 ticks of its clock have passed.
     static constexpr std::chrono::microseconds settleTime{3500};
 
-    /// How long a missing post connection is waited for. While the broker is young, clients from before it
-    /// may still come.
+    /// How long to wait for a missing post connection. While the broker is young, clients of an earlier
+    /// broker may still reconnect.
     static constexpr std::chrono::milliseconds patience{50};
     static constexpr std::chrono::milliseconds patienceWhenYoung{500};
     static constexpr std::chrono::seconds youth{2};
 
-    /// Clients from before the broker have connected all their sockets by then.
+    /// Clients of an earlier broker have reconnected all their sockets by then.
     static constexpr std::chrono::milliseconds returnTime{250};
 
-    /// How long it is remembered how many post connections are missing for good.
+    /// How long to remember how many post connections are missing for good.
     static constexpr std::chrono::seconds memory{10};
 
     explicit StartGate(TimePoint brokerStart) : mBrokerStart(brokerStart) {}
 
     bool isYoung(TimePoint now) const { return now - mBrokerStart < youth; }
 
-    /// Whether it is to be answered now.
-    /// @param asked when its "Sync" was read
-    /// @param areSubscribed the post connections accepted before that have their subscription
+    /// Whether to answer now.
+    /// @param asked when the client's "Sync" was read
+    /// @param areSubscribed whether the post connections accepted before have the subscription
     /// @param clients that have asked for anything; in a young broker, also those that have not asked yet
-    /// @param posts post connections with their subscription
+    /// @param posts post connections that have the subscription
     bool opens(TimePoint asked, bool areSubscribed, std::size_t clients, std::size_t posts, TimePoint now)
     {
         if (!areSubscribed || now - asked < settleTime || now - mBrokerStart < returnTime)
@@ -71,7 +72,7 @@ private:
 
     TimePoint mBrokerStart;
     std::size_t mMissing = 0; ///< post connections that were waited for in vain
-    TimePoint mMissed{};      ///< when so many were missing last
+    TimePoint mMissed{};      ///< when that number was last missing
 };
 
 #endif

@@ -3,18 +3,18 @@
 
 #include "broker/base/Clock.h"
 
-/// How long starting clients wait for one post connection to show that posts can arrive: its handshake, and
-/// then the answer to the PING behind its subscription.
+/// How long starting clients wait for one post connection to show that posts can arrive. It shows that by its
+/// handshake, and then by the answer to the PING behind its subscription.
 ///
-/// The time alone would not do. A broker that is kept busy by others has looked only once or twice by then,
-/// and the connection could not have shown anything.
+/// A time limit alone would not do. A busy broker may have looked only once or twice by then, so the
+/// connection could not have shown anything.
 class StartWait
 {
 public:
     static constexpr std::chrono::milliseconds longest{50};
     static constexpr int fewestLooks = 5;
 
-    /// Nothing new has come from it. Returns whether it is given up.
+    /// Nothing new has come from the connection. Returns whether to give it up.
     bool look(TimePoint now)
     {
         if (mLooks == 0)
@@ -24,7 +24,7 @@ public:
         return mIsOver;
     }
 
-    /// It has completed its handshake, which happens once.
+    /// The connection has completed its handshake, which happens once.
     void beginAnew() { *this = StartWait(); }
 
     bool isOver() const { return mIsOver; }

@@ -9,7 +9,7 @@
 
 #include "protocol/Words.h"
 
-// ---- Ranges: four to each doubling, from 1 microsecond on.
+// ---- Ranges: four for each doubling, starting at 1 microsecond.
 
 std::size_t Durations::rangeOf(uint64_t microseconds)
 {
@@ -85,7 +85,7 @@ Statistics::Numbers Statistics::Process::read()
 
     uint64_t pages = 0;
     std::ifstream memory("/proc/self/statm");
-    memory >> pages >> pages; // all, then the resident ones
+    memory >> pages >> pages; // first the total, then the resident pages
     numbers["memory.rss"] = pages * static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
     return numbers;
 }

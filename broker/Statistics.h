@@ -8,7 +8,7 @@
 
 #include "broker/base/Clock.h"
 
-/// How long something took, over many times.
+/// Durations of something that happens many times.
 class Durations
 {
 public:
@@ -16,7 +16,7 @@ public:
 
     uint64_t longest() const { return mLongest; }
 
-    /// In microseconds, as the upper end of a range that is at most a quarter wide; 0 when there were none.
+    /// In microseconds: the upper end of a range that is at most a quarter wide; 0 if there are none.
     uint64_t percentile(unsigned percent) const;
 
 private:
@@ -30,17 +30,16 @@ private:
     uint64_t mLongest = 0;
 };
 
-/// The numbers that the broker counts about itself. None of them is a status value.
+/// The broker's numbers about itself. None of them is a status value.
 namespace Statistics
 {
 
 using Numbers = std::map<std::string, uint64_t>;
 
-/// The version of this program.
 void addVersion(Numbers& numbers);
 
 /// The kernel's numbers of this process: "descriptors.open", "descriptors.limit", "memory.rss" in bytes.
-/// Asking the kernel takes a while, so the broker asks a few times a second at most.
+/// Asking the kernel takes a while, so the broker asks only a few times a second.
 class Process
 {
 public:

@@ -15,13 +15,13 @@
 
 OV_LOG_CONTROL_WORDS;
 
-// systemd's protocol is plain and promised to stay. Its library would bring six others along, and is not
-// there on devices with another service manager, which may speak the protocol, too.
+// systemd's protocol is simple and promised to stay. Its library would need six others. It is also missing on
+// devices with another service manager, which may speak the protocol, too.
 
 namespace
 {
 
-// How long after it had no room the supervisor is told again that the broker is ready.
+// How long to wait until the next attempt to report that the broker is ready.
 constexpr std::chrono::milliseconds retryPause{100};
 
 std::string_view environment(const char* name)
@@ -30,7 +30,7 @@ std::string_view environment(const char* name)
     return value == nullptr ? std::string_view() : value;
 }
 
-// 0 for what is no number.
+// Returns 0 for a text that is not a number.
 uint64_t numberFromEnvironment(const char* name)
 {
     const std::string_view text = environment(name);
@@ -39,24 +39,24 @@ uint64_t numberFromEnvironment(const char* name)
     return error == std::errc() && end == text.data() + text.size() ? number : 0;
 }
 
-// The watchdog may be that of a parent, which has handed its environment on.
+// The watchdog may belong to a parent process, which has passed its environment on.
 bool isWatchdogOurs()
 {
     return environment("WATCHDOG_PID").empty() ||
            numberFromEnvironment("WATCHDOG_PID") == static_cast<uint64_t>(getpid());
 }
 
-// False when the kernel keeps no more for a supervisor that reads nothing. It is not waited for: the clients
-// are served, and signals heeded.
+// Returns false if the kernel's buffer for the supervisor is full. It does not wait, so clients and signals
+// are still served.
 bool tell(std::string_view message)
 {
     const std::string_view path = environment("NOTIFY_SOCKET");
     sockaddr_un address{};
     if (path.empty() || path.size() >= sizeof(address.sun_path))
-        return true; // there is none
+        return true; // no supervisor
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, path.size());
-    if (path[0] == '@') // no file, but a name in the kernel
+    if (path[0] == '@') // a name in the kernel, not a file
         address.sun_path[0] = '\0';
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size());
 
@@ -79,7 +79,7 @@ Supervisor::Supervisor()
         return;
     constexpr uint64_t hour = 3'600'000'000; // an interval that every clock can count
     mInterval = std::chrono::microseconds(
-        std::clamp<uint64_t>(microseconds / 3, 1000, hour)); // a late one does no harm
+        std::clamp<uint64_t>(microseconds / 3, 1000, hour)); // one late message does no harm
     mNextFeeding = Clock::now();
 }
 
@@ -88,7 +88,7 @@ void Supervisor::ready(const std::string& status)
     mReadiness = "READY=1\nSTATUS=" + status;
     tellReadiness();
     if (mNextReadiness)
-        OV_LOG(2, "Could not tell the service manager yet that the broker is ready");
+        OV_LOG(2, "Could not report to the service manager yet that the broker is ready");
 }
 
 void Supervisor::stopping()
@@ -113,6 +113,6 @@ void Supervisor::tellReadiness()
 
 void Supervisor::feed(TimePoint now)
 {
-    tell("WATCHDOG=1"); // if there was no room, it is fed again soon
+    tell("WATCHDOG=1"); // if there was no room, the next message is soon
     mNextFeeding = now + mInterval;
 }

@@ -6,23 +6,23 @@
 
 #include "broker/base/Clock.h"
 
-/// Tells the service manager how the broker is doing. Does nothing where there is none. Never waits for it.
+/// Reports the broker's condition to the service manager, if there is one. Never waits for it.
 class Supervisor
 {
 public:
     Supervisor();
 
-    /// Everything is bound and loaded. Told again until there is room for it: a service manager that missed
-    /// it would end the broker.
+    /// Reports that everything is bound and loaded. Repeated until the service manager's socket has room:
+    /// without the report it would end the broker.
     /// @param status a line for the operator
     void ready(const std::string& status);
     void stopping();
 
-    /// When it is to be told something next: that the broker is ready, if it could not be told yet; then its
-    /// watchdog is to be fed, if there is one.
+    /// When to report next. First it reports that the broker is ready, as long as that could not be sent.
+    /// Then it feeds the watchdog, if there is one.
     std::optional<TimePoint> nextTelling() const { return mNextReadiness ? mNextReadiness : mNextFeeding; }
 
-    /// Tells that, if it is time. To be called from the loop that the watchdog is to watch.
+    /// Sends what is due. Call it from the loop that the watchdog supervises.
     void tellWhatIsDue(TimePoint now);
 
 private:
@@ -30,7 +30,7 @@ private:
     void feed(TimePoint now);
 
     std::string mReadiness;
-    std::optional<TimePoint> mNextReadiness; ///< nothing when it has been told
+    std::optional<TimePoint> mNextReadiness; ///< nothing once it has been sent
     std::chrono::microseconds mInterval{0};
     std::optional<TimePoint> mNextFeeding;
 };

@@ -19,7 +19,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// The levels that the environment sets for single files go over the level for all.
+// Levels that the environment sets for single files override the level for all.
 void setLogLevel(int level)
 {
     ov_log_configure(("*=" + std::to_string(level)).c_str());
@@ -37,7 +37,7 @@ void logPolicy(const Options& options, const Policy& policy)
            policy.isAudit() ? "only logged" : "in force", policy.rules());
 }
 
-// All or nothing.
+// Applies all of the new options, or none.
 void reload(const CommandLine& commandLine, Broker& broker)
 {
     try
@@ -48,7 +48,7 @@ void reload(const CommandLine& commandLine, Broker& broker)
         broker.setPolicy(std::move(policy));
         setLogLevel(options.logLevel);
         broker.setLimits(options.limits);
-        OV_LOG(5, "Took over limits, log level and policy");
+        OV_LOG(5, "Applied new limits, log level and policy");
         if (options.policy.empty())
             OV_LOG(5, "There is no policy: clients may do everything");
         else
@@ -56,7 +56,7 @@ void reload(const CommandLine& commandLine, Broker& broker)
     }
     catch (const std::exception& error)
     {
-        OV_LOG(0, "Keeping the options: %s", error.what());
+        OV_LOG(0, "Keeping the old options: %s", error.what());
     }
 }
 
@@ -84,7 +84,7 @@ void run(const CommandLine& commandLine)
     std::unique_ptr<const Policy> policy = readPolicy(options.policy);
     if (commandLine.isCheck())
     {
-        puts("statusbroker: configuration is good");
+        puts("statusbroker: the configuration is valid");
         if (!options.policy.empty())
             fputs(policy->describe().c_str(), stdout);
         return;
@@ -93,7 +93,7 @@ void run(const CommandLine& commandLine)
     serve(commandLine, options, std::move(policy));
 }
 
-// Freed memory goes back to the system where it is not between memory in use: large pieces are kept apart.
+// Large pieces of memory are kept apart, so that they return to the system when they are freed.
 void keepMemoryReturnable()
 {
     constexpr int largePiece = 16 * 1024;
@@ -112,9 +112,9 @@ int complain(const std::exception& exception, int exitCode)
 
 int main(int argc, char** argv)
 {
-    signal(SIGPIPE, SIG_IGN); // the reader of the log may go away
+    signal(SIGPIPE, SIG_IGN); // the reader of the log may disappear
     ov_log_never_wait();      // or stop reading
-    signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a full disk
+    signal(SIGXFSZ, SIG_IGN); // a file at its size limit counts as a full disk
     keepMemoryReturnable();
     try
     {

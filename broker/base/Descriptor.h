@@ -21,7 +21,7 @@ public:
     int number() const { return mNumber; }
     bool isOpen() const { return mNumber != -1; }
 
-    /// Hands it on to another owner.
+    /// Hands the descriptor over to another owner.
     int release() { return std::exchange(mNumber, -1); }
 
     void close()

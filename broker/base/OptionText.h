@@ -6,17 +6,17 @@
 #include <string>
 #include <string_view>
 
-/// How the values of options are written.
+/// Reads and writes the values of options.
 namespace OptionText
 {
 
 constexpr uint64_t kibi = 1024;
 constexpr uint64_t mebi = kibi * kibi;
 
-/// In quotes, short and harmless on a terminal, whatever it holds.
+/// In quotes, shortened, and harmless on a terminal for any text.
 std::string quoted(const std::string& text);
 
-/// Decimal digits only. Nothing if it is anything else, or too large.
+/// Decimal digits only. Returns nothing for any other text, or a number that is too large.
 std::optional<uint64_t> readNumber(std::string_view text);
 
 /// A number that may end with K (1024) or M (1024 K).
@@ -24,11 +24,11 @@ std::optional<uint64_t> readSize(std::string_view text);
 
 std::string showNumber(uint64_t number);
 
-/// As readSize() reads it, and as short as possible.
+/// As short as possible, in the form that readSize() reads.
 std::string showSize(uint64_t size);
 
-/// Returns what is wrong with the name of a file, or a glob; empty if nothing is. An option in its place was
-/// not meant: "--state --check-config" lacks the name of a file. On the command line "--state=--check-config"
+/// Returns the error in the name of a file, or in a glob; empty if there is none. Refuses an option in its
+/// place: in "--state --check-config" the name is missing. On the command line, "--state=--check-config"
 /// looks the same.
 std::string checkText(const std::string& value);
 

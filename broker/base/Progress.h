@@ -4,11 +4,11 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Whether a connection gets on: what it holds is on its way, or only lies there.
+/// Judges whether a connection makes progress, or its bytes only lie there.
 class Progress
 {
 public:
-    /// To be called at intervals.
+    /// Call this at intervals.
     /// @param moved bytes that it has received and sent so far
     void look(uint64_t moved)
     {
@@ -17,7 +17,7 @@ public:
         mLooks += mLooks < enoughLooks ? 1 : 0;
     }
 
-    /// Since the last look but one it has moved less than a quarter of what it holds.
+    /// Whether it has moved less than a quarter of what it holds, since the last look but one.
     bool isStalled(uint64_t moved, std::size_t held) const
     {
         constexpr unsigned quarter = 4;

@@ -13,7 +13,7 @@
 
 #include "broker/base/Clock.h"
 
-/// Why something that came from outside was not done.
+/// Why the broker did not do what came from outside.
 enum class Refusal
 {
     MalformedPost,
@@ -30,60 +30,61 @@ enum class Refusal
     Connections,
     Memory,
     Denied,       ///< by the policy
-    Audited,      ///< would be denied, if the policy did not only log
-    AuditedView,  ///< the same, to be told of something
+    Audited,      ///< would be denied if the policy were not in audit mode
+    AuditedView,  ///< the same for seeing a value or an event
     UnknownOwner, ///< the policy cannot be applied to the connection
-    OwnerGone,    ///< values have ended with their owner
-    Quota,        ///< beyond the share of a user
+    OwnerGone,    ///< values were ended because their owner has gone
+    Quota,        ///< beyond a user's quota
 };
 
 constexpr std::size_t refusalKinds = static_cast<std::size_t>(Refusal::Quota) + 1;
 
-/// So much of what came from outside is logged: enough to recognise it by. For "%.*s".
+/// How much of a text from outside is logged: enough to recognise it. For "%.*s".
 inline int excerptLength(std::string_view text)
 {
     constexpr std::size_t enough = 200;
     return static_cast<int>(text.size() < enough ? text.size() : enough);
 }
 
-/// A source of refused things: a connection, for example.
+/// A source of refusals, such as a connection.
 class Refused
 {
 public:
     uint64_t refusals = 0;
 };
 
-/// Counts what is refused and logs it, within reason: one that keeps misbehaving cannot flood the log.
+/// Counts refusals, and logs them at a limited rate: no source can flood the log.
 class Refusals
 {
 public:
-    /// At most this many lines of a kind are logged within a window. The next one reports how many were left
+    /// At most this many lines of a kind are logged within a window. The next line says how many were left
     /// out.
     static constexpr unsigned linesPerWindow = 5;
     static constexpr std::chrono::seconds window{10};
 
-    /// @param now for tests: what to measure the windows with
+    /// @param now the clock that measures the windows; tests pass their own
     explicit Refusals(TimePoint (*now)() = &Clock::now) : mNow(now) {}
     ~Refusals();
 
     Refusals(const Refusals&) = delete;
     Refusals& operator=(const Refusals&) = delete;
 
-    /// Names a source in the log; nothing while it is not known who that is. Then the line waits for tell().
+    /// Names a source in the log; returns nothing while its name is being looked for. Then the line waits for
+    /// tell().
     using Describe = std::function<std::optional<std::string>(Refused&)>;
     void setDescribe(Describe describe) { mDescribe = std::move(describe); }
 
-    /// It is known now who the source is, or it goes.
+    /// The source's name is known now, or the source is about to be destroyed.
     void tell(const Refused& source, const std::string& name);
 
-    /// The source whose line waits longest, and since when; null if no line waits.
+    /// The source whose line has waited longest, and since when; null if no line waits.
     std::pair<Refused*, TimePoint> waitingLongest() const
     {
         return mHeld.empty() ? std::pair<Refused*, TimePoint>{}
                              : std::pair{mHeld.front().source, mHeld.front().since};
     }
 
-    /// As long as it lives, refusals come from this source, which must live as long.
+    /// While this object lives, refusals come from this source, which must outlive it.
     class From
     {
     public:
@@ -100,10 +101,10 @@ public:
         Refused* mBefore;
     };
 
-    /// Counts it, and logs the text at level 2, within reason.
+    /// Counts the refusal, and logs the text at level 2, at a limited rate.
     void report(Refusal kind, const char* format, ...) __attribute__((format(printf, 3, 4), cold));
 
-    /// A message beyond the limit, or one that does not end, for which its connection is closed.
+    /// Reports a message beyond the limit, or an endless one, for which the connection is closed.
     void reportLong(const char* message, bool isEndless, std::size_t limit);
 
     uint64_t count(Refusal kind) const { return mKinds[static_cast<std::size_t>(kind)].count; }
@@ -120,7 +121,7 @@ private:
         TimePoint windowStart{};
     };
 
-    // A line that waits. There are never many, as only a few are logged in a window.
+    // A waiting line. There are never many, since only a few are logged in a window.
     struct Held
     {
         Refused* source;

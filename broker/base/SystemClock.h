@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <ctime>
 
-/// A clock of the kernel. Not by std::chrono: on 32-bit processors the C++ library's wall clock ends in 2038.
+/// A clock of the kernel. Not std::chrono: on 32-bit processors the C++ library's wall clock ends in 2038.
 inline uint64_t microsecondsOf(clockid_t clock)
 {
     timespec now{};

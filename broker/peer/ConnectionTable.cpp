@@ -12,15 +12,15 @@
 namespace
 {
 
-// Tables are read up to here: fifty thousand connections.
+// At most this much of a table is read: fifty thousand connections.
 constexpr std::size_t mostBytes = std::size_t{8} * 1024 * 1024;
 
-// Lines have 150 bytes, in tcp6 180.
+// A line has 150 bytes, in tcp6 180.
 constexpr std::size_t longestLine = 1024;
 
 constexpr std::string_view established = "01";
 
-// The words of a line that count.
+// The words of a line that matter here.
 enum Word
 {
     Local = 1,
@@ -46,7 +46,7 @@ bool readNumber(std::string_view text, int base, Number& number)
     return result.ec == std::errc() && result.ptr == text.data() + text.size();
 }
 
-// "0100007F:15B3": each four bytes of the address as this machine reads a number, then the port.
+// Parses "0100007F:15B3": each four bytes of the address as a number of this machine, then the port.
 bool isSame(std::string_view end, const sockaddr_in& address)
 {
     constexpr int hexadecimal = 16;
@@ -63,7 +63,7 @@ bool isSame(std::string_view end, const sockaddr_in& address)
            SocketAddress::isSame(words, colon != digits, address.sin_addr);
 }
 
-// Lines of a file, one after the other; of a line that is too long, nothing.
+// The lines of a file, one after the other. Lines that are too long are skipped.
 class Lines
 {
 public:

@@ -7,9 +7,9 @@
 #include "broker/peer/Owner.h"
 #include "broker/peer/SocketPair.h"
 
-/// The kernel's tables of TCP connections as text: /proc/net/tcp, and tcp6 for peers with an IPv6 socket. For
-/// kernels and sandboxes without NETLINK_SOCK_DIAG. A look takes a millisecond or more, however few
-/// connections there are, and tells no control group.
+/// The kernel's tables of TCP connections as text: /proc/net/tcp, and tcp6 for peers with an IPv6 socket.
+/// Used where a kernel or sandbox lacks NETLINK_SOCK_DIAG. A look takes a millisecond or more, even for few
+/// connections, and finds no control group.
 class ConnectionTable
 {
 public:
@@ -21,7 +21,7 @@ public:
 
     /// Reads the owner from one line of a table.
     /// @param line any text
-    /// @returns NotAsked if the line is about another socket, or not to be understood
+    /// @returns NotAsked if the line is about another socket, or cannot be understood
     static Owner read(std::string_view line, const SocketPair& pair);
 
 private:

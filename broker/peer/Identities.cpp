@@ -7,15 +7,15 @@
 namespace
 {
 
-// Looking for processes takes this of a round at most. Then it rests so many times as long as it has taken,
-// as far as it was not interrupted itself.
+// The search for processes takes at most a turn of a round. Then it rests for 20 times what it took. A turn
+// that took longer than longestTurn was interrupted, so the excess does not count.
 constexpr std::chrono::milliseconds turn{1};
 constexpr std::chrono::milliseconds longestTurn{5};
 constexpr int restFactor = 20;
 
-// The peer may have reset the connection before it was accepted. Then what it had sent is still to be read,
-// but its pair of addresses is free: the kernel may have told of somebody else, who has made a connection
-// with the same port since. As long as our end is connected, nobody can.
+// The peer may have reset the connection before it was accepted. Then its data can still be read, but its
+// pair of addresses is free. The kernel may have answered about another client, which has made a connection
+// with the same port since. While our end is connected, no other client can.
 bool isEstablished(int connection)
 {
     tcp_info info{};
@@ -41,7 +41,7 @@ Identity Identities::identify(int connection, const sockaddr_in& peer, const soc
     return identity;
 }
 
-// Later, if that was asked too often lately.
+// If the service cannot be looked for now, it stays open for later.
 void Identities::findService(Identity& identity)
 {
     const std::optional<uint64_t> group = identity.owner.cgroup();

@@ -13,67 +13,66 @@
 #include "broker/peer/Services.h"
 #include "broker/peer/Users.h"
 
-/// Finds out who is at the other end of connections. User and service at once; the process behind them little
-/// by little, so that nobody waits for that.
+/// Finds out which client is at the other end of a connection. It finds user and service at once. It looks
+/// for the process little by little, so that nothing waits for the search.
 class Identities
 {
 public:
-    /// Where it looks.
-    /// @param proc "/proc"; tests look elsewhere
+    /// @param proc "/proc"; tests pass another folder
     explicit Identities(const std::string& proc = "/proc") : Identities(proc, OwnerQuery::Sources()) {}
 
-    /// @param owners where it looks for owners; tests look elsewhere
+    /// @param owners where to look for owners; tests pass their own
     Identities(const std::string& proc, OwnerQuery::Sources owners)
         : mOwners(std::move(owners)), mServices(Services::rootIn(proc)), mProcesses(proc)
     {
     }
 
-    /// Of a connection that has just been accepted.
+    /// Identifies the peer of a connection that has just been accepted.
     /// @param connection our end
     /// @param peer the peer's address
-    /// @param own  ours
+    /// @param own our address
     Identity identify(int connection, const sockaddr_in& peer, const sockaddr_in& own);
 
-    /// Has its process looked for, once, and its service if that is still open.
+    /// Starts the search for the process, once, and for the service if that is still open.
     void seek(Identity& identity);
 
     /// The connection is closed.
     void forget(Identity& identity);
 
-    /// Processes are being looked for.
+    /// Whether a search is under way.
     bool isSeeking() const { return mProcesses.hasWork(); }
 
-    /// When seekOn() is to be called.
+    /// When to call seekOn().
     TimePoint due() const { return mProcesses.hasWork() ? mNext : TimePoint::max(); }
 
-    /// Looks for processes, for about a millisecond.
-    /// @returns what has been found. It is to be handed to settle() for each identity that there is.
+    /// Continues the search, for about a millisecond.
+    /// @returns the findings; hand each of them to settle() for every identity
     std::vector<Processes::Found> seekOn(TimePoint now);
 
-    /// Enters the results of a search for the process.
+    /// Enters the result of a search for the process.
     static void settle(Identity& identity, const Processes::Found& found);
 
-    /// See Processes.
+    /// See Processes::socketsOf().
     std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const
     {
         return mProcesses.socketsOf(pid, program);
     }
 
-    /// The kernel tells which user made a socket, and in which service.
+    /// Whether the kernel reports the user and the service in which a socket was made.
     bool tellsUsers() const { return mOwners.road() != OwnerQuery::Road::None; }
     bool tellsServices() const { return mOwners.tellsControlGroups() && mServices.isThere(); }
 
-    /// Users from outside the broker's user namespace can be told apart, too.
+    /// Whether users from outside the broker's user namespace can be distinguished, too.
     bool tellsAllUsers() const { return mOwners.seesAllUsers(); }
 
-    /// Looks for its service again, if that could not be looked for at once.
+    /// Looks for the service, if that was not possible at once.
     void completeService(Identity& identity)
     {
         if (identity.isServiceOpen)
             findService(identity);
     }
 
-    /// As the files have them now.
+    /// The users, as the files list them now.
     const Users& users()
     {
         mUsers.refresh();
@@ -87,7 +86,7 @@ private:
     Services mServices;
     Users mUsers;
     Processes mProcesses;
-    TimePoint mNext{}; ///< when to go on
+    TimePoint mNext{}; ///< when to continue
 };
 
 #endif

@@ -9,25 +9,25 @@
 /// The peer at the other end of a connection, as far as it is known.
 struct Identity
 {
-    // ---- What the kernel vouches for. It never changes.
+    // ---- Vouched for by the kernel. It never changes.
     Owner owner;
     std::string user;            ///< its name, or its number; empty: unknown
     std::string service;         ///< of systemd; empty: none, or unknown
-    bool isServiceKnown = false; ///< which it is, or that there is none
-    bool isServiceOpen = false;  ///< it can be looked for only later
+    bool isServiceKnown = false; ///< whether it is known which service it is, or that there is none
+    bool isServiceOpen = false;  ///< the service can be looked for only later
 
-    // ---- For people.
+    // ---- For people only.
     pid_t pid = 0;         ///< 0: unknown
     std::string program;   ///< empty: unknown
     bool isShared = false; ///< other processes have the socket, too
 
-    /// For its process.
+    /// The search for its process.
     enum class Search
     {
         None,
         UnderWay,
         Over,
-        CutShort, ///< by the end of the connection
+        CutShort, ///< the connection ended first
     };
     Search search = Search::None;
 

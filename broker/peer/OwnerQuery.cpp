@@ -47,12 +47,12 @@ private:
         return getsockname(socket.number(), reinterpret_cast<sockaddr*>(&address), &size) == 0;
     }
 
-    // At once, unless a packet filter swallows it.
+    // Succeeds at once, unless a packet filter drops the packets.
     bool connect()
     {
         constexpr int enough = 100; // milliseconds
         (void)::connect(mPeer.number(), reinterpret_cast<sockaddr*>(&mPair.own),
-                        sizeof(mPair.own)); // see below
+                        sizeof(mPair.own)); // poll() decides
         pollfd polled{mPeer.number(), POLLOUT, 0};
         return poll(&polled, 1, enough) == 1 && (polled.revents & (POLLERR | POLLHUP)) == 0;
     }

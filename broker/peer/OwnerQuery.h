@@ -11,13 +11,13 @@
 
 /// Asks the kernel who made the socket at the other end of a TCP connection of this machine.
 ///
-/// The kernel knows who made the socket, as SO_PEERCRED does for other sockets: which user's trust the
-/// connection has, not which program uses it. It is asked when the connection is accepted. As long as our end
-/// is connected, nobody else can have a connected socket with the same pair of addresses.
+/// As SO_PEERCRED does for other sockets, this finds the user whose trust the connection has, not the program
+/// that uses it. The question is asked when the connection is accepted. As long as our end is connected, no
+/// other process can have a connected socket with the same pair of addresses.
 class OwnerQuery
 {
 public:
-    /// How the kernel is asked.
+    /// How to ask the kernel.
     enum class Road
     {
         SockDiag,        ///< NETLINK_SOCK_DIAG
@@ -25,32 +25,32 @@ public:
         None,            ///< every owner is unknown
     };
 
-    /// Where it looks; tests look elsewhere.
+    /// Where to look; tests pass other places.
     struct Sources
     {
         std::string proc = "/proc";
         SockDiag sockDiag;
     };
 
-    /// Takes the first road that tells the truth about a connection of this process's own. "No such
-    /// connection" is all that a kernel says that lacks the module tcp_diag, also about those that exist.
+    /// Takes the first road that gives a right answer about a connection of this process itself. A kernel
+    /// without the module tcp_diag reports "no such connection" even for existing ones.
     OwnerQuery() : OwnerQuery(Sources()) {}
     explicit OwnerQuery(Sources sources);
 
     Road road() const { return mRoad; }
 
-    /// The kernel tells in which control group a socket was made.
+    /// Whether the kernel reports in which control group a socket was made.
     bool tellsControlGroups() const { return mTellsControlGroups; }
 
     /// For people: "sock_diag", "/proc/net/tcp", "none".
     static const char* name(Road road);
 
-    /// Users from outside the broker's user namespace can be told apart. If not, they are unknown.
+    /// Whether users from outside the broker's user namespace can be distinguished. If not, they are unknown.
     bool seesAllUsers() const { return mUsers.isWhole(); }
 
     /// Never waits for the peer.
-    /// @param peer the peer's address, as accept() or getpeername() tells it
-    /// @param own ours, as getsockname() tells it
+    /// @param peer the peer's address, as accept() or getpeername() returns it
+    /// @param own our address, as getsockname() returns it
     Owner ask(const sockaddr_in& peer, const sockaddr_in& own);
 
 private:

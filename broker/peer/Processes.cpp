@@ -18,7 +18,7 @@ bool readNumber(std::string_view text, Number& number)
     return result.ec == std::errc() && result.ptr == text.data() + text.size();
 }
 
-// From "socket:[123]".
+// Reads the number from "socket:[123]".
 bool readSocket(std::string_view link, uint64_t& inode)
 {
     constexpr std::string_view begin = "socket:[";
@@ -26,7 +26,7 @@ bool readSocket(std::string_view link, uint64_t& inode)
            readNumber(link.substr(begin.size(), link.size() - begin.size() - 1), inode);
 }
 
-// The socket behind a link of the folder of a process's descriptors; 0 if it is none.
+// The inode of the socket behind a link in a process's folder of descriptors; 0 if it is not a socket.
 uint64_t socketAt(DIR* descriptors, const char* name)
 {
     std::array<char, 64> link{};
@@ -101,7 +101,7 @@ void Processes::begin()
     mProcesses = folderAt(AT_FDCWD, mProc);
 }
 
-// Looks at one descriptor, or opens one process. False at the end of the pass.
+// Looks at one descriptor, or opens one process. Returns false at the end of the pass.
 bool Processes::step()
 {
     if (!mProcesses || mWanted.empty())
@@ -140,15 +140,15 @@ void Processes::note(Found& found)
     found.others = found.pid != 0;
     if (found.pid != 0 && found.pid < mPid)
         return;
-    // Through the folder that is open: the number may be another process's by now, but not the folder.
+    // Reads through the open folder: another process may have the number by now, but not the folder.
     found.pid = mPid;
     found.program = programOf(mProcess);
 }
 
 std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) const
 {
-    constexpr int mostDescriptors = 1024; // one process must not make others wait
-    constexpr int fewDescriptors = 32;    // read however late it is: a busy machine may take all of the time
+    constexpr int mostDescriptors = 1024; // one process must not delay others
+    constexpr int fewDescriptors = 32;    // read even when the time is over: others may have used it
     const TimePoint end = Clock::now() + std::chrono::milliseconds(1);
     const Descriptor process = openFolder(AT_FDCWD, mProc + "/" + std::to_string(pid));
     std::set<uint64_t> sockets;

@@ -14,49 +14,48 @@
 #include "broker/base/Clock.h"
 #include "broker/base/Descriptor.h"
 
-/// Which processes have a socket, for people to read: never for decisions. A process may hand a socket on,
-/// end, or give itself any program name; and where the broker may not look into another user's processes, it
-/// finds none.
+/// Finds the processes that have a socket, for people to read, never for decisions. A process may hand a
+/// socket on, end, or give itself any program name. Where the broker may not look into another user's
+/// processes, it finds none.
 ///
-/// There is no way to ask for the process of a socket, so the descriptors of all processes are looked at, a
-/// little at a time.
+/// The kernel cannot be asked for the process of a socket. So this looks at the descriptors of all processes,
+/// a few at a time.
 class Processes
 {
 public:
     struct Found
     {
         uint64_t inode = 0;  ///< the socket
-        pid_t pid = 0;       ///< the lowest of those that have it; 0 if none was found
+        pid_t pid = 0;       ///< the lowest of the processes that have it; 0 if none was found
         std::string program; ///< its name, as printable ASCII
         bool others = false; ///< other processes have it, too
     };
 
-    /// More sockets than this are not looked for at a time.
+    /// The most sockets that are looked for at a time.
     static constexpr std::size_t mostWanted = 4096;
 
-    /// @param proc where processes are; tests look elsewhere
+    /// @param proc the folder of processes; tests pass another
     explicit Processes(std::string proc = "/proc");
 
-    /// Looks for the process of this socket. False if too many are being looked for.
+    /// Starts to look for the process of this socket. Returns false if too many searches are under way.
     bool want(uint64_t inode);
 
-    /// Nobody wants to know any more.
+    /// Ends the search for this socket.
     void forget(uint64_t inode);
 
-    /// There is something to look for.
+    /// Whether a search is under way.
     bool hasWork() const { return !mWanted.empty() || !mNext.empty(); }
 
-    /// Goes on where it stopped. Sockets that were wanted in the middle of a pass are looked for in the next
-    /// one.
-    /// @param atMost how long; one step of some microseconds is always done
-    /// @returns those that have been looked for everywhere, at the end of a pass
+    /// Continues where it stopped. A socket that is added during a pass is looked for in the next pass.
+    /// @param atMost time limit; at least one step of some microseconds is done
+    /// @returns the sockets that were looked for everywhere; only at the end of a pass
     std::vector<Found> work(Clock::duration atMost);
 
-    /// The sockets of a process that runs this program; none if another does by now. Of a process with very
-    /// many descriptors, some of them. Looks at once, beside what is wanted.
+    /// The sockets of a process that runs this program; none if it runs another program by now. For a process
+    /// with very many descriptors, only some of its sockets. Looks at once, apart from the searches.
     std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const;
 
-    /// How names are told: every byte that is not printable ASCII is a "?".
+    /// A name with a "?" for every byte that is not printable ASCII.
     static std::string printable(std::string name);
 
 private:

@@ -24,7 +24,7 @@ bool endsIn(const std::string& name, std::string_view end)
     return name.size() > end.size() && name.compare(name.size() - end.size(), end.size(), end) == 0;
 }
 
-// The kernel's own number of the control group. The inode's number is only the lower half of it on 32 bits.
+// The kernel's own number of the control group. On 32 bits, the inode's number is only its lower half.
 uint64_t idOf(const Descriptor& folder)
 {
     constexpr int ofTheTree = 0xfe; // FILEID_KERNFS
@@ -51,7 +51,7 @@ struct CloseFolder
 };
 using OpenFolder = std::unique_ptr<DIR, CloseFolder>;
 
-// "\040" is a space.
+// Replaces escapes: "\040" is a space.
 std::string unescaped(const std::string& text)
 {
     constexpr std::size_t digits = 3;
@@ -68,7 +68,7 @@ std::string unescaped(const std::string& text)
 
 } // namespace
 
-// One walk over the tree, higher folders first: who owns a deep folder cannot hide the services beside it.
+// One walk over the tree, higher folders first. So the owner of a deep folder cannot hide services beside it.
 class Services::Walk
 {
 public:
@@ -92,7 +92,7 @@ public:
         return count;
     }
 
-    /// Nothing was left out.
+    /// Whether no folder was left out.
     bool isComplete() const { return mIsComplete && mRoot.isOpen(); }
 
 private:
@@ -102,9 +102,9 @@ private:
     struct Folder
     {
         std::string path;
-        std::size_t service; ///< its place among the services, or none
+        std::size_t service; ///< index in mServices, or none
         unsigned depth;
-        bool hasOnlySlices; ///< on the way to it
+        bool hasOnlySlices; ///< on the path to it
     };
 
     struct Service
@@ -118,7 +118,7 @@ private:
         Descriptor opened(
             openat(mRoot.number(), folder.path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!opened.isOpen())
-            return; // has gone since
+            return; // gone since then
         mNames[idOf(opened)] = folder.service == none ? std::string() : mServices[folder.service].name;
         OpenFolder entries(fdopendir(opened.number()));
         if (!entries)
@@ -130,7 +130,7 @@ private:
                     break;
     }
 
-    // False if the folder it is in has no room for more.
+    // Returns false if the parent's service has no room for more folders.
     bool add(const Folder& parent, const std::string& name)
     {
         const bool isFull = parent.service != none
@@ -179,7 +179,7 @@ std::string Services::rootIn(const std::string& proc)
         std::string ignored;
         std::string part;
         std::string place;
-        // Of a part of the tree it cannot be told what is above it.
+        // For a mounted part of the tree, the folders above it are unknown.
         if (words >> ignored >> ignored >> ignored >> part >> place && part == "/")
             return unescaped(place);
     }
@@ -224,7 +224,7 @@ bool Services::mayWalk()
 
 void Services::walk(uint64_t wanted)
 {
-    mNames.clear(); // folders that have gone do not come back with the same id
+    mNames.clear(); // folders that are gone never return with the same id
     Walk walk(mRoot, mNames);
     mAllowance -= static_cast<long>(walk.run());
     if (mNames.count(wanted) != 0 || !walk.isComplete())

@@ -11,16 +11,16 @@
 namespace
 {
 
-// Of TCP; the kernel's header for programs has it in an enumeration of the C library's header, and not here.
+// TCP_ESTABLISHED, which the included headers lack.
 constexpr uint8_t established = 1;
 
-// Headers of Debian 12 have it, older ones do not.
+// The headers of Debian 12 have it, older ones do not.
 constexpr uint16_t cgroupAttribute = 21;
 
-// Answers are 72 bytes and some attributes.
+// An answer is 72 bytes and some attributes.
 constexpr std::size_t mostBytes = 4096;
 
-// Answers to earlier questions that were never read, and calls that a signal interrupts.
+// Allows for unread answers to earlier questions, and for calls that a signal interrupts.
 constexpr unsigned mostAttempts = 8;
 
 constexpr std::size_t aligned(std::size_t size)
@@ -54,7 +54,7 @@ Request requestFor(const SocketPair& pair, uint32_t number)
     return request;
 }
 
-// Part of a datagram; takes copies, since nothing in it need be aligned.
+// A part of a datagram. It copies what it reads, since nothing in a datagram need be aligned.
 class Bytes
 {
 public:
@@ -99,8 +99,8 @@ std::optional<uint64_t> cgroupIn(Bytes attributes)
     return std::nullopt;
 }
 
-// A question for a pair of which the kernel has no connection may be answered with a socket that listens
-// there. So nothing is taken from an answer before all of it has been compared.
+// The kernel may answer with a listening socket if it has no such connection. So all of the answer is
+// compared before any of it is used.
 bool isAbout(const inet_diag_msg& told, const SocketPair& pair)
 {
     const bool isLong = told.idiag_family == AF_INET6;

@@ -9,15 +9,16 @@
 #include "broker/peer/Owner.h"
 #include "broker/peer/SocketPair.h"
 
-/// Asks the kernel for one socket, through NETLINK_SOCK_DIAG: a microsecond, without privileges. It asks for
-/// exactly this connection. A dump of all, filtered by port, would also find sockets of other addresses.
+/// Asks the kernel for one socket, through NETLINK_SOCK_DIAG. That takes a microsecond and needs no
+/// privileges. It asks for exactly this connection: a dump filtered by port would also return sockets of
+/// other addresses.
 class SockDiag
 {
 public:
-    /// Opens the socket; isOpen() tells whether this kernel and this sandbox allow it.
+    /// Opens the netlink socket. isOpen() returns whether this kernel and this sandbox allow it.
     SockDiag();
 
-    /// Uses a socket of NETLINK_SOCK_DIAG, or none; for tests.
+    /// Uses a given netlink socket, or none; for tests.
     explicit SockDiag(Descriptor socket) : mSocket(std::move(socket)) {}
 
     bool isOpen() const { return mSocket.isOpen(); }
@@ -27,7 +28,7 @@ public:
 
     /// Reads the owner from one datagram of the kernel, for the question with this number.
     /// @param bytes any bytes, at any address
-    /// @returns NotAsked if the datagram belongs to another question
+    /// @returns NotAsked if the datagram answers another question
     static Owner read(const char* bytes, std::size_t size, uint32_t number, const SocketPair& pair);
 
 private:
@@ -35,7 +36,7 @@ private:
     Owner receive(const SocketPair& pair);
 
     Descriptor mSocket;
-    uint32_t mNumber = 0; ///< of the question asked last
+    uint32_t mNumber = 0; ///< of the last question
 };
 
 #endif

@@ -7,16 +7,16 @@
 /// The addresses of a connection's two ends, from the peer's point of view.
 struct SocketPair
 {
-    sockaddr_in peer; ///< where the peer's socket is
-    sockaddr_in own;  ///< what it is connected to
+    sockaddr_in peer; ///< the address of the peer's socket
+    sockaddr_in own;  ///< the address that it is connected to
 };
 
-/// Addresses as the kernel tells them, in network byte order: four bytes, or sixteen. A peer may have an IPv6
-/// socket that is connected to ::ffff:127.0.0.1.
+/// Addresses as the kernel writes them, in network byte order: four bytes, or sixteen. A peer may have an
+/// IPv6 socket that is connected to ::ffff:127.0.0.1.
 namespace SocketAddress
 {
 
-/// The kernel's own place for an address: sixteen bytes, of which one of four uses the first.
+/// The kernel's format of an address: sixteen bytes, of which an IPv4 address uses the first four.
 using Words = uint32_t[4];
 
 inline bool isSame(const Words& told, bool isLong, const in_addr& address)

@@ -12,7 +12,7 @@ constexpr uid_t usualOverflow = 65534;
 
 std::optional<std::string> contentOf(const std::string& path)
 {
-    constexpr std::size_t most = 4096; // more than 340 ranges leave somebody out anyway
+    constexpr std::size_t most = 4096; // a map of more than 340 ranges leaves some users out anyway
     std::ifstream file(path, std::ios::binary);
     std::string content(most, '\0');
     if (!file.is_open())
@@ -25,7 +25,7 @@ std::optional<std::string> contentOf(const std::string& path)
 bool isWholeIn(const std::string& process)
 {
     const auto map = contentOf(process + "/uid_map");
-    // A kernel without user namespaces has no map. Where there is nothing to look at, the worst is assumed.
+    // A kernel without user namespaces has no map. If /proc shows nothing at all, the worst is assumed.
     return map ? UserNamespace::isWholeMap(*map) : access((process + "/stat").c_str(), F_OK) == 0;
 }
 
@@ -45,7 +45,7 @@ UserNamespace::UserNamespace(const std::string& proc)
 
 bool UserNamespace::isWholeMap(std::string_view map)
 {
-    constexpr uint32_t all = 4294967295; // but (uid_t)-1, which is nobody's
+    constexpr uint32_t all = 4294967295; // all but (uid_t)-1, which is not a user
     std::istringstream text{std::string(map)};
     uint32_t inside = 1;
     uint32_t outside = 1;

@@ -19,7 +19,7 @@ struct CloseFile
 };
 using File = std::unique_ptr<FILE, CloseFile>;
 
-// Only a file of bounded size: the C library takes as much memory as the longest line needs.
+// Opens only a file of bounded size: the C library takes as much memory as the longest line.
 File opened(const std::string& path)
 {
     Descriptor descriptor(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
@@ -35,8 +35,8 @@ File opened(const std::string& path)
     return file;
 }
 
-// "+" and "-" refer to a network's users; such a line has the number 0 and must not be taken for root's. A
-// name of digits would look like the number of another user.
+// Lines with "+" and "-" refer to users of a network. Their number is 0, which must not be taken for root. A
+// name of digits would look like another user's number.
 bool isName(const char* name)
 {
     const std::string_view text = name == nullptr ? "" : name;
@@ -45,15 +45,15 @@ bool isName(const char* name)
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < '\x7f'; });
 }
 
-// (uid_t)-1 is nobody's, and stands for numbers that do not fit.
+// (uid_t)-1 is not a user: it stands for numbers that do not fit.
 bool isNumber(uint32_t number)
 {
     return number != UINT32_MAX;
 }
 
-// Calls `take` with the entries of a file, as far as they are read. `next` is the C library's function that
-// reads the next entry, and skips broken lines. False if the file cannot be read; isComplete becomes false if
-// it has more entries.
+// Calls `take` with each entry of a file. `next` is the C library's function that reads the next entry, and
+// skips broken lines. Returns false if the file cannot be read. If it has too many entries, isComplete
+// becomes false.
 template <class Entry, class Take>
 bool forEachEntry(const std::string& path, Entry* (*next)(FILE*), Take take, bool& isComplete)
 {
@@ -94,7 +94,8 @@ Users::State Users::stateOf(const std::string& path)
 
 bool Users::refresh()
 {
-    const State passwd = stateOf(mPasswd); // before they are read: what changes meanwhile is read again
+    const State passwd = stateOf(mPasswd); // taken before reading: a file that changes meanwhile is read
+                                           // again
     const State group = stateOf(mGroup);
     if (passwd == mPasswdState && group == mGroupState && passwd.size >= 0 && group.size >= 0)
         return true;

@@ -9,28 +9,28 @@
 #include <unordered_map>
 #include <vector>
 
-/// Names of users, and their groups, as in /etc/passwd and /etc/group.
+/// Names of users, and their groups, from /etc/passwd and /etc/group.
 ///
-/// Only the files are asked, not the name service switch (getpwuid()): that loads libraries into the broker,
-/// and may wait for a network. The broker's only thread must not wait.
+/// It reads only the files and does not use the name service switch (getpwuid()). The switch loads libraries
+/// into the broker, and may wait for a network. The broker's only thread must not wait.
 class Users
 {
 public:
-    /// Files beyond this size are not read, nor more than so many entries of one.
+    /// Larger files are not read, nor more entries of one file.
     static constexpr std::size_t mostBytes = std::size_t{1024} * 1024;
     static constexpr std::size_t mostEntries = 10000;
 
     /// Reads the files; without them no user has a name.
     explicit Users(std::string passwd = "/etc/passwd", std::string group = "/etc/group");
 
-    /// Reads the files anew if one of them was changed since. Takes some microseconds if not.
-    /// @returns false if one cannot be read: then all stays as it was
+    /// Reads the files again if one of them has changed. Takes some microseconds if none has.
+    /// @returns false if a file cannot be read; then everything stays as it was
     bool refresh();
 
-    /// Both files have been read, to their ends.
+    /// Whether both files have been read completely.
     bool isComplete() const { return mContent.isComplete; }
 
-    /// The user is in the file, so its groups are known.
+    /// Whether the user is in the file, so that its groups are known.
     bool isKnown(uid_t uid) const { return mContent.users.find(uid) != mContent.users.end(); }
 
     /// The first name in the file, or the number.
@@ -40,7 +40,7 @@ public:
 
     std::optional<gid_t> gid(std::string_view name) const;
 
-    /// The groups that the user is in, by the number in its own entry or by being listed; sorted.
+    /// The groups of the user, sorted: the group in its own entry, and the groups that list it.
     std::vector<gid_t> groups(uid_t uid) const;
 
 private:
@@ -57,7 +57,7 @@ private:
         std::vector<std::string> members;
     };
 
-    // One state of a file, to be compared with a later one.
+    // The state of a file, for comparison with a later one.
     struct State
     {
         ino_t inode = 0;
@@ -69,7 +69,7 @@ private:
 
     struct Content
     {
-        std::unordered_map<uid_t, User> users; ///< the first of each number
+        std::unordered_map<uid_t, User> users; ///< the first entry for each number
         std::unordered_map<std::string, uid_t> numbers;
         std::vector<Group> groups;
         bool isComplete = false;

@@ -21,7 +21,7 @@ enum class Action : uint8_t
     Forget,
 };
 
-/// As a policy names them, in the order of the enumeration.
+/// As policies name them, in the order of the enumeration.
 constexpr std::array<std::string_view, 9> actionNames = {"post",  "reset", "event", "timer", "counter",
                                                          "query", "see",   "time",  "forget"};
 

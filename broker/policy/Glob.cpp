@@ -5,7 +5,7 @@
 namespace
 {
 
-// Bytes of a letter in UTF-8 behind its first.
+// Whether this is a byte of a UTF-8 letter after its first.
 bool isContinuation(char letter)
 {
     constexpr unsigned mask = 0xc0;
@@ -49,7 +49,7 @@ Glob::Glob(std::string_view text) : mText(text)
     {
         const bool isStar = text[at] == '*';
         if (isStar && isAfterStar)
-            continue; // two in a row say no more than one
+            continue; // two in a row mean the same as one
         isAfterStar = isStar;
         if (isStar || text[at] == '?')
         {
@@ -67,7 +67,7 @@ Glob::Glob(std::string_view text) : mText(text)
     mIsTailOnly = wildcards == 1 && mRest[0] == '*';
 }
 
-// Only the last * is tried again: the ones before it need not take more than they did.
+// Only the last * is tried again: the earlier ones never need to take more.
 bool Glob::matches(std::string_view rest, std::string_view name)
 {
     constexpr std::size_t none = std::string_view::npos;

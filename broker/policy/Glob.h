@@ -4,32 +4,32 @@
 #include <string>
 #include <string_view>
 
-/// A name, or a pattern of names: * is any text, ? is one letter, and \ takes the letter behind it as it is.
+/// A name, or a pattern of names: * is any text, ? is one letter, and \ takes the next letter literally.
 ///
-/// Every glob that is good here means the same to statusctl. Sets of letters, "[a-z]", are refused: an index
-/// cannot serve them.
+/// Every valid glob means the same to statusctl. Sets of letters, "[a-z]", are refused: an index cannot serve
+/// them.
 class Glob
 {
 public:
-    /// Returns the error in a text, empty if there is none.
+    /// Returns the error in a text; empty if there is none.
     static std::string errorIn(std::string_view text);
 
-    /// @param text a good one
+    /// @param text a valid glob
     explicit Glob(std::string_view text);
 
-    /// As it was written.
+    /// The glob as it was written.
     const std::string& text() const { return mText; }
 
-    /// The beginning of each name that it matches.
+    /// The beginning of each name that the glob matches.
     const std::string& literal() const { return mLiteral; }
 
-    /// Matches the rest of the name. Empty if only the literal itself matches.
+    /// The pattern for the rest of the name. Empty if only the literal itself matches.
     const std::string& rest() const { return mRest; }
 
-    /// The end of each name that it matches: the letters behind the last wildcard.
+    /// The end of each name that the glob matches: the letters behind the last wildcard.
     const std::string& tail() const { return mTail; }
 
-    /// The rest is a star and the tail.
+    /// Whether the rest is a star and the tail.
     bool isTailOnly() const { return mIsTailOnly; }
 
     bool matches(std::string_view name) const

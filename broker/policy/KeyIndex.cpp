@@ -18,7 +18,7 @@ int16_t lastLetterOf(const std::string& text)
     return text.empty() ? noLetter : static_cast<int16_t>(letterAt(text, text.size() - 1));
 }
 
-// How long the beginning is that both share.
+// The length of the common beginning.
 std::size_t sharedLength(const std::string& one, const std::string& other)
 {
     const std::size_t most = std::min(one.size(), other.size());
@@ -44,7 +44,7 @@ KeyIndex::KeyIndex(std::vector<Entry> entries)
     mText.shrink_to_fit();
 }
 
-// A node for entries that share their first `depth` letters.
+// Makes a node for entries that share their first `depth` letters.
 uint32_t KeyIndex::build(const Entries& entries, std::size_t begin, std::size_t end, std::size_t depth)
 {
     const auto index = static_cast<uint32_t>(mNodes.size());
@@ -62,7 +62,7 @@ uint32_t KeyIndex::build(const Entries& entries, std::size_t begin, std::size_t 
     return index;
 }
 
-// They come in their order.
+// Entries are added in their order.
 void KeyIndex::addHere(Node& node, const Entry& entry)
 {
     const Glob& glob = *entry.glob;
@@ -112,7 +112,7 @@ uint32_t KeyIndex::keep(std::string_view text)
     return at;
 }
 
-// Each decision goes through this; so it takes pointers instead of counting positions from the beginning.
+// Every decision runs this, so it uses pointers instead of positions.
 KeyIndex::Order KeyIndex::find(std::string_view name, Order otherwise) const
 {
     Order best = otherwise;
@@ -152,7 +152,7 @@ KeyIndex::Order KeyIndex::findInRests(const Node& node, std::string_view name, O
     {
         const bool mayMatch = rest->last == last || rest->last == noLetter;
         if (mayMatch && matches(*rest, name))
-            return rest->order; // those behind it are later
+            return rest->order; // later entries have a higher order
     }
     return best;
 }

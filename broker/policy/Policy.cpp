@@ -11,7 +11,7 @@ using Order = KeyIndex::Order;
 
 constexpr Order noTie = std::numeric_limits<Order>::max();
 
-// A rule without names is for every name.
+// The names of a rule without names: every name.
 const std::vector<Glob>& everyName()
 {
     static const std::vector<Glob> names{Glob("*")};
@@ -32,13 +32,12 @@ KeyIndex indexOfTies(const std::vector<PolicyTie>& ties)
     return KeyIndex(std::move(entries));
 }
 
-// Whether a rule after others can still be the first: rules for the same clients or for anyone, on the same
-// names or every name, leave it nothing. Others are not compared, so a rule may be unreachable without being
-// found.
+// Finds rules that never decide, because earlier rules always do. It compares a rule only with earlier rules
+// for the same clients or anyone, and the same names or every name. So it may miss some.
 class Reachability
 {
 public:
-    // Returns the place of the rule that leaves nothing; empty if there is none.
+    // Returns the place of the last of the earlier rules that leave nothing; empty if something is left.
     std::string add(const PolicyRule& rule, const std::string& who)
     {
         const std::string names = rule.isForEveryName() ? std::string() : textOf(rule.names);
@@ -80,7 +79,7 @@ void warnOfUnreachable(PolicyContent& content)
             reachability.add(rule, rule.who == 0 ? std::string() : content.whos[rule.who].text);
         if (!by.empty())
             content.warnings.push_back(
-                rule.place + ": the rule never decides: earlier ones do, at the latest that of " + by);
+                rule.place + ": the rule never decides: earlier rules always do, the last of them at " + by);
     }
 }
 
@@ -88,7 +87,7 @@ void warnOfUnreachable(PolicyContent& content)
 
 std::vector<std::string>& Policy::none()
 {
-    static std::vector<std::string> errors; // there are none to read from no files
+    static std::vector<std::string> errors; // stays empty, as no files are read
     return errors;
 }
 
@@ -134,7 +133,7 @@ std::unique_ptr<const PolicyClass> Policy::makeClass(const std::vector<uint16_t>
             isDenied = isDenied || !rule.isAllowed;
             isAllowed = isAllowed || rule.isAllowed;
             if (rule.isForEveryName())
-                break; // none behind it decides
+                break; // no later rule ever decides
         }
         made->mIndexes[i] = &indexOf(rules);
         if (!isDenied)
@@ -145,7 +144,7 @@ std::unique_ptr<const PolicyClass> Policy::makeClass(const std::vector<uint16_t>
     return made;
 }
 
-// Many actions have the same rules, and so have many classes.
+// Many actions have the same rules, and so do many classes.
 const KeyIndex& Policy::indexOf(const RuleIndexes& rules) const
 {
     std::unique_ptr<const KeyIndex>& index = mIndexes[rules];
@@ -176,7 +175,7 @@ const PolicyQuota* Policy::quotaFor(std::optional<uid_t> user) const
 
 // ---------------------------------------------------------------------------------------------- for people
 
-// Remembers nothing: subjects that somebody makes up would otherwise fill the memory.
+// Caches nothing: made-up subjects would otherwise fill the memory.
 Decision Policy::decideOnce(const Subject& subject, Action action, std::string_view name) const
 {
     const auto decides = [&](const PolicyRule& rule)
@@ -222,7 +221,7 @@ std::string Policy::describe() const
     { return text + (place.empty() ? "" : " (" + place + ")") + "\n"; };
     const PolicyRule& last = mContent.rules.back();
     std::string text = placed(mContent.modePlace, mContent.isAudit ? "mode: audit" : "mode: enforce");
-    text += mContent.rules.size() > 1 ? "rules, of which the first that matches decides:\n" : "no rules\n";
+    text += mContent.rules.size() > 1 ? "rules, the first match decides:\n" : "no rules\n";
     for (std::size_t i = 0; i + 1 < mContent.rules.size(); ++i)
     {
         const PolicyRule& rule = mContent.rules[i];

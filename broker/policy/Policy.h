@@ -22,12 +22,12 @@ struct Decision
     const PolicyRule* rule; ///< the rule that matched first, or the default; never null
 };
 
-/// The rules of a policy that concern one kind of client.
+/// The rules of a policy that apply to one kind of client.
 class PolicyClass
 {
 public:
-    /// By the first rule that names the action and matches the name. In the order of the files' names, and of
-    /// the rules in a file. Allocates nothing.
+    /// Decides by the first rule that names the action and matches the name. Rules are ordered by file name,
+    /// then by their place in the file. Allocates nothing.
     /// @param name of the key, event, timer or counter; empty for Action::Time
     Decision decide(Action action, std::string_view name) const
     {
@@ -35,10 +35,10 @@ public:
         return {mRules[rule].isAllowed, mRules + rule};
     }
 
-    /// The action is allowed for every name: there is no need to ask for each.
+    /// Whether the action is allowed for every name.
     bool mayAll(Action action) const { return mFree.has(action); }
 
-    /// The action is denied for every name.
+    /// Whether the action is denied for every name.
     bool mayNothing(Action action) const { return mBarred.has(action); }
 
 private:
@@ -51,10 +51,10 @@ private:
     Actions mBarred;
 };
 
-/// Which client may do what with which names; see packaging/example.policy for the files. Never changes:
-/// other files make another policy, and what this one gave out goes with it.
+/// Which client may do what with which names; see packaging/example.policy for the files. It never changes:
+/// changed files make a new policy, and everything that this one returned dies with it.
 ///
-/// For one thread only, as classOf() remembers what it has made.
+/// For one thread only, since classOf() caches its results.
 class Policy
 {
 public:
@@ -66,47 +66,47 @@ public:
     Policy& operator=(const Policy&) = delete;
     ~Policy() = default;
 
-    /// The rules for such a client. Clients that the same rules concern share them, so a policy makes as many
-    /// as it makes differences, whatever clients come. Valid as long as the policy.
+    /// The rules for such a client. Clients to which the same rules apply share one class. So the number of
+    /// classes depends on the policy, not on its clients. Valid as long as the policy.
     const PolicyClass& classOf(const Subject& subject) const;
 
-    /// The same decision for somebody who need not be a client. Takes time in proportion to the policy.
+    /// The same decision for a subject that need not be a client. Takes time in proportion to the policy.
     Decision decideOnce(const Subject& subject, Action action, std::string_view name) const;
 
-    /// Nothing is refused, and what would be refused is logged.
+    /// Whether refusals are only logged, and nothing is refused.
     bool isAudit() const { return mContent.isAudit; }
 
-    /// Some rules are not about everybody, or users have shares: that says nothing about a client whose user
-    /// is not known.
+    /// Whether some rules do not apply to everyone, or users have quotas. Then the policy cannot decide about
+    /// a client whose user is unknown.
     bool tellsClientsApart() const { return mContent.whos.size() > 1 || hasQuotas(); }
 
-    /// Some of them are about services, or groups.
+    /// Whether some rules are about services, or groups.
     bool namesServices() const;
     bool namesGroups() const;
 
     /// How many rules there are, without the default.
     std::size_t rules() const { return mContent.rules.size() - 1; }
 
-    /// Some users have shares.
+    /// Whether some users have quotas.
     bool hasQuotas() const { return !mContent.quotas.empty(); }
 
     /// The rule for a value whose last poster has gone. Null if there is none: the value stays.
     const PolicyTie* tieFor(std::string_view key) const;
 
-    /// Some values end with their owner.
+    /// Whether some values end with their owner.
     bool hasTies() const { return !mContent.ties.empty(); }
 
-    /// The share of a user. Null if the user has none.
-    /// @param user nothing if it is unknown: the share is that of each user without one of its own
+    /// The quota of a user. Null if the user has none.
+    /// @param user nothing if unknown: then the quota for each user without its own applies
     const PolicyQuota* quotaFor(std::optional<uid_t> user) const;
 
     /// The decision and its reason, in one line for people.
     std::string explain(const Subject& subject, Action action, std::string_view name) const;
 
-    /// All of the policy, in lines for people.
+    /// The whole policy, in lines for people.
     std::string describe() const;
 
-    /// Lines of the files that are good, but seldom meant; "FILE:LINE: ...".
+    /// Lines of the files that are valid, but probably mistakes; "FILE:LINE: ...".
     const std::vector<std::string>& warnings() const { return mContent.warnings; }
 
 private:

@@ -13,14 +13,14 @@
 #include "broker/policy/PolicyReader.h"
 #include "broker/policy/PolicyText.h"
 
-/// The policy and its errors, which grow from file to file.
+/// The policy and its errors, collected from all its files.
 class PolicyCollector
 {
 public:
-    /// The arguments outlive the collector.
+    /// Both arguments must outlive this object.
     PolicyCollector(const PolicyNames& names, std::vector<std::string>& errors);
 
-    /// The policy with its default rule, once. Says how many errors were left out.
+    /// The policy with its default rule, once. Reports how many errors were left out.
     PolicyContent finished();
 
     PolicyContent& content() { return mContent; }
@@ -29,23 +29,23 @@ public:
     /// Adds the errors of a file, in the order of its lines.
     void addErrors(const std::string& file, std::vector<PolicyWord>& errors);
 
-    /// Adds a whole line, or only counts it beyond the limit.
+    /// Adds one line; beyond the limit it only counts.
     void addError(std::string text);
 
-    /// False beyond the limit, which is reported only once.
+    /// False beyond the limit. The limit is reported only once.
     bool countTable() { return ++mTables <= PolicyLimits::tables; }
     bool isFirstBeyondTables() const { return mTables == PolicyLimits::tables + 1; }
     bool countName() { return ++mNameCount <= PolicyLimits::names; }
     bool isFirstBeyondNames() const { return mNameCount == PolicyLimits::names + 1; }
 
-    /// Each name is looked up only once.
+    /// Looks each name up only once.
     std::optional<uid_t> user(const std::string& name) { return lookUp(mUsers, mNames.user, name); }
     std::optional<gid_t> group(const std::string& name) { return lookUp(mGroups, mNames.group, name); }
 
-    /// The place of these subjects in PolicyContent::whos.
+    /// The index of these subjects in PolicyContent::whos.
     uint16_t indexOf(Who who);
 
-    /// The quota that the user has, and whether it is the one given.
+    /// The quota that the user has, and whether it is the given one.
     std::pair<std::size_t, bool> quotaOf(uid_t user, std::size_t quota);
 
 private:

@@ -12,20 +12,20 @@
 #include "broker/policy/Action.h"
 #include "broker/policy/Glob.h"
 
-/// A client, as far as rules are about it.
+/// A client as rules see it.
 struct Subject
 {
-    std::optional<uid_t> user; ///< unless it is known, only rules for anyone concern the client
+    std::optional<uid_t> user; ///< if unknown, only rules for anyone apply to the client
     std::vector<gid_t> groups;
-    std::string service; ///< the whole name of the unit, "net.service"; empty if it is in none
+    std::string service; ///< the full name of the unit, "net.service"; empty if the client is in none
 };
 
-/// The subjects of a rule. Of each kind that is named, the subject must have one.
+/// The subjects of a rule. A client must match one of each kind that is named.
 struct Who
 {
     std::string text; ///< "anyone", or "service net.service, user web"
     std::vector<std::string> services;
-    std::vector<uid_t> users; ///< without names that are unknown: a rule for unknown users only is for nobody
+    std::vector<uid_t> users; ///< only known ones: a rule for unknown users only applies to no client
     std::vector<gid_t> groups;
     bool namesServices = false;
     bool namesUsers = false;
@@ -33,7 +33,7 @@ struct Who
 
     bool isAnyone() const { return !namesServices && !namesUsers && !namesGroups; }
 
-    /// Whether the subject is one of them.
+    /// Whether the subject is among them.
     bool has(const Subject& subject) const;
 };
 
@@ -45,8 +45,8 @@ struct PolicyRule
     bool isAllowed = true;
     uint16_t who = 0; ///< index in PolicyContent::whos
     Actions actions;
-    std::vector<Glob> names; ///< none for every name, and for actions without a name
-    std::string place;       ///< "FILE:LINE", empty for a default that no file sets
+    std::vector<Glob> names; ///< empty: for every name, and for actions without a name
+    std::string place;       ///< "FILE:LINE"; empty for a default that no file sets
 
     bool isForEveryName() const;
 
@@ -54,7 +54,7 @@ struct PolicyRule
     std::string text() const;
 };
 
-/// The share of one user. What is not set is not limited.
+/// The quota of one user. A field that is not set is not limited.
 struct PolicyQuota
 {
     std::optional<std::size_t> keys;
@@ -88,13 +88,13 @@ struct PolicyContent
         std::size_t quota; ///< index in quotas
     };
 
-    bool isAudit = false;          ///< nothing is refused: what would be is logged
-    std::string modePlace;         ///< where it is set, if anywhere
+    bool isAudit = false;          ///< nothing is refused; refusals are only logged
+    std::string modePlace;         ///< where the mode is set, if anywhere
     std::vector<Who> whos;         ///< each once; the first is anyone
-    std::vector<PolicyRule> rules; ///< in their order; the last is the default, for anything
+    std::vector<PolicyRule> rules; ///< in order; the last is the default, for anyone
     std::vector<PolicyQuota> quotas;
     std::vector<UserQuota> userQuotas;
-    std::optional<std::size_t> usualQuota; ///< of each user that has none of its own
+    std::optional<std::size_t> usualQuota; ///< for each user without a quota of its own
     std::vector<PolicyTie> ties;
     std::vector<std::string> warnings; ///< "FILE:LINE: ..."
 };

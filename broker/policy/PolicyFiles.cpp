@@ -28,7 +28,7 @@ std::string systemError()
 class OpenFile
 {
 public:
-    // Without waiting for whoever would write to a pipe.
+    // Does not wait for a writer if the path is a pipe.
     explicit OpenFile(const std::string& path)
         : mDescriptor(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC))
     {
@@ -49,18 +49,18 @@ private:
     const int mDescriptor;
 };
 
-// Returns what is wrong with the rights of a file or folder; empty if nothing is.
+// Returns the error in the rights of a file or folder; empty if there is none.
 std::string errorIn(const struct stat& status)
 {
     if (status.st_uid != 0 && status.st_uid != geteuid())
         return "belongs to user " + std::to_string(status.st_uid) +
-               ", and must belong to root or to the broker's user";
+               ", but must belong to root or to the broker's user";
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0)
-        return "others than its owner may write to it (chmod go-w)";
+        return "users other than its owner can write to it (chmod go-w)";
     return {};
 }
 
-// Opens a file or folder that nobody else can have written. Nothing on an error.
+// Checks that nobody else can have written the file or folder. Returns nothing on an error.
 std::optional<mode_t> check(const OpenFile& file, const std::string& path, Errors& errors)
 {
     struct stat status
@@ -77,7 +77,7 @@ std::optional<mode_t> check(const OpenFile& file, const std::string& path, Error
     return std::nullopt;
 }
 
-// One byte more than is allowed is enough to see that there is more.
+// Reading one byte beyond the limit shows whether the file is too long.
 std::optional<std::string> contentOf(const OpenFile& file, const std::string& path, Errors& errors)
 {
     std::string text(PolicyLimits::fileBytes + 1, '\0');
@@ -173,7 +173,7 @@ void finish(LoadedPolicy& loaded, const std::vector<PolicySource>& sources, cons
         loaded.policy = std::make_unique<const Policy>(std::move(content));
 }
 
-// Want of memory is an error like others: the policy in force stays.
+// Running out of memory is an error like others: the policy in force stays.
 template <typename Function>
 LoadedPolicy guarded(const std::string& path, Function function)
 {

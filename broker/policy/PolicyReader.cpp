@@ -15,7 +15,7 @@ using OptionText::quoted;
 namespace
 {
 
-// The library's messages may repeat the file.
+// The library's messages may quote the file.
 std::string harmless(std::string_view text)
 {
     constexpr std::size_t longest = 200;
@@ -25,7 +25,7 @@ std::string harmless(std::string_view text)
     return result;
 }
 
-// One file.
+// Reads one file.
 class FileReader
 {
 public:
@@ -107,8 +107,7 @@ void FileReader::readFile(const toml::table& file)
         else if (name == "owned")
             readTables(name, value, &FileReader::readTie);
         else
-            fail(lineOf(key),
-                 "unknown name " + quoted(name) + " (there are default, mode, rule, quota, owned)");
+            fail(lineOf(key), "unknown name " + quoted(name) + " (known: default, mode, rule, quota, owned)");
     }
 }
 
@@ -117,9 +116,9 @@ void FileReader::readDefault(const toml::node& value)
     PolicyRule& rule = mCollector.defaultRule();
     const auto* text = value.as_string();
     if (text == nullptr || (text->get() != "allow" && text->get() != "deny"))
-        fail(lineOf(value), R"(default is "allow" or "deny")");
+        fail(lineOf(value), R"(default must be "allow" or "deny")");
     else if (!rule.place.empty())
-        fail(lineOf(value), "default is set already, in " + rule.place);
+        fail(lineOf(value), "default is already set in " + rule.place);
     else
     {
         rule.isAllowed = text->get() == "allow";
@@ -132,9 +131,9 @@ void FileReader::readMode(const toml::node& value)
     PolicyContent& content = mCollector.content();
     const auto* text = value.as_string();
     if (text == nullptr || (text->get() != "enforce" && text->get() != "audit"))
-        fail(lineOf(value), R"(mode is "enforce" or "audit")");
+        fail(lineOf(value), R"(mode must be "enforce" or "audit")");
     else if (!content.modePlace.empty())
-        fail(lineOf(value), "mode is set already, in " + content.modePlace);
+        fail(lineOf(value), "mode is already set in " + content.modePlace);
     else
     {
         content.isAudit = text->get() == "audit";
@@ -160,7 +159,7 @@ void FileReader::readTables(const std::string& name, const toml::node& value,
             (this->*take)(*table);
         else if (mCollector.isFirstBeyondTables())
             fail(lineOf(each), "more than " + std::to_string(PolicyLimits::tables) +
-                                   " rules, quotas and owned in all files");
+                                   " rules, quotas and owned tables in all files");
     }
 }
 
@@ -196,10 +195,10 @@ void FileReader::readRule(const toml::table& table)
             fail(lineOf(key), name + " is not part of a rule: write it above the first [[rule]]");
         else
             fail(lineOf(key), "unknown name " + quoted(name) +
-                                  " in a rule (there are service, user, group, allow, deny, keys)");
+                                  " in a rule (known: service, user, group, allow, deny, keys)");
     }
     if (!isComplete)
-        fail(lineOf(table), "a rule lacks allow or deny");
+        fail(lineOf(table), "a rule needs allow or deny");
     if (mValues.errors().size() != errorsBefore)
         return;
     if (rule.actions.has(Action::Time) && !(rule.actions == Actions::all()) && !rule.isForEveryName())
@@ -231,12 +230,12 @@ void FileReader::readQuota(const toml::table& table)
             quota.postsPerSecond = mValues.count(name, value, million);
         else
             fail(lineOf(key), "unknown name " + quoted(name) +
-                                  " in a quota (there are user, keys, bytes, connections, posts-per-second)");
+                                  " in a quota (known: user, keys, bytes, connections, posts-per-second)");
     }
     if (mValues.errors().size() != errorsBefore)
         return;
     if (!quota.keys && !quota.bytes && !quota.connections && !quota.postsPerSecond)
-        fail(lineOf(table), "a quota lacks keys, bytes, connections or posts-per-second");
+        fail(lineOf(table), "a quota needs keys, bytes, connections or posts-per-second");
     else
         enter(std::move(quota), who, lineOf(table));
 }
@@ -250,7 +249,7 @@ void FileReader::enter(PolicyQuota quota, const Who& who, Line line)
         if (content.usualQuota)
         {
             fail(line,
-                 "a quota without a user is there already, in " + content.quotas[*content.usualQuota].place);
+                 "there is already a quota without a user, in " + content.quotas[*content.usualQuota].place);
             return;
         }
         content.usualQuota = index;
@@ -261,7 +260,7 @@ void FileReader::enter(PolicyQuota quota, const Who& who, Line line)
         if (!isNew)
         {
             fail(line,
-                 "user " + std::to_string(user) + " has a quota already, in " + content.quotas[place].place);
+                 "user " + std::to_string(user) + " already has a quota, in " + content.quotas[place].place);
             return;
         }
     }
@@ -288,10 +287,10 @@ void FileReader::readTie(const toml::table& table)
         else if (name == "grace")
             tie.grace = mValues.grace(value);
         else
-            fail(lineOf(key), "unknown name " + quoted(name) + " in owned (there are keys, becomes, grace)");
+            fail(lineOf(key), "unknown name " + quoted(name) + " in owned (known: keys, becomes, grace)");
     }
     if (!hasKeys)
-        fail(lineOf(table), "owned lacks keys");
+        fail(lineOf(table), "owned needs keys");
     if (mValues.errors().size() == errorsBefore)
         mCollector.content().ties.push_back(std::move(tie));
 }

@@ -19,7 +19,7 @@ std::string errorIn(std::string_view line)
         return "longer than " + std::to_string(PolicyLimits::lineBytes) + " bytes";
     if (std::any_of(line.begin(), line.end(),
                     [](char letter) { return isControl(letter) && letter != '\t'; }))
-        return "a byte that is no text";
+        return "a control character";
     return {};
 }
 

@@ -6,19 +6,18 @@
 #include <string_view>
 #include <vector>
 
-/// A text in a line of a file: what stands there, or what is wrong.
+/// A text or an error, with its line in a file.
 struct PolicyWord
 {
     std::string text;
     std::size_t line;
 };
 
-/// Below the blank, or DEL.
+/// Whether the text holds a character below the blank, or DEL.
 bool hasControl(std::string_view text);
 
-/// Looks through a file before the TOML library does, for control characters and long lines. A key of dots,
-/// "a.a.a.a", makes a table in a table for each dot, and the library takes stack for each when it lets go of
-/// them.
+/// Checks a file for control characters and long lines, before the TOML library reads it. The library nests a
+/// table for each dot in a key such as "a.a.a.a". When it frees them, it uses stack for each.
 std::vector<PolicyWord> errorsInPolicyText(std::string_view text);
 
 #endif

@@ -40,7 +40,7 @@ bool endsWith(std::string_view text, std::string_view end)
     return text.size() > end.size() && text.substr(text.size() - end.size()) == end;
 }
 
-// As systemd's tools complete it.
+// Completes the name as systemd's tools do.
 std::string unitName(const std::string& name)
 {
     return endsWith(name, ".service") || endsWith(name, ".scope") ? name : name + ".service";
@@ -67,7 +67,7 @@ void PolicyValues::warn(Line line, const std::string& text)
     mCollector.content().warnings.push_back(placeOf(line) + ": " + text);
 }
 
-// A text, or a list of texts.
+// Reads a text, or a list of texts.
 std::vector<PolicyWord> PolicyValues::words(const std::string& name, const toml::node& value)
 {
     Words found;
@@ -75,7 +75,7 @@ std::vector<PolicyWord> PolicyValues::words(const std::string& name, const toml:
     {
         const auto* text = node.as_string();
         if (text == nullptr)
-            fail(lineOf(node), name + " is a text or a list of texts");
+            fail(lineOf(node), name + " must be a text or a list of texts");
         else if (PolicyWord word{text->get(), lineOf(node)}; isName(name, word))
             found.push_back(std::move(word));
     };
@@ -94,7 +94,7 @@ std::vector<PolicyWord> PolicyValues::words(const std::string& name, const toml:
 bool PolicyValues::isName(const std::string& name, const PolicyWord& word)
 {
     if (word.text.empty())
-        fail(word.line, name + ": an empty text");
+        fail(word.line, name + ": the text is empty");
     else if (word.text.size() > PolicyLimits::lineBytes)
         fail(word.line, name + ": longer than " + std::to_string(PolicyLimits::lineBytes) + " bytes");
     else if (hasControl(word.text))
@@ -119,7 +119,7 @@ Actions PolicyValues::actions(const std::string& name, const toml::node& value)
         else
             fail(word.line,
                  "unknown action " + quoted(word.text) +
-                     " (there are post, reset, event, timer, counter, query, see, time, forget, all)");
+                     " (known: post, reset, event, timer, counter, query, see, time, forget, all)");
     }
     return result;
 }
@@ -162,7 +162,7 @@ void PolicyValues::addGroups(const toml::node& value, Who& who)
     addIds("group", value, who, who.groups, &PolicyCollector::group);
 }
 
-// Names, or numbers where a device has no names.
+// Adds names, or numbers where a device has no names.
 template <typename Id>
 void PolicyValues::addIds(const std::string& kind, const toml::node& value, Who& who, std::vector<Id>& ids,
                           std::optional<Id> (PolicyCollector::*lookUp)(const std::string&))
@@ -170,7 +170,7 @@ void PolicyValues::addIds(const std::string& kind, const toml::node& value, Who&
     std::vector<std::string> texts;
     const auto addNumber = [&](const toml::node& node)
     {
-        constexpr int64_t most = std::numeric_limits<Id>::max() - 1; // the highest means that there is none
+        constexpr int64_t most = std::numeric_limits<Id>::max() - 1; // the highest number means none
         const int64_t number = node.as_integer()->get();
         if (number < 0 || number > most)
             fail(lineOf(node), kind + ": " + std::to_string(number) + " is not the number of a " + kind);
@@ -207,7 +207,7 @@ std::optional<std::size_t> PolicyValues::count(const std::string& name, const to
     const auto* number = value.as_integer();
     if (number != nullptr && number->get() >= 1 && number->get() <= static_cast<int64_t>(most))
         return static_cast<std::size_t>(number->get());
-    fail(lineOf(value), name + " is a number in 1.." + std::to_string(most));
+    fail(lineOf(value), name + " must be a number in 1.." + std::to_string(most));
     return std::nullopt;
 }
 
@@ -221,7 +221,7 @@ std::optional<std::size_t> PolicyValues::bytes(const toml::node& value)
         size = static_cast<uint64_t>(number->get());
     if (size && *size >= 1 && *size <= most)
         return static_cast<std::size_t>(*size);
-    fail(lineOf(value), R"(bytes is a size in 1..1024M, such as 65536 or "64K")");
+    fail(lineOf(value), R"(bytes must be a size in 1..1024M, such as 65536 or "64K")");
     return std::nullopt;
 }
 
@@ -229,7 +229,7 @@ std::string PolicyValues::becomes(const toml::node& value)
 {
     const auto* text = value.as_string();
     if (text == nullptr)
-        fail(lineOf(value), "becomes is a text");
+        fail(lineOf(value), "becomes must be a text");
     else if (text->get().size() > PolicyLimits::lineBytes)
         fail(lineOf(value), "becomes: longer than " + std::to_string(PolicyLimits::lineBytes) + " bytes");
     else if (hasControl(text->get()))
@@ -244,6 +244,6 @@ std::chrono::milliseconds PolicyValues::grace(const toml::node& value)
     const auto* text = value.as_string();
     if (const auto duration = text == nullptr ? std::nullopt : readDuration(text->get()))
         return *duration;
-    fail(lineOf(value), R"(grace is a duration of at most an hour, such as "500ms", "2s" or "1m")");
+    fail(lineOf(value), R"(grace must be a duration of at most an hour, such as "500ms", "2s" or "1m")");
     return PolicyTie::usualGrace;
 }

@@ -10,12 +10,12 @@
 #include "broker/policy/PolicyCollector.h"
 #include "broker/policy/PolicyToml.h"
 
-/// Reads the values in one file of a policy. A value that is wrong leaves an error with its line, and what is
-/// returned then is not to be used.
+/// Reads the values in one file of a policy. A wrong value adds an error with its line, and the returned
+/// value must not be used.
 class PolicyValues
 {
 public:
-    /// The arguments outlive the object.
+    /// Both arguments must outlive this object.
     PolicyValues(const PolicySource& source, PolicyCollector& collector)
         : mSource(source), mCollector(collector)
     {

@@ -11,12 +11,12 @@
 namespace
 {
 
-// The file says whose it is and how it is laid out: "stat" and the version of the tables.
+// Identify the file's program and layout: "stat", and the version of the tables.
 constexpr uint64_t applicationId = 0x73746174;
 constexpr uint64_t layoutVersion = 3;
-constexpr uint64_t withoutDetails = 2; // is taken over
+constexpr uint64_t withoutDetails = 2; // still accepted
 
-// Of the texts that a table may hold.
+// The longest text in a row of the table.
 std::size_t longestTextOf(Table table)
 {
     return table == Table::Details ? PosterText::mostBytes : DatabaseFile::longestText;
@@ -28,13 +28,13 @@ std::size_t longestTextOf(Table table, const Limits& limits)
                                    : std::min(limits.valueBytes, DatabaseFile::longestText);
 }
 
-constexpr const char* lastMoment = "last"; // the name of the only row of its table
+constexpr const char* lastMoment = "last"; // the name of the only row in its table
 
-// From so many pages in the log on they are folded into the file. SQLite waits for 1000 by default, some 4
-// MB: a small disk is full before, and then the file cannot grow to take them.
+// The number of pages in the log from which they are folded into the file. SQLite's default is 1000, some 4
+// MB. A small disk is full before that, and then the file cannot grow to take them.
 constexpr int logPages = 100;
 
-// A log that a long transaction has made longer is cut to this length when it is begun anew.
+// When the log restarts, it is cut to this length if a long transaction has made it longer.
 constexpr int logBytes = 2 * logPages * 4096;
 
 const char* synchronous(StateSync sync)
@@ -68,7 +68,7 @@ uint64_t numberOf(sqlite3_stmt* row, int column)
     return static_cast<uint64_t>(sqlite3_column_int64(row, column));
 }
 
-// Whether that is what SQLite says of pages that are not as it wrote them.
+// Whether SQLite's result means that pages were damaged.
 bool isDamage(int code)
 {
     const int plain = code & 0xFF;
@@ -82,8 +82,8 @@ bool isAtMost(sqlite3_stmt* row, int column, std::size_t most)
 
 } // namespace
 
-// Of what is read of a table: somewhat more than there can be within the limits, so that memory has a bound.
-// It ends also where damaged pages lead round in circles.
+// Limits what is read of a table to somewhat more than the limits allow, so that memory is bounded. It also
+// ends a read that damaged pages lead round in circles.
 class Database::Budget
 {
 public:
@@ -97,7 +97,7 @@ public:
             mLeft += usualClients * rowsOf(table, limits);
     }
 
-    // Not once more when it did not.
+    // After the first refusal, it refuses everything.
     bool allows(std::size_t bytes)
     {
         const uint64_t cost = bytes + perRow;
@@ -109,7 +109,8 @@ public:
 private:
     static constexpr uint64_t perRow = 128;
     static constexpr uint64_t usualClients = 128;            // bytes; the longest are more
-    static constexpr uint64_t spare = uint64_t{1024} * 1024; // what is refused one by one is counted by kind
+    static constexpr uint64_t spare = uint64_t{1024} * 1024; // room for names that the state then refuses and
+                                                             // counts by kind
 
     static std::size_t rowsOf(Table table, const Limits& limits)
     {
@@ -139,7 +140,7 @@ Database::Database(sqlite3* opened, const Limits& limits) : mLimits(limits), mDa
         fail("open");
     mIsOpenForWriting = sqlite3_db_readonly(mDatabase.get(), "main") == 0;
     DatabaseFile::harden(mDatabase.get(), limits);
-    foldInOnClose(false); // what cannot be read is left as it is
+    foldInOnClose(false); // an unreadable file stays as it is
     execute("PRAGMA mmap_size = 0; PRAGMA cell_size_check = ON", "open");
 }
 
@@ -149,10 +150,10 @@ Database::Database(const std::string& path, StateSync sync, std::chrono::millise
 {
     mPath = path;
     sqlite3_busy_timeout(mDatabase.get(), static_cast<int>(patience.count()));
-    // Exclusive: nobody else can hold a lock that the broker would have to wait for.
+    // Exclusive: no other process can hold a lock that the broker would have to wait for.
     execute("PRAGMA locking_mode = EXCLUSIVE", "open");
     execute(synchronous(sync), "open");
-    const DatabaseFile::PrivateFiles restricted; // what follows makes the file
+    const DatabaseFile::PrivateFiles restricted; // the statements below create the file
     if (isNew(path))
         create();
     checkTables();
@@ -174,7 +175,7 @@ Database::Files Database::filesAt(const std::string& path)
     return files;
 }
 
-// False if it is a state file. Looks at the log, too, which nobody writes any more now.
+// Returns false if it is a state file. Also checks the log, which nothing writes at this time.
 bool Database::isNew(const std::string& path)
 {
     const uint64_t id = numberOf("PRAGMA application_id");
@@ -189,7 +190,8 @@ bool Database::isNew(const std::string& path)
                             DatabaseError::Kind::Unreadable);
     mHasDetails = version != withoutDetails;
     if (version != layoutVersion && mHasDetails)
-        throw DatabaseError("of version " + std::to_string(version), DatabaseError::Kind::Unreadable);
+        throw DatabaseError("unsupported version " + std::to_string(version),
+                            DatabaseError::Kind::Unreadable);
     return false;
 }
 
@@ -206,10 +208,10 @@ void Database::create()
 void Database::checkTables()
 {
     if (!hasTables())
-        throw DatabaseError("tables are missing, or are others", DatabaseError::Kind::Unreadable);
+        throw DatabaseError("its tables are missing, or differ", DatabaseError::Kind::Unreadable);
 }
 
-// Whether the tables are there as create() makes them, and nothing else is.
+// Whether the tables are exactly those of create(), and nothing else exists.
 bool Database::hasTables()
 {
     std::size_t found = 0;
@@ -255,7 +257,7 @@ Database::Contents Database::readOnly(const std::string& path, const std::string
             throw;
     }
     Database database(DatabaseFile::openUnwritable(name), limits);
-    database.execute("PRAGMA locking_mode = EXCLUSIVE", "open"); // needs no file of shared memory
+    database.execute("PRAGMA locking_mode = EXCLUSIVE", "open"); // needs no shared memory file
     return database.readUnwritable(name, bootId);
 }
 
@@ -285,12 +287,12 @@ Database::Contents Database::readAll(const std::string& bootId)
     return contents;
 }
 
-// In what holds the rows.
+// Finds damage in the pages and the log.
 std::string Database::findDamage()
 {
     if (!mLog.damage.empty())
         return mLog.damage;
-    // The header may say that only a later SQLite may write the file. None has ever written that.
+    // The header may claim that only a newer SQLite may write the file. No version has ever written that.
     if (mIsOpenForWriting && sqlite3_db_readonly(mDatabase.get(), "main") == 1)
         return "the header";
     const Statement check = prepare("PRAGMA quick_check(1)");
@@ -303,7 +305,7 @@ std::string Database::findDamage()
     return result == "ok" ? "" : result;
 }
 
-// From both ends, if something in between cannot be read.
+// Reads from both ends if something in between is unreadable.
 void Database::readTable(Table table, Contents& contents)
 {
     Budget budget(table, mLimits);
@@ -312,7 +314,7 @@ void Database::readTable(Table table, Contents& contents)
     readRows(table, true, budget, contents);
 }
 
-// False if a row cannot be reached.
+// Returns false if a row cannot be reached.
 bool Database::readRows(Table table, bool backwards, Budget& budget, Contents& contents)
 {
     const Statement rows = prepare(Layout::of(table).readStatement(backwards));
@@ -343,7 +345,7 @@ bool Database::readRows(Table table, bool backwards, Budget& budget, Contents& c
 void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
 {
     const Layout& layout = Layout::of(table);
-    if (isNull(row, Layout::Checksum)) // which all columns are then
+    if (isNull(row, Layout::Checksum)) // then all columns are null
     {
         const bool isLong = !isAtMost(row, Layout::NameLength, mLimits.keyBytes) ||
                             !isAtMost(row, Layout::TextLength, longestTextOf(table, mLimits));
@@ -351,7 +353,7 @@ void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
                                isAtMost(row, Layout::TextLength, longestTextOf(table));
         if (!isLong || !mayBeOurs)
             ++contents.lostRows;
-        else if (table != Table::Details) // whose value is counted already
+        else if (table != Table::Details) // its value is counted already
             ++contents.excessRows;
         return;
     }
@@ -363,7 +365,7 @@ void Database::take(Table table, sqlite3_stmt* row, Contents& contents) const
         ++contents.lostRows;
 }
 
-// False if there is no such row.
+// Returns false if the row does not belong into the table.
 bool Database::add(Table table, const Row& row, Contents& contents)
 {
     const std::string name(row.name);
@@ -401,7 +403,7 @@ bool Database::addDetail(const std::string& name, const Row& row, SavedState& st
     return true;
 }
 
-// Those whose value is not there, because its row is lost, or too long.
+// Drops details without a value: its row was lost, or too long.
 void Database::dropOrphans(SavedState& state)
 {
     for (auto detail = state.details.begin(); detail != state.details.end();)
@@ -413,8 +415,9 @@ void Database::dropOrphans(SavedState& state)
 void Database::getReadyToWrite()
 {
     DatabaseFile::limitLength(mDatabase.get(),
-                              2 * DatabaseFile::longestText); // the limits may be raised while it is open
-    execute("PRAGMA journal_mode = WAL");                     // somebody may have changed it
+                              2 * DatabaseFile::longestText); // the limits may be raised while the file is
+                                                              // open
+    execute("PRAGMA journal_mode = WAL");                     // another program may have changed it
     execute("PRAGMA wal_autocheckpoint = " + std::to_string(logPages));
     execute("PRAGMA journal_size_limit = " + std::to_string(logBytes));
     foldInOnClose(true);
@@ -430,7 +433,7 @@ void Database::getReadyToWrite()
     mFiles = filesAt(mPath);
 }
 
-// Makes a file of the present version of one of the former.
+// Upgrades a file of the previous version.
 void Database::addTableOfDetails()
 {
     execute("BEGIN IMMEDIATE;" + Layout::of(Table::Details).createStatement() +
@@ -440,7 +443,7 @@ void Database::addTableOfDetails()
 
 void Database::write(const SavedState& changes, const std::string& bootId, uint64_t microseconds)
 {
-    foldIn(); // a full disk may have room again when the log is short
+    foldIn(); // when the log is short, a full disk may have room again
     execute("BEGIN IMMEDIATE");
     try
     {
@@ -449,7 +452,7 @@ void Database::write(const SavedState& changes, const std::string& bootId, uint6
     }
     catch (const DatabaseError&)
     {
-        // Some errors have rolled back already; then this one fails, which does not matter.
+        // Some errors have rolled back already; then this fails harmlessly.
         sqlite3_exec(mDatabase.get(), "ROLLBACK", nullptr, nullptr, nullptr);
         mHasRemains = true;
         throw;
@@ -482,9 +485,9 @@ void Database::writeRow(Table table, Row row)
     sqlite3_stmt* statement = mWrite[static_cast<std::size_t>(table)].get();
     int index = 0;
     int failures = 0;
-    const auto bindBytes = [&](std::string_view bytes) // which live until the statement has run
+    const auto bindBytes = [&](std::string_view bytes) // they live until the statement has run
     {
-        // Not null, which the data of an empty one may be.
+        // An empty text may have null as its data, which SQLite would store as NULL.
         const char* data = bytes.empty() ? "" : bytes.data();
         failures |= sqlite3_bind_blob64(statement, ++index, data, bytes.size(), SQLITE_STATIC);
     };
@@ -503,7 +506,7 @@ void Database::writeRow(Table table, Row row)
         fail("write");
 }
 
-// A name that has no row is as good as deleted.
+// A name without a row counts as deleted.
 void Database::deleteRows(Table table, const SavedState::Gone::Names& names)
 {
     sqlite3_stmt* statement = mDelete[static_cast<std::size_t>(table)].get();
@@ -519,8 +522,8 @@ void Database::deleteRows(Table table, const SavedState::Gone::Names& names)
     }
 }
 
-// Takes what a failed transaction has left in the log out of it: it would look like damage. If that does not
-// work, it is tried before and after the next commit.
+// Removes the remains of a failed transaction from the log, where they would look like damage. If that fails,
+// it is tried before and after the next commit.
 void Database::foldIn()
 {
     if (!mHasRemains)
@@ -529,7 +532,7 @@ void Database::foldIn()
                                             nullptr) != SQLITE_OK;
 }
 
-// Whether closing writes what is in the log beside the file into the file, and deletes the log.
+// Whether closing the database folds the log into the file and deletes the log.
 void Database::foldInOnClose(bool does)
 {
     sqlite3_db_config(mDatabase.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, does ? 0 : 1, nullptr);
@@ -569,7 +572,7 @@ void Database::fail(const std::string& doing) const
     if (code == SQLITE_BUSY || code == SQLITE_LOCKED)
         throw DatabaseError("locked by another program", DatabaseError::Kind::Locked);
     if (mDatabase && sqlite3_db_readonly(mDatabase.get(), "main") == 1)
-        throw DatabaseError("it can only be read", DatabaseError::Kind::Other);
+        throw DatabaseError("it is read-only", DatabaseError::Kind::Other);
     const std::string text = mDatabase ? sqlite3_errmsg(mDatabase.get()) : sqlite3_errstr(code);
     throw DatabaseError("cannot " + doing + ": " + text, DatabaseError::Kind::Other);
 }

@@ -18,15 +18,15 @@
 
 /// The state file as an SQLite database. Every operation throws DatabaseError.
 ///
-/// Nothing in the file is trusted. It is read if it has exactly the tables that are made here and nothing
-/// else, so no foreign trigger or view ever runs. A row counts if its checksum fits. Nothing long is read
-/// into memory.
+/// Nothing in the file is trusted. The file is read only if it has exactly the tables made here, so no
+/// foreign trigger or view ever runs. A row counts only if its checksum matches. No long row is read into
+/// memory.
 class Database
 {
 public:
-    /// Opens the file, or makes it. Only a regular file is opened: another could make the broker wait.
-    /// @param patience how long it is waited for somebody else who has locked it
-    /// @param limits of what is read; they must outlive it
+    /// Opens the file, or creates it. Opens only a regular file: any other could make the broker wait.
+    /// @param patience how long to wait for another process that has locked the file
+    /// @param limits of the content that is read; must outlive this object
     Database(const std::string& path, StateSync sync, std::chrono::milliseconds patience,
              const Limits& limits);
     ~Database();
@@ -37,30 +37,30 @@ public:
     struct Contents
     {
         SavedState state;
-        std::string bootId;        ///< in which it was written last; empty: never
-        uint64_t microseconds = 0; ///< of that boot
+        std::string bootId;        ///< the boot in which it was last written; empty: never
+        uint64_t microseconds = 0; ///< the time of that write, within its boot
 
-        std::string damage;         ///< what is not as it was written; empty: nothing
-        std::size_t lostRows = 0;   ///< that are not as they were written
-        bool mayLackRows = false;   ///< whether there may be rows that are not found
-        std::size_t excessRows = 0; ///< beyond the limits, the last one perhaps not the only one
+        std::string damage;         ///< how the content differs from what was written; empty: not at all
+        std::size_t lostRows = 0;   ///< rows whose content is damaged
+        bool mayLackRows = false;   ///< whether rows may be missing
+        std::size_t excessRows = 0; ///< beyond the limits; more may follow the last one counted
     };
 
-    /// Reads all that is not damaged. If anything is damaged, the file is left as it is: write() must not
-    /// follow.
-    /// @param bootId of this boot; empty if it is not known
+    /// Reads everything that is not damaged. If anything is damaged, the file stays untouched, and write()
+    /// must not be called.
+    /// @param bootId of this boot; empty if unknown
     Contents read(const std::string& bootId);
 
-    /// Reads a file that cannot be opened for writing: others read it, or the storage can only be read.
+    /// Reads a file that cannot be opened for writing: it is locked by a reader, or the storage is read-only.
     static Contents readOnly(const std::string& path, const std::string& bootId, const Limits& limits);
 
-    /// Writes all or nothing.
+    /// Writes everything or nothing.
     void write(const SavedState& changes, const std::string& bootId, uint64_t microseconds);
 
-    /// False if somebody has removed or replaced the file, or the log beside it. Then all writes are lost.
+    /// Returns false if the file or its log was removed or replaced. Then all writes are lost.
     bool isInPlace() const { return mFiles == filesAt(mPath); }
 
-    /// Leaves the file and the log beside it as they are when it is closed.
+    /// Leaves the file and its log unchanged when they are closed.
     void leaveAsItIs() { foldInOnClose(false); }
 
 private:
@@ -76,7 +76,7 @@ private:
 
     class Budget;
 
-    struct FileId // all 0: there is none
+    struct FileId // all 0: no file
     {
         dev_t device = 0;
         ino_t inode = 0;
@@ -117,15 +117,15 @@ private:
     uint64_t numberOf(const char* sql);
 
     const Limits& mLimits;
-    std::string mPath; // if it is open for writing
-    Files mFiles;      // that are open
+    std::string mPath; // if the file is open for writing
+    Files mFiles;      // the open files
     std::unique_ptr<sqlite3, Closer> mDatabase;
     bool mIsOpenForWriting = false;
-    bool mHasDetails = true; // not in a file of the former version
-    LogCheck mLog;           // as it was found
+    bool mHasDetails = true; // false for a file of the former version
+    LogCheck mLog;           // the log's condition when it was opened
     std::array<Statement, allTables.size()> mWrite;
     std::array<Statement, allTables.size()> mDelete;
-    bool mHasRemains = false; // of a transaction that failed, in the log
+    bool mHasRemains = false; // of a failed transaction, in the log
 };
 
 #endif

@@ -10,8 +10,8 @@ class DatabaseError : public std::runtime_error
 public:
     enum class Kind
     {
-        Unreadable, ///< the file is there, but is not what it should be: no use in trying again
-        Locked,     ///< by somebody else
+        Unreadable, ///< the file exists, but its content is wrong: retrying is useless
+        Locked,     ///< by another process
         Other,
     };
 

@@ -8,7 +8,7 @@
 namespace
 {
 
-// SQLite deletes a log that it finds beside an empty file.
+// Refuses an empty file with a log beside it: SQLite would delete the log.
 void refuseLostLog(const std::string& path)
 {
     const auto isEmpty = [](const std::string& name)
@@ -31,7 +31,7 @@ sqlite3* openFile(const std::string& name, int flags, const char* fileSystem = n
     return database;
 }
 
-// As a URI, which can tell SQLite that nobody writes the file.
+// The path as a URI, which can declare to SQLite that no process writes the file.
 std::string immutable(const std::string& path)
 {
     constexpr std::string_view digits = "0123456789ABCDEF";
@@ -49,7 +49,7 @@ std::string immutable(const std::string& path)
 
 } // namespace
 
-// A link in place of the file is refused; one on the way to it, such as /var/run, is not.
+// Resolves links on the way to the file, such as /var/run. A link as the file itself is refused later.
 std::string DatabaseFile::direct(const std::string& path)
 {
     std::error_code ignored;
@@ -59,8 +59,8 @@ std::string DatabaseFile::direct(const std::string& path)
     return ignored ? path : (folder / given.filename()).string();
 }
 
-// Anything else could make the broker wait in open(), or be a device that is not to be written. SQLite opens
-// what lies beside the file, too.
+// Any other file could make the broker wait in open(), or be a device that must not be written. SQLite opens
+// the files beside it, too.
 void DatabaseFile::refuseUnlessRegular(const std::string& path)
 {
     for (const char* suffix : {"", "-wal", "-journal", "-shm"})
@@ -96,7 +96,7 @@ sqlite3* DatabaseFile::openUnwritable(const std::string& path)
 
 void DatabaseFile::harden(sqlite3* database, const Limits& limits)
 {
-    constexpr std::size_t others = 65536; // the other columns, and SQLite's own texts
+    constexpr std::size_t others = 65536; // for the other columns, and SQLite's own texts
     sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);

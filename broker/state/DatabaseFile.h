@@ -9,18 +9,19 @@
 
 #include "broker/base/Limits.h"
 
-/// How the state file is opened. Nothing in it, or beside it, is trusted.
+/// Opens the state file. Nothing in it, or beside it, is trusted.
 namespace DatabaseFile
 {
 
-/// No name and no value that the broker can be told to take is longer. A longer row is none of its own.
+/// No name and no value is longer, whatever limits the broker is given. So a longer row was not written by a
+/// broker.
 constexpr std::size_t longestName = std::size_t{1024} * 1024;
 constexpr std::size_t longestText = 64 * longestName;
 
-/// Behind the name of the file: the log beside it.
+/// Appended to the file's name: the log beside it.
 constexpr std::string_view logSuffix = "-wal";
 
-/// While it lives, files are made for their owner only: what devices hold is not everybody's business.
+/// While this object lives, new files are readable by their owner only: a device's state is not for everyone.
 class PrivateFiles
 {
 public:
@@ -34,28 +35,27 @@ private:
     mode_t mBefore;
 };
 
-/// The path without links on the way to the file. A link in place of the file is refused when it is opened.
+/// The path without links in its folders. A link as the file itself is refused when it is opened.
 std::string direct(const std::string& path);
 
-/// @throws DatabaseError if something is there that is no regular file. SQLite opens what lies beside the
-///         file, too.
+/// @throws DatabaseError if the path exists and is not a regular file. SQLite also opens the files beside the
+///     state file.
 void refuseUnlessRegular(const std::string& path);
 
-// ---- Each returns what SQLite has made, which is to be closed also if it is in error; null for want of
-// memory.
+// ---- Each returns SQLite's handle, which must be closed even if it is in error; null if memory is short.
 
-/// Opens or makes it. @throws DatabaseError if it is not a regular file, or a log without a file.
+/// Opens or creates the file. @throws DatabaseError if it is not a regular file, or a log without a file.
 sqlite3* openForWriting(const std::string& path);
 
 sqlite3* openForReading(const std::string& path);
 
-/// Where nothing can be written, nobody else writes either, and no lock can be had.
+/// For storage that cannot be written: no other process writes either, and no lock is available.
 sqlite3* openUnwritable(const std::string& path);
 
-/// To be called before anything is read. The file's content is data, whoever wrote it.
+/// Call this before reading anything. The file's content is data, no matter which program wrote it.
 void harden(sqlite3* database, const Limits& limits);
 
-/// SQLite makes no text, and takes none from the file, that is longer.
+/// Makes SQLite refuse longer texts, both its own and the file's.
 void limitLength(sqlite3* database, std::size_t bytes);
 
 } // namespace DatabaseFile

@@ -8,8 +8,8 @@
 namespace
 {
 
-// ---- The stopwatch's rules: starting a running one and stopping a stopped one do nothing, resetting a
-// running one leaves the span under way.
+// ---- The rules of a stopwatch. Starting a running one and stopping a stopped one do nothing. Resetting a
+// running one keeps the current span.
 
 uint64_t spanOf(const SavedState::Timer& timer, uint64_t now)
 {
@@ -22,7 +22,7 @@ void begin(SavedState::Timer& timer, uint64_t now)
     timer.lastStarted = microsecondsOf(CLOCK_REALTIME);
 }
 
-// Erases those names that are there, and returns them.
+// Erases the names that exist, and returns them.
 template <typename Map, typename Note>
 std::vector<std::string_view> eraseAll(Map& map, const std::vector<std::string_view>& names, Note note)
 {
@@ -57,7 +57,7 @@ typename Map::mapped_type& entry(Map& map, std::string_view name)
 
 // -------------------------------------------------------------------------------------------------- posts
 
-// False if the name exceeds a limit.
+// Returns false if the name exceeds a limit.
 template <typename Operate>
 bool DeviceState::applyToTimer(std::string_view name, Operate operate)
 {

@@ -10,15 +10,15 @@ using BrokerProtocol::Member;
 namespace
 {
 
-// As far as it goes.
+// Counts up to the largest number.
 void count(uint32_t& number)
 {
     if (number != UINT32_MAX)
         ++number;
 }
 
-// Within the memory that is there, but what has shrunk does not keep that of its largest value: the limits
-// count what is held now. Exchanged, as a move into a string keeps that one's memory where the text is short.
+// Reuses the memory that is there. But a shrunk value gives its excess memory back, since the limits count
+// its present size. It swaps, because a move into a string keeps that string's memory for a short text.
 void assign(std::string& to, std::string_view text)
 {
     if (text.size() < to.capacity() / 2)
@@ -39,7 +39,7 @@ void shrink(std::vector<Element>& elements)
 
 } // namespace
 
-// A device may sleep: the time of a post must be right on the wall.
+// CLOCK_BOOTTIME counts while the device sleeps, so that wall times computed from it are right.
 DeviceState::BootTime DeviceState::bootTime()
 {
     return static_cast<BootTime>(microsecondsOf(CLOCK_BOOTTIME));
@@ -69,7 +69,7 @@ bool DeviceState::hasGoodSize(std::string_view name, std::string_view value)
     return false;
 }
 
-// Beside so many others.
+// @param others the number of existing names
 bool DeviceState::mayAddName(std::string_view name, std::size_t others, std::size_t most, Refusal kind)
 {
     if (!hasGoodSize(name))
@@ -92,7 +92,7 @@ bool DeviceState::mayAddKey(std::string_view key)
     return false;
 }
 
-// A forgotten value has room for its key.
+// For a forgotten value, the key already has room.
 bool DeviceState::mayStore(Values::const_iterator stored, std::string_view key, std::string_view text)
 {
     if (!hasGoodSize(key, text) || (stored == mValues.end() && !mayAddKey(key)))
@@ -137,7 +137,7 @@ const DeviceState::Members& DeviceState::reset(const std::vector<std::string_vie
     for (const std::string_view key : keys)
     {
         if (store(key, {}, post))
-            mChanged.push_back({key, {}}); // once: the next time it is empty already
+            mChanged.push_back({key, {}}); // once: a second time it is already empty
     }
     std::sort(mChanged.begin(), mChanged.end(),
               [](const Member& one, const Member& other) { return one.name < other.name; });
@@ -155,7 +155,7 @@ const DeviceState::Members& DeviceState::events(const Members& events)
     return mChanged;
 }
 
-// True if that changed something. A key that is unknown so far changes even if the value is empty.
+// Returns whether this changed something. A new key is a change even if its value is empty.
 bool DeviceState::store(std::string_view key, std::string_view text, const Post& post)
 {
     auto stored = mValues.find(key);
@@ -206,7 +206,7 @@ void DeviceState::setShares(Shares::Judge judge)
 {
     mShares.begin(std::move(judge));
     for (const auto& [key, value] : mValues)
-        addShare(value); // also forgotten ones, which take room until they are dropped
+        addShare(value); // forgotten ones, too: they take room until they are dropped
 }
 
 Shares::User DeviceState::userOf(const Value* value) const
@@ -231,7 +231,7 @@ void DeviceState::removeShare(const Value& value)
         mShares.remove(userOf(&value), shareOf(&value));
 }
 
-/// @param former that is replaced; null if the key is new
+/// @param former the value that is replaced; null if the key is new
 bool DeviceState::mayTakeShare(const Value* former, std::string_view key, std::string_view text,
                                const Post& post) const
 {
@@ -246,7 +246,7 @@ void DeviceState::note(Value& value, const Post& post, bool isChange)
 {
     History& history = value.history;
     if (mNotesChanges && !isChange && !mPosters.areOfOneService(history.poster, post.by))
-        mNoted.details[std::string(value.key)]; // a change of its own
+        mNoted.details[std::string(value.key)]; // its details alone count as changed
     const auto replace = [this](Posters::Id& former, Posters::Id by)
     {
         if (former == by)
@@ -279,7 +279,7 @@ void DeviceState::moveToNewest(Value& value)
     mNewest = &value;
 }
 
-// Without effect on one that is not there yet.
+// Has no effect on a value that is not in the list.
 void DeviceState::takeOut(Value& value)
 {
     if (value.newer != nullptr)
@@ -294,7 +294,7 @@ void DeviceState::takeOut(Value& value)
 
 // ---------------------------------------------------------------------------------------------- forgetting
 
-// A value that is empty already changes no more: its last change was its reset.
+// Forgetting an empty value changes nothing more: its last change was its reset.
 DeviceState::Forgotten DeviceState::forgetValues(const std::vector<std::string_view>& keys)
 {
     Forgotten forgotten;
@@ -313,8 +313,8 @@ DeviceState::Forgotten DeviceState::forgetValues(const std::vector<std::string_v
     return forgotten;
 }
 
-// Nothing of it stays but its key, its place among the changes, and its share: otherwise its user could fill
-// the device with names that a slow subscriber keeps.
+// Keeps only its key, its place among the changes, and its share. Without the share, its user could fill the
+// device with names that a slow subscriber keeps.
 void DeviceState::forget(Value& value)
 {
     mStoredBytes -= value.key.size() + value.text.size();
@@ -375,7 +375,7 @@ std::string_view DeviceState::valueOf(std::string_view key) const
     return value == nullptr ? std::string_view() : value->text;
 }
 
-// From the newest back: whoever asks mostly lacks the last few.
+// Searches from the newest back: a subscriber usually lacks only the last few.
 const DeviceState::Value* DeviceState::changedSince(uint64_t revision) const
 {
     const Value* first = nullptr;

@@ -19,43 +19,43 @@
 
 /// The state of the device: status values, timers and counters. No sockets, one thread.
 ///
-/// A name that exceeds a limit is refused: the rest of the same post is applied. Values, timers and counters
-/// that exist can always be changed, within the limits of their size.
+/// A name that exceeds a limit is refused, and the rest of the same post is applied. Existing values, timers
+/// and counters can always be changed, within their size limits.
 class DeviceState
 {
 public:
     using Members = std::vector<BrokerProtocol::Member>;
 
-    /// Both must outlive it; limits may change.
+    /// Both arguments must outlive this object; limits may change.
     DeviceState(const Limits& limits, Refusals& refusals) : mLimits(limits), mRefusals(refusals) {}
 
     DeviceState(const DeviceState&) = delete;
     DeviceState& operator=(const DeviceState&) = delete;
 
-    /// Begins with what was kept, within the limits. Changes are noted from now on.
+    /// Starts with the kept state, within the limits. Changes are recorded from now on.
     void restore(const SavedState& state);
 
-    /// The changes since the last call, if changes are noted.
+    /// The changes since the last call, if changes are recorded.
     SavedState takeChanges();
 
-    /// All it holds.
+    /// The whole state.
     SavedState everything() const;
 
-    // ---- Posts. The results stand here until the next post.
+    // ---- Posts. The results refer to this object, until the next post.
 
-    /// Returns the values that changed, in the order of their keys, each there once.
-    /// @param values in the order of their keys, each there once
-    /// @param by     the client that posts them
+    /// Returns the values that changed, sorted by key, without duplicates.
+    /// @param values sorted by key, without duplicates
+    /// @param by the client that posts them
     const Members& post(const Members& values, Posters::Id by = Posters::nobody);
 
-    /// The same for keys that are set to the empty text.
+    /// The same for keys whose text becomes empty.
     const Members& reset(const std::vector<std::string_view>& keys, Posters::Id by = Posters::nobody);
 
-    /// The same for values that end with their owner: their last poster stays, and the share is still its
-    /// own. The empty text resets.
+    /// The same for values that end with their owner. Their last poster stays, and they still count towards
+    /// its share. The empty text resets.
     const Members& end(const Members& values, Posters::Id by);
 
-    /// The events that are to be published; nothing is stored of them.
+    /// The events to publish. Events are not stored.
     const Members& events(const Members& events);
 
     void startTimer(std::string_view name);
@@ -64,19 +64,20 @@ public:
     void restartTimer(std::string_view name);
     void setCounter(std::string_view name, uint32_t value);
 
-    /// Gives a timer what it has. One that runs goes on from there.
+    /// Sets a timer's readings. A running timer continues from there.
     /// @returns false if the name exceeds a limit
     bool setTimer(std::string_view name, const BrokerProtocol::TimerReading& reading);
 
-    // ---- Who posts.
+    // ---- Posters.
 
-    /// From now on, no user takes more of the state than the judge allows; without a judge, none is limited.
+    /// From now on, the judge limits how much of the state each user takes; without a judge, nothing is
+    /// limited.
     void setShares(Shares::Judge judge);
 
-    /// To be filled with those that post. Values hold theirs.
+    /// The posters. Each value holds its own.
     Posters& posters() { return mPosters; }
 
-    /// More is known of these than when they posted: that is kept with their values, too.
+    /// More is known about these posters than when they posted. Their values' details are saved again.
     void notePosters(const std::set<Posters::Id>& posters);
 
     // ---- Requests.
@@ -87,7 +88,7 @@ public:
     struct Value;
     const Value* find(std::string_view key) const;
 
-    /// The first value behind this key, in the order of the keys; behind nothing: the first of all.
+    /// The first value after this key, in the order of the keys; nothing: the first of all.
     const Value* behind(const std::optional<std::string>& key) const;
 
     /// Calls act(const Value&) for each value, in the order of the keys.
@@ -101,56 +102,58 @@ public:
         }
     }
 
-    /// The value with its history. The text stands in the state.
+    /// The value with its history. The text refers to this object.
     BrokerProtocol::ValueDetails details(const Value& value) const;
 
-    /// The details of all values that were posted since restore(). A post that changes nothing, and comes
-    /// from the same service, is in no changes.
+    /// The details of all values posted since restore(). A post that changes nothing, and comes from the same
+    /// service, does not count as a change.
     SavedState laterDetails() const;
 
-    /// Microseconds; 0 for a timer that is not there.
+    /// In microseconds; 0 for a timer that does not exist.
     uint64_t elapsed(std::string_view timer) const;
     uint64_t lastStarted(std::string_view timer) const;
     BrokerProtocol::TimerReading timer(std::string_view name) const;
 
     uint32_t counter(std::string_view name) const;
 
-    /// The first name behind this one, in the order of the names; behind nothing: the first of all. Null if
-    /// there is none.
+    /// The first name after this one, in the order of the names; nothing: the first of all. Null if there is
+    /// none.
     const std::string* timerBehind(const std::optional<std::string>& name) const;
     const std::string* counterBehind(const std::optional<std::string>& name) const;
 
-    /// The value after it; nothing if it exceeds a limit.
+    /// Returns the new value; nothing if it exceeds a limit.
     std::optional<uint32_t> incrementCounter(std::string_view name);
 
-    // ---- Forgetting: as if the names had never been there. The results stand in the names given.
+    // ---- Forgetting: as if the names had never existed. The results refer to the given names.
 
     struct Forgotten
     {
-        std::vector<std::string_view> names; ///< that were there, in the order given, each there once
-        Members resets;                      ///< of those that had a text, in the order of their keys
+        std::vector<std::string_view> names; ///< those that existed, in the given order, without duplicates
+        Members resets;                      ///< for those that had a text, sorted by key
     };
 
     Forgotten forgetValues(const std::vector<std::string_view>& keys);
 
-    /// Running ones, too.
+    /// Forgets running timers, too.
     std::vector<std::string_view> forgetTimers(const std::vector<std::string_view>& names);
     std::vector<std::string_view> forgetCounters(const std::vector<std::string_view>& names);
 
-    // ---- Changes since. A forgotten value stands among them with an empty text, and counts as a key for the
-    // ---- limit, until dropForgotten(): subscribers that have not read its reset yet get it from here.
+    // ---- Changes since a revision. A forgotten value stays among them with an empty text, and counts
+    // towards the limit of keys, until dropForgotten(): subscribers that have not read its reset get it from
+    // here.
 
-    /// How many there are.
+    /// How many forgotten values there are.
     std::size_t forgotten() const { return mForgotten; }
 
-    /// Drops those that changed last at this revision or before. Pointers to them are invalid then.
+    /// Drops forgotten values whose last change is at or before this revision. Pointers to them become
+    /// invalid.
     /// @returns how many
     std::size_t dropForgotten(uint64_t revision);
 
     /// Counts the changes of status values so far.
     uint64_t revision() const { return mRevision; }
 
-    /// Microseconds since the device was started; before that for times that were kept over its start.
+    /// Microseconds since the device was started; negative for a kept time before that.
     using BootTime = int64_t;
     static constexpr BootTime unknownTime = std::numeric_limits<BootTime>::min();
 
@@ -166,18 +169,18 @@ public:
 
     struct Value
     {
-        std::string_view key; ///< in the map
+        std::string_view key; ///< refers to the map's key
         std::string text;
         uint64_t revision = 0; ///< of its last change
         History history;
         bool isForgotten = false;
 
-        // In the order of their last changes.
+        // Links in the order of the last changes.
         Value* older = nullptr;
         Value* newer = nullptr;
     };
 
-    /// The value that changed first after this revision; null if none did. Follow `newer` for the others.
+    /// The value that changed first after this revision; null if there is none. Follow `newer` for the next.
     const Value* changedSince(uint64_t revision) const;
 
     std::size_t keys() const { return mValues.size() - mForgotten; }
@@ -195,7 +198,7 @@ private:
     {
         Posters::Id by;
         BootTime at;
-        bool isEnd = false; ///< of the value, with its owner
+        bool isEnd = false; ///< the value ends with its owner
     };
 
     bool store(std::string_view key, std::string_view text, const Post& post);
@@ -221,7 +224,7 @@ private:
     bool hasGoodSize(std::string_view name, std::string_view value);
     bool mayAddName(std::string_view name, std::size_t others, std::size_t most, Refusal kind);
 
-    // Whether the map has the name already, or room for it.
+    // Whether the map has the name, or room for it.
     template <typename Map>
     bool mayName(const Map& map, std::string_view name, std::size_t most, Refusal kind)
     {
@@ -236,12 +239,12 @@ private:
     Shares mShares;
     BootTime mRestored = 0;
     Values mValues;
-    std::size_t mForgotten = 0; // of these
+    std::size_t mForgotten = 0; // of mValues
     Value* mOldest = nullptr;
     Value* mNewest = nullptr;
     std::map<std::string, Timer, std::less<>> mTimers;
     std::map<std::string, uint32_t, std::less<>> mCounters;
-    Members mChanged; // of the last post
+    Members mChanged; // by the last post
     bool mNotesChanges = false;
     SavedState mNoted;
 };

@@ -1,4 +1,4 @@
-// The state of the device as it is kept over a restart of the broker.
+// Saving and restoring the state over a restart of the broker.
 
 #include <ctime>
 #include <map>
@@ -31,7 +31,7 @@ void DeviceState::restore(const SavedState& state)
     mNotesChanges = true;
 }
 
-// Equal clients become one, and are there as long as a value holds them.
+// Equal clients become one entry, which lives while a value holds it.
 void DeviceState::restoreHistories(const SavedState& state)
 {
     const auto wallNow = static_cast<BootTime>(microsecondsOf(CLOCK_REALTIME));
@@ -39,7 +39,8 @@ void DeviceState::restoreHistories(const SavedState& state)
     const auto sinceBoot = [&](uint64_t time)
     {
         const auto onTheWall = static_cast<BootTime>(time);
-        const bool isKnown = time != 0 && onTheWall <= wallNow; // else the clock is not set, or was not then
+        const bool isKnown = time != 0 && onTheWall <= wallNow; // otherwise the clock is not set, or was not
+                                                                // then
         return isKnown ? now - (wallNow - onTheWall) : unknownTime;
     };
     const auto isLess = [](const BrokerProtocol::Poster& one, const BrokerProtocol::Poster& other)

@@ -13,14 +13,15 @@
 namespace
 {
 
-// The layout is SQLite's, see "The Write-Ahead Log (WAL) Format" in its file format. A header, and frames: a
-// header of their own and a page each. Numbers are big endian; those that checksums are made of may be both.
+// The layout is SQLite's, see "The Write-Ahead Log (WAL) Format" in its file format. The log is a header and
+// frames. Each frame is a header of its own and a page. Numbers are big endian, but checksums may use either
+// order.
 constexpr std::size_t headerSize = 32;
 constexpr std::size_t frameHeaderSize = 24;
 constexpr std::size_t saltOffset = 8; // in a frame's header
 constexpr std::size_t leastPage = 512;
 constexpr std::size_t mostPage = 65536;
-constexpr uint32_t magic = 0x377F0682; // the last bit tells the order of bytes in checksums
+constexpr uint32_t magic = 0x377F0682; // its last bit is the byte order of the checksums
 
 using Bytes = std::vector<unsigned char>;
 
@@ -45,7 +46,7 @@ Sums sumsAt(const Bytes& bytes, std::size_t offset)
     return {numberAt(bytes, offset), numberAt(bytes, offset + sizeof(uint32_t))};
 }
 
-// One log, from its first frame to its last.
+// A log, checked from its first frame to its last.
 class Log
 {
 public:
@@ -88,7 +89,7 @@ private:
     std::size_t mSize = 0;
     std::size_t mPageSize = 0;
     bool mIsBigEndian = false;
-    uint32_t mRestarts = 0; // how often the log has been begun anew over old frames
+    uint32_t mRestarts = 0; // how often the log has restarted over old frames
     Sums mSalts;
     Sums mSums; // of the last good frame
     LogCheck mResult;
@@ -124,7 +125,7 @@ bool Log::readHeader()
     return (numberAt(header, 0) & ~1U) == magic && hasPages && mSums == sumsAt(header, sums);
 }
 
-// Nothing if not even the frame's header is there. The page only of a frame that is whole.
+// Returns nothing if even the frame's header is incomplete. Reads the page only of a complete frame.
 std::optional<Log::Frame> Log::read(std::size_t number, bool withPage) const
 {
     const std::size_t size = frameHeaderSize + mPageSize;
@@ -138,7 +139,7 @@ std::optional<Log::Frame> Log::read(std::size_t number, bool withPage) const
     return frame;
 }
 
-// SQLite's checksum.
+// SQLite's checksum of some bytes, continued from `sums`.
 Sums Log::sum(Sums sums, const Bytes& bytes, std::size_t from, std::size_t to) const
 {
     const auto word = [&](std::size_t offset)
@@ -165,14 +166,14 @@ bool Log::isOurs(const Bytes& frame) const
     return sumsAt(frame, saltOffset) == mSalts;
 }
 
-// Of a time before the log was begun anew the last time: the first salt counts how often that happens.
+// Whether the frame is older than the log's last restart: the first salt counts the restarts.
 bool Log::isEarlier(const Bytes& frame) const
 {
     const uint32_t age = mSalts.first - numberAt(frame, saltOffset);
     return age >= 1 && age <= mRestarts;
 }
 
-// Returns the number of the first frame that does not fit.
+// Returns the number of the first frame that does not match.
 std::size_t Log::skipGood()
 {
     std::size_t number = 0;
@@ -187,11 +188,11 @@ std::size_t Log::skipGood()
     }
 }
 
-// Behind the good frames there may be older ones, the front of a transaction that was not finished, and what
-// the storage holds where nothing was written. Anything else was good once.
+// Behind the good frames, three kinds are harmless: older frames, the front of an unfinished transaction, and
+// unwritten storage. Any other frame was valid once.
 void Log::checkEnd(std::size_t first)
 {
-    std::optional<Sums> before; // of the frame before
+    std::optional<Sums> before; // of the previous frame
     bool isAllOurs = true;
     for (std::size_t number = first;; ++number)
     {

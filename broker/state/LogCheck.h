@@ -3,24 +3,24 @@
 
 #include <string>
 
-/// Finds out what became of the log (WAL) beside a database.
+/// Finds out what happened to the log (WAL) beside a database.
 ///
-/// SQLite takes from a log what lies before the first page that does not fit its checksum, and overwrites the
-/// rest without a word. That is right after a power cut or a kill, which leave the last transaction torn. It
-/// would also drop everything that lies behind a damaged page.
+/// SQLite applies a log up to the first page with a wrong checksum, and silently overwrites the rest. That is
+/// right after a power cut or a kill, which leave the last transaction torn. But it also drops everything
+/// behind a damaged page.
 struct LogCheck
 {
-    std::string damage; ///< what no power cut and no kill does; empty: nothing
+    std::string damage; ///< damage that no power cut and no kill causes; empty: none
 
-    /// Whether the last transaction is there in full length and does not fit its checksum. A power cut may do
-    /// that. Within one boot nothing does but damage: the kernel shows what was written in its order.
+    /// Whether the last transaction has its full length, but a wrong checksum. A power cut may cause that.
+    /// Within one boot only damage does: the kernel keeps writes in order.
     bool hasBadEnd = false;
 
-    /// Whether there is something, but no whole transaction.
+    /// Whether the log is not empty, but has no complete transaction.
     bool isBlank = false;
 };
 
-/// Reads the log, and changes nothing. No log at all is a good one.
+/// Reads the log without changing it. A missing log is valid.
 LogCheck checkLog(const std::string& path);
 
 #endif

@@ -10,7 +10,7 @@ namespace
 
 constexpr char end = '\0';
 
-// Such letters are in no name that the kernel or a file of users should tell.
+// No name from the kernel or the file of users should contain these letters.
 bool hasControls(std::string_view text)
 {
     return std::any_of(text.begin(), text.end(),
@@ -51,7 +51,7 @@ std::string written(const PosterText::Clients& clients)
     return text;
 }
 
-// Takes the fields one by one, whatever is there.
+// Takes the fields one by one, from any text.
 class Fields
 {
 public:

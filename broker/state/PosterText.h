@@ -7,25 +7,25 @@
 
 #include "protocol/Poster.h"
 
-/// The clients of a value as the state file holds them.
+/// The clients of a value, in the format of the state file.
 namespace PosterText
 {
 
-/// The one that posted the value last, and the one that changed it last.
+/// The last client that posted the value, and the last one that changed it.
 struct Clients
 {
     BrokerProtocol::Poster poster;
     BrokerProtocol::Poster changer;
 };
 
-/// None that is written is longer. If the names do not fit, they are left out.
+/// The longest text. If the names do not fit, they are left out.
 constexpr std::size_t mostBytes = 1024;
 
-/// For each client its uid, user, service, pid and program, a NUL behind each; empty if it is unknown. The
-/// second client is left out if it is the same.
+/// The uid, user, service, pid and program of each client, each followed by a NUL; empty for an unknown
+/// client. The second client is left out if it is the same.
 std::string write(const Clients& clients);
 
-/// Nothing unless write() may have written it.
+/// Returns nothing if write() cannot have written the text.
 std::optional<Clients> read(std::string_view text);
 
 } // namespace PosterText

@@ -4,7 +4,7 @@ using BrokerProtocol::Poster;
 
 Posters::Id Posters::add(const Poster& poster)
 {
-    mFree.reserve(mEntries.size() + 1); // removing must not fail
+    mFree.reserve(mEntries.size() + 1); // remove() must not throw
     const Entry entry{enter(poster), poster.pid, 1};
     if (mFree.empty())
     {

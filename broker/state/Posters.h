@@ -8,16 +8,16 @@
 
 #include "protocol/Poster.h"
 
-/// The clients that have posted values. Each is there as long as it is held: by its connection, by
-/// each value that it was the last to post or to change, and by those that end with it. So there are never
-/// more than that, whatever comes and goes. Those that differ only by their process share their names.
+/// The clients that have posted values. An entry lives while it is held. Its holders are its connection, each
+/// value that it last posted or changed, and the owner of values that end with it. So the number of entries
+/// is bounded. Entries that differ only by process share their names.
 class Posters
 {
 public:
     using Id = uint32_t;
     static constexpr Id nobody = 0; ///< unknown; need not be held
 
-    /// Held once.
+    /// The entry is held once.
     Id add(const BrokerProtocol::Poster& poster);
 
     void hold(Id id)
@@ -31,7 +31,7 @@ public:
             remove(id);
     }
 
-    /// More is known of it now: its process, or its service.
+    /// More is known about the client now: its process, or its service.
     void describe(Id id, const BrokerProtocol::Poster& poster);
 
     BrokerProtocol::Poster at(Id id) const;
@@ -41,7 +41,7 @@ public:
         return id == nobody ? std::nullopt : mEntries[id - 1].names->first.uid;
     }
 
-    /// Whether they are of the same user and service, for which the kernel vouches.
+    /// Whether both have the same user and service, for which the kernel vouches.
     bool areOfOneService(Id one, Id other) const;
 
     std::size_t count() const { return mEntries.size() - mFree.size(); }
@@ -54,7 +54,8 @@ private:
             return namesOf(one) < namesOf(other);
         }
     };
-    using Names = std::map<BrokerProtocol::Poster, uint32_t, ByNames>; // without pid; and how many have them
+    using Names = std::map<BrokerProtocol::Poster, uint32_t, ByNames>; // without pid; the number counts their
+                                                                       // entries
 
     struct Entry
     {
@@ -68,7 +69,7 @@ private:
     void remove(Id id);
 
 public:
-    /// Memory that a poster takes beside its names.
+    /// Memory of an entry, apart from its names.
     static constexpr std::size_t entryBytes = sizeof(Entry);
 
 private:

@@ -8,14 +8,14 @@
 
 /// The checksum of a row of the state file, 64 bits.
 ///
-/// It is FNV-1a with two differences. It takes words of eight bytes, little endian, because bytes would take
-/// eight times as long. After each word it folds the upper half into the lower one, because a multiplication
-/// carries nothing downwards. Each step can be undone, so a change within one word always changes the result.
-/// Any other change goes unnoticed once in 2^64 times.
+/// It is FNV-1a with two differences. It takes words of eight bytes, little endian, because single bytes
+/// would take eight times as long. After each word it folds the upper half into the lower one, because a
+/// multiplication carries nothing downwards. Each step can be undone, so a change within one word always
+/// changes the result. Any other change goes unnoticed once in 2^64 times.
 class RowChecksum
 {
 public:
-    /// @param table the name of the row's table: a row that gets into another one is noticed, too
+    /// @param table the row's table: a row that moves to another table is noticed, too
     explicit RowChecksum(std::string_view table) { add(table); }
 
     void add(uint64_t word)
@@ -26,7 +26,7 @@ public:
         mSum ^= mSum >> half;
     }
 
-    /// Their number first, so that a byte that goes from one text to the next is noticed.
+    /// The length comes first, so that a byte that moves from one text to the next is noticed.
     void add(std::string_view bytes)
     {
         add(uint64_t{bytes.size()});

@@ -8,7 +8,7 @@
 namespace
 {
 
-// The kernel's clocks count nanoseconds in 63 bits, some 292 years: no time is longer, and none is later.
+// The kernel's clocks count nanoseconds in 63 bits, some 292 years: no duration and no time is larger.
 constexpr uint64_t mostMicroseconds = std::numeric_limits<int64_t>::max() / 1000;
 constexpr uint64_t mostCounted = std::numeric_limits<uint32_t>::max();
 
@@ -63,7 +63,7 @@ std::string Layout::createStatement() const
     for (std::size_t number = 0; number < mCount; ++number)
         columns.append(", ").append(mColumns[number]).append(" INTEGER NOT NULL");
     columns += ", checksum INTEGER NOT NULL";
-    if (hasText()) // the last: what is before it is found without what it is long of
+    if (hasText()) // the last column: SQLite finds the columns before it without reading a long text
         columns.append(", ").append(mText).append(" BLOB NOT NULL");
     return std::string("CREATE TABLE ").append(mName).append(" (").append(columns).append(") WITHOUT ROWID");
 }
@@ -91,7 +91,7 @@ std::string Layout::deleteStatement() const
     return std::string("DELETE FROM ").append(mName) + " WHERE name = ?";
 }
 
-// A condition.
+// The condition on which a row can be read.
 std::string Layout::isReadable() const
 {
     const auto isShort = [](const std::string& column, const char* most)

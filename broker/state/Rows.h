@@ -8,7 +8,7 @@
 
 #include "broker/state/SavedState.h"
 
-/// The rows of the state file, and the statements that make, read and write them. No file.
+/// The rows of the state file, and the statements that create, read and write them. Has no file.
 
 enum class Table
 {
@@ -22,7 +22,7 @@ enum class Table
 constexpr std::array<Table, 5> allTables{Table::Values, Table::Timers, Table::Counters, Table::Details,
                                          Table::Moments};
 
-/// A row, whatever its table: where a table has no text, or fewer numbers, they are empty and 0.
+/// A row of any table. A table without text, or with fewer numbers, leaves them empty and 0.
 struct Row
 {
     static constexpr std::size_t mostNumbers = 4;
@@ -43,28 +43,29 @@ public:
     bool hasText() const { return mText != nullptr; }
     std::size_t numbers() const { return mCount; }
 
-    /// The row's numbers as they are written: each at most the largest that the table may hold.
+    /// The row's numbers, each limited to the largest that the table may hold.
     Row::Numbers clamped(const Row::Numbers& numbers) const;
 
     /// Whether a row with these numbers may be in the table.
     bool mayHold(const Row::Numbers& numbers) const { return clamped(numbers) == numbers; }
 
-    /// Of a row with clamped numbers.
+    /// @param row with clamped numbers
     uint64_t checksum(const Row& row) const;
 
-    /// As SQLite keeps it, too.
+    /// In the form in which SQLite stores it.
     std::string createStatement() const;
 
-    /// Takes name, text, numbers and checksum.
+    /// Its parameters: name, text, numbers and checksum.
     std::string writeStatement() const;
 
-    /// Takes the name.
+    /// Its parameter: the name.
     std::string deleteStatement() const;
 
-    /// Takes the longest name and the longest text to read, in bytes. Longer ones never get into memory.
+    /// Its parameters: the longest name and the longest text to read, in bytes. Longer ones never get into
+    /// memory.
     ///
-    /// Its columns, in all tables: the lengths of name and text (null: not of the right type), name, text,
-    /// the numbers, the checksum (all null: a column is not of the right type, or too long).
+    /// Its columns, in all tables: the lengths of name and text (null: wrong type), name, text, the numbers,
+    /// the checksum (all null: a column has the wrong type, or is too long).
     std::string readStatement(bool backwards) const;
 
     /// The columns of readStatement().
@@ -89,10 +90,10 @@ private:
     std::string isReadable() const;
 
     const char* mName;
-    const char* mText; // the name of its column; null if there is none
+    const char* mText; // the column's name; null if there is none
     std::size_t mCount;
     Columns mColumns; // of numbers
-    uint64_t mMost;   // of its numbers
+    uint64_t mMost;   // the largest number
 };
 
 #endif

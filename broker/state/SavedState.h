@@ -9,18 +9,18 @@
 
 #include "statusmanager/StatusTypes.h"
 
-/// The state of the device, or the changed part of it, as plain values that can be kept.
+/// The state of the device, or a changed part of it, as plain values for storage.
 struct SavedState
 {
     /// A stopwatch.
     struct Timer
     {
-        uint64_t accumulated = 0; ///< microseconds, without the span under way
-        uint64_t spanStart = 0;   ///< of the span under way, microseconds of the monotonic clock; 0: stopped
+        uint64_t accumulated = 0; ///< microseconds, without the current span
+        uint64_t spanStart = 0;   ///< of the current span, microseconds of the monotonic clock; 0: stopped
         uint64_t lastStarted = 0; ///< microseconds since the Unix epoch; 0: never
     };
 
-    /// The history of a value in short. Times are microseconds since the Unix epoch; 0: unknown.
+    /// The short history of a value. Times are microseconds since the Unix epoch; 0: unknown.
     struct Detail
     {
         uint64_t posted = 0;
@@ -30,7 +30,7 @@ struct SavedState
         std::string clients; ///< PosterText, which takes little memory
     };
 
-    /// Names that have been forgotten. In changes a name is either here or there, never both.
+    /// Forgotten names. A name is never both among the changes and here.
     struct Gone
     {
         using Names = std::set<std::string, std::less<>>;
@@ -43,7 +43,7 @@ struct SavedState
     };
 
     StatusMap values;
-    std::map<std::string, Detail> details; ///< of values; those of them that are not here are unknown
+    std::map<std::string, Detail> details; ///< of values; details that are not here are unknown
     std::map<std::string, Timer> timers;
     std::map<std::string, uint32_t> counters;
     Gone gone;
@@ -54,7 +54,7 @@ struct SavedState
     }
 };
 
-/// Notes in changes that a name has been forgotten, or is there again.
+/// Records among changes that a name has been forgotten, or exists again.
 template <typename Map>
 void noteGone(Map& changed, SavedState::Gone::Names& gone, std::string_view name)
 {

@@ -8,11 +8,11 @@
 #include <optional>
 #include <utility>
 
-/// How much of the state each user takes: the values that it was the last to post.
+/// How much of the state each user takes: the values that it posted last.
 class Shares
 {
 public:
-    using User = std::optional<uint32_t>; ///< nothing: all that are unknown
+    using User = std::optional<uint32_t>; ///< nothing: all unknown users
 
     struct Share
     {
@@ -20,10 +20,10 @@ public:
         std::size_t bytes = 0; ///< of keys and values
     };
 
-    /// Whether a user may take so much.
+    /// Whether a user may take this much.
     using Judge = std::function<bool(User, const Share& before, const Share& after)>;
 
-    /// Begins anew, with nothing taken. Without a judge nothing is counted.
+    /// Starts with nothing taken. Without a judge, nothing is counted.
     void begin(Judge judge)
     {
         mJudge = std::move(judge);
@@ -38,7 +38,7 @@ public:
         return share == mShares.end() ? Share() : share->second;
     }
 
-    /// Whether `by` may take a value of so many bytes in place of one of `from`.
+    /// Whether `by` may take a value of this size in place of the value of `from`.
     bool mayMove(User from, const Share& former, User by, const Share& value) const
     {
         const Share before = of(by);

@@ -16,7 +16,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// Long enough for somebody who looks into the file, short enough for a device that starts.
+// Long enough for a person who looks into the file, short enough for a device that starts.
 constexpr std::chrono::milliseconds startPatience{1500};
 
 template <typename Map, typename Keeps>
@@ -26,8 +26,8 @@ void keepOnly(Map& map, const Keeps& keeps)
         entry = keeps(entry->first) ? std::next(entry) : map.erase(entry);
 }
 
-// Adds what has changed; what it replaces is gone. A name that is forgotten may be in the file also if it is
-// not kept now: other names may have been kept before.
+// Adds changes, which replace earlier ones. The file may hold a forgotten name even if that name is not kept
+// now: other names may have been kept before.
 template <typename Map, typename Keeps>
 void merge(const Map& changes, const SavedState::Gone::Names& changesGone, Map& into,
            SavedState::Gone::Names& intoGone, const Keeps& keeps)
@@ -46,7 +46,7 @@ void merge(const Map& changes, const SavedState::Gone::Names& changesGone, Map& 
     }
 }
 
-// Adds what was saved and has neither changed nor been forgotten since.
+// Adds what was saved, unless it has changed or been forgotten since.
 template <typename Map>
 void addSaved(Map& saved, Map& into, const SavedState::Gone::Names& gone)
 {
@@ -54,8 +54,8 @@ void addSaved(Map& saved, Map& into, const SavedState::Gone::Names& gone)
     into.merge(saved);
 }
 
-// Running timers go on within the boot in which they were started, and are stopped after it at what they had
-// when the file was written last. True if it has been stopped.
+// Running timers continue within the boot in which they were started. After it, they are stopped with their
+// time at the last write. Returns whether the timer was stopped.
 bool bringInto(const BootMoment& now, const Database::Contents& contents, SavedState::Timer& timer)
 {
     if (timer.spanStart == 0)
@@ -69,7 +69,7 @@ bool bringInto(const BootMoment& now, const Database::Contents& contents, SavedS
     return true;
 }
 
-// Also if it is a link that leads nowhere: renaming would replace it.
+// Also true for a link that leads nowhere: renaming would replace it.
 bool isTaken(const std::string& name)
 {
     struct stat status
@@ -78,7 +78,7 @@ bool isTaken(const std::string& name)
     return lstat(name.c_str(), &status) == 0;
 }
 
-// A name that is not taken, neither for the file nor for its log: path.bad, path.bad.1 and so on.
+// A name that neither a file nor its log has: path.bad, path.bad.1 and so on.
 std::string freeName(const std::string& path)
 {
     std::string name = path + ".bad";
@@ -87,7 +87,7 @@ std::string freeName(const std::string& path)
     return name;
 }
 
-// Words for the log: what becomes of the rows of a damaged file.
+// Log text: what happens to the rows of a damaged file.
 std::string outcomeOf(const Database::Contents& contents)
 {
     const std::size_t kept = contents.state.values.size() + contents.state.timers.size() +
@@ -98,7 +98,7 @@ std::string outcomeOf(const Database::Contents& contents)
     return "; " + std::to_string(kept) + " rows kept, " + lost + " lost";
 }
 
-// New files are for their owner only. Others may have been copied here, or their mode changed.
+// New files are for their owner only. But files may have been copied here, or their mode changed.
 void closeToOthers(const std::string& path)
 {
     constexpr mode_t allowed = S_IRUSR | S_IWUSR | S_IRGRP;
@@ -108,7 +108,7 @@ void closeToOthers(const std::string& path)
     if (lstat(path.c_str(), &status) != 0 || (status.st_mode & ACCESSPERMS & ~allowed) == 0)
         return;
     if (chmod(path.c_str(), status.st_mode & allowed) != 0)
-        OV_LOG(2, "State file [%s] stays open to others: %s", path.c_str(), strerror(errno));
+        OV_LOG(2, "State file [%s] stays accessible to others: %s", path.c_str(), strerror(errno));
 }
 
 std::string readBootId()
@@ -122,7 +122,7 @@ std::string readBootId()
 
 BootMoment BootMoment::now()
 {
-    // Once: with no descriptor left, a later moment would be one of an unknown boot.
+    // Read only once: without a free descriptor, a later call would find no boot id.
     static const std::string bootId = readBootId();
     BootMoment moment;
     moment.bootId = bootId;
@@ -150,8 +150,7 @@ bool StateFile::isKept(const std::string& name) const
 SavedState StateFile::load(const BootMoment& now)
 {
     if (now.bootId.empty())
-        OV_LOG(2,
-               "The kernel's id of this boot is unknown: no timer goes on when the broker is started again");
+        OV_LOG(2, "The kernel's id of this boot is unknown: timers will stop when the broker is restarted");
     Found found = open(startPatience, now);
     if (!found.contents)
         found.contents = readOnly(now);
@@ -177,7 +176,7 @@ void StateFile::stopTimers(Database::Contents& contents, const BootMoment& now)
 {
     for (auto& [name, timer] : contents.state.timers)
     {
-        // Kept with the next moment: beside that one it would look like one that runs in this boot.
+        // Written with the next moment; with the old one, it would look like a timer running in this boot.
         if (bringInto(now, contents, timer))
             mPending.timers[name] = timer;
     }
@@ -197,8 +196,8 @@ void StateFile::commit(const SavedState& changes, const BootMoment& now)
 {
     remember(changes);
     if (mPending.empty() && !changes.empty())
-        return; // nothing of it is kept
-    // One that fails is not tried again with every change.
+        return; // no changed name is kept
+    // A failed write is not tried again with every change.
     if (isReported() && Clock::now() < mNextAttempt)
         return;
     if (!mDatabase)
@@ -222,7 +221,7 @@ void StateFile::remember(const SavedState& changes)
     merge(changes.counters, changes.gone.counters, mPending.counters, gone.counters, keeps);
 }
 
-// They go with their values.
+// Details are removed together with their values.
 template <typename Keeps>
 void StateFile::mergeDetails(const SavedState& changes, const Keeps& keeps)
 {
@@ -253,7 +252,7 @@ void StateFile::write(const BootMoment& now)
 {
     if (mDatabase && Clock::now() >= mNextLook)
         lookAfterIt(now);
-    constexpr int attempts = 2; // the second one into a new file
+    constexpr int attempts = 2; // the second attempt is into a new file
     for (int attempt = 1; mDatabase && attempt <= attempts; ++attempt)
     {
         try
@@ -276,7 +275,7 @@ void StateFile::write(const BootMoment& now)
 
 void StateFile::opened(std::unique_ptr<Database> database)
 {
-    // After a failure, the file works again only when something has been written.
+    // After a failure, the file counts as working only after a write.
     mStage = isReported() ? Stage::Failing : Stage::Serving;
     mDatabase = std::move(database);
 }
@@ -284,7 +283,7 @@ void StateFile::opened(std::unique_ptr<Database> database)
 void StateFile::written()
 {
     if (isReported())
-        OV_LOG(2, "State file [%s] is written again", mPath.c_str());
+        OV_LOG(2, "State file [%s] can be written again", mPath.c_str());
     mStage = Stage::Serving;
 }
 
@@ -295,7 +294,7 @@ void StateFile::failed(const std::string& reason)
     ++mErrors;
     if (isReported())
         return;
-    OV_LOG(0, "State file [%s]: %s; what changes is lost when the broker ends", mPath.c_str(),
+    OV_LOG(0, "State file [%s]: %s; changes will be lost when the broker ends", mPath.c_str(),
            reason.c_str());
     mStage = mDatabase ? Stage::Failing : Stage::Shut;
 }
@@ -314,7 +313,7 @@ void StateFile::dropped()
 
 // ------------------------------------------------------------------------------------------------ the file
 
-// Moves aside what cannot be read, or is damaged, and begins a new file then.
+// Moves an unreadable or damaged file aside, and starts a new one.
 StateFile::Found StateFile::open(std::chrono::milliseconds patience, const BootMoment& now)
 {
     Found found;
@@ -351,7 +350,7 @@ StateFile::Found StateFile::openFile(std::chrono::milliseconds patience, const B
     return found;
 }
 
-// Where a file was that has been moved aside.
+// Starts a file in place of the one that was moved aside.
 void StateFile::beginAnew(Found& found, std::chrono::milliseconds patience, const BootMoment& now)
 {
     try
@@ -370,7 +369,7 @@ void StateFile::beginAnew(Found& found, std::chrono::milliseconds patience, cons
     }
 }
 
-// Nothing if that cannot be had either.
+// Returns nothing if that fails, too.
 std::optional<Database::Contents> StateFile::readOnly(const BootMoment& now) const
 {
     try
@@ -383,12 +382,12 @@ std::optional<Database::Contents> StateFile::readOnly(const BootMoment& now) con
     }
     catch (const DatabaseError&)
     {
-        return std::nullopt; // why the file cannot be had is logged already
+        return std::nullopt; // why the file cannot be opened is logged already
     }
 }
 
-// Tries again. If the file could not be read when it was to be loaded, what it holds is not mixed with what
-// has been begun without it.
+// Tries again. If load() could not read the file, its content is not mixed with the state that started
+// without it.
 void StateFile::reopen(const BootMoment& now)
 {
     constexpr std::chrono::milliseconds none{0}; // the broker is serving
@@ -397,7 +396,7 @@ void StateFile::reopen(const BootMoment& now)
     if (isMissed && found.database && !found.isSaved && !found.contents->state.empty())
     {
         found = Found();
-        if (moveAside("is not what the broker goes on with"))
+        if (moveAside("does not hold the current state of the broker"))
             found = open(none, now);
     }
     if (!found.database)
@@ -405,10 +404,10 @@ void StateFile::reopen(const BootMoment& now)
     opened(std::move(found.database));
     if (found.isSaved && !isMissed)
         save(std::move(found.contents->state));
-    remember(mEverything()); // it may be a new one, or have been written by others meanwhile
+    remember(mEverything()); // the file may be new, or have been written by others meanwhile
 }
 
-// The file that is open has turned out to be unreadable.
+// The open file has turned out to be unreadable.
 void StateFile::replace(const std::string& reason, const BootMoment& now)
 {
     ++mErrors;
@@ -418,7 +417,7 @@ void StateFile::replace(const std::string& reason, const BootMoment& now)
         reopen(now);
 }
 
-// Writing to a file that has been removed or replaced goes on to work, so nothing else tells.
+// Writing to a removed or replaced file still succeeds, so only a look finds that out.
 void StateFile::lookAfterIt(const BootMoment& now)
 {
     constexpr std::chrono::seconds pause{1}; // rather than with every commit
@@ -426,7 +425,7 @@ void StateFile::lookAfterIt(const BootMoment& now)
     if (mDatabase->isInPlace())
         return;
     mDatabase->leaveAsItIs();
-    failed("removed or replaced while it is in use");
+    failed("removed or replaced while in use");
     missed();
     const bool hasSuccessor = isTaken(mPath) || isTaken(mPath + "-wal");
     if (hasSuccessor && !mayMoveAside())
@@ -435,8 +434,8 @@ void StateFile::lookAfterIt(const BootMoment& now)
         reopen(now);
 }
 
-// Once an hour: a storage that damages all that is written to it, and a program that replaces the file over
-// and over, must not fill the disk with what is moved aside.
+// Once an hour. Storage that damages everything, or a program that replaces the file repeatedly, must not
+// fill the disk with files moved aside.
 bool StateFile::mayMoveAside()
 {
     constexpr std::chrono::hours pause{1};
@@ -446,12 +445,12 @@ bool StateFile::mayMoveAside()
     return true;
 }
 
-// False if that cannot be done.
+// Returns false if a file cannot be moved.
 bool StateFile::moveAside(const std::string& problem, const std::string& outcome)
 {
     const std::string aside = freeName(mPath);
-    // The log beside the file holds the last writes. It is moved first: SQLite would take a log that was left
-    // behind for that of the new file.
+    // The log beside the file holds the last writes. It is moved first: SQLite would use a log left behind
+    // for the new file.
     for (const char* suffix : {"-wal", "-journal", ""})
     {
         if (rename((mPath + suffix).c_str(), (aside + suffix).c_str()) != 0 && errno != ENOENT)

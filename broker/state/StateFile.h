@@ -14,32 +14,32 @@
 #include "broker/state/SavedState.h"
 #include "broker/state/StateSync.h"
 
-/// The moment of this boot: running timers go on over a restart of the broker, not over one of the device.
+/// A moment of this boot. Timers continue over a restart of the broker, but not of the device.
 struct BootMoment
 {
     std::string bootId;    ///< the kernel's id of this boot
     uint64_t microseconds; ///< on the monotonic clock
 
-    /// This one. The id is empty if the kernel does not tell it: then no timer goes on over a restart.
+    /// The current moment. The id is empty if the kernel does not report it: then no timer continues over a
+    /// restart.
     static BootMoment now();
 };
 
-/// Keeps the state in an SQLite database, so that a broker that is started again goes on where the last one
-/// was ended or killed.
+/// Keeps the state in an SQLite database. A restarted broker continues where the last one ended or was
+/// killed.
 ///
-/// Nothing that is wrong with the file keeps the broker from serving. A file that cannot be read, or that is
-/// damaged, is moved aside and never overwritten, also when that shows only later; then what is good, or all
-/// that the broker holds by then, is written to a new one. So it is when somebody removes or replaces the
-/// file while it is in use. Where nothing can be written, that is logged, tried again, and logged when it
-/// works again; what has not been written is remembered until then.
+/// No fault of the file keeps the broker from serving. An unreadable or damaged file is moved aside and never
+/// overwritten, even if the fault shows only later. Then a new file gets what is still good, or the broker's
+/// whole current state. The same happens when the file is removed or replaced while it is in use. If writing
+/// fails, that is logged, and tried again, and success is logged. Unwritten changes are remembered until
+/// then.
 class StateFile
 {
 public:
     /// Touches no file yet.
-    /// @param keys globs (fnmatch) of the names of values, timers and counters that are kept; none: all
-    /// @param everything tells all there is to keep, for a file that takes the place of the one that was
-    /// loaded
-    /// @param limits of what is loaded, so that no file can use up the memory
+    /// @param keys globs (fnmatch) of the values, timers and counters to keep; none: all
+    /// @param everything returns the whole state to keep, for a file that replaces the loaded one
+    /// @param limits of the state that is loaded, so that no file can use up the memory
     StateFile(
         std::string path, StateSync sync, std::vector<std::string> keys,
         std::function<SavedState()> everything = [] { return SavedState(); },
@@ -49,68 +49,69 @@ public:
     StateFile(const StateFile&) = delete;
     StateFile& operator=(const StateFile&) = delete;
 
-    /// Opens or makes the file, and waits for a moment while somebody else has locked it. Returns the kept
-    /// state of the names that are kept now; nothing if there was none, or if it could not be read. Of a
-    /// damaged file it returns every row whose checksum fits; they are in a new file when this returns. A
-    /// file that can be read and not written is loaded, too, and written when it can be. To be called once,
-    /// before the first commit. Timers that ran in another boot, or would start in the future of this one,
-    /// are stopped at what they had.
+    /// Opens or creates the file. Waits for a moment if another process has locked it. Call this once, before
+    /// the first commit.
+    ///
+    /// Returns the saved state of all names to keep; nothing if there was none, or it could not be read. From
+    /// a damaged file it returns every row with a good checksum, and has saved them to a new file. A file
+    /// that can be read but not written is loaded, too, and written as soon as that is possible. Timers that
+    /// ran in another boot, or would start in the future, are stopped with their time so far.
     SavedState load(const BootMoment& now = BootMoment::now());
 
-    /// Keeps what has changed, and that time has gone on to now. When it returns, and writing works, a broker
-    /// that is killed does not take it back. Without changes only the time is kept; with changes of which no
-    /// name is kept nothing is written. While it fails, it is tried again once a second at most. A file that
-    /// could not be read by load(), and can be later, is moved aside if it holds anything, and a new one is
-    /// begun.
+    /// Saves what has changed, and that time has reached `now`. On return, if writing works, the changes
+    /// survive a kill of the broker. Without changes only the time is saved. If none of the changed names is
+    /// kept, nothing is written.
+    ///
+    /// After a failure, it tries again at most once a second. If load() could not read the file, and it can
+    /// be read later, it is moved aside if it holds anything. Then a new file is started.
     void commit(const SavedState& changes, const BootMoment& now = BootMoment::now());
 
-    /// Keeps what has changed with the next commit.
+    /// Saves these changes with the next commit.
     void remember(const SavedState& changes);
     template <typename Keeps>
     void mergeDetails(const SavedState& changes, const Keeps& keeps);
 
-    /// The last one. It also looks after the file, and tries what has failed just now.
+    /// The last commit. It also checks that the file is in place, and retries at once what has just failed.
     void commitLast(const BootMoment& now = BootMoment::now());
 
-    /// Whether something that has changed is still to be written: the next commit tries.
+    /// Whether changes are still unwritten. The next commit tries to write them.
     bool isBehind() const { return !mPending.empty(); }
 
-    /// Whether names may be forgotten. While nothing can be written, those that have been are remembered, and
-    /// that has a bound: as many as there may be names.
+    /// Whether names may be forgotten. While writing fails, forgotten names are remembered, up to the number
+    /// of names that may exist.
     bool mayForget() const;
 
-    /// Whether what was loaded was written within this boot.
+    /// Whether the loaded state was written within this boot.
     bool isOfThisBoot() const { return mIsOfThisBoot; }
 
-    /// How often something has been written.
+    /// How often anything has been written.
     uint64_t commits() const { return mCommits; }
 
-    /// How often the file could not be opened, moved aside or written, each attempt counted.
+    /// How often the file could not be opened, moved aside or written; every attempt counts.
     uint64_t errors() const { return mErrors; }
 
 private:
-    /// How it stands with the file. The report is the log line that changes are lost when the broker ends.
+    /// The condition of the file. The report is the log line that changes are lost when the broker ends.
     enum class Stage
     {
-        Closed,  ///< not open, not reported: the next commit opens it and adds to what it holds
+        Closed,  ///< not open, not reported: the next commit opens it and adds to its content
         Serving, ///< open, and the last write worked
-        Failing, ///< open, reported: what is to be written is tried again
-        Shut,    ///< not open, reported: what it holds is in use, and is added to when it can be opened
-        Missed, ///< not open, reported: what it holds is not in use, and is moved aside when it can be opened
+        Failing, ///< open, reported: writing is retried
+        Shut,    ///< not open, reported: its content is in use, and is added to when it can be opened
+        Missed,  ///< not open, reported: its content is not in use, and is moved aside when it can be opened
     };
 
-    /// The content of the path: neither member if nothing can be read now.
+    /// The content at the path; neither member if nothing can be read now.
     struct Found
     {
         std::unique_ptr<Database> database; ///< open for writing
         std::optional<Database::Contents> contents;
-        bool isSaved =
-            false; ///< whether the contents were in a damaged file, and are not in the database yet
+        bool isSaved = false; ///< the contents came from a damaged file, and are not in the database yet
     };
 
     bool isReported() const { return mStage != Stage::Closed && mStage != Stage::Serving; }
 
-    // Each of these goes from one stage to the next.
+    // ---- Transitions between the stages.
     void opened(std::unique_ptr<Database> database);
     void written();
     void failed(const std::string& reason);
@@ -138,11 +139,11 @@ private:
     const std::function<SavedState()> mEverything;
     const Limits mLimits;
     Stage mStage = Stage::Closed;
-    std::unique_ptr<Database> mDatabase; // while it is Serving or Failing
-    SavedState mPending;                 // changed and not written yet
-    TimePoint mNextAttempt{};            // of what has failed
-    TimePoint mNextLook{};               // for whether it is still there
-    TimePoint mNextReplacement{};        // of a file that is damaged or replaced while it is used
+    std::unique_ptr<Database> mDatabase; // while Serving or Failing
+    SavedState mPending;                 // changed and not written
+    TimePoint mNextAttempt{};            // after a failure
+    TimePoint mNextLook{};               // at whether the file is still in place
+    TimePoint mNextReplacement{};        // of a file that was damaged or replaced while in use
     bool mIsOfThisBoot = false;
     uint64_t mCommits = 0;
     uint64_t mErrors = 0;

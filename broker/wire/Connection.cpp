@@ -15,10 +15,10 @@ using namespace std::string_view_literals;
 namespace
 {
 
-// Memory that is kept for the next output.
+// Memory that stays allocated for the next output.
 constexpr std::size_t keptBytes = 1024;
 
-// False where it is emulated.
+// Returns false where the system emulates TCP_INFO incompletely.
 bool getInfo(int socket, tcp_info& info)
 {
     socklen_t size = sizeof(info);
@@ -113,7 +113,7 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
     return isDead() && result != Result::Endless ? Result::NeedsMore : result;
 }
 
-// True if it is one. A peer that takes no answers gets none.
+// Returns whether the command is a PING. A peer that reads no answers gets none.
 bool Connection::answerPing(std::string_view command)
 {
     constexpr std::string_view ping = "\4PING"sv;
@@ -169,13 +169,13 @@ std::size_t Connection::sendPieces(const iovec* pieces, std::size_t count)
     if (isDead() || mIsDeaf)
         return 0;
     msghdr message{};
-    message.msg_iov = const_cast<iovec*>(pieces); // which sendmsg() only reads
+    message.msg_iov = const_cast<iovec*>(pieces); // sendmsg() only reads them
     message.msg_iovlen = count;
     return sent(sendmsg(descriptor(), &message, MSG_NOSIGNAL));
 }
 
-// A poster that has ended stays open after a failed send: the posts that it sent before are still to be read.
-// Connections of other kinds end.
+// A post connection whose peer has ended stays open after a failed send, as its earlier posts are still
+// unread. Other connections end.
 std::size_t Connection::sent(ssize_t result)
 {
     if (result >= 0 || errno == EAGAIN || errno == EINTR || mKind != Handshake::Kind::Post)
@@ -186,8 +186,8 @@ std::size_t Connection::sent(ssize_t result)
     return 0;
 }
 
-// The bytes that a call has transferred. A call that fails for another reason than want of room or bytes ends
-// the connection.
+// Returns the bytes that a call has transferred. Ends the connection if the call failed for a reason other
+// than want of room or bytes.
 std::size_t Connection::taken(ssize_t result, uint64_t& counter)
 {
     if (result >= 0)

@@ -19,8 +19,8 @@
 class PolicyClass;
 struct UserAccount;
 
-/// One TCP connection of a peer: its handshake, what it sends as messages and commands, and what has been
-/// sent to it as far as the kernel did not take it.
+/// One TCP connection of a peer: its handshake, its incoming messages and commands, and the output that the
+/// kernel has not taken yet.
 class Connection : public Pollable, public Refused
 {
 public:
@@ -34,28 +34,29 @@ public:
     Handshake::Kind kind() const { return mKind; }
     TimePoint acceptedAt() const { return mAcceptedAt; }
 
-    /// Begins the handshake. A peer that hears nothing has sent nothing that it would not send again.
+    /// Begins the handshake. A peer that received nothing has sent nothing that it would not repeat.
     void greet();
 
-    /// Its handshake is complete. Only then may anything be sent.
+    /// Whether its handshake is complete. Nothing may be sent before.
     bool isOpen() const { return mState == State::Open; }
 
-    /// Has broken the protocol, or lost its peer: to be closed. Nothing is sent or received any more.
+    /// Whether the connection must be closed: the peer broke the protocol, or is gone. Nothing is sent or
+    /// received any more.
     bool isDead() const { return mState == State::Dead; }
     void kill() { mState = State::Dead; }
 
-    /// The peer has said that nothing more comes, though there may be something to be read.
+    /// Whether the peer has ended its side. There may still be something to read.
     bool hasPeerEnded() const;
 
-    /// How many bytes have arrived that are not read.
+    /// How many bytes have arrived unread.
     std::size_t arrivals() const;
 
     bool isClosed() const { return !mSocket.isOpen(); }
 
-    /// How many of the bytes sent the peer's system may not have.
+    /// How many of the sent bytes the peer's system may not have received.
     std::size_t unacknowledgedBytes() const;
 
-    /// Tells the peer that nothing more comes.
+    /// Announces to the peer that nothing more follows.
     void shutDownOutput();
 
     void closeSocket()
@@ -66,67 +67,67 @@ public:
 
     bool knowsPing() const { return mHandshake.knowsPing(); }
 
-    /// Reads once, as much as fits into the buffer. next() takes the bytes from there.
-    /// @returns how many bytes; fewer than fit if no more were there
+    /// Reads once, as much as fits into the buffer. next() takes the bytes apart.
+    /// @returns how many bytes; fewer than fit if no more had arrived
     std::size_t receive(char* buffer, std::size_t size);
 
-    /// When the last bytes have arrived, however late they were read.
+    /// When the last bytes arrived, even if they were read much later.
     TimePoint lastArrival(TimePoint now) const;
 
-    /// Reads the next item from the bytes that receive() has returned, or that were left over. NeedsMore when
-    /// they are used up, or when the connection is dead. A connection is dead behind an Endless message.
-    /// @param opened set where the handshake has just been completed
+    /// Takes the next item from the bytes of receive(). Returns NeedsMore when they are used up, or the
+    /// connection is dead. An Endless message makes the connection dead.
+    /// @param opened set if the handshake has just been completed
     FrameReader::Result next(std::string_view& bytes, std::size_t mostBytes, FrameReader::Item& item,
                              bool& opened);
 
-    /// Sends bytes behind what waits already; what the kernel does not take now, waits.
+    /// Sends bytes behind the waiting output; what the kernel does not take now stays there.
     void send(std::string_view bytes);
     void sendCommand(std::string_view command);
 
-    /// Bytes to be sent behind others, by flush().
+    /// The output that flush() sends; append to it.
     std::string& output() { return mOutput; }
 
-    /// Sends what waits. True if nothing does any more.
+    /// Sends waiting output. Returns true if none is left.
     bool flush();
 
-    /// Sends pieces of memory, nothing else waiting. Returns how many bytes the kernel has taken.
+    /// Sends pieces of memory; no output may be waiting. Returns how many bytes the kernel has taken.
     std::size_t sendPieces(const iovec* pieces, std::size_t count);
 
     bool hasOutput() const { return mOutput.size() != mSent; }
     std::size_t outputBytes() const { return mOutput.size() - mSent; }
 
-    /// Memory that it holds.
+    /// Memory that the connection holds.
     std::size_t heldBytes() const { return mReader.heldBytes() + mOutput.capacity(); }
 
     bool isUnfinished() const { return mReader.isUnfinished(); }
 
-    /// Bytes that it has received from the peer, and sent to it.
+    /// Bytes received from the peer, and sent to it.
     uint64_t receivedBytes() const { return mReceivedBytes; }
     uint64_t sentBytes() const { return mSentBytes; }
     uint64_t movedBytes() const { return mReceivedBytes + mSentBytes; }
 
-    /// The peer at its other end.
+    /// The peer at the other end.
     Identity identity;
-    /// The rules for that client; null until it is admitted.
+    /// The rules for the peer; null until it is admitted.
     const PolicyClass* rights = nullptr;
-    /// The share of its user; null where the policy has no quotas.
+    /// The account of its user; null where the policy has no quotas.
     UserAccount* account = nullptr;
-    /// Posts or requests of it, malformed ones, too.
+    /// Its posts or requests, including malformed ones.
     uint64_t messages = 0;
-    /// Its place among those in the middle of their handshake; the port's.
+    /// Its place in the port's list of unfinished handshakes.
     std::list<Connection*>::iterator opening;
     /// The events that the poller was last asked to report.
     uint32_t polled = 0;
-    /// The bytes that the budget of memory was last told.
+    /// The bytes last reported to the memory budget.
     std::size_t accounted = 0;
-    /// For the choice of the connection to close.
+    /// Used to choose the connection to close.
     Progress progress;
 
 private:
     enum class State
     {
         Greeting,
-        Ready, ///< to come
+        Ready, ///< READY is still to come
         Open,
         Dead,
     };
@@ -142,8 +143,8 @@ private:
     Handshake mHandshake;
     FrameReader mReader;
     std::string mOutput;
-    std::size_t mSent = 0; ///< of the output
-    bool mIsDeaf = false;  ///< the peer takes nothing any more
+    std::size_t mSent = 0; ///< bytes of the output
+    bool mIsDeaf = false;  ///< the peer takes nothing more
     uint64_t mReceivedBytes = 0;
     uint64_t mSentBytes = 0;
 };

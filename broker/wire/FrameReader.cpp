@@ -12,12 +12,12 @@ constexpr unsigned commandFlag = 4;
 // Long enough for READY with all its properties, and for subscriptions.
 constexpr uint64_t longestCommand = 2048;
 
-// A message beyond the limit is read to its end, so that its client goes on; unless it is so long that it
-// seems to have none.
+// A message beyond the limit is read to its end, so that its client can continue. Only if it seems endless,
+// the connection ends.
 constexpr uint64_t hopelessly = 2;
 constexpr uint64_t roomForHeaders = 16384;
 
-// Memory that is kept for the next message.
+// Memory that stays allocated for the next message.
 constexpr std::size_t keptBytes = 2048;
 
 } // namespace
@@ -41,7 +41,7 @@ FrameReader::Result FrameReader::next(std::string_view& bytes, std::size_t mostB
     }
 }
 
-// False if it is not complete yet.
+// Returns false while the header is incomplete.
 bool FrameReader::takeHeader(std::string_view& bytes)
 {
     while (mHeaderSize < headerSize())
@@ -54,7 +54,7 @@ bool FrameReader::takeHeader(std::string_view& bytes)
     return true;
 }
 
-// As far as is known.
+// The size of the header, as far as it is known yet.
 std::size_t FrameReader::headerSize() const
 {
     if (mHeaderSize == 0)
@@ -62,7 +62,7 @@ std::size_t FrameReader::headerSize() const
     return (static_cast<unsigned char>(mHeader[0]) & longFlag) != 0 ? longestHeader : 2;
 }
 
-// NeedsMore if the header is good.
+// Returns NeedsMore if the header is valid.
 FrameReader::Result FrameReader::beginFrame(std::size_t mostBytes)
 {
     const unsigned flags = static_cast<unsigned char>(mHeader[0]);
@@ -96,7 +96,7 @@ FrameReader::Result FrameReader::takeBody(std::string_view& bytes, std::size_t m
     mFrameLeft -= piece.size();
     const bool isWhole = piece.size() == mFrameSize;
     if (isWhole && (mIsCommand || (mFrames == 0 && !mHasMore && piece.size() <= mostBytes)))
-        item.body = piece; // as it lies there
+        item.body = piece; // in place
     else
     {
         keep(piece, mostBytes);
@@ -105,7 +105,7 @@ FrameReader::Result FrameReader::takeBody(std::string_view& bytes, std::size_t m
     return mFrameLeft == 0 ? endOfFrame(item) : Result::NeedsMore;
 }
 
-// A command may come between two frames of a message, so it has a place of its own.
+// A command may arrive between two frames of a message, so it has its own buffer.
 void FrameReader::keep(std::string_view piece, std::size_t mostBytes)
 {
     if (mIsCommand)
@@ -119,7 +119,7 @@ void FrameReader::keep(std::string_view piece, std::size_t mostBytes)
     }
 }
 
-// NeedsMore if the message goes on.
+// Returns NeedsMore if the message has more frames.
 FrameReader::Result FrameReader::endOfFrame(Item& item)
 {
     mInFrame = false;
@@ -139,7 +139,7 @@ FrameReader::Result FrameReader::endOfFrame(Item& item)
     return mDelivered;
 }
 
-// Forgets what was handed on.
+// Drops the item that was returned last.
 void FrameReader::begin()
 {
     std::string& text = mDelivered == Result::Command ? mCommand : mMessage;

@@ -9,37 +9,37 @@
 
 /// Takes the bytes of a connection apart into messages and commands.
 ///
-/// A message that lies in the bytes as a whole and in one frame is handed on as it lies there. Others are put
-/// together here, up to the limit; of what is longer nothing is kept.
+/// A message that lies in the bytes completely, in one frame, is returned in place. Other messages are put
+/// together here, up to the limit. A message beyond the limit is not stored.
 class FrameReader
 {
 public:
     enum class Result
     {
-        NeedsMore, ///< all bytes are taken
+        NeedsMore, ///< all bytes are used up
         Message,
         Command,
-        TooLong,   ///< a message beyond the limit has come to its end
-        Endless,   ///< a message is so far beyond the limit that it seems to have none
-        Violation, ///< of the protocol
+        TooLong,   ///< the end of a message beyond the limit
+        Endless,   ///< a message so far beyond the limit that it seems to have no end
+        Violation, ///< the peer broke the protocol
     };
 
-    /// The find of next(). The body is valid until the next call, and as long as the bytes are.
+    /// The result of next(). The body is valid until the next call, and only while the bytes are.
     struct Item
     {
         std::string_view body;     ///< of all frames
-        std::size_t frames = 0;    ///< of a message
-        bool firstIsEmpty = false; ///< its first frame
+        std::size_t frames = 0;    ///< number of frames of a message
+        bool firstIsEmpty = false; ///< whether its first frame is empty
     };
 
     /// Takes from the front of `bytes` up to the end of the next message or command.
-    /// @param mostBytes of a message, over all its frames
+    /// @param mostBytes limit of a message, over all frames
     Result next(std::string_view& bytes, std::size_t mostBytes, Item& item);
 
-    /// Memory that is held for an unfinished message.
+    /// Memory held for an unfinished message.
     std::size_t heldBytes() const { return mMessage.capacity() + mCommand.capacity(); }
 
-    /// In the middle of a message or a command.
+    /// Whether a message or a command is incomplete.
     bool isUnfinished() const { return mFrames != 0 || mInFrame || mHeaderSize != 0; }
 
 private:
@@ -53,25 +53,25 @@ private:
 
     static constexpr std::size_t longestHeader = 9;
     std::array<char, longestHeader> mHeader{};
-    std::size_t mHeaderSize = 0; ///< bytes of it that have come
+    std::size_t mHeaderSize = 0; ///< bytes of the header received so far
 
     bool mInFrame = false;   ///< its header has come
-    uint64_t mFrameLeft = 0; ///< bytes of its body that have not
+    uint64_t mFrameLeft = 0; ///< bytes of its body still to come
     uint64_t mFrameSize = 0;
     bool mIsCommand = false;
     bool mHasMore = false;
 
     // The message under way.
-    std::size_t mFrames = 0; ///< complete ones
+    std::size_t mFrames = 0; ///< completed frames
     bool mFirstIsEmpty = false;
     bool mIsTooLong = false;
-    uint64_t mWireBytes = 0; ///< with its headers
+    uint64_t mWireBytes = 0; ///< including headers
 
-    // A message or a command is put together here if it does not lie in the bytes as a whole.
+    // A message or a command is put together here if it does not lie in the bytes completely.
     std::string mMessage;
     std::string mCommand;
 
-    Result mDelivered = Result::NeedsMore; ///< what was found last, and is done with
+    Result mDelivered = Result::NeedsMore; ///< the last result, which is no longer needed
 };
 
 #endif

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <string_view>
 
-/// Puts a text into frames of at most 512 bytes: a short one is one frame, and none is empty but that of an
-/// empty text. Append is anything that takes a std::string_view.
+/// Splits a text into frames of at most 512 bytes. A short text is one frame, and only an empty text has an
+/// empty frame. Append is anything that takes a std::string_view.
 namespace FrameWriter
 {
 
@@ -36,7 +36,7 @@ void frame(Append&& append, std::string_view body, unsigned char flags)
     append(body);
 }
 
-/// The frames of a text, the last of which is marked as such.
+/// Writes the frames of a text, the last one marked as such.
 template <class Append>
 void message(Append&& append, std::string_view text)
 {
@@ -46,7 +46,7 @@ void message(Append&& append, std::string_view text)
     frame(append, text, 0);
 }
 
-/// The body of the frame with which bytes begin that were written here; what is there of it.
+/// The body of the first frame in bytes that were written here, as far as it is there.
 inline std::string_view bodyOfFirst(std::string_view bytes)
 {
     const auto byte = [bytes](std::size_t at)

@@ -54,7 +54,7 @@ bool fits(Handshake::Kind kind, std::string_view socketType)
     return false;
 }
 
-// A piece of so many bytes from the front; false if there are fewer.
+// Takes this many bytes from the front. Returns false if there are fewer.
 bool take(std::string_view& bytes, std::size_t size, std::string_view& piece)
 {
     if (bytes.size() < size)
@@ -80,7 +80,7 @@ bool takeProperty(std::string_view& bytes, std::string_view& name, std::string_v
     return take(bytes, 4, size) && take(bytes, numberOf(size), value);
 }
 
-// Names of properties have no case.
+// Names of properties are case-insensitive.
 bool isSocketType(std::string_view name)
 {
     constexpr std::string_view socketType = "Socket-Type"sv;

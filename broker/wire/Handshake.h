@@ -8,12 +8,12 @@
 /// How a connection begins: a greeting of 64 bytes from each side, then a READY command from each. ZMTP 3.1
 /// with the mechanism NULL.
 ///
-/// A peer that says anything else is closed at the byte that shows it, before a byte of content counts: older
-/// versions of ZMTP, which have no handshake and would let a web page post, and other protocols.
+/// A peer that sends anything else is closed at the first wrong byte, before its content counts. That
+/// excludes other protocols, and older ZMTP versions, which have no handshake and would let a web page post.
 class Handshake
 {
 public:
-    /// The types of the sockets on both sides. The peer's type must fit.
+    /// The types of the sockets on both sides. The peer's type must match.
     enum class Kind
     {
         Request, ///< ROUTER here, REQ or DEALER there
@@ -24,7 +24,7 @@ public:
     explicit Handshake(Kind kind) : mKind(kind) {}
 
     /// The bytes to send at once: greeting and READY. Nothing else may follow before the peer's READY has
-    /// come: a client that has not sent its own yet takes more for a protocol error, and then never connects
+    /// come. A client that has not sent its READY takes more bytes for a protocol error, and never connects
     /// again.
     static std::string_view opening(Kind kind);
 
@@ -35,20 +35,20 @@ public:
         Refused,
     };
 
-    /// Takes from the front of `bytes` what belongs to the peer's greeting.
+    /// Takes the peer's greeting from the front of `bytes`.
     Result takeGreeting(std::string_view& bytes);
 
-    /// Whether the command is a READY with a socket type that fits.
+    /// Whether the command is a READY with a matching socket type.
     bool acceptsReady(std::string_view command) const;
 
-    /// A peer of 3.0 may not know PING.
+    /// A peer with version 3.0 may not know PING.
     bool knowsPing() const { return mMinorVersion >= 1; }
 
 private:
     bool isGood(std::size_t position, unsigned char byte);
 
     const Kind mKind;
-    std::size_t mGreeted = 0; ///< bytes
+    std::size_t mGreeted = 0; ///< bytes of the greeting received
     unsigned mMinorVersion = 0;
 };
 

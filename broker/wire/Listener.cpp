@@ -11,8 +11,8 @@
 namespace
 {
 
-// Clients that start in a crowd lose connection attempts where there is no room, and try again only after a
-// second.
+// When a crowd of clients starts and the queue is full, connection attempts are lost. The clients try again
+// only after a second.
 constexpr int backlog = 4096;
 
 void set(int socket, int level, int option, int value)
@@ -56,7 +56,7 @@ Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)
                                       SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (connection.isOpen())
         {
-            // Otherwise each message would wait for the acknowledgement of the one before, which the client
+            // Otherwise each message would wait for the acknowledgement of the previous one, which the client
             // delays.
             set(connection.number(), IPPROTO_TCP, TCP_NODELAY, 1);
             return connection;
@@ -74,6 +74,6 @@ std::size_t Listener::waiting() const
     socklen_t size = sizeof(info);
     constexpr std::size_t needed = offsetof(tcp_info, tcpi_unacked) + sizeof(info.tcpi_unacked);
     if (getsockopt(mSocket.number(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed)
-        return backlog;       // emulated: as many as may
-    return info.tcpi_unacked; // for a socket that listens, the kernel tells it there
+        return backlog;       // incomplete emulation: the most that may wait
+    return info.tcpi_unacked; // the kernel's place for this number in a listening socket
 }

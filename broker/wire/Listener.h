@@ -7,24 +7,25 @@
 
 #include "broker/base/Descriptor.h"
 
-/// A port of 127.0.0.1 at which connections arrive.
+/// A port of 127.0.0.1 that accepts connections.
 class Listener
 {
 public:
-    /// Takes the port; connections are refused until listen().
-    /// @param sendBuffer bytes that the kernel may hold for a connection that does not read; 0: as usual
-    /// @throws std::runtime_error when the port is taken
+    /// Binds the port; connections are refused until listen().
+    /// @param sendBuffer bytes that the kernel may hold for a connection that does not read; 0: the system's
+    ///     default
+    /// @throws std::runtime_error if the port is taken
     Listener(uint16_t port, int sendBuffer);
 
-    /// @throws std::runtime_error when another program does already
+    /// @throws std::runtime_error if another program already listens
     void listen();
 
     int descriptor() const { return mSocket.number(); }
 
     const sockaddr_in& address() const { return mAddress; }
 
-    /// The next connection, non-blocking and ready to be used; none (not open) if none waits.
-    /// @param outOfDescriptors set if one waits that cannot be had
+    /// The next waiting connection, non-blocking and ready to use; not open if there is none.
+    /// @param outOfDescriptors set if a connection waits for which there is no descriptor
     Descriptor accept(sockaddr_in& peer, bool& outOfDescriptors);
 
     /// How many connections wait.

@@ -41,7 +41,7 @@ void NotificationLog::addChunk()
     mChunks.push_back({0, std::move(mSpare)});
 }
 
-// The message in which a position is, or which ends there.
+// The message that contains a position, or ends there.
 std::deque<NotificationLog::Message>::const_iterator NotificationLog::findMessage(Position position) const
 {
     return std::lower_bound(mMessages.begin(), mMessages.end(), position,
@@ -72,7 +72,7 @@ const NotificationLog::Message* NotificationLog::messageBehind(Position position
     return index == mMessages.size() ? nullptr : &mMessages[index];
 }
 
-// Whether messageBehind() a position is the one with this number.
+// Whether messageBehind() would return this number for the position.
 bool NotificationLog::isBehind(Position position, Number number) const
 {
     if (number < mFirst || number - mFirst > mMessages.size())
@@ -101,7 +101,7 @@ void NotificationLog::copy(Position from, Position until, std::string& to) const
         to.append(static_cast<const char*>(piece.iov_base), piece.iov_len);
 }
 
-// The whole beginning stands in the first frame.
+// The first frame contains the whole beginning.
 std::string_view NotificationLog::beginning(Position message, std::size_t most, std::string& copied) const
 {
     const Position until = std::min(end(), message + FrameWriter::longHeader + most);

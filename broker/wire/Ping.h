@@ -9,14 +9,14 @@
 namespace Ping
 {
 
-/// Of at most 16 bytes.
+/// @param context at most 16 bytes
 inline std::string command(std::string_view context)
 {
     using namespace std::string_view_literals;
     return std::string("\4PING\0\0"sv).append(context); // without a time to live
 }
 
-/// Its context, if the command is a PONG.
+/// The context, if the command is a PONG.
 inline std::optional<std::string_view> pongContext(std::string_view command)
 {
     constexpr std::string_view pong = "\4PONG";

@@ -8,7 +8,7 @@
 
 #include "broker/base/Descriptor.h"
 
-/// The owner of a descriptor that is polled. The kind tells what it is.
+/// The owner of a polled descriptor. The kind says which class it is.
 class Pollable
 {
 public:
@@ -26,36 +26,36 @@ private:
     Kind mPollableKind;
 };
 
-/// Reports which of many descriptors can be read or written. Level-triggered: what is not done stays
-/// reported.
+/// Reports which of many descriptors can be read or written. Level-triggered: a condition that is not dealt
+/// with is reported again.
 class Poller
 {
 public:
-    /// As epoll reports it: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
+    /// The bits of epoll: EPOLLIN, EPOLLOUT, EPOLLHUP, EPOLLERR.
     struct Event
     {
         Pollable* owner;
         uint32_t what;
     };
 
-    /// @throws std::system_error where the system has no room for another.
+    /// @throws std::system_error if the system has no room for another epoll instance
     Poller();
 
-    /// @param owner handed out with each event
+    /// @param owner returned with each event
     /// @throws std::system_error
     void add(int descriptor, uint32_t what, Pollable* owner);
     void change(int descriptor, uint32_t what, Pollable* owner);
     void remove(int descriptor);
 
-    /// Lets wait() report so many events at a time, or as many as before.
+    /// Lets wait() report at least this many events at a time.
     void reserve(std::size_t events)
     {
         if (events > mEvents.size())
             mEvents.resize(2 * events);
     }
 
-    /// Waits at most `limit`, which is rounded up to whole milliseconds; negative: without limit. Returns how
-    /// many events there are.
+    /// Waits at most `limit`, rounded up to whole milliseconds; negative: without limit. Returns the number
+    /// of events.
     std::size_t wait(std::chrono::microseconds limit);
     Event event(std::size_t index) const
     {

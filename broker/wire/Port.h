@@ -15,10 +15,11 @@
 #include "broker/wire/Listener.h"
 #include "broker/wire/Poller.h"
 
-/// A port and its connections. Peer derives from Connection and is made from (Descriptor, Kind, TimePoint).
+/// A port and its connections. Peer derives from Connection and is constructed from (Descriptor, Kind,
+/// TimePoint).
 ///
-/// A connection must complete its handshake within a time. Beyond the limit, the oldest that has not done so
-/// makes room for a new one; if all have, the new one is closed.
+/// A connection must complete its handshake within a time limit. When the port is full, a new connection
+/// displaces the oldest one with an unfinished handshake. If there is none, the new connection is closed.
 template <class Peer>
 class Port : public Pollable
 {
@@ -28,18 +29,18 @@ public:
     Port(const Port&) = delete;
     Port& operator=(const Port&) = delete;
 
-    /// How many connections a call of accept() takes, so that a crowd of them does not keep the others
-    /// waiting.
+    /// How many connections one call of accept() should take, so that a crowd of them does not delay the
+    /// others.
     static constexpr std::size_t fewAtATime = 32;
 
-    /// From now on, connections arrive.
+    /// Connections are accepted from now on.
     void listen()
     {
         mListener.listen();
         mPoller.add(mListener.descriptor(), EPOLLIN, this);
     }
 
-    /// Takes connections that wait. False if no more can be had.
+    /// Accepts up to `count` waiting connections. Returns whether it took them all, so that more may wait.
     bool accept(std::size_t count, TimePoint now)
     {
         bool outOfDescriptors = false;
@@ -63,11 +64,11 @@ public:
         return count == 0;
     }
 
-    /// How many have been taken so far, and how many there were with those that wait.
+    /// How many connections were accepted so far, and how many including the waiting ones.
     uint64_t accepted() const { return mAccepted; }
     uint64_t arrived() const { return mAccepted + mListener.waiting(); }
 
-    /// Closes it at once; the object lives until collect().
+    /// Closes the connection at once; the object lives until collect().
     void close(Peer& peer)
     {
         onClose(peer);
@@ -81,7 +82,7 @@ public:
         mPeers.pop_back();
     }
 
-    /// Destroys what was closed, each after act(Peer&). Nothing else may point to it any more.
+    /// Calls act(Peer&) for each closed connection and destroys it. Nothing else may point to it any more.
     template <class Act>
     void collect(Act&& act)
     {
@@ -97,7 +98,7 @@ public:
                         oldest == nullptr ? TimePoint::max() : oldest->acceptedAt() + longestHandshake);
     }
 
-    /// To be called when due() has come.
+    /// Call this when due() has come.
     virtual void doWhatIsDue(TimePoint now)
     {
         if (mRestsUntil <= now)
@@ -130,27 +131,27 @@ protected:
 
     virtual ~Port() = default;
 
-    /// How many connections there may be.
+    /// How many connections the port allows.
     virtual std::size_t most() const = 0;
 
-    /// There is no room for another.
+    /// There is no room for another connection.
     virtual void onFull() = 0;
 
-    /// Whether it may stay. If not, nothing is read from it.
+    /// Whether the connection may stay. If not, nothing is read from it.
     virtual bool isAdmitted(Peer& peer) = 0;
 
     virtual void onAccepted(Peer&) {}
 
-    /// It is about to be closed.
+    /// The connection is about to be closed.
     virtual void onClose(Peer&) {}
 
-    /// Reads what it has sent.
+    /// Reads what the peer has sent.
     virtual void read(Peer& peer, TimePoint now) = 0;
 
-    /// Acts on what it has sent.
+    /// Acts on what the peer has sent.
     virtual void update(Peer& peer) = 0;
 
-    /// Asks the poller for what a connection waits for now.
+    /// Asks the poller for the events that the connection waits for now.
     void poll(Peer& peer, uint32_t what)
     {
         if (peer.polled == what || peer.isDead())
@@ -159,7 +160,7 @@ protected:
         peer.polled = what;
     }
 
-    /// A connection has completed its handshake.
+    /// The connection has completed its handshake.
     void noteOpened(Peer& peer)
     {
         if (peer.opening != mOpening.end())
@@ -168,7 +169,7 @@ protected:
     }
 
 private:
-    // False if there is no memory for it, here or in the system.
+    // Returns false if there is no memory for the connection, here or in the system.
     bool add(Descriptor socket, const sockaddr_in& address, TimePoint now)
     {
         const std::size_t before = mPeers.size();
@@ -176,7 +177,7 @@ private:
         {
             mPeers.push_back(std::make_unique<Peer>(std::move(socket), mKind, now));
             Peer& peer = *mPeers.back();
-            peer.opening = mOpening.end(); // what comes may fail
+            peer.opening = mOpening.end(); // the calls below may throw
             peer.identity = mIdentities.identify(peer.descriptor(), address, mListener.address());
             if (!isAdmitted(peer))
             {
@@ -190,7 +191,7 @@ private:
             onAccepted(peer);
             return true;
         }
-        catch (const std::exception&) // of the poller, or want of memory
+        catch (const std::exception&) // from the poller, or std::bad_alloc
         {
             if (mPeers.size() != before)
                 close(*mPeers.back());
@@ -200,7 +201,7 @@ private:
 
     Peer* oldestOpening() const { return mOpening.empty() ? nullptr : static_cast<Peer*>(mOpening.front()); }
 
-    // The oldest may complete its handshake with the bytes that it has sent. Then the next oldest is tried.
+    // The oldest may complete its handshake with bytes already received. Then the next oldest is tried.
     bool makeRoom(TimePoint now)
     {
         while (Peer* oldest = oldestOpening())
@@ -211,8 +212,8 @@ private:
         return false;
     }
 
-    // The peer may complete its handshake with bytes that have waited for long: the broker may have stood
-    // still. Otherwise the peer is closed. Returns whether it stays.
+    // The peer may complete its handshake with bytes that have waited for long, as the broker may have stood
+    // still. Otherwise it is closed. Returns whether it stays.
     bool letOpen(Peer& peer, TimePoint now)
     {
         read(peer, now);
@@ -223,7 +224,7 @@ private:
         return !peer.isClosed();
     }
 
-    // Out of descriptors or memory: the poller would report the waiting connection without end.
+    // Without descriptors or memory, the poller would report the waiting connection again and again.
     void rest(TimePoint now)
     {
         constexpr std::chrono::milliseconds pause{100};
@@ -237,8 +238,8 @@ private:
     uint64_t mAccepted = 0;
     const Handshake::Kind mKind;
     std::vector<std::unique_ptr<Peer>> mPeers;
-    std::vector<std::unique_ptr<Peer>> mClosed; // until nothing can point to them any more
-    std::list<Connection*> mOpening;            // in the middle of their handshake, oldest first
+    std::vector<std::unique_ptr<Peer>> mClosed; // until nothing can point to them
+    std::list<Connection*> mOpening;            // with unfinished handshakes, oldest first
     TimePoint mRestsUntil = TimePoint::max();
 };
 

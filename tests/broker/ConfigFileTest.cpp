@@ -144,18 +144,18 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"max-notify-bytes = 63K\n", "file:1: max-notify-bytes: \"63K\" is not a size in 64K..1024M"},
         Mistake{"max-memory = 4095K\n", "file:1: max-memory: \"4095K\" is not a size in 4M..2048M"},
         Mistake{"max-memory = 2049M\n", "file:1: max-memory: \"2049M\" is not a size in 4M..2048M"},
-        Mistake{"state-sync = FULL\n", "file:1: state-sync: \"FULL\" is none of off, normal, full"},
-        Mistake{"allow-set-time = maybe\n", "file:1: allow-set-time: \"maybe\" is none of true, false"},
-        Mistake{"allow-set-time = x\n", "file:1: allow-set-time: \"x\" is none of true, false"},
+        Mistake{"state-sync = FULL\n", "file:1: state-sync: \"FULL\" is not one of off, normal, full"},
+        Mistake{"allow-set-time = maybe\n", "file:1: allow-set-time: \"maybe\" is not one of true, false"},
+        Mistake{"allow-set-time = x\n", "file:1: allow-set-time: \"x\" is not one of true, false"},
         Mistake{"state = --check-config\n", "file:1: state: \"--check-config\" is empty or an option"},
         Mistake{"\nmax-keys = " + std::string(60, '9') + "\n",
                 "file:2: max-keys: \"" + std::string(40, '9') + "...\" is not a number in 1..1000000"},
         Mistake{"log-level = \xc3\xa4\n", "file:1: log-level: \"??\" is not a number in 0..7"},
-        Mistake{std::string("\nmax-keys = 1\0\n", 15), "file:2: a byte that is no text"},
-        Mistake{std::string("\0", 1), "file:1: a byte that is no text"},
-        Mistake{"# \x1b[2J\n", "file:1: a byte that is no text"},
-        Mistake{"state = a\rmax-keys = 1\n", "file:1: a byte that is no text"},
-        Mistake{"state = a\x7f\n", "file:1: a byte that is no text"},
+        Mistake{std::string("\nmax-keys = 1\0\n", 15), "file:2: a control character"},
+        Mistake{std::string("\0", 1), "file:1: a control character"},
+        Mistake{"# \x1b[2J\n", "file:1: a control character"},
+        Mistake{"state = a\rmax-keys = 1\n", "file:1: a control character"},
+        Mistake{"state = a\x7f\n", "file:1: a control character"},
         Mistake{"\nstate = " + std::string(4096 - 7, 'n') + "\n", "file:2: longer than 4096 bytes"},
         Mistake{"#" + std::string(60000, 'n'), "file:1: longer than 4096 bytes"}),
     mistakeName);
@@ -318,7 +318,7 @@ TEST_F(ConfigFileTest, thatIsGoodIsToldSoByACheck)
     write("max-keys = 5\n");
     const Outcome outcome = run({"--config", file(), "--check-config"});
     EXPECT_EQ(outcome.code, 0);
-    EXPECT_EQ(outcome.output, "statusbroker: configuration is good\n");
+    EXPECT_EQ(outcome.output, "statusbroker: the configuration is valid\n");
     EXPECT_EQ(outcome.errors, "");
 }
 

@@ -78,7 +78,7 @@ TEST_F(Denying, aTimerThatRunsMayNeitherBeStoppedNorReset)
     start(allOk);
     post(R"({"startTimer":"t"})");
     reload(rule("deny = \"timer\"\nkeys = \"t\""));
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     const std::string started = ask(R"({"getTimerLastStarted":"t"})");
     post(R"({"stopTimer":"t"})");
     post(R"({"resetTimer":"t"})");
@@ -111,7 +111,7 @@ TEST_F(Denying, whatMayNotBeAskedForAnswersAsIfItDidNotExist)
     post(R"({"setCounterValue":{"secret":7}})");
     post(R"({"startTimer":"secret"})");
     reload(rule("deny = \"query\"\nkeys = \"secret\""));
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     EXPECT_EQ(ask(R"({"getClientInfoValue":"secret"})"), R"({"statusValue":""})");
     EXPECT_EQ(ask(R"({"getClientInfoValues":["a","secret"]})"), R"({"a":"1"})");
     EXPECT_EQ(all(), R"({"a":"1"})");

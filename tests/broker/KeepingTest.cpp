@@ -256,7 +256,7 @@ TEST_F(KeepingTest, whatCouldNotBeWrittenIsWrittenWhenItCanBeThoughNothingElseCh
     poster.post(postOf("k", "1"));
     EXPECT_EQ(valueOf(requester, "k"), reply("1"));
     std::filesystem::create_directory(later);
-    EXPECT_TRUE(broker->process().waitForError("is written again"));
+    EXPECT_TRUE(broker->process().waitForError("can be written again"));
     EXPECT_EQ(brokerStatistic(requester, "state.commits"), 1U);
 }
 
@@ -272,9 +272,9 @@ TEST_F(KeepingTest, aFileThatMayNotGrowIsAFullDisk)
     RawRequester requester;
     poster.post(postOf("k", "1"));
     EXPECT_EQ(valueOf(requester, "k"), reply("1"));
-    ASSERT_TRUE(broker->process().waitForError("what changes is lost when the broker ends"));
+    ASSERT_TRUE(broker->process().waitForError("changes will be lost when the broker ends"));
     ASSERT_EQ(prlimit(process, RLIMIT_FSIZE, &before, nullptr), 0);
-    EXPECT_TRUE(broker->process().waitForError("is written again"));
+    EXPECT_TRUE(broker->process().waitForError("can be written again"));
     broker->kill();
     start();
     RawRequester another;

@@ -43,7 +43,7 @@ TEST_F(MeasureLists, leaveOutNamesThatTheClientMayNotAskFor)
         post(R"({"setCounterValue":{")" + name + "\":1}}");
     }
     reload(rule("deny = \"query\"\nkeys = \"secret\""));
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     EXPECT_EQ(counters(), R"({"counters":{"a":1,"z":1}})");
     EXPECT_EQ(timers().find("secret"), std::string::npos);
     EXPECT_NE(timers().find(R"("z":)"), std::string::npos);

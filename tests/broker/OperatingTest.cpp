@@ -34,7 +34,7 @@ TEST(Configuration, isCheckedWithoutServing)
     writeFile(folder / "bad", "max-keys = 5\nmax-kesy = 6\n");
     BrokerProcess serving; // checking binds nothing
     TestProcess good({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "good"});
-    EXPECT_EQ(good.readLine(), "statusbroker: configuration is good");
+    EXPECT_EQ(good.readLine(), "statusbroker: the configuration is valid");
     EXPECT_EQ(good.waitForExit(), 0);
     TestProcess bad({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "bad"});
     EXPECT_TRUE(bad.waitForError("statusbroker: " + (folder / "bad") + ":2: unknown name \"max-kesy\"\n"));
@@ -60,7 +60,7 @@ TEST(Configuration, ofLimitsAndLevelIsTakenOverAtHangUp)
     EXPECT_EQ(valueOf(requester, "b"), reply(""));
     writeFile(folder / "conf", "max-keys = 2\nlog-level = 7\n");
     broker.process().signal(SIGHUP);
-    EXPECT_TRUE(broker.process().waitForError("Took over limits, log level and policy"));
+    EXPECT_TRUE(broker.process().waitForError("Applied new limits, log level and policy"));
     poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
     EXPECT_EQ(valueOf(requester, "b"), reply("1"));
 }
@@ -74,7 +74,7 @@ TEST(Configuration, thatIsBadAtHangUpIsToldAndTheOldOneKept)
     RawRequester requester;
     writeFile(folder / "conf", "max-keys = 0\n");
     broker.process().signal(SIGHUP);
-    EXPECT_TRUE(broker.process().waitForError("Keeping the options: " + (folder / "conf") + ":1: "));
+    EXPECT_TRUE(broker.process().waitForError("Keeping the old options: " + (folder / "conf") + ":1: "));
     poster.post(R"({"postStatus":{"a":"1","b":"1"}})");
     EXPECT_EQ(valueOf(requester, "a"), reply("1"));
     EXPECT_EQ(valueOf(requester, "b"), reply(""));
@@ -255,7 +255,7 @@ TEST(Clock, isNotSetToBeforeTheProgramWasBuilt)
     RawPoster poster;
     poster.post(R"({"updateSystemTime":1000000000})");
     EXPECT_TRUE(broker.process().waitForError(
-        "Setting the system time to 1000000000 refused, that is before this program was built"));
+        "Setting the system time to 1000000000 refused: that is before this program was built"));
     RawRequester requester;
     EXPECT_EQ(brokerStatistic(requester, "refused.systemTime"), 1U);
     EXPECT_EQ(broker.process().errors().find("settimeofday("), std::string::npos);
@@ -315,7 +315,7 @@ TEST(StateFileOption, isMissedInTheLogAtTheStart)
 {
     BrokerProcess broker;
     EXPECT_TRUE(
-        broker.process().waitForError("There is no state file: nothing is kept when the broker ends"));
+        broker.process().waitForError("There is no state file: the state is lost when the broker ends"));
 }
 
 // ------------------------------------------------------------------------------------------- service manager
@@ -443,7 +443,7 @@ TEST(ServiceManager, isToldThatItIsReadyWhenItBeginsToRead)
     NotifySocket manager(folder / "notify");
     manager.fill();
     BrokerProcess broker({"--heartbeat=0"}); // so nothing else wakes the loop
-    ASSERT_TRUE(broker.process().waitForError("Could not tell the service manager yet"));
+    ASSERT_TRUE(broker.process().waitForError("Could not report to the service manager yet"));
     EXPECT_EQ(manager.nextButFilling(), "READY=1\nSTATUS=Serving, 0 keys loaded");
 }
 
@@ -454,7 +454,7 @@ TEST(ServiceManager, isToldOnlyOnceThatItIsReady)
     manager.fill();
     setenv("WATCHDOG_USEC", "300000", 1);
     BrokerProcess broker({"--heartbeat=0"});
-    ASSERT_TRUE(broker.process().waitForError("Could not tell the service manager yet"));
+    ASSERT_TRUE(broker.process().waitForError("Could not report to the service manager yet"));
     EXPECT_EQ(manager.nextButFilling().rfind("READY=1", 0), 0U);
     for (int count = 0; count < 5; ++count) // it would be told as often as the watchdog is fed
         EXPECT_EQ(manager.next(), "WATCHDOG=1");

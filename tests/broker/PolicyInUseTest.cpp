@@ -22,7 +22,7 @@ TEST_F(UsedPolicy, atSighupAnotherPolicyIsInForceForThoseThatAreConnected)
     start(allOk);
     post(postOf("secret", "1"));
     reload(rule("deny = [\"post\", \"query\"]\nkeys = \"secret\""));
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     post(postOf("secret", "2"));
     EXPECT_EQ(all(), "{}");
     EXPECT_EQ(statistic("policy.denied"), 1U);
@@ -62,7 +62,7 @@ TEST_F(UsedPolicy, atSighupTheSamePolicyTellsNobodyAnythingAgain)
     post(postOf("a", "1"));
     EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1"}})");
     reload(policy);
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     post(postOf("b", "1"));
     EXPECT_EQ(next(), R"({"statusUpdate":{"b":"1"}})");
 }
@@ -85,7 +85,7 @@ TEST_F(UsedPolicy, aSubscriberThatMaySeeLessIsNotToldAnyMore)
     start(allOk);
     listen();
     reload(rule("deny = \"see\"\nkeys = \"secret\""));
-    ASSERT_TRUE(isInLog("Took over limits, log level and policy"));
+    ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     post(postOf("secret", "2"));
     post(postOf("a", "1"));
     EXPECT_EQ(next(), R"({"statusUpdate":{"a":"1"}})");
@@ -95,7 +95,7 @@ TEST_F(UsedPolicy, atSighupAFileThatIsWrongKeepsThePolicyBefore)
 {
     start(rule("deny = \"post\"\nkeys = \"secret\""));
     reload("[[rule]]\nallow = \"everything\"\n");
-    ASSERT_TRUE(isInLog("Keeping the options: " + (folder / "policy") + ":2: "));
+    ASSERT_TRUE(isInLog("Keeping the old options: " + (folder / "policy") + ":2: "));
     post(postOf("secret", "2"));
     EXPECT_EQ(all(), "{}");
 }
@@ -111,8 +111,12 @@ TEST_F(UsedPolicy, aBrokerWhosePolicyIsWrongDoesNotStart)
 // Without control groups of version 2 no kernel tells services.
 TEST_F(UsedPolicy, aBrokerDoesNotStartWhereItsPolicyCannotBeEnforced)
 {
-    const std::vector<std::string> ownMounts{"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
-                                             "umount --all --lazy --types cgroup2 && exec \"$@\"", "sh"};
+    const std::vector<std::string> ownMounts{"/usr/bin/unshare",
+                                             "--mount",
+                                             "/bin/sh",
+                                             "-c",
+                                             "umount --all --lazy --types cgroup2 && exec \"$@\"",
+                                             "sh"};
     const auto run = [&](const std::vector<std::string>& command)
     {
         std::vector<std::string> all = ownMounts;
@@ -126,7 +130,8 @@ TEST_F(UsedPolicy, aBrokerDoesNotStartWhereItsPolicyCannotBeEnforced)
     writePolicy("[[rule]]\nservice = \"net\"\ndeny = \"reset\"\n");
     const auto [code, errors] = run({STATUSBROKER_PRODUCT, "--policy", folder / "policy"});
     EXPECT_EQ(code, 1);
-    EXPECT_NE(errors.find("the policy names services, but this kernel does not tell them"), std::string::npos)
+    EXPECT_NE(errors.find("the policy names services, but this kernel does not report them"),
+              std::string::npos)
         << errors;
 }
 
@@ -160,13 +165,13 @@ TEST_F(UsedPolicy, aQuestionAboutNobodyOrNothingGetsAnError)
 {
     start(allOk);
     EXPECT_EQ(ask(R"({"getPolicyDecision":["no such user","post","a"]})"),
-              R"({"error":"\"no such user\" is no user"})");
+              R"({"error":"\"no such user\" is not a user"})");
     EXPECT_EQ(ask(R"({"getPolicyDecision":["0:net","post","a"]})"),
-              R"({"error":"\"net\" is no service, such as net.service"})");
+              R"({"error":"\"net\" is not a service, such as net.service"})");
     EXPECT_EQ(
         ask(R"({"getPolicyDecision":["0","look","a"]})"),
-        R"({"error":"\"look\" is none of post, reset, event, timer, counter, query, see, time, forget"})");
-    EXPECT_EQ(ask(R"({"getPolicyDecision":[]})"), R"({"error":"\"\" is no user"})");
+        R"({"error":"\"look\" is not one of post, reset, event, timer, counter, query, see, time, forget"})");
+    EXPECT_EQ(ask(R"({"getPolicyDecision":[]})"), R"({"error":"\"\" is not a user"})");
 }
 
 TEST_F(UsedPolicy, whatWouldBeDeniedIsAllowedInAuditMode)

@@ -33,7 +33,7 @@ TEST_F(StateFileDamageTest, anEarlierLayoutIsMovedAside)
     const LogCapture log;
     EXPECT_TRUE(load().empty());
     ASSERT_EQ(log.lines().size(), 1U);
-    EXPECT_NE(log.lines()[0].text.find("of version 1"), std::string::npos);
+    EXPECT_NE(log.lines()[0].text.find("unsupported version 1"), std::string::npos);
 }
 
 TEST_F(StateFileDamageTest, aTableWithoutItsKeyIsMovedAside)

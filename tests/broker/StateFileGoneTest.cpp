@@ -66,9 +66,9 @@ TEST_F(GoneTest, aRemovedFileIsWrittenAnewWithEverything)
     EXPECT_EQ(valuesAfterAKill(), everything.values);
     ASSERT_EQ(log.lines().size(), 2U);
     EXPECT_TRUE(log.has(0, "State file [" + path +
-                               "]: removed or replaced while it is in use; what changes is "
+                               "]: removed or replaced while in use; changes will "
                                "lost when the broker ends"));
-    EXPECT_TRUE(log.has(2, "State file [" + path + "] is written again"));
+    EXPECT_TRUE(log.has(2, "State file [" + path + "] can be written again"));
     EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
 }
 
@@ -105,8 +105,9 @@ TEST_F(GoneTest, anotherFileInItsPlaceIsMovedAsideAndEverythingWrittenAnew)
     EXPECT_TRUE(isNoticedInTheEnd());
     EXPECT_EQ(valuesAfterAKill(), everything.values);
     EXPECT_TRUE(readFile(path + ".bad") == before);
-    EXPECT_TRUE(log.has(0, "State file [" + path + "] is not what the broker goes on with, moved to [" +
-                               path + ".bad]"));
+    EXPECT_TRUE(log.has(0, "State file [" + path +
+                               "] does not hold the current state of the broker, moved to [" + path +
+                               ".bad]"));
 }
 
 TEST_F(GoneTest, bytesInItsPlaceAreMovedAside)

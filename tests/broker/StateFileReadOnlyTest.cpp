@@ -42,7 +42,7 @@ TEST_F(StateFileStorageTest, whatCanOnlyBeReadIsLoadedAndToldOnce)
     EXPECT_EQ(file.commits(), 0U);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.lines()[0].level, 0);
-    EXPECT_NE(log.lines()[0].text.find("it can only be read"), std::string::npos);
+    EXPECT_NE(log.lines()[0].text.find("it is read-only"), std::string::npos);
     EXPECT_TRUE(readFile(path) == before);
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder / ""), {}), 1);
 }

@@ -46,7 +46,7 @@ TEST_F(StateFileStorageTest, whatCouldNotBeWrittenIsWrittenWhenItCanBe)
             file.commit({}, thisBoot);
             return file.commits() == 1;
         }));
-    EXPECT_TRUE(log.has(2, "State file [" + later + "] is written again"));
+    EXPECT_TRUE(log.has(2, "State file [" + later + "] can be written again"));
     path = later + ".copy";
     copyAsKilled(later, path);
     EXPECT_EQ(load().values, (StatusMap{{"a", "2"}, {"b", "1"}}));

@@ -60,8 +60,8 @@ TEST_F(ConnectionLimitTest, countsWhatFindsNoRoom)
     limit.full();
     EXPECT_EQ(refusals.count(Refusal::Connections), 2U);
     EXPECT_TRUE(
-        log.has(2, "All 100 connections to the post port are in use: one that has not spoken makes room, or "
-                   "the new one is refused"));
+        log.has(2, "All 100 connections to the post port are in use: a new one replaces one that has not "
+                   "spoken, or is refused"));
 }
 
 TEST_F(ConnectionLimitTest, followsAChangeOfTheLimit)

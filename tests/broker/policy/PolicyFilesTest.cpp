@@ -58,7 +58,7 @@ TEST_F(PolicyFilesTest, ofAFolderAreReadInTheOrderOfTheirNames)
     write("05.policy", denies);
     EXPECT_FALSE(mayPost(load()));
     write("04.policy", "[[rule]]\n");
-    EXPECT_EQ(errors(), Lines{(folder / "04.policy") + ":1: a rule lacks allow or deny"});
+    EXPECT_EQ(errors(), Lines{(folder / "04.policy") + ":1: a rule needs allow or deny"});
 }
 
 TEST_F(PolicyFilesTest, withOtherNamesAreLeftOut)
@@ -96,7 +96,7 @@ TEST_F(PolicyFilesTest, allMistakesAreTold)
     std::filesystem::create_directory(folder / "c.policy");
     EXPECT_EQ(errors(), (Lines{(folder / "b.policy") + ": cannot be read: No such file or directory",
                                (folder / "c.policy") + ": cannot be read: not a regular file",
-                               (folder / "a.policy") + ":1: default is \"allow\" or \"deny\""}));
+                               (folder / "a.policy") + ":1: default must be \"allow\" or \"deny\""}));
 }
 
 TEST_F(PolicyFilesTest, thatArePipesAreNotWaitedFor)
@@ -112,7 +112,7 @@ TEST_F(PolicyFilesTest, thatGroupOrOthersMayWriteAreRefused)
     {
         setRights("a", S_IRUSR | S_IWUSR | wrong);
         EXPECT_EQ(errors("a"),
-                  Lines{(folder / "a") + ": others than its owner may write to it (chmod go-w)"});
+                  Lines{(folder / "a") + ": users other than its owner can write to it (chmod go-w)"});
     }
     setRights("a", S_IRUSR | S_IRGRP | S_IROTH);
     EXPECT_EQ(errors("a"), Lines{});
@@ -122,7 +122,7 @@ TEST_F(PolicyFilesTest, inAFolderThatOthersMayWriteAreRefused)
 {
     write("a.policy", "");
     setRights("", S_IRWXU | S_IRWXO | S_ISVTX);
-    EXPECT_EQ(errors(), Lines{(folder / "") + ": others than its owner may write to it (chmod go-w)"});
+    EXPECT_EQ(errors(), Lines{(folder / "") + ": users other than its owner can write to it (chmod go-w)"});
 }
 
 TEST_F(PolicyFilesTest, ofOtherUsersAreRefused)
@@ -130,7 +130,7 @@ TEST_F(PolicyFilesTest, ofOtherUsersAreRefused)
     if (geteuid() != 0)
         GTEST_SKIP() << "only root gives files away";
     constexpr uid_t other = 1234;
-    const std::string error = ": belongs to user 1234, and must belong to root or to the broker's user";
+    const std::string error = ": belongs to user 1234, but must belong to root or to the broker's user";
     write("a.policy", "");
     ASSERT_EQ(chown((folder / "a.policy").c_str(), other, other), 0);
     EXPECT_EQ(errors(), Lines{(folder / "a.policy") + error});

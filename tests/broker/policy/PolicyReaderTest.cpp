@@ -43,54 +43,52 @@ TEST_P(WrongPolicy, isToldWithItsLine)
 INSTANTIATE_TEST_SUITE_P(
     Names, WrongPolicy,
     testing::Values(
-        Mistake{"\nport = 1\n",
-                "file:2: unknown name \"port\" (there are default, mode, rule, quota, owned)"},
-        Mistake{"[server]\n",
-                "file:1: unknown name \"server\" (there are default, mode, rule, quota, owned)"},
+        Mistake{"\nport = 1\n", "file:2: unknown name \"port\" (known: default, mode, rule, quota, owned)"},
+        Mistake{"[server]\n", "file:1: unknown name \"server\" (known: default, mode, rule, quota, owned)"},
         Mistake{"[[rules]]\nallow = \"all\"\n",
-                "file:1: unknown name \"rules\" (there are default, mode, rule, quota, owned)"},
+                "file:1: unknown name \"rules\" (known: default, mode, rule, quota, owned)"},
         Mistake{"[[rule]]\nallow = \"all\"\nkey = \"a\"\n",
-                "file:3: unknown name \"key\" in a rule (there are service, user, group, allow, deny, keys)"},
-        Mistake{"[[rule]]\nallow = \"all\"\nkeys.a = \"a\"\n", "file:3: keys is a text or a list of texts"},
-        Mistake{
-            "[[rule]]\nallow = \"all\"\n[rule.more]\n",
-            "file:3: unknown name \"more\" in a rule (there are service, user, group, allow, deny, keys)"},
+                "file:3: unknown name \"key\" in a rule (known: service, user, group, allow, deny, keys)"},
+        Mistake{"[[rule]]\nallow = \"all\"\nkeys.a = \"a\"\n",
+                "file:3: keys must be a text or a list of texts"},
+        Mistake{"[[rule]]\nallow = \"all\"\n[rule.more]\n",
+                "file:3: unknown name \"more\" in a rule (known: service, user, group, allow, deny, keys)"},
         Mistake{"[[rule]]\nallow = \"all\"\ndefault = \"deny\"\n",
                 "file:3: default is not part of a rule: write it above the first [[rule]]"},
         Mistake{"[[rule]]\nallow = \"all\"\nmode = \"audit\"\n",
                 "file:3: mode is not part of a rule: write it above the first [[rule]]"},
         Mistake{"[[quota]]\nkeys = 1\ngroup = \"net\"\n",
-                "file:3: unknown name \"group\" in a quota (there are user, keys, bytes, connections, "
+                "file:3: unknown name \"group\" in a quota (known: user, keys, bytes, connections, "
                 "posts-per-second)"},
         Mistake{"[[owned]]\nkeys = \"a\"\nuser = \"net\"\n",
-                "file:3: unknown name \"user\" in owned (there are keys, becomes, grace)"},
+                "file:3: unknown name \"user\" in owned (known: keys, becomes, grace)"},
         Mistake{"\"a\\u001b[0m\" = 1\n",
-                "file:1: unknown name \"a?[0m\" (there are default, mode, rule, quota, owned)"}));
+                "file:1: unknown name \"a?[0m\" (known: default, mode, rule, quota, owned)"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Values, WrongPolicy,
     testing::Values(
-        Mistake{"default = true\n", "file:1: default is \"allow\" or \"deny\""},
-        Mistake{"default = \"Allow\"\n", "file:1: default is \"allow\" or \"deny\""},
-        Mistake{"\nmode = \"off\"\n", "file:2: mode is \"enforce\" or \"audit\""},
-        Mistake{"mode = [\"audit\"]\n", "file:1: mode is \"enforce\" or \"audit\""},
+        Mistake{"default = true\n", "file:1: default must be \"allow\" or \"deny\""},
+        Mistake{"default = \"Allow\"\n", "file:1: default must be \"allow\" or \"deny\""},
+        Mistake{"\nmode = \"off\"\n", "file:2: mode must be \"enforce\" or \"audit\""},
+        Mistake{"mode = [\"audit\"]\n", "file:1: mode must be \"enforce\" or \"audit\""},
         Mistake{"rule = 1\n", "file:1: each rule begins with [[rule]]"},
         Mistake{"[rule]\nallow = \"all\"\n", "file:1: each rule begins with [[rule]]"},
         Mistake{"rule = [1]\n", "file:1: each rule begins with [[rule]]"},
         Mistake{"[quota]\nkeys = 1\n", "file:1: each quota begins with [[quota]]"},
         Mistake{"[owned]\nkeys = \"a\"\n", "file:1: each owned begins with [[owned]]"},
-        Mistake{"[[rule]]\nkeys = \"a\"\n", "file:1: a rule lacks allow or deny"},
+        Mistake{"[[rule]]\nkeys = \"a\"\n", "file:1: a rule needs allow or deny"},
         Mistake{"[[rule]]\nallow = \"post\"\ndeny = \"reset\"\n",
                 "file:3: a rule either allows or denies: write two rules"},
-        Mistake{"[[rule]]\nallow = 1\n", "file:2: allow is a text or a list of texts"},
-        Mistake{"[[rule]]\ndeny = [\"post\", 1]\n", "file:2: deny is a text or a list of texts"},
+        Mistake{"[[rule]]\nallow = 1\n", "file:2: allow must be a text or a list of texts"},
+        Mistake{"[[rule]]\ndeny = [\"post\", 1]\n", "file:2: deny must be a text or a list of texts"},
         Mistake{"[[rule]]\nallow = []\n", "file:2: allow is an empty list"},
         Mistake{"[[rule]]\nallow = [\n\"post\",\n\"write\"]\n",
-                "file:4: unknown action \"write\" (there are post, reset, event, timer, counter, query, see, "
+                "file:4: unknown action \"write\" (known: post, reset, event, timer, counter, query, see, "
                 "time, forget, all)"},
-        Mistake{"[[rule]]\nallow = [[\"post\"]]\n", "file:2: allow is a text or a list of texts"},
+        Mistake{"[[rule]]\nallow = [[\"post\"]]\n", "file:2: allow must be a text or a list of texts"},
         Mistake{"[[rule]]\nallow = \"all\"\nkeys = []\n", "file:3: keys is an empty list"},
-        Mistake{"[[rule]]\nallow = \"all\"\nkeys = \"\"\n", "file:3: keys: an empty text"},
+        Mistake{"[[rule]]\nallow = \"all\"\nkeys = \"\"\n", "file:3: keys: the text is empty"},
         Mistake{"[[rule]]\nallow = \"all\"\nkeys = \"a\\u0000\"\n",
                 "file:3: keys: \"a?\" holds a control character"},
         Mistake{"[[rule]]\nallow = \"all\"\nkeys = '''\na\nb'''\n",
@@ -107,56 +105,60 @@ INSTANTIATE_TEST_SUITE_P(
                 "file:3: \"net*\" is not the name of a service"},
         Mistake{"[[rule]]\nallow = \"all\"\nservice = \"a/b\"\n",
                 "file:3: \"a/b\" is not the name of a service"},
-        Mistake{"[[rule]]\nallow = \"all\"\nservice = 1\n", "file:3: service is a text or a list of texts"},
+        Mistake{"[[rule]]\nallow = \"all\"\nservice = 1\n",
+                "file:3: service must be a text or a list of texts"},
         Mistake{"[[rule]]\nallow = \"all\"\nuser = []\n", "file:3: user is an empty list"},
         Mistake{"[[rule]]\nallow = \"all\"\nuser = [\"net\", true]\n",
-                "file:3: user is a text or a list of texts"},
+                "file:3: user must be a text or a list of texts"},
         Mistake{"[[rule]]\nallow = \"all\"\nuser = -1\n", "file:3: user: -1 is not the number of a user"},
         Mistake{"[[rule]]\nallow = \"all\"\ngroup = 4294967295\n",
                 "file:3: group: 4294967295 is not the number of a group"},
         Mistake{"[[quota]]\nuser = \"web\"\n",
-                "file:1: a quota lacks keys, bytes, connections or posts-per-second"},
-        Mistake{"[[quota]]\nkeys = 0\n", "file:2: keys is a number in 1..1000000"},
-        Mistake{"[[quota]]\nconnections = 1000001\n", "file:2: connections is a number in 1..1000000"},
-        Mistake{"[[quota]]\nposts-per-second = 1.5\n", "file:2: posts-per-second is a number in 1..1000000"},
-        Mistake{"[[quota]]\nbytes = 0\n", "file:2: bytes is a size in 1..1024M, such as 65536 or \"64K\""},
+                "file:1: a quota needs keys, bytes, connections or posts-per-second"},
+        Mistake{"[[quota]]\nkeys = 0\n", "file:2: keys must be a number in 1..1000000"},
+        Mistake{"[[quota]]\nconnections = 1000001\n", "file:2: connections must be a number in 1..1000000"},
+        Mistake{"[[quota]]\nposts-per-second = 1.5\n",
+                "file:2: posts-per-second must be a number in 1..1000000"},
+        Mistake{"[[quota]]\nbytes = 0\n",
+                "file:2: bytes must be a size in 1..1024M, such as 65536 or \"64K\""},
         Mistake{"[[quota]]\nbytes = \"64KB\"\n",
-                "file:2: bytes is a size in 1..1024M, such as 65536 or \"64K\""},
+                "file:2: bytes must be a size in 1..1024M, such as 65536 or \"64K\""},
         Mistake{"[[quota]]\nbytes = \"1025M\"\n",
-                "file:2: bytes is a size in 1..1024M, such as 65536 or \"64K\""},
-        Mistake{"[[quota]]\nbytes = -1\n", "file:2: bytes is a size in 1..1024M, such as 65536 or \"64K\""},
-        Mistake{"[[owned]]\nbecomes = \"off\"\n", "file:1: owned lacks keys"},
-        Mistake{"[[owned]]\nkeys = \"a\"\nbecomes = 1\n", "file:3: becomes is a text"},
+                "file:2: bytes must be a size in 1..1024M, such as 65536 or \"64K\""},
+        Mistake{"[[quota]]\nbytes = -1\n",
+                "file:2: bytes must be a size in 1..1024M, such as 65536 or \"64K\""},
+        Mistake{"[[owned]]\nbecomes = \"off\"\n", "file:1: owned needs keys"},
+        Mistake{"[[owned]]\nkeys = \"a\"\nbecomes = 1\n", "file:3: becomes must be a text"},
         Mistake{"[[owned]]\nkeys = \"a\"\nbecomes = \"\\n\"\n",
                 "file:3: becomes: \"?\" holds a control character"},
         Mistake{"[[owned]]\nkeys = \"a\"\nbecomes = \"\"\"" + std::string(1000, 'a') + "\\\n" +
                     std::string(1000, 'a') + "\"\"\"\n",
                 "file:3: becomes: longer than 1024 bytes"},
         Mistake{"[[owned]]\nkeys = \"a\"\ngrace = 2\n",
-                "file:3: grace is a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
+                "file:3: grace must be a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
         Mistake{"[[owned]]\nkeys = \"a\"\ngrace = \"2\"\n",
-                "file:3: grace is a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
+                "file:3: grace must be a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
         Mistake{"[[owned]]\nkeys = \"a\"\ngrace = \"s\"\n",
-                "file:3: grace is a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
+                "file:3: grace must be a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
         Mistake{"[[owned]]\nkeys = \"a\"\ngrace = \"3601s\"\n",
-                "file:3: grace is a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
+                "file:3: grace must be a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""},
         Mistake{"[[owned]]\nkeys = \"a\"\ngrace = \"99999999999999999999s\"\n",
-                "file:3: grace is a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""}));
+                "file:3: grace must be a duration of at most an hour, such as \"500ms\", \"2s\" or \"1m\""}));
 
 INSTANTIATE_TEST_SUITE_P(
     Twice, WrongPolicy,
     testing::Values(Mistake{rule + "[[quota]]\nkeys = 1\n\n[[quota]]\nbytes = 2\n",
-                            "file:6: a quota without a user is there already, in file:3"},
+                            "file:6: there is already a quota without a user, in file:3"},
                     Mistake{
                         "[[quota]]\nuser = \"web\"\nkeys = 1\n[[quota]]\nuser = [\"net\", 102]\nkeys = 1\n",
-                        "file:4: user 102 has a quota already, in file:1"}));
+                        "file:4: user 102 already has a quota, in file:1"}));
 
-INSTANTIATE_TEST_SUITE_P(
-    Bytes, WrongPolicy,
-    testing::Values(Mistake{std::string("# a\n\0\n", 6), "file:2: a byte that is no text"},
-                    Mistake{"# a\x7f\n", "file:1: a byte that is no text"},
-                    Mistake{"# \x1b[0m\n", "file:1: a byte that is no text"},
-                    Mistake{"#\n#" + std::string(1024, 'a') + "\n", "file:2: longer than 1024 bytes"}));
+INSTANTIATE_TEST_SUITE_P(Bytes, WrongPolicy,
+                         testing::Values(Mistake{std::string("# a\n\0\n", 6), "file:2: a control character"},
+                                         Mistake{"# a\x7f\n", "file:1: a control character"},
+                                         Mistake{"# \x1b[0m\n", "file:1: a control character"},
+                                         Mistake{"#\n#" + std::string(1024, 'a') + "\n",
+                                                 "file:2: longer than 1024 bytes"}));
 
 TEST(PolicyText, ofWindowsIsRead)
 {
@@ -215,36 +217,36 @@ TEST(PolicyText, allMistakesAreToldInTheOrderOfTheirLines)
 {
     EXPECT_EQ(
         errorsOf("[[rule]]\nallow = \"write\"\nkeys = \"\"\n[[rule]]\nuser = 1\n[[quota]]\nkeys = 0\n"),
-        (Lines{"file:2: unknown action \"write\" (there are post, reset, event, timer, counter, query, see, "
+        (Lines{"file:2: unknown action \"write\" (known: post, reset, event, timer, counter, query, see, "
                "time, forget, all)",
-               "file:3: keys: an empty text", "file:4: a rule lacks allow or deny",
-               "file:7: keys is a number in 1..1000000"}));
+               "file:3: keys: the text is empty", "file:4: a rule needs allow or deny",
+               "file:7: keys must be a number in 1..1000000"}));
 }
 
 TEST(PolicyText, mistakesOfAllFilesAreTold)
 {
     EXPECT_EQ(errorsOf({{"b", "mode = 1\n"}, {"a", "\x01\n"}, {"c", "default = 1\n"}}),
-              (Lines{"b:1: mode is \"enforce\" or \"audit\"", "a:1: a byte that is no text",
-                     "c:1: default is \"allow\" or \"deny\""}));
+              (Lines{"b:1: mode must be \"enforce\" or \"audit\"", "a:1: a control character",
+                     "c:1: default must be \"allow\" or \"deny\""}));
 }
 
 TEST(PolicyText, theDefaultIsSetInOneFileOnly)
 {
     EXPECT_EQ(errorsOf({{"a", "default = \"deny\"\n"}, {"b", "\ndefault = \"deny\"\n"}}),
-              Lines{"b:2: default is set already, in a:1"});
+              Lines{"b:2: default is already set in a:1"});
 }
 
 TEST(PolicyText, theModeIsSetInOneFileOnly)
 {
     EXPECT_EQ(errorsOf({{"a", "mode = \"audit\"\n"}, {"b", "\nmode = \"enforce\"\n"}}),
-              Lines{"b:2: mode is set already, in a:1"});
+              Lines{"b:2: mode is already set in a:1"});
 }
 
 TEST(PolicyText, aHundredMistakesAreTold)
 {
     const Lines errors = errorsOf(lines(150, "\x01\n"));
     ASSERT_EQ(errors.size(), 101U);
-    EXPECT_EQ(errors[99], "file:100: a byte that is no text");
+    EXPECT_EQ(errors[99], "file:100: a control character");
     EXPECT_EQ(errors[100], "and 50 more errors");
 }
 
@@ -262,7 +264,7 @@ TEST(PolicyText, holdsAsManyTablesAsAreAllowedInAllFiles)
     const std::string tables = lines(2046, rule) + "[[quota]]\nkeys = 1\n[[owned]]\nkeys = \"a\"\n";
     EXPECT_EQ(errorsOf({{"a", tables}, {"b", lines(2048, rule)}}), Lines{});
     EXPECT_EQ(errorsOf({{"a", tables}, {"b", lines(2050, rule)}}),
-              Lines{"b:4097: more than 4096 rules, quotas and owned in all files"});
+              Lines{"b:4097: more than 4096 rules, quotas and owned tables in all files"});
 }
 
 TEST(PolicyText, holdsAsManyNamesAsAreAllowedInAllFiles)
@@ -293,7 +295,7 @@ TEST(HostilePolicy, ofDeepTablesIsRefused)
         "[" + dots + "]\n" + dots + " = [\n{" + dots + " = [\n{" + dots + " = [\n{" + dots + " = 1}]}]}]\n";
     EXPECT_EQ(errorsOf(text).size(), 1U);
     EXPECT_EQ(errorsOf("[" + dots + "]\n" + dots + " = 1\n"),
-              Lines{"file:1: unknown name \"a\" (there are default, mode, rule, quota, owned)"});
+              Lines{"file:1: unknown name \"a\" (known: default, mode, rule, quota, owned)"});
 }
 
 TEST(HostilePolicy, ofManyTablesIsRefused)

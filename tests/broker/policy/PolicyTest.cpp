@@ -419,7 +419,7 @@ TEST(PolicyWarning, isForARuleBehindOneForEverybody)
         policyOf("[[rule]]\nallow = [\"post\", \"see\"]\n[[rule]]\nuser = \"web\"\ndeny = \"post\"\n"
                  "keys = \"a\"\n[[rule]]\ndeny = [\"post\", \"reset\"]\n");
     EXPECT_EQ(policy->warnings(),
-              Lines{"file:3: the rule never decides: earlier ones do, at the latest that of file:1"});
+              Lines{"file:3: the rule never decides: earlier rules always do, the last of them at file:1"});
 }
 
 TEST(PolicyWarning, isForARuleBehindSeveralForTheSame)
@@ -429,7 +429,7 @@ TEST(PolicyWarning, isForARuleBehindSeveralForTheSame)
                                  "allow = \"post\"\n[[rule]]\nkeys = \"a\"\ndeny = \"reset\"\n[[rule]]\n" +
                                  who + "deny = [\"post\", \"reset\"]\n");
     EXPECT_EQ(policy->warnings(),
-              Lines{"file:8: the rule never decides: earlier ones do, at the latest that of file:1"});
+              Lines{"file:8: the rule never decides: earlier rules always do, the last of them at file:1"});
 }
 
 TEST(PolicyWarning, isNotForRulesThatDecideSomething)
@@ -508,7 +508,7 @@ TEST(PolicyDescribed, listsEverythingInItsOrder)
 {
     EXPECT_EQ(policyOf(described)->describe(),
               "mode: enforce\n"
-              "rules, of which the first that matches decides:\n"
+              "rules, the first match decides:\n"
               "  file:2: service w.service, user web or net: deny post, reset of net.*, a\n"
               "  file:8: anyone: allow all of b*\n"
               "everything else is denied (file:1)\n"
@@ -529,7 +529,7 @@ TEST(PolicyDescribed, listsWarnings)
 {
     EXPECT_EQ(policyOf("mode = \"audit\"\n[[rule]]\nuser = \"nosuch\"\nallow = \"see\"\n")->describe(),
               "mode: audit (file:1)\n"
-              "rules, of which the first that matches decides:\n"
+              "rules, the first match decides:\n"
               "  file:2: user nosuch: allow see of every name\n"
               "everything else is allowed\n"
               "warnings:\n"

@@ -76,7 +76,7 @@ TEST_F(MayTest, whatTheBrokerDoesNotKnowIsWrongUsage)
 {
     const Outcome outcome = statusctl({"may", "no such user", "post", "a"});
     EXPECT_EQ(outcome.code, 2);
-    EXPECT_NE(outcome.errors.find("\"no such user\" is no user"), std::string::npos) << outcome;
+    EXPECT_NE(outcome.errors.find("\"no such user\" is not a user"), std::string::npos) << outcome;
 }
 
 TEST(MayReplyTest, aBrokerWithoutPoliciesIsTold)
