@@ -96,7 +96,7 @@ OptionEntry allowSetTime()
             "",
             "",
             "false",
-            "Let clients set the system clock (takes CAP_SYS_TIME); by default they may not",
+            "Let clients set the system clock (needs CAP_SYS_TIME); by default they may not",
             oneOf({"true", "false"}),
             set};
 }
@@ -112,8 +112,8 @@ OptionEntry stateSync()
             "off|normal|full",
             "",
             "normal",
-            "After a power cut: off = the file may be corrupt, normal = the last changes are lost, full = "
-            "nothing is lost; a crash of the broker loses nothing with any of them",
+            "After a power cut: off = the file may be corrupt, normal = the last changes are lost, "
+            "full = nothing is lost. After a crash of the broker nothing is lost with any of them",
             oneOf({"off", "normal", "full"}),
             set};
 }
@@ -126,7 +126,7 @@ OptionEntry state()
             "FILE",
             "",
             "",
-            "Keep values, timers and counters in this file over a restart; without it nothing is kept, "
+            "Keep values, timers and counters in this file across restarts. Without it nothing is kept, "
             "unless STATUSBROKER_STATE in the environment names a file",
             checkText,
             set};
@@ -137,7 +137,7 @@ OptionEntry stateKeys()
     const auto set = [](Options& options, const Values& values) { options.stateKeys = values; };
     return {"state-keys", Kind::Repeatable,
             "GLOB",       "",
-            "",           "Keep only names that match; may be given several times; without it all are kept",
+            "",           "Keep only names that match. May be given several times; default: all",
             checkText,    set};
 }
 
@@ -149,8 +149,8 @@ OptionEntry policy()
             "PATH",
             "",
             "",
-            "What clients may do: this file, or the files *.policy in this folder; without it they may do "
-            "everything",
+            "The policy that limits clients: this file, or the files *.policy in this folder. "
+            "Without it they may do everything",
             checkText,
             set};
 }
@@ -170,29 +170,28 @@ std::vector<OptionEntry> makeTable()
         numeric(
             "heartbeat", seconds, {0, hour}, static_cast<uint64_t>(initial.heartbeat.count()),
             [](Options& options, uint64_t number) { options.heartbeat = std::chrono::seconds(number); },
-            "Time between two heartbeats on the notify port, 0 for none; a client that ends waits for the "
-            "next one"),
+            "Time between two heartbeats on the notify port, 0 for none. "
+            "A client that ends waits for the next heartbeat"),
         state(),
         stateSync(),
         stateKeys(),
-        count("max-keys", &Limits::keys, "Most status keys"),
+        count("max-keys", &Limits::keys, "Maximum of status keys"),
         size("max-key-bytes", {1, mebi}, &Limits::keyBytes, "Longest name of a key, event, timer or counter"),
         size("max-value-bytes", {1, 64 * mebi}, &Limits::valueBytes, "Longest value"),
         size("max-stored-bytes", {kibi, 1024 * mebi}, &Limits::storedBytes,
-             "Most bytes of all keys and values together"),
+             "Maximum of bytes of all keys and values together"),
         size("max-message-bytes", {kibi, 64 * mebi}, &Limits::messageBytes,
              "Longest message over all its frames"),
-        count("max-timers", &Limits::timers, "Most timers"),
-        count("max-counters", &Limits::counters, "Most counters"),
+        count("max-timers", &Limits::timers, "Maximum of timers"),
+        count("max-counters", &Limits::counters, "Maximum of counters"),
         size("max-notify-bytes", {64 * kibi, 1024 * mebi}, &Limits::notifyBytes,
-             "Length of the log of notifications that all subscribers share; a subscriber that is further "
-             "behind gets the latest values instead"),
-        size(
-            "max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
-            "Most memory for the unfinished messages, requests, replies and notifications of all connections "
-            "together; beyond it the largest gives way: the log of notifications gets shorter, or a "
-            "connection is closed and comes back"),
-        count("max-connections", &Limits::connections, "Most connections per port"),
+             "Length of the log of notifications, which all subscribers share. "
+             "A subscriber that is further behind gets the latest values instead"),
+        size("max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
+             "Maximum of memory for the unfinished messages, requests, replies and notifications "
+             "of all connections together. Beyond it the largest gives way: the log of notifications "
+             "gets shorter, or a connection is closed and its client reconnects"),
+        count("max-connections", &Limits::connections, "Maximum of connections per port"),
     };
 }
 
