@@ -175,23 +175,23 @@ std::vector<OptionEntry> makeTable()
         state(),
         stateSync(),
         stateKeys(),
-        count("max-keys", &Limits::keys, "Maximum of status keys"),
+        count("max-keys", &Limits::keys, "Largest number of status keys"),
         size("max-key-bytes", {1, mebi}, &Limits::keyBytes, "Longest name of a key, event, timer or counter"),
         size("max-value-bytes", {1, 64 * mebi}, &Limits::valueBytes, "Longest value"),
         size("max-stored-bytes", {kibi, 1024 * mebi}, &Limits::storedBytes,
-             "Maximum of bytes of all keys and values together"),
+             "Largest size of all keys and values together"),
         size("max-message-bytes", {kibi, 64 * mebi}, &Limits::messageBytes,
              "Longest message over all its frames"),
-        count("max-timers", &Limits::timers, "Maximum of timers"),
-        count("max-counters", &Limits::counters, "Maximum of counters"),
+        count("max-timers", &Limits::timers, "Largest number of timers"),
+        count("max-counters", &Limits::counters, "Largest number of counters"),
         size("max-notify-bytes", {64 * kibi, 1024 * mebi}, &Limits::notifyBytes,
-             "Length of the log of notifications, which all subscribers share. "
-             "A subscriber that is further behind gets the latest values instead"),
+             "Length of the log of notifications that all subscribers share; a subscriber that is further "
+             "behind gets the latest values instead"),
         size("max-memory", {4 * mebi, 2048 * mebi}, &Limits::memory,
-             "Maximum of memory for the unfinished messages, requests, replies and notifications "
-             "of all connections together. Beyond it the largest gives way: the log of notifications "
-             "gets shorter, or a connection is closed and its client reconnects"),
-        count("max-connections", &Limits::connections, "Maximum of connections per port"),
+             "Memory limit for the unfinished messages, requests, replies and notifications of all "
+             "connections together; beyond it the largest gives way: the log of notifications gets "
+             "shorter, or a connection is closed and comes back"),
+        count("max-connections", &Limits::connections, "Largest number of connections per port"),
     };
 }
 
