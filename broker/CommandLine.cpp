@@ -29,13 +29,12 @@ public:
                    "statusbroker"),
           mOptions(options)
     {
-        add_option(
-            "--config", configFile,
-            "Read options from this file, as \"name = value\"; the command line wins over it. Read again at "
-            "SIGHUP, for the limits, the log level and the policy")
+        add_option("--config", configFile,
+                   "Read options from this file, as \"name = value\". The command line overrides it. "
+                   "SIGHUP reads it again, for the limits, the log level and the policy")
             ->check(OptionText::checkText)
             ->type_name("FILE");
-        add_flag("--check-config", isCheck, "Check command line and file, and exit");
+        add_flag("--check-config", isCheck, "Check the command line and the file, and exit");
         for (const OptionEntry& entry : optionTable())
             entry.kind == OptionEntry::Kind::Flag ? addFlag(entry) : addOption(entry);
         set_version_flag("--version", "statusbroker " STATUSBROKER_VERSION);

@@ -112,8 +112,8 @@ OptionEntry stateSync()
             "off|normal|full",
             "",
             "normal",
-            "After a power cut: off = the file may be corrupt, normal = the last changes are lost, full = "
-            "nothing is lost; a crash of the broker loses nothing with any of them",
+            "After a power cut: off = the file may be corrupt, normal = the last changes are lost, "
+            "full = nothing is lost. After a crash of the broker nothing is lost with any of them",
             oneOf({"off", "normal", "full"}),
             set};
 }
@@ -126,7 +126,7 @@ OptionEntry state()
             "FILE",
             "",
             "",
-            "Keep values, timers and counters in this file over a restart; without it nothing is kept, "
+            "Keep values, timers and counters in this file across restarts. Without it nothing is kept, "
             "unless STATUSBROKER_STATE in the environment names a file",
             checkText,
             set};
@@ -137,7 +137,7 @@ OptionEntry stateKeys()
     const auto set = [](Options& options, const Values& values) { options.stateKeys = values; };
     return {"state-keys", Kind::Repeatable,
             "GLOB",       "",
-            "",           "Keep only names that match; may be given several times; without it all are kept",
+            "",           "Keep only names that match. May be given several times; default: all",
             checkText,    set};
 }
 
@@ -149,8 +149,8 @@ OptionEntry policy()
             "PATH",
             "",
             "",
-            "What clients may do: this file, or the files *.policy in this folder; without it they may do "
-            "everything",
+            "The policy that limits clients: this file, or the files *.policy in this folder. "
+            "Without it they may do everything",
             checkText,
             set};
 }
@@ -170,8 +170,8 @@ std::vector<OptionEntry> makeTable()
         numeric(
             "heartbeat", seconds, {0, hour}, static_cast<uint64_t>(initial.heartbeat.count()),
             [](Options& options, uint64_t number) { options.heartbeat = std::chrono::seconds(number); },
-            "Time between two heartbeats on the notify port, 0 for none; a client that ends waits for the "
-            "next one"),
+            "Time between two heartbeats on the notify port, 0 for none. "
+            "A client that ends waits for the next heartbeat"),
         state(),
         stateSync(),
         stateKeys(),

@@ -110,15 +110,15 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const st
 
 } // namespace
 
-CommandLine::CommandLine() : mApp("Looks at and changes the status of this device.", "statusctl")
+CommandLine::CommandLine() : mApp("Shows and changes the status of this device.", "statusctl")
 {
     mApp.set_version_flag("--version", "statusctl " STATUSCTL_VERSION);
     mApp.formatter(std::make_shared<HelpFormatter>());
     mApp.require_subcommand(1);
     mApp.fallthrough(); // shared options may stand behind the command, too
     mApp.footer(
-        "\"statusctl COMMAND --help\" tells more, with examples. Exit codes: 0 done, 1 refused or failed,\n"
-        "2 wrong usage, 3 not found, 4 broker unreachable, 5 bad reply, 124 time-out, 128+n signal n.");
+        "\"statusctl COMMAND --help\" shows details and examples. Exit codes: 0 done, 1 refused or failed,\n"
+        "2 wrong usage, 3 not found, 4 broker unreachable, 5 bad reply, 124 timed out, 128+n signal n.");
     addShared();
     addVerbs();
 }
@@ -127,12 +127,12 @@ void CommandLine::addShared()
 {
     Verbs::addDuration(
         mApp, "-t,--timeout", mSettings.timeout,
-        "Give up after this time (5, 500ms, 2m): the whole of a \"watch\", \"wait\" or \"record\", which "
-        "have none otherwise; each request of the others, 5 s otherwise");
-    mApp.add_flag("-j{short},--json{short}", mJson, "Print JSON; --json=pretty indents it, but for streams")
+        "Give up after this time (5, 500ms, 2m). \"watch\", \"wait\" and \"record\": the whole time, "
+        "default none; other commands: the time of each request, default 5 s");
+    mApp.add_flag("-j{short},--json{short}", mJson, "Print JSON; --json=pretty indents it, except streams")
         ->check(CLI::IsMember({"short", "pretty"}).description(""));
-    mApp.add_flag("-q,--quiet", mSettings.quiet, "Print nothing that is not the result");
-    mApp.add_flag("--no-color", mNoColor, "No colours; NO_COLOR in the environment says the same");
+    mApp.add_flag("-q,--quiet", mSettings.quiet, "Suppress everything except results");
+    mApp.add_flag("--no-color", mNoColor, "No colours, as with NO_COLOR in the environment");
 }
 
 void CommandLine::addVerbs()

@@ -32,12 +32,12 @@ public:
     explicit Clients(CLI::App& app)
     {
         Verbs::describe(
-            app, "clients", "Print who uses the broker", "statusctl clients\nstatusctl --json clients",
-            "A line for each process that is connected, the oldest first: its systemd service, program,\n"
-            "user and process; how many connections it has; how many posts and requests came from it, how\n"
-            "many were refused; how many bytes wait for it, came from it (in) and went to it (out).\n"
-            "The kernel vouches for user and service. Process and program are for people, and missing\n"
-            "where the broker may not look; a + behind the process says that others share its sockets.");
+            app, "clients", "List the clients of the broker", "statusctl clients\nstatusctl --json clients",
+            "One line for each connected process, the oldest first: its systemd service, program, user and\n"
+            "process; the numbers of its connections, posts, requests and refusals; the bytes that wait for\n"
+            "it, that it sent (in) and that it received (out). The kernel vouches for user and service, but\n"
+            "not for process and program. They are missing if the broker may not see the process. A + after\n"
+            "the process means that other processes share its sockets.");
     }
 
     ExitCode run(const Settings& settings) override

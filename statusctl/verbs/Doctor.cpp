@@ -22,15 +22,14 @@ public:
     explicit Doctor(CLI::App& app)
     {
         Verbs::describe(
-            app, "doctor", "Find out what is wrong, and what to do about it",
+            app, "doctor", "Find problems, and say what to do about them",
             "statusctl doctor\n"
             "sudo statusctl doctor\n"
             "statusctl doctor --json",
-            "Looks at who listens on the broker's ports: a broker, one that hangs or is stopped, or another\n"
-            "program; then at the broker's version, at all that it lost, refused or could not read since it\n"
-            "was started, and at the time that it takes to answer. Exit code 1 if something was found, 4 if "
-            "there is no broker. Which program\n"
-            "listens on a port is only shown for one's own programs, or to root.");
+            "Checks which program listens on the broker's ports: a broker, a hanging or stopped broker, or\n"
+            "another program. Then it checks the broker's version, its answer time, and all that it lost,\n"
+            "refused or could not read since it started. Exits with 1 if it finds a problem, with 4 without\n"
+            "a broker. Only root sees which programs of other users listen on the ports.");
     }
 
     ExitCode run(const Settings& settings) override

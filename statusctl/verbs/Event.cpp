@@ -21,7 +21,7 @@ public:
                                             "statusctl event reminder --after 10m\n"
                                             "statusctl -t 30 event --wait bell");
         Names::addName(command, mName, mIsLiteral);
-        CLI::Option* value = command.add_option("VALUE", mValue, "Its value, empty if not given");
+        CLI::Option* value = command.add_option("VALUE", mValue, "Its value; empty by default");
         CLI::Option* after = Verbs::addDuration(command, "--after", mAfter, "Post it after this time");
         CLI::Option* wait = command.add_flag("--wait", mWait, "Wait for the event and print its value")
                                 ->excludes(value)

@@ -20,9 +20,8 @@ void tellOfWaiting(const Settings& settings)
 } // namespace
 
 Following::Following(CLI::App& command)
-    : mOption(
-          command.add_flag("--no-wait-broker", mIsImpatient,
-                           "Leave with exit code 4 at once where no broker runs, instead of waiting for one"))
+    : mOption(command.add_flag("--no-wait-broker", mIsImpatient,
+                               "Exit with code 4 at once if no broker runs, instead of waiting for a broker"))
 {
 }
 

@@ -23,10 +23,10 @@ public:
                                             "statusctl forget --literal 'odd[name]'\n"
                                             "statusctl forget --timer boot\n"
                                             "statusctl forget --counter restarts",
-                                            "Listeners are told of a forgotten value as of a reset. Exits "
-                                            "with 1 if a name was not there, or\n"
-                                            "the policy denies it; the others are gone then.");
-        command.add_option("KEY", mNames, "Keys and globs of keys; names of timers or counters are exact")
+                                            "Listeners see a forgotten value as a reset. Exits with 1 if a\n"
+                                            "name does not exist or the policy denies it; the other names\n"
+                                            "are gone then.");
+        command.add_option("KEY", mNames, "Keys and globs of keys, or exact names of timers or counters")
             ->required();
         CLI::Option* timer = command.add_flag("--timer", mIsTimer, "Forget timers instead");
         command.add_flag("--counter", mIsCounter, "Forget counters instead")->excludes(timer);

@@ -14,11 +14,11 @@ class Help : public IVerb
 public:
     explicit Help(CLI::App& app) : mApp(app)
     {
-        CLI::App& command = Verbs::describe(app, "help", "Print what \"COMMAND --help\" does",
+        CLI::App& command = Verbs::describe(app, "help", "Print the help of a command",
                                             "statusctl help\n"
                                             "statusctl help watch\n"
                                             "statusctl help timer start");
-        command.add_option("COMMAND", mWords, "A command, and one of those that it has");
+        command.add_option("COMMAND", mWords, "A command, and perhaps a subcommand");
     }
 
     ExitCode run(const Settings& settings) override
@@ -62,8 +62,8 @@ public:
                             "source <(statusctl completion bash)\n"
                             "statusctl completion zsh > ~/.zfunc/_statusctl\n"
                             "statusctl completion fish | source",
-                            "The same as the files that are installed, for a shell that does not "
-                            "look where they are.");
+                            "Prints the same text as the installed files, for a shell that does not\n"
+                            "read them.");
         command.add_option("SHELL", mShell, "bash, zsh or fish")
             ->required()
             ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));

@@ -13,17 +13,15 @@ public:
     explicit May(CLI::App& app)
     {
         CLI::App& command = Verbs::describe(
-            app, "may", "Print whether the policy allows a client something, and why",
+            app, "may", "Print whether the policy allows an action, and why",
             "statusctl may web post net.up\n"
             "statusctl may net.service reset wifi.state\n"
             "statusctl may web:web.service see net.password\n"
             "statusctl may clock:clock.service time",
-            "CLIENT is the name or number of a user, the name of a service, or both as USER:SERVICE. A "
-            "service\n"
-            "alone has no user, so rules for users do not concern it. ACTION is post, reset, event, timer,\n"
-            "counter, query, see, time or forget. Exits with 0 if the client may, else with 1. The policy "
-            "asked\n"
-            "is that which is in force in the broker.");
+            "CLIENT is the name or number of a user, the name of a service, or both as USER:SERVICE. A\n"
+            "service alone has no user, so rules for users do not apply to it. ACTION is post, reset,\n"
+            "event, timer, counter, query, see, time or forget. Exits with 0 if the policy allows the\n"
+            "action, otherwise with 1. The policy is the one in force in the broker.");
         command.add_option("CLIENT", mClient, "The client")->required();
         command.add_option("ACTION", mAction, "The action")->required();
         const CLI::Option* name = command.add_option("NAME", mName, "The key, event, timer or counter");

@@ -32,21 +32,21 @@ class Timers : public IVerb
 public:
     explicit Timers(CLI::App& app)
     {
-        CLI::App& command = Verbs::describe(app, "timer", "Run the device's named timers, or read one",
+        CLI::App& command = Verbs::describe(app, "timer", "Control and read the device's named timers",
                                             "statusctl timer restart boot\n"
                                             "statusctl timer show boot\n"
                                             "statusctl timer show boot --seconds\n"
                                             "statusctl timer list");
         command.require_subcommand(1);
-        addAction(command, "start", "Start it; it goes on from what it has", &StatusManager::startTimer);
-        addAction(command, "stop", "Stop it; it keeps what it has", &StatusManager::stopTimer);
-        addAction(command, "reset",
-                  "Clear what it has; a run under way still counts (\"restart\" begins anew)",
+        addAction(command, "start", "Start the timer; it continues from its present time",
+                  &StatusManager::startTimer);
+        addAction(command, "stop", "Stop the timer; it keeps its time", &StatusManager::stopTimer);
+        addAction(command, "reset", "Clear its time; a present run still counts (\"restart\" begins at 0)",
                   &StatusManager::resetTimer);
         addAction(command, "restart", "Set it to 0 and start it", &StatusManager::restartTimer);
-        CLI::App& show = *command.add_subcommand("show", "Print the microseconds that it has run");
+        CLI::App& show = *command.add_subcommand("show", "Print its time in microseconds");
         Names::addName(show, mName, mIsLiteral);
-        CLI::App& list = *command.add_subcommand("list", "Print all, as NAME=MICROSECONDS");
+        CLI::App& list = *command.add_subcommand("list", "Print all timers, as NAME=MICROSECONDS");
         list.callback([this] { mIsList = true; });
         for (CLI::App* each : {&show, &list})
             each->add_flag("--seconds", mInSeconds, "Print whole seconds instead");
@@ -130,7 +130,7 @@ public:
     explicit Counters(CLI::App& app)
     {
         CLI::App& command =
-            Verbs::describe(app, "counter", "Count, or read and set the device's named counters",
+            Verbs::describe(app, "counter", "Count with, read and set the device's named counters",
                             "statusctl counter add restarts\n"
                             "statusctl counter get restarts\n"
                             "statusctl counter set restarts 0\n"
@@ -139,14 +139,15 @@ public:
         constexpr uint32_t most = 1000000;
         add(command, "get", "Print its value", &Counters::get);
         add(command, "add", "Count up and print the value after", &Counters::count)
-            .add_option("N", mNumber,
-                        "How often; each is a round trip, so that none is lost between two who count")
+            .add_option(
+                "N", mNumber,
+                "Count so many times, each with a request, so that no count of another client is lost")
             ->check(CLI::Range(1U, most));
-        add(command, "set", "Set it", &Counters::set)
+        add(command, "set", "Set the counter", &Counters::set)
             .add_option("N", mNumber)
             ->required()
             ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
-        CLI::App& list = *command.add_subcommand("list", "Print all, as NAME=VALUE");
+        CLI::App& list = *command.add_subcommand("list", "Print all counters, as NAME=VALUE");
         command.callback(
             [this, &list]
             {

@@ -7,7 +7,7 @@
 
 void Names::addLiteral(CLI::App& command, const std::string& what, bool& isLiteral)
 {
-    command.add_flag("--literal", isLiteral, "Take each " + what + " for a name, whatever letters are in it");
+    command.add_flag("--literal", isLiteral, "Take each " + what + " as a name, even with glob characters");
 }
 
 void Names::addName(CLI::App& command, std::string& name, bool& isLiteral)

@@ -13,10 +13,10 @@ class Ping : public IVerb
 public:
     explicit Ping(CLI::App& app)
     {
-        CLI::App& command = Verbs::describe(app, "ping", "Measure how long the broker takes to answer",
+        CLI::App& command = Verbs::describe(app, "ping", "Measure the answer time of the broker",
                                             "statusctl ping\n"
                                             "statusctl ping -n 1000");
-        command.add_option("-n", mCount, "How many queries")
+        command.add_option("-n", mCount, "Number of requests")
             ->type_name("COUNT")
             ->check(CLI::Range(1U, 1000000U))
             ->capture_default_str();

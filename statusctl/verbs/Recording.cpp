@@ -58,12 +58,11 @@ class Record : public IVerb
 {
 public:
     explicit Record(CLI::App& app)
-        : mCommand(Verbs::describe(
-              app, "record", "Write values and changes to a file, with their times",
-              "statusctl record day.jsonl\n"
-              "statusctl -t 1h record net.jsonl 'net.*' --event 'net.*'",
-              "The file holds the lines of \"watch --json\". The recording ends with the time given by -t,\n"
-              "or by a signal.")),
+        : mCommand(Verbs::describe(app, "record", "Write values and changes to a file, with their times",
+                                   "statusctl record day.jsonl\n"
+                                   "statusctl -t 1h record net.jsonl 'net.*' --event 'net.*'",
+                                   "The file gets the lines of \"watch --json\". The recording ends after\n"
+                                   "the time of -t, or with a signal.")),
           mFollowing(mCommand)
     {
         mCommand.add_option("FILE", mFile, "The file, or - for standard output; it is overwritten")
@@ -101,13 +100,12 @@ class Replay : public IVerb
 public:
     explicit Replay(CLI::App& app)
     {
-        CLI::App& command =
-            Verbs::describe(app, "replay", "Post what \"record\" has written, at the pace of then",
-                            "statusctl replay day.jsonl\n"
-                            "statusctl replay day.jsonl --speed 60\n"
-                            "statusctl replay --dry-run day.jsonl");
+        CLI::App& command = Verbs::describe(app, "replay", "Replay a recording with its original timing",
+                                            "statusctl replay day.jsonl\n"
+                                            "statusctl replay day.jsonl --speed 60\n"
+                                            "statusctl replay --dry-run day.jsonl");
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
-        command.add_option("--speed", mSpeed, "So many times as fast; 0 for as fast as the broker takes it")
+        command.add_option("--speed", mSpeed, "Replay X times as fast; 0: as fast as the broker takes posts")
             ->type_name("X")
             ->check(CLI::Validator(checkSpeed, ""))
             ->capture_default_str();

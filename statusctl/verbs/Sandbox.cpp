@@ -78,17 +78,14 @@ public:
             app, "sandbox", "Run a command with a broker of its own",
             "statusctl sandbox -- ctest\n"
             "statusctl sandbox -- sh -c 'statusctl set door open; ./door-test'",
-            "Both run in a network of their own, where the broker's ports are free: so several sandboxes "
-            "run\n"
-            "side by side, beside the device's own broker. The command reaches no other machine, nor other\n"
-            "programs of this one by IP. The broker knows no value at first, keeps nothing, has no policy, "
-            "and\n"
-            "logs from level 2 on. Takes no rights where the kernel lets users make namespaces. Exits as "
-            "the\n"
-            "command does; then all that it has left running is ended.");
+            "Command and broker run in a network namespace where the broker's ports are free. So several\n"
+            "sandboxes run side by side, and beside the device's own broker. The command reaches no other\n"
+            "machine, and no IP service of this machine. The broker begins without values, keeps nothing,\n"
+            "has no policy, and logs levels 0 to 2. Needs no rights if the kernel lets users create\n"
+            "namespaces. Exits as the command does, and ends all processes that the command leaves.");
         command
             .add_option("--broker", mBroker,
-                        "The broker's program, if not that beside this one or in the PATH")
+                        "The broker's program; default: beside statusctl, or in the PATH")
             ->type_name("PROGRAM");
     }
 

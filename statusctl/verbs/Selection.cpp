@@ -17,15 +17,15 @@ Names::List everything()
 
 Selection::Selection(CLI::App& command)
 {
-    command.add_option("KEY", mKeys, "Keys and globs to follow; everything if no event is named either");
-    command.add_option("--event", mEvents, "Events to follow, globs too; may be given several times")
+    command.add_option("KEY", mKeys, "Keys and globs to follow; everything if no --event is given either");
+    command.add_option("--event", mEvents, "Events and globs to follow; may be given several times")
         ->type_name("NAME")
         ->expected(1)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
-    command.add_option("--only", mOnly, "Follow only values, or only events; all of them if none is named")
+    command.add_option("--only", mOnly, "Follow only values, or only events: all of them if none is named")
         ->type_name("status|event")
         ->check(CLI::IsMember({onlyStatus, onlyEvents}).description(""));
-    command.add_option("-n", mCount, "Leave after so many changes and events")
+    command.add_option("-n", mCount, "Exit after so many changes and events")
         ->type_name("COUNT")
         ->check(CLI::Range(uint64_t{1}, uint64_t{UINT64_MAX}).description(""));
 }

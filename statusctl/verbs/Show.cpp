@@ -17,12 +17,13 @@ public:
     explicit Show(CLI::App& app)
     {
         CLI::App& command = Verbs::describe(
-            app, "show", "Print all that is known of keys", "statusctl show door\nstatusctl show 'net.*'",
-            "The value of each key; when it was last posted, and when it last changed; how often it was\n"
-            "posted, and how often it changed; the client that posted it last, and the one that changed it\n"
-            "last, if that is another. The kernel vouches for their service and user. Process and program\n"
-            "are for people. A post of the same value is a post, and no change.");
-        command.add_option("KEY", mKeys, "Keys and globs. Exit code 3 if one is not there")->required();
+            app, "show", "Print everything that the broker knows of keys",
+            "statusctl show door\nstatusctl show 'net.*'",
+            "Prints for each key: the value; the times of the last post and of the last change; the numbers\n"
+            "of posts and of changes; the client that posted last, and the client that changed the value\n"
+            "last if it is another. The kernel vouches for service and user, but not for process and\n"
+            "program. A post of the same value counts as a post, not as a change.");
+        command.add_option("KEY", mKeys, "Keys and globs. Exit code 3 if a key does not exist")->required();
         command.callback([this] { Names::checkFilled(mKeys); });
     }
 

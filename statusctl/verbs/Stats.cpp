@@ -21,26 +21,25 @@ public:
     explicit Stats(CLI::App& app)
     {
         CLI::App& command = Verbs::describe(
-            app, "stats", "Print what the broker counts about itself",
+            app, "stats", "Print the broker's statistics",
             "statusctl stats\n"
             "statusctl stats --prometheus --output /run/metrics/status.prom\n"
             "statusctl stats --prometheus --values 'net.*' --values 'disk.*'",
-            "The formats for monitoring systems are the text format 0.0.4, which node_exporter's\n"
-            "textfile collector reads, too, and OpenMetrics 1.0. A value of the device is exported\n"
-            "if it is a decimal number, as statusbroker_value{key=\"net.speed\"}; of these the first\n"
-            "1000, in the order of their keys.");
+            "For monitoring systems there are the text format 0.0.4, which Prometheus and node_exporter's\n"
+            "textfile collector read, and OpenMetrics 1.0. --values exports values of the device that are\n"
+            "decimal numbers, as statusbroker_value{key=\"net.speed\"}: the first 1000, sorted by key.");
         CLI::Option* prometheus =
-            command.add_flag("--prometheus", mPrometheus, "In the text format that Prometheus reads");
-        command.add_flag("--openmetrics", mOpenMetrics, "In the format of OpenMetrics")->excludes(prometheus);
+            command.add_flag("--prometheus", mPrometheus, "Print the text format that Prometheus reads");
+        command.add_flag("--openmetrics", mOpenMetrics, "Print OpenMetrics")->excludes(prometheus);
         command
             .add_option("--values", mValues,
-                        "Export the device's own values whose keys match, too; may be given several times")
+                        "Also export the device's values whose keys match; may be given several times")
             ->type_name("GLOB")
             ->expected(1)
             ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
         command
             .add_option("--output", mFile,
-                        "Write to this file instead: beside it first, so that no reader sees a part")
+                        "Write to this file; it is renamed when complete, so no reader sees a part")
             ->type_name("FILE");
     }
 

@@ -104,11 +104,11 @@ public:
             app, "top", "Show values and events on a live screen",
             "statusctl top\n"
             "statusctl top 'net.*'",
-            "Keys, the time since their last post, changes a second over the last ten seconds, the client\n"
-            "that posted them last, values, and events. Type to filter; Esc clears the filter; arrows and\n"
-            "page keys scroll; q leaves. A narrow terminal leaves columns out. The broker is asked once a\n"
-            "second for the posts of the keys that are shown, since not every post is a change.");
-        command.add_option("KEY", mKeys, "Only these keys and globs");
+            "Shows keys, the time since their last post, changes a second over the last ten seconds, the\n"
+            "client that posted last, values, and events. Type to filter; Esc clears the filter; arrows and\n"
+            "page keys scroll; q quits. A narrow terminal has fewer columns. The screen queries the broker\n"
+            "once a second for the posts of the visible keys, because not every post is a change.");
+        command.add_option("KEY", mKeys, "Show only these keys and globs");
         command.callback([this] { Names::checkFilled(mKeys); });
     }
 

@@ -32,11 +32,11 @@ public:
                                             "statusctl dump --long 'net.*'\n"
                                             "statusctl dump --json > backup.json\n"
                                             "statusctl dump --all --json > backup.json");
-        command.add_option("GLOB", mGlobs, "Only keys that match one of these");
-        command.add_flag("--keys", mKeysOnly, "Print the keys alone");
-        command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
+        command.add_option("GLOB", mGlobs, "Print only keys that match one of these globs");
+        command.add_flag("--keys", mKeysOnly, "Print only the keys");
+        command.add_flag("--long", mIsLong, "Print a table with the times and the clients of the last posts")
             ->excludes("--keys");
-        command.add_flag("--all", mIsAll, "Print timers (microseconds) and counters, too")
+        command.add_flag("--all", mIsAll, "Also print timers (microseconds) and counters")
             ->excludes("--keys")
             ->excludes("--long");
         command.callback([this] { Names::checkFilled(mGlobs); });
@@ -143,19 +143,18 @@ public:
     explicit Load(CLI::App& app)
     {
         CLI::App& command =
-            Verbs::describe(app, "load", "Put back what \"dump --json\" has written",
+            Verbs::describe(app, "load", "Restore the values that \"dump --json\" has written",
                             "statusctl load backup.json\n"
                             "statusctl -t 1m load - < backup.json\n"
                             "statusctl load --dry-run backup.json\n"
                             "statusctl load --replace backup.json",
-                            "Timers and counters are put back where the file has them, as after \"dump "
-                            "--all\". A timer that ran\n"
-                            "goes on from what it had then. With --replace, keys that the file lacks are "
-                            "forgotten; timers and\n"
-                            "counters also, but only where the file has some, or says that there were none.");
+                            "Also restores timers and counters if \"dump --all\" has written them. A timer\n"
+                            "that was running continues from its saved time. --replace forgets keys that\n"
+                            "are not in the file. It forgets timers or counters only if the file has a\n"
+                            "list of them, even an empty one.");
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
         command.add_flag("--dry-run", mDryRun, "Only read and check the file");
-        command.add_flag("--replace", mReplace, "Remove what the file lacks");
+        command.add_flag("--replace", mReplace, "Remove the names that are not in the file");
     }
 
     ExitCode run(const Settings& settings) override

@@ -48,13 +48,14 @@ public:
                                             "statusctl get door lamp --default unknown\n"
                                             "statusctl get 'net.*'\n"
                                             "statusctl get --long door lamp");
-        addKeys(command, mKeys,
-                "Keys and globs. One key prints its value alone; several, or a glob, print KEY=VALUE lines");
+        addKeys(
+            command, mKeys,
+            "Keys and globs. One key prints only its value; several keys or a glob print KEY=VALUE lines");
         command
             .add_option("--default", mDefault,
-                        "Print this for a key that is not there, instead of exit code 3")
+                        "Print this for a key that does not exist, instead of exit code 3")
             ->type_name("VALUE");
-        command.add_flag("--long", mIsLong, "Print a table: also when they changed, and who posted them")
+        command.add_flag("--long", mIsLong, "Print a table with the times and the clients of the last posts")
             ->excludes("--default");
         Names::addLiteral(command, "KEY", mIsLiteral);
         command.callback([this] { Names::checkFilled(mKeys); });
@@ -134,17 +135,17 @@ public:
                                             "statusctl set note -- -text-with-a-dash\n"
                                             "statusctl set update.state running --while -- apply-update");
         command
-            .add_option(
-                "KEY VALUE", mWords,
-                "Pairs. The value \"-\" is read from standard input, as it is. The empty value resets")
+            .add_option("KEY VALUE", mWords,
+                        "Pairs. The value \"-\" is read from standard input, byte for byte. "
+                        "An empty value resets the key")
             ->required();
         command.add_flag(
             "--no-sync", mNoSync,
-            "Do not wait until the broker has taken them: faster, but nobody knows whether it did");
+            "Do not wait until the broker has taken the values: faster, but without confirmation");
         command.add_flag(
             "--while", mIsWhile,
-            "Behind one pair, run the COMMAND that follows, and stay connected until it ends: where the "
-            "policy says that the value ends with its owner, it does so then. Exits as the command does");
+            "After one pair: run COMMAND, and stay connected until it ends. "
+            "If the policy says that the value ends with its owner, it ends then. Exits as the command does");
         Names::addLiteral(command, "KEY", mIsLiteral);
         command.callback(
             [this]
@@ -275,8 +276,8 @@ public:
         CLI::App& command = Verbs::describe(app, "reset", "Reset values: they become empty",
                                             "statusctl reset door lamp\nstatusctl reset 'net.*'");
         addKeys(command, mKeys,
-                "Keys and globs. A key that is not there comes into being, empty. Nothing is reset if a glob "
-                "matches no key");
+                "Keys and globs. A key that does not exist is created, empty. If a glob matches no key, "
+                "nothing is reset");
         Names::addLiteral(command, "KEY", mIsLiteral);
         command.callback([this] { Names::checkFilled(mKeys); });
     }

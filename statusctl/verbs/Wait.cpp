@@ -44,27 +44,26 @@ class Wait : public IVerb
 public:
     explicit Wait(CLI::App& app)
     {
-        CLI::App& command =
-            Verbs::describe(app, "wait", "Wait until values are as they should be, and print them",
-                            "statusctl wait door=closed\n"
-                            "statusctl -t 30 wait 'door!=open' lamp=off\n"
-                            "statusctl wait 'battery>=20' 'update.state exists'\n"
-                            "statusctl wait --any a=1 b=1\n"
-                            "statusctl wait version --match '^2\\.'");
+        CLI::App& command = Verbs::describe(app, "wait", "Wait until values meet conditions, and print them",
+                                            "statusctl wait door=closed\n"
+                                            "statusctl -t 30 wait 'door!=open' lamp=off\n"
+                                            "statusctl wait 'battery>=20' 'update.state exists'\n"
+                                            "statusctl wait --any a=1 b=1\n"
+                                            "statusctl wait version --match '^2\\.'");
         command
-            .add_option(
-                "KEY", mTexts,
-                "KEY (has a value that is not empty), \"KEY exists\" (also with an empty one), KEY=VALUE, "
-                "KEY!=VALUE (is there, with another value), or KEY<VALUE, KEY<=VALUE, KEY>VALUE, KEY>=VALUE "
-                "(both are numbers). All must hold at the same time. At once if they do already")
+            .add_option("KEY", mTexts,
+                        "KEY (has a value that is not empty), \"KEY exists\" (perhaps with an empty value), "
+                        "KEY=VALUE, KEY!=VALUE (exists, with another value), "
+                        "or KEY<VALUE, KEY<=VALUE, KEY>VALUE, KEY>=VALUE (both are numbers). "
+                        "All must hold at the same time; if they already do, it returns at once")
             ->required();
         command
             .add_option("--match", mRegex,
                         "The values must also match this POSIX extended regular expression")
             ->type_name("REGEX");
-        command.add_flag("--any", mAny, "One of them is enough");
+        command.add_flag("--any", mAny, "One condition is enough");
         command.add_flag("--literal", mIsLiteral,
-                         "Take the letters of globs in KEY, and operators in VALUE, as they are");
+                         "Allow blanks and glob characters in KEY, and operators at the beginning of VALUE");
         mFollowing.emplace(command);
         command.callback([this] { prepare(); });
     }

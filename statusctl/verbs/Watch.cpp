@@ -20,15 +20,14 @@ namespace
 {
 
 constexpr const char* help =
-    "KEY is exact or a glob (*, ?, [...]). Keys that appear later are told of as well.\n"
-    "A glob, of keys or of events, costs a second subscription: the broker sends every notification to this\n"
-    "process twice, whether its name matches or not. Nothing is polled, but with --stale: then the broker\n"
-    "is asked when a key may have become stale, because it does not tell of posts that change nothing.\n"
-    "When the broker goes, \"lost\" is printed; when it is back, what differs, and then \"synced\". A key "
-    "that\n"
-    "it does not have any more is \"gone\". Events in between are not heard.\n"
-    "What stands behind \"--\" is a command that is run for each line, one after the other, with "
-    "STATUS_KEY,\n"
+    "KEY is exact or a glob (*, ?, [...]). Keys that appear later are followed as well. A glob, of keys\n"
+    "or of events, costs a second subscription: the broker sends every notification to this process\n"
+    "twice, whether its name matches or not.\n"
+    "Only --stale polls: it asks the broker when a key may have become stale, because the broker does\n"
+    "not report posts that change nothing.\n"
+    "When the broker goes, \"lost\" is printed. When it is back, the values that differ are printed, then\n"
+    "\"synced\". A key that the broker does not have any more is \"gone\". Events in between are missed.\n"
+    "The words after \"--\" are a command. It runs for each line, one after the other, with STATUS_KEY,\n"
     "STATUS_VALUE and STATUS_KIND in its environment.";
 
 class Watch : public IVerb
@@ -47,8 +46,8 @@ public:
     {
         mCommand.add_flag("--updates", mUpdatesOnly, "Leave out the initial values and the first \"synced\"");
         Verbs::addDuration(mCommand, "--stale", mStale,
-                           "Also tell of keys that have not been posted for that long, once until they are "
-                           "posted again; 100ms or more");
+                           "Also report keys that have not been posted for that long, "
+                           "once until the next post; 100ms or more");
         addForm();
         mCommand.callback([this] { check(); });
     }
@@ -86,13 +85,13 @@ private:
         mCommand
             .add_option_function<std::string>(
                 "--format", take,
-                "Print lines of this form: %t is the local time, %w what it is (initial, changed, ...), %k "
-                "the "
-                "name, %v the value, %% a percent sign. Without %w, \"synced\" and \"lost\" are left out")
+                "Print lines of this form: %t is the local time, %w the kind (initial, changed, ...), "
+                "%k the name, %v the value, %% a percent sign. "
+                "Without %w, \"synced\" and \"lost\" are left out")
             ->type_name("FORMAT");
         mCommand.add_flag(
             "--raw", mIsRaw,
-            "Print names and values byte for byte. On a terminal, what could harm it is escaped");
+            "Print names and values byte for byte; on a terminal, escape bytes that could harm it");
     }
 
     void check() const
