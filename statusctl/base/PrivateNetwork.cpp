@@ -35,7 +35,7 @@ bool write(const char* file, const std::string& text)
     return isWritten;
 }
 
-// "1000 1000 1": this one, under the same number.
+// Maps an id to itself: "1000 1000 1".
 std::string same(unsigned id)
 {
     return std::to_string(id) + " " + std::to_string(id) + " 1";
@@ -51,7 +51,7 @@ void enterNamespaces()
         fail("unshare");
     if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
         fail("unshare");
-    // The kernel asks for the first before the last.
+    // The kernel accepts gid_map only after setgroups is denied.
     if (!write("/proc/self/setgroups", "deny") || !write("/proc/self/uid_map", same(user)) ||
         !write("/proc/self/gid_map", same(group)))
         fail("users of the namespace");
