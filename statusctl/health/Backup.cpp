@@ -14,7 +14,7 @@ namespace Member = BrokerProtocol::TimerMember;
     throw Failure(ExitCode::Failed, "\"" + name + "\" " + problem);
 }
 
-// Calls read(name, value) for each member; false if there is no such object.
+// Calls read(name, value) for each member. Returns false if the object is missing.
 template <typename Read>
 bool readMembers(const Json::Value& root, const char* key, Read read)
 {

@@ -38,13 +38,13 @@ std::string programOn(const Diagnosis::Answer& answer)
 
 constexpr const char* restart = R"("systemctl restart statusbroker")";
 
-// It listens, and says nothing.
+// It listens, but does not answer.
 bool isSilent(const Diagnosis::Answer& answer)
 {
     return !answer.listeners.empty() && !answer.socketType;
 }
 
-// By the name of its program, as far as that is known.
+// Judged by the name of the program, as far as it is known.
 bool isSilentBroker(const Diagnosis::Answer& answer)
 {
     const std::string broker = "statusbroker";
@@ -61,7 +61,7 @@ void addForeign(const Diagnosis::Answer& answer, const std::string& what, Findin
 void addPort(const Diagnosis::Answer& answer, Findings& findings)
 {
     if (isSilentBroker(answer))
-        return; // one finding for all its ports
+        return; // addSilentBrokers() reports it once for all its ports
     if (answer.listeners.empty() && !answer.socketType)
         findings.push_back({"port", "nothing listens on " + describe(answer.port),
                             R"(start the broker: "systemctl start statusbroker", or run "statusbroker")"});
@@ -79,7 +79,7 @@ void addPort(const Diagnosis::Answer& answer, Findings& findings)
                    findings);
 }
 
-// A broker that hangs owns all three ports, so its ports share one finding.
+// A hung broker owns all three ports. One finding covers them.
 void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& findings)
 {
     std::map<pid_t, std::string> ports;
@@ -109,12 +109,12 @@ void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& f
     }
 }
 
-// A rule on the broker's numbers: one that is not 0 is a fault.
+// A rule on the broker's numbers: any number but 0 is a finding.
 struct Rule
 {
     const char* number;
     const char* check;
-    const char* problem; ///< before the number itself
+    const char* problem; ///< the number follows
     const char* remedy;
 };
 

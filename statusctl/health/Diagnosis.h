@@ -10,7 +10,7 @@
 #include "statusctl/health/Listeners.h"
 #include "statusctl/health/RoundTrips.h"
 
-/// Finds what is wrong with a device's status, and what to do about it. Pure: it gets the facts as arguments.
+/// Finds problems with a device's status, and their remedies. Pure: it gets the facts as arguments.
 namespace Diagnosis
 {
 
@@ -23,7 +23,7 @@ struct Finding
 
 using Findings = std::vector<Finding>;
 
-/// The answer of a port of the broker.
+/// What a port of the broker answered, and which processes listen there.
 struct Answer
 {
     Ports::Port port;
@@ -31,7 +31,7 @@ struct Answer
     std::optional<std::string> socketType; ///< as Ports::socketType()
 };
 
-/// Whether there is a broker, and nothing else, on the ports.
+/// Whether a broker, and nothing else, is on the ports.
 Findings ofPorts(const std::vector<Answer>& answers);
 
 /// The findings from the broker's numbers.
