@@ -29,7 +29,7 @@ struct Condition::Operator
     Kind kind;
 };
 
-// Those that begin like another one come before it.
+// Longer operators come first: "<=" begins like "<".
 const Condition::Operator Condition::operators[] = {
     {"!=", Kind::NotEqual}, {"<=", Kind::LessOrEqual}, {">=", Kind::GreaterOrEqual},
     {"=", Kind::Equal},     {"<", Kind::Less},         {">", Kind::Greater},
@@ -54,7 +54,7 @@ Condition Condition::read(const std::string& text, bool isLiteral)
             std::begin(operators), std::end(operators),
             [&](const Operator& each) { return text.compare(at, std::strlen(each.text), each.text) == 0; });
         const std::size_t end = at + std::strlen(used->text);
-        // "==", "=~" and "=>" would be an "=" whose value begins strangely.
+        // "==", "=~" and "=>" are mistakes: the value would begin with an operator's letter.
         if (!isLiteral && end < text.size() && std::strchr(operatorLetters, text[end]) != nullptr)
             refuse(text);
         condition = Condition(text.substr(0, at), used->kind, text.substr(end));

@@ -38,7 +38,7 @@ Names::Resolved Names::resolve(const Settings& settings, const List& names, bool
     Device device(settings);
     const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
     Resolved resolved{{}, {}, true};
-    std::set<std::string> seen; // a key may match several
+    std::set<std::string> seen; // a key may match several globs
     const auto add = [&](const std::string& key)
     {
         if (seen.insert(key).second)

@@ -1,4 +1,4 @@
-// sandbox: a command with a broker of its own.
+// sandbox: runs a command with a broker of its own.
 
 #include <chrono>
 #include <csignal>
@@ -21,11 +21,11 @@
 namespace
 {
 
-/// A broker in this network, which dies with this process.
+/// A broker in this network. It ends with this process.
 class OwnBroker
 {
 public:
-    /// Returns when it serves.
+    /// Returns when the broker serves.
     OwnBroker(const std::string& program, const Settings& settings) : mPid(start(program))
     {
         const auto end = std::chrono::steady_clock::now() + settings.requestTimeout();
@@ -60,7 +60,7 @@ private:
         const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (getppid() == parent && nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO)
         {
-            setsid(); // the keys of the terminal are for the command
+            setsid(); // keys of the terminal must not signal the broker
             execlp(program.c_str(), program.c_str(), "--log-level=2", nullptr);
         }
         _exit(noProgram);
@@ -103,7 +103,7 @@ public:
     }
 
 private:
-    // Installed together, they fit.
+    // Installed together, the two have the same version.
     static std::string usualBroker()
     {
         std::error_code error;

@@ -1,4 +1,4 @@
-// dump and load: the state of the device out, and in again.
+// dump and load: save and restore the state of the device.
 
 #include <algorithm>
 #include <cstdio>
@@ -85,7 +85,7 @@ private:
             output.json(list);
     }
 
-    // No key is shown with a blank in it, so lines of timers and counters differ from those of values.
+    // A key is never printed with a blank in it, so lines of timers and counters differ from lines of values.
     static void printAll(Output& output, const Settings& settings, const Backup& backup)
     {
         if (settings.isJson())
@@ -105,7 +105,7 @@ private:
 
 // ---------------------------------------------------------------------------------------------------- load
 
-/// On standard error, where that is a terminal.
+/// A progress bar on standard error, if that is a terminal.
 class ProgressBar
 {
 public:
@@ -192,7 +192,7 @@ private:
         output.json(object);
     }
 
-    // Posts that nobody has confirmed are dropped when there are too many.
+    // Too many unconfirmed posts would be dropped on the way.
     static void setCounters(Device& device, const Inquiry::Counters& counters)
     {
         constexpr std::size_t unconfirmed = 250;
@@ -211,7 +211,7 @@ private:
         check("the broker did not take", "timers", Inquiry::setTimers(settings, timers));
     }
 
-    // Only what this client may see.
+    // Removes only names that this client may see.
     static std::size_t removeOthers(const Settings& settings, Device& device, const Backup& backup)
     {
         const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
@@ -249,7 +249,7 @@ private:
                                                 ", \"" + refused.front() + "\" for example");
     }
 
-    // Each batch is confirmed before the next one goes, so none is dropped on the way.
+    // Confirms each batch before the next one, so that none is dropped on the way.
     static void post(const Settings& settings, Device& device, const StatusMap& values)
     {
         constexpr std::size_t batchBytes = std::size_t{32} * 1024;

@@ -1,4 +1,4 @@
-// get, set and reset: the values of keys that are named.
+// get, set and reset: they take keys by name.
 
 #include <algorithm>
 #include <chrono>
@@ -97,7 +97,7 @@ private:
         return ExitCode::Done;
     }
 
-    // In the order in which they were asked for.
+    // Prints in the order of the arguments.
     static void print(const Settings& settings, const Names::Resolved& names, const StatusMap& values)
     {
         Output output(settings);
@@ -174,7 +174,7 @@ public:
     }
 
 private:
-    // Behind the pair.
+    // Takes the words behind the pair.
     void takeCommand()
     {
         constexpr std::size_t pair = 2;
@@ -226,7 +226,7 @@ private:
         return keys;
     }
 
-    // The broker does not answer posts. One that left a value as it was, although another was wanted, was
+    // The broker does not answer posts. If a value is unchanged although another one was wanted, the post was
     // refused.
     static void checkTaken(const StatusMap& wanted, const StatusMap& before, const StatusMap& after)
     {
@@ -251,7 +251,7 @@ private:
                           {{"refused", refused}, {"taken", taken}});
     }
 
-    // Waits as long as the library's threads need to hand the post to the kernel.
+    // Gives the library's threads time to hand the post to the kernel.
     static void leaveTime()
     {
         constexpr std::chrono::milliseconds enough{50};

@@ -69,7 +69,7 @@ public:
         command.callback([this] { prepare(); });
     }
 
-    // To look first and then wait for a change could miss one in between. The feed tells both in one.
+    // A look followed by a wait could miss a change in between. The feed does both in one.
     ExitCode run(const Settings& settings) override
     {
         std::vector<std::string> keys;
@@ -108,7 +108,7 @@ private:
             mValues.erase(change.name);
         else
             mValues[change.name] = change.value;
-        if (!mIsSynced) // of values that are lost, nobody knows which are there at the same time
+        if (!mIsSynced) // lost values say nothing about the present
             return true;
         mHolding.clear();
         for (const Condition& condition : mConditions)
@@ -131,7 +131,7 @@ private:
         return value == mValues.end() ? std::nullopt : Condition::Value(value->second);
     }
 
-    // door is "open", wanted "shut"; lamp is not there, wanted "on"
+    // For example: door is "open", wanted "shut"; lamp is not there, wanted "on"
     std::string whyNot()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -171,7 +171,7 @@ private:
     std::vector<Condition> mConditions;
     std::optional<Regex> mMatch;
 
-    // The feed's thread changes these under the mutex.
+    // Shared with the feed's thread, under the mutex.
     std::mutex mMutex;
     bool mIsSynced = false;
     StatusMap mValues;
