@@ -74,25 +74,16 @@ void takeMarks(CLI::App& command)
     }
 }
 
-std::string namesOf(const std::vector<const CLI::App*>& commands)
-{
-    std::string names;
-    for (const CLI::App* command : commands)
-        names += (names.empty() ? "" : ", ") + command->get_name();
-    return names;
-}
-
 // CLI11 only reports that a subcommand is required.
 std::string reasonOfMissingCommand(const CLI::App& app, const std::string& name)
 {
     std::vector<std::string> words = app.remaining(true);
     std::transform(words.begin(), words.end(), words.begin(), withoutMark);
-    const auto all = app.get_subcommands([](const CLI::App*) { return true; });
-    const std::string hint = "; there are " + namesOf(all);
+    const std::string hint = " (see statusctl " + (name.empty() ? "" : name + " ") + "--help)";
     if (words.empty())
-        return "one of these commands is needed: " + namesOf(all);
-    return "\"" + words.front() + "\" is " + (words.front()[0] == '-' ? "no option" : "no command") +
-           (name.empty() ? hint : " of " + name + hint);
+        return "missing command" + hint;
+    return (words.front()[0] == '-' ? "unknown option \"" : "unknown command \"") + words.front() + "\"" +
+           hint;
 }
 
 std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const std::string& name)
@@ -103,7 +94,7 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const st
     const CLI::App& top = app.get_parent() == nullptr ? app : *app.get_parent();
     const std::vector<std::string> extras = top.remaining(true);
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !extras.empty()) // what() has no name
-        reason = "\"" + withoutMark(extras.front()) + "\" was not expected";
+        reason = "unexpected argument \"" + withoutMark(extras.front()) + "\"";
     std::replace(reason.begin(), reason.end(), '\n', ' ');
     return reason;
 }

@@ -18,9 +18,9 @@ namespace
 [[noreturn]] void fail(const char* what)
 {
     throw Failure(ExitCode::Failed,
-                  std::string("cannot make a network of its own: ") + what + ": " + std::strerror(errno) +
-                      "; run it as root, or let users make namespaces (user.max_user_namespaces, "
-                      "user.max_net_namespaces, and what a container or AppArmor forbids)");
+                  std::string("cannot create a private network: ") + what + ": " + std::strerror(errno) +
+                      "; run it as root, or let users create namespaces (see user.max_user_namespaces, "
+                      "user.max_net_namespaces, and the rules of the container or of AppArmor)");
 }
 
 bool write(const char* file, const std::string& text)
@@ -54,7 +54,7 @@ void enterNamespaces()
     // The kernel accepts gid_map only after setgroups is denied.
     if (!write("/proc/self/setgroups", "deny") || !write("/proc/self/uid_map", same(user)) ||
         !write("/proc/self/gid_map", same(group)))
-        fail("users of the namespace");
+        fail("mapping of users");
 }
 
 void startLoopback()

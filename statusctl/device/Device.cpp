@@ -49,7 +49,7 @@ void checkUtf8(const std::string& text)
 {
     if (!Text::isUtf8(text))
         throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
-                                            "\" is not UTF-8, and nothing else can be posted; encode it");
+                                            "\" is not UTF-8; encode it, since only UTF-8 can be posted");
 }
 
 // Sends in as few parts as the transport takes, each at most `most` bytes, by halving.
@@ -125,7 +125,7 @@ void Device::leave() const
 {
     const Failure late(ExitCode::TimedOut, "no answer from the broker within " +
                                                Duration::write(mSettings.requestTimeout()) +
-                                               "; \"statusctl doctor\" may tell why");
+                                               "; try \"statusctl doctor\"");
     leaveWith(mSettings, unreachable().value_or(late));
 }
 
@@ -189,7 +189,7 @@ void Device::confirm()
 {
     constexpr int noLimit = -1; // a sync that times out closes the request channel for good
     if (!ask([](StatusManager& manager) { return manager.sync(noLimit); }))
-        throw Failure(ExitCode::Failed, "the broker did not confirm");
+        throw Failure(ExitCode::Failed, "the broker did not confirm the posts");
 }
 
 void Device::unregister(IStatusUpdateListener* listener)

@@ -108,7 +108,7 @@ void Feed::onEventUpdate(std::string name, std::string value)
 void Feed::take(Notification notification)
 {
     if (notification.kind == Notification::Kind::Unparsable)
-        return finish(std::make_exception_ptr(Failure(ExitCode::Failed, "cannot hear notifications")));
+        return finish(std::make_exception_ptr(Failure(ExitCode::Failed, "cannot receive notifications")));
     mMustLook = mMustLook || notification.kind == Notification::Kind::Unhandled;
     mTapped.push_back(std::move(notification));
     if (mIsSynced)

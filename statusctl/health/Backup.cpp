@@ -22,7 +22,7 @@ bool readMembers(const Json::Value& root, const char* key, Read read)
     if (members.isNull())
         return false;
     if (!members.isObject())
-        fail(key, "is no object");
+        fail(key, "is not an object");
     for (auto member = members.begin(); member != members.end(); ++member)
         read(member.name(), *member);
     return true;

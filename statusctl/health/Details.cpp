@@ -35,7 +35,7 @@ void read(const std::string& reply, Details::ByKey& into)
     const Json::Value answer = Answer::objectIn(reply);
     const Json::Value& values = answer[BrokerProtocol::Key::statusDetails];
     if (!values.isObject())
-        throw Failure(ExitCode::BadReply, "this broker does not tell when values were posted");
+        throw Failure(ExitCode::BadReply, "this broker does not report when values were posted");
     for (auto value = values.begin(); value != values.end(); ++value)
     {
         if (!value->isObject())

@@ -97,7 +97,7 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
         const Json::Value answer = Answer::objectIn(reply);
         const Json::Value& list = answer[Member::clients];
         if (!list.isArray())
-            throw Failure(ExitCode::BadReply, "this broker does not tell who uses it");
+            throw Failure(ExitCode::BadReply, "this broker does not list its clients");
         if (Answer::numberIn(answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
         {
             std::this_thread::sleep_for(pause);

@@ -43,7 +43,7 @@ constexpr Known known[] = {
     {Number::missedEvents, "notifications_missed_events",
      "Events lost to subscribers that read too slowly, counted for each subscriber.", Type::Counter},
     {Number::fallenBehind, "subscribers_fallen_behind",
-     "Times a subscriber was too slow and got only the latest values.", Type::Counter},
+     "Times that a slow subscriber got only the latest values.", Type::Counter},
     {Number::commits, "state_commits", "Batches of changes written to the state file.", Type::Counter},
     {Number::stateErrors, "state_errors", "Failures to write the state file.", Type::Counter},
     {"policy.rules", "policy_rules", "Rules of the policy in force.", Type::Gauge},
@@ -54,7 +54,7 @@ constexpr Known known[] = {
     {"policy.auditedViews", "policy_audited_views",
      "Values and events that the policy would have hidden, but only logged.", Type::Counter},
     {Number::policyUnknownOwners, "policy_unknown_owners",
-     "Connections closed because the kernel did not tell whose they were.", Type::Counter},
+     "Connections closed because the kernel did not report their owner.", Type::Counter},
     {Number::policyOwnersGone, "policy_owners_gone",
      "Times that values ended with the client that owned them.", Type::Counter},
     {Number::policyQuota, "policy_quota",
@@ -69,10 +69,10 @@ constexpr Known known[] = {
     {"loop.maxMicroseconds", "loop_max_seconds", "Longest round of the broker's loop since its start.",
      Type::Gauge, true},
     {"loop.p99Microseconds", "loop_p99_seconds",
-     "99 % of the rounds of the broker's loop since its start took no longer.", Type::Gauge, true},
+     "99th percentile of the rounds of the broker's loop since its start.", Type::Gauge, true},
     {"stored.keys", "stored_keys", "Status values stored.", Type::Gauge},
     {"stored.forgotten", "stored_forgotten_keys",
-     "Forgotten keys that take room until all subscribers know that they are gone.", Type::Gauge},
+     "Forgotten keys kept until all subscribers know that they are gone.", Type::Gauge},
     {"stored.bytes", "stored_bytes", "Bytes of all keys and values stored.", Type::Gauge},
     {"stored.timers", "stored_timers", "Timers stored.", Type::Gauge},
     {"stored.counters", "stored_counters", "Counters stored.", Type::Gauge},
@@ -182,8 +182,8 @@ public:
                 addSample({"value", Type::Gauge, "Values of this device that are numbers."},
                           labelOf("key", key), value);
         }
-        addSample({"values_left_out", Type::Gauge, "Numbers that were not exported, as there are too many."},
-                  {}, std::to_string(numbers - std::min(numbers, Metrics::mostValues)));
+        addSample({"values_left_out", Type::Gauge, "Numbers left out because there are too many."}, {},
+                  std::to_string(numbers - std::min(numbers, Metrics::mostValues)));
     }
 
     std::string text() const

@@ -115,7 +115,7 @@ void chooseUtf8()
 void TopScreen::checkTerminal()
 {
     if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
-        throw Failure(ExitCode::Failed, "needs a terminal; \"statusctl watch\" does not");
+        throw Failure(ExitCode::Failed, "no terminal; use \"statusctl watch\" instead");
 }
 
 TopScreen::TopScreen(bool useColors)
@@ -123,7 +123,7 @@ TopScreen::TopScreen(bool useColors)
     chooseUtf8();
     // Not initscr(): that ends the process for an unknown terminal.
     if (newterm(nullptr, stdout, stdin) == nullptr)
-        throw Failure(ExitCode::Failed, "this terminal (TERM) is unknown here");
+        throw Failure(ExitCode::Failed, "unknown terminal type; check the variable TERM");
     setRestore(restoreForGood);
     cbreak();
     noecho();

@@ -17,8 +17,8 @@ constexpr const char* operatorLetters = "=<>~";
 [[noreturn]] void refuse(const std::string& text)
 {
     throw CLI::ValidationError("\"" + text +
-                               R"(" is not a condition; there are KEY, "KEY exists", KEY=VALUE, )"
-                               R"(and KEY!=VALUE, <, <=, > and >= alike)");
+                               R"(" is not a condition; use KEY, "KEY exists", or KEY=VALUE )"
+                               R"((or one of != < <= > >= instead of =))");
 }
 
 } // namespace
@@ -75,7 +75,7 @@ Condition Condition::readWithoutOperator(const std::string& text)
 void Condition::check(const std::string& text, bool isLiteral) const
 {
     if (mKey.empty())
-        throw CLI::ValidationError("\"" + text + "\" names no key");
+        throw CLI::ValidationError("missing key in \"" + text + "\"");
     if (!isLiteral && mKey.find_first_of(" \t!~") != std::string::npos)
         refuse(text);
     Names::checkExact({mKey}, isLiteral);
@@ -129,7 +129,7 @@ bool Condition::isOrdered(int order) const
 std::string Condition::wanted() const
 {
     if (mKind == Kind::Filled)
-        return "a value that is not empty";
+        return "a non-empty value";
     if (mKind == Kind::Exists)
         return "any value";
     const auto* const used = std::find_if(std::begin(operators), std::end(operators),

@@ -50,7 +50,7 @@ public:
             print(settings, gone);
         if (!missing.empty())
             throw Failure(ExitCode::Failed,
-                          "not there, or denied by the policy: " + Names::inQuotes(missing));
+                          "not found, or denied by the policy: " + Names::inQuotes(missing));
         return ExitCode::Done;
     }
 

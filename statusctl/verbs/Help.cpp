@@ -43,7 +43,7 @@ public:
 private:
     [[noreturn]] static void fail(const std::string& word, const std::string& name)
     {
-        throw Failure(ExitCode::WrongUsage, "\"" + word + "\" is no command of " + name);
+        throw Failure(ExitCode::WrongUsage, "unknown command \"" + word + "\" (see " + name + " --help)");
     }
 
     CLI::App& mApp;

@@ -163,7 +163,7 @@ private:
         const bool isNumber = CLI::detail::lexical_cast(text, speed);
         return isNumber && (speed == 0 || (speed >= 1e-3 && speed <= 1e6))
                    ? ""
-                   : "is neither 0 nor from 0.001 to 1000000";
+                   : "must be 0, or from 0.001 to 1000000";
     }
 
     // Initial values are posted at once. The first change sets the start of the clock.

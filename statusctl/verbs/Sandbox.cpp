@@ -33,9 +33,9 @@ public:
         while (Ports::firstClosed())
         {
             if (waitpid(mPid, nullptr, WNOHANG) == mPid)
-                throw Failure(ExitCode::Failed, "the broker \"" + program + "\" could not be started");
+                throw Failure(ExitCode::Failed, "cannot start the broker \"" + program + "\"");
             if (std::chrono::steady_clock::now() >= end)
-                throw Failure(ExitCode::TimedOut, "the broker did not serve within " +
+                throw Failure(ExitCode::TimedOut, "the broker was not ready within " +
                                                       Duration::write(settings.requestTimeout()));
             std::this_thread::sleep_for(pause);
         }
@@ -47,7 +47,7 @@ private:
         const pid_t parent = getpid();
         const pid_t pid = fork();
         if (pid < 0)
-            throw Failure(ExitCode::Failed, std::string("cannot make a process: ") + std::strerror(errno));
+            throw Failure(ExitCode::Failed, std::string("cannot create a process: ") + std::strerror(errno));
         if (pid == 0)
             become(program, parent);
         return pid;
@@ -95,7 +95,7 @@ public:
     ExitCode run(const Settings& settings) override
     {
         if (settings.command.empty())
-            throw Failure(ExitCode::WrongUsage, "the command is missing: sandbox -- COMMAND");
+            throw Failure(ExitCode::WrongUsage, "missing command (usage: sandbox -- COMMAND)");
         enterPrivateNetwork();
         const Descendants descendants;
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);

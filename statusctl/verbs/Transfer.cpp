@@ -208,7 +208,7 @@ private:
 
     static void setTimers(const Settings& settings, const Inquiry::Timers& timers)
     {
-        check("the broker did not take", "timers", Inquiry::setTimers(settings, timers));
+        check("the broker refused", "timers", Inquiry::setTimers(settings, timers));
     }
 
     // Removes only names that this client may see.
@@ -237,7 +237,7 @@ private:
         const std::set<std::string> isGone(gone.begin(), gone.end());
         const auto hasGone = [&](const std::string& name) { return isGone.count(Text::valid(name)) != 0; };
         others.erase(std::remove_if(others.begin(), others.end(), hasGone), others.end());
-        check("the policy does not let this client remove", "names", others);
+        check("the policy denied the removal of", "names", others);
         return gone.size();
     }
 
@@ -246,7 +246,7 @@ private:
     {
         if (!refused.empty())
             throw Failure(ExitCode::Failed, problem + " " + std::to_string(refused.size()) + " " + what +
-                                                ", \"" + refused.front() + "\" for example");
+                                                ", for example \"" + refused.front() + "\"");
     }
 
     // Confirms each batch before the next one, so that none is dropped on the way.

@@ -152,10 +152,11 @@ public:
                 if (mIsWhile)
                     takeCommand();
                 if (mWords.size() % 2 != 0)
-                    throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
+                    throw CLI::ValidationError("missing value after \"" + mWords.back() +
+                                               "\" (usage: set KEY VALUE...)");
                 Names::checkExact(keys(), mIsLiteral);
                 if (inputs() > 1)
-                    throw CLI::ValidationError("standard input can be the value of one key only");
+                    throw CLI::ValidationError("only one value can be read from standard input");
             });
     }
 
@@ -179,7 +180,7 @@ private:
     {
         constexpr std::size_t pair = 2;
         if (mWords.size() <= pair)
-            throw CLI::ValidationError("--while takes one KEY and VALUE, and a COMMAND behind them");
+            throw CLI::ValidationError("--while needs one KEY, its VALUE, and a COMMAND behind them");
         const auto begin = mWords.begin() + pair;
         mCommand.assign(begin, mWords.end());
         mWords.erase(begin, mWords.end());
@@ -246,8 +247,7 @@ private:
         if (!refused.empty())
             throw Failure(ExitCode::Failed,
                           "the broker refused " + Names::inQuotes(refused) +
-                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) +
-                              "; its log tells why",
+                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) + "; see its log",
                           {{"refused", refused}, {"taken", taken}});
     }
 

@@ -131,7 +131,7 @@ private:
         return value == mValues.end() ? std::nullopt : Condition::Value(value->second);
     }
 
-    // For example: door is "open", wanted "shut"; lamp is not there, wanted "on"
+    // For example: door is "open", wanted "shut"; lamp is missing, wanted "on"
     std::string whyNot()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -145,7 +145,7 @@ private:
             const Condition::Value value = valueOf(condition.key());
             const bool isMatchMissing = condition.holds(value);
             text += (text.empty() ? "" : "; ") + condition.key() + " is " +
-                    (value ? "\"" + Text::cutOff(*value) + "\"" : "not there") + ", wanted " +
+                    (value ? "\"" + Text::cutOff(*value) + "\"" : "missing") + ", wanted " +
                     (isMatchMissing ? "a match of \"" + *mRegex + "\"" : condition.wanted());
         }
         return text;

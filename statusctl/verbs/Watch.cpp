@@ -102,7 +102,8 @@ private:
             throw CLI::ValidationError("--stale must be at least 100ms");
         const std::string unknown = mFormat ? mFormat->unknownField("twkv") : "";
         if (!unknown.empty())
-            throw CLI::ValidationError("--format knows %t, %w, %k, %v and %%, and no \"" + unknown + "\"");
+            throw CLI::ValidationError("unknown field \"" + unknown +
+                                       "\" in --format; use %t, %w, %k, %v or %%");
     }
 
     // Waits like Feed::wait(), and reports stale keys meanwhile.
@@ -233,7 +234,8 @@ private:
         pid_t child = -1;
         const int error = spawn(child, arguments, environment);
         if (error != 0)
-            throw Failure(ExitCode::Failed, "cannot run " + command.front() + ": " + std::strerror(error));
+            throw Failure(ExitCode::Failed,
+                          "cannot run \"" + command.front() + "\": " + std::strerror(error));
         int status = 0;
         while (waitpid(child, &status, 0) == -1 && errno == EINTR)
         {

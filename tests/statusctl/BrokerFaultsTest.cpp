@@ -151,7 +151,8 @@ TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBad
                                                                                     : R"({"a":"1"})"};
         });
     EXPECT_EQ(statusctl({"get", "a"}), success("1\n"));
-    EXPECT_EQ(statusctl({"set", "a", "1"}), failure(1, "statusctl: set: the broker did not confirm"));
+    EXPECT_EQ(statusctl({"set", "a", "1"}),
+              failure(1, "statusctl: set: the broker did not confirm the posts"));
 }
 
 TEST(BrokerFaultsTest, aBrokerWithoutStatisticsIsTold)

@@ -78,8 +78,7 @@ TEST(DiagnosisTest, aProgramThatIsNoBrokerIsNamed)
     ports[0] = {Ports::all[0], {{pid_t{7}, "httpd"}}, ""};
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].problem,
-              "httpd (process 7) on port 5555 (requests) answers, but it is not a broker");
+    EXPECT_EQ(findings[0].problem, "httpd (process 7) on port 5555 (requests) answers, but is not a broker");
     ports[0].socketType.reset();
     EXPECT_EQ(Diagnosis::ofPorts(ports)[0].problem,
               "httpd (process 7) on port 5555 (requests) is not a broker");
@@ -99,7 +98,7 @@ TEST(DiagnosisTest, aBrokerThatIsStoppedIsOneFindingWithTheWayOut)
               "statusbroker (process 100) is stopped, and does not answer on port 5555 (requests), "
               "port 5556 (posts), port 5557 (notifications)");
     EXPECT_EQ(findings[0].remedy,
-              "let it go on: \"kill -CONT 100\"; or restart it: \"systemctl restart statusbroker\"");
+              "resume it: \"kill -CONT 100\"; or restart it: \"systemctl restart statusbroker\"");
 }
 
 TEST(DiagnosisTest, aBrokerThatHangsIsToldFromAnotherProgram)
@@ -119,7 +118,7 @@ TEST(DiagnosisTest, aSilentProgramOfAnotherUserMayBeEither)
     ports[0] = {Ports::all[0], {{std::nullopt, ""}}, std::nullopt};
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(checksOf(findings), "port ");
-    EXPECT_NE(findings[0].problem.find("a broker that hangs, or another program"), std::string::npos);
+    EXPECT_NE(findings[0].problem.find("a hung broker or another program"), std::string::npos);
     EXPECT_NE(findings[0].remedy.find("as root"), std::string::npos);
 }
 

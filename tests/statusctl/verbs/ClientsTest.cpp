@@ -95,7 +95,7 @@ TEST(ClientsTest, aBrokerThatDoesNotTellIsExitCode5)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     EXPECT_EQ(statusctl({"clients"}),
-              failure(5, "statusctl: clients: this broker does not tell who uses it"));
+              failure(5, "statusctl: clients: this broker does not list its clients"));
 }
 
 TEST(ClientsTest, aBadReplyIsExitCode5)

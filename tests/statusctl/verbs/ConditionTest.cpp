@@ -74,7 +74,7 @@ TEST(ConditionTest, whatIsNotUnderstoodIsRefused)
                              "a is open", "=x", "", ">5", "net.*", "net.*=1"})
         EXPECT_NE(refusalOf(text), "") << text;
     EXPECT_EQ(refusalOf("a>x"), "\"a>x\": \"x\" is not a number");
-    EXPECT_EQ(refusalOf("=x"), "\"=x\" names no key");
+    EXPECT_EQ(refusalOf("=x"), "missing key in \"=x\"");
 }
 
 TEST(ConditionTest, literallyAnyValueAndNearlyAnyKeyCanBeNamed)
@@ -89,6 +89,6 @@ TEST(ConditionTest, tellsWhatIsWanted)
     EXPECT_EQ(wanted("a=up"), "\"up\"");
     EXPECT_EQ(wanted("a!=up"), "not \"up\"");
     EXPECT_EQ(wanted("a<5"), "< 5");
-    EXPECT_EQ(wanted("a"), "a value that is not empty");
+    EXPECT_EQ(wanted("a"), "a non-empty value");
     EXPECT_EQ(wanted("a exists"), "any value");
 }

@@ -183,7 +183,7 @@ TEST(DetailsTest, aBrokerThatDoesNotTellIsExitCode5)
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     for (const Words& words : {Words{"show", "door"}, Words{"get", "--long", "door"}})
         EXPECT_EQ(statusctl(words), failure(5, "statusctl: " + words[0] +
-                                                   ": this broker does not tell when values were posted"));
+                                                   ": this broker does not report when values were posted"));
 }
 
 TEST(DetailsTest, aBadReplyIsExitCode5)

@@ -22,7 +22,7 @@ protected:
 
     static Outcome missing(const std::string& names)
     {
-        return failure(1, "statusctl: forget: not there, or denied by the policy: " + names);
+        return failure(1, "statusctl: forget: not found, or denied by the policy: " + names);
     }
 
     std::string policy() const

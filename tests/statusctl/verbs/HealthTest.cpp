@@ -153,7 +153,7 @@ TEST(DoctorTest, tellsOfAStateFileThatCannotBeUsed)
     BrokerProcess broker({"--state", "/nowhere/state"});
     const Outcome outcome = statusctl({"doctor"});
     EXPECT_EQ(outcome.code, 1) << outcome;
-    EXPECT_NE(outcome.output.find("the state file could not be opened"), std::string::npos) << outcome;
+    EXPECT_NE(outcome.output.find("failures to open or write the state file"), std::string::npos) << outcome;
     EXPECT_TRUE(broker.process().waitForError("State file [/nowhere/state]: "))
         << "where the remedy points to";
 }

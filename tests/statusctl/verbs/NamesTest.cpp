@@ -35,9 +35,9 @@ Outcome emptyRefused(const Words& words)
 
 Outcome globRefused(const Words& words)
 {
-    return failure(2,
-                   "statusctl: " + words[0] +
-                       ": \"net.*\" is a glob, and this command expands none; use --literal if it is a name");
+    return failure(
+        2, "statusctl: " + words[0] +
+               ": \"net.*\" is a glob, which this command does not expand; use --literal if it is a name");
 }
 
 } // namespace

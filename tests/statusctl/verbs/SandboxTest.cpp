@@ -137,14 +137,14 @@ TEST_F(SandboxTest, theBrokerDiesWithTheTool)
 TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
 {
     EXPECT_EQ(statusctl({"sandbox", "--broker", "/bin/false", "--", "echo", "run"}),
-              failure(1, "statusctl: sandbox: the broker \"/bin/false\" could not be started"));
+              failure(1, "statusctl: sandbox: cannot start the broker \"/bin/false\""));
     EXPECT_EQ(statusctl({"-t", "300ms", "sandbox", "--broker", "/bin/cat", "--", "echo", "run"}).code, 1);
 }
 
 TEST_F(SandboxTest, aCommandIsNeeded)
 {
     EXPECT_EQ(statusctl({"sandbox"}),
-              failure(2, "statusctl: sandbox: the command is missing: sandbox -- COMMAND"));
+              failure(2, "statusctl: sandbox: missing command (usage: sandbox -- COMMAND)"));
 }
 
 // Only root can become another user. ThreadSanitizer runs a thread of its own, and the kernel gives a process
@@ -180,8 +180,8 @@ TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
         GTEST_SKIP() << "this kernel's limits cannot be set";
     EXPECT_EQ(code, 1);
     EXPECT_NE(
-        process.errors().find("statusctl: sandbox: cannot make a network of its own: unshare: No space left "
-                              "on device; run it as root, or let users make namespaces"),
+        process.errors().find("statusctl: sandbox: cannot create a private network: unshare: No space left "
+                              "on device; run it as root, or let users create namespaces"),
         std::string::npos)
         << process.errors();
 }

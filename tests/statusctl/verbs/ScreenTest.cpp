@@ -352,8 +352,7 @@ TEST_F(ScreenTest, aNameCannotPassForNameAndValue)
 
 TEST_F(ScreenTest, withoutATerminalItIsRefused)
 {
-    EXPECT_EQ(statusctl({"top"}),
-              failure(1, "statusctl: top: needs a terminal; \"statusctl watch\" does not"));
+    EXPECT_EQ(statusctl({"top"}), failure(1, "statusctl: top: no terminal; use \"statusctl watch\" instead"));
 }
 
 TEST_F(ScreenTest, watchIsColouredOnATerminalUnlessToldNotTo)

@@ -87,5 +87,5 @@ TEST(StaleWithoutDetailsTest, aBrokerThatDoesNotTellIsExitCode5)
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     const Outcome outcome = statusctl({"watch", "--stale", "1h", "door"});
     EXPECT_EQ(outcome.code, 5);
-    EXPECT_EQ(outcome.errors, "statusctl: watch: this broker does not tell when values were posted\n");
+    EXPECT_EQ(outcome.errors, "statusctl: watch: this broker does not report when values were posted\n");
 }

@@ -106,7 +106,7 @@ TEST_F(StatsTest, valuesOfTheDeviceAreExportedInBothFormats)
         EXPECT_FALSE(has(text, "door")) << text;
     }
     EXPECT_EQ(statusctl({"stats", "--values", "*"}),
-              failure(2, "statusctl: stats: --values goes with --prometheus or --openmetrics"));
+              failure(2, "statusctl: stats: --values needs --prometheus or --openmetrics"));
 }
 
 TEST_F(StatsTest, aFileIsWrittenInsteadOfStandardOutput)

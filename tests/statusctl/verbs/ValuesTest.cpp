@@ -117,8 +117,7 @@ TEST(SetTest, aRefusalTellsWhatWasTakenAndWhatWasNot)
     const BrokerProcess broker({"--policy", folder / "p"});
     EXPECT_EQ(
         statusctl({"set", "a", "9", "f", "6", "b", "1", "fan", "on"}),
-        failure(
-            1, "statusctl: set: the broker refused \"f\", \"fan\" and took \"a\", \"b\"; its log tells why"));
+        failure(1, "statusctl: set: the broker refused \"f\", \"fan\" and took \"a\", \"b\"; see its log"));
     EXPECT_EQ(statusctl({"dump"}), success("a=9\nb=1\n"));
     const Outcome outcome = statusctl({"-j", "set", "a", "8", "f", "6"});
     EXPECT_EQ(outcome.code, 1);
@@ -126,14 +125,14 @@ TEST(SetTest, aRefusalTellsWhatWasTakenAndWhatWasNot)
     EXPECT_NE(outcome.errors.find(R"("refused":["f"],"taken":["a"],"verb":"set")"), std::string::npos)
         << outcome;
     EXPECT_EQ(statusctl({"set", "f", "6"}),
-              failure(1, "statusctl: set: the broker refused \"f\"; its log tells why"));
+              failure(1, "statusctl: set: the broker refused \"f\"; see its log"));
 }
 
 TEST_F(ValuesTest, whatIsNotUtf8IsRefusedBeforeItIsPosted)
 {
     EXPECT_EQ(
         statusctl({"set", "a", "x\xc3("}),
-        failure(1, "statusctl: set: \"x\\xc3(\" is not UTF-8, and nothing else can be posted; encode it"));
+        failure(1, "statusctl: set: \"x\\xc3(\" is not UTF-8; encode it, since only UTF-8 can be posted"));
     for (const Words& words :
          std::vector<Words>{{"set", "k\xff", "1"}, {"reset", "k\xff"}, {"event", "k\xff"}})
         EXPECT_EQ(statusctl(words).code, 1) << words[0];
@@ -177,5 +176,5 @@ TEST_F(ValuesTest, aClosedStandardOutputIsAFailure)
 TEST_F(ValuesTest, standardInputIsReadForOneValueOnly)
 {
     EXPECT_EQ(statusctl({"set", "a", "-", "b", "-"}, "x"),
-              failure(2, "statusctl: set: standard input can be the value of one key only"));
+              failure(2, "statusctl: set: only one value can be read from standard input"));
 }

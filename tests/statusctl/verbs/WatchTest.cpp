@@ -181,7 +181,7 @@ TEST_F(WatchTest, aCommandThatCannotBeStartedIsAFailure)
 {
     statusctl({"set", "door", "open"});
     EXPECT_EQ(statusctl({"-q", "watch", "door", "--", "/none/such"}),
-              failure(1, "statusctl: watch: cannot run /none/such: No such file or directory"));
+              failure(1, "statusctl: watch: cannot run \"/none/such\": No such file or directory"));
 }
 
 TEST_F(WatchTest, theCommandCanBeInterrupted)
@@ -229,10 +229,9 @@ TEST_F(WatchTest, aFormatThatDoesNotSayWhatItIsLeavesOutTheMarks)
 TEST_F(WatchTest, aFieldThatIsUnknownIsRefused)
 {
     for (const char* field : {"%x", "%"})
-        EXPECT_EQ(
-            statusctl({"-t", "5", "watch", "--format", std::string("%k ") + field}),
-            failure(2, std::string("statusctl: watch: --format knows %t, %w, %k, %v and %%, and no \"") +
-                           field + "\""));
+        EXPECT_EQ(statusctl({"-t", "5", "watch", "--format", std::string("%k ") + field}),
+                  failure(2, std::string("statusctl: watch: unknown field \"") + field +
+                                 "\" in --format; use %t, %w, %k, %v or %%"));
 }
 
 TEST_F(WatchTest, rawTextsArePrintedByteForByte)
