@@ -1,4 +1,4 @@
-// How a subscription ends, and what may end before it.
+// How subscriptions end, and which objects may end before them.
 
 #include "tests/helpers/SubscriptionFixture.h"
 
@@ -17,7 +17,7 @@ using status::Subscription;
 class Ending : public SubscriptionFixture
 {
 protected:
-    // A subscription whose callback stays in its first call until `release` opens.
+    // A subscription whose first callback blocks until `release` opens.
     Subscription blocked()
     {
         return status::on(
@@ -32,7 +32,7 @@ protected:
             manager);
     }
 
-    // Returns when the thread is busy, which it is until `release` opens.
+    // Returns when the thread is busy. It stays busy until `release` opens.
     void keepThreadBusy()
     {
         Orvane::postCall(OV_SITE, thread, this, &Ending::stay);
@@ -45,7 +45,7 @@ protected:
         release.wait();
     }
 
-    // Both threads have let go of it.
+    // Whether both threads have released it.
     bool nothingIsLeft()
     {
         manager.sync(0);
@@ -61,7 +61,7 @@ protected:
     std::atomic<bool> isLeft{false};
 };
 
-// While this is being destroyed, and after, nothing must be told.
+// During its destruction and afterwards, nothing may be delivered.
 struct Destroyed
 {
     explicit Destroyed(Gate& destroyed) : gate(destroyed) {}
@@ -77,7 +77,7 @@ public:
     void* getDeliveryTarget() override { return this; }
 };
 
-// Whether a thread that is in the middle of a call takes no agents any more.
+// Whether a thread that is busy with a call refuses new agents.
 bool isStopping(Orvane::EventThread& thread)
 {
     const Orvane::SmartPtr<Orvane::EventAgent> agent(new Nothing);
@@ -123,7 +123,7 @@ TEST_F(Ending, dropsCallbacksThatAreQueued)
     end.get();
     settle();
     EXPECT_EQ(calls, 1U);
-    EXPECT_TRUE(log.lines().empty()); // nor was a callback tried that is gone
+    EXPECT_TRUE(log.lines().empty()); // no call of the destroyed callback was tried
 }
 
 TEST_F(Ending, doesNotWaitForOtherCallbacksOfTheThread)
@@ -161,7 +161,7 @@ TEST_F(Ending, mayComeBeforeTheManagerKnowsOfIt)
     EXPECT_TRUE(told.empty());
 }
 
-// The listener may be gone when the thread has come to the last agent: a callback behind it would find none.
+// The listener may be destroyed when the thread reaches the last agent. A callback behind it would use it.
 TEST_F(Ending, sendsNothingToItsThreadBehindTheLastAgent)
 {
     Subscription subscription = status::on({"door"}, thread, record(), manager);
@@ -169,7 +169,7 @@ TEST_F(Ending, sendsNothingToItsThreadBehindTheLastAgent)
     keepThreadBusy();
     Gate free;
     manager.block(free);
-    manager.postStatus("door", "open"); // in front of the removal of the listener
+    manager.postStatus("door", "open"); // queued before the listener is removed
     subscription.cancel();
     free.open();
     manager.sync(0);
@@ -189,7 +189,7 @@ TEST_F(Ending, insideItsOwnCallbackMakesThatTheLastCall)
         {
             assigned.wait();
             subscription.cancel();
-            told.push_back(values); // it runs to its end
+            told.push_back(values); // the callback runs to its end
         },
         manager);
     assigned.open();
@@ -217,7 +217,7 @@ TEST_F(Ending, insideItsOwnCallbackDestroysWhatThatCapturedWhenItReturns)
         },
         manager);
     ASSERT_TRUE(entered.wait());
-    manager.block(free); // it need not know of the end
+    manager.block(free); // the manager does not know yet that the thread has ended
     assigned.open();
     EXPECT_TRUE(destroyed.wait());
     free.open();
@@ -251,7 +251,7 @@ TEST_F(Ending, insideItsCallbackWhileTheThreadIsBeingStopped)
             entered.open();
             stopping.wait();
             subscription.cancel();
-            manager.sync(0); // the manager has let go of it
+            manager.sync(0); // the manager has released it
             told.push_back(values);
         },
         manager);
@@ -280,7 +280,7 @@ TEST_F(Ending, mayComeAfterTheThreadsEnd)
     Subscription subscription = status::on({"door"}, thread, record(), manager);
     settle();
     threadOwner.reset();
-    manager.postStatus("door", "open"); // goes nowhere, and not to where the thread was
+    manager.postStatus("door", "open"); // reaches nobody, and does not touch the destroyed thread
     manager.sync(0);
     EXPECT_TRUE(subscription);
     subscription.cancel();
@@ -320,7 +320,7 @@ TEST_F(Ending, ofTheThreadBeforehandLeavesItSilent)
     EXPECT_TRUE(told.empty());
 }
 
-// Under ThreadSanitizer and AddressSanitizer above all: the three ends, in each order, beside posts.
+// For ThreadSanitizer and AddressSanitizer above all: the three ends in each order, while others post.
 TEST_F(Ending, inAnyOrderIsHarmlessWhileOthersPost)
 {
     std::atomic<bool> isOver{false};
@@ -337,7 +337,7 @@ TEST_F(Ending, inAnyOrderIsHarmlessWhileOthersPost)
     for (unsigned round = 0; round < 300; ++round)
     {
         auto each = std::make_unique<Orvane::EventThread>("each", 0);
-        unsigned count = 0; // no lock: the callback is over when its subscription has ended
+        unsigned count = 0; // no lock: no callback runs after its subscription has ended
         auto values = std::make_unique<Subscription>(status::on(
             {"door"}, *each, [&](const StatusMap&) { ++count; }, manager));
         auto events = std::make_unique<Subscription>(status::onEvent(
