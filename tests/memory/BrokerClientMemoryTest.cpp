@@ -1,4 +1,4 @@
-// A broker client's posts, queries and notifications where memory runs out.
+// A broker client's posts, queries and notifications when memory runs out.
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -42,13 +42,13 @@ private:
     void run(const std::function<void()>& work) { work(); }
 };
 
-// Takes memory of its own.
+// Too long for a string to hold without an allocation.
 std::string name(const std::string& kind, unsigned number = 0)
 {
     return kind + " of a length that takes memory, " + std::to_string(number);
 }
 
-// Only JsonCpp writes and reads this one.
+// Only JsonCpp writes and reads this name.
 std::string odd(const std::string& kind)
 {
     return name("odd \"" + kind + "\"");
@@ -62,7 +62,7 @@ StatusKeys names(const std::string& kind, unsigned count)
     return all;
 }
 
-// More than one frame of them.
+// More values than one frame holds.
 StatusMap values(const std::string& value, unsigned count = 20)
 {
     StatusMap all;
@@ -110,7 +110,7 @@ public:
         proxy.reset();
     }
 
-    // Makes the call from the thread that is meant; whether memory has run out for it.
+    // Makes the call on the given thread. Returns whether memory ran out for it.
     template <class Call>
     bool runsOutFor(Caller caller, Call call)
     {
@@ -122,7 +122,7 @@ public:
         return ranOut;
     }
 
-    // Returns when the manager has done all, and all listeners are told.
+    // Returns when the manager is idle and all listeners have been called.
     void settle()
     {
         const Spared spared;
@@ -131,7 +131,7 @@ public:
         (OV_NEW Orvane::SyncEventAgent0<World>(this, &World::nothing))->send(&mListenersThread);
     }
 
-    // Sends a notification, and returns when it is handled.
+    // Publishes a notification, and returns when it is handled.
     void notify(const std::string& text)
     {
         const Spared spared;
@@ -151,7 +151,7 @@ public:
 
     std::size_t callbacks() const { return listener.updates().size() + listener.events().size(); }
 
-    // The messages since there were so many, with a post at its end that shows that all is there.
+    // The messages after the first `count`. It posts a marker and waits for it, so that none is missing.
     std::vector<std::string> postsSince(std::size_t count)
     {
         const std::string marker = "marker" + std::to_string(++mMarkers);
@@ -169,10 +169,10 @@ public:
     std::unique_ptr<Proxy> proxy;
     RecordingListener listener;
 
-    // The broker's answers; the map may be asked for in two forms.
+    // The broker's answers; the answer with a map has two forms.
     std::atomic<bool> answersOdd{false};
 
-    std::atomic<unsigned> requests{0}; // that have come in
+    std::atomic<unsigned> requests{0}; // received so far
 
     std::string lastRequest() const
     {
@@ -305,7 +305,7 @@ struct Query
 {
     const char* name;
     std::string (*call)(Proxy&);
-    std::string neutral = "0"; // what it returns when the request could not be sent
+    std::string neutral = "0"; // its result if the request could not be sent
 };
 
 void PrintTo(const Query& query, std::ostream* stream)
@@ -344,7 +344,7 @@ const Query queries[]{
 class QueryMemory : public testing::TestWithParam<Query>
 {
 protected:
-    // The query's result, or none if memory ran out.
+    // The query's result, or nothing if memory ran out.
     std::optional<std::string> ask(Caller caller)
     {
         std::string result;
@@ -359,7 +359,7 @@ protected:
 
 } // namespace
 
-// One that cannot be sent for want of memory has the neutral result.
+// A query that cannot be sent for lack of memory returns the neutral result.
 TEST_P(QueryMemory, aQueryIsAnsweredOrReachesItsCallerAsAnExceptionAndTheNextIsAnswered)
 {
     for (const bool answersOdd : {false, true})
@@ -491,7 +491,7 @@ const Notification notifications[]{
 class NotificationMemory : public testing::TestWithParam<Notification>
 {
 protected:
-    // Publishes the notification, while memory may run out, and then another, which must be heard.
+    // Publishes the notification while memory may run out, then another one, which must arrive.
     static bool tryOne(World& world, const Failure& failure, std::size_t callbacks)
     {
         const std::size_t before = world.callbacks();

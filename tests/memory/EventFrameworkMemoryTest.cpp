@@ -1,4 +1,4 @@
-// Agents, queues and threads where memory runs out.
+// Agents, queues and threads when memory runs out.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ using FailingMemory::Spared;
 namespace
 {
 
-// Longer than what a string keeps in itself.
+// Too long for a string to hold without an allocation.
 const std::string longText(100, 'x');
 
 std::vector<int> upTo(int end)
@@ -31,7 +31,7 @@ std::vector<int> upTo(int end)
     return numbers;
 }
 
-// Notes what is delivered to it, without taking memory, and holds its thread while the gate is closed.
+// Records what is delivered to it, without allocating. It blocks its thread while the gate is closed.
 class Receiver
 {
 public:
@@ -53,7 +53,7 @@ private:
     std::vector<int> mTaken;
 };
 
-// A thread and what is sent to it; afterwards nothing may be left of either.
+// A thread and the agents sent to it. Afterwards no object may be left.
 class World
 {
 public:
@@ -70,7 +70,7 @@ public:
 
     void release() { mGate.open(); }
 
-    // Returns when what has been posted is delivered.
+    // Returns when all posts are delivered.
     void settle()
     {
         const Spared spared;
@@ -104,8 +104,8 @@ private:
 class EventFrameworkMemory : public testing::Test
 {
 protected:
-    // Runs `work` in a world of its own for each allocation that may fail; it returns whether one has. The
-    // number of those that have.
+    // Runs `work` in a new world for each allocation that may fail. `work` returns whether an allocation
+    // failed. Returns the number of runs with a failure.
     template <class Work>
     static unsigned inEachWorld(Work work)
     {
@@ -127,7 +127,7 @@ private:
     FailingMemory::QuietLog mLog;
 };
 
-// Posts ten, of which memory may run out, and notes which were accepted.
+// Posts ten agents while memory may run out, and records which were accepted.
 template <class Post>
 void postTen(std::vector<int>& accepted, Post post)
 {
@@ -269,7 +269,7 @@ TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
             const bool hasStruck = failure.during([&] { world.thread().removeAgentsByReceiver(&other); });
             world.settle();
             std::vector<int> taken = world.receiver.taken();
-            std::sort(taken.begin(), taken.end()); // which are due first is a matter of time
+            std::sort(taken.begin(), taken.end()); // agents with close due times may swap
             EXPECT_EQ(taken, upTo(10));
             EXPECT_EQ(other.taken(), upTo(0));
             return hasStruck;
@@ -305,7 +305,7 @@ TEST_F(EventFrameworkMemory, aThreadStopsAndDropsWhatIsQueuedWithoutMemory)
             world.occupy();
             for (int number = 0; number < 5; ++number)
             {
-                // May be delivered before the thread stops: takes no memory.
+                // It may be delivered before the thread stops, so it takes no memory.
                 postCall(OV_SITE, world.thread(), &world.receiver, &Receiver::nothing);
                 world.postDelayed(number, 60000);
             }

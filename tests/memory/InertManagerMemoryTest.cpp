@@ -1,4 +1,4 @@
-// The inert manager where memory runs out, operation by operation.
+// The inert manager when memory runs out, operation by operation.
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -29,8 +29,7 @@ public:
     }
 };
 
-// One of the operations that the inert manager has of its own, and its result as text. Its arguments take
-// memory.
+// An operation that the inert manager implements itself, with its result as text. Its arguments allocate.
 struct InertOperation
 {
     const char* name;

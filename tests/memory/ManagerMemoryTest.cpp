@@ -1,4 +1,4 @@
-// Promises of the local manager that are not a matter of one operation, where memory runs out.
+// Guarantees of the local manager that span several operations, when memory runs out.
 
 #include <gtest/gtest.h>
 
@@ -51,7 +51,7 @@ TEST_F(ManagerMemory, aListenerThatCannotBeToldOfAValueDoesNotKeepOthersFromBein
     EXPECT_GT(struck, 0U);
 }
 
-// A listener may have been told of a value that is then not stored.
+// A listener may have received a value that is not stored in the end.
 TEST_F(ManagerMemory, aPostOfWhichNotAllCanBeToldIsTakenBackAndARepeatedOneTellsAll)
 {
     bool isTakenBackAfterSomeAreTold = false;
@@ -173,7 +173,7 @@ TEST_F(ManagerMemory, aManagerIsDestroyedWithWhatIsQueuedWithoutMemory)
                 manager->block(gate);
                 for (unsigned number = 0; number < keys; ++number)
                     manager->postStatus(name("key", number), name("new", 0));
-                // Its thread is let go when nothing is queued any more.
+                // Releases its thread when its queue is empty.
                 std::thread opener(
                     [&gate, &thread = manager->mThread]
                     {
