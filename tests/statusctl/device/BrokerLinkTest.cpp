@@ -11,7 +11,7 @@ namespace
 class BrokerLinkTest : public testing::Test
 {
 protected:
-    // Until the link has told of it.
+    // Waits until the link has reported this.
     void awaitTold(bool isUp)
     {
         ASSERT_TRUE(eventually([&] { return mTold == (isUp ? 1 : -1); }));

@@ -30,7 +30,7 @@ Statistics healthy()
             {"limit.keys", 0}};
 }
 
-// The words of the checks that found something, in order.
+// The words of the checks with findings, in order.
 std::string checksOf(const Findings& findings)
 {
     std::string checks;

@@ -1,4 +1,4 @@
-// show, get --long and dump --long, against a real broker and against one that is scripted.
+// show, get --long and dump --long, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 #include <set>
@@ -22,7 +22,7 @@ Json::Value detailsOf(const Words& words)
     return JsonText::readObject(outcome.output).value_or(Json::Value())["details"];
 }
 
-// The answer, and which keys were asked for, in the requests' order.
+// The scripted answer, and the keys of each request, in order.
 class DetailsScript
 {
 public:

@@ -1,4 +1,4 @@
-// forget, against a real broker and against one that is scripted.
+// forget, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-// may, against a real broker and against one that is scripted.
+// may, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 

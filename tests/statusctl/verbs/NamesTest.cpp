@@ -1,4 +1,4 @@
-// Empty names and globs in the place of names, against a real broker.
+// Empty names, and globs in place of names, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ protected:
 
 const std::string sameKeys = "[\"disk\",\"net.rx\",\"net.tx\"]\n";
 
-// Some of them would wait for ever.
+// With a timeout, because some commands would wait for ever.
 Outcome briefly(const Words& words)
 {
     Words command{"-t", "5"};

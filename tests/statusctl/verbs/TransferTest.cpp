@@ -1,4 +1,4 @@
-// dump and load, against a real broker.
+// dump and load, with a real broker.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -57,7 +57,7 @@ TEST_F(TransferTest, loadReadsStandardInput)
     EXPECT_EQ(statusctl({"get", "a"}), success("1\n"));
 }
 
-// Far more than the transport takes unconfirmed.
+// Far more than the transport takes without confirmation.
 TEST_F(TransferTest, loadLosesNothingOfALargeFile)
 {
     std::string text;
@@ -123,7 +123,7 @@ TEST_F(TransferTest, loadPutsTimersAndCountersBack)
     EXPECT_GE(std::stoull(statusctl({"timer", "show", "work"}).output), 7000000U);
 }
 
-// Also of names that only hostile clients choose.
+// Includes names that only hostile clients choose.
 TEST_F(TransferTest, whatDumpHasWrittenOfAllComesBackAsItWas)
 {
     statusctl({"set", "a=b \n", "1"});

@@ -1,4 +1,4 @@
-// get, set and reset, against a real broker.
+// get, set and reset, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -146,8 +146,8 @@ TEST_F(ValuesTest, resetEmptiesValues)
     EXPECT_EQ(statusctl({"get", "a", "b"}), success("a=\nb=\n"));
 }
 
-// The library loses the end of a message whose length is a multiple of 512; the tool sends two instead, or
-// says that it cannot.
+// The library loses the end of a message whose length is a multiple of 512. The tool sends two messages
+// instead, or refuses.
 TEST_F(ValuesTest, noLengthLosesAnything)
 {
     for (std::size_t length = 440; length < 480; ++length)
@@ -164,7 +164,7 @@ TEST_F(ValuesTest, noLengthLosesAnything)
     }
 }
 
-// Otherwise a socket would be opened in its place, and be written to.
+// Otherwise a socket would take the descriptor, and receive the output.
 TEST_F(ValuesTest, aClosedStandardOutputIsAFailure)
 {
     statusctl({"set", "a", "1"});

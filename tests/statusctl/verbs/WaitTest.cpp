@@ -1,4 +1,4 @@
-// wait, against a real broker.
+// wait, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -54,7 +54,7 @@ TEST_F(WaitTest, doesNotReturnWhileTheConditionDoesNotHold)
     EXPECT_EQ(wait("door>5"), tooLate(R"(door is "open", wanted > 5)"));
 }
 
-// Between looking and waiting nothing can slip through: the value is set once, at any moment of the start.
+// No gap between looking and waiting: the value is set once, at a random moment of the start.
 TEST_F(WaitTest, aValueSetWhileItStartsIsNotMissed)
 {
     for (int round = 0; round < 30; ++round)
