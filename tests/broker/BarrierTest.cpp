@@ -1,4 +1,4 @@
-// Whom the real broker asks by a PING before it confirms a "Sync".
+// Which peers the real broker pings before it confirms a "Sync".
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -16,10 +16,10 @@ using namespace std::string_literals;
 namespace
 {
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{200};
 
-// A connection on which posts are made.
+// A connection that makes posts.
 class Poster : public ZmtpPeer
 {
 public:
@@ -31,7 +31,7 @@ public:
         EXPECT_TRUE(write(pong("subscribed")));
     }
 
-    // The context of the PING that comes; empty if none does.
+    // The context of the next PING; empty if none comes.
     std::string awaitPing()
     {
         const auto frame = readFrame();
@@ -44,7 +44,7 @@ public:
 class BarrierTest : public testing::Test
 {
 protected:
-    void SetUp() override { requester.ask("Sync"); } // the first is another matter
+    void SetUp() override { requester.ask("Sync"); } // the first Sync is special
 
     void expectAnswer() { EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"}); }
 
@@ -54,7 +54,7 @@ protected:
 
 } // namespace
 
-// As more of what it posted before may be under way.
+// More of its earlier posts may be under way.
 TEST_F(BarrierTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
 {
     Poster poster;
@@ -82,7 +82,7 @@ TEST_F(BarrierTest, aSyncPingsThePosterOfItsClientThoughNothingHasCome)
     EXPECT_EQ(valueOf(requester, "k"), reply("v"));
 }
 
-// For 100 ms, in which this process need not run each time.
+// The broker waits 100 ms, in which a busy machine may not run this process at all.
 TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
 {
     Poster poster;
@@ -99,7 +99,8 @@ TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
         }));
 }
 
-// Only root can be another user.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there.
 TEST_F(BarrierTest, aSyncDoesNotPingPostersOfOtherUsersFromWhichNothingHasCome)
 {
     std::unique_ptr<Poster> other;
@@ -117,7 +118,7 @@ TEST_F(BarrierTest, aQueryDoesNotPingPostersFromWhichNothingHasCome)
     EXPECT_EQ(poster.read(1, quiet), "");
 }
 
-// A client that stands still delays the others of its service once.
+// A client that is stopped delays other clients of its service only once.
 TEST_F(BarrierTest, aPosterThatDoesNotAnswerIsNotPingedForEverySync)
 {
     Poster silent;

@@ -15,7 +15,7 @@
 namespace
 {
 
-// A client that is a process of its own, with only the connection on which it posts.
+// A client in its own process, with a single connection, on which it posts.
 class OwnerProcess
 {
 public:
@@ -52,14 +52,14 @@ public:
 
     pid_t pid() const { return mPid; }
 
-    // By another connection, on which it posts nothing.
+    // Makes it connect again, without posting on the new connection.
     void reconnect() { ASSERT_EQ(write(mPipe[1], "x", 1), 1); }
 
 private:
     [[noreturn]] void run(const std::string& post)
     {
         const int commands = dup2(mPipe[0], STDIN_FILENO);
-        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it has no connection of the test
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
         auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
         if (peer->shakeHands())
             peer->write(ZmtpPeer::message(post));
@@ -93,7 +93,7 @@ protected:
         return process;
     }
 
-    // As the process that posted the value.
+    // Whether this process is known as the poster of the value.
     bool isKnown(const std::string& key, pid_t pid)
     {
         const std::string details = ask(R"({"getStatusDetails":[")" + key + "\"]}");
@@ -107,7 +107,7 @@ protected:
         return eventually([&] { return value(key) == reply(expected); });
     }
 
-    // An owner that goes now has its value marked, so those that went before had their time.
+    // When the value of an owner that ends now is marked, the time of earlier owners has passed as well.
     void awaitAnotherEnd()
     {
         owner("net.other");
@@ -168,7 +168,7 @@ TEST_F(Owned, valuesAreMarkedWhoeverComesIfTheirOwnerHasGoneBeforeItWasKnown)
     EXPECT_TRUE(becomes("net.a", "offline"));
 }
 
-// Where there are no services, a client is its process.
+// Without services, each process is a client.
 TEST_F(Owned, valuesDoNotGoOnWithAnotherProcess)
 {
     start(owned("500ms"));
@@ -179,6 +179,9 @@ TEST_F(Owned, valuesDoNotGoOnWithAnotherProcess)
     EXPECT_EQ(value("net.b"), reply("up"));
 }
 
+// May be skipped: it needs control groups of version 2 that this process may make, Linux 5.7 or later, and
+// no emulator. It always runs as root on such a kernel. Containers often mount control groups read-only. There
+// OwnedValuesTest tests clients that can come back, and ServicesTest finds services in a copy of the tree.
 TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
 {
     const ServiceGroup one("one");
@@ -191,7 +194,7 @@ TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
     first->end();
     const auto restarted = owner("net.c", "up", &one);
     second->end();
-    EXPECT_TRUE(becomes("net.b", "offline")); // one's processes are another service's
+    EXPECT_TRUE(becomes("net.b", "offline")); // each process is in another service
     awaitAnotherEnd();
     EXPECT_EQ(value("net.a"), reply("up"));
     EXPECT_EQ(value("net.c"), reply("up"));
@@ -260,7 +263,7 @@ TEST_F(Owned, aValueForWhoseTextThereIsNoRoomIsReset)
     EXPECT_TRUE(becomes("net.a", ""));
 }
 
-// Of the same process, whichever connection the value came on.
+// A client that reconnects is the same process: it keeps its values, whichever connection made the post.
 TEST_F(Owned, aPolicyThatIsTakenOverLeavesTheValuesOfAClientThatHasReconnected)
 {
     start(allOk);

@@ -26,7 +26,7 @@ protected:
         broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--state", folder / "state"});
     }
 
-    // As another broker has left it.
+    // Leaves a state file, as an earlier broker would.
     void keep(const SavedState& state)
     {
         StateFile file(folder / "state", StateSync::Normal, {});
@@ -38,7 +38,7 @@ protected:
     std::unique_ptr<BrokerProcess> broker;
 };
 
-// Everything that is published, over all restarts.
+// Records all notifications, across all restarts.
 class Listening
 {
 public:
@@ -49,7 +49,7 @@ public:
         mSocket.connect("tcp://127.0.0.1:5557");
     }
 
-    // The highest number that has been published for a key by now.
+    // The highest number published for the key so far.
     unsigned long highestOf(const std::string& key)
     {
         const std::string start = R"({"statusUpdate":{")" + key + R"(":")";
@@ -107,7 +107,7 @@ TEST_F(RestartTest, nothingIsTakenBackThatWasSeenOrConfirmedBeforeAKill)
         EXPECT_GE(kept, confirmed);
         EXPECT_GE(kept, seen);
 
-        // One that had its sockets open all the time goes on.
+        // A client whose sockets stayed open still works.
         client->postStatus("alive", std::to_string(round));
         EXPECT_TRUE(eventually([&] { return client->getClientInfoValue("alive") == std::to_string(round); }));
     }

@@ -1,4 +1,4 @@
-// State files that are no state files, or damaged ones.
+// Files that are no state files, and damaged state files.
 
 #include <fstream>
 #include <limits>
@@ -270,7 +270,7 @@ TEST_F(StateFileDamageTest, aForeignTableIsMovedAside)
 namespace
 {
 
-// More than SQLite keeps in memory.
+// Exceeds SQLite's memory.
 SavedState longValues(char character)
 {
     SavedState state;

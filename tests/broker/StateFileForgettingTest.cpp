@@ -20,7 +20,7 @@ class StateFileForgets : public StateFileStorageTest
 protected:
     StateFileForgets() { commit(stateOf({{"a", "1"}, {"b", "1"}})); }
 
-    // All changes while nothing can be written, which is possible again afterwards.
+    // Makes all changes while nothing can be written. Afterwards writing works again.
     void commitLate(const std::vector<SavedState>& changes)
     {
         const LogCapture log;

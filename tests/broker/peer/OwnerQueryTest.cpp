@@ -41,7 +41,8 @@ class OwnerQueryTest : public testing::TestWithParam<Road>
 protected:
     void SetUp() override
     {
-        // The emulator knows no sockets of this kind. The other road is tested there all the same.
+        // May be skipped: the emulator has no sockets of type NETLINK_SOCK_DIAG. The test always runs
+        // natively, and the emulated suite still tests the other road.
         if (isEmulated && GetParam() == Road::SockDiag)
             GTEST_SKIP() << "the emulator has no such sockets";
         ASSERT_EQ(query.road(), GetParam());
