@@ -1,6 +1,6 @@
 // Keeps 20 clients at a broker. They post, query, subscribe and leave; some are killed, or stopped for a
 // while. It observes the broker meanwhile. At the end every living listener must know the broker's values.
-// soak MINUTES
+//   soak MINUTES
 
 #include <algorithm>
 #include <csignal>

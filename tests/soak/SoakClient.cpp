@@ -1,5 +1,6 @@
 // A client that posts, queries, subscribes and unsubscribes at random.
-// soakclient SEED
+//   soakclient SEED
+//
 // It obeys lines on its standard input. After "stop" it posts no more, and prints "stopped" when all posts
 // have arrived. After "report" it prints the values that its listener received last, as KEY=VALUE lines, and
 // "reported". It leaves at the end of the input.
