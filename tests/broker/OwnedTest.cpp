@@ -179,8 +179,8 @@ TEST_F(Owned, valuesDoNotGoOnWithAnotherProcess)
     EXPECT_EQ(value("net.b"), reply("up"));
 }
 
-// May be skipped: it needs control groups of version 2 that this process may make, Linux 5.7 or later, and
-// no emulator. It always runs as root on such a kernel. Containers often mount control groups read-only. There
+// May be skipped: it needs Linux 5.7 or later, control groups of version 2 that this process may make, and no
+// emulator. It always runs as root on such a machine. Containers often mount control groups read-only: there
 // OwnedValuesTest tests clients that can come back, and ServicesTest finds services in a copy of the tree.
 TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
 {

@@ -1,4 +1,4 @@
-// A broker whose log goes into a pipe that nobody reads.
+// A broker that logs into a pipe without a reader.
 
 #include <array>
 #include <csignal>
@@ -44,7 +44,7 @@ protected:
         return text;
     }
 
-    // Sends posts that the broker refuses, and has to log one by one.
+    // Sends posts that the broker refuses and logs one by one.
     void misbehave(int times)
     {
         for (int number = 0; number < times; ++number)

@@ -1,4 +1,4 @@
-// When the state file is written although nothing has changed: with time as an argument.
+// When the state file is written without any change, with time as an argument.
 
 #include "broker/CommitTimes.h"
 

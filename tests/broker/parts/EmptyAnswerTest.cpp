@@ -1,4 +1,4 @@
-// Which questions an empty answer has answered: with time as an argument.
+// Which questions an empty answer has answered, with time as an argument.
 
 #include "broker/EmptyAnswer.h"
 

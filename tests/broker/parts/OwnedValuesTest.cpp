@@ -9,7 +9,7 @@ using namespace std::chrono_literals;
 namespace
 {
 
-using Marked = std::vector<std::pair<std::string, std::string>>; // key, and what it becomes
+using Marked = std::vector<std::pair<std::string, std::string>>; // the key, and its new value
 
 class OwnedValuesTest : public testing::Test
 {
@@ -210,7 +210,7 @@ TEST_F(OwnedValuesTest, keepTheirOwnerWhenAResetIsRefused)
     EXPECT_EQ(marked, (Marked{{"net.a", "offline"}}));
 }
 
-// Limits may be lowered while there are longer keys.
+// Limits may be lowered while longer keys exist.
 TEST_F(OwnedValuesTest, areNotThoseOfOtherNamesWhoseResetIsRefused)
 {
     const Posters::Id owner = client();
@@ -299,7 +299,7 @@ TEST_F(OwnedValuesTest, ofUnknownPostersStay)
     EXPECT_EQ(values.due(), TimePoint::max());
 }
 
-// A thousand owners that end together make nobody else wait for all of them.
+// Others need not wait until a thousand owners that end together are handled.
 TEST_F(OwnedValuesTest, ofManyOwnersAreMarkedInTurns)
 {
     constexpr std::size_t owners = 1000;

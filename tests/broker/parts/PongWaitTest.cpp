@@ -1,4 +1,4 @@
-// The wait of requests for one post connection: with numbers of barriers and time as arguments.
+// How long requests wait for a post connection, with numbers of barriers and time as arguments.
 
 #include "broker/PongWait.h"
 
@@ -16,7 +16,7 @@ const TimePoint start = TimePoint() + 1h;
 class PongWaitTest : public testing::Test
 {
 protected:
-    // Opens a barrier and sends the PING for it, if it is due.
+    // Opens a barrier, and sends its PING if that is due.
     void open(uint64_t barrier, TimePoint now, bool isForSync = false, std::size_t unread = 0)
     {
         wait.want(barrier, isForSync, unread, enough, now);
@@ -224,7 +224,7 @@ TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForOnlyIfMuchHasArrive
     EXPECT_EQ(endFor(3, start + 1h), start + 1h + Patience::longest);
 }
 
-// Its answer may be among what could not be read.
+// Its answer may be among the bytes that could not be read.
 TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForAgainIfItCouldNotBeRead)
 {
     open(1, start);

@@ -19,7 +19,7 @@ protected:
         quotas.setPolicy(*policy);
     }
 
-    // Null if it is refused.
+    // Returns null if it is refused.
     Connection* connect(uid_t user)
     {
         Connection& connection = connections.emplace_back(Descriptor(), Handshake::Kind::Post, now);
@@ -27,7 +27,7 @@ protected:
         return quotas.enter(connection, now) ? &connection : nullptr;
     }
 
-    // Of so many names.
+    // Posts this many names.
     bool post(const Connection& client, std::size_t names = 1)
     {
         if (!quotas.mayPost(client))
@@ -92,7 +92,7 @@ TEST_F(QuotasTest, anotherPolicyIsAppliedToThoseThatAreConnected)
     EXPECT_TRUE(post(*connection));
 }
 
-// Only who comes is refused.
+// Only new connections are refused.
 TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
 {
     use("");
@@ -105,7 +105,7 @@ TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
     EXPECT_FALSE(connect(webUser));
 }
 
-// At once a user may post as much as in a second, and a message that begins within that is taken whole.
+// A user may post a second's share at once. A message that begins within its share is accepted as a whole.
 TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 {
     use("[[quota]]\nposts-per-second = 5\n");
@@ -124,7 +124,7 @@ TEST_F(QuotasTest, aUserGainsNothingByComingBack)
     quotas.leave(*connection);
     now += 10s;
     for (uid_t other = 1000; other < 1200; ++other)
-        quotas.leave(*connect(other)); // so many that old ones are forgotten
+        quotas.leave(*connect(other)); // enough to make old users be forgotten
     EXPECT_FALSE(post(*connect(webUser)));
 }
 
@@ -170,7 +170,7 @@ TEST_F(QuotasTest, aUserThatTakesMoreThanItsPartOfTheStateIsRefused)
     EXPECT_TRUE(quotas.mayTake(netUser, {10, 100}, {1000, 10000}));
 }
 
-// Its share may have been made smaller.
+// Its share may have been reduced.
 TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
 {
     use("[[quota]]\nkeys = 10\nbytes = 100\n");
@@ -178,7 +178,7 @@ TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
     EXPECT_FALSE(quotas.mayTake(webUser, {20, 200}, {20, 201}));
 }
 
-// So the log says in audit mode how much would be refused.
+// In audit mode, the log shows what would be refused.
 TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
 {
     use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");

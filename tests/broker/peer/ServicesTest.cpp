@@ -38,7 +38,7 @@ protected:
         return inodeOfPath(tree / path);
     }
 
-    // Asks for ids that nobody has, until no walk is allowed any more. Returns how many walks there were.
+    // Looks for unknown ids until no walk is allowed any more. Returns the number of walks.
     int exhaust()
     {
         int walks = 0;
@@ -134,7 +134,7 @@ TEST_F(ServicesTest, withoutATreeAllAreUnknown)
 TEST_F(ServicesTest, aFloodOfUnknownIdsWalksNoMoreThanIsAllowed)
 {
     for (int i = 0; i != 99; ++i)
-        make("system.slice/s" + std::to_string(i) + ".service"); // with the slice and the root: 101 folders
+        make("system.slice/s" + std::to_string(i) + ".service"); // with the slice and the root, 101 folders
     const uint64_t known = make("system.slice/s7.service");
     EXPECT_EQ(services.find(known).name, "s7.service");
     EXPECT_EQ(exhaust(), Services::burst / 101);
@@ -207,7 +207,8 @@ TEST_F(ServicesTest, theTreeIsWhereTheMachineHasMountedIt)
     EXPECT_EQ(Services::rootIn(tree / "missing"), "");
 }
 
-// ServicesTest finds services in a folder that looks like the control groups, on any machine.
+// May be skipped: see ServiceGroup::lack(). On any machine, ServicesTest finds services in a folder that
+// looks like the control groups.
 TEST(RealServicesTest, aConnectionIsThatOfTheServiceThatMadeIt)
 {
     const ServiceGroup group("named");
