@@ -117,8 +117,8 @@ protected:
     }
 
     // Expects that hardly one request in a hundred takes longer than allowed, and that half of them take
-    // almost no time. On a busy machine some take longer for other reasons: as many as without these peers
-    // are allowed again.
+    // almost no time. On a busy machine some take longer for other reasons. So as many as without these peers
+    // may, too, and one of three attempts must succeed.
     template <class MakePeers>
     void expectQuick(const Asked& asked, MakePeers makePeers)
     {

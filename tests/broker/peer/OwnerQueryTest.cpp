@@ -98,7 +98,7 @@ bool enterUserNamespace()
 }
 
 // Only root may enter a new network namespace, and not in every container. Tests that need it are skipped
-// then. The build server tests as root, outside a container that forbids it.
+// then. They always run as root outside such containers.
 bool mayNotEnterNetworkNamespace()
 {
     return inChild([] { return unshare(CLONE_NEWNET) != 0 && errno == EPERM ? 1 : 0; }) == 1;

@@ -125,8 +125,8 @@ TEST_F(PolicyFilesTest, inAFolderThatOthersMayWriteAreRefused)
     EXPECT_EQ(errors(), Lines{(folder / "") + ": others than its owner may write to it (chmod go-w)"});
 }
 
-// May be skipped: the kernel lets only root give a file away. The build server tests as root, so it always runs
-// there.
+// May be skipped: the kernel lets only root give a file away. The build server tests as root, so it always
+// runs there.
 TEST_F(PolicyFilesTest, ofOtherUsersAreRefused)
 {
     if (geteuid() != 0)
