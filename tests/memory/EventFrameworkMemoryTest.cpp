@@ -13,7 +13,7 @@
 
 using namespace Orvane;
 using FailingMemory::Extent;
-using FailingMemory::failEach;
+using FailingMemory::failEachIn;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -104,27 +104,7 @@ private:
 class EventFrameworkMemory : public testing::Test
 {
 protected:
-    // Runs `work` in a new world for each allocation that may fail. `work` returns whether an allocation
-    // failed. Returns the number of runs with a failure.
-    template <class Work>
-    static unsigned inEachWorld(Work work)
-    {
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                bool hasStruck = false;
-                {
-                    World world;
-                    hasStruck = work(world, failure);
-                }
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
-    }
-
-private:
-    FailingMemory::QuietLog mLog;
+    FailingMemory::QuietLog log;
 };
 
 // Posts ten agents while memory may run out, and records which were accepted.
@@ -142,7 +122,7 @@ void postTen(std::vector<int>& accepted, Post post)
 
 TEST_F(EventFrameworkMemory, aPostIsQueuedOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -161,7 +141,7 @@ TEST_F(EventFrameworkMemory, aPostIsQueuedOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, aDelayedPostIsQueuedOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -180,7 +160,7 @@ TEST_F(EventFrameworkMemory, aDelayedPostIsQueuedOrReachesItsCallerAsAnException
 
 TEST_F(EventFrameworkMemory, aDeliveryThatFailsIsLostAndTheNextComes)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -199,7 +179,7 @@ TEST_F(EventFrameworkMemory, aDeliveryThatFailsIsLostAndTheNextComes)
 
 TEST_F(EventFrameworkMemory, dueAgentsAreAdmittedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -212,7 +192,7 @@ TEST_F(EventFrameworkMemory, dueAgentsAreAdmittedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aWaitingCallIsMadeOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             const auto echo = [&]
@@ -230,7 +210,7 @@ TEST_F(EventFrameworkMemory, aWaitingCallIsMadeOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, aCallInPlaceIsMadeOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             struct Place
@@ -254,7 +234,7 @@ TEST_F(EventFrameworkMemory, aCallInPlaceIsMadeOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -279,7 +259,7 @@ TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, oneAgentIsDroppedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -299,7 +279,7 @@ TEST_F(EventFrameworkMemory, oneAgentIsDroppedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadStopsAndDropsWhatIsQueuedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -321,7 +301,7 @@ TEST_F(EventFrameworkMemory, aThreadStopsAndDropsWhatIsQueuedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadIsDestroyedWithWhatIsQueuedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             for (int number = 0; number < 5; ++number)
@@ -333,7 +313,7 @@ TEST_F(EventFrameworkMemory, aThreadIsDestroyedWithWhatIsQueuedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadIsConstructedOrItsCallerGetsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World&, const Failure& failure)
         {
             std::unique_ptr<EventThread> thread;

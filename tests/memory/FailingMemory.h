@@ -116,6 +116,32 @@ unsigned failEach(Attempt attempt)
     return struck;
 }
 
+/// Like failEach(). Each attempt must free all objects that it makes.
+template <class Attempt>
+unsigned failEachCleanly(Attempt attempt)
+{
+    return failEach(
+        [&](const Failure& failure)
+        {
+            const std::size_t before = liveObjects();
+            const bool hasStruck = attempt(failure);
+            EXPECT_EQ(liveObjects(), before) << "something was left behind";
+            return hasStruck;
+        });
+}
+
+/// Like failEachCleanly(), with a new World for each attempt.
+template <class World, class Attempt>
+unsigned failEachIn(Attempt attempt)
+{
+    return failEachCleanly(
+        [&](const Failure& failure)
+        {
+            World world;
+            return attempt(world, failure);
+        });
+}
+
 } // namespace FailingMemory
 
 #endif

@@ -5,7 +5,7 @@
 
 #include "tests/memory/LocalWorld.h"
 
-using FailingMemory::failEach;
+using FailingMemory::failEachCleanly;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -121,14 +121,8 @@ protected:
         const std::string expected = call(GetParam(), caller, after);
         after.settle();
         const State wholly = after.state();
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                const bool hasStruck = tryOne(failure, keys, caller, expected, wholly);
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
+        return failEachCleanly([&](const Failure& failure)
+                               { return tryOne(failure, keys, caller, expected, wholly); });
     }
 
 private:

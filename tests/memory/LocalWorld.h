@@ -11,25 +11,12 @@
 #include <vector>
 
 #include "tests/memory/FailingMemory.h"
+#include "tests/memory/LongNames.h"
 #include "tests/statusmanager/TestManager.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/RecordingListener.h"
 
 /// A local manager with its listeners, for tests in which memory runs out.
-
-/// A name that is too long for a string to hold without an allocation.
-inline std::string name(const std::string& kind, unsigned number)
-{
-    return kind + " of a length that takes memory, " + std::to_string(number);
-}
-
-inline StatusKeys names(const std::string& kind, unsigned first, unsigned end)
-{
-    StatusKeys all;
-    for (; first < end; ++first)
-        all.push_back(name(kind, first));
-    return all;
-}
 
 inline StatusMap values(unsigned first, unsigned end, const std::string& value)
 {
@@ -37,12 +24,6 @@ inline StatusMap values(unsigned first, unsigned end, const std::string& value)
     for (const std::string& key : names("key", first, end))
         all[key] = name(value, 0);
     return all;
-}
-
-inline std::string shown(const StatusMap& map)
-{
-    const FailingMemory::Spared spared;
-    return testing::PrintToString(map);
 }
 
 class Manager : public TestManager

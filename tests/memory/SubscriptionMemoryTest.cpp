@@ -8,7 +8,7 @@
 #include "tests/helpers/WatchedManager.h"
 #include "tests/memory/FailingMemory.h"
 
-using FailingMemory::failEach;
+using FailingMemory::failEachIn;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -49,33 +49,14 @@ private:
 class SubscriptionMemory : public testing::Test
 {
 protected:
-    // Does the work in a new world for each failing allocation, and compares the objects before and after.
-    template <class Work>
-    unsigned failEachOf(Work work)
-    {
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                bool hasStruck = false;
-                {
-                    World world;
-                    hasStruck = work(world, failure);
-                }
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
-    }
-
-private:
-    FailingMemory::QuietLog mLog;
+    FailingMemory::QuietLog log;
 };
 
 } // namespace
 
 TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
 {
-    const unsigned struck = failEachOf(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             status::Subscription subscription;
@@ -101,7 +82,7 @@ TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
 
 TEST_F(SubscriptionMemory, oneEndsWhetherOrNotThereIsMemory)
 {
-    const unsigned struck = failEachOf(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             status::Subscription subscription = world.subscribe();
