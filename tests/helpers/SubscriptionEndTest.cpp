@@ -14,9 +14,27 @@ namespace
 
 using status::Subscription;
 
+// During its destruction and afterwards, nothing may be delivered.
+struct Destroyed
+{
+    explicit Destroyed(Gate& destroyed) : gate(destroyed) {}
+    ~Destroyed() { gate.open(); }
+    Gate& gate;
+};
+
 class Ending : public SubscriptionFixture
 {
 protected:
+    Subscription recorded() { return status::on({"door"}, thread, record(), manager); }
+
+    // A subscription whose callback owns an object that opens the gate when it is destroyed.
+    Subscription owning(Gate& destroyed)
+    {
+        return status::on(
+            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
+            manager);
+    }
+
     // A subscription whose first callback blocks until `release` opens.
     Subscription blocked()
     {
@@ -61,14 +79,6 @@ protected:
     std::atomic<bool> isLeft{false};
 };
 
-// During its destruction and afterwards, nothing may be delivered.
-struct Destroyed
-{
-    explicit Destroyed(Gate& destroyed) : gate(destroyed) {}
-    ~Destroyed() { gate.open(); }
-    Gate& gate;
-};
-
 // An agent that does nothing.
 class Nothing : public Orvane::AsyncEventAgent
 {
@@ -90,7 +100,7 @@ bool isStopping(Orvane::EventThread& thread)
 TEST_F(Ending, comesWithItsObject)
 {
     {
-        const Subscription subscription = status::on({"door"}, thread, record(), manager);
+        const Subscription subscription = recorded();
         settle();
     }
     manager.postStatus("door", "open");
@@ -129,7 +139,7 @@ TEST_F(Ending, dropsCallbacksThatAreQueued)
 TEST_F(Ending, doesNotWaitForOtherCallbacksOfTheThread)
 {
     const Subscription other = blocked();
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     ASSERT_TRUE(entered.wait());
     auto end = std::async(std::launch::async, [&] { subscription.cancel(); });
     EXPECT_EQ(end.wait_for(testDeadline), std::future_status::ready);
@@ -140,7 +150,7 @@ TEST_F(Ending, doesNotWaitForOtherCallbacksOfTheThread)
 
 TEST_F(Ending, doesNotWaitForABusyManager)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     Gate free;
     manager.block(free);
@@ -154,7 +164,7 @@ TEST_F(Ending, mayComeBeforeTheManagerKnowsOfIt)
 {
     Gate free;
     manager.block(free);
-    status::on({"door"}, thread, record(), manager).cancel();
+    recorded().cancel();
     free.open();
     manager.postStatus("door", "open");
     EXPECT_TRUE(nothingIsLeft());
@@ -164,7 +174,7 @@ TEST_F(Ending, mayComeBeforeTheManagerKnowsOfIt)
 // The listener may be destroyed when the thread reaches the last agent. A callback behind it would use it.
 TEST_F(Ending, sendsNothingToItsThreadBehindTheLastAgent)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     keepThreadBusy();
     Gate free;
@@ -229,9 +239,7 @@ TEST_F(Ending, destroysWhatTheCallbackCapturedBeforeItReturns)
 {
     Gate destroyed;
     {
-        const Subscription subscription = status::on(
-            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
-            manager);
+        const Subscription subscription = owning(destroyed);
         settle();
         EXPECT_FALSE(destroyed.isOpen());
     }
@@ -267,7 +275,7 @@ TEST_F(Ending, insideItsCallbackWhileTheThreadIsBeingStopped)
 
 TEST_F(Ending, onTheManagersOwnThreadUnregistersToo)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     manager.onThread([&] { subscription.cancel(); });
     manager.postStatus("door", "open");
@@ -277,7 +285,7 @@ TEST_F(Ending, onTheManagersOwnThreadUnregistersToo)
 
 TEST_F(Ending, mayComeAfterTheThreadsEnd)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     threadOwner.reset();
     manager.postStatus("door", "open"); // reaches nobody, and does not touch the destroyed thread
@@ -290,7 +298,7 @@ TEST_F(Ending, mayComeAfterTheThreadsEnd)
 
 TEST_F(Ending, mayComeAfterTheManagersEnd)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     managerOwner.reset();
     subscription.cancel();
@@ -302,9 +310,7 @@ TEST_F(Ending, mayComeAfterTheEndOfBoth)
 {
     Gate destroyed;
     {
-        const Subscription subscription = status::on(
-            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
-            manager);
+        const Subscription subscription = owning(destroyed);
         managerOwner.reset();
         threadOwner.reset();
     }
@@ -314,7 +320,7 @@ TEST_F(Ending, mayComeAfterTheEndOfBoth)
 TEST_F(Ending, ofTheThreadBeforehandLeavesItSilent)
 {
     thread.stop();
-    const Subscription subscription = status::on({"door"}, thread, record(), manager);
+    const Subscription subscription = recorded();
     manager.postStatus("door", "open");
     manager.sync(0);
     EXPECT_TRUE(told.empty());

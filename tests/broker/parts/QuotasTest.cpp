@@ -27,6 +27,11 @@ protected:
         return quotas.enter(connection, now) ? &connection : nullptr;
     }
 
+    static std::string postsPerSecond(int posts)
+    {
+        return "[[quota]]\nposts-per-second = " + std::to_string(posts) + "\n";
+    }
+
     // Posts this many names.
     bool post(const Connection& client, std::size_t names = 1)
     {
@@ -34,6 +39,12 @@ protected:
             return false;
         Quotas::charge(client, names);
         return true;
+    }
+
+    bool postAfter(std::chrono::milliseconds time, const Connection& client)
+    {
+        now += time;
+        return post(client);
     }
 
     inline static TimePoint now = Clock::now();
@@ -108,7 +119,7 @@ TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
 // A user may post a second's share at once. A message that begins within its share is accepted as a whole.
 TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 4));
     EXPECT_TRUE(post(*connection, 50000));
@@ -118,7 +129,7 @@ TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 
 TEST_F(QuotasTest, aUserGainsNothingByComingBack)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     quotas.leave(*connection);
@@ -130,30 +141,27 @@ TEST_F(QuotasTest, aUserGainsNothingByComingBack)
 
 TEST_F(QuotasTest, aUserMayPostAgainAfterAWhile)
 {
-    use("[[quota]]\nposts-per-second = 1000\n");
+    use(postsPerSecond(1000));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 1010));
-    now += 10ms;
-    EXPECT_FALSE(post(*connection));
-    now += 1ms;
-    EXPECT_TRUE(post(*connection));
+    EXPECT_FALSE(postAfter(10ms, *connection));
+    EXPECT_TRUE(postAfter(1ms, *connection));
 }
 
 TEST_F(QuotasTest, aUserOwesNothingOfWhatWasOnlyLogged)
 {
-    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    use("mode = \"audit\"\n" + postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     EXPECT_TRUE(post(*connection, 50000));
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     EXPECT_FALSE(post(*connection));
-    now += 1s;
-    EXPECT_TRUE(post(*connection));
+    EXPECT_TRUE(postAfter(1s, *connection));
 }
 
 TEST_F(QuotasTest, aUserThatPostsNothingSavesNothing)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection));
     now += 1h;
@@ -181,7 +189,7 @@ TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
 // In audit mode, the log shows what would be refused.
 TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
 {
-    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    use("mode = \"audit\"\n" + postsPerSecond(5));
     Connection* connection = connect(webUser);
     for (int count = 0; count < 100; ++count)
         post(*connection, 10);
@@ -194,7 +202,7 @@ TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
 
 TEST_F(QuotasTest, aDebtIsNotForgivenWithAnotherPolicy)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     use("[[quota]]\nposts-per-second = 6\n");
@@ -207,7 +215,7 @@ TEST_F(QuotasTest, aUserWithoutARateOwesNothing)
     use("[[quota]]\nconnections = 5\n");
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     now += 1s;
     EXPECT_TRUE(post(*connection));
 }
