@@ -63,7 +63,7 @@ TEST_F(BarrierTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
     requester.send({"Sync"});
     const std::string context = poster.awaitPing();
     ASSERT_NE(context, "");
-    EXPECT_LE(context.size(), 16U) << "longer ones are cut by the peer";
+    EXPECT_LE(context.size(), 16U) << "the peer cuts longer contexts";
     ASSERT_FALSE(requester.receive(quiet)) << "the answer waits for PONG";
     ASSERT_TRUE(poster.write(ZmtpPeer::pong(context)));
     expectAnswer();

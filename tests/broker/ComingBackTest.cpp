@@ -172,7 +172,7 @@ TEST_P(ComingBackTest, afterPostsThatDiedWithTheBrokerSyncIsFalseOnce)
     waitUntilItIsBack();
     waitForAnEmptyAnswer(); // the client's own empty answer came before
     EXPECT_FALSE((*client)->sync(withoutLimit));
-    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "it is indeed";
+    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "the post is lost";
     EXPECT_TRUE((*client)->sync(withoutLimit));
     EXPECT_TRUE((*client)->sync(withoutLimit));
 }
@@ -221,6 +221,6 @@ TEST_P(ComingBackTest, whoeverStartsAfterwardsIsToldTheTruth)
     waitUntilItIsBack();
     EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck");
     TestProcess newClient({TESTCLIENT, "set", "k", "v"});
-    EXPECT_EQ(newClient.waitForExit(), 0) << "its sync was true";
+    EXPECT_EQ(newClient.waitForExit(), 0) << "the new client's sync was true";
     EXPECT_EQ((*client)->getClientInfoValue("k"), "v");
 }

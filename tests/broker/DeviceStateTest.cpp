@@ -393,7 +393,7 @@ TEST_F(DeviceForgets, forgottenKeysTakeRoomUntilTheyAreDropped)
     EXPECT_EQ(refusals.count(Refusal::Keys), 1U);
     EXPECT_TRUE(log.has(2, "New name [c] refused, limit.keys is 3, and 1 forgotten names take room until all "
                            "subscribers know that they are gone"));
-    EXPECT_NE(post({{"a", "3"}}), none) << "it has room already";
+    EXPECT_NE(post({{"a", "3"}}), none) << "its room is reserved already";
     forget({"a"});
     state.dropForgotten(state.revision());
     EXPECT_NE(post({{"c", "3"}}), none);

@@ -220,7 +220,7 @@ TEST_F(DroppingTest, bytesThatOnlyOurKernelHoldsKeepIt)
         post("much" + std::to_string(number), std::string(30000, 'x'));
     forget(R"("much0")");
     serve();
-    ASSERT_FALSE(notify.hasOutput()) << "the kernel has taken it all";
+    ASSERT_FALSE(notify.hasOutput()) << "the kernel holds all of it";
     EXPECT_TRUE(isKept());
     notify.closeForMemory(*notify.peers().back(), Clock::now() + ahead);
     const auto again = subscribe();
@@ -258,7 +258,7 @@ TEST_F(DroppingTest, oneThatIsToldAllAgainKeepsTheValueItGoesOnWith)
     post("n", "1");
     forget(R"("n")");
     EXPECT_TRUE(reads(*peer, R"("n":"")"));
-    EXPECT_TRUE(isDropped()) << "it has been told of everything";
+    EXPECT_TRUE(isDropped()) << "it has received everything";
 
     NotifyConnection& connection = *notify.peers().back();
     connection.isFiltered = true; // as if its rights had changed

@@ -318,7 +318,7 @@ TEST_F(LibzmqTest, putsPongBehindAllPostsThatItHasLetGoOf)
             ++read;
         }
         EXPECT_GE(read, letGo) << round;
-        EXPECT_LT(read, posts.sent()) << "PONG overtakes those that it has not let go of";
+        EXPECT_LT(read, posts.sent()) << "PONG overtakes posts that libzmq has not released";
     }
 }
 
@@ -343,7 +343,7 @@ unsigned lostBehindPong(zmq::context_t& context, bool looks)
         client.send(std::to_string(last));
     }
     const auto first = peer->readFrame();
-    EXPECT_TRUE(first) << "a post was lost behind the hold of the first SyncAck";
+    EXPECT_TRUE(first) << "a post was lost after the hold of the first SyncAck";
     return first ? static_cast<unsigned>(std::stoul(first->body)) : last;
 }
 
@@ -356,7 +356,7 @@ TEST_F(LibzmqTest, noticesASubscriptionThatHasArrivedWithinTheHoldOfTheFirstSync
     unsigned mostLost = 0;
     for (int round = 0; round < 100; ++round)
         mostLost = std::max(mostLost, lostBehindPong(context, false));
-    EXPECT_GT(mostLost, 0U) << "this libzmq looks at once: the hold is needed no more";
+    EXPECT_GT(mostLost, 0U) << "this libzmq looks at once: the hold is no longer needed";
 }
 
 TEST_F(LibzmqTest, noticesASubscriptionThatHasArrivedWhenItIsAskedForEvents)
@@ -376,7 +376,7 @@ TEST_F(LibzmqTest, comesBackWheneverItIsClosed)
         for (int round = 0; round < 2; ++round)
         {
             ASSERT_TRUE(client.accept()) << "closed at once";
-            ASSERT_TRUE(client.acceptOpen()) << "closed behind READY";
+            ASSERT_TRUE(client.acceptOpen()) << "closed after READY";
             ASSERT_TRUE(client.accept());
             client.acceptOpen()->reset();
         }
@@ -401,7 +401,7 @@ TEST_F(LibzmqTest, remembersThePostersSubscription)
     for (int number = 0; number < posts; ++number)
         ASSERT_EQ(peer->receiveText(), std::to_string(number)) << "without a new subscription";
     ASSERT_TRUE(peer->write(subscription + ZmtpPeer::ping("again")));
-    EXPECT_EQ(peer->readFrame()->body, "\4PONGagain") << "a further one does no harm";
+    EXPECT_EQ(peer->readFrame()->body, "\4PONGagain") << "another subscription does no harm";
     client.send("once");
     EXPECT_EQ(peer->receiveText(), "once");
     EXPECT_EQ(peer->read(1, quiet), "");

@@ -501,5 +501,5 @@ TEST(ServiceManager, isNotToldThatItIsReadyWithoutItsPorts)
     EXPECT_EQ(second.waitForExit(), 1);
     EXPECT_EQ(first.stop(), 0); // its end is not reported: it has not got the socket
     BrokerProcess third;
-    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U) << "the first that is told anything";
+    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U) << "only the third broker reports";
 }

@@ -113,8 +113,12 @@ TEST_F(UsedPolicy, aBrokerWhosePolicyIsWrongDoesNotStart)
 // tests the refusal on every machine.
 TEST_F(UsedPolicy, aBrokerDoesNotStartWhereItsPolicyCannotBeEnforced)
 {
-    const std::vector<std::string> ownMounts{"/usr/bin/unshare", "--mount", "/bin/sh", "-c",
-                                             "umount --all --lazy --types cgroup2 && exec \"$@\"", "sh"};
+    const std::vector<std::string> ownMounts{"/usr/bin/unshare",
+                                             "--mount",
+                                             "/bin/sh",
+                                             "-c",
+                                             "umount --all --lazy --types cgroup2 && exec \"$@\"",
+                                             "sh"};
     const auto run = [&](const std::vector<std::string>& command)
     {
         std::vector<std::string> all = ownMounts;
@@ -124,7 +128,7 @@ TEST_F(UsedPolicy, aBrokerDoesNotStartWhereItsPolicyCannotBeEnforced)
         return std::pair(code, process.errors());
     };
     if (run({"/bin/true"}).first != 0)
-        GTEST_SKIP() << "this process may not have mounts of its own";
+        GTEST_SKIP() << "this process may not change mounts";
     writePolicy("[[rule]]\nservice = \"net\"\ndeny = \"reset\"\n");
     const auto [code, errors] = run({STATUSBROKER_PRODUCT, "--policy", folder / "policy"});
     EXPECT_EQ(code, 1);

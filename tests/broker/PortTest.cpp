@@ -366,7 +366,7 @@ TEST_F(SubscribersTest, theSystemHoldsNothingForOneThatWasClosedForWantOfMemory)
     notifyPort.closeForMemory(*subscriber.connection, Clock::now());
     pollfd polled{subscriber.peer->descriptor(), POLLIN, 0};
     EXPECT_EQ(poll(&polled, 1, 0), 1);
-    EXPECT_NE(polled.revents & POLLERR, 0) << "nothing more comes, nor the end behind it";
+    EXPECT_NE(polled.revents & POLLERR, 0) << "the connection ends at once";
 }
 
 // As when a user joins a group, while the rules stay the same.

@@ -128,7 +128,7 @@ TEST_F(RestartTest, timersAndCountersGoOn)
     broker->kill();
     start();
     EXPECT_EQ(client->getTimerLastStarted("running"), started);
-    EXPECT_GE(client->getTimerElapsed("running"), running + 10000) << "it went on while no broker was there";
+    EXPECT_GE(client->getTimerElapsed("running"), running + 10000) << "it ran on while no broker ran";
     EXPECT_EQ(client->getTimerElapsed("stopped"), stopped);
     EXPECT_EQ(client->incrementCounter("c"), 2U);
 }
@@ -225,7 +225,7 @@ TEST_F(RestartTest, timersHaveSaneTimesWhateverTheStateFileHolds)
     EXPECT_EQ(elapsed("future"), 5U) << "it is stopped";
     EXPECT_GE(elapsed("long"), most);
     EXPECT_LT(elapsed("long"), most + 3600000000U);
-    EXPECT_EQ(elapsed("longer"), most) << "it is kept within what clocks can tell";
+    EXPECT_EQ(elapsed("longer"), most) << "it is limited to times that clocks can show";
     RawPoster poster;
     poster.post(R"({"restartTimer":"longer"})");
     EXPECT_LT(elapsed("longer"), 3600000000U);

@@ -84,7 +84,7 @@ TEST_F(BusyClientTest, isNotAnsweredBeforeItHasHadItsTurns)
 {
     answerPings(StartProbe::enough - 1);
     ASSERT_TRUE(isPing(request.readFrame()));
-    EXPECT_FALSE(request.readFrame(quiet)) << "the time for one that says nothing was over long before";
+    EXPECT_FALSE(request.readFrame(quiet)) << "the time for a silent connection ended long before";
     ASSERT_TRUE(request.write(ZmtpPeer::pong("start")));
     EXPECT_EQ(request.receiveText(), "SyncAck");
 }

@@ -78,7 +78,7 @@ TEST_F(StateFileDamageTest, theGoodRowsAreInTheNewFileWhenTheyAreLoaded)
     path += ".copy";
     const SavedState kept = load();
     EXPECT_EQ(kept.values, (StatusMap{{"b", "2"}}));
-    EXPECT_EQ(kept.timers.at("t").lastStarted, 77U) << "also what is not loaded now";
+    EXPECT_EQ(kept.timers.at("t").lastStarted, 77U) << "kept although it was not loaded";
     EXPECT_EQ(kept.counters, state.counters);
 }
 

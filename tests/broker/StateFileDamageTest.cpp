@@ -307,7 +307,7 @@ TEST_F(StateFileDamageTest, damageWhileItIsUsedIsMovedAsideAndEverythingWrittenT
     }
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.lines()[0].level, 0);
-    EXPECT_TRUE(readFile(path + ".bad") == damaged) << "what is in the log is not folded into it";
+    EXPECT_TRUE(readFile(path + ".bad") == damaged) << "the log must not be folded into it";
     EXPECT_TRUE(load().values == everything.values);
 }
 

@@ -142,5 +142,5 @@ TEST_F(StateFileForgets, namesThatWaitToBeWrittenAreBounded)
     file.commit(without({"z"}), thisBoot);
     EXPECT_FALSE(file.mayForget());
     file.commit(stateOf({{"z", "1"}}), thisBoot);
-    EXPECT_TRUE(file.mayForget()) << "a name that is there again does not wait";
+    EXPECT_TRUE(file.mayForget()) << "a name that exists again is not waited for";
 }

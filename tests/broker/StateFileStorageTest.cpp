@@ -86,7 +86,7 @@ TEST_F(StateFileStorageTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegu
     {
         StateFile second(path, StateSync::Normal, {});
         EXPECT_TRUE(second.load(thisBoot).empty());
-        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "it is another one's";
+        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "the file belongs to another broker";
         first.reset();
         EXPECT_TRUE(eventually(
             [&]

@@ -41,7 +41,7 @@ TEST(SyncLostTest, oneWhoseFirstWordIsAQueryIsNoNewClient)
     RawRequester requester;
     valueOf(requester, "k");
     EXPECT_EQ(requester.ask("Sync"), "SyncLost") << "its posts may have died with an earlier broker";
-    EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "it is told once";
+    EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "the loss is reported only once";
 }
 
 TEST(SyncLostTest, aNewClientWhoseSyncIsReadLateIsNotTakenForAnOldOne)
@@ -81,7 +81,7 @@ TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedForWantOfMemo
     EXPECT_EQ(one.ask("Sync"), "SyncAck");
     EXPECT_EQ(other.ask("Sync"), "SyncLost");
     EXPECT_EQ(other.ask("Sync"), "SyncAck");
-    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new one has lost nothing";
+    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new client has lost nothing";
 }
 
 TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedBecauseAMessageDidNotEnd)

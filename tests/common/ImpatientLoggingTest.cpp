@@ -159,10 +159,10 @@ std::string written(const Ends& ends, std::size_t lineBytes)
         if (!process.finishesRound())
         {
             process.kill();
-            ADD_FAILURE() << "it waits";
+            ADD_FAILURE() << "the process blocks";
             return text;
         }
-        EXPECT_EQ(fcntl(ends.writer, F_GETFL) & O_NONBLOCK, 0) << "others write to it, too";
+        EXPECT_EQ(fcntl(ends.writer, F_GETFL) & O_NONBLOCK, 0) << "other processes write to stderr, too";
         text += drained(ends.reader);
         process.goOn();
     }

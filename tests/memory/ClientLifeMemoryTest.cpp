@@ -59,7 +59,7 @@ TEST_F(ClientMemory, aClientThatWasShutDownIsDestroyedWhateverMemoryThereIs)
             proxy->shutdown();
             const unsigned before = LibzmqCalls::closes();
             const bool hasStruck = failure.during([&] { proxy.reset(); });
-            EXPECT_EQ(LibzmqCalls::closes(), before) << "closed what was closed already";
+            EXPECT_EQ(LibzmqCalls::closes(), before) << "closed a socket twice";
             return hasStruck;
         });
     EXPECT_GT(struck, 0U);

@@ -34,7 +34,7 @@ TEST_F(SmallLimits, connectionsBeyondTheLimitAreRefusedAndTheOthersServed)
         std::deque<ZmtpPeer> peers;
         for (int count = 0; count < 100; ++count)
             peers.emplace_back(port);
-        EXPECT_TRUE(peers.front().isClosed()) << "the silent make room for each other";
+        EXPECT_TRUE(peers.front().isClosed()) << "a silent connection gives way to a new one";
         refused += 80;
         EXPECT_TRUE(reaches("limit.connections", refused));
         expectServing();
@@ -227,6 +227,6 @@ TEST_F(Connections, aStrangerIsClosedAtItsFirstByteNotWhenItsTimeIsOver)
         ZmtpPeer stranger(port);
         stranger.write("P");
         EXPECT_TRUE(stranger.isClosed());
-        EXPECT_FALSE(silent.isClosedNow()) << "it came first, so its time is over first";
+        EXPECT_FALSE(silent.isClosedNow()) << "it came first, so its time ends first";
     }
 }

@@ -182,7 +182,7 @@ protected:
     {
         TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
         const std::optional<int> exit = newcomer.waitForExit();
-        EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "it waits";
+        EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "the newcomer hangs";
         return exit == EXIT_SUCCESS || statistic("limit.memory") != 0;
     }
 };

@@ -78,7 +78,7 @@ TEST_F(WholeState, costsLittleForManyThatDoNotReadIt)
     ASSERT_TRUE(reaches("requests.getClientInfo", count));
     expectServing();
     memory.expectPeakWithin(16 * BrokerMemory::mebi);
-    EXPECT_EQ(statistic("limit.memory"), 0U) << "nobody has to be closed for it";
+    EXPECT_EQ(statistic("limit.memory"), 0U) << "no connection had to be closed";
     const std::optional<std::string> text = peers.back().receiveText();
     EXPECT_TRUE(text && text->find(all().substr(1)) != std::string::npos);
 }

@@ -169,7 +169,7 @@ TEST_F(Subscribing, oneThatStallsDelaysNobodyAndIsToldTheLatestValueWhenItReadsA
 
     carryBurst(healthy, 50000);
     EXPECT_EQ(statistic("subscribers.fallenBehind"), 1U);
-    EXPECT_EQ(statistic("clients.notifications"), 2U) << "nobody is cut off for being slow";
+    EXPECT_EQ(statistic("clients.notifications"), 2U) << "slow subscribers are not cut off";
     memory.expectPeakWithin(8 * BrokerMemory::mebi);
 
     stalled.signal(SIGCONT);

@@ -123,7 +123,7 @@ private:
         EXPECT_TRUE(broker.reaches("uptime.seconds", age));
         const Peers peers = makePeers();
         const Duration first = broker.start();
-        EXPECT_GE(first, startWait) << "nothing is waited for";
+        EXPECT_GE(first, startWait) << "the broker did not wait";
         return {first - usual, broker.shortestStartOf(20)};
     }
 };

@@ -37,7 +37,7 @@ TEST(CatchUpTest, theLeastRevisionAwaitedIsThatOfTheNextSubscription)
     catchUp.disconnected(10, start, 5s);
     EXPECT_EQ(catchUp.leastAwaited(start), 10U);
     EXPECT_EQ(catchUp.leastAwaited(start + 5s), 20U);
-    EXPECT_EQ(catchUp.leastAwaited(start + 10s), 20U) << "asking serves nobody";
+    EXPECT_EQ(catchUp.leastAwaited(start + 10s), 20U) << "a look subscribes nobody";
     EXPECT_EQ(catchUp.leastAwaited(start + CatchUp::longestWait), std::nullopt);
 }
 

@@ -48,7 +48,7 @@ TEST_F(PongWaitTest, aRequestBehindABarrierWaitsForItsAnswer)
     open(1, start);
     EXPECT_EQ(endFor(1, start), start + limit);
     EXPECT_EQ(wait.endFor(1, true, start), start + Patience::syncFactor * limit);
-    EXPECT_EQ(endFor(2, start), notAtAll) << "it was opened when all had come";
+    EXPECT_EQ(endFor(2, start), notAtAll) << "barrier 2 was opened when everything had come";
     EXPECT_TRUE(answer(1, start + 1ms));
     EXPECT_EQ(endFor(1, start), notAtAll);
     EXPECT_FALSE(wait.owes());
@@ -160,7 +160,7 @@ TEST_F(PongWaitTest, aWaitInVainIsPaidForToo)
     open(1, start);
     EXPECT_EQ(wait.judge(start + limit), limit - Patience::shortest);
     EXPECT_EQ(wait.judge(wait.due()), (Patience::syncFactor - 1) * limit / Patience::syncFactor)
-        << "only a Sync waited for it";
+        << "only a Sync waited";
 }
 
 TEST_F(PongWaitTest, oneThatGoesPaysForWhatItOwes)
@@ -197,14 +197,14 @@ TEST_F(PongWaitTest, oneOfWhichMuchIsUnreadIsWaitedForLongerAndDoesNotPayForIt)
     constexpr std::size_t unread = 10;
     open(1, start, false, unread);
     EXPECT_EQ(endFor(1, start), start + Patience::longest);
-    EXPECT_EQ(wait.due(), TimePoint::max()) << "it is not to blame";
+    EXPECT_EQ(wait.due(), TimePoint::max()) << "the connection is not to blame";
     EXPECT_EQ(wait.abandon(start + 50ms), 0ms);
     wait.read(unread - 1, start + 40ms);
     EXPECT_TRUE(wait.isUnread());
     EXPECT_EQ(endFor(1, start), start + Patience::longest);
     wait.read(1, start + 50ms);
     EXPECT_FALSE(wait.isUnread());
-    EXPECT_EQ(endFor(1, start), start + 50ms + limit) << "only now it is sent the PING";
+    EXPECT_EQ(endFor(1, start), start + 50ms + limit) << "the PING is sent only now";
     EXPECT_EQ(endFor(1, start - 40ms), start - 40ms + Patience::longest) << "in all";
     EXPECT_EQ(wait.due(), start + 50ms + limit);
     answer(1, start + 53ms);

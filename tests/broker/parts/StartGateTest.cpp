@@ -66,7 +66,7 @@ TEST_F(StartGateTest, isHeldLongerByAYoungBrokerWhoseClientsMayStillComeBack)
     EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung - 1us));
     EXPECT_TRUE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung));
     EXPECT_TRUE(gate.opens(asked, true, 1, 1, asked + StartGate::settleTime))
-        << "not where they are all there";
+        << "no longer when all are there";
 }
 
 TEST_F(StartGateTest, whatWasWaitedForInVainIsNotWaitedForAgain)
@@ -75,7 +75,7 @@ TEST_F(StartGateTest, whatWasWaitedForInVainIsNotWaitedForAgain)
     const TimePoint later = grownUp + 1h;
     EXPECT_TRUE(gate.opens(later, true, 2, 0, later + StartGate::settleTime));
     EXPECT_TRUE(gate.opens(later, true, 7, 5, later + StartGate::settleTime));
-    EXPECT_FALSE(gate.opens(later, true, 7, 4, later + StartGate::settleTime)) << "one more is";
+    EXPECT_FALSE(gate.opens(later, true, 7, 4, later + StartGate::settleTime)) << "one more is waited for";
 }
 
 TEST_F(StartGateTest, othersThatHaveTheirPostConnectionAheadDoNotMakeItForget)

@@ -159,7 +159,7 @@ TEST_F(ServicesTest, anIdThatWasLookedForInVainIsNotLookedForAgain)
     const uint64_t id = make("net.service");
     std::filesystem::remove(tree / "net.service");
     for (int i = 0; i != Services::burst + 10; ++i)
-        ASSERT_EQ(services.find(id).knowledge, Knowledge::Unknown) << "never later";
+        ASSERT_EQ(services.find(id).knowledge, Knowledge::Unknown) << "never looked for again";
 }
 
 TEST_F(ServicesTest, aServiceThatMakesManyControlGroupsHidesNoOther)
@@ -174,7 +174,7 @@ TEST_F(ServicesTest, aServiceThatMakesManyControlGroupsHidesNoOther)
                            Knowledge::Named
                        ? 1
                        : 0;
-    EXPECT_EQ(unknown, 10 + 1) << "the service itself is one of those that may be";
+    EXPECT_EQ(unknown, 10 + 1) << "the service's own folder counts, too";
 }
 
 TEST_F(ServicesTest, aTreeThatIsTooDeepIsLeftOutBelow)

@@ -130,7 +130,7 @@ TEST_F(PolicyFilesTest, inAFolderThatOthersMayWriteAreRefused)
 TEST_F(PolicyFilesTest, ofOtherUsersAreRefused)
 {
     if (geteuid() != 0)
-        GTEST_SKIP() << "only root gives files away";
+        GTEST_SKIP() << "only root can give files away";
     constexpr uid_t other = 1234;
     const std::string error = ": belongs to user 1234, and must belong to root or to the broker's user";
     write("a.policy", "");

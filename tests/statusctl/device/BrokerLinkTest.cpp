@@ -36,5 +36,5 @@ TEST_F(BrokerLinkTest, tellsThatTheBrokerHasComeAndGone)
     EXPECT_EQ(link.values(), StatusMap());
     broker.kill();
     awaitTold(false);
-    EXPECT_FALSE(link.values()) << "waits for the next broker otherwise";
+    EXPECT_FALSE(link.values()) << "otherwise it waits for the next broker";
 }

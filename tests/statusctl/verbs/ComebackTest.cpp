@@ -100,7 +100,7 @@ TEST_F(ComebackTest, keysThatTheNewBrokerDoesNotHaveAreGone)
         startAnew();
         EXPECT_EQ(upToSynced(watch), lines({"gone door ", "gone net.rx ", "gone net.tx "}));
         statusctl({"set", "door", "open"});
-        EXPECT_EQ(nextLine(watch), "changed door open") << "the value that it had before is news now";
+        EXPECT_EQ(nextLine(watch), "changed door open") << "its old value counts as a change now";
         kill();
         start();
     }

@@ -175,7 +175,7 @@ TEST(DoctorTest, namesTheProgramOnAPort)
 TEST_F(HealthTest, doctorTellsThatTheBrokerIsStoppedAndWhatToDo)
 {
     if (isEmulated)
-        GTEST_SKIP() << "the kernel knows the emulator's name alone";
+        GTEST_SKIP() << "the kernel knows only the emulator's name";
     mBroker.process().suspend();
     const Outcome outcome = statusctl({"-t", "300ms", "doctor"});
     EXPECT_EQ(outcome.code, 4);

@@ -117,7 +117,8 @@ TEST_F(NamesTest, anEmptyNameThatIsThereCanBeForgotten)
 TEST_F(NamesTest, getExpandsGlobs)
 {
     EXPECT_EQ(statusctl({"get", "net.*"}), success("net.rx=1\nnet.tx=2\n"));
-    EXPECT_EQ(statusctl({"get", "net.t?"}), success("net.tx=2\n")) << "with its name, however many match";
+    EXPECT_EQ(statusctl({"get", "net.t?"}), success("net.tx=2\n"))
+        << "a glob prints names even if only one key matches";
     EXPECT_EQ(statusctl({"get", "net.tx", "net.*", "disk"}), success("net.tx=2\nnet.rx=1\ndisk=3\n"));
     EXPECT_EQ(statusctl({"-j", "get", "net.*"}), success(R"({"values":{"net.rx":"1","net.tx":"2"}})"
                                                          "\n"));

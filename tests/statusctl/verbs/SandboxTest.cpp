@@ -25,7 +25,7 @@ protected:
     void SetUp() override
     {
         if (!canSandbox())
-            GTEST_SKIP() << "this kernel does not let this user make namespaces";
+            GTEST_SKIP() << "this kernel does not let this user create namespaces";
     }
 
     static Words sandboxed(const Words& command)
@@ -158,7 +158,7 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
     Words trial = asNobody;
     trial.insert(trial.end(), {"unshare", "--user", "--net", "test", "-x", STATUSCTL});
     if (geteuid() != 0 || TestProcess(trial).waitForExit() != 0)
-        GTEST_SKIP() << "needs root, and a kernel that lets users make namespaces";
+        GTEST_SKIP() << "needs root, and a kernel that lets users create namespaces";
     Words command = asNobody;
     const Words tool = commandOf(shell("id -u; $0 set door open; $0 get door; exit 5"));
     command.insert(command.end(), tool.begin(), tool.end());
