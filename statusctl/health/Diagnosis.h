@@ -23,7 +23,7 @@ struct Finding
 
 using Findings = std::vector<Finding>;
 
-/// What a port of the broker answered, and which processes listen there.
+/// The answer of a port of the broker, and the processes that listen there.
 struct Answer
 {
     Ports::Port port;

@@ -1,4 +1,4 @@
-// What the broker writes to its state file, and when.
+// The broker's writes to its state file, and their times.
 
 #include <cstdlib>
 #include <gtest/gtest.h>

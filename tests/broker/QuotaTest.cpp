@@ -35,7 +35,7 @@ protected:
         return peer;
     }
 
-    // By the other user.
+    // A post connection of the other user.
     std::unique_ptr<ZmtpPeer> poster()
     {
         auto peer = peerOf(greedy, ZmtpPeer::postPort);

@@ -69,7 +69,7 @@ public:
     Bystander& operator=(const Bystander&) = delete;
 
     /// Posts this many values. Each must be confirmed, read back, and reach the listener. A post may stay
-    /// unconfirmed if posters were closed for lack of memory, because nobody knows whose posts are lost.
+    /// unconfirmed if posters were closed for lack of memory: then the lost posts could be anyone's.
     void expectServed(int times = 20);
 
 private:
