@@ -93,8 +93,8 @@ Connections::Handlers Broker::makeHandlers()
                 mConnections.introduce(client);
                 mApplier.apply(client, post);
             },
-            [this](Posters::Id client, bool canComeBack)
-            { mOwnedValues.gone(client, canComeBack, Clock::now()); },
+            [this](Posters::Id client, bool canComeBack, TimePoint since)
+            { mOwnedValues.gone(client, canComeBack, since, Clock::now()); },
             [this](RequestConnection& connection) { mQuestions.ask(connection); },
             [this](RequestConnection& connection)
             {

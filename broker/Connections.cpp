@@ -254,7 +254,8 @@ void Connections::forgetPoster(PostConnection& connection)
     }
     const Identity& identity = connection.identity;
     mOnPosterGone(connection.poster,
-                  !identity.service.empty() || identity.search != Identity::Search::CutShort);
+                  !identity.service.empty() || identity.search != Identity::Search::CutShort,
+                  connection.backlog.earliestEnd(Clock::now()));
     mState.posters().release(std::exchange(connection.poster, Posters::nobody));
 }
 

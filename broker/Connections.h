@@ -23,7 +23,8 @@ public:
     {
         PostPort::OnPost onPost;
         /// A client that has posted something. It can come back unless it has gone before it was known.
-        std::function<void(Posters::Id client, bool canComeBack)> onPosterGone;
+        /// It may have ended as early as `since`.
+        std::function<void(Posters::Id client, bool canComeBack, TimePoint since)> onPosterGone;
         RequestPort::OnRequest onRequest;
         RequestPort::OnClose onRequesterGone;
     };
@@ -125,7 +126,7 @@ private:
     RequestPort mRequests;
     NotifyPort mNotify;
     PostPort mPosts;
-    const std::function<void(Posters::Id, bool)> mOnPosterGone;
+    const std::function<void(Posters::Id, bool, TimePoint)> mOnPosterGone;
 };
 
 #endif

@@ -119,13 +119,13 @@ void OwnedValues::leave(Posters::Id client, std::string_view key)
 
 // --------------------------------------------------------------------------------------------------- ending
 
-void OwnedValues::gone(Posters::Id client, bool canComeBack, TimePoint now)
+void OwnedValues::gone(Posters::Id client, bool canComeBack, TimePoint since, TimePoint now)
 {
     const auto owner = mOwners.find(client);
     if (owner == mOwners.end())
         return;
     owner->second.goneAt = now;
-    owner->second.since = now;
+    owner->second.since = since;
     owner->second.canComeBack = canComeBack;
     plan(owner->second, now);
 }

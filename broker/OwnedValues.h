@@ -62,7 +62,9 @@ public:
 
     /// The client has gone.
     /// @param canComeBack if not, nobody takes its place
-    void gone(Posters::Id client, bool canComeBack, TimePoint now);
+    /// @param since when it may have ended at the earliest; a client of its service that came later may take
+    ///              its place
+    void gone(Posters::Id client, bool canComeBack, TimePoint since, TimePoint now);
 
     TimePoint due() const { return mDue; }
     void doWhatIsDue(TimePoint now);

@@ -1,10 +1,10 @@
 #include "broker/PostPort.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string>
 #include <utility>
 
+#include "broker/base/OptionText.h"
 #include "broker/wire/Ping.h"
 #include "protocol/Words.h"
 
@@ -42,15 +42,6 @@ constexpr std::chrono::milliseconds subscriptionTime{15};
 // The answer to a PING repeats its context: the number of the barrier, the same behind this letter, or this.
 constexpr char ownLetter = 'o';
 constexpr std::string_view subscribedContext = "subscribed"sv;
-
-std::optional<uint64_t> numberIn(std::string_view text)
-{
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc() || end != text.data() + text.size())
-        return std::nullopt;
-    return number;
-}
 
 bool isSubscribed(const PostConnection& connection, TimePoint now)
 {
@@ -152,6 +143,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
     connection.bytesSincePong += count;
     mReceived += count;
     connection.pongs.read(count, now);
+    connection.backlog.read(count == most, now);
     std::string_view bytes(mBuffer.data(), count);
     FrameReader::Item item;
     bool opened = false;
@@ -218,9 +210,9 @@ void PostPort::takePong(PostConnection& connection, std::string_view context, st
         return;
     }
     if (!context.empty() && context.front() == ownLetter)
-        return takeOwnPong(connection, numberIn(context.substr(1)).value_or(0), behind, now);
+        return takeOwnPong(connection, OptionText::readNumber(context.substr(1)).value_or(0), behind, now);
     SharedPatience::Duration cost{0};
-    const std::optional<uint64_t> barrier = numberIn(context);
+    const std::optional<uint64_t> barrier = OptionText::readNumber(context);
     if (!barrier || !connection.pongs.ponged(*barrier, now, cost))
         return;
     mPatience.spend(cost);

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "broker/Backlog.h"
 #include "broker/ConnectionLimit.h"
 #include "broker/OwnProbe.h"
 #include "broker/PongWait.h"
@@ -45,6 +46,7 @@ public:
 
     bool isReady = false; ///< to be read
     bool isHeavy = false; ///< reading it took long
+    Backlog backlog;      ///< of what is to be read
 };
 
 /// The port on which posts arrive.

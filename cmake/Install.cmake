@@ -12,9 +12,9 @@ install(FILES
     ${PROJECT_BINARY_DIR}/StatusManagerConfigVersion.cmake
     DESTINATION ${package_dir} COMPONENT Development)
 
-# pkg-config files find the tree from their own place in it, so that it may be installed to another prefix than it
-# was configured for, and moved. Where the library folder is absolute, there is no way back from it to the prefix. With the
-# prefix /usr, pkg-config leaves out the folders that every compiler searches, which it knows by their plain names.
+# The pkg-config files find the installation relative to themselves, so it can be installed to another prefix, or moved.
+# This does not work with an absolute library folder. With the prefix /usr the paths must be plain, because pkg-config then
+# recognises and leaves out the folders that every compiler searches.
 set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 if(IS_ABSOLUTE "${CMAKE_INSTALL_LIBDIR}" OR CMAKE_INSTALL_PREFIX STREQUAL /usr)
     set(PC_PREFIX "${CMAKE_INSTALL_PREFIX}")

@@ -1,4 +1,4 @@
-# The settings that this project's shared libraries have in common.
+# The common settings of this project's shared libraries.
 #   statusmanager_shared_library(TARGET HEADERS file... SOURCES file...)
 function(statusmanager_shared_library target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "HEADERS;SOURCES")
@@ -12,8 +12,9 @@ function(statusmanager_shared_library target)
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}>
         $<INSTALL_INTERFACE:${STATUSMANAGER_INCLUDE_DIR}>)
     target_link_libraries(${target} PRIVATE statusmanager_warnings)
-    # Threads of the libraries run until the process ends and logging keeps addresses inside them, so they must
-    # stay loaded even if what pulled them in is unloaded. No undefined symbols: a library names what it needs.
+    # The libraries' threads run until the process ends, and logging keeps addresses inside them. So the libraries must
+    # stay loaded even when a plugin that loaded them is unloaded. Undefined symbols are errors: a library must link
+    # everything it needs.
     target_link_options(${target} PRIVATE LINKER:-z,nodelete)
     if(NOT STATUSMANAGER_SANITIZE)
         target_link_options(${target} PRIVATE LINKER:-z,defs)

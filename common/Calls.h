@@ -15,10 +15,10 @@
 ///     if (!mThread.isThreadCurrent())
 ///         return postCall(OV_SITE, mThread, this, &Manager::startTimer, std::move(name));
 ///
-/// For all of these: the arguments are converted to the parameter types of the member function, then kept as
-/// AsyncEventAgent, SyncEventAgent and SyncRetEventAgent keep them. The receiver stays the caller's and must
-/// live until the call is made or dropped. Where there is no memory, std::bad_alloc is thrown and nothing is
-/// sent. Any thread.
+/// All functions here convert the arguments to the parameter types of the member function. The agent then
+/// keeps them as MemberCall describes. The caller keeps ownership of the receiver, which must live until the
+/// call is made or dropped. When memory runs out, std::bad_alloc is thrown and nothing is sent. Any thread
+/// may call them.
 
 namespace Orvane
 {
@@ -35,7 +35,7 @@ struct Overload
         return method;
     }
 };
-/// The same, ready to be called.
+/// The one object of Overload<A...>, so that callers need not construct it.
 template <class... A>
 constexpr Overload<A...> overload{};
 
@@ -49,7 +49,7 @@ auto* makeCall(AllocationSite& site, T* receiver, R (T::*method)(A...), Given&&.
     return new (site) MemberCall<Kind, T, R, A...>(receiver, method, std::forward<Given>(given)...);
 }
 
-/// Whether all of these are kept as copies, not as references to what the caller may have destroyed since.
+/// Whether an agent keeps all of these as copies. A reference could outlive the object it refers to.
 template <class... A>
 constexpr bool areKeptAsCopies = !(... || std::is_reference_v<A>);
 
@@ -74,9 +74,9 @@ void postCallDelayed(AllocationSite& site, IEventDispatcher& dispatcher, uint32_
                            delayMs);
 }
 
-/// Returns when the call has been made, with its result; on the dispatcher's own thread it is made in place.
-/// An exception of the call is thrown here. A call that is dropped unmade yields a default-constructed
-/// result.
+/// Waits until the call has been made and returns its result. On the dispatcher's own thread the call is made
+/// in place. An exception of the call is thrown here. A call that is dropped unmade yields a
+/// default-constructed result.
 template <class T, class R, class... A, class... Given>
 R callAndWait(AllocationSite& site, IEventDispatcher& dispatcher, T* receiver, R (T::*method)(A...),
               Given&&... given)

@@ -29,7 +29,7 @@ void SyncEventAgent::send(IEventDispatcher* dispatcher)
 
 void deliverAndWait(EventAgent& agent, IEventDispatcher& dispatcher)
 {
-    // In place on the dispatcher's own thread: waiting for oneself would never end.
+    // A thread that waited for itself would wait for ever.
     if (dispatcher.isThreadCurrent())
         agent.deliver();
     else

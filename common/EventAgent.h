@@ -14,7 +14,7 @@
 namespace Orvane
 {
 
-/// A reference-counted thing that happens.
+/// A reference-counted event. EventAgent is the kind that dispatchers deliver.
 class OV_EXPORT Event : public RefCount
 {
 public:
@@ -25,13 +25,13 @@ protected:
     explicit Event(int32_t eventCode) : mEventCode(eventCode) {}
 
     int32_t mEventCode;        ///< As given to the constructor.
-    void* mUserData = nullptr; ///< For the owner of other kinds of event; agents never touch it.
+    void* mUserData = nullptr; ///< Free for other kinds of event; agents never use it.
 };
 
 /// One member-function call, packaged with its arguments to be made on a dispatcher's thread.
 ///
-/// Agents are made on the heap with OV_NEW, sent once and never deleted by their maker. Each holder (the
-/// queue of a dispatcher, the sender that waits) has a count on it, and the last one to let go destroys it.
+/// Make an agent with OV_NEW, send it once and never delete it. Each holder (the dispatcher's queue, a
+/// waiting sender) has a count on the agent. The release of the last count destroys it.
 class OV_EXPORT EventAgent : public Event
 {
 public:
@@ -40,7 +40,7 @@ public:
     /// Makes the packaged call, on the calling thread. Called by dispatchers.
     virtual void deliver() = 0;
 
-    /// The receiver of the call: by it, queued agents are found and dropped.
+    /// The receiver of the call. removeAgentsByReceiver() finds the agents to drop by it.
     virtual void* getDeliveryTarget() = 0;
 
 protected:
@@ -53,8 +53,8 @@ class OV_EXPORT AsyncEventAgent : public EventAgent
 public:
     ~AsyncEventAgent() override;
 
-    /// Queues the agent and returns at once. Any thread. If the dispatcher drops it (its receiver is removed,
-    /// its thread has ended), it is destroyed without having been delivered.
+    /// Queues the agent and returns at once. Any thread. The dispatcher drops the agent when its receiver is
+    /// removed or the thread has ended. A dropped agent is destroyed undelivered.
     void send(IEventDispatcher* dispatcher);
 };
 
@@ -64,9 +64,10 @@ class OV_EXPORT SyncEventAgent : public EventAgent
 public:
     ~SyncEventAgent() override;
 
-    /// Returns when the call has been made; on the dispatcher's own thread it is made right here, before
-    /// anything that is queued. Any thread. An exception that leaves the call is thrown here. If the agent is
-    /// dropped undelivered, returns without the call having been made. The agent is gone afterwards.
+    /// Returns when the call has been made. On the dispatcher's own thread the call is made right here,
+    /// before everything queued. Any thread. An exception that leaves the call is thrown here. If the agent
+    /// is dropped undelivered, send() returns although the call was not made. The agent no longer exists
+    /// afterwards.
     void send(IEventDispatcher* dispatcher);
 };
 
@@ -79,8 +80,8 @@ template <class R>
 class SyncRetEventAgent : public EventAgent
 {
 public:
-    /// As SyncEventAgent::send, and returns what the call returned: a copy, valid after the agent is gone. An
-    /// agent that is dropped undelivered yields a default-constructed R.
+    /// As SyncEventAgent::send(), and returns a copy of the call's result. If the agent is dropped
+    /// undelivered, returns a default-constructed R.
     R send(IEventDispatcher* dispatcher)
     {
         const SmartPtr<EventAgent> hold(this);
@@ -93,9 +94,9 @@ protected:
 };
 
 /// The call itself: receiver, member function, arguments. A pointer to a virtual member reaches the
-/// receiver's most-derived override. An argument type that is a constant reference is kept as that reference,
-/// which only the waiting kinds may use; everything else is kept as a copy, and each delivery hands on a copy
-/// of that copy.
+/// receiver's most-derived override. A parameter that is a constant reference is kept as a reference; only
+/// the waiting kinds may use such parameters. Every other argument is kept as a copy, and each delivery
+/// passes on a copy of that copy.
 template <class Kind, class T, class R, class... A>
 class MemberCall : public Kind
 {
@@ -103,8 +104,8 @@ public:
     /// The member function that is called.
     using Method = R (T::*)(A...);
 
-    /// Packages the call. The receiver stays the caller's, and must live until the agent is delivered or
-    /// dropped.
+    /// Packages the call. The caller keeps ownership of the receiver, which must live until the agent is
+    /// delivered or dropped.
     MemberCall(T* receiver, Method method, A... arguments)
         : mReceiver(receiver), mMethod(method), mArguments(std::forward<A>(arguments)...)
     {

@@ -26,9 +26,8 @@ using Clock = std::chrono::steady_clock; // monotonic: this product sets the wal
 // The dispatcher whose loop runs on this thread. A thread-local answers isThreadCurrent() without a lock.
 thread_local const EventDispatcher* currentDispatcher = nullptr;
 
-// The end of a call that its sender waits for. It stands on the sender's stack. It is gone as soon as wait()
-// returns, even while complete() is still at work: a semaphore may be destroyed then, a condition variable
-// may not.
+// Signals the end of a call to the waiting sender, on whose stack it stands. It may be destroyed as soon as
+// wait() returns, even while complete() still runs. A semaphore allows that, a condition variable does not.
 class Completion
 {
 public:
@@ -71,9 +70,9 @@ void logEscapedException(const char* dispatcher)
     }
 }
 
-// A queue's hold on one agent and, if its sender waits, its duty to release that sender. However the entry
-// ends, delivered or dropped, the count is given back first and the sender released after it, so that a
-// waiting sender is the last holder of its agent.
+// A queue's count on one agent and, if its sender waits, the duty to release that sender. Delivered or
+// dropped, the entry releases the count before it releases the sender. So a waiting sender is the last holder
+// of its agent.
 class QueuedAgent
 {
 public:
@@ -124,13 +123,13 @@ public:
     }
 
 private:
-    SmartPtr<EventAgent> mAgent; // none once it has ended
-    void* mReceiver;             // asked once, so that looking for it under the lock calls nothing
+    SmartPtr<EventAgent> mAgent; // null after end()
+    void* mReceiver;             // kept, so that no agent is called under the lock
     Completion* mCompletion;
 };
 
-// Agents move from list to list as they stand, so only queueing one needs memory: nothing can fail once an
-// agent is queued, least of all dropping it.
+// Agents move between the lists as nodes, so only queueing an agent needs memory. Nothing can fail
+// afterwards, least of all dropping it.
 using Agents = std::list<QueuedAgent>;
 
 } // namespace
@@ -141,16 +140,16 @@ struct EventDispatcher::Queue
 
     const std::string name;
 
-    std::mutex mutex; // guards all below; never held while an agent is delivered or released
+    std::mutex mutex; // guards all below; not held while an agent is delivered or released
     std::condition_variable changed;
     Agents ready;
-    Agents spare;                                     // ended ones, for the next that are posted
-    std::multimap<Clock::time_point, Agents> delayed; // one agent each; equal times keep their order
+    Agents spare;                                     // nodes of ended agents, reused by later posts
+    std::multimap<Clock::time_point, Agents> delayed; // one agent per list; equal times keep their order
     bool stopped = false;
     bool asleep = false; // the loop waits for `changed`
 
-    // Moves what is due behind what is ready. Done before every push, too, so that an agent that became due
-    // earlier is not overtaken by one posted later.
+    // Moves due agents behind the ready ones. push() calls it too, so that a later post does not overtake an
+    // agent that is already due.
     void admitDue()
     {
         if (delayed.empty())
@@ -160,16 +159,16 @@ struct EventDispatcher::Queue
             ready.splice(ready.end(), entry->second);
     }
 
-    // The loop is woken without the lock, or it would run into it at once. By then the agent may have been
-    // delivered, and that may have been the end of the dispatcher: hence the hold on the queue.
+    // Wakes the loop without holding the lock, which the loop needs at once. Meanwhile the agent may have
+    // been delivered and may have destroyed the dispatcher. The shared pointer keeps the queue alive.
     static void enqueue(std::shared_ptr<Queue> queue, QueuedAgent agent)
     {
         if (queue->push(agent))
             queue->changed.notify_one();
     }
 
-    // True if the loop is to be woken. The agent stays where it is when the dispatcher has stopped: its end
-    // releases the sender.
+    // Returns whether the caller must wake the loop. A stopped dispatcher leaves `agent` alone; its
+    // destructor then releases the sender.
     bool push(QueuedAgent& agent)
     {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -186,7 +185,7 @@ struct EventDispatcher::Queue
         return std::exchange(asleep, false);
     }
 
-    // Replaces `agent`, which has ended, by the next to deliver, for which it waits; by none when the
+    // Replaces the ended `agent` by the next one to deliver, and waits for it. Empties `agent` when the
     // dispatcher has stopped.
     void pop(Agents& agent)
     {
@@ -212,7 +211,7 @@ struct EventDispatcher::Queue
         }
     }
 
-    // Takes out, for the caller to destroy without the lock, every waiting agent that `matches`.
+    // Removes and returns every waiting agent that `matches`. The caller destroys them without the lock.
     template <class Matches>
     Agents take(Matches matches)
     {
@@ -265,7 +264,7 @@ void EventDispatcher::post(EventAgent* agent)
 
 void EventDispatcher::postDelayed(EventAgent* agent, uint32_t delayMs)
 {
-    QueuedAgent held(agent); // lets the agent go if there is no memory for the list
+    QueuedAgent held(agent); // releases the agent if the list cannot be allocated
     Agents entry;
     entry.push_back(std::move(held));
     const std::lock_guard<std::mutex> lock(mQueue->mutex);

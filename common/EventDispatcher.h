@@ -44,7 +44,7 @@ protected:
 
 private:
     struct Queue;
-    std::shared_ptr<Queue> mQueue; ///< A sender holds on to it until it has woken the loop.
+    std::shared_ptr<Queue> mQueue; ///< Shared: a sender uses it even after the dispatcher is gone.
 };
 
 } // namespace Orvane

@@ -19,13 +19,13 @@ namespace Orvane
 namespace
 {
 
-// Signals by which the kernel reports a fault of the thread itself, and abort(). Blocked, the kernel would
-// end the process without asking its handlers; a crash handler must work on every thread.
+// The signals of abort() and of a fault of the thread itself. If they were blocked, the kernel would end the
+// process without calling its handlers. A crash handler must work on every thread.
 constexpr std::array<int, 7> faults{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
 
 // A thread inherits its creator's signal mask. Blocking signals around the creation, instead of in the new
-// thread, leaves no moment at which a signal could be delivered to it. Faults that the creator has blocked
-// stay blocked: one that waits for a signalfd would be delivered otherwise, and end the process.
+// thread, leaves no moment at which the new thread could receive a signal. Fault signals that the creator has
+// blocked stay blocked: unblocked, a signal that waits for a signalfd would be delivered and end the process.
 class SignalsBlocked
 {
 public:
@@ -76,10 +76,10 @@ private:
     int mError;
 };
 
-// Takes no memory: there is nobody on the new thread who could be told that there is none.
+// Allocates nothing, because the new thread has no caller to which it could report a failure.
 void nameCurrentThread(const char* name)
 {
-    std::array<char, 16> shown{}; // as much as the kernel keeps
+    std::array<char, 16> shown{}; // the kernel keeps 15 bytes
     snprintf(shown.data(), shown.size(), "%s", name);
     pthread_setname_np(pthread_self(), shown.data());
 }
@@ -103,7 +103,7 @@ struct EventThread::Start
 
 EventThread::EventThread(const char* name, int priority) : EventThread(name, priority, defaultStackSize()) {}
 
-// Not by std::thread, which knows no stack size.
+// std::thread cannot set a stack size.
 EventThread::EventThread(const char* name, int priority, std::size_t stackSize) : EventDispatcher(name)
 {
     const Attributes attributes(stackSize);
@@ -111,7 +111,7 @@ EventThread::EventThread(const char* name, int priority, std::size_t stackSize) 
     const SignalsBlocked blocked;
     require(pthread_create(&mThread, attributes.get(), &EventThread::enter, start.get()),
             "Failed to start an event thread");
-    static_cast<void>(start.release()); // the thread's now
+    static_cast<void>(start.release()); // now owned by the new thread
 }
 
 std::size_t EventThread::defaultStackSize()
@@ -136,7 +136,8 @@ void EventThread::stop()
     dropAll();
 }
 
-// Nothing is thrown here: the dispatcher catches what leaves an agent, and logs it or hands it to the sender.
+// Nothing throws here. The dispatcher catches each exception that leaves an agent, and logs it or passes it
+// to the sender.
 void* EventThread::enter(void* start) noexcept
 {
     const std::unique_ptr<Start> own(static_cast<Start*>(start));
@@ -146,7 +147,7 @@ void* EventThread::enter(void* start) noexcept
 
 void EventThread::main(int priority)
 {
-    // Not through the virtual table: the constructor of a derived class may still be writing to it.
+    // A non-virtual call: a derived class's constructor may still be writing the virtual table pointer.
     const char* const name = EventDispatcher::getName();
     nameCurrentThread(name);
     if (priority > 0)

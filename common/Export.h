@@ -1,7 +1,7 @@
 #ifndef VESK_COMMON_EXPORT_H
 #define VESK_COMMON_EXPORT_H
 
-// Everything is compiled with hidden visibility; what a library offers is marked with OV_EXPORT.
+// Everything is compiled with hidden visibility. OV_EXPORT marks the symbols that a library exports.
 #define OV_EXPORT __attribute__((visibility("default")))
 
 #endif

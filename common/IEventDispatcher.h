@@ -12,26 +12,26 @@ namespace Orvane
 
 class EventAgent;
 
-/// Where agents are sent. A dispatcher holds a count on every agent that it has queued and gives it back
-/// after delivery or removal. The order of the operations is part of the binary interface: new ones go to the
-/// end.
+/// Receives agents and delivers them. A dispatcher holds a count on every agent that it has queued and
+/// releases the count after delivery or removal. The order of the operations is part of the binary interface:
+/// new ones go to the end.
 ///
 /// Unless an operation says otherwise, any thread may call it, and agents must not be null.
 class OV_EXPORT IEventDispatcher
 {
 public:
-    /// Queues the agent and blocks until the dispatcher's thread has delivered it. The caller holds a count.
-    /// An exception that leaves the packaged call is thrown here. Returns too when the agent is dropped
-    /// undelivered or the dispatcher has stopped. On the dispatcher's own thread the agent is delivered in
-    /// place.
+    /// Queues the agent and blocks until the dispatcher's thread has delivered it. The caller must hold a
+    /// count on the agent. An exception that leaves the packaged call is thrown here. Also returns when the
+    /// agent is dropped undelivered or the dispatcher has stopped. On the dispatcher's own thread the agent
+    /// is delivered in place.
     virtual void sendAndWait(EventAgent* agent) = 0;
 
-    /// Queues the agent behind all that is queued and returns at once. An exception that leaves the packaged
-    /// call is logged by the dispatcher. After the dispatcher has stopped, the agent is released undelivered.
+    /// Queues the agent behind all others and returns at once. The dispatcher logs an exception that leaves
+    /// the packaged call. A stopped dispatcher releases the agent undelivered.
     virtual void post(EventAgent* agent) = 0;
 
-    /// As post(), but the agent joins the queue only when `delayMs` milliseconds of the monotonic clock have
-    /// passed, behind what is queued by then. Agents due at the same moment keep their posting order.
+    /// As post(), but the agent joins the end of the queue only when `delayMs` milliseconds of the monotonic
+    /// clock have passed. Agents due at the same moment keep their posting order.
     virtual void postDelayed(EventAgent* agent, uint32_t delayMs) = 0;
 
     /// Drops, without delivery, every waiting agent (delayed ones too) whose receiver is `receiver`, and
@@ -39,7 +39,8 @@ public:
     /// stopped.
     virtual void removeAgentsByReceiver(void* receiver) = 0;
 
-    /// Drops this one agent if it still waits; true if it did. The caller holds a count on it.
+    /// Drops this one agent if it still waits, and returns whether it did. The caller must hold a count on
+    /// it.
     virtual bool removeAgent(EventAgent* agent) = 0;
 
     /// How many agents wait, delayed ones included; the one being delivered does not count.

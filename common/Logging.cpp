@@ -149,7 +149,7 @@ public:
         const std::optional<std::vector<Rule>> rules = parseRules(text);
         if (!rules)
             return false;
-        // All that needs memory comes first, so that nothing is changed where it runs out.
+        // Everything that needs memory comes first, so that nothing has changed when memory runs out.
         const std::lock_guard<std::mutex> lock(mMutex);
         std::vector<Rule> kept = mRules;
         std::vector<std::pair<const Rule*, ControlWords>> matching;
@@ -222,7 +222,7 @@ Sink readSink()
     return currentSink;
 }
 
-// Texts quote what came from outside; escaped, it can neither forge a line nor drive a terminal.
+// Texts may quote foreign input. Escaped, it can neither forge a log line nor control a terminal.
 std::string escaped(const char* text)
 {
     std::string result;
@@ -249,8 +249,7 @@ __attribute__((format(printf, 1, 0))) std::string formatted(const char* format, 
     const int length = vsnprintf(shortText.data(), shortText.size(), format, arguments);
     std::string text;
     if (length < 0)
-        text =
-            format; // the C library could not convert an argument: the bare format still tells where and what
+        text = format; // an argument could not be converted; the bare format still shows the message
     else if (static_cast<std::size_t>(length) < shortText.size())
         text = shortText.data();
     else
@@ -288,7 +287,7 @@ std::string lineOf(const ov_log_record& record)
     return line;
 }
 
-// One line, one write: lines of several threads and processes do not mix.
+// One write per line, so that lines of several threads and processes do not mix.
 void writeToStderr(std::string_view line)
 {
     std::size_t written = 0;
@@ -298,14 +297,14 @@ void writeToStderr(std::string_view line)
         if (count > 0)
             written += static_cast<std::size_t>(count);
         else if (errno != EINTR)
-            return; // nowhere to complain to
+            return; // there is no place left to report the error
     }
 }
 
-// Writes to stderr, and drops what would have to wait.
+// Writes to stderr, and drops a line that would have to wait.
 //
-// Other processes share stderr, so it must not be made non-blocking itself: a pipe or a terminal is opened a
-// second time for that.
+// Other processes share stderr, so it must stay blocking. A pipe or a terminal is therefore opened a second
+// time, non-blocking.
 class ImpatientOutput
 {
 public:
@@ -323,7 +322,7 @@ public:
 
     void print(const std::string& line)
     {
-        const std::lock_guard<std::mutex> lock(mMutex); // nobody waits here
+        const std::lock_guard<std::mutex> lock(mMutex); // held only briefly: nothing here waits
         if (mDropped != 0 && send(noticeOf(mDropped)))
             mDropped = 0;
         if (mDropped != 0 || !send(line))
@@ -337,7 +336,8 @@ private:
         return lineOf({2, __PRETTY_FUNCTION__, OV_LOG_FILE, __LINE__, 0, text.c_str()});
     }
 
-    // False if it would have to wait. A line of which only a part was taken is ended with the next.
+    // Returns false if the line would have to wait. If only a part was written, the next line first ends the
+    // cut line.
     bool send(const std::string& line)
     {
         const std::string whole = (mIsCut ? "\n" : "") + line;
@@ -362,7 +362,7 @@ private:
     bool mIsSocket = false;
     int mSecond = -1;
     std::mutex mMutex;
-    bool mIsCut = false; // the last line
+    bool mIsCut = false; // the last line was written only in part
     unsigned mDropped = 0;
 };
 
@@ -389,7 +389,7 @@ __attribute__((format(printf, 5, 0))) void print(int level, const char* function
 
 void ov_log_print(int level, const char* function, const char* file, int line, const char* format, ...)
 {
-    const int savedErrno = errno; // callers log between a failure and their own look at errno
+    const int savedErrno = errno; // callers log before they read errno
     va_list arguments;
     va_start(arguments, format);
     try
@@ -444,8 +444,8 @@ void Tracer::begin() const
 
 void Tracer::end() const
 {
-    // The floor looks only at where the indentation stands, not at where the step would take it: a step wider
-    // than what is left takes it below 0. Intended, and printed as no indentation.
+    // Only the present indentation is compared with 0, not the result. So a step wider than the indentation
+    // makes it negative. This is intended; a negative indentation is printed as none.
     if (__atomic_load_n(&ov_log_indent, __ATOMIC_RELAXED) <= 0)
         __atomic_store_n(&ov_log_indent, 0, __ATOMIC_RELAXED);
     else

@@ -24,9 +24,9 @@ extern "C"
     OV_EXPORT void ov_log_print(int level, const char* function, const char* file, int line,
                                 const char* format, ...) __attribute__((format(printf, 5, 6), cold));
 
-    /// Hands a source file's control words to the facility, which may change them at any time from any
-    /// thread, so they must live until the process ends. Settings made so far, by OV_LOG or
-    /// ov_log_configure(), are applied at once. Returns 0.
+    /// Registers a source file's control words. They may be changed at any time from any thread, so they must
+    /// live until the process ends. Earlier settings, by OV_LOG or ov_log_configure(), are applied at once.
+    /// Returns 0.
     /// @param path the source file's compile-time path; not copied
     OV_EXPORT int register_logging(const char* path, volatile unsigned int* flags, volatile int* level);
 
@@ -34,13 +34,12 @@ extern "C"
     /// OV_LOG is read in the same form when the first file registers. Any thread, at any time; concurrent
     /// calls take effect one after the other.
     ///
-    /// @param rules "PATTERN=LEVEL[:FLAGS]" rules separated by commas; of several that match a file the last
+    /// @param rules "PATTERN=LEVEL[:FLAGS]" rules separated by commas; the last rule that matches a file
     ///              wins. PATTERN is a shell glob for the end of the source path, with or without its
-    ///              extension
-    ///              ("StatusManagerProxy", "statusmanager/*", "*"); LEVEL is decimal; FLAGS is hexadecimal,
-    ///              bit 31 for messages and bit 30 for trace scopes, and is left as it was when not given.
-    ///              Null and the empty string hold no rule and change nothing.
-    /// @returns 0; -1 when a rule is malformed, or memory runs out: then nothing has been changed.
+    ///              extension ("StatusManagerProxy", "statusmanager/*", "*"). LEVEL is decimal, 0 to 7. FLAGS
+    ///              is hexadecimal: bit 31 admits messages, bit 30 trace scopes. Without FLAGS, the flags
+    ///              stay as they are. Null and the empty string change nothing.
+    /// @returns 0; -1 when a rule is malformed or memory runs out. After -1 nothing has changed.
     OV_EXPORT int ov_log_configure(const char* rules);
 
     /// One message on its way to a sink. The pointers are valid during the call only.
@@ -51,7 +50,7 @@ extern "C"
         const char* file;     ///< the source path's tail, from its last slash on
         int line;             ///< in that file
         int indent;           ///< the indentation at this moment, in columns; may be negative
-        const char* text;     ///< as formatted; what it quotes from outside may hold any byte but NUL
+        const char* text;     ///< the formatted text; not escaped, it may contain any byte but NUL
     };
 
     /// Called with each message and the context given to ov_log_set_sink().
@@ -59,34 +58,34 @@ extern "C"
 
     /// Sends all messages to `sink`, on the thread that logs, instead of to stderr; null restores stderr. Any
     /// thread, at any time. No lock is held while the sink is called, so several threads may call it at once,
-    /// and it may log itself (unless it would do so for ever). A thread that was printing at this moment may
-    /// still call the sink that was replaced, so a sink and its context must live until the process ends. A
-    /// sink must not throw. It must not call the status manager either: StatusManager::getInstance() holds a
-    /// lock while it logs, so a sink that calls it then waits for ever.
+    /// and it may log itself (but not without end). A thread that prints during the change may still call the
+    /// replaced sink. So a sink and its context must live until the process ends. A sink must not throw. A
+    /// sink must not call the status manager: StatusManager::getInstance() holds a lock while it logs, so
+    /// calling it from a sink would block for ever.
     OV_EXPORT void ov_log_set_sink(ov_log_sink sink, void* context);
 
-    /// From now on, printing to stderr never waits. A message that stderr does not take at once is dropped,
-    /// and the next one that it takes is preceded by the number of those. For a process that must go on
-    /// whatever becomes of the reader of its log; it should ignore SIGPIPE, too. Call it before other threads
-    /// log.
+    /// From now on, printing to stderr never waits. A message that stderr does not accept at once is dropped.
+    /// A line with the number of dropped messages precedes the next accepted message. Use it in a process
+    /// that must not stop when its log's reader stops; such a process should also ignore SIGPIPE. Call it
+    /// before other threads log.
     OV_EXPORT void ov_log_never_wait(void);
 
-    /// The current indentation of trace output, in columns. Shared by all threads without a lock: scopes of
-    /// concurrent threads shift each other's indentation, which is accepted. Access it and the step with the
-    /// compiler's atomic builtins.
+    /// The current indentation of trace output, in columns. All threads share it without a lock, so scopes of
+    /// concurrent threads shift each other's indentation; this is accepted. Access it and ov_log_indent_size
+    /// with the compiler's atomic builtins.
     extern OV_EXPORT int ov_log_indent;
-    /// The step of one trace scope, in columns.
+    /// How far one trace scope indents, in columns.
     extern OV_EXPORT int ov_log_indent_size;
 
 #ifdef __cplusplus
 }
 
-/// Marks what a suppressed message or trace scope costs: loads and compares at the place itself. Inline for
-/// certain, also where the compiler optimises for size.
+/// Forces the test of a message or trace scope inline, also when the compiler optimises for size. A
+/// suppressed message then costs only loads and compares.
 #define OV_LOG_INLINE __attribute__((always_inline)) inline
 
-/// The test at a call site. Levels 0 to 2 always pass; above, bit 31 of the flags must be set (the word read
-/// as signed is negative) and the file's level must reach the message's.
+/// The test at a call site. Levels 0 to 2 always pass. For higher levels, bit 31 of the flags must be set
+/// (the word is negative if read as signed), and the file's level must be at least the message's.
 OV_LOG_INLINE bool ov_log_admits(int level, volatile unsigned int& flags, volatile int& maximum)
 {
     if (level <= 2)
@@ -95,7 +94,7 @@ OV_LOG_INLINE bool ov_log_admits(int level, volatile unsigned int& flags, volati
            __atomic_load_n(&maximum, __ATOMIC_RELAXED) > level - 1;
 }
 
-/// Where the part of a path begins that starts with its last slash.
+/// The index of the path's last slash; 0 if it has none.
 constexpr size_t ov_log_file_tail(const char* path)
 {
     size_t tail = 0;
@@ -107,12 +106,13 @@ constexpr size_t ov_log_file_tail(const char* path)
     return tail;
 }
 
-/// A number that the compiler has worked out, whatever it optimises for.
+/// Forces the compiler to compute `Value` at compile time, whatever it optimises for.
 template <size_t Value>
 constexpr size_t ov_log_constant = Value;
 
-/// Logs "begin" when it is made and "end" when its scope is left, at the level given and under the control
-/// words given. These are read anew at the end, so a change in between can leave one line without the other.
+/// Logs "begin" on construction and "end" when its scope is left, at the given level and if the given control
+/// words admit it. The words are read again at the end, so a change in between can leave one line without the
+/// other.
 class Tracer
 {
 public:
@@ -143,7 +143,7 @@ private:
                mLevel <= __atomic_load_n(&mMaximum, __ATOMIC_RELAXED);
     }
 
-    // Seldom called, which moves the calls and what prepares them out of the way.
+    // "cold" moves the rarely executed calls out of the hot code.
     OV_EXPORT __attribute__((cold)) void begin() const;
     OV_EXPORT __attribute__((cold)) void end() const;
 
@@ -157,7 +157,7 @@ private:
 };
 
 /// Defines this source file's control words and registers them. Once per source file, outside any namespace,
-/// behind the includes. At first messages up to level 5 are printed, and no trace scopes.
+/// behind the includes. Initially, messages up to level 5 and no trace scopes are printed.
 #define OV_LOG_CONTROL_WORDS                                                                                 \
     static volatile unsigned int logFlags = 0xFFFFFFFFU;                                                     \
     static volatile int logLevel = 5;                                                                        \

@@ -12,8 +12,8 @@ namespace Orvane
 class OV_EXPORT Mutex
 {
 public:
-    /// @param recursive true: the thread that holds the lock may take it again and must then release it as
-    ///                  often; false: a plain lock, on which that would deadlock.
+    /// @param recursive true: the thread that holds the lock may take it again, and must release it as often.
+    ///                  false: taking it again would deadlock.
     /// @throws std::system_error when the system has no room for another mutex.
     explicit Mutex(bool recursive);
     ~Mutex();
@@ -24,12 +24,11 @@ public:
     /// Blocks until the lock is free and takes it. Any thread.
     void lock();
 
-    /// Gives the lock back. Only the thread that holds it.
+    /// Releases the lock. Only the thread that holds it may call this.
     void unlock();
 
     /// The one lock under which every RefCount in the process is changed. It is a plain POSIX mutex that
-    /// needs no construction, so that counts work in static initialisers and until the last moment of the
-    /// process.
+    /// needs no construction, so that counts work in static initialisers and until the process ends.
     static pthread_mutex_t mCriticalSection;
 
 private:
@@ -40,7 +39,7 @@ private:
 class AutoLock
 {
 public:
-    /// Takes the lock; the destructor gives it back.
+    /// Takes the lock; the destructor releases it.
     explicit AutoLock(Mutex& mutex) : mMutex(mutex) { mMutex.lock(); }
     ~AutoLock() { mMutex.unlock(); }
 

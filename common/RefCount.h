@@ -9,8 +9,8 @@
 namespace Orvane
 {
 
-/// Base of objects that live as long as somebody holds a count on them. The count starts at 0: an object that
-/// nobody ever held is not destroyed by itself. The release of the last count destroys the object, on the
+/// Base of objects that live as long as they have a holder. The count starts at 0: an object that never had a
+/// holder is never destroyed automatically. The release of the last count destroys the object, on the
 /// releasing thread. All counts of the process change under Mutex::mCriticalSection.
 class OV_EXPORT RefCount : public Tracked
 {
@@ -18,11 +18,12 @@ public:
     RefCount(const RefCount&) = delete;
     RefCount& operator=(const RefCount&) = delete;
 
-    /// Adds a count. Any thread that knows the object to be alive: its maker, or the holder of another count.
+    /// Adds a count. The caller must know that the object is alive: it made the object or holds another
+    /// count. Any thread.
     void AddRef();
 
-    /// Gives a count back; at 0, calls onRefCountZero() after the lock is dropped. Any thread that holds a
-    /// count; the object must not be touched afterwards.
+    /// Releases a count the caller holds. At 0, calls onRefCountZero(), without holding the lock. Any thread.
+    /// The caller must not use the object afterwards.
     void Release();
 
     /// Called when the last count is gone. The default deletes the object.
@@ -36,9 +37,9 @@ protected:
     uint32_t mRefCount = 0; ///< Changed under Mutex::mCriticalSection.
 };
 
-/// Holds one count on a RefCount object, or nothing. Several threads may each have a SmartPtr on the same
-/// object. One SmartPtr is not to be shared: it may be read by several threads at once, but not while another
-/// thread assigns, moves or destroys it.
+/// Holds one count on a RefCount object, or nothing. Several threads may each have a SmartPtr to the same
+/// object. Several threads may read one SmartPtr at once, but not while another thread assigns, moves or
+/// destroys it.
 template <class T>
 class SmartPtr
 {
@@ -54,10 +55,10 @@ public:
 
     /// Adds a count of its own.
     SmartPtr(const SmartPtr& other) : SmartPtr(other.mObject) {}
-    /// Takes the other's count over; the other holds nothing then.
+    /// Takes over the count of `other`, which then holds nothing.
     SmartPtr(SmartPtr&& other) noexcept : mObject(other.mObject) { other.mObject = nullptr; }
 
-    /// Gives back the count that it held, once the other object is held.
+    /// Holds the object of `other`, then releases the count that it held before.
     SmartPtr& operator=(SmartPtr other) noexcept
     {
         T* mine = mObject;
@@ -66,7 +67,7 @@ public:
         return *this;
     }
 
-    /// Gives the count back.
+    /// Releases the count.
     ~SmartPtr()
     {
         if (mObject != nullptr)

@@ -18,30 +18,28 @@ public:
     /// A stopped stopwatch that shows 0. The name may be empty.
     explicit Stopwatch(std::string name);
     /// @{
-    /// The copy runs if the original does, and from then on by itself.
+    /// The copy runs if the original runs; afterwards the two are independent.
     Stopwatch(const Stopwatch&) = default;
     Stopwatch& operator=(const Stopwatch&) = default;
     /// @}
     ~Stopwatch();
 
-    /// Begins timing from now and keeps the accumulated time. Does nothing while running: the span under way,
-    /// and the time of its start, stay.
+    /// Begins a span and keeps the accumulated time. Does nothing while the stopwatch runs.
     void start();
 
-    /// Ends timing and adds the span to the accumulated time. Does nothing while stopped.
+    /// Ends the span and adds it to the accumulated time. Does nothing while the stopwatch is stopped.
     void stop();
 
-    /// Clears the accumulated time. A span under way goes on and still counts from its start; restart()
-    /// begins anew.
+    /// Clears the accumulated time. A running span continues and still counts from its start; see restart().
     void reset();
 
-    /// Clears the accumulated time and begins timing from now, whether it was running or not.
+    /// Clears the accumulated time and begins a new span, whether the stopwatch was running or not.
     void restart();
 
-    /// Microseconds accumulated, the span under way included.
+    /// The accumulated time in microseconds, including the running span.
     uint64_t getElapsedTime();
 
-    /// When it was last started, in microseconds of the monotonic clock; 0 when it never was.
+    /// When the last span began, in microseconds of the monotonic clock; 0 if none ever began.
     uint64_t getLastStartTime();
 
     /// As given to the constructor.
@@ -55,8 +53,8 @@ private:
     std::string mName;
     uint64_t mAccumulated = 0; // microseconds
     bool mRunning = false;
-    // Seconds and microseconds apart, 32 bits each, as a timeval is on the 32-bit targets. The monotonic
-    // clock counts from boot: 68 years fit.
+    // Seconds and microseconds in 32 bits each, like a timeval on the 32-bit targets. The monotonic clock
+    // counts from boot, so 68 years fit.
     int32_t mStartSeconds = 0;
     int32_t mStartMicroseconds = 0;
 };

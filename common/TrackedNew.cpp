@@ -12,8 +12,8 @@ std::atomic<const AllocationSite*> firstSite{nullptr};
 
 AllocationSite namelessSite("", 0);
 
-// Stands in front of every tracked object, so that an ordinary delete knows the site. Its alignment keeps the
-// object behind it aligned for everything that plain new serves.
+// Precedes every tracked object, so that an ordinary delete finds the site. Its alignment keeps the object
+// aligned as plain new would.
 struct alignas(std::max_align_t) Header
 {
     AllocationSite* site;

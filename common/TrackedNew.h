@@ -7,14 +7,14 @@
 #include "common/Export.h"
 
 /// @file
-/// Allocation that remembers where it was asked for.
+/// Allocation that records the source line it was requested from.
 
 namespace Orvane
 {
 
-/// One place in the source from which tracked objects are allocated, with its running totals. Sites are made
-/// by OV_NEW, join a process-wide list at their first allocation and stay in it, so code that uses OV_NEW
-/// must not be unloaded. All members may be called from any thread.
+/// One place in the source from which tracked objects are allocated, with its running totals. OV_NEW makes
+/// the site. It joins a process-wide list at its first allocation and stays there, so code that uses OV_NEW
+/// must not be unloaded. Any thread may call all members.
 class OV_EXPORT AllocationSite
 {
 public:
@@ -39,7 +39,7 @@ public:
 
     /// Walks all sites that have allocated: `for (auto* s = AllocationSite::first(); s; s = s->next())`.
     static const AllocationSite* first();
-    /// The site behind this one; null behind the last.
+    /// The next site in the list; null after the last.
     const AllocationSite* next() const { return mNext; }
 
 private:
@@ -55,19 +55,19 @@ private:
     const AllocationSite* mNext = nullptr;
 };
 
-/// Gives a class the source-tracking allocation form: `OV_NEW Thing(...)` remembers where the object came
-/// from, an ordinary `delete` finds that out again, and the site's counts tell what is still alive and who
-/// made it. Plain `new` works too and is counted under one nameless site.
+/// Base of classes whose allocations are counted per source line. `OV_NEW Thing(...)` counts the object at
+/// its site, and an ordinary `delete` counts its release there. So AllocationSite::live() finds leaks. Plain
+/// `new` works too; its objects are counted at one nameless site.
 class OV_EXPORT Tracked
 {
 public:
-    /// Plain `new`: counted under the nameless site.
+    /// Plain `new`: counted at the nameless site.
     static void* operator new(std::size_t size);
-    /// `OV_NEW`: counted under its own site.
+    /// `OV_NEW`: counted at its own site.
     static void* operator new(std::size_t size, AllocationSite& site);
-    /// Releases what either form has allocated, and counts it at its site.
+    /// Frees an object of either form, and counts the release at its site.
     static void operator delete(void* object) noexcept;
-    /// The matching release form: runs when a constructor throws inside `OV_NEW`.
+    /// Called by the compiler when a constructor throws inside `OV_NEW`.
     static void operator delete(void* object, AllocationSite& site) noexcept;
 
 protected:

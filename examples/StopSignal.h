@@ -7,15 +7,15 @@
 #include <ctime>
 #include <semaphore.h>
 
-/// Lets a program end in order on SIGINT and SIGTERM. The library's threads block all signals, so these reach
-/// the program's own threads. Each signal is caught once: a second one ends the program at once, should it be
-/// waiting for a broker that does not answer.
+/// Lets a program end in an orderly way on SIGINT and SIGTERM. The library's threads block these signals, so
+/// the program's own threads receive them. Each signal is caught once. A second one ends the program at once,
+/// even while it waits for a broker that does not answer.
 namespace StopSignal
 {
 
 inline sem_t arrived;
 
-// A semaphore is one of the few things that a signal handler may touch.
+// sem_post() is one of the few functions that a signal handler may call.
 inline void onSignal(int)
 {
     const int savedErrno = errno;
@@ -40,7 +40,7 @@ inline void wait()
         ;
 }
 
-/// Waits for a signal until `deadline`; true if one came.
+/// Waits for a signal until `deadline`; returns whether a signal came.
 inline bool waitUntil(std::chrono::steady_clock::time_point deadline)
 {
     using namespace std::chrono;
@@ -50,7 +50,7 @@ inline bool waitUntil(std::chrono::steady_clock::time_point deadline)
     end.tv_sec = static_cast<time_t>(whole.count());
     end.tv_nsec = static_cast<long>(duration_cast<nanoseconds>(sinceStart - whole).count());
 
-    // On the monotonic clock: this device's processes may set the wall clock.
+    // The monotonic clock, because processes of this device may set the wall clock.
     int result = 0;
     do
         result = sem_clockwait(&arrived, CLOCK_MONOTONIC, &end);

@@ -1,5 +1,5 @@
-// Posts many values and makes sure of all of them: batch-upload [COUNT]
-// Exits 0 when the broker has taken in all of them, 1 when it did not say so in time.
+// Posts many values and makes sure that all arrive: batch-upload [COUNT]
+// Exits 0 when the broker has taken all of them, 1 when it did not confirm that in time.
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,7 +10,7 @@
 namespace
 {
 
-// At most this many posts wait in this process. The program notices a stopped broker before it posts more.
+// At most this many posts wait in this process, so the program notices a stopped broker before it posts more.
 constexpr unsigned long postsBetweenSyncs = 250;
 constexpr int timeoutMs = 10000;
 
@@ -32,7 +32,7 @@ int main(int argc, char** argv)
     const unsigned long count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1000;
     if (!upload(*StatusManager::getInstance(false), count))
     {
-        // After a sync() that ran into its time-out, this process gets no further answers: end it.
+        // After a sync() that timed out, this process gets no further answers, so it must end.
         std::fprintf(stderr, "batch-upload: the broker did not answer in time\n");
         return 1;
     }

@@ -1,6 +1,6 @@
 // Counts how often a program was started: count-restarts NAME [LIMIT]
-// Exits 0; 1 when there were more than LIMIT starts, so that a supervisor can give up, or when the broker
-// gave no number; 2 when it was called wrongly.
+// Exits 0; 1 after more than LIMIT starts, so that a supervisor can give up, or when the broker gave no
+// number; 2 for a usage error.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,8 +20,8 @@ int main(int argc, char** argv)
 
     StatusManager* manager = StatusManager::getInstance(false);
 
-    // The broker counts, so two processes that do this at once get different numbers. It begins at 0, and a
-    // broker that is started anew does so too, unless it keeps a state file. 0 comes when something failed.
+    // The broker counts, so two processes that count at once get different numbers. Counting begins at 0; it
+    // begins again after a restart of a broker without a state file. A result of 0 means failure.
     const uint32_t starts = manager->incrementCounter(counter);
     if (starts == 0)
     {

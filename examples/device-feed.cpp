@@ -1,5 +1,5 @@
-// Publishes what this machine is doing: posts a set of status values at a fixed pace, and an event when the
-// load crosses a threshold. Runs until it is told to stop, or for a number of rounds.
+// Publishes live values of this machine: posts a set of status values at a fixed interval, and an event when
+// the load crosses a threshold. Runs until a signal comes, or for a number of rounds.
 //
 // Worth copying: getInstance(), one postStatus() per set of values, postEvent(), a timer and a counter, and
 // sync() before the process ends.
@@ -49,7 +49,7 @@ std::string availableMemory()
 
 std::size_t runningProcesses()
 {
-    std::error_code ignored; // processes come and go while we look
+    std::error_code ignored; // processes may end while this loop runs
     std::size_t count = 0;
     for (std::filesystem::directory_iterator entry("/proc", ignored), end; entry != end;
          entry.increment(ignored))
@@ -67,7 +67,7 @@ struct Traffic
     uint64_t sent = 0;
 };
 
-// All interfaces together. A line is "name: received-bytes, 7 more numbers, sent-bytes, ...".
+// Adds up all interfaces. A line is "name: received-bytes, 7 more numbers, sent-bytes, ...".
 Traffic networkTraffic()
 {
     Traffic total;
@@ -77,7 +77,7 @@ Traffic networkTraffic()
     {
         const std::size_t colon = line.find(':');
         if (colon == std::string::npos)
-            continue; // one of the two heading lines
+            continue; // one of the two header lines
         std::istringstream numbers(line.substr(colon + 1));
         Traffic one;
         uint64_t skipped = 0;
@@ -91,7 +91,7 @@ Traffic networkTraffic()
     return total;
 }
 
-// The first thermal zone, which gives thousandths of a degree; nothing on machines without one.
+// Reads the first thermal zone, in thousandths of a degree. Returns nothing on machines without one.
 std::optional<std::string> temperature()
 {
     long thousandths = 0;
@@ -125,8 +125,8 @@ StatusMap readDevice()
 
 // ---------------------------------------------------------------------------------------------- publishing
 
-/// Posts an event whenever the load has come to the other side of the threshold. Which side it starts on is
-/// an event as well, so that watchers know.
+/// Posts an event whenever the load has crossed the threshold. The first check also posts an event, so that
+/// watchers know the initial side.
 class LoadEvents
 {
 public:
@@ -141,11 +141,11 @@ public:
     }
 
 private:
-    const double mThreshold = std::max(1U, std::thread::hardware_concurrency()); // as many as can run at once
+    const double mThreshold = std::max(1U, std::thread::hardware_concurrency()); // the number of cores
     std::string mSide;                                                           // empty: not known yet
 };
 
-// Posts only, no queries: a feed must not stand still because nobody answers.
+// Only posts, because a query would stop the feed while no broker answers.
 uint32_t postUntilStopped(StatusManager& manager, std::chrono::milliseconds interval, uint32_t limit)
 {
     LoadEvents loadEvents;
@@ -154,12 +154,12 @@ uint32_t postUntilStopped(StatusManager& manager, std::chrono::milliseconds inte
     do
     {
         const StatusMap values = readDevice();
-        // One map is one message: watchers see the values of one round together. It stays far below 512
-        // bytes, at multiples of which a message is cut short.
+        // One map is one message, so watchers see the values of one round together. The message stays far
+        // below 512 bytes; messages of a multiple of 512 bytes lose their end.
         manager.postStatus(values);
         loadEvents.check(manager, values.at(FeedKeys::load));
         manager.setCounterValue(FeedKeys::counter, ++rounds);
-        // Not a burst of all that was missed, should the process have been stopped for a while.
+        // If the process was stopped for a while, the missed rounds are skipped, not posted in a burst.
         next = std::max(next + interval, std::chrono::steady_clock::now());
     } while ((limit == 0 || rounds != limit) && !StopSignal::waitUntil(next));
     return rounds;
@@ -178,7 +178,7 @@ int main(int argc, char** argv)
     app.add_option("--count", count, "rounds to post; 0 for no limit")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
-    // Blocks until a broker has answered. The object is never destroyed, and ours only to use.
+    // Blocks until a broker has answered. The object is never destroyed; do not delete it.
     StatusManager& manager = *StatusManager::getInstance(false);
     StopSignal::install();
 
@@ -186,8 +186,8 @@ int main(int argc, char** argv)
     const uint32_t rounds = postUntilStopped(manager, std::chrono::milliseconds(interval), count);
     manager.stopTimer(FeedKeys::timer);
 
-    // Posts are only queued when the calls return. When sync() returns true, the broker has taken in all of
-    // them; a process that ends without it may lose the last ones.
+    // A post is only queued when its call returns. When sync() returns true, the broker has taken all posts.
+    // A process that ends without sync() may lose the last ones.
     constexpr int timeoutMs = 2000;
     if (!manager.sync(timeoutMs))
     {

@@ -11,14 +11,13 @@
 namespace
 {
 
-/// Called on its event thread only, one call at a time: it needs no lock.
+/// Needs no lock: its event thread makes all calls, one at a time.
 class Printer : public IStatusUpdateListener
 {
 public:
     void onStatusUpdate(StatusMap updates) override
     {
-        // The first callback brings the present values, and is empty when there are none. An empty value was
-        // reset.
+        // The first callback has the current values; it is empty if there are none. An empty value was reset.
         for (const auto& [key, value] : updates)
             print("value", key, value);
     }
@@ -45,7 +44,7 @@ int main(int argc, char** argv)
     StatusManager* manager = StatusManager::getInstance(false);
     StopSignal::install();
 
-    // In this order, so that the thread, which is destroyed first, has stopped before the listener goes.
+    // In this order: the thread is destroyed first, so it has stopped before the listener is destroyed.
     Printer printer;
     Orvane::EventThread thread("listen", 0);
 
@@ -54,6 +53,6 @@ int main(int argc, char** argv)
     manager->registerForStatus(&printer, names);
     manager->registerForEvent(&printer, names);
     StopSignal::wait();
-    manager->unregisterListener(&printer); // from here on nothing is sent to the printer
+    manager->unregisterListener(&printer); // no callback is queued after this
     return 0;
 }

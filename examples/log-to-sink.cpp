@@ -1,4 +1,4 @@
-// Sends the log of a program and of the library to a place of its own, here stdout. Exits 0.
+// Sends the log of the program and of the library to a sink of its own, here stdout. Exits 0.
 
 #include <algorithm>
 #include <cstdio>
@@ -13,14 +13,15 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// Called on every thread that logs, several at once, until the very end of the process: what it uses must be
-// safe for that and never be destroyed. It must not throw. One fprintf() is one line, however many threads.
+// Every thread that logs calls it, several at once, until the process ends. So everything it uses must be
+// thread-safe and never be destroyed. It must not throw. Each fprintf() writes one whole line, even if
+// several threads log.
 void toStream(const ov_log_record* record, void* stream) noexcept
 {
     constexpr int longest = 200;
     char text[longest + 1];
     std::snprintf(text, sizeof(text), "%s", record->text);
-    // Messages quote what came from outside. Without this they could forge lines.
+    // Messages may quote foreign input, which could forge lines without this.
     const auto isControl = [](char byte) { return static_cast<unsigned char>(byte) < ' '; };
     std::replace_if(text, text + std::char_traits<char>::length(text), isControl, '?');
     const char* file = record->file[0] == '/' ? record->file + 1 : record->file;
@@ -39,7 +40,7 @@ int main()
     OV_LOG(6, "asking for a broker");
     OV_LOG(7, "this is not printed, and %s is not called", "an argument");
 
-    StatusManager* manager = StatusManager::getInstance(false); // logs when it has found one
+    StatusManager* manager = StatusManager::getInstance(false); // logs when a broker has answered
     OV_LOG(6, "the device holds %zu values", manager->getClientInfo().size());
     return 0;
 }

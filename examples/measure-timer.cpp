@@ -1,5 +1,5 @@
-// Measures with a timer that the broker keeps, so that every process can read it: measure-timer
-// Exits 0 with the time that the work took, 1 when the broker did not give one.
+// Measures with a timer in the broker, so that every process can read it: measure-timer
+// Prints how long the work took. Exits 0, or 1 when the broker gave no time.
 
 #include <algorithm>
 #include <cstdint>
@@ -28,13 +28,13 @@ int main()
 {
     StatusManager* manager = StatusManager::getInstance(false);
 
-    // The timer comes into being with its first use. restartTimer() begins at 0, whatever it stood at;
-    // startTimer() goes on from there and does nothing while the timer runs.
+    // The first use makes the timer. restartTimer() always begins at 0. startTimer() would continue from the
+    // measured time, and do nothing while the timer runs.
     manager->restartTimer(timer);
     work();
     manager->stopTimer(timer);
 
-    // A query comes behind the posts of the same thread, so it sees the timer stopped.
+    // A query follows earlier posts of the same thread, so the timer is stopped here.
     const uint64_t microseconds = manager->getTimerElapsed(timer);
     if (microseconds == 0)
     {

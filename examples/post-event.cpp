@@ -1,5 +1,5 @@
 // Posts an event: post-event NAME VALUE [DELAY-MS]
-// Exits 0 when the broker has published it, 1 when it has not said so in time, 2 when it was called wrongly.
+// Exits 0 when the broker has published it, 1 when it did not confirm that in time, 2 for a usage error.
 
 #include <chrono>
 #include <cstdint>
@@ -20,11 +20,11 @@ int main(int argc, char** argv)
 
     StatusManager* manager = StatusManager::getInstance(false);
 
-    // An event is stored nowhere: it reaches those who are subscribed at that moment, and nobody later.
+    // Events are not stored: this event reaches only the processes that are subscribed at that moment.
     manager->postEvent(argv[1], argv[2], delay);
 
-    // A delayed event waits in this process, so the process must live that long. sync() does not wait for
-    // what is not due, but it stays behind what is.
+    // A delayed event waits in this process, so the process must live until it is due. sync() does not wait
+    // for an event that is not yet due, but does wait for a due event.
     std::this_thread::sleep_for(std::chrono::milliseconds(delay));
     constexpr int timeoutMs = 5000;
     if (!manager->sync(timeoutMs))

@@ -1,5 +1,5 @@
 // Publishes status values: publish-values KEY=VALUE...
-// Exits 0 when the broker has taken them in, 1 when it has not said so in time, 2 when it was called wrongly.
+// Exits 0 when the broker has taken them, 1 when it did not confirm that in time, 2 for a usage error.
 
 #include <cstdio>
 #include <string>
@@ -29,11 +29,11 @@ int main(int argc, char** argv)
     // Blocks until a broker has answered.
     StatusManager* manager = StatusManager::getInstance(false);
 
-    // One map is one message: who listens to several of the keys hears of them together. An empty value is
-    // the same as resetStatus().
+    // One map is one message: a listener of several of these keys gets them together. An empty value is the
+    // same as resetStatus().
     manager->postStatus(values);
 
-    // The post is only queued so far. A process that ends without this may lose it.
+    // Until now, the post is only queued. A process that ends without sync() may lose it.
     constexpr int timeoutMs = 5000;
     if (!manager->sync(timeoutMs))
     {

@@ -16,17 +16,17 @@ constexpr double highKPa = 250;
 
 void setValve(const char* position, const std::string& reason)
 {
-    status::post("valve", position); // queued; a callback may post
+    status::post("valve", position); // queued; callbacks may post
     std::printf("valve %s: %s\n", position, reason.c_str());
     std::fflush(stdout);
 }
 
 void onPressure(const StatusMap& values)
 {
-    const auto pressure = values.find("pressure.kPa"); // the first callback is empty if there is no value
+    const auto pressure = values.find("pressure.kPa"); // missing in the first callback if there is no value
     if (pressure == values.end())
         return;
-    const std::optional<double> kPa = status::fromText<double>(pressure->second); // nothing if it was reset
+    const std::optional<double> kPa = status::fromText<double>(pressure->second); // nothing if reset
     setValve(kPa && *kPa > highKPa ? "open" : "closed", "pressure [" + pressure->second + "]");
 }
 
@@ -37,8 +37,8 @@ int main()
     status::manager(); // blocks until a broker has answered
     StopSignal::install();
 
-    // The callbacks run on this thread, one at a time. At the end, the subscriptions are destroyed first:
-    // then none of their callbacks is running, and none will. Any other order would do, too.
+    // The callbacks run on this thread, one at a time. The subscriptions are destroyed first; after that no
+    // callback runs any more. Any other order would work too.
     Orvane::EventThread thread("react", 0);
     const status::Subscription pressure = status::on({"pressure.kPa"}, thread, onPressure);
     const status::Subscription alarm = status::onEvent(

@@ -1,8 +1,7 @@
-// Prints status values and events as they change, with the time that each set of values took to get here.
-// Runs until it is told to stop, or for a number of seconds.
+// Prints status values and events as they change, and how long each set of values took to arrive. Runs until
+// a signal comes, or for a number of seconds.
 //
-// Worth copying: a listener with a thread of its own for the callbacks, and the order in which both are taken
-// down.
+// Worth copying: a listener with its own thread for the callbacks, and the order in which both end.
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -20,13 +19,13 @@
 namespace
 {
 
-/// Called on its own event thread only, so it needs no lock.
+/// Needs no lock: its event thread makes all calls.
 class Printer : public IStatusUpdateListener
 {
 public:
     void onStatusUpdate(StatusMap updates) override
     {
-        // The first callback after a subscription brings what is known already, which may be nothing.
+        // The first callback after a subscription has the current values, which may be none.
         if (updates.empty())
             return;
         ++mUpdates;
@@ -43,12 +42,12 @@ public:
         std::fflush(stdout);
     }
 
-    /// How many callbacks brought values. Only after the event thread has stopped.
+    /// The number of callbacks with values. Call it only after the event thread has stopped.
     unsigned updates() const { return mUpdates; }
 
 private:
-    // From the reading of the values to this callback; blank where no time stamp came along. Both ends use
-    // this machine's wall clock. A value that was there before us is as old as it is.
+    // The time from reading the values to this callback; blank if there is no time stamp. Both ends use this
+    // machine's wall clock. For a value posted before this program started, it is the value's age.
     static std::string latency(const StatusMap& updates)
     {
         using namespace std::chrono;
@@ -74,7 +73,7 @@ StatusKeys keysOfTheFeed()
 
 void watch(StatusManager& manager, Printer& printer, const StatusKeys& keys, unsigned seconds)
 {
-    // The callbacks run on this thread: they disturb neither the library nor each other.
+    // All callbacks run on this thread, one at a time, and so do not delay the library.
     Orvane::EventThread thread("status-watch", 0);
     manager.registerListener(&printer, &thread);
     manager.registerForStatus(&printer, keys);
@@ -85,8 +84,8 @@ void watch(StatusManager& manager, Printer& printer, const StatusKeys& keys, uns
     else
         StopSignal::waitUntil(std::chrono::steady_clock::now() + std::chrono::seconds(seconds));
 
-    // First no new callbacks and none in the queue; then, as the thread is destroyed here, none being run.
-    // Only after that may the listener go.
+    // After this, no callback is queued. The thread is destroyed next, so no callback is running. Only then
+    // may the listener be destroyed.
     manager.unregisterListener(&printer);
 }
 
@@ -106,7 +105,7 @@ int main(int argc, char** argv)
     app.add_option("--expect", expect, "how many sets of values must be seen")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
 
-    // Blocks until a broker has answered. The object is never destroyed, and ours only to use.
+    // Blocks until a broker has answered. The object is never destroyed; do not delete it.
     StatusManager& manager = *StatusManager::getInstance(false);
     StopSignal::install();
 

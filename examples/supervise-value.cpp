@@ -23,7 +23,7 @@ public:
     {
         const auto reading = updates.find(temperature);
         if (reading == updates.end() || reading->second.empty())
-            return; // none yet, or it was reset: leave the fan as it is
+            return; // no value yet, or reset: keep the fan's state
         const double degrees = std::strtod(reading->second.c_str(), nullptr);
         if (degrees > 70)
             switchFan("on");
@@ -34,8 +34,8 @@ public:
     void onEventUpdate(std::string, std::string) override {}
 
 private:
-    // Posting from a callback is fine: the post is queued. A repeated value disturbs nobody: the broker
-    // publishes changes only.
+    // A callback may post, because posts are queued. Repeated values are harmless, because the broker
+    // publishes only changes.
     void switchFan(const char* state)
     {
         mManager.postStatus(fan, state);
@@ -60,8 +60,8 @@ int main()
     StopSignal::wait();
 
     manager.unregisterListener(&control);
-    thread.stop();            // now no callback is running any more that could post
-    manager.resetStatus(fan); // nobody looks after it from here on
+    thread.stop();            // no callback can post after this
+    manager.resetStatus(fan); // the fan is no longer controlled
     constexpr int timeoutMs = 5000;
     return manager.sync(timeoutMs) ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// Two listeners share one event thread, and so they can share data without a lock. Exits 0 when both have
-// heard of their value, 1 when they have not within five seconds.
+// Two listeners share one event thread, so they can share data without a lock. Exits 0 when both have
+// received their value, 1 when they have not within five seconds.
 
 #include <chrono>
 #include <cstdio>
@@ -14,7 +14,7 @@
 namespace
 {
 
-/// The texts that both listeners write. Only the event thread uses them, until it has stopped.
+/// The texts that both listeners write. Only the event thread uses them until it has stopped.
 struct Board
 {
     std::map<std::string, std::string> lines;
@@ -26,8 +26,8 @@ class Writer : public IStatusUpdateListener
 public:
     Writer(Board& board, std::string title) : mBoard(board), mTitle(std::move(title)) {}
 
-    // All callbacks of a thread come one after the other, so this never runs for both at once. A callback
-    // that takes long delays the other listener, and nobody else.
+    // A thread runs its callbacks one after the other, so this never runs for both listeners at once. A slow
+    // callback delays only the other listener.
     void onStatusUpdate(StatusMap updates) override
     {
         for (const auto& [key, value] : updates)
@@ -65,7 +65,7 @@ int main()
 
     manager->unregisterListener(&door);
     manager->unregisterListener(&lamp);
-    thread.stop(); // only now may this thread look at the board
+    thread.stop(); // only now this thread may read the board
     for (const auto& [title, value] : board.lines)
         std::printf("%s is %s\n", title.c_str(), value.c_str());
     return complete ? 0 : 1;

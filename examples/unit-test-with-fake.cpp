@@ -1,4 +1,5 @@
-// Tests a daemon's code without a broker, while the fake plays the rest of the device. Exits 0 if it passes.
+// Tests a daemon's code without a broker; the fake simulates the rest of the device. Exits 0 if all tests
+// pass.
 
 #include <chrono>
 #include <cstdio>
@@ -10,7 +11,7 @@
 namespace
 {
 
-// The code under test: it knows nothing of tests, and gets the process's manager itself.
+// The code under test. It does not know of tests, and gets the process's manager itself.
 class DoorLight
 {
 public:
@@ -37,7 +38,7 @@ bool becomes(const char* key, const std::string& wanted)
         .has_value();
 }
 
-// Each test makes a fake of its own, before the code under test asks for the manager.
+// Each test makes a new fake before the code under test asks for the manager.
 bool followsTheDoor()
 {
     status::FakeStatusManager device;

@@ -1,4 +1,4 @@
-// Tests code that uses the status manager, without a broker. Exits 0 if it passes.
+// Tests code that uses the status manager, without a broker. Exits 0 if all tests pass.
 
 #include <cstdio>
 #include <string>
@@ -8,7 +8,7 @@
 namespace
 {
 
-// The code under test. It gets the manager handed in, and tells a test more than what it posts.
+// The code under test. It gets the manager as an argument, and a test can read more than its posts.
 class Door
 {
 public:
@@ -27,8 +27,8 @@ private:
     unsigned mOpenings = 0;
 };
 
-// The inert manager talks to nobody, keeps nothing and never waits. The first getInstance() of the process
-// decides which kind it is; code that calls getInstance(false) later gets the same object.
+// The inert manager sends nothing, keeps nothing and never waits. The first getInstance() of the process
+// decides the kind of manager; later calls of getInstance(false) return the same object.
 bool countsItsOpenings()
 {
     StatusManager* inert = StatusManager::getInstance(true);
@@ -38,14 +38,14 @@ bool countsItsOpenings()
     return door.openings() == 2 && StatusManager::getInstance(false) == inert;
 }
 
-// A manager of one's own keeps values in this process, so that a test can look at what was posted. Its timers
-// and counters stay at 0.
+// A separate StatusManager keeps values in this process, so that a test can check the posts. Its timers and
+// counters stay at 0.
 bool saysThatItIsOpen()
 {
     StatusManager local;
     Door door(local);
     door.open();
-    return local.getClientInfoValue("door") == "open"; // behind the post, so it sees it
+    return local.getClientInfoValue("door") == "open"; // queued after the post, so it sees the value
 }
 
 bool check(const char* name, bool passed)

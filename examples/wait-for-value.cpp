@@ -1,5 +1,6 @@
 // Waits for a value: wait-for-value KEY VALUE SECONDS
-// Exits 0 when KEY has VALUE, 1 when it has not within SECONDS, 3 when no broker answered within these.
+// Exits 0 when KEY has VALUE, 1 if not within SECONDS, 2 for a usage error, 3 when no broker answered
+// within SECONDS.
 
 #include <chrono>
 #include <cstdio>

@@ -1,6 +1,5 @@
-// Posts a heartbeat, and ends when the broker leaves it without answers: watch-own-health MILLISECONDS
-// Runs until SIGINT or SIGTERM, with a heartbeat each MILLISECONDS; exits 1 when its supervisor is to start
-// it anew.
+// Posts a heartbeat, and ends when the broker no longer answers: watch-own-health MILLISECONDS
+// Posts every MILLISECONDS until SIGINT or SIGTERM. Exits 1 when its supervisor should restart it.
 
 #include <chrono>
 #include <cstdio>
@@ -14,8 +13,8 @@ namespace
 
 constexpr std::chrono::seconds timeForAnswer(3);
 
-// Posts all that this process has to tell. Once more, if the broker says that posts may have been lost: it
-// was started anew, perhaps.
+// Posts all values of this process. If the broker reports that posts may have been lost, posts again: the
+// broker may have been restarted.
 void tell(unsigned beats)
 {
     do
@@ -42,7 +41,7 @@ int main(int argc, char** argv)
         tell(++beats);
         if (!status::isHealthy())
         {
-            // After a sync that ran into its time-out, this process gets no further answers.
+            // After a sync that timed out, this process gets no further answers.
             std::fprintf(stderr, "watch-own-health: the broker does not answer any more\n");
             return 1;
         }

@@ -1,4 +1,4 @@
-// Posts and requests, as the broker reads them.
+// Fuzzes how the broker reads posts and requests.
 
 #include "fuzz/Fuzz.h"
 #include "protocol/ClientDocuments.h"
@@ -9,7 +9,7 @@ using BrokerProtocol::Command;
 namespace
 {
 
-// As a client would write it.
+// The message that a client would write.
 std::string written(const Meaning& meaning, const Command& command)
 {
     namespace Protocol = BrokerProtocol;
@@ -41,7 +41,7 @@ std::string written(const Meaning& meaning, const Command& command)
 void check(const std::string& text, bool (Command::*read)(std::string_view),
            const JsonCppReading::Forms& forms)
 {
-    static Command command; // used again and again, as in the broker
+    static Command command; // reused, as in the broker
     if (!(command.*read)(text))
         return;
     const Meaning meaning = Meaning::of(command);

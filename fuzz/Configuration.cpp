@@ -1,4 +1,4 @@
-// The configuration file, and the rules for log levels.
+// Fuzzes the configuration file and the rules for log levels.
 
 #include "broker/ConfigFile.h"
 #include "common/Logging.h"

@@ -1,4 +1,4 @@
-// The bytes behind the handshake, as they are taken apart into messages and commands.
+// Fuzzes how the bytes after the handshake are split into messages and commands.
 
 #include "broker/wire/FrameReader.h"
 #include "fuzz/Fuzz.h"
@@ -10,7 +10,7 @@ namespace
 
 using Result = FrameReader::Result;
 
-// The whole of what was found, as a number.
+// A hash of everything that was read.
 struct Digest
 {
     uint64_t number = 14695981039346656037U;

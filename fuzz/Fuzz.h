@@ -18,7 +18,7 @@ inline std::string textOf(const uint8_t* data, std::size_t size)
     return {reinterpret_cast<const char*>(data), size};
 }
 
-/// A finding, if that does not hold.
+/// Reports a finding if `holds` is false.
 inline void require(bool holds, const char* what)
 {
     if (holds)
@@ -27,11 +27,11 @@ inline void require(bool holds, const char* what)
     abort();
 }
 
-/// Content that is read and then written must be read again as the same. The first writing replaces bytes
-/// that are not UTF-8, which may change the order of names or make two of them one. From the second writing
-/// on, all must stay as it is.
-/// @param read  the text to something that is written, or false
-/// @param write that to text
+/// Checks that content survives writing and reading again. The first writing replaces bytes that are not
+/// UTF-8, which may change the order of names or merge two names. From the second writing on, nothing may
+/// change.
+/// @param read  makes content from a text, or returns false
+/// @param write makes a text from content
 template <typename Read, typename Write>
 void requireRoundTrip(Read read, Write write, const std::string& text)
 {

@@ -1,4 +1,4 @@
-// How a connection begins: greeting and READY, of all three ports.
+// Fuzzes the start of a connection: greeting and READY, on all three ports.
 
 #include "broker/wire/Handshake.h"
 #include "broker/wire/FrameReader.h"

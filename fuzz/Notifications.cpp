@@ -1,4 +1,4 @@
-// Notifications, as the library reads them and the broker writes them.
+// Fuzzes how the library reads notifications and the broker writes them.
 
 #include "fuzz/Fuzz.h"
 #include "protocol/ClientDocuments.h"

@@ -1,4 +1,4 @@
-// Documents that are read without JsonCpp: always to what JsonCpp makes of them.
+// Fuzzes documents that are read without JsonCpp: the result must always be JsonCpp's.
 
 #include <json/json.h>
 

@@ -1,4 +1,4 @@
-// The files of a policy. What is read must decide as trying all of its rules one by one does.
+// Fuzzes policy files. The policy must decide exactly as if all its rules were tried one by one.
 
 #include <algorithm>
 #include <vector>
@@ -9,7 +9,7 @@
 namespace
 {
 
-// Some names are there, some are not.
+// Some names exist, others do not.
 std::optional<unsigned> lookUp(const std::string& name)
 {
     constexpr unsigned ids = 10;
@@ -37,10 +37,10 @@ bool decideNaively(const PolicyContent& content, const Subject& subject, Action 
         std::find_if(content.rules.begin(), content.rules.end(),
                      [&](const PolicyRule& rule)
                      { return content.whos[rule.who].has(subject) && matches(rule, action, name); });
-    return first->isAllowed; // the default is behind all
+    return first->isAllowed; // the default is the last rule
 }
 
-// Names as the policy has them, and near to them.
+// Names from the policy and similar names.
 std::vector<std::string> namesFor(const PolicyContent& content)
 {
     constexpr std::size_t enough = 50;
@@ -80,7 +80,7 @@ void requireSameDecisions(const PolicyContent& content, const Policy& policy, co
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
-    // Of two files, cut where a line says so.
+    // Two files; a line "---" separates them.
     const std::string text = Fuzz::textOf(data, size);
     const std::size_t cut = std::min(text.find("\n---\n"), text.size());
     const std::vector<PolicySource> sources{{"file", text.substr(0, cut)},

@@ -1,4 +1,4 @@
-// In place of the fuzzer: feeds the files of some folders to the target.
+// Replaces the fuzzer: passes the files of some folders to the target.
 
 #include <filesystem>
 #include <fstream>
@@ -12,7 +12,7 @@ namespace
 int replay(const std::filesystem::path& folder)
 {
     int count = 0;
-    if (!std::filesystem::is_directory(folder)) // nothing was ever found
+    if (!std::filesystem::is_directory(folder)) // there are no findings
         return count;
     for (const auto& entry : std::filesystem::directory_iterator(folder))
     {

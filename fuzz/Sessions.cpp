@@ -1,5 +1,5 @@
-// Whole sessions of several connections with a broker, in one process: its ports are lists of socket pairs,
-// and time passes only when the input says so.
+// Fuzzes whole sessions of several connections with a broker, in one process. The ports are lists of socket
+// pairs, and time passes only when the input says so.
 
 #include <array>
 #include <chrono>
@@ -17,16 +17,16 @@
 #include "fuzz/Fuzz.h"
 #include "tests/support/WireFrames.h"
 
-// ------------------------------------------------------------------------ in the place of the broker's own
+// ----------------------------------------------------------------------- replacements for the broker's calls
 //
-// A definition in the program takes the place of the libraries'.
+// A definition in the program replaces the libraries' definition.
 
 namespace
 {
 
 std::chrono::nanoseconds elapsed{0};
 
-/// The connections that wait to be accepted at a port.
+/// The connections that wait for a port to accept them.
 struct Waiting
 {
     int listener = -1; ///< an event counter: readable while connections wait
@@ -80,7 +80,7 @@ Descriptor Listener::accept(sockaddr_in&, bool&)
     return {};
 }
 
-// ---------------------------------------------------------------------------------------------- the clients
+// ----------------------------------------------------------------------------------------------- the clients
 
 namespace
 {
@@ -103,7 +103,7 @@ std::string ready(const std::string& type)
                              WireFrames::command);
 }
 
-/// A client's end of a connection. Looks at all that the broker sends.
+/// A client's end of a connection. Checks everything that the broker sends.
 class Client
 {
 public:
@@ -112,7 +112,7 @@ public:
         std::array<int, 2> ends{};
         Fuzz::require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0,
                       "there is a pair of sockets");
-        // Small, so that the broker finds it full.
+        // Small, so that the broker finds the buffers full.
         constexpr int bytes = 4096;
         for (const int end : ends)
             setsockopt(end, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
@@ -125,13 +125,13 @@ public:
 
     void write(std::string_view bytes)
     {
-        mSaid.append(bytes.substr(0, 64)); // enough to see what it is
+        mSaid.append(bytes.substr(0, 64)); // enough to recognise the messages
         static_cast<void>(!::send(mSocket.number(), bytes.data(), bytes.size(), MSG_NOSIGNAL));
     }
 
     void shakeHands() { write(greeting() + ready(clientTypes[mPort])); }
 
-    /// Takes in what has come. False if nothing had.
+    /// Reads everything that has arrived. Returns false if nothing had arrived.
     bool read()
     {
         static std::array<char, 65536> bytes;
@@ -317,7 +317,7 @@ private:
         }
     }
 
-    // As it would be with an interrupt after each.
+    // One round of the loop, as if an interrupt came after it.
     void round() { mBroker.serveUntil(mInterrupt.number()); }
 
     std::string_view mInput;

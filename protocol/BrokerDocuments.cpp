@@ -12,7 +12,7 @@ namespace BrokerProtocol
 namespace
 {
 
-// The memory of a list with room for more elements than this is not kept for the next message.
+// A list with room for more elements than this is freed after the message, not kept for the next one.
 constexpr std::size_t keptElements = 256;
 
 template <class Element>
@@ -36,7 +36,7 @@ const char* nameOf(Operation operation)
 namespace
 {
 
-// ---- Plain messages, which nearly all are, in the order in which clients write them.
+// ---- Reads plain messages, which nearly all messages are, with their parts in the order that clients use.
 
 bool scanTexts(PlainScanner& scanner, std::vector<std::string_view>& texts)
 {
@@ -134,8 +134,8 @@ void Command::clear()
     empty(mUnescaped);
 }
 
-// At once for all that a long message may hold. A vector that grows needs, while it moves, half as much
-// again. Room that is not used takes no memory.
+// Reserves room for everything that a long message may hold. A growing vector would need half as much again
+// while it moves. Unused room takes no memory.
 void Command::makeRoom(std::size_t bytes)
 {
     constexpr std::size_t shortBytes = 4096;
@@ -147,8 +147,8 @@ void Command::makeRoom(std::size_t bytes)
     texts.reserve(std::min(bytes / shortestText, mostMembers + 1));
 }
 
-// Of members with the same name the last counts: that whose value ends last. A sort that keeps the order
-// would need a second list of members.
+// If several members have the same name, the last one counts: its value ends last in the message. A stable
+// sort would need a second list of members.
 void Command::sortMembers()
 {
     const auto end = [](const Member& member) { return member.value.data() + member.value.size(); };
@@ -164,7 +164,7 @@ void Command::sortMembers()
 namespace
 {
 
-// Behind a comma unless a member list begins with it.
+// A comma comes first, except for the first name of a list.
 void appendName(std::string& to, std::string_view name)
 {
     if (!to.empty() && to.back() != '{')

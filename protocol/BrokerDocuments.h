@@ -14,10 +14,10 @@
 
 /// The documents as the broker reads and writes them. Pure functions; no sockets, no threads.
 ///
-/// Reading a message takes memory and time in proportion to its size: there are five shapes, and what is none
-/// of them is given up where that shows. Members of eleven bytes or more, as short keys with short values
-/// are, take three times their size; no list takes more than mostMembers elements. Nothing here throws but
-/// std::bad_alloc.
+/// Reading a message takes memory and time in proportion to its size. Messages have five shapes, and reading
+/// stops at the first byte that fits none of them. Members of eleven bytes or more, such as short keys with
+/// short values, take three times their size. No list holds more than mostMembers elements. Functions here
+/// throw nothing but std::bad_alloc.
 namespace BrokerProtocol
 {
 
@@ -54,22 +54,22 @@ enum class Operation
     SetTimer,
 };
 
-/// The name under which messages know it.
+/// The name of the operation in messages.
 const char* nameOf(Operation operation);
 
-/// A name and its value, which stand somewhere else.
+/// A name and its value. The texts are stored elsewhere.
 struct Member
 {
     std::string_view name;
     std::string_view value;
 };
 
-/// A message of more members, or list elements, than this is refused: reading it would make others wait.
+/// A message with more members or list elements is refused, because reading it would make others wait.
 constexpr std::size_t mostMembers = 10000;
 
-/// A post or a request as the broker understands it: exactly one member, whose name is an operation's and
-/// whose value has exactly the types that the client writes. The texts stand in the message that was read, or
-/// in this object, where the message spells them with escapes. To be used again for the next message.
+/// A post or a request as the broker reads it. The message has exactly one member, named after an operation;
+/// its value has exactly the types that clients write. Texts point into the message, or into this object
+/// where the message escapes them. The object can be reused for the next message.
 class Command
 {
 public:
@@ -80,11 +80,11 @@ public:
                                          ///< GetStatusDetails, Forget..., SetTimer: in their order
     uint32_t number = 0;                 ///< UpdateSystemTime, SetCounterValue
 
-    /// False if the message is malformed, or no post or no request respectively.
+    /// Returns false if the message is malformed, or is not a post (readPost) or not a request (readRequest).
     bool readPost(std::string_view message);
     bool readRequest(std::string_view message);
 
-    /// The same for a notification: as the post of values, or of events, of which it tells.
+    /// Reads a notification, as the post of values or events that it reports.
     bool readUpdate(std::string_view message);
 
 private:
@@ -97,11 +97,11 @@ private:
     std::vector<char> mUnescaped;
 };
 
-// ---- Each appends to a text.
+// ---- Each of these appends to a text.
 
 void appendText(std::string& to, std::string_view text);
 
-/// "<name>":"<value>", behind a comma unless a member list begins with it.
+/// Appends "<name>":"<value>". A comma comes first, except for the first member of a list.
 void appendMember(std::string& to, const Member& member);
 
 /// {"<key>":{"<name>":"<value>",...}}
@@ -110,23 +110,23 @@ void appendUpdate(std::string& to, const char* key, const std::vector<Member>& m
 void appendStatusValueReply(std::string& to, std::string_view value);
 void appendTimerReply(std::string& to, uint64_t microseconds);
 
-/// As a signed number: above 2^31 the only text that clients of 32 bits read right, too, since atoi() ends
-/// there.
+/// Appends a signed number. Clients read it with atoi(): from 2^31 on, only the signed form is right on 32
+/// bits too.
 void appendCounterReply(std::string& to, uint32_t value);
 
 /// {"<key>":["<text>",...]}
 void appendList(std::string& to, const char* key, const std::vector<std::string_view>& texts);
 
-/// @param isComplete no process is being looked for
+/// @param isComplete whether the broker has finished looking for processes
 void appendClients(std::string& to, const std::vector<Client>& clients, bool isComplete);
 
-/// The object of a key in the answer to getStatusDetails.
+/// Appends the object of one key in the answer to getStatusDetails.
 void appendDetails(std::string& to, const ValueDetails& details);
 
-/// The object of a timer in the answer to getTimers.
+/// Appends the object of one timer in the answer to getTimers.
 void appendTimer(std::string& to, const TimerReading& timer);
 
-/// An object of numbers.
+/// Appends an object of numbers.
 void appendNumbers(std::string& to, const std::map<std::string, uint64_t>& numbers);
 
 } // namespace BrokerProtocol

@@ -7,8 +7,8 @@
 
 #include "protocol/PlainDocument.h"
 
-// Json::Reader and Json::FastWriter are marked as superseded, but their exact behaviour is the wire format:
-// what they accept, and that they write no white space. They are faster than their successors, too.
+// Json::Reader and Json::FastWriter are deprecated, but their exact behaviour is the wire format: what they
+// accept, and that they write no white space. They are also faster than their successors.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace BrokerProtocol
@@ -17,9 +17,9 @@ namespace BrokerProtocol
 namespace
 {
 
-// Plain documents are not JsonCpp's, see PlainDocument.h.
+// JsonCpp handles only documents that are not plain; see PlainDocument.h.
 
-// Writes what `make` returns. JsonCpp reports want of memory by an exception of its own, too.
+// Writes the value that `make` returns. JsonCpp may report a lack of memory by an exception of its own.
 template <class Make>
 std::string write(Make make)
 {
@@ -35,7 +35,7 @@ std::string write(Make make)
     }
 }
 
-// The same under a key.
+// Writes the value that `make` returns as the one member `key` of an object.
 template <class Make>
 std::string writeDocument(const char* key, Make make)
 {
@@ -64,8 +64,8 @@ bool mayBeNestedTooDeep(const std::string& text)
            fewestLevels;
 }
 
-// Any JSON value, or nothing. JsonCpp throws the same on nesting that is too deep for it and on want of
-// memory.
+// Reads any JSON value; returns nothing if the text is not JSON. JsonCpp throws the same exception when the
+// nesting is too deep and when memory runs out.
 std::optional<Json::Value> parse(const std::string& text)
 {
     Json::Value root;
@@ -84,14 +84,15 @@ std::optional<Json::Value> parse(const std::string& text)
     return root;
 }
 
-// A JSON object, or nothing: JsonCpp throws on asking anything else for its members.
+// Reads a JSON object; returns nothing for other values, because JsonCpp throws when they are asked for
+// members.
 std::optional<Json::Value> parseObject(const std::string& text)
 {
     std::optional<Json::Value> root = parse(text);
     return root && root->isObject() ? std::move(root) : std::nullopt;
 }
 
-// Null and the empty array are values without members, as {} is.
+// Null and the empty array count as objects without members, like {}.
 bool isWithoutMembers(const Json::Value& value)
 {
     return value.isNull() || (value.isArray() && value.empty());
@@ -102,7 +103,7 @@ bool isScalar(const Json::Value& value)
     return !value.isArray() && !value.isObject();
 }
 
-// The members as text; nothing if this cannot have members, or one of them is nested.
+// Returns the members as text; nothing if the value cannot have members or a member is nested.
 std::optional<Members> membersOf(const Json::Value& object)
 {
     if (isWithoutMembers(object))
@@ -186,8 +187,8 @@ std::optional<std::string> readStatusValueReply(const std::string& reply)
         return std::string();
     if (!root || !root->isObject())
         return std::nullopt;
-    // For a missing member JsonCpp would return an object of its own, which is destroyed when the process
-    // ends. A query may be answered later.
+    // For a missing member JsonCpp would return a static object. It is destroyed when the process ends, and
+    // an answer may still arrive after that.
     if (!root->isMember(Key::statusValue))
         return std::string();
     const Json::Value& value = (*root)[Key::statusValue];

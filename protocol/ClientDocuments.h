@@ -11,7 +11,7 @@
 
 /// The documents as clients write and read them. Pure functions; no sockets, no threads.
 ///
-/// Nothing here throws but std::bad_alloc: whatever arrives is read, or reported as unreadable.
+/// Functions here throw nothing but std::bad_alloc. They read any text, or report it as unreadable.
 namespace BrokerProtocol
 {
 
@@ -21,9 +21,9 @@ using Members = std::map<std::string, std::string>;
 /// A list of names, in its order.
 using Texts = std::deque<std::string>;
 
-// --------------------------------------------------------------- posts and requests, written by the client
+// ----------------------------------------------------------------- posts and requests, written by the client
 
-/// {"<key>":"<text>"}: the timer posts, and the requests that name one thing.
+/// {"<key>":"<text>"}: the timer posts, and the requests with one name.
 std::string writeText(const char* key, const std::string& text);
 
 /// {"<key>":["<text>",...]}, in list order: resetStatus, getClientInfoValues.
@@ -39,20 +39,21 @@ std::string writeSetCounterValue(const std::string& name, uint32_t value);
 /// The value is the four-letter string "null", not a JSON null.
 std::string writeGetClientInfo();
 
-// ----------------------------------------------------------------------------- replies, read by the client
+// ------------------------------------------------------------------------------- replies, read by the client
 
-/// A {"<key>":"<value>",...} reply; null and [] are replies without members. Nothing for any other text.
+/// Reads a {"<key>":"<value>",...} reply; null and [] are replies without members. Returns nothing for any
+/// other text.
 std::optional<Members> readMapReply(const std::string& reply);
 
-/// A {"statusValue":"<value>"} reply: the value, or empty if the member is missing, as it is from null and
-/// []. Nothing for any other text.
+/// Reads a {"statusValue":"<value>"} reply. Returns "" if the member is missing, also for null and [].
+/// Returns nothing for any other text.
 std::optional<std::string> readStatusValueReply(const std::string& reply);
 
-/// Bare decimal text; 0 for anything else.
+/// Reads bare decimal text; returns 0 for anything else.
 uint64_t readTimerReply(const std::string& reply);
 uint32_t readCounterReply(const std::string& reply);
 
-// ----------------------------------------------------------------------- notifications, read by the client
+// ------------------------------------------------------------------------- notifications, read by the client
 
 struct Notification
 {
@@ -61,24 +62,24 @@ struct Notification
         StatusUpdate,
         EventUpdate,
         Unhandled,  ///< JSON with neither key
-        Unparsable, ///< not JSON, or not of the shape that its key asks for
+        Unparsable, ///< not JSON, or not of the shape that belongs to its key
     };
 
     Kind kind = Kind::Unparsable;
     Members members; ///< in the order of their names
 };
 
-/// Where both keys are present, the status update is read and the event is not looked at. An update that is
-/// null or [] has no members.
+/// If both keys are present, the status update is read and the event is ignored. An update that is null or []
+/// has no members.
 Notification readNotification(const std::string& message);
 
-// ----------------------------------------------------- what the broker counts about itself; tools ask for it
+// --------------------------------------------------------------- the broker's statistics, requested by tools
 
 using Statistics = std::map<std::string, uint64_t>;
 
 std::string writeGetBrokerStatistics();
 
-/// An object of numbers.
+/// Reads an object of numbers.
 std::optional<Statistics> readStatisticsReply(const std::string& reply);
 
 } // namespace BrokerProtocol

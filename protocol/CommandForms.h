@@ -7,7 +7,7 @@
 
 #include "protocol/BrokerDocuments.h"
 
-/// The shapes of posts, requests and notifications. For reading them only.
+/// The shapes of posts, requests and notifications, for reading them.
 namespace BrokerProtocol
 {
 
@@ -60,7 +60,7 @@ inline constexpr std::array<Form, 17> requestForms{{
     {Key::setTimer, Operation::SetTimer, Shape::Texts},
 }};
 
-// A notification is read as the post of which it tells.
+// A notification is read as the post that it reports.
 inline constexpr std::array<Form, 2> updateForms{{
     {Key::statusUpdate, Operation::PostStatus, Shape::Members},
     {Key::eventUpdate, Operation::PostEvent, Shape::Members},

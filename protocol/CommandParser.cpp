@@ -11,8 +11,8 @@ namespace BrokerProtocol
 namespace
 {
 
-// Takes exactly one document: {"<name of a form>":<payload of its shape>}. Gives up at the first thing that
-// does not belong there, so nothing deeper is ever looked at.
+// Accepts exactly one document: {"<name of a form>":<payload of its shape>}. Stops at the first thing that
+// does not belong there, so it never reads anything deeper.
 template <class Forms>
 class Handler : public nlohmann::json::json_sax_t
 {
@@ -26,7 +26,7 @@ public:
 
     bool null() override { return false; }
     bool boolean(bool) override { return false; }
-    bool number_integer(number_integer_t) override { return false; } // only negative ones come here
+    bool number_integer(number_integer_t) override { return false; } // called for negative numbers only
     bool number_float(number_float_t, const string_t&) override { return false; }
     bool binary(binary_t&) override { return false; }
     bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override
@@ -107,9 +107,9 @@ private:
         return mForm != nullptr && mForm->shape == shape && mDepth == depth;
     }
 
-    // Texts are never longer than the message spells them, and it puts quotes around them. So the room that
-    // was made for all of them stays where it is, and there is room for an end of each: no two end at the
-    // same place.
+    // A text is never longer than its spelling in the message, which also has two quotes. So the reserved
+    // room never moves, and each text has room for a terminator. Because of the terminators, no two texts end
+    // at the same place.
     std::string_view keep(const std::string& text)
     {
         const std::size_t before = mUnescaped.size();
@@ -129,7 +129,7 @@ private:
 template <class Forms>
 bool parse(std::string_view message, Command& command, std::vector<char>& unescaped, const Forms& forms)
 {
-    // The library takes a NUL for the end, and would not look at what is behind it. JSON has none.
+    // The library takes a NUL as the end of the text and ignores the rest. JSON contains no NUL.
     if (message.find('\0') != std::string_view::npos)
         return false;
     Handler<Forms> handler(command, unescaped, forms);
@@ -139,7 +139,7 @@ bool parse(std::string_view message, Command& command, std::vector<char>& unesca
     return true;
 }
 
-// The one character that the library escapes, and clients and earlier brokers do not.
+// DEL is the one character that the library escapes although clients and earlier brokers do not.
 void unescapeRubouts(std::string& document)
 {
     constexpr std::string_view escape = "\\u007f";
@@ -152,7 +152,7 @@ void unescapeRubouts(std::string& document)
             from += escape.size();
             continue;
         }
-        const bool isEscape = document[from] == '\\'; // what it escapes may be a backslash, too
+        const bool isEscape = document[from] == '\\'; // the escaped character may be a backslash
         for (std::size_t size = isEscape ? 2 : 1; size > 0; --size)
             document[to++] = document[from++];
     }

@@ -7,18 +7,18 @@
 
 #include "protocol/BrokerDocuments.h"
 
-/// Messages and texts that are not plain, by a JSON library. Seldom used, and large.
+/// Reads and writes messages and texts that are not plain, with a JSON library. Rarely used, and large.
 namespace BrokerProtocol
 {
 
-/// Fills an empty command from a message. False if it is none of the posts, requests or
-/// notifications.
-/// @param unescaped holds the texts; empty, and with room for the whole message
+/// Fills an empty command from a message. Returns false if the message is not a known post, request or
+/// notification, respectively.
+/// @param unescaped receives the texts; must be empty and have room for the whole message
 bool parsePost(std::string_view message, Command& command, std::vector<char>& unescaped);
 bool parseRequest(std::string_view message, Command& command, std::vector<char>& unescaped);
 bool parseUpdate(std::string_view message, Command& command, std::vector<char>& unescaped);
 
-/// The text as JSON shows it, with its quotes. Bytes that are not UTF-8 become U+FFFD.
+/// The text as a JSON string, with quotes. Bytes that are not UTF-8 become U+FFFD.
 std::string escaped(std::string_view text);
 
 } // namespace BrokerProtocol

@@ -18,7 +18,7 @@ bool arePlain(const Members& members)
                        [](const auto& member) { return isPlain(member.first) && isPlain(member.second); });
 }
 
-constexpr std::size_t punctuation = 8; // more than any text takes around it
+constexpr std::size_t punctuation = 8; // no document needs more around its texts
 
 std::size_t sizeOf(const Members& members)
 {

@@ -13,7 +13,7 @@ constexpr bool isPlainCharacter(char character)
 
 } // namespace
 
-// Eight at a time: this is most of what a document costs.
+// Tests eight bytes at a time, because most of a document's cost is here.
 std::size_t PlainText::plainLength(std::string_view text)
 {
     constexpr uint64_t ones = 0x0101010101010101U;
@@ -26,8 +26,8 @@ std::size_t PlainText::plainLength(std::string_view text)
         const uint64_t quotes = bytes ^ (ones * '"');
         const uint64_t slashes = bytes ^ (ones * '\\');
         const uint64_t rubouts = bytes ^ (ones * 0x7F);
-        // The high bit of a byte that is below a space, or 0 after the exclusive or; or that was there
-        // before.
+        // Sets the high bit of each byte below a space, of each byte that the exclusive or made 0, and keeps
+        // those already set.
         const uint64_t odd =
             (bytes - ones * ' ') | (quotes - ones) | (slashes - ones) | (rubouts - ones) | bytes;
         if ((odd & highs) != 0)

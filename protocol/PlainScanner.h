@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <string_view>
 
-/// Texts that a JSON document shows as they are: printable ASCII without quotes and backslashes. Nearly all
-/// texts are.
+/// Plain texts need no escapes in JSON: printable ASCII without quotes and backslashes. Nearly all texts are
+/// plain.
 namespace PlainText
 {
 
-/// How far the text is plain, from its beginning.
+/// The length of the plain beginning of the text.
 std::size_t plainLength(std::string_view text);
 
 inline bool isPlain(std::string_view text)
@@ -19,7 +19,7 @@ inline bool isPlain(std::string_view text)
 
 } // namespace PlainText
 
-/// Reads a JSON document of plain texts and without white space, piece by piece. Any other is left to a
+/// Reads a JSON document of plain texts without white space, piece by piece. All other documents need a
 /// parser.
 class PlainScanner
 {
@@ -34,7 +34,7 @@ public:
         return true;
     }
 
-    /// @param text stands in the document
+    /// @param text points into the document
     bool takeText(std::string_view& text)
     {
         if (!take('"'))
@@ -44,7 +44,8 @@ public:
         return take('"');
     }
 
-    /// {"<name>":"<value>",...}: calls takes(name, value) for each, and goes on while that is true.
+    /// Reads {"<name>":"<value>",...}: calls takes(name, value) for each member, and stops when it returns
+    /// false.
     template <class Takes>
     bool takeMembers(Takes takes)
     {

@@ -9,17 +9,17 @@
 namespace BrokerProtocol
 {
 
-/// The one who posts: a client, as far as the broker knows it.
+/// A client that posts, as far as the broker knows it.
 struct Poster
 {
-    std::string user; ///< its name, or its number; empty: unknown
+    std::string user; ///< its name, or its number as text; empty: unknown
     std::optional<uint32_t> uid;
     std::string service; ///< empty: none, or unknown
     std::string program; ///< empty: unknown
     uint32_t pid = 0;    ///< 0: unknown
 };
 
-/// A poster without its process id: what many posters have in common.
+/// A poster without its process id. Many posters share these names.
 inline auto namesOf(const Poster& poster)
 {
     return std::tie(poster.user, poster.uid, poster.service, poster.program);

@@ -4,12 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The words, places and sizes on which both sides agree. docs/protocol.md shows every message.
+/// The words, endpoints and sizes that both sides share. docs/protocol.md shows every message.
 namespace BrokerProtocol
 {
 
-/// The names of operations and members. Constants without a constructor: they are there before any static
-/// initialiser runs, and still there when the library's threads outlive the end of main().
+/// The names of operations and members. Constants without a constructor exist before any static initialiser
+/// runs, and still exist when the library's threads outlive main().
 namespace Key
 {
 constexpr const char* getClientInfo = "getClientInfo";
@@ -41,15 +41,15 @@ constexpr const char* statusDetails = "statusDetails";
 constexpr const char* forgetStatus = "forgetStatus";
 constexpr const char* forgetTimers = "forgetTimers";
 constexpr const char* forgetCounters = "forgetCounters";
-constexpr const char* forgotten = "forgotten"; ///< the answer to these three
+constexpr const char* forgotten = "forgotten"; ///< the answer to the three above
 constexpr const char* getTimers = "getTimers";
-constexpr const char* timers = "timers"; ///< the answer
+constexpr const char* timers = "timers"; ///< the answer to getTimers
 constexpr const char* getCounters = "getCounters";
-constexpr const char* counters = "counters"; ///< the answer
+constexpr const char* counters = "counters"; ///< the answer to getCounters
 constexpr const char* setTimer = "setTimer";
 } // namespace Key
 
-/// Those numbers of getBrokerStatistics by which readers judge the broker.
+/// The numbers of getBrokerStatistics that the tools use.
 namespace Number
 {
 constexpr const char* posts = "posts";
@@ -73,14 +73,14 @@ constexpr const char* mostDescriptors = "descriptors.limit";
 /// The members of the answer to getBrokerClients. Members that the broker does not know are left out.
 namespace ClientMember
 {
-constexpr const char* clients = "clients";   ///< the list of all
-constexpr const char* complete = "complete"; ///< 0: processes are still looked for, ask again; else 1
+constexpr const char* clients = "clients";   ///< the list of all clients
+constexpr const char* complete = "complete"; ///< 0: still looking for processes, ask again; else 1
 constexpr const char* user = "user";
 constexpr const char* uid = "uid";
 constexpr const char* service = "service";
 constexpr const char* pid = "pid";
 constexpr const char* program = "program";
-constexpr const char* shared = "shared"; ///< other processes have its sockets, too
+constexpr const char* shared = "shared"; ///< other processes also have its sockets
 constexpr const char* since = "since";   ///< microseconds since the Unix epoch
 constexpr const char* connections = "connections";
 constexpr const char* posts = "posts";
@@ -91,8 +91,8 @@ constexpr const char* received = "received"; ///< bytes
 constexpr const char* sent = "sent";         ///< bytes
 } // namespace ClientMember
 
-/// The members of the answer to getStatusDetails, for each key. Those of a client that are unknown are left
-/// out. The user, service, program and process are as in the answer to getBrokerClients.
+/// The members of the answer to getStatusDetails, for each key. Unknown members of a client are left out.
+/// User, service, program and process are as in the answer to getBrokerClients.
 namespace DetailMember
 {
 constexpr const char* value = "value";
@@ -101,7 +101,7 @@ constexpr const char* changed = "changed"; ///< microseconds since the Unix epoc
 constexpr const char* posts = "posts";
 constexpr const char* changes = "changes";
 constexpr const char* poster = "poster";
-constexpr const char* changer = "changer"; ///< left out if it is the same client
+constexpr const char* changer = "changer"; ///< left out if it is the poster
 } // namespace DetailMember
 
 /// The members of the answer to getTimers, for each timer.
@@ -116,7 +116,7 @@ constexpr const char* running = "running";         ///< 1 or 0
 constexpr const char* timerRuns = "running";
 constexpr const char* timerStands = "stopped";
 
-/// The members of the answer to getPolicyDecision: an error, or the two others.
+/// The members of the answer to getPolicyDecision: either the error, or the two others.
 namespace DecisionMember
 {
 constexpr const char* error = "error";
@@ -128,14 +128,14 @@ constexpr const char* reason = "reason";
 constexpr const char* syncWord = "Sync";
 constexpr const char* syncAckWord = "SyncAck";
 
-/// The broker's answer to "Sync" where posts may have been lost that the client made before. Any word but
-/// "SyncAck" makes sync() return false.
+/// The broker's answer to "Sync" when earlier posts of the client may have been lost. Any word but "SyncAck"
+/// makes sync() return false.
 constexpr const char* syncLostWord = "SyncLost";
 
 /// Messages travel in frames of at most this many bytes.
 constexpr std::size_t maxFrameBytes = 512;
 
-/// Where the broker serves.
+/// The broker's addresses.
 constexpr uint16_t requestPort = 5555;
 constexpr uint16_t postPort = 5556;
 constexpr uint16_t notifyPort = 5557;

@@ -7,7 +7,7 @@
 #include "statusmanager/helpers/Waiting.h"
 
 /// @file
-/// The namespace status: everyday tasks in one line, on top of the interface of StatusManager.h. All of it is
-/// in the library libstatushelpers. helpers/FakeStatusManager.h, for unit tests, is included by itself.
+/// The namespace status: everyday tasks in one line, on top of StatusManager.h. The library libstatushelpers
+/// contains the code. Include helpers/FakeStatusManager.h, for unit tests, separately.
 
 #endif

@@ -42,7 +42,7 @@ OutgoingMessage::~OutgoingMessage()
 std::optional<int> OutgoingMessage::send(void* socket, const std::string& text)
 {
     const std::size_t full = (text.size() - 1) / maxFrameBytes;
-    // Computed from the whole length, not from the remainder. Kept on purpose: a message whose length is a
+    // Computed from the whole length, not from the remainder. This is deliberate: a message whose length is a
     // multiple of 512 ends with an empty frame and loses its final 512 bytes.
     const std::size_t lastSize = text.size() % maxFrameBytes;
     if (full == 0 && mFlow == nullptr)
@@ -89,6 +89,6 @@ int OutgoingMessage::sendLast(void* socket)
         mHoldsLast = sent == -1;
         return sent;
     }
-    mHoldsLast = false; // it goes or is discarded
+    mHoldsLast = false; // sendLastFrame() sends or frees it
     return mFlow->sendLastFrame(socket, mLast);
 }

@@ -13,41 +13,41 @@
 namespace
 {
 
-// libzmq's limit is 1,000, but it returns room in steps of 500, so up to 499 posts may have left without
-// their room being free again. At most 500 may be sent beside them before libzmq looks for returned room. If
-// many are still under way then, some must leave first, as looking and waiting cost more than sending.
+// libzmq's limit is 1,000, but it frees room in steps of 500. So up to 499 posts may have left although their
+// room is not free yet. At most 500 more may be sent before libzmq must look for freed room. If many posts
+// are unreleased at that point, some must leave first, because looking and waiting cost more than sending.
 constexpr unsigned mostUnderWay = 500;
 constexpr unsigned fewUnderWay = 400;
 
-// libzmq has dropped a message if it lets go of it inside the call that sends it: nobody has subscribed, or
-// there is no room.
+// If libzmq releases a message inside the call that sends it, it has dropped the message. It drops when there
+// is no subscriber or no room.
 thread_local bool isSending = false;
 thread_local unsigned droppedNow = 0;
 
 constexpr int promptLooks = 20;
 constexpr useconds_t pauseMicroseconds = 50;
 
-// If a pause lasts longer, this thread was not running, or the process was stopped. The broker did not cause
-// that, so it costs nothing of the budget.
+// If a pause lasts longer, this thread did not run or the process was stopped. The broker did not cause that,
+// so the rest of the pause is not charged to the budget.
 constexpr std::chrono::microseconds longestPause{10000};
 
-// A broker that takes 10,000 posts a second is waited for without end. A slower one has the kernel's buffers,
-// which hold bursts of tens of thousands of posts, and the budget.
+// Posts wait without limit for a broker that takes 10,000 posts a second. For a slower broker there are the
+// budget and the kernel's buffers, which hold bursts of tens of thousands of posts.
 constexpr std::chrono::microseconds returnedByOnePost{100};
 
-// Long enough that an overload with short pauses is reported as one.
+// Long enough that an overload with short pauses is reported once.
 constexpr std::chrono::seconds quietAfterDropping{1};
 
 } // namespace
 
-/// The bytes of a post on their way. They stand behind the object, so that one piece of memory holds both.
+/// The bytes of a post that is being sent. They follow the object, so that one allocation holds both.
 struct PostFlow::Frame
 {
     std::shared_ptr<Count> released;
 
     char* bytes() { return reinterpret_cast<char*>(this + 1); }
 
-    // Null when there is no memory.
+    // Returns null when memory runs out.
     static Frame* make(const std::shared_ptr<Count>& released, const char* bytes, std::size_t size)
     {
         void* memory = std::malloc(sizeof(Frame) + size);
@@ -64,7 +64,7 @@ struct PostFlow::Frame
         std::free(frame);
     }
 
-    // Called by libzmq, on whatever thread.
+    // Called by libzmq, on any thread.
     static void release(void*, void* hint)
     {
         auto* frame = static_cast<Frame*>(hint);
@@ -111,7 +111,7 @@ int PostFlow::sendLastFrame(void* socket, zmq_msg_t& message)
 void PostFlow::discardLastFrame(zmq_msg_t& message)
 {
     const int error = errno;
-    isSending = true; // so that it is not taken for one that has left
+    isSending = true; // so that release() does not count it as sent
     zmq_msg_close(&message);
     isSending = false;
     errno = error;
@@ -149,8 +149,8 @@ void PostFlow::awaitUnderWay(void* socket, unsigned most, std::chrono::microseco
     letLibzmqLook(socket);
 }
 
-// Whether libzmq may have no room for a post, as far as it knows: it takes notice of returned room only once
-// in 3,000,000 ticks of its clock, in which thousands of posts may be sent.
+// Whether libzmq may believe that it has no room for a post. It looks for freed room only once in 3,000,000
+// ticks of its clock, in which thousands of posts may be sent.
 bool PostFlow::mayBeFull() const
 {
     return mSent - mRoomKnown >= mostUnderWay;

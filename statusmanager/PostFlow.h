@@ -8,37 +8,37 @@
 
 struct zmq_msg_t;
 
-/// Sends posts so that a burst is not lost in this process, and notices when posts are lost all the same.
+/// Sends posts so that this process does not lose a burst, and notices when posts are lost nevertheless.
 ///
-/// libzmq keeps at most 1,000 messages of a PUB socket for its I/O thread and drops what comes beyond,
-/// silently. It also reports when it has let go of a message. So the number under way is known, and a post
-/// waits while there are many.
+/// libzmq queues at most 1,000 messages of a PUB socket for its I/O thread, and silently drops more. But it
+/// reports when it has released a message. So the number of unreleased posts is known, and a post waits while
+/// there are many.
 ///
-/// Waiting has a budget, as the same thread serves listeners and queries. The budget is a second; each post
-/// that leaves returns a tenth of a millisecond of it, and all of it returns when every post has left. So a
-/// broker that takes 10,000 posts a second is waited for without end, and one that is slower, or gone, for a
-/// second and what its posts return. Beyond that posts are sent without waiting, and libzmq drops those for
-/// which it has no room.
+/// Waiting has a budget, because the same thread serves listeners and queries. The budget is one second. Each
+/// post that leaves refills it by a tenth of a millisecond, and it is full again when every post has left. So
+/// a post waits without limit for a broker that takes 10,000 posts a second. For a slower or absent broker,
+/// posts wait one second plus the refills. After that, posts are sent without waiting, and libzmq drops those
+/// for which it has no room.
 ///
-/// One thread; libzmq's own threads only report.
+/// Used by one thread only; libzmq's own threads only report released messages.
 class PostFlow
 {
 public:
-    /// Makes a post's last frame, which is then sent or discarded. False, with ENOMEM, when there is no
-    /// memory.
+    /// Makes a post's last frame, which must then be sent or discarded. Returns false, with errno ENOMEM,
+    /// when memory runs out.
     bool makeLastFrame(zmq_msg_t& message, const char* bytes, std::size_t size);
 
-    /// As zmq_send() of a frame that makeLastFrame() has made. Needs no memory, throws nothing.
+    /// Sends a frame of makeLastFrame(), with the result of zmq_send(). Needs no memory, throws nothing.
     int sendLastFrame(void* socket, zmq_msg_t& message);
 
-    /// Lets go of a frame that is not to be sent. Keeps errno.
+    /// Frees a frame that is not to be sent. Keeps errno.
     static void discardLastFrame(zmq_msg_t& message);
 
-    /// Waits until libzmq has taken up all posts, so that a request cannot overtake them inside this process;
-    /// at most `limit`, and never longer than the budget.
+    /// Waits until libzmq has released all posts, so that a request cannot overtake them inside this process.
+    /// Waits at most `limit`, and never longer than the budget.
     void flush(void* socket, std::chrono::microseconds limit);
 
-    /// Takes notice of what has left meanwhile, as sending and flushing do.
+    /// Counts the posts that have left meanwhile. Sending and flushing do this too.
     void look();
 
     enum class News
@@ -73,13 +73,13 @@ private:
 
     unsigned mSent = 0;
     unsigned mKnownReleased = 0;
-    unsigned mRoomKnown = 0; ///< the room of so many is known to libzmq, too, but for up to 499
+    unsigned mRoomKnown = 0; ///< released posts whose room libzmq knows to be free, except up to 499
     std::chrono::microseconds mBudget = wholeBudget;
     bool mIsDropping = false;
     bool mWasDropping = false; ///< when takeNews() was last called
     unsigned mDropped = 0;
     Clock::time_point mLastDrop;
-    /// libzmq may let go of the last ones after this object's end.
+    /// Shared, because libzmq may release the last posts after this object is gone.
     std::shared_ptr<Count> mReleased = std::make_shared<Count>(0);
 };
 

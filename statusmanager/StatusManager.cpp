@@ -18,15 +18,15 @@ using namespace Orvane;
 
 using veskcommon::Stopwatch;
 
-// Log lines print each function's signature as its definition spells it, and these have always shown a
-// reference to a string as "const string&".
+// Log lines print each function's signature as its definition spells it. They have always shown a string
+// reference as "const string&".
 using string = std::string;
 
 namespace
 {
 
-// Adds keys to a listener's list, and takes them back unless the subscription is kept: one that fails half
-// way, for want of memory, leaves nothing behind.
+// Adds keys to a listener's list, and removes them again unless keep() is called. So a subscription that runs
+// out of memory half way leaves nothing behind.
 class Subscription
 {
 public:
@@ -44,7 +44,7 @@ public:
     Subscription(const Subscription&) = delete;
     Subscription& operator=(const Subscription&) = delete;
 
-    // False if it is there already.
+    // Returns false if the list already has the key.
     bool add(const std::string& key)
     {
         if (mIndex.in(mList).contains(key))
@@ -53,7 +53,7 @@ public:
         return true;
     }
 
-    // Of the keys that were added, those with a value.
+    // Returns the values of the added keys; keys without a value are left out.
     StatusMap valuesIn(const StatusMap& values) const
     {
         StatusMap found;
@@ -75,8 +75,8 @@ private:
     bool mKept = false;
 };
 
-// Takes keys out of a listener's list. The keys may be that list itself, which must not be gone through while
-// it changes.
+// Removes keys from a listener's list. `keys` may be that list itself, which must not be iterated while it
+// changes.
 void take(SubscriptionIndex& index, StatusKeys& list, const StatusKeys& keys)
 {
     if (&keys == &list)
@@ -89,7 +89,7 @@ void take(SubscriptionIndex& index, StatusKeys& list, const StatusKeys& keys)
         index.erase(list, key);
 }
 
-// Stores the values, and returns those that were there. All memory is taken before anything changes.
+// Stores the values and returns the replaced ones. Needs no memory of its own: the nodes of `values` move.
 StatusMap exchangeValues(StatusMap& store, StatusMap values)
 {
     StatusMap before;
@@ -104,7 +104,7 @@ StatusMap exchangeValues(StatusMap& store, StatusMap values)
     return before;
 }
 
-// Takes such values back, except those that others have replaced since. Takes no memory.
+// Restores the values before exchangeValues(), except those replaced again since. Needs no memory.
 void giveBackValues(StatusMap& store, const StatusMap& values, StatusMap& before)
 {
     for (const auto& [key, value] : values)
@@ -120,8 +120,8 @@ void giveBackValues(StatusMap& store, const StatusMap& values, StatusMap& before
     }
 }
 
-// Calls `tell` with the record of each listener that can be called. A listener for which memory runs out does
-// not keep the others from being told.
+// Calls `tell` with the record of each listener that can be called. If memory runs out for one listener, the
+// others are still called.
 template <class Listeners, class Tell>
 void tellEach(const Listeners& listeners, Tell tell)
 {
@@ -178,11 +178,11 @@ StatusManager::~StatusManager()
         OV_TRACE(6);
         mThread.removeAgentsByReceiver(this);
     }
-    // Before the fields go, and not only with mThread as the last of them: an agent that is being delivered
-    // now may use them to its end.
+    // Stops the thread before any member is destroyed: an agent that is being delivered may use the members
+    // until it ends.
     mThread.stop();
-    // The records in mListeners are left unfreed, as the one instance of a process, which is never destroyed,
-    // leaves them too.
+    // The records in mListeners are not freed. The process's one instance never frees them either, because it
+    // is never destroyed.
 }
 
 // ------------------------------------------------------------------------------------------- status values
@@ -226,7 +226,7 @@ void StatusManager::postStatus(std::string key, std::string value)
                         overload<std::string, std::string>(&StatusManager::postStatus), std::move(key),
                         std::move(value));
     OV_TRACE(7);
-    // Through the virtual table: an implementation that replaces the collection form gets single keys too.
+    // A virtual call: an implementation that overrides the collection form also handles single keys.
     postStatus(StatusMap{{std::move(key), std::move(value)}});
 }
 
@@ -252,7 +252,7 @@ void StatusManager::resetStatus(std::string key)
         return postCall(OV_SITE, mThread, this, overload<std::string>(&StatusManager::resetStatus),
                         std::move(key));
     OV_TRACE(7);
-    // Through the virtual table, as with postStatus().
+    // A virtual call, as in postStatus().
     resetStatus(StatusKeys{key});
 }
 
@@ -272,9 +272,9 @@ void StatusManager::resetStatus(StatusKeys keys)
     storeAndNotify(changes);
 }
 
-// Stores before it tells anybody: a callback that is made in place finds the new values, and what it posts
-// itself is the later post. Where memory runs out, the old values are given back. Otherwise some listener
-// would not know of a value that no repeated post tells.
+// Stores before it calls listeners: a callback that runs in place sees the new values, and its own posts
+// count as later ones. If memory runs out, the old values are restored. Otherwise a listener could miss a
+// value for ever, because a repeated post of it would not be a change.
 void StatusManager::storeAndNotify(const StatusMap& changes)
 {
     StatusMap before = exchangeValues(mStatusValues, changes);
@@ -343,7 +343,7 @@ void StatusManager::registerListener(IStatusUpdateListener* listener, EventDispa
     }
     std::unique_ptr<ClientListenerInfo> info(new ClientListenerInfo{listener, dispatcher, {}, {}});
     mListeners.emplace(listener, info.get());
-    static_cast<void>(info.release()); // the registry's now
+    static_cast<void>(info.release()); // now owned by the registry
 }
 
 void StatusManager::unregisterListener(IStatusUpdateListener* listener)
@@ -351,13 +351,13 @@ void StatusManager::unregisterListener(IStatusUpdateListener* listener)
     OV_TRACE(7);
     if (mThread.isThreadCurrent())
     {
-        // Refused although the removal could be made right here. Intended.
+        // Refused although the removal would be possible here. This is intended.
         OV_LOG(1, "StatusManager should never be calling unregisterListener from its own thread");
         return;
     }
     EventDispatcher* dispatcher =
         callAndWait(OV_SITE, mThread, this, &StatusManager::unregisterListenerHelper, listener);
-    // The record is gone, so nothing new is sent to the listener; what was sent before is dropped here.
+    // The record is gone, so nothing new is sent to the listener. Callbacks sent before are dropped here.
     if (dispatcher != nullptr)
         dispatcher->removeAgentsByReceiver(listener);
 }
@@ -410,8 +410,8 @@ void StatusManager::registerForStatus(IStatusUpdateListener* listener, StatusKey
             OV_LOG(6, "Listener already registered for status");
     }
 
-    // Asked even when nothing was added, and the callback is sent even when it is empty: every accepted call
-    // is answered by exactly one.
+    // Queries the values even when no key was added, and sends the callback even when it is empty: every
+    // accepted call causes exactly one callback.
     const StatusMap current = getClientInfo();
     if (info->dispatcher != nullptr)
         postCall(OV_SITE, *info->dispatcher, listener, &IStatusUpdateListener::onStatusUpdate,
@@ -470,7 +470,7 @@ void StatusManager::registerForEvent(IStatusUpdateListener* listener, EventKeys 
 
 void StatusManager::unregisterForEvent(IStatusUpdateListener* listener, const string& name)
 {
-    OV_TRACE(7); // the only single-key form that traces; kept so
+    OV_TRACE(7); // the only single-key form that traces; intended
     unregisterForEvent(listener, EventKeys{name});
 }
 
@@ -516,8 +516,8 @@ void StatusManager::handleEventUpdate(std::string name, std::string value)
 
 // ---------------------------------------------------------------------------------------- timers, counters
 //
-// Every operation works on a copy that getTimer() or getCounter() made and drops it: the stores only remember
-// which names were used. Required as it stands; a stored timer never runs, a stored counter stays 0.
+// Every operation works on a copy from getTimer() or getCounter() and discards it, so the stores only
+// remember the used names. This is required: a stored timer never runs, and a stored counter stays 0.
 
 void StatusManager::getTimer(const string& name, Stopwatch& out)
 {
@@ -615,7 +615,7 @@ uint64_t StatusManager::getTimerElapsedSeconds(const string& name)
         return callAndWait(OV_SITE, mThread, this, &StatusManager::getTimerElapsedSeconds, name);
     OV_TRACE(7);
     constexpr uint64_t microsecondsPerSecond = 1000000;
-    return getTimerElapsed(name) / microsecondsPerSecond; // virtual: with a broker, the broker's answer
+    return getTimerElapsed(name) / microsecondsPerSecond; // virtual: the broker client asks the broker
 }
 
 uint64_t StatusManager::getTimerLastStarted(const string& name)
@@ -665,7 +665,7 @@ void StatusManager::updateSystemTime(uint32_t seconds)
     OV_TRACE(7);
     timeval time{};
     time.tv_sec = static_cast<decltype(time.tv_sec)>(seconds);
-    static_cast<void>(settimeofday(&time, nullptr)); // a process without the privilege stays silent
+    static_cast<void>(settimeofday(&time, nullptr)); // fails silently without the privilege
 }
 
 bool StatusManager::sync(int timeoutMs)
@@ -673,5 +673,5 @@ bool StatusManager::sync(int timeoutMs)
     if (!mThread.isThreadCurrent())
         return callAndWait(OV_SITE, mThread, this, &StatusManager::sync, timeoutMs);
     OV_TRACE(7);
-    return true; // all that was queued before has been done
+    return true; // all work queued before is done
 }

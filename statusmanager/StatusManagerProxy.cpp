@@ -20,8 +20,8 @@ using namespace Orvane;
 
 namespace Key = BrokerProtocol::Key;
 
-// Log lines print each function's signature as its definition spells it, and these have always shown a
-// reference to a string as "const string&".
+// Log lines print each function's signature as its definition spells it. They have always shown a string
+// reference as "const string&".
 using string = std::string;
 
 namespace
@@ -29,11 +29,11 @@ namespace
 
 constexpr int noTimeLimit = -1;
 
-// A query waits so long at most for posts to leave this process. With the pause behind a receive that timed
-// out, sync() still returns within 100 ms of its time limit.
+// The longest time that a query waits for posts to leave this process. With it and the pause after a
+// time-out, sync() still returns within 100 ms of its time limit.
 constexpr std::chrono::milliseconds longestWaitForPosts{80};
 
-// A sync() is a barrier, so it waits longer, if it has the time.
+// sync() is a barrier, so it waits longer if its time limit allows.
 constexpr std::chrono::milliseconds longestWaitForPostsOfSync{1000};
 
 std::chrono::milliseconds waitForPostsOfSync(int timeoutMs)
@@ -44,8 +44,8 @@ std::chrono::milliseconds waitForPostsOfSync(int timeoutMs)
                     std::min(longestWaitForPostsOfSync, std::chrono::milliseconds(timeoutMs)));
 }
 
-// The time that is left for the answer. A wait for posts no longer than a query's costs nothing of it, nor
-// does time in which this process did not run.
+// The time left for the answer. The first 80 ms of waiting for posts are not charged, nor is time in which
+// this process did not run.
 int timeForAnswer(int timeoutMs, std::chrono::milliseconds longestWait, std::chrono::milliseconds waited)
 {
     const auto charged = std::min(waited, longestWait) - longestWaitForPosts;
@@ -75,7 +75,7 @@ StatusManagerProxy::StatusManagerProxy() : mNotifyThread("ProcessStatusMessage",
     }
     catch (...)
     {
-        closeSockets(); // neither thread uses them: queueing the notify loop is the last step
+        closeSockets(); // neither thread uses them yet: initSockets() queues the notify loop last
         throw;
     }
 }
@@ -91,8 +91,8 @@ StatusManagerProxy::~StatusManagerProxy()
     }
     catch (const std::bad_alloc&)
     {
-        // Only by steps that take no memory. Calls still queued on the manager's thread are dropped unsent.
-        // The sockets are closed on this thread, as the two that used them have ended.
+        // Only steps that need no memory. Calls still queued on the manager's thread are dropped unsent. This
+        // thread closes the sockets, because the two threads that used them have ended.
         mNotifyThread.stop();
         mThread.removeAgentsByReceiver(this);
         mThread.stop();
@@ -100,9 +100,9 @@ StatusManagerProxy::~StatusManagerProxy()
     }
 }
 
-// The manager's thread goes on working until the notify loop has ended: what was posted before is sent, and
-// the notification that ends the loop reaches its listeners. Only then is the rest dropped and the thread
-// stopped, as the teardown closes the manager's sockets on the notify thread.
+// The manager's thread works until the notify loop has ended: it sends earlier posts and passes on the
+// notification that ends the loop. Only then the rest is dropped and the thread stopped, because the notify
+// thread closes the manager's sockets.
 void StatusManagerProxy::endCalls()
 {
     callAndWait(OV_SITE, mNotifyThread, this, &StatusManagerProxy::passBy);
@@ -111,14 +111,14 @@ void StatusManagerProxy::endCalls()
     mThread.stop();
 }
 
-// In this order, so that the notify loop, when it ends, knows that closeSockets() will follow.
+// In this order, so that the ending notify loop sees that closeSockets() will follow.
 void StatusManagerProxy::requestEnd()
 {
     mEnding.store(true, std::memory_order_relaxed);
     mShutdown.store(true, std::memory_order_release);
 }
 
-// A thread that has come to this has done what was queued before.
+// When a thread executes this, it has finished everything queued before.
 void StatusManagerProxy::passBy() {}
 
 void StatusManagerProxy::initSockets()
@@ -188,9 +188,9 @@ void StatusManagerProxy::closeSockets()
     if (mNotifySocketLeft)
         zmq_close(mNotifySocket);
     zmq_close(mPostSocket);
-    // This one is closed already. The repeated close is required; libzmq refuses it (ENOTSOCK), unless a new
-    // socket of this process has been given the memory of the old. So nothing that takes time may come in
-    // between.
+    // mNotifySocket is already closed here. The repeated close is required. libzmq refuses it (ENOTSOCK),
+    // unless a new socket of this process has reused the memory. So nothing slow may happen between the two
+    // closes.
     zmq_close(mNotifySocket);
     zmq_close(mRequestSocket);
     zmq_ctx_destroy(mZmqContext);
@@ -231,14 +231,13 @@ bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)
         }
         if (size == 0)
         {
-            // Also where it is in the middle of a message, the rest of which must not pass for a message of
-            // its own.
+            // If the frame is inside a message, the rest of that message must not be taken for a new message.
             OV_LOG(2, "Read 0 bytes from StatusBroker");
             return discardRestOfMessage(socket);
         }
         if (static_cast<std::size_t>(size) > buffer.size())
         {
-            // The size is the frame's, of which only a buffer's worth was copied.
+            // `size` is the frame's length; zmq_recv() copied only as much as the buffer holds.
             OV_LOG(0, "Frame of %d bytes on zmq socket exceeds %zu, message dropped", size, buffer.size());
             return discardRestOfMessage(socket);
         }
@@ -256,7 +255,7 @@ bool StatusManagerProxy::receiveOnSocket(void* socket, std::string& message)
     return true;
 }
 
-// Always false: the result of the receive that gave the message up.
+// Always returns false, as the result of the failed receive.
 bool StatusManagerProxy::discardRestOfMessage(void* socket)
 {
     while (!isLastFrame(socket))
@@ -275,7 +274,7 @@ bool StatusManagerProxy::sendRequest(const string& request, std::string& reply, 
     for (int attempt = 1; attempt <= maxAttempts; ++attempt)
     {
         if (zmq_setsockopt(mRequestSocket, ZMQ_RCVTIMEO, &timeoutMs, sizeof(timeoutMs)) != 0)
-            OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket"); // names the wrong socket; kept word for word
+            OV_LOG(0, "Failed to zmq_setsockopt mNotifySocket"); // names the wrong socket; deliberate
         OV_LOG(6, "Sending request message [%s]", request.c_str());
         if (!sendOnSocket(mRequestSocket, request))
         {
@@ -304,7 +303,7 @@ void StatusManagerProxy::sendPost(std::string message)
     logDropping();
 }
 
-// Returns how long it took.
+// Returns how long it waited.
 std::chrono::milliseconds StatusManagerProxy::awaitPosts(std::chrono::milliseconds limit)
 {
     using Clock = std::chrono::steady_clock;
@@ -332,7 +331,7 @@ void StatusManagerProxy::logDropping()
         watchDropping();
 }
 
-// Without it, the end would be noticed by the next post or query only.
+// Without this, only the next post or query would notice the end of dropping.
 void StatusManagerProxy::watchDropping()
 {
     constexpr uint32_t intervalMs = 1000;
@@ -343,7 +342,7 @@ void StatusManagerProxy::watchDropping()
     }
     catch (const std::bad_alloc&)
     {
-        // The next post tries again. This one has been sent.
+        // The next post tries again. This post has already been sent.
     }
 }
 
@@ -395,12 +394,12 @@ void StatusManagerProxy::processStatusMessages(void* context)
         }
         catch (const std::bad_alloc&)
         {
-            // Without the loop, this process would never hear of anything again.
+            // The loop must not end: this process would never receive a notification again.
             OV_LOG(0, "A notification was lost for want of memory");
         }
     }
-    // The handle stays as it is for the repeated close. That may come much later, as the destructor has the
-    // manager's thread finish its work first; so both closes are left to closeSockets().
+    // The handle keeps its value for the repeated close. The destructor lets the manager's thread finish its
+    // work first, so the repeated close may come much later. Then closeSockets() does both closes.
     mNotifySocketLeft = mEnding.load(std::memory_order_relaxed);
     if (!mNotifySocketLeft)
         zmq_close(mNotifySocket);
@@ -514,19 +513,19 @@ void StatusManagerProxy::setCounterValue(std::string name, uint32_t value)
 
 // ------------------------------------------------------------------------------------------------- queries
 
-/// A query as the log shows it, and its request.
+/// A query: its request, and how log lines show it.
 struct StatusManagerProxy::Query
 {
-    const char* function; // the operation's signature, under which all of its lines are logged
+    const char* function; // the operation's signature, shown in its log lines
     const char* name;
     std::string request;
-    const char* key = nullptr; // shown behind the name, if there is one
+    const char* key = nullptr; // shown after the name unless null
 };
 
 namespace
 {
 
-// Whether a reply could be read. A number always can: text that is none counts as 0.
+// Whether a reply could be read. Reading a number always succeeds: other text counts as 0.
 template <class Value>
 bool isRead(const std::optional<Value>& value)
 {
@@ -553,7 +552,7 @@ Answer StatusManagerProxy::ask(const Query& query, Answer (*read)(const std::str
                      query.name, query.key);
         return Answer();
     }
-    if (reply.empty()) // and is read on: it does not parse, or counts as 0
+    if (reply.empty()) // read() handles it too: not JSON, or the number 0
         ov_log_print(2, query.function, OV_LOG_FILE, __LINE__, "Empty response from StatusBroker!");
     Answer answer = read(reply);
     if (!isRead(answer))

@@ -14,7 +14,7 @@ StatusManagerStub::~StatusManagerStub()
     {
         OV_TRACE(6);
     }
-    mThread.stop(); // it may be in an operation of this class
+    mThread.stop(); // the thread may be in an operation of this class
 }
 
 void StatusManagerStub::updateSystemTime(uint32_t)
@@ -104,7 +104,7 @@ bool StatusManagerStub::sync(int)
     return true;
 }
 
-// The by-value operations: reached through a StatusManagerStub only.
+// The by-value operations, which callers reach only through a StatusManagerStub.
 
 std::string StatusManagerStub::getClientInfoValue(std::string)
 {

@@ -3,17 +3,17 @@
 
 #include "statusmanager/StatusManager.h"
 
-// Hiding the base's overloads is this class's nature, see below.
+// This class hides overloads of the base class on purpose; see below.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Woverloaded-virtual"
 
-/// The inert manager, for where no broker is wanted: it talks to nobody and delivers nothing. Its operations
-/// only trace, on the caller's thread, and return a neutral result.
+/// The inert manager, for programs without a broker: it communicates with nothing and delivers nothing. Its
+/// operations only trace, on the caller's thread, and return a neutral result.
 ///
-/// It is not a complete null object, and is to stay so: ten of the base's operations are not overridden but
-/// hidden by operations of the same name with by-value parameters. Through a StatusManager pointer, as
-/// getInstance() returns it, those ten and getTimerElapsedSeconds() and both resetStatus() reach the base's
-/// local stores; through a StatusManagerStub they are inert as well.
+/// It is deliberately not a complete null object. It does not override ten operations of the base class, but
+/// hides them by operations of the same name with by-value parameters. Through a StatusManager pointer, as
+/// getInstance() returns it, these ten, getTimerElapsedSeconds() and both resetStatus() use the base's local
+/// stores. Through a StatusManagerStub the ten are inert too.
 class OV_EXPORT StatusManagerStub : public StatusManager
 {
 public:
@@ -35,7 +35,7 @@ public:
     void registerForEvent(IStatusUpdateListener* listener, std::string name) override;
     void registerForEvent(IStatusUpdateListener* listener, EventKeys names) override;
     void postEvent(std::string name, std::string value, uint32_t delay) override;
-    /// True at once.
+    /// Returns true at once.
     bool sync(int timeoutMs) override;
 
     ~StatusManagerStub() override;

@@ -8,7 +8,7 @@
 #include <utility>
 
 /// @file
-/// The types of the values that the status manager handles.
+/// The types of the status manager's arguments and results.
 
 /// Status values by key, in byte-wise order of the keys.
 using StatusMap = std::map<std::string, std::string>;

@@ -2,7 +2,7 @@
 
 #include <new>
 
-// Null when there is no memory. The part that is covered by then is kept, and a later lookup goes on from
+// Returns null when memory runs out. The part indexed so far is kept, and a later lookup continues from
 // there.
 const SubscriptionIndex::Index* SubscriptionIndex::cover(const StatusKeys& list)
 {
@@ -35,7 +35,7 @@ void SubscriptionIndex::popBack(StatusKeys& list)
     list.pop_back();
 }
 
-// An element that is not covered yet leaves the list from behind those that are.
+// An element that is not yet indexed is behind all indexed ones, so its removal does not change `covered`.
 void SubscriptionIndex::leaveOut(const StatusKeys& list, const std::string& key)
 {
     const auto index = mIndexes.find(&list);

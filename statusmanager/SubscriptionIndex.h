@@ -8,16 +8,15 @@
 
 #include "statusmanager/StatusTypes.h"
 
-/// Finds a key in a listener's list, among thousands as fast as among a few: every update is looked up for
-/// every listener. Short lists are searched from the front. A long list gets an index of its own, here beside
-/// the listener's record, when it is first looked up; it is searched from the front where there is no memory
-/// for one.
+/// Finds a key in a listener's list, among thousands as fast as among a few. Speed matters, because every
+/// update is looked up for every listener. Short lists are searched from the front. A long list gets an index
+/// here when it is first looked up. If there is no memory for the index, the list is searched from the front.
 class SubscriptionIndex
 {
     struct Index
     {
         std::unordered_set<std::string> keys;
-        std::size_t covered = 0; ///< so many elements from the front of the list are in `keys`
+        std::size_t covered = 0; ///< number of elements, from the front of the list, that are in `keys`
     };
 
 public:
@@ -38,17 +37,18 @@ public:
         Lookup(const StatusKeys& list, const Index* index) : mList(list), mIndex(index) {}
 
         const StatusKeys& mList;
-        const Index* mIndex; ///< null where the list is searched
+        const Index* mIndex; ///< null: search the list
     };
 
-    /// To look up several keys in a row. The list must live and stay as it is as long as the result is used.
+    /// Returns a lookup for several keys in a row. The list must live and must not change while the result is
+    /// used.
     Lookup in(const StatusKeys& list) noexcept
     {
         constexpr std::size_t longestSearched = 8;
         return {list, list.size() <= longestSearched ? nullptr : cover(list)};
     }
 
-    /// Erases the first equal element, if there is one.
+    /// Erases the first element that equals the key, if there is one.
     void erase(StatusKeys& list, const std::string& key);
 
     /// Erases the last element.

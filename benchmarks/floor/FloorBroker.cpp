@@ -1,5 +1,5 @@
-// A broker that does only what cannot be left out: floorbroker raw|json REQUESTS POSTS NOTIFICATIONS (ports)
-// Says "ready" on its standard output, and serves until it is ended.
+// A broker that does only the indispensable: floorbroker raw|json REQUESTS POSTS NOTIFICATIONS (ports)
+// Prints "ready" on its standard output, and serves until it is ended.
 
 #include <array>
 #include <cstdio>
@@ -46,7 +46,7 @@ private:
 
     void takePosts()
     {
-        constexpr int batch = 1000; // then the requests have their turn
+        constexpr int batch = 1000; // then requests have their turn
         for (int taken = 0; taken < batch; ++taken)
         {
             const auto post = Zmq::receive(mPosts, ZMQ_DONTWAIT);

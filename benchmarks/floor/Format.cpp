@@ -3,7 +3,7 @@
 #include <json/json.h>
 #include <stdexcept>
 
-// As the product, which must write exactly what these write.
+// The product must write exactly the same documents.
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
 
 namespace

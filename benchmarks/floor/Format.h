@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-/// How the messages of a floor are written. Each reading operation throws std::runtime_error on what it
-/// cannot read.
+/// Writes and reads the messages of a floor. Each reading operation throws std::runtime_error for a text that
+/// it cannot read.
 class IFormat
 {
 public:
@@ -26,9 +26,8 @@ public:
 
     virtual ~IFormat() = default;
 
-    /// "raw": the bare texts. "json": documents like the product's, each written and read with JsonCpp in the
-    /// plainest way; this must not profit from what is done to make the product's faster, or it would be no
-    /// yardstick.
+    /// "raw": bare texts. "json": documents like the product's, written and read with JsonCpp in the simplest
+    /// way. It must not use the product's optimisations, or it would not be a fixed reference.
     static std::unique_ptr<IFormat> make(const std::string& name);
 };
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <zmq.h>
 
-/// The few operations of libzmq that the floors need, with failures as exceptions. Sockets and contexts live
+/// The few operations of libzmq that the floors need. Failures throw exceptions. Sockets and contexts live
 /// until the process ends.
 namespace Zmq
 {
@@ -39,7 +39,7 @@ inline void send(void* socket, const std::string& text)
     check(zmq_send(socket, text.data(), text.size(), 0) >= 0, "zmq_send");
 }
 
-/// Nothing if there is none, which only happens with ZMQ_DONTWAIT or a time-out.
+/// Returns nothing if there is no message, which happens only with ZMQ_DONTWAIT or a time-out.
 inline std::optional<std::string> receive(void* socket, int flags)
 {
     zmq_msg_t message;
@@ -53,8 +53,8 @@ inline std::optional<std::string> receive(void* socket, int flags)
     return text;
 }
 
-/// A sending socket takes note of the room that its receivers have made about once in a millisecond, unless
-/// it is asked for its events. Without that it would drop messages for which there is room.
+/// A sending socket looks for room in its queues only about once per millisecond, unless asked for its
+/// events. Without this call it would drop messages for which there is room.
 inline void takeNoteOfRoom(void* socket)
 {
     int events = 0;

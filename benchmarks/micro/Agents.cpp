@@ -1,4 +1,4 @@
-// Posting an agent to another thread, which delivers it.
+// Posts agents to another thread, which delivers them.
 
 #include "benchmarks/micro/Measured.h"
 #include "common/EventAgent.h"
@@ -17,7 +17,7 @@ struct Receiver
     unsigned sum = 0;
 };
 
-// Agents are delivered while the thread posts more of them. It waits for the last.
+// The event thread delivers agents while this thread posts more, and then waits for the last.
 void postAndDeliver(benchmark::State& state)
 {
     constexpr std::size_t burst = 1000;

@@ -15,7 +15,7 @@ uint64_t Allocations::count()
     return allocations.load(std::memory_order_relaxed);
 }
 
-// Replacing operator new would not do: JsonCpp takes the memory of its texts from malloc.
+// Replacing operator new would not be enough: JsonCpp allocates its texts with malloc.
 
 extern "C" void* __libc_malloc(std::size_t size);
 

@@ -3,11 +3,11 @@
 
 #include <cstdint>
 
-/// Linked into a program, this counts what the program and all its libraries allocate.
+/// Counts the allocations of the program it is linked into, and of all its libraries.
 namespace Allocations
 {
 
-/// By all threads, since the start.
+/// The number of allocations by all threads since the start.
 uint64_t count();
 
 } // namespace Allocations

@@ -1,13 +1,15 @@
 #include "benchmarks/micro/BrokerCore.h"
 
 #include <stdexcept>
+#include <utility>
 
 #include "benchmarks/micro/Samples.h"
 #include "protocol/ClientDocuments.h"
 
 namespace Key = BrokerProtocol::Key;
 
-BrokerCore::BrokerCore(std::size_t keys)
+BrokerCore::BrokerCore(std::size_t keys, std::unique_ptr<const Policy> policy)
+    : mGuard(mIdentities, mRefusals, std::move(policy))
 {
     mGuard.admit(mClient);
     post(BrokerProtocol::writeMap(Key::postStatus, Samples::values(keys)));

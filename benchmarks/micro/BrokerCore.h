@@ -16,16 +16,18 @@ class BrokerCore
 {
 public:
     /// @param keys of the samples that it holds
-    explicit BrokerCore(std::size_t keys);
+    /// @param policy by which its client posts and asks; it must allow the samples
+    explicit BrokerCore(std::size_t keys,
+                        std::unique_ptr<const Policy> policy = std::make_unique<const Policy>());
 
     BrokerCore(const BrokerCore&) = delete;
     BrokerCore& operator=(const BrokerCore&) = delete;
 
-    /// From the text of a post to the bytes of its notification, which everybody has read at once. False if
-    /// nothing is published.
+    /// Handles the text of a post and makes the bytes of its notification, which count as read at once.
+    /// Returns false if nothing is published.
     bool post(std::string_view text);
 
-    /// From the text of a request to the bytes of its answer.
+    /// Handles the text of a request and returns the bytes of its answer.
     const std::string& ask(std::string_view text);
 
     const DeviceState& device() const { return mDevice; }
@@ -35,7 +37,7 @@ private:
     Refusals mRefusals;
     DeviceState mDevice{mLimits, mRefusals};
     Identities mIdentities;
-    Guard mGuard{mIdentities, mRefusals, std::make_unique<const Policy>()};
+    Guard mGuard;
     Connection mClient{Descriptor(), Handshake::Kind::Post, Clock::now()};
     Answerer mAnswerer{mGuard,
                        mRefusals,

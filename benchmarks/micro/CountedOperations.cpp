@@ -1,13 +1,15 @@
-// Repeats one operation, for a count of the instructions that it takes; see scripts/bench-counts.
+// Repeats one operation, so that callgrind can count its instructions; see scripts/bench-counts.
 //   countedoperations               names the operations
-//   countedoperations NAME TIMES    prints how often it allocates, for each time
+//   countedoperations NAME TIMES    prints the allocations per repetition
 
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "benchmarks/micro/Allocations.h"
@@ -31,7 +33,7 @@ using Loop = std::function<void(unsigned times)>;
 
 } // namespace
 
-// Callgrind collects while this runs, and finds it by its name.
+// Callgrind counts while this function runs, and finds it by its name.
 extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, unsigned times)
 {
     const uint64_t before = Allocations::count();
@@ -42,7 +44,7 @@ extern "C" [[gnu::noinline]] uint64_t countedAllocationsOf(const Loop& loop, uns
 namespace
 {
 
-// The extra cost of the first times (memory for the heap, symbols to look up) is not counted.
+// Does not count the extra cost of the first repetitions (growing the heap, looking up symbols).
 uint64_t measure(const Loop& loop, unsigned times)
 {
     constexpr unsigned warmUp = 200;
@@ -74,11 +76,11 @@ uint64_t readNotification(unsigned times)
         times);
 }
 
-// The decisions are used, so that the compiler leaves nothing out.
+// Uses the decisions, so that the compiler removes nothing.
 volatile unsigned decided = 0;
 
-// A dispatcher that runs on the thread at hand. Agents come in bursts, posted by the last of the burst
-// before.
+// A dispatcher that runs on the current thread. Agents come in bursts; the last agent of a burst posts the
+// next burst.
 class Relay : private EventDispatcher
 {
 public:
@@ -118,7 +120,7 @@ uint64_t deliverAgent(unsigned times)
     return measure([](unsigned count) { Relay().deliver(count); }, times);
 }
 
-// One value to so many listeners, each subscribed to so many keys.
+// Passes one value to `listenerCount` listeners, each subscribed to `keys` keys.
 uint64_t fanOut(std::size_t listenerCount, std::size_t keys, unsigned times)
 {
     FanOut listeners(listenerCount, keys);
@@ -144,16 +146,16 @@ uint64_t fanOutOfManyKeys(unsigned times)
     return fanOut(1, 10000, times);
 }
 
-// The broker's work between its sockets: from the text of a post to the bytes of its notification. A hundred
-// keys, one of which changes with each post.
-uint64_t handlePost(unsigned times)
+// The broker's work between its sockets, from the text of a post to the bytes of its notification. There are
+// a hundred keys; each post changes one.
+uint64_t handlePosts(std::unique_ptr<const Policy> policy, unsigned times)
 {
     constexpr std::size_t keys = 100;
     std::vector<std::string> posts;
     for (std::size_t i = 0; i < 2 * keys; ++i)
         posts.push_back(
             BrokerProtocol::writeMap(Key::postStatus, {{Samples::name(i % keys), Samples::value(i)}}));
-    BrokerCore core(keys);
+    BrokerCore core(keys, std::move(policy));
     return measure(
         [&](unsigned count)
         {
@@ -163,7 +165,35 @@ uint64_t handlePost(unsigned times)
         times);
 }
 
-// Ten at once, as they are received.
+uint64_t handlePost(unsigned times)
+{
+    return handlePosts(std::make_unique<const Policy>(), times);
+}
+
+constexpr std::size_t rules = 1000;
+
+// Each rule allows a key of the samples; every third rule also allows the names that begin with its key. A
+// glob that begins with a wildcard would add twenty instructions to each decision.
+std::unique_ptr<const Policy> policyOfManyRules()
+{
+    std::string text = "default = \"deny\"\n";
+    for (std::size_t i = 0; i < rules; ++i)
+    {
+        const std::string key = Samples::name(i) + (i % 3 == 0 ? "*" : "");
+        text += "[[rule]]\nallow = [\"post\", \"reset\"]\nkeys = \"" + key + "\"\n";
+    }
+    LoadedPolicy loaded = makePolicy({{"policy", text}}, {});
+    if (loaded.policy == nullptr)
+        throw std::logic_error("the policy cannot be read");
+    return std::move(loaded.policy);
+}
+
+uint64_t handlePostWithPolicy(unsigned times)
+{
+    return handlePosts(policyOfManyRules(), times);
+}
+
+// Ten frames at once, as they are received.
 uint64_t readFrame(unsigned times)
 {
     constexpr unsigned burst = 10;
@@ -187,21 +217,11 @@ uint64_t readFrame(unsigned times)
         times);
 }
 
-// Of a key that is like those of the rules: a thousand rules, of which every third names a beginning. A glob
-// that begins with a wildcard would add twenty instructions.
+// Decides for a key similar to the keys in the rules.
 uint64_t decideByPolicy(unsigned times)
 {
-    constexpr std::size_t rules = 1000;
-    std::string text = "default = \"deny\"\n";
-    for (std::size_t i = 0; i < rules; ++i)
-    {
-        const std::string key = Samples::name(i) + (i % 3 == 0 ? ".*" : "");
-        text += "[[rule]]\nallow = [\"post\", \"reset\"]\nkeys = \"" + key + "\"\n";
-    }
-    const LoadedPolicy loaded = makePolicy({{"policy", text}}, {});
-    if (loaded.policy == nullptr)
-        throw std::logic_error("the policy cannot be read");
-    const PolicyClass& rights = loaded.policy->classOf({});
+    const std::unique_ptr<const Policy> policy = policyOfManyRules();
+    const PolicyClass& rights = policy->classOf({});
     const StatusKeys names = Samples::names(rules);
     return measure(
         [&](unsigned count)
@@ -219,10 +239,15 @@ struct Operation
 };
 
 constexpr Operation operations[] = {
-    {"writePost", writePost},       {"readFrame", readFrame},
-    {"handlePost", handlePost},     {"readNotification", readNotification},
-    {"fanOut", fanOutToTen},        {"fanOutOfManyKeys", fanOutOfManyKeys},
-    {"deliverAgent", deliverAgent}, {"decideByPolicy", decideByPolicy},
+    {"writePost", writePost},
+    {"readFrame", readFrame},
+    {"handlePost", handlePost},
+    {"handlePostWithPolicy", handlePostWithPolicy},
+    {"fanOut", fanOutToTen},
+    {"fanOutOfManyKeys", fanOutOfManyKeys},
+    {"deliverAgent", deliverAgent},
+    {"readNotification", readNotification},
+    {"decideByPolicy", decideByPolicy},
 };
 
 } // namespace

@@ -1,4 +1,4 @@
-// A delayed post, while others wait for their time on the same thread.
+// A delayed post, while other delayed posts wait on the same thread.
 
 #include "benchmarks/micro/Measured.h"
 #include "common/EventAgent.h"
@@ -14,7 +14,7 @@ struct Receiver
     void nothing(unsigned) {}
 };
 
-// So late that none is ever due.
+// So late that no post is ever due.
 constexpr uint32_t hour = 3600U * 1000U;
 
 void postDelayed(EventThread& thread, Receiver& receiver, uint32_t delay)

@@ -1,4 +1,4 @@
-// Building and reading each document of the protocol.
+// Writes and reads each document of the protocol.
 
 #include <functional>
 #include <stdexcept>
@@ -18,12 +18,12 @@ struct Document
 {
     std::string name;
     std::function<std::string()> write;
-    std::function<bool(const std::string&)> read; ///< as its receiver does; true if it could be read
+    std::function<bool(const std::string&)> read; ///< reads as the receiver does; true on success
 };
 
 bool readPost(const std::string& text)
 {
-    static BrokerProtocol::Command command; // used again and again, as in the broker
+    static BrokerProtocol::Command command; // reused, as in the broker
     return command.readPost(text);
 }
 
@@ -101,7 +101,7 @@ std::vector<Document> documentsOfOneThing()
         {"counterReply", [] { return written(appendCounterReply, 12345U); }, ::readCounterReply},
         {"statisticsReply", [numbers = sampleStatistics()] { return written(appendNumbers, numbers); },
          ::readStatisticsReply},
-        // A text that has to be escaped takes a longer road.
+        // A text that needs escapes takes a slower path.
         {"postStatusEscaped",
          [=] {
              return writeMap(Key::postStatus, {{name, "\"" + value + "\""}});

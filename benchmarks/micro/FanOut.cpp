@@ -18,7 +18,7 @@ FanOut::FanOut(std::size_t listeners, std::size_t names) : mListeners(listeners)
         mManager.registerListener(&listener, &mDispatcher);
         mManager.registerForStatus(&listener, Samples::names(names));
     }
-    // Those for the subscriptions do not count.
+    // The first callbacks, for the subscriptions, do not count.
     onThread(
         [this]
         {

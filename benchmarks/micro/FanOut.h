@@ -9,24 +9,24 @@
 #include "common/EventDispatcher.h"
 #include "statusmanager/StatusManager.h"
 
-/// A manager and its listeners, all on the manager's thread: no broker, and no thread has to be woken.
+/// A manager and its listeners, all on the manager's thread. There is no broker, and no thread must be woken.
 class FanOut
 {
 public:
-    /// Each listener subscribes to the first so many of the samples' names.
+    /// Each listener subscribes to the first `names` sample names.
     FanOut(std::size_t listeners, std::size_t names);
     ~FanOut();
 
     FanOut(const FanOut&) = delete;
     FanOut& operator=(const FanOut&) = delete;
 
-    /// Makes `work` on the manager's thread and waits for it.
+    /// Runs `work` on the manager's thread and waits for it.
     void onThread(const std::function<void()>& work);
 
-    /// Tells the listeners, as when a notification has come. On the manager's thread only.
+    /// Calls the listeners, as after a notification. On the manager's thread only.
     void notify(const StatusMap& update) { mManager.handleStatusUpdate(update); }
 
-    /// Callbacks so far.
+    /// The number of callbacks so far.
     uint64_t callbacks() const;
 
 private:
@@ -38,7 +38,7 @@ private:
         using StatusManager::mThread;
     };
 
-    // Delivers at once what other dispatchers would queue for their thread.
+    // Delivers agents at once; other dispatchers would queue them.
     class CallingDispatcher : public Orvane::EventDispatcher
     {
     public:

@@ -1,4 +1,4 @@
-// Taking the bytes of a connection apart into messages.
+// Splits the bytes of a connection into messages.
 
 #include <stdexcept>
 #include <string>
@@ -13,7 +13,7 @@ namespace
 
 constexpr std::size_t longest = std::size_t{1024} * 1024;
 
-// `count` messages of one frame each, as the broker receives them at once.
+// `count` messages of one frame each, as the broker receives them in one read.
 std::string framesOf(const std::string& body, std::size_t count)
 {
     std::string bytes;
@@ -34,7 +34,7 @@ std::size_t messagesIn(FrameReader& reader, std::string_view bytes)
     return count;
 }
 
-// Many short ones from one piece.
+// Many short messages in one read.
 void readShortFrames(benchmark::State& state)
 {
     constexpr std::size_t frames = 100;
@@ -48,7 +48,7 @@ void readShortFrames(benchmark::State& state)
 }
 BENCHMARK(readShortFrames);
 
-// One, which comes in two pieces and is put together.
+// One message that arrives in two pieces.
 void readFrameInPieces(benchmark::State& state)
 {
     const std::string bytes = framesOf(Samples::value(1), 1);

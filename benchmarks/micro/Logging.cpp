@@ -1,5 +1,4 @@
-// The cost of what is not printed: a message and a trace scope of a level that the file's control words do
-// not admit.
+// The cost of a message and a trace scope that the file's control words suppress.
 
 #include "common/Logging.h"
 

@@ -5,8 +5,7 @@
 
 #include "benchmarks/micro/Allocations.h"
 
-/// Reports, when its scope is left, the rate of the operations that a benchmark repeats and what each
-/// allocates.
+/// When its scope ends, reports the rate of a benchmark's operations and the allocations per operation.
 class Measured
 {
 public:

@@ -1,4 +1,4 @@
-// A client's work on a notification that it has read: each listener gets the values that it subscribed to.
+// A client's work after reading a notification: each listener gets the values that it subscribed to.
 
 #include <stdexcept>
 
@@ -22,7 +22,7 @@ void fanOut(benchmark::State& state, FanOut& listeners, const StatusMap& update)
         throw std::logic_error("not all listeners were told");
 }
 
-// The usual case: one value changed, of the many that each listener subscribed to.
+// The usual case: one of a listener's many values changed.
 void fanOutOfOneValue(benchmark::State& state)
 {
     const auto subscribed = static_cast<std::size_t>(state.range(1));
@@ -35,7 +35,7 @@ BENCHMARK(fanOutOfOneValue)
     ->Args({1, 1000})
     ->Args({1, 10000});
 
-// All changed at once.
+// All values changed at once.
 void fanOutOfAllValues(benchmark::State& state)
 {
     const auto subscribed = static_cast<std::size_t>(state.range(1));

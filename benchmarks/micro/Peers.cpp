@@ -1,4 +1,4 @@
-// Asking the kernel who is at the other end of a connection, as the broker does once for each.
+// Asks the kernel for the owner of a connection's other end, as the broker does once per connection.
 
 #include <netinet/in.h>
 #include <stdexcept>
@@ -17,7 +17,7 @@ sockaddr* place(sockaddr_in& address)
     return reinterpret_cast<sockaddr*>(&address);
 }
 
-// Connections of this process with itself. The benchmark asks for the last of them.
+// Connections of this process to itself. The benchmark asks about the last one.
 class Connections
 {
 public:
@@ -65,7 +65,7 @@ void askForOwner(benchmark::State& state)
 }
 BENCHMARK(askForOwner)->Arg(1)->Arg(300);
 
-// Where the kernel or a sandbox lacks the quick way.
+// The slow way, for kernels or sandboxes without the quick way.
 void askForOwnerByTable(benchmark::State& state)
 {
     OwnerQuery::Sources sources;
@@ -74,7 +74,7 @@ void askForOwnerByTable(benchmark::State& state)
 }
 BENCHMARK(askForOwnerByTable)->Arg(1)->Arg(300);
 
-// A service that is known already.
+// A service that is already known.
 void nameService(benchmark::State& state)
 {
     Services services(Services::rootIn("/proc"));

@@ -13,7 +13,7 @@ namespace Key = BrokerProtocol::Key;
 namespace
 {
 
-// Posts of one value each, from all over the keys. Each changes something, whenever it comes.
+// Posts of one value each, spread over all keys. Each post changes its value, in whatever order they come.
 std::vector<std::string> postsThatChange(std::size_t keys)
 {
     constexpr std::size_t some = 100;

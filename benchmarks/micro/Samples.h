@@ -6,7 +6,7 @@
 
 #include "statusmanager/StatusTypes.h"
 
-/// Names and values of the usual lengths.
+/// Names and values of usual lengths.
 namespace Samples
 {
 
@@ -17,7 +17,7 @@ std::string value(std::size_t number);
 
 StatusKeys names(std::size_t count);
 
-/// The first so many names, with values that begin at this number.
+/// The first `count` names; their values have consecutive numbers from `firstNumber`.
 StatusMap values(std::size_t count, std::size_t firstNumber = 0);
 
 } // namespace Samples

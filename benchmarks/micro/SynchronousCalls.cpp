@@ -1,4 +1,4 @@
-// A call that is made on another thread while the caller waits for its result.
+// A call on another thread; the caller waits for the result.
 
 #include "benchmarks/micro/Measured.h"
 #include "common/EventAgent.h"

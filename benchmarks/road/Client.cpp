@@ -1,14 +1,14 @@
-// A process that posts to one of the compared systems, subscribes to it or asks it. Obeys commands on its
-// standard input, one per line, and answers each with a line of JSON on its standard output; ends with its
-// input. The program's arguments are those of the system. The commanding process holds the deadlines.
+// A process that posts to one of the compared systems, subscribes to it or asks it. Reads commands from its
+// standard input, one per line, and answers each with a line of JSON on its standard output. Ends when its
+// input ends. The arguments depend on the system. The process that sends the commands checks the deadlines.
 //
-//   connect POSTS             ready when its posts arrive (1), or when it can ask (0); reports the time taken
-//   subscribe KEYS            ready when deliveries arrive; reports the time until the first
-//   expect RUN COUNT          forgets what was delivered before
+//   connect POSTS             waits until its posts arrive (1) or it can ask (0); reports the time taken
+//   subscribe KEYS            waits until deliveries arrive; reports the time until the first
+//   expect RUN COUNT          forgets earlier deliveries
 //   burst RUN COUNT KEYS EVERY BARRIER
 //                             EVERY: posts between two barriers (0: none); BARRIER: sync or query
 //   paced RUN COUNT KEYS RATE
-//   collect QUIET             milliseconds without a delivery after which the rest counts as lost
+//   collect QUIET             QUIET: milliseconds without a delivery after which the rest counts as lost
 //   ask COUNT KEYS
 
 #include <array>
@@ -72,8 +72,8 @@ private:
         return value;
     }
 
-    // Posts of run 0 are never counted. Where posts can get lost before everything is connected, they are
-    // made until one has arrived.
+    // Posts of run 0 are never counted. If posts can get lost before everything is connected, probes are
+    // posted until one arrives.
     std::string probe() { return Stamp{Stamp::now(), 0, ++mProbes}.text(); }
 
     void connect(std::istream& words)
@@ -103,7 +103,7 @@ private:
         mSystem->subscribe(keys, [this](const std::string&, const std::string& value) { delivered(value); });
         if (mSystem->deliversCurrentValues())
             waitFor([this] { return mFirst != 0; }, milliseconds(-1));
-        // The current values may come before the subscription is complete.
+        // Current values may arrive before the subscription is complete.
         const uint32_t before = mProbes;
         while (!waitFor([&] { return mHeard > before && mHeard <= mProbes; }, milliseconds(1)))
         {
@@ -218,11 +218,11 @@ private:
     std::vector<std::string> mArguments;
     std::unique_ptr<ISystem> mSystem;
     Recorder mRecorder;
-    uint32_t mProbes = static_cast<uint32_t>(getpid()) << 10; // so that nobody takes another's for its own
+    uint32_t mProbes = static_cast<uint32_t>(getpid()) << 10; // different in each process
 
     std::mutex mMutex;
     std::condition_variable mChanged;
-    std::atomic<uint64_t> mFirst{0}; ///< when the first value of any kind came
+    std::atomic<uint64_t> mFirst{0}; ///< when the first value of any kind arrived
     uint32_t mHeard = 0;             ///< the latest probe
 };
 
@@ -241,5 +241,5 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "%s: %s\n", argv[0], error.what());
         std::_Exit(1);
     }
-    std::_Exit(0); // the systems' threads go on to the end
+    std::_Exit(0); // the systems' threads still run
 }

@@ -11,7 +11,7 @@
 namespace
 {
 
-constexpr const char* name = "org.example.Status"; // also of the interface
+constexpr const char* name = "org.example.Status"; // also the interface's name
 constexpr const char* path = "/status";
 
 void check(int result, const char* what)
@@ -46,7 +46,7 @@ void processOnOwnThread(sd_bus* bus)
         .detach();
 }
 
-// The bus keeps no values. A poster keeps its values, and answers those that ask.
+// The bus keeps no values. A poster keeps its values and answers queries.
 class Values
 {
 public:

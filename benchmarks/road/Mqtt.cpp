@@ -51,7 +51,7 @@ public:
     void post(const std::string& key, const std::string& value) override
     {
         publish(key, value, mQos, true);
-        // Acknowledgements must be read now and then, as more than some hundred are never under way.
+        // Acknowledgements must be read regularly, because only some hundred messages may be unacknowledged.
         if (mQos > 0 && mPosted - mSent >= inFlight)
             loopUntil([this] { return mPosted - mSent < inFlight; });
     }
@@ -62,8 +62,8 @@ public:
             loop();
     }
 
-    // With QoS 0 nothing is acknowledged, and only a message of one's own that comes back tells that those
-    // before it are there.
+    // With QoS 0 nothing is acknowledged. Only an own message that comes back shows that earlier messages
+    // have arrived.
     void sync() override
     {
         if (mQos > 0)
@@ -78,7 +78,7 @@ public:
 private:
     static constexpr int inFlight = 500;
 
-    // Posts leave at once: libmosquitto writes them on the caller's thread, as this one has no other.
+    // Posts leave at once: without a thread of its own, libmosquitto writes them on the caller's thread.
     mosquitto* connected()
     {
         constexpr int keepAliveSeconds = 3600;
@@ -99,7 +99,8 @@ private:
         ++mPosted;
     }
 
-    // As mosquitto_loop(), which would first take back, one per call, what each post has written to wake it.
+    // Used instead of mosquitto_loop(). Each post writes a wake-up byte, and mosquitto_loop() would first
+    // read these bytes, one per call.
     void loop()
     {
         constexpr int second = 1000;
@@ -128,7 +129,7 @@ private:
     std::string mEchoTopic = "echo." + std::to_string(getpid());
     bool mEchoed = false;
     int mPosted = 0;
-    int mSent = 0; ///< to the kernel with QoS 0, to the broker and acknowledged with QoS 1
+    int mSent = 0; ///< QoS 0: written to the kernel; QoS 1: acknowledged by the broker
 };
 
 } // namespace

@@ -10,7 +10,7 @@
 
 #include "benchmarks/road/Stamp.h"
 
-/// Numbers of which some quantiles are wanted.
+/// Numbers, for computing quantiles.
 class Samples
 {
 public:
@@ -18,7 +18,7 @@ public:
     void add(uint64_t nanoseconds) { mSamples.push_back(nanoseconds); }
     std::size_t size() const { return mSamples.size(); }
 
-    /// In microseconds; 0 if there is none.
+    /// The quantile in microseconds; 0 if there are no samples.
     double quantile(double share)
     {
         if (mSamples.empty())
@@ -33,7 +33,7 @@ private:
     std::vector<uint64_t> mSamples;
 };
 
-/// Counts the deliveries of one run, each value once, and keeps how long they were under way.
+/// Counts the deliveries of one run, each value once, and records how long each took.
 class Recorder
 {
 public:
@@ -41,7 +41,7 @@ public:
     {
         std::size_t delivered = 0;
         std::size_t repeated = 0;
-        uint64_t last = 0; ///< when the last one came
+        uint64_t last = 0; ///< when the last delivery came
         Samples latencies;
     };
 
@@ -72,7 +72,8 @@ public:
             mComplete.notify_one();
     }
 
-    /// Waits until all have been delivered, or none has been for so long that the others must be lost.
+    /// Waits until all values have been delivered. If there is no delivery for `quiet`, the rest counts as
+    /// lost.
     Result collect(std::chrono::milliseconds quiet)
     {
         std::unique_lock<std::mutex> lock(mMutex);

@@ -52,7 +52,7 @@ template <std::size_t N>
 void append(redisContext* context, const std::array<const char*, N>& texts,
             const std::array<std::size_t, N>& sizes)
 {
-    // hiredis takes what it only reads as not constant.
+    // hiredis only reads the texts, but its parameter is not constant.
     auto copy = texts;
     redisAppendCommandArgv(context, static_cast<int>(N), copy.data(), sizes.data());
 }
@@ -114,7 +114,7 @@ public:
     }
 
 private:
-    static constexpr int pipelined = 500; ///< two for each of 250 posts
+    static constexpr int pipelined = 500; ///< two commands for each of 250 posts
 
     int mPort;
     redisContext* mContext;

@@ -6,11 +6,11 @@
 #include <string>
 #include <time.h>
 
-/// The content of the posted values: when and in which run each was posted, and its number in the run. 32
-/// bytes.
+/// The content of a posted value, in 32 bytes: when and in which run it was posted, and its number in the
+/// run.
 struct Stamp
 {
-    uint64_t time = 0; ///< nanoseconds, of a clock that all processes of a machine share
+    uint64_t time = 0; ///< nanoseconds of a clock that all processes of a machine share
     uint32_t run = 0;
     uint32_t number = 0;
 
@@ -40,7 +40,7 @@ struct Stamp
 private:
     static constexpr std::size_t size = 32;
 
-    // Sixteen letters, "a" to "p". Faster than printf(), which would be a part of what is measured.
+    // Sixteen letters, "a" to "p". Faster than printf(), whose time would be measured too.
     static void write(char* letters, uint64_t number)
     {
         for (int i = 15; i >= 0; --i, number >>= 4)

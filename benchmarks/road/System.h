@@ -7,36 +7,36 @@
 #include <string>
 #include <vector>
 
-/// A compared system: it carries named values from a process to others, and is used as its user would use it.
-/// A system is connected from its construction to the end of the process; it is never destroyed. Failures are
-/// exceptions.
+/// A compared system, which carries named values from one process to others. The code uses it as a typical
+/// user would. A system is connected from its construction to the end of the process and never destroyed.
+/// Failures throw exceptions.
 class ISystem
 {
 public:
     using Delivery = std::function<void(const std::string& key, const std::string& value)>;
 
-    /// From now on, `deliver` is called for each value posted to one of the keys, always on the same thread
-    /// and not the caller's. Called at most once.
+    /// Calls `deliver` for each later value of one of the keys, always on the same thread, which is not the
+    /// caller's. Call subscribe() at most once.
     virtual void subscribe(const std::vector<std::string>& keys, Delivery deliver) = 0;
 
-    /// Whether a subscription brings the values that are there already.
+    /// Whether a subscription also delivers the current values.
     virtual bool deliversCurrentValues() const = 0;
 
-    /// May keep the value back until flush() or sync().
+    /// Posts a value. May delay it until flush() or sync().
     virtual void post(const std::string& key, const std::string& value) = 0;
     virtual void flush() = 0;
 
-    /// Waits until those that were posted before have reached the broker, as far as the system can tell.
+    /// Waits until earlier posts have reached the broker, as far as the system can tell.
     virtual void sync() = 0;
 
-    /// The value that the key has now; nothing if the system cannot be asked.
+    /// Returns the current value of the key; nothing if the system has no queries.
     virtual std::optional<std::string> query(const std::string& key) = 0;
 
     virtual ~ISystem() = default;
 };
 
-/// Each system's file defines it; each system has a program of its own, so that none carries the libraries of
-/// another. The arguments are those of the program.
+/// Defined in each system's file. Each system has its own program, so that no program loads another system's
+/// libraries. `arguments` are the program's arguments.
 std::unique_ptr<ISystem> connectSystem(const std::vector<std::string>& arguments);
 
 #endif

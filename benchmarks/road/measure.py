@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""Measures the whole road, from the call in one process to the callback in another, of this system and of others.
+"""Measures the time from a call in one process to the callback in another, of this system and of others.
 
-The rounds are interleaved: whatever else the machine does meets all systems alike.
+The rounds are interleaved, so that other load on the machine affects all systems alike.
 """
 
 import argparse
@@ -43,14 +43,14 @@ def versions(systems):
 
 def arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench road", description=__doc__.splitlines()[0])
-    parser.add_argument("--rounds", type=int, help="5 when not given, with --quick 1")
-    parser.add_argument("--quick", action="store_true", help="small sizes: to see that it works, not to measure")
+    parser.add_argument("--rounds", type=int, help="number of rounds (default 5; 1 with --quick)")
+    parser.add_argument("--quick", action="store_true", help="small sizes, to check that everything works")
     parser.add_argument("--only", action="append", default=[], metavar="SYSTEM|WORKLOAD",
-                        help="of " + ", ".join([one.name for one in ALL] + [one.name for one in WORKLOADS]))
+                        help="one of " + ", ".join([one.name for one in ALL] + [one.name for one in WORKLOADS]))
     parser.add_argument("--build", required=True, type=os.path.abspath, help=argparse.SUPPRESS)  # where the programs are
     parser.add_argument("--results", required=True, help=argparse.SUPPRESS)  # where results.json goes
-    parser.add_argument("--docs", help=argparse.SUPPRESS)  # where performance.md is renewed by a full run
-    parser.add_argument("--report", action="store_true", help="write docs/performance.md anew from the last full run")
+    parser.add_argument("--docs", help=argparse.SUPPRESS)  # a full run renews performance.md there
+    parser.add_argument("--report", action="store_true", help="renew docs/performance.md from the last full run")
     parser.add_argument("--complete", action="store_true", help="fail if a run fails, or the product loses what is synced")
     options = parser.parse_args()
     unknown = set(options.only) - {one.name for one in ALL} - {one.name for one in WORKLOADS}

@@ -1,4 +1,4 @@
-"""Plots as SVG, without any library: bars side by side, and lines on logarithmic scales."""
+"""Plots as SVG, without any library: horizontal bars, and lines on logarithmic scales."""
 
 import math
 import os
@@ -10,7 +10,7 @@ VALUES = 110  # to the right of them
 BAR = 16
 GAP = 6
 
-# The text must be readable on a light page and on a dark one; the bars are on both.
+# The text must be readable on a light page and on a dark page; the bars already are.
 STYLE = """<style>
 text { font: 12px sans-serif; fill: #24292f; }
 .title { font-weight: bold; font-size: 13px; }
@@ -46,7 +46,7 @@ def short(value):
 
 
 def bars(measured, top, title, workload, metric):
-    """A panel with a bar for each system, and how far the rounds spread; and where it ends."""
+    """Returns a panel with a bar and the spread of the rounds for each system, and the panel's lower end."""
     found = {system: measured.spread(workload, system, metric) for system in measured.titles}
     found = {system: spread for system, spread in found.items() if spread}
     parts = [text(0, top + 14, title, kind="title")]
@@ -84,7 +84,7 @@ class LogScale:
 
 
 def lines(measured, top, title, prefix, across):
-    """A panel of costs over sizes, both on logarithmic scales."""
+    """Returns a panel of costs over sizes, both on logarithmic scales, and the panel's lower end."""
     height, left, right = 200, 60, WIDTH - 170
     names = measured.growth_names(prefix)
     curves = {system: [(int(name.removeprefix(prefix)), measured.median("growth", system, name)) for name in names
@@ -117,7 +117,7 @@ def lines(measured, top, title, prefix, across):
         parts += [f'<circle cx="{a:.1f}" cy="{b:.1f}" r="3" fill="{COLOURS[system]}"/>' for a, b in places]
         ends.append((places[-1][1] + 4, measured.titles[system]))
     lowest = 0
-    for end, label in sorted(ends):  # from the top, so that they stand in the order of the curves
+    for end, label in sorted(ends):  # from the top, so that the labels have the order of the curves
         lowest = max(end, lowest + 14)
         parts.append(text(right + 8, lowest, label))
     return parts, bottom + 50
@@ -133,7 +133,7 @@ def growth(measured):
 
 
 def write_all(measured, folder):
-    """Returns the names of the plots, and what each shows."""
+    """Returns the names of the plots and their titles."""
     drawn = {
         "throughput": ("Values delivered per second", panels(
             measured, ("Burst with a sync every 250 posts, delivered per second", "synced", "rate"),

@@ -1,4 +1,4 @@
-"""The processes of a run: they are started, commanded, looked at and ended here, and never waited for without limit."""
+"""Starts, commands, observes and ends the processes of a run. Every wait has a time limit."""
 
 import json
 import os
@@ -9,7 +9,7 @@ import time
 
 
 class RunFailed(Exception):
-    """A run that gave no result. It is counted, and the next one begins."""
+    """A run without a result. It is counted as failed, and the next run begins."""
 
 
 def wait_until(condition, seconds, what):
@@ -21,7 +21,7 @@ def wait_until(condition, seconds, what):
 
 
 class Process:
-    """A program with its output in a file."""
+    """A program whose output goes to a file."""
 
     def __init__(self, command, folder, **options):
         self.log = os.path.join(folder, f"{os.path.basename(command[0])}.{time.monotonic_ns()}.log")
@@ -57,11 +57,11 @@ class Process:
                 pass
 
     def cpu_seconds(self):
-        """Of all its threads, user and system, to the nanosecond: Linux has a clock for each process."""
+        """User and system time of all its threads, to the nanosecond: Linux has a clock for each process."""
         return time.clock_gettime((~self.pid << 3) | 2)
 
     def sleeps(self):
-        """How often a thread of it has waited for something, so far."""
+        """How often its threads have waited for something so far."""
         total = 0
         for task in os.listdir(f"/proc/{self.pid}/task"):
             with open(f"/proc/{self.pid}/task/{task}/status", encoding="ascii", errors="replace") as status:
@@ -69,14 +69,14 @@ class Process:
         return total
 
     def memory(self):
-        """KiB: what is resident, and the share of it that is not other processes' as well."""
+        """Resident memory in KiB: all of it, and this process's proportional share."""
         with open(f"/proc/{self.pid}/smaps_rollup", encoding="ascii") as rollup:
             lines = dict(line.split(":", 1) for line in rollup if ":" in line.split()[0])
         return {"rss": int(lines["Rss"].split()[0]), "pss": int(lines["Pss"].split()[0])}
 
 
 class Client(Process):
-    """A process that obeys commands: see Client.cpp."""
+    """A process that executes commands; see Client.cpp."""
 
     def __init__(self, command, folder):
         super().__init__(command, folder, stdin=subprocess.PIPE, stdout=subprocess.PIPE)

@@ -1,4 +1,4 @@
-"""What the measurements say: tables, the targets, and the places of the documents that hold them."""
+"""Writes the results into the documents: tables, targets and plots."""
 
 import math
 import os
@@ -12,13 +12,13 @@ FLOOR = "json"
 # Workload, metric, label, unit.
 ROWS = (
     ("synced", "rate", "burst, a sync every 250 posts", "delivered/s"),
-    ("synced", "lost", "lost of it", ""),
+    ("synced", "lost", "lost", ""),
     ("queried", "rate", "burst, a query every 250 posts", "delivered/s"),
-    ("queried", "lost", "lost of it", ""),
+    ("queried", "lost", "lost", ""),
     ("plain", "rate", "burst without sync", "delivered/s"),
-    ("plain", "lost", "lost of it", ""),
+    ("plain", "lost", "lost", ""),
     ("fanOut", "rate", "to 8 processes, a sync every 250 posts", "delivered/s"),
-    ("fanOut", "lost", "lost of it", ""),
+    ("fanOut", "lost", "lost", ""),
     ("paced", "p50", "one way at 1,000 posts/s, p50", "µs"),
     ("paced", "p99", "one way, p99", "µs"),
     ("paced", "p999", "one way, p99.9", "µs"),
@@ -27,9 +27,9 @@ ROWS = (
     ("query", "p99", "query, p99", "µs"),
     ("query", "perSecond", "sequential queries", "/s"),
     ("synced", "cpu", "CPU per 100,000 deliveries, synced burst", "s"),
-    ("synced", "cpuPoster", "of it the poster's", "s"),
-    ("synced", "cpuBroker", "of it the broker's", "s"),
-    ("synced", "cpuSubscribers", "of it the subscriber's", "s"),
+    ("synced", "cpuPoster", "the poster's part", "s"),
+    ("synced", "cpuBroker", "the broker's part", "s"),
+    ("synced", "cpuSubscribers", "the subscriber's part", "s"),
     ("paced", "cpu", "CPU per 100,000 deliveries, 1,000 posts/s", "s"),
     ("memory", "idleRss", "broker, idle, RSS", "KiB"),
     ("memory", "idlePss", "broker, idle, PSS", "KiB"),
@@ -39,17 +39,17 @@ ROWS = (
     ("memory", "clientPss", "idle client, PSS", "KiB"),
     ("start", "ms", "start, to the first callback", "ms"),
     ("together", "p50", "start of 100 at once, until each is connected, p50", "ms"),
-    ("together", "longest", "the last of them", "ms"),
-    ("together", "cpuBroker", "the broker's CPU for each of them", "ms"),
-    ("together", "cpuClient", "each client's own CPU", "ms"),
+    ("together", "longest", "start of 100 at once, until the last is connected", "ms"),
+    ("together", "cpuBroker", "start of 100 at once, the broker's CPU for each", "ms"),
+    ("together", "cpuClient", "start of 100 at once, each client's own CPU", "ms"),
     ("silent", "alone", "the broker's CPU per 100,000 deliveries, synced burst, s", ""),
     ("silent", "beside", "the same beside 1,000 silent connections, s", ""),
-    ("silent", "idle", "the broker's CPU beside them while nobody says anything, µs per s", ""),
+    ("silent", "idle", "the broker's CPU beside 1,000 silent connections while nothing is sent, µs per s", ""),
 )
 
 
 class Measured:
-    """The runs' metrics, by workload, system and name."""
+    """The metrics of all runs, by workload, system and name."""
 
     def __init__(self, results):
         self.results = results
@@ -69,7 +69,7 @@ class Measured:
         return value / other if value is not None and other else None
 
     def spread(self, workload, system, metric):
-        """Median, lowest, highest; nothing if it was not measured."""
+        """Median, lowest, highest; None if it was not measured."""
         values = self.values(workload, system, metric)
         return (statistics.median(values), min(values), max(values)) if values else None
 
@@ -132,7 +132,7 @@ def failures(measured):
 
 
 def of_floor(workload, metric, text, bound):
-    """A ratio to the JSON floor that must not be on the wrong side of a bound."""
+    """A bound on the ratio to the JSON floor."""
     def judge(measured):
         ratio = measured.ratio(workload, "product", metric)
         if ratio is None:
@@ -148,7 +148,7 @@ def compared_with(workload, metric, other, sign):
         if ratio is None:
             return None
         met = ratio > 1 if sign == "more" else ratio < 1
-        return f"{sign} than {measured.titles[other]}", f"{ratio:.2f} of it", met
+        return f"{sign} than {measured.titles[other]}", f"{ratio:.2f} times", met
     return judge
 
 
@@ -205,7 +205,7 @@ TARGETS = (
     ("deliveries per second to 8 processes", of_floor("fanOut", "rate", "at least", 1.0)),
     *(("deliveries per second to 8 processes", compared_with("fanOut", "rate", other, "more"))
       for other in ("mqtt0", "mqtt1", "dbus")),
-    # The broker that this one replaced took 0.61 of the floor's; this one at most 0.35 of that.
+    # The previous broker took 0.61 of the floor's CPU; this one may take at most 0.35 of that.
     ("the broker's CPU per delivery", of_floor("synced", "cpuBroker", "at most", 0.21)),
     ("the broker's CPU per delivery", beside_silent_connections),
     ("the broker's CPU beside 1,000 silent connections", below("silent", "idle", 1000, "µs per s")),
@@ -233,7 +233,7 @@ def circumstances(measured):
     machine, sizes = measured.results["machine"], measured.results["sizes"]
     packages = ", ".join(f"{name} {version}" for name, version in measured.results["versions"].items())
     return (f"Measured on {measured.results['date']}: {machine['cpu']}, {machine['cores']} cores, "
-            f"{machine['memoryMiB']:,} MiB of memory, Linux {machine['kernel']}; load when it began "
+            f"{machine['memoryMiB']:,} MiB of memory, Linux {machine['kernel']}; load at the start "
             f"{machine['load']:.1f}. {packages}. {measured.results['rounds']} rounds, bursts of {sizes['burst']:,} posts, "
             f"{sizes['fan_out']:,} to 8 processes, {sizes['seconds']} s at 1,000 posts/s, {sizes['queries']:,} queries.\n\n"
             "Each number is the median of the rounds, with the lowest and the highest.")
@@ -247,7 +247,7 @@ def tables(results):
 
 
 def write_documents(results, docs):
-    """Renews what stands between the marks of performance.md; what is written by hand stays."""
+    """Renews the text between the marks of performance.md; all other text stays."""
     measured = Measured(results)
     folder = os.path.join(docs, "performance")
     os.makedirs(folder, exist_ok=True)

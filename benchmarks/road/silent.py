@@ -1,4 +1,4 @@
-"""Connections to the product's ports that have shaken hands and say nothing more."""
+"""Connections to the product's ports that complete the handshake and then send nothing."""
 
 import contextlib
 import itertools
@@ -39,7 +39,7 @@ def connect(port, socket_type):
 
 @contextlib.contextmanager
 def silent_connections(count):
-    """As many on each port, so that none has more than it takes."""
+    """Spreads the connections over the ports, so that no port exceeds its limit."""
     allow_descriptors(count)
     with contextlib.ExitStack() as stack:
         for peer in itertools.islice(itertools.cycle(PEERS), count):

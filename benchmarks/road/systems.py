@@ -1,4 +1,4 @@
-"""What is compared: how each system's broker is started, and the programs that are its clients."""
+"""The compared systems: how to start each system's broker, and its client programs."""
 
 import getpass
 import os
@@ -33,7 +33,7 @@ def write(path, text):
 
 
 class System:
-    """`start` returns the broker and the arguments of the clients."""
+    """`start` returns the broker and the arguments for the clients."""
 
     name = title = client = broker = ""
     packages = ()
@@ -101,7 +101,7 @@ class Mqtt(System):
 
     def start(self, folder):
         port = free_ports(1)[0]
-        # Nothing is limited that would be lost then.
+        # Without limits, because messages beyond a limit would be lost.
         configuration = write(
             os.path.join(folder, "mosquitto.conf"),
             f"listener {port} 127.0.0.1\nallow_anonymous true\npersistence false\nlog_type error\n"
@@ -140,7 +140,7 @@ class Dbus(System):
 
     def start(self, folder):
         path = os.path.join(folder, "bus")
-        # As of the session bus: the system bus bounds what is queued more tightly.
+        # The limits of the session bus; the system bus limits its queues more tightly.
         limits = "".join(f'<limit name="{name}">1000000000</limit>' for name in (
             "max_incoming_bytes", "max_outgoing_bytes", "max_message_size"))
         configuration = write(

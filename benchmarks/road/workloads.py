@@ -1,4 +1,4 @@
-"""What is measured. Each workload starts processes of its own, so that no run inherits anything of another."""
+"""The workloads. Each starts new processes, so that no run is influenced by an earlier one."""
 
 import contextlib
 import dataclasses
@@ -8,7 +8,7 @@ import time
 from processes import Client
 from silent import silent_connections
 
-QUIET_MS = 1000  # for so long nothing must have been delivered before the rest counts as lost
+QUIET_MS = 1000  # after this long without a delivery, the rest counts as lost
 
 
 @dataclasses.dataclass
@@ -36,7 +36,7 @@ def cpu_seconds(processes):
 
 
 class Road:
-    """A broker, who posts and who subscribes."""
+    """A broker, its poster and its subscribers."""
 
     def __init__(self, system, folder, stack):
         self.system = system
@@ -64,7 +64,7 @@ class Road:
         return first["firstMs"]
 
     def carry(self, command, count, *details):
-        """Has so many values posted and waits for the deliveries. What it cost is counted over all processes."""
+        """Lets the poster post `count` values and waits for the deliveries. Counts the cost of all processes."""
         self.run += 1
         for subscriber in self.subscribers:
             subscriber.command("expect", self.run, count)
@@ -116,7 +116,7 @@ def synced(system, sizes, folder):
 
 
 def queried(system, sizes, folder):
-    """With the product's query for a barrier, which waits less strictly than its sync. A floor has but one."""
+    """Uses the product's query as the barrier, which is less strict than its sync. A floor has only one barrier."""
     with road(system, folder, 1) as made:
         return made.carry("burst", sizes.burst, 100, 250, "query" if system.name == "product" else "sync")
 
@@ -160,7 +160,7 @@ def start(system, sizes, folder):
 
 
 def together(system, sizes, folder):
-    """Many clients that connect at the same moment. Their processes are there before."""
+    """Many clients that connect at the same moment. Their processes are started before."""
     with road(system, folder) as made:
         clients = [made.client() for _ in range(sizes.together)]
         before = cpu_seconds([made.broker]), cpu_seconds(clients)
@@ -173,7 +173,7 @@ def together(system, sizes, folder):
 
 
 def silent(system, sizes, folder):
-    """What connections cost that say nothing: per delivery, and while nobody says anything."""
+    """The cost of silent connections: per delivery, and while nothing is sent at all."""
     with road(system, folder, 1) as made:
         def cpu():
             runs = [made.carry("burst", sizes.burst, 100, 250, "sync").get("cpuBroker") for _ in range(5)]
@@ -181,7 +181,7 @@ def silent(system, sizes, folder):
 
         alone = cpu()
         with silent_connections(sizes.silent):
-            time.sleep(1.5)  # the broker says once to each silent request connection that it is there
+            time.sleep(1.5)  # the broker sends one empty answer to each silent request connection
             before = made.broker.cpu_seconds()
             time.sleep(1)
             idle = made.broker.cpu_seconds() - before
@@ -193,7 +193,7 @@ def growth(system, sizes, folder):
     result = {}
     for keys in sizes.growth_keys:
         with road(system, folder, 1, keys) as made:
-            made.carry("burst", keys, keys, 250, "sync")  # so that no key is new
+            made.carry("burst", keys, keys, 250, "sync")  # afterwards no key is new
             result[f"keys{keys}"] = made.carry("burst", sizes.growth_posts, keys, 250, "sync").get("postCpu")
     for clients in sizes.growth_clients:
         with road(system, folder, clients) as made:

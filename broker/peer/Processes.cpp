@@ -148,13 +148,15 @@ void Processes::note(Found& found)
 std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) const
 {
     constexpr int mostDescriptors = 1024; // one process must not make others wait
+    constexpr int fewDescriptors = 32;    // read however late it is: a busy machine may take all of the time
     const TimePoint end = Clock::now() + std::chrono::milliseconds(1);
     const Descriptor process = openFolder(AT_FDCWD, mProc + "/" + std::to_string(pid));
     std::set<uint64_t> sockets;
     if (!process.isOpen() || programOf(process) != program)
         return sockets;
     const Folder descriptors = folderAt(process.number(), "fd");
-    for (int count = 0; descriptors && count < mostDescriptors && Clock::now() < end; ++count)
+    for (int count = 0;
+         descriptors && count < mostDescriptors && (count < fewDescriptors || Clock::now() < end); ++count)
     {
         const dirent* entry = readdir(descriptors.get());
         if (entry == nullptr)

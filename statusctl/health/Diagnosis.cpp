@@ -8,6 +8,7 @@
 #include "protocol/Words.h"
 #include "statusctl/health/Inquiry.h"
 
+using BrokerProtocol::Client;
 using BrokerProtocol::Statistics;
 using Diagnosis::Findings;
 namespace Number = BrokerProtocol::Number;
@@ -185,6 +186,20 @@ void addVersion(const Statistics& numbers, const std::string& ownVersion, Findin
                             "if the broker was upgraded, restart it; install both from one release"});
 }
 
+// In the form that "statusctl may" takes.
+std::string nameForMay(const Client& client)
+{
+    return std::to_string(*client.uid) + (client.service.empty() ? "" : ":" + client.service);
+}
+
+std::string describe(const Client& client)
+{
+    const std::string program = client.program.empty() ? "a program" : client.program;
+    const std::string process = client.pid == 0 ? "" : " (process " + std::to_string(client.pid) + ")";
+    return program + process + " of " + nameForMay(client) + ", " + std::to_string(client.refusals) +
+           " times";
+}
+
 std::string inMilliseconds(std::chrono::microseconds duration)
 {
     std::array<char, 32> text{};
@@ -227,6 +242,29 @@ Findings Diagnosis::ofStatistics(const Statistics& numbers, const std::string& o
     addLimits(numbers, findings);
     addDescriptors(numbers, findings);
     return findings;
+}
+
+Findings Diagnosis::ofRefused(const std::vector<Client>& clients)
+{
+    constexpr std::size_t most = 5;
+    std::string names;
+    std::string first;
+    std::size_t count = 0;
+    for (const Client& client : clients)
+    {
+        if (client.refusals == 0 || !client.uid)
+            continue;
+        if (count == 0)
+            first = nameForMay(client);
+        if (++count <= most)
+            names += (names.empty() ? "" : ", ") + describe(client);
+    }
+    if (count == 0)
+        return {};
+    if (count > most)
+        names += ", and " + std::to_string(count - most) + " more";
+    return {{"refused", "refused clients: " + names,
+             "to explain: \"sudo statusctl may " + first + " post NAME\"; the broker's log shows the names"}};
 }
 
 Findings Diagnosis::ofRoundTrips(const RoundTrips& trips)

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/Client.h"
 #include "protocol/ClientDocuments.h"
 #include "statusctl/device/Ports.h"
 #include "statusctl/health/Listeners.h"
@@ -36,6 +37,10 @@ Findings ofPorts(const std::vector<Answer>& answers);
 
 /// The findings from the broker's numbers.
 Findings ofStatistics(const BrokerProtocol::Statistics& numbers, const std::string& ownVersion);
+
+/// Names the clients that were refused something, and the command that explains the policy's decision about
+/// the first of them. Empty if no connected client was refused anything.
+Findings ofRefused(const std::vector<BrokerProtocol::Client>& clients);
 
 Findings ofRoundTrips(const RoundTrips& trips);
 

@@ -1,7 +1,9 @@
 // doctor: finds problems and their remedies.
 
 #include <algorithm>
+#include <iterator>
 
+#include "protocol/Words.h"
 #include "statusctl/device/Device.h"
 #include "statusctl/health/Diagnosis.h"
 #include "statusctl/health/Inquiry.h"
@@ -26,7 +28,8 @@ public:
             "statusctl doctor --json",
             "Looks at who listens on the broker's ports: a broker, one that hangs or is stopped, or another\n"
             "program; then at the broker's version, at all that it lost, refused or could not read since it\n"
-            "was started, and at the time that it takes to answer. Exit code 1 if something was found, 4 if there is no broker. Which program\n"
+            "was started, and at the time that it takes to answer. Exit code 1 if something was found, 4 if "
+            "there is no broker. Which program\n"
             "listens on a port is only shown for one's own programs, or to root.");
     }
 
@@ -62,7 +65,11 @@ private:
         Findings findings;
         try
         {
-            findings = Diagnosis::ofStatistics(Inquiry::statistics(settings), STATUSCTL_VERSION);
+            const BrokerProtocol::Statistics numbers = Inquiry::statistics(settings);
+            findings = Diagnosis::ofStatistics(numbers, STATUSCTL_VERSION);
+            const auto denied = numbers.find(BrokerProtocol::Number::policyDenied);
+            if (denied != numbers.end() && denied->second != 0)
+                add(Diagnosis::ofRefused(Inquiry::clients(settings)), findings);
         }
         catch (const Failure& failure)
         {
@@ -72,9 +79,13 @@ private:
                                 "if the broker was upgraded, restart it; install both from one release"});
         }
         Device device(settings);
-        for (Diagnosis::Finding& finding : Diagnosis::ofRoundTrips(RoundTrips::measure(device, trips)))
-            findings.push_back(std::move(finding));
+        add(Diagnosis::ofRoundTrips(RoundTrips::measure(device, trips)), findings);
         return findings;
+    }
+
+    static void add(Findings more, Findings& findings)
+    {
+        std::move(more.begin(), more.end(), std::back_inserter(findings));
     }
 
     static void print(const Settings& settings, const Findings& findings)

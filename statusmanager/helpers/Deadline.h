@@ -7,10 +7,10 @@
 namespace status
 {
 
-/// A moment on the monotonic clock: this product sets the wall clock.
+/// A moment of the monotonic clock, because this product sets the wall clock.
 using Deadline = std::chrono::steady_clock::time_point;
 
-/// The end of `timeout`, which may be any number: those beyond a year count as a year.
+/// The end of `timeout`, which may be any number. More than a year counts as a year.
 inline Deadline deadlineIn(std::chrono::milliseconds timeout)
 {
     constexpr std::chrono::milliseconds longest = std::chrono::hours(24 * 365);

@@ -20,7 +20,7 @@ void DispatcherLink::open(Orvane::EventDispatcher& target)
 
 void DispatcherLink::post(EventAgent* agent)
 {
-    const SmartPtr<EventAgent> hold(agent); // destroys it, without the lock, if it goes nowhere
+    const SmartPtr<EventAgent> hold(agent); // destroys a dropped agent without the lock
     const std::lock_guard<std::mutex> lock(mMutex);
     if (mTarget != nullptr)
         mTarget->post(agent);

@@ -8,8 +8,8 @@
 namespace status
 {
 
-/// The way to a dispatcher that may be gone: it hands agents on from open() to cut(), and drops all others.
-/// For asynchronous agents only. Any thread.
+/// Passes agents on to a dispatcher that may be destroyed earlier. Between open() and cut() agents are passed
+/// on; all others are dropped. For asynchronous agents only. Any thread.
 ///
 /// The target's owner must not destroy it before cut() has returned; see EndNotice.
 class DispatcherLink : public Orvane::EventDispatcher
@@ -21,14 +21,14 @@ public:
 
     void post(Orvane::EventAgent* agent) override;
 
-    /// Hands this agent on and cuts the link, with nothing in between: it is the last.
+    /// Passes this agent on and cuts the link in one step, so that no other agent follows.
     void postLast(Orvane::EventAgent* agent);
 
     void cut();
 
 private:
     std::mutex mMutex;
-    Orvane::EventDispatcher* mTarget = nullptr; // null while it is cut; used under the lock
+    Orvane::EventDispatcher* mTarget = nullptr; // null while the link is cut; guarded by mMutex
 };
 
 } // namespace status

@@ -10,20 +10,21 @@
 namespace status
 {
 
-/// Notices that a dispatcher stops, which dispatchers report to nobody.
+/// Notices that a dispatcher stops, because dispatchers do not report it.
 ///
-/// It waits among the delayed agents, due later than all others, and joins them anew when its time has come.
-/// A dispatcher that stops lets go of its agents when its thread has ended. So this agent's end is the end of
-/// the dispatcher's thread; and what it holds lives longer than any agent that the thread has begun.
+/// This agent waits among the delayed agents, due later than all others, and posts itself again when it is
+/// due. A stopping dispatcher drops its agents after its thread has ended. So this agent is destroyed when
+/// the dispatcher's thread has ended, and the held object outlives every agent that the thread has begun to
+/// deliver.
 class EndNotice : public Orvane::AsyncEventAgent
 {
 public:
     /// 49 days.
     static constexpr uint32_t longestDelayMs = std::numeric_limits<uint32_t>::max();
 
-    /// Lets go of `held`, whose deleter is so told: when the dispatcher's thread has ended, or when
-    /// `removeAgentsByReceiver(owner)` is called for the dispatcher; at once, if the dispatcher has stopped,
-    /// or if there is no memory, which is thrown.
+    /// Releases `held` when the dispatcher's thread has ended, or when `removeAgentsByReceiver(owner)` is
+    /// called for the dispatcher. The deleter of `held` thereby notices the end. Releases it at once if the
+    /// dispatcher has already stopped, or if memory runs out, which throws std::bad_alloc.
     static void post(Orvane::IEventDispatcher& dispatcher, void* owner, std::shared_ptr<void> held,
                      uint32_t delayMs = longestDelayMs);
 

@@ -16,29 +16,31 @@
 namespace status
 {
 
-/// Stands in for the process's manager in unit tests: no broker, no ports. It keeps values and counters in
-/// this process, calls listeners as a broker client does, and holds what was posted, for the test to look at.
+/// Replaces the process's manager in unit tests; needs no broker and no ports. It keeps values and counters
+/// in this process and calls listeners as a broker client does. It records every post, so that the test can
+/// check it.
 ///
 /// Make it before the code under test first asks for a manager. While it lives, StatusManager::getInstance()
-/// returns it, whatever its argument. Each test may make one of its own; one at a time.
+/// returns it, whatever the argument. Each test can make a new FakeStatusManager; only one may live at a
+/// time.
 ///
-/// Any thread may call any operation. Those marked [waits] see all that was posted before, by any thread.
-/// Timers read 0, as those of StatusManager do. Nothing ever sets the clock.
+/// Any thread may call any operation. Operations marked [waits] see all earlier posts of all threads. Timers
+/// read 0, as in StatusManager. No operation sets the clock.
 ///
-/// This class is all in its header: programs that do not use it carry none of it.
+/// The class is defined entirely in this header, so programs that do not use it contain none of its code.
 class FakeStatusManager : public StatusManager
 {
 public:
-    /// An event as it was posted.
+    /// A posted event.
     struct Event
     {
-        std::string name;  ///< As it was given.
-        std::string value; ///< As it was given.
-        uint32_t delayMs;  ///< Not waited for: listeners are told at once.
+        std::string name;  ///< The posted name.
+        std::string value; ///< The posted value.
+        uint32_t delayMs;  ///< The posted delay. It is ignored: listeners are called at once.
     };
 
-    /// Takes the place of the process's manager. Not while another thread is in getInstance().
-    /// @throws std::logic_error when there is a manager already
+    /// Becomes the process's manager. No other thread may be in getInstance() at this time.
+    /// @throws std::logic_error when the process already has a manager
     FakeStatusManager()
     {
         if (mInstance != nullptr)
@@ -46,20 +48,21 @@ public:
         mInstance = this;
     }
 
-    /// Leaves the place to the next one. Pointers that getInstance() has returned are not valid any more, so
-    /// the code under test must be done with them. Subscriptions may be destroyed later.
+    /// Afterwards the process has no manager, and another FakeStatusManager can be made. Pointers from
+    /// getInstance() become invalid, so the code under test must no longer use them. Subscriptions may be
+    /// destroyed later.
     ~FakeStatusManager() override
     {
         mThread.stop();
         mInstance = nullptr;
     }
 
-    // --------------------------------------------------------------------- what the rest of the device does
+    // ---------------------------------------------------------------------- simulates the rest of the device
 
-    /// [waits] Another process has posted this: it is stored, listeners are told, and posts() has nothing of
-    /// it. Returns when the callbacks are queued; they may not have run yet.
+    /// [waits] Simulates a post of another process: stores the value and queues the listeners' callbacks.
+    /// posts() does not contain it. Callbacks may not have run yet when this returns.
     void change(std::string key, std::string value) { change(StatusMap{{std::move(key), std::move(value)}}); }
-    /// The same for several values in one message.
+    /// The same for several values in one post.
     void change(StatusMap values)
     {
         if (!mThread.isThreadCurrent())
@@ -69,7 +72,7 @@ public:
         StatusManager::postStatus(std::move(values));
     }
 
-    /// [waits] Another process has posted this event. Returns when the callbacks are queued.
+    /// [waits] Simulates an event of another process. Returns when the callbacks are queued.
     void occur(std::string name, std::string value = {})
     {
         if (!mThread.isThreadCurrent())
@@ -78,16 +81,16 @@ public:
         handleEventUpdate(std::move(name), std::move(value));
     }
 
-    /// From now on sync() returns false, or true again. status::isHealthy() is false for good after a
-    /// status::sync() that fails.
+    /// Makes sync() return false from now on, or true again. After a failed status::sync(),
+    /// status::isHealthy() stays false. Returns at once.
     void failSync(bool fails = true) { mSyncFails = fails; }
 
-    // ------------------------------------------------------------------------------------ what was posted
+    // ---------------------------------------------------------------------------------------- recorded posts
 
-    /// [waits] Each message of values that this process has posted, in order; resets have empty values.
+    /// [waits] Returns the posts of values by this process, in order. A reset is a post of empty values.
     std::vector<StatusMap> posts() { return read(mPosts); }
 
-    /// [waits] The last value that this process has posted under each key.
+    /// [waits] Returns the last value that this process posted for each key.
     StatusMap posted()
     {
         StatusMap latest;
@@ -99,13 +102,13 @@ public:
         return latest;
     }
 
-    /// [waits] The events that this process has posted, in order.
+    /// [waits] Returns the events that this process posted, in order.
     std::vector<Event> events() { return read(mEvents); }
 
-    /// [waits] The last time that this process has asked to set the clock to; nothing if it has not.
+    /// [waits] Returns the last argument of updateSystemTime(); nothing if it was never called.
     std::optional<uint32_t> systemTime() { return read(mSystemTime); }
 
-    /// [waits] Forgets what was posted. Values, counters and listeners stay.
+    /// [waits] Clears the recorded posts, events and system time. Values, counters and listeners stay.
     void forgetPosts()
     {
         if (!mThread.isThreadCurrent())
@@ -115,19 +118,19 @@ public:
         mSystemTime.reset();
     }
 
-    // ------------------------------------------------------------------------------- as StatusManager's own
+    // --------------------------------------------------------------------------- operations of StatusManager
 
     using StatusManager::postStatus;
-    /// [queued] As the base's, and holds the post.
+    /// [queued] As in StatusManager, and records the post.
     void postStatus(StatusMap updates) override
     {
         if (mThread.isThreadCurrent())
             mPosts.push_back(updates);
-        StatusManager::postStatus(std::move(updates)); // from another thread, queues a call of this one
+        StatusManager::postStatus(std::move(updates)); // another thread queues a call of this override
     }
 
     using StatusManager::resetStatus;
-    /// [queued] As the base's, and holds it as a post of empty values.
+    /// [queued] As in StatusManager, and records a post of empty values.
     void resetStatus(StatusKeys keys) override
     {
         if (mThread.isThreadCurrent())
@@ -140,7 +143,7 @@ public:
         StatusManager::resetStatus(std::move(keys));
     }
 
-    /// [queued] As the base's, and holds the event.
+    /// [queued] As in StatusManager, and records the event.
     void postEvent(std::string name, std::string value, uint32_t delayMs) override
     {
         if (!mThread.isThreadCurrent())
@@ -150,7 +153,7 @@ public:
         handleEventUpdate(std::move(name), std::move(value));
     }
 
-    /// [waits] Holds the time; the clock stays as it is.
+    /// [waits] Records the time and does not set the clock.
     void updateSystemTime(uint32_t seconds) override
     {
         if (!mThread.isThreadCurrent())
@@ -158,7 +161,7 @@ public:
         mSystemTime = seconds;
     }
 
-    /// [waits] The counter's value, at first 0.
+    /// [waits] Returns the counter's value, initially 0.
     uint32_t getCounterValue(const std::string& name) override
     {
         if (!mThread.isThreadCurrent())
@@ -166,7 +169,7 @@ public:
         return mCounts[name];
     }
 
-    /// [waits] Counts up by one and returns the value after, as the broker does.
+    /// [waits] Adds one to the counter and returns the new value, as the broker does.
     uint32_t incrementCounter(const std::string& name) override
     {
         if (!mThread.isThreadCurrent())
@@ -183,11 +186,11 @@ public:
         mCounts[name] = value;
     }
 
-    /// [waits] As the base's, unless failSync() says otherwise.
+    /// [waits] As in StatusManager; returns false after failSync(true).
     bool sync(int timeoutMs) override { return StatusManager::sync(timeoutMs) && !mSyncFails; }
 
 private:
-    // A copy of a member, made on the manager's thread: behind all that was posted.
+    // Copies a member on the manager's thread, so after all earlier posts.
     template <class T>
     T read(const T& member)
     {
@@ -203,7 +206,7 @@ private:
     }
 
     std::atomic<bool> mSyncFails{false};
-    std::vector<StatusMap> mPosts; // these: the manager's thread
+    std::vector<StatusMap> mPosts; // this and the members below: manager's thread only
     std::vector<Event> mEvents;
     std::optional<uint32_t> mSystemTime;
     std::map<std::string, uint32_t> mCounts;

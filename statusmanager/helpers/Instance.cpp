@@ -26,7 +26,7 @@ public:
         return mChanged.wait_until(lock, deadline, [this] { return mOver; });
     }
 
-    /// Once it is over.
+    /// The result of getInstance(); throws what it threw. Only after waitUntil() has returned true.
     StatusManager* result() const
     {
         if (mFailure)
@@ -55,11 +55,11 @@ private:
     std::mutex mMutex;
     std::condition_variable mChanged;
     bool mOver = false;
-    Orvane::EventThread mThread{"connectWithin", 0}; // last: it ends before the rest
+    Orvane::EventThread mThread{"connectWithin", 0}; // last: ends before other members are destroyed
 };
 
-/// The attempt that is under way, which all callers share. Never destroyed: at the end of the process, the
-/// attempt may still wait for a broker.
+/// The current attempt, which all callers share. Never destroyed: when the process ends, the attempt may
+/// still wait for a broker.
 struct Pending
 {
     std::mutex mutex;
@@ -84,7 +84,7 @@ void forget(const std::shared_ptr<Attempt>& attempt)
 {
     const std::lock_guard<std::mutex> lock(pending().mutex);
     if (pending().attempt == attempt)
-        pending().attempt = nullptr; // the caller's copy is still there: no thread is ended under the lock
+        pending().attempt = nullptr; // the caller holds a copy, so no thread ends under the lock
 }
 
 } // namespace

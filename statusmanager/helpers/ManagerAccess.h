@@ -6,20 +6,20 @@
 namespace status
 {
 
-/// What the helpers use of any manager beside its public operations: members for derived classes, reached
-/// through their names in one. There is no object of this class.
+/// Gives the helpers access to protected members of any manager, by naming them in a derived class. There is
+/// no object of this class.
 class ManagerAccess : public StatusManager
 {
 public:
     ManagerAccess() = delete;
 
-    /// To follow what is queued there, and to notice the manager's end.
+    /// The thread on which helpers queue work behind the manager's, and notice the manager's end.
     static Orvane::EventThread& threadOf(StatusManager& manager)
     {
         return manager.*(&ManagerAccess::mThread);
     }
 
-    /// On the manager's thread, where unregisterListener() is refused.
+    /// Unregisters a listener on the manager's thread, where unregisterListener() is refused.
     static void removeListener(StatusManager& manager, IStatusUpdateListener* listener)
     {
         (manager.*(&ManagerAccess::unregisterListenerHelper))(listener);

@@ -22,9 +22,9 @@ using OnEvent = std::function<void(const std::string&, const std::string&)>;
 
 } // namespace
 
-/// The listener behind a subscription. The manager's registry and queued agents refer to it by a plain
-/// pointer, so it outlives them: each of the two threads, the manager's and the callback's, holds it through
-/// an EndNotice, until leaveManager() or leaveThread() has run there or the thread has ended.
+/// The listener of a subscription. The manager's registry and queued agents have plain pointers to it, so it
+/// must outlive them. An EndNotice on each of the two threads, the manager's and the callback's, holds it.
+/// The EndNotice ends when leaveManager() or leaveThread() has run there, or the thread has ended.
 class SubscriptionListener final : public IStatusUpdateListener,
                                    public std::enable_shared_from_this<SubscriptionListener>
 {
@@ -52,7 +52,7 @@ public:
         }
         catch (const std::bad_alloc&)
         {
-            // It stays registered, silent, until both threads have ended.
+            // The listener stays registered, but silent, until both threads have ended.
         }
         if (!inside)
             dropCallbacksAfterCall();
@@ -69,7 +69,7 @@ public:
     }
 
 private:
-    // Ends a call, however it is left.
+    // Ends a call, also when an exception leaves it.
     class Call
     {
     public:
@@ -104,13 +104,13 @@ private:
     void finishCall()
     {
         if (isEnded())
-            dropCallbacks(); // before the end of the call is reported, to a thread that waits for both
+            dropCallbacks(); // first: end() waits for the call and expects the callbacks to be gone
         const std::lock_guard<std::mutex> lock(mMutex);
         mCaller = std::thread::id();
         mCallFinished.notify_all();
     }
 
-    // True inside the callback: there is no waiting for its end.
+    // Returns true inside the callback, which cannot wait for its own end.
     bool refuseCalls()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -133,7 +133,8 @@ private:
         dropCallbacks();
     }
 
-    // By one thread: the one that makes a call, or, while there is none, the one that ended the subscription.
+    // Needs no lock: the thread that makes a call does it, or, if there is no call, the thread that ended the
+    // subscription.
     void dropCallbacks()
     {
         mOnStatus = nullptr;
@@ -152,26 +153,25 @@ private:
         link.postLast(Orvane::makeCall<Orvane::AsyncEventAgent>(OV_SITE, this, leave));
     }
 
-    // On the callback's thread, behind all calls that were sent to it. This may be the end of the listener.
+    // Runs on the callback's thread, after all calls sent there. May destroy the listener.
     void leaveThread() { mDispatcher.removeAgentsByReceiver(&mToThread); }
 
-    // On the manager's thread, behind the registration. The asynchronous way to unregister: the thread that
-    // ends a subscription must not wait for a manager that waits for a silent broker. This may be the end of
-    // the listener.
+    // Runs on the manager's thread, after the registration. Unregisters asynchronously: the thread that ends
+    // a subscription must not wait for a manager that waits for a silent broker. May destroy the listener.
     void leaveManager()
     {
         ManagerAccess::removeListener(mManager, this);
         ManagerAccess::threadOf(mManager).removeAgentsByReceiver(&mToManager);
     }
 
-    StatusManager& mManager;          // until mToManager is cut; on the manager's thread, or by on()
-    Orvane::EventThread& mDispatcher; // until mToThread is cut; on that thread, or by on()
+    StatusManager& mManager;          // valid until mToManager is cut; on the manager's thread, or by on()
+    Orvane::EventThread& mDispatcher; // valid until mToThread is cut; on that thread, or by on()
     DispatcherLink mToManager;
     DispatcherLink mToThread;
 
-    std::mutex mMutex; // guards these three
+    std::mutex mMutex; // guards the three below
     std::condition_variable mCallFinished;
-    std::thread::id mCaller; // the thread that is in the callback
+    std::thread::id mCaller; // the thread that runs the callback
     bool mEnded = false;
 
     OnStatus mOnStatus; // see dropCallbacks()

@@ -17,38 +17,37 @@ class SubscriptionListener;
 
 /// Keeps a callback subscribed, from on() or onEvent() until it is destroyed.
 ///
-/// When the destructor, cancel() or an assignment has returned, the callback is not running, is never called
-/// again, and is destroyed with all that it captured. They wait for a callback that is running, but for
-/// nothing else: neither for other callbacks of that thread, nor for the manager or the broker. So do not
-/// destroy a subscription while holding a lock that its callback takes.
+/// The destructor, cancel() and an assignment end the subscription. After that the callback is not running,
+/// is never called again, and is destroyed with everything it captured. They wait for this callback if it is
+/// running, but never for other callbacks of that thread, the manager or the broker. So do not end a
+/// subscription while holding a lock that its callback takes.
 ///
-/// Inside its own callback, a subscription may be destroyed as well. The callback then runs to its end, and
-/// what it captured is destroyed when it returns; that is the last call.
+/// A callback may end its own subscription. That call is the last one: it runs to its end, and the captured
+/// objects are destroyed when it returns.
 ///
-/// The subscription, its event thread and its manager may be destroyed in any order. Once the thread has
-/// stopped or the manager has been destroyed, the callback is not called any more; the subscription may still
-/// be cancelled, and need not be.
+/// The subscription, its event thread and its manager may be destroyed in any order. After the thread has
+/// stopped or the manager has been destroyed, the callback is no longer called. The subscription may still be
+/// cancelled, but need not be.
 ///
-/// The object itself is not locked: one thread at a time may use it. It belongs to its owner alone; it can be
-/// moved, not copied.
+/// Only one thread at a time may use the object. It can be moved, but not copied.
 class OV_EXPORT Subscription
 {
 public:
-    /// Keeps nothing; something may be assigned later.
+    /// Holds no callback; another subscription may be assigned later.
     Subscription() noexcept;
 
     /// As cancel().
     ~Subscription();
 
-    /// Takes over what the other one kept, which then keeps nothing.
+    /// Takes over the callback of `other`, which then holds none.
     Subscription(Subscription&& other) noexcept;
-    /// The same, after cancel().
+    /// Calls cancel(), then does the same.
     Subscription& operator=(Subscription&& other) noexcept;
 
-    /// Ends the subscription, as described above; without effect if it keeps nothing. Any thread.
+    /// Ends the subscription, as described above. Does nothing if there is no callback. Any thread.
     void cancel() noexcept;
 
-    /// Whether it keeps a callback. That may have become silent, where its thread or its manager has ended.
+    /// Whether it holds a callback. The callback is no longer called if its thread or its manager has ended.
     explicit operator bool() const noexcept { return mListener != nullptr; }
 
 private:
@@ -65,26 +64,27 @@ private:
     std::shared_ptr<SubscriptionListener> mListener;
 };
 
-/// Calls `callback` with status values, on `thread`: first with the values that the keys have now, which may
-/// be none, then with those that changed. A reset key has the empty value. The same value may be told twice.
+/// Calls `callback` on `thread` with status values. The first call has the current values of the keys, which
+/// may be none. Later calls have the changed values. A reset key has the empty value. The same value may come
+/// twice.
 ///
-/// Any thread; returns at once. The first callback may come before that. In a callback, every operation may
-/// be called. An exception that leaves it is logged at level 0, and the next call is made.
+/// Any thread; returns at once. The first callback may run before on() returns. A callback may call every
+/// operation. An exception that leaves it is logged at level 0, and later calls follow as usual.
 ///
-/// @param keys     each stands for itself; there are no patterns
-/// @param thread   stays the caller's. While the subscription lasts, one more agent waits there, which
-///                 EventThread::getPendingCount() counts.
-/// @param callback not empty. The map is valid during the call.
-/// @param manager  stays the caller's; one that keeps the listeners as StatusManager does. The inert manager
-///                 calls nobody.
-/// @returns the subscription, which ends with that object
-/// @throws std::bad_alloc; the callback is not called then
+/// @param keys     full keys; patterns are not supported
+/// @param thread   the caller keeps ownership. While the subscription lasts, EventThread::getPendingCount()
+///                 counts one agent more, which belongs to the subscription.
+/// @param callback must not be empty. The map is valid only during the call.
+/// @param manager  the caller keeps ownership. It must keep its listeners as StatusManager does. The inert
+///                 manager never calls back.
+/// @returns the subscription, which ends when the object is destroyed
+/// @throws std::bad_alloc; then the callback is never called
 [[nodiscard]] OV_EXPORT Subscription on(StatusKeys keys, Orvane::EventThread& thread,
                                         std::function<void(const StatusMap& values)> callback,
                                         StatusManager& manager = status::manager());
 
-/// Calls `callback` with each event of these names, on `thread`. There is no first callback, and events that
-/// occurred before are not told. All else as for on().
+/// Calls `callback` on `thread` with each event of these names. There is no first callback, and no callback
+/// for earlier events. Everything else is as for on().
 [[nodiscard]] OV_EXPORT Subscription
 onEvent(EventKeys names, Orvane::EventThread& thread,
         std::function<void(const std::string& name, const std::string& value)> callback,

@@ -16,8 +16,8 @@ namespace status
 namespace
 {
 
-// The library computes the length of a message's last frame so that a message of whole frames loses the last
-// one, which is how clients in the field send. See docs/protocol.md.
+// libstatusmanager computes the length of the last frame so that a message of whole frames loses the last
+// one. Clients in the field send like this, so it must stay. See docs/protocol.md.
 bool losesItsEnd(const std::string& message)
 {
     return message.size() % BrokerProtocol::maxFrameBytes == 0;
@@ -37,7 +37,7 @@ bool isRefused(const char* function, const std::string& message)
 
 std::optional<std::string> find(const std::string& key, StatusManager& manager)
 {
-    // Not getClientInfoValue(), which does not tell an unknown key from a reset one.
+    // getClientInfoValue() would not distinguish an unknown key from a reset one.
     StatusKeys keys{key};
     if (losesItsEnd(BrokerProtocol::writeList(Key::getClientInfoValues, keys)))
         keys.push_back(key); // the same question with another length

@@ -24,8 +24,9 @@ namespace status
 namespace
 {
 
-/// The managers that get no answers any more. Each is in it until it is destroyed: another may be made at the
-/// same address. Never destroyed, as the process's own manager is not.
+/// The managers that no longer get answers. A manager is removed when it is destroyed, because another may be
+/// made at the same address. This object is never destroyed, because the process's manager is never
+/// destroyed.
 class Unanswered
 {
 public:
@@ -63,7 +64,7 @@ private:
     std::set<const StatusManager*> mManagers;
 };
 
-/// The values of a key between the event thread that brings them and the thread that looks at them.
+/// A queue of a key's values, from the event thread that receives them to the thread that waits.
 class Arrivals
 {
 public:
@@ -75,7 +76,7 @@ public:
         mChanged.notify_one();
     }
 
-    /// The next value; nothing at the deadline, when those that came in time have all been taken.
+    /// The next value. Returns nothing after the deadline, once all values that came in time have been taken.
     std::optional<std::string> pop(Deadline deadline)
     {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -92,7 +93,7 @@ private:
     std::mutex mMutex;
     std::condition_variable mChanged;
     std::deque<std::string> mValues;
-    bool mClosed = false; // the time is over
+    bool mClosed = false; // the deadline has passed
 };
 
 } // namespace
@@ -109,8 +110,8 @@ bool sync(std::chrono::milliseconds timeout, StatusManager& manager)
     const int timeoutMs = static_cast<int>(std::min(timeout, longest).count());
     if (manager.sync(timeoutMs))
         return true;
-    // After an answer that posts may have been lost, the broker can be asked again. After a time-out it
-    // cannot: the request channel is in the middle of an exchange, and this fails at once.
+    // If the broker answered that posts may have been lost, it can be asked again. After a time-out it
+    // cannot: the request socket is in the middle of an exchange, and this call fails at once.
     if (!manager.sync(timeoutMs))
         Unanswered::instance().add(manager);
     return false;

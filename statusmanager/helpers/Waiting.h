@@ -13,36 +13,36 @@
 namespace status
 {
 
-/// Waits until the broker has taken in all that this process posted before; as StatusManager::sync(), and
-/// isHealthy() remembers whether the broker can still be asked. Any thread.
+/// Waits until the broker has taken all earlier posts of this process, like StatusManager::sync().
+/// isHealthy() remembers if the broker does not answer. Any thread.
 ///
-/// False has two reasons. The broker has reported that posts may have been lost: post again, and call this
-/// again. Or the time has run out: then isHealthy() is false, and every later query and sync of this process
-/// fails at once.
+/// False has two reasons. If isHealthy() is still true, the broker has reported that posts may have been
+/// lost: post again, and call sync() again. Otherwise the time has run out: every later query and sync of
+/// this process fails at once.
 ///
-/// @param timeout at least 1 ms, better seconds: the broker itself may take one second while posts are under
-///                way. More than 24 days counts as 24 days. Zero or less is refused, with a log line of
-///                level 2, since the broker could not have answered.
-/// @returns true when the posts have arrived. It takes at most the time given and 100 ms, counted from when
-///          its turn comes; a false may take twice as long, since the broker is then asked a second time.
+/// @param timeout at least 1 ms, better seconds: the broker itself may take one second while posts are
+///                arriving. More than 24 days counts as 24 days. Zero or less is refused with a log line of
+///                level 2, because the broker could not answer in time.
+/// @returns true when the posts have arrived. Returns at most 100 ms after the timeout, counted from when its
+///          turn comes. A false may take twice as long, because the broker is asked a second time.
 OV_EXPORT bool sync(std::chrono::milliseconds timeout, StatusManager& manager = status::manager());
 
-/// False for good once a sync() of this header has left the broker unanswering: nothing that this process
-/// asks through that manager is answered any more. It should end, and its supervisor start it anew. Look at
-/// it before telling a watchdog that all is well. Any thread; never waits.
+/// Whether the broker still answers this manager. False for ever after a status::sync() that ran out of time:
+/// no later query of this process through that manager is answered. The process should then end, and its
+/// supervisor should restart it. Check this before you report to a watchdog. Any thread; never waits.
 ///
-/// It learns from sync() only, so call that now and then. A sync() of StatusManager itself does not count.
+/// Only status::sync() changes it, so call that regularly. StatusManager::sync() does not count.
 [[nodiscard]] OV_EXPORT bool isHealthy(StatusManager& manager = status::manager());
 
-/// Waits until `key` has a value for which `predicate` returns true: the value that it has now, or one that
-/// it changes to. Values that change faster than the predicate returns are all looked at, in their order.
+/// Waits until `key` has a value for which `predicate` returns true: its current value or a later one. The
+/// predicate gets every value in order, even if values change faster than it returns.
 ///
-/// Any thread but the manager's. In a callback, it holds up the other callbacks of that thread. While it
-/// waits, it has an event thread of its own.
+/// Any thread but the manager's. In a callback, it delays the other callbacks of that thread. It starts an
+/// event thread while it waits.
 ///
-/// @param predicate called on this thread, with "" for a reset key; not called while the key is unknown. An
-///                  exception that leaves it is thrown here.
-/// @param timeout   how long to wait at most, whatever the broker does; the predicate's time comes on top
+/// @param predicate called on the caller's thread, with "" for a reset key; not called while the key is
+///                  unknown. An exception that leaves it is thrown here.
+/// @param timeout   the longest wait, whatever the broker does; the predicate's own time is extra
 /// @returns the value; nothing when the time has run out
 /// @throws std::system_error when no thread can be started
 [[nodiscard]] OV_EXPORT std::optional<std::string>

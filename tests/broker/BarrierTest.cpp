@@ -1,8 +1,19 @@
 // Which peers the real broker pings before it confirms a "Sync".
 
+#include <climits>
+#include <csignal>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <memory>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <numeric>
+#include <stdexcept>
 #include <string>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "tests/broker/Messages.h"
@@ -25,6 +36,8 @@ class Poster : public ZmtpPeer
 public:
     Poster() : ZmtpPeer(postPort)
     {
+        const int on = 1; // as libzmq does: the kernel must not hold posts back
+        EXPECT_EQ(setsockopt(descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
         EXPECT_TRUE(shakeHands());
         EXPECT_EQ(read(3), "\0\1\1"s) << "the subscription";
         EXPECT_TRUE(readFrame()) << "the PING behind it";
@@ -41,9 +54,68 @@ public:
     }
 };
 
+// A poster in its own process.
+class PosterProcess
+{
+public:
+    PosterProcess()
+    {
+        if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
+            throw std::runtime_error("cannot create a process");
+        if (mPid == 0)
+            run();
+        close(mPipe[0]);
+    }
+
+    ~PosterProcess()
+    {
+        close(mPipe[1]);
+        if (mPid > 0)
+            waitpid(mPid, nullptr, 0);
+    }
+
+    PosterProcess(const PosterProcess&) = delete;
+    PosterProcess& operator=(const PosterProcess&) = delete;
+
+    pid_t pid() const { return mPid; }
+
+    // Ends the process. Returns whether it was pinged.
+    bool isPinged()
+    {
+        int status = 0;
+        EXPECT_EQ(write(mPipe[1], "x", 1), 1);
+        waitpid(std::exchange(mPid, -1), &status, 0);
+        return !WIFEXITED(status) || WEXITSTATUS(status) != EXIT_SUCCESS;
+    }
+
+private:
+    [[noreturn]] void run()
+    {
+        const int end = dup2(mPipe[0], STDIN_FILENO);
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
+        Poster poster;
+        char letter = 0;
+        if (testing::Test::HasFailure() || ::read(end, &letter, 1) != 1)
+            _exit(EXIT_FAILURE);
+        _exit(poster.read(1, quiet).empty() ? EXIT_SUCCESS : EXIT_FAILURE);
+    }
+
+    int mPipe[2] = {-1, -1};
+    pid_t mPid = -1;
+};
+
 class BarrierTest : public testing::Test
 {
 protected:
+    // Waits until the broker knows this process.
+    bool isKnown(pid_t pid)
+    {
+        const std::string member = "\"pid\":" + std::to_string(pid) + ',';
+        return eventually(
+            [&]
+            { return requester.ask(R"({"getBrokerClients":"null"})").find(member) != std::string::npos; });
+    }
+
     void SetUp() override { requester.ask("Sync"); } // the first Sync is special
 
     void expectAnswer() { EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"}); }
@@ -99,6 +171,50 @@ TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
         }));
 }
 
+// The broker reads both in one round when it wakes.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there.
+TEST_F(BarrierTest, syncsOfTwoUsersPingThePosterOfEachOnce)
+{
+    std::unique_ptr<ZmtpPeer> otherRequester;
+    std::unique_ptr<Poster> other;
+    const auto connect = [&]
+    {
+        otherRequester = std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort);
+        other = std::make_unique<Poster>();
+    };
+    if (!asUser(12345, connect))
+        GTEST_SKIP() << "this process may not be another user";
+    ASSERT_TRUE(otherRequester->shakeHands());
+    ASSERT_EQ(otherRequester->ask("Sync"), "SyncAck");
+    Poster poster;
+    broker.process().suspend();
+    requester.send({"Sync"});
+    ASSERT_TRUE(otherRequester->write(ZmtpPeer::request("Sync")));
+    broker.process().signal(SIGCONT);
+    for (Poster* each : {&poster, other.get()})
+    {
+        const std::string context = each->awaitPing();
+        ASSERT_NE(context, "");
+        ASSERT_TRUE(each->write(ZmtpPeer::pong(context)));
+    }
+    expectAnswer();
+    EXPECT_EQ(otherRequester->receiveText(), "SyncAck");
+    EXPECT_EQ(poster.read(1, quiet), "");
+    EXPECT_EQ(other->read(1, quiet), "");
+}
+
+// The broker looks for processes when a client asks for them. From then on, it leaves other posters in peace.
+TEST_F(BarrierTest, aSyncDoesNotPingThePosterOfAnotherProcessOfTheSameUser)
+{
+    ASSERT_TRUE(isKnown(getpid())); // before the other process inherits the socket
+    PosterProcess other;
+    ASSERT_TRUE(isKnown(other.pid()));
+    requester.send({"Sync"});
+    expectAnswer();
+    EXPECT_FALSE(other.isPinged());
+}
+
 // May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
 // runs there.
 TEST_F(BarrierTest, aSyncDoesNotPingPostersOfOtherUsersFromWhichNothingHasCome)
@@ -116,6 +232,51 @@ TEST_F(BarrierTest, aQueryDoesNotPingPostersFromWhichNothingHasCome)
     Poster poster;
     EXPECT_EQ(valueOf(requester, "k"), reply(""));
     EXPECT_EQ(poster.read(1, quiet), "");
+}
+
+// More of its client's earlier posts may be under way.
+TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
+{
+    ZmtpPeer subscriber(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(subscriber.shakeHands());
+    ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
+    Poster poster;
+    std::string posts;
+    for (int number = 0; posts.size() < std::size_t{64} * 1024; ++number)
+        posts += ZmtpPeer::message(postOf("k", std::to_string(number)));
+    ASSERT_TRUE(poster.write(posts + ZmtpPeer::message(postOf("k", "before"))));
+    ASSERT_TRUE(eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
+    requester.send({R"({"getClientInfoValue":"k"})"});
+    const std::string context = poster.awaitPing();
+    ASSERT_NE(context, "");
+    ASSERT_TRUE(poster.write(ZmtpPeer::message(postOf("k", "after")) + ZmtpPeer::pong(context)));
+    EXPECT_EQ(requester.receive(), std::vector<std::string>{reply("after")});
+}
+
+// Holds even if the broker has so much to read that it reads the posts of some clients late.
+TEST_F(BarrierTest, aQueryIsAnsweredBehindAllPostsThatHadArrived)
+{
+    constexpr int many = 32; // reading them takes more than a turn, but far less than 100 ms
+    std::vector<std::unique_ptr<Poster>> posters;
+    std::string rest;
+    for (int number = 0; rest.size() < std::size_t{10} * 1024; ++number)
+        rest += ZmtpPeer::message(postOf("rest", std::to_string(number)));
+    for (int number = 0; number < many; ++number)
+        posters.push_back(std::make_unique<Poster>());
+    broker.process().suspend();
+    for (int number = 0; number < many; ++number)
+    {
+        Poster& poster = *posters[static_cast<std::size_t>(number)];
+        ASSERT_TRUE(poster.write(ZmtpPeer::message(postOf("k" + std::to_string(number), "v"))));
+        ASSERT_TRUE(poster.write(rest)); // too little for a poster to be pinged
+    }
+    requester.send({R"({"getClientInfo":"null"})"});
+    broker.process().signal(SIGCONT);
+    const auto answer = requester.receive();
+    ASSERT_TRUE(answer);
+    const std::string values = std::accumulate(answer->begin(), answer->end(), std::string());
+    for (int number = 0; number < many; ++number)
+        EXPECT_NE(values.find("\"k" + std::to_string(number) + "\":\"v\""), std::string::npos) << number;
 }
 
 // A client that is stopped delays other clients of its service only once.

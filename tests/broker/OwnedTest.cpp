@@ -53,9 +53,27 @@ public:
     pid_t pid() const { return mPid; }
 
     // Makes it connect again, without posting on the new connection.
-    void reconnect() { ASSERT_EQ(write(mPipe[1], "x", 1), 1); }
+    void reconnect() { command('r'); }
+
+    // Makes it post as much as the kernel takes without a reader, and end.
+    void postMuchAndEnd()
+    {
+        command('m');
+        waitpid(std::exchange(mPid, -1), nullptr, 0);
+    }
 
 private:
+    void command(char letter) { ASSERT_EQ(write(mPipe[1], &letter, 1), 1); }
+
+    static void postMuch(ZmtpPeer& peer)
+    {
+        std::string posts;
+        for (int number = 0; number < 1000; ++number)
+            posts += ZmtpPeer::message(postOf("filler", std::to_string(number)));
+        while (peer.writeSome(posts) == posts.size())
+            ;
+    }
+
     [[noreturn]] void run(const std::string& post)
     {
         const int commands = dup2(mPipe[0], STDIN_FILENO);
@@ -65,6 +83,11 @@ private:
             peer->write(ZmtpPeer::message(post));
         for (char command = 0; read(commands, &command, 1) == 1;)
         {
+            if (command == 'm')
+            {
+                postMuch(*peer);
+                break;
+            }
             peer.reset();
             peer = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
             peer->shakeHands();
@@ -198,6 +221,25 @@ TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
     awaitAnotherEnd();
     EXPECT_EQ(value("net.a"), reply("up"));
     EXPECT_EQ(value("net.c"), reply("up"));
+}
+
+// The broker sees the end of the first process only after all its posts.
+TEST_F(Owned, valuesOfAServiceGoOnWithAProcessThatCameBeforeTheLastPostsOfTheFormerWereRead)
+{
+    const ServiceGroup group("one");
+    if (const std::string lack = group.lack(); !lack.empty())
+        GTEST_SKIP() << lack;
+    start(owned("1s"));
+    auto first = owner("net.a", "up", &group);
+    broker->process().suspend();
+    first->postMuchAndEnd();
+    const OwnerProcess restarted("net.c", "up", &group);
+    broker->process().signal(SIGCONT);
+    ASSERT_TRUE(becomes("net.c", "up"));
+    ASSERT_TRUE(
+        eventually([&] { return statistic("clients.posts") == 2; })); // this test's, and the restarted
+    awaitAnotherEnd();
+    EXPECT_EQ(value("net.a"), reply("up"));
 }
 
 TEST_F(Owned, inAuditModeMarksAreOnlyLogged)

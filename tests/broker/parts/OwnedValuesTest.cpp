@@ -38,7 +38,7 @@ protected:
     void go(Posters::Id client, bool canComeBack = true)
     {
         here.erase(client);
-        values.gone(client, canComeBack, now);
+        values.gone(client, canComeBack, now - unread, now);
         state.posters().release(client);
     }
 
@@ -56,10 +56,16 @@ protected:
     PolicyPointer policy;
     std::set<Posters::Id> here;
     std::optional<Posters::Id> successor = Posters::nobody;
+    std::chrono::milliseconds unread{0}; // how long ago a client that goes may have ended
+    TimePoint successorSince;            // the time after which the last successor was looked for
     Marked marked;
     OwnedValues values{state,
                        {[this](Posters::Id id) { return here.count(id) != 0; },
-                        [this](Posters::Id, TimePoint) { return successor; },
+                        [this](Posters::Id, TimePoint since)
+                        {
+                            successorSince = since;
+                            return successor;
+                        },
                         [this](Posters::Id, const PolicyTie& rule, const std::vector<std::string_view>& keys)
                         {
                             for (const std::string_view key : keys)
@@ -81,6 +87,17 @@ TEST_F(OwnedValuesTest, areMarkedWhenTheGraceTimeOfTheirOwnerIsOver)
     EXPECT_EQ(marked, Marked());
     pass(1ms);
     EXPECT_EQ(marked, (Marked{{"net.a", "offline"}, {"net.b", "offline"}}));
+}
+
+TEST_F(OwnedValuesTest, goToAClientThatCameSinceTheirOwnerMayHaveEnded)
+{
+    const Posters::Id owner = client();
+    post(owner, "net.a");
+    unread = 700ms;
+    const TimePoint end = now - unread;
+    go(owner);
+    pass(1s);
+    EXPECT_EQ(successorSince, end);
 }
 
 TEST_F(OwnedValuesTest, areMarkedOnce)

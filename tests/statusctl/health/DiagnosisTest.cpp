@@ -164,6 +164,27 @@ TEST(DiagnosisTest, whatWasLostRefusedOrUnreadableIsFound)
     EXPECT_EQ(checksWith("limit.anyOfThem", 1), "limit ");
 }
 
+TEST(DiagnosisTest, clientsThatWereRefusedSomethingAreNamedWithTheCommandThatExplainsIt)
+{
+    std::vector<BrokerProtocol::Client> clients(3);
+    clients[0].uid = 1;
+    clients[1].uid = 1000;
+    clients[1].service = "lampd.service";
+    clients[1].program = "lampd";
+    clients[1].pid = 12;
+    clients[1].refusals = 9;
+    clients[2].uid = 1001;
+    clients[2].refusals = 1;
+    const Findings findings = Diagnosis::ofRefused(clients);
+    ASSERT_EQ(checksOf(findings), "refused ");
+    EXPECT_EQ(findings[0].problem, "refused clients: lampd (process 12) of "
+                                   "1000:lampd.service, 9 times, a program of 1001, 1 times");
+    EXPECT_EQ(findings[0].remedy, "to explain: \"sudo statusctl may 1000:lampd.service post NAME\"; "
+                                  "the broker's log shows the names");
+    clients.resize(1);
+    EXPECT_EQ(checksOf(Diagnosis::ofRefused(clients)), "");
+}
+
 TEST(DiagnosisTest, descriptorsNearTheirLimitAreFound)
 {
     EXPECT_EQ(checksWith("descriptors.open", 799), "");

@@ -1,11 +1,15 @@
 // may, with a real broker and with a scripted broker.
 
+#include <csignal>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ScriptedBroker.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Wait.h"
+#include "tests/support/ZmtpPeer.h"
 
 namespace
 {
@@ -39,6 +43,28 @@ TEST_F(MayTest, whatIsAllowedIsExplainedAndExitsWith0)
     EXPECT_EQ(outcome.output, "allowed by the default, as no rule matches\n");
     EXPECT_EQ(statusctl({"-j", "may", "4000", "post", "b"}).output,
               "{\"allowed\":true,\"reason\":\"allowed by the default, as no rule matches\"}\n");
+}
+
+TEST_F(MayTest, doctorNamesAClientThatWasDeniedSomethingAndTheCommandThatExplainsIt)
+{
+    const std::string user = std::to_string(geteuid());
+    writeFile(folder / "p", "[[rule]]\nuser = " + user + "\ndeny = [\"post\"]\nkeys = \"a\"\n");
+    broker.process().signal(SIGHUP);
+    ASSERT_TRUE(eventually([&] { return statusctl({"may", user, "post", "a"}).code == 1; }));
+    ZmtpPeer poster(ZmtpPeer::postPort);
+    ASSERT_TRUE(poster.shakeHands());
+    ASSERT_TRUE(poster.write(ZmtpPeer::message(R"({"postStatus":{"a":"1"}})")));
+    Outcome outcome;
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            outcome = statusctl({"doctor"});
+            return outcome.output.find("problem: refused clients: ") != std::string::npos;
+        }))
+        << outcome;
+    EXPECT_EQ(outcome.code, 1) << outcome;
+    EXPECT_NE(outcome.output.find(", 1 times"), std::string::npos) << outcome;
+    EXPECT_NE(outcome.output.find("statusctl may " + user), std::string::npos) << outcome;
 }
 
 TEST_F(MayTest, anActionWithoutANameTakesNone)
