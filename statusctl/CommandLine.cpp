@@ -26,7 +26,7 @@ bool isTerminalWithColors()
            std::string(terminal) != "dumb";
 }
 
-// CLI11 shows the value that a flag stands for behind its name, and would break our lines.
+// CLI11 prints the values of a flag behind its name, which would break the lines of the help.
 class HelpFormatter : public CLI::Formatter
 {
 public:
@@ -37,7 +37,7 @@ public:
     }
 };
 
-// No argument can hold this letter. It marks the arguments whose letters mean nothing to CLI11.
+// No argument can contain this letter. It marks arguments that CLI11 must not interpret.
 constexpr char literalMark = '\0';
 
 std::string withoutMark(std::string text)
@@ -47,7 +47,7 @@ std::string withoutMark(std::string text)
     return text;
 }
 
-// CLI11 forgets the "--" when it stands behind the first positional, and makes several of "[a,b]".
+// CLI11 ignores a "--" behind the first positional, and splits "[a,b]" into several arguments.
 std::vector<std::string> withLiterals(std::vector<std::string> arguments)
 {
     const auto end = std::find(arguments.begin(), arguments.end(), "--");
@@ -74,25 +74,16 @@ void takeMarks(CLI::App& command)
     }
 }
 
-std::string namesOf(const std::vector<const CLI::App*>& commands)
-{
-    std::string names;
-    for (const CLI::App* command : commands)
-        names += (names.empty() ? "" : ", ") + command->get_name();
-    return names;
-}
-
-// CLI11 only says that a subcommand is required.
+// CLI11 only reports that a subcommand is required.
 std::string reasonOfMissingCommand(const CLI::App& app, const std::string& name)
 {
     std::vector<std::string> words = app.remaining(true);
     std::transform(words.begin(), words.end(), words.begin(), withoutMark);
-    const auto all = app.get_subcommands([](const CLI::App*) { return true; });
-    const std::string hint = "; there are " + namesOf(all);
+    const std::string hint = " (see statusctl " + (name.empty() ? "" : name + " ") + "--help)";
     if (words.empty())
-        return "one of these commands is needed: " + namesOf(all);
-    return "\"" + words.front() + "\" is " + (words.front()[0] == '-' ? "no option" : "no command") +
-           (name.empty() ? hint : " of " + name + hint);
+        return "missing command" + hint;
+    return (words.front()[0] == '-' ? "unknown option \"" : "unknown command \"") + words.front() + "\"" +
+           hint;
 }
 
 std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const std::string& name)
@@ -102,8 +93,8 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const st
     std::string reason = isMissingCommand ? reasonOfMissingCommand(app, name) : error.what();
     const CLI::App& top = app.get_parent() == nullptr ? app : *app.get_parent();
     const std::vector<std::string> extras = top.remaining(true);
-    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !extras.empty()) // what() ends at a mark
-        reason = "\"" + withoutMark(extras.front()) + "\" was not expected";
+    if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !extras.empty()) // what() has no name
+        reason = "unexpected argument \"" + withoutMark(extras.front()) + "\"";
     std::replace(reason.begin(), reason.end(), '\n', ' ');
     return reason;
 }
@@ -115,7 +106,7 @@ CommandLine::CommandLine() : mApp("Shows and changes the status of this device."
     mApp.set_version_flag("--version", "statusctl " STATUSCTL_VERSION);
     mApp.formatter(std::make_shared<HelpFormatter>());
     mApp.require_subcommand(1);
-    mApp.fallthrough(); // shared options may stand behind the command, too
+    mApp.fallthrough(); // shared options may stand behind the command as well
     mApp.footer(
         "\"statusctl COMMAND --help\" shows details and examples. Exit codes: 0 done, 1 refused or failed,\n"
         "2 wrong usage, 3 not found, 4 broker unreachable, 5 bad reply, 124 timed out, 128+n signal n.");
@@ -152,7 +143,7 @@ void CommandLine::addVerbs()
     }
 }
 
-// CLI11 would take what stands behind "--" for keys.
+// CLI11 would read the words behind "--" as keys.
 std::vector<std::string> CommandLine::withoutCommand(std::vector<std::string> arguments)
 {
     const auto isVerb = [this](const std::string& argument)
@@ -172,13 +163,13 @@ std::vector<std::string> CommandLine::withoutCommand(std::vector<std::string> ar
 IVerb* CommandLine::parse(std::vector<std::string> arguments)
 {
     mSettings.color = isTerminalWithColors();
-    // An error in the arguments is told in the form that they ask for.
+    // An error in the arguments is reported as JSON if they ask for JSON.
     const auto wantsJson = [](const std::string& text)
     { return text == "-j" || text.compare(0, 6, "--json") == 0; };
     if (std::any_of(arguments.begin(), std::find(arguments.begin(), arguments.end(), "--"), wantsJson))
         mSettings.json = Settings::Json::Short;
     arguments = withLiterals(withoutCommand(std::move(arguments)));
-    std::reverse(arguments.begin(), arguments.end()); // as CLI11 wants them
+    std::reverse(arguments.begin(), arguments.end()); // CLI11 expects them in reverse order
     try
     {
         mApp.parse(arguments);

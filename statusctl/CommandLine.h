@@ -8,16 +8,15 @@
 #include "statusctl/base/Settings.h"
 #include "statusctl/verbs/Verb.h"
 
-/// The command line: the options that all commands share, and the commands.
+/// Reads the command line: the options that all commands share, and the commands.
 class CommandLine
 {
 public:
     CommandLine();
 
     /// @param arguments without the program's name
-    /// @throws Failure if they are wrong; settings() are good as far as they were read
-    /// @returns the command to run; null when there is nothing more to do, because help was asked for and
-    /// printed
+    /// @throws Failure if they are wrong; settings() then hold what was read so far
+    /// @returns the command to run; null if help or the version was asked for, and printed
     IVerb* parse(std::vector<std::string> arguments);
 
     const Settings& settings() const { return mSettings; }

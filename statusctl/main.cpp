@@ -10,15 +10,16 @@
 namespace
 {
 
-// The library's threads may be waiting for a broker that does not answer: nothing of theirs is taken down.
+// quick_exit() runs no destructors. The library's threads may still wait for a broker that does not answer.
 [[noreturn]] void leave(ExitCode code)
 {
     std::fflush(stdout);
     std::quick_exit(static_cast<int>(code));
 }
 
-// One that is closed would become the first socket that is opened, and be written to. It stays as unusable as
-// it was.
+// A standard stream may be closed at the start. The first socket opened would then take its number, and
+// receive what is printed. /dev/null takes the number instead, opened in the wrong direction: the stream
+// still fails.
 void occupyStandardStreams()
 {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
@@ -52,7 +53,7 @@ ExitCode run(CommandLine& line, int argc, char** argv)
 int main(int argc, char** argv)
 {
     occupyStandardStreams();
-    std::signal(SIGPIPE, SIG_DFL); // a reader that has gone ends us silently, whatever started us
+    std::signal(SIGPIPE, SIG_DFL); // end silently when the reader has gone, even if the parent ignored it
     CommandLine line;
     leave(run(line, argc, argv));
 }

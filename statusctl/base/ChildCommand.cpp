@@ -22,7 +22,7 @@ std::atomic<pid_t> running{0};
 
 constexpr int passed[] = {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGUSR2};
 
-// A key of the terminal means both: the kernel has sent its signal to the other one, too.
+// A key of the terminal (Ctrl-C, Ctrl-\) signals the whole group: the kernel has already signalled the child.
 bool isOfTerminal(int signal, const siginfo_t& info)
 {
     return info.si_code == SI_KERNEL && (signal == SIGINT || signal == SIGQUIT);
@@ -32,7 +32,7 @@ void passOn(int signal, siginfo_t* info, void*)
 {
     const int before = errno;
     const pid_t child = running;
-    if (child > 0 && !isOfTerminal(signal, *info)) // 0 would be all processes of the group, this one too
+    if (child > 0 && !isOfTerminal(signal, *info)) // kill(0) would signal the whole group
         kill(child, signal);
     errno = before;
 }
@@ -54,7 +54,7 @@ void takeSignals()
         std::signal(signal, SIG_DFL);
 }
 
-// The program begins with signals as they are for any program.
+// The child begins with default signal handling and no signal blocked.
 class Attributes
 {
 public:
@@ -87,10 +87,10 @@ ChildCommand::ChildCommand(const std::vector<std::string>& words)
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (const std::string& word : words)
-        arguments.push_back(const_cast<char*>(word.c_str())); // which are not written to
+        arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawnp() does not write to them
     arguments.push_back(nullptr);
     const Attributes attributes;
-    const SignalsBlocked blocked; // one that comes meanwhile is passed on
+    const SignalsBlocked blocked; // a signal that comes before the handlers are set is still passed on
     const int error =
         posix_spawnp(&mPid, arguments.front(), nullptr, attributes.get(), arguments.data(), environ);
     if (error != 0)
@@ -106,9 +106,9 @@ int ChildCommand::wait() const
     while (waitid(P_PID, static_cast<id_t>(mPid), &ignored, WEXITED | WNOWAIT) < 0 && errno == EINTR)
     {
     }
-    running = 0; // before its number can be another's
+    running = 0; // once waited for, the kernel may reuse the process id
     int status = 0;
     waitpid(mPid, &status, 0);
-    takeSignals(); // there is nobody any more to whom to pass them on
+    takeSignals(); // no child is left to pass them on to
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

@@ -17,7 +17,7 @@ namespace
 
 namespace fs = std::filesystem;
 
-// From "12 (name) S 11 ...", where the name may be anything.
+// Reads "12 (name) S 11 ...". The name may contain anything, also ")".
 pid_t parentOf(const fs::path& process)
 {
     std::ifstream file(process / "stat");
@@ -48,7 +48,7 @@ std::set<pid_t> children()
     return found;
 }
 
-// One that has become another user, as by sudo, may not be ended, nor waited for.
+// Fails for a child that became another user, as under sudo: this process may not kill it.
 bool end(pid_t child)
 {
     return kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child;
@@ -61,10 +61,10 @@ Descendants::Descendants() : mInherited(children())
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
-// The children of one that ends have become ours when it has been waited for.
+// Ending a child makes its children ours, so this repeats until no child is left.
 Descendants::~Descendants()
 {
-    const SignalsBlocked blocked; // or some would be left
+    const SignalsBlocked blocked; // a signal would end this process before all children are ended
     while (endChildren())
     {
     }

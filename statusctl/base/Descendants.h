@@ -4,8 +4,8 @@
 #include <set>
 #include <sys/types.h>
 
-/// As long as it lives, processes whose parent has gone become children of this process. Its end ends them
-/// all: the children that this process has made meanwhile, theirs, and so on.
+/// While it lives, orphaned descendants become children of this process. Its destructor ends all children
+/// that this process has started since, with their descendants.
 class Descendants
 {
 public:
@@ -18,7 +18,7 @@ public:
 private:
     bool endChildren() const;
 
-    // This process has taken the place of another program, such as a shell, and these were its children.
+    // The children at the start: this process may have replaced a shell that had started some.
     const std::set<pid_t> mInherited;
 };
 

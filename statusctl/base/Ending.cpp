@@ -34,7 +34,7 @@ void endBy(int signal)
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, signal);
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr); // the library's threads block all
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr); // the library's threads block all signals
     std::raise(signal);
-    std::abort(); // not reached by a signal that ends a process
+    std::abort(); // reached only if the signal does not end a process
 }

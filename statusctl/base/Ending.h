@@ -1,15 +1,15 @@
 #ifndef STATUSCTL_BASE_ENDING_H
 #define STATUSCTL_BASE_ENDING_H
 
-/// Ends the process by a signal, as if nothing had caught or blocked it: whoever started it sees 128+n.
+/// Ends the process by a signal, even if the signal was caught or blocked. The parent sees 128+n.
 [[noreturn]] void endBy(int signal);
 
-/// Lets SIGINT and SIGQUIT end the process, whatever it was started with: a shell without job control starts
-/// what stands before "&" with both ignored. For commands that run until somebody ends them.
+/// Lets SIGINT and SIGQUIT end the process even if the parent ignored them: a shell without job control
+/// starts background commands ("&") with both ignored. For commands that run until a signal ends them.
 void obeyInterrupts();
 
-/// Sets the function that leaveWith() calls once, before it prints the reason: a screen that is on would hide
-/// the text.
+/// Sets a function that leaveWith() calls once, before it prints the reason: the full-screen display would
+/// hide the text.
 void setRestore(void (*restore)());
 void restoreBeforeLeaving();
 

@@ -11,7 +11,7 @@
 enum class ExitCode
 {
     Done = 0,
-    Failed = 1, ///< or refused
+    Failed = 1, ///< failed or refused
     WrongUsage = 2,
     NotFound = 3,
     Unreachable = 4,
@@ -19,13 +19,13 @@ enum class ExitCode
     TimedOut = 124,
 };
 
-/// Ends the command: told as one line on standard error.
+/// Ends the command. The reason is printed as one line on standard error.
 class Failure : public std::runtime_error
 {
 public:
     using Lists = std::map<std::string, std::vector<std::string>>;
 
-    /// @param lists names, by what became of them: members of the error in JSON. The reason tells them, too
+    /// @param lists names, grouped by outcome; added to the error in JSON. The reason names them as well
     Failure(ExitCode code, const std::string& reason, Lists lists = {})
         : std::runtime_error(reason), mCode(code), mLists(std::move(lists))
     {

@@ -18,9 +18,9 @@ namespace
 [[noreturn]] void fail(const char* what)
 {
     throw Failure(ExitCode::Failed,
-                  std::string("cannot make a network of its own: ") + what + ": " + std::strerror(errno) +
-                      "; run it as root, or let users make namespaces (user.max_user_namespaces, "
-                      "user.max_net_namespaces, and what a container or AppArmor forbids)");
+                  std::string("cannot create a private network: ") + what + ": " + std::strerror(errno) +
+                      "; run it as root, or let users create namespaces (see user.max_user_namespaces, "
+                      "user.max_net_namespaces, and the rules of the container or of AppArmor)");
 }
 
 bool write(const char* file, const std::string& text)
@@ -35,7 +35,7 @@ bool write(const char* file, const std::string& text)
     return isWritten;
 }
 
-// "1000 1000 1": this one, under the same number.
+// Maps an id to itself: "1000 1000 1".
 std::string same(unsigned id)
 {
     return std::to_string(id) + " " + std::to_string(id) + " 1";
@@ -51,10 +51,10 @@ void enterNamespaces()
         fail("unshare");
     if (unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0)
         fail("unshare");
-    // The kernel asks for the first before the last.
+    // The kernel accepts gid_map only after setgroups is denied.
     if (!write("/proc/self/setgroups", "deny") || !write("/proc/self/uid_map", same(user)) ||
         !write("/proc/self/gid_map", same(group)))
-        fail("users of the namespace");
+        fail("mapping of users");
 }
 
 void startLoopback()

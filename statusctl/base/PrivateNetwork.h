@@ -1,12 +1,12 @@
 #ifndef STATUSCTL_BASE_PRIVATENETWORK_H
 #define STATUSCTL_BASE_PRIVATENETWORK_H
 
-/// Moves this process to a network of its own, which has a loopback interface and nothing else: all ports are
-/// free there, and nobody outside can connect. The process must have no other thread.
+/// Moves this process into a network namespace of its own, with only a loopback interface. All ports are free
+/// there, and nothing outside can connect. The process must have a single thread.
 ///
-/// Without the right to do so, it takes a user namespace, too, where users have that right. The user stays
-/// the same there: programs that look at it do as they always do.
-/// @throws Failure where the kernel does not let it
+/// Without the privilege for that, it enters a user namespace as well, if users may create one. The user id
+/// stays the same, so programs that look at it notice no difference.
+/// @throws Failure if the kernel refuses
 void enterPrivateNetwork();
 
 #endif

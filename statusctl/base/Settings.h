@@ -6,22 +6,22 @@
 #include <string>
 #include <vector>
 
-/// The settings by the options that all commands share.
+/// The options that all commands share.
 struct Settings
 {
     enum class Json
     {
         Off,
         Short,  ///< on one line
-        Pretty, ///< indented, but for streams, which are always one object a line
+        Pretty, ///< indented; streams are always one object a line
     };
 
-    std::string verb; ///< empty until it is known
+    std::string verb; ///< empty until the command is known
     std::optional<std::chrono::milliseconds> timeout;
     Json json = Json::Off;
     bool quiet = false;
     bool color = false;
-    std::vector<std::string> command; ///< what stands behind "--", for a command that runs others
+    std::vector<std::string> command; ///< the words behind "--", for a command that runs another program
 
     bool isJson() const { return json != Json::Off; }
     std::chrono::milliseconds requestTimeout() const { return timeout.value_or(std::chrono::seconds(5)); }

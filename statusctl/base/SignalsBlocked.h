@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-/// As long as it lives, signals to this thread wait.
+/// Blocks all signals to this thread while it lives.
 class SignalsBlocked
 {
 public:

@@ -9,11 +9,11 @@ _statusctl_options() {
 }
 
 _statusctl_keys() {
-    # A backslash is part of an escape, so the key is not what is shown.
+    # A backslash begins an escape, so the shown text is not the key itself.
     statusctl --timeout 500ms dump --keys 2>/dev/null | grep -vF '\'
 }
 
-# Each line that begins with what was typed, quoted: "compgen -W" would run a key that is a command.
+# Offers each line that begins with the typed text, quoted. "compgen -W" would run a key that is a command.
 _statusctl_offer() {
     local word
     while IFS= read -r word; do

@@ -9,11 +9,11 @@ function __statusctl_options
 end
 
 function __statusctl_keys
-    # A backslash is part of an escape, so the key is not what is shown.
+    # A backslash begins an escape, so the shown text is not the key itself.
     statusctl --timeout 500ms dump --keys 2>/dev/null | grep -vF '\\'
 end
 
-# The command given so far, and how many words stand behind it.
+# The command typed so far, and the number of words behind it.
 function __statusctl_verb
     set -l words (commandline -opc)
     set -e words[1]

@@ -17,7 +17,7 @@ namespace
 constexpr const char* requests = "tcp://127.0.0.1:5555";
 constexpr const char* events = "inproc://link";
 
-// It begins without a connection.
+// Turn 0 is before the first connection, so odd turns are connected.
 bool isUp(unsigned turn)
 {
     return turn % 2 == 1;
@@ -36,7 +36,7 @@ BrokerLink::~BrokerLink()
 
 void BrokerLink::end()
 {
-    mContext.shutdown(); // ends whatever receives
+    mContext.shutdown(); // ends the receives of both threads
     if (mThread.joinable())
         mThread.join();
 }
@@ -51,7 +51,7 @@ std::optional<StatusMap> BrokerLink::values(std::optional<std::chrono::milliseco
 {
     const unsigned turn = mTurn;
     if (!isUp(turn))
-        return std::nullopt; // the next turn would come only with the next broker
+        return std::nullopt; // the turn changes only when the broker is back
     const auto isWanted = [this, limit, turn, begin = std::chrono::steady_clock::now()]
     {
         if (limit && std::chrono::steady_clock::now() - begin >= *limit)
@@ -61,7 +61,7 @@ std::optional<StatusMap> BrokerLink::values(std::optional<std::chrono::milliseco
     std::optional<std::string> reply;
     do
         reply = ask(BrokerProtocol::writeGetClientInfo(), isWanted);
-    while (reply && reply->empty()); // to a connection that has said nothing for too long: ask again
+    while (reply && reply->empty()); // empty: sent to a silent connection, so ask again
     if (!reply)
         return std::nullopt;
     std::optional<StatusMap> values = BrokerProtocol::readMapReply(*reply);
@@ -70,7 +70,7 @@ std::optional<StatusMap> BrokerLink::values(std::optional<std::chrono::milliseco
     return values;
 }
 
-// On a connection of its own: the link itself may be just about to get the broker's empty answer.
+// Uses a connection of its own: on the link's, an empty answer of the broker could arrive first.
 std::optional<std::string> BrokerLink::ask(const std::string& request, const std::function<bool()>& isWanted)
 {
     constexpr int pace = 100;
@@ -113,18 +113,18 @@ void BrokerLink::watch()
         while (const std::optional<std::string> event = Messages::receive(monitor))
             take(*event);
     }
-    catch (const zmq::error_t&) // by end(); without sockets there is nothing to tell
+    catch (const zmq::error_t&) // thrown after end(). Without sockets there is nothing to report either
     {
     }
 }
 
-// Its number stands at the beginning.
+// A monitor event begins with its number.
 void BrokerLink::take(const std::string& event)
 {
     uint16_t number = 0;
     std::memcpy(&number, event.data(), sizeof(number));
     const bool hasCome = number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
-    if (hasCome == isUp(mTurn)) // it is still trying
+    if (hasCome == isUp(mTurn)) // another attempt of the same connection
         return;
     if (++mTurn == 1)
         mFirst.set_value();

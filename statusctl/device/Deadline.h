@@ -7,9 +7,8 @@
 #include <mutex>
 #include <thread>
 
-/// Calls a function on a thread of its own if it is not destroyed in time. The library waits without limit
-/// for a broker that does not answer, and a call that waits cannot be taken back; so the function leaves the
-/// process.
+/// Calls a function on its own thread unless it is destroyed in time. The library waits without limit for a
+/// broker that does not answer, and nothing can cancel the call. So the function ends the process.
 class Deadline
 {
 public:

@@ -28,8 +28,8 @@ std::optional<Failure> unreachable()
                                               "); is statusbroker running?");
 }
 
-// The library sends the last frame of a message with the remainder of the whole length, so a message of a
-// multiple of this length loses its end.
+// The library sends the last frame of a message with length % maxFrameBytes bytes. A message whose length is
+// a multiple of maxFrameBytes loses its end.
 bool isTaken(const std::string& message)
 {
     return message.size() % BrokerProtocol::maxFrameBytes != 0;
@@ -43,16 +43,16 @@ void checkTaken(const std::string& message)
                                             " bytes; make it a byte longer or shorter");
 }
 
-// JSON holds nothing else; the library would put U+FFFD for what is not, and the key or value would be
-// another.
+// JSON carries only UTF-8. The library would replace each other byte by U+FFFD, and so post a different key
+// or value.
 void checkUtf8(const std::string& text)
 {
     if (!Text::isUtf8(text))
         throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
-                                            "\" is not UTF-8, and nothing else can be posted; encode it");
+                                            "\" is not UTF-8; encode it, since only UTF-8 can be posted");
 }
 
-// As few parts as the transport takes, each no longer than `most`: halves of halves.
+// Sends in as few parts as the transport takes, each at most `most` bytes, by halving.
 // NOLINTBEGIN(misc-no-recursion)
 template <typename Texts, typename Write, typename Send>
 void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
@@ -71,13 +71,13 @@ void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
 }
 // NOLINTEND(misc-no-recursion)
 
-// No bad reply, but what the broker says when posts may have been lost that somebody made before.
+// Not a bad reply: the broker reports that posts of any client may have been lost before.
 bool tellsOfLostPosts(const std::string& failure)
 {
     return failure.find(BrokerProtocol::syncLostWord) != std::string::npos;
 }
 
-// The broker takes a megabyte; this leaves it room between two.
+// The broker takes 1 MiB; a margin for the message around the texts.
 constexpr std::size_t longestMessage = std::size_t{256} * 1024;
 
 } // namespace
@@ -111,7 +111,7 @@ void Device::waitForBroker() const
     }
 }
 
-// What the wait for the broker has left of the time of -t.
+// The part of -t that the wait for the broker has left.
 milliseconds Device::timeToConnect() const
 {
     if (!mSettings.timeout)
@@ -120,12 +120,12 @@ milliseconds Device::timeToConnect() const
     return std::max(*mSettings.timeout - waited, milliseconds(1));
 }
 
-// On the deadline's thread, while the main thread waits for ever. Nothing that either holds is released.
+// Runs on the deadline's thread while the main thread waits for ever. Releases nothing that either holds.
 void Device::leave() const
 {
     const Failure late(ExitCode::TimedOut, "no answer from the broker within " +
                                                Duration::write(mSettings.requestTimeout()) +
-                                               "; \"statusctl doctor\" may tell why");
+                                               "; try \"statusctl doctor\"");
     leaveWith(mSettings, unreachable().value_or(late));
 }
 
@@ -187,9 +187,9 @@ void Device::setCounter(const std::string& name, uint32_t value)
 
 void Device::confirm()
 {
-    constexpr int noLimit = -1; // one that runs out closes the request channel for good
+    constexpr int noLimit = -1; // a sync that times out closes the request channel for good
     if (!ask([](StatusManager& manager) { return manager.sync(noLimit); }))
-        throw Failure(ExitCode::Failed, "the broker did not confirm");
+        throw Failure(ExitCode::Failed, "the broker did not confirm the posts");
 }
 
 void Device::unregister(IStatusUpdateListener* listener)

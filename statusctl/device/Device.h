@@ -10,19 +10,19 @@
 #include "statusctl/device/Journal.h"
 #include "statusmanager/StatusManager.h"
 
-/// The device as the commands see it: the library's manager, with a deadline for each call that waits, and
-/// with failures told instead of logged.
+/// The device as the commands see it: the library's manager, with a deadline for each call that waits. Throws
+/// failures that the library only logs.
 class Device
 {
 public:
     enum class WithoutBroker
     {
         Fail,
-        Wait, ///< for the time of -t, without it for ever
+        Wait, ///< until -t is over, or for ever without -t
     };
 
-    /// Connects.
-    /// @throws Failure if no broker listens. Leaves the process at the deadline.
+    /// Connects. Ends the process at the deadline.
+    /// @throws Failure if no broker listens
     explicit Device(const Settings& settings, WithoutBroker without = WithoutBroker::Fail);
 
     Device(const Device&) = delete;
@@ -30,16 +30,16 @@ public:
 
     std::chrono::milliseconds requestTimeout() const { return mSettings.requestTimeout(); }
 
-    /// When the time of -t began to run.
+    /// The start of the time that -t limits.
     std::chrono::steady_clock::time_point begin() const { return mBegin; }
 
     /// @throws Failure if no broker listens
     static void checkReachable();
 
-    /// For calls that only queue something.
+    /// For calls that only queue a message.
     StatusManager& manager() { return *mManager; }
 
-    /// The result of a call that waits for the broker. Leaves the process at the deadline.
+    /// Returns the result of a call that waits for the broker. Ends the process at the deadline.
     /// @throws Failure on a bad reply
     template <typename Call>
     auto ask(Call call)
@@ -50,17 +50,17 @@ public:
         return result;
     }
 
-    /// The values of those keys that are known.
+    /// The values of the keys that exist.
     StatusMap values(const StatusKeys& keys);
 
-    /// Queues a post of the values: one, or several where the transport would not take one.
-    /// @throws Failure if it takes none
+    /// Queues a post of the values, in several messages if the transport cannot take them in one.
+    /// @throws Failure if the transport cannot take them at all
     void post(const StatusMap& values);
     void postEvent(const std::string& name, const std::string& value);
     void reset(const StatusKeys& keys);
     void setCounter(const std::string& name, uint32_t value);
 
-    /// Returns when the broker has taken all that was posted.
+    /// Returns when the broker has taken all posts so far.
     void confirm();
 
     /// As StatusManager::unregisterListener().

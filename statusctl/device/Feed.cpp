@@ -16,20 +16,20 @@ Feed::Feed(Device& device, Pattern keys, Pattern events, Receiver receiver)
 {
 }
 
-// Nothing may reach the feed any more when its members go: first the tap and the link, then the library, then
-// what they have queued.
+// Nothing may reach the feed while its members are destroyed. So the tap and the link end first, then the
+// library's subscription, then the calls that these have queued.
 Feed::~Feed()
 {
     mTap.reset();
     if (mLink)
-        mLink->end(); // the feed's thread may be using it
+        mLink->end(); // takes it off the feed's thread, which may be waiting for values
     mDevice.unregister(this);
     mThread.stop();
 }
 
 void Feed::start()
 {
-    // First of all, so that no key can appear between a look at those that are there and the tap.
+    // First, so that no key can appear between keysThatMatch() and the tap.
     if (mKeys.hasGlobs() || mEvents.hasGlobs())
         mTap.emplace([this](Notification notification) { onTapped(std::move(notification)); });
 
@@ -41,7 +41,7 @@ void Feed::start()
     mDevice.manager().registerForEvent(this, events);
     subscribe(keys);
     mLink->waitUntilUp();
-    mDevice.confirm(); // tells of a bad reply to what was queued
+    mDevice.confirm(); // throws if the broker refused one of the queued requests
     auto* agent = OV_NEW AsyncEventAgent0(this, &Feed::takeStart);
     agent->send(&mThread);
 }
@@ -61,7 +61,7 @@ bool Feed::wait(std::optional<std::chrono::milliseconds> timeout)
 
 // ----------------------------------------------------------------------------------------- the feed's thread
 
-// Nothing is told before: until then, the process ends if the broker does.
+// Reporting begins here, not earlier: start() ends the process if the broker goes meanwhile.
 void Feed::takeStart()
 {
     mHasStarted = true;
@@ -77,7 +77,7 @@ void Feed::onStatusUpdate(StatusMap updates)
         mEarly.push_back(std::move(updates));
 }
 
-// The first ones are the answer to start(): the values of the keys that were there.
+// The first updates answer start(): they are the values that existed.
 void Feed::takeUpdates(const StatusMap& updates)
 {
     if (mIsSynced)
@@ -96,7 +96,7 @@ void Feed::takeUpdates(const StatusMap& updates)
     tellTapped();
 }
 
-// Both the library's and the tap's; one that comes early waits with those of the tap.
+// Called for both the library and the tap. An event before Synced waits with the tap's notifications.
 void Feed::onEventUpdate(std::string name, std::string value)
 {
     if (mIsSynced)
@@ -108,7 +108,7 @@ void Feed::onEventUpdate(std::string name, std::string value)
 void Feed::take(Notification notification)
 {
     if (notification.kind == Notification::Kind::Unparsable)
-        return finish(std::make_exception_ptr(Failure(ExitCode::Failed, "cannot hear notifications")));
+        return finish(std::make_exception_ptr(Failure(ExitCode::Failed, "cannot receive notifications")));
     mMustLook = mMustLook || notification.kind == Notification::Kind::Unhandled;
     mTapped.push_back(std::move(notification));
     if (mIsSynced)
@@ -131,8 +131,8 @@ void Feed::tellTapped()
         lookForMissed();
 }
 
-// Keys that have come since start() looked and before the tap was ready. Those that the tap has told of are
-// left to it.
+// Finds keys that appeared after start() had listed them and before the tap was ready. Keys that the tap has
+// already reported stay with the tap.
 void Feed::lookForMissed()
 {
     if (!mKeys.hasGlobs())
@@ -141,7 +141,7 @@ void Feed::lookForMissed()
     {
         const std::optional<StatusMap> values = mLink->values(mDevice.requestTimeout());
         if (!values)
-            return; // lost: there will be another look
+            return; // the broker has gone: lookForDifferences() follows when it is back
         StatusKeys missed;
         for (const auto& [key, value] : *values)
         {
@@ -156,7 +156,7 @@ void Feed::lookForMissed()
     }
 }
 
-// Before the values of the beginning have come, there is nothing that could differ.
+// Before the initial values have arrived, nothing can differ.
 void Feed::takeLink(bool isUp)
 {
     if (!mIsSynced || mIsEnough)
@@ -167,15 +167,15 @@ void Feed::takeLink(bool isUp)
         tell(Change::Kind::Lost, {}, {});
 }
 
-// The library hears of values that differ, too, since a new broker tells everything to those that come back.
-// It does not hear of keys that are no more. Whatever changes from now on waits in the queue of this thread.
+// The library also reports the differing values, because a new broker sends all values to clients that
+// reconnect. It does not report keys that are gone. Later changes wait in this thread's queue.
 void Feed::lookForDifferences()
 {
     try
     {
         const std::optional<StatusMap> values = mLink->values();
         if (!values)
-            return; // lost again
+            return; // the broker has gone again
         for (const auto& [key, value] : *values)
         {
             if (mKeys.matches(key))
@@ -209,7 +209,7 @@ void Feed::tellValue(const std::string& key, const std::string& value)
 {
     const auto [known, isNew] = mValues.emplace(key, value);
     if (!isNew && known->second == value)
-        return; // told again, as happens while clients start
+        return; // a repeated value, which the broker sends while clients start
     known->second = value;
     tell(value.empty() ? Change::Kind::Reset : Change::Kind::Changed, key, value);
 }
@@ -222,7 +222,7 @@ void Feed::subscribe(const StatusKeys& keys)
         if (mSubscribed.insert(key).second)
             added.push_back(key);
     }
-    if (!added.empty() || !mIsSynced) // the first one is answered even when it asks for nothing
+    if (!added.empty() || !mIsSynced) // the first request is answered even if it names no key
         mDevice.manager().registerForStatus(this, added);
 }
 

@@ -19,16 +19,16 @@
 #include "statusctl/device/NotificationTap.h"
 #include "statusctl/text/Pattern.h"
 
-/// Tells what is there and what changes, in this order: the initial values, "synced", then each change as it
-/// arrives. Names given exactly, and keys that are there, are subscribed to in the library. For globs all
-/// notifications are heard as well (NotificationTap), which tells of the keys that appear later. Each key is
-/// told of by one of the two alone, so that its values stay in their order. When the broker goes, "lost" is
-/// told; when it is back, what differs, and "synced".
+/// Reports values and their changes in this order: the initial values, Synced, then each change as it
+/// arrives. Exact names and existing keys are subscribed to in the library. For globs, a NotificationTap also
+/// receives all notifications, which reveals keys that appear later. Each key is reported by only one of the
+/// two, so its values keep their order. When the broker goes, the feed reports Lost; when it is back, the
+/// differences and Synced.
 class Feed : private IStatusUpdateListener
 {
 public:
     /// Called on the feed's thread, one call at a time.
-    /// @returns false when it has seen enough
+    /// @returns false when it wants no more
     using Receiver = std::function<bool(const Change&)>;
 
     Feed(Device& device, Pattern keys, Pattern events, Receiver receiver);
@@ -40,9 +40,9 @@ public:
     /// Subscribes. The receiver is called from now on.
     void start();
 
-    /// Waits until the receiver has seen enough; false if the time, from the device's beginning, is over
-    /// before.
-    /// @throws what the receiver has thrown
+    /// Waits until the receiver wants no more. Returns false if the time, counted from the device's
+    /// beginning, is over first.
+    /// @throws whatever the receiver has thrown
     bool wait(std::optional<std::chrono::milliseconds> timeout);
 
 private:
@@ -70,15 +70,15 @@ private:
     const Pattern mEvents;
     const Receiver mReceiver;
 
-    // The feed's thread, and start() before it has subscribed.
-    std::set<std::string> mSubscribed;                 // the library tells of these
-    std::map<std::string, std::string> mValues;        // as told
-    std::vector<BrokerProtocol::Notification> mTapped; // until the initial values were told
-    std::vector<StatusMap> mEarly;                     // until start() is done
+    // Used by the feed's thread, and by start() before it has subscribed.
+    std::set<std::string> mSubscribed;                 // the library reports these keys
+    std::map<std::string, std::string> mValues;        // as last reported
+    std::vector<BrokerProtocol::Notification> mTapped; // until the initial values are reported
+    std::vector<StatusMap> mEarly;                     // until start() has finished
     bool mHasStarted = false;
-    bool mMustLook = false; // what the tap has missed before it was ready
+    bool mMustLook = false; // keys may have appeared before the tap was ready
     bool mIsSynced = false;
-    bool mIsLost = false; // and that is told
+    bool mIsLost = false; // and Lost has been reported
     bool mIsEnough = false;
 
     std::mutex mMutex;
@@ -88,7 +88,7 @@ private:
 
     Orvane::EventThread mThread{"statusctl feed", 0};
     std::optional<NotificationTap> mTap; // its thread sends to mThread
-    std::optional<BrokerLink> mLink;     // and so does this one's
+    std::optional<BrokerLink> mLink;     // its thread sends to mThread, too
 };
 
 #endif

@@ -36,7 +36,7 @@ void Journal::take(const ov_log_record& record)
     if (mIsShown)
         std::fprintf(stderr, "%d %s:%d %s\n", record.level, record.file, record.line,
                      Text::escaped(record.text).c_str());
-    // A bad notification is not a failure of the question that is being asked at the moment.
+    // A bad notification is not a failure of the request that is under way.
     if (record.level > failures || std::strstr(record.function, "handleNotifyMessage") != nullptr)
         return;
     const std::lock_guard<std::mutex> lock(mMutex);

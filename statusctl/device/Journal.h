@@ -4,10 +4,10 @@
 #include <mutex>
 #include <string>
 
-/// Keeps the library's log off standard error, and remembers failures: the library reports them in no other
-/// way. With OV_LOG in the environment all lines are shown.
+/// Keeps the library's log off standard error and records its errors: the library reports failures only in
+/// its log. With OV_LOG in the environment, all lines are printed.
 ///
-/// There is one, which lives until the process ends: the library's threads may log until then.
+/// The only instance lives until the process ends, because the library's threads may log until then.
 class Journal
 {
 public:
@@ -16,7 +16,7 @@ public:
     Journal(const Journal&) = delete;
     Journal& operator=(const Journal&) = delete;
 
-    /// The first failure since the last call; empty if there was none.
+    /// The first failure since the last call; empty if there is none.
     std::string takeFailure();
 
 private:

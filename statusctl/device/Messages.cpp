@@ -5,7 +5,7 @@
 namespace
 {
 
-// A signal that somebody handles does not end it.
+// A signal whose handler returns does not end the receive.
 bool receiveFrame(zmq::socket_t& socket, zmq::message_t& frame)
 {
     for (;;)

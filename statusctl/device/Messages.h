@@ -8,7 +8,7 @@
 namespace Messages
 {
 
-/// All frames of the next message as one text; nothing when the socket's time for receiving is over.
+/// Returns all frames of the next message as one text; nothing after the socket's receive timeout.
 std::optional<std::string> receive(zmq::socket_t& socket);
 
 } // namespace Messages

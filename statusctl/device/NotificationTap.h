@@ -8,14 +8,14 @@
 
 #include "protocol/ClientDocuments.h"
 
-/// Hears all notifications of the broker, whatever their names: the library tells only of names that are
-/// known beforehand. A subscription of its own, so the broker sends this process everything twice.
+/// Receives all notifications of the broker, whatever their names: the library reports only names that are
+/// known beforehand. It is a subscription of its own, so the broker sends this process everything twice.
 class NotificationTap
 {
 public:
-    /// @param receive called on the tap's thread with every notification that can be read, and once with one
-    /// that says nothing (Unhandled), when the first message of any kind comes: from then on nothing is
-    /// missed. Unparsable: it has failed, and hears no more
+    /// @param receive called on the tap's thread with every readable notification. It gets one empty
+    /// notification (Unhandled) after the first message of any kind: from then on nothing is missed. It gets
+    /// Unparsable when the tap has failed and receives no more
     explicit NotificationTap(std::function<void(BrokerProtocol::Notification)> receive);
     ~NotificationTap();
 

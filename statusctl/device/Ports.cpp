@@ -38,7 +38,7 @@ public:
                static_cast<ssize_t>(bytes.size());
     }
 
-    // Until so many have come in all.
+    // Reads until `bytes` has `count` bytes in all.
     bool readUpTo(std::string& bytes, std::size_t count, steady_clock::time_point end)
     {
         while (bytes.size() < count)
@@ -58,8 +58,8 @@ public:
     }
 
 private:
-    // The kernel answers at once for a process that listens, unless that process has stopped accepting and
-    // its queue is full. A connection would then wait for minutes.
+    // The kernel answers at once for a listening process, unless that process has stopped accepting and its
+    // queue is full. A connection would then wait for minutes.
     bool isRefused() const
     {
         constexpr int patience = 100;
@@ -75,7 +75,7 @@ private:
     bool mIsOpen = false;
 };
 
-// The first bytes of a ZeroMQ peer of the type that fits: see the ZMTP protocol, version 3.
+// The greeting of ZMTP 3, with the NULL mechanism.
 std::string greeting()
 {
     std::string text("\xff\0\0\0\0\0\0\0\1\x7f\3\0NULL", 16);
@@ -83,7 +83,7 @@ std::string greeting()
     return text;
 }
 
-// A command frame: its flags, its length, then READY with its properties.
+// A command frame: flags, length, then READY with its properties.
 std::string readyOf(const std::string& type)
 {
     std::string body("\5READY\x0bSocket-Type\0\0\0", 21);
@@ -92,13 +92,13 @@ std::string readyOf(const std::string& type)
     return std::string(1, '\4') + static_cast<char>(body.size()) + body;
 }
 
-// Also of the beginning of one.
+// Also true for the beginning of a greeting.
 bool isGreeting(const std::string& bytes)
 {
     return (bytes.empty() || bytes[0] == '\xff') && (bytes.size() < 10 || bytes[9] == '\x7f');
 }
 
-// In the properties of a READY; empty if it is not there.
+// The socket type in the properties of a READY; empty if there is none.
 std::string typeIn(const std::string& bytes)
 {
     static const std::string name("\x0bSocket-Type", 12);

@@ -15,20 +15,20 @@ struct Port
 {
     uint16_t number;
     const char* purpose;
-    const char* types; ///< ZeroMQ socket types that a broker has there, as its greeting names them
+    const char* types; ///< ZeroMQ socket types that a broker's greeting may name here
 };
 
 constexpr std::array<Port, 3> all{
     {{5555, "requests", "ROUTER REP"}, {5556, "posts", "SUB XSUB"}, {5557, "notifications", "XPUB PUB"}}};
 
-/// Whether something accepts connections there.
+/// Whether the port accepts connections.
 bool isOpen(uint16_t port);
 
-/// The first that nothing listens on.
+/// The first port that nothing listens on.
 std::optional<Port> firstClosed();
 
-/// The ZeroMQ socket type that answers there ("ROUTER"); empty if the answer is not ZeroMQ's, nothing if
-/// there is none in time.
+/// Returns the ZeroMQ socket type that answers, such as "ROUTER". Returns an empty text if the answer is not
+/// ZeroMQ, and nothing if no answer comes in time.
 std::optional<std::string> socketType(uint16_t port, std::chrono::milliseconds timeout);
 
 } // namespace Ports

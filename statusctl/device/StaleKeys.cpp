@@ -12,7 +12,7 @@ void StaleKeys::posted(const std::string& key, Clock::time_point now)
     mKeys[key] = {now, now + mLongest, std::nullopt};
 }
 
-// No key can become stale sooner than this time after it has appeared.
+// No key can become stale sooner than mLongest after it has appeared.
 StaleKeys::Clock::time_point StaleKeys::nextLook(Clock::time_point now) const
 {
     Clock::time_point next = now + mLongest;
@@ -42,7 +42,7 @@ bool StaleKeys::looked(const std::string& name, const Found& found, Clock::time_
     const bool isStale = age >= mLongest;
     const bool isTold = isStale && key.staleSince == found.posts;
     key.staleSince = isStale ? std::optional(found.posts) : std::nullopt;
-    // A stale one that is posted at once would be stale again after this time.
+    // A stale key that is posted right now becomes stale again after mLongest.
     key.due = asked + (isStale ? mLongest : mLongest - age);
     return isStale && !isTold;
 }

@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-/// Which keys have not been posted for too long. The broker does not tell of posts that change nothing, so
-/// each key has a time at which it must be looked for how long ago that was. One thread.
+/// Knows which keys have not been posted for too long. The broker sends no notification for a post that
+/// changes nothing. So each key has a time at which the broker must be asked for its last post. Use it on one
+/// thread.
 class StaleKeys
 {
 public:
@@ -17,38 +18,39 @@ public:
 
     explicit StaleKeys(Clock::duration longest) : mLongest(longest) {}
 
-    /// A key that is followed from now on; its last post is not known yet.
+    /// Follows a key from now on. Its last post is still unknown.
     void add(const std::string& key, Clock::time_point now);
 
-    /// A post has been heard of.
+    /// A post of the key has been notified.
     void posted(const std::string& key, Clock::time_point now);
 
-    /// When the next key is to be looked at. Those that appear until then can wait as long.
+    /// When the next look is due. A key that appears before then cannot be due earlier.
     Clock::time_point nextLook(Clock::time_point now) const;
 
-    /// The keys to look at now.
+    /// The keys to ask the broker for now.
     std::vector<std::string> due(Clock::time_point now) const;
 
     /// The result of a look.
     struct Found
     {
         std::optional<Clock::duration> age; ///< since the last post, if that is known
-        uint64_t posts;                     ///< how many there were
+        uint64_t posts;                     ///< how often it was posted
     };
 
-    /// True if the key has become stale: once, until it is posted again.
-    /// @param asked when; a post that has been heard of since then counts more
+    /// Takes the result of a look. Returns true once when the key becomes stale, and again only after a new
+    /// post.
+    /// @param asked the time of the look; a post notified since then is newer than the result
     bool looked(const std::string& key, const Found& found, Clock::time_point asked);
 
-    /// A look has not found it.
+    /// Forgets a key that the broker no longer has.
     void remove(const std::string& key) { mKeys.erase(key); }
 
 private:
     struct Key
     {
-        Clock::time_point heard; ///< of it, or of its last post
+        Clock::time_point heard; ///< when the key or its last post was notified
         Clock::time_point due;
-        std::optional<uint64_t> staleSince; ///< the number of posts then
+        std::optional<uint64_t> staleSince; ///< its number of posts when it became stale
     };
 
     const Clock::duration mLongest;

@@ -14,7 +14,7 @@ namespace Member = BrokerProtocol::TimerMember;
     throw Failure(ExitCode::Failed, "\"" + name + "\" " + problem);
 }
 
-// Calls read(name, value) for each member; false if there is no such object.
+// Calls read(name, value) for each member. Returns false if the object is missing.
 template <typename Read>
 bool readMembers(const Json::Value& root, const char* key, Read read)
 {
@@ -22,7 +22,7 @@ bool readMembers(const Json::Value& root, const char* key, Read read)
     if (members.isNull())
         return false;
     if (!members.isObject())
-        fail(key, "is no object");
+        fail(key, "is not an object");
     for (auto member = members.begin(); member != members.end(); ++member)
         read(member.name(), *member);
     return true;

@@ -8,19 +8,19 @@
 #include "statusctl/health/Inquiry.h"
 #include "statusmanager/StatusTypes.h"
 
-/// The state of a device in a file: what "dump --json" writes and "load" reads.
+/// The state of a device in a file, as "dump --json" writes it and "load" reads it.
 struct Backup
 {
     StatusMap values;
-    std::optional<Inquiry::Timers> timers; ///< nothing where the file has only values
+    std::optional<Inquiry::Timers> timers; ///< nothing if the file has only values
     std::optional<Inquiry::Counters> counters;
 
-    /// @throws Failure, with the reason, if the text is not of that shape
+    /// @throws Failure, with the reason, if the shape differs
     static Backup read(const std::string& text);
 
     Json::Value toJson() const;
 
-    /// Of all three.
+    /// The number of values, timers and counters together.
     std::size_t names() const;
 };
 

@@ -12,7 +12,7 @@ namespace
 
 namespace Member = BrokerProtocol::DetailMember;
 
-// As much as one request may name, and far less than a message may be long.
+// A request may name this many keys, and stays far below the longest message.
 constexpr std::size_t mostKeys = 1000;
 constexpr std::size_t mostBytes = std::size_t{64} * 1024;
 
@@ -35,7 +35,7 @@ void read(const std::string& reply, Details::ByKey& into)
     const Json::Value answer = Answer::objectIn(reply);
     const Json::Value& values = answer[BrokerProtocol::Key::statusDetails];
     if (!values.isObject())
-        throw Failure(ExitCode::BadReply, "this broker does not tell when values were posted");
+        throw Failure(ExitCode::BadReply, "this broker does not report when values were posted");
     for (auto value = values.begin(); value != values.end(); ++value)
     {
         if (!value->isObject())
@@ -51,7 +51,7 @@ Details::ByKey Details::of(const Settings& settings, const StatusKeys& keys)
     ByKey all;
     Requester requester(settings);
     auto next = keys.begin();
-    do // once also for no keys, since a broker that cannot tell is to be noticed
+    do // at least once, to notice a broker that does not know the request
     {
         BrokerProtocol::Texts chunk;
         for (std::size_t bytes = 0; next != keys.end() && chunk.size() < mostKeys && bytes < mostBytes;

@@ -10,8 +10,8 @@
 #include "statusctl/base/Settings.h"
 #include "statusmanager/StatusTypes.h"
 
-/// A value, and what the broker remembers of its posts. Times are microseconds since the Unix epoch; 0:
-/// unknown, as of a value from before the broker remembered.
+/// A value, and the broker's record of its posts. Times are microseconds since the Unix epoch. 0 means
+/// unknown, as for a value from before the broker recorded posts.
 struct Details
 {
     std::string value;
@@ -24,8 +24,8 @@ struct Details
 
     using ByKey = std::map<std::string, Details>;
 
-    /// Those of the keys that are there, asked for on a connection of its own.
-    /// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
+    /// Returns the details of the keys that exist, asked for on a connection of its own.
+    /// @throws Failure if no broker listens, if it does not answer in time, or does not know the request
     static ByKey of(const Settings& settings, const StatusKeys& keys);
 };
 

@@ -39,13 +39,13 @@ std::string programOn(const Diagnosis::Answer& answer)
 
 constexpr const char* restart = R"("systemctl restart statusbroker")";
 
-// It listens, and says nothing.
+// It listens, but does not answer.
 bool isSilent(const Diagnosis::Answer& answer)
 {
     return !answer.listeners.empty() && !answer.socketType;
 }
 
-// By the name of its program, as far as that is known.
+// Judged by the name of the program, as far as it is known.
 bool isSilentBroker(const Diagnosis::Answer& answer)
 {
     const std::string broker = "statusbroker";
@@ -56,31 +56,30 @@ bool isSilentBroker(const Diagnosis::Answer& answer)
 void addForeign(const Diagnosis::Answer& answer, const std::string& what, Findings& findings)
 {
     findings.push_back({"port", programOn(answer) + " on " + describe(answer.port) + " " + what,
-                        "end that program, or have it use another port; the broker's are fixed"});
+                        "end that program, or move it to another port; the broker's ports are fixed"});
 }
 
 void addPort(const Diagnosis::Answer& answer, Findings& findings)
 {
     if (isSilentBroker(answer))
-        return; // one finding for all its ports
+        return; // addSilentBrokers() reports it once for all its ports
     if (answer.listeners.empty() && !answer.socketType)
         findings.push_back({"port", "nothing listens on " + describe(answer.port),
                             R"(start the broker: "systemctl start statusbroker", or run "statusbroker")"});
     else if (isSilent(answer) && !answer.listeners.front().process)
-        findings.push_back(
-            {"port",
-             programOn(answer) + " on " + describe(answer.port) +
-                 " does not answer: a broker that hangs, or another program",
-             std::string("as root this says which; if it is the broker, ") + restart + "; if not, end it"});
+        findings.push_back({"port",
+                            programOn(answer) + " on " + describe(answer.port) +
+                                " does not answer: it is a hung broker or another program",
+                            std::string("run this as root to learn which; if it is the broker, ") + restart +
+                                "; otherwise end it"});
     else if (!answer.socketType || answer.socketType->empty())
-        addForeign(answer, answer.socketType ? "answers, but it is not a broker" : "is not a broker",
-                   findings);
+        addForeign(answer, answer.socketType ? "answers, but is not a broker" : "is not a broker", findings);
     else if (!isOneOf(*answer.socketType, answer.port.types))
         addForeign(answer, "is a ZeroMQ " + *answer.socketType + " socket, which no broker has there",
                    findings);
 }
 
-// A broker that hangs owns all three ports, so its ports share one finding.
+// A hung broker owns all three ports. One finding covers them.
 void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& findings)
 {
     std::map<pid_t, std::string> ports;
@@ -101,7 +100,7 @@ void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& f
         if (answer.listeners.front().isStopped)
             findings.push_back({"hung",
                                 programOn(answer) + " is stopped, and does not answer on " + found->second,
-                                "let it go on: \"kill -CONT " + process + "\"; or restart it: " + restart});
+                                "resume it: \"kill -CONT " + process + "\"; or restart it: " + restart});
         else
             findings.push_back({"hung", programOn(answer) + " hangs: it does not answer on " + found->second,
                                 std::string("restart it: ") + restart + ", or \"kill -KILL " + process +
@@ -110,37 +109,38 @@ void addSilentBrokers(const std::vector<Diagnosis::Answer>& answers, Findings& f
     }
 }
 
-// A rule on the broker's numbers: one that is not 0 is a fault.
+// A rule on the broker's numbers: any number but 0 is a finding.
 struct Rule
 {
     const char* number;
     const char* check;
-    const char* problem; ///< before the number itself
+    const char* problem; ///< the number follows
     const char* remedy;
 };
 
 constexpr Rule rules[] = {
-    {Number::missedEvents, "lost", "events were lost to subscribers that read too slowly",
-     "find the client that was stopped or whose callbacks take too long; or give all more room with "
-     "--max-notify-bytes"},
-    {Number::fallenBehind, "slow", "times a subscriber was too slow, and got only the latest values",
-     "find the client that was stopped or whose callbacks take too long"},
-    {Number::malformedPosts, "malformed", "posts could not be read",
-     "find out who sends them: the broker's log shows how they begin"},
-    {Number::malformedRequests, "malformed", "requests could not be read",
-     "find out who sends them: the broker's log shows how they begin"},
-    {Number::stateErrors, "state", "the state file could not be opened or written",
-     "the broker's log names the file and the reason: a folder that is missing or closed to the broker, or a "
-     "disk that is full or fails"},
-    {Number::systemTimeRefused, "clock", "clients were not allowed to set the clock",
-     "if it should be, start the broker with --allow-set-time"},
-    {Number::policyDenied, "policy", "names were denied to clients by the policy",
-     "the broker's log has client, name and rule; \"statusctl may\" explains a decision"},
-    {Number::policyAudited, "audit", "names would be denied to clients, but the policy only logs",
-     "the broker's log has client, name and rule; when it is quiet, remove the line mode from the policy"},
-    {Number::policyQuota, "quota", "users have used up their shares, and more was refused",
-     "the broker's log has client and quota"},
-    {Number::policyUnknownOwners, "policy", "connections were refused as their owners could not be told",
+    {Number::missedEvents, "lost", "events lost because subscribers read too slowly",
+     "find the client that was stopped or has slow callbacks; or raise --max-notify-bytes"},
+    {Number::fallenBehind, "slow", "times that a slow subscriber got only the latest values",
+     "find the client that was stopped or has slow callbacks"},
+    {Number::malformedPosts, "malformed", "unreadable posts",
+     "find their sender: the broker's log shows how they begin"},
+    {Number::malformedRequests, "malformed", "unreadable requests",
+     "find their sender: the broker's log shows how they begin"},
+    {Number::stateErrors, "state", "failures to open or write the state file",
+     "the broker's log names the file and the reason, such as a missing or protected folder, or a full or "
+     "failing disk"},
+    {Number::systemTimeRefused, "clock", "refused requests to set the clock",
+     "if clients may set the clock, start the broker with --allow-set-time"},
+    {Number::policyDenied, "policy", "names that the policy denied to clients",
+     "the broker's log shows client, name and rule; \"statusctl may\" explains a decision"},
+    {Number::policyAudited, "audit", "names that the policy would deny to clients, but only logs",
+     "the broker's log shows client, name and rule; once it is quiet, remove the line \"mode\" from the "
+     "policy"},
+    {Number::policyQuota, "quota", "refusals because a user had used up its share",
+     "the broker's log shows client and quota"},
+    {Number::policyUnknownOwners, "policy",
+     "connections refused because the kernel did not report their owner",
      "the broker's log says why; a client of another user namespace needs a user that the broker knows"},
 };
 
@@ -160,7 +160,7 @@ void addLimits(const Statistics& numbers, Findings& findings)
             findings.push_back({"limit",
                                 "the limit \"" + number->first.substr(prefix.size()) +
                                     "\" was exceeded; refused: " + std::to_string(number->second),
-                                "see the broker's log for who exceeds it; if that is right, raise the limit "
+                                "find the client in the broker's log; if it is right, raise the limit "
                                 "(statusbroker(8))"});
     }
 }
@@ -175,7 +175,7 @@ void addDescriptors(const Statistics& numbers, Findings& findings)
         findings.push_back({"descriptors",
                             "the broker has " + std::to_string(open) + " of " + std::to_string(limit) +
                                 " file descriptors open",
-                            "find the clients that connect so often, or raise LimitNOFILE"});
+                            "find the clients with so many connections, or raise LimitNOFILE"});
 }
 
 void addVersion(const Statistics& numbers, const std::string& ownVersion, Findings& findings)
@@ -186,7 +186,7 @@ void addVersion(const Statistics& numbers, const std::string& ownVersion, Findin
                             "if the broker was upgraded, restart it; install both from one release"});
 }
 
-// As "statusctl may" takes it.
+// In the form that "statusctl may" takes.
 std::string nameForMay(const Client& client)
 {
     return std::to_string(*client.uid) + (client.service.empty() ? "" : ":" + client.service);
@@ -226,7 +226,7 @@ Findings Diagnosis::ofPorts(const std::vector<Answer>& answers)
     addSilentBrokers(answers, findings);
     if (findings.empty() && processes.size() > 1)
         findings.push_back({"port", "the three ports belong to different processes",
-                            "end the one that is not the broker; \"ss -ltnp\" shows them"});
+                            "end the process that is not the broker; \"ss -ltnp\" shows them"});
     return findings;
 }
 
@@ -263,9 +263,8 @@ Findings Diagnosis::ofRefused(const std::vector<Client>& clients)
         return {};
     if (count > most)
         names += ", and " + std::to_string(count - most) + " more";
-    return {{"refused", "clients were refused something: " + names,
-             "have it explained: \"sudo statusctl may " + first +
-                 " post NAME\"; the broker's log has the names"}};
+    return {{"refused", "refused clients: " + names,
+             "to explain: \"sudo statusctl may " + first + " post NAME\"; the broker's log shows the names"}};
 }
 
 Findings Diagnosis::ofRoundTrips(const RoundTrips& trips)

@@ -11,7 +11,7 @@
 #include "statusctl/health/Listeners.h"
 #include "statusctl/health/RoundTrips.h"
 
-/// Finds what is wrong with a device's status, and what to do about it. Pure: it gets the facts as arguments.
+/// Finds problems with a device's status, and their remedies. Pure: it gets the facts as arguments.
 namespace Diagnosis
 {
 
@@ -24,7 +24,7 @@ struct Finding
 
 using Findings = std::vector<Finding>;
 
-/// The answer of a port of the broker.
+/// The answer of a port of the broker, and the processes that listen there.
 struct Answer
 {
     Ports::Port port;
@@ -32,14 +32,14 @@ struct Answer
     std::optional<std::string> socketType; ///< as Ports::socketType()
 };
 
-/// Whether there is a broker, and nothing else, on the ports.
+/// Whether a broker, and nothing else, is on the ports.
 Findings ofPorts(const std::vector<Answer>& answers);
 
 /// The findings from the broker's numbers.
 Findings ofStatistics(const BrokerProtocol::Statistics& numbers, const std::string& ownVersion);
 
-/// Names the clients that were refused something, and the command that explains what the policy decides about
-/// the first of them. Nothing where no client that is connected was refused anything.
+/// Names the clients that were refused something, and the command that explains the policy's decision about
+/// the first of them. Empty if no connected client was refused anything.
 Findings ofRefused(const std::vector<BrokerProtocol::Client>& clients);
 
 Findings ofRoundTrips(const RoundTrips& trips);

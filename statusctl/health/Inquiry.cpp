@@ -48,7 +48,7 @@ std::vector<std::string> forgottenIn(const std::string& reply)
     return names;
 }
 
-// The answer to a request for all timers, or counters: an object of them.
+// Reads the answer to a request for all timers or all counters: an object with an entry for each.
 Json::Value listIn(const std::string& reply, const char* key)
 {
     Json::Value answer = Answer::objectIn(reply);
@@ -97,7 +97,7 @@ std::vector<Client> Inquiry::clients(const Settings& settings)
         const Json::Value answer = Answer::objectIn(reply);
         const Json::Value& list = answer[Member::clients];
         if (!list.isArray())
-            throw Failure(ExitCode::BadReply, "this broker does not tell who uses it");
+            throw Failure(ExitCode::BadReply, "this broker does not list its clients");
         if (Answer::numberIn(answer, Member::complete) == 0 && std::chrono::steady_clock::now() < end)
         {
             std::this_thread::sleep_for(pause);
@@ -133,7 +133,7 @@ std::vector<std::string> Inquiry::forget(const Settings& settings, Kind kind,
                                          const std::vector<std::string>& names)
 {
     namespace Key = BrokerProtocol::Key;
-    constexpr std::size_t enough = 900; // bytes in a request: the broker answers short ones first
+    constexpr std::size_t enough = 900; // bytes in a request: the broker answers short requests first
     const char* key = Key::forgetStatus;
     if (kind == Kind::Timers)
         key = Key::forgetTimers;
@@ -146,7 +146,7 @@ std::vector<std::string> Inquiry::forget(const Settings& settings, Kind kind,
         BrokerProtocol::Texts some;
         for (std::size_t bytes = 0; next < names.size() && bytes < enough; ++next)
         {
-            some.push_back(Text::valid(names[next])); // as posts are
+            some.push_back(Text::valid(names[next])); // the broker stores posted names like this
             bytes += names[next].size() + 3;          // quotes and comma
         }
         const std::vector<std::string> answered =

@@ -11,18 +11,18 @@
 #include "protocol/TimerReading.h"
 #include "statusctl/base/Settings.h"
 
-/// Asks the broker what the library has no operation for, on a connection of its own.
+/// Requests that the library has no operation for, on a connection of their own.
 namespace Inquiry
 {
 
-/// @throws Failure if no broker listens, if none answers in time, or if this one cannot tell
+/// @throws Failure if no broker listens, if it does not answer in time, or does not know the request
 BrokerProtocol::Statistics statistics(const Settings& settings);
 
-/// The clients of the broker, the oldest first. Waits a moment while the broker looks for processes.
+/// The clients of the broker, the oldest first. Waits up to 500 ms while the broker looks for processes.
 /// @throws Failure as statistics()
 std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 
-/// A decision of the broker's policy about a client, and its reason.
+/// A decision of the broker's policy for a client, with the reason.
 struct Decision
 {
     bool isAllowed;
@@ -43,7 +43,7 @@ enum class Kind
 };
 
 /// Removes names for good.
-/// @returns those that were there and are gone
+/// @returns the names that existed and are gone now
 /// @throws Failure as statistics(), and if this broker cannot forget
 std::vector<std::string> forget(const Settings& settings, Kind kind, const std::vector<std::string>& names);
 
@@ -51,17 +51,17 @@ std::vector<std::string> forget(const Settings& settings, Kind kind, const std::
 using Timers = std::map<std::string, BrokerProtocol::TimerReading>;
 using Counters = std::map<std::string, uint32_t>;
 
-/// All of the device's that may be asked for.
+/// All timers and counters that this client may see.
 /// @throws Failure as statistics()
 Timers timers(const Settings& settings);
 Counters counters(const Settings& settings);
 
-/// Gives timers what they have.
-/// @returns the names of those that the broker did not take
+/// Sets timers to these readings.
+/// @returns the names that the broker refused
 /// @throws Failure as statistics()
 std::vector<std::string> setTimers(const Settings& settings, const Timers& timers);
 
-/// The broker's version in them: "1.0.0".
+/// The broker's version: "1.0.0".
 std::string versionIn(const BrokerProtocol::Statistics& statistics);
 
 } // namespace Inquiry

@@ -64,7 +64,7 @@ std::string commandOf(const fs::path& process)
     return name;
 }
 
-// "123 (name) T ...", where the name may hold anything.
+// Reads "123 (name) T ...". The name may contain anything, also ")".
 bool isStopped(const fs::path& process)
 {
     std::ifstream file(process / "stat");

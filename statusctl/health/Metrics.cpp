@@ -26,7 +26,7 @@ const std::string prefix = "statusbroker_";
 
 // ------------------------------------------------------------------------------------------------- numbers
 
-/// A number of the statistics, and its metric. Metrics have base units, and name them.
+/// A number of the statistics, and its metric. Metrics use base units, and name them.
 struct Known
 {
     const char* number;
@@ -43,7 +43,7 @@ constexpr Known known[] = {
     {Number::missedEvents, "notifications_missed_events",
      "Events lost to subscribers that read too slowly, counted for each subscriber.", Type::Counter},
     {Number::fallenBehind, "subscribers_fallen_behind",
-     "Times a subscriber was too slow and got only the latest values.", Type::Counter},
+     "Times that a slow subscriber got only the latest values.", Type::Counter},
     {Number::commits, "state_commits", "Batches of changes written to the state file.", Type::Counter},
     {Number::stateErrors, "state_errors", "Failures to write the state file.", Type::Counter},
     {"policy.rules", "policy_rules", "Rules of the policy in force.", Type::Gauge},
@@ -54,7 +54,7 @@ constexpr Known known[] = {
     {"policy.auditedViews", "policy_audited_views",
      "Values and events that the policy would have hidden, but only logged.", Type::Counter},
     {Number::policyUnknownOwners, "policy_unknown_owners",
-     "Connections closed because the kernel did not tell whose they were.", Type::Counter},
+     "Connections closed because the kernel did not report their owner.", Type::Counter},
     {Number::policyOwnersGone, "policy_owners_gone",
      "Times that values ended with the client that owned them.", Type::Counter},
     {Number::policyQuota, "policy_quota",
@@ -69,10 +69,10 @@ constexpr Known known[] = {
     {"loop.maxMicroseconds", "loop_max_seconds", "Longest round of the broker's loop since its start.",
      Type::Gauge, true},
     {"loop.p99Microseconds", "loop_p99_seconds",
-     "99 % of the rounds of the broker's loop since its start took no longer.", Type::Gauge, true},
+     "99th percentile of the rounds of the broker's loop since its start.", Type::Gauge, true},
     {"stored.keys", "stored_keys", "Status values stored.", Type::Gauge},
     {"stored.forgotten", "stored_forgotten_keys",
-     "Forgotten keys that take room until all subscribers know that they are gone.", Type::Gauge},
+     "Forgotten keys kept until all subscribers know that they are gone.", Type::Gauge},
     {"stored.bytes", "stored_bytes", "Bytes of all keys and values stored.", Type::Gauge},
     {"stored.timers", "stored_timers", "Timers stored.", Type::Gauge},
     {"stored.counters", "stored_counters", "Counters stored.", Type::Gauge},
@@ -88,7 +88,7 @@ const Known* find(const std::string& number)
     return found == std::end(known) ? nullptr : found;
 }
 
-// Without rounding, whatever the locale.
+// Exact, and independent of the locale.
 std::string inSeconds(uint64_t microseconds)
 {
     constexpr uint64_t second = 1000000;
@@ -96,7 +96,8 @@ std::string inSeconds(uint64_t microseconds)
     return std::to_string(microseconds / second) + '.' + fraction.substr(1);
 }
 
-// As both formats take them. Words that some readers take for numbers ("nan", "inf", "0x1f") are none here.
+// A number that both formats accept. "nan", "inf" and "0x1f" are no numbers here, though some readers accept
+// them.
 bool isNumber(const std::string& text)
 {
     constexpr std::size_t most = 40;
@@ -115,7 +116,7 @@ bool isIn(char letter, char first, char last)
     return letter >= first && letter <= last;
 }
 
-// "loop.maxRounds" becomes "loop_max_rounds". Nothing else may be in a metric's name.
+// "loop.maxRounds" becomes "loop_max_rounds". A metric's name allows no other characters.
 std::string metricOf(const std::string& name)
 {
     std::string result;
@@ -129,7 +130,7 @@ std::string metricOf(const std::string& name)
     return result;
 }
 
-// {request="sync"}. Escaped as text first: some readers take more than a line feed for the end of a line.
+// {request="sync"}. Text::escaped() comes first: some readers break lines at more than a line feed.
 std::string labelOf(const std::string& label, const std::string& name)
 {
     std::string value;
@@ -140,7 +141,7 @@ std::string labelOf(const std::string& label, const std::string& name)
 
 // ------------------------------------------------------------------------------------------------ families
 
-/// Collects the samples: those of one family must stand together, wherever their numbers come from.
+/// Collects the samples by family: a family's samples must be adjacent, wherever their numbers come from.
 class Families
 {
 public:
@@ -181,8 +182,8 @@ public:
                 addSample({"value", Type::Gauge, "Values of this device that are numbers."},
                           labelOf("key", key), value);
         }
-        addSample({"values_left_out", Type::Gauge, "Numbers that were not exported, as there are too many."},
-                  {}, std::to_string(numbers - std::min(numbers, Metrics::mostValues)));
+        addSample({"values_left_out", Type::Gauge, "Numbers left out because there are too many."}, {},
+                  std::to_string(numbers - std::min(numbers, Metrics::mostValues)));
     }
 
     std::string text() const
@@ -225,7 +226,7 @@ private:
         return type == Type::Counter ? "_total" : type == Type::Info ? "_info" : "";
     }
 
-    // The older format knows fewer.
+    // The Prometheus format has fewer types.
     const char* nameOf(Type type) const
     {
         if (type == Type::Counter)
@@ -235,8 +236,8 @@ private:
         return type == Type::Info && !isPlain() ? "info" : "gauge";
     }
 
-    // Different names may become the same metric. The first has it; readers refuse a text in which it is
-    // there again, or in two families.
+    // Different names may become the same metric. The first name keeps it: readers refuse a text with a
+    // metric twice, or in two families.
     void addSample(const Metric& metric, const std::string& label, const std::string& number)
     {
         const std::string name = metric.name + suffixOf(metric.type);

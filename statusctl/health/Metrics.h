@@ -8,7 +8,7 @@
 #include "protocol/ClientDocuments.h"
 #include "statusmanager/StatusTypes.h"
 
-/// The texts that monitoring systems read.
+/// Texts for monitoring systems.
 namespace Metrics
 {
 
@@ -18,19 +18,19 @@ enum class Format
     Prometheus,  ///< text format 0.0.4, which node_exporter's textfile collector reads
 };
 
-/// No text has more of the device's values: each makes the monitoring system keep a time series, and any
-/// client can post new keys.
+/// At most this many of the device's values are exported. Each makes the monitoring system keep a time
+/// series, and any client can post new keys.
 constexpr std::size_t mostValues = 1000;
 
-/// The broker's statistics, without a line break behind the last line. Whatever the names are, the text is
-/// valid: an underline stands for each byte that a metric's name cannot hold, and a number whose metric is
-/// there already is left out.
+/// Writes the broker's statistics, without a line break after the last line. The text is valid whatever the
+/// names are: an underscore replaces each byte that a metric's name cannot contain, and a number whose metric
+/// already exists is left out.
 ///
-/// Of the values, those that are decimal numbers are exported too. They share one metric and have their key
-/// as a label: so the key stays as it is, two keys never become the same metric, and no client can post a key
-/// that passes for a metric of something else. The first values are exported, in the order of their keys; the
-/// metric statusbroker_values_left_out tells how many numbers are beyond the limit.
-/// @param values nothing: only the statistics
+/// Values that are decimal numbers are exported as well. They share one metric, with their key as a label. So
+/// the key stays unchanged, two keys never become the same metric, and no client can post a key that imitates
+/// another metric. The first mostValues numbers are exported, in the order of their keys. The metric
+/// statusbroker_values_left_out counts the numbers beyond the limit.
+/// @param values nothing: export only the statistics
 std::string write(Format format, const BrokerProtocol::Statistics& statistics,
                   const std::optional<StatusMap>& values = std::nullopt);
 

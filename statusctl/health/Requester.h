@@ -9,7 +9,7 @@
 #include "protocol/Poster.h"
 #include "statusctl/base/Settings.h"
 
-/// Asks the broker on a connection of its own, for what the library has no operation for.
+/// Sends the broker requests that the library has no operation for, on a connection of its own.
 class Requester
 {
 public:
@@ -26,17 +26,17 @@ private:
     zmq::socket_t mSocket;
 };
 
-/// How an answer of the broker is read.
+/// Reads an answer of the broker.
 namespace Answer
 {
 
 [[noreturn]] void failToRead(const std::string& reply);
 
-/// The object that an answer is.
-/// @throws Failure if it is none
+/// The object in an answer.
+/// @throws Failure if the answer is not an object
 Json::Value objectIn(const std::string& reply);
 
-// ---- Members of what the broker tells. It may be of another version: what is missing is unknown.
+// ---- Members of an answer. The broker may be of another version: a missing member is unknown.
 
 std::string textIn(const Json::Value& object, const char* name);
 uint64_t numberIn(const Json::Value& object, const char* name);

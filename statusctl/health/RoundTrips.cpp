@@ -9,7 +9,7 @@ RoundTrips RoundTrips::measure(Device& device, unsigned count)
     times.reserve(count);
     for (unsigned number = 0; number < count; ++number)
     {
-        // A key that nobody has: the least that the broker can be asked. Measured around the call alone.
+        // A key that never exists is the cheapest query. Only the call itself is timed.
         times.push_back(device.ask(
             [](StatusManager& manager)
             {

@@ -5,7 +5,7 @@
 
 #include "statusctl/device/Device.h"
 
-/// How long queries took, there and back.
+/// The times of queries, there and back.
 struct RoundTrips
 {
     std::chrono::microseconds least;

@@ -23,20 +23,20 @@ public:
         std::string key;
         std::string value;
         std::chrono::seconds age; ///< since the last post
-        bool isAgeKnown;          ///< not before the broker has told it, or a change has come
+        bool isAgeKnown;          ///< false until the broker has reported it, or a change has come
         bool hasJustChanged;
-        double changesPerSecond; ///< over the last ten
-        std::string poster;      ///< the client that posted it last, as it is shown
+        double changesPerSecond; ///< over the last ten seconds
+        std::string poster;      ///< the client that posted it last, as displayed
     };
 
     void take(const Change& change, Clock::time_point now);
 
-    /// The details of a key, as the broker has told them. Nothing if the key is not there.
-    /// @param age since the last post, if that is known
+    /// Takes the details of a key, as the broker reported them. Ignores a key that is not in the model.
+    /// @param age since the last post, if known
     void takeDetails(const std::string& key, std::optional<std::chrono::microseconds> age,
                      const std::string& poster, Clock::time_point now);
 
-    /// The rows whose key or value contains the filter, sorted by key; small letters find capitals too.
+    /// The rows whose key or value contains the filter, ignoring case, sorted by key.
     std::vector<Row> rows(const std::string& filter, Clock::time_point now) const;
 
     /// The latest events, the newest first.
@@ -47,7 +47,7 @@ public:
 private:
     static constexpr std::size_t seconds = 10;
 
-    // Changes by second: slot n % seconds holds those of second n, if it is not older than that.
+    // Changes per second: slot n % seconds counts second n, unless it still holds an older second.
     class Rate
     {
     public:

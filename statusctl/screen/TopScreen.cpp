@@ -17,7 +17,7 @@
 #include "statusctl/text/Duration.h"
 #include "statusctl/text/Text.h"
 
-// Its macros would change the names of ours (timeout, filter, ...).
+// Its macros would rename functions of ours (timeout, filter, ...).
 #define NCURSES_NOMACROS 1
 #include <curses.h>
 
@@ -29,7 +29,7 @@ constexpr short alarmColor = 2;
 constexpr int escapeKey = 27;
 constexpr int eraseKey = 127;
 
-/// Text is put with these attributes while it lives.
+/// Draws text with these attributes while it lives.
 class Look
 {
 public:
@@ -45,7 +45,7 @@ private:
     const attr_t mAttributes;
 };
 
-// Held by whoever uses the screen. Never destroyed: threads may run until the process ends.
+// Guards the screen. Never destroyed: threads may run until the process ends.
 std::mutex& screenMutex()
 {
     static std::mutex& mutex = *new std::mutex;
@@ -58,7 +58,7 @@ void restore()
         endwin();
 }
 
-// On whatever thread ends the process, which nobody may draw behind.
+// Runs on the thread that ends the process. Keeps the mutex, so that nothing is drawn afterwards.
 void restoreForGood()
 {
     screenMutex().lock();
@@ -77,7 +77,7 @@ std::string rateOf(const TopModel::Row& row)
     return row.changesPerSecond == 0 ? "" : text.data();
 }
 
-// As much of the text as fits: a character may take no column, one or two.
+// As much of the text as fits. A character may take no column, one or two.
 std::string startOf(const std::string& text, int columns)
 {
     std::size_t end = 0;
@@ -86,7 +86,7 @@ std::string startOf(const std::string& text, int columns)
         std::mbstate_t state{};
         wchar_t character = 0;
         const std::size_t bytes = std::mbrtowc(&character, text.data() + end, text.size() - end, &state);
-        columns -= std::abs(wcwidth(character)); // -1 is unknown, for which curses puts a blank
+        columns -= std::abs(wcwidth(character)); // -1 is unknown: curses draws a blank
         if (columns < 0 || bytes == 0 || bytes > text.size())
             break;
         end += bytes;
@@ -94,15 +94,15 @@ std::string startOf(const std::string& text, int columns)
     return text.substr(0, end);
 }
 
-// A terminal that has gone tells so only to those whose controlling terminal it is; the others would read
-// from it without a pause.
+// A terminal that has gone sends SIGHUP only to processes that it controls. Others would read from it without
+// a pause.
 bool hasHungUp()
 {
     pollfd item{STDIN_FILENO, POLLIN, 0};
     return poll(&item, 1, 0) > 0 && (item.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
 }
 
-// Values are UTF-8 whatever the user's locale is.
+// Values are UTF-8, whatever the user's locale.
 void chooseUtf8()
 {
     std::setlocale(LC_CTYPE, "");
@@ -115,15 +115,15 @@ void chooseUtf8()
 void TopScreen::checkTerminal()
 {
     if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0)
-        throw Failure(ExitCode::Failed, "needs a terminal; \"statusctl watch\" does not");
+        throw Failure(ExitCode::Failed, "no terminal; use \"statusctl watch\" instead");
 }
 
 TopScreen::TopScreen(bool useColors)
 {
     chooseUtf8();
-    // newterm() and not initscr(), which would end the process for an unknown terminal.
+    // Not initscr(): that ends the process for an unknown terminal.
     if (newterm(nullptr, stdout, stdin) == nullptr)
-        throw Failure(ExitCode::Failed, "this terminal (TERM) is unknown here");
+        throw Failure(ExitCode::Failed, "unknown terminal type; check the variable TERM");
     setRestore(restoreForGood);
     cbreak();
     noecho();
@@ -152,7 +152,7 @@ void TopScreen::put(int line, int column, int width, const std::string& text) co
         mvaddstr(line, column, startOf(text, width).c_str());
 }
 
-// A line of numbers, the filter, and the headings.
+// The line of numbers, the filter, and the headings.
 void TopScreen::drawHead(const TopModel& model, bool hasBroker) const
 {
     put(0, 0, COLS, "statusctl top   " + std::to_string(model.keyCount()) + " keys");
@@ -165,8 +165,8 @@ void TopScreen::drawHead(const TopModel& model, bool hasBroker) const
         mFilter.empty() ? "type to filter, q to leave" : "filter: " + mFilter + "  (Esc clears it)");
 }
 
-// Where the columns begin. A narrow terminal has room for keys and values alone, and one that is not wide for
-// no poster.
+// The positions of the columns. A narrow terminal shows only keys and values, a medium one leaves out the
+// poster.
 struct TopScreen::Columns
 {
     static constexpr int widthForNumbers = 40;
@@ -282,7 +282,7 @@ TopScreen::Wish TopScreen::readKey(std::chrono::milliseconds longest)
             mFilter.pop_back();
         break;
     case 'q':
-        // In a filter it is a letter like the others.
+        // While a filter is typed, q is an ordinary letter.
         if (mFilter.empty())
             return Wish::Leave;
         [[fallthrough]];

@@ -7,15 +7,15 @@
 
 #include "statusctl/screen/TopModel.h"
 
-/// The terminal as the live screen uses it. However the process leaves, the terminal is restored: by the
-/// destructor, when the process exits early, and, by restore(), on a signal. There is at most one.
+/// The terminal of the live screen. It is restored however the process ends: by the destructor, by
+/// leaveWith(), and on a signal. There is at most one.
 class TopScreen
 {
 public:
     /// @throws Failure if the process has no terminal
     static void checkTerminal();
 
-    /// @throws Failure if this is no terminal that can show it
+    /// @throws Failure if this terminal cannot show it
     explicit TopScreen(bool useColors);
     ~TopScreen();
 
@@ -24,7 +24,7 @@ public:
 
     void draw(const TopModel& model, bool hasBroker);
 
-    /// The keys that were drawn last.
+    /// The keys on the screen after the last draw().
     const std::deque<std::string>& shown() const { return mShown; }
 
     enum class Wish
@@ -33,7 +33,7 @@ public:
         Leave,
     };
 
-    /// Waits for a key, at most this long, and does what it says. A signal ends the wait.
+    /// Waits for a key, at most this long, and handles it. A signal ends the wait.
     Wish readKey(std::chrono::milliseconds longest);
 
 private:
@@ -42,13 +42,13 @@ private:
     void drawHeadings(int line) const;
     void drawRow(int line, const TopModel::Row& row) const;
     void drawEvents(const TopModel& model, int firstLine) const;
-    /// @param text is put as it is: texts from outside must have been escaped
+    /// @param text drawn as it is: escape texts from outside before
     void put(int line, int column, int width, const std::string& text) const;
 
     std::deque<std::string> mShown;
     std::string mFilter;
-    std::size_t mFirst = 0; // the row at the top
-    int mPage = 1;          // rows that there is room for
+    std::size_t mFirst = 0; // the top row
+    int mPage = 1;          // rows that fit
 };
 
 #endif

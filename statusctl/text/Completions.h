@@ -6,7 +6,7 @@
 namespace Completions
 {
 
-/// The text of the file in completions/ for this shell: "bash", "zsh" or "fish".
+/// The completion file for a shell: "bash", "zsh" or "fish".
 std::string of(const std::string& shell);
 
 } // namespace Completions

@@ -12,7 +12,7 @@
 namespace
 {
 
-// Milliseconds in each unit.
+// Milliseconds per unit.
 const std::map<std::string, double>& units()
 {
     static const std::map<std::string, double> units{{"", 1e3},  {"s", 1e3},   {"sec", 1e3}, {"ms", 1},

@@ -1,17 +1,17 @@
 #ifndef STATUSCTL_TEXT_INPUT_H
 #define STATUSCTL_TEXT_INPUT_H
 
-/// Files and standard input, as commands name them.
+/// Reads files and standard input.
 
 #include <string>
 
 namespace Input
 {
 
-/// All of standard input; Failure if it cannot be read.
+/// Returns all of standard input. Throws Failure if it cannot be read.
 std::string all();
 
-/// All of a file, or of standard input if the name is "-"; Failure if it cannot be read.
+/// Returns all of a file, or of standard input for "-". Throws Failure if it cannot be read.
 std::string all(const std::string& fileName);
 
 } // namespace Input

@@ -15,7 +15,7 @@ constexpr const char* base64Suffix = "Base64";
 std::string textOf(const Json::Value& value, const std::string& key)
 {
     if (!value.isString())
-        throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is no text");
+        throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is not a string");
     return value.asString();
 }
 
@@ -85,13 +85,13 @@ StatusMap JsonText::readValues(const Json::Value& root)
     const Json::Value& plain = memberOf(root, "values");
     const Json::Value& encoded = memberOf(root, "base64");
     if (plain.isNull() && encoded.isNull())
-        throw Failure(ExitCode::Failed, R"(no "values" in it, as "statusctl dump --json" writes them)");
+        throw Failure(ExitCode::Failed, R"(missing "values", as "statusctl dump --json" writes them)");
     for (const std::string& key : plain.getMemberNames())
         values[key] = textOf(plain[key], key);
     for (const std::string& key : encoded.getMemberNames())
     {
         if (!Text::readBase64(textOf(encoded[key], key), values[key]))
-            throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is no base64");
+            throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is not base64");
     }
     return values;
 }

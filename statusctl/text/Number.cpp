@@ -7,7 +7,7 @@
 namespace
 {
 
-// All of the text, or nothing.
+// The whole text must be the number.
 template <typename Value>
 std::optional<Value> read(const std::string& text)
 {

@@ -18,7 +18,7 @@ void Output::line(const std::string& text)
     const bool isWritten = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() &&
                            std::fputc('\n', stdout) != EOF && std::fflush(stdout) == 0;
     if (!isWritten && errno == EPIPE)
-        endBy(SIGPIPE); // on a thread that blocks it
+        endBy(SIGPIPE); // the default action alone would not end a thread that blocks it
     if (!isWritten)
         throw Failure(ExitCode::Failed, std::string("cannot write: ") + std::strerror(errno));
 }

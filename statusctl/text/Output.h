@@ -7,8 +7,8 @@
 #include "statusctl/base/Settings.h"
 #include "statusmanager/StatusTypes.h"
 
-/// Standard output: whole lines, flushed one by one, so that a reader at the other end of a pipe has them at
-/// once. Ends the process silently by SIGPIPE when that reader has gone.
+/// Standard output in whole lines. Each line is flushed, so that the reader of a pipe gets it at once. If the
+/// reader has gone, SIGPIPE ends the process silently.
 class Output
 {
 public:
@@ -23,21 +23,21 @@ public:
         Red,
     };
 
-    /// @throws Failure if it cannot be written
+    /// @throws Failure if the line cannot be written
     void line(const std::string& text);
 
-    /// An object on a line of its own, whatever the style.
+    /// Prints an object on its own line, in any style.
     void streamed(const Json::Value& value);
 
-    /// In the style that was asked for.
+    /// Prints a value in the chosen style.
     void json(const Json::Value& value);
 
-    /// KEY=VALUE lines, or the object of JsonText::ofValues().
+    /// Prints KEY=VALUE lines, or the object of JsonText::ofValues().
     void values(const StatusMap& values);
 
     void number(const std::string& name, uint64_t number);
 
-    /// The text in this colour if colours are wanted.
+    /// The text in this colour, if colours are wanted.
     std::string colored(const std::string& text, Color color) const;
 
     bool isTerminal() const { return mIsTerminal; }

@@ -21,12 +21,12 @@ namespace
     throw Failure(ExitCode::Failed, "cannot write " + name + ": " + std::strerror(errno));
 }
 
-/// A file that is closed again.
+/// Closes its file.
 class Descriptor
 {
 public:
     Descriptor(const std::string& name, int flags)
-        : mDescriptor(open(name.c_str(), flags | O_WRONLY | O_CLOEXEC, 0666)) // without the bits of the umask
+        : mDescriptor(open(name.c_str(), flags | O_WRONLY | O_CLOEXEC, 0666)) // less the umask
     {
     }
     ~Descriptor() { close(); }
@@ -49,7 +49,7 @@ public:
         return true;
     }
 
-    // Some file systems tell only here that a disk is full.
+    // Some file systems report a full disk only here.
     bool close()
     {
         const int descriptor = std::exchange(mDescriptor, -1);
@@ -60,12 +60,12 @@ private:
     int mDescriptor;
 };
 
-/// A new name in a folder, which goes unless it is given to keep().
+/// A new file beside the target. The destructor removes it unless takePlaceOf() has succeeded.
 class NewFile
 {
 public:
-    // In the folder of the other one, so that it can take its place. The ending differs, as readers look for
-    // files by their ending.
+    // In the target's folder, so that it can replace the target. Its extension differs, because readers look
+    // for files by extension.
     explicit NewFile(const std::string& target) : mName(nameBeside(target)), mFile(mName, O_CREAT | O_EXCL)
     {
         if (mFile.get() < 0)
@@ -80,7 +80,7 @@ public:
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    // Only root may give a file away; as any other user it is ours anyway.
+    // Only root can change the owner; any other user owns the file already.
     void takeOver(const struct stat& before) const
     {
         if (fchown(mFile.get(), before.st_uid, before.st_gid) == 0 || geteuid() != 0)
@@ -98,7 +98,7 @@ public:
     }
 
 private:
-    // That no other process has, and that none has left behind.
+    // A name that no other process uses, and none has left behind.
     static std::string nameBeside(const std::string& target)
     {
         const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
@@ -118,7 +118,7 @@ void writeTo(const std::string& name, const std::string& text)
 
 } // namespace
 
-// Not synchronised with the disk: that would wear it, and the next text comes in a minute.
+// Does not synchronise the disk: that would wear it out, and the next text comes in a minute.
 void OutputFile::replace(const std::string& name, const std::string& text)
 {
     struct stat before
@@ -130,8 +130,8 @@ void OutputFile::replace(const std::string& name, const std::string& text)
     std::error_code error;
     const std::string real = std::filesystem::canonical(name, error).string();
     const std::string& target = error ? name : real;
-    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is a full disk
-    const SignalsBlocked blocked;  // one that ended the process would leave the new file behind
+    std::signal(SIGXFSZ, SIG_IGN); // a file size limit then fails like a full disk
+    const SignalsBlocked blocked;  // a signal that ended the process would leave the new file behind
     NewFile file(target);
     if (isThere)
         file.takeOver(before);

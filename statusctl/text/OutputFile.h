@@ -6,10 +6,10 @@
 namespace OutputFile
 {
 
-/// Puts a whole file in the place of the one of this name, so a reader sees the old text or the new one, and
-/// never a part. Owner and mode are as after a redirection of the shell: as before, or as the umask says for
-/// a new file. A symbolic link stays one. A name that is no file, such as /dev/stdout, is written to.
-/// @throws Failure if that fails; then the file is as before, and there is nothing else
+/// Replaces the content of a file as a whole: a reader sees the old or the new text, never a part. Owner and
+/// mode end up as after a shell redirection: unchanged, or as the umask says for a new file. A symbolic link
+/// stays a symbolic link. A name that is not a file, such as /dev/stdout, is written to.
+/// @throws Failure if that fails; the file is then unchanged, and nothing is left beside it
 void replace(const std::string& name, const std::string& text);
 
 } // namespace OutputFile

@@ -5,24 +5,24 @@
 #include <string>
 #include <vector>
 
-/// Names given on the command line, exact ones and shell globs (*, ?, [a-z]; \ before one of them takes it as
-/// it is). The library matches names exactly, so globs are matched here.
+/// Names from the command line: exact names and shell globs (*, ?, [a-z]; \ takes the next character as it
+/// is). The library matches names exactly, so globs are matched here.
 class Pattern
 {
 public:
     Pattern() = default;
     explicit Pattern(const std::vector<std::string>& texts);
 
-    /// All exact, whatever letters are in them.
+    /// All exact, whatever characters they contain.
     static Pattern ofNames(const std::vector<std::string>& names);
 
-    /// Whether the text has letters of a glob.
+    /// Whether the text contains characters of a glob.
     static bool isGlob(const std::string& text);
 
-    /// Whether one of the globs or exact names is this one.
+    /// Whether an exact name or a glob matches.
     bool matches(const std::string& name) const;
 
-    /// Those of the names in a map that match; all if there is neither a glob nor a name.
+    /// The entries of a map whose names match; all entries if the pattern is empty.
     template <typename Map>
     Map matching(Map map) const
     {

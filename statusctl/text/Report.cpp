@@ -47,7 +47,7 @@ void report(const Settings& settings, const Failure& failure)
 
 void leaveWith(const Settings& settings, const Failure& failure)
 {
-    static std::mutex& leaving = *new std::mutex; // held for good: the first to leave is the only one
+    static std::mutex& leaving = *new std::mutex; // never unlocked: the first caller ends the process
     leaving.lock();
     restoreBeforeLeaving();
     report(settings, failure);

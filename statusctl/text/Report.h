@@ -4,10 +4,10 @@
 #include "statusctl/base/Failure.h"
 #include "statusctl/base/Settings.h"
 
-/// Reports a failure on standard error: as one line, or as one object.
+/// Reports a failure on standard error, as one line or as one JSON object.
 void report(const Settings& settings, const Failure& failure);
 
-/// Reports, and ends the process at once: its other threads may be busy for long.
+/// Reports, then ends the process at once: other threads may be busy for long.
 [[noreturn]] void leaveWith(const Settings& settings, const Failure& failure);
 
 #endif

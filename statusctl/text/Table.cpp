@@ -8,7 +8,7 @@ namespace
 
 constexpr std::size_t gap = 2;
 
-// Characters, not bytes: each byte of UTF-8 but those that go on with one.
+// Counts characters, not bytes: each byte except UTF-8 continuation bytes.
 std::size_t width(const std::string& text)
 {
     return static_cast<std::size_t>(

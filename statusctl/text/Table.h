@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-/// A table of texts on one line each, as wide as they need: names on the left, numbers on the right of their
-/// column.
+/// A table of texts, one line a row. Columns are as wide as their texts need, aligned left for names and
+/// right for numbers.
 class Table
 {
 public:
@@ -24,10 +24,10 @@ public:
 
     explicit Table(std::vector<Column> columns);
 
-    /// @param cells as many as there are columns; no control characters
+    /// @param cells one for each column, without control characters
     void add(std::vector<std::string> cells);
 
-    /// The titles, then the rows in their order, without blanks at their ends.
+    /// The titles, then the rows in their order, without trailing blanks.
     std::vector<std::string> lines() const;
 
 private:

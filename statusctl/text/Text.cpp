@@ -14,7 +14,7 @@ struct Character
 {
     std::size_t bytes;
     bool isUtf8;
-    uint32_t code; // of the byte where it is not UTF-8
+    uint32_t code; // the byte itself if it is not UTF-8
 };
 
 struct Range
@@ -23,8 +23,8 @@ struct Range
     uint32_t last;
 };
 
-// Control characters, line breaks, and all that Unicode marks as ignorable: they show nothing, hide what is
-// beside them, or show a text in another order.
+// Control characters, line breaks, and characters that Unicode marks as ignorable. They show nothing, hide
+// their neighbours, or reorder the text.
 constexpr Range hidden[]{
     {0x00, 0x1F},       // control characters
     {0x7F, 0x9F},       // delete, and the control characters beyond ASCII
@@ -42,8 +42,8 @@ constexpr Range hidden[]{
     {0xFEFF, 0xFEFF},   // byte order mark
     {0xFFA0, 0xFFA0},   // Hangul filler of half width
     {0xFFF0, 0xFFFB},   // annotations
-    {0x1BCA0, 0x1BCA3}, // of shorthand
-    {0x1D173, 0x1D17A}, // of music
+    {0x1BCA0, 0x1BCA3}, // shorthand
+    {0x1D173, 0x1D17A}, // music
     {0xE0000, 0xE0FFF}, // tags, variation selectors
 };
 
@@ -66,7 +66,7 @@ bool isContinuation(char byte)
     return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
 }
 
-// How many bytes a character takes that begins so; 0 if none does.
+// The length of a character with this first byte; 0 if no character begins so.
 std::size_t lengthOf(unsigned char first)
 {
     if (first < 0x80)
@@ -78,14 +78,14 @@ std::size_t lengthOf(unsigned char first)
     return first >= 0xF0 && first < 0xF5 ? 4 : 0;
 }
 
-// Longer than need be, a half of a surrogate pair, or beyond the last character.
+// Overlong, a half of a surrogate pair, or beyond the last character.
 bool isForbidden(std::size_t length, uint32_t code)
 {
     constexpr std::array<uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
     return code < least.at(length) || (code >= 0xD800 && code < 0xE000) || code > 0x10FFFF;
 }
 
-// The character that begins there. A byte that belongs to none stands for itself.
+// The character at this position. A byte that belongs to no character counts as itself.
 Character characterAt(std::string_view text, std::size_t at)
 {
     const auto first = static_cast<unsigned char>(text[at]);
@@ -156,7 +156,7 @@ std::string jsonEscapeOfUnit(uint32_t unit)
     return text.data();
 }
 
-// Beyond U+FFFF two of them stand for one character.
+// Characters beyond U+FFFF take two escapes.
 std::string jsonEscapeOf(uint32_t code)
 {
     if (code <= 0xFFFF)
@@ -269,5 +269,5 @@ bool Text::readBase64(const std::string& text, std::string& bytes)
         if (at % 4 != 0)
             bytes += static_cast<char>(group >> (6U - 2U * (at % 4)));
     }
-    return base64(bytes) == text; // not if bits are left over
+    return base64(bytes) == text; // false if bits are left over
 }

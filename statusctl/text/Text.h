@@ -3,36 +3,36 @@
 
 #include <string>
 
-/// How texts from outside are shown. They may hold anything.
+/// Makes texts from outside fit to be shown. They may contain anything.
 namespace Text
 {
 
 bool isUtf8(const std::string& text);
 
-/// With U+FFFD for each byte that is not UTF-8.
+/// Replaces each byte that is not UTF-8 by U+FFFD.
 std::string valid(const std::string& text);
 
-/// On one line, harmless on a terminal, and with nothing hidden: \n, \r, \t, \\, and \xNN for each byte of
-/// other control characters, of characters that show nothing or change the direction of writing, and for
-/// bytes that are not UTF-8.
+/// One line, harmless on a terminal, with nothing hidden. Writes \n, \r, \t and \\. Writes \xNN for each byte
+/// of other control characters, of invisible characters, of characters that change the writing direction, and
+/// for bytes that are not UTF-8.
 std::string escaped(const std::string& text);
 
-/// As escaped(), and without = and blanks, which would end a name: \x3d and \x20.
+/// Like escaped(), and also escapes = and blanks, which would end a name, as \x3d and \x20.
 std::string escapedName(const std::string& name);
 
-/// As escaped(), but line breaks, tabs and backslashes stay.
+/// Like escaped(), but keeps line breaks, tabs and backslashes.
 std::string harmless(const std::string& text);
 
-/// A JSON text that means the same, with \uNNNN for what escaped() would not show. Line breaks and other
-/// control characters of ASCII stay: JSON has them between its texts alone.
+/// An equivalent JSON text, with \uNNNN for characters that escaped() would escape. Keeps ASCII control
+/// characters: JSON allows them only between its tokens.
 std::string escapedInJson(const std::string& json);
 
-/// The first 40 characters, then "..." if there are more: as much as a table or a message has room for.
+/// The first 40 characters, and "..." if there are more, to fit in a table or a message.
 std::string cutOff(const std::string& text);
 
 std::string base64(const std::string& bytes);
 
-/// @returns false if it is not base64.
+/// @returns false if the text is not base64
 bool readBase64(const std::string& text, std::string& bytes);
 
 } // namespace Text

@@ -43,7 +43,7 @@ Split split(Timestamp::Time time)
 
 } // namespace
 
-// Not by system_clock::now(): on 32-bit processors the C++ library ends in 2038.
+// Not system_clock::now(): on 32-bit processors the C++ library's clock ends in 2038.
 Timestamp::Time Timestamp::now()
 {
     timespec now{};

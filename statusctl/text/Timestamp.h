@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-/// Times of day as RFC 3339 writes them.
+/// Times as RFC 3339 writes them.
 namespace Timestamp
 {
 
@@ -19,7 +19,7 @@ std::string utc(Time time);
 /// The same in local time, with milliseconds: "2026-11-21T08:12:01.123+01:00"
 std::string local(Time time);
 
-/// Reads the text that utc() has written.
+/// Reads the output of utc().
 std::optional<Time> read(const std::string& text);
 
 } // namespace Timestamp

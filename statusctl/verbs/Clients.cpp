@@ -62,7 +62,7 @@ private:
         return object;
     }
 
-    // Unknown members are left out.
+    // Leaves unknown members out.
     static Json::Value toJson(const Client& client)
     {
         Json::Value object = DetailsText::toJson(static_cast<const BrokerProtocol::Poster&>(client));

@@ -17,8 +17,8 @@ constexpr const char* operatorLetters = "=<>~";
 [[noreturn]] void refuse(const std::string& text)
 {
     throw CLI::ValidationError("\"" + text +
-                               R"(" is not a condition; there are KEY, "KEY exists", KEY=VALUE, )"
-                               R"(and KEY!=VALUE, <, <=, > and >= alike)");
+                               R"(" is not a condition; use KEY, "KEY exists", or KEY=VALUE )"
+                               R"((or one of != < <= > >= instead of =))");
 }
 
 } // namespace
@@ -29,7 +29,7 @@ struct Condition::Operator
     Kind kind;
 };
 
-// Those that begin like another one come before it.
+// Longer operators come first: "<=" begins like "<".
 const Condition::Operator Condition::operators[] = {
     {"!=", Kind::NotEqual}, {"<=", Kind::LessOrEqual}, {">=", Kind::GreaterOrEqual},
     {"=", Kind::Equal},     {"<", Kind::Less},         {">", Kind::Greater},
@@ -54,7 +54,7 @@ Condition Condition::read(const std::string& text, bool isLiteral)
             std::begin(operators), std::end(operators),
             [&](const Operator& each) { return text.compare(at, std::strlen(each.text), each.text) == 0; });
         const std::size_t end = at + std::strlen(used->text);
-        // "==", "=~" and "=>" would be an "=" whose value begins strangely.
+        // "==", "=~" and "=>" are mistakes: the value would begin with an operator's letter.
         if (!isLiteral && end < text.size() && std::strchr(operatorLetters, text[end]) != nullptr)
             refuse(text);
         condition = Condition(text.substr(0, at), used->kind, text.substr(end));
@@ -75,7 +75,7 @@ Condition Condition::readWithoutOperator(const std::string& text)
 void Condition::check(const std::string& text, bool isLiteral) const
 {
     if (mKey.empty())
-        throw CLI::ValidationError("\"" + text + "\" names no key");
+        throw CLI::ValidationError("missing key in \"" + text + "\"");
     if (!isLiteral && mKey.find_first_of(" \t!~") != std::string::npos)
         refuse(text);
     Names::checkExact({mKey}, isLiteral);
@@ -129,7 +129,7 @@ bool Condition::isOrdered(int order) const
 std::string Condition::wanted() const
 {
     if (mKind == Kind::Filled)
-        return "a value that is not empty";
+        return "a non-empty value";
     if (mKind == Kind::Exists)
         return "any value";
     const auto* const used = std::find_if(std::begin(operators), std::end(operators),

@@ -4,22 +4,22 @@
 #include <optional>
 #include <string>
 
-/// A condition of "wait" on the value of one key.
+/// A condition of "wait" for the value of a key.
 class Condition
 {
 public:
-    using Value = std::optional<std::string>; ///< nothing: the key is not there
+    using Value = std::optional<std::string>; ///< nothing if the key does not exist
 
     /// Reads KEY, "KEY exists", or KEY, one of = != < <= > >=, and VALUE.
-    /// @param isLiteral any letters may stand in KEY but those of the operators, and any in VALUE
-    /// @throws CLI::ValidationError for anything else: to wait for it would take for ever
+    /// @param isLiteral allow any letters in KEY except those of operators, and any in VALUE
+    /// @throws CLI::ValidationError for any other text: "wait" would wait for ever
     static Condition read(const std::string& text, bool isLiteral);
 
     const std::string& key() const { return mKey; }
 
     bool holds(const Value& value) const;
 
-    /// For messages: the text behind "wanted".
+    /// Completes a message behind "wanted".
     std::string wanted() const;
 
 private:

@@ -8,23 +8,23 @@
 #include "statusctl/text/Output.h"
 #include "statusctl/text/Timestamp.h"
 
-/// How the details of values are printed.
+/// Prints the details of values.
 namespace DetailsText
 {
 
-/// One under the other, for people.
+/// Prints one detail a line, for people.
 void print(Output& output, const std::string& key, const Details& details, Timestamp::Time now);
 
-/// As JSON, or as a table with a line for each key, whichever is asked for. The table cuts long values off.
+/// Prints JSON or a table with a line for each key, as the settings say. The table cuts long values off.
 void printLong(Output& output, const Settings& settings, const Details::ByKey& details);
 
-/// {"details":[{"key":...,"value":...,...},...]}; what is unknown is left out.
+/// {"details":[{"key":...,"value":...,...},...]}, without unknown members.
 Json::Value toJson(const Details::ByKey& details);
 
-/// The members of a client that are known.
+/// The known members of a client.
 Json::Value toJson(const BrokerProtocol::Poster& poster);
 
-/// In a few letters: "net.service", or "root (sh)" where it is no service; "-" if nothing is known.
+/// A short name: "net.service", or "root (sh)" for a client that is no service; "-" if unknown.
 std::string briefly(const BrokerProtocol::Poster& poster);
 
 } // namespace DetailsText

@@ -1,4 +1,4 @@
-// doctor: what is wrong, and what to do.
+// doctor: finds problems and their remedies.
 
 #include <algorithm>
 #include <iterator>

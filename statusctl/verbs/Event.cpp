@@ -41,7 +41,7 @@ public:
     }
 
 private:
-    // The library can delay it, too, but would tell nobody when it has been taken.
+    // The library can delay it as well, but would not report when the broker has taken it.
     void post(const Settings& settings) const
     {
         Device device(settings);

@@ -10,7 +10,7 @@
 namespace
 {
 
-// For people, who would wonder why nothing is printed. Scripts take a line on standard error for a failure.
+// Only for people, who would wonder about the silence. Scripts take a line on standard error for a failure.
 void tellOfWaiting(const Settings& settings)
 {
     if (!settings.quiet && !settings.isJson() && isatty(STDERR_FILENO) != 0 && Ports::firstClosed())

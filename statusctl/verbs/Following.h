@@ -6,8 +6,8 @@
 #include "statusctl/device/Device.h"
 #include "statusctl/verbs/Verb.h"
 
-/// The part that commands share which run until they have seen enough: they wait for the broker, too, so that
-/// a boot script needs no loop around them, and an interrupt ends them also in the background.
+/// Shared by commands that run until they have seen enough. They wait for the broker, so that a boot script
+/// needs no loop. An interrupt ends them even in the background.
 class Following
 {
 public:
@@ -16,11 +16,11 @@ public:
 
     CLI::Option* option() const { return mOption; }
 
-    /// Connects to the broker, as soon as there is one.
-    /// @throws Failure if there is none within the time of -t, or at once with --no-wait-broker
+    /// Connects to the broker as soon as it runs.
+    /// @throws Failure if none runs within the time of -t, or at once with --no-wait-broker
     Device connect(const Settings& settings) const;
 
-    /// The end by the time of -t.
+    /// The failure when the time of -t is over.
     static Failure timedOut(const Settings& settings, const std::string& reason = "");
 
 private:

@@ -37,7 +37,7 @@ public:
     ExitCode run(const Settings& settings) override
     {
         Names::Resolved names = Names::resolve(settings, mNames, mIsLiteral || hasNoGlobs());
-        const Names::List wanted = Pattern::ofNames(names.keys).exact(); // each once
+        const Names::List wanted = Pattern::ofNames(names.keys).exact(); // removes duplicates
         const Names::List gone = Inquiry::forget(settings, kind(), wanted);
         Names::List& missing = names.unmatched;
         const std::set<std::string> isGone(gone.begin(), gone.end());
@@ -50,12 +50,12 @@ public:
             print(settings, gone);
         if (!missing.empty())
             throw Failure(ExitCode::Failed,
-                          "not there, or denied by the policy: " + Names::inQuotes(missing));
+                          "not found, or denied by the policy: " + Names::inQuotes(missing));
         return ExitCode::Done;
     }
 
 private:
-    // With --literal also an empty name can be removed: other programs can make one.
+    // With --literal an empty name can be removed as well: other programs can create one.
     void checkNames() const
     {
         if (mIsLiteral)

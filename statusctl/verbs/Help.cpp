@@ -1,4 +1,4 @@
-// help and completion: what is known without a broker.
+// help and completion: they need no broker.
 
 #include "statusctl/text/Completions.h"
 #include "statusctl/text/Output.h"
@@ -35,7 +35,7 @@ public:
             name += " " + word;
         }
         std::string text = mApp.get_formatter()->make_help(command, name, CLI::AppFormatMode::Normal);
-        text.pop_back(); // the end of its last line
+        text.pop_back(); // the last line break
         Output(settings).line(text);
         return ExitCode::Done;
     }
@@ -43,7 +43,7 @@ public:
 private:
     [[noreturn]] static void fail(const std::string& word, const std::string& name)
     {
-        throw Failure(ExitCode::WrongUsage, "\"" + word + "\" is no command of " + name);
+        throw Failure(ExitCode::WrongUsage, "unknown command \"" + word + "\" (see " + name + " --help)");
     }
 
     CLI::App& mApp;
@@ -72,7 +72,7 @@ public:
     ExitCode run(const Settings& settings) override
     {
         std::string text = Completions::of(mShell);
-        text.pop_back(); // the end of its last line
+        text.pop_back(); // the last line break
         Output(settings).line(text);
         return ExitCode::Done;
     }

@@ -117,7 +117,7 @@ private:
 
     std::string mName;
     bool mIsLiteral = false;
-    Action mAction = nullptr; // none: show or list
+    Action mAction = nullptr; // null: show or list
     bool mIsList = false;
     bool mInSeconds = false;
 };
@@ -212,7 +212,7 @@ private:
     std::string mName;
     bool mIsLiteral = false;
     uint32_t mNumber = 1;
-    Action mAction = nullptr; // none: list
+    Action mAction = nullptr; // null: list
 };
 
 } // namespace

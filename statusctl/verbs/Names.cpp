@@ -28,7 +28,7 @@ void Names::checkExact(const List& names, bool isLiteral)
     const auto glob = std::find_if(names.begin(), names.end(), Pattern::isGlob);
     if (!isLiteral && glob != names.end())
         throw CLI::ValidationError(
-            "\"" + *glob + "\" is a glob, and this command expands none; use --literal if it is a name");
+            "\"" + *glob + "\" is a glob, which this command does not expand; use --literal if it is a name");
 }
 
 Names::Resolved Names::resolve(const Settings& settings, const List& names, bool isLiteral)
@@ -38,7 +38,7 @@ Names::Resolved Names::resolve(const Settings& settings, const List& names, bool
     Device device(settings);
     const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
     Resolved resolved{{}, {}, true};
-    std::set<std::string> seen; // a key may match several
+    std::set<std::string> seen; // a key may match several globs
     const auto add = [&](const std::string& key)
     {
         if (seen.insert(key).second)

@@ -8,34 +8,34 @@
 #include "statusctl/verbs/Verb.h"
 #include "statusmanager/StatusTypes.h"
 
-/// The names of keys, events, timers and counters, as commands get them.
+/// The names of keys, events, timers and counters on the command line.
 namespace Names
 {
 
 using List = std::vector<std::string>;
 
-/// Adds the flag --literal: each `what` is a name, whatever letters are in it.
+/// Adds the flag --literal: each `what` is a name, whatever characters it contains.
 void addLiteral(CLI::App& command, const std::string& what, bool& isLiteral);
 
 /// Adds the argument NAME, and --literal.
 void addName(CLI::App& command, std::string& name, bool& isLiteral);
 
-/// For commands that expand globs. An empty name is a mistake, such as a variable that is not set.
+/// For commands that expand globs. An empty name is a mistake, such as an unset variable.
 /// @throws CLI::ValidationError for an empty name
 void checkFilled(const List& names);
 
-/// For commands that take every name as it stands: a glob would become a key of that name.
-/// @throws CLI::ValidationError for an empty name, and for a glob unless it is meant literally
+/// For commands that do not expand globs: a glob would become a key of that name.
+/// @throws CLI::ValidationError for an empty name, and for a glob unless isLiteral
 void checkExact(const List& names, bool isLiteral);
 
 struct Resolved
 {
-    List keys;      ///< in the order of the names; those of a glob are sorted
-    List unmatched; ///< globs without any key
+    List keys;      ///< in the order of the names; the keys of a glob are sorted
+    List unmatched; ///< globs that match no key
     bool hasGlobs = false;
 };
 
-/// Replaces globs by the keys that match. Asks the broker only if there are globs.
+/// Replaces globs by the keys that they match. Asks the broker only if there are globs.
 Resolved resolve(const Settings& settings, const List& names, bool isLiteral);
 
 /// "door", "lamp": for messages.

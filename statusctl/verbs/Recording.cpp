@@ -23,7 +23,7 @@ namespace
 
 // -------------------------------------------------------------------------------------------------- record
 
-/// A file that is written line by line: what has happened is in it even if the process is killed.
+/// A file that is flushed after each line: it is complete even if the process is killed.
 class LineFile
 {
 public:
@@ -46,7 +46,7 @@ private:
     [[noreturn]] void fail() const
     {
         if (errno == EPIPE)
-            endBy(SIGPIPE); // on a thread that blocks it
+            endBy(SIGPIPE); // the default action alone would not end a thread that blocks it
         throw Failure(ExitCode::Failed, "cannot write " + mName + ": " + std::strerror(errno));
     }
 
@@ -73,7 +73,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
-        Device device = mFollowing.connect(settings); // where there is none, an old recording stays
+        Device device = mFollowing.connect(settings); // first: without a broker, an old file stays
         LineFile file(mFile);
         Feed feed(device, mSelection->keys(), mSelection->events(),
                   [&](const Change& change)
@@ -82,7 +82,7 @@ public:
                       return mSelection->wantsMoreAfter(change);
                   });
         feed.start();
-        feed.wait(settings.timeout); // a time that is over ends a recording well
+        feed.wait(settings.timeout); // a recording may end by -t: that is no failure
         return ExitCode::Done;
     }
 
@@ -90,7 +90,7 @@ private:
     CLI::App& mCommand;
     Following mFollowing;
     std::string mFile;
-    std::optional<Selection> mSelection; // its KEYs stand behind the file
+    std::optional<Selection> mSelection; // created after FILE, because its KEYs stand behind it
 };
 
 // -------------------------------------------------------------------------------------------------- replay
@@ -114,7 +114,7 @@ public:
 
     ExitCode run(const Settings& settings) override
     {
-        obeyInterrupts(); // the recording may last for days
+        obeyInterrupts(); // the replay may take days
         std::ifstream file;
         if (mFile != "-")
             file.open(mFile, std::ios::binary);
@@ -140,7 +140,7 @@ public:
                 continue;
             waitFor(*change);
             post(*device, *change);
-            // Posts that nobody has confirmed are dropped when there are too many.
+            // Too many unconfirmed posts would be dropped on the way.
             constexpr uint64_t unconfirmed = 250;
             if (posted % unconfirmed == 0)
                 device->confirm();
@@ -161,10 +161,10 @@ private:
         const bool isNumber = CLI::detail::lexical_cast(text, speed);
         return isNumber && (speed == 0 || (speed >= 1e-3 && speed <= 1e6))
                    ? ""
-                   : "is neither 0 nor from 0.001 to 1000000";
+                   : "must be 0, or from 0.001 to 1000000";
     }
 
-    // Initial values go at once; the first change sets the beginning.
+    // Initial values are posted at once. The first change sets the start of the clock.
     void waitFor(const Change& change)
     {
         if (mSpeed == 0 || change.kind == Change::Kind::Initial)

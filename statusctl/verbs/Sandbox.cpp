@@ -1,4 +1,4 @@
-// sandbox: a command with a broker of its own.
+// sandbox: runs a command with a broker of its own.
 
 #include <chrono>
 #include <csignal>
@@ -21,11 +21,11 @@
 namespace
 {
 
-/// A broker in this network, which dies with this process.
+/// A broker in this network. It ends with this process.
 class OwnBroker
 {
 public:
-    /// Returns when it serves.
+    /// Returns when the broker serves.
     OwnBroker(const std::string& program, const Settings& settings) : mPid(start(program))
     {
         const auto end = std::chrono::steady_clock::now() + settings.requestTimeout();
@@ -33,9 +33,9 @@ public:
         while (Ports::firstClosed())
         {
             if (waitpid(mPid, nullptr, WNOHANG) == mPid)
-                throw Failure(ExitCode::Failed, "the broker \"" + program + "\" could not be started");
+                throw Failure(ExitCode::Failed, "cannot start the broker \"" + program + "\"");
             if (std::chrono::steady_clock::now() >= end)
-                throw Failure(ExitCode::TimedOut, "the broker did not serve within " +
+                throw Failure(ExitCode::TimedOut, "the broker was not ready within " +
                                                       Duration::write(settings.requestTimeout()));
             std::this_thread::sleep_for(pause);
         }
@@ -47,7 +47,7 @@ private:
         const pid_t parent = getpid();
         const pid_t pid = fork();
         if (pid < 0)
-            throw Failure(ExitCode::Failed, std::string("cannot make a process: ") + std::strerror(errno));
+            throw Failure(ExitCode::Failed, std::string("cannot create a process: ") + std::strerror(errno));
         if (pid == 0)
             become(program, parent);
         return pid;
@@ -60,7 +60,7 @@ private:
         const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
         if (getppid() == parent && nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO)
         {
-            setsid(); // the keys of the terminal are for the command
+            setsid(); // keys of the terminal must not signal the broker
             execlp(program.c_str(), program.c_str(), "--log-level=2", nullptr);
         }
         _exit(noProgram);
@@ -92,7 +92,7 @@ public:
     ExitCode run(const Settings& settings) override
     {
         if (settings.command.empty())
-            throw Failure(ExitCode::WrongUsage, "the command is missing: sandbox -- COMMAND");
+            throw Failure(ExitCode::WrongUsage, "missing command (usage: sandbox -- COMMAND)");
         enterPrivateNetwork();
         const Descendants descendants;
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
@@ -100,7 +100,7 @@ public:
     }
 
 private:
-    // Installed together, they fit.
+    // Installed together, the two have the same version.
     static std::string usualBroker()
     {
         std::error_code error;

@@ -9,23 +9,23 @@
 #include "statusctl/text/Pattern.h"
 #include "statusctl/verbs/Verb.h"
 
-/// The part of a command line that says which keys and events to follow, and how many of their changes.
+/// The arguments that select keys and events, and how many of their changes to take.
 class Selection
 {
 public:
     /// Adds KEY..., --event NAME, --only and -n COUNT to the command.
     explicit Selection(CLI::App& command);
 
-    /// To be called when the command line has been read.
-    /// @throws CLI::ValidationError if it makes no sense
+    /// Call it when the command line has been read.
+    /// @throws CLI::ValidationError if the arguments contradict each other
     void check() const;
 
-    /// Both match everything if neither was given.
+    /// Both match everything if no key and no event was given.
     Pattern keys() const;
     Pattern events() const;
 
-    /// To be called with each change, in order.
-    /// @returns whether another one is wanted
+    /// Call it with each change, in order.
+    /// @returns whether another change is wanted
     bool wantsMoreAfter(const Change& change);
 
 private:

@@ -1,4 +1,4 @@
-// show: all that is known of keys.
+// show: prints all details of keys.
 
 #include <algorithm>
 

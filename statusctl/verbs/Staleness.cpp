@@ -30,7 +30,7 @@ void Staleness::hear(const Change& change)
 {
     const std::lock_guard<std::mutex> lock(mMutex);
     if (isMark(change.kind))
-        mIsSynced = true; // once and for all: a broker that has gone is asked later
+        mIsSynced = true; // stays true: if the broker goes, look() tries again later
     else if (change.kind == Change::Kind::Gone)
         mKeys.remove(change.name);
     else if (change.kind == Change::Kind::Initial)
@@ -44,7 +44,7 @@ StaleKeys::Clock::time_point Staleness::nextLook()
     constexpr std::chrono::milliseconds aMoment{20};
     const Clock::time_point now = Clock::now();
     const std::lock_guard<std::mutex> lock(mMutex);
-    // The first look shows whether the broker can tell at all.
+    // The first look shows whether the broker knows the request.
     return std::max(mIsSynced && mHasAsked ? mKeys.nextLook(now) : now + aMoment, mNotBefore);
 }
 

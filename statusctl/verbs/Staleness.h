@@ -8,7 +8,8 @@
 #include "statusctl/device/Change.h"
 #include "statusctl/device/StaleKeys.h"
 
-/// Finds the keys of a feed that have not been posted for too long, by asking the broker when that may be.
+/// Finds keys of a feed that have not been posted for too long. It asks the broker only when a key may be
+/// stale.
 class Staleness
 {
 public:
@@ -17,18 +18,18 @@ public:
     /// @param settings must outlive it
     Staleness(const Settings& settings, Clock::duration longest);
 
-    /// To be called with all that the feed tells, on any thread.
+    /// Call it with every change of the feed, on any thread.
     void hear(const Change& change);
 
     Clock::time_point nextLook();
 
-    /// The keys that have become stale. A broker that has gone is asked again later.
-    /// @throws Failure if the broker cannot tell
+    /// Returns the keys that have become stale. If the broker has gone, it tries again later.
+    /// @throws Failure if the broker does not know the request
     std::vector<Change> look();
 
 private:
     const Settings& mSettings;
-    const Clock::duration mPause; ///< at least between two looks
+    const Clock::duration mPause; ///< at least, between two looks
     Clock::time_point mNotBefore{};
     bool mHasAsked = false;
 

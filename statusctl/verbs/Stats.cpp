@@ -47,7 +47,7 @@ public:
     {
         const bool isMetrics = mPrometheus || mOpenMetrics;
         if (!mValues.empty() && !isMetrics)
-            throw Failure(ExitCode::WrongUsage, "--values goes with --prometheus or --openmetrics");
+            throw Failure(ExitCode::WrongUsage, "--values needs --prometheus or --openmetrics");
         const Statistics statistics = Inquiry::statistics(settings);
         std::string text;
         if (isMetrics)

@@ -21,7 +21,7 @@ namespace
 
 volatile std::sig_atomic_t caughtSignal = 0;
 
-// The signals that end a process are only noted while the screen is on, so that it can be restored.
+// While the screen is on, these signals are only noted, so that the terminal can be restored first.
 class SignalNote
 {
 public:
@@ -47,7 +47,7 @@ private:
     static constexpr int signals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 };
 
-/// The details of the keys on the screen, asked for now and then.
+/// The details of the keys on the screen, renewed once a second.
 class ShownDetails
 {
 public:
@@ -67,11 +67,11 @@ public:
     }
 
 private:
-    // A look that fails is made again; the screen does without it.
+    // A failed look is repeated later; the screen manages without its result.
     Details::ByKey ask()
     {
         Settings settings;
-        settings.timeout = std::chrono::milliseconds(200); // a key that is pressed waits for it
+        settings.timeout = std::chrono::milliseconds(200); // the screen does not react to keys meanwhile
         try
         {
             return Details::of(settings, mKeys);
@@ -123,7 +123,7 @@ public:
                       mModel.take(change, TopModel::Clock::now());
                       return true;
                   });
-        feed.start(); // as long as this may take, signals end the process
+        feed.start(); // until the screen is on, signals end the process
         {
             const SignalNote note;
             TopScreen screen(settings.color);
@@ -140,7 +140,7 @@ private:
         constexpr std::chrono::milliseconds pace{250};
         do
         {
-            feed.wait(std::chrono::milliseconds(0)); // throws what has gone wrong
+            feed.wait(std::chrono::milliseconds(0)); // throws the feed's failure
             const bool hasBroker = Listeners::areOn(Ports::all.front().number);
             if (hasBroker)
                 mDetails.refresh(mModel, mMutex, screen.shown());

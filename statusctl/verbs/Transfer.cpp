@@ -1,4 +1,4 @@
-// dump and load: the state of the device out, and in again.
+// dump and load: save and restore the state of the device.
 
 #include <algorithm>
 #include <cstdio>
@@ -85,7 +85,7 @@ private:
             output.json(list);
     }
 
-    // No key is shown with a blank in it, so lines of timers and counters differ from those of values.
+    // A key is never printed with a blank in it, so lines of timers and counters differ from lines of values.
     static void printAll(Output& output, const Settings& settings, const Backup& backup)
     {
         if (settings.isJson())
@@ -105,7 +105,7 @@ private:
 
 // ---------------------------------------------------------------------------------------------------- load
 
-/// On standard error, where that is a terminal.
+/// A progress bar on standard error, if that is a terminal.
 class ProgressBar
 {
 public:
@@ -191,7 +191,7 @@ private:
         output.json(object);
     }
 
-    // Posts that nobody has confirmed are dropped when there are too many.
+    // Too many unconfirmed posts would be dropped on the way.
     static void setCounters(Device& device, const Inquiry::Counters& counters)
     {
         constexpr std::size_t unconfirmed = 250;
@@ -207,10 +207,10 @@ private:
 
     static void setTimers(const Settings& settings, const Inquiry::Timers& timers)
     {
-        check("the broker did not take", "timers", Inquiry::setTimers(settings, timers));
+        check("the broker refused", "timers", Inquiry::setTimers(settings, timers));
     }
 
-    // Only what this client may see.
+    // Removes only names that this client may see.
     static std::size_t removeOthers(const Settings& settings, Device& device, const Backup& backup)
     {
         const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
@@ -236,7 +236,7 @@ private:
         const std::set<std::string> isGone(gone.begin(), gone.end());
         const auto hasGone = [&](const std::string& name) { return isGone.count(Text::valid(name)) != 0; };
         others.erase(std::remove_if(others.begin(), others.end(), hasGone), others.end());
-        check("the policy does not let this client remove", "names", others);
+        check("the policy denied the removal of", "names", others);
         return gone.size();
     }
 
@@ -245,10 +245,10 @@ private:
     {
         if (!refused.empty())
             throw Failure(ExitCode::Failed, problem + " " + std::to_string(refused.size()) + " " + what +
-                                                ", \"" + refused.front() + "\" for example");
+                                                ", for example \"" + refused.front() + "\"");
     }
 
-    // Each batch is confirmed before the next one goes, so none is dropped on the way.
+    // Confirms each batch before the next one, so that none is dropped on the way.
     static void post(const Settings& settings, Device& device, const StatusMap& values)
     {
         constexpr std::size_t batchBytes = std::size_t{32} * 1024;

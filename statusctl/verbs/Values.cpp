@@ -1,4 +1,4 @@
-// get, set and reset: the values of keys that are named.
+// get, set and reset: they take keys by name.
 
 #include <algorithm>
 #include <chrono>
@@ -98,7 +98,7 @@ private:
         return ExitCode::Done;
     }
 
-    // In the order in which they were asked for.
+    // Prints in the order of the arguments.
     static void print(const Settings& settings, const Names::Resolved& names, const StatusMap& values)
     {
         Output output(settings);
@@ -153,10 +153,11 @@ public:
                 if (mIsWhile)
                     takeCommand();
                 if (mWords.size() % 2 != 0)
-                    throw CLI::ValidationError("\"" + mWords.back() + "\" has no value");
+                    throw CLI::ValidationError("missing value after \"" + mWords.back() +
+                                               "\" (usage: set KEY VALUE...)");
                 Names::checkExact(keys(), mIsLiteral);
                 if (inputs() > 1)
-                    throw CLI::ValidationError("standard input can be the value of one key only");
+                    throw CLI::ValidationError("only one value can be read from standard input");
             });
     }
 
@@ -175,12 +176,12 @@ public:
     }
 
 private:
-    // Behind the pair.
+    // Takes the words behind the pair.
     void takeCommand()
     {
         constexpr std::size_t pair = 2;
         if (mWords.size() <= pair)
-            throw CLI::ValidationError("--while takes one KEY and VALUE, and a COMMAND behind them");
+            throw CLI::ValidationError("--while needs one KEY, its VALUE, and a COMMAND behind them");
         const auto begin = mWords.begin() + pair;
         mCommand.assign(begin, mWords.end());
         mWords.erase(begin, mWords.end());
@@ -227,7 +228,7 @@ private:
         return keys;
     }
 
-    // The broker does not answer posts. One that left a value as it was, although another was wanted, was
+    // The broker does not answer posts. If a value is unchanged although another one was wanted, the post was
     // refused.
     static void checkTaken(const StatusMap& wanted, const StatusMap& before, const StatusMap& after)
     {
@@ -247,12 +248,11 @@ private:
         if (!refused.empty())
             throw Failure(ExitCode::Failed,
                           "the broker refused " + Names::inQuotes(refused) +
-                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) +
-                              "; its log tells why",
+                              (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) + "; see its log",
                           {{"refused", refused}, {"taken", taken}});
     }
 
-    // Waits as long as the library's threads need to hand the post to the kernel.
+    // Gives the library's threads time to hand the post to the kernel.
     static void leaveTime()
     {
         constexpr std::chrono::milliseconds enough{50};

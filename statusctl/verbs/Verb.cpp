@@ -21,7 +21,7 @@ CLI::Option* Verbs::addDuration(CLI::App& command, const std::string& names,
     {
         value = Duration::read(given);
         if (!value)
-            throw CLI::ValidationError(names, "\"" + given + "\" is no duration, such as 5, 500ms or 2m");
+            throw CLI::ValidationError(names, "\"" + given + "\" is not a duration, such as 5, 500ms or 2m");
     };
     return command.add_option_function<std::string>(names, take, text)->type_name("DUR");
 }

@@ -10,7 +10,7 @@
 #include "statusctl/base/Failure.h"
 #include "statusctl/base/Settings.h"
 
-/// One command of the tool. Each verb's file defines its class and the function that adds it to the command
+/// A command of the tool. Each verb's file defines its class, and the function that adds it to the command
 /// line.
 class IVerb
 {
@@ -50,13 +50,13 @@ std::unique_ptr<IVerb> addSandbox(CLI::App& app);
 std::unique_ptr<IVerb> addCompletion(CLI::App& app);
 std::unique_ptr<IVerb> addHelp(CLI::App& app);
 
-/// The command with its help.
+/// Adds a command with its help.
 /// @param examples one a line
-/// @param details  what the summary leaves out; lines of at most 100 letters
+/// @param details  more than the summary says; lines of at most 100 characters
 CLI::App& describe(CLI::App& app, const std::string& name, const std::string& summary,
                    const std::string& examples, const std::string& details = "");
 
-/// An option that takes a duration.
+/// Adds an option that takes a duration.
 CLI::Option* addDuration(CLI::App& command, const std::string& names,
                          std::optional<std::chrono::milliseconds>& value, const std::string& text);
 

@@ -68,7 +68,7 @@ public:
         command.callback([this] { prepare(); });
     }
 
-    // To look first and then wait for a change could miss one in between. The feed tells both in one.
+    // A look followed by a wait could miss a change in between. The feed does both in one.
     ExitCode run(const Settings& settings) override
     {
         std::vector<std::string> keys;
@@ -107,7 +107,7 @@ private:
             mValues.erase(change.name);
         else
             mValues[change.name] = change.value;
-        if (!mIsSynced) // of values that are lost, nobody knows which are there at the same time
+        if (!mIsSynced) // lost values say nothing about the present
             return true;
         mHolding.clear();
         for (const Condition& condition : mConditions)
@@ -130,7 +130,7 @@ private:
         return value == mValues.end() ? std::nullopt : Condition::Value(value->second);
     }
 
-    // door is "open", wanted "shut"; lamp is not there, wanted "on"
+    // For example: door is "open", wanted "shut"; lamp is missing, wanted "on"
     std::string whyNot()
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -144,7 +144,7 @@ private:
             const Condition::Value value = valueOf(condition.key());
             const bool isMatchMissing = condition.holds(value);
             text += (text.empty() ? "" : "; ") + condition.key() + " is " +
-                    (value ? "\"" + Text::cutOff(*value) + "\"" : "not there") + ", wanted " +
+                    (value ? "\"" + Text::cutOff(*value) + "\"" : "missing") + ", wanted " +
                     (isMatchMissing ? "a match of \"" + *mRegex + "\"" : condition.wanted());
         }
         return text;
@@ -170,7 +170,7 @@ private:
     std::vector<Condition> mConditions;
     std::optional<Regex> mMatch;
 
-    // The feed's thread changes these under the mutex.
+    // Shared with the feed's thread, under the mutex.
     std::mutex mMutex;
     bool mIsSynced = false;
     StatusMap mValues;

@@ -72,7 +72,7 @@ public:
         const bool isEnough = staleness ? waitForStale(settings, output, device, feed, *staleness)
                                         : feed.wait(settings.timeout);
         if (!isEnough)
-            leaveWith(settings, Following::timedOut(settings)); // whatever the command does
+            leaveWith(settings, Following::timedOut(settings)); // does not wait for a running command
         return ExitCode::Done;
     }
 
@@ -101,10 +101,11 @@ private:
             throw CLI::ValidationError("--stale must be at least 100ms");
         const std::string unknown = mFormat ? mFormat->unknownField("twkv") : "";
         if (!unknown.empty())
-            throw CLI::ValidationError("--format knows %t, %w, %k, %v and %%, and no \"" + unknown + "\"");
+            throw CLI::ValidationError("unknown field \"" + unknown +
+                                       "\" in --format; use %t, %w, %k, %v or %%");
     }
 
-    // As Feed::wait().
+    // Waits like Feed::wait(), and reports stale keys meanwhile.
     bool waitForStale(const Settings& settings, Output& output, const Device& device, Feed& feed,
                       Staleness& staleness)
     {
@@ -124,7 +125,7 @@ private:
         }
     }
 
-    // On the feed's thread, or for what is stale on the first one.
+    // Runs on the feed's thread; for stale keys, on the main thread.
     bool show(const Settings& settings, Output& output, const Change& change)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
@@ -171,7 +172,7 @@ private:
         return line;
     }
 
-    // A mark without the field that says what it is would be a line of blanks.
+    // A mark has neither name nor value: without its kind the line would be empty.
     void printFormatted(Output& output, const Change& change) const
     {
         if (isMark(change.kind) && !mFormat->has('w'))
@@ -208,7 +209,7 @@ private:
         return output.isTerminal() ? Text::harmless(text) : text;
     }
 
-    // Its exit code does not matter; whether it can be started does.
+    // Ignores the command's exit code, but fails if it cannot be started.
     static void runCommand(const std::vector<std::string>& command, const Change& change)
     {
         std::vector<std::string> variables{"STATUS_KEY=" + change.name, "STATUS_VALUE=" + change.value,
@@ -232,14 +233,15 @@ private:
         pid_t child = -1;
         const int error = spawn(child, arguments, environment);
         if (error != 0)
-            throw Failure(ExitCode::Failed, "cannot run " + command.front() + ": " + std::strerror(error));
+            throw Failure(ExitCode::Failed,
+                          "cannot run \"" + command.front() + "\": " + std::strerror(error));
         int status = 0;
         while (waitpid(child, &status, 0) == -1 && errno == EINTR)
         {
         }
     }
 
-    // The feed's thread blocks all signals, which the command must not inherit.
+    // The feed's thread blocks all signals. The command must not inherit that.
     static int spawn(pid_t& child, const std::vector<char*>& arguments, const std::vector<char*>& environment)
     {
         sigset_t none;

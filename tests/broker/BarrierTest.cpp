@@ -1,4 +1,4 @@
-// Whom the real broker asks by a PING before it confirms a "Sync".
+// Which peers the real broker pings before it confirms a "Sync".
 
 #include <climits>
 #include <csignal>
@@ -27,16 +27,16 @@ using namespace std::string_literals;
 namespace
 {
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{200};
 
-// A connection on which posts are made.
+// A connection that makes posts.
 class Poster : public ZmtpPeer
 {
 public:
     Poster() : ZmtpPeer(postPort)
     {
-        const int on = 1; // as libzmq; what is written must not stay in this process's kernel
+        const int on = 1; // as libzmq does: the kernel must not hold posts back
         EXPECT_EQ(setsockopt(descriptor(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
         EXPECT_TRUE(shakeHands());
         EXPECT_EQ(read(3), "\0\1\1"s) << "the subscription";
@@ -44,7 +44,7 @@ public:
         EXPECT_TRUE(write(pong("subscribed")));
     }
 
-    // The context of the PING that comes; empty if none does.
+    // The context of the next PING; empty if none comes.
     std::string awaitPing()
     {
         const auto frame = readFrame();
@@ -54,14 +54,14 @@ public:
     }
 };
 
-// A poster that is a process of its own.
+// A poster in its own process.
 class PosterProcess
 {
 public:
     PosterProcess()
     {
         if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
-            throw std::runtime_error("cannot make a process");
+            throw std::runtime_error("cannot create a process");
         if (mPid == 0)
             run();
         close(mPipe[0]);
@@ -79,7 +79,7 @@ public:
 
     pid_t pid() const { return mPid; }
 
-    // Ends it.
+    // Ends the process. Returns whether it was pinged.
     bool isPinged()
     {
         int status = 0;
@@ -92,7 +92,7 @@ private:
     [[noreturn]] void run()
     {
         const int end = dup2(mPipe[0], STDIN_FILENO);
-        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it has no connection of the test
+        close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
         Poster poster;
         char letter = 0;
         if (testing::Test::HasFailure() || ::read(end, &letter, 1) != 1)
@@ -107,7 +107,7 @@ private:
 class BarrierTest : public testing::Test
 {
 protected:
-    // The broker has found the process of a connection.
+    // Waits until the broker knows this process.
     bool isKnown(pid_t pid)
     {
         const std::string member = "\"pid\":" + std::to_string(pid) + ',';
@@ -116,7 +116,7 @@ protected:
             { return requester.ask(R"({"getBrokerClients":"null"})").find(member) != std::string::npos; });
     }
 
-    void SetUp() override { requester.ask("Sync"); } // the first is another matter
+    void SetUp() override { requester.ask("Sync"); } // the first Sync is special
 
     void expectAnswer() { EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"}); }
 
@@ -126,7 +126,7 @@ protected:
 
 } // namespace
 
-// As more of what it posted before may be under way.
+// More of its earlier posts may be under way.
 TEST_F(BarrierTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
 {
     Poster poster;
@@ -135,7 +135,7 @@ TEST_F(BarrierTest, aSyncPingsPostersThatPostedAndTheNumberInItIsTheirs)
     requester.send({"Sync"});
     const std::string context = poster.awaitPing();
     ASSERT_NE(context, "");
-    EXPECT_LE(context.size(), 16U) << "longer ones are cut by the peer";
+    EXPECT_LE(context.size(), 16U) << "the peer cuts longer contexts";
     ASSERT_FALSE(requester.receive(quiet)) << "the answer waits for PONG";
     ASSERT_TRUE(poster.write(ZmtpPeer::pong(context)));
     expectAnswer();
@@ -154,7 +154,7 @@ TEST_F(BarrierTest, aSyncPingsThePosterOfItsClientThoughNothingHasCome)
     EXPECT_EQ(valueOf(requester, "k"), reply("v"));
 }
 
-// For 100 ms, in which this process need not run each time.
+// The broker waits 100 ms, in which a busy machine may not run this process at all.
 TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
 {
     Poster poster;
@@ -171,7 +171,9 @@ TEST_F(BarrierTest, aSyncWaitsForTheAnswerOfItsPoster)
         }));
 }
 
-// In one round of the broker, which reads both as it wakes. Only root can be another user.
+// The broker reads both in one round when it wakes.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there.
 TEST_F(BarrierTest, syncsOfTwoUsersPingThePosterOfEachOnce)
 {
     std::unique_ptr<ZmtpPeer> otherRequester;
@@ -202,7 +204,7 @@ TEST_F(BarrierTest, syncsOfTwoUsersPingThePosterOfEachOnce)
     EXPECT_EQ(other->read(1, quiet), "");
 }
 
-// The processes are looked for when somebody asks for them; from then on the posters of others stay in peace.
+// The broker looks for processes when a client asks for them. From then on, it leaves other posters in peace.
 TEST_F(BarrierTest, aSyncDoesNotPingThePosterOfAnotherProcessOfTheSameUser)
 {
     ASSERT_TRUE(isKnown(getpid())); // before the other process inherits the socket
@@ -213,7 +215,8 @@ TEST_F(BarrierTest, aSyncDoesNotPingThePosterOfAnotherProcessOfTheSameUser)
     EXPECT_FALSE(other.isPinged());
 }
 
-// Only root can be another user.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there.
 TEST_F(BarrierTest, aSyncDoesNotPingPostersOfOtherUsersFromWhichNothingHasCome)
 {
     std::unique_ptr<Poster> other;
@@ -231,7 +234,7 @@ TEST_F(BarrierTest, aQueryDoesNotPingPostersFromWhichNothingHasCome)
     EXPECT_EQ(poster.read(1, quiet), "");
 }
 
-// More of what its client had posted before may be under way.
+// More of its client's earlier posts may be under way.
 TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
 {
     ZmtpPeer subscriber(ZmtpPeer::notifyPort);
@@ -250,10 +253,10 @@ TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
     EXPECT_EQ(requester.receive(), std::vector<std::string>{reply("after")});
 }
 
-// Also where the broker has so much to read that the posts of some come late.
+// Holds even if the broker has so much to read that it reads the posts of some clients late.
 TEST_F(BarrierTest, aQueryIsAnsweredBehindAllPostsThatHadArrived)
 {
-    constexpr int many = 32; // reading them takes longer than a turn, and not nearly 100 ms
+    constexpr int many = 32; // reading them takes more than a turn, but far less than 100 ms
     std::vector<std::unique_ptr<Poster>> posters;
     std::string rest;
     for (int number = 0; rest.size() < std::size_t{10} * 1024; ++number)
@@ -265,7 +268,7 @@ TEST_F(BarrierTest, aQueryIsAnsweredBehindAllPostsThatHadArrived)
     {
         Poster& poster = *posters[static_cast<std::size_t>(number)];
         ASSERT_TRUE(poster.write(ZmtpPeer::message(postOf("k" + std::to_string(number), "v"))));
-        ASSERT_TRUE(poster.write(rest)); // so little that no poster is pinged
+        ASSERT_TRUE(poster.write(rest)); // too little for a poster to be pinged
     }
     requester.send({R"({"getClientInfo":"null"})"});
     broker.process().signal(SIGCONT);
@@ -276,7 +279,7 @@ TEST_F(BarrierTest, aQueryIsAnsweredBehindAllPostsThatHadArrived)
         EXPECT_NE(values.find("\"k" + std::to_string(number) + "\":\"v\""), std::string::npos) << number;
 }
 
-// A client that stands still delays the others of its service once.
+// A client that is stopped delays other clients of its service only once.
 TEST_F(BarrierTest, aPosterThatDoesNotAnswerIsNotPingedForEverySync)
 {
     Poster silent;

@@ -1,5 +1,5 @@
-// The real broker, spoken to by plain ZeroMQ peers: what it answers, publishes, refuses, and how it starts
-// and ends.
+// The real broker and plain ZeroMQ peers: its answers, its notifications, its refusals, its start and its
+// end.
 
 #include <csignal>
 #include <cstdio>
@@ -39,7 +39,7 @@ protected:
     RawSubscriber subscriber{poster};
 };
 
-// Whether the kernel holds bytes for a connection to this local port that its owner has not read.
+// Whether the kernel holds unread bytes for a connection to this local port.
 bool hasUnreadBytes(unsigned int port)
 {
     std::ifstream table("/proc/net/tcp");
@@ -132,8 +132,8 @@ TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
     BrokerProcess broker;
     RawPoster poster;
     RawRequester requester;
-    requester.ask(valueRequest("k")); // connected
-    broker.process().suspend();       // both arrive while it cannot look
+    requester.ask(valueRequest("k")); // connects
+    broker.process().suspend();       // both arrive while it is stopped
     poster.post(R"({"postStatus":{"k":"last"}})");
     requester.send({valueRequest("k")});
     ASSERT_TRUE(eventually([] { return hasUnreadBytes(5555) && hasUnreadBytes(5556); }));
@@ -319,7 +319,7 @@ TEST_F(BrokerTest, malformedRequestsAreAnsweredAtOnceWithAnEmptyObject)
         EXPECT_EQ(requester.ask(request), "{}") << request.substr(0, 60);
     EXPECT_EQ(requester.ask(valueRequest("k")), valueReply(""));
     EXPECT_EQ(statistic("malformed.requests"), malformed.size());
-    EXPECT_EQ(broker.stop(), 0); // until then lines may wait for the name of their client
+    EXPECT_EQ(broker.stop(), 0); // before the end, lines may wait for the name of their client
     EXPECT_EQ(linesWith(broker.process().errors(), "Malformed request"), Refusals::linesPerWindow);
 }
 
@@ -368,7 +368,7 @@ TEST_F(BrokerTest, malformedPostsAreLoggedAndChangeNothing)
     EXPECT_EQ(requester.ask(R"({"getClientInfo":"null"})"), R"({"k":"good"})");
     EXPECT_EQ(requester.ask(R"({"getCounterValue":"c"})"), "0");
     EXPECT_EQ(statistic("malformed.posts"), malformed.size());
-    EXPECT_EQ(broker.stop(), 0); // until then lines may wait for the name of their client
+    EXPECT_EQ(broker.stop(), 0); // before the end, lines may wait for the name of their client
     EXPECT_EQ(linesWith(broker.process().errors(), "Malformed post"), Refusals::linesPerWindow);
 }
 

@@ -26,7 +26,7 @@ protected:
         return JsonText::readObject(answer).value_or(Json::Value(Json::objectValue));
     }
 
-    // Those of this user, as soon as the broker knows their processes.
+    // The clients of this user, once the broker knows their processes.
     Json::Value clients()
     {
         Json::Value answer;
@@ -39,7 +39,7 @@ protected:
         return answer["clients"];
     }
 
-    // This process.
+    // The entry of this process.
     Json::Value client()
     {
         const Json::Value all = clients();
@@ -47,7 +47,7 @@ protected:
         return all[0U];
     }
 
-    // Answers come in order, so what was said before has been dealt with.
+    // Answers come in order, so everything sent before has been handled.
     void awaitRound() { EXPECT_EQ(asking.ask(R"({"getCounterValue":"c"})"), "0"); }
 
     bool isInLog(const std::string& text) { return broker.process().waitForError(text); }
@@ -92,8 +92,8 @@ TEST_F(ClientsTest, aClientThatHasGoneIsNotThereAnyMore)
     EXPECT_TRUE(eventually([&] { return client()["connections"] == 1; }));
 }
 
-// Only root can be another user. Any user sees that processes are told apart, and SockDiagTest reads the
-// numbers of other users.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there. Elsewhere SockDiagTest reads the numbers of other users.
 TEST_F(ClientsTest, anotherUserIsAnotherClientAlsoWithinAProcess)
 {
     constexpr uid_t user = 12345;
@@ -162,7 +162,7 @@ TEST_F(ClientsTest, theTimeOfItsFirstConnectionIsTold)
     auto first = std::make_unique<ZmtpPeer>(ZmtpPeer::postPort);
     ASSERT_TRUE(first->shakeHands());
     const uint64_t since = client()["since"].asUInt64();
-    EXPECT_LT(since, before); // that of the connection that asks
+    EXPECT_LT(since, before); // the start of the connection that asks
     EXPECT_GT(since + 60000000, before);
 }
 
@@ -176,7 +176,7 @@ TEST_F(ClientsTest, aMalformedPostIsLoggedWithItsClientAndCountedThere)
     EXPECT_EQ(client()["refusals"], 1);
 }
 
-// The library sends them so, with an empty last frame.
+// The library sends such posts, with an empty last frame.
 TEST_F(ClientsTest, aPostThatLostItsLast512BytesSaysSoWithWhatIsLeft)
 {
     constexpr std::size_t frameBytes = 512;

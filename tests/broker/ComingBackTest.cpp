@@ -1,4 +1,5 @@
-// Clients whose broker is killed under them and started anew: what was under way, and what they may believe.
+// Clients whose broker is killed and restarted: what becomes of messages under way, and what a client may
+// rely on.
 
 #include <atomic>
 #include <csignal>
@@ -17,7 +18,7 @@
 namespace
 {
 
-// Bytes that connections of a port have received and nobody has read, as the kernel tells.
+// Unread bytes that connections of a port have received, as the kernel counts them.
 unsigned long unreadBytes(uint16_t port)
 {
     constexpr int hexadecimal = 16;
@@ -40,7 +41,7 @@ unsigned long unreadBytes(uint16_t port)
     return sum;
 }
 
-/// With and without a state file.
+/// Runs with and without a state file.
 class ComingBackTest : public testing::TestWithParam<bool>
 {
 protected:
@@ -64,10 +65,10 @@ protected:
         start();
     }
 
-    // All that the client sends from now on dies with the broker.
+    // Stops the broker: everything the client sends from now on dies with it.
     void stop() { broker->process().suspend(); }
 
-    // Lets a post die with the broker.
+    // Makes a post that dies with the broker.
     void losePost()
     {
         stop();
@@ -76,7 +77,7 @@ protected:
         broker->kill();
     }
 
-    // The client has come back and asks nothing, for longer than a new client takes to speak.
+    // Waits until the client is connected again and has been silent for longer than a new client needs.
     void waitUntilItIsBack()
     {
         RawRequester requester;
@@ -86,7 +87,7 @@ protected:
         waitForAnEmptyAnswer();
     }
 
-    // For a second: then the broker says to those that are silent that it is there.
+    // Waits about a second: then the broker sends silent connections its empty answer.
     static void waitForAnEmptyAnswer()
     {
         ZmtpPeer silent(ZmtpPeer::requestPort);
@@ -169,14 +170,14 @@ TEST_P(ComingBackTest, afterPostsThatDiedWithTheBrokerSyncIsFalseOnce)
     losePost();
     start();
     waitUntilItIsBack();
-    waitForAnEmptyAnswer(); // so long after its own
+    waitForAnEmptyAnswer(); // the client's own empty answer came before
     EXPECT_FALSE((*client)->sync(withoutLimit));
-    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "it is indeed";
+    EXPECT_EQ((*client)->getClientInfoValue("lost"), "") << "the post is lost";
     EXPECT_TRUE((*client)->sync(withoutLimit));
     EXPECT_TRUE((*client)->sync(withoutLimit));
 }
 
-// It may take the empty answer for that to its Sync.
+// The client may take the empty answer for the answer to its Sync.
 TEST_P(ComingBackTest, aSyncInTheMomentOfTheEmptyAnswerIsFalseOnce)
 {
     losePost();
@@ -195,8 +196,8 @@ TEST_P(ComingBackTest, aQueryInBetweenDoesNotHideThatPostsWereLost)
     EXPECT_TRUE((*client)->sync(withoutLimit));
 }
 
-// A Sync that waits for the broker comes as that of a new client would. Only the state file tells that there
-// was another broker before, and only at the beginning: on a busy machine some come later.
+// A Sync that waits for the broker looks like a new client's. Only the state file shows that there was
+// another broker before, and only at the beginning. On a busy machine some come later.
 TEST_P(ComingBackTest, aSyncThatWaitsForTheNewBrokerKnowsOfLostPostsByTheStateFileOnly)
 {
     constexpr int mostRounds = 10;
@@ -220,6 +221,6 @@ TEST_P(ComingBackTest, whoeverStartsAfterwardsIsToldTheTruth)
     waitUntilItIsBack();
     EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck");
     TestProcess newClient({TESTCLIENT, "set", "k", "v"});
-    EXPECT_EQ(newClient.waitForExit(), 0) << "its sync was true";
+    EXPECT_EQ(newClient.waitForExit(), 0) << "the new client's sync was true";
     EXPECT_EQ((*client)->getClientInfoValue("k"), "v");
 }

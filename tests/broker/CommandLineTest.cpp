@@ -1,5 +1,5 @@
-// The broker's command line: what it sets, as the configuration file does, and how each mistake in it is
-// told.
+// The broker's command line: its options set the same as the configuration file, and each mistake is
+// reported.
 
 #include <cstdlib>
 #include <map>
@@ -18,7 +18,7 @@ struct Setting
     std::string name;
     std::string text;
     std::string value;
-    std::string memory = ""; // in bytes; beside it, as some sizes fit only into more than the default
+    std::string memory = ""; // in bytes; raised because some sizes exceed the default
 };
 
 class EveryOption : public testing::TestWithParam<Setting>
@@ -54,7 +54,7 @@ INSTANTIATE_TEST_SUITE_P(
         Setting{"max-message-bytes", "64M", "67108864", "1073741824"}, Setting{"max-timers", "7", "7"},
         Setting{"max-counters", "8", "8"}, Setting{"max-notify-bytes", "64K", "65536"},
         Setting{"max-notify-bytes", "1024M", "1073741824", "2147483648"},
-        Setting{"max-notify-bytes", "12M", "12582912"}, // and four times 1M: all there is
+        Setting{"max-notify-bytes", "12M", "12582912"}, // with four times 1M this fills the memory
         Setting{"max-memory", "8M", "8388608"}, Setting{"max-memory", "2048M", "2147483648"},
         Setting{"max-connections", "9", "9"}, Setting{"max-connections", "1000000", "1000000"}),
     settingName);
@@ -104,7 +104,7 @@ TEST(CommandLine, stateKeysAddUp)
 namespace
 {
 
-// A service that has a folder for the state, and says so in the environment.
+// A service with a state folder, which the environment names.
 class StateOfTheService : public ConfigFileTest
 {
 protected:
@@ -160,7 +160,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Lines{"--max-message-bytes", "1023"}, Lines{"--max-message-bytes", "65M"},
                     Lines{"--max-key-bytes", "K"}, Lines{"--max-key-bytes", "1k"},
                     Lines{"--max-key-bytes", "1.5K"}, Lines{"--max-stored-bytes", "18446744073709551615K"},
-                    Lines{"--max-stored-bytes", "18014398509481985K"}, // 1K, were it to wrap
+                    Lines{"--max-stored-bytes", "18014398509481985K"}, // 1K if it wrapped around
                     Lines{"--max-message-bytes", "32K"}, Lines{"--max-value-bytes", "2M"},
                     Lines{"--max-memory", "4M"}, Lines{"--max-memory", "8388607"},
                     Lines{"--max-notify-bytes", "12582913"}, Lines{"--max-message-bytes", "4M"},
@@ -186,7 +186,7 @@ TEST(CommandLine, aMessageNamesOptionValueAndRange)
               "statusbroker: --max-key-bytes: \"2M\" is not a size in 1..1M");
 }
 
-// So that a variable that is not set does not make a broker serve that was to be checked only.
+// Otherwise an unset variable would start a broker instead of checking its configuration.
 TEST(CommandLine, anOptionIsNotTakenForTheMissingValueOfAnother)
 {
     EXPECT_EQ(run({"--state=", "--check-config"}).code, 2);
@@ -200,7 +200,7 @@ TEST(CommandLine, anOptionIsNotTakenForTheMissingValueOfAnother)
 namespace
 {
 
-// The names of the options that the help lists, with what it says about each.
+// The options in the help, with the text about each.
 std::map<std::string, std::string> helpByName()
 {
     std::map<std::string, std::string> result;

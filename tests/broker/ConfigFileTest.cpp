@@ -1,4 +1,4 @@
-// The broker's configuration file: what it sets, and how each mistake in it is told.
+// The broker's configuration file: its settings, and the report of each mistake.
 
 #include <array>
 #include <fstream>
@@ -59,7 +59,7 @@ TEST(ParseConfig, valuesMayHoldAnyLetters)
     EXPECT_EQ(readFile("state = /run/zust\xc3\xa4nde\n"), defaultsBut("state", "/run/zust\xc3\xa4nde"));
 }
 
-// Together with the command line they may fit.
+// They may be consistent together with the command line.
 TEST(ParseConfig, limitsThatContradictEachOtherAreNotRefusedYet)
 {
     EXPECT_EQ(readFile("max-message-bytes = 1K\n"), defaultsBut("max-message-bytes", "1024"));
@@ -169,7 +169,7 @@ TEST(ParseConfig, anyBytesAreReadOrRefusedInOneLineOfText)
 {
     const std::array<std::string, 12> parts{"max-keys",  "state-keys", "=",  "\n",  " ",  "#",
                                             "log-level", "\r\n",       "--", "64K", "{}", "%%"};
-    std::mt19937 random(1); // NOLINT: the same each time
+    std::mt19937 random(1); // NOLINT: the same in every run
     for (int round = 0; round < 5000; ++round)
     {
         std::string text;
@@ -295,7 +295,7 @@ TEST_F(ConfigFileTest, thatIsAPipeIsNotWaitedFor)
 
 TEST(ConfigFile, thatCannotBeReadIsToldSo)
 {
-    const std::string unreadable = "/proc/self/mem"; // nothing is at its beginning
+    const std::string unreadable = "/proc/self/mem"; // its first bytes are not mapped
     EXPECT_EQ(errorOf(commandLine({"--config", unreadable})), unreadable + ": cannot be read");
 }
 

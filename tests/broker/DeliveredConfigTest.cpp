@@ -1,4 +1,4 @@
-// The configuration file that is delivered.
+// The installed configuration file.
 
 #include <cctype>
 
@@ -7,7 +7,7 @@
 namespace
 {
 
-// Without the mark in front of the lines that begin with it.
+// Removes the mark in front of the lines that begin with it.
 std::string uncommented(const std::string& mark)
 {
     std::string text;

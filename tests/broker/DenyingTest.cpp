@@ -1,4 +1,4 @@
-// The real broker keeps clients from what the policy denies them.
+// The real broker prevents what its policy denies.
 
 #include <csignal>
 
@@ -7,7 +7,7 @@
 class Denying : public PolicedBroker
 {
 protected:
-    // By a client that has gone before the broker looks at it.
+    // Posts as a client that ends before the broker looks at it.
     void postAndGo()
     {
         broker->process().suspend();
@@ -99,7 +99,7 @@ TEST_F(Denying, countersThatAreDeniedDoNotCount)
 TEST_F(Denying, theClockStaysAsItIs)
 {
     start(rule("deny = \"time\""), {"--allow-set-time"});
-    post(R"({"updateSystemTime":1})"); // also without the rule it would be refused, as long past
+    post(R"({"updateSystemTime":1})"); // without the rule it would be refused, too, as long past
     EXPECT_TRUE(isInLog("Denied time, by " + (folder / "policy") + ":1"));
     EXPECT_EQ(statistic("refused.systemTime"), 0U);
 }
@@ -197,7 +197,7 @@ TEST_F(Denying, thePrefixOfASubscriptionStillCounts)
     }
 }
 
-// The prefix would match, or not, by what the value is.
+// Whether the prefix matches would depend on the value.
 TEST_F(Denying, thePrefixOfASubscriptionTellsNothingOfWhatMayNotBeSeen)
 {
     start(rule("deny = \"see\"\nkeys = \"secret\""));
@@ -228,11 +228,11 @@ TEST_F(Denying, oneThatMaySeeNothingIsStillSentTheSync)
     EXPECT_GT(heard, 0);
 }
 
-// A client that starts is told of what has changed since its first "Sync".
+// A client that starts receives what has changed since its first "Sync".
 TEST_F(Denying, theFirstValuesOfASubscriberAreFilteredToo)
 {
     start(rule("deny = \"see\"\nkeys = \"secret\""));
-    post(R"({"postStatus":{"a":"1","secret":"2"}})"); // told to all that subscribe soon after the start
+    post(R"({"postStatus":{"a":"1","secret":"2"}})"); // sent to all that subscribe soon after the start
     listening.emplace(ZmtpPeer::notifyPort);
     ASSERT_TRUE(listening->shakeHands());
     ASSERT_TRUE(listening->write(ZmtpPeer::subscribe("")));
@@ -260,7 +260,7 @@ TEST_F(Denying, inAuditModeEverythingIsDoneAndLogged)
 // ------------------------------------------------------------------------------------------------------
 // owner
 
-// A client could end before it is looked at, so that a rule about its user would not concern it.
+// Otherwise a client could end before its owner is known, and escape a rule about its user.
 TEST_F(Denying, nothingIsTakenFromAClientThatHasGoneBeforeItsOwnerIsKnown)
 {
     start(rule("deny = \"post\"\nkeys = \"secret\""));
@@ -270,7 +270,7 @@ TEST_F(Denying, nothingIsTakenFromAClientThatHasGoneBeforeItsOwnerIsKnown)
     EXPECT_TRUE(isInLog("Refused a connection, the policy needs to know its owner: "));
 }
 
-// Without rules about somebody it does not matter whose a connection is.
+// Without rules about particular clients, the owner of a connection does not matter.
 TEST_F(Denying, underAPolicyForAnyoneAClientThatHasGoneIsServed)
 {
     start("[[rule]]\ndeny = \"post\"\nkeys = \"secret\"");

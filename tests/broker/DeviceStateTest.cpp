@@ -12,7 +12,7 @@ namespace
 {
 
 using Map = std::map<std::string, std::string>;
-using Changes = std::vector<std::pair<std::string, std::string>>; // in their order
+using Changes = std::vector<std::pair<std::string, std::string>>; // in order
 
 const Changes none;
 
@@ -25,7 +25,7 @@ protected:
 
     std::string valueOf(const std::string& key) { return std::string(state.valueOf(key)); }
 
-    // All values, in the order of their keys.
+    // All values, sorted by key.
     Map all()
     {
         Map values;
@@ -38,7 +38,7 @@ protected:
         return values;
     }
 
-    // In the order of their last changes.
+    // Sorted by their last change.
     Changes changedSince(uint64_t revision)
     {
         Changes changes;
@@ -238,7 +238,7 @@ TEST_F(DeviceLimits, aLongValueIsRefusedAndTheOldOneStays)
 
 TEST_F(DeviceLimits, allBytesTogetherAreLimited)
 {
-    post({{"a", "123456789"}}); // 10 with its key
+    post({{"a", "123456789"}}); // 10 bytes with its key
     EXPECT_EQ(post({{"b", "1234567890"}}), none);
     EXPECT_EQ(refusals.count(Refusal::StoredBytes), 1U);
     EXPECT_NE(post({{"b", "123456789"}}), none);
@@ -249,7 +249,7 @@ TEST_F(DeviceLimits, allBytesTogetherAreLimited)
     EXPECT_EQ(state.storedBytes(), 11U);
 }
 
-// The limit of all bytes together counts only what is held now.
+// The limit of all bytes together counts only present values.
 TEST_F(DeviceStateTest, aValueThatWasLongTakesNoMemoryAnyMore)
 {
     constexpr int keys = 1000;
@@ -393,7 +393,7 @@ TEST_F(DeviceForgets, forgottenKeysTakeRoomUntilTheyAreDropped)
     EXPECT_EQ(refusals.count(Refusal::Keys), 1U);
     EXPECT_TRUE(log.has(2, "New name [c] refused, limit.keys is 3, and 1 forgotten names take room until all "
                            "subscribers know that they are gone"));
-    EXPECT_NE(post({{"a", "3"}}), none) << "it has room already";
+    EXPECT_NE(post({{"a", "3"}}), none) << "its room is reserved already";
     forget({"a"});
     state.dropForgotten(state.revision());
     EXPECT_NE(post({{"c", "3"}}), none);

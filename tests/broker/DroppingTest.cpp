@@ -1,4 +1,4 @@
-// When forgotten keys are dropped: the port of notifications in this process, with time as an argument.
+// When forgotten keys are dropped. The notification port runs in this process, and time is an argument.
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -32,7 +32,7 @@ protected:
         return peer;
     }
 
-    // A round of the broker.
+    // One round of the broker's loop.
     void serve()
     {
         const TimePoint now = Clock::now() + ahead;
@@ -64,7 +64,7 @@ protected:
         return forgetting.forget(client, command);
     }
 
-    // More than the kernel takes for a subscriber that does not read, so that it falls behind.
+    // Publishes more than the kernel holds for a subscriber that does not read, so that it falls behind.
     void overflow()
     {
         for (int number = 0; number < 200; ++number)
@@ -87,7 +87,7 @@ protected:
             });
     }
 
-    // Whatever time goes by.
+    // However much time passes.
     bool isKept()
     {
         for (int hour = 0; hour < 24; ++hour)
@@ -98,7 +98,7 @@ protected:
         return state.forgotten() != 0;
     }
 
-    // Until it has been told this.
+    // Reads until this text arrives.
     bool reads(ZmtpPeer& peer, const std::string& text)
     {
         return eventually(
@@ -109,7 +109,7 @@ protected:
             });
     }
 
-    // From what has come by now.
+    // Reads only what has arrived already.
     bool readsNow(ZmtpPeer& peer, const std::string& text)
     {
         while (const auto frame = peer.readFrame(std::chrono::milliseconds(0)))
@@ -124,7 +124,7 @@ protected:
         return false;
     }
 
-    std::chrono::seconds ahead{0}; // of the clock
+    std::chrono::seconds ahead{0}; // added to the clock
     Options options;
     Limits limits;
     Refusals refusals;
@@ -142,7 +142,7 @@ protected:
     BrokerProtocol::Command command;
 
 private:
-    std::string mMessage; // as far as it has come
+    std::string mMessage; // the part that has arrived
 };
 
 } // namespace
@@ -212,7 +212,7 @@ TEST_F(DroppingTest, oneThatMayStillFallBehindKeepsIt)
     EXPECT_TRUE(isDropped());
 }
 
-// The kernel's part of the output is lost when a subscriber is closed for want of memory.
+// The kernel's output buffer is lost when a subscriber is closed for lack of memory.
 TEST_F(DroppingTest, bytesThatOnlyOurKernelHoldsKeepIt)
 {
     const auto peer = subscribe();
@@ -220,7 +220,7 @@ TEST_F(DroppingTest, bytesThatOnlyOurKernelHoldsKeepIt)
         post("much" + std::to_string(number), std::string(30000, 'x'));
     forget(R"("much0")");
     serve();
-    ASSERT_FALSE(notify.hasOutput()) << "the kernel has taken it all";
+    ASSERT_FALSE(notify.hasOutput()) << "the kernel holds all of it";
     EXPECT_TRUE(isKept());
     notify.closeForMemory(*notify.peers().back(), Clock::now() + ahead);
     const auto again = subscribe();
@@ -240,11 +240,11 @@ TEST_F(DroppingTest, aClientThatIsAboutToSubscribeKeepsIt)
     EXPECT_EQ(state.forgotten(), 0U);
 }
 
-// The value with which it is to go on must stay, or it would read freed memory.
+// The value at which the subscriber continues must stay, or the broker would read freed memory.
 TEST_F(DroppingTest, oneThatIsToldAllAgainKeepsTheValueItGoesOnWith)
 {
     const auto peer = subscribe();
-    // Three long values make a message of what it has missed. The fourth, an empty one, begins the next.
+    // Three long values fill the message for the gap. The fourth, an empty value, begins the next message.
     std::string keys;
     for (int number = 0; number < 100; ++number)
     {
@@ -258,10 +258,10 @@ TEST_F(DroppingTest, oneThatIsToldAllAgainKeepsTheValueItGoesOnWith)
     post("n", "1");
     forget(R"("n")");
     EXPECT_TRUE(reads(*peer, R"("n":"")"));
-    EXPECT_TRUE(isDropped()) << "it has been told of everything";
+    EXPECT_TRUE(isDropped()) << "it has received everything";
 
     NotifyConnection& connection = *notify.peers().back();
-    connection.isFiltered = true; // as if it had other rights from now on
+    connection.isFiltered = true; // as if its rights had changed
     notify.takeOverRights(true, Clock::now());
     serve();
     ASSERT_EQ(connection.state, NotifyConnection::State::Behind);

@@ -1,4 +1,4 @@
-// Names that are forgotten, by the real broker.
+// Names that the real broker forgets.
 
 #include <csignal>
 
@@ -12,7 +12,7 @@ class ForgettingTest : public PolicedBroker
 protected:
     void serveWith(const std::vector<std::string>& options = {}) { start(allOk, options); }
 
-    // A broker goes on with what another has left.
+    // Starts a new broker with the state of the last.
     void restart(bool isKilled)
     {
         if (isKilled)
@@ -98,7 +98,7 @@ TEST_F(ForgettingTest, eachSubscriberIsToldOfTheResetOnce)
     ZmtpPeer other(ZmtpPeer::notifyPort);
     ASSERT_TRUE(other.shakeHands());
     ASSERT_TRUE(other.write(ZmtpPeer::subscribe(R"({"statusUpdate)")));
-    for (const char* first : {R"("a":"1")", R"("b":"2")", R"("c":"")"}) // one by one, as it wants only some
+    for (const char* first : {R"("a":"1")", R"("b":"2")", R"("c":"")"}) // singly, as its filter takes some
         EXPECT_EQ(other.receiveText(), std::string(R"({"statusUpdate":{)") + first + "}}");
     EXPECT_EQ(ask(R"({"forgetStatus":["b","a","c","d"]})"), R"({"forgotten":["b","a","c"]})");
     EXPECT_EQ(next(), R"({"statusUpdate":{"a":"","b":""}})");

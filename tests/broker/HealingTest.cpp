@@ -1,5 +1,5 @@
-// The empty answer that makes a client ask again whose question died with an earlier broker: it must never
-// shift the answers of one that lives.
+// The empty answer makes a client repeat a question that died with an earlier broker. It must never shift the
+// answers of a client whose questions are alive.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -21,13 +21,13 @@ std::string counterReply(int value)
     return "\1\0\0\1"s + std::to_string(value);
 }
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{200};
 
 class HealingTest : public testing::Test
 {
 protected:
-    // Has said nothing since its handshake until the broker tries to make it ask again.
+    // Stays silent after its handshake until the broker is about to send the empty answer.
     void SetUp() override
     {
         ASSERT_TRUE(peer.shakeHands());
@@ -57,7 +57,7 @@ TEST_F(HealingTest, aQuestionThatWasSentBeforeTheEmptyAnswerCameIsNotAnsweredAsW
     ask();
     answerPing();
     EXPECT_EQ(peer.read(1, quiet), "");
-    ask(); // again, as the client does when it has the empty answer
+    ask(); // repeats the question, as a client does after the empty answer
     EXPECT_EQ(peer.read(5), counterReply(1)) << "it counts once";
     EXPECT_EQ(peer.read(1, quiet), "");
 }
@@ -79,7 +79,7 @@ TEST(SilentClientTest, aQuestionThatWaitsToBeReadGetsNoEmptyAnswerInFront)
     const auto silenceEnds = std::chrono::steady_clock::now() + std::chrono::milliseconds(1100);
     broker.process().suspend();
     ASSERT_TRUE(peer.write(question));
-    std::this_thread::sleep_until(silenceEnds); // the broker must come too late for it
+    std::this_thread::sleep_until(silenceEnds); // the broker must be too late with its answer
     broker.process().signal(SIGCONT);
     EXPECT_EQ(peer.read(5), counterReply(1));
     EXPECT_EQ(peer.read(1, quiet), "");

@@ -1,4 +1,4 @@
-// The writes of a broker to its state file: which, and when.
+// The broker's writes to its state file, and their times.
 
 #include <cstdlib>
 #include <gtest/gtest.h>
@@ -15,19 +15,19 @@
 namespace
 {
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{300};
 
 constexpr const char* heldFile = "ANNOUNCED_SYNC"; // see AnnouncedSync.cpp
 
-// The regular files that a process has open.
+// The regular files that the process has open.
 std::set<std::string> filesOf(pid_t process)
 {
     std::set<std::string> files;
     const std::string descriptors = "/proc/" + std::to_string(process) + "/fd";
     for (const auto& descriptor : std::filesystem::directory_iterator(descriptors))
     {
-        std::error_code gone; // the one by which the folder is read
+        std::error_code gone; // the descriptor that reads the folder is gone again
         if (std::filesystem::is_regular_file(descriptor, gone))
             files.insert(std::filesystem::read_symlink(descriptor));
     }
@@ -40,7 +40,7 @@ protected:
     KeepingTest() { setenv(heldFile, hold.c_str(), 1); }
     ~KeepingTest() override { unsetenv(heldFile); }
 
-    // The broker that was started before ends first.
+    // Ends the previous broker first.
     void start(std::vector<std::string> options = {})
     {
         broker.reset();
@@ -53,7 +53,7 @@ protected:
 
     bool isHeld() { return broker->process().waitForError("sync is held"); }
 
-    // How often it has waited for the storage.
+    // How often the broker has waited for the storage.
     int syncs()
     {
         const std::string line = "sync\n";
@@ -64,7 +64,7 @@ protected:
         return count;
     }
 
-    // How often it waits for the storage for a change, and for the end.
+    // How often it waits for the storage for a change, and at its end.
     std::pair<int, int> syncsOfAChangeAndTheEnd()
     {
         RawPoster poster;
@@ -101,7 +101,7 @@ TEST_F(KeepingTest, noRequestIsAnsweredBeforeWhatItChangesIsKept)
 {
     start({"--state-sync=full"});
     RawRequester requester;
-    EXPECT_EQ(valueOf(requester, "k"), reply("")); // connected
+    EXPECT_EQ(valueOf(requester, "k"), reply("")); // connects
     holdTheStorage();
     requester.send({R"({"incrementCounter":"c"})"});
     ASSERT_TRUE(isHeld());
@@ -173,7 +173,7 @@ TEST_F(KeepingTest, rowsBeyondTheLimitsAreNotLoadedAndCounted)
 TEST_F(KeepingTest, withoutAStateFileNothingIsWritten)
 {
     const std::filesystem::path before = std::filesystem::current_path();
-    std::filesystem::current_path(folder / ""); // the broker's, too
+    std::filesystem::current_path(folder / ""); // also the broker's
     broker = std::make_unique<BrokerProcess>();
     std::filesystem::current_path(before);
     RawPoster poster;
@@ -195,7 +195,7 @@ TEST_F(KeepingTest, whatIsDamagedWhileItServesIsWrittenAnew)
 {
     start();
     RawPoster poster;
-    const std::string longValue(50000, 'x'); // 60 of them are more than SQLite keeps in memory
+    const std::string longValue(50000, 'x'); // 60 of them exceed SQLite's memory
     for (int key = 0; key < 60; ++key)
         poster.post(postOf("k" + std::to_string(key), longValue));
     poster.post(R"({"setCounterValue":{"c":5}})");
@@ -231,7 +231,7 @@ TEST_F(KeepingTest, whatIsRemovedWhileItServesIsWrittenAnew)
     std::filesystem::remove(folder / "state");
     std::filesystem::remove(folder / "state-wal");
     std::string after;
-    const bool isWritten = eventually( // it looks with changes, once a second
+    const bool isWritten = eventually( // checked once a second, with changes
         [&]
         {
             after += 'x';

@@ -1,5 +1,5 @@
-// The behaviour of libzmq on its side of the wire. The broker relies on all of it, and not all of it is in
-// the protocol. Another version may behave otherwise; then one of these tests shows where.
+// The behaviour of libzmq at its end of the connection. The broker relies on it, and the protocol does not
+// prescribe all of it. If another version behaves differently, one of these tests shows where.
 
 #include <array>
 #include <atomic>
@@ -22,7 +22,7 @@ using Type = zmq::socket_type;
 
 constexpr std::array<Type, 3> allTypes{Type::pub, Type::req, Type::sub};
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{100};
 
 const std::string subscription("\0\1\1", 3);
@@ -32,7 +32,7 @@ std::string nameOf(Type type)
     return type == Type::pub ? "PUB" : type == Type::req ? "REQ" : "SUB";
 }
 
-// The broker's type of socket for such a client.
+// The broker's socket type for such a client.
 std::string fittingFor(Type type)
 {
     return type == Type::pub ? "SUB" : type == Type::req ? "ROUTER" : "XPUB";
@@ -43,7 +43,7 @@ std::string openingFor(Type type)
     return ZmtpPeer::greeting() + ZmtpPeer::ready(fittingFor(type));
 }
 
-// Of the client, byte by byte: between the ends of the signature, version 1 has the length of an identity.
+// The client's greeting, byte by byte. In version 1, the signature contains the length of an identity.
 std::string greetingOfClient()
 {
     std::string greeting = ZmtpPeer::greeting();
@@ -51,7 +51,7 @@ std::string greetingOfClient()
     return greeting;
 }
 
-// READY of the client, byte by byte.
+// The client's READY, byte by byte.
 std::string readyOf(Type type)
 {
     if (type == Type::req)
@@ -59,15 +59,15 @@ std::string readyOf(Type type)
     return "\4\x19\5READY\x0bSocket-Type\0\0\0\3"s + nameOf(type);
 }
 
-// One I/O thread for all sockets of a test, as in a client.
+// All sockets of a test share one I/O thread, as in a client.
 class LibzmqTest : public testing::Test
 {
 protected:
-    std::atomic<unsigned> released{0}; // by libzmq, which may do it as long as the context lives
+    std::atomic<unsigned> released{0}; // by libzmq, on any thread while the context lives
     zmq::context_t context;
 };
 
-// A socket, connected to a server of its own.
+// A socket, connected to its own server.
 struct Client
 {
     Client(zmq::context_t& context, Type kind, int receiveBuffer = 0)
@@ -83,7 +83,7 @@ struct Client
 
     std::unique_ptr<ZmtpPeer> accept() { return server.accept(); }
 
-    // With the handshake done.
+    // A connection with the handshake done.
     std::unique_ptr<ZmtpPeer> acceptOpen()
     {
         std::unique_ptr<ZmtpPeer> peer = accept();
@@ -99,8 +99,8 @@ struct Client
         return acceptOpen();
     }
 
-    // Lets the broker's subscription reach the socket's mailbox. The I/O thread answers a PING in one read
-    // with the subscription before it hands that on, but the next one behind it.
+    // Lets the broker's subscription reach the socket's mailbox. The I/O thread answers a PING that arrives
+    // together with the subscription before it forwards the subscription. It answers a later PING afterwards.
     void subscribe(ZmtpPeer& peer)
     {
         for (const std::string& said : {subscription + ZmtpPeer::ping("1"), ZmtpPeer::ping("2")})
@@ -110,7 +110,7 @@ struct Client
         }
     }
 
-    // Looks into the mailbox, whatever the time.
+    // Makes the socket read its mailbox, whatever its clock says.
     void look() { (void)socket.get(zmq::sockopt::events); }
 
     bool send(const std::string& text) { return socket.send(zmq::buffer(text)).has_value(); }
@@ -127,11 +127,11 @@ struct Client
     zmq::socket_t socket;
 };
 
-// Passes by the clock of the context's I/O thread: longer than any socket of it waits before it connects
-// again, which is 200 ms at most.
+// Lets time pass on the clock of the context's I/O thread. It is longer than any socket waits before it
+// reconnects, at most 200 ms.
 void letOthersComeBack(zmq::context_t& context)
 {
-    constexpr int times = 4; // of 100 ms or more
+    constexpr int times = 4; // 100 ms or more each
     Client reference(context, Type::pub);
     reference.connect();
     for (int count = 0; count < times; ++count)
@@ -176,7 +176,7 @@ TEST_F(LibzmqTest, subscribesByACommandBehindReady)
     const auto peer = client.open();
     EXPECT_EQ(peer->read(12), "\4\x0a\x09SUBSCRIBE"s);
     client.socket.set(zmq::sockopt::subscribe, "pre");
-    client.receive(std::chrono::milliseconds(0)); // it looks
+    client.receive(std::chrono::milliseconds(0)); // reads its mailbox
     EXPECT_EQ(peer->read(15), "\4\x0d\x09SUBSCRIBEpre"s);
     client.socket.set(zmq::sockopt::unsubscribe, "pre");
     client.receive(std::chrono::milliseconds(0));
@@ -251,7 +251,7 @@ TEST_F(LibzmqTest, hasTheDefaultsThatTheBrokersTimesAreMadeFor)
 namespace
 {
 
-// Posts and counts those that libzmq has let go of.
+// Makes posts, and counts those that libzmq has released.
 class CountedPosts
 {
 public:
@@ -280,7 +280,7 @@ private:
 
 } // namespace
 
-// Also where the kernel takes no more, and a part of what was let go of is still libzmq's.
+// Holds also if the kernel takes no more and libzmq still has part of what it released.
 TEST_F(LibzmqTest, putsPongBehindAllPostsThatItHasLetGoOf)
 {
     constexpr int smallBuffer = 4096;
@@ -293,7 +293,7 @@ TEST_F(LibzmqTest, putsPongBehindAllPostsThatItHasLetGoOf)
     unsigned read = 0;
     for (int round = 0; round < 20; ++round)
     {
-        // Until nothing has been let go of for a while: all buffers are full.
+        // All buffers are full when nothing has been released for a while.
         constexpr unsigned muchMore = 1000;
         unsigned before = released;
         for (unsigned since = posts.sent(); posts.sent() < since + muchMore;)
@@ -318,14 +318,14 @@ TEST_F(LibzmqTest, putsPongBehindAllPostsThatItHasLetGoOf)
             ++read;
         }
         EXPECT_GE(read, letGo) << round;
-        EXPECT_LT(read, posts.sent()) << "PONG overtakes those that it has not let go of";
+        EXPECT_LT(read, posts.sent()) << "PONG overtakes posts that libzmq has not released";
     }
 }
 
 namespace
 {
 
-// The number of lost posts among those made at once after PONG had shown the subscription.
+// The number of posts lost among those made right after PONG had confirmed the subscription.
 unsigned lostBehindPong(zmq::context_t& context, bool looks)
 {
     Client client(context, Type::pub);
@@ -335,7 +335,7 @@ unsigned lostBehindPong(zmq::context_t& context, bool looks)
     client.subscribe(*peer);
     if (looks)
         client.look();
-    // The last one begins when the hold is over, so it must arrive.
+    // The last post is made after the hold, so it must arrive.
     unsigned last = 0;
     for (bool isOver = false; !isOver; ++last)
     {
@@ -343,20 +343,20 @@ unsigned lostBehindPong(zmq::context_t& context, bool looks)
         client.send(std::to_string(last));
     }
     const auto first = peer->readFrame();
-    EXPECT_TRUE(first) << "a post was lost behind the hold of the first SyncAck";
+    EXPECT_TRUE(first) << "a post was lost after the hold of the first SyncAck";
     return first ? static_cast<unsigned>(std::stoul(first->body)) : last;
 }
 
 } // namespace
 
-// The socket looks for a subscription only when 3,000,000 ticks have passed since the last look. SyncAck is
-// held for longer, so that the first post behind it looks.
+// The socket checks for a subscription only when 3,000,000 ticks have passed since the last check. SyncAck is
+// held back for longer, so that the first post after it checks.
 TEST_F(LibzmqTest, noticesASubscriptionThatHasArrivedWithinTheHoldOfTheFirstSyncAck)
 {
     unsigned mostLost = 0;
     for (int round = 0; round < 100; ++round)
         mostLost = std::max(mostLost, lostBehindPong(context, false));
-    EXPECT_GT(mostLost, 0U) << "this libzmq looks at once: the hold is needed no more";
+    EXPECT_GT(mostLost, 0U) << "this libzmq looks at once: the hold is no longer needed";
 }
 
 TEST_F(LibzmqTest, noticesASubscriptionThatHasArrivedWhenItIsAskedForEvents)
@@ -376,7 +376,7 @@ TEST_F(LibzmqTest, comesBackWheneverItIsClosed)
         for (int round = 0; round < 2; ++round)
         {
             ASSERT_TRUE(client.accept()) << "closed at once";
-            ASSERT_TRUE(client.acceptOpen()) << "closed behind READY";
+            ASSERT_TRUE(client.acceptOpen()) << "closed after READY";
             ASSERT_TRUE(client.accept());
             client.acceptOpen()->reset();
         }
@@ -391,7 +391,7 @@ TEST_F(LibzmqTest, remembersThePostersSubscription)
     client.subscribe(*peer);
     client.look();
     peer.reset();
-    peer = client.accept(); // so it has noticed
+    peer = client.accept(); // has noticed the reset
     constexpr int posts = 1000;
     for (int number = 0; number < posts; ++number)
         client.send(std::to_string(number));
@@ -401,7 +401,7 @@ TEST_F(LibzmqTest, remembersThePostersSubscription)
     for (int number = 0; number < posts; ++number)
         ASSERT_EQ(peer->receiveText(), std::to_string(number)) << "without a new subscription";
     ASSERT_TRUE(peer->write(subscription + ZmtpPeer::ping("again")));
-    EXPECT_EQ(peer->readFrame()->body, "\4PONGagain") << "a further one does no harm";
+    EXPECT_EQ(peer->readFrame()->body, "\4PONGagain") << "another subscription does no harm";
     client.send("once");
     EXPECT_EQ(peer->receiveText(), "once");
     EXPECT_EQ(peer->read(1, quiet), "");
@@ -416,7 +416,7 @@ TEST_F(LibzmqTest, doesNotRepeatARequestButTakesAnAnswerOnItsNewConnection)
     peer.reset();
     peer = client.acceptOpen();
     EXPECT_EQ(peer->read(1, quiet), "");
-    ASSERT_TRUE(peer->write("\1\0\0\0"s)); // what the broker sends: empty
+    ASSERT_TRUE(peer->write("\1\0\0\0"s)); // the broker's empty answer
     EXPECT_EQ(client.receive(), "");
     client.send("again");
     EXPECT_EQ(peer->read(9), "\1\0\0\5again"s);
@@ -457,7 +457,7 @@ namespace
 struct Wrong
 {
     std::string name;
-    std::function<std::string(Type)> bytes; ///< that the server sends from the beginning of the connection
+    std::function<std::string(Type)> bytes; ///< sent by the server from the start of the connection
     std::vector<Type> types{allTypes.begin(), allTypes.end()};
 };
 
@@ -466,7 +466,7 @@ std::string behindReady(Type type, const std::string& bytes)
     return openingFor(type) + bytes;
 }
 
-// A protocol error.
+// Protocol errors.
 const std::vector<Wrong> unforgivable{
     {"a socket type that does not fit", [](Type) { return ZmtpPeer::greeting() + ZmtpPeer::ready("PAIR"); }},
     {"a message instead of READY", [](Type) { return ZmtpPeer::greeting() + ZmtpPeer::message("message"); }},
@@ -483,7 +483,7 @@ const std::vector<Wrong> unforgivable{
     {"PING in one write with READY", [](Type type) { return behindReady(type, ZmtpPeer::ping("")); }},
 };
 
-// Behind its READY, which the client has read by then: the answer to a request.
+// Sent after READY, when the client has read it: answers to a request.
 const std::vector<std::pair<std::string, std::string>> wrongAnswers{
     {"without delimiter", "\0\6answer"s},
     {"a delimiter that is not empty", "\1\1x\0\6answer"s},
@@ -556,7 +556,7 @@ TEST_F(LibzmqTest, forgivesAReadyWithoutASocketType)
     }
 }
 
-// The connection is of no use to anybody; only its client ends it, after 30 s.
+// Such a connection is useless. Only its client ends it, after 30 s.
 TEST_F(LibzmqTest, keepsAConnectionThatIsRefusedByAnError)
 {
     for (const Type type : allTypes)

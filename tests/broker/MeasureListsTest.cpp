@@ -1,4 +1,4 @@
-// The real broker lists timers and counters, and takes what a timer has.
+// The real broker lists timers and counters, and accepts readings of timers.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -14,7 +14,7 @@ protected:
     std::string timers() { return ask(R"({"getTimers":"null"})"); }
     std::string counters() { return ask(R"({"getCounters":"null"})"); }
 
-    // With the state in a file.
+    // Starts a broker with a state file.
     void startWithFile() { start(allOk, {"--state", folder / "state"}); }
 };
 
@@ -49,7 +49,7 @@ TEST_F(MeasureLists, leaveOutNamesThatTheClientMayNotAskFor)
     EXPECT_NE(timers().find(R"("z":)"), std::string::npos);
 }
 
-// As the requests for one name do: nothing but values and events is seen.
+// Like requests for single names: only values and events can be hidden.
 TEST_F(MeasureLists, haveNamesThatTheClientMayAskForAndNotSee)
 {
     start(rule("deny = \"see\"\nkeys = \"a\""));
@@ -95,7 +95,7 @@ TEST_F(MeasureLists, ofATimerThatWasSetHaveWhatItWasGiven)
 TEST_F(MeasureLists, ofATimerThatWasSetAreTheSameAfterAKill)
 {
     startWithFile();
-    ask(R"({"setTimer":["boot","4503599627370496","1700000000000000","stopped"]})"); // the largest there is
+    ask(R"({"setTimer":["boot","4503599627370496","1700000000000000","stopped"]})"); // the largest value
     const std::string before = timers();
     broker->kill();
     startWithFile();

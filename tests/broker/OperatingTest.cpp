@@ -1,4 +1,4 @@
-// The real broker as an operator meets it: configuration, signals, heartbeat, statistics, clock, service
+// The real broker as an operator meets it: configuration, signals, heartbeat, statistics, clock and service
 // manager.
 
 #include <algorithm>
@@ -32,7 +32,7 @@ TEST(Configuration, isCheckedWithoutServing)
     const TemporaryFolder folder;
     writeFile(folder / "good", "max-keys = 5\n");
     writeFile(folder / "bad", "max-keys = 5\nmax-kesy = 6\n");
-    BrokerProcess serving; // checking binds nothing
+    BrokerProcess serving; // checking must not bind the ports
     TestProcess good({STATUSBROKER_PRODUCT, "--check-config", "--config", folder / "good"});
     EXPECT_EQ(good.readLine(), "statusbroker: the configuration is valid");
     EXPECT_EQ(good.waitForExit(), 0);
@@ -100,7 +100,7 @@ TEST(LogLevel, isTakenOverAtHangUp)
     BrokerProcess broker({"--config", folder / "conf"});
     writeFile(folder / "conf", "log-level = 2\nmax-keys = 1\n");
     broker.process().signal(SIGHUP);
-    // That they are taken over is said no more, so the limit has to tell.
+    // The reload is not logged again, so the limit must show it.
     RawPoster poster;
     RawRequester requester;
     int number = 0;
@@ -180,7 +180,7 @@ TEST(Heartbeat, comesAsOftenAsToldAndOnlyThen)
         EXPECT_EQ(message.to_string(), "Sync");
     }
     const auto taken = std::chrono::steady_clock::now() - begin;
-    EXPECT_GT(taken, std::chrono::milliseconds(more * 1000 - 200)); // the first may have been late
+    EXPECT_GT(taken, std::chrono::milliseconds(more * 1000 - 200)); // the first heartbeat may have been late
     EXPECT_LT(taken, std::chrono::seconds(more) + allowed(std::chrono::seconds(1)));
 }
 
@@ -323,7 +323,7 @@ TEST(StateFileOption, isMissedInTheLogAtTheStart)
 namespace
 {
 
-// Receives the messages for a service manager.
+// A service manager's socket for notices.
 class NotifySocket
 {
 public:
@@ -350,7 +350,7 @@ public:
     NotifySocket(const NotifySocket&) = delete;
     NotifySocket& operator=(const NotifySocket&) = delete;
 
-    // Leaves no room for anything else. One sender alone may be refused before that: for what it sent itself.
+    // Fills the socket completely. A single sender may be refused earlier, for its own share.
     void fill() const
     {
         while (fillFromOneSender() != 0)
@@ -418,7 +418,7 @@ TEST(ServiceManager, isNotWaitedForWhenItReadsNothing)
     NotifySocket manager(folder / "notify");
     setenv("WATCHDOG_USEC", "3000", 1);
     BrokerProcess broker;
-    ASSERT_EQ(manager.next().rfind("READY=1", 0), 0U); // all that is left to be told is the watchdog's
+    ASSERT_EQ(manager.next().rfind("READY=1", 0), 0U); // only the watchdog's messages follow
     manager.fill();
     RawRequester requester;
     for (int request = 0; request < 100; ++request)
@@ -442,7 +442,7 @@ TEST(ServiceManager, isToldThatItIsReadyWhenItBeginsToRead)
     const TemporaryFolder folder;
     NotifySocket manager(folder / "notify");
     manager.fill();
-    BrokerProcess broker({"--heartbeat=0"}); // so nothing else wakes the loop
+    BrokerProcess broker({"--heartbeat=0"}); // so that nothing else wakes the loop
     ASSERT_TRUE(broker.process().waitForError("Could not report to the service manager yet"));
     EXPECT_EQ(manager.nextButFilling(), "READY=1\nSTATUS=Serving, 0 keys loaded");
 }
@@ -456,7 +456,7 @@ TEST(ServiceManager, isToldOnlyOnceThatItIsReady)
     BrokerProcess broker({"--heartbeat=0"});
     ASSERT_TRUE(broker.process().waitForError("Could not report to the service manager yet"));
     EXPECT_EQ(manager.nextButFilling().rfind("READY=1", 0), 0U);
-    for (int count = 0; count < 5; ++count) // it would be told as often as the watchdog is fed
+    for (int count = 0; count < 5; ++count) // otherwise it would be repeated as often as the watchdog is fed
         EXPECT_EQ(manager.next(), "WATCHDOG=1");
 }
 
@@ -487,7 +487,7 @@ TEST(ServiceManager, isNotFedTheWatchdogOfAnotherProcess)
     BrokerProcess broker({"--heartbeat=0"});
     EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U);
     RawRequester requester;
-    valueOf(requester, "k"); // many times as long as the watchdog waits
+    valueOf(requester, "k"); // takes many times the watchdog's period
     broker.process().signal(SIGTERM);
     EXPECT_EQ(manager.next(), "STOPPING=1");
 }
@@ -499,7 +499,7 @@ TEST(ServiceManager, isNotToldThatItIsReadyWithoutItsPorts)
     NotifySocket manager(folder / "notify");
     TestProcess second({STATUSBROKER_PRODUCT, "--state", folder / "state"});
     EXPECT_EQ(second.waitForExit(), 1);
-    EXPECT_EQ(first.stop(), 0); // its own end is not told: it has not been given the socket
+    EXPECT_EQ(first.stop(), 0); // its end is not reported: it has not got the socket
     BrokerProcess third;
-    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U) << "the first that is told anything";
+    EXPECT_EQ(manager.next().rfind("READY=1", 0), 0U) << "only the third broker reports";
 }

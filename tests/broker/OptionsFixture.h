@@ -17,7 +17,7 @@
 #include "broker/CommandLine.h"
 #include "tests/support/TestProcess.h"
 
-/// Helpers for the tests of the command line and of the configuration file.
+/// Helpers for tests of the command line and of the configuration file.
 
 using Lines = std::vector<std::string>;
 using Values = std::map<std::string, std::string>;
@@ -35,7 +35,7 @@ inline std::string joined(const Lines& texts)
     return result;
 }
 
-/// By the options' names, so that two sets of options can be compared and told apart.
+/// Options by name, to compare two sets and to show differences.
 inline Values valuesOf(const Options& options)
 {
     const auto text = [](std::size_t number) { return std::to_string(number); };
@@ -86,7 +86,7 @@ inline Values readFile(const std::string& text)
     return valuesOf(parseConfig(text, "file"));
 }
 
-/// The error in the text of a file; empty if there is none.
+/// The error message for this text of a file; empty if there is none.
 inline std::string errorIn(const std::string& text)
 {
     try
@@ -154,7 +154,7 @@ inline Outcome run(Lines arguments)
     return outcome;
 }
 
-/// A folder for the files of one test.
+/// A folder for the files of a test.
 class ConfigFileTest : public testing::Test
 {
 protected:
@@ -174,7 +174,7 @@ protected:
     std::string folder;
 };
 
-/// Tests get names of letters and digits only.
+/// Names of tests may contain only letters and digits.
 inline std::string testName(std::string text, std::size_t index)
 {
     const auto isOther = [](char letter) { return isalnum(static_cast<unsigned char>(letter)) == 0; };

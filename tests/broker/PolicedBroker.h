@@ -12,7 +12,7 @@
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/ZmtpPeer.h"
 
-/// The real broker under a policy, and the three connections of a client of this user.
+/// The real broker with a policy, and the three connections of a client of this user.
 class PolicedBroker : public testing::Test
 {
 protected:
@@ -37,7 +37,7 @@ protected:
         ASSERT_TRUE(posting->shakeHands());
     }
 
-    /// Subscribed to everything, and told of what there was before.
+    /// Subscribes to everything, and receives the present values.
     void listen()
     {
         listening.emplace(ZmtpPeer::notifyPort);
@@ -46,18 +46,18 @@ protected:
         awaitSync();
     }
 
-    /// Its subscription has arrived.
+    /// Returns when its subscription has arrived.
     void awaitSync()
     {
         ASSERT_TRUE(eventually(
             [this]
             {
-                post("Sync"); // may come before the subscription
+                post("Sync"); // the post may arrive before the subscription
                 return listening->receiveText(std::chrono::milliseconds(1)) == "Sync";
             }));
     }
 
-    /// The broker has dealt with it when this returns.
+    /// Returns when the broker has handled the post.
     void post(const std::string& text)
     {
         const uint64_t before = statistic("posts");
@@ -68,7 +68,7 @@ protected:
     std::string ask(const std::string& request) { return asking->ask(request); }
     std::string all() { return ask(R"({"getClientInfo":"null"})"); }
 
-    /// The next notification that is no "Sync".
+    /// The next notification except "Sync".
     std::string next()
     {
         std::string text = "Sync";

@@ -1,4 +1,4 @@
-// Another user tries all it can to write what the policy leaves to us.
+// Another user tries everything to write values that the policy reserves for us.
 
 #include <atomic>
 #include <future>
@@ -13,7 +13,7 @@ namespace
 
 constexpr uid_t attacker = 12345;
 
-// Connects from a port of its choice, so that the port of a connection that has ended is used again at once.
+// Connects from a fixed port, so that the port of an ended connection is reused at once.
 class ChosenPort
 {
 public:
@@ -21,7 +21,7 @@ public:
     {
         const int on = 1;
         setsockopt(mSocket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-        const linger none{1, 0}; // no TIME_WAIT
+        const linger none{1, 0}; // avoids TIME_WAIT
         setsockopt(mSocket, SOL_SOCKET, SO_LINGER, &none, sizeof(none));
         const sockaddr_in own = loopback(local);
         const sockaddr_in broker = loopback(remote);
@@ -49,8 +49,9 @@ class PolicyAttack : public PolicedBroker
 protected:
     void SetUp() override
     {
-        // Only root can be two users, and the build server is. Any user sees in DenyingTest that nothing is
-        // taken that is denied, and in GuardTest that users are told apart.
+        // May be skipped: the kernel lets only root become another user. The build server tests as root, so
+        // these tests always run there. Elsewhere DenyingTest tests that denied posts are refused, and
+        // GuardTest that users are told apart.
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can become another user";
         start("default = \"deny\"\n[[rule]]\nuser = 0\nallow = \"all\"\n"
@@ -58,13 +59,13 @@ protected:
         post(postOf("ours", "1"));
     }
 
-    // The posts behind the handshake, in one go.
+    // The handshake and the posts, sent together.
     static std::string session(const std::string& posts)
     {
         return ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + posts;
     }
 
-    // A client that may is served beside it, and sees what it has written itself.
+    // Attacks while an allowed client is served, which must see only its own posts.
     template <class Attack>
     void whileServed(Attack attack)
     {
@@ -86,8 +87,8 @@ protected:
         EXPECT_GT(number, 0);
     }
 
-    // The broker has met at least half of the attacker's connections: it denied their posts, or refused them
-    // because they had gone before their owner was known.
+    // The broker has met at least half of the attacker's connections. It denied their posts, or refused them
+    // because they had ended before their owner was known.
     bool hasMetHalfOf(uint64_t connections)
     {
         return eventually(
@@ -139,7 +140,7 @@ TEST_F(PolicyAttack, whatIsSentAndClosedAtOnceChangesNothing)
     EXPECT_EQ(statistic("stored.keys"), 1U);
 }
 
-// The broker must not take the one for the other.
+// The broker must not mistake one connection for the other.
 TEST_F(PolicyAttack, thePortOfAnAllowedConnectionBringsNoRights)
 {
     constexpr uint16_t port = 30555;
@@ -194,7 +195,7 @@ TEST_F(PolicyAttack, whatItMayWriteIsTaken)
                            ZmtpPeer peer(ZmtpPeer::postPort);
                            ASSERT_TRUE(peer.shakeHands());
                            ASSERT_TRUE(peer.write(forbidden() + ZmtpPeer::message(postOf("web.a", "1"))));
-                           EXPECT_TRUE(peer.readFrame()); // it is not closed before all of it is read
+                           EXPECT_TRUE(peer.readFrame()); // it is not closed before everything is read
                        }));
     EXPECT_TRUE(eventually([&] { return all() == R"({"ours":"1","web.a":"1"})"; }));
 }
@@ -211,10 +212,10 @@ TEST_F(PolicyAttack, itMayNotAskWhatThePolicySays)
                        }));
 }
 
-// So that it has not handed out anything yet.
+// So it has received nothing from the broker.
 TEST_F(PolicyAttack, aConnectionThatIsRefusedIsNotGreeted)
 {
-    reload("[[rule]]\ngroup = 5\ndeny = \"post\"\n"); // its groups are unknown
+    reload("[[rule]]\ngroup = 5\ndeny = \"post\"\n"); // the groups of such a connection are unknown
     ASSERT_TRUE(isInLog("Applied new limits, log level and policy"));
     ASSERT_TRUE(asUser(attacker,
                        []

@@ -1,5 +1,4 @@
-// Ports in this process: what they make of a system that has no memory for connections, and what they ask of
-// it.
+// Ports in this process: how they handle a system without memory for connections, and which options they set.
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -23,12 +22,12 @@
 namespace
 {
 
-// How many more descriptors the system has room to watch.
+// The number of descriptors that can still be watched.
 int roomToWatch = 1000;
 
 } // namespace
 
-// In place of the system's.
+// Replaces the system's function.
 extern "C" int epoll_ctl(int poll, int operation, int descriptor, epoll_event* event) noexcept
 {
     if (operation == EPOLL_CTL_ADD && roomToWatch-- <= 0)
@@ -158,13 +157,13 @@ TEST_F(PortTest, nothingWaitsForTheAcknowledgementOfWhatWasSentBefore)
 namespace
 {
 
-// How often something has been sent to a connection from a log.
+// How often the log was sent to this connection.
 int watchedSocket = -1;
 int timesSent = 0;
 
 } // namespace
 
-// In place of the system's.
+// Replaces the system's function.
 extern "C" ssize_t sendmsg(int socket, const msghdr* message, int flags)
 {
     timesSent += socket == watchedSocket ? 1 : 0;
@@ -185,7 +184,7 @@ protected:
         NotifyConnection* connection;
     };
 
-    // That says nothing yet.
+    // A connection that has sent nothing yet.
     Subscriber connectOne()
     {
         auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::notifyPort);
@@ -213,7 +212,7 @@ protected:
         return optionOf(connection.descriptor(), SOL_SOCKET, SO_SNDBUF);
     }
 
-    // The size that the system gives a send buffer of so many bytes.
+    // The size that the system gives a send buffer for this many bytes.
     static int sendBufferFor(std::size_t bytes)
     {
         const Descriptor probe(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -236,12 +235,12 @@ protected:
             notifyPort.publish(std::string(bytes, 'x'), 0, 0);
     }
 
-    // How often a follower of everything that reads nothing is sent something in one flush.
-    // @param now when it last took something
+    // How often one flush sends to a follower of everything that does not read.
+    // @param now when the follower last took something
     int timesSentToAFollower(TimePoint now)
     {
         const Subscriber follower = subscribe({""});
-        publish(64, 60000); // more than the system holds for it
+        publish(64, 60000); // more than the system holds for the follower
         follower.connection->tookAt = now;
         watchedSocket = follower.connection->descriptor();
         timesSent = 0;
@@ -367,15 +366,15 @@ TEST_F(SubscribersTest, theSystemHoldsNothingForOneThatWasClosedForWantOfMemory)
     notifyPort.closeForMemory(*subscriber.connection, Clock::now());
     pollfd polled{subscriber.peer->descriptor(), POLLIN, 0};
     EXPECT_EQ(poll(&polled, 1, 0), 1);
-    EXPECT_NE(polled.revents & POLLERR, 0) << "nothing more comes, nor the end behind it";
+    EXPECT_NE(polled.revents & POLLERR, 0) << "the connection ends at once";
 }
 
-// As when a user comes into a group and the rules stay the same.
+// As when a user joins a group, while the rules stay the same.
 TEST_F(SubscribersTest, oneWhoseRightsGetLessInTheMiddleOfAMessageGetsItWholeAndThenWhatItMaySee)
 {
     const Subscriber one = subscribe({""});
     notifyPort.flush(Clock::now());
-    publish(1, 3000000); // more than the kernel takes
+    publish(1, 3000000); // more than the kernel holds
     notifyPort.flush(Clock::now());
     ASSERT_GT(notifyPort.queuedBytes(*one.connection), 0U);
     LoadedPolicy loaded = makePolicy({{"policy", "[[rule]]\ndeny = \"see\"\nkeys = \"secret\"\n"}}, {});

@@ -1,4 +1,4 @@
-// The promises of library and broker together, each against the real process.
+// The guarantees of library and broker together, each tested with real processes.
 
 #include <atomic>
 #include <chrono>
@@ -16,7 +16,7 @@
 namespace
 {
 
-// Asks the broker without a pause while it lives.
+// Queries the broker without a pause while it lives.
 class Asker
 {
 public:
@@ -57,7 +57,7 @@ private:
     std::vector<std::unique_ptr<TestProcess>> mBurners;
 };
 
-// Posts a burst that ends in a new value of "last".
+// Posts a burst that ends with a new value of "last".
 void postBurst(StatusManager& manager, int length, const std::string& last)
 {
     for (int index = 1; index < length; ++index)
@@ -120,7 +120,7 @@ TEST(NoStaleFirstCallback, aValueThatChangesDuringStartUpReachesTheListener)
     RawPoster poster;
     for (int round = 0; round < 50; ++round)
     {
-        // One writer keeps changing the value while the client starts and registers.
+        // A writer keeps changing the value while the client starts and registers.
         const std::string last = "final" + std::to_string(round);
         Gate registered;
         std::thread writer(
@@ -156,7 +156,7 @@ TEST(SyncBarrier, keepsItsTimeOutWhilePostsCannotLeave)
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(client->sync(200));
     const auto taken = std::chrono::steady_clock::now() - begin;
-    broker = std::make_unique<BrokerProcess>(); // the client needs one to end
+    broker = std::make_unique<BrokerProcess>(); // the client needs a broker to end
     EXPECT_LT(taken, allowed(std::chrono::milliseconds(800)));
 }
 
@@ -173,8 +173,8 @@ TEST_P(PostThenAsk, aQueryAfterABurstGetsTheValuePosted)
     EXPECT_LE(staleQueries(*client, GetParam(), rounds), percent);
 }
 
-// A query waits for 100 ms at most, in which less is taken in where that is emulated. Where all cores are
-// busy, the kernel delivers a query before a post that was sent earlier on another connection, now and then.
+// A query waits at most 100 ms. An emulated broker handles fewer posts in that time. On a busy machine, the
+// kernel sometimes delivers a query before a post that was sent earlier on another connection.
 INSTANTIATE_TEST_SUITE_P(Bursts, PostThenAsk,
                          testing::Values(1, 10, isEmulated ? 30 : 100, isEmulated ? 50 : 500));
 
@@ -193,7 +193,7 @@ TEST(SyncBarrier, nothingIsStaleAfterSyncOnBusyCores)
     expectNothingStaleAfterSync(broker.process(), *client, 10000);
 }
 
-// With a time limit it waits as long for the posts as without, if it has the time.
+// A sync with a time limit waits for the posts as long as a sync without, if it has the time.
 TEST(SyncBarrier, nothingIsStaleAfterSyncWithATimeOutOnBusyCores)
 {
     BrokerProcess broker;
@@ -205,7 +205,7 @@ TEST(SyncBarrier, nothingIsStaleAfterSyncWithATimeOutOnBusyCores)
 class Burst : public testing::Test
 {
 protected:
-    // Each post is one of its own for the broker.
+    // Each post is a message of its own.
     void post(int count)
     {
         for (int index = 0; index < count; ++index)
@@ -213,7 +213,7 @@ protected:
         mPosted += static_cast<uint64_t>(count);
     }
 
-    // Of those posted here; the "Sync" that a client posts at its start may have arrived, too.
+    // Counts the posts made here. The "Sync" that a client posts at its start may have arrived as well.
     uint64_t missing()
     {
         RawRequester requester;
@@ -238,7 +238,7 @@ TEST_F(Burst, losesNothingAndASyncBehindItFindsAllOfIt)
 {
     for (int round = 0; round < 5; ++round)
     {
-        post(100000 / TEST_TIME_FACTOR); // for how long a sync waits is not scaled
+        post(100000 / TEST_TIME_FACTOR); // the time that a sync waits is not scaled
         ASSERT_TRUE(client->sync(-1));
         ASSERT_EQ(missing(), 0U) << "round " << round;
     }
@@ -269,10 +269,10 @@ TEST_F(Burst, losesNothingShortlyAfterOthers)
     EXPECT_EQ(missing(), 0U);
 }
 
-// Their questions are answered after 100 ms, whatever is still under way.
+// Their queries are answered after 100 ms, even if posts are still under way.
 TEST_F(Burst, isFoundByASyncBehindItWhileOthersAskOnBusyCores)
 {
-    constexpr std::chrono::milliseconds bound{900}; // the broker's, and that is not scaled
+    constexpr std::chrono::milliseconds bound{900}; // the broker's bound, which is not scaled
     const BusyCores busy;
     const Asker other;
     for (int round = 0; round < 12; ++round)
@@ -286,13 +286,13 @@ TEST_F(Burst, isFoundByASyncBehindItWhileOthersAskOnBusyCores)
     }
 }
 
-// More than the kernel takes up for it. The last operation waits for its turn behind all posts.
+// More posts than the kernel takes for it. The last operation queues behind all of them.
 TEST_F(Burst, isNotHeldUpForLongByABrokerThatStandsStill)
 {
     broker.process().suspend();
     for (int index = 0; index < 40000; ++index)
         client->postStatus("burst", std::to_string(index) + std::string(400, 'x'));
-    client->updateSystemTime(0); // refused by the broker; here it only waits
+    client->updateSystemTime(0); // the broker refuses it; here the call only waits
     broker.process().signal(SIGCONT);
     EXPECT_TRUE(client->sync(-1));
     EXPECT_GT(missing(), 0U) << "it was held up in this process, or the kernel took all of it";

@@ -1,5 +1,4 @@
-// The real broker keeps users within their shares. As two users, which only root can be; QuotasTest and
-// SharesTest need none.
+// The real broker keeps users within their shares, with two users.
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -17,8 +16,9 @@ class QuotaTest : public PolicedBroker
 protected:
     void SetUp() override
     {
-        // Only root can be two users, and the build server is. Any user runs QuotasTest and SharesTest, which
-        // try each limit with users of their own making.
+        // May be skipped: the kernel lets only root become another user. The build server tests as root, so
+        // these tests always run there. Elsewhere QuotasTest and SharesTest try each limit with made-up
+        // users.
         if (geteuid() != 0)
             GTEST_SKIP() << "only root can become another user";
     }
@@ -35,7 +35,7 @@ protected:
         return peer;
     }
 
-    // By the other user.
+    // A post connection of the other user.
     std::unique_ptr<ZmtpPeer> poster()
     {
         auto peer = peerOf(greedy, ZmtpPeer::postPort);

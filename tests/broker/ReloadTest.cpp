@@ -1,4 +1,4 @@
-// The real broker applies new limits at SIGHUP, also to connections that are open.
+// The real broker applies new limits at SIGHUP, also to open connections.
 
 #include <arpa/inet.h>
 #include <csignal>
@@ -46,7 +46,7 @@ private:
     int mSocket = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
 };
 
-// A broker whose configuration file can be changed while it serves.
+// A broker whose configuration file can change while it serves.
 class Reload : public testing::Test
 {
 protected:
@@ -110,10 +110,10 @@ TEST_F(Reload, shortensTheLogOfNotificationsThatSubscribersHaveYetToRead)
     ASSERT_EQ(stopped.readLine(), "k=first");
     stopped.suspend();
     const std::string longValue(30000, 'x');
-    for (int number = 0; number < 150; ++number) // more than the kernel takes for it
+    for (int number = 0; number < 150; ++number) // more than the kernel holds for it
     {
         poster->post(postOf("k", std::to_string(number) + longValue));
-        valueOf(*requester, "k"); // one by one
+        valueOf(*requester, "k"); // one message each
     }
     ASSERT_EQ(statistic("subscribers.fallenBehind"), 0U);
     ASSERT_GT(statistic("memory.connections"), mebi);

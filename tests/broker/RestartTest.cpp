@@ -26,7 +26,7 @@ protected:
         broker = std::make_unique<BrokerProcess>(std::vector<std::string>{"--state", folder / "state"});
     }
 
-    // As another broker has left it.
+    // Leaves a state file, as an earlier broker would.
     void keep(const SavedState& state)
     {
         StateFile file(folder / "state", StateSync::Normal, {});
@@ -38,7 +38,7 @@ protected:
     std::unique_ptr<BrokerProcess> broker;
 };
 
-// Everything that is published, over all restarts.
+// Records all notifications, across all restarts.
 class Listening
 {
 public:
@@ -49,7 +49,7 @@ public:
         mSocket.connect("tcp://127.0.0.1:5557");
     }
 
-    // The highest number that has been published for a key by now.
+    // The highest number published for the key so far.
     unsigned long highestOf(const std::string& key)
     {
         const std::string start = R"({"statusUpdate":{")" + key + R"(":")";
@@ -107,7 +107,7 @@ TEST_F(RestartTest, nothingIsTakenBackThatWasSeenOrConfirmedBeforeAKill)
         EXPECT_GE(kept, confirmed);
         EXPECT_GE(kept, seen);
 
-        // One that had its sockets open all the time goes on.
+        // A client whose sockets stayed open still works.
         client->postStatus("alive", std::to_string(round));
         EXPECT_TRUE(eventually([&] { return client->getClientInfoValue("alive") == std::to_string(round); }));
     }
@@ -128,7 +128,7 @@ TEST_F(RestartTest, timersAndCountersGoOn)
     broker->kill();
     start();
     EXPECT_EQ(client->getTimerLastStarted("running"), started);
-    EXPECT_GE(client->getTimerElapsed("running"), running + 10000) << "it went on while no broker was there";
+    EXPECT_GE(client->getTimerElapsed("running"), running + 10000) << "it ran on while no broker ran";
     EXPECT_EQ(client->getTimerElapsed("stopped"), stopped);
     EXPECT_EQ(client->incrementCounter("c"), 2U);
 }
@@ -225,7 +225,7 @@ TEST_F(RestartTest, timersHaveSaneTimesWhateverTheStateFileHolds)
     EXPECT_EQ(elapsed("future"), 5U) << "it is stopped";
     EXPECT_GE(elapsed("long"), most);
     EXPECT_LT(elapsed("long"), most + 3600000000U);
-    EXPECT_EQ(elapsed("longer"), most) << "it is kept within what clocks can tell";
+    EXPECT_EQ(elapsed("longer"), most) << "it is limited to times that clocks can show";
     RawPoster poster;
     poster.post(R"({"restartTimer":"longer"})");
     EXPECT_LT(elapsed("longer"), 3600000000U);

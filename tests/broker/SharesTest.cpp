@@ -111,7 +111,7 @@ TEST_F(SharesTest, resettingAValueLeavesItsKeyInTheShare)
     EXPECT_FALSE(post(webClient, "c", "1"));
 }
 
-// Otherwise a user could fill the device with forgotten names, of which a slow subscriber has not been told.
+// Otherwise a user could fill the device with forgotten names that a slow subscriber still has to learn of.
 TEST_F(SharesTest, aForgottenKeyStaysInTheShareUntilItIsDropped)
 {
     post(webClient, "a", "1");

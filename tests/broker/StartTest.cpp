@@ -1,4 +1,4 @@
-// When the real broker answers the first "Sync" of a client: peers written by hand.
+// When the real broker answers the first "Sync" of a client, with handwritten peers.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -17,7 +17,7 @@ TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
     EXPECT_EQ(requester.ask(R"({"getCounterValue":"c"})"), "0");
     broker.process().suspend();
     for (int count = 0; count < 100; ++count)
-        ZmtpPeer(ZmtpPeer::postPort).reset(); // gone, but in front
+        ZmtpPeer(ZmtpPeer::postPort).reset(); // closed, but queued before the client
     ZmtpPeer post(ZmtpPeer::postPort);
     ASSERT_TRUE(post.write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB")));
     requester.send({"Sync"});
@@ -31,7 +31,7 @@ TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
 namespace
 {
 
-// A client by hand, on a machine so busy that its post connection says nothing yet.
+// A handwritten client on a machine so busy that its post connection is still silent.
 class BusyClientTest : public testing::Test
 {
 protected:
@@ -47,7 +47,7 @@ protected:
         return frame && frame->flags == WireFrames::command && frame->body.substr(0, 5) == "\4PING";
     }
 
-    // Answers so many PINGs on the request connection, as they come.
+    // Answers this many PINGs on the request connection as they arrive.
     void answerPings(int count)
     {
         for (int ping = 0; ping < count; ++ping)
@@ -58,7 +58,7 @@ protected:
         }
     }
 
-    // Its post connection shows that posts can arrive.
+    // The post connection shows that posts can arrive.
     void takeSubscription()
     {
         ASSERT_TRUE(post.write(ZmtpPeer::ready("PUB")));
@@ -73,7 +73,7 @@ protected:
     static constexpr std::chrono::milliseconds quiet{300};
 
     BrokerProcess broker;
-    RawPoster another; // so that as many post connections as clients have their subscription
+    RawPoster another; // gives as many subscribed post connections as clients
     ZmtpPeer post{ZmtpPeer::postPort};
     ZmtpPeer request{ZmtpPeer::requestPort};
 };
@@ -84,7 +84,7 @@ TEST_F(BusyClientTest, isNotAnsweredBeforeItHasHadItsTurns)
 {
     answerPings(StartProbe::enough - 1);
     ASSERT_TRUE(isPing(request.readFrame()));
-    EXPECT_FALSE(request.readFrame(quiet)) << "the time for one that says nothing was over long before";
+    EXPECT_FALSE(request.readFrame(quiet)) << "the time for a silent connection ended long before";
     ASSERT_TRUE(request.write(ZmtpPeer::pong("start")));
     EXPECT_EQ(request.receiveText(), "SyncAck");
 }
@@ -109,7 +109,7 @@ TEST_F(BusyClientTest, mayAskOnThoughItOwesTheAnswerToAPing)
         another.post(postOf("k" + std::to_string(value), std::string(50000, 'x')));
     EXPECT_NE(RawRequester().ask(all), "{}");
 
-    // An answer that it does not take, and many questions behind it.
+    // The client does not read its answer, and many questions follow.
     constexpr int questions = 1000;
     ASSERT_TRUE(request.write(ZmtpPeer::request(all) + ZmtpPeer::request(one)));
     pollfd polled{request.descriptor(), POLLIN, 0};

@@ -7,7 +7,7 @@ namespace
 
 constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
-// The most memory that SQLite has had at once while the file was loaded.
+// The most memory that SQLite used while the file was loaded.
 std::size_t memoryOfLoading(const std::string& path)
 {
     sqlite3_memory_highwater(1);

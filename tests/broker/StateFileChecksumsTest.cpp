@@ -1,4 +1,4 @@
-// Damage that the checksums of the rows show.
+// Damage that the checksums of the rows reveal.
 
 #include "broker/state/RowChecksum.h"
 #include "tests/broker/StateFileDamage.h"
@@ -78,7 +78,7 @@ TEST_F(StateFileDamageTest, theGoodRowsAreInTheNewFileWhenTheyAreLoaded)
     path += ".copy";
     const SavedState kept = load();
     EXPECT_EQ(kept.values, (StatusMap{{"b", "2"}}));
-    EXPECT_EQ(kept.timers.at("t").lastStarted, 77U) << "also what is not loaded now";
+    EXPECT_EQ(kept.timers.at("t").lastStarted, 77U) << "kept although it was not loaded";
     EXPECT_EQ(kept.counters, state.counters);
 }
 
@@ -111,7 +111,7 @@ TEST_F(StateFileDamageTest, noFlippedBitLoadsAWrongValue)
     }
     commit(whole);
     const std::string bytes = readFile(path);
-    constexpr std::size_t step = 23; // every byte takes a minute
+    constexpr std::size_t step = 23; // testing every byte would take a minute
     for (std::size_t byte = 0; byte < bytes.size(); byte += step)
     {
         SCOPED_TRACE(byte);

@@ -8,9 +8,9 @@
 #include "broker/state/Rows.h"
 #include "tests/broker/StateFileFixture.h"
 
-/// Helpers for the tests of damaged state files.
+/// Helpers for tests of damaged state files.
 
-/// As the broker writes it, whatever it holds.
+/// Writes a row as the broker does, whatever it contains.
 inline void write(const std::string& path, Table table, const Row& row)
 {
     sqlite3* database = nullptr;
@@ -37,7 +37,7 @@ inline void write(const std::string& path, Table table, const Row& row)
 
 inline const std::string longText(50, 'x');
 
-/// A database of a dozen pages.
+/// A database of about twelve pages.
 inline SavedState manyValues()
 {
     SavedState state;
@@ -51,7 +51,7 @@ constexpr std::size_t pageSize = 4096;
 class StateFileDamageTest : public StateFileFixture
 {
 protected:
-    /// How many rows are lost, by the only line that is logged.
+    /// The number of lost rows, as the only logged line reports it.
     static std::string outcomeIn(const LogCapture& log)
     {
         if (log.lines().size() != 1)

@@ -1,4 +1,4 @@
-// State files that are no state files, or damaged ones.
+// Files that are no state files, and damaged state files.
 
 #include <fstream>
 #include <limits>
@@ -270,7 +270,7 @@ TEST_F(StateFileDamageTest, aForeignTableIsMovedAside)
 namespace
 {
 
-// More than SQLite keeps in memory.
+// Exceeds SQLite's memory.
 SavedState longValues(char character)
 {
     SavedState state;
@@ -307,7 +307,7 @@ TEST_F(StateFileDamageTest, damageWhileItIsUsedIsMovedAsideAndEverythingWrittenT
     }
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.lines()[0].level, 0);
-    EXPECT_TRUE(readFile(path + ".bad") == damaged) << "what is in the log is not folded into it";
+    EXPECT_TRUE(readFile(path + ".bad") == damaged) << "the log must not be folded into it";
     EXPECT_TRUE(load().values == everything.values);
 }
 

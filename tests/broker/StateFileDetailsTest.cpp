@@ -23,7 +23,7 @@ SavedState stateOfDoor()
 class StateFileDetails : public StateFileDamageTest
 {
 protected:
-    // A file whose only detail has this text, and the right checksum.
+    // A file with a single detail of this text, and its right checksum.
     void makeFile(std::string_view text, const Row::Numbers& numbers = {1, 1, 1, 1})
     {
         path = folder / std::to_string(++files);
@@ -179,7 +179,7 @@ TEST(PosterText, ofAnyNamesCanBeReadAgain)
     }
 }
 
-// Somebody else has written a file in which no two clients are equal.
+// Another program has written a file in which all clients differ.
 TEST_F(StateFileDetails, ofManyClientsTakeLittleMemory)
 {
     constexpr std::size_t most = std::size_t{10} * 1024 * 1024;

@@ -12,7 +12,7 @@
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Wait.h"
 
-/// Helpers for the tests of the state file.
+/// Helpers for tests of the state file.
 
 inline const BootMoment thisBoot{"boot-1", 1000000};
 
@@ -33,7 +33,7 @@ inline void execute(const std::string& path, const std::string& sql)
     sqlite3_close(database);
 }
 
-/// The database and the log beside it, as a process that is killed leaves them.
+/// Copies the database and its log, as a killed process leaves them.
 inline void copyAsKilled(const std::string& from, const std::string& to)
 {
     std::filesystem::copy_file(from, to);
@@ -55,7 +55,7 @@ protected:
         return StateFile(path, sync, keys).load(now);
     }
 
-    /// The file must be moved aside as it is, reported, and replaced by one with what was good in it.
+    /// Expects the file to be moved aside unchanged, reported, and replaced by a file with its good rows.
     void expectMovedAside(const std::string& aside = ".bad", const StatusMap& good = {})
     {
         const std::string before = readFile(path);

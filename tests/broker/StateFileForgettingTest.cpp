@@ -20,7 +20,7 @@ class StateFileForgets : public StateFileStorageTest
 protected:
     StateFileForgets() { commit(stateOf({{"a", "1"}, {"b", "1"}})); }
 
-    // All changes while nothing can be written, which is possible again afterwards.
+    // Makes all changes while nothing can be written. Afterwards writing works again.
     void commitLate(const std::vector<SavedState>& changes)
     {
         const LogCapture log;
@@ -142,5 +142,5 @@ TEST_F(StateFileForgets, namesThatWaitToBeWrittenAreBounded)
     file.commit(without({"z"}), thisBoot);
     EXPECT_FALSE(file.mayForget());
     file.commit(stateOf({{"z", "1"}}), thisBoot);
-    EXPECT_TRUE(file.mayForget()) << "a name that is there again does not wait";
+    EXPECT_TRUE(file.mayForget()) << "a name that exists again is not waited for";
 }

@@ -45,7 +45,7 @@ protected:
             });
     }
 
-    // As a broker that is started after a kill finds it.
+    // The values that a broker started after a kill would find.
     StatusMap valuesAfterAKill()
     {
         const std::string killed = folder / "killed";
@@ -125,7 +125,7 @@ TEST_F(GoneTest, oneThatAnotherProgramUsesIsLeftToIt)
     StateFile another(path, StateSync::Normal, {});
     another.load(thisBoot);
     another.commit(stateOf({{"foreign", "1"}}), thisBoot);
-    EXPECT_TRUE(isNoticedInTheEnd(2)); // gone, and locked
+    EXPECT_TRUE(isNoticedInTheEnd(2)); // gone, then locked
     EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
     EXPECT_EQ(valuesAfterAKill(), (StatusMap{{"foreign", "1"}}));
 }

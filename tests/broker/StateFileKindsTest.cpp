@@ -14,7 +14,7 @@ namespace
 struct Special
 {
     const char* name;
-    const char* suffix; // of the file beside which it is
+    const char* suffix; // appended to the state file's name
     mode_t type;
 };
 
@@ -36,7 +36,7 @@ bool make(const Special& special, const std::string& path)
     if (special.type == S_IFLNK)
         return symlink("/dev/null", path.c_str()) == 0;
     constexpr unsigned nullDevice = 1 << 8U | 3;
-    constexpr unsigned noDevice = 0; // any user may make this one, though not in every file system
+    constexpr unsigned noDevice = 0; // any user may make it, though not on every file system
     const mode_t mode = special.type | S_IRUSR | S_IWUSR;
     return mknod(path.c_str(), mode, nullDevice) == 0 ||
            (errno == EPERM && mknod(path.c_str(), mode, noDevice) == 0);
@@ -45,13 +45,14 @@ bool make(const Special& special, const std::string& path)
 class NoRegularFile : public StateFileFixture, public testing::WithParamInterface<Special>
 {
 protected:
-    // A broker that waits in open() would wait for ever.
+    // A broker that blocks in open() would block for ever.
     NoRegularFile() { alarm(20 * TEST_TIME_FACTOR); }
     ~NoRegularFile() override { alarm(0); }
 
     void SetUp() override
     {
-        // Only root may make devices in every file system. Links lead to a device for any user.
+        // May be skipped: only root may make a device on every file system. The build server tests as root,
+        // so it always runs there. Elsewhere the case of a link still leads to a device.
         const std::string probe = path + "-probe";
         if (!make(GetParam(), probe) && GetParam().type == S_IFCHR && errno == EPERM)
             GTEST_SKIP() << "only root may make a device here";

@@ -9,7 +9,7 @@
 namespace
 {
 
-// Somebody who is in the middle of reading the file, as a shell of SQLite may be.
+// A process that is reading the file, such as a shell of SQLite.
 class Reader
 {
 public:

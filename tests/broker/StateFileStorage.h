@@ -6,7 +6,7 @@
 
 #include "tests/broker/StateFileFixture.h"
 
-/// Helpers for the tests of state files that cannot be opened, or not for writing.
+/// Helpers for tests of state files that cannot be opened, or not for writing.
 
 class StateFileStorageTest : public StateFileFixture
 {
@@ -23,7 +23,7 @@ inline int openForReading(const char* path, int flags, int mode)
     return -1;
 }
 
-/// While it lives, SQLite can open and make no file for writing.
+/// While it lives, SQLite can neither open nor create a file for writing.
 class ReadOnlyStorage
 {
 public:

@@ -1,4 +1,4 @@
-// State files with which nothing can be done, or that the disk has no room for.
+// State files that cannot be used, or that the disk has no room for.
 
 #include <climits>
 #include <csignal>
@@ -86,7 +86,7 @@ TEST_F(StateFileStorageTest, aFileThatIsLockedAtTheStartIsNotMixedWithWhatIsBegu
     {
         StateFile second(path, StateSync::Normal, {});
         EXPECT_TRUE(second.load(thisBoot).empty());
-        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "it is another one's";
+        EXPECT_FALSE(std::filesystem::exists(path + ".bad")) << "the file belongs to another broker";
         first.reset();
         EXPECT_TRUE(eventually(
             [&]
@@ -105,7 +105,7 @@ TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
     commit(stateOf({{"a", "1"}, {"good", "1"}}));
     execute(path, "UPDATE value SET text = 5 WHERE name = x'61'");
     const std::string before = readFile(path);
-    // There is no room in it for the end of another name than the first one, which is taken.
+    // The name is so long that only the first name aside fits, and that name is taken.
     const std::string longName = folder / std::string(NAME_MAX - 4, 'n');
     std::filesystem::rename(path, longName);
     writeFile(longName + ".bad", "first");
@@ -130,8 +130,7 @@ TEST_F(StateFileStorageTest, whatCanNeitherBeReadNorMovedIsNotOverwritten)
 namespace
 {
 
-// From now on the files of this process cannot grow beyond so many bytes, as on a full disk. Returns what
-// held before.
+// Limits the size of this process's files from now on, as a full disk would. Returns the limit before.
 rlimit limitFiles(rlim_t bytes)
 {
     signal(SIGXFSZ, SIG_IGN);
@@ -142,7 +141,7 @@ rlimit limitFiles(rlim_t bytes)
     return before;
 }
 
-// Runs it in a process of its own.
+// Runs it in a child process.
 template <typename Use>
 bool holdsInAnotherProcess(Use use)
 {
@@ -154,7 +153,7 @@ bool holdsInAnotherProcess(Use use)
     return status == 0;
 }
 
-// The files of its process cannot grow for a while.
+// The files of this process cannot grow for a while.
 bool survivesAFullDisk(const std::string& path)
 {
     const LogCapture log;

@@ -22,7 +22,7 @@ int counted(long call, int descriptor)
 
 } // namespace
 
-// A definition in the program is found before the C library's, from SQLite, too.
+// The program's definition takes precedence over the C library's, also for calls from SQLite.
 extern "C" __attribute__((visibility("default"))) int fsync(int descriptor)
 {
     return counted(SYS_fsync, descriptor);
@@ -101,7 +101,7 @@ TEST_F(StateFileTest, aRunningTimerIsStoppedAfterABootAtWhatItHadAtTheLastCommit
     SavedState state;
     state.timers["t"] = {5, 900000, 77};
     commit(state);
-    StateFile(path, StateSync::Normal, {}).commit({}, {"boot-1", 1500000}); // only time goes on
+    StateFile(path, StateSync::Normal, {}).commit({}, {"boot-1", 1500000}); // only time passes
     const SavedState::Timer timer = load({"boot-2", 10}).timers.at("t");
     EXPECT_EQ(timer.accumulated, 5U + 600000U);
     EXPECT_EQ(timer.spanStart, 0U);
@@ -122,7 +122,7 @@ TEST_F(StateFileTest, aTimerThatABootHasStoppedStaysStopped)
     {
         StateFile file(path, StateSync::Normal, {});
         file.load({"boot-2", 2000000});
-        file.commit(stateOf({{"a", "1"}}), {"boot-2", 2000001}); // from now on the file is of this boot
+        file.commit(stateOf({{"a", "1"}}), {"boot-2", 2000001}); // the file belongs to this boot from now on
     }
     const SavedState::Timer timer = load({"boot-2", 3000000}).timers.at("t");
     EXPECT_EQ(timer.accumulated, 5U + 100000U);
@@ -239,7 +239,7 @@ TEST_F(StateFileTest, itsLogDoesNotGrowWithoutBound)
 {
     StateFile file(path, StateSync::Off, {});
     file.load(thisBoot);
-    for (int count = 0; count < 1000; ++count) // some 50 MB
+    for (int count = 0; count < 1000; ++count) // about 50 MB
         file.commit(stateOf({{"a", std::string(50000, static_cast<char>('a' + count % 26))}}), thisBoot);
     EXPECT_EQ(file.commits(), 1000U);
     EXPECT_LT(std::filesystem::file_size(path + "-wal"), 1024U * 1024);
@@ -274,7 +274,7 @@ TEST_F(StateFileTest, whatIsInTheLogOnlyComesBack)
 namespace
 {
 
-// How often the storage is waited for: by commits, and by the last fold of the log.
+// The waits for the storage: by commits, and by the last checkpoint of the log.
 struct Waits
 {
     int commits;
@@ -378,7 +378,7 @@ TEST(BootMomentTest, isThatOfTheKernelAndGoesOn)
 namespace
 {
 
-// Runs in a process of its own, which can open nothing any more.
+// Runs in a child process that cannot open anything any more.
 bool knowsTheBootWithoutDescriptors()
 {
     const std::string bootId = BootMoment::now().bootId;

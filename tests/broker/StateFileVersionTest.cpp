@@ -1,4 +1,4 @@
-// State files of the version before, which had no details.
+// State files of the previous version, which had no details.
 
 #include "broker/state/PosterText.h"
 #include "tests/broker/StateFileDamage.h"
@@ -7,7 +7,7 @@
 namespace
 {
 
-// As the broker made it then.
+// The tables as the broker created them then.
 constexpr const char* formerTables =
     "CREATE TABLE value (name BLOB PRIMARY KEY, checksum INTEGER NOT NULL, text BLOB NOT NULL) WITHOUT ROWID;"
     "CREATE TABLE timer (name BLOB PRIMARY KEY, accumulated INTEGER NOT NULL, span_start INTEGER NOT NULL, "
@@ -83,7 +83,7 @@ TEST_F(StateFileVersion, theFormerOneIsReadWhereItCannotBeWritten)
     const ReadOnlyStorage storage;
     const LogCapture log;
     expectWhole(load());
-    EXPECT_EQ(log.lines().size(), 1U); // that it cannot be written
+    EXPECT_EQ(log.lines().size(), 1U); // reports that it cannot be written
     EXPECT_TRUE(readFile(path) == before);
 }
 

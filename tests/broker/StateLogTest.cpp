@@ -1,4 +1,4 @@
-// The log beside a state file, as kills, power cuts and damage leave it.
+// The log beside a state file, after kills, power cuts and damage.
 
 #include <csignal>
 #include <fcntl.h>
@@ -21,9 +21,9 @@ const BootMoment nextBoot{"boot-2", 10};
 class StateLogTest : public StateFileFixture
 {
 protected:
-    StateLogTest() { sync = StateSync::Off; } // nothing here depends on it
+    StateLogTest() { sync = StateSync::Off; } // no test here depends on it
 
-    // A file in which "folded" is 1, and a log beside it in which "count" went from 1 to `commits`.
+    // Leaves a file with "folded" = 1, and a log beside it in which "count" goes from 1 to `commits`.
     void leaveLog(int commits)
     {
         const std::string living = folder / "living";
@@ -36,7 +36,7 @@ protected:
         leave(file);
     }
 
-    // As it would be if the broker were killed now.
+    // Leaves copies as if the broker were killed now.
     void leave(const StateFile&)
     {
         const std::string killed = folder / "killed";
@@ -54,7 +54,7 @@ protected:
         setLog(bytes);
     }
 
-    // Takes away what has been set up for one round of a test.
+    // Removes what the last round of a test has set up.
     void startAnew()
     {
         std::filesystem::remove_all(folder / "");
@@ -63,7 +63,7 @@ protected:
 
     std::size_t frames() { return (log().size() - headerSize) / frameSize; }
 
-    // It must be said, and file and log be there as they were. Returns the values that are loaded.
+    // Expects a report, and an unchanged file and log. Returns the loaded values.
     StatusMap valuesOfDamaged()
     {
         const std::string fileBefore = readFile(path);
@@ -78,7 +78,7 @@ protected:
         return values;
     }
 
-    // Nothing must be said. Returns the values that are loaded.
+    // Expects no report. Returns the loaded values.
     StatusMap valuesOfGood(const BootMoment& now = thisBoot)
     {
         const LogCapture lines;
@@ -154,7 +154,7 @@ TEST_F(StateLogTest, whatLiesBeforeADamagedPageIsKept)
     leaveLog(5);
     const std::size_t perCommit = frames() / 5;
     ASSERT_EQ(frames(), 5 * perCommit);
-    flip(headerSize + 3 * perCommit * frameSize + 2000); // of the fourth
+    flip(headerSize + 3 * perCommit * frameSize + 2000); // in the fourth commit
     EXPECT_EQ(valuesOfDamaged(), foldedAnd(3));
 }
 
@@ -254,7 +254,7 @@ TEST_F(StateLogTest, aLastChangeThatIsTornIsNoDamageAfterAPowerCut)
 namespace
 {
 
-constexpr int wrapped = 70; // changes, of whose pages the first 100 are folded in
+constexpr int wrapped = 70; // changes, of whose pages the first 100 are in the database
 
 } // namespace
 
@@ -285,7 +285,7 @@ TEST_F(StateLogTest, whatIsCutOffALongLogIsNoDamage)
 TEST_F(StateLogTest, aKillOverPagesOfTheTimeBeforeIsNoDamage)
 {
     leaveLog(wrapped);
-    // The header of a page is there, and under it still the page of before.
+    // The log contains the header of a page, but below it still the previous page.
     std::string bytes = log();
     const std::string salts = bytes.substr(16, 8);
     std::size_t frame = 0;
@@ -301,7 +301,7 @@ TEST_F(StateLogTest, aKillOverPagesOfTheTimeBeforeIsNoDamage)
 namespace
 {
 
-// More than SQLite keeps in memory, so that pages are in the log before the transaction ends.
+// Exceeds SQLite's memory, so that the log gets pages before the transaction ends.
 SavedState longValues(char character)
 {
     SavedState state;
@@ -310,7 +310,7 @@ SavedState longValues(char character)
     return state;
 }
 
-// Runs `use` in a process of its own and kills it when the file has become so large.
+// Runs `use` in a child process, and kills it when the file has reached this size.
 template <typename Use>
 void killWhen(const std::string& path, std::size_t size, Use use)
 {
@@ -385,7 +385,7 @@ TEST_F(StateLogTest, whatTheFirstUnfinishedChangeLeftIsNoDamageForTheNextOnes)
 namespace
 {
 
-// Runs in a process of its own: the first change fails for want of room, the next one does not.
+// Runs in a child process: the first change fails for lack of room, the next one succeeds.
 bool fillsTheDiskAndGoesOn(const std::string& path)
 {
     signal(SIGXFSZ, SIG_IGN);

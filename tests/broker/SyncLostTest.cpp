@@ -1,4 +1,4 @@
-// A "Sync" does not confirm posts that are lost: peers written by hand against the real broker.
+// A "Sync" does not confirm lost posts: handwritten peers with the real broker.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 namespace
 {
 
-// A post in frames of which the last is missing.
+// The frames of a post without the last.
 std::string unfinishedPost(std::size_t bytes)
 {
     std::string post = "{\"postStatus\":{\"k\":\"" + std::string(bytes, 'v');
@@ -41,7 +41,7 @@ TEST(SyncLostTest, oneWhoseFirstWordIsAQueryIsNoNewClient)
     RawRequester requester;
     valueOf(requester, "k");
     EXPECT_EQ(requester.ask("Sync"), "SyncLost") << "its posts may have died with an earlier broker";
-    EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "it is told once";
+    EXPECT_EQ(requester.ask("Sync"), "SyncAck") << "the loss is reported only once";
 }
 
 TEST(SyncLostTest, aNewClientWhoseSyncIsReadLateIsNotTakenForAnOldOne)
@@ -56,8 +56,8 @@ TEST(SyncLostTest, aNewClientWhoseSyncIsReadLateIsNotTakenForAnOldOne)
     }
     broker.process().suspend();
     ASSERT_TRUE(peer.write(ZmtpPeer::request("Sync")));
-    // Real time must pass, there is nothing to wait for: the broker reads a Sync that is older than new
-    // clients are silent.
+    // Real time must pass, and nothing can be awaited: the broker must read the Sync when it is older than
+    // the silence of new clients.
     std::this_thread::sleep_for(std::chrono::milliseconds(400));
     broker.process().signal(SIGCONT);
     EXPECT_EQ(peer.receiveText(), "SyncAck");
@@ -81,7 +81,7 @@ TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedForWantOfMemo
     EXPECT_EQ(one.ask("Sync"), "SyncAck");
     EXPECT_EQ(other.ask("Sync"), "SyncLost");
     EXPECT_EQ(other.ask("Sync"), "SyncAck");
-    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new one has lost nothing";
+    EXPECT_EQ(RawRequester().ask("Sync"), "SyncAck") << "a new client has lost nothing";
 }
 
 TEST(SyncLostTest, eachClientIsToldOnceThatAPostConnectionWasClosedBecauseAMessageDidNotEnd)
@@ -105,8 +105,8 @@ TEST(SyncLostTest, stoppedPeersThatHoldLittleEachGiveWayBeforeAPosterOfALargeMes
     const auto held = [&] { return brokerStatistic(requester, "memory.connections"); };
     while (stopped.size() < 100 && held() < std::size_t{3400} * 1024)
         stopped.push_back(posterOf(unfinishedPost(40000)));
-    // Real time must pass, there is nothing to wait for: connections that have moved nothing for a while
-    // count as stopped.
+    // Real time must pass, and nothing can be awaited: connections without traffic for a while count as
+    // stopped.
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
     const auto poster = posterOf(unfinishedPost(600000));
     ASSERT_TRUE(eventually([&] { return brokerStatistic(requester, "limit.memory") != 0; }));

@@ -1,10 +1,11 @@
-// A process that uses the library, for tests with several of them.
+// A process that uses the library, for tests with several clients.
 //
-//   post PREFIX COUNT   posts PREFIX.0 to PREFIX.COUNT-1 at once, says "posted", leaves at the end of its
-//   input set KEY VALUE       posts, waits until that has arrived, leaves leave KEY           posts and
-//   leaves at once, without waiting watch KEY           says KEY=VALUE for each update, leaves at the end of
-//   its input flood KEY           says "posting" and posts as fast as it can count KEY           posts 1, 2,
-//   3 and so on, each confirmed by a barrier, and says each when it is
+//   post PREFIX COUNT  posts PREFIX.0 to PREFIX.COUNT-1 at once, prints "posted", ends with its input
+//   set KEY VALUE      posts, waits until the post has arrived, ends
+//   leave KEY          posts and ends at once, without waiting
+//   watch KEY          prints KEY=VALUE for each update, ends with its input
+//   flood KEY          prints "posting", and posts as fast as it can
+//   count KEY          posts 1, 2, 3 and so on, each confirmed by a barrier, and prints each when confirmed
 
 #include <cstdio>
 #include <cstdlib>
@@ -74,7 +75,7 @@ void watch(StatusManager& manager, const std::string& key)
     {
         manager.postStatus(key, std::to_string(number));
         if (number % 1000 == 0)
-            manager.getCounterValue("none"); // so that the queue of its own thread does not grow
+            manager.getCounterValue("none"); // keeps its thread's queue short
     }
 }
 

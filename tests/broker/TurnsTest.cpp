@@ -1,4 +1,4 @@
-// In which order the real broker deals with what has come at once.
+// In which order the real broker handles messages that arrive together.
 
 #include <csignal>
 #include <gtest/gtest.h>

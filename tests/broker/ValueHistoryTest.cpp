@@ -10,7 +10,7 @@ namespace
 using BrokerProtocol::Poster;
 using BrokerProtocol::ValueDetails;
 
-// All that the broker keeps about a value: its history, and its client, should each value have another.
+// The broker's memory for a value's history and client, even if each value has another client.
 static_assert(sizeof(DeviceState::History) + Posters::entryBytes < 64);
 
 class ValueHistory : public testing::Test
@@ -84,7 +84,7 @@ TEST_F(ValueHistory, aPostOfTheSameTextIsNoChange)
     post("open", one);
     const DeviceState::History before = state.find("door")->history;
     DeviceState::History after = before;
-    for (int posts = 0; after.posted == before.posted && posts < 1000000; ++posts) // within a microsecond
+    for (int posts = 0; after.posted == before.posted && posts < 1000000; ++posts) // within one microsecond
     {
         post("open", one);
         after = state.find("door")->history;
@@ -237,7 +237,7 @@ TEST_F(ValueHistory, isInEverything)
     EXPECT_EQ(clientsOf(state.everything().details.at("door")).poster.pid, 1U);
 }
 
-// So that the clients of a device that runs for years take no memory.
+// Otherwise the clients of a device that runs for years would fill the memory.
 TEST_F(ValueHistory, onlyTheLastClientsOfValuesAreRemembered)
 {
     for (uint32_t pid = 3; pid < 100; ++pid)

@@ -1,4 +1,4 @@
-// Processes of the library and the real broker.
+// Processes that use the library, with the real broker.
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -27,7 +27,7 @@ protected:
     BrokerProcess broker;
 };
 
-// While clients are starting, a value may be told twice: lines in between are passed over.
+// While clients start, a value may arrive twice: skips lines in between.
 bool waitForLine(TestProcess& process, const std::string& text)
 {
     while (const std::optional<std::string> line = process.readLine())
@@ -149,7 +149,7 @@ TEST(WithoutBroker, getInstanceWaitsUntilABrokerAnswers)
 {
     TestProcess client(Command{TESTCLIENT, "set", "k", "v"});
     ASSERT_TRUE(client.waitForError("Attempting to connect to statusbroker"));
-    EXPECT_FALSE(client.waitForExit(std::chrono::milliseconds(200))); // the pause is what is tested
+    EXPECT_FALSE(client.waitForExit(std::chrono::milliseconds(200))); // the pause itself is tested
     BrokerProcess broker;
     EXPECT_EQ(client.waitForExit(), 0);
     EXPECT_EQ(RawRequester().ask(R"({"getClientInfoValue":"k"})"), R"({"statusValue":"v"})");

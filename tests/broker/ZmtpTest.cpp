@@ -1,5 +1,5 @@
-// The bytes that the real broker sends to peers written by hand. A client that sees a protocol error
-// never connects again, so nothing here may be other than the protocol says.
+// The bytes that the real broker sends to handwritten peers. A client that sees a protocol error never
+// connects again, so every byte must follow the protocol.
 
 #include <array>
 #include <csignal>
@@ -18,7 +18,7 @@ using namespace std::string_literals;
 
 constexpr std::array<uint16_t, 3> allPorts{ZmtpPeer::requestPort, ZmtpPeer::postPort, ZmtpPeer::notifyPort};
 
-// How long what must not come is waited for.
+// How long a test watches that nothing comes.
 constexpr std::chrono::milliseconds quiet{200};
 
 const std::string toAll = ZmtpPeer::subscribe("");
@@ -27,7 +27,7 @@ const std::string postSubscription("\0\1\1", 3);
 class ZmtpTest : public testing::Test
 {
 protected:
-    // Gives the broker occasion to send something on every connection.
+    // Makes the broker send something on every connection.
     void keepItBusy()
     {
         RawPoster poster;
@@ -162,7 +162,7 @@ TEST_F(ZmtpTest, aPingIsAnsweredWithItsContext)
         for (const std::string& context : {""s, "ctx"s, std::string(16, 'c')})
         {
             ZmtpPeer peer(port);
-            ASSERT_TRUE(peer.shakeHands(0)); // who is not pinged
+            ASSERT_TRUE(peer.shakeHands(0)); // a peer of version 3.0 is not pinged
             if (port == ZmtpPeer::postPort)
                 peer.read(postSubscription.size());
             ASSERT_TRUE(peer.write(ZmtpPeer::ping(context)));
@@ -297,7 +297,7 @@ TEST_F(ZmtpTest, aRequestWithoutADelimiterIsAnsweredAsOneThatIsMalformed)
     }
 }
 
-// A client that waits for an answer of an earlier broker asks again when it gets one that is empty.
+// A client that waits for an earlier broker's answer asks again when it gets an empty answer.
 TEST_F(ZmtpTest, aConnectionThatSaysNothingGetsOneEmptyAnswerAfterASecond)
 {
     ZmtpPeer silent(ZmtpPeer::requestPort);
@@ -310,7 +310,7 @@ TEST_F(ZmtpTest, aConnectionThatSaysNothingGetsOneEmptyAnswerAfterASecond)
     EXPECT_EQ(silent.read(expected.size()), expected);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(999));
     EXPECT_EQ(silent.read(1, std::chrono::milliseconds(1500)), "") << "once";
-    EXPECT_EQ(asking.read(1, quiet), "") << "not to one that has asked";
+    EXPECT_EQ(asking.read(1, quiet), "") << "a connection that has asked gets none";
     ASSERT_TRUE(silent.write(ZmtpPeer::pong("empty")));
     EXPECT_EQ(silent.ask(R"({"getCounterValue":"c"})"), "0");
 }
@@ -340,8 +340,8 @@ TEST(ZmtpNotification, isFramesToTheByte)
     }
 }
 
-// The kernel takes a part of a message from the broker when a subscriber is slow. The rest must follow,
-// whatever the subscriber says meanwhile.
+// If a subscriber is slow, the kernel takes only part of a message. The rest must follow, whatever the
+// subscriber sends meanwhile.
 TEST(ZmtpNotification, isNotTornByWhatASlowSubscriberSays)
 {
     BrokerProcess broker({"--heartbeat=0"});
@@ -377,8 +377,8 @@ TEST(ZmtpNotification, isNotTornByWhatASlowSubscriberSays)
     }
 }
 
-// From the moment in which the broker has read the subscription, and answered the PING behind it; also if it
-// takes posts then before it sends anything.
+// As soon as the broker has read the subscription and answered the PING behind it, even if it handles posts
+// before it sends anything.
 TEST(ZmtpNotification, isMissedByNoneThatHasSubscribed)
 {
     BrokerProcess broker({"--heartbeat=0"});
@@ -437,7 +437,7 @@ TEST_F(ZmtpTest, whoHasNotSubscribedIsSentNothing)
 
 // ---------------------------------------------------------------------------------------------- round trips
 
-// A whole client by hand, of an older and of the current version.
+// A complete handwritten client, of an older and of the current version.
 TEST_F(ZmtpTest, peersOfVersion30And31PostAskAndListen)
 {
     for (const char minorVersion : {'\0', '\1'})
@@ -458,7 +458,7 @@ TEST_F(ZmtpTest, peersOfVersion30And31PostAskAndListen)
         EXPECT_TRUE(eventually([&] { return request.ask(R"({"getClientInfoValue":"k"})") == reply(value); }));
         std::optional<std::string> told = notify.receiveText();
         if (told && told->find(value) == std::string::npos)
-            told = notify.receiveText(); // first what was there before
+            told = notify.receiveText(); // a first message brings the previous values
         EXPECT_EQ(told, R"({"statusUpdate":{"k":")" + value + "\"}}");
         ASSERT_TRUE(notify.write(minorVersion == 0 ? "\0\2\0{"s : ZmtpPeer::cancel("{")));
         ASSERT_TRUE(notify.write(ZmtpPeer::ping("cancelled")));
@@ -468,7 +468,7 @@ TEST_F(ZmtpTest, peersOfVersion30And31PostAskAndListen)
     }
 }
 
-// Those that fit, but are not the ones that the library uses.
+// They fit, but the library does not use them.
 TEST_F(ZmtpTest, otherSocketTypesThatFitAreServed)
 {
     ZmtpPeer notify(ZmtpPeer::notifyPort);
@@ -489,7 +489,7 @@ TEST_F(ZmtpTest, otherSocketTypesThatFitAreServed)
 namespace
 {
 
-// One that says this is closed for it, and not because the time for its handshake is over.
+// A peer that sends this is closed for it, not because the time for its handshake is over.
 void expectEndOf(uint16_t port, const std::string& said)
 {
     ZmtpPeer silent(port);

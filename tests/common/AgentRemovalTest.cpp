@@ -1,4 +1,4 @@
-// Agents that are not delivered: they are removed, or their thread stops, or is destroyed.
+// Agents that are never delivered: they are removed, or their thread stops or is destroyed.
 
 #include <atomic>
 #include <memory>
@@ -120,7 +120,7 @@ TEST_F(EventDispatcherTest, stoppingDropsWhatIsQueuedAndReleasesSenders)
         });
     ASSERT_TRUE(eventually([&] { return thread.getPendingCount() == 3; }));
     std::thread stopper([&] { thread.stop(); });
-    // The stop has been asked for once posts are refused.
+    // Posts are refused as soon as the stop is requested.
     ASSERT_TRUE(eventually(
         [&]
         {
@@ -160,7 +160,7 @@ TEST_F(EventDispatcherTest, whatIsSentToAStoppedThreadIsReleasedUndelivered)
 namespace
 {
 
-// Counts how often an agent is destroyed, through an argument that it keeps.
+// Counts by an argument whether an agent still exists: the agent keeps the argument until it is destroyed.
 class DestructionProbe
 {
 public:
@@ -194,7 +194,7 @@ TEST_F(EventDispatcherTest, anAgentIsDestroyedExactlyOnceHoweverItEnds)
 namespace
 {
 
-// An argument that calls the dispatcher when the agent that keeps it goes away.
+// An argument whose destruction calls the dispatcher.
 class CallsBack
 {
 public:

@@ -17,7 +17,7 @@ using namespace Orvane;
 namespace
 {
 
-// An argument whose copying fails, if it is made so.
+// An argument whose copying throws on demand.
 struct Fragile
 {
     explicit Fragile(bool breaks) : mBreaks(breaks) {}
@@ -124,7 +124,7 @@ protected:
         reached.wait();
     }
 
-    // Returns when all that was queued before has been delivered.
+    // Returns when everything queued before is delivered.
     void drain() { callAndWait(OV_SITE, thread, &blocker, &Receiver::note); }
 
     Receiver receiver;
@@ -228,7 +228,7 @@ TEST_F(CallsTest, anArgumentThatIsMovedInIsNotCopied)
     std::string text(100, 't');
     block();
     postCall(OV_SITE, thread, &receiver, overload<std::string>(&Receiver::take), std::move(text));
-    EXPECT_TRUE(text.empty()); // NOLINT(bugprone-use-after-move): it says whether it was moved
+    EXPECT_TRUE(text.empty()); // NOLINT(bugprone-use-after-move): shows whether it was moved
     gate.open();
     drain();
     EXPECT_EQ(receiver.taken(), Texts{std::string(100, 't')});
@@ -343,7 +343,7 @@ TEST_F(CallsTest, anOverloadIsChosenByItsParameterTypes)
     EXPECT_EQ(receiver.taken(), (Texts{"one", "two2"}));
 }
 
-// Kind, receiver, result and argument types.
+// The agent's name contains kind, receiver, result and argument types.
 TEST_F(CallsTest, theAgentsTypeFollowsFromTheMemberFunction)
 {
     AllocationSite site(__FILE__, __LINE__);

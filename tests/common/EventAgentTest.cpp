@@ -133,7 +133,7 @@ TEST(EventAgentTest, theFieldsOfAnEventFollowTheCountInOrder)
 namespace
 {
 
-// Notes what is asked of it. It delivers what is waited for, and drops what is posted.
+// Records the calls to it. It delivers agents that are waited for, and drops posted agents.
 class NotingDispatcher : public IEventDispatcher
 {
 public:
@@ -166,7 +166,7 @@ private:
     bool mCurrent;
 };
 
-// Tells its count during delivery, and where it was destroyed.
+// An agent's reference count during delivery, and the thread that destroyed it.
 struct Life
 {
     uint32_t countAtDelivery = 0;
@@ -320,7 +320,7 @@ TEST(SendTest, anAgentThatItsMakerStillHoldsOutlivesItsDelivery)
 
 // ------------------------------------------------------------------------------------------ virtual tables
 
-// The order of virtual operations is part of the binary interface: new ones go to the end.
+// The order of virtual operations belongs to the binary interface: new operations go to the end.
 
 TEST(VirtualTable, ofRefCountAndEventAgent)
 {
@@ -333,7 +333,7 @@ TEST(VirtualTable, ofRefCountAndEventAgent)
 namespace
 {
 
-// A derived class adds its members behind all those of its base.
+// The first virtual function that a derived class adds: it follows all functions of the base.
 template <class Base>
 class Extended : public Base
 {
@@ -345,7 +345,7 @@ public:
 
 TEST(VirtualTable, theKindsOfEventAndAgentAddNothing)
 {
-    EXPECT_EQ(virtualSlot(&Extended<RefCount>::added), 3); // behind the hook and the destructor
+    EXPECT_EQ(virtualSlot(&Extended<RefCount>::added), 3); // after the hook and the destructor
     EXPECT_EQ(virtualSlot(&Extended<Event>::added), 3);
     EXPECT_EQ(virtualSlot(&Extended<EventAgent>::added), 5);
     EXPECT_EQ(virtualSlot(&Extended<AsyncEventAgent>::added), 5);

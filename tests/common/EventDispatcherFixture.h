@@ -13,7 +13,7 @@
 #include "common/EventThread.h"
 #include "tests/support/Wait.h"
 
-/// Notes what is delivered to it; can hold its dispatcher's thread at a gate.
+/// Records the calls delivered to it. It can block its dispatcher's thread at a gate.
 class Receiver
 {
 public:
@@ -74,7 +74,7 @@ protected:
         reached.wait();
     }
 
-    /// Returns when all that was queued before has been delivered.
+    /// Returns when everything queued before is delivered.
     void drain() { (OV_NEW Orvane::SyncEventAgent0<Receiver>(&blocker, &Receiver::nothing))->send(&thread); }
 
     Receiver receiver;

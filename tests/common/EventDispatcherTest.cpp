@@ -91,7 +91,7 @@ TEST_F(EventDispatcherTest, aLongDelayHoldsNothingUp)
 TEST_F(EventDispatcherTest, anAgentDueEarlierWakesTheThreadThatWaitsForALaterOne)
 {
     postDelayed("much later", 3600000);
-    drain(); // from here on the thread waits for the hour to pass
+    drain(); // afterwards the thread waits for the hour to pass
     postDelayed("soon", 1);
     EXPECT_TRUE(eventually([&] { return receiver.taken() == Texts{"soon"}; }));
 }
@@ -211,7 +211,7 @@ TEST_F(EventDispatcherTest, aSynchronousSendOnTheOwnThreadReturnsAtOnceWhileOthe
 namespace
 {
 
-// A dispatcher without a thread of its own: its loop runs inside a call of another dispatcher.
+// A dispatcher without its own thread: its loop runs inside a call of another dispatcher.
 class InnerLoop : public EventDispatcher
 {
 public:

@@ -25,7 +25,7 @@ using namespace Orvane;
 namespace
 {
 
-// The properties that a thread sees of itself.
+// Properties of a thread, read on that thread.
 struct Inspection
 {
     void look()
@@ -89,7 +89,7 @@ TEST(EventThreadTest, hasTheStackThatItIsGiven)
     EventThread thread("stack", 0, 3 * 1024 * 1024);
     const std::size_t size = inspect(thread).stackSize;
     EXPECT_GE(size, 3U * 1024U * 1024U);
-    EXPECT_TRUE(size < 4U * 1024U * 1024U || isSanitized) << size; // they choose another
+    EXPECT_TRUE(size < 4U * 1024U * 1024U || isSanitized) << size; // sanitizers choose another size
 }
 
 TEST(EventThreadTest, withAStackThatTheSystemRefusesIsNotStarted)
@@ -100,7 +100,7 @@ TEST(EventThreadTest, withAStackThatTheSystemRefusesIsNotStarted)
 namespace
 {
 
-// Not SIGKILL and SIGSTOP, nor those that the C library or an emulator keeps for itself.
+// All signals except SIGKILL, SIGSTOP, and the signals that the C library or an emulator reserves.
 sigset_t allBlockableSignals()
 {
     sigset_t blocked;
@@ -145,7 +145,7 @@ std::atomic<int> trapsHandled{0};
 
 } // namespace
 
-// A program may wait for such a signal by signalfd() or sigwait().
+// A program may receive such a signal by signalfd() or sigwait().
 TEST(EventThreadTest, leavesBlockedWhatItsCreatorHasBlocked)
 {
     struct sigaction handler
@@ -170,7 +170,7 @@ TEST(EventThreadTest, leavesBlockedWhatItsCreatorHasBlocked)
     }
     EXPECT_EQ(trapsHandled, 0);
     const timespec atOnce{};
-    EXPECT_EQ(sigtimedwait(&trap, nullptr, &atOnce), SIGTRAP); // still waits
+    EXPECT_EQ(sigtimedwait(&trap, nullptr, &atOnce), SIGTRAP); // still pending
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
     sigaction(SIGTRAP, &before, nullptr);
 }
@@ -180,7 +180,7 @@ namespace
 
 constexpr int handled = 42;
 
-// Makes the kernel report a fault of this thread, which is more than a signal sent to it.
+// Causes a fault that the kernel reports for this thread, unlike a signal sent to it.
 struct Faulty
 {
     void touchForbiddenMemory()
@@ -198,7 +198,7 @@ void crashWithAHandler()
     callAndWait(OV_SITE, thread, &faulty, &Faulty::touchForbiddenMemory);
 }
 
-// A program started by an agent, in the two ways that the header describes.
+// A program started by an agent, in both ways that the header describes.
 class Child
 {
 public:
@@ -225,7 +225,7 @@ public:
 
     void terminate() { kill(mPid, SIGTERM); }
 
-    // The signal that ends it within the deadline; 0 if none does.
+    // The signal that ended it before the deadline; 0 if none did.
     int endingSignal()
     {
         siginfo_t end{};
@@ -238,7 +238,7 @@ public:
         return end.si_code == CLD_KILLED ? end.si_status : 0;
     }
 
-    // Whether the kernel lists the signal in this line of its status: "SigBlk", "ShdPnd".
+    // Whether the kernel lists the signal in this line of the process's status: "SigBlk", "ShdPnd".
     bool lists(const std::string& name, int signal)
     {
         std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
@@ -251,7 +251,7 @@ public:
     }
 
 private:
-    // Returns when the program runs: exec() closes the pipe.
+    // Returns when the program runs: exec() then closes the pipe.
     void start(Mask mask)
     {
         std::array<int, 2> pipe{};
@@ -289,7 +289,7 @@ TEST(EventThreadTest, aChildOfACallbackInheritsItsMaskAndIsNotEndedBySigterm)
     EXPECT_TRUE(child.lists("SigBlk", SIGTERM));
     EXPECT_FALSE(child.lists("SigBlk", SIGSEGV));
     child.terminate();
-    EXPECT_TRUE(child.lists("ShdPnd", SIGTERM)); // still waits
+    EXPECT_TRUE(child.lists("ShdPnd", SIGTERM)); // still pending
 }
 
 TEST(EventThreadTest, aChildOfACallbackWithAnEmptyMaskIsEndedBySigterm)
@@ -313,7 +313,7 @@ TEST(EventThreadTest, priorityZeroIsTheNormalSchedulingClass)
 TEST(EventThreadTest, aRefusedPriorityIsLoggedAndTheThreadRunsNormally)
 {
     const LogCapture log;
-    EventThread thread("eager", 1000); // no such priority: refused to the privileged, too
+    EventThread thread("eager", 1000); // invalid: refused even to root
     EXPECT_EQ(inspect(thread).policy, SCHED_OTHER);
     ASSERT_EQ(log.lines().size(), 1U);
     EXPECT_EQ(log.lines().front().level, 2);
@@ -325,7 +325,7 @@ TEST(EventThreadTest, aPositivePriorityAsksForRoundRobin)
     const LogCapture log;
     EventThread thread("real time", 1);
     const int policy = inspect(thread).policy;
-    // Granted or refused, which depends on the privileges of whoever runs this, and never without a word.
+    // Granted or refused, by the privileges of this process. A refusal is always logged.
     EXPECT_EQ(policy, log.lines().empty() ? SCHED_RR : SCHED_OTHER);
 }
 
@@ -359,7 +359,7 @@ TEST(EventThreadTest, runsUntilItIsStopped)
     for (int count = 0; count < 3; ++count)
         EXPECT_EQ(inspect(thread).kernelName, "running");
     thread.stop();
-    EXPECT_EQ(inspect(thread).kernelName, ""); // not delivered any more
+    EXPECT_EQ(inspect(thread).kernelName, ""); // no longer delivered
 }
 
 TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlone)
@@ -367,7 +367,7 @@ TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlon
     sigset_t before;
     pthread_sigmask(SIG_BLOCK, nullptr, &before);
     EXPECT_THROW(EventThread("never", 0, SIZE_MAX / 4 * 3),
-                 std::system_error); // no machine has room for that
+                 std::system_error); // no machine has that much memory
     sigset_t after;
     pthread_sigmask(SIG_BLOCK, nullptr, &after);
     for (int signal = 1; signal < 32; ++signal)
@@ -377,7 +377,7 @@ TEST(EventThreadTest, throwsWhenNoThreadCanBeStartedAndLeavesItsCreatorsMaskAlon
 namespace
 {
 
-// Counts calls of getName(). Apart from the object, which may not be constructed yet.
+// Counts calls of getName(). Outside the object, which may not be constructed yet.
 std::atomic<int> timesAsked{0};
 
 class NamedThread : public EventThread
@@ -397,13 +397,13 @@ public:
 
 } // namespace
 
-// The thread starts while a derived class is still being constructed.
+// The thread starts while the derived class is still being constructed.
 TEST(EventThreadTest, namesItselfWithoutAskingADerivedClass)
 {
     for (int round = 0; round < 200; ++round)
     {
         NamedThread thread;
-        callAndWait(OV_SITE, thread, &thread, &NamedThread::nothing); // by then it has its name
+        callAndWait(OV_SITE, thread, &thread, &NamedThread::nothing); // it has its name when this returns
         ASSERT_EQ(timesAsked, 0) << "round " << round;
     }
 }

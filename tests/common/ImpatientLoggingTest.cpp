@@ -1,5 +1,5 @@
-// Logging that never waits for the reader of stderr. It cannot be taken back, so each test logs in a process
-// of its own.
+// Logging that never waits for the reader of stderr. A process cannot leave this mode, so each test logs in a
+// child process.
 
 #include "common/Logging.h"
 
@@ -24,7 +24,7 @@ namespace
 
 constexpr int rounds = 2;
 
-// More than any stderr here takes.
+// More than fits into any stderr of these tests.
 int linesPerRound(std::size_t lineBytes)
 {
     return static_cast<int>(std::size_t{400} * 1000 / lineBytes) + 50;
@@ -50,7 +50,7 @@ Ends makeSocket()
     return {ends[0], ends[1]};
 }
 
-// A process that logs in rounds: lines, and when it is told to go on the next.
+// A process that logs lines in rounds, and starts each round on command.
 class Process
 {
 public:
@@ -71,7 +71,7 @@ public:
         _exit(EXIT_SUCCESS);
     }
 
-    // False if it waits for somebody to read.
+    // Returns false if the process waits for a reader.
     bool finishesRound() const
     {
         char byte = 0;
@@ -126,7 +126,7 @@ int occurrences(const std::string& text, const std::string& what)
     return count;
 }
 
-// The sum of the numbers that it tells.
+// The sum of the dropped lines that the text reports.
 int dropped(const std::string& text)
 {
     static const std::string words = " log lines were dropped, nobody read them";
@@ -136,7 +136,7 @@ int dropped(const std::string& text)
     return sum;
 }
 
-// Whether each of these lines stands alone, without the piece of another in front of it.
+// Whether each report stands on its own line, without a fragment of another line before it.
 bool tellsOnLinesOfTheirOwn(const std::string& text)
 {
     constexpr std::size_t longest = 250;
@@ -149,7 +149,7 @@ bool tellsOnLinesOfTheirOwn(const std::string& text)
     return true;
 }
 
-// Everything that it has written to a stderr that is read only between the rounds.
+// Everything that the process writes to a stderr that is read only between the rounds.
 std::string written(const Ends& ends, std::size_t lineBytes)
 {
     const Process process(ends.writer, lineBytes);
@@ -159,10 +159,10 @@ std::string written(const Ends& ends, std::size_t lineBytes)
         if (!process.finishesRound())
         {
             process.kill();
-            ADD_FAILURE() << "it waits";
+            ADD_FAILURE() << "the process blocks";
             return text;
         }
-        EXPECT_EQ(fcntl(ends.writer, F_GETFL) & O_NONBLOCK, 0) << "others write to it, too";
+        EXPECT_EQ(fcntl(ends.writer, F_GETFL) & O_NONBLOCK, 0) << "other processes write to stderr, too";
         text += drained(ends.reader);
         process.goOn();
     }

@@ -1,4 +1,4 @@
-// Sinks, which take the messages in place of standard error.
+// Sinks, which take messages instead of standard error.
 
 #include <atomic>
 #include <deque>
@@ -33,7 +33,7 @@ struct Noted
     std::string text;
 };
 
-// A thread may still call a sink that was replaced: its context must live until the process ends.
+// A thread may still call a replaced sink, so its context must live until the process ends.
 Noted& newContext()
 {
     static auto* contexts = new std::deque<Noted>;
@@ -52,7 +52,7 @@ void count(const ov_log_record*, void* context)
     ++static_cast<Noted*>(context)->messages;
 }
 
-// Logs from inside the first message, and goes away at the second.
+// Logs again during the first message, and removes itself at the second.
 void logAgain(const ov_log_record*, void* context)
 {
     if (++static_cast<Noted*>(context)->messages == 1)

@@ -8,14 +8,14 @@
 #include "common/Logging.h"
 #include "tests/support/LogCapture.h"
 
-/// Helpers for the tests of logging. Each file of tests has control words of its own.
+/// Helpers for tests of logging. Each test file has its own control words.
 
 constexpr unsigned int messagesBit = 1U << 31;
 constexpr unsigned int tracesBit = 1U << 30;
 
 using Texts = std::vector<std::string>;
 
-/// Runs `work` with stderr going into a pipe, and returns what was written.
+/// Runs `work` with stderr redirected to a pipe, and returns the output.
 template <class Work>
 std::string stderrOf(Work work)
 {
@@ -32,7 +32,7 @@ inline int occurrences(const std::string& output, const std::string& text)
     return count;
 }
 
-/// Captures the messages, and sets all control words back at the end.
+/// Captures the messages, and resets all control words at the end.
 class LoggingTest : public testing::Test
 {
 protected:

@@ -1,4 +1,4 @@
-// Messages, and the control words that say which are logged.
+// Messages, and the control words that select them.
 
 #include <array>
 #include <cstdio>
@@ -34,7 +34,7 @@ void traced(int level)
     OV_TRACE(level);
 }
 
-// The messages of logAtEveryLevel() that are logged now.
+// The messages of logAtEveryLevel() that pass the present control words.
 Texts levels(LogCapture& log)
 {
     log.clear();
@@ -97,7 +97,7 @@ TEST(FileTail, beginsAtTheLastSlash)
     EXPECT_EQ(ov_log_file_tail("c.cpp"), 0U);
     EXPECT_EQ(ov_log_file_tail(""), 0U);
     EXPECT_STREQ(OV_LOG_FILE, "/LoggingTest.cpp");
-    // A lambda, which may be called out of line, could not stand here.
+    // A constant expression: a lambda, which may be called out of line, would not compile here.
     static_assert(std::is_same_v<decltype(OV_LOG_FILE), const char*>);
 }
 
@@ -242,7 +242,7 @@ TEST_F(LoggingTest, malformedRulesChangeNothing)
 namespace
 {
 
-// A process of its own, since the variable is read when the first file registers.
+// In its own process: the variable is read when the first file registers.
 std::string outputUnder(const std::string& environment)
 {
     const std::string command = environment + " '" TEST_PROGRAM "' --gtest_filter=InChild.* 2>&1";
@@ -262,7 +262,7 @@ std::string outputWithEnvironment(const std::string& value)
 
 } // namespace
 
-// Run again by the tests below, each with its own environment. Nothing else has changed the control words.
+// The tests below run this again, each with its own environment. Nothing else has changed the control words.
 TEST(InChild, logAtEveryLevel)
 {
     OV_LOG(0, "flags %x level %d", logFlags, logLevel);

@@ -12,7 +12,7 @@ using namespace Orvane;
 namespace
 {
 
-// Takes the mutex on a thread of its own and tells when it has it.
+// Takes the mutex on its own thread, and records when it has it.
 class Contender
 {
 public:

@@ -97,7 +97,7 @@ TEST(StandardError, linesOfConcurrentProcessesDoNotMix)
 namespace
 {
 
-// While it lives, stderr goes to a socket that keeps writes apart.
+// Redirects stderr to a socket that keeps writes apart, while it lives.
 class SeparatedWrites
 {
 public:
@@ -116,7 +116,7 @@ public:
     SeparatedWrites(const SeparatedWrites&) = delete;
     SeparatedWrites& operator=(const SeparatedWrites&) = delete;
 
-    // The bytes of the next write; empty when there was none.
+    // The bytes of the next write; empty if there is none.
     std::string next()
     {
         std::string bytes(100000, '\0');
@@ -149,7 +149,7 @@ TEST(StandardError, aMessageIsOneWriteHoweverLong)
 
 TEST(StandardError, nobodyWhoReadsItIsNoReasonToFail)
 {
-    SeparatedWrites writes; // takes the closed descriptor's place at its end
+    SeparatedWrites writes; // its end leaves descriptor 2 closed, as before
     close(STDERR_FILENO);
     OV_LOG(2, "into the void");
     EXPECT_EQ(writes.next(), "");
@@ -187,7 +187,7 @@ TEST(StandardError, theTextIsIndentedWithinReason)
 
 TEST(StandardError, aMessageThatCannotBeFormattedIsToldByItsFormat)
 {
-    const wchar_t unknown[] = {0xe4, 0}; // has no bytes in the "C" locale
+    const wchar_t unknown[] = {0xe4, 0}; // not representable in the "C" locale
     const std::string line = stderrOf([&] { OV_LOG(2, "a word: %ls", &unknown[0]); });
     EXPECT_NE(line.find(": a word: %ls\n"), std::string::npos);
 }

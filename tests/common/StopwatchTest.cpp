@@ -19,14 +19,14 @@ uint64_t monotonicMicroseconds()
     return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
-// Lets so much time pass on the clock that stopwatches read.
+// Waits until this much time has passed on the clock that stopwatches read.
 void waitFor(uint64_t microseconds)
 {
     const uint64_t end = monotonicMicroseconds() + microseconds;
     ASSERT_TRUE(eventually([&] { return monotonicMicroseconds() >= end; }));
 }
 
-// Lets the stopwatch run until it shows at least so much.
+// Waits until the stopwatch shows at least this much.
 void runTo(Stopwatch& stopwatch, uint64_t microseconds)
 {
     ASSERT_TRUE(eventually([&] { return stopwatch.getElapsedTime() >= microseconds; }));
@@ -158,7 +158,7 @@ TEST(StopwatchTest, restartBeginsAnewFromZero)
     stopwatch.restart();
     const uint64_t elapsed = stopwatch.getElapsedTime();
     EXPECT_LE(elapsed, monotonicMicroseconds() - stopwatch.getLastStartTime());
-    runTo(stopwatch, 1000); // and it runs
+    runTo(stopwatch, 1000); // still running
 }
 
 TEST(StopwatchTest, restartingARunningOneMovesItsStart)

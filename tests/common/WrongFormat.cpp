@@ -2,7 +2,7 @@
 
 OV_LOG_CONTROL_WORDS;
 
-// Must not compile: the argument is not what the format says.
+// Must not compile: the argument does not fit the format.
 void wrong()
 {
     OV_LOG(2, "%s", 1);

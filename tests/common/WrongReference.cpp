@@ -1,4 +1,4 @@
-// None of these may compile: the text would be gone before the call is made.
+// None of these may compile: the text would be destroyed before the call.
 #include <string>
 
 #include "common/Calls.h"

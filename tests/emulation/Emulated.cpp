@@ -1,5 +1,5 @@
-// Preloaded into emulated programs, for what the emulator does not do as the kernel does. For TCP_INFO and
-// SIOCOUTQNSD see Words.h.
+// Preloaded into emulated programs. It replaces calls that the emulator handles differently from the kernel.
+// For TCP_INFO and SIOCOUTQNSD see Words.h.
 
 #include "tests/emulation/Words.h"
 
@@ -89,8 +89,9 @@ extern "C" __attribute__((visibility("default"))) int ioctl(int descriptor, unsi
     return function(descriptor, request, argument);
 }
 
-// The C library's lets the child tell by the memory that both share. Emulated, they share none, and it would
-// never tell that a program cannot be started. Here with no more than the tool needs: the mask of signals.
+// In the C library's version, parent and child share memory, by which the child reports that it cannot start
+// the program. Emulated processes share none, so the report would be lost. This version supports only what
+// the tool needs: the signal mask.
 extern "C" __attribute__((visibility("default"))) int
 posix_spawnp(pid_t* child, const char* file, const posix_spawn_file_actions_t*,
              const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment)

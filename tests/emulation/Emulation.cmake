@@ -1,16 +1,16 @@
-# How programs of another processor are run by the tests. Sets
-#   TEST_TIME_FACTOR               how many times longer than elsewhere a test may take
-#   CMAKE_CROSSCOMPILING_EMULATOR  to what all programs of this processor's kind are run with
-# and defines make_startable(target...), which sets PROGRAM_<target> to what starts it: the program, or a script that
-# emulates it and gives itself as the name by which the program was called, so that it can start itself.
+# Lets the tests run programs of another processor. Sets
+#   TEST_TIME_FACTOR               the factor by which a test may take longer than usual
+#   CMAKE_CROSSCOMPILING_EMULATOR  the program that runs all programs of this processor
+# and defines make_startable(target...), which sets PROGRAM_<target> to the command that starts it: the program itself, or a
+# script that emulates it. The script passes itself as the program's name, so that the program can start itself.
 
 set(TEST_TIME_FACTOR 1)
 if(CMAKE_CROSSCOMPILING_EMULATOR)
     set(TEST_TIME_FACTOR 10)
 
-    # The emulator does not know all that the broker asks the kernel for: see Words.h. It gets it from a library that is
-    # loaded into it, built for this machine, and one that is loaded into the programs, by their own loader so that the
-    # programs of this machine that they start are spared it.
+    # The emulator does not support everything that the broker asks the kernel for: see Words.h. A library, built for this
+    # machine, is loaded into the emulator for that. Another one is loaded into the programs, by their own loader, so that
+    # programs of this machine that they start do not get it.
     set(mended_emulator ${PROJECT_BINARY_DIR}/emulated/emulator.so)
     set(mended_program ${PROJECT_BINARY_DIR}/emulated/libemulated.so)
     file(MAKE_DIRECTORY ${PROJECT_BINARY_DIR}/emulated)

@@ -15,7 +15,7 @@
 namespace
 {
 
-// An emulated thread is one of the emulator's, so what one thread asks for is of one time.
+// An emulated thread is a thread of the emulator. So each thread reads the words of its own call.
 thread_local tcp_info info;
 
 int ask(int descriptor, int level, int option, void* value, socklen_t* size)

@@ -1,4 +1,4 @@
-// Connecting to a real broker that may not be there. Each case runs in its own child process.
+// Connecting to a real broker that may not run. Each case runs in its own child process.
 
 #include <filesystem>
 #include <fstream>
@@ -39,7 +39,7 @@ void yieldsTheManager()
     EXPECT_TRUE(manager->sync(10000));
 }
 
-// The threads of this process that connect.
+// The number of this process's threads that are connecting.
 std::size_t attempts()
 {
     std::size_t count = 0;
@@ -59,7 +59,7 @@ void goesOnBetweenTheCalls()
     EXPECT_TRUE(eventually([] { return attempts() == 1; }));
     for (int count = 0; count < 5; ++count)
         EXPECT_EQ(status::connectWithin(5ms), nullptr);
-    EXPECT_EQ(attempts(), 1U); // all wait for the same
+    EXPECT_EQ(attempts(), 1U); // all calls wait for the same attempt
     const BrokerProcess broker;
     StatusManager* manager = nullptr;
     EXPECT_TRUE(eventually([&] { return (manager = status::connectWithin(0ms)) != nullptr; }));

@@ -66,7 +66,7 @@ TEST_F(Notice, waitsOnWhenItsTimeHasCome)
     Gate later;
     EndNotice::post(thread, this, note(), delayMs);
     thread.postDelayed(OV_NEW Opener(later), delayMs + 1);
-    EXPECT_TRUE(later.wait()); // behind the notice, whose time has come by then
+    EXPECT_TRUE(later.wait()); // queued behind the notice, which is due by then
     EXPECT_FALSE(ended.isOpen());
     thread.stop();
     EXPECT_TRUE(ended.isOpen());

@@ -1,4 +1,4 @@
-// The fake, and code under test that does not know of it.
+// The fake, with code under test that does not know about it.
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -17,7 +17,7 @@ namespace
 using namespace std::chrono_literals;
 using status::FakeStatusManager;
 
-// The code under test: switches a fan by the temperature, and asks the library for the manager itself.
+// The code under test: switches a fan by the temperature. It gets the manager from the library.
 class FanControl
 {
 public:

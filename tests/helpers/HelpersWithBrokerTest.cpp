@@ -53,7 +53,7 @@ TEST_F(WithBroker, aSubscriptionTellsEvents)
     const status::Subscription subscription = status::onEvent(
         {"bell"}, thread,
         [&](const std::string& name, const std::string& value) { seen.onEventUpdate(name, value); }, *client);
-    // Its client connects to the notifications in the background: events of before are not told.
+    // The client connects to the notifications in the background, and misses events from before.
     EXPECT_TRUE(eventually(
         [&]
         {
@@ -122,7 +122,7 @@ TEST_F(WithBroker, messagesNextToTheLengthThatIsRefusedArriveWhole)
 
 TEST_F(WithBroker, aKeyIsFoundWhateverTheLengthOfTheQuestion)
 {
-    // Such a character is six bytes of the message.
+    // This character takes six bytes of the message.
     const std::string key = std::string(46, '\x01') + std::string(512 - 28 - 6 * 46, 'k');
     ASSERT_LE(key.size(), 255U);
     EXPECT_TRUE(status::post(key, "1", *client));

@@ -1,6 +1,6 @@
 #include "statusmanager/Helpers.h"
 
-// Each of these must not compile; without any, it does.
+// None of these may compile. Without them, the file compiles.
 void wrong()
 {
     status::post("n", 0); // a number

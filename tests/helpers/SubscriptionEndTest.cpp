@@ -1,4 +1,4 @@
-// How a subscription ends, and what may end before it.
+// How subscriptions end, and which objects may end before them.
 
 #include "tests/helpers/SubscriptionFixture.h"
 
@@ -14,10 +14,28 @@ namespace
 
 using status::Subscription;
 
+// During its destruction and afterwards, nothing may be delivered.
+struct Destroyed
+{
+    explicit Destroyed(Gate& destroyed) : gate(destroyed) {}
+    ~Destroyed() { gate.open(); }
+    Gate& gate;
+};
+
 class Ending : public SubscriptionFixture
 {
 protected:
-    // A subscription whose callback stays in its first call until `release` opens.
+    Subscription recorded() { return status::on({"door"}, thread, record(), manager); }
+
+    // A subscription whose callback owns an object that opens the gate when it is destroyed.
+    Subscription owning(Gate& destroyed)
+    {
+        return status::on(
+            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
+            manager);
+    }
+
+    // A subscription whose first callback blocks until `release` opens.
     Subscription blocked()
     {
         return status::on(
@@ -32,7 +50,7 @@ protected:
             manager);
     }
 
-    // Returns when the thread is busy, which it is until `release` opens.
+    // Returns when the thread is busy. It stays busy until `release` opens.
     void keepThreadBusy()
     {
         Orvane::postCall(OV_SITE, thread, this, &Ending::stay);
@@ -45,7 +63,7 @@ protected:
         release.wait();
     }
 
-    // Both threads have let go of it.
+    // Whether both threads have released it.
     bool nothingIsLeft()
     {
         manager.sync(0);
@@ -61,14 +79,6 @@ protected:
     std::atomic<bool> isLeft{false};
 };
 
-// While this is being destroyed, and after, nothing must be told.
-struct Destroyed
-{
-    explicit Destroyed(Gate& destroyed) : gate(destroyed) {}
-    ~Destroyed() { gate.open(); }
-    Gate& gate;
-};
-
 // An agent that does nothing.
 class Nothing : public Orvane::AsyncEventAgent
 {
@@ -77,7 +87,7 @@ public:
     void* getDeliveryTarget() override { return this; }
 };
 
-// Whether a thread that is in the middle of a call takes no agents any more.
+// Whether a thread that is busy with a call refuses new agents.
 bool isStopping(Orvane::EventThread& thread)
 {
     const Orvane::SmartPtr<Orvane::EventAgent> agent(new Nothing);
@@ -90,7 +100,7 @@ bool isStopping(Orvane::EventThread& thread)
 TEST_F(Ending, comesWithItsObject)
 {
     {
-        const Subscription subscription = status::on({"door"}, thread, record(), manager);
+        const Subscription subscription = recorded();
         settle();
     }
     manager.postStatus("door", "open");
@@ -123,13 +133,13 @@ TEST_F(Ending, dropsCallbacksThatAreQueued)
     end.get();
     settle();
     EXPECT_EQ(calls, 1U);
-    EXPECT_TRUE(log.lines().empty()); // nor was a callback tried that is gone
+    EXPECT_TRUE(log.lines().empty()); // no call of the destroyed callback was tried
 }
 
 TEST_F(Ending, doesNotWaitForOtherCallbacksOfTheThread)
 {
     const Subscription other = blocked();
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     ASSERT_TRUE(entered.wait());
     auto end = std::async(std::launch::async, [&] { subscription.cancel(); });
     EXPECT_EQ(end.wait_for(testDeadline), std::future_status::ready);
@@ -140,7 +150,7 @@ TEST_F(Ending, doesNotWaitForOtherCallbacksOfTheThread)
 
 TEST_F(Ending, doesNotWaitForABusyManager)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     Gate free;
     manager.block(free);
@@ -154,22 +164,22 @@ TEST_F(Ending, mayComeBeforeTheManagerKnowsOfIt)
 {
     Gate free;
     manager.block(free);
-    status::on({"door"}, thread, record(), manager).cancel();
+    recorded().cancel();
     free.open();
     manager.postStatus("door", "open");
     EXPECT_TRUE(nothingIsLeft());
     EXPECT_TRUE(told.empty());
 }
 
-// The listener may be gone when the thread has come to the last agent: a callback behind it would find none.
+// The listener may be destroyed when the thread reaches the last agent. A callback behind it would use it.
 TEST_F(Ending, sendsNothingToItsThreadBehindTheLastAgent)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     keepThreadBusy();
     Gate free;
     manager.block(free);
-    manager.postStatus("door", "open"); // in front of the removal of the listener
+    manager.postStatus("door", "open"); // queued before the listener is removed
     subscription.cancel();
     free.open();
     manager.sync(0);
@@ -189,7 +199,7 @@ TEST_F(Ending, insideItsOwnCallbackMakesThatTheLastCall)
         {
             assigned.wait();
             subscription.cancel();
-            told.push_back(values); // it runs to its end
+            told.push_back(values); // the callback runs to its end
         },
         manager);
     assigned.open();
@@ -217,7 +227,7 @@ TEST_F(Ending, insideItsOwnCallbackDestroysWhatThatCapturedWhenItReturns)
         },
         manager);
     ASSERT_TRUE(entered.wait());
-    manager.block(free); // it need not know of the end
+    manager.block(free); // the manager does not know yet that the thread has ended
     assigned.open();
     EXPECT_TRUE(destroyed.wait());
     free.open();
@@ -229,9 +239,7 @@ TEST_F(Ending, destroysWhatTheCallbackCapturedBeforeItReturns)
 {
     Gate destroyed;
     {
-        const Subscription subscription = status::on(
-            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
-            manager);
+        const Subscription subscription = owning(destroyed);
         settle();
         EXPECT_FALSE(destroyed.isOpen());
     }
@@ -251,7 +259,7 @@ TEST_F(Ending, insideItsCallbackWhileTheThreadIsBeingStopped)
             entered.open();
             stopping.wait();
             subscription.cancel();
-            manager.sync(0); // the manager has let go of it
+            manager.sync(0); // the manager has released it
             told.push_back(values);
         },
         manager);
@@ -267,7 +275,7 @@ TEST_F(Ending, insideItsCallbackWhileTheThreadIsBeingStopped)
 
 TEST_F(Ending, onTheManagersOwnThreadUnregistersToo)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     manager.onThread([&] { subscription.cancel(); });
     manager.postStatus("door", "open");
@@ -277,10 +285,10 @@ TEST_F(Ending, onTheManagersOwnThreadUnregistersToo)
 
 TEST_F(Ending, mayComeAfterTheThreadsEnd)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     threadOwner.reset();
-    manager.postStatus("door", "open"); // goes nowhere, and not to where the thread was
+    manager.postStatus("door", "open"); // reaches nobody, and does not touch the destroyed thread
     manager.sync(0);
     EXPECT_TRUE(subscription);
     subscription.cancel();
@@ -290,7 +298,7 @@ TEST_F(Ending, mayComeAfterTheThreadsEnd)
 
 TEST_F(Ending, mayComeAfterTheManagersEnd)
 {
-    Subscription subscription = status::on({"door"}, thread, record(), manager);
+    Subscription subscription = recorded();
     settle();
     managerOwner.reset();
     subscription.cancel();
@@ -302,9 +310,7 @@ TEST_F(Ending, mayComeAfterTheEndOfBoth)
 {
     Gate destroyed;
     {
-        const Subscription subscription = status::on(
-            {"door"}, thread, [captured = std::make_shared<Destroyed>(destroyed)](const StatusMap&) {},
-            manager);
+        const Subscription subscription = owning(destroyed);
         managerOwner.reset();
         threadOwner.reset();
     }
@@ -314,13 +320,13 @@ TEST_F(Ending, mayComeAfterTheEndOfBoth)
 TEST_F(Ending, ofTheThreadBeforehandLeavesItSilent)
 {
     thread.stop();
-    const Subscription subscription = status::on({"door"}, thread, record(), manager);
+    const Subscription subscription = recorded();
     manager.postStatus("door", "open");
     manager.sync(0);
     EXPECT_TRUE(told.empty());
 }
 
-// Under ThreadSanitizer and AddressSanitizer above all: the three ends, in each order, beside posts.
+// For ThreadSanitizer and AddressSanitizer above all: the three ends in each order, while others post.
 TEST_F(Ending, inAnyOrderIsHarmlessWhileOthersPost)
 {
     std::atomic<bool> isOver{false};
@@ -337,7 +343,7 @@ TEST_F(Ending, inAnyOrderIsHarmlessWhileOthersPost)
     for (unsigned round = 0; round < 300; ++round)
     {
         auto each = std::make_unique<Orvane::EventThread>("each", 0);
-        unsigned count = 0; // no lock: the callback is over when its subscription has ended
+        unsigned count = 0; // no lock: no callback runs after its subscription has ended
         auto values = std::make_unique<Subscription>(status::on(
             {"door"}, *each, [&](const StatusMap&) { ++count; }, manager));
         auto events = std::make_unique<Subscription>(status::onEvent(

@@ -13,7 +13,7 @@
 #include "statusmanager/helpers/Subscription.h"
 #include "tests/helpers/WatchedManager.h"
 
-/// A local manager and a thread for callbacks, both of which a test may destroy.
+/// A local manager and a thread for callbacks. A test may destroy both.
 class SubscriptionFixture : public testing::Test
 {
 protected:
@@ -22,14 +22,14 @@ protected:
         return [this](const StatusMap& values) { told.push_back(values); };
     }
 
-    /// Returns when all that was posted before has been delivered.
+    /// Returns when everything posted before is delivered.
     void settle()
     {
         manager.sync(0);
         pass(thread);
     }
 
-    /// Returns when all that is queued on the thread has been delivered.
+    /// Returns when everything queued on the thread is delivered.
     void pass(Orvane::EventThread& each)
     {
         using Agent = Orvane::SyncEventAgent0<SubscriptionFixture>;
@@ -38,7 +38,7 @@ protected:
 
     void nothing() {}
 
-    std::vector<StatusMap> told; // the thread, and the test when it has settled
+    std::vector<StatusMap> told; // written by the thread; read by the test after settle()
 
     std::unique_ptr<Orvane::EventThread> threadOwner = std::make_unique<Orvane::EventThread>("subscriber", 0);
     std::unique_ptr<WatchedManager> managerOwner = std::make_unique<WatchedManager>();

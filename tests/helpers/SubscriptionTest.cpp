@@ -1,4 +1,4 @@
-// What a subscription tells.
+// The callbacks of a subscription.
 
 #include "tests/helpers/SubscriptionFixture.h"
 

@@ -1,4 +1,4 @@
-// Syncs and waits with a broker that does not answer as it should.
+// Syncs and waits with a broker whose answers are wrong or missing.
 
 #include <gtest/gtest.h>
 #include <memory>
@@ -55,6 +55,6 @@ TEST_F(Unanswered, subscriptionsDoNotHoldUpAWaitBeyondItsTime)
                   "k", [](const std::string&) { return true; }, 50ms, *client),
               std::nullopt);
     EXPECT_LT(std::chrono::steady_clock::now() - begin, testDeadline);
-    EXPECT_TRUE(broker.waitForRequests(before + 1)); // the manager waits for it
+    EXPECT_TRUE(broker.waitForRequests(before + 1)); // the manager still waits for the answer
     broker.reply({"{}"});
 }

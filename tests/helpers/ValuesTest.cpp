@@ -29,7 +29,7 @@ TYPED_TEST_SUITE(NumberText, Numbers);
 class Values : public testing::Test
 {
 protected:
-    // The message of a post of "k" and such a value has this many bytes.
+    // A value for which the message of its post, under the key "k", has this many bytes.
     static std::string valueForMessageOf(std::size_t bytes)
     {
         return std::string(bytes - std::string(R"({"postStatus":{"k":""}})").size(), 'x');
@@ -39,7 +39,7 @@ protected:
     LogCapture log;
 };
 
-// As one that somebody sets with "de_DE".
+// Like a locale set by the program, such as "de_DE".
 class CommaForPoint : public std::numpunct<char>
 {
     char do_decimal_point() const override { return ','; }
@@ -125,7 +125,7 @@ TEST_F(Values, arePostedAsTextOrNumber)
 {
     EXPECT_TRUE(status::post("text", "open"));
     EXPECT_TRUE(status::post("string", std::string("shut")));
-    EXPECT_TRUE(status::post("zero", 0)); // and not as a null pointer
+    EXPECT_TRUE(status::post("zero", 0)); // zero as a number, not as a null pointer
     EXPECT_TRUE(status::post("one half", 0.5));
     EXPECT_TRUE(status::post("yes", true));
     EXPECT_TRUE(status::post({{"a", "1"}, {"b", "2"}}));
@@ -172,7 +172,7 @@ TEST_F(Values, oneByteLongerOrShorterThanThatArePosted)
     EXPECT_EQ(fake.posts().size(), 4U);
 }
 
-// The length that counts is that of the message, in which such characters are six bytes each.
+// The length of the message counts, in which such characters take six bytes each.
 TEST_F(Values, areMeasuredAsTheirMessageWritesThem)
 {
     std::string value = valueForMessageOf(512);

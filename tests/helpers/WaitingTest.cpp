@@ -1,4 +1,4 @@
-// Waiting for values and for the broker, with a fake in its place.
+// Waiting for values and for the broker, with a fake instead of the broker.
 
 #include <algorithm>
 #include <future>

@@ -5,14 +5,14 @@
 
 #include "tests/statusmanager/TestManager.h"
 
-/// A manager whose registry a test can look into.
+/// A manager whose registry the test can inspect.
 class WatchedManager : public TestManager
 {
 public:
     ~WatchedManager() override
     {
         mThread.stop();
-    } // what is queued must not run while this turns into its base
+    } // the queue must not run while only the base class is left
 
     std::size_t listeners()
     {

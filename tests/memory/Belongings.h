@@ -7,14 +7,14 @@
 #include "common/TrackedNew.h"
 #include "tests/support/Wait.h"
 
-/// The resources of its process that a client takes beside memory, and must give back.
+/// The resources besides memory that a client takes from its process, and must return.
 struct Belongings
 {
     std::ptrdiff_t threads = entries("/proc/self/task");
     std::ptrdiff_t files = entries("/proc/self/fd");
     unsigned agents = trackedObjects();
 
-    /// Agents and managers that exist.
+    /// The number of agents and managers that exist.
     static unsigned trackedObjects()
     {
         unsigned live = 0;
@@ -23,8 +23,8 @@ struct Belongings
         return live;
     }
 
-    /// Whether the process comes back to this. The broker's side of connections ends some time after the
-    /// client's.
+    /// Whether the process returns to these numbers. The broker's side of a connection ends a little after
+    /// the client's.
     bool areAllThereIs() const
     {
         return eventually(

@@ -1,4 +1,4 @@
-// Agents, queues and threads where memory runs out.
+// Agents, queues and threads when memory runs out.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@
 
 using namespace Orvane;
 using FailingMemory::Extent;
-using FailingMemory::failEach;
+using FailingMemory::failEachIn;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -21,7 +21,7 @@ using FailingMemory::Spared;
 namespace
 {
 
-// Longer than what a string keeps in itself.
+// Too long for a string to hold without an allocation.
 const std::string longText(100, 'x');
 
 std::vector<int> upTo(int end)
@@ -31,7 +31,7 @@ std::vector<int> upTo(int end)
     return numbers;
 }
 
-// Notes what is delivered to it, without taking memory, and holds its thread while the gate is closed.
+// Records what is delivered to it, without allocating. It blocks its thread while the gate is closed.
 class Receiver
 {
 public:
@@ -53,7 +53,7 @@ private:
     std::vector<int> mTaken;
 };
 
-// A thread and what is sent to it; afterwards nothing may be left of either.
+// A thread and the agents sent to it. Afterwards no object may be left.
 class World
 {
 public:
@@ -70,7 +70,7 @@ public:
 
     void release() { mGate.open(); }
 
-    // Returns when what has been posted is delivered.
+    // Returns when all posts are delivered.
     void settle()
     {
         const Spared spared;
@@ -104,30 +104,10 @@ private:
 class EventFrameworkMemory : public testing::Test
 {
 protected:
-    // Runs `work` in a world of its own for each allocation that may fail; it returns whether one has. The
-    // number of those that have.
-    template <class Work>
-    static unsigned inEachWorld(Work work)
-    {
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                bool hasStruck = false;
-                {
-                    World world;
-                    hasStruck = work(world, failure);
-                }
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
-    }
-
-private:
-    FailingMemory::QuietLog mLog;
+    FailingMemory::QuietLog log;
 };
 
-// Posts ten, of which memory may run out, and notes which were accepted.
+// Posts ten agents while memory may run out, and records which were accepted.
 template <class Post>
 void postTen(std::vector<int>& accepted, Post post)
 {
@@ -142,7 +122,7 @@ void postTen(std::vector<int>& accepted, Post post)
 
 TEST_F(EventFrameworkMemory, aPostIsQueuedOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -161,7 +141,7 @@ TEST_F(EventFrameworkMemory, aPostIsQueuedOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, aDelayedPostIsQueuedOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -180,7 +160,7 @@ TEST_F(EventFrameworkMemory, aDelayedPostIsQueuedOrReachesItsCallerAsAnException
 
 TEST_F(EventFrameworkMemory, aDeliveryThatFailsIsLostAndTheNextComes)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -199,7 +179,7 @@ TEST_F(EventFrameworkMemory, aDeliveryThatFailsIsLostAndTheNextComes)
 
 TEST_F(EventFrameworkMemory, dueAgentsAreAdmittedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -212,7 +192,7 @@ TEST_F(EventFrameworkMemory, dueAgentsAreAdmittedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aWaitingCallIsMadeOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             const auto echo = [&]
@@ -230,7 +210,7 @@ TEST_F(EventFrameworkMemory, aWaitingCallIsMadeOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, aCallInPlaceIsMadeOrReachesItsCallerAsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             struct Place
@@ -254,7 +234,7 @@ TEST_F(EventFrameworkMemory, aCallInPlaceIsMadeOrReachesItsCallerAsAnException)
 
 TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -269,7 +249,7 @@ TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
             const bool hasStruck = failure.during([&] { world.thread().removeAgentsByReceiver(&other); });
             world.settle();
             std::vector<int> taken = world.receiver.taken();
-            std::sort(taken.begin(), taken.end()); // which are due first is a matter of time
+            std::sort(taken.begin(), taken.end()); // agents with close due times may swap
             EXPECT_EQ(taken, upTo(10));
             EXPECT_EQ(other.taken(), upTo(0));
             return hasStruck;
@@ -279,7 +259,7 @@ TEST_F(EventFrameworkMemory, agentsOfAReceiverAreDroppedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, oneAgentIsDroppedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
@@ -299,13 +279,13 @@ TEST_F(EventFrameworkMemory, oneAgentIsDroppedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadStopsAndDropsWhatIsQueuedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             world.occupy();
             for (int number = 0; number < 5; ++number)
             {
-                // May be delivered before the thread stops: takes no memory.
+                // It may be delivered before the thread stops, so it takes no memory.
                 postCall(OV_SITE, world.thread(), &world.receiver, &Receiver::nothing);
                 world.postDelayed(number, 60000);
             }
@@ -321,7 +301,7 @@ TEST_F(EventFrameworkMemory, aThreadStopsAndDropsWhatIsQueuedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadIsDestroyedWithWhatIsQueuedWithoutMemory)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             for (int number = 0; number < 5; ++number)
@@ -333,7 +313,7 @@ TEST_F(EventFrameworkMemory, aThreadIsDestroyedWithWhatIsQueuedWithoutMemory)
 
 TEST_F(EventFrameworkMemory, aThreadIsConstructedOrItsCallerGetsAnException)
 {
-    const unsigned struck = inEachWorld(
+    const unsigned struck = failEachIn<World>(
         [](World&, const Failure& failure)
         {
             std::unique_ptr<EventThread> thread;

@@ -13,7 +13,7 @@
 
 #include "common/Logging.h"
 
-// The malloc() behind the one here, by its own name: malloc() is called before a name can be looked up.
+// The malloc() that ours replaces, by its own symbol: malloc() is called before dlsym() could find it.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 extern "C" void* nextMalloc(std::size_t size) __asm__("__interceptor_malloc");
 #else
@@ -23,10 +23,10 @@ extern "C" void* nextMalloc(std::size_t size) __asm__("__libc_malloc");
 namespace
 {
 
-bool isArmed = false; // by atomic builtins, as malloc() is called before anything else has begun
+bool isArmed = false; // atomic builtins: malloc() is called before any initialisation
 std::atomic<unsigned> counted{0};
 std::atomic<bool> hasFailed{false};
-unsigned failing = 0; // written while nobody counts
+unsigned failing = 0; // written only while no thread counts
 FailingMemory::Extent failingExtent = FailingMemory::Extent::One;
 
 std::atomic<std::size_t> live{0};
@@ -40,13 +40,13 @@ bool isCountedThread()
         return true;
     std::array<char, 16> name{};
     prctl(PR_GET_NAME, name.data());
-    // The managers' threads, as the kernel shows them, and what a test adds.
+    // The managers' threads by their kernel names, and the name for threads of tests.
     constexpr std::array<const char*, 3> names{"StatusManager", "ProcessStatusMe", "counted"};
     return std::any_of(names.begin(), names.end(),
                        [&](const char* each) { return std::strcmp(each, name.data()) == 0; });
 }
 
-// ----------------------------------------------------------------------------- malloc() calls that count
+// --------------------------------------------------------------------------- the malloc() calls that count
 
 struct Range
 {
@@ -54,7 +54,7 @@ struct Range
     std::uintptr_t end;
 };
 
-// Where the code lies whose calls of malloc() count.
+// The address ranges of the code whose malloc() calls count.
 struct Libraries
 {
     std::array<Range, 3> code{};
@@ -136,7 +136,7 @@ namespace FailingMemory
 
 Shortage::Shortage(unsigned nth, Extent extent)
 {
-    libraries(); // found before anything counts
+    libraries(); // found before counting begins
     failing = nth;
     failingExtent = extent;
     counted = 0;
@@ -196,11 +196,11 @@ QuietLog::~QuietLog()
 
 } // namespace FailingMemory
 
-// --------------------------------------------------------------------------- in the place of the libraries'
+// ------------------------------------------------------------------------ replaces the libraries' functions
 
 #define REPLACES_LIBRARY [[gnu::visibility("default")]]
 
-// Not under ThreadSanitizer: it would not see any more which memory is libzmq's, whose races it passes over.
+// Not under ThreadSanitizer: it could no longer recognise libzmq's memory, whose races it is told to ignore.
 #ifndef __SANITIZE_THREAD__
 extern "C" REPLACES_LIBRARY [[gnu::no_sanitize("address,undefined")]] void* malloc(std::size_t size) noexcept
 {

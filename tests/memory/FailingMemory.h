@@ -6,20 +6,20 @@
 #include <new>
 #include <string>
 
-/// Takes the place of a program's memory: lets an allocation fail on purpose, of those that this project is
-/// answerable for. Those are its threads' allocations by operator new, and by malloc() from its own libraries
-/// and from JsonCpp. Allocations of libzmq never fail: libzmq aborts then.
+/// Replaces a program's memory allocation, and makes allocations fail on purpose. Only allocations that this
+/// project is responsible for can fail: those by operator new, and by malloc() from its own libraries and
+/// from JsonCpp. Allocations of libzmq never fail, because libzmq would abort.
 namespace FailingMemory
 {
 
 enum class Extent
 {
-    One,   ///< one allocation fails, the next succeeds again
-    Onward ///< all fail from there on
+    One,   ///< one allocation fails, the next succeeds
+    Onward ///< this allocation and all later ones fail
 };
 
-/// While it lives, allocations are counted, and the nth fails. Counted are those of the thread that made
-/// this, of the threads of the managers, and of event threads called "counted". One at a time.
+/// While it lives, it counts allocations and lets the nth fail. It counts the thread that created it, the
+/// managers' threads, and event threads called "counted". One at a time.
 class Shortage
 {
 public:
@@ -33,7 +33,7 @@ public:
     bool hasStruck() const;
 };
 
-/// While it lives, nothing that its thread takes is counted or fails.
+/// While it lives, allocations of its thread are neither counted nor failed.
 class Spared
 {
 public:
@@ -44,7 +44,7 @@ public:
     Spared& operator=(const Spared&) = delete;
 };
 
-/// While it lives, what is logged is formatted and thrown away.
+/// While it lives, log messages are formatted and discarded.
 class QuietLog
 {
 public:
@@ -55,13 +55,13 @@ public:
     QuietLog& operator=(const QuietLog&) = delete;
 };
 
-/// Counts one allocation of the calling thread; true if it must fail.
+/// Counts an allocation of the calling thread. Returns true if it must fail.
 bool fails();
 
-/// How many objects exist that operator new has made, on any thread.
+/// The number of objects that exist from operator new, on all threads.
 std::size_t liveObjects();
 
-/// Whether std::bad_alloc leaves the call.
+/// Whether the call throws std::bad_alloc.
 template <class Call>
 bool runsOut(Call call)
 {
@@ -76,13 +76,13 @@ bool runsOut(Call call)
     }
 }
 
-/// A shortage to come.
+/// Describes a shortage.
 struct Failure
 {
     unsigned nth;
     Extent extent;
 
-    /// Makes the call, and lets memory run out meanwhile. Whether it has, so far.
+    /// Makes the call during the shortage. Returns whether an allocation has failed so far.
     template <class Call>
     bool during(Call call) const
     {
@@ -92,10 +92,10 @@ struct Failure
     }
 };
 
-/// Calls `attempt` with the first, the second, the third... allocation failing, until one is through without
-/// having come to the one that fails; then the same with all failing from there on. `attempt` takes a
-/// Failure, and returns what its during() has. Stops where a test fails.
-/// Returns how many have struck: none where nothing needs memory.
+/// Calls `attempt` with the first allocation failing, then the second, and so on, until an attempt needs
+/// fewer allocations. Then repeats this with all later allocations failing, too. `attempt` takes a Failure,
+/// and returns the result of its during(). Stops when a test fails.
+/// Returns the number of failures: 0 if nothing allocates.
 template <class Attempt>
 unsigned failEach(Attempt attempt)
 {
@@ -114,6 +114,32 @@ unsigned failEach(Attempt attempt)
         }
     }
     return struck;
+}
+
+/// Like failEach(). Each attempt must free all objects that it makes.
+template <class Attempt>
+unsigned failEachCleanly(Attempt attempt)
+{
+    return failEach(
+        [&](const Failure& failure)
+        {
+            const std::size_t before = liveObjects();
+            const bool hasStruck = attempt(failure);
+            EXPECT_EQ(liveObjects(), before) << "something was left behind";
+            return hasStruck;
+        });
+}
+
+/// Like failEachCleanly(), with a new World for each attempt.
+template <class World, class Attempt>
+unsigned failEachIn(Attempt attempt)
+{
+    return failEachCleanly(
+        [&](const Failure& failure)
+        {
+            World world;
+            return attempt(world, failure);
+        });
 }
 
 } // namespace FailingMemory

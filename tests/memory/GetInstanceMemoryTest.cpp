@@ -1,5 +1,5 @@
-// The process's one manager, where memory runs out while it is made. Each case is run in a child, because
-// nothing ever destroys the manager.
+// The process's one manager when memory runs out during its construction. Each case runs in a child process,
+// because the manager is never destroyed.
 
 #include <cstdio>
 #include <cstdlib>
@@ -18,7 +18,7 @@ using FailingMemory::Failure;
 using FailingMemory::runsOut;
 
 #ifdef __SANITIZE_THREAD__
-// It would sleep a second at the end of each child.
+// By default, ThreadSanitizer sleeps a second at the end of each child.
 extern "C" [[gnu::visibility("default")]] const char* __tsan_default_options()
 {
     return "atexit_sleep_ms=0";
@@ -42,7 +42,7 @@ constexpr int passedUntouched = 2;
 class GetInstanceMemory : public testing::TestWithParam<bool>
 {
 protected:
-    // Makes the instance, where memory may run out, and makes it for certain then.
+    // Makes the instance while memory may run out, then again without a shortage.
     static bool makeInstance(bool useStub, const Failure& failure)
     {
         const Belongings before;
@@ -68,7 +68,7 @@ protected:
         const pid_t child = fork();
         if (child == 0)
         {
-            std::thread([] {}).join(); // ThreadSanitizer starts one of its own beside the first
+            std::thread([] {}).join(); // ThreadSanitizer starts its own thread with the first
             const FailingMemory::QuietLog log;
             std::optional<ScriptedBroker> broker;
             if (!useStub)

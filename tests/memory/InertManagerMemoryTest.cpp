@@ -1,4 +1,4 @@
-// The inert manager where memory runs out, operation by operation.
+// The inert manager when memory runs out, operation by operation.
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -6,7 +6,7 @@
 #include "statusmanager/StatusManagerStub.h"
 #include "tests/memory/LocalWorld.h"
 
-using FailingMemory::failEach;
+using FailingMemory::failEachCleanly;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 
@@ -29,8 +29,7 @@ public:
     }
 };
 
-// One of the operations that the inert manager has of its own, and its result as text. Its arguments take
-// memory.
+// An operation that the inert manager implements itself, with its result as text. Its arguments allocate.
 struct InertOperation
 {
     const char* name;
@@ -107,20 +106,15 @@ TEST_P(InertManagerMemory, anOperationIsNeutralOrReachesItsCallerAsAnExceptionAn
     {
         const FailingMemory::QuietLog log(rules);
         FakeClock::reset();
-        failEach(
+        failEachCleanly(
             [&](const Failure& failure)
             {
-                const std::size_t before = FailingMemory::liveObjects();
-                bool hasStruck = false;
-                {
-                    std::string result;
-                    bool ranOut = false;
-                    hasStruck =
-                        failure.during([&] { ranOut = runsOut([&] { result = GetParam().call(manager); }); });
-                    EXPECT_TRUE(hasStruck || !ranOut);
-                    EXPECT_EQ(result, ranOut ? "" : GetParam().expected);
-                }
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
+                std::string result;
+                bool ranOut = false;
+                const bool hasStruck =
+                    failure.during([&] { ranOut = runsOut([&] { result = GetParam().call(manager); }); });
+                EXPECT_TRUE(hasStruck || !ranOut);
+                EXPECT_EQ(result, ranOut ? "" : GetParam().expected);
                 EXPECT_EQ(GetParam().call(manager), GetParam().expected);
                 EXPECT_TRUE(manager.isUntouched());
                 EXPECT_FALSE(FakeClock::lastSetting());

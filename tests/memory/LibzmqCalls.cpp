@@ -23,7 +23,7 @@ bool isNotifyThread()
     return std::strcmp(name.data(), "ProcessStatusMe") == 0;
 }
 
-// Whether libzmq has no memory for a message of this size. Small ones need none.
+// Whether libzmq has no memory for a message of this size. Small messages need none.
 bool lacksMemoryFor(size_t size)
 {
     constexpr size_t mostInTheMessageItself = 33;
@@ -33,7 +33,7 @@ bool lacksMemoryFor(size_t size)
     return true;
 }
 
-// Calls libzmq's own function of this name and type.
+// Calls libzmq's function of this name and type.
 template <class Result, class... A>
 Result pass(const char* name, Result (*)(A...), A... arguments)
 {

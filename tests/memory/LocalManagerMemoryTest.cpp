@@ -1,12 +1,11 @@
-// The local manager's state and its listeners where memory runs out, operation by
-// operation.
+// The local manager's state and listeners when memory runs out, operation by operation.
 
 #include <gtest/gtest.h>
 #include <ostream>
 
 #include "tests/memory/LocalWorld.h"
 
-using FailingMemory::failEach;
+using FailingMemory::failEachCleanly;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -16,7 +15,7 @@ namespace
 
 using namespace std::string_literals;
 
-// One of the manager's operations, and its result if it has one. It may be called twice.
+// An operation of the manager, with its result if it has one. It may be called twice.
 struct Operation
 {
     const char* name;
@@ -109,11 +108,11 @@ std::string nameOf(const testing::TestParamInfo<Operation>& info)
     return info.param.name;
 }
 
-// One of the operations, while memory runs out.
+// One operation, while memory runs out.
 class LocalManagerMemory : public testing::TestWithParam<Operation>
 {
 protected:
-    // How often memory has run out.
+    // Returns how often memory ran out.
     static unsigned tryAll(unsigned keys, Caller caller)
     {
         SCOPED_TRACE(std::to_string(keys) + " keys" +
@@ -122,14 +121,8 @@ protected:
         const std::string expected = call(GetParam(), caller, after);
         after.settle();
         const State wholly = after.state();
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                const bool hasStruck = tryOne(failure, keys, caller, expected, wholly);
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
+        return failEachCleanly([&](const Failure& failure)
+                               { return tryOne(failure, keys, caller, expected, wholly); });
     }
 
 private:
@@ -166,7 +159,7 @@ private:
 TEST_P(LocalManagerMemory, anOperationTakesEffectWhollyOrNotAtAllAndCanBeRepeated)
 {
     const FailingMemory::QuietLog log;
-    for (const unsigned keys : {3U, 10U}) // searched, and found by their index
+    for (const unsigned keys : {3U, 10U}) // 3 are searched; 10 use the index
     {
         EXPECT_GT(tryAll(keys, Caller::Other), 0U);
         tryAll(keys, Caller::ManagersThread);

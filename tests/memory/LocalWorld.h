@@ -11,25 +11,12 @@
 #include <vector>
 
 #include "tests/memory/FailingMemory.h"
+#include "tests/memory/LongNames.h"
 #include "tests/statusmanager/TestManager.h"
 #include "tests/support/FakeClock.h"
 #include "tests/support/RecordingListener.h"
 
-/// A local manager with its listeners, for tests where memory runs out.
-
-/// A name that takes memory of its own, as one of few or of many.
-inline std::string name(const std::string& kind, unsigned number)
-{
-    return kind + " of a length that takes memory, " + std::to_string(number);
-}
-
-inline StatusKeys names(const std::string& kind, unsigned first, unsigned end)
-{
-    StatusKeys all;
-    for (; first < end; ++first)
-        all.push_back(name(kind, first));
-    return all;
-}
+/// A local manager with its listeners, for tests in which memory runs out.
 
 inline StatusMap values(unsigned first, unsigned end, const std::string& value)
 {
@@ -39,29 +26,23 @@ inline StatusMap values(unsigned first, unsigned end, const std::string& value)
     return all;
 }
 
-inline std::string shown(const StatusMap& map)
-{
-    const FailingMemory::Spared spared;
-    return testing::PrintToString(map);
-}
-
 class Manager : public TestManager
 {
 public:
     using StatusManager::mListeners;
 };
 
-/// A listener's record. Its address differs from world to world.
+/// A listener's record. Its address differs between worlds.
 using Record = std::tuple<const void*, StatusKeys, EventKeys>;
 
-/// All that a manager keeps.
+/// Everything that a manager stores.
 struct State
 {
     StatusMap values;
     std::deque<Counter> counters;
     std::vector<std::string> timers;
     std::vector<Record> listeners;
-    time_t clock = 0; // as it was set last
+    time_t clock = 0; // the last setting
 
     friend bool operator==(const State& a, const State& b)
     {
@@ -77,8 +58,8 @@ struct State
     }
 };
 
-/// A manager that has something of everything. Two listeners have subscribed to `keys` keys and events, a
-/// third to none, a fourth is not registered.
+/// A manager with all kinds of content. Two listeners have subscribed to `keys` keys and events, a third to
+/// none, a fourth is not registered.
 class World
 {
 public:
@@ -116,7 +97,7 @@ public:
         occupied.wait();
     }
 
-    /// Returns when all is done and all listeners are told.
+    /// Returns when the manager is idle and all listeners have been called.
     void settle()
     {
         const FailingMemory::Spared spared;
@@ -144,7 +125,7 @@ public:
         return now;
     }
 
-    /// The value that a listener takes for the present one.
+    /// The value that a listener last received for the key.
     static std::string knownTo(const RecordingListener& listener, const std::string& key)
     {
         std::string value;
@@ -156,7 +137,7 @@ public:
         return value;
     }
 
-    /// All listeners know what is stored of what they subscribed to.
+    /// Expects that all listeners have received the stored values of their subscriptions.
     void expectAllTold()
     {
         const State now = state();
@@ -167,7 +148,7 @@ public:
     }
 
     const unsigned keys;
-    RecordingListener first; // these stand in the order of their addresses
+    RecordingListener first; // declared in the order of their addresses
     RecordingListener second;
     RecordingListener third;
     RecordingListener fourth;

@@ -1,4 +1,4 @@
-// Messages and control words where memory runs out.
+// Messages and control words when memory runs out.
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace
 
 const std::string longText(1000, 'x');
 
-// Takes messages, and keeps the last one.
+// Receives messages, and keeps the last one.
 struct Heard
 {
     Heard() { ov_log_set_sink(&Heard::hear, this); }

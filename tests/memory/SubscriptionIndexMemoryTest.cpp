@@ -24,7 +24,7 @@ StatusKeys names(unsigned count)
     return all;
 }
 
-// Whether exactly the keys from the first on are in the list.
+// Whether the list contains exactly the keys from the first on.
 bool areFound(SubscriptionIndex& index, const StatusKeys& list, const StatusKeys& all, unsigned first)
 {
     const SubscriptionIndex::Lookup lookup = index.in(list);
@@ -49,7 +49,7 @@ TEST(SubscriptionIndexMemory, aLongListIsLookedUpAlsoWhereThereIsNoMemoryForItsI
             bool areAllFound = false;
             const bool hasStruck = failure.during([&] { areAllFound = areFound(index, list, all, 0); });
             EXPECT_TRUE(areAllFound);
-            for (unsigned number = 0; number < 10; ++number) // some of which may be in the index already
+            for (unsigned number = 0; number < 10; ++number) // some may be in the index already
                 index.erase(list, all[number]);
             EXPECT_TRUE(areFound(index, list, all, 10));
             return hasStruck;

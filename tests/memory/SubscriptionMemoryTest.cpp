@@ -1,4 +1,4 @@
-// Subscriptions of the helpers where memory runs out.
+// Subscriptions of the helpers when memory runs out.
 
 #include <gtest/gtest.h>
 #include <string>
@@ -8,7 +8,7 @@
 #include "tests/helpers/WatchedManager.h"
 #include "tests/memory/FailingMemory.h"
 
-using FailingMemory::failEach;
+using FailingMemory::failEachIn;
 using FailingMemory::Failure;
 using FailingMemory::runsOut;
 using FailingMemory::Spared;
@@ -16,7 +16,7 @@ using FailingMemory::Spared;
 namespace
 {
 
-// Longer than what a string keeps in itself.
+// Too long for a string to hold without an allocation.
 const std::string key(100, 'k');
 
 // A manager and a thread whose memory may run out.
@@ -29,7 +29,7 @@ public:
             {key}, thread, [this](const StatusMap&) { ++calls; }, manager);
     }
 
-    // Returns when all that was queued has been done.
+    // Returns when everything queued is done.
     void settle()
     {
         const Spared spared;
@@ -38,7 +38,7 @@ public:
         manager.sync(0);
     }
 
-    unsigned calls = 0; // the thread's, and the test's when it has settled
+    unsigned calls = 0; // written by the thread; read by the test after settle()
     Orvane::EventThread thread{"counted", 0};
     WatchedManager manager;
 
@@ -49,33 +49,14 @@ private:
 class SubscriptionMemory : public testing::Test
 {
 protected:
-    // Does the work in a world of its own, with each allocation failing once, and compares what is left.
-    template <class Work>
-    unsigned failEachOf(Work work)
-    {
-        return failEach(
-            [&](const Failure& failure)
-            {
-                const std::size_t before = FailingMemory::liveObjects();
-                bool hasStruck = false;
-                {
-                    World world;
-                    hasStruck = work(world, failure);
-                }
-                EXPECT_EQ(FailingMemory::liveObjects(), before) << "something was left behind";
-                return hasStruck;
-            });
-    }
-
-private:
-    FailingMemory::QuietLog mLog;
+    FailingMemory::QuietLog log;
 };
 
 } // namespace
 
 TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
 {
-    const unsigned struck = failEachOf(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             status::Subscription subscription;
@@ -93,7 +74,7 @@ TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
             EXPECT_LE(world.calls, mostCalls);
             subscription.cancel();
             world.settle();
-            world.manager.clearInfo(); // it may still be registered: a manager does not free such records
+            world.manager.clearInfo(); // frees the record of a listener that may still be registered
             return hasStruck;
         });
     EXPECT_GT(struck, 10U);
@@ -101,7 +82,7 @@ TEST_F(SubscriptionMemory, oneThatCannotBeMadeIsNeverCalled)
 
 TEST_F(SubscriptionMemory, oneEndsWhetherOrNotThereIsMemory)
 {
-    const unsigned struck = failEachOf(
+    const unsigned struck = failEachIn<World>(
         [](World& world, const Failure& failure)
         {
             status::Subscription subscription = world.subscribe();
@@ -111,7 +92,7 @@ TEST_F(SubscriptionMemory, oneEndsWhetherOrNotThereIsMemory)
             world.manager.postStatus(key, "1");
             world.settle();
             EXPECT_EQ(world.calls, calls);
-            world.manager.clearInfo(); // it may still be registered: a manager does not free such records
+            world.manager.clearInfo(); // frees the record of a listener that may still be registered
             return hasStruck;
         });
     EXPECT_GT(struck, 1U);

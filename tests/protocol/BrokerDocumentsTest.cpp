@@ -1,4 +1,4 @@
-// The documents as the broker reads and writes them.
+// Documents as the broker reads and writes them.
 
 #include "protocol/BrokerDocuments.h"
 
@@ -52,11 +52,11 @@ std::string membersOf(const char* key, std::size_t count)
 class Reading : public testing::Test
 {
 protected:
-    // Commands are used again and again, so each message follows another.
+    // Commands are reused, so each message follows another.
     bool readsPost(const std::string& text) { return command.readPost(message = text); }
     bool readsRequest(const std::string& text) { return command.readRequest(message = text); }
 
-    std::string message; // in which the texts stand
+    std::string message; // holds the texts
     Command command;
 };
 
@@ -325,7 +325,7 @@ TEST(BrokersWriting, isCompact)
               R"({"a.b":5,"c":18446744073709551615})");
 }
 
-// On 32 bits atoi() stops at 2^31 - 1; it reads the signed text of the same bits right everywhere.
+// On 32 bits atoi() stops at 2^31 - 1. It reads the signed text of the same bits correctly everywhere.
 TEST(BrokersWriting, aCounterAboveTheSignedNumbersIsTheNegativeNumberOfTheSameBits)
 {
     EXPECT_EQ(written(appendCounterReply, 0U), "0");

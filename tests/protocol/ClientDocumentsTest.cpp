@@ -1,4 +1,4 @@
-// The documents as clients write and read them.
+// Documents as clients write and read them.
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
-// Earlier brokers read and wrote documents with JsonCpp, and clients do so still. A document that both accept
-// must mean the same to both, and both must write the same bytes.
+// Earlier brokers read and wrote documents with JsonCpp, and clients still do. A document that both accept
+// must have the same meaning for both, and both must write the same bytes.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ using Map = std::map<std::string, std::string>;
 
 std::optional<Meaning> readByBroker(const std::string& document, bool (Command::*read)(std::string_view))
 {
-    static Command command; // used again and again, as in the broker
+    static Command command; // reused, as in the broker
     if (!(command.*read)(document))
         return std::nullopt;
     const auto isOutOfOrder = [](const Member& one, const Member& other) { return one.name >= other.name; };
@@ -49,7 +49,7 @@ public:
         return elements[upTo(elements.size() - 1)];
     }
 
-    // Valid UTF-8, with all that has to be escaped.
+    // Valid UTF-8, with every character that must be escaped.
     std::string text()
     {
         static const std::vector<std::string> pieces{"a",
@@ -90,7 +90,7 @@ public:
         return text;
     }
 
-    // As JSON may spell it: with escapes or without.
+    // A spelling that JSON allows: with escapes or without.
     std::string spelt()
     {
         static const std::vector<std::string> pieces{"a",
@@ -305,7 +305,7 @@ TEST(JsonCppAgreement, everyCharacterIsWrittenAsJsonCppWritesIt)
     for (unsigned point = 0; point < 0x110000; point += point < 0x3000 ? 1 : 7)
     {
         if (point >= 0xd800 && point < 0xe000)
-            continue; // no characters
+            continue; // not characters
         const std::string text = encoded(point);
         ASSERT_EQ(written(appendText, text), writtenByJsonCpp(Json::Value(text))) << point;
     }

@@ -12,10 +12,10 @@
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations" // Json::Reader: the wire format is its
 
-/// The meaning of a post or a request, as JsonCpp reads it: earlier brokers left the reading to JsonCpp.
+/// The meaning of a post or request as JsonCpp reads it. Earlier brokers read with JsonCpp.
 struct Meaning
 {
-    std::string name; ///< of the operation
+    std::string name; ///< name of the operation
     std::string text;
     std::map<std::string, std::string> members;
     std::vector<std::string> texts;

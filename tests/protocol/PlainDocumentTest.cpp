@@ -43,7 +43,7 @@ std::optional<Json::Value> readByJsonCpp(const std::string& document)
     return root;
 }
 
-// The same documents in every run.
+// Generates the same documents in every run.
 class Generator
 {
 public:
@@ -121,7 +121,7 @@ TEST(PlainDocument, everyByteThatJsonCppWritesOtherwiseIsLeftToIt)
         const std::string text = std::string("a") + static_cast<char>(byte) + "b";
         const std::string document = R"({"k":")" + text + "\"}";
         const bool asItIs = writtenByJsonCpp(objectOf({{"k", text}})) == document;
-        const bool plain = asItIs && byte != 0x7f; // the one that could be, but is not printable
+        const bool plain = asItIs && byte != 0x7f; // DEL needs no escape, but is not printable
         EXPECT_EQ(PlainDocument::write("k", text).has_value(), plain) << byte;
         EXPECT_EQ(PlainDocument::write("k", Members{{text, ""}}).has_value(), plain) << byte;
         EXPECT_EQ(PlainDocument::write(Members{{"", text}}).has_value(), plain) << byte;
@@ -130,7 +130,7 @@ TEST(PlainDocument, everyByteThatJsonCppWritesOtherwiseIsLeftToIt)
     }
 }
 
-// A damaged document is refused, or read as JsonCpp reads it.
+// Damaged documents are refused, or read as JsonCpp reads them.
 TEST(PlainDocument, damagedIsNeverReadOtherwiseThanByJsonCpp)
 {
     Generator generator;
@@ -185,7 +185,7 @@ TEST(PlainDocument, whatIsNotOfThisFormIsLeftToJsonCpp)
         EXPECT_FALSE(PlainDocument::readMembers(document)) << document;
 }
 
-// Texts are looked at eight bytes at a time.
+// The implementation looks at eight bytes at a time.
 TEST(PlainDocument, isNoneWithAnOddByteAtAnyPlace)
 {
     for (int value = 0; value < 256; ++value)

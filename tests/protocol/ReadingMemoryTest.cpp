@@ -1,5 +1,5 @@
-// The memory that the broker needs for reading one message, as the kernel counts it: room that is asked for
-// and not used takes none.
+// The memory that the broker needs to read one message, as the kernel counts it: reserved memory that is
+// never used does not count.
 
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -15,18 +15,18 @@ using BrokerProtocol::Command;
 
 constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
-// Most memory that `read` needs for a moment, beyond what there was before.
+// The peak of memory during `read`, beyond the memory in use before.
 template <class Read>
 std::size_t peakOf(Read read)
 {
-    malloc_trim(0); // what others have let go of
+    malloc_trim(0); // returns freed memory to the kernel
     resetPeakMemory("self");
     const std::size_t before = memoryOf("self", "VmRSS");
     read();
     return memoryOf("self", "VmHWM") - before;
 }
 
-// A megabyte of them, the last of which may need another reader.
+// About 1 MiB of values. The last value may need the slower reader.
 std::string postOfManyValues(int count, const std::string& last)
 {
     constexpr int firstName = 10000;
@@ -47,7 +47,7 @@ std::string listOfEmptyNames(int count)
 
 constexpr int manyValues = BrokerProtocol::mostMembers - 1;
 
-// Reads it, and returns how much memory that needed beside the message.
+// Reads the post. Returns the memory needed besides the message.
 std::size_t peakOfReading(const std::string& post)
 {
     EXPECT_GT(post.size(), mebi * 95 / 100);
@@ -65,14 +65,14 @@ TEST(ReadingMemory, ofAsManyValuesAsMayBeIsLessThanTheMessage)
     EXPECT_LE(peakOfReading(post), post.size());
 }
 
-// All texts are copied then.
+// All texts are copied in this case.
 TEST(ReadingMemory, ofOneThatHasToBeUnescapedIsAtMostTwiceItsSize)
 {
     const std::string post = postOfManyValues(manyValues, R"(\t)");
     EXPECT_LE(peakOfReading(post), 2 * post.size());
 }
 
-// Each takes three bytes of the message, and sixteen of what is made of it.
+// Each takes three bytes of the message, and sixteen bytes in memory.
 TEST(ReadingMemory, ofAsManyEmptyNamesAsMayBeIsAtMostHalfAMegabyte)
 {
     constexpr int count = BrokerProtocol::mostMembers;

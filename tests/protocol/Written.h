@@ -8,7 +8,7 @@
 
 #include "protocol/BrokerDocuments.h"
 
-/// The broker's writers append to a text; tests mostly want a text of its own.
+/// Returns what one of the broker's writers appends, as a text.
 template <class... Parameters, class... Arguments>
 std::string written(void (*append)(std::string&, Parameters...), Arguments&&... arguments)
 {
@@ -17,7 +17,7 @@ std::string written(void (*append)(std::string&, Parameters...), Arguments&&... 
     return text;
 }
 
-/// The members stand in the map.
+/// The texts of the members stay in the map.
 inline std::vector<BrokerProtocol::Member> membersIn(const std::map<std::string, std::string>& map)
 {
     std::vector<BrokerProtocol::Member> members;
@@ -26,7 +26,7 @@ inline std::vector<BrokerProtocol::Member> membersIn(const std::map<std::string,
     return members;
 }
 
-/// An object of texts, as the answers that hold several values.
+/// An object of texts, like the answers with several values.
 inline std::string writtenObject(const std::map<std::string, std::string>& map)
 {
     std::string text = "{";

@@ -1,4 +1,4 @@
-// Replies that are none, and requests that fail.
+// Invalid replies, and failing requests.
 
 #include "tests/proxy/OperationsFixture.h"
 
@@ -7,7 +7,7 @@ namespace
 
 // --------------------------------------------------------------------------------------------- bad replies
 
-// Replies that are no answer to a query for status values.
+// Replies that do not answer a query for status values.
 class BadReply : public Operations, public ::testing::WithParamInterface<Reply>
 {
 protected:
@@ -180,7 +180,7 @@ TEST_F(Operations, syncAckBehindANulFailsSync)
 
 // ---------------------------------------------------------------------------- requests that do not succeed
 
-// All attempts fail, as an empty frame is never a reply.
+// All attempts fail, because an empty frame is never a reply.
 class FailedRequest : public Operations
 {
 protected:

@@ -7,7 +7,7 @@
 
 using Frames = ScriptedBroker::Frames;
 
-/// Distinct neighbouring bytes, so that a part that is shifted or repeated shows.
+/// Neighbouring bytes differ, so that shifted or repeated parts show.
 inline std::string bytes(std::size_t size)
 {
     std::string text(size, '\0');
@@ -16,7 +16,7 @@ inline std::string bytes(std::size_t size)
     return text;
 }
 
-/// `text` in frames of at most 512 bytes.
+/// Splits `text` into frames of at most 512 bytes.
 inline Frames cut(const std::string& text)
 {
     Frames frames;

@@ -31,7 +31,7 @@ void PrintTo(const Line& line, std::ostream* stream)
     *stream << line.level << ' ' << line.function << ": " << line.text;
 }
 
-// The lines that the client's source file has logged.
+// The lines logged by the client's source file.
 std::vector<Line> linesOf(const LogCapture& log)
 {
     std::vector<Line> lines;
@@ -222,7 +222,7 @@ struct Failure
     const char* name;
     const char* call;
     const char* text;
-    Texts calls; // all that are made
+    Texts calls; // in all
 };
 
 void PrintTo(const Failure& failure, std::ostream* stream)
@@ -255,7 +255,7 @@ TEST_P(FailedSetUp, sendsNoSyncAndStartsNoNotifyLoop)
     EXPECT_FALSE(log.has(7, "Creating notify socket"));
 }
 
-// No notify loop: nothing has to be published for it.
+// There is no notify loop, so its end needs no notification.
 TEST_P(FailedSetUp, clientCanBeDestroyed)
 {
     auto proxy = std::make_unique<TestProxy>();
@@ -310,7 +310,7 @@ TEST_F(Init, laterQueriesFailAndAreLoggedWithoutARequestSocket)
 
 // ------------------------------------------------------ a step of the notify loop, or the handshake, fails
 
-// A notify socket that never yields anything keeps the loop running free, so it needs no notification to end.
+// This notify socket never yields anything, so the loop never blocks and needs no notification to end.
 class FailedNotifySetUp : public Init
 {
 protected:
@@ -357,7 +357,7 @@ TEST_F(FailedNotifySetUp, eachFailedReceiveIsLoggedTwice)
     }
 }
 
-// With a pause of only 6 ms between them, that many passes would take longer than the deadline.
+// With a pause of only 6 ms between them, this many passes would exceed the deadline.
 TEST_F(FailedNotifySetUp, theNextPassFollowsAFailedReceiveAtOnce)
 {
     constexpr std::size_t passes = 5000 * TEST_TIME_FACTOR;

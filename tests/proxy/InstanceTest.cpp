@@ -20,13 +20,13 @@ void theBrokersClientStays()
     EXPECT_NE(dynamic_cast<StatusManagerProxy*>(first), nullptr);
     EXPECT_EQ(StatusManager::getInstance(true), first);
     EXPECT_EQ(StatusManager::getInstance(false), first);
-    EXPECT_EQ(broker.requests(), std::vector<ScriptedBroker::Frames>{{"Sync"}}); // of one client
+    EXPECT_EQ(broker.requests(), std::vector<ScriptedBroker::Frames>{{"Sync"}}); // from one client
 }
 
 void theInertManagerStays()
 {
     StatusManager* const first = StatusManager::getInstance(true);
-    EXPECT_EQ(StatusManager::getInstance(false), first); // at once, there is no broker
+    EXPECT_EQ(StatusManager::getInstance(false), first); // returns at once without a broker
     EXPECT_NE(dynamic_cast<StatusManagerStub*>(first), nullptr);
 }
 

@@ -33,7 +33,7 @@ protected:
 
     ~NotifyThread() override { client->unregisterListener(&listener); }
 
-    // Returns when this notification and all before it have come to the listener.
+    // Publishes a notification. Returns when it, and all before it, have reached the listener.
     void publishAndWait(const Frames& frames)
     {
         broker.publish(frames);
@@ -44,7 +44,7 @@ protected:
 
     void publishAndWait(const std::string& text) { publishAndWait(Frames{text}); }
 
-    // The events since the fixture was made, but for the marks of publishAndWait().
+    // The events since the fixture was created, without the marks of publishAndWait().
     Events events() const
     {
         Events all = listener.events();
@@ -62,7 +62,7 @@ protected:
 
     std::vector<std::string> warnings() const { return log.texts(2); }
 
-    // A notification that must be dropped with one line, and not keep the next from its listener.
+    // Expects a notification to be dropped with one log line, and the next one to arrive.
     void expectUnparsable(const std::string& text)
     {
         publishAndWait(cut(text));
@@ -158,7 +158,7 @@ class WithoutMembers : public NotifyThread, public ::testing::WithParamInterface
 protected:
     WithoutMembers() { ov_log_configure("StatusManager=7:40000000"); }
 
-    // Calls of this operation on the manager's thread, including those that publishAndWait() causes.
+    // The calls of this operation on the manager's thread, including calls that publishAndWait() causes.
     std::ptrdiff_t calls(const std::string& function) const
     {
         const std::vector<LogLine> lines = log.lines();
@@ -341,7 +341,7 @@ TEST_F(NotifyThread, nestingThatIsTooDeepInsideAnUpdateIsDropped)
     expectNextWorks();
 }
 
-// It takes about 500 KiB of the thread's stack (JsonCpp 1.9.5, x86_64).
+// The parser takes about 500 KiB of the thread's stack for it (JsonCpp 1.9.5, x86_64).
 TEST_F(NotifyThread, theDeepestNestingThatTheParserTakesFitsTheStack)
 {
     std::string deepest;
@@ -362,7 +362,7 @@ TEST_F(NotifyThread, bytesThatAreNotUtf8DoNoHarm)
 
 // ----------------------------------------------------------------------------------------- failed receives
 
-// The failed receive, and the message that stayed empty.
+// Logged for the failed receive, and for the message that stayed empty.
 TEST_F(NotifyThread, emptyNotificationIsLoggedTwice)
 {
     publishAndWait("");

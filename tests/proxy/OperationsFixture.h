@@ -14,7 +14,7 @@
 
 using Texts = std::vector<std::string>;
 
-/// A reply and what a test calls it.
+/// A reply, and its name in tests.
 struct Reply
 {
     const char* name;
@@ -31,7 +31,7 @@ inline std::string nameOf(const ::testing::TestParamInfo<Reply>& reply)
     return reply.param.name;
 }
 
-/// A client of a scripted broker that logs.
+/// A client of a scripted broker, with its log captured.
 class Operations : public ::testing::Test
 {
 protected:
@@ -55,7 +55,7 @@ protected:
 
     void answer(const std::string& reply) { broker.answerWith(cut(reply)); }
 
-    // Exactly one such line, with the signature of this operation.
+    // Expects exactly one such line, with the signature of this operation.
     void expectLine(int level, const std::string& text, const std::string& function) const
     {
         std::vector<std::string> functions;
@@ -67,7 +67,7 @@ protected:
         EXPECT_EQ(functions, std::vector<std::string>{function}) << text;
     }
 
-    // Signatures as the log spells them.
+    // Signatures as they appear in the log.
     const std::string getClientInfo = "virtual StatusMap StatusManagerProxy::getClientInfo()";
     const std::string getClientInfoValue =
         "virtual std::string StatusManagerProxy::getClientInfoValue(const string&)";

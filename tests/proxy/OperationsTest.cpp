@@ -265,7 +265,7 @@ TEST_F(Operations, incrementCounterReturnsTheBrokersValue)
     EXPECT_EQ(lastRequest(), R"({"incrementCounter":"c"})");
 }
 
-// Above 2147483647 a counter's value is whatever the standard conversion makes of it.
+// Above 2147483647 a counter's value is what atoi() makes of it.
 TEST_F(Operations, counterAbove31BitsIsReadAsAtoiDoes)
 {
     for (const char* text : {"2147483647", "2147483648", "4294967295"})

@@ -1,5 +1,5 @@
-// A broker that takes posts more slowly than they are made, or not at all, while it answers requests. Calls
-// behind the posts are not held up for long, and the log has the number of posts that are lost.
+// A broker that takes posts slowly or not at all, while it answers requests. Calls queued behind posts are
+// hardly delayed. The log reports the number of lost posts.
 
 #include <gtest/gtest.h>
 #include <zmq.h>
@@ -28,8 +28,8 @@ protected:
 
     ~Overload() override { disconnect(); }
 
-    // Returns when posts arrive. A client's first posts are lost if they leave before the subscription has
-    // come.
+    // Returns when posts arrive. A client's first posts are lost if they leave before the subscription
+    // arrives.
     void connect()
     {
         client = std::make_unique<Client>(broker);
@@ -59,21 +59,21 @@ protected:
         EXPECT_TRUE(port->waitFor(timer + name + "\"}"));
     }
 
-    // Posts it, and looks for it a short time.
+    // Posts it, and waits a short time for its arrival.
     bool arrives(const std::string& name)
     {
         (*client)->startTimer(name);
         return eventually([&] { return port->isLast(timer + name + "\"}"); }, milliseconds(100));
     }
 
-    // Posts more than libzmq and the kernel keep.
+    // Posts more than libzmq and the kernel can queue.
     void postMany()
     {
         for (std::size_t i = 0; i < many; ++i)
             (*client)->postStatus("key", std::to_string(i) + std::string(4000, 'x'));
     }
 
-    // The lines that report the beginning and the end of dropping.
+    // The lines that report the start and the end of dropping.
     std::vector<std::string> reports() const
     {
         std::vector<std::string> lines;
@@ -108,15 +108,15 @@ private:
 
 constexpr int slow = 100; // posts a second
 
-// If the client waited for its posts without a bound, the broker would take two thirds of them before the
-// call behind them has its turn.
+// If the client waited for its posts without limit, the broker would take two thirds of them before the next
+// call could run.
 TEST_F(Overload, doesNotHoldUpWhatNeedsNoBroker)
 {
     port->setPace(slow);
     const std::size_t before = port->taken();
     postMany();
     (*client)->unregisterForStatus(nullptr, "k");
-    EXPECT_LE((*client)->mThread.getPendingCount(), 1U); // the next look for the end of the overload
+    EXPECT_LE((*client)->mThread.getPendingCount(), 1U); // the next check for the end of the overload
     EXPECT_LT(port->taken() - before, many / 4);
 }
 
@@ -156,10 +156,10 @@ TEST_F(Overload, isReportedAsOverAlsoWhenNothingIsPostedAnyMore)
     EXPECT_TRUE(eventually([this] { return reports().size() == 2; }));
     EXPECT_EQ(reports().back().find("StatusBroker takes posts again, "), 0U);
     (*client)->drain();
-    EXPECT_EQ((*client)->mThread.getPendingCount(), 0U); // nothing is looked for any more
+    EXPECT_EQ((*client)->mThread.getPendingCount(), 0U); // no check is queued any more
 }
 
-// Its posts have arrived, so that only what was dropped is missing. A second later it would be over: one of a
+// Its posts have arrived, so only dropped posts are missing. The overload ends after a second, so one of a
 // few attempts must be in time.
 TEST_F(Overload, thatLastsUntilTheClientEndsIsReportedThenWithTheNumberOfPostsThatAreLost)
 {
@@ -179,7 +179,7 @@ TEST_F(Overload, thatLastsUntilTheClientEndsIsReportedThenWithTheNumberOfPostsTh
         const std::size_t lost = posted - (port->taken() - before);
         expected = end + std::to_string(lost) + " were dropped";
         if (reports().size() != 1)
-            log.clear(); // too late
+            log.clear(); // too late, try again
         disconnect();
     }
     EXPECT_EQ(reports(), (std::vector<std::string>{begin, expected}));
@@ -196,13 +196,13 @@ TEST_F(Overload, thatIsOverIsNotReportedAgainWhenTheClientEnds)
     EXPECT_EQ(reports().size(), 2U);
 }
 
-// The post port is gone, the request port is not.
+// The post port is gone, the request port still works.
 class WithoutPostPort : public Overload
 {
 protected:
     WithoutPostPort() { losePort(); }
 
-    // Returns when the client has noticed. A post made before that would be lost on the way.
+    // Returns when the client has noticed the loss. A post made earlier would be lost on its way.
     void losePort()
     {
         TestProxy& proxy = **client;
@@ -229,8 +229,7 @@ protected:
         return std::chrono::duration_cast<milliseconds>(Clock::now() - start);
     }
 
-    // The time for which a call sleeps on the manager's thread, which passes at once. The wait for an answer
-    // is not in it.
+    // The simulated time for which a call sleeps on the manager's thread, without the wait for an answer.
     microseconds sleepOf(const std::function<void()>& call)
     {
         microseconds slept{0};
@@ -258,7 +257,7 @@ TEST_F(WithoutPostPort, aQueryAfterAPostIsNotHeldUpForMoreThanAHundredMillisecon
     EXPECT_LT(slept, milliseconds(100));
 }
 
-// A wait of 80 ms for each of them would be eight seconds.
+// Waiting 80 ms for each of them would take eight seconds.
 TEST_F(WithoutPostPort, queriesInARowAreHeldUpForASecondInAll)
 {
     const microseconds slept = sleepOf(
@@ -279,7 +278,7 @@ TEST_F(WithoutPostPort, aPostThatWaitsArrivesWhenThePortIsBack)
     EXPECT_TRUE(reports().empty());
 }
 
-// A query would have gone ahead of the post after 80 ms.
+// A query would overtake the post after 80 ms.
 TEST_F(WithoutPostPort, aSyncWithTimeLimitIsABarrierAlsoWherePostsTakeTheirTime)
 {
     (*client)->startTimer("t");
@@ -303,7 +302,7 @@ TEST_F(Overload, aSyncGivesTheAnswerTheWholeTimeWhenPostsHaveLeft)
     EXPECT_EQ(timeForAnswer(), 5000);
 }
 
-// How long a sync waits for posts that do not leave is taken from the time for the answer, but for 80 ms.
+// A sync waits for posts to leave. This wait, less 80 ms, shortens the time for the answer.
 struct Times
 {
     int given;
@@ -326,7 +325,7 @@ TEST_P(SyncWithoutPostPort, givesTheAnswerTheTimeThatIsLeft)
         [this]
         {
             (*client)->startTimer("t");
-            (*client)->sync(GetParam().given); // on a busy machine the answer may take longer than it has time
+            (*client)->sync(GetParam().given); // a busy machine may answer too late
         });
     EXPECT_EQ(timeForAnswer(), GetParam().forAnswer);
     EXPECT_GE(slept, milliseconds(80));
@@ -341,7 +340,7 @@ INSTANTIATE_TEST_SUITE_P(, SyncWithoutPostPort,
                                          Times{5000, 4080}, Times{-1, -1}),
                          nameOf);
 
-// One of a few attempts must be in time, since a busy machine may hold up any of them.
+// One of a few attempts must be in time, since a busy machine may delay any of them.
 TEST_F(WithoutPostPort, aSyncWithTimeLimitReturnsWithinItAndAHundredMilliseconds)
 {
     constexpr milliseconds limit{300};

@@ -1,4 +1,5 @@
-// The flow of posts on real sockets, in simulated time: a peer takes so many posts a second, or none.
+// The flow of posts on real sockets, in simulated time. A peer takes a given number of posts a second, or
+// none.
 
 #include "statusmanager/PostFlow.h"
 
@@ -28,7 +29,7 @@ class PostFlowTest : public testing::Test
 protected:
     PostFlowTest()
     {
-        // Together the two have room for a thousand posts, as a PUB socket has that sends over the network.
+        // Together the two have room for a thousand posts, like a PUB socket that sends over the network.
         mPub.set(zmq::sockopt::sndhwm, 999);
         mSub.set(zmq::sockopt::rcvhwm, 1);
         mSub.bind("inproc://posts");
@@ -70,7 +71,7 @@ protected:
         noteNews();
     }
 
-    // The time that something takes.
+    // The simulated time that a call takes.
     template <class Call>
     microseconds timeOf(Call call)
     {
@@ -107,13 +108,13 @@ protected:
     bool isInOrder() const { return std::is_sorted(mTaken.begin(), mTaken.end()); }
 
     int takenPerSecond = 0;
-    std::vector<News> news;        // all but None
-    std::vector<unsigned> dropped; // with each end
+    std::vector<News> news;        // everything but None
+    std::vector<unsigned> dropped; // as reported with each end
     SimulatedTime time{[this](microseconds span) { letPeerWork(span); }};
     PostFlow flow;
 
 private:
-    // Each socket learns of the other's connection and subscription.
+    // Makes each socket process the other's connection and subscription.
     void takeNotice()
     {
         static_cast<void>(mSub.get(zmq::sockopt::events));
@@ -142,7 +143,7 @@ private:
     zmq::socket_t mSub{mContext, zmq::socket_type::sub};
     int mPosted = 0;
     std::vector<int> mTaken;
-    microseconds mOwed{0}; // times the peer's posts per second
+    microseconds mOwed{0}; // multiplied by the peer's posts per second
 };
 
 } // namespace
@@ -151,13 +152,13 @@ private:
 
 TEST_F(PostFlowTest, losesNothingToAPeerThatTakesTenThousandASecondAndWaitsForItWithoutEnd)
 {
-    takenPerSecond = 11000; // a little more than that
+    takenPerSecond = 11000; // slightly more
     post(100000);
     takeAll();
     EXPECT_EQ(missing(), 0U);
     EXPECT_TRUE(isInOrder());
     EXPECT_TRUE(news.empty());
-    EXPECT_GT(time.elapsed(), seconds(8)); // it did wait, for much longer than a second
+    EXPECT_GT(time.elapsed(), seconds(8)); // it waited, in all much longer than a second
 }
 
 TEST_F(PostFlowTest, doesNotWaitWhileFewAreUnderWay)
@@ -317,7 +318,7 @@ TEST_F(PostFlowTest, aLaterOverloadIsReportedAnewWithANumberOfItsOwn)
 
 // -------------------------------------------------------------------------------------------- a slow peer
 
-// It takes 900 a second of the 5,000 that are made.
+// Takes 900 a second of the 5,000 posts that are made.
 class SlowPeer : public PostFlowTest
 {
 protected:
@@ -325,8 +326,8 @@ protected:
 
     SlowPeer() { takenPerSecond = 900; }
 
-    // Makes posts at their pace and sends them one after the other. Posts wait while an earlier one is being
-    // sent. Returns the largest number of posts that waited at the same time.
+    // Makes posts at their pace, and sends them one after the other. Posts queue while an earlier post is
+    // being sent. Returns the greatest length of the queue.
     long overload(seconds duration)
     {
         constexpr microseconds interval = microseconds(seconds(1)) / madePerSecond;
@@ -353,7 +354,7 @@ TEST_F(SlowPeer, isWaitedForASecondAndALittleForEachPostThatItTakes)
 TEST_F(SlowPeer, leavesABoundedNumberOfPostsUnsentHoweverLongItLasts)
 {
     const long longest = overload(seconds(40));
-    EXPECT_GT(longest, 0); // it is waited for
+    EXPECT_GT(longest, 0); // the peer is waited for
     EXPECT_LE(longest, madePerSecond * 3 / 2);
     EXPECT_LT(taken(), posted() / 4);
 }
@@ -378,7 +379,7 @@ TEST_F(PostFlowTest, theWholeBudgetIsBackWhenAllHaveLeft)
     {
         EXPECT_GE(timeOf([this] { post(600); }), budget) << round;
         takeAll();
-        post(); // which notices it
+        post(); // notices that all have left
         takeAll();
     }
     EXPECT_TRUE(news.empty());

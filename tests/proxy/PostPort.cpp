@@ -19,7 +19,7 @@ constexpr uint16_t port = 5556;
 constexpr std::size_t greetingBytes = 64;
 constexpr int waitMilliseconds = 1;
 
-// The greeting and READY of a subscriber. Nothing else may be in the same write.
+// The greeting and READY of a subscriber. They must be written together, with nothing else.
 std::string handshake()
 {
     std::string greeting("\xff\0\0\0\0\0\0\0\0\x7f\x03\1NULL", 16);
@@ -34,8 +34,8 @@ int listenOnPort()
     const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     constexpr int on = 1;
     setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
-    // Not the smallest there is: behind a buffer of 2 KiB that was full for a second, Linux now and then sends
-    // a few hundred bytes a second from then on, whatever the reader does.
+    // Not the smallest buffer: after a full 2 KiB buffer for a second, Linux sometimes sends only a few
+    // hundred bytes a second from then on, however fast the reader is.
     constexpr int small = 8192;
     setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
     sockaddr_in address{};
@@ -59,7 +59,7 @@ bool isReadable(int descriptor)
 
 } // namespace
 
-/// Cuts the bytes that a client sends into commands and messages.
+/// Splits the bytes of a client into commands and messages.
 class PostPort::Stream
 {
 public:
@@ -83,7 +83,7 @@ private:
     static constexpr unsigned isLong = 2;
     static constexpr unsigned isCommand = 4;
 
-    // False when it is not all there yet.
+    // Returns false if the frame is still incomplete.
     bool takeFrame()
     {
         if (mBytes.empty())
@@ -190,8 +190,8 @@ void PostPort::serve(int connection)
     {
         if (isReady && !mayTake())
         {
-            // This is the pace of a slow reader, the subject of the test, not a wait for something to be
-            // ready.
+            // The pace of a slow reader, which is the subject of the test. It does not wait for anything to
+            // be ready.
             std::this_thread::sleep_for(std::chrono::milliseconds(waitMilliseconds));
             continue;
         }
@@ -216,7 +216,7 @@ void PostPort::note(const std::string& post)
     mChanged.notify_all();
 }
 
-// Whether a post is due. The port does not catch up later on time in which there were no posts.
+// Whether a post is due. The port does not catch up on time without posts.
 bool PostPort::mayTake()
 {
     const int pace = mPace;

@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-/// The broker's side of the post channel, on a plain TCP socket. It takes posts at its own pace, or none, and
-/// the kernel's buffer is small. One client at a time.
+/// The broker's side of the post channel, on a plain TCP socket with a small receive buffer. It takes posts
+/// at its own pace, or none. One client at a time.
 class PostPort
 {
 public:
@@ -28,11 +28,11 @@ public:
 
     void setPace(int postsPerSecond) { mPace = postsPerSecond; }
 
-    /// Posts taken so far; the "Sync" that a client posts at start-up is left out.
+    /// Posts taken so far, without the "Sync" that a client posts at its start.
     std::size_t taken() const;
     /// Whether this is the last post taken.
     bool isLast(const std::string& text) const;
-    /// Waits for that; false at the deadline.
+    /// Waits for this post. Returns false at the deadline.
     bool waitFor(const std::string& text) const;
 
 private:
@@ -46,8 +46,8 @@ private:
     int mListener;
     std::atomic<int> mPace;
     std::atomic<bool> mStop{false};
-    double mDue = 0;                             // the port's thread
-    std::chrono::steady_clock::time_point mThen; // the port's thread
+    double mDue = 0;                             // used by the port's thread
+    std::chrono::steady_clock::time_point mThen; // used by the port's thread
 
     mutable std::mutex mMutex;
     mutable std::condition_variable mChanged;

@@ -1,4 +1,4 @@
-// The agents by which the broker client's operations reach its two threads.
+// The agents that carry the broker client's operations to its two threads.
 
 #include <functional>
 #include <gtest/gtest.h>
@@ -13,7 +13,7 @@ using namespace Orvane;
 namespace
 {
 
-// Opens the operations that start and end a client.
+// Makes the operations that start and end a client public.
 class OpenProxy : public TestProxy
 {
 public:
@@ -134,7 +134,7 @@ TEST(ProxyLifeAgents, theNotifyLoopIsQueuedByItsType)
         const Pulse pulse(broker);
         proxy.shutdown();
     }
-    proxy.mNotifyThread.stop(); // so that no second loop runs
+    proxy.mNotifyThread.stop(); // prevents a second notify loop
     EXPECT_EQ(SentAgents::of([&] { proxy.processStatusMessages(nullptr); }),
               Names{SentAgents::nameOf<LoopQueued>()});
 }

@@ -15,7 +15,7 @@ namespace
 
 using Texts = std::vector<std::string>;
 
-// The notify loop closes its socket, and the teardown closes that one again among the others.
+// The notify loop closes its socket, and the teardown closes the same socket again.
 const Texts teardown{"zmq_close SUB", "zmq_close PUB", "zmq_close SUB", "zmq_close REQ", "zmq_ctx_destroy"};
 
 std::ptrdiff_t entries(const char* folder)
@@ -31,7 +31,7 @@ unsigned liveObjects()
     return live;
 }
 
-// A call that takes time.
+// A call that lasts until it is released.
 struct Passage
 {
     void pass()
@@ -63,7 +63,7 @@ protected:
         client->shutdown();
     }
 
-    // It waits for the notify thread when this returns, and has set the flag at which that looks.
+    // When this returns, shutdown() has set the notify thread's flag and waits for that thread.
     std::future<void> beginToShutDown()
     {
         auto done = std::async(std::launch::async, [this] { client->shutdown(); });
@@ -140,7 +140,7 @@ TEST_F(Shutdown, repeatedCloseOfTheNotifySocketIsRefusedAndAllElseSucceeds)
     EXPECT_EQ(results, (std::vector<int>{0, 0, -1, 0, 0}));
 }
 
-// Two calls wait on the notify thread: one that takes time, and the one that closes the sockets.
+// The notify thread has two calls queued: one that takes time, and the one that closes the sockets.
 TEST_F(Shutdown, closesNothingBeforeItCanCloseEverything)
 {
     Passage passage;
@@ -191,7 +191,7 @@ TEST_F(Shutdown, concurrentShutdownsCloseOnce)
     auto first = std::async(std::launch::async, [this] { client->shutdown(); });
     auto second = std::async(std::launch::async, [this] { client->shutdown(); });
     EXPECT_EQ(first.wait_for(testDeadline), std::future_status::ready);
-    // The first to run drops the other's agent, which releases its sender.
+    // The first call drops the other's agent, which releases its sender.
     EXPECT_EQ(second.wait_for(testDeadline), std::future_status::ready);
     EXPECT_EQ(ZmqInterposer::names(), teardown);
 }
@@ -203,7 +203,7 @@ TEST_F(Shutdown, brokerSeesTheClientsLastPost)
     EXPECT_TRUE(broker.waitForPost(R"({"updateSystemTime":7})"));
 }
 
-// Unlike a TestProxy, its destructor does not wait for queued calls first.
+// Unlike TestProxy's, its destructor does not wait for queued calls first.
 class PlainProxy : public StatusManagerProxy
 {
 public:
@@ -213,15 +213,15 @@ public:
     using StatusManagerProxy::shutdown;
 };
 
-// A client that is destroyed while its manager's thread is held. The test publishes the notification that
-// ends the destruction.
+// A client that is destroyed while its manager's thread is blocked. The test publishes the notification that
+// lets the destruction end.
 class Destruction : public Shutdown
 {
 protected:
     Destruction()
     {
         EXPECT_TRUE(log.waitFor(6, "Polling for messages on notify socket"));
-        EXPECT_TRUE(broker.waitForSubscriber(2)); // beside the fixture's own client
+        EXPECT_TRUE(broker.waitForSubscriber(2)); // besides the fixture's own client
         Orvane::postCall(OV_SITE, proxy->mThread, this, &Destruction::hold);
         EXPECT_TRUE(held.wait());
         ZmqInterposer::reset();
@@ -258,7 +258,8 @@ protected:
 
     bool isDestroyed() { return destroyed.wait_for(testDeadline) == std::future_status::ready; }
 
-    // Runs on the manager's thread. Its receiver is not the client, so that no purge takes it.
+    // Runs on the manager's thread. Its receiver is not the client, so purging the client's calls does not
+    // remove it.
     void hold()
     {
         held.open();
@@ -302,7 +303,7 @@ TEST_F(Destruction, sendsWhatIsStillQueuedWhenTheNotificationHasCome)
     postMany();
     beginToDestroy();
     broker.publish("Sync");
-    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == many + 1; })); // it is waited for
+    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == many + 1; })); // the destructor waits
     release.open();
     EXPECT_TRUE(isDestroyed());
     EXPECT_TRUE(broker.waitForPosts(many));
@@ -316,7 +317,7 @@ TEST_F(Destruction, handsTheNotificationThatEndsItToTheListeners)
     proxy->registerListener(&listener, &thread);
     proxy->registerForStatus(&listener, "k");
     release.open();
-    ASSERT_TRUE(listener.waitForUpdates(1)); // of the subscription
+    ASSERT_TRUE(listener.waitForUpdates(1)); // for the subscription
     beginToDestroy();
     broker.publish(R"({"statusUpdate":{"k":"last"}})");
     EXPECT_TRUE(isDestroyed());
@@ -325,14 +326,14 @@ TEST_F(Destruction, handsTheNotificationThatEndsItToTheListeners)
 }
 
 // The manager's thread still has work when the notify loop has ended. The notify socket stays open as well:
-// another part of the program may be given its memory for a socket, which the repeated close would close.
+// another part of the program could get its memory for a new socket, which the repeated close would close.
 TEST_F(Destruction, closesNoSocketWhileTheManagersThreadUsesOneOfThem)
 {
     postWhenReleased = true;
     Orvane::EventThread& manager = proxy->mThread;
     beginToDestroy();
     broker.publish("Sync");
-    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == 1; })); // it is waited for
+    EXPECT_TRUE(eventually([&] { return manager.getPendingCount() == 1; })); // the destructor waits
     EXPECT_EQ(ZmqInterposer::names(), Texts{});
     release.open();
     EXPECT_TRUE(isDestroyed());
@@ -346,7 +347,7 @@ TEST_F(Destruction, closesNoSocketWhileTheManagersThreadUsesOneOfThem)
         EXPECT_EQ(calls[i].thread == calls[0].thread, i == 0) << calls[i].name;
 }
 
-// As by a derived client that shuts down on the manager's thread.
+// Like a derived client that shuts down on the manager's thread.
 TEST_F(Destruction, waitsForAManagersThreadThatWaitsForTheNotifyThread)
 {
     passByWhenReleased = true;
@@ -400,13 +401,13 @@ TEST_F(Shutdown, nothingIsLeftOfAClient)
         other->postStatus("k", "v");
         other->getClientInfo();
     };
-    makeAndDestroy(); // what is made once per process
+    makeAndDestroy(); // creates what exists once per process
     const std::ptrdiff_t threads = entries("/proc/self/task");
     const std::ptrdiff_t files = entries("/proc/self/fd");
     const unsigned objects = liveObjects();
     for (int i = 0; i < 5; ++i)
         makeAndDestroy();
-    // The broker's side of a closed connection goes a moment later.
+    // The broker's side of a closed connection ends a moment later.
     EXPECT_TRUE(eventually([&] { return entries("/proc/self/fd") <= files; }));
     EXPECT_TRUE(eventually([&] { return entries("/proc/self/task") <= threads; }));
     EXPECT_LE(liveObjects(), objects);

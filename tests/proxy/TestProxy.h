@@ -11,11 +11,11 @@
 #include "tests/support/ScriptedBroker.h"
 #include "tests/support/Wait.h"
 
-/// The broker client with its inner operations opened for tests.
+/// The broker client with its inner operations made public for tests.
 class TestProxy : public StatusManagerProxy
 {
 public:
-    /// Queued calls would otherwise run while this turns into its base.
+    /// Queued calls must not run while only the base class is left.
     ~TestProxy() override { drain(); }
 
     using StatusManagerProxy::receiveOnSocket;
@@ -48,7 +48,7 @@ public:
         agent->send(&mThread);
     }
 
-    /// Returns when everything that was queued on the manager's thread before has been done.
+    /// Returns when everything queued on the manager's thread before is done.
     void drain()
     {
         onManagerThread([] {});
@@ -59,8 +59,8 @@ private:
     void runCopy(std::function<void()> call) { call(); }
 };
 
-/// While it lives, the broker keeps publishing "Sync". The notify loop looks at its stop flag once per
-/// message, so nothing less ends it.
+/// While it lives, the broker keeps publishing "Sync". The notify loop checks its stop flag once per message,
+/// so only messages can end it.
 class Pulse
 {
 public:
@@ -88,7 +88,7 @@ private:
     std::thread mThread;
 };
 
-/// A connected client that its broker lets go when it is destroyed.
+/// A connected client. Its broker lets it end when it is destroyed.
 class Client
 {
 public:

@@ -1,4 +1,4 @@
-// The trace scopes of the broker client: each operation's, and those of the transport inside them.
+// The trace scopes of the broker client's operations, and of the transport inside them.
 
 #include <algorithm>
 #include <functional>
@@ -82,7 +82,7 @@ const std::vector<Operation> operations{
     {"sync", [](TestProxy& proxy) { proxy.sync(-1); }, syncLines},
 };
 
-// The thread that has begun the notify loop, when it has.
+// The thread that runs the notify loop, once it has started.
 std::thread::id notifyThread(const LogCapture& log)
 {
     std::thread::id thread;
@@ -106,7 +106,7 @@ std::thread::id managersThread(const Client& client)
     return thread;
 }
 
-// Returns when the notify thread has logged so many lines.
+// Returns when the notify thread has logged this many lines.
 bool waitForLinesOf(std::thread::id thread, std::size_t count, const LogCapture& log)
 {
     return eventually([&] { return loggedOn(thread, By::NotifyThread, log).size() >= count; });
@@ -121,7 +121,7 @@ protected:
     const LogCapture log{tracesOfTheClient};
 };
 
-// A client from its start to its end.
+// A client from start to end.
 class TracedLife : public testing::Test
 {
 protected:
@@ -182,7 +182,7 @@ TEST_F(TracedLife, endsWithTheLoopTheShutDownAndTheDestructor)
 
     const TraceLine::By by = By::NotifyThread;
     const TraceLines ofNotify = loggedOn(notify, by, log);
-    TraceLines received; // any number of "Sync"s
+    TraceLines received; // any number of "Sync" messages
     while (received.size() + 4 < ofNotify.size())
         received = inARow({received, scope(receiveOnSocket, {}, by)});
     EXPECT_EQ(ofNotify, inARow({scope(processStatusMessages, received, by),

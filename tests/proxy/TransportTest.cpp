@@ -34,7 +34,7 @@ protected:
         return received;
     }
 
-    // The result of one receive for a reply in these frames.
+    // The result of one receive of a reply in these frames.
     bool receive(const Frames& frames, std::string& message)
     {
         broker.answerWith(frames);
@@ -55,7 +55,7 @@ protected:
 
 // ------------------------------------------------------------------------------------------------- sending
 
-// A message, and the frames that it must leave in.
+// The size of a message, and the sizes of the frames it must leave in.
 struct Cut
 {
     std::size_t size;
@@ -100,7 +100,7 @@ TEST_P(TransportSend, cutsRequestIntoTheSameFrames)
     EXPECT_EQ(sizes, GetParam().frames);
 }
 
-// The last frame holds the length modulo 512, so multiples of 512 end with an empty one and lose 512 bytes.
+// The last frame has length modulo 512, so a multiple of 512 ends with an empty frame and loses 512 bytes.
 INSTANTIATE_TEST_SUITE_P(Sizes, TransportSend,
                          ::testing::Values(Cut{1, {1}}, Cut{511, {511}}, Cut{512, {0}}, Cut{513, {512, 1}},
                                            Cut{700, {512, 188}}, Cut{1024, {512, 0}},
@@ -271,7 +271,7 @@ TEST_F(Transport, requestIsSentOnceWhenItIsAnswered)
     EXPECT_EQ(broker.requests().size(), before + 1);
 }
 
-// An empty frame fails the receive, but it is an answer, so the socket may send again.
+// An empty frame fails the receive, but counts as an answer, so the socket may send again.
 TEST_F(Transport, requestIsTried20Times)
 {
     broker.answerWith(Frames{""});
@@ -341,7 +341,7 @@ TEST_F(Transport, failedSendOfARequestIsNotRetried)
     EXPECT_TRUE(log.has(0, "Failed to send command []"));
 }
 
-// The text names the notify socket although the request socket is meant.
+// The text names the notify socket, although it is the request socket's.
 TEST_F(Transport, refusedTimeLimitIsLoggedAndTheRequestStillSent)
 {
     std::string reply;
@@ -383,7 +383,7 @@ TEST_F(SilentBroker, syncWithTimeLimitReturnsFalse)
     EXPECT_FALSE(client->sync(100));
 }
 
-// The first receive times out; the second send is refused, as that socket still waits for its reply.
+// The first receive times out. The second send is refused, because the socket still waits for its reply.
 TEST_F(SilentBroker, syncIsGivenUpAtTheSecondSend)
 {
     client->sync(100);
@@ -421,7 +421,7 @@ TEST_F(SilentBroker, queriesFailAfterATimedOutSync)
     EXPECT_TRUE(log.has(0, "Failed to send getCounterValue request to StatusBroker"));
 }
 
-// A refused send ends a request before anything is received, so nobody fetches an answer that comes late.
+// A refused send ends a request before any receive, so a late answer is never fetched.
 TEST_F(SilentBroker, lateAnswerDoesNotOpenTheRequestSocketAgain)
 {
     client->sync(10);

@@ -13,9 +13,9 @@
 namespace
 {
 
-// ----------------------------------------------------------------------------- who waits, and who does not
+// ------------------------------------------------------------ operations that wait, and others that do not
 
-// Keeps the manager's thread busy for as long as it lives.
+// Keeps the manager's thread busy while it lives.
 class BusyManager
 {
 public:
@@ -48,7 +48,7 @@ private:
 class Marshalling : public Operations
 {
 protected:
-    // A call that returns while the manager's thread is busy has not done its work yet.
+    // A call that returns while the manager's thread is busy has only queued its work.
     void expectReturnsAtOnce(const std::function<void()>& call, const std::string& post)
     {
         BusyManager busy(*client);
@@ -58,7 +58,7 @@ protected:
         EXPECT_TRUE(broker.waitForPost(post));
     }
 
-    // A call that waits is still under way when its request has reached a silent broker.
+    // A call that waits is still blocked when its request has reached a silent broker.
     template <class Call>
     void expectWaitsForReply(Call call, const std::string& reply)
     {

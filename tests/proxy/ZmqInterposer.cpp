@@ -17,10 +17,10 @@ struct State
     std::vector<ZmqInterposer::Call> calls;
     std::map<std::string, std::size_t> counts;
     std::set<std::string> failing;
-    std::map<void*, std::string> types; // of sockets, closed ones too
+    std::map<void*, std::string> types; // of all sockets, also of closed ones
 };
 
-// Never destroyed: threads may call until the process ends.
+// Never destroyed: threads may call it until the process ends.
 State& state()
 {
     static auto* instance = new State;
@@ -79,7 +79,7 @@ void record(const std::string& name, int result, bool listed)
     errno = error;
 }
 
-// Makes the call, or fails it.
+// Makes the call, or makes it fail.
 template <class Call>
 auto through(const std::string& name, decltype(std::declval<Call>()()) failure, bool listed, Call call)
 {
@@ -136,7 +136,8 @@ void reset()
 
 } // namespace ZmqInterposer
 
-// ---------------------------------------------------------------------------- in the place of libzmq's own
+// -------------------------------------------------------------------------------- replaces libzmq's
+// functions
 
 void* zmq_ctx_new()
 {
@@ -188,7 +189,7 @@ int zmq_send(void* socket, const void* data, size_t size, int flags)
                    [&] { return next<decltype(zmq_send)>("zmq_send")(socket, data, size, flags); });
 }
 
-// Posts go this way, see PostFlow; it is all the same to tests.
+// PostFlow sends posts by this function; tests need not know the difference.
 int zmq_msg_send(zmq_msg_t* message, void* socket, int flags)
 {
     return through(on("zmq_send", socket), -1, true,

@@ -6,31 +6,31 @@
 #include <thread>
 #include <vector>
 
-/// Stands between the broker client and libzmq in a program that links it: sees the calls that the client's
-/// two threads make, in their order, and makes chosen ones fail without reaching libzmq. All other threads,
-/// and so the scripted broker, pass by unseen.
+/// Intercepts the broker client's calls of libzmq in a program that links it. It records the calls of the
+/// client's two threads in order, and makes chosen calls fail without reaching libzmq. Calls of all other
+/// threads, such as the scripted broker's, pass unrecorded.
 namespace ZmqInterposer
 {
 
 struct Call
 {
-    std::string name; ///< as fail() takes it
-    int result = 0;   ///< 0 as well for those that made a socket or a context
+    std::string name; ///< in the form that fail() takes
+    int result = 0;   ///< 0 also for calls that made a socket or a context
     std::thread::id thread;
 };
 
-/// The calls since reset(), but for receives and getsockopt.
+/// The calls since reset(), without receives and getsockopt.
 std::vector<Call> calls();
 std::vector<std::string> names();
 
-/// The number of such calls since reset(); counts receives, too.
+/// The number of such calls since reset(), receives included.
 std::size_t count(const std::string& name);
 
 /// Makes each such call fail from now on, with errno EFAULT: "zmq_ctx_new", "zmq_socket PUB", "zmq_connect
 /// PUB", "zmq_setsockopt SUB", "zmq_send REQ", "zmq_recv SUB".
 void fail(const std::string& name);
 
-/// Forgets all calls and failures.
+/// Discards all recorded calls and failures.
 void reset();
 
 } // namespace ZmqInterposer

@@ -1,5 +1,5 @@
-// Keeps 20 clients at a broker that post, ask, subscribe, leave, are killed and are stopped for a while, and
-// looks at the broker meanwhile. At the end every listener that lives must know what the broker holds.
+// Keeps 20 clients at a broker. They post, query, subscribe and leave; some are killed, or stopped for a
+// while. It observes the broker meanwhile. At the end every living listener must know the broker's values.
 //   soak MINUTES
 
 #include <algorithm>
@@ -75,7 +75,7 @@ public:
                 nextSample += mPause;
             }
             disturb();
-            Gate().wait(std::chrono::milliseconds(50)); // a pace, nothing is waited for
+            Gate().wait(std::chrono::milliseconds(50)); // paces the disturbances
         }
         const bool agree = allAgree();
         sample();
@@ -85,7 +85,7 @@ public:
 private:
     using TimePoint = Clock::time_point;
 
-    // One client leaves, is killed, or is stopped for a while; another takes its place.
+    // One client leaves, is killed, or is stopped for a while. A new client replaces it.
     void disturb()
     {
         std::unique_ptr<Client>& client = mClients[mRandom() % clients];
@@ -141,7 +141,7 @@ private:
         fflush(stdout);
     }
 
-    // The memory after a third of the time must do for the rest.
+    // After a third of the time, memory must not grow any more.
     bool isFlat() const
     {
         const auto third = mSamples.begin() + static_cast<std::ptrdiff_t>(mSamples.size() / 3);

@@ -1,8 +1,9 @@
-// A client that posts, asks, subscribes and unsubscribes at random.
+// A client that posts, queries, subscribes and unsubscribes at random.
 //   soakclient SEED
-// Lines on its input tell it what to do: "stop" ends its posting, which it confirms with "stopped" when all
-// of it has arrived; "report" makes it say what its listener was told last, as KEY=VALUE lines and a line
-// "reported". It leaves at the end of its input.
+//
+// It obeys lines on its standard input. After "stop" it posts no more, and prints "stopped" when all posts
+// have arrived. After "report" it prints the values that its listener received last, as KEY=VALUE lines, and
+// "reported". It leaves at the end of the input.
 
 #include <atomic>
 #include <cstdlib>

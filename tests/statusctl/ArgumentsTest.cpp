@@ -72,15 +72,30 @@ TEST(ArgumentsTest, wrongUsageIsOneLineAndExitCode2)
 TEST(ArgumentsTest, errorsAreObjectsWithJson)
 {
     const Outcome outcome = statusctl({"set", "a", "--json"});
-    EXPECT_EQ(outcome.errors,
-              "{\"error\":{\"code\":2,\"reason\":\"\\\"a\\\" has no value\",\"verb\":\"set\"}}\n");
+    EXPECT_EQ(outcome.errors, "{\"error\":{\"code\":2,\"reason\":\"missing value after \\\"a\\\" "
+                              "(usage: set KEY VALUE...)\",\"verb\":\"set\"}}\n");
     EXPECT_EQ(outcome.output, "");
     EXPECT_EQ(outcome.code, 2);
 }
 
+TEST(ArgumentsTest, anUnknownCommandIsNamed)
+{
+    EXPECT_EQ(statusctl({"foo"}), failure(2, "statusctl: unknown command \"foo\" (see statusctl --help)"));
+    EXPECT_EQ(statusctl({"--foo"}), failure(2, "statusctl: unknown option \"--foo\" (see statusctl --help)"));
+    EXPECT_EQ(statusctl({"timer", "melt", "a"}),
+              failure(2, "statusctl: timer: unknown command \"melt\" (see statusctl timer --help)"));
+}
+
+TEST(ArgumentsTest, aMissingCommandIsReported)
+{
+    EXPECT_EQ(statusctl({}), failure(2, "statusctl: missing command (see statusctl --help)"));
+    EXPECT_EQ(statusctl({"timer"}),
+              failure(2, "statusctl: timer: missing command (see statusctl timer --help)"));
+}
+
 TEST(ArgumentsTest, aWordTooManyIsNamed)
 {
-    EXPECT_EQ(statusctl({"ping", "--", "-x"}), failure(2, "statusctl: ping: \"-x\" was not expected"));
+    EXPECT_EQ(statusctl({"ping", "--", "-x"}), failure(2, "statusctl: ping: unexpected argument \"-x\""));
 }
 
 TEST(ArgumentsTest, anUnknownJsonStyleIsWrongUsage)

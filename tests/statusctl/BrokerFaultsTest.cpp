@@ -1,4 +1,4 @@
-// The tool with a broker that is missing, silent or broken.
+// The tool with a missing, silent or faulty broker.
 
 #include <atomic>
 #include <chrono>
@@ -141,7 +141,7 @@ TEST(BrokerFaultsTest, aBadReplyIsExitCode5)
     }
 }
 
-// It says so to those that start shortly after it, too, and to each client when it has lost posts of another.
+// The broker reports this to clients that connect shortly after its start, and to every client after a loss.
 TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBadReply)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
@@ -151,7 +151,8 @@ TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBad
                                                                                     : R"({"a":"1"})"};
         });
     EXPECT_EQ(statusctl({"get", "a"}), success("1\n"));
-    EXPECT_EQ(statusctl({"set", "a", "1"}), failure(1, "statusctl: set: the broker did not confirm"));
+    EXPECT_EQ(statusctl({"set", "a", "1"}),
+              failure(1, "statusctl: set: the broker did not confirm the posts"));
 }
 
 TEST(BrokerFaultsTest, aBrokerWithoutStatisticsIsTold)
@@ -175,7 +176,7 @@ TEST(BrokerFaultsTest, namesOfStatisticsThatAreNotUtf8LeaveJsonValid)
     EXPECT_EQ(statusctl({"-j", "stats"}), success("{\"a\uFFFD\":1}\n"));
 }
 
-// The values' bytes are the broker's; JSON must stay JSON.
+// A value may contain any bytes; JSON must stay valid.
 TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);

@@ -12,7 +12,7 @@ using Words = std::vector<std::string>;
 /// The outcome of a command that has ended.
 struct Outcome
 {
-    int code = -1; ///< 128+n for signal n; -1 if it did not end in time
+    int code = -1; ///< 128+n for signal n; -1 at the deadline
     std::string output;
     std::string errors;
 };
@@ -28,26 +28,25 @@ inline std::ostream& operator<<(std::ostream& stream, const Outcome& outcome)
                   << outcome.errors << ">";
 }
 
-/// The tool's program, then the words. Without colours, and with an environment that does not change what it
-/// does.
+/// The tool's program and these words. It prints no colours, and the environment does not influence it.
 Words commandOf(const Words& words);
 
-/// The same, with interrupts ignored, as a script's shell starts what stands before "&".
+/// The same, with interrupts ignored, as a script's shell starts commands before "&".
 Words inBackground(const Words& words);
 
 /// Runs the tool to its end.
 Outcome statusctl(const Words& words, const std::string& input = "");
 
-/// The outcome of a failure, with its text on standard error.
+/// The outcome of a failure, with its message on standard error.
 Outcome failure(int code, const std::string& text);
 
-/// The outcome when all is well, with the printed result.
+/// The outcome of a success, with this output.
 Outcome success(const std::string& output);
 
-/// The line without its first word: the time of day, which no test can know.
+/// The line without its first word, the time of day, which no test can know.
 std::string withoutTime(const std::string& line);
 
-/// Reads a line of "watch", without its time; "(nothing)" if none comes.
+/// Reads a line of "watch", without its time; "(nothing)" at the end or the deadline.
 std::string nextLine(TestProcess& process);
 
 #endif

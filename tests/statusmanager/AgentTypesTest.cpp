@@ -1,5 +1,5 @@
-// The agents by which the local manager's operations reach its thread and its listeners. Programs that are
-// built apart from the library rely on their types.
+// The agents that carry the local manager's operations to its thread and its listeners. Programs that are
+// built separately from the library rely on their types.
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -142,7 +142,7 @@ TEST_P(AgentTypes, offTheManagersThreadAnOperationSendsOneAgentOfItsType)
 {
     TestManager manager;
     EXPECT_EQ(SentAgents::of([&] { GetParam().call(manager); }), Names{GetParam().agent});
-    manager.onThread([] {}); // nothing must be under way when it turns into its base
+    manager.onThread([] {}); // no call may run while only the base class is left
 }
 
 INSTANTIATE_TEST_SUITE_P(Operations, AgentTypes, testing::ValuesIn(rows),
@@ -159,7 +159,7 @@ protected:
     }
     ~CallbackTypes() override { manager.unregisterListener(&listener); }
 
-    // The types of the agents that the manager's thread sends meanwhile.
+    // The types of the agents that the manager's thread sends during `work`.
     Names sentByManager(const std::function<void()>& work)
     {
         Names sent;

@@ -1,4 +1,4 @@
-// The control words that each source file hands over while the library is loaded.
+// The control words that each source file registers when the library is loaded.
 
 #include <algorithm>
 #include <array>
@@ -20,7 +20,7 @@ struct Registration
     int level;
 };
 
-// Filled while the libraries are loaded, before anything here is constructed.
+// Filled while the libraries are loaded, before any constructor runs here.
 std::array<Registration, 32> registrations;
 std::size_t count = 0;
 
@@ -31,7 +31,7 @@ bool endsWith(const std::string& text, const std::string& ending)
 
 } // namespace
 
-// Takes the place of the library's function, and passes the words on to it, which may change them.
+// Replaces the library's function, and calls it. The library may change the words.
 extern "C" __attribute__((visibility("default"))) int
 register_logging(const char* path, volatile unsigned int* flags, volatile int* level)
 {
@@ -43,7 +43,8 @@ register_logging(const char* path, volatile unsigned int* flags, volatile int* l
 
 TEST(ControlWords, ofEachSourceFileOfTheManagersAreHandedOverOnceAndBeforeMain)
 {
-    // Loads the library. A comparison alone is decided by some compilers, and then the library is not needed.
+    // Needs the library at run time. Some compilers decide a plain comparison themselves, without the
+    // library.
     auto* volatile usesTheLibrary = &StatusManager::getInstance;
     ASSERT_NE(usesTheLibrary, nullptr);
     for (const char* file : {"statusmanager/StatusManager.cpp", "statusmanager/StatusManagerProxy.cpp",

@@ -9,7 +9,7 @@ TEST_F(Events, theDelayHasNoEffectOnTheLocalManager)
     registerBoth();
     manager.registerForEvent(&listener, "e");
     manager.postEvent("e", "v", 5000);
-    settle(); // much sooner than the delay
+    settle(); // takes much less than the delay
     EXPECT_EQ(listener.events(), (Received{{"e", "v"}}));
 }
 

@@ -1,5 +1,5 @@
-// No memory, or no thread can be started: the caller gets an exception, nothing is half done, and a later
-// call works.
+// Memory runs out, or no thread can be started. The caller gets an exception, nothing is half done, and a
+// later call works.
 
 #include <algorithm>
 #include <atomic>
@@ -25,7 +25,7 @@ namespace
 
 using FailedInstance = OwnProcess;
 
-// Counts the managers that getInstance() has made, by their places in the source.
+// Counts the managers created by getInstance(), by their places in the source.
 unsigned liveManagers()
 {
     unsigned live = 0;
@@ -54,7 +54,7 @@ void failsUntilThereIsMemory()
             EXPECT_EQ(liveManagers(), 0U) << allocations;
         }
     }
-    EXPECT_GE(failures, 2); // the storage, and what the construction takes
+    EXPECT_GE(failures, 2); // the storage, and the construction's allocations
     EXPECT_NE(dynamic_cast<StatusManagerStub*>(instance), nullptr);
     EXPECT_EQ(StatusManager::getInstance(true), instance);
     EXPECT_EQ(liveManagers(), 1U);
@@ -69,7 +69,7 @@ void failsUntilThereAreThreads()
         EXPECT_THROW(StatusManager::getInstance(false), std::system_error) << threads;
         EXPECT_EQ(liveManagers(), 0U) << threads;
     }
-    // The failed call has decided nothing: the next call decides which manager it is.
+    // The failed call has decided nothing: the next call chooses the manager.
     EXPECT_NE(dynamic_cast<StatusManagerStub*>(StatusManager::getInstance(true)), nullptr);
     EXPECT_EQ(liveManagers(), 1U);
 }
@@ -91,7 +91,7 @@ TEST_F(FailedInstance, forWantOfAThreadThrowsAndIsTriedAgainByALaterCall)
 namespace
 {
 
-// Counts what begins on the manager's thread, and takes no memory for it.
+// Counts calls that begin on the manager's thread, without allocating.
 std::atomic<std::size_t> begun{0};
 std::atomic<std::thread::id> managersThread;
 
@@ -118,7 +118,7 @@ protected:
         ov_log_configure("*=5:ffffffff");
     }
 
-    // Waits for queued calls, and returns how often the operation has run on the manager's thread.
+    // Waits for queued calls. Returns how often the operation has run on the manager's thread.
     std::size_t timesDone()
     {
         manager.onThread([] {});
@@ -155,7 +155,7 @@ TEST_P(FailedCall, forWantOfMemoryThrowsAndSendsNothing)
             ASSERT_EQ(timesDone(), 0U) << failures;
         }
     }
-    EXPECT_GE(failures, 1); // the agent, at least
+    EXPECT_GE(failures, 1); // at least the agent
     EXPECT_GE(timesDone(), 1U);
 }
 

@@ -1,4 +1,4 @@
-// The process's one manager. Each case needs a process of its own: it is run in a child.
+// The process's one manager. Each case runs in its own child process.
 
 #include <gtest/gtest.h>
 #include <set>
@@ -32,7 +32,7 @@ void concurrentFirstCallsYieldOneObject()
         thread.join();
     EXPECT_EQ(std::set<StatusManager*>(instances.begin(), instances.end()).size(), 1U);
     EXPECT_NE(instances.front(), nullptr);
-    EXPECT_EQ(log.count(6, "begin"), 1U); // one construction
+    EXPECT_EQ(log.count(6, "begin"), 1U); // only one construction
 }
 
 void throughTheInstanceTheStubsCounterIsTheBases()

@@ -7,8 +7,8 @@
 #include "tests/support/LogCapture.h"
 #include "tests/support/RecordingListener.h"
 
-/// A manager with two listeners, each on a thread of its own; messages up to level 7 are captured, trace
-/// scopes not.
+/// A manager with two listeners, each on its own thread. Messages up to level 7 are captured, trace scopes
+/// are not.
 class ListenerFixture : public testing::Test
 {
 protected:
@@ -25,7 +25,7 @@ protected:
         manager.registerListener(&other, &otherThread);
     }
 
-    /// Returns when all that was posted and queued before has been delivered.
+    /// Returns when everything posted and queued before is delivered.
     void settle()
     {
         manager.sync(0);

@@ -1,4 +1,4 @@
-// Derived managers are built against a listener's record: its fields, their order and types.
+// Derived managers are compiled with a listener's record: its fields, their order and their types.
 
 #include <cstddef>
 #include <gtest/gtest.h>
@@ -21,10 +21,10 @@ static_assert(offsetof(Record, listener) == 0);
 static_assert(offsetof(Record, dispatcher) == sizeof(void*));
 static_assert(offsetof(Record, statusKeys) == 2 * sizeof(void*));
 static_assert(offsetof(Record, eventKeys) == 2 * sizeof(void*) + sizeof(StatusKeys));
-static_assert(sizeof(Record) == 2 * sizeof(void*) + 2 * sizeof(StatusKeys)); // and no more
+static_assert(sizeof(Record) == 2 * sizeof(void*) + 2 * sizeof(StatusKeys)); // nothing else
 static_assert(std::is_aggregate_v<Record> && !std::is_polymorphic_v<Record>);
 
-// A derived manager that reads the registry, as one outside this library may.
+// A derived manager that reads the registry, as classes outside this library may.
 class ReadingManager : public StatusManager
 {
 public:

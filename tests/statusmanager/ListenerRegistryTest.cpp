@@ -34,7 +34,7 @@ TEST_F(ListenerRegistry, registeringTwiceKeepsTheFirstDispatcherAndIsLogged)
     manager.registerForEvent(&listener, "e");
     manager.postEvent("e", "v", 0);
     ASSERT_TRUE(listener.waitForEvents(1));
-    // The other listener tells which thread is which.
+    // The other listener shows which thread is which.
     manager.registerListener(&other, &thread);
     manager.registerForStatus(&other, "any");
     ASSERT_TRUE(other.waitForUpdates(1));
@@ -227,14 +227,14 @@ TEST_F(ListenerRegistry, aNullListenerIsAKeyLikeAnyOther)
 namespace
 {
 
-// Listeners that note the order of their calls. All share one dispatcher, so that this is the order in which
-// the manager sent the calls.
+// Listeners that record the order of their calls. All share one dispatcher, so this is the order in which the
+// manager sent the calls.
 class Ordered : public IStatusUpdateListener
 {
 public:
     void onStatusUpdate(StatusMap updates) override
     {
-        if (!updates.empty()) // those at the subscription are
+        if (!updates.empty()) // an empty update answers the subscription
             order->push_back(this);
     }
     void onEventUpdate(std::string, std::string) override { order->push_back(this); }
@@ -287,7 +287,7 @@ TEST_F(InOrder, ofTheirAddressesListenersAreToldOfStatusValues)
 namespace
 {
 
-// Lists with more keys than are searched one by one.
+// Lists with more keys than the manager searches one by one.
 class ManyKeys : public ListenerRegistry
 {
 protected:
@@ -303,7 +303,7 @@ protected:
         return all;
     }
 
-    // Changes the first fifty keys and returns those that the listener is told of.
+    // Changes the first fifty keys. Returns the keys that the listener receives.
     std::set<std::string> told()
     {
         settle();
@@ -351,7 +351,7 @@ TEST_F(ManyKeys, thatAreSubscribedAreToldAndNoOthers)
 {
     manager.registerForStatus(&listener, keys(0, 20));
     EXPECT_EQ(told(), setOf(keys(0, 20)));
-    manager.registerForStatus(&listener, keys(20, 30)); // behind those that have been looked up
+    manager.registerForStatus(&listener, keys(20, 30)); // after the first keys have been looked up
     EXPECT_EQ(told(), setOf(keys(0, 30)));
 }
 
@@ -412,7 +412,7 @@ TEST_F(ManyKeys, ofEventsAreNotThoseOfValues)
     EXPECT_EQ(toldOfEvents(), setOf(keys(21, 39)));
 }
 
-// The next record may have the address of the last one.
+// The next record may get the address of the last.
 TEST_F(ManyKeys, areForgottenWithTheirListener)
 {
     for (int round = 0; round < 5; ++round)

@@ -1,5 +1,5 @@
-// Each operation, called from another thread than the manager's: does it return before or after the work, on
-// which thread is the work done, and does the most derived version do it.
+// Calls each operation from a thread other than the manager's. Does it return before or after its work, which
+// thread does the work, and does the most derived version do it?
 
 #include <algorithm>
 #include <atomic>
@@ -15,12 +15,12 @@
 namespace
 {
 
-// Replaces every operation that does its work on the manager's thread, and notes that it did. As in any
-// derived class, a call from elsewhere is handed to the base, which brings it back here.
+// Overrides every operation that works on the manager's thread, and records its calls. As in any derived
+// class, a call from another thread goes to the base, which calls the override on the manager's thread.
 class DerivedManager : public TestManager
 {
 public:
-    ~DerivedManager() override { mThread.stop(); } // before what the overrides use is gone
+    ~DerivedManager() override { mThread.stop(); } // before the overrides' members are destroyed
 
     template <class Result, class Call>
     Result note(const char* name, Call baseCall)
@@ -86,7 +86,7 @@ class Waiting : public testing::TestWithParam<Operation>
 {
 };
 
-// Waits for the operation to be queued behind what blocks the manager's thread.
+// Waits until the operation is queued behind the block on the manager's thread.
 bool isQueued(TestManager& manager)
 {
     return eventually([&] { return manager.mThread.getPendingCount() == 1; });
@@ -100,7 +100,7 @@ std::ptrdiff_t beginsOf(const std::string& function, const LogCapture& log)
                          { return line.function == function && line.text == "begin"; });
 }
 
-// A call that waits, made on a thread of its own while the manager's thread is blocked.
+// A call that waits, made on a separate thread while the manager's thread is blocked.
 void expectToWait(TestManager& manager, const std::function<void()>& call)
 {
     Gate gate;
@@ -184,7 +184,7 @@ protected:
 TEST_P(Traced, logsExactlyItsLinesWhenItIsCalledFromAnotherThread)
 {
     GetParam().call(manager);
-    manager.onThread([] {}); // behind what was queued
+    manager.onThread([] {}); // behind the queued calls
     for (const auto& [by, thread] :
          {std::pair(By::Caller, std::this_thread::get_id()), std::pair(By::Manager, managersThread)})
         EXPECT_EQ(loggedOn(thread, by, log), linesBy(by, GetParam().lines));
@@ -250,7 +250,7 @@ TEST(Marshalling, callsOfOneThreadKeepTheirOrder)
 
 TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
 {
-    // The base's version: during the base's destructor, a call would reach no other.
+    // The base's version: during the base's destructor a call can reach no other version.
     const std::string function = "virtual void StatusManager::postStatus(StatusMap)";
     LogCapture log("StatusManager=7:40000000");
     Gate gate;
@@ -260,7 +260,7 @@ TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
         TestManager manager;
         manager.postStatus(StatusMap());
         manager.sync(0);
-        EXPECT_EQ(beginsOf(function, log), 1); // so a call would be seen
+        EXPECT_EQ(beginsOf(function, log), 1); // shows that a call would be seen
         log.clear();
 
         manager.block(gate);
@@ -273,7 +273,7 @@ TEST(Marshalling, destroyingAManagerDropsWhatIsQueued)
                 isDropped = eventually([&] { return queue.getPendingCount() == 0; });
                 gate.open();
             });
-    } // drops the ten, then waits for the thread, which the opener frees when they are gone
+    } // drops the ten calls, then waits for the thread, which the opener then releases
     opener.join();
     EXPECT_TRUE(isDropped);
     EXPECT_EQ(beginsOf(function, log), 0);
@@ -324,7 +324,7 @@ TEST(Traces, ofTheSingleKeyFormsOnlyUnregisterForEventTraces)
             manager.unregisterForStatus(nullptr, "k");
             manager.registerForEvent(nullptr, "e");
         });
-    EXPECT_EQ(log.count(7, "begin"), 3U); // the list forms'
+    EXPECT_EQ(log.count(7, "begin"), 3U); // of the list forms
     log.clear();
     manager.onThread([&] { manager.unregisterForEvent(nullptr, "e"); });
     EXPECT_EQ(log.count(7, "begin"), 2U);

@@ -12,10 +12,10 @@
 /// An operation of the manager, called with some arguments.
 struct Operation
 {
-    const char* name; // of the version in which the work is done
+    const char* name; // of the version that does the work
     std::function<void(TestManager&)> call;
-    TraceLines lines;                            // all that it logs with traces on
-    std::optional<TraceLines> linesInPlace = {}; // the same on the manager's thread, if it differs
+    TraceLines lines;                            // everything that it logs with traces on
+    std::optional<TraceLines> linesInPlace = {}; // its lines on the manager's thread, if they differ
 };
 
 inline std::ostream& operator<<(std::ostream& stream, const Operation& operation)
@@ -39,7 +39,7 @@ inline const TraceLines postStatus =
 inline const TraceLines resetStatus =
     scope("virtual void StatusManager::resetStatus(StatusKeys)", handleStatusUpdate);
 
-/// Of an operation with subscriptions, for a listener that is not registered.
+/// The lines of an operation with subscriptions, for a listener that is not registered.
 inline TraceLines refused(const std::string& function, const std::string& what)
 {
     return scope(function,
@@ -65,7 +65,7 @@ inline const TraceLines unregisterListenerHelper =
 
 } // namespace Traces
 
-/// Operations that return at once when another thread than the manager's calls them.
+/// Operations that return at once on any thread but the manager's.
 inline const std::vector<Operation> queuedOperations{
     {"startTimer", [](TestManager& m) { m.startTimer("t"); },
      scope("virtual void StatusManager::startTimer(std::string)", Traces::getTimer)},
@@ -121,13 +121,13 @@ inline const std::vector<Operation> waitingOperations{
     {"unregisterForEvent", [](TestManager& m) { m.unregisterForEvent(nullptr, EventKeys{"e"}); },
      Traces::unregisterForEvent},
     {"unregisterForEvent", [](TestManager& m) { m.unregisterForEvent(nullptr, "single"); },
-     // The only form that traces on its caller's thread.
+     // Only this form traces on its caller's thread.
      scope("virtual void StatusManager::unregisterForEvent(IStatusUpdateListener*, const string&)",
            Traces::unregisterForEvent, TraceLine::By::Caller)},
     {"sync", [](TestManager& m) { m.sync(-1); }, scope("virtual bool StatusManager::sync(int)")},
 };
 
-/// Operations that no class can replace, or that do part of their work on the caller's thread.
+/// Operations that no class can override, or that do part of their work on the caller's thread.
 inline const std::vector<Operation> otherOperations{
     {"unregisterListener", [](TestManager& m) { m.unregisterListener(nullptr); },
      scope(Traces::unregisterListener, Traces::unregisterListenerHelper, TraceLine::By::Caller),

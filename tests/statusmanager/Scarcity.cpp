@@ -9,7 +9,7 @@
 namespace
 {
 
-// How many more succeed; negative: no limit.
+// The number that may still succeed; negative: no limit.
 thread_local int allocationsLeft = -1;
 thread_local int threadsLeft = -1;
 
@@ -44,7 +44,7 @@ ScarceThreads::~ScarceThreads()
     threadsLeft = -1;
 }
 
-// Definitions in the program take the place of those in the libraries.
+// The program's definitions take precedence over the libraries'.
 
 void* operator new(std::size_t size)
 {

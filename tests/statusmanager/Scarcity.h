@@ -1,7 +1,7 @@
 #ifndef TESTS_STATUSMANAGER_SCARCITY_H
 #define TESTS_STATUSMANAGER_SCARCITY_H
 
-/// While it lives, only so many allocations of the calling thread succeed, and the next ones fail.
+/// While it lives, only this many allocations of the calling thread succeed.
 class ScarceMemory
 {
 public:
@@ -12,7 +12,7 @@ public:
     ScarceMemory& operator=(const ScarceMemory&) = delete;
 };
 
-/// The same for the threads that the calling thread starts.
+/// While it lives, the calling thread can start only this many threads.
 class ScarceThreads
 {
 public:

@@ -10,7 +10,7 @@ protected:
     std::size_t updatesAfterFirst()
     {
         settle();
-        return listener.updates().size() - 1; // without the one that answers the subscription
+        return listener.updates().size() - 1; // without the answer to the subscription
     }
 };
 
@@ -113,7 +113,7 @@ TEST_F(StatusStore, handedInUpdatesReachListenersWithoutBeingStored)
     registerBoth();
     manager.registerForStatus(&listener, "a");
     manager.handleStatusUpdate({{"a", "from outside"}, {"b", "not subscribed"}});
-    manager.handleStatusUpdate({{"a", "from outside"}}); // not compared with anything
+    manager.handleStatusUpdate({{"a", "from outside"}}); // passed on even if nothing changed
     EXPECT_EQ(updatesAfterFirst(), 2U);
     EXPECT_EQ(listener.updates().back(), (StatusMap{{"a", "from outside"}}));
     EXPECT_TRUE(manager.getClientInfo().empty());
@@ -184,7 +184,7 @@ public:
     }
 };
 
-// Has no memory for anything as long as it is told so.
+// Has no memory for any agent while isExhausted is set.
 class Exhausted : public InPlace
 {
 public:
@@ -196,7 +196,7 @@ public:
         throw std::bad_alloc();
     }
 
-    bool isExhausted = false; // the manager's thread
+    bool isExhausted = false; // used by the manager's thread
 };
 
 class OnUpdate : public IStatusUpdateListener
@@ -210,7 +210,7 @@ private:
     std::function<void(StatusMap)> mCall;
 };
 
-// Two listeners that are called in place, the lower one first.
+// Two listeners that are called in place, in the order of their addresses.
 class InPlaceCallbacks : public StatusStore
 {
 protected:
@@ -220,10 +220,10 @@ protected:
     {
         manager.registerListener(&each, &dispatcher);
         manager.registerForStatus(&each, StatusKeys{"a", "b"});
-        manager.sync(0); // behind the first callback
+        manager.sync(0); // returns after the first callback
     }
 
-    // The post, made where memory may run out for it.
+    // Makes the post while memory may run out. Returns whether it did.
     bool runsOut(const StatusMap& values)
     {
         bool ranOut = false;

@@ -18,7 +18,7 @@ public:
 
     std::size_t storedCounters()
     {
-        return mCounters.size(); // the manager's thread is idle: what touched them has been waited for
+        return mCounters.size(); // the manager's thread is idle here, so reading is safe
     }
 };
 
@@ -149,7 +149,7 @@ TEST_F(StubTest, syncIsTrueAtOnceWhateverTheTimeOut)
         const bool isReady = synced.wait_for(testDeadline) == std::future_status::ready;
         EXPECT_TRUE(isReady) << timeout;
         if (!isReady)
-            occupation.end(); // or this would wait for ever
+            occupation.end(); // without this, it would wait for ever
         EXPECT_TRUE(synced.get());
     }
 }
@@ -165,7 +165,7 @@ TEST_F(StubTest, aListenerNeverHearsAnythingAndMayBeUnregistered)
     manager.postStatus("k", "v");
     manager.postEvent("e", "v", 0);
     manager.resetStatus("k");
-    manager.getClientInfoValue("k"); // behind the reset on the manager's thread
+    manager.getClientInfoValue("k"); // queued behind the reset
     EXPECT_EQ(thread.getPendingCount(), 0U);
     manager.unregisterListener(&listener);
     thread.stop();
@@ -194,7 +194,7 @@ TEST_F(StubTest, throughTheStubUnsubscribingIsInert)
     EXPECT_TRUE(log.lines().empty());
 }
 
-// Until then, the thread may be in an operation of the stub.
+// Before that, the thread may be inside an operation of the stub.
 TEST(StubTrace, theBasesDestructionBeginsWhenTheManagersThreadHasEnded)
 {
     LogCapture log("StatusManager*=6:ffffffff");
@@ -202,7 +202,7 @@ TEST(StubTrace, theBasesDestructionBeginsWhenTheManagersThreadHasEnded)
     Occupation occupation(stub->mThread);
     log.clear();
     auto destroyed = std::async(std::launch::async, [&] { stub.reset(); });
-    EXPECT_TRUE(log.waitFor(6, "end")); // of the stub's scope
+    EXPECT_TRUE(log.waitFor(6, "end")); // the end of the stub's scope
     EXPECT_EQ(destroyed.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     EXPECT_EQ(log.texts(), (std::vector<std::string>{"begin", "end"}));
     occupation.end();

@@ -26,7 +26,7 @@ class SubscriptionIndexTest : public testing::Test
 protected:
     bool contains(const StatusKeys& list, std::size_t number) { return index.in(list).contains(key(number)); }
 
-    // Among the keys with smaller numbers, exactly those in the list are found.
+    // Expects that exactly the keys in the list are found, among keys with smaller numbers than `keysBelow`.
     void expectAgreement(const StatusKeys& list, std::size_t keysBelow)
     {
         const std::set<std::string> expected(list.begin(), list.end());
@@ -160,7 +160,7 @@ TEST_F(SubscriptionIndexTest, listsAreKeptApart)
     expectAgreement(even, 20);
 }
 
-// Another list may have the address of one that is gone.
+// A new list may get the address of a destroyed list.
 TEST_F(SubscriptionIndexTest, aForgottenListLeavesNothing)
 {
     StatusKeys list = keys(20);
@@ -190,11 +190,11 @@ TEST_F(SubscriptionIndexTest, clearedItHasForgottenAllLists)
     expectAgreement(second, 150);
 }
 
-// Thousands of steps, compared with the plain search after each.
+// Compares with a plain search after each of thousands of steps.
 TEST_F(SubscriptionIndexTest, agreesWithAPlainSearchWhateverComesAfterWhat)
 {
     constexpr std::size_t names = 40;
-    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same steps each time
+    std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same steps in every run
     StatusKeys list;
     for (int step = 0; step < 20000; ++step)
     {

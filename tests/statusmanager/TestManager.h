@@ -7,7 +7,7 @@
 #include "statusmanager/StatusManager.h"
 #include "tests/support/Wait.h"
 
-/// A local manager whose thread and state a test can get at.
+/// A local manager whose thread and state are accessible to tests.
 class TestManager : public StatusManager
 {
 public:
@@ -22,14 +22,14 @@ public:
     using StatusManager::mTimers;
     using StatusManager::unregisterListenerHelper;
 
-    /// Runs a piece of the test on the manager's thread and waits for it.
+    /// Runs `work` on the manager's thread and waits for it.
     void onThread(const std::function<void()>& work)
     {
         using Agent = Orvane::SyncEventAgent1<TestManager, const std::function<void()>&>;
         (OV_NEW Agent(this, &TestManager::run, work))->send(&mThread);
     }
 
-    /// Occupies the manager's thread until the gate opens; returns when it is occupied.
+    /// Blocks the manager's thread until the gate opens. Returns when it is blocked.
     void block(Gate& gate)
     {
         Gate occupied;

@@ -1,4 +1,4 @@
-// The order of virtual operations is part of the binary interface: new ones go to the end.
+// The order of virtual operations belongs to the binary interface: new operations go to the end.
 
 #include <gtest/gtest.h>
 
@@ -10,7 +10,7 @@ namespace
 
 using Listener = IStatusUpdateListener*;
 
-// Picks one of several overloads by its arguments.
+// Selects an overload by its arguments.
 template <class T, class R, class... A>
 int slotOf(R (T::*member)(A...))
 {

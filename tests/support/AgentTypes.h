@@ -6,7 +6,7 @@
 
 #include "common/Calls.h"
 
-/// For static_assert: whether the helpers that package calls make exactly this agent of a call of `method`.
+/// For static_assert: whether this helper makes exactly this agent for a call of `method`.
 
 template <class Agent, class Kind, class T, class R, class... A>
 constexpr bool isMadeAs(R (T::*)(A...))
@@ -23,14 +23,14 @@ constexpr bool isPosted(void (T::*method)(A...))
     return isMadeAs<Agent, Orvane::AsyncEventAgent>(method);
 }
 
-/// Made by callAndWait() where there is no result.
+/// Made by callAndWait() for calls without a result.
 template <class Agent, class T, class... A>
 constexpr bool isAwaited(void (T::*method)(A...))
 {
     return isMadeAs<Agent, Orvane::SyncEventAgent>(method);
 }
 
-/// Made by callAndWait() where there is one.
+/// Made by callAndWait() for calls with a result.
 template <class Agent, class T, class R, class... A>
 constexpr bool isAsked(R (T::*method)(A...))
 {

@@ -1,4 +1,4 @@
-// In the broker that the tests run: setting the clock is announced, and sets the clock of this process only.
+// Linked into the broker that the tests run. Setting the clock prints a line, and changes only this process.
 
 #include <atomic>
 #include <cstdio>
@@ -10,7 +10,7 @@
 namespace
 {
 
-std::atomic<time_t> ahead{0}; // of the machine's clock, seconds
+std::atomic<time_t> ahead{0}; // seconds ahead of the machine's clock
 
 } // namespace
 

@@ -1,5 +1,5 @@
-// In the broker that the tests run: with ANNOUNCED_SYNC in the environment, each wait for the storage is
-// announced, and takes as long as the file of that name is there.
+// Linked into the broker that the tests run. With ANNOUNCED_SYNC in the environment, each wait for the
+// storage prints a line, and lasts as long as the file of that name exists.
 
 #include <cstdio>
 #include <cstdlib>
@@ -15,7 +15,7 @@ int announced(long call, int descriptor)
     {
         const bool held = access(file, F_OK) == 0;
         fputs(held ? "sync is held\n" : "sync\n", stderr);
-        // The test removes the file. This pause is the pace of looking, not a wait for a test to get ready.
+        // The test removes the file. This sleep only paces the polling.
         while (access(file, F_OK) == 0)
             usleep(1000);
     }
@@ -24,7 +24,7 @@ int announced(long call, int descriptor)
 
 } // namespace
 
-// A definition in the program is found before the C library's, from SQLite, too.
+// The program's definition takes precedence over the C library's, also for calls from SQLite.
 extern "C" __attribute__((visibility("default"))) int fsync(int descriptor)
 {
     return announced(SYS_fsync, descriptor);

@@ -6,8 +6,8 @@
 #include <thread>
 #include <unistd.h>
 
-/// Calls act() on a thread that is another user, which only root can become. What it connects belongs to that
-/// user. Returns false, and calls nothing, if this process may not.
+/// Calls act() on a thread that runs as another user, so that connections made there belong to that user.
+/// Only root may do that: otherwise it calls nothing and returns false.
 template <class Act>
 bool asUser(uid_t user, Act act)
 {
@@ -16,7 +16,7 @@ bool asUser(uid_t user, Act act)
         [&]
         {
             isUser =
-                syscall(SYS_setresuid, user, user, user) == 0; // of this thread alone, unlike setresuid()
+                syscall(SYS_setresuid, user, user, user) == 0; // of this thread; setresuid() changes all
             if (isUser)
                 act();
         });

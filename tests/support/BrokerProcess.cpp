@@ -6,8 +6,7 @@
 namespace
 {
 
-// STATUSBROKER is the program's path, from the build. It is one in which the clock cannot be set: see
-// tests/broker/CMakeLists.txt.
+// STATUSBROKER is the path of a broker that cannot set the clock: see tests/broker/CMakeLists.txt.
 std::vector<std::string> commandOf(const std::vector<std::string>& options)
 {
     std::vector<std::string> command{STATUSBROKER};

@@ -6,8 +6,8 @@
 
 #include "tests/support/TestProcess.h"
 
-/// A real broker, serving when the constructor returns. Throws std::runtime_error with the broker's own words
-/// if it does not come up, for example because the ports are taken.
+/// A real broker. It serves when the constructor returns. Throws std::runtime_error with the broker's output
+/// if it does not start, for example because the ports are taken.
 class BrokerProcess
 {
 public:
@@ -15,10 +15,10 @@ public:
 
     TestProcess& process() { return mProcess; }
 
-    /// Asks it to end, and returns its exit code.
+    /// Asks the broker to end, and returns its exit code.
     int stop();
 
-    /// Ends it at once, as a crash would.
+    /// Kills the broker, as a crash would.
     void kill();
 
 private:

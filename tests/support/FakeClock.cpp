@@ -21,7 +21,7 @@ int record(const timeval& time, bool hadTimeZone)
 
 } // namespace
 
-// A definition in the program is found before the C library's, from the shared libraries, too.
+// The program's definition takes precedence over the C library's, also for calls from shared libraries.
 extern "C" __attribute__((visibility("default"))) int settimeofday(const timeval* time,
                                                                    const struct timezone* zone) noexcept
 {
@@ -34,8 +34,8 @@ extern "C" __attribute__((visibility("default"))) int clock_settime(clockid_t, c
 }
 
 #if defined(__GLIBC__) && defined(__USE_TIME_BITS64) && __SIZEOF_POINTER__ == 4
-// With 64-bit times the two above go by other names to the linker. Code compiled without them must not
-// reach the machine's clock either.
+// With 64-bit times, the linker knows the two functions above by other names. Code compiled without 64-bit
+// times must not reach the machine's clock either.
 struct Timeval32
 {
     int32_t seconds;

@@ -4,7 +4,7 @@
 #include <optional>
 #include <sys/time.h>
 
-/// Stands in for the calls that set the machine's clock, in every test program: they record and succeed.
+/// Replaces the calls that set the machine's clock, in every test program. They record the time and succeed.
 namespace FakeClock
 {
 
@@ -14,7 +14,7 @@ struct Setting
     bool hadTimeZone;
 };
 
-/// The last time that was set since reset(); nothing if none was.
+/// The last time that was set since reset(); nothing if none was set.
 std::optional<Setting> lastSetting();
 void reset();
 

@@ -9,7 +9,7 @@
 namespace
 {
 
-// Static and never destroyed: a thread that was logging while a capture ended may still come here.
+// Never destroyed: a thread that was logging when a capture ended may still use it.
 struct Captured
 {
     std::mutex mutex;

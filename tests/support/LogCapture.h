@@ -14,12 +14,12 @@ struct LogLine
     int line;
     int indent;
     std::string text;
-    std::thread::id thread; ///< that logged it
+    std::thread::id thread; ///< the thread that logged it
 };
 
-/// While it lives, log messages go here instead of to stderr, and the control words are as `rules` say (see
-/// ov_log_configure(); by default messages up to level 5 and no trace scopes). One at a time. Afterwards the
-/// control words are back at their initial values.
+/// While it lives, it captures log messages that would go to stderr, under these control words (see
+/// ov_log_configure(); by default messages up to level 5 and no trace scopes). One at a time. The destructor
+/// restores the initial control words.
 class LogCapture
 {
 public:
@@ -32,14 +32,14 @@ public:
     std::vector<LogLine> lines() const;
     void clear();
 
-    /// How many lines have exactly this text, at this level.
+    /// The number of lines with exactly this text and level.
     std::size_t count(int level, const std::string& text) const;
     bool has(int level, const std::string& text) const { return count(level, text) != 0; }
 
-    /// Waits for such a line; false at the deadline.
+    /// Waits for such lines. Returns false at the deadline.
     bool waitFor(int level, const std::string& text, std::size_t times = 1) const;
 
-    /// The texts only, in order, of the lines at `maxLevel` and below.
+    /// The texts of the lines up to `maxLevel`, in order.
     std::vector<std::string> texts(int maxLevel = 7) const;
 };
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 
-/// The address of a port of this machine; 0: the system chooses one.
+/// The address of a port of this machine. With port 0 the system chooses one.
 inline sockaddr_in loopback(uint16_t port)
 {
     sockaddr_in address{};

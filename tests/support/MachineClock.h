@@ -5,8 +5,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-/// The kernel's clock_gettime(), for tests that stand in for the C library's. On 32 bits, the one that tells
-/// times after 2038.
+/// The kernel's clock_gettime(), for tests that replace the C library's. On 32 bits it uses the call that can
+/// represent times after 2038.
 inline int machineClock(clockid_t clock, timespec* time)
 {
 #ifdef SYS_clock_gettime64

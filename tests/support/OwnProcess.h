@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <gtest/gtest.h>
 
-/// Runs the statement in a fresh child process, which has no instance of the manager yet, and ends the child
-/// as main() would. For tests of an OwnProcess fixture.
+/// Runs the statement in a new child process, which has no instance of the manager yet. The child ends as
+/// main() would. For tests of an OwnProcess fixture.
 #define EXPECT_IN_OWN_PROCESS(statement)                                                                     \
     EXPECT_EXIT(                                                                                             \
         {                                                                                                    \
@@ -14,7 +14,7 @@
         },                                                                                                   \
         testing::ExitedWithCode(0), "")
 
-/// Each child starts the program anew, so it has only its own threads.
+/// Each child starts the program anew, so it inherits no threads.
 class OwnProcess : public testing::Test
 {
 protected:

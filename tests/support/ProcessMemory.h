@@ -9,11 +9,11 @@
 #include "tests/support/Sanitized.h"
 #include "tests/support/Wait.h"
 
-/// Whether a process's memory tells how much its program uses. A sanitizer and an emulator keep memory of
-/// their own.
+/// Whether a process's memory shows how much its program uses. Sanitizers and emulators use memory
+/// themselves.
 constexpr bool isMemoryTelling = !isSanitized && !isEmulated;
 
-/// Forgets the peak so far ("VmHWM"): the memory that the process has now becomes the peak.
+/// Resets the peak ("VmHWM") to the memory that the process has now.
 /// @param process its id, or "self"
 inline void resetPeakMemory(const std::string& process)
 {
@@ -21,7 +21,7 @@ inline void resetPeakMemory(const std::string& process)
     std::ofstream("/proc/" + process + "/clear_refs") << resetPeak;
 }
 
-/// Bytes that the kernel counts for a process: "VmRSS" now, "VmHWM" at most so far.
+/// Bytes that the kernel counts for a process: "VmRSS" now, "VmHWM" at the peak.
 /// @param process its id, or "self"
 inline std::size_t memoryOf(const std::string& process, const std::string& name)
 {

@@ -8,8 +8,8 @@
 #include "tests/support/RawClient.h"
 #include "tests/support/Wait.h"
 
-/// A broker client of a test's own. Its destruction needs a notification to end the notify loop; this one
-/// keeps the broker publishing meanwhile.
+/// A broker client of the test's own. To be destroyed, it needs a notification that ends its notify loop. So
+/// it keeps the broker publishing until then.
 class ProxyClient
 {
 public:

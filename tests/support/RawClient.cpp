@@ -58,9 +58,8 @@ RawRequester::RawRequester(zmq::socket_type type) : mSocket(context(), type)
     mSocket.set(zmq::sockopt::linger, 0);
 }
 
-// A request that waits for the connection leaves with it, perhaps before a post that was made earlier and
-// that the I/O thread has not been told of yet. A connection that is asked for behind the post is not made
-// before it.
+// A request that waits for its connection leaves when the connection is made. It could overtake an earlier
+// post that the I/O thread has not taken yet. So the connection is requested after the post.
 void RawRequester::connect()
 {
     if (!std::exchange(mIsConnected, true))
@@ -103,7 +102,7 @@ uint64_t brokerStatistic(RawRequester& requester, const std::string& name)
     return std::stoull(text.substr(at + name.size() + 3));
 }
 
-// An XPUB posts as a PUB does, and is told of the subscription besides.
+// An XPUB posts like a PUB, and also receives the broker's subscription.
 RawPoster::RawPoster() : mSocket(context(), zmq::socket_type::xpub)
 {
     mSocket.set(zmq::sockopt::linger, 1000);
@@ -124,7 +123,7 @@ RawSubscriber::RawSubscriber(RawPoster& poster) : mSocket(context(), zmq::socket
     mSocket.set(zmq::sockopt::rcvhwm, 0);
     mSocket.set(zmq::sockopt::subscribe, "");
     mSocket.connect("tcp://127.0.0.1:5557");
-    // A posted "Sync" comes back to subscribers: ask until the subscription has arrived.
+    // Subscribers receive a posted "Sync": repeat it until the subscription works.
     const bool subscribed = eventually(
         [&]
         {

@@ -10,11 +10,11 @@
 
 #include "tests/support/Wait.h"
 
-/// Plain ZeroMQ peers of a broker, for exact bytes and for what the library would never send. All of a
-/// process share one context with one I/O thread, as a client's sockets do, so their posts and requests have
-/// an order.
+/// Plain ZeroMQ peers of a broker, for exact bytes and for messages that the library never sends. All peers
+/// of a process share one context with one I/O thread, as a client's sockets do. So their posts and requests
+/// keep their order.
 
-/// Asks on the request port. Connects when it is used first.
+/// Sends requests to the request port. Connects on first use.
 class RawRequester
 {
 public:
@@ -24,8 +24,8 @@ public:
     /// The frames of the reply; nothing at the deadline.
     std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
 
-    /// One request in one frame and its reply's text; empty at the deadline. Where the answer is the empty
-    /// one that the broker gives to those that say nothing for long, asks again, as the library does.
+    /// Sends a request in one frame and returns the reply's text; empty at the deadline. After the empty
+    /// answer, which the broker gives to silent connections, it asks again as the library does.
     std::string ask(const std::string& request);
 
 private:
@@ -35,10 +35,10 @@ private:
     bool mIsConnected = false;
 };
 
-/// One of the numbers that the broker counts about itself. Fails the test if it is not there.
+/// A number of the broker's statistics. Fails the test if it is missing.
 uint64_t brokerStatistic(RawRequester& requester, const std::string& name);
 
-/// Posts on the post port. Its constructor returns when the broker's subscription has arrived, so nothing is
+/// Posts on the post port. The constructor returns when the broker's subscription has arrived, so no post is
 /// lost.
 class RawPoster
 {
@@ -51,16 +51,16 @@ private:
     zmq::socket_t mSocket;
 };
 
-/// Listens on the notify port, from when the constructor returns.
+/// Listens on the notify port as soon as the constructor has returned.
 class RawSubscriber
 {
 public:
     explicit RawSubscriber(RawPoster& poster);
 
-    /// The next notification's frames, "Sync" left out; nothing at the deadline.
+    /// The next notification's frames, ignoring "Sync"; nothing at the deadline.
     std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
 
-    /// As one text; empty at the deadline.
+    /// The next notification as one text; empty at the deadline.
     std::string receiveText(std::chrono::milliseconds deadline = testDeadline);
 
 private:

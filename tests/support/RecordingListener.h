@@ -10,7 +10,7 @@
 
 #include "statusmanager/StatusManager.h"
 
-/// Remembers every callback, in order, and the thread of the last one.
+/// Records every callback in order, and the thread of the last one.
 class RecordingListener : public IStatusUpdateListener
 {
 public:
@@ -23,11 +23,11 @@ public:
     std::vector<Event> events() const;
     std::thread::id lastThread() const;
 
-    /// Wait until at least so many callbacks have come; false at the deadline.
+    /// Waits for this many callbacks in all. Returns false at the deadline.
     bool waitForUpdates(std::size_t count) const;
     bool waitForEvents(std::size_t count) const;
 
-    /// Waits until the values received so far, later ones over earlier, hold this pair.
+    /// Waits until the values received so far contain this pair. Later values replace earlier ones.
     bool waitForValue(const std::string& key, const std::string& value) const;
 
 private:

@@ -1,8 +1,8 @@
 #ifndef TESTS_SUPPORT_SANITIZED_H
 #define TESTS_SUPPORT_SANITIZED_H
 
-/// Whether this is built with a sanitizer that keeps freed memory for a while: how much memory a process has
-/// tells nothing then.
+/// Whether this is built with a sanitizer that keeps freed memory for a while. The memory of a process then
+/// shows nothing.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool isSanitized = true;
 #else

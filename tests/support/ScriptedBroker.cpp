@@ -13,8 +13,8 @@ namespace
 
 using Clock = std::chrono::steady_clock;
 
-// The subscription is at the client some time after the handshake: the client's socket looks at what has
-// arrived at most about every 3 ms.
+// The client has the subscription some time after the handshake: its socket looks for arrivals about every 3
+// ms at most.
 constexpr std::chrono::milliseconds subscriptionTravel{10};
 constexpr std::chrono::milliseconds pollInterval{1};
 

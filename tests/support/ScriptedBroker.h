@@ -12,31 +12,32 @@
 #include <thread>
 #include <vector>
 
-/// The broker's side of the three channels, in this process and under a test's control: it answers what it is
-/// told to, late or never, with any frames, and remembers every frame it received.
+/// A broker's side of the three channels, in this process and controlled by the test. It answers as told,
+/// late or never, with any frames, and records every frame that it receives.
 ///
 /// Any thread may call any operation. At most one on a machine at a time: the ports are fixed.
 class ScriptedBroker
 {
 public:
-    /// One message, frame by frame.
+    /// One message, as a list of frames.
     using Frames = std::vector<std::string>;
-    /// Returns the frames to answer with; nothing keeps silent (see reply()). Runs on the broker's thread.
+    /// Returns the frames of the answer, or nothing to stay silent (see reply()). Runs on the broker's
+    /// thread.
     using Answer = std::function<std::optional<Frames>(const std::string& request)>;
 
     enum class FirstAnswer
     {
-        Held, ///< until the post channel stands, so that a client's first posts arrive
+        Held, ///< until the post channel is up, so that a client's first posts arrive
         AtOnce,
     };
 
     enum class Posts
     {
         Taken,
-        NotTaken, ///< the post port is left to somebody else
+        NotTaken, ///< another program or test may take the post port
     };
 
-    /// At first, "Sync" is answered with "SyncAck" and everything else with "{}".
+    /// By default it answers "Sync" with "SyncAck" and all other requests with "{}".
     /// @throws std::runtime_error when a port is taken.
     explicit ScriptedBroker(FirstAnswer firstAnswer = FirstAnswer::Held, Posts posts = Posts::Taken);
     ~ScriptedBroker();
@@ -51,23 +52,23 @@ public:
     /// Answers the oldest request that is still unanswered.
     void reply(Frames frames);
 
-    /// Sends one message on the notify channel; lost if nobody has subscribed.
+    /// Sends a message on the notify channel. It is lost without a subscriber.
     void publish(Frames frames);
     void publish(const std::string& text) { publish(Frames{text}); }
 
-    /// The messages that came in so far, frame by frame. The "Sync" that a client posts at start-up is left
-    /// out: whether it arrives is a matter of time.
+    /// The messages received so far, as lists of frames. They leave out the "Sync" that a client posts at its
+    /// start: whether it arrives depends on timing.
     std::vector<Frames> requests() const;
     std::vector<Frames> posts() const;
 
-    /// The time at which the last post came in.
+    /// When the last post was received.
     std::chrono::steady_clock::time_point lastPostTime() const;
 
-    // Each is false at the deadline.
+    // Each returns false at the deadline.
     bool waitForRequests(std::size_t count) const;
     bool waitForPosts(std::size_t count) const;
     bool waitForPost(const std::string& text) const;
-    bool waitForSubscriber(std::size_t count = 1) const; ///< until so many have come
+    bool waitForSubscriber(std::size_t count = 1) const; ///< waits for this many subscribers in all
 
 private:
     struct Sockets;
@@ -89,11 +90,11 @@ private:
     template <class Condition>
     bool waitUntil(Condition condition) const;
 
-    std::unique_ptr<Sockets> mSockets; // the broker's thread
-    std::vector<Request> mHeld;        // the broker's thread
-    std::vector<std::string> mKnown;   // identities that have been answered; the broker's thread
-    std::deque<Request> mUnanswered;   // the broker's thread
-    std::size_t mHandshakes = 0;       // the broker's thread
+    std::unique_ptr<Sockets> mSockets; // used by the broker's thread
+    std::vector<Request> mHeld;        // used by the broker's thread
+    std::vector<std::string> mKnown;   // identities that got an answer; used by the broker's thread
+    std::deque<Request> mUnanswered;   // used by the broker's thread
+    std::size_t mHandshakes = 0;       // used by the broker's thread
     std::chrono::steady_clock::time_point mLastHandshake;
     const FirstAnswer mFirstAnswer;
 

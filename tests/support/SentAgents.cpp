@@ -55,9 +55,9 @@ std::vector<std::string> end()
 
 } // namespace SentAgents
 
-// ---------------------------------------------------------------------- in the place of the library's own
+// ------------------------------------------------------------------------- replaces the library's functions
 //
-// A definition in the program takes the place of the library's, also for calls inside the libraries.
+// The program's definitions take precedence over the library's, also for calls inside the libraries.
 
 namespace Orvane
 {
@@ -76,7 +76,7 @@ void deliverAndWait(EventAgent& agent, IEventDispatcher& dispatcher)
         "_ZN6Orvane14deliverAndWaitERNS_10EventAgentERNS_16IEventDispatcherE")(agent, dispatcher);
 }
 
-// Written out: whether the library's calls the function above depends on the compiler.
+// Not calling the function above: whether that call reaches the replacement depends on the compiler.
 void SyncEventAgent::send(IEventDispatcher* dispatcher)
 {
     const SmartPtr<EventAgent> hold(this);

@@ -5,7 +5,7 @@
 #include <typeinfo>
 #include <vector>
 
-/// Sees the type of each agent that is sent in a program that links this, and passes the agent on.
+/// Records the type of each agent sent in a program that links this, and passes the agent on.
 namespace SentAgents
 {
 
@@ -20,7 +20,7 @@ std::string nameOf()
 void begin();
 std::vector<std::string> end();
 
-/// The types of the agents that the calling thread sends while `call` runs, in order.
+/// The types of the agents that the calling thread sends during `call`, in order.
 template <class Call>
 std::vector<std::string> of(Call call)
 {

@@ -38,13 +38,13 @@ void SimulatedTime::pass(Duration span)
 
 void SimulatedTime::sleep(Duration span)
 {
-    mElapsed += std::exchange(mNextStop, Duration(0)); // nothing happens meanwhile
+    mElapsed += std::exchange(mNextStop, Duration(0)); // the stopped time passes in one step
     pass(span);
 }
 
-// ----------------------------------------------------------------------- in the place of the libraries' own
+// ------------------------------------------------------------------------ replaces the libraries' functions
 //
-// A definition in the program takes the place of theirs.
+// The program's definitions take precedence over the libraries'.
 
 std::chrono::steady_clock::time_point std::chrono::steady_clock::now() noexcept
 {

@@ -4,27 +4,27 @@
 #include <chrono>
 #include <functional>
 
-/// While it lives, only usleep() moves the steady clock of the calling thread on, and returns at once. So a
-/// wait of seconds is over at once, and takes exactly as long on any machine. This holds for code that is
-/// compiled into the program. All other threads have the machine's clock.
+/// While it lives, only usleep() advances the steady clock of the calling thread, and it returns at once. So
+/// a wait of seconds takes no real time, and the same simulated time on any machine. This holds for code that
+/// is compiled into the program. All other threads keep the machine's clock.
 class SimulatedTime
 {
 public:
     using Duration = std::chrono::microseconds;
 
-    /// @param passing called after each span of time, with its length
+    /// @param passing called after each step of time, with its length
     explicit SimulatedTime(std::function<void(Duration)> passing);
     ~SimulatedTime();
 
     SimulatedTime(const SimulatedTime&) = delete;
     SimulatedTime& operator=(const SimulatedTime&) = delete;
 
-    /// Time since the construction.
+    /// The simulated time since the construction.
     Duration elapsed() const { return mElapsed; }
 
     void pass(Duration span);
 
-    /// The next usleep() takes this much longer, as if the process had been stopped.
+    /// Makes the next usleep() take this much longer, as if the process had been stopped.
     void stopDuringNextSleep(Duration span) { mNextStop = span; }
     void sleep(Duration span);
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-/// A folder of a test's own, gone with it.
+/// A folder for one test. The destructor removes it.
 class TemporaryFolder
 {
 public:

@@ -115,7 +115,7 @@ std::optional<int> TestProcess::waitForExit(std::chrono::milliseconds deadline)
     return mExitCode;
 }
 
-// False at the end of the stream or the deadline.
+// Returns false at the end of the stream or at the deadline.
 bool TestProcess::fill(int descriptor, std::string& buffer, std::chrono::milliseconds deadline)
 {
     pollfd item{descriptor, POLLIN, 0};

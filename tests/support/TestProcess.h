@@ -9,8 +9,8 @@
 
 #include "tests/support/Wait.h"
 
-/// A program run by a test, with pipes on its standard streams. Killed with its runner: at the latest by the
-/// destructor, and by the kernel if the test dies.
+/// A program that a test runs, with pipes on its standard streams. The destructor kills it at the latest. The
+/// kernel kills it if the test dies.
 class TestProcess
 {
 public:
@@ -23,29 +23,29 @@ public:
     pid_t pid() const { return mPid; }
     void signal(int number);
 
-    /// Suspends it, and returns when none of its threads runs any more. signal(SIGCONT) wakes it.
+    /// Suspends it. Returns when none of its threads runs. signal(SIGCONT) wakes it.
     void suspend();
 
     void write(const std::string& bytes);
     void writeLine(const std::string& line) { write(line + '\n'); }
 
-    /// Ends its standard input: programs of the tests take that as the sign to leave.
+    /// Closes its standard input. The tests' programs then end.
     void closeInput();
 
-    /// The exit code, 128+n for signal n; nothing if it still runs at the deadline.
+    /// The exit code, or 128+n for signal n; nothing if it still runs at the deadline.
     std::optional<int> waitForExit(std::chrono::milliseconds deadline = testDeadline);
 
-    /// The next line of its standard output; nothing at its end or at the deadline.
+    /// The next line of its standard output; nothing at the end or the deadline.
     std::optional<std::string> readLine(std::chrono::milliseconds deadline = testDeadline);
 
-    /// The rest of its standard output, up to its end; what there is at the deadline.
+    /// The rest of its standard output, up to its end or the deadline.
     std::string readRest();
 
-    /// The text that it has written to standard error so far.
+    /// Everything it has written to standard error so far.
     std::string errors();
     bool waitForError(const std::string& text);
 
-    /// Goes away as the reader of its standard output, or error.
+    /// Closes the reading end of its standard output, or of its standard error.
     void closeOutput();
     void closeErrors();
 

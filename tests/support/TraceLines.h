@@ -9,7 +9,7 @@
 
 #include "tests/support/LogCapture.h"
 
-/// A line that an operation logs, and on which of the threads.
+/// A line that an operation logs, and the kind of thread that logs it.
 struct TraceLine
 {
     enum class By
@@ -39,7 +39,7 @@ struct TraceLine
 
 using TraceLines = std::vector<TraceLine>;
 
-/// The lines of several pieces, one after the other.
+/// Joins lists of lines.
 inline TraceLines inARow(std::initializer_list<TraceLines> pieces)
 {
     TraceLines all;
@@ -48,21 +48,21 @@ inline TraceLines inARow(std::initializer_list<TraceLines> pieces)
     return all;
 }
 
-/// The lines of a trace scope, with those logged inside it.
+/// The lines of a trace scope, around the lines logged inside it.
 inline TraceLines scope(const std::string& function, const TraceLines& inside = {},
                         TraceLine::By by = TraceLine::By::Manager, int level = 7)
 {
     return inARow({{{function, "begin", level, by}}, inside, {{function, "end", level, by}}});
 }
 
-/// One message.
+/// The line of a message.
 inline TraceLines message(int level, const std::string& function, const std::string& text,
                           TraceLine::By by = TraceLine::By::Manager)
 {
     return {{function, text, level, by}};
 }
 
-/// Only those of one thread: what two threads log side by side has no order.
+/// The lines of one thread. Two threads log side by side in no fixed order.
 inline TraceLines linesBy(TraceLine::By by, const TraceLines& all)
 {
     TraceLines of;
@@ -74,7 +74,7 @@ inline TraceLines linesBy(TraceLine::By by, const TraceLines& all)
     return of;
 }
 
-/// The lines that were logged on one thread, which is taken for that of `by`.
+/// The lines that one thread has logged, labelled as lines of `by`.
 inline TraceLines loggedOn(std::thread::id thread, TraceLine::By by, const LogCapture& log)
 {
     TraceLines of;
@@ -86,7 +86,7 @@ inline TraceLines loggedOn(std::thread::id thread, TraceLine::By by, const LogCa
     return of;
 }
 
-/// The same lines, if all had been logged on one thread.
+/// The same lines, all labelled as lines of `by`.
 inline TraceLines allBy(TraceLine::By by, TraceLines all)
 {
     for (TraceLine& line : all)

@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <cstring>
 
-/// The position of a virtual member in its class's table, from a pointer to the member: two words, of which
-/// by the Itanium C++ ABI one holds the table offset. On ARM, 32 and 64 bits, the mark that the member is
-/// virtual is in the second word's lowest bit, elsewhere in the first's.
+/// The position of a virtual member in its class's table. A pointer to the member has two words, and by the
+/// Itanium C++ ABI one of them holds the table offset. ARM, 32 and 64 bits, marks virtual members in the
+/// lowest bit of the second word, other processors in the first.
 template <class Member>
 int virtualSlot(Member member)
 {

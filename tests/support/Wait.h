@@ -6,19 +6,20 @@
 #include <mutex>
 #include <thread>
 
-/// Long enough for a loaded machine under a sanitizer; a test that waits this long has failed.
+/// Long enough for a loaded machine under a sanitizer. A test that waits this long has failed.
 constexpr std::chrono::seconds testDeadline{30 * TEST_TIME_FACTOR};
 
-/// Whether this is built for another processor, and emulated.
+/// Whether this is built for another processor, and runs emulated.
 constexpr bool isEmulated = TEST_TIME_FACTOR > 1;
 
-/// The time that an operation may take: this long as a rule, and longer where it is emulated.
+/// The time that an operation may take: longer if it is emulated.
 constexpr std::chrono::milliseconds allowed(std::chrono::milliseconds time)
 {
     return time * TEST_TIME_FACTOR;
 }
 
-/// Polls until `condition` holds; false at the deadline. For what offers nothing to wait on.
+/// Polls until `condition` holds. Returns false at the deadline. For conditions that nothing can be awaited
+/// on.
 template <class Condition>
 bool eventually(Condition condition, std::chrono::milliseconds deadline = testDeadline)
 {
@@ -32,7 +33,7 @@ bool eventually(Condition condition, std::chrono::milliseconds deadline = testDe
     return true;
 }
 
-/// A gate that one thread opens and others wait at.
+/// A gate that a thread opens, and others wait for.
 class Gate
 {
 public:
@@ -43,7 +44,7 @@ public:
         mChanged.notify_all();
     }
 
-    /// False at the deadline.
+    /// Returns false at the deadline.
     bool wait(std::chrono::microseconds deadline = testDeadline)
     {
         std::unique_lock<std::mutex> lock(mMutex);

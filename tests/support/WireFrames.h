@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-/// Frames as the protocol defines them, written and read independently of the broker's own code.
+/// Frames as the protocol defines them, written and read without the broker's code.
 namespace WireFrames
 {
 
@@ -29,7 +29,7 @@ inline std::string frame(std::string_view body, unsigned flags = 0)
     return header(body.size(), flags) + std::string(body);
 }
 
-/// All but the last are marked as followed by more.
+/// Marks all frames but the last as followed by more.
 inline std::string message(const std::vector<std::string>& frames)
 {
     std::string bytes;
@@ -44,7 +44,7 @@ struct Frame
     std::string body;
 };
 
-/// Takes the first frame from the front of the bytes; nothing while it is not whole.
+/// Takes the first frame off the front of the bytes; nothing while it is incomplete.
 inline std::optional<Frame> takeFrame(std::string& bytes)
 {
     if (bytes.size() < 2)
@@ -63,7 +63,7 @@ inline std::optional<Frame> takeFrame(std::string& bytes)
     return frame;
 }
 
-/// The frames that the bytes hold; what is cut off at their end is left out.
+/// The whole frames in the bytes. Ignores an incomplete frame at the end.
 inline std::vector<Frame> framesIn(std::string bytes)
 {
     std::vector<Frame> frames;

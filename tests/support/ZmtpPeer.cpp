@@ -112,8 +112,8 @@ bool ZmtpPeer::shakeHandsAs(const std::string& socketType, char minorVersion)
     return write(greeting(minorVersion) + ready(socketType)) && read(expected.size()) == expected;
 }
 
-// A plain send() may notice only after 108 seconds that the broker has gone: where its window was closed,
-// nothing can be sent to it that would be refused.
+// A plain send() may notice the broker's end only after 108 seconds: while the broker's window is closed,
+// nothing can be sent that would be refused.
 bool ZmtpPeer::write(std::string_view bytes)
 {
     while (!bytes.empty())
@@ -133,7 +133,7 @@ std::size_t ZmtpPeer::writeSome(std::string_view bytes)
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
-// Takes in what has come; false at the deadline or the end.
+// Reads what has arrived. Returns false at the deadline or the end.
 bool ZmtpPeer::fill(Clock::time_point end)
 {
     pollfd item{mSocket, POLLIN, 0};

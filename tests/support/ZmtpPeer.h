@@ -11,7 +11,7 @@
 #include "tests/support/Wait.h"
 #include "tests/support/WireFrames.h"
 
-/// A peer of the broker that shares no code with it, nor with libzmq: a TCP connection on which a test says
+/// A peer of the broker that shares no code with the broker or libzmq: a TCP connection on which a test sends
 /// what it likes, byte by byte.
 class ZmtpPeer
 {
@@ -20,7 +20,7 @@ public:
     static constexpr uint16_t postPort = 5556;
     static constexpr uint16_t notifyPort = 5557;
 
-    // ---- What peers say.
+    // ---- Messages of peers.
 
     /// The greeting of version 3, 64 bytes.
     static std::string greeting(char minorVersion = 1);
@@ -31,7 +31,7 @@ public:
     static std::string ping(const std::string& context);
     static std::string pong(const std::string& context);
 
-    /// A subscription, as a command and as peers of version 3.0 make it.
+    /// A subscription: as a command, and in the form of version 3.0.
     static std::string subscribe(const std::string& prefix);
     static std::string subscribe30(const std::string& prefix);
     static std::string cancel(const std::string& prefix);
@@ -42,15 +42,15 @@ public:
     /// A post, or any text, in one frame.
     static std::string message(const std::string& text) { return WireFrames::frame(text); }
 
-    /// The bytes that the broker sends at once on this port: greeting and READY.
+    /// The bytes that the broker sends first on this port: greeting and READY.
     static std::string openingOf(uint16_t port);
 
     // ---- A connection.
 
-    /// @param receiveBuffer bytes that the kernel takes for it; 0: as usual
+    /// @param receiveBuffer bytes of its receive buffer in the kernel; 0: the default
     explicit ZmtpPeer(uint16_t port, int receiveBuffer = 0);
 
-    /// At the other end: a connection that a client has made.
+    /// The other end of a connection that a client has made.
     static std::unique_ptr<ZmtpPeer> accepted(int socket)
     {
         return std::unique_ptr<ZmtpPeer>(new ZmtpPeer(0, AcceptedSocket{socket}));
@@ -61,39 +61,39 @@ public:
     ZmtpPeer(const ZmtpPeer&) = delete;
     ZmtpPeer& operator=(const ZmtpPeer&) = delete;
 
-    /// Completes the handshake as the socket that fits the port, and reads what the broker has sent of its
-    /// own. False if that is not what it should be.
+    /// Completes the handshake with the socket type that fits the port, and reads what the broker sends by
+    /// itself. Returns false if that is wrong.
     bool shakeHands(char minorVersion = 1) { return shakeHandsAs(fittingType(), minorVersion); }
     bool shakeHandsAs(const std::string& socketType, char minorVersion = 1);
 
-    /// Waits until everything is sent; false when the broker has closed the connection.
+    /// Waits until everything is sent. Returns false when the broker has closed the connection.
     bool write(std::string_view bytes);
 
-    /// Sends what there is room for without waiting; returns how many bytes.
+    /// Sends as much as fits without waiting. Returns the number of bytes.
     std::size_t writeSome(std::string_view bytes);
 
-    /// Reads `count` bytes, or those that came before the deadline or the end.
+    /// Reads `count` bytes, or fewer at the deadline or the end.
     std::string read(std::size_t count, std::chrono::milliseconds deadline = testDeadline);
 
-    /// The next frame, whole; nothing at the deadline or the end.
+    /// The next whole frame; nothing at the deadline or the end.
     std::optional<WireFrames::Frame> readFrame(std::chrono::milliseconds deadline = testDeadline);
 
-    /// The frames of the next message. Commands in between are left out; a PING is answered.
+    /// The frames of the next message. Skips commands, but answers a PING.
     std::optional<std::vector<std::string>> receive(std::chrono::milliseconds deadline = testDeadline);
 
-    /// As one text; nothing at the deadline or the end.
+    /// The next message as one text; nothing at the deadline or the end.
     std::optional<std::string> receiveText(std::chrono::milliseconds deadline = testDeadline);
 
-    /// Asks and returns the text of the answer; empty at the deadline or the end.
+    /// Sends a request and returns the answer's text; empty at the deadline or the end.
     std::string ask(const std::string& request);
 
-    /// Whether the broker closes it within the deadline. Bytes that it sends before that are read away.
+    /// Whether the broker closes it within the deadline. Discards bytes that arrive before.
     bool isClosed(std::chrono::milliseconds deadline = testDeadline);
 
-    /// Whether it is closed by now.
+    /// Whether it is closed already.
     bool isClosedNow() { return isClosed(std::chrono::milliseconds(0)); }
 
-    /// Lets nobody wait for it any more.
+    /// Shuts the socket down, which ends any wait for it.
     void shutDown();
 
     /// Closes it with a reset, so that nothing lingers.
@@ -113,15 +113,15 @@ private:
 
     uint16_t mPort;
     int mSocket;
-    std::string mReceived; // and not read
+    std::string mReceived; // but not read yet
     bool mIsEnded = false;
 };
 
-/// A server that shares no code with the broker, nor with libzmq: a port of its own at which clients connect.
+/// A server on a free port for clients to connect to. It shares no code with the broker or libzmq.
 class ZmtpServer
 {
 public:
-    /// @param receiveBuffer bytes that the kernel takes for each connection; 0: as usual
+    /// @param receiveBuffer bytes of each connection's receive buffer; 0: the default
     explicit ZmtpServer(int receiveBuffer = 0);
     ~ZmtpServer();
 

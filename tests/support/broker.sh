@@ -1,9 +1,9 @@
-# Sourced by the checks that are scripts: a broker for the programs that they run.
-#   start_broker COMMAND   starts it; at the latest it ends with the script
-#   wait_for_broker STATUSCTL   until it answers; for the tool, which waits for none
-#   stop_broker            ends it, and fails unless it was there and ended well
-#   started                the processes that are ended with the script, too
-#   TEST_TIME_FACTOR       how many times longer than elsewhere things may take, emulated for example
+# Sourced by the checks that are scripts. Starts a broker for the programs that they run.
+#   start_broker COMMAND   starts a broker, which ends with the script at the latest
+#   wait_for_broker STATUSCTL   waits until the broker answers, for tools that do not wait themselves
+#   stop_broker            ends the broker, and fails unless it was running and ended well
+#   started                other processes that end with the script
+#   TEST_TIME_FACTOR       the factor by which things may be slower than usual, for example emulated
 # shellcheck shell=bash
 
 export TEST_TIME_FACTOR=${TEST_TIME_FACTOR:-1}
@@ -15,7 +15,7 @@ fail() {
     exit 1
 }
 
-# Clients wait until a broker answers, so nothing needs to wait for this one.
+# Clients wait until a broker answers, so this does not.
 start_broker() {
     "$@" &
     broker=$!

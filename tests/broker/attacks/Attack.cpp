@@ -4,7 +4,7 @@
 #include <stdexcept>
 #include <string_view>
 
-// One connection after the other.
+// Makes one connection after the other.
 class Attack::Peer
 {
 public:
@@ -16,7 +16,7 @@ public:
         return {mConnection->descriptor(), static_cast<short>(hasMore ? POLLOUT | POLLRDHUP : POLLRDHUP), 0};
     }
 
-    // It does not wait for the broker's part of the handshake, which is allowed.
+    // Does not wait for the broker's part of the handshake, which the protocol allows.
     void connect()
     {
         constexpr int smallBuffer = 4096;
@@ -50,8 +50,8 @@ private:
     const Peers& mKind;
     std::unique_ptr<ZmtpPeer> mConnection;
     std::string mOpening;
-    std::size_t mMessage = 0; // the next
-    std::string_view mRest;   // of the one that is being sent
+    std::size_t mMessage = 0; // the next message
+    std::string_view mRest;   // of the message that is being sent
     bool mIsDone = false;
 };
 
@@ -87,7 +87,7 @@ void Attack::run()
     }
     catch (const std::runtime_error&)
     {
-        // The broker has gone, which others notice.
+        // the broker has ended, which the tests notice
     }
 }
 

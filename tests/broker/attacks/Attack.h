@@ -12,8 +12,8 @@
 #include "tests/support/Wait.h"
 #include "tests/support/ZmtpPeer.h"
 
-/// Peers that send what they are told, as fast as the broker takes it, and read nothing. One that is closed
-/// comes back.
+/// Peers that send their messages as fast as the broker takes them, and read nothing. A closed peer
+/// reconnects.
 class Attack
 {
 public:
@@ -23,19 +23,19 @@ public:
         uint16_t port;
         std::string socketType;
         std::vector<std::string> messages; ///< as bytes of the wire
-        bool isEndless;                    ///< sends them over and over, otherwise once on each connection
+        bool isEndless;                    ///< repeats them for ever, instead of once on each connection
     };
 
-    /// Begins.
+    /// Starts the attack.
     explicit Attack(const std::vector<Peers>& peers);
-    /// Ends.
+    /// Ends the attack.
     ~Attack();
 
     Attack(const Attack&) = delete;
     Attack& operator=(const Attack&) = delete;
 
-    /// Waits until each peer has sent all its messages once, or was closed for it, and all together have
-    /// sent so many bytes. False at the deadline, or if they cannot connect.
+    /// Waits until each peer has sent all its messages once, or was closed for them, and all peers together
+    /// have sent this many bytes. Returns false at the deadline, or if they cannot connect.
     bool isUnderWay(std::size_t bytes = 0);
 
 private:

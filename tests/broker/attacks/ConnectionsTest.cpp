@@ -1,4 +1,4 @@
-// Crowds of connections, and those that never get as far as to speak.
+// Crowds of connections, and connections that never complete the handshake.
 
 #include <deque>
 
@@ -34,7 +34,7 @@ TEST_F(SmallLimits, connectionsBeyondTheLimitAreRefusedAndTheOthersServed)
         std::deque<ZmtpPeer> peers;
         for (int count = 0; count < 100; ++count)
             peers.emplace_back(port);
-        EXPECT_TRUE(peers.front().isClosed()) << "the silent make room for each other";
+        EXPECT_TRUE(peers.front().isClosed()) << "a silent connection gives way to a new one";
         refused += 80;
         EXPECT_TRUE(reaches("limit.connections", refused));
         expectServing();
@@ -83,7 +83,7 @@ TEST_F(SmallLimits, whoOpensAndClosesConnectionsCannotFloodTheLog)
         peers.clear();
         ASSERT_TRUE(eventually([&] { return statistic("descriptors.open") <= before; }));
     }
-    // One in ten seconds.
+    // At most one line in ten seconds.
     const auto lines = linesWith("connections to the post port are in use");
     EXPECT_GE(lines, 1);
     EXPECT_LE(lines, 1 + (std::chrono::steady_clock::now() - begin) / std::chrono::seconds(10));
@@ -153,7 +153,7 @@ TEST_F(Connections, whoNeverCompletesItsHandshakeIsNotCountedForAnother)
     EXPECT_TRUE(eventually([this] { return statistic("clients.requests") == 3; }));
 }
 
-// An answer goes to the connection on which was asked, whatever that calls itself.
+// An answer goes to the connection that asked, whatever identity it claims.
 TEST_F(Connections, theIdentitiesThatPeersClaimMeanNothing)
 {
     for (const std::string& identity : {"same"s, "\0\0\0\0\1"s, std::string(255, 'x'), ""s})
@@ -182,7 +182,7 @@ TEST_F(Connections, theIdentitiesThatPeersClaimMeanNothing)
 
 // --------------------------------------------------------------------------------------------- strangers
 
-// A web page can make a browser send a request of its choice to a port of this machine.
+// A web page can make a browser send a request of the page's choice to a local port.
 TEST_F(Connections, whateverIsNotTheProtocolIsClosedAndNothingInItCounts)
 {
     const std::string post = postOf("k", "from a stranger");
@@ -195,9 +195,9 @@ TEST_F(Connections, whateverIsNotTheProtocolIsClosedAndNothingInItCounts)
         "POST / HTTP/1.1\r\nHost: 127.0.0.1:5556\r\nContent-Type: text/plain\r\n\r\n" + oldFrame,
         "POST / HTTP/1.1\r\n\r\n" + ZmtpPeer::greeting() + rest,
         "\1\0"s + oldFrame,                                      // ZMTP 1.0
-        signature + "\0"s + "\1\0\0"s + ZmtpPeer::message(post), // the same, as newer peers speak it
+        signature + "\0"s + "\1\0\0"s + ZmtpPeer::message(post), // the same, as newer peers send it
         signature + "\1"s + "\1\0\0"s + ZmtpPeer::message(post), // ZMTP 2.0
-        signature + "\2"s + "\1\0\0"s + ZmtpPeer::message(post), // and between
+        signature + "\2"s + "\1\0\0"s + ZmtpPeer::message(post), // an unknown version
         "\x16\3\1\2\0\1\0\1\xfc\3\3"s + std::string(200, 'x'),   // TLS
         greetingWith(10, "\2") + rest,
         greetingWith(12, "PLAIN") + rest,
@@ -227,6 +227,6 @@ TEST_F(Connections, aStrangerIsClosedAtItsFirstByteNotWhenItsTimeIsOver)
         ZmtpPeer stranger(port);
         stranger.write("P");
         EXPECT_TRUE(stranger.isClosed());
-        EXPECT_FALSE(silent.isClosedNow()) << "it came first, so its time is over first";
+        EXPECT_FALSE(silent.isClosedNow()) << "it came first, so its time ends first";
     }
 }

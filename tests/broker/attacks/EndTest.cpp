@@ -36,7 +36,7 @@ TEST_F(Ending, comesWithinTwoSecondsBesideUnfinishedPostsAndUnreadNotifications)
         {
             posters.emplace_back(ZmtpPeer::postPort);
             posters.back().shakeHands();
-            posters.back().write(std::string("\1\3abc", 5)); // and no more of that message
+            posters.back().write(std::string("\1\3abc", 5)); // and nothing more of that message
             dealer.send({"", "Sync"});
             begun.open();
             dealer.receive(std::chrono::milliseconds(20));
@@ -51,7 +51,7 @@ TEST_F(Ending, comesWithinTwoSecondsBesideUnfinishedPostsAndUnreadNotifications)
                                                      }
                                                      catch (const std::runtime_error&)
                                                      {
-                                                         // The broker has gone.
+                                                         // The broker has ended.
                                                      }
                                                  });
     EXPECT_TRUE(begun.wait());

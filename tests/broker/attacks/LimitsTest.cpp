@@ -16,7 +16,7 @@ class HeavyPosts : public UnderAttack
 protected:
     HeavyPosts() : UnderAttack({"--max-keys=1000"}) {}
 
-    // A post that takes long: as many members as it may have, each of which is refused for itself.
+    // A post that takes long: it has as many members as allowed, and each is refused individually.
     static std::string post()
     {
         std::string members = "\"\xc3\xa4\":\"\"";
@@ -96,7 +96,7 @@ TEST_F(SmallLimits, aMessageWithoutEndEndsItsConnection)
 TEST_F(HeavyPosts, leaveItServing)
 {
     Bystander bystander(requester);
-    bystander.expectServed(1); // its key is there before there are too many
+    bystander.expectServed(1); // its key exists before there are too many
     Attack attack({peers});
     ASSERT_TRUE(reaches("limit.keys", 1));
     bystander.expectServed();

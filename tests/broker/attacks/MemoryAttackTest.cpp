@@ -1,4 +1,4 @@
-// Nobody can use up the broker's memory, and it serves the others meanwhile.
+// No client can use up the broker's memory, and others are served meanwhile.
 
 #include "tests/broker/attacks/Attack.h"
 #include "tests/broker/attacks/UnderAttack.h"
@@ -23,7 +23,7 @@ std::string repeated(const std::string& text, std::size_t bytes)
     return all;
 }
 
-// A post of so many bytes of values, none of which is too long.
+// A post with this many bytes of values, none of which is too long.
 std::string postOfLongValues(const std::string& key, std::size_t bytes, char filler)
 {
     constexpr std::size_t longestValue = 60000;
@@ -57,7 +57,7 @@ Attack::Peers subscribers(int count, const std::string& subscriptions)
     return {count, ZmtpPeer::notifyPort, "SUB", {subscriptions}, false};
 }
 
-// They do not read, but say something in the middle of each message.
+// They do not read, but send something in the middle of each message.
 Attack::Peers talkingSubscribers(int count)
 {
     return {count, ZmtpPeer::notifyPort, "SUB", {ZmtpPeer::subscribe(""), ZmtpPeer::cancel("other")}, true};
@@ -76,7 +76,7 @@ Attack::Peers unreadingClients(int count, const std::string& request)
     return {count, ZmtpPeer::requestPort, "DEALER", {ZmtpPeer::request(request)}, true};
 }
 
-// Nearly as many as one request may name, and nearly as long as one may be.
+// Nearly the most names and nearly the most bytes that a request may have.
 std::string requestOfManyNames()
 {
     constexpr int most = 9900;
@@ -102,9 +102,9 @@ struct MemoryAttack
 {
     std::string name;
     std::vector<Attack::Peers> peers;
-    std::size_t bytes;        ///< that it sends at least
-    bool isDeviceFull = true; ///< holds as much as it may
-    std::string counted{};    ///< in the statistics, if the broker takes what it is sent; empty: it need not
+    std::size_t bytes;        ///< it sends at least this many
+    bool isDeviceFull = true; ///< the device holds as much as it may
+    std::string counted{};    ///< the statistic that counts what the broker takes; empty: it may take nothing
 };
 
 void PrintTo(const MemoryAttack& attack, std::ostream* to)
@@ -168,7 +168,7 @@ protected:
         EXPECT_TRUE(reaches("stored.keys", posts * 17));
     }
 
-    // Requests are in the statistics from the first one on.
+    // Requests appear in the statistics with the first request.
     bool isCounted(const std::string& name)
     {
         const auto isThere = [&]
@@ -176,13 +176,13 @@ protected:
         return name.empty() || eventually(isThere);
     }
 
-    // It always ends. Where the broker gets little of the processor, it may take so long to read the attack
-    // that it cannot vouch for the newcomer's post, and says so; then another newcomer tries.
+    // The newcomer always ends. If the broker gets little of the processor, it may read the attack so slowly
+    // that it cannot vouch for the newcomer's post, and reports that. Then another newcomer tries.
     bool isNewcomerServed()
     {
         TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
         const std::optional<int> exit = newcomer.waitForExit();
-        EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "it waits";
+        EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "the newcomer hangs";
         return exit == EXIT_SUCCESS || statistic("limit.memory") != 0;
     }
 };

@@ -1,4 +1,4 @@
-// Clients that ask for much and read it slowly.
+// Clients that request much and read it slowly.
 
 #include <deque>
 
@@ -31,7 +31,7 @@ protected:
         return value;
     }
 
-    // In the order of the keys.
+    // Sorted by key.
     static std::string all(const std::string& lastValue = valueOfKey(keys - 1))
     {
         std::string text;
@@ -57,7 +57,7 @@ TEST_F(WholeState, reachesASlowReaderWithoutBeingHeldForIt)
     EXPECT_LT(statistic("memory.connections"), BrokerMemory::mebi);
     memory.expectPeakWithin(4 * BrokerMemory::mebi);
 
-    // Each value is as it is when its turn comes.
+    // Each value is the present value when the answer reaches it.
     poster.post(postOf(key(keys - 1), "changed meanwhile"));
     ASSERT_TRUE(
         eventually([this] { return valueOf(requester, key(keys - 1)) == reply("changed meanwhile"); }));
@@ -78,7 +78,7 @@ TEST_F(WholeState, costsLittleForManyThatDoNotReadIt)
     ASSERT_TRUE(reaches("requests.getClientInfo", count));
     expectServing();
     memory.expectPeakWithin(16 * BrokerMemory::mebi);
-    EXPECT_EQ(statistic("limit.memory"), 0U) << "nobody has to be closed for it";
+    EXPECT_EQ(statistic("limit.memory"), 0U) << "no connection had to be closed";
     const std::optional<std::string> text = peers.back().receiveText();
     EXPECT_TRUE(text && text->find(all().substr(1)) != std::string::npos);
 }

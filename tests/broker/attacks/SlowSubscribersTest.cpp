@@ -1,4 +1,4 @@
-// Subscribers that read slowly, partly, or not at all.
+// Subscribers that read slowly, in part, or not at all.
 
 #include <algorithm>
 #include <atomic>
@@ -22,7 +22,7 @@ bool has(const std::string& text, int number)
     return text.find("\"" + std::to_string(number) + "x") != std::string::npos;
 }
 
-// The next notification of another number than this. While somebody subscribes, values are told again.
+// The next notification with a number other than this. While others subscribe, values are repeated.
 std::string receiveNext(RawSubscriber& subscriber, int last)
 {
     std::string text = subscriber.receiveText();
@@ -36,7 +36,7 @@ class Subscribing : public UnderAttack
 protected:
     Subscribing() : UnderAttack({"--max-notify-bytes=256K"}) {}
 
-    // A subscriber gets so many changes, one after the other.
+    // Makes the changes one after the other, and waits for each to arrive.
     void carryBurst(RawSubscriber& subscriber, int count)
     {
         for (int number = 1, received = 0; number <= count; ++number)
@@ -51,7 +51,7 @@ protected:
         }
     }
 
-    // How long that takes.
+    // How long such a burst takes.
     Duration timeOfBurst(RawSubscriber& subscriber)
     {
         constexpr int count = 10000;
@@ -63,7 +63,7 @@ protected:
     const std::string filler = std::string(300, 'x');
 
 private:
-    int mLast = 0; // that was received
+    int mLast = 0; // the last number received
 };
 
 Duration median(std::vector<Duration> times)
@@ -82,7 +82,7 @@ bool waitForLine(TestProcess& process, const std::string& text)
     return false;
 }
 
-// A subscriber that reads only when it is told to.
+// A subscriber that reads only on demand.
 class Sleepy
 {
 public:
@@ -91,7 +91,7 @@ public:
         EXPECT_TRUE(mPeer.shakeHands() && mPeer.write(subscriptions));
     }
 
-    /// Reads until it has been told this.
+    /// Reads until this value arrives.
     bool readsUntil(const std::string& name, const std::string& value,
                     std::chrono::milliseconds deadline = testDeadline)
     {
@@ -104,11 +104,11 @@ public:
         return false;
     }
 
-    std::map<std::string, std::string> values; ///< of keys and events, the latest ones
-    std::vector<std::string> events;           ///< each with its value
+    std::map<std::string, std::string> values; ///< the latest values of keys and events
+    std::vector<std::string> events;           ///< each event with its value
 
 private:
-    // The names and values of a document without escapes stand between quotes.
+    // Reads the names and values between the quotes of a document without escapes.
     void note(const std::string& text)
     {
         std::vector<std::string> quoted;
@@ -162,14 +162,14 @@ TEST_F(Subscribing, oneThatStallsDelaysNobodyAndIsToldTheLatestValueWhenItReadsA
     TestProcess stalled({TESTCLIENT, "watch", "k"});
     ASSERT_TRUE(stalled.readLine());
     poster.post(postOf("k", "0x"));
-    ASSERT_TRUE(waitForLine(stalled, "k=0x")); // it has subscribed
+    ASSERT_TRUE(waitForLine(stalled, "k=0x")); // shows that it has subscribed
     ASSERT_TRUE(has(healthy.receiveText(), 0));
     stalled.suspend();
     const BrokerMemory memory(broker.process().pid());
 
     carryBurst(healthy, 50000);
     EXPECT_EQ(statistic("subscribers.fallenBehind"), 1U);
-    EXPECT_EQ(statistic("clients.notifications"), 2U) << "nobody is cut off for being slow";
+    EXPECT_EQ(statistic("clients.notifications"), 2U) << "slow subscribers are not cut off";
     memory.expectPeakWithin(8 * BrokerMemory::mebi);
 
     stalled.signal(SIGCONT);
@@ -178,7 +178,7 @@ TEST_F(Subscribing, oneThatStallsDelaysNobodyAndIsToldTheLatestValueWhenItReadsA
     EXPECT_EQ(statistic("limit.memory"), 0U);
 }
 
-// On a busy machine, single bursts tell nothing.
+// On a busy machine, the time of a single burst means nothing.
 TEST_F(Subscribing, oneThatStallsTakesNoTimeOfOthers)
 {
     constexpr std::size_t rounds = 7;
@@ -254,14 +254,14 @@ TEST_F(Subscribing, eventsThatOneMissesAreCountedToTheLast)
 
 // --------------------------------------------------------------------------------------- not falling behind
 
-// The broker is given both at once.
+// The broker receives both at once.
 TEST_F(Subscribing, aNewOneGetsTheEventsThatArePostedRightBehindItsSubscription)
 {
     ZmtpPeer posting(ZmtpPeer::postPort);
     ASSERT_TRUE(posting.shakeHands());
     ZmtpPeer subscriber(ZmtpPeer::notifyPort);
     ASSERT_TRUE(subscriber.shakeHands());
-    ASSERT_TRUE(reaches("clients.posts", 2) && reaches("clients.notifications", 1)); // it has nothing to do
+    ASSERT_TRUE(reaches("clients.posts", 2) && reaches("clients.notifications", 1)); // the broker is idle
     broker.process().suspend();
     ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
     ASSERT_TRUE(posting.write(ZmtpPeer::message(R"({"postEvent":{"e":"v"}})")));
@@ -282,7 +282,7 @@ TEST_F(SlowReader, getsABurstOfLongMessagesWhole)
 TEST_F(Subscribing, oneOfOnlyAPartIsNeverTakenForStalled)
 {
     Sleepy events(ZmtpPeer::subscribe(R"({"eventUpdate")"));
-    ASSERT_TRUE(eventually( // that it has subscribed
+    ASSERT_TRUE(eventually( // shows that it has subscribed
         [&]
         {
             poster.post(R"({"postEvent":{"e":"first"}})");
@@ -345,7 +345,7 @@ TEST_F(Subscribing, subscriptionsThatAreTooManyOrTooLongAreRefusedAndCounted)
     EXPECT_EQ(statistic("limit.subscriptions"), 101U);
 }
 
-// Closing them takes no longer than closing others: a quarter of a megabyte of prefixes once took seconds.
+// Closing them takes no longer than closing others: 256 KiB of prefixes once took seconds.
 TEST_F(Subscribing, onesWithManyPrefixesThatCloseDelayNobody)
 {
     std::string prefixes;

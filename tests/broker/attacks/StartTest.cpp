@@ -1,4 +1,4 @@
-// Starts of clients beside peers that keep the broker waiting.
+// Starts of clients next to peers that make the broker wait.
 
 #include <algorithm>
 #include <deque>
@@ -11,16 +11,16 @@ namespace
 using std::chrono::milliseconds;
 using Duration = std::chrono::steady_clock::duration;
 
-// A start waits so long for a post connection that does not show its subscription, or that does not come. In
-// its first two seconds, the broker waits longer for connections that do not come.
+// A start waits this long for a post connection whose subscription is missing, or that does not arrive. In
+// its first two seconds, the broker waits longer for missing connections.
 constexpr milliseconds startWait{50};
 constexpr milliseconds youngStartWait{500};
 constexpr uint64_t youth = 2;
 
-// A start may take so much longer on a machine that does other things, too.
+// Extra time that a start may take on a busy machine.
 constexpr milliseconds slack{50};
 
-// A broker, and its clients.
+// A broker and its clients.
 class StartedBroker
 {
 public:
@@ -29,7 +29,7 @@ public:
         return eventually([&] { return brokerStatistic(requester, statistic) >= number; });
     }
 
-    // How long the first "Sync" of a new client takes, which has a post connection.
+    // The time of the first "Sync" of a new client with a post connection.
     Duration start()
     {
         mPosters.emplace_back();
@@ -61,7 +61,7 @@ private:
 
 using Peers = std::deque<ZmtpPeer>;
 
-// Handshakes, and answers no PING.
+// They complete the handshake, and answer no PING.
 Peers silentPeers(uint16_t port, int count)
 {
     Peers peers;
@@ -78,7 +78,7 @@ Peers silentPosters()
     return silentPeers(ZmtpPeer::postPort, 100);
 }
 
-// They ask, and have no post connection.
+// They send requests, and have no post connection.
 Peers clientsThatOnlyAsk()
 {
     Peers peers = silentPeers(ZmtpPeer::requestPort, 10);
@@ -87,8 +87,7 @@ Peers clientsThatOnlyAsk()
     return peers;
 }
 
-// How much longer than others the first start beside such peers takes, and how long the shortest of the next
-// ones.
+// The extra time of the first start next to such peers, and the shortest of the following starts.
 struct Delays
 {
     Duration first;
@@ -98,7 +97,7 @@ struct Delays
 class Starts : public testing::Test
 {
 protected:
-    // Each broker is delayed once, and on a busy machine longer: the least of a few brokers counts.
+    // Each broker is delayed once, and longer on a busy machine. So the least delay of a few brokers counts.
     template <class MakePeers>
     void expectDelayedOnce(uint64_t age, milliseconds wait, MakePeers makePeers)
     {
@@ -115,7 +114,7 @@ protected:
     }
 
 private:
-    // A broker that has run for so many seconds.
+    // Measures a broker that has run for this many seconds.
     template <class MakePeers>
     static Delays delaysOfABroker(uint64_t age, MakePeers makePeers)
     {
@@ -124,7 +123,7 @@ private:
         EXPECT_TRUE(broker.reaches("uptime.seconds", age));
         const Peers peers = makePeers();
         const Duration first = broker.start();
-        EXPECT_GE(first, startWait) << "nothing is waited for";
+        EXPECT_GE(first, startWait) << "the broker did not wait";
         return {first - usual, broker.shortestStartOf(20)};
     }
 };

@@ -40,8 +40,8 @@ void Bystander::expectServed(int times)
     {
         const std::string value = std::to_string(++mNumber);
         mClient->postStatus("bystander", value);
-        // A broker that gets little of the processor says that it cannot vouch for a post, and may the next
-        // time.
+        // A broker that gets little of the processor may report that it cannot vouch for a post. It may
+        // confirm the next post.
         const auto isConfirmed = [&]
         { return mClient->sync(static_cast<int>(milliseconds(testDeadline).count())); };
         ASSERT_TRUE(

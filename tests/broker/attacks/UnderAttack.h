@@ -18,7 +18,7 @@
 
 using Frames = std::vector<std::string>;
 
-/// A broker that others attack, with a poster and a requester that behave well.
+/// A broker under attack, with a well-behaved poster and requester.
 class UnderAttack : public testing::Test
 {
 protected:
@@ -26,16 +26,16 @@ protected:
 
     uint64_t statistic(const std::string& name) { return brokerStatistic(requester, name); }
 
-    /// Waits until the number is at least so large.
+    /// Waits until the statistic reaches this number.
     bool reaches(const std::string& name, uint64_t number)
     {
         return eventually([&] { return statistic(name) >= number; });
     }
 
-    /// Posts a new value and asks until the answer has it.
+    /// Posts a new value, and asks until the answer contains it.
     void expectServing();
 
-    /// How often the broker's log holds the text.
+    /// How many lines of the broker's log contain the text.
     std::ptrdiff_t linesWith(const std::string& text);
 
     BrokerProcess broker;
@@ -46,7 +46,7 @@ private:
     int mAlive = 0;
 };
 
-/// One that takes little.
+/// A broker with small limits.
 class SmallLimits : public UnderAttack
 {
 protected:
@@ -57,19 +57,19 @@ protected:
     }
 };
 
-/// A client of the library that posts, syncs, asks and listens.
+/// A client of the library that posts, syncs, queries and listens.
 class Bystander
 {
 public:
-    /// @param requester to ask the broker with; must outlive it
+    /// @param requester for queries to the broker; must outlive this
     explicit Bystander(RawRequester& requester);
     ~Bystander();
 
     Bystander(const Bystander&) = delete;
     Bystander& operator=(const Bystander&) = delete;
 
-    /// Posts so many values, each of which must be confirmed, be read again, and reach the listener. It may
-    /// stay unconfirmed where posters were closed for want of memory: nobody knows whose posts are lost.
+    /// Posts this many values. Each must be confirmed, read back, and reach the listener. A post may stay
+    /// unconfirmed if posters were closed for lack of memory: then the lost posts could be anyone's.
     void expectServed(int times = 20);
 
 private:
@@ -86,13 +86,13 @@ class BrokerMemory
 public:
     static constexpr std::size_t mebi = std::size_t{1024} * 1024;
 
-    /// Takes the present memory for that of an idle broker.
+    /// Takes the present memory as the memory of an idle broker.
     explicit BrokerMemory(pid_t broker);
 
-    /// That it never had so much more.
+    /// Expects that the memory never exceeded the idle broker's by more than this.
     void expectPeakWithin(std::size_t bytes) const;
 
-    /// That it returns to so much more.
+    /// Expects that the memory returns to the idle broker's plus this.
     void expectReturnTo(std::size_t bytes) const;
 
     std::size_t resident() const { return memoryOf(mBroker, "VmRSS"); }
@@ -100,7 +100,7 @@ public:
 private:
     std::size_t peak() const { return memoryOf(mBroker, "VmHWM"); }
 
-    std::string mBroker; // its process's id
+    std::string mBroker; // the process's id
     std::size_t mIdle;
 };
 

@@ -1,4 +1,4 @@
-// A broker whose log goes into a pipe that nobody reads.
+// A broker that logs into a pipe without a reader.
 
 #include <array>
 #include <csignal>
@@ -44,7 +44,7 @@ protected:
         return text;
     }
 
-    // Sends posts that the broker refuses, and has to log one by one.
+    // Sends posts that the broker refuses and logs one by one.
     void misbehave(int times)
     {
         for (int number = 0; number < times; ++number)
@@ -78,7 +78,7 @@ TEST_F(UnreadLog, keepsNoBrokerFromEndingThatCannotStart)
     for (const std::string arguments : {"--nonsense", "--config=/nonexistent", ""})
     {
         TestProcess second(Frames{"/bin/sh", "-c", "exec " STATUSBROKER " " + arguments + " 2>" + name});
-        EXPECT_GT(second.waitForExit(), 0) << arguments << ": nothing is less than any exit code";
+        EXPECT_GT(second.waitForExit(), 0) << arguments << ": no exit code compares as less";
     }
 }
 
@@ -91,6 +91,6 @@ TEST_F(UnreadLog, hasTheNumberOfLinesThatWereDroppedWhenItIsReadAgain)
     std::string text;
     ASSERT_TRUE(eventually([&] { return (text += drained()).find("nonsense") != std::string::npos; }));
     EXPECT_NE(text.find("6 log lines were dropped, nobody read them"), std::string::npos)
-        << text << ": that it keeps no state, that it serves, and four refusals";
+        << text << ": expected no state, serving, and four refusals";
     EXPECT_LT(text.find("were dropped"), text.find("nonsense"));
 }

@@ -1,4 +1,4 @@
-// Queries and "Sync"s beside peers that keep the broker waiting for their posts.
+// Queries and "Sync"s next to peers that make the broker wait for their posts.
 
 #include <algorithm>
 #include <atomic>
@@ -12,7 +12,7 @@ namespace
 
 using std::chrono::milliseconds;
 
-// Says a little of a long message now and then, and so is always in the middle of it.
+// Sends a little of a long message now and then, so it is always in the middle of it.
 class Dawdler
 {
 public:
@@ -42,7 +42,7 @@ private:
     std::thread mThread;
 };
 
-// Asks for a "Sync" again as soon as it has its answer.
+// Sends the next "Sync" as soon as the last is answered.
 class Syncer
 {
 public:
@@ -70,7 +70,7 @@ private:
     std::thread mThread;
 };
 
-// A kind of request, and how long one may take.
+// A kind of request, and how long an answer may take.
 struct Asked
 {
     std::string request;
@@ -81,7 +81,7 @@ struct Asked
 const Asked queries{R"({"getClientInfoValue":"k"})", milliseconds(50), 300};
 const Asked syncs{"Sync", milliseconds(100), 300};
 
-// Asks one question after the other, and notes their times. Ends when far too many have taken too long.
+// Asks one question after the other, and records their times. Stops early if far too many take too long.
 class Waiting
 {
 public:
@@ -113,11 +113,12 @@ class Waits : public UnderAttack
 protected:
     Waits()
     {
-        requester.ask("Sync"); // the first is another matter
+        requester.ask("Sync"); // the first Sync is special
     }
 
-    // That hardly one in a hundred takes longer than it may, and half of them take next to no time. On a busy
-    // machine some take longer for other reasons: as many as without these peers, and then once more.
+    // Expects that hardly one request in a hundred takes longer than allowed, and that half of them take
+    // almost no time. On a busy machine some take longer for other reasons. So as many as without these peers
+    // may, too, and one of three attempts must succeed.
     template <class MakePeers>
     void expectQuick(const Asked& asked, MakePeers makePeers)
     {

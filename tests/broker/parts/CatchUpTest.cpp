@@ -1,4 +1,4 @@
-// Notifications that a new subscriber is told again: with time as an argument.
+// Notifications that a new subscriber gets again, with time as an argument.
 
 #include "broker/CatchUp.h"
 
@@ -37,7 +37,7 @@ TEST(CatchUpTest, theLeastRevisionAwaitedIsThatOfTheNextSubscription)
     catchUp.disconnected(10, start, 5s);
     EXPECT_EQ(catchUp.leastAwaited(start), 10U);
     EXPECT_EQ(catchUp.leastAwaited(start + 5s), 20U);
-    EXPECT_EQ(catchUp.leastAwaited(start + 10s), 20U) << "asking serves nobody";
+    EXPECT_EQ(catchUp.leastAwaited(start + 10s), 20U) << "a look subscribes nobody";
     EXPECT_EQ(catchUp.leastAwaited(start + CatchUp::longestWait), std::nullopt);
 }
 
@@ -45,7 +45,7 @@ TEST(CatchUpTest, aClientThatSeemsServedIsKeptInMindForAWhile)
 {
     CatchUp catchUp;
     catchUp.acknowledged(10, start);
-    EXPECT_EQ(catchUp.subscribed(start), 10U); // perhaps somebody else's
+    EXPECT_EQ(catchUp.subscribed(start), 10U); // it may be another client's
     EXPECT_EQ(catchUp.subscribed(start + CatchUp::graceTime - 1ms), 10U);
     EXPECT_EQ(catchUp.subscribed(start + CatchUp::graceTime), std::nullopt);
 }
@@ -76,7 +76,7 @@ TEST(CatchUpTest, oneThatWasAcknowledgedLaterDoesNotPassForAnEarlierOne)
     CatchUp catchUp;
     catchUp.acknowledged(10, start);
     catchUp.acknowledged(20, start + CatchUp::together);
-    catchUp.subscribed(start + CatchUp::together); // the later one's
+    catchUp.subscribed(start + CatchUp::together); // for the later subscriber
     EXPECT_EQ(catchUp.subscribed(start + 10s), 10U);
     EXPECT_EQ(catchUp.subscribed(start + 12s), std::nullopt);
 }

@@ -1,4 +1,4 @@
-// When the state file is written although nothing has changed: with time as an argument.
+// When the state file is written without any change, with time as an argument.
 
 #include "broker/CommitTimes.h"
 
@@ -36,7 +36,7 @@ TEST(CommitTimesTest, whatCouldNotBeWrittenIsTriedAgainASecondAfterTheLastAttemp
     times.triedAsDue(now);
     times.tried(now + 10s);
     EXPECT_EQ(times.due(running, behind), now + 10s + CommitTimes::rewritePause)
-        << "not when time is to be kept";
+        << "not only when the time is to be saved";
     EXPECT_EQ(times.due(!running, behind), now + 10s + CommitTimes::rewritePause);
     times.triedAsDue(now + 11s);
     EXPECT_EQ(times.due(running, behind), now + 11s + CommitTimes::rewritePause);

@@ -7,7 +7,7 @@ namespace
 {
 
 // The process's own descriptors: the standard streams, the loop, the ports, the state file and its log, the
-// connection to the service manager, a folder that is being read, and a connection that is being refused.
+// connection to the service manager, a folder being read, and a connection being refused.
 constexpr std::size_t own = 20;
 
 std::size_t raisedFor(std::size_t connections)

@@ -1,4 +1,4 @@
-// Which questions an empty answer has answered: with time as an argument.
+// Which questions an empty answer has answered, with time as an argument.
 
 #include "broker/EmptyAnswer.h"
 
@@ -28,7 +28,7 @@ TEST(EmptyAnswerTest, oneQuestionInFrontOfPongIsDropped)
     EmptyAnswer answer;
     answer.sent();
     EXPECT_EQ(answer.asked(now + 1h), Verdict::Drop);
-    EXPECT_EQ(answer.asked(now + 1h), Verdict::Answer) << "it answers one";
+    EXPECT_EQ(answer.asked(now + 1h), Verdict::Answer) << "it answers only one question";
     answer.ponged(now + 1h);
     EXPECT_EQ(answer.asked(now + 1h), Verdict::Answer);
 }

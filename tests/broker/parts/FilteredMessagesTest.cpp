@@ -5,7 +5,7 @@
 namespace
 {
 
-// Never looked into.
+// Never dereferenced.
 const auto* const one = reinterpret_cast<const PolicyClass*>(1);
 const auto* const other = reinterpret_cast<const PolicyClass*>(2);
 

@@ -59,7 +59,7 @@ protected:
     std::optional<Connection> connection;
 };
 
-// Where the kernel tells nothing.
+// The kernel reports no owners.
 class BlindGuard : public GuardTest
 {
 protected:
@@ -117,7 +117,7 @@ TEST_F(GuardTest, aConnectionOfAUserWithoutAnEntryIsRefusedIfThePolicyNamesGroup
     EXPECT_FALSE(guard.admit(*connection));
 }
 
-// As while it can be looked for only later.
+// The service may be found only later.
 TEST_F(GuardTest, aConnectionOfAnUnknownServiceIsRefusedIfThePolicyNamesServices)
 {
     identify(web);
@@ -139,7 +139,7 @@ TEST_F(GuardTest, inAuditModeAConnectionOfAnUnknownUserIsTakenAndLogged)
                            "kernel"));
 }
 
-// A client looks whether the broker is there, and goes.
+// A client checks whether the broker is there, and leaves.
 TEST_F(GuardTest, aConnectionThatHasGoneWithoutAWordIsNotLogged)
 {
     setPolicy(webMayNotPost);
@@ -203,7 +203,7 @@ TEST_F(BlindGuard, takesAPolicyThatOnlyLogs)
     EXPECT_NO_THROW(blinded.setPolicy(policyOf(std::string(audit) + netMayNotPost)));
 }
 
-// The table of connections, which every Linux has, tells users and no control groups.
+// The table of connections, which every Linux has, contains users but no control groups.
 TEST_F(BlindGuard, refusesAPolicyThatNamesServicesWhereOnlyUsersAreTold)
 {
     Identities users("/proc", {"/proc", SockDiag(Descriptor())});

@@ -1,4 +1,4 @@
-// When posts are left unread for a subscriber that is slower: with time and lengths as arguments.
+// When posts are left unread for the sake of a slower subscriber, with time and lengths as arguments.
 
 #include "broker/IntakePause.h"
 
@@ -11,7 +11,7 @@ namespace
 
 constexpr std::size_t limit = 1000;
 constexpr std::size_t tooMuch = 751;
-constexpr std::size_t less = 501; // of that it goes on
+constexpr std::size_t less = 501; // the pause goes on with this much
 constexpr std::size_t little = 500;
 
 class IntakePauseTest : public testing::Test
@@ -23,7 +23,7 @@ protected:
         return pause.decide(backlog, limit, now);
     }
 
-    // How long it pauses, looked at each millisecond.
+    // How long it pauses if asked each millisecond.
     std::chrono::milliseconds pausesFor(std::size_t backlog)
     {
         std::chrono::milliseconds time{0};

@@ -1,4 +1,4 @@
-// The choice of the holder that gives way where memory is short: with numbers as arguments.
+// Which holder is chosen to give way when memory is short, with numbers as arguments.
 
 #include "broker/MemoryRelief.h"
 #include "broker/base/Progress.h"

@@ -26,7 +26,7 @@ TEST_F(OwnProbeTest, oneThatWasNotAskedLacksNothing)
 TEST_F(OwnProbeTest, lacksWhatItWasAskedForUntilItAnswers)
 {
     probe.asked(7, now);
-    EXPECT_FALSE(probe.isDue(7, now)) << "it was asked for that";
+    EXPECT_FALSE(probe.isDue(7, now)) << "that was asked already";
     EXPECT_TRUE(probe.lacks(7));
     EXPECT_TRUE(probe.owes());
     probe.answered(7, now);

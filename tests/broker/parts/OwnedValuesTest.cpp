@@ -9,7 +9,7 @@ using namespace std::chrono_literals;
 namespace
 {
 
-using Marked = std::vector<std::pair<std::string, std::string>>; // key, and what it becomes
+using Marked = std::vector<std::pair<std::string, std::string>>; // the key, and its new value
 
 class OwnedValuesTest : public testing::Test
 {
@@ -56,8 +56,8 @@ protected:
     PolicyPointer policy;
     std::set<Posters::Id> here;
     std::optional<Posters::Id> successor = Posters::nobody;
-    std::chrono::milliseconds unread{0}; // a client that goes may have ended so long ago
-    TimePoint successorSince;            // the time behind which the last successor was looked for
+    std::chrono::milliseconds unread{0}; // how long ago a client that goes may have ended
+    TimePoint successorSince;            // the time after which the last successor was looked for
     Marked marked;
     OwnedValues values{state,
                        {[this](Posters::Id id) { return here.count(id) != 0; },
@@ -227,7 +227,7 @@ TEST_F(OwnedValuesTest, keepTheirOwnerWhenAResetIsRefused)
     EXPECT_EQ(marked, (Marked{{"net.a", "offline"}}));
 }
 
-// Limits may be lowered while there are longer keys.
+// Limits may be lowered while longer keys exist.
 TEST_F(OwnedValuesTest, areNotThoseOfOtherNamesWhoseResetIsRefused)
 {
     const Posters::Id owner = client();
@@ -316,7 +316,7 @@ TEST_F(OwnedValuesTest, ofUnknownPostersStay)
     EXPECT_EQ(values.due(), TimePoint::max());
 }
 
-// A thousand owners that end together make nobody else wait for all of them.
+// Others need not wait until a thousand owners that end together are handled.
 TEST_F(OwnedValuesTest, ofManyOwnersAreMarkedInTurns)
 {
     constexpr std::size_t owners = 1000;

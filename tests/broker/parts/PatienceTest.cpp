@@ -1,4 +1,4 @@
-// How long requests wait for the answers of post connections: with time as an argument.
+// How long requests wait for the answers of post connections, with time as an argument.
 
 #include "broker/Patience.h"
 

@@ -1,4 +1,4 @@
-// The wait of requests for one post connection: with numbers of barriers and time as arguments.
+// How long requests wait for a post connection, with numbers of barriers and time as arguments.
 
 #include "broker/PongWait.h"
 
@@ -16,7 +16,7 @@ const TimePoint start = TimePoint() + 1h;
 class PongWaitTest : public testing::Test
 {
 protected:
-    // Opens a barrier and sends the PING for it, if it is due.
+    // Opens a barrier, and sends its PING if that is due.
     void open(uint64_t barrier, TimePoint now, bool isForSync = false, std::size_t unread = 0)
     {
         wait.want(barrier, isForSync, unread, enough, now);
@@ -48,7 +48,7 @@ TEST_F(PongWaitTest, aRequestBehindABarrierWaitsForItsAnswer)
     open(1, start);
     EXPECT_EQ(endFor(1, start), start + limit);
     EXPECT_EQ(wait.endFor(1, true, start), start + Patience::syncFactor * limit);
-    EXPECT_EQ(endFor(2, start), notAtAll) << "it was opened when all had come";
+    EXPECT_EQ(endFor(2, start), notAtAll) << "barrier 2 was opened when everything had come";
     EXPECT_TRUE(answer(1, start + 1ms));
     EXPECT_EQ(endFor(1, start), notAtAll);
     EXPECT_FALSE(wait.owes());
@@ -160,7 +160,7 @@ TEST_F(PongWaitTest, aWaitInVainIsPaidForToo)
     open(1, start);
     EXPECT_EQ(wait.judge(start + limit), limit - Patience::shortest);
     EXPECT_EQ(wait.judge(wait.due()), (Patience::syncFactor - 1) * limit / Patience::syncFactor)
-        << "only a Sync waited for it";
+        << "only a Sync waited";
 }
 
 TEST_F(PongWaitTest, oneThatGoesPaysForWhatItOwes)
@@ -197,14 +197,14 @@ TEST_F(PongWaitTest, oneOfWhichMuchIsUnreadIsWaitedForLongerAndDoesNotPayForIt)
     constexpr std::size_t unread = 10;
     open(1, start, false, unread);
     EXPECT_EQ(endFor(1, start), start + Patience::longest);
-    EXPECT_EQ(wait.due(), TimePoint::max()) << "it is not to blame";
+    EXPECT_EQ(wait.due(), TimePoint::max()) << "the connection is not to blame";
     EXPECT_EQ(wait.abandon(start + 50ms), 0ms);
     wait.read(unread - 1, start + 40ms);
     EXPECT_TRUE(wait.isUnread());
     EXPECT_EQ(endFor(1, start), start + Patience::longest);
     wait.read(1, start + 50ms);
     EXPECT_FALSE(wait.isUnread());
-    EXPECT_EQ(endFor(1, start), start + 50ms + limit) << "only now it is sent the PING";
+    EXPECT_EQ(endFor(1, start), start + 50ms + limit) << "the PING is sent only now";
     EXPECT_EQ(endFor(1, start - 40ms), start - 40ms + Patience::longest) << "in all";
     EXPECT_EQ(wait.due(), start + 50ms + limit);
     answer(1, start + 53ms);
@@ -224,7 +224,7 @@ TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForOnlyIfMuchHasArrive
     EXPECT_EQ(endFor(3, start + 1h), start + 1h + Patience::longest);
 }
 
-// Its answer may be among what could not be read.
+// Its answer may be among the bytes that could not be read.
 TEST_F(PongWaitTest, oneThatOwesAnAnswerForTooLongIsWaitedForAgainIfItCouldNotBeRead)
 {
     open(1, start);

@@ -19,7 +19,7 @@ protected:
         quotas.setPolicy(*policy);
     }
 
-    // Null if it is refused.
+    // Returns null if it is refused.
     Connection* connect(uid_t user)
     {
         Connection& connection = connections.emplace_back(Descriptor(), Handshake::Kind::Post, now);
@@ -27,13 +27,24 @@ protected:
         return quotas.enter(connection, now) ? &connection : nullptr;
     }
 
-    // Of so many names.
+    static std::string postsPerSecond(int posts)
+    {
+        return "[[quota]]\nposts-per-second = " + std::to_string(posts) + "\n";
+    }
+
+    // Posts this many names.
     bool post(const Connection& client, std::size_t names = 1)
     {
         if (!quotas.mayPost(client))
             return false;
         Quotas::charge(client, names);
         return true;
+    }
+
+    bool postAfter(std::chrono::milliseconds time, const Connection& client)
+    {
+        now += time;
+        return post(client);
     }
 
     inline static TimePoint now = Clock::now();
@@ -92,7 +103,7 @@ TEST_F(QuotasTest, anotherPolicyIsAppliedToThoseThatAreConnected)
     EXPECT_TRUE(post(*connection));
 }
 
-// Only who comes is refused.
+// Only new connections are refused.
 TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
 {
     use("");
@@ -105,10 +116,10 @@ TEST_F(QuotasTest, connectionsThatAreThereStayWhenAPolicyAllowsFewer)
     EXPECT_FALSE(connect(webUser));
 }
 
-// At once a user may post as much as in a second, and a message that begins within that is taken whole.
+// A user may post a second's share at once. A message that begins within its share is accepted as a whole.
 TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 4));
     EXPECT_TRUE(post(*connection, 50000));
@@ -118,42 +129,39 @@ TEST_F(QuotasTest, aUserThatHasPostedItsShareWaits)
 
 TEST_F(QuotasTest, aUserGainsNothingByComingBack)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     quotas.leave(*connection);
     now += 10s;
     for (uid_t other = 1000; other < 1200; ++other)
-        quotas.leave(*connect(other)); // so many that old ones are forgotten
+        quotas.leave(*connect(other)); // enough to make old users be forgotten
     EXPECT_FALSE(post(*connect(webUser)));
 }
 
 TEST_F(QuotasTest, aUserMayPostAgainAfterAWhile)
 {
-    use("[[quota]]\nposts-per-second = 1000\n");
+    use(postsPerSecond(1000));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 1010));
-    now += 10ms;
-    EXPECT_FALSE(post(*connection));
-    now += 1ms;
-    EXPECT_TRUE(post(*connection));
+    EXPECT_FALSE(postAfter(10ms, *connection));
+    EXPECT_TRUE(postAfter(1ms, *connection));
 }
 
 TEST_F(QuotasTest, aUserOwesNothingOfWhatWasOnlyLogged)
 {
-    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    use("mode = \"audit\"\n" + postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     EXPECT_TRUE(post(*connection, 50000));
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     EXPECT_FALSE(post(*connection));
-    now += 1s;
-    EXPECT_TRUE(post(*connection));
+    EXPECT_TRUE(postAfter(1s, *connection));
 }
 
 TEST_F(QuotasTest, aUserThatPostsNothingSavesNothing)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection));
     now += 1h;
@@ -170,7 +178,7 @@ TEST_F(QuotasTest, aUserThatTakesMoreThanItsPartOfTheStateIsRefused)
     EXPECT_TRUE(quotas.mayTake(netUser, {10, 100}, {1000, 10000}));
 }
 
-// Its share may have been made smaller.
+// Its share may have been reduced.
 TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
 {
     use("[[quota]]\nkeys = 10\nbytes = 100\n");
@@ -178,10 +186,10 @@ TEST_F(QuotasTest, aUserThatHasMoreThanItsPartMayTakeLess)
     EXPECT_FALSE(quotas.mayTake(webUser, {20, 200}, {20, 201}));
 }
 
-// So the log says in audit mode how much would be refused.
+// In audit mode, the log shows what would be refused.
 TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
 {
-    use("mode = \"audit\"\n[[quota]]\nposts-per-second = 5\n");
+    use("mode = \"audit\"\n" + postsPerSecond(5));
     Connection* connection = connect(webUser);
     for (int count = 0; count < 100; ++count)
         post(*connection, 10);
@@ -194,7 +202,7 @@ TEST_F(QuotasTest, inAuditModeWhatWouldBeRefusedCostsNothing)
 
 TEST_F(QuotasTest, aDebtIsNotForgivenWithAnotherPolicy)
 {
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
     use("[[quota]]\nposts-per-second = 6\n");
@@ -207,7 +215,7 @@ TEST_F(QuotasTest, aUserWithoutARateOwesNothing)
     use("[[quota]]\nconnections = 5\n");
     Connection* connection = connect(webUser);
     EXPECT_TRUE(post(*connection, 50000));
-    use("[[quota]]\nposts-per-second = 5\n");
+    use(postsPerSecond(5));
     now += 1s;
     EXPECT_TRUE(post(*connection));
 }

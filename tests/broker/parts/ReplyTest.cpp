@@ -13,7 +13,7 @@ namespace
 
 using Map = std::map<std::string, std::string>;
 
-// Read as a client reads it: a delimiter, then frames that are never empty.
+// Reads it as a client does: a delimiter, then frames that are never empty.
 std::string textOf(const std::string& bytes)
 {
     const std::vector<WireFrames::Frame> frames = WireFrames::framesIn(bytes);
@@ -37,7 +37,7 @@ class ReplyTest : public testing::Test
 protected:
     void post(const Map& values) { state.post(membersIn(values)); }
 
-    // In pieces of about so many bytes.
+    // Produces the reply in pieces of about this many bytes.
     std::string produced(Reply reply, std::size_t pieceBytes = 8192)
     {
         std::string bytes;
@@ -206,7 +206,7 @@ TEST_F(ReplyTest, ofCountersLeavesOutWhatIsNotShown)
     EXPECT_EQ(textOf(bytes), R"({"counters":{"b":2}})");
 }
 
-// A connection holds a piece of it, however many there are.
+// A connection holds a piece of it, whatever the number of counters.
 TEST_F(ReplyTest, ofCountersIsProducedAsItIsRead)
 {
     constexpr std::size_t pieceBytes = 1000;

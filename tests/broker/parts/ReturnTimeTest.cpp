@@ -1,4 +1,4 @@
-// How long clients of an earlier broker are waited for.
+// How long the broker waits for the clients of an earlier broker.
 
 #include "broker/ReturnTime.h"
 

@@ -12,7 +12,7 @@ const TimePoint start = TimePoint() + 1h;
 class ScheduleTest : public testing::Test
 {
 protected:
-    // Counts how often it is done; done, it waits for its next time.
+    // Counts its runs. After each run, it waits for its next time.
     struct Task
     {
         TimePoint due = TimePoint::max();

@@ -1,4 +1,4 @@
-// When the first "Sync" of a client is answered: with time and numbers as arguments.
+// When the first "Sync" of a client is answered, with time and numbers as arguments.
 
 #include "broker/StartGate.h"
 
@@ -15,13 +15,13 @@ const TimePoint grownUp = brokerStart + StartGate::youth;
 class StartGateTest : public testing::Test
 {
 protected:
-    // For a client that asks when the broker is not young any more.
+    // For a client that asks when the broker is no longer young.
     bool opens(std::chrono::microseconds waited, bool areSubscribed, std::size_t clients, std::size_t posts)
     {
         return gate.opens(grownUp, areSubscribed, clients, posts, grownUp + waited);
     }
 
-    // The gate waits in vain for the post connections of so many clients.
+    // Makes the gate wait in vain for the post connections of this many clients.
     void missInVain(std::size_t missing, TimePoint now)
     {
         EXPECT_FALSE(gate.opens(now, true, missing, 0, now + StartGate::patience - 1us));
@@ -66,7 +66,7 @@ TEST_F(StartGateTest, isHeldLongerByAYoungBrokerWhoseClientsMayStillComeBack)
     EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung - 1us));
     EXPECT_TRUE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung));
     EXPECT_TRUE(gate.opens(asked, true, 1, 1, asked + StartGate::settleTime))
-        << "not where they are all there";
+        << "no longer when all are there";
 }
 
 TEST_F(StartGateTest, whatWasWaitedForInVainIsNotWaitedForAgain)
@@ -75,7 +75,7 @@ TEST_F(StartGateTest, whatWasWaitedForInVainIsNotWaitedForAgain)
     const TimePoint later = grownUp + 1h;
     EXPECT_TRUE(gate.opens(later, true, 2, 0, later + StartGate::settleTime));
     EXPECT_TRUE(gate.opens(later, true, 7, 5, later + StartGate::settleTime));
-    EXPECT_FALSE(gate.opens(later, true, 7, 4, later + StartGate::settleTime)) << "one more is";
+    EXPECT_FALSE(gate.opens(later, true, 7, 4, later + StartGate::settleTime)) << "one more is waited for";
 }
 
 TEST_F(StartGateTest, othersThatHaveTheirPostConnectionAheadDoNotMakeItForget)

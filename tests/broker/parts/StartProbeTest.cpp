@@ -1,4 +1,4 @@
-// Whether a starting client has had its turns: with time as an argument.
+// Whether a starting client has had its turns, with time as an argument.
 
 #include "broker/StartProbe.h"
 

@@ -1,4 +1,4 @@
-// How long one post connection delays starting clients: with time as an argument.
+// How long a post connection delays starting clients, with time as an argument.
 
 #include "broker/StartWait.h"
 
@@ -11,7 +11,7 @@ namespace
 
 const TimePoint begin = TimePoint() + 1h;
 
-// Looks so often, the last time after so long.
+// Looks this often, the last time after this time.
 bool isGivenUp(StartWait& wait, int looks, std::chrono::microseconds after)
 {
     for (int look = 1; look < looks; ++look)

@@ -1,4 +1,4 @@
-// The revision that a subscriber has surely been told of: with bytes as arguments.
+// The revision that a subscriber has certainly received, with bytes as arguments.
 
 #include "broker/ToldRevision.h"
 

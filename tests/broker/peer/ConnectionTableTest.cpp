@@ -30,7 +30,7 @@ sockaddr_in at(const char* address, uint16_t port)
 
 const SocketPair pair{at("127.0.0.1", 40000), at("127.0.0.1", 5555)};
 
-// As the kernel writes four bytes of an address: as a number of this machine, whose bytes have its order.
+// Four bytes of an address as the kernel writes them: as a number in this machine's byte order.
 std::string fourBytes(uint32_t bytes)
 {
     std::array<char, 9> text{};
@@ -149,7 +149,7 @@ TEST_F(ConnectionTableTest, aLineThatIsCutOffIsNotBelieved)
 
 TEST_F(ConnectionTableTest, aLineWithoutEndIsPassedOverAndNotHeld)
 {
-    const std::string endless(131072, 'x'); // ends with a piece that is read
+    const std::string endless(131072, 'x'); // ends exactly with a piece that is read
     EXPECT_EQ(askIn(endless + line(peer, own) + "\n" + line(peer, own, "01", "7") + "\n").uid(), 7U);
     EXPECT_EQ(askIn(endless + "\n" + line(peer, own) + "\n").uid(), 1000U);
     EXPECT_FALSE(askIn(endless).isKnown());

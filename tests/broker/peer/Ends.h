@@ -24,7 +24,7 @@ inline uint64_t inodeOf(const Descriptor& socket)
     return status.st_ino;
 }
 
-/// A port of 127.0.0.1 that the kernel chooses, and the connection that arrives there.
+/// A port of 127.0.0.1 that the kernel chooses, and the connection that arrives at it.
 class Accepting
 {
 public:
@@ -49,18 +49,18 @@ public:
     static sockaddr* place(sockaddr_in& address) { return reinterpret_cast<sockaddr*>(&address); }
 
     sockaddr_in address{};     ///< of this end
-    sockaddr_in peerAddress{}; ///< of the other
+    sockaddr_in peerAddress{}; ///< of the other end
     Descriptor own;
 
 private:
     Descriptor mListener;
 };
 
-/// Two ends of a connection, both this process's.
+/// Two ends of a connection, both in this process.
 class Ends : public Accepting
 {
 public:
-    /// @param port the peer's own, or 0
+    /// @param port the peer's port, or 0
     void connect(uint16_t port = 0)
     {
         peer = Descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -69,14 +69,14 @@ public:
         connectPeer();
     }
 
-    /// Through the socket that `peer` is.
+    /// Connects the socket `peer`.
     void connectPeer()
     {
         ASSERT_EQ(::connect(peer.number(), place(address), sizeof(address)), 0);
         accept();
     }
 
-    /// With a reset.
+    /// Closes the peer with a reset.
     void resetPeer()
     {
         const linger none{1, 0};
@@ -87,11 +87,12 @@ public:
     Descriptor peer;
 };
 
-/// A process that connects, and holds the connection until this goes.
+/// A process that connects, and holds the connection until this object is destroyed.
 class ConnectedProcess
 {
 public:
-    /// @param prepare done in the process, before it has a socket; false if this machine does not allow it
+    /// @param prepare runs in the process before it has a socket; returns false if this machine does not
+    /// allow it
     ConnectedProcess(Accepting& to, const std::function<bool()>& prepare)
     {
         int ends[2];

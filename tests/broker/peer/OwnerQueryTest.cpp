@@ -1,4 +1,4 @@
-// The owners of the other ends of real connections, along both roads to the kernel.
+// The owners of the other ends of real connections, by both ways to ask the kernel.
 
 #include "broker/peer/OwnerQuery.h"
 
@@ -41,7 +41,8 @@ class OwnerQueryTest : public testing::TestWithParam<Road>
 protected:
     void SetUp() override
     {
-        // The emulator knows no sockets of this kind. The other road is tested there all the same.
+        // May be skipped: the emulator has no sockets of type NETLINK_SOCK_DIAG. The test always runs
+        // natively, and emulated tests still use the other way.
         if (isEmulated && GetParam() == Road::SockDiag)
             GTEST_SKIP() << "the emulator has no such sockets";
         ASSERT_EQ(query.road(), GetParam());
@@ -49,7 +50,7 @@ protected:
 
     Owner ask() { return query.ask(ends.peerAddress, ends.address); }
 
-    // Whatever the kernel says: nobody, and not root.
+    // Whatever the kernel answers, it means no user, and not root.
     void expectUnknown(Knowledge why)
     {
         const Owner owner = ask();
@@ -57,7 +58,7 @@ protected:
         EXPECT_FALSE(owner.uid());
     }
 
-    // The kernel needs a moment to take notice of what the peer did.
+    // The kernel needs a moment to notice what the peer did.
     void expectSoonUnknown(Knowledge why)
     {
         EXPECT_TRUE(eventually([&] { return ask().knowledge() == why; })) << ask().reason();
@@ -68,7 +69,7 @@ protected:
     OwnerQuery query{sourcesFor(GetParam())};
 };
 
-// In a process of its own, whose result is its exit code.
+// Runs it in a child process, and returns its exit code.
 template <class Function>
 int inChild(Function function)
 {
@@ -86,7 +87,7 @@ bool write(const char* path, const std::string& text)
     return ::write(file.number(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
-// Root there, an ordinary user here.
+// Becomes root in a user namespace, and an ordinary user outside.
 bool enterUserNamespace()
 {
     if (geteuid() == 0 && setresuid(foreigner, foreigner, foreigner) != 0)
@@ -96,13 +97,14 @@ bool enterUserNamespace()
            write("/proc/self/uid_map", "0 " + std::to_string(outside) + " 1") && getuid() == 0;
 }
 
-// Only root may enter a new network namespace, and not in every container.
+// Only root may enter a new network namespace, and not in every container. Tests that need it are skipped
+// then. They always run as root outside such containers.
 bool mayNotEnterNetworkNamespace()
 {
     return inChild([] { return unshare(CLONE_NEWNET) != 0 && errno == EPERM ? 1 : 0; }) == 1;
 }
 
-// With a loopback of its own.
+// Enters a network namespace with a loopback interface of its own.
 bool enterNetworkNamespace()
 {
     if (unshare(CLONE_NEWNET) != 0)
@@ -115,7 +117,7 @@ bool enterNetworkNamespace()
     return ioctl(any.number(), SIOCSIFFLAGS, &request) == 0;
 }
 
-// As a service's sandbox does: no sockets of this family.
+// Forbids sockets of this family, as a service's sandbox does.
 bool forbidNetlink()
 {
     std::array<sock_filter, 6> program{{
@@ -131,7 +133,7 @@ bool forbidNetlink()
            prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
 }
 
-// A folder that looks like /proc, with the machine's own tables of connections.
+// A folder that looks like /proc, with this machine's tables of connections.
 class FakeProc : public TemporaryFolder
 {
 public:
@@ -162,7 +164,7 @@ TEST_P(OwnerQueryTest, aConnectedPeerIsTheUserAndTheSocketThatItIs)
 
 TEST_P(OwnerQueryTest, aPeerWithASocketForBothProtocolsIsKnown)
 {
-    // A kernel without IPv6 has no such peers, so nothing is left untested there.
+    // May be skipped: a kernel without IPv6 has no such peers, so nothing is left untested.
     ends.peer = Descriptor(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!ends.peer.isOpen() && errno == EAFNOSUPPORT)
         GTEST_SKIP() << "no IPv6 here";
@@ -245,8 +247,8 @@ TEST_P(OwnerQueryTest, theOtherEndIsNotMistakenForThePeer)
     EXPECT_EQ(query.ask(ends.address, ends.peerAddress).inode(), inodeOf(ends.own));
 }
 
-// Only root can become another user. SockDiagTest and ConnectionTableTest read such answers of the kernel as
-// any user.
+// May be skipped: the kernel lets only root become another user. The build server tests as root, so it always
+// runs there. Elsewhere SockDiagTest and ConnectionTableTest read such answers of the kernel.
 TEST_P(OwnerQueryTest, aPeerOfAnotherUserIsThatUsers)
 {
     if (geteuid() != 0)
@@ -258,8 +260,8 @@ TEST_P(OwnerQueryTest, aPeerOfAnotherUserIsThatUsers)
 
 TEST_P(OwnerQueryTest, aPeerThatIsRootInItsOwnUserNamespaceIsNotRoot)
 {
-    // Containers and hardened systems forbid user namespaces: then no peer can be root in one either. The
-    // emulator has several threads, which may not enter one.
+    // May be skipped: where user namespaces are forbidden, as in containers, no peer can be root in a
+    // namespace. The emulator has several threads, and such a process may not enter a user namespace.
     const int error = inChild([] { return enterUserNamespace() ? 0 : errno; });
     if (error == EPERM || error == ENOSPC || error == EINVAL)
         GTEST_SKIP() << "this machine allows no user namespaces";
@@ -268,7 +270,8 @@ TEST_P(OwnerQueryTest, aPeerThatIsRootInItsOwnUserNamespaceIsNotRoot)
     EXPECT_EQ(ask().uid(), geteuid() == 0 ? foreigner : geteuid()) << ask().reason();
 }
 
-// A process of another user inherits the socket and then has it alone. Only root can start such a process.
+// Another user's process inherits the socket, and is then its only holder. May be skipped: only root can
+// start such a process.
 TEST_P(OwnerQueryTest, aSocketThatIsHandedOnStaysItsMakers)
 {
     if (geteuid() != 0)
@@ -311,7 +314,7 @@ TEST_P(OwnerQueryTest, inTheFirstUserNamespaceNobodyIsAUserLikeOthers)
     EXPECT_EQ(whole.ask(ends.peerAddress, ends.address).uid(), geteuid());
 }
 
-// The emulator knows no sockets of this kind. OwnerQueryTest asks along the other road there.
+// May be skipped: the emulator has no such sockets. OwnerQueryTest uses the other way there.
 TEST(OwnerQueryRoadsTest, asksTheKernelDirectlyWhereItMay)
 {
     if (isEmulated)
@@ -319,7 +322,8 @@ TEST(OwnerQueryRoadsTest, asksTheKernelDirectlyWhereItMay)
     EXPECT_EQ(OwnerQuery().road(), Road::SockDiag);
 }
 
-// The filter would see the system calls of the emulator, by the numbers of another processor.
+// May be skipped: the filter would apply to the emulator's system calls, with the numbers of another
+// processor.
 TEST(OwnerQueryRoadsTest, aSandboxWithoutNetlinkIsNoticed)
 {
     if (isEmulated)
@@ -334,7 +338,7 @@ TEST(OwnerQueryRoadsTest, aSandboxWithoutNetlinkIsNoticed)
               0);
 }
 
-// As a kernel without the module tcp_diag: the socket can be made, and no connection is ever found.
+// Like a kernel without the module tcp_diag: the socket can be opened, but no connection is ever found.
 TEST(OwnerQueryRoadsTest, aKernelThatFindsNoConnectionAtAllIsNotAsked)
 {
     if (isEmulated)
@@ -352,7 +356,7 @@ TEST(OwnerQueryRoadsTest, aKernelThatFindsNoConnectionAtAllIsNotAsked)
               0);
 }
 
-// Along the one road that stays in its namespace: the tables are always those of the process's own.
+// Only for the way that depends on the namespace: the tables are always those of the process's namespace.
 TEST(OwnerQueryRoadsTest, aConnectionOfAnotherNetworkNamespaceIsUnknown)
 {
     if (isEmulated)

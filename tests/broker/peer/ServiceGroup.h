@@ -14,8 +14,8 @@
 #include "tests/broker/peer/Ends.h"
 #include "tests/support/Wait.h"
 
-/// A control group of the machine's own, as systemd makes one for a service, with a group of the service's
-/// own making in it. Only root can make control groups, and not in a container that has them read-only.
+/// A control group of this machine, as systemd makes it for a service, and below it a group that the service
+/// has made. Only root can make control groups, and not in a container that mounts them read-only.
 class ServiceGroup
 {
 public:
@@ -41,7 +41,8 @@ public:
     ServiceGroup(const ServiceGroup&) = delete;
     ServiceGroup& operator=(const ServiceGroup&) = delete;
 
-    /// Why this machine can have none, or does not tell whose connection is in it; empty if it can and does.
+    /// Why this machine cannot make such a group, or does not report whose connection is in it; empty if it
+    /// can.
     std::string lack() const
     {
         if (isEmulated)
@@ -53,7 +54,7 @@ public:
         return isToldByKernel() ? "" : "this kernel tells no control groups at all (before Linux 5.7)";
     }
 
-    /// Puts the calling process into it.
+    /// Moves the calling process into it.
     void enter() const { std::ofstream(mFolders.back() + "/cgroup.procs") << getpid() << std::flush; }
 
     static std::string root() { return Services::rootIn("/proc"); }

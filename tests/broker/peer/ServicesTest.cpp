@@ -38,7 +38,7 @@ protected:
         return inodeOfPath(tree / path);
     }
 
-    // Asks for ids that nobody has, until no walk is allowed any more. Returns how many walks there were.
+    // Looks for unknown ids until no walk is allowed any more. Returns the number of walks.
     int exhaust()
     {
         int walks = 0;
@@ -134,7 +134,7 @@ TEST_F(ServicesTest, withoutATreeAllAreUnknown)
 TEST_F(ServicesTest, aFloodOfUnknownIdsWalksNoMoreThanIsAllowed)
 {
     for (int i = 0; i != 99; ++i)
-        make("system.slice/s" + std::to_string(i) + ".service"); // with the slice and the root: 101 folders
+        make("system.slice/s" + std::to_string(i) + ".service"); // with the slice and the root, 101 folders
     const uint64_t known = make("system.slice/s7.service");
     EXPECT_EQ(services.find(known).name, "s7.service");
     EXPECT_EQ(exhaust(), Services::burst / 101);
@@ -159,7 +159,7 @@ TEST_F(ServicesTest, anIdThatWasLookedForInVainIsNotLookedForAgain)
     const uint64_t id = make("net.service");
     std::filesystem::remove(tree / "net.service");
     for (int i = 0; i != Services::burst + 10; ++i)
-        ASSERT_EQ(services.find(id).knowledge, Knowledge::Unknown) << "never later";
+        ASSERT_EQ(services.find(id).knowledge, Knowledge::Unknown) << "never looked for again";
 }
 
 TEST_F(ServicesTest, aServiceThatMakesManyControlGroupsHidesNoOther)
@@ -174,7 +174,7 @@ TEST_F(ServicesTest, aServiceThatMakesManyControlGroupsHidesNoOther)
                            Knowledge::Named
                        ? 1
                        : 0;
-    EXPECT_EQ(unknown, 10 + 1) << "the service itself is one of those that may be";
+    EXPECT_EQ(unknown, 10 + 1) << "the service's own folder counts, too";
 }
 
 TEST_F(ServicesTest, aTreeThatIsTooDeepIsLeftOutBelow)
@@ -207,7 +207,8 @@ TEST_F(ServicesTest, theTreeIsWhereTheMachineHasMountedIt)
     EXPECT_EQ(Services::rootIn(tree / "missing"), "");
 }
 
-// ServicesTest finds services in a folder that looks like the control groups, on any machine.
+// May be skipped: see ServiceGroup::lack(). On any machine, ServicesTest finds services in a folder that
+// looks like the control groups.
 TEST(RealServicesTest, aConnectionIsThatOfTheServiceThatMadeIt)
 {
     const ServiceGroup group("named");

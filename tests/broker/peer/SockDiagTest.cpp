@@ -1,4 +1,4 @@
-// Reading the kernel's answers, and bytes that no kernel would send.
+// Reads the kernel's answers, and bytes that no kernel would send.
 
 #include "broker/peer/SockDiag.h"
 
@@ -68,12 +68,12 @@ struct Answer
         return all;
     }
 
-    nlmsghdr header{}; ///< its length is added to what is right
+    nlmsghdr header{}; ///< nlmsg_len is added to the right length
     inet_diag_msg body{};
     std::string attributes;
 };
 
-// From memory of exactly this size, at an odd address, so that a sanitizer sees whatever is read beside it.
+// Reads from memory of exactly this size, at an odd address, so that a sanitizer notices reads beyond it.
 Owner read(const std::string& bytes)
 {
     const std::unique_ptr<char[]> place(new char[bytes.size() + 1]);
@@ -137,7 +137,7 @@ TEST_F(SockDiagTest, anotherPortOfThePeerIsNotBelieved)
 
 TEST_F(SockDiagTest, anotherPortOfOursIsNotBelieved)
 {
-    answer.body.id.idiag_dport = 0; // as of a socket that listens
+    answer.body.id.idiag_dport = 0; // like a listening socket
     EXPECT_EQ(knowledgeOf(answer), Knowledge::WrongAnswer);
 }
 
@@ -268,6 +268,7 @@ TEST_F(SockDiagTest, damagedAnswersAreHarmless)
     }
 }
 
+// May be skipped: the emulator has no sockets of type NETLINK_SOCK_DIAG. The test always runs natively.
 TEST_F(SockDiagTest, answersToEarlierQuestionsArePassedOver)
 {
     if (isEmulated)

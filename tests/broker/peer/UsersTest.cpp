@@ -23,7 +23,7 @@ protected:
         group("root:x:0:\nusers:x:100:\nnet:x:998:ui\nwheel:x:10:toor,ui\n");
     }
 
-    // Each state of a file has a new place, as of those who replace it whole.
+    // Each state of a file is a new file, as editors write it.
     void passwd(const std::string& content) { replace("passwd", content); }
     void group(const std::string& content) { replace("group", content); }
     void replace(const std::string& name, const std::string& content)

@@ -1,4 +1,4 @@
-// The policy that is delivered as an example.
+// The policy that is installed as an example.
 
 #include <gtest/gtest.h>
 

@@ -113,7 +113,7 @@ TEST(Glob, aBackslashAtTheEndIsRefused)
     EXPECT_EQ(Glob::errorIn("eth\\\\"), "");
 }
 
-// Tried in all ways, this would take longer than anybody waits.
+// Trying all combinations would take practically for ever.
 TEST(Glob, manyStarsAreMatchedInTime)
 {
     std::string pattern;

@@ -39,7 +39,7 @@ KeyIndex::Order findNaively(const std::vector<Glob>& globs, const std::string& n
     return first == globs.end() ? none : static_cast<KeyIndex::Order>(first - globs.begin());
 }
 
-// Few letters, so that texts often begin alike and match.
+// Few different letters, so that texts often share beginnings and match.
 class RandomTexts
 {
 public:
@@ -140,6 +140,6 @@ TEST(KeyIndex, agreesWithTryingAllOneByOne)
             ASSERT_EQ(index.find(name, none), expected) << name << " in round " << round;
         }
     }
-    EXPECT_GT(found, 10000U); // and not nearly always
+    EXPECT_GT(found, 10000U); // but not nearly always
     EXPECT_LT(found, 29000U);
 }

@@ -10,7 +10,7 @@
 
 #include "broker/policy/PolicyFiles.h"
 
-/// Helpers for the tests of policies.
+/// Helpers for tests of policies.
 
 using Lines = std::vector<std::string>;
 

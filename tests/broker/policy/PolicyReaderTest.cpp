@@ -1,4 +1,4 @@
-// Texts of policies: how each mistake is told, and what hostile texts do.
+// Texts of policies: the report of each mistake, and the effects of hostile texts.
 
 #include <gtest/gtest.h>
 #include <ostream>
@@ -187,7 +187,7 @@ TEST(PolicyText, withTheLongestLineIsRead)
     EXPECT_EQ(errorsOf("#" + std::string(1023, 'a') + "\r\n#" + std::string(1023, 'b')), Lines{});
 }
 
-// The library's words may change with its version.
+// The library's wording may change with its version.
 TEST(PolicyText, thatIsNoTomlIsToldWithItsLine)
 {
     for (const char* text :
@@ -285,7 +285,7 @@ TEST(HostilePolicy, ofDeepListsIsRefused)
     EXPECT_EQ(errorsOf("a = " + std::string(1000, '[')).size(), 1U);
 }
 
-// As deep as lines allow, once more in each list that is allowed.
+// As deep as lines allow, and once more in each list that is allowed.
 TEST(HostilePolicy, ofDeepTablesIsRefused)
 {
     std::string dots = "a";

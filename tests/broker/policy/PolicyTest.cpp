@@ -229,14 +229,14 @@ TEST(PolicyClass, mayNotDoAllWhereTheDefaultDenies)
     EXPECT_TRUE(policy->classOf(anybody).mayAll(Action::See));
 }
 
-// An unknown user would otherwise have a share beside its own.
+// Otherwise an unknown user would have an extra share.
 TEST(PolicyClass, sharesTellClientsApart)
 {
     EXPECT_FALSE(policyOf("[[owned]]\nkeys = \"a\"\n")->tellsClientsApart());
     EXPECT_TRUE(policyOf("[[quota]]\nkeys = 5\n")->tellsClientsApart());
 }
 
-// A rule that denies is found all the same, to be logged.
+// A denying rule is still found, so that it can be logged.
 TEST(PolicyClass, auditDecidesAsEnforceDoes)
 {
     const auto policy = policyOf("mode = \"audit\"\n[[rule]]\ndeny = \"post\"\n");
@@ -255,11 +255,11 @@ bool matches(const Glob& glob, const std::string& name)
            (glob.rest().empty() ? name.size() == length : Glob::matches(glob.rest(), name.substr(length)));
 }
 
-// A rule as text, and as it is meant.
+// A rule as text, and its meaning.
 struct RandomRule
 {
-    unsigned user;      // 0 for anyone
-    std::size_t action; // actionCount for all
+    unsigned user;      // 0: anyone
+    std::size_t action; // actionCount: all
     bool isAllowed;
     std::string glob;
 

@@ -1,4 +1,4 @@
-// A connection and the end of its peer.
+// A connection, and the end of its peer.
 
 #include "broker/wire/Connection.h"
 
@@ -47,7 +47,7 @@ protected:
                   static_cast<ssize_t>(bytes.size()));
     }
 
-    // The peer closes with everything read, so that its end arrives behind what it has said.
+    // The peer has read everything when it closes, so its end arrives after its bytes.
     void endPeer()
     {
         while (recv(ends.peer.number(), buffer.data(), buffer.size(), MSG_DONTWAIT) > 0)
@@ -55,14 +55,14 @@ protected:
         ends.peer.close();
     }
 
-    // Until the kernel reports this of the connection.
+    // Waits until the kernel reports this for the connection.
     static bool waitFor(const Connection& connection, short what)
     {
         pollfd polled{connection.descriptor(), what, 0};
         return poll(&polled, 1, 10000) == 1;
     }
 
-    // Sends until the peer's kernel has told that nobody takes it.
+    // Sends until the peer's kernel has reported that the socket is gone.
     static void sendInVain(Connection& connection)
     {
         connection.send("to nobody");
@@ -81,8 +81,7 @@ protected:
 
 } // namespace
 
-// The emulator passes on only the first bytes of TCP_INFO, so these tests skip there. They run on the build
-// machine's own processor.
+// May be skipped: the emulator passes on only the first bytes of TCP_INFO. The tests always run natively.
 TEST_F(ConnectionTest, tellsWhatHasArrivedAndThatThePeerHasEnded)
 {
     if (isEmulated)
@@ -134,10 +133,10 @@ TEST_F(ConnectionTest, tellsWhenTheLastBytesArrivedHoweverLateTheyAreRead)
     say("said");
     ASSERT_TRUE(waitFor(connection, POLLIN));
     const TimePoint after = Clock::now();
-    // Real time must pass, there is nothing to wait for: the bytes must be read later than they arrived.
+    // Real time must pass, and nothing can be awaited: the bytes must be read later than they arrived.
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     receive(connection);
-    constexpr std::chrono::milliseconds tick{10}; // of the kernel
+    constexpr std::chrono::milliseconds tick{10}; // the kernel's
     const TimePoint arrival = connection.lastArrival(Clock::now());
     EXPECT_GE(arrival, before - tick);
     EXPECT_LE(arrival, after + tick);

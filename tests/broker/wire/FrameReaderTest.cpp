@@ -13,10 +13,10 @@ using namespace WireFrames;
 
 constexpr std::size_t limit = 1000;
 
-// The most bytes that a message beyond the limit may take on the wire.
+// The most bytes that a message over the limit may take on the wire.
 constexpr std::uint64_t endless = 2 * limit + 16384;
 
-/// One thing that was found.
+/// A result of the reader.
 struct Found
 {
     Result result;
@@ -56,7 +56,7 @@ class Reading
 public:
     explicit Reading(std::size_t most = limit) : mMost(most) {}
 
-    /// Takes all bytes, in pieces that do not outlive their reading, as those of a receive buffer.
+    /// Takes all bytes, from a buffer that does not outlive the call, like a receive buffer.
     void read(const std::string& piece)
     {
         std::string buffer = piece;
@@ -122,7 +122,7 @@ std::vector<Found> whatIsInTwoPieces(const std::string& bytes, std::size_t split
     return reading.found;
 }
 
-// Of everything something.
+// Frames of every kind.
 std::string allKinds()
 {
     const std::string tooMuch(limit - 100, 'x');
@@ -227,7 +227,7 @@ TEST(FrameReaderTest, aMessageThatLiesThereAsAWholeIsNotCopied)
     EXPECT_EQ(item.body.data(), bytes.data() + 9);
     ASSERT_EQ(reader.next(rest, limit, item), Result::Command);
     EXPECT_EQ(item.body.data(), bytes.data() + 9 + 900 + 2);
-    EXPECT_LT(reader.heldBytes(), 64U); // what a std::string has in itself
+    EXPECT_LT(reader.heldBytes(), 64U); // fits into the string itself
 }
 
 // -------------------------------------------------------------------------------------------------- limits

@@ -43,7 +43,7 @@ bool acceptsType(Kind kind, const std::string& type)
     return accepts(kind, ready(property("Socket-Type", type)));
 }
 
-// The handshake takes the bytes in one piece, and leaves those behind its end.
+// The handshake takes the bytes in one piece, and leaves bytes after its end.
 Result resultOf(const std::string& bytes)
 {
     Handshake handshake(Kind::Post);
@@ -53,7 +53,7 @@ Result resultOf(const std::string& bytes)
     return result;
 }
 
-// How many bytes are taken, one by one, until the greeting is refused; 0 if it is not.
+// The number of bytes taken, one by one, before the greeting is refused; 0 if it is accepted.
 std::size_t refusedAt(const std::string& bytes)
 {
     Handshake handshake(Kind::Post);
@@ -143,7 +143,8 @@ TEST(HandshakeTest, version1IsRefusedAtItsFirstByte)
 
 TEST(HandshakeTest, version1WithLongLengthsIsRefusedBeforeItsContent)
 {
-    // An identity of one byte, with a length of eight bytes: as the first nine of a signature.
+    // An identity of one byte, with a length of eight bytes: it looks like the first nine bytes of a
+    // signature.
     EXPECT_EQ(refusedAt("\xff\0\0\0\0\0\0\0\1\0"s), 10U);
 }
 

@@ -25,7 +25,7 @@ std::string framesOf(const std::string& text)
 class NotificationLogTest : public testing::Test
 {
 protected:
-    // Each at a revision of its own.
+    // Each text gets a revision of its own.
     void append(const std::string& text, uint64_t events = 0)
     {
         log.append(text, ++revision, events);
@@ -37,7 +37,7 @@ protected:
         return all.substr(static_cast<std::size_t>(from), static_cast<std::size_t>(until - from));
     }
 
-    // Fills the log to exactly this position, in one message.
+    // Fills the log to exactly this position with one message.
     void fillTo(Position end)
     {
         const auto size = static_cast<std::size_t>(end - log.end());
@@ -61,7 +61,7 @@ protected:
         return std::string(log.beginning(message, most, copied));
     }
 
-    // Where the message behind a position ends; 0 if there is none.
+    // Where the message after a position ends; 0 if there is none.
     Position endBehind(Position position) const
     {
         Number number = 0;
@@ -69,7 +69,7 @@ protected:
         return message == nullptr ? 0 : message->end;
     }
 
-    // With a reader at the end of the message in the middle. Returns where each of them ends.
+    // Keeps a reader at the end of the message in the middle. Returns the end of each message.
     std::vector<Position> appendUntilTrimmed(std::size_t count)
     {
         std::vector<Position> ends;
@@ -84,7 +84,7 @@ protected:
         return ends;
     }
 
-    // The first message whose end is there.
+    // The first message whose end is still held.
     std::size_t firstHeld(const std::vector<Position>& ends) const
     {
         const Position begin = log.endOfOldest() - chunk;
@@ -93,7 +93,7 @@ protected:
 
     NotificationLog log;
     uint64_t revision = 0;
-    std::string all; // bytes of the wire, from the beginning of all
+    std::string all; // bytes of the wire since the beginning
 };
 
 } // namespace

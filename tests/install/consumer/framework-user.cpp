@@ -1,4 +1,4 @@
-// Uses the framework library alone. Exits 0 if everything answered as it should.
+// Uses only the framework library. Exits with 0 if every result is right.
 
 #include <common/EventAgent.h>
 #include <common/EventThread.h>

@@ -1,5 +1,5 @@
-// Uses the helpers as an outsider, with the fake in place of the process's manager. Exits 0 if everything
-// answered as it should.
+// Uses the helpers as an outside program does, with the fake as the process's manager. Exits with 0 if every
+// result is right.
 
 #include <common/EventThread.h>
 #include <statusmanager/Helpers.h>

@@ -1,5 +1,5 @@
-// Uses the status library as an outsider: the process's one (inert) manager, and a local one that really
-// calls a listener. Exits 0 if everything answered as it should.
+// Uses the status library as an outside program does: the process's inert manager, and a local manager that
+// calls a listener. Exits with 0 if every result is right.
 
 #include <future>
 #include <iostream>

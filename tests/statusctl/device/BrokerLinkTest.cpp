@@ -11,7 +11,7 @@ namespace
 class BrokerLinkTest : public testing::Test
 {
 protected:
-    // Until the link has told of it.
+    // Waits until the link has reported this.
     void awaitTold(bool isUp)
     {
         ASSERT_TRUE(eventually([&] { return mTold == (isUp ? 1 : -1); }));
@@ -36,5 +36,5 @@ TEST_F(BrokerLinkTest, tellsThatTheBrokerHasComeAndGone)
     EXPECT_EQ(link.values(), StatusMap());
     broker.kill();
     awaitTold(false);
-    EXPECT_FALSE(link.values()) << "waits for the next broker otherwise";
+    EXPECT_FALSE(link.values()) << "otherwise it waits for the next broker";
 }

@@ -16,7 +16,7 @@ std::string written(Change::Kind kind, const std::string& name, const std::strin
 
 } // namespace
 
-// The lines that scripts read: docs/statusctl.md.
+// Scripts read these lines: see docs/statusctl.md.
 TEST(ChangeTest, isWrittenAsDocumented)
 {
     EXPECT_EQ(written(Change::Kind::Initial, "door", "open"),

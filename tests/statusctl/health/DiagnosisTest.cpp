@@ -30,7 +30,7 @@ Statistics healthy()
             {"limit.keys", 0}};
 }
 
-// The words of the checks that found something, in order.
+// The words of the checks with findings, in order.
 std::string checksOf(const Findings& findings)
 {
     std::string checks;
@@ -78,8 +78,7 @@ TEST(DiagnosisTest, aProgramThatIsNoBrokerIsNamed)
     ports[0] = {Ports::all[0], {{pid_t{7}, "httpd"}}, ""};
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(findings.size(), 1U);
-    EXPECT_EQ(findings[0].problem,
-              "httpd (process 7) on port 5555 (requests) answers, but it is not a broker");
+    EXPECT_EQ(findings[0].problem, "httpd (process 7) on port 5555 (requests) answers, but is not a broker");
     ports[0].socketType.reset();
     EXPECT_EQ(Diagnosis::ofPorts(ports)[0].problem,
               "httpd (process 7) on port 5555 (requests) is not a broker");
@@ -99,7 +98,7 @@ TEST(DiagnosisTest, aBrokerThatIsStoppedIsOneFindingWithTheWayOut)
               "statusbroker (process 100) is stopped, and does not answer on port 5555 (requests), "
               "port 5556 (posts), port 5557 (notifications)");
     EXPECT_EQ(findings[0].remedy,
-              "let it go on: \"kill -CONT 100\"; or restart it: \"systemctl restart statusbroker\"");
+              "resume it: \"kill -CONT 100\"; or restart it: \"systemctl restart statusbroker\"");
 }
 
 TEST(DiagnosisTest, aBrokerThatHangsIsToldFromAnotherProgram)
@@ -119,7 +118,7 @@ TEST(DiagnosisTest, aSilentProgramOfAnotherUserMayBeEither)
     ports[0] = {Ports::all[0], {{std::nullopt, ""}}, std::nullopt};
     const Findings findings = Diagnosis::ofPorts(ports);
     ASSERT_EQ(checksOf(findings), "port ");
-    EXPECT_NE(findings[0].problem.find("a broker that hangs, or another program"), std::string::npos);
+    EXPECT_NE(findings[0].problem.find("a hung broker or another program"), std::string::npos);
     EXPECT_NE(findings[0].remedy.find("as root"), std::string::npos);
 }
 
@@ -178,10 +177,10 @@ TEST(DiagnosisTest, clientsThatWereRefusedSomethingAreNamedWithTheCommandThatExp
     clients[2].refusals = 1;
     const Findings findings = Diagnosis::ofRefused(clients);
     ASSERT_EQ(checksOf(findings), "refused ");
-    EXPECT_EQ(findings[0].problem, "clients were refused something: lampd (process 12) of "
+    EXPECT_EQ(findings[0].problem, "refused clients: lampd (process 12) of "
                                    "1000:lampd.service, 9 times, a program of 1001, 1 times");
-    EXPECT_EQ(findings[0].remedy, "have it explained: \"sudo statusctl may 1000:lampd.service post NAME\"; "
-                                  "the broker's log has the names");
+    EXPECT_EQ(findings[0].remedy, "to explain: \"sudo statusctl may 1000:lampd.service post NAME\"; "
+                                  "the broker's log shows the names");
     clients.resize(1);
     EXPECT_EQ(checksOf(Diagnosis::ofRefused(clients)), "");
 }

@@ -10,7 +10,7 @@ using Metrics::Format;
 namespace
 {
 
-// The lines of samples and types. Without those that each text has.
+// The lines of samples and types, without lines that every text contains.
 std::string write(const BrokerProtocol::Statistics& statistics, Format format = Format::OpenMetrics,
                   const std::optional<StatusMap>& values = std::nullopt)
 {
@@ -54,7 +54,7 @@ const BrokerProtocol::Statistics someNumbers{{"limit.keys", 1},
 
 } // namespace
 
-// Samples of one family must stand together under one declaration, and the text must end with its mark.
+// A family's samples must be adjacent, after its one declaration, and the text must end with its mark.
 TEST(MetricsTest, openMetricsAreWrittenFamilyByFamily)
 {
     EXPECT_EQ(Metrics::write(Format::OpenMetrics, someNumbers),
@@ -85,7 +85,7 @@ TEST(MetricsTest, openMetricsAreWrittenFamilyByFamily)
               "# EOF");
 }
 
-// Its readers know neither the type "info" nor a counter whose sample has another name than its family.
+// Its readers do not know the type "info", nor a counter whose sample is named differently from its family.
 TEST(MetricsTest, prometheusHasTheSameSamplesUnderTheirOwnNames)
 {
     EXPECT_EQ(
@@ -116,7 +116,7 @@ TEST(MetricsTest, prometheusHasTheSameSamplesUnderTheirOwnNames)
         "statusbroker_requests_total{request=\"sync\"} 7");
 }
 
-// The names are the broker's, and the text is read line by line.
+// The broker chooses the names, and monitoring systems read the text line by line.
 TEST(MetricsTest, aNameThatIsNoMetricHasUnderlinesInstead)
 {
     EXPECT_EQ(textOf("a\nb{c=\"d\"} 1\\\u00e9"), "# TYPE statusbroker_a_b_c__d___1___ unknown\n"

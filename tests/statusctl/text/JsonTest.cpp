@@ -66,10 +66,10 @@ TEST(JsonTest, valuesOfAnotherShapeAreRefusedWithTheReason)
     EXPECT_EQ(reasonToRefuse("[]"), "not a JSON object");
     EXPECT_EQ(reasonToRefuse(R"({"values":{}} x)"), "not a JSON object");
     EXPECT_EQ(reasonToRefuse(std::string(100000, '[')), "not a JSON object");
-    EXPECT_EQ(reasonToRefuse("{}"), "no \"values\" in it, as \"statusctl dump --json\" writes them");
-    EXPECT_EQ(reasonToRefuse(R"({"values":[]})"), "\"values\" is no object");
-    EXPECT_EQ(reasonToRefuse(R"({"values":{"a":1}})"), "the value of \"a\" is no text");
-    EXPECT_EQ(reasonToRefuse(R"({"base64":{"a":"!"}})"), "the value of \"a\" is no base64");
+    EXPECT_EQ(reasonToRefuse("{}"), "missing \"values\", as \"statusctl dump --json\" writes them");
+    EXPECT_EQ(reasonToRefuse(R"({"values":[]})"), "\"values\" is not an object");
+    EXPECT_EQ(reasonToRefuse(R"({"values":{"a":1}})"), "the value of \"a\" is not a string");
+    EXPECT_EQ(reasonToRefuse(R"({"base64":{"a":"!"}})"), "the value of \"a\" is not base64");
 }
 
 TEST(JsonTest, aTextThatIsNotUtf8GetsAnotherName)

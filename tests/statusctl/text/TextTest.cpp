@@ -33,7 +33,7 @@ TEST(TextTest, utf8IsToldFromOtherBytes)
     EXPECT_TRUE(Text::isUtf8("Tür \xe2\x82\xac \xf0\x9f\x9a\xaa"));
     EXPECT_FALSE(Text::isUtf8("\xff"));
     EXPECT_FALSE(Text::isUtf8("\xe2\x82"));         // cut short
-    EXPECT_FALSE(Text::isUtf8("\xc0\xaf"));         // longer than need be
+    EXPECT_FALSE(Text::isUtf8("\xc0\xaf"));         // overlong
     EXPECT_FALSE(Text::isUtf8("\xed\xa0\x80"));     // a surrogate
     EXPECT_FALSE(Text::isUtf8("\xf4\x90\x80\x80")); // beyond Unicode
 }
@@ -56,7 +56,7 @@ TEST(TextTest, aNameHasNothingThatWouldEndIt)
     EXPECT_EQ(Text::escapedName("a=b c\nd"), "a\\x3db\\x20c\\nd");
 }
 
-// U+0080 to U+009F steer terminals too.
+// U+0080 to U+009F control terminals, too.
 TEST(TextTest, controlCharactersInUtf8AreEscaped)
 {
     EXPECT_EQ(Text::escaped("\xc2\x9b"
@@ -69,7 +69,7 @@ TEST(TextTest, controlCharactersInUtf8AreEscaped)
               std::string::npos);
 }
 
-// Each would hide a part of the text, show it in another order, or break the line.
+// Each of them would hide part of the text, reorder it, or break the line.
 TEST(TextTest, charactersThatShowNothingAreEscaped)
 {
     for (const char* hidden :
@@ -98,7 +98,7 @@ TEST(TextTest, charactersThatShowSomethingAreNotEscaped)
     }
 }
 
-// Whatever their width, readers take them for the end of the name.
+// Readers take each of them, whatever its width, for the end of the name.
 TEST(TextTest, allBlanksAreEscapedInNamesAlone)
 {
     for (const char* blank :

@@ -17,7 +17,7 @@ std::optional<timespec> fakeTime;
 
 } // namespace
 
-// A definition in the program is found before the C library's.
+// The program's definition takes precedence over the C library's.
 extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* time) noexcept
 {
     if (clock != CLOCK_REALTIME || !fakeTime)

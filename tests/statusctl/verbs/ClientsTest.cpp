@@ -1,4 +1,4 @@
-// clients, against a real broker and against one that is scripted.
+// clients, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 #include <sstream>
@@ -54,7 +54,7 @@ TEST(ClientsTest, whatTheBrokerDoesNotKnowIsLeftOut)
     const std::string table =
         "SERVICE  PROGRAM  USER  PID  CONNS  POSTS  REQUESTS  REFUSED  QUEUED  IN  OUT  SINCE\n"
         "-        -        -       -      2      0         0        0       0   0    0  ";
-    EXPECT_EQ(statusctl({"clients"}).output.substr(0, table.size()), table); // then the time, in local time
+    EXPECT_EQ(statusctl({"clients"}).output.substr(0, table.size()), table); // the local time follows
     EXPECT_EQ(
         statusctl({"-j", "clients"}).output,
         R"({"clients":[{"connections":2,"posts":0,"queued":0,"received":0,"refusals":0,"requests":0,"sent":0,)"
@@ -95,7 +95,7 @@ TEST(ClientsTest, aBrokerThatDoesNotTellIsExitCode5)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     EXPECT_EQ(statusctl({"clients"}),
-              failure(5, "statusctl: clients: this broker does not tell who uses it"));
+              failure(5, "statusctl: clients: this broker does not list its clients"));
 }
 
 TEST(ClientsTest, aBadReplyIsExitCode5)

@@ -21,14 +21,14 @@ protected:
     void start() { mBroker.emplace(Words{"--state", mFolder / "state"}); }
     void kill() { mBroker->kill(); }
 
-    // A broker that knows nothing.
+    // Starts a broker without any values.
     void startAnew() { mBroker.emplace(Words{}); }
 
     TemporaryFolder mFolder;
     std::optional<BrokerProcess> mBroker;
 };
 
-// The lines up to the next "synced". Which of the values that differ comes first is a matter of time.
+// The lines up to the next "synced". The differing values come in any order.
 std::multiset<std::string> upToSynced(TestProcess& watch)
 {
     std::multiset<std::string> lines;
@@ -100,7 +100,7 @@ TEST_F(ComebackTest, keysThatTheNewBrokerDoesNotHaveAreGone)
         startAnew();
         EXPECT_EQ(upToSynced(watch), lines({"gone door ", "gone net.rx ", "gone net.tx "}));
         statusctl({"set", "door", "open"});
-        EXPECT_EQ(nextLine(watch), "changed door open") << "the value that it had before is news now";
+        EXPECT_EQ(nextLine(watch), "changed door open") << "its old value counts as a change now";
         kill();
         start();
     }
@@ -159,7 +159,7 @@ TEST_F(ComebackTest, jsonHasTheSameKinds)
 TEST_F(ComebackTest, theMarksAreToldAmongUpdates)
 {
     TestProcess watch(commandOf({"watch", "--updates", "door"}));
-    ASSERT_TRUE(eventually( // until it is there
+    ASSERT_TRUE(eventually( // until the key exists
         [&]
         {
             statusctl({"set", "door", "1"});
@@ -209,7 +209,7 @@ TEST_F(ComebackTest, waitDoesNotTakeLostValuesForThere)
 {
     statusctl({"set", "a", "1"});
     TestProcess wait(commandOf({"wait", "a=1", "b=1"}));
-    TestProcess watch(commandOf({"watch", "a", "b"})); // shows when they have noticed
+    TestProcess watch(commandOf({"watch", "a", "b"})); // shows that both have noticed
     EXPECT_EQ(upToSynced(watch), lines({"initial a 1"}));
     EXPECT_EQ(wait.waitForExit(std::chrono::milliseconds(200)), std::nullopt);
     kill();

@@ -1,4 +1,4 @@
-// show, get --long and dump --long, against a real broker and against one that is scripted.
+// show, get --long and dump --long, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 #include <set>
@@ -22,7 +22,7 @@ Json::Value detailsOf(const Words& words)
     return JsonText::readObject(outcome.output).value_or(Json::Value())["details"];
 }
 
-// The answer, and which keys were asked for, in the requests' order.
+// The scripted answer, and the keys of each request, in order.
 class DetailsScript
 {
 public:
@@ -183,7 +183,7 @@ TEST(DetailsTest, aBrokerThatDoesNotTellIsExitCode5)
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     for (const Words& words : {Words{"show", "door"}, Words{"get", "--long", "door"}})
         EXPECT_EQ(statusctl(words), failure(5, "statusctl: " + words[0] +
-                                                   ": this broker does not tell when values were posted"));
+                                                   ": this broker does not report when values were posted"));
 }
 
 TEST(DetailsTest, aBadReplyIsExitCode5)

@@ -1,4 +1,4 @@
-// event, against a real broker.
+// event, with a real broker.
 
 #include <chrono>
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ namespace
 class EventsTest : public testing::Test
 {
 protected:
-    // Posts the event until the process has ended, for it may not be listening yet.
+    // Posts the event again until the process has ended: it may not be listening at first.
     static bool postUntilGone(TestProcess& process, const Words& event)
     {
         return eventually(

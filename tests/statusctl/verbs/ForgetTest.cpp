@@ -1,4 +1,4 @@
-// forget, against a real broker and against one that is scripted.
+// forget, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
 
@@ -22,7 +22,7 @@ protected:
 
     static Outcome missing(const std::string& names)
     {
-        return failure(1, "statusctl: forget: not there, or denied by the policy: " + names);
+        return failure(1, "statusctl: forget: not found, or denied by the policy: " + names);
     }
 
     std::string policy() const

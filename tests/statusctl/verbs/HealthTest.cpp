@@ -1,4 +1,4 @@
-// ping, stats and doctor, against a real broker.
+// ping, stats and doctor, with a real broker.
 
 #include <arpa/inet.h>
 #include <array>
@@ -28,7 +28,7 @@ Json::Value objectIn(const Outcome& outcome)
     return JsonText::readObject(outcome.output).value_or(Json::Value(Json::objectValue));
 }
 
-/// Something else on one of the broker's ports.
+/// A foreign program on one of the broker's ports.
 class Squatter
 {
 public:
@@ -51,7 +51,7 @@ public:
             close(descriptor);
     }
 
-    /// Connects until no more are taken in.
+    /// Connects until the kernel accepts no more connections.
     void fill()
     {
         sockaddr_in address{};
@@ -74,7 +74,7 @@ public:
         const int peer = accept(mDescriptor, nullptr, nullptr);
         send(peer, text.data(), text.size(), MSG_NOSIGNAL);
         std::array<char, 64> greeting{};
-        recv(peer, greeting.data(), greeting.size(), MSG_WAITALL); // or closing would take the answer back
+        recv(peer, greeting.data(), greeting.size(), MSG_WAITALL); // closing must not discard the answer
         close(peer);
     }
 
@@ -153,7 +153,7 @@ TEST(DoctorTest, tellsOfAStateFileThatCannotBeUsed)
     BrokerProcess broker({"--state", "/nowhere/state"});
     const Outcome outcome = statusctl({"doctor"});
     EXPECT_EQ(outcome.code, 1) << outcome;
-    EXPECT_NE(outcome.output.find("the state file could not be opened"), std::string::npos) << outcome;
+    EXPECT_NE(outcome.output.find("failures to open or write the state file"), std::string::npos) << outcome;
     EXPECT_TRUE(broker.process().waitForError("State file [/nowhere/state]: "))
         << "where the remedy points to";
 }
@@ -163,7 +163,7 @@ TEST(DoctorTest, namesTheProgramOnAPort)
     const Squatter squatter(5556);
     const Outcome outcome = statusctl({"-t", "200ms", "doctor"});
     EXPECT_EQ(outcome.code, 4);
-    std::string name; // emulated, it is the emulator's
+    std::string name; // emulated, it is the name of the emulator
     std::ifstream comm("/proc/self/comm");
     std::getline(comm, name);
     EXPECT_NE(outcome.output.find(name + " (process " + std::to_string(getpid()) + ") on port 5556 (posts)"),
@@ -175,7 +175,7 @@ TEST(DoctorTest, namesTheProgramOnAPort)
 TEST_F(HealthTest, doctorTellsThatTheBrokerIsStoppedAndWhatToDo)
 {
     if (isEmulated)
-        GTEST_SKIP() << "the kernel knows the emulator's name alone";
+        GTEST_SKIP() << "the kernel knows only the emulator's name";
     mBroker.process().suspend();
     const Outcome outcome = statusctl({"-t", "300ms", "doctor"});
     EXPECT_EQ(outcome.code, 4);
@@ -199,7 +199,7 @@ TEST(DoctorTest, tellsThatAnotherProgramAnswers)
         << outcome;
 }
 
-// As of a broker that is stopped while clients go on trying.
+// Like the port of a stopped broker that clients keep trying.
 TEST(DoctorTest, aPortThatTakesNoConnectionAnyMoreIsATimeOut)
 {
     Squatter requests(5555);

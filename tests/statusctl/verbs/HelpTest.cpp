@@ -16,9 +16,10 @@ TEST(HelpTest, helpPrintsWhatTheOptionDoes)
 
 TEST(HelpTest, helpOfNoCommandIsWrongUsage)
 {
-    EXPECT_EQ(statusctl({"help", "foo"}), failure(2, "statusctl: help: \"foo\" is no command of statusctl"));
+    EXPECT_EQ(statusctl({"help", "foo"}),
+              failure(2, "statusctl: help: unknown command \"foo\" (see statusctl --help)"));
     EXPECT_EQ(statusctl({"help", "timer", "foo"}),
-              failure(2, "statusctl: help: \"foo\" is no command of statusctl timer"));
+              failure(2, "statusctl: help: unknown command \"foo\" (see statusctl timer --help)"));
 }
 
 TEST(CompletionTest, isTheFileThatIsInstalled)

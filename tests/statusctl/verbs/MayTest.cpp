@@ -1,4 +1,4 @@
-// may, against a real broker and against one that is scripted.
+// may, with a real broker and with a scripted broker.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -59,7 +59,7 @@ TEST_F(MayTest, doctorNamesAClientThatWasDeniedSomethingAndTheCommandThatExplain
         [&]
         {
             outcome = statusctl({"doctor"});
-            return outcome.output.find("problem: clients were refused something: ") != std::string::npos;
+            return outcome.output.find("problem: refused clients: ") != std::string::npos;
         }))
         << outcome;
     EXPECT_EQ(outcome.code, 1) << outcome;

@@ -1,4 +1,4 @@
-// timer and counter, against a real broker.
+// timer and counter, with a real broker.
 
 #include <gtest/gtest.h>
 

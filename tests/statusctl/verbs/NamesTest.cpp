@@ -1,4 +1,4 @@
-// Empty names and globs in the place of names, against a real broker.
+// Empty names, and globs in place of names, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ protected:
 
 const std::string sameKeys = "[\"disk\",\"net.rx\",\"net.tx\"]\n";
 
-// Some of them would wait for ever.
+// With a timeout, because some commands would wait for ever.
 Outcome briefly(const Words& words)
 {
     Words command{"-t", "5"};
@@ -35,9 +35,9 @@ Outcome emptyRefused(const Words& words)
 
 Outcome globRefused(const Words& words)
 {
-    return failure(2,
-                   "statusctl: " + words[0] +
-                       ": \"net.*\" is a glob, and this command expands none; use --literal if it is a name");
+    return failure(
+        2, "statusctl: " + words[0] +
+               ": \"net.*\" is a glob, which this command does not expand; use --literal if it is a name");
 }
 
 } // namespace
@@ -117,7 +117,8 @@ TEST_F(NamesTest, anEmptyNameThatIsThereCanBeForgotten)
 TEST_F(NamesTest, getExpandsGlobs)
 {
     EXPECT_EQ(statusctl({"get", "net.*"}), success("net.rx=1\nnet.tx=2\n"));
-    EXPECT_EQ(statusctl({"get", "net.t?"}), success("net.tx=2\n")) << "with its name, however many match";
+    EXPECT_EQ(statusctl({"get", "net.t?"}), success("net.tx=2\n"))
+        << "a glob prints names even if only one key matches";
     EXPECT_EQ(statusctl({"get", "net.tx", "net.*", "disk"}), success("net.tx=2\nnet.rx=1\ndisk=3\n"));
     EXPECT_EQ(statusctl({"-j", "get", "net.*"}), success(R"({"values":{"net.rx":"1","net.tx":"2"}})"
                                                          "\n"));

@@ -1,4 +1,4 @@
-// record and replay, against a real broker.
+// record and replay, with a real broker.
 
 #include <chrono>
 #include <csignal>
@@ -16,7 +16,7 @@ namespace
 class RecordingTest : public testing::Test
 {
 protected:
-    // "changed door open", line by line; without the initial values.
+    // "changed door open" for each line, without the initial values.
     Words recorded() const
     {
         Words lines;
@@ -90,7 +90,7 @@ TEST_F(RecordingTest, anInterruptEndsAReplayInTheBackground)
 {
     TestProcess replay(inBackground({"replay", "-"}));
     replay.write(lineAt("00.000000", "changed", "door", "1"));
-    EXPECT_EQ(statusctl({"wait", "door=1"}), success("1\n")); // it runs, and waits for more
+    EXPECT_EQ(statusctl({"wait", "door=1"}), success("1\n")); // it runs, and waits for more lines
     replay.signal(SIGINT);
     EXPECT_EQ(replay.waitForExit(), 128 + SIGINT);
 }
@@ -137,7 +137,7 @@ TEST_F(RecordingTest, aLineThatIsNoneIsNamed)
               failure(1, "statusctl: replay: -:2: not a line of a recording"));
 }
 
-// As of "watch --json --stale".
+// As "watch --json --stale" prints it.
 TEST_F(RecordingTest, whatWasStaleIsNotPosted)
 {
     const std::string line =

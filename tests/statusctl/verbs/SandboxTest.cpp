@@ -1,4 +1,4 @@
-// sandbox, beside a real broker.
+// sandbox, next to a real broker.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@
 namespace
 {
 
-// Of the network that this process is in, so it needs a namespace here, too.
+// The tests themselves need a namespace for that.
 bool canSandbox()
 {
     TestProcess trial({"/usr/bin/env", "unshare", geteuid() == 0 ? "--net" : "--user", "true"});
@@ -25,7 +25,7 @@ protected:
     void SetUp() override
     {
         if (!canSandbox())
-            GTEST_SKIP() << "this kernel does not let this user make namespaces";
+            GTEST_SKIP() << "this kernel does not let this user create namespaces";
     }
 
     static Words sandboxed(const Words& command)
@@ -35,7 +35,7 @@ protected:
         return words;
     }
 
-    // A shell in it, which finds the tool as $0.
+    // A shell in the sandbox, which finds the tool as $0.
     static Words shell(const std::string& line) { return sandboxed({"sh", "-c", line, STATUSCTL}); }
 
     static bool isThere(pid_t process) { return kill(process, 0) == 0; }
@@ -89,7 +89,7 @@ TEST_F(SandboxTest, signalsReachTheCommand)
     }
 }
 
-// Neither the broker nor what the command has started, however far from it.
+// Neither the broker nor any descendant of the command.
 TEST_F(SandboxTest, nothingIsLeftBehind)
 {
     const TemporaryFolder folder;
@@ -109,7 +109,7 @@ TEST_F(SandboxTest, nothingIsLeftBehind)
     EXPECT_EQ(processes.size(), 2U) << outcome;
 }
 
-// It has become what "exec" of a shell made of it.
+// The shell's "exec" turned the shell's process into the tool.
 TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 {
     Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
@@ -127,7 +127,7 @@ TEST_F(SandboxTest, theBrokerDiesWithTheTool)
     TestProcess tool(commandOf(shell("cat /proc/$PPID/task/$PPID/children; echo; read -r line")));
     std::istringstream children(tool.readLine().value_or(""));
     pid_t broker = 0;
-    ASSERT_TRUE(children >> broker); // the first that it has started
+    ASSERT_TRUE(children >> broker); // its first child
     ASSERT_TRUE(isThere(broker));
     tool.signal(SIGKILL);
     tool.waitForExit();
@@ -137,18 +137,18 @@ TEST_F(SandboxTest, theBrokerDiesWithTheTool)
 TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
 {
     EXPECT_EQ(statusctl({"sandbox", "--broker", "/bin/false", "--", "echo", "run"}),
-              failure(1, "statusctl: sandbox: the broker \"/bin/false\" could not be started"));
+              failure(1, "statusctl: sandbox: cannot start the broker \"/bin/false\""));
     EXPECT_EQ(statusctl({"-t", "300ms", "sandbox", "--broker", "/bin/cat", "--", "echo", "run"}).code, 1);
 }
 
 TEST_F(SandboxTest, aCommandIsNeeded)
 {
     EXPECT_EQ(statusctl({"sandbox"}),
-              failure(2, "statusctl: sandbox: the command is missing: sandbox -- COMMAND"));
+              failure(2, "statusctl: sandbox: missing command (usage: sandbox -- COMMAND)"));
 }
 
-// Only root can become another user. ThreadSanitizer runs a thread of its own, and the kernel gives a process
-// with several no user namespace.
+// Only root can become another user. ThreadSanitizer runs a thread of its own, and a process with several
+// threads may not enter a user namespace.
 TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
 {
 #ifdef __SANITIZE_THREAD__
@@ -158,7 +158,7 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
     Words trial = asNobody;
     trial.insert(trial.end(), {"unshare", "--user", "--net", "test", "-x", STATUSCTL});
     if (geteuid() != 0 || TestProcess(trial).waitForExit() != 0)
-        GTEST_SKIP() << "needs root, and a kernel that lets users make namespaces";
+        GTEST_SKIP() << "needs root, and a kernel that lets users create namespaces";
     Words command = asNobody;
     const Words tool = commandOf(shell("id -u; $0 set door open; $0 get door; exit 5"));
     command.insert(command.end(), tool.begin(), tool.end());
@@ -180,8 +180,8 @@ TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
         GTEST_SKIP() << "this kernel's limits cannot be set";
     EXPECT_EQ(code, 1);
     EXPECT_NE(
-        process.errors().find("statusctl: sandbox: cannot make a network of its own: unshare: No space left "
-                              "on device; run it as root, or let users make namespaces"),
+        process.errors().find("statusctl: sandbox: cannot create a private network: unshare: No space left "
+                              "on device; run it as root, or let users create namespaces"),
         std::string::npos)
         << process.errors();
 }

@@ -1,4 +1,4 @@
-// top, on a terminal of its own, against a real broker.
+// top, on a terminal of its own, with a real broker.
 
 #include <algorithm>
 #include <array>
@@ -23,7 +23,7 @@
 namespace
 {
 
-/// A terminal with the tool on it.
+/// A terminal that runs the tool.
 class Terminal
 {
 public:
@@ -75,7 +75,7 @@ public:
         ioctl(mMaster, TIOCSWINSZ, &size);
     }
 
-    /// Whether the text is written from now on.
+    /// Whether the text appears from now on.
     bool shows(const std::string& text)
     {
         return eventually(
@@ -95,7 +95,7 @@ public:
         eventually(
             [this]
             {
-                read(); // a full terminal would hold it
+                read(); // the tool would wait if the terminal were full
                 int status = 0;
                 if (waitpid(mPid, &status, WNOHANG) == mPid)
                     mCode = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
@@ -105,7 +105,7 @@ public:
         return mCode.value_or(-1);
     }
 
-    /// Whether the terminal is as it was: its modes, the cursor, and the screen behind.
+    /// Whether the terminal is as before: its modes, the cursor, and the screen behind.
     bool isRestored() const
     {
         termios now{};
@@ -169,7 +169,7 @@ TEST_F(ScreenTest, aWideTerminalShowsWhoPosted)
 {
     constexpr unsigned short wide = 120;
     statusctl({"set", "door", "open"});
-    // The service in which the tests run, or their user.
+    // The poster is the service in which the tests run, or their user.
     const std::string line = statusctl({"get", "--long", "door"}).output;
     const std::string poster = line.substr(line.rfind("  ") + 2, 4);
     ASSERT_EQ(poster.size(), 4U) << line;
@@ -256,7 +256,7 @@ TEST_F(ScreenTest, aSmallTerminalIsNoTrouble)
         statusctl({"set", "door", std::to_string(size)});
     }
     terminal.resize(24, 80);
-    statusctl({"set", "door", "AJAR"}); // of what was there before, only the part is drawn that is new
+    statusctl({"set", "door", "AJAR"}); // curses draws only the part that differs
     EXPECT_TRUE(terminal.shows("AJAR")) << terminal.output();
     terminal.type("q");
     EXPECT_EQ(terminal.waitForExit(), 0) << terminal.output();
@@ -296,7 +296,7 @@ TEST(ScreenStartTest, whatWaitsForTheBrokerTellsSoToPeople)
     EXPECT_EQ(quiet.output().find("waiting"), std::string::npos);
 }
 
-// Here on the feed's thread, which looks for keys that it has missed.
+// In this case on the feed's thread, which looks for missed keys.
 TEST(ScreenStartTest, aBrokerThatStopsToAnswerIsToldBehindTheScreen)
 {
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
@@ -329,7 +329,7 @@ TEST_F(ScreenTest, getShowsOnATerminalWhatIsHidden)
     EXPECT_EQ(terminal.waitForExit(), 0);
 }
 
-// Otherwise it would go on in the next row, under another key.
+// Otherwise it would continue on the next row, under another key.
 TEST_F(ScreenTest, aValueOfWideCharactersEndsWithItsColumn)
 {
     std::string value;
@@ -352,8 +352,7 @@ TEST_F(ScreenTest, aNameCannotPassForNameAndValue)
 
 TEST_F(ScreenTest, withoutATerminalItIsRefused)
 {
-    EXPECT_EQ(statusctl({"top"}),
-              failure(1, "statusctl: top: needs a terminal; \"statusctl watch\" does not"));
+    EXPECT_EQ(statusctl({"top"}), failure(1, "statusctl: top: no terminal; use \"statusctl watch\" instead"));
 }
 
 TEST_F(ScreenTest, watchIsColouredOnATerminalUnlessToldNotTo)

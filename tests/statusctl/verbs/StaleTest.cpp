@@ -1,4 +1,4 @@
-// watch --stale, against a real broker and against one that is scripted.
+// watch --stale, with a real broker and with a scripted broker.
 
 #include <atomic>
 #include <gtest/gtest.h>
@@ -25,7 +25,7 @@ TEST_F(StaleTest, aKeyThatIsNotPostedIsToldOfOnceUntilItIsPostedAgain)
     statusctl({"set", "door", "open"});
     TestProcess watch(commandOf({"watch", "--stale", "500ms", "--updates", "door"}));
     EXPECT_EQ(nextLine(watch), "stale door open");
-    statusctl({"set", "lamp", "on"}); // another key is none of its business
+    statusctl({"set", "lamp", "on"}); // a key that it does not watch
     statusctl({"set", "door", "open"});
     EXPECT_EQ(nextLine(watch), "stale door open");
     statusctl({"set", "door", "shut"});
@@ -87,5 +87,5 @@ TEST(StaleWithoutDetailsTest, aBrokerThatDoesNotTellIsExitCode5)
     ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
     const Outcome outcome = statusctl({"watch", "--stale", "1h", "door"});
     EXPECT_EQ(outcome.code, 5);
-    EXPECT_EQ(outcome.errors, "statusctl: watch: this broker does not tell when values were posted\n");
+    EXPECT_EQ(outcome.errors, "statusctl: watch: this broker does not report when values were posted\n");
 }

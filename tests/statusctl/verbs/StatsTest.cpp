@@ -1,4 +1,4 @@
-// stats for monitoring systems, against a real broker.
+// stats for monitoring systems, with a real broker.
 
 #include <fcntl.h>
 #include <filesystem>
@@ -20,7 +20,7 @@ namespace fs = std::filesystem;
 class StatsTest : public testing::Test
 {
 protected:
-    // Sorted.
+    // In alphabetical order.
     Words filesIn(const std::string& name) const
     {
         std::set<std::string> names;
@@ -38,7 +38,7 @@ protected:
         return status.st_mode & 07777U;
     }
 
-    // By a shell with this in front.
+    // Runs the tool in a shell, with this text in front of the command.
     static Outcome inShell(const std::string& before, const Words& words)
     {
         std::string line = before;
@@ -106,7 +106,7 @@ TEST_F(StatsTest, valuesOfTheDeviceAreExportedInBothFormats)
         EXPECT_FALSE(has(text, "door")) << text;
     }
     EXPECT_EQ(statusctl({"stats", "--values", "*"}),
-              failure(2, "statusctl: stats: --values goes with --prometheus or --openmetrics"));
+              failure(2, "statusctl: stats: --values needs --prometheus or --openmetrics"));
 }
 
 TEST_F(StatsTest, aFileIsWrittenInsteadOfStandardOutput)
@@ -119,7 +119,7 @@ TEST_F(StatsTest, aFileIsWrittenInsteadOfStandardOutput)
     EXPECT_TRUE(has(statusctl({"stats", "--output", "-"}).output, "stored.keys"));
 }
 
-// Who has the old one open goes on reading that.
+// A reader with the old file open keeps reading the old text.
 TEST_F(StatsTest, aFileTakesThePlaceOfTheOldOneWhole)
 {
     writeFile(mFolder / "status.prom", "old");
@@ -153,7 +153,7 @@ TEST_F(StatsTest, aLinkStaysOneAndItsFileIsReplaced)
     EXPECT_EQ(filesIn("real"), Words{"file"});
 }
 
-// Root must not lose a device to a file. Tried with a pipe: a test that fails must not take a device away.
+// Root must not lose a device to a file. Tested with a pipe: a failure must not cost a device.
 TEST_F(StatsTest, aNameThatIsNoFileIsWrittenTo)
 {
     ASSERT_EQ(mkfifo((mFolder / "pipe").c_str(), 0600), 0);

@@ -1,4 +1,4 @@
-// dump and load, against a real broker.
+// dump and load, with a real broker.
 
 #include <algorithm>
 #include <gtest/gtest.h>
@@ -57,7 +57,7 @@ TEST_F(TransferTest, loadReadsStandardInput)
     EXPECT_EQ(statusctl({"get", "a"}), success("1\n"));
 }
 
-// Far more than the transport takes unconfirmed.
+// Far more than the transport takes without confirmation.
 TEST_F(TransferTest, loadLosesNothingOfALargeFile)
 {
     std::string text;
@@ -80,7 +80,7 @@ TEST_F(TransferTest, aDryRunReadsAndChecksOnly)
 TEST_F(TransferTest, aFileOfAnotherShapeIsRefusedAndPostsNothing)
 {
     EXPECT_EQ(statusctl({"load", "-"}, R"({"values":{"a":"1","b":2}})"),
-              failure(1, "statusctl: load: the value of \"b\" is no text"));
+              failure(1, "statusctl: load: the value of \"b\" is not a string"));
     EXPECT_EQ(statusctl({"load", mFolder / "none"}),
               failure(1, "statusctl: load: cannot read " + mFolder / "none" + ": No such file or directory"));
     EXPECT_EQ(statusctl({"dump"}), success(""));
@@ -123,7 +123,7 @@ TEST_F(TransferTest, loadPutsTimersAndCountersBack)
     EXPECT_GE(std::stoull(statusctl({"timer", "show", "work"}).output), 7000000U);
 }
 
-// Also of names that only hostile clients choose.
+// Includes names that only hostile clients choose.
 TEST_F(TransferTest, whatDumpHasWrittenOfAllComesBackAsItWas)
 {
     statusctl({"set", "a=b \n", "1"});
@@ -153,7 +153,7 @@ TEST_F(TransferTest, aTimerOrCounterOfAnotherShapeIsRefusedAndPostsNothing)
     };
     EXPECT_EQ(load(R"("counters":{"c":-1})"),
               failure(1, "statusctl: load: \"c\" is not the number of a counter"));
-    EXPECT_EQ(load(R"("counters":[])"), failure(1, "statusctl: load: \"counters\" is no object"));
+    EXPECT_EQ(load(R"("counters":[])"), failure(1, "statusctl: load: \"counters\" is not an object"));
     EXPECT_EQ(load(R"("timers":{"t":5})"), failure(1, "statusctl: load: \"t\" is not a timer"));
     EXPECT_EQ(load(R"("timers":{"t":{"elapsed":"5","lastStarted":0,"running":false}})"),
               failure(1, "statusctl: load: \"elapsed\" of a timer is not a number of microseconds"));
@@ -199,13 +199,12 @@ TEST_F(TransferTest, whatThePolicyKeepsIsAFailureOfReplaceAndOfTimers)
     BrokerProcess policed({"--policy", mFolder / "policy"});
     statusctl({"set", "kept.a", "1", "kept.b", "2", "c", "3"});
     EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{}})"),
-              failure(1,
-                      "statusctl: load: the policy does not let this client remove 2 names, \"kept.a\" for "
-                      "example"));
+              failure(1, "statusctl: load: the policy denied the removal of 2 names, for example "
+                         "\"kept.a\""));
     EXPECT_EQ(statusctl({"dump"}), success("kept.a=1\nkept.b=2\n"));
     const std::string timer = R"({"elapsed":5,"lastStarted":0,"running":false})";
     EXPECT_EQ(
         statusctl({"load", "-"}, R"({"values":{},"timers":{"kept.t":)" + timer + R"(,"u":)" + timer + "}}"),
-        failure(1, "statusctl: load: the broker did not take 1 timers, \"kept.t\" for example"));
+        failure(1, "statusctl: load: the broker refused 1 timers, for example \"kept.t\""));
     EXPECT_EQ(statusctl({"timer", "list"}), success("u=5\n"));
 }

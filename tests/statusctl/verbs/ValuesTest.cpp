@@ -1,4 +1,4 @@
-// get, set and reset, against a real broker.
+// get, set and reset, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -117,8 +117,7 @@ TEST(SetTest, aRefusalTellsWhatWasTakenAndWhatWasNot)
     const BrokerProcess broker({"--policy", folder / "p"});
     EXPECT_EQ(
         statusctl({"set", "a", "9", "f", "6", "b", "1", "fan", "on"}),
-        failure(
-            1, "statusctl: set: the broker refused \"f\", \"fan\" and took \"a\", \"b\"; its log tells why"));
+        failure(1, "statusctl: set: the broker refused \"f\", \"fan\" and took \"a\", \"b\"; see its log"));
     EXPECT_EQ(statusctl({"dump"}), success("a=9\nb=1\n"));
     const Outcome outcome = statusctl({"-j", "set", "a", "8", "f", "6"});
     EXPECT_EQ(outcome.code, 1);
@@ -126,14 +125,14 @@ TEST(SetTest, aRefusalTellsWhatWasTakenAndWhatWasNot)
     EXPECT_NE(outcome.errors.find(R"("refused":["f"],"taken":["a"],"verb":"set")"), std::string::npos)
         << outcome;
     EXPECT_EQ(statusctl({"set", "f", "6"}),
-              failure(1, "statusctl: set: the broker refused \"f\"; its log tells why"));
+              failure(1, "statusctl: set: the broker refused \"f\"; see its log"));
 }
 
 TEST_F(ValuesTest, whatIsNotUtf8IsRefusedBeforeItIsPosted)
 {
     EXPECT_EQ(
         statusctl({"set", "a", "x\xc3("}),
-        failure(1, "statusctl: set: \"x\\xc3(\" is not UTF-8, and nothing else can be posted; encode it"));
+        failure(1, "statusctl: set: \"x\\xc3(\" is not UTF-8; encode it, since only UTF-8 can be posted"));
     for (const Words& words :
          std::vector<Words>{{"set", "k\xff", "1"}, {"reset", "k\xff"}, {"event", "k\xff"}})
         EXPECT_EQ(statusctl(words).code, 1) << words[0];
@@ -147,8 +146,8 @@ TEST_F(ValuesTest, resetEmptiesValues)
     EXPECT_EQ(statusctl({"get", "a", "b"}), success("a=\nb=\n"));
 }
 
-// The library loses the end of a message whose length is a multiple of 512; the tool sends two instead, or
-// says that it cannot.
+// The library loses the end of a message whose length is a multiple of 512. The tool sends two messages
+// instead, or refuses.
 TEST_F(ValuesTest, noLengthLosesAnything)
 {
     for (std::size_t length = 440; length < 480; ++length)
@@ -165,7 +164,7 @@ TEST_F(ValuesTest, noLengthLosesAnything)
     }
 }
 
-// Otherwise a socket would be opened in its place, and be written to.
+// Otherwise a socket would take the descriptor, and receive the output.
 TEST_F(ValuesTest, aClosedStandardOutputIsAFailure)
 {
     statusctl({"set", "a", "1"});
@@ -177,5 +176,5 @@ TEST_F(ValuesTest, aClosedStandardOutputIsAFailure)
 TEST_F(ValuesTest, standardInputIsReadForOneValueOnly)
 {
     EXPECT_EQ(statusctl({"set", "a", "-", "b", "-"}, "x"),
-              failure(2, "statusctl: set: standard input can be the value of one key only"));
+              failure(2, "statusctl: set: only one value can be read from standard input"));
 }

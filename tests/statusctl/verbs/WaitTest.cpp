@@ -1,4 +1,4 @@
-// wait, against a real broker.
+// wait, with a real broker.
 
 #include <gtest/gtest.h>
 
@@ -47,14 +47,14 @@ TEST_F(WaitTest, doesNotReturnWhileTheConditionDoesNotHold)
     };
     EXPECT_EQ(wait("door=shut"), tooLate(R"(door is "open", wanted "shut")"));
     EXPECT_EQ(wait("door!=open"), tooLate(R"(door is "open", wanted not "open")"));
-    EXPECT_EQ(wait("empty"), tooLate(R"(empty is "", wanted a value that is not empty)"));
-    EXPECT_EQ(wait("none"), tooLate("none is not there, wanted a value that is not empty"));
-    EXPECT_EQ(wait("none exists"), tooLate("none is not there, wanted any value"));
-    EXPECT_EQ(wait("none!=x"), tooLate(R"(none is not there, wanted not "x")"));
+    EXPECT_EQ(wait("empty"), tooLate(R"(empty is "", wanted a non-empty value)"));
+    EXPECT_EQ(wait("none"), tooLate("none is missing, wanted a non-empty value"));
+    EXPECT_EQ(wait("none exists"), tooLate("none is missing, wanted any value"));
+    EXPECT_EQ(wait("none!=x"), tooLate(R"(none is missing, wanted not "x")"));
     EXPECT_EQ(wait("door>5"), tooLate(R"(door is "open", wanted > 5)"));
 }
 
-// Between looking and waiting nothing can slip through: the value is set once, at any moment of the start.
+// No gap between looking and waiting: the value is set once, at a random moment of the start.
 TEST_F(WaitTest, aValueSetWhileItStartsIsNotMissed)
 {
     for (int round = 0; round < 30; ++round)
@@ -72,7 +72,7 @@ TEST_F(WaitTest, severalConditionsMustAllHold)
     statusctl({"set", "a", "1", "b", "2"});
     EXPECT_EQ(statusctl({"wait", "a=1", "b!=3"}), success("a=1\nb=2\n"));
     EXPECT_EQ(statusctl({"-t", "200ms", "wait", "a=1", "b=3", "c"}),
-              tooLate(R"(b is "2", wanted "3"; c is not there, wanted a value that is not empty)"));
+              tooLate(R"(b is "2", wanted "3"; c is missing, wanted a non-empty value)"));
 }
 
 TEST_F(WaitTest, withAnyOneIsEnough)
@@ -122,10 +122,10 @@ TEST_F(WaitTest, jsonHoldsTheMatchingValues)
 TEST_F(WaitTest, aBrokenExpressionOrConditionIsWrongUsage)
 {
     EXPECT_EQ(statusctl({"wait", "a", "--match", "("}).code, 2);
-    EXPECT_EQ(statusctl({"wait", "=x"}), failure(2, "statusctl: wait: \"=x\" names no key"));
-    EXPECT_EQ(
-        statusctl({"wait", "a==x"}),
-        failure(2, "statusctl: wait: \"a==x\" is not a condition; there are KEY, \"KEY exists\", KEY=VALUE, "
-                   "and KEY!=VALUE, <, <=, > and >= alike"));
+    EXPECT_EQ(statusctl({"wait", "=x"}), failure(2, "statusctl: wait: missing key in \"=x\""));
+    EXPECT_EQ(statusctl({"wait", "a==x"}),
+              failure(2,
+                      "statusctl: wait: \"a==x\" is not a condition; use KEY, \"KEY exists\", or KEY=VALUE "
+                      "(or one of != < <= > >= instead of =)"));
     EXPECT_EQ(statusctl({"wait"}).code, 2);
 }

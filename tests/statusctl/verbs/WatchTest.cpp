@@ -1,4 +1,4 @@
-// watch, against a real broker.
+// watch, with a real broker.
 
 #include <algorithm>
 #include <csignal>
@@ -17,7 +17,7 @@ protected:
     BrokerProcess mBroker;
 };
 
-// The next lines, up to the mark.
+// The next lines up to "synced".
 Words upToSynced(TestProcess& watch)
 {
     Words lines;
@@ -112,7 +112,7 @@ TEST_F(WatchTest, eventsAreWatchedByNameAndGlob)
 {
     TestProcess watch(commandOf({"watch", "--event", "bell", "--event", "alarm.*"}));
     EXPECT_EQ(upToSynced(watch), (Words{"synced"}));
-    // The second subscription, which the glob needs, may take a moment longer.
+    // The second subscription, which the glob needs, may take a little longer.
     ASSERT_TRUE(eventually(
         [&]
         {
@@ -181,7 +181,7 @@ TEST_F(WatchTest, aCommandThatCannotBeStartedIsAFailure)
 {
     statusctl({"set", "door", "open"});
     EXPECT_EQ(statusctl({"-q", "watch", "door", "--", "/none/such"}),
-              failure(1, "statusctl: watch: cannot run /none/such: No such file or directory"));
+              failure(1, "statusctl: watch: cannot run \"/none/such\": No such file or directory"));
 }
 
 TEST_F(WatchTest, theCommandCanBeInterrupted)
@@ -215,7 +215,7 @@ TEST_F(WatchTest, aFormatThatDoesNotSayWhatItIsLeavesOutTheMarks)
     statusctl({"set", "door", "open"});
     TestProcess watch(commandOf({"watch", "-n", "1", "door", "--format", "%k=%v"}));
     EXPECT_EQ(watch.readLine(), "door=open");
-    TestProcess all(commandOf({"watch", "door"})); // has the mark
+    TestProcess all(commandOf({"watch", "door"})); // prints "synced"
     upToSynced(all);
     ASSERT_TRUE(eventually(
         [&]
@@ -229,10 +229,9 @@ TEST_F(WatchTest, aFormatThatDoesNotSayWhatItIsLeavesOutTheMarks)
 TEST_F(WatchTest, aFieldThatIsUnknownIsRefused)
 {
     for (const char* field : {"%x", "%"})
-        EXPECT_EQ(
-            statusctl({"-t", "5", "watch", "--format", std::string("%k ") + field}),
-            failure(2, std::string("statusctl: watch: --format knows %t, %w, %k, %v and %%, and no \"") +
-                           field + "\""));
+        EXPECT_EQ(statusctl({"-t", "5", "watch", "--format", std::string("%k ") + field}),
+                  failure(2, std::string("statusctl: watch: unknown field \"") + field +
+                                 "\" in --format; use %t, %w, %k, %v or %%"));
 }
 
 TEST_F(WatchTest, rawTextsArePrintedByteForByte)

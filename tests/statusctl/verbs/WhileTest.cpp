@@ -1,4 +1,4 @@
-// set --while, against a real broker whose policy has values that end with their owner.
+// set --while, with a real broker. Its policy resets values when their owner ends.
 
 #include <csignal>
 #include <gtest/gtest.h>
@@ -76,7 +76,7 @@ TEST_F(WhileTest, aSignalThatEndsTheToolEndsTheCommand)
     EXPECT_TRUE(ends());
 }
 
-// They may come when the command has ended, and before the tool has.
+// The signals may arrive when the command has ended, but not yet the tool.
 TEST_F(WhileTest, signalsOneAfterAnotherEndTheTool)
 {
     TestProcess tool(commandOf(
@@ -93,7 +93,7 @@ TEST_F(WhileTest, signalsOneAfterAnotherEndTheTool)
     EXPECT_TRUE(exit == 3 || exit == 128 + SIGTERM);
 }
 
-// It has no part of the connection.
+// The process has not inherited the connection.
 TEST_F(WhileTest, aProcessThatTheCommandLeavesBehindDoesNotKeepTheValue)
 {
     TestProcess tool(commandOf(whileRunning({"sh", "-c", "sh -c 'echo $$; exec sleep 60' & exit 0"})));
