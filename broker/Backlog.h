@@ -1,37 +1,44 @@
 #ifndef BROKER_BACKLOG_H
 #define BROKER_BACKLOG_H
 
+#include <algorithm>
 #include <chrono>
 
 #include "broker/base/Clock.h"
 
-/// Since when more arrives on a connection than the broker reads. The end of a peer shows only behind all
-/// that the peer had sent, so the peer may have ended when the backlog began. No sockets: a plain account.
+/// Since when a connection has had more to read than the broker has read. The end of a peer shows only behind
+/// everything that the peer has sent, so the peer may have ended when its backlog began. No sockets: it gets
+/// what was read as arguments.
 class Backlog
 {
 public:
-    /// Without a full read for this time, the backlog is over.
-    static constexpr std::chrono::milliseconds pause{100};
+    /// A backlog that is read to its end goes on if more arrives within this time: it may have waited in the
+    /// peer's kernel.
+    static constexpr std::chrono::milliseconds allowance{10};
+
+    /// No backlog counts for longer. A peer that posts without a pause has one all the time.
+    static constexpr std::chrono::seconds longest{2};
 
     /// The broker has read.
-    /// @param isFull the buffer was full, so more may be there
-    void read(bool isFull, TimePoint now)
+    /// @param isMore more had arrived than was read
+    void read(bool isMore, TimePoint now)
     {
-        if (!isFull)
-            return;
-        if (!isBehind(now))
+        if (isMore && !isOn(now))
             mBegin = now;
-        mLastFull = now;
+        if (!isMore && mIsMore)
+            mReadOut = now;
+        mIsMore = isMore;
     }
 
     /// The earliest time at which a peer may have ended whose end shows now.
-    TimePoint earliestEnd(TimePoint now) const { return isBehind(now) ? mBegin : now; }
+    TimePoint earliestEnd(TimePoint now) const { return isOn(now) ? std::max(mBegin, now - longest) : now; }
 
 private:
-    bool isBehind(TimePoint now) const { return mLastFull != TimePoint() && now - mLastFull <= pause; }
+    bool isOn(TimePoint now) const { return mIsMore || now - mReadOut <= allowance; }
 
     TimePoint mBegin{};
-    TimePoint mLastFull{};
+    TimePoint mReadOut{};
+    bool mIsMore = false;
 };
 
 #endif
