@@ -10,6 +10,7 @@
 
 #include "common/EventThread.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/OtherLoad.h"
 #include "tests/support/ProxyClient.h"
 #include "tests/support/RecordingListener.h"
 
@@ -167,14 +168,18 @@ class PostThenAsk : public testing::TestWithParam<int>
 TEST_P(PostThenAsk, aQueryAfterABurstGetsTheValuePosted)
 {
     constexpr int rounds = 500;
-    constexpr int percent = rounds / 100;
+    constexpr double idle = 0.1;
     BrokerProcess broker;
     ProxyClient client;
-    EXPECT_LE(staleQueries(*client, GetParam(), rounds), percent);
+    const OtherLoad others(broker.process().pid());
+    const int stale = staleQueries(*client, GetParam(), rounds);
+    const double share = others.share();
+    EXPECT_LE(stale, share < idle ? 0 : rounds / 100) << "others used " << share << " of the machine";
 }
 
 // A query waits at most 100 ms. An emulated broker handles fewer posts in that time. On a busy machine, the
-// kernel sometimes delivers a query before a post that was sent earlier on another connection.
+// kernel sometimes delivers a query before a post that was sent earlier on another connection: so it is exact
+// on an idle one only.
 INSTANTIATE_TEST_SUITE_P(Bursts, PostThenAsk,
                          testing::Values(1, 10, isEmulated ? 30 : 100, isEmulated ? 50 : 500));
 

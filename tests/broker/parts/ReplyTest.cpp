@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <regex>
 
 #include "protocol/ClientDocuments.h"
 #include "tests/protocol/Written.h"
@@ -192,6 +193,24 @@ TEST_F(ReplyTest, ofCountersHoldsEachWithAllThatItCounts)
     state.setCounter("b", 4294967295U);
     state.setCounter("a", 0);
     EXPECT_EQ(produced(Reply::ofCounters()), R"({"counters":{"a":0,"b":4294967295}})");
+}
+
+TEST_F(ReplyTest, countersThatAreForgottenBetweenAnyTwoPiecesLeaveItADocument)
+{
+    const std::regex document(R"(\{"counters":\{("counter\d+":\d+(,"counter\d+":\d+)*)?\}\})");
+    for (std::size_t pieceBytes = 1; pieceBytes < 700; pieceBytes += 13)
+    {
+        for (uint32_t number = 0; number < 100; ++number)
+            state.setCounter("counter" + std::to_string(number), number);
+        Reply reply = Reply::ofCounters();
+        std::string bytes;
+        for (std::size_t round = 0; !reply.produce(state, {}, pieceBytes, bytes); ++round)
+        {
+            const std::string name = "counter" + std::to_string(round * 7 % 100);
+            state.forgetCounters({name});
+        }
+        ASSERT_TRUE(std::regex_match(textOf(bytes), document)) << textOf(bytes);
+    }
 }
 
 TEST_F(ReplyTest, ofCountersLeavesOutWhatIsNotShown)
