@@ -66,7 +66,7 @@ TEST_F(GoneTest, aRemovedFileIsWrittenAnewWithEverything)
     EXPECT_EQ(valuesAfterAKill(), everything.values);
     ASSERT_EQ(log.lines().size(), 2U);
     EXPECT_TRUE(log.has(0, "State file [" + path +
-                               "]: removed or replaced while in use; changes will "
+                               "]: removed or replaced while in use; changes will be "
                                "lost when the broker ends"));
     EXPECT_TRUE(log.has(2, "State file [" + path + "] can be written again"));
     EXPECT_FALSE(std::filesystem::exists(path + ".bad"));
