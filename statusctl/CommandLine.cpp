@@ -75,9 +75,9 @@ void takeMarks(CLI::App& command)
 }
 
 // CLI11 only reports that a subcommand is required.
-std::string reasonOfMissingCommand(const CLI::App& app, const std::string& name)
+std::string reasonOfMissingCommand(const CLI::App& top, const std::string& name)
 {
-    std::vector<std::string> words = app.remaining(true);
+    std::vector<std::string> words = top.remaining(true);
     std::transform(words.begin(), words.end(), words.begin(), withoutMark);
     const std::string hint = " (see statusctl " + (name.empty() ? "" : name + " ") + "--help)";
     if (words.empty())
@@ -90,8 +90,8 @@ std::string reasonOf(const CLI::ParseError& error, const CLI::App& app, const st
 {
     const bool isMissingCommand =
         dynamic_cast<const CLI::RequiredError*>(&error) != nullptr && app.get_require_subcommand_min() > 0;
-    std::string reason = isMissingCommand ? reasonOfMissingCommand(app, name) : error.what();
     const CLI::App& top = app.get_parent() == nullptr ? app : *app.get_parent();
+    std::string reason = isMissingCommand ? reasonOfMissingCommand(top, name) : error.what();
     const std::vector<std::string> extras = top.remaining(true);
     if (dynamic_cast<const CLI::ExtrasError*>(&error) != nullptr && !extras.empty()) // what() has no name
         reason = "unexpected argument \"" + withoutMark(extras.front()) + "\"";

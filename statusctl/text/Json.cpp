@@ -23,7 +23,7 @@ const Json::Value& memberOf(const Json::Value& root, const char* name)
 {
     const Json::Value& member = root[name];
     if (!member.isNull() && !member.isObject())
-        throw Failure(ExitCode::Failed, std::string("\"") + name + "\" is no object");
+        throw Failure(ExitCode::Failed, std::string("\"") + name + "\" is not an object");
     return member;
 }
 

@@ -9,10 +9,7 @@
 class WatchedManager : public TestManager
 {
 public:
-    ~WatchedManager() override
-    {
-        mThread.stop();
-    } // the queue must not run while only the base class is left
+    ~WatchedManager() override { mThread.stop(); } // the queue must not run while only the base class is left
 
     std::size_t listeners()
     {

@@ -15,8 +15,7 @@ bool asUser(uid_t user, Act act)
     std::thread thread(
         [&]
         {
-            isUser =
-                syscall(SYS_setresuid, user, user, user) == 0; // of this thread; setresuid() changes all
+            isUser = syscall(SYS_setresuid, user, user, user) == 0; // of this thread; setresuid() changes all
             if (isUser)
                 act();
         });

@@ -195,7 +195,7 @@ TEST(DoctorTest, tellsThatAnotherProgramAnswers)
     std::thread answering([&] { squatter.answerOnce("HTTP/1.1 400 Bad Request\r\n"); });
     const Outcome outcome = statusctl({"doctor"});
     answering.join();
-    EXPECT_NE(outcome.output.find(" on port 5556 (posts) answers, but it is not a broker"), std::string::npos)
+    EXPECT_NE(outcome.output.find(" on port 5556 (posts) answers, but is not a broker"), std::string::npos)
         << outcome;
 }
 
