@@ -40,6 +40,7 @@ define STATUSMANAGER_INSTALL_INIT_SYSV
 	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
 		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf \
 		$(TARGET_DIR)/usr/share/statusbroker/allow-set-time.conf \
+		$(TARGET_DIR)/usr/share/statusbroker/early-boot.conf \
 		$(TARGET_DIR)/usr/share/statusbroker/persist.conf \
 		$(TARGET_DIR)/usr/libexec/statusbroker/pause-before-restart
 endef
