@@ -53,6 +53,8 @@ public:
     /// The values of the keys that exist.
     StatusMap values(const StatusKeys& keys);
 
+    // ---- Posts. Some of many posts wait until the broker has taken all before: see confirm().
+
     /// Queues a post of the values, in several messages if the transport cannot take them in one.
     /// @throws Failure if the transport cannot take them at all
     void post(const StatusMap& values);
@@ -69,6 +71,7 @@ public:
 private:
     void waitForBroker() const;
     std::chrono::milliseconds timeToConnect() const;
+    void countPost();
     void throwFailure();
     [[noreturn]] void leave() const;
 
@@ -76,6 +79,7 @@ private:
     const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     Journal& mJournal = Journal::get();
     StatusManager* mManager = nullptr;
+    unsigned mUnconfirmed = 0; // messages that were posted since the last confirm()
 };
 
 #endif

@@ -140,10 +140,6 @@ public:
                 continue;
             waitFor(*change);
             post(*device, *change);
-            // Too many unconfirmed posts would be dropped on the way.
-            constexpr uint64_t unconfirmed = 250;
-            if (posted % unconfirmed == 0)
-                device->confirm();
         }
         if (lines.bad())
             throw Failure(ExitCode::Failed, "cannot read " + mFile);
