@@ -38,9 +38,8 @@ bool isTaken(const std::string& message)
 void checkTaken(const std::string& message)
 {
     if (!isTaken(message))
-        throw Failure(ExitCode::Failed, "the transport cannot take a message of exactly " +
-                                            std::to_string(message.size()) +
-                                            " bytes; make it a byte longer or shorter");
+        throw Unsendable("the transport cannot take a message of exactly " + std::to_string(message.size()) +
+                         " bytes; make it a byte longer or shorter");
 }
 
 // JSON carries only UTF-8. The library would replace each other byte by U+FFFD, and so post a different key
@@ -48,8 +47,8 @@ void checkTaken(const std::string& message)
 void checkUtf8(const std::string& text)
 {
     if (!Text::isUtf8(text))
-        throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
-                                            "\" is not UTF-8; encode it, since only UTF-8 can be posted");
+        throw Unsendable("\"" + text.substr(0, 40) +
+                         "\" is not UTF-8; encode it, since only UTF-8 can be posted");
 }
 
 // Sends in as few parts as the transport takes, each at most `most` bytes, by halving.

@@ -10,6 +10,13 @@
 #include "statusctl/device/Journal.h"
 #include "statusmanager/StatusManager.h"
 
+/// A name, a value or a message that cannot be sent, with the reason.
+class Unsendable : public Failure
+{
+public:
+    explicit Unsendable(const std::string& reason) : Failure(ExitCode::Failed, reason) {}
+};
+
 /// The device as the commands see it: the library's manager, with a deadline for each call that waits. Throws
 /// failures that the library only logs.
 class Device
@@ -56,7 +63,7 @@ public:
     // ---- Posts. Some of many posts wait until the broker has taken all before: see confirm().
 
     /// Queues a post of the values, in several messages if the transport cannot take them in one.
-    /// @throws Failure if the transport cannot take them at all
+    /// @throws Unsendable
     void post(const StatusMap& values);
     void postEvent(const std::string& name, const std::string& value);
     void reset(const StatusKeys& keys);

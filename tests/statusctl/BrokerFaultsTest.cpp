@@ -200,20 +200,32 @@ TEST(PostsTest, setIsOnePostOfAllPairs)
     EXPECT_EQ(broker.posts().size(), 1U);
 }
 
+// Frames as the real broker sends them.
+static ScriptedBroker::Frames framesOf(const std::string& message)
+{
+    constexpr std::size_t most = 512;
+    ScriptedBroker::Frames frames;
+    for (std::size_t begin = 0; begin < message.size(); begin += most)
+        frames.push_back(message.substr(begin, most));
+    return frames;
+}
+
 TEST(PostsTest, loadConfirmsEachBatchBeforeTheNext)
 {
-    ScriptedBroker broker;
-    std::atomic<std::size_t> barriers{0};
-    broker.answerWith(
-        [&](const std::string&) -> std::optional<ScriptedBroker::Frames>
-        {
-            ++barriers;
-            return ScriptedBroker::Frames{"SyncAck"};
-        });
     std::string values;
     for (int number = 0; number < 400; ++number) // 40 KiB
         values +=
             (number == 0 ? "\"" : ",\"") + std::to_string(number) + "\":\"" + std::string(100, 'x') + "\"";
+    ScriptedBroker broker;
+    std::atomic<std::size_t> barriers{0};
+    broker.answerWith(
+        [&](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            if (request.find("Sync") == std::string::npos)
+                return framesOf("{" + values + "}");
+            ++barriers;
+            return ScriptedBroker::Frames{"SyncAck"};
+        });
     EXPECT_EQ(statusctl({"load", "-"}, "{\"values\":{" + values + "}}"), success("400\n"));
     EXPECT_GE(barriers, 3U) << "one at the start, and one for each of two batches";
 }
