@@ -181,7 +181,7 @@ std::size_t Restore::remove(Inquiry::Kind kind, const Map& present, const Map& k
     const std::set<std::string> isGone(gone.begin(), gone.end());
     const auto hasGone = [&](const std::string& name) { return isGone.count(Text::valid(name)) != 0; };
     others.erase(std::remove_if(others.begin(), others.end(), hasGone), others.end());
-    note("the policy denied the removal of", "name", others, "");
+    note("not found, or denied by the policy:", "name", others, "");
     return gone.size();
 }
 

@@ -199,7 +199,7 @@ TEST_F(TransferTest, whatThePolicyKeepsIsAFailureOfReplaceAndOfTimers)
     BrokerProcess policed({"--policy", mFolder / "policy"});
     statusctl({"set", "kept.a", "1", "kept.b", "2", "c", "3"});
     EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{}})"),
-              failure(1, "statusctl: load: the policy denied the removal of 2 names, for example "
+              failure(1, "statusctl: load: not found, or denied by the policy: 2 names, for example "
                          "\"kept.a\""));
     EXPECT_EQ(statusctl({"dump"}), success("kept.a=1\nkept.b=2\n"));
     const std::string timer = R"({"elapsed":5,"lastStarted":0,"running":false})";
