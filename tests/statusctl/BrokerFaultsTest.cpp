@@ -141,6 +141,25 @@ TEST(BrokerFaultsTest, aBadReplyIsExitCode5)
     }
 }
 
+TEST(BrokerFaultsTest, aTimerIsLoadedOnlyIfTheAnswerIsItsTime)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    const auto load = [&](const std::string& answer)
+    {
+        broker.answerWith(
+            [answer](const std::string& request) -> std::optional<ScriptedBroker::Frames> {
+                return ScriptedBroker::Frames{request.find("Sync") == std::string::npos ? answer : "SyncAck"};
+            });
+        return statusctl({"load", "-"},
+                         R"({"values":{},"timers":{"t":{"elapsed":5,"lastStarted":0,"running":false}}})");
+    };
+    EXPECT_EQ(load("5"), success("1\n"));
+    EXPECT_EQ(load("{}").code, 1);
+    for (const char* answer : {"", "{\"t\":5}", "-5", "5x", "[]"})
+        EXPECT_EQ(load(answer),
+                  failure(5, std::string("statusctl: load: bad reply from the broker: ") + answer));
+}
+
 // The broker reports this to clients that connect shortly after its start, and to every client after a loss.
 TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBadReply)
 {
