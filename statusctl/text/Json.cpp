@@ -23,7 +23,7 @@ const Json::Value& memberOf(const Json::Value& root, const char* name)
 {
     const Json::Value& member = root[name];
     if (!member.isNull() && !member.isObject())
-        throw Failure(ExitCode::Failed, std::string("\"") + name + "\" is no object");
+        throw Failure(ExitCode::Failed, std::string("\"") + name + "\" is not an object");
     return member;
 }
 
@@ -90,6 +90,8 @@ StatusMap JsonText::readValues(const Json::Value& root)
         values[key] = textOf(plain[key], key);
     for (const std::string& key : encoded.getMemberNames())
     {
+        if (plain.isMember(key))
+            throw Failure(ExitCode::Failed, "\"" + key + "\" is in \"values\" and in \"base64\"");
         if (!Text::readBase64(textOf(encoded[key], key), values[key]))
             throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is not base64");
     }
