@@ -16,6 +16,8 @@
 namespace
 {
 
+namespace fs = std::filesystem;
+
 [[noreturn]] void fail(const std::string& name)
 {
     throw Failure(ExitCode::Failed, "cannot write " + name + ": " + std::strerror(errno));
@@ -25,10 +27,7 @@ namespace
 class Descriptor
 {
 public:
-    Descriptor(const std::string& name, int flags)
-        : mDescriptor(open(name.c_str(), flags | O_WRONLY | O_CLOEXEC, 0666)) // less the umask
-    {
-    }
+    explicit Descriptor(int descriptor) : mDescriptor(descriptor) {}
     ~Descriptor() { close(); }
 
     Descriptor(const Descriptor&) = delete;
@@ -66,7 +65,9 @@ class NewFile
 public:
     // In the target's folder, so that it can replace the target. Its extension differs, because readers look
     // for files by extension.
-    explicit NewFile(const std::string& target) : mName(nameBeside(target)), mFile(mName, O_CREAT | O_EXCL)
+    explicit NewFile(const fs::path& target)
+        : mName(nameBeside(target)),
+          mFile(open(mName.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666)) // less the umask
     {
         if (mFile.get() < 0)
             fail(target);
@@ -89,7 +90,7 @@ public:
 
     bool write(const std::string& text) { return mFile.write(text) && mFile.close(); }
 
-    bool takePlaceOf(const std::string& target)
+    bool takePlaceOf(const fs::path& target)
     {
         if (rename(mName.c_str(), target.c_str()) != 0)
             return false;
@@ -109,11 +110,28 @@ private:
     Descriptor mFile;
 };
 
-void writeTo(const std::string& name, const std::string& text)
+// Follows symbolic links, also to a file that does not exist yet.
+fs::path targetOf(const std::string& name)
 {
-    Descriptor file(name, 0);
+    constexpr int most = 40; // as the kernel
+    fs::path path = name;
+    std::error_code error;
+    for (int links = 0; links <= most; ++links)
+    {
+        const fs::path next = fs::read_symlink(path, error);
+        if (error)
+            return path; // not a link
+        path = path.parent_path() / next;
+    }
+    errno = ELOOP;
+    fail(name);
+}
+
+void writeTo(const fs::path& path, const std::string& text)
+{
+    Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (file.get() < 0 || !file.write(text) || !file.close())
-        fail(name);
+        fail(path);
 }
 
 } // namespace
@@ -121,20 +139,18 @@ void writeTo(const std::string& name, const std::string& text)
 // Does not synchronise the disk: that would wear it out, and the next text comes in a minute.
 void OutputFile::replace(const std::string& name, const std::string& text)
 {
+    const fs::path target = targetOf(name);
     struct stat before
     {
     };
-    const bool isThere = stat(name.c_str(), &before) == 0;
+    const bool isThere = stat(target.c_str(), &before) == 0;
     if (isThere && !S_ISREG(before.st_mode))
-        return writeTo(name, text);
-    std::error_code error;
-    const std::string real = std::filesystem::canonical(name, error).string();
-    const std::string& target = error ? name : real;
+        return writeTo(target, text);
     std::signal(SIGXFSZ, SIG_IGN); // a file size limit then fails like a full disk
     const SignalsBlocked blocked;  // a signal that ended the process would leave the new file behind
     NewFile file(target);
     if (isThere)
         file.takeOver(before);
     if (!file.write(text) || !file.takePlaceOf(target))
-        fail(name);
+        fail(target);
 }

@@ -153,6 +153,25 @@ TEST_F(StatsTest, aLinkStaysOneAndItsFileIsReplaced)
     EXPECT_EQ(filesIn("real"), Words{"file"});
 }
 
+TEST_F(StatsTest, aLinkToNoFileStaysOneAndItsFileIsCreated)
+{
+    fs::create_directory(mFolder / "real");
+    fs::create_symlink("real/file", mFolder / "link");
+    EXPECT_EQ(statusctl(writing(mFolder / "link")), success(""));
+    EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
+    EXPECT_TRUE(has(readFile(mFolder / "real/file"), "statusbroker_"));
+    EXPECT_EQ(filesIn("real"), Words{"file"});
+}
+
+TEST_F(StatsTest, aLinkToItselfIsAFailure)
+{
+    fs::create_symlink("link", mFolder / "link");
+    EXPECT_EQ(statusctl(writing(mFolder / "link")),
+              failure(1, "statusctl: stats: cannot write " + mFolder / "link" +
+                             ": Too many levels of symbolic links"));
+    EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
+}
+
 // Root must not lose a device to a file. Tested with a pipe: a failure must not cost a device.
 TEST_F(StatsTest, aNameThatIsNoFileIsWrittenTo)
 {
