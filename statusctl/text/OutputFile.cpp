@@ -6,7 +6,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <utility>
 
@@ -110,7 +112,17 @@ private:
     Descriptor mFile;
 };
 
-// Follows symbolic links, also to a file that does not exist yet.
+bool isInProc(const fs::path& path)
+{
+    const fs::path folder = path.has_parent_path() ? path.parent_path() : ".";
+    struct statfs status
+    {
+    };
+    return statfs(folder.c_str(), &status) == 0 && status.f_type == PROC_SUPER_MAGIC;
+}
+
+// Follows symbolic links, also to a file that does not exist yet. The links of /proc are not names of files,
+// although they look so: another process has the file open, and must keep it.
 fs::path targetOf(const std::string& name)
 {
     constexpr int most = 40; // as the kernel
@@ -118,6 +130,8 @@ fs::path targetOf(const std::string& name)
     std::error_code error;
     for (int links = 0; links <= most; ++links)
     {
+        if (isInProc(path))
+            return path;
         const fs::path next = fs::read_symlink(path, error);
         if (error)
             return path; // not a link
@@ -127,9 +141,20 @@ fs::path targetOf(const std::string& name)
     fail(name);
 }
 
+// A descriptor of this process, such as /dev/stdout, is used as it is. If it was opened anew, its file would
+// be overwritten from the beginning.
+int openExisting(const fs::path& path)
+{
+    std::error_code error;
+    if (isInProc(path) && fs::exists(path, error) &&
+        fs::canonical(path.parent_path(), error) == fs::canonical("/proc/self/fd", error))
+        return fcntl(std::stoi(path.filename()), F_DUPFD_CLOEXEC, 0);
+    return open(path.c_str(), O_WRONLY | O_CLOEXEC);
+}
+
 void writeTo(const fs::path& path, const std::string& text)
 {
-    Descriptor file(open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    Descriptor file(openExisting(path));
     if (file.get() < 0 || !file.write(text) || !file.close())
         fail(path);
 }
@@ -144,7 +169,7 @@ void OutputFile::replace(const std::string& name, const std::string& text)
     {
     };
     const bool isThere = stat(target.c_str(), &before) == 0;
-    if (isThere && !S_ISREG(before.st_mode))
+    if (isInProc(target) || (isThere && !S_ISREG(before.st_mode)))
         return writeTo(target, text);
     std::signal(SIGXFSZ, SIG_IGN); // a file size limit then fails like a full disk
     const SignalsBlocked blocked;  // a signal that ended the process would leave the new file behind

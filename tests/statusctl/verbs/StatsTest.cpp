@@ -172,6 +172,21 @@ TEST_F(StatsTest, aLinkToItselfIsAFailure)
     EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
 }
 
+// Other programs write to the same file, before and after.
+TEST_F(StatsTest, standardOutputIsWrittenToWhereItIsAFile)
+{
+    fs::create_symlink("/dev/stdout", mFolder / "link");
+    for (const std::string& name : Words{"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", mFolder / "link"})
+    {
+        const std::string all = mFolder / "all";
+        EXPECT_EQ(inShell("exec > '" + all + "'; trap 'echo footer' EXIT; echo header;", writing(name)),
+                  success(""));
+        const std::string text = readFile(all);
+        EXPECT_EQ(text.find("header\n# HELP statusbroker_"), 0U) << name;
+        EXPECT_EQ(text.substr(text.rfind('\n', text.size() - 2)), "\nfooter\n") << name;
+    }
+}
+
 // Root must not lose a device to a file. Tested with a pipe: a failure must not cost a device.
 TEST_F(StatsTest, aNameThatIsNoFileIsWrittenTo)
 {
