@@ -67,9 +67,9 @@ class NewFile
 public:
     // In the target's folder, so that it can replace the target. Its extension differs, because readers look
     // for files by extension.
-    explicit NewFile(const fs::path& target)
-        : mName(nameBeside(target)),
-          mFile(open(mName.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, 0666)) // less the umask
+    NewFile(const fs::path& target, mode_t mode)
+        : mName(target.parent_path() / uniqueName()),
+          mFile(open(mName.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode)) // less the umask
     {
         if (mFile.get() < 0)
             fail(target);
@@ -83,11 +83,13 @@ public:
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    // Only root can change the owner; any other user owns the file already.
+    // Only root can change the owner; any other user owns the file already. If root cannot, the group may be
+    // another group, and gets no rights.
     void takeOver(const struct stat& before) const
     {
-        if (fchown(mFile.get(), before.st_uid, before.st_gid) == 0 || geteuid() != 0)
-            (void)fchmod(mFile.get(), before.st_mode & 0777U); // some file systems have no modes
+        const bool isOwned = fchown(mFile.get(), before.st_uid, before.st_gid) == 0 || geteuid() != 0;
+        (void)fchmod(mFile.get(),
+                     before.st_mode & (isOwned ? 0777U : 0707U)); // some file systems have no modes
     }
 
     bool write(const std::string& text) { return mFile.write(text) && mFile.close(); }
@@ -101,11 +103,12 @@ public:
     }
 
 private:
-    // A name that no other process uses, and none has left behind.
-    static std::string nameBeside(const std::string& target)
+    // A name that no other process uses, and none has left behind. Short, because the target's name may be as
+    // long as the file system allows.
+    static std::string uniqueName()
     {
         const auto now = std::chrono::steady_clock::now().time_since_epoch().count();
-        return target + "." + std::to_string(getpid()) + "." + std::to_string(now) + ".tmp";
+        return ".statusctl." + std::to_string(getpid()) + "." + std::to_string(now) + ".tmp";
     }
 
     std::string mName;
@@ -173,7 +176,7 @@ void OutputFile::replace(const std::string& name, const std::string& text)
         return writeTo(target, text);
     std::signal(SIGXFSZ, SIG_IGN); // a file size limit then fails like a full disk
     const SignalsBlocked blocked;  // a signal that ended the process would leave the new file behind
-    NewFile file(target);
+    NewFile file(target, isThere ? 0600 : 0666);
     if (isThere)
         file.takeOver(before);
     if (!file.write(text) || !file.takePlaceOf(target))

@@ -172,6 +172,13 @@ TEST_F(StatsTest, aLinkToItselfIsAFailure)
     EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
 }
 
+TEST_F(StatsTest, aLongFileNameIsNoFailure)
+{
+    const std::string name(255, 'n');
+    EXPECT_EQ(statusctl(writing(mFolder / name)), success(""));
+    EXPECT_EQ(filesIn("."), Words{name});
+}
+
 // Other programs write to the same file, before and after.
 TEST_F(StatsTest, standardOutputIsWrittenToWhereItIsAFile)
 {
