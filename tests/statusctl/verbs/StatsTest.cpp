@@ -119,6 +119,14 @@ TEST_F(StatsTest, aFileIsWrittenInsteadOfStandardOutput)
     EXPECT_TRUE(has(statusctl({"stats", "--output", "-"}).output, "stored.keys"));
 }
 
+TEST_F(StatsTest, anEmptyFileNameIsWrongUsage)
+{
+    const Outcome outcome = statusctl(writing(""));
+    EXPECT_EQ(outcome.code, 2) << outcome;
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(has(outcome.errors, "a file name must not be empty")) << outcome;
+}
+
 // A reader with the old file open keeps reading the old text.
 TEST_F(StatsTest, aFileTakesThePlaceOfTheOldOneWhole)
 {
