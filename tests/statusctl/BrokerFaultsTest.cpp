@@ -195,6 +195,27 @@ TEST(BrokerFaultsTest, namesOfStatisticsThatAreNotUtf8LeaveJsonValid)
     EXPECT_EQ(statusctl({"-j", "stats"}), success("{\"a\uFFFD\":1}\n"));
 }
 
+// The remedy names a client of the reply.
+TEST(BrokerFaultsTest, textsOfDoctorAreEscaped)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            if (request.find("Sync") != std::string::npos)
+                return ScriptedBroker::Frames{"SyncAck"};
+            if (request.find("getBrokerClients") != std::string::npos)
+                return ScriptedBroker::Frames{"{\"complete\":1,\"clients\":[{\"uid\":7,\"refusals\":1,"
+                                              "\"service\":\"a\\u001b[31m\xff\"}]}"};
+            return ScriptedBroker::Frames{R"({"policy.denied":1})"};
+        });
+    const Outcome plain = statusctl({"doctor"});
+    EXPECT_EQ(plain.output.find('\x1b'), std::string::npos) << plain;
+    EXPECT_NE(plain.output.find("may 7:a\\x1b[31m\\xff ACTION"), std::string::npos) << plain;
+    const Outcome json = statusctl({"-j", "doctor"});
+    EXPECT_NE(json.output.find("may 7:a\\u001b[31m\uFFFD ACTION"), std::string::npos) << json;
+}
+
 // A value may contain any bytes; JSON must stay valid.
 TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
 {
