@@ -3,7 +3,9 @@
 
 #include <csignal>
 
-/// Blocks all signals to this thread while it lives.
+/// Blocks all signals to this thread while it lives. The event threads of the library leave the signals of
+/// faults unblocked, for the crash handlers of its programs. This program has no crash handler, and must not
+/// end at all meanwhile.
 class SignalsBlocked
 {
 public:

@@ -38,9 +38,8 @@ bool isTaken(const std::string& message)
 void checkTaken(const std::string& message)
 {
     if (!isTaken(message))
-        throw Failure(ExitCode::Failed, "the transport cannot take a message of exactly " +
-                                            std::to_string(message.size()) +
-                                            " bytes; make it a byte longer or shorter");
+        throw Unsendable("the transport cannot take a message of exactly " + std::to_string(message.size()) +
+                         " bytes; make it a byte longer or shorter");
 }
 
 // JSON carries only UTF-8. The library would replace each other byte by U+FFFD, and so post a different key
@@ -48,8 +47,8 @@ void checkTaken(const std::string& message)
 void checkUtf8(const std::string& text)
 {
     if (!Text::isUtf8(text))
-        throw Failure(ExitCode::Failed, "\"" + text.substr(0, 40) +
-                                            "\" is not UTF-8; encode it, since only UTF-8 can be posted");
+        throw Unsendable("\"" + text.substr(0, 40) +
+                         "\" is not UTF-8; encode it, since only UTF-8 can be posted");
 }
 
 // Sends in as few parts as the transport takes, each at most `most` bytes, by halving.
@@ -159,7 +158,12 @@ void Device::post(const StatusMap& values)
     }
     const auto write = [](const StatusMap& part)
     { return BrokerProtocol::writeMap(BrokerProtocol::Key::postStatus, part); };
-    sendInParts(values, longestMessage, write, [this](const StatusMap& part) { mManager->postStatus(part); });
+    sendInParts(values, longestMessage, write,
+                [this](const StatusMap& part)
+                {
+                    mManager->postStatus(part);
+                    countPost();
+                });
 }
 
 void Device::postEvent(const std::string& name, const std::string& value)
@@ -168,6 +172,7 @@ void Device::postEvent(const std::string& name, const std::string& value)
     checkUtf8(value);
     checkTaken(BrokerProtocol::writePostEvent(name, value));
     mManager->postEvent(name, value, 0);
+    countPost();
 }
 
 void Device::reset(const StatusKeys& keys)
@@ -175,7 +180,12 @@ void Device::reset(const StatusKeys& keys)
     std::for_each(keys.begin(), keys.end(), checkUtf8);
     const auto write = [](const StatusKeys& part)
     { return BrokerProtocol::writeList(BrokerProtocol::Key::resetStatus, part); };
-    sendInParts(keys, longestMessage, write, [this](const StatusKeys& part) { mManager->resetStatus(part); });
+    sendInParts(keys, longestMessage, write,
+                [this](const StatusKeys& part)
+                {
+                    mManager->resetStatus(part);
+                    countPost();
+                });
 }
 
 void Device::setCounter(const std::string& name, uint32_t value)
@@ -183,10 +193,20 @@ void Device::setCounter(const std::string& name, uint32_t value)
     checkUtf8(name);
     checkTaken(BrokerProtocol::writeSetCounterValue(name, value));
     mManager->setCounterValue(name, value);
+    countPost();
+}
+
+// Too many unconfirmed posts would be dropped on the way.
+void Device::countPost()
+{
+    constexpr unsigned most = 250;
+    if (++mUnconfirmed == most)
+        confirm();
 }
 
 void Device::confirm()
 {
+    mUnconfirmed = 0;
     constexpr int noLimit = -1; // a sync that times out closes the request channel for good
     if (!ask([](StatusManager& manager) { return manager.sync(noLimit); }))
         throw Failure(ExitCode::Failed, "the broker did not confirm the posts");

@@ -10,6 +10,13 @@
 #include "statusctl/device/Journal.h"
 #include "statusmanager/StatusManager.h"
 
+/// A name, a value or a message that cannot be sent, with the reason.
+class Unsendable : public Failure
+{
+public:
+    explicit Unsendable(const std::string& reason) : Failure(ExitCode::Failed, reason) {}
+};
+
 /// The device as the commands see it: the library's manager, with a deadline for each call that waits. Throws
 /// failures that the library only logs.
 class Device
@@ -53,8 +60,10 @@ public:
     /// The values of the keys that exist.
     StatusMap values(const StatusKeys& keys);
 
+    // ---- Posts. Some of many posts wait until the broker has taken all before: see confirm().
+
     /// Queues a post of the values, in several messages if the transport cannot take them in one.
-    /// @throws Failure if the transport cannot take them at all
+    /// @throws Unsendable
     void post(const StatusMap& values);
     void postEvent(const std::string& name, const std::string& value);
     void reset(const StatusKeys& keys);
@@ -69,6 +78,7 @@ public:
 private:
     void waitForBroker() const;
     std::chrono::milliseconds timeToConnect() const;
+    void countPost();
     void throwFailure();
     [[noreturn]] void leave() const;
 
@@ -76,6 +86,7 @@ private:
     const std::chrono::steady_clock::time_point mBegin = std::chrono::steady_clock::now();
     Journal& mJournal = Journal::get();
     StatusManager* mManager = nullptr;
+    unsigned mUnconfirmed = 0; // messages that were posted since the last confirm()
 };
 
 #endif

@@ -7,6 +7,7 @@
 
 #include "protocol/Words.h"
 #include "statusctl/health/Inquiry.h"
+#include "statusctl/text/Text.h"
 
 using BrokerProtocol::Client;
 using BrokerProtocol::Statistics;
@@ -196,8 +197,7 @@ std::string describe(const Client& client)
 {
     const std::string program = client.program.empty() ? "a program" : client.program;
     const std::string process = client.pid == 0 ? "" : " (process " + std::to_string(client.pid) + ")";
-    return program + process + " of " + nameForMay(client) + ", " + std::to_string(client.refusals) +
-           " times";
+    return program + process + " of " + nameForMay(client) + ", " + Text::counted(client.refusals, "time");
 }
 
 std::string inMilliseconds(std::chrono::microseconds duration)
@@ -263,8 +263,11 @@ Findings Diagnosis::ofRefused(const std::vector<Client>& clients)
         return {};
     if (count > most)
         names += ", and " + std::to_string(count - most) + " more";
-    return {{"refused", "refused clients: " + names,
-             "to explain: \"sudo statusctl may " + first + " post NAME\"; the broker's log shows the names"}};
+    return {
+        {"refused",
+         "clients that were refused something, because it was beyond a limit, malformed or denied: " + names,
+         "the broker's log shows the reasons; \"sudo statusctl may " + first +
+             " ACTION NAME\" explains a denial"}};
 }
 
 Findings Diagnosis::ofRoundTrips(const RoundTrips& trips)

@@ -38,8 +38,8 @@ Findings ofPorts(const std::vector<Answer>& answers);
 /// The findings from the broker's numbers.
 Findings ofStatistics(const BrokerProtocol::Statistics& numbers, const std::string& ownVersion);
 
-/// Names the clients that were refused something, and the command that explains the policy's decision about
-/// the first of them. Empty if no connected client was refused anything.
+/// Names the clients that were refused something, for any reason, and the command that explains a decision of
+/// the policy about the first of them. Empty if no connected client was refused anything.
 Findings ofRefused(const std::vector<BrokerProtocol::Client>& clients);
 
 Findings ofRoundTrips(const RoundTrips& trips);

@@ -70,6 +70,16 @@ BrokerProtocol::Texts textsOf(const std::string& name, const BrokerProtocol::Tim
             timer.isRunning ? BrokerProtocol::timerRuns : BrokerProtocol::timerStands};
 }
 
+// Reads the answer to a request to set a timer: the timer's time, or an empty object after a refusal.
+bool isSet(const std::string& reply)
+{
+    if (!reply.empty() && reply.find_first_not_of("0123456789") == std::string::npos)
+        return true;
+    if (!Answer::objectIn(reply).empty())
+        Answer::failToRead(reply);
+    return false;
+}
+
 } // namespace
 
 BrokerProtocol::Statistics Inquiry::statistics(const Settings& settings)
@@ -196,7 +206,7 @@ std::vector<std::string> Inquiry::setTimers(const Settings& settings, const Time
     {
         const std::string request =
             BrokerProtocol::writeList(BrokerProtocol::Key::setTimer, textsOf(name, timer));
-        if (requester.ask(request) == "{}")
+        if (!isSet(requester.ask(request)))
             refused.push_back(name);
     }
     return refused;

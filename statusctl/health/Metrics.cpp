@@ -96,12 +96,12 @@ std::string inSeconds(uint64_t microseconds)
     return std::to_string(microseconds / second) + '.' + fraction.substr(1);
 }
 
-// A number that both formats accept. "nan", "inf" and "0x1f" are no numbers here, though some readers accept
-// them.
+// A number that both formats accept, also as printf("%g") writes it: 1e+06. "nan", "inf" and "0x1f" are no
+// numbers here, though some readers accept them.
 bool isNumber(const std::string& text)
 {
     constexpr std::size_t most = 40;
-    if (text.size() > most || text.find_first_not_of("0123456789-.eE") != std::string::npos)
+    if (text.size() > most || text.find_first_not_of("0123456789+-.eE") != std::string::npos)
         return false;
     double number = 0;
     const char* const end = text.data() + text.size();

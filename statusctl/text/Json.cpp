@@ -90,6 +90,8 @@ StatusMap JsonText::readValues(const Json::Value& root)
         values[key] = textOf(plain[key], key);
     for (const std::string& key : encoded.getMemberNames())
     {
+        if (plain.isMember(key))
+            throw Failure(ExitCode::Failed, "\"" + key + "\" is in \"values\" and in \"base64\"");
         if (!Text::readBase64(textOf(encoded[key], key), values[key]))
             throw Failure(ExitCode::Failed, "the value of \"" + key + "\" is not base64");
     }

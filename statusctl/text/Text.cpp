@@ -236,6 +236,11 @@ std::string Text::cutOff(const std::string& text)
     return text;
 }
 
+std::string Text::counted(std::size_t number, const std::string& what)
+{
+    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
+}
+
 std::string Text::base64(const std::string& bytes)
 {
     std::string text;

@@ -1,6 +1,7 @@
 #ifndef STATUSCTL_TEXT_TEXT_H
 #define STATUSCTL_TEXT_TEXT_H
 
+#include <cstddef>
 #include <string>
 
 /// Makes texts from outside fit to be shown. They may contain anything.
@@ -29,6 +30,9 @@ std::string escapedInJson(const std::string& json);
 
 /// The first 40 characters, and "..." if there are more, to fit in a table or a message.
 std::string cutOff(const std::string& text);
+
+/// "1 key", "2 keys"
+std::string counted(std::size_t number, const std::string& what);
 
 std::string base64(const std::string& bytes);
 

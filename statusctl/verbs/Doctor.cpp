@@ -95,7 +95,7 @@ private:
         for (const Diagnosis::Finding& finding : findings)
         {
             output.line(output.colored("problem: ", Output::Color::Red) + Text::escaped(finding.problem));
-            output.line("     do: " + finding.remedy);
+            output.line("     do: " + Text::escaped(finding.remedy));
         }
         if (findings.empty() && !settings.quiet)
             output.line("all is well");
@@ -109,7 +109,7 @@ private:
             Json::Value object(Json::objectValue);
             object["check"] = finding.check;
             object["problem"] = Text::valid(finding.problem);
-            object["remedy"] = finding.remedy;
+            object["remedy"] = Text::valid(finding.remedy);
             list.append(object);
         }
         Json::Value root(Json::objectValue);

@@ -65,3 +65,11 @@ Names::Resolved Names::resolve(const Settings& settings, const List& names, bool
     }
     return resolved;
 }
+
+StatusKeys Names::keysOf(const StatusMap& values)
+{
+    StatusKeys keys;
+    for (const auto& [key, value] : values)
+        keys.push_back(key);
+    return keys;
+}

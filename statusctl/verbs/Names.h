@@ -38,6 +38,8 @@ struct Resolved
 /// Replaces globs by the keys that they match. Asks the broker only if there are globs.
 Resolved resolve(const Settings& settings, const List& names, bool isLiteral);
 
+StatusKeys keysOf(const StatusMap& values);
+
 /// "door", "lamp": for messages.
 template <typename Texts>
 std::string inQuotes(const Texts& names)

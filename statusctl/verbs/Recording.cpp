@@ -124,29 +124,7 @@ public:
         std::optional<Device> device;
         if (!mDryRun)
             device.emplace(settings);
-        uint64_t posted = 0;
-        uint64_t number = 0;
-        for (std::string line; std::getline(lines, line);)
-        {
-            ++number;
-            const std::optional<Change> change = readChange(line);
-            if (!change)
-                throw Failure(ExitCode::Failed,
-                              mFile + ":" + std::to_string(number) + ": not a line of a recording");
-            if (isMark(change->kind) || change->kind == Change::Kind::Stale)
-                continue;
-            ++posted;
-            if (!device)
-                continue;
-            waitFor(*change);
-            post(*device, *change);
-            // Too many unconfirmed posts would be dropped on the way.
-            constexpr uint64_t unconfirmed = 250;
-            if (posted % unconfirmed == 0)
-                device->confirm();
-        }
-        if (lines.bad())
-            throw Failure(ExitCode::Failed, "cannot read " + mFile);
+        const uint64_t posted = replay(lines, device ? &*device : nullptr);
         if (device)
             device->confirm();
         if (!settings.quiet)
@@ -162,6 +140,31 @@ private:
         return isNumber && (speed == 0 || (speed >= 1e-3 && speed <= 1e6))
                    ? ""
                    : "must be 0, or from 0.001 to 1000000";
+    }
+
+    // Only reads the lines if there is no device. Returns the number of posts.
+    uint64_t replay(std::istream& lines, Device* device)
+    {
+        uint64_t posted = 0;
+        uint64_t number = 0;
+        for (std::string line; std::getline(lines, line);)
+        {
+            ++number;
+            const std::optional<Change> change = readChange(line);
+            if (!change)
+                throw Failure(ExitCode::Failed,
+                              mFile + ":" + std::to_string(number) + ": not a line of a recording");
+            if (isMark(change->kind) || change->kind == Change::Kind::Stale)
+                continue;
+            ++posted;
+            if (device == nullptr)
+                continue;
+            waitFor(*change);
+            post(*device, *change);
+        }
+        if (lines.bad())
+            throw Failure(ExitCode::Failed, "cannot read " + mFile);
+        return posted;
     }
 
     // Initial values are posted at once. The first change sets the start of the clock.

@@ -40,7 +40,8 @@ public:
         command
             .add_option("--output", mFile,
                         "Write to this file; it is renamed when complete, so no reader sees a part")
-            ->type_name("FILE");
+            ->type_name("FILE")
+            ->check(CLI::Validator(checkFile, ""));
     }
 
     ExitCode run(const Settings& settings) override
@@ -65,6 +66,12 @@ public:
     }
 
 private:
+    // An empty name is a mistake, such as an unset variable.
+    static std::string checkFile(const std::string& name)
+    {
+        return name.empty() ? "a file name must not be empty" : "";
+    }
+
     std::optional<StatusMap> values(const Settings& settings) const
     {
         if (mValues.empty())

@@ -1,10 +1,5 @@
 // dump and load: save and restore the state of the device.
 
-#include <algorithm>
-#include <cstdio>
-#include <set>
-#include <unistd.h>
-
 #include "statusctl/device/Device.h"
 #include "statusctl/health/Backup.h"
 #include "statusctl/text/Input.h"
@@ -14,6 +9,7 @@
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Names.h"
+#include "statusctl/verbs/Restore.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -54,7 +50,7 @@ public:
                      {values, pattern.matching(Inquiry::timers(settings)),
                       pattern.matching(Inquiry::counters(settings))});
         else if (mIsLong)
-            DetailsText::printLong(output, settings, Details::of(settings, keysOf(values)));
+            DetailsText::printLong(output, settings, Details::of(settings, Names::keysOf(values)));
         else if (mKeysOnly)
             printKeys(output, settings, values);
         else
@@ -63,14 +59,6 @@ public:
     }
 
 private:
-    static StatusKeys keysOf(const StatusMap& values)
-    {
-        StatusKeys keys;
-        for (const auto& [key, value] : values)
-            keys.push_back(key);
-        return keys;
-    }
-
     static void printKeys(Output& output, const Settings& settings, const StatusMap& values)
     {
         Json::Value list(Json::arrayValue);
@@ -105,38 +93,6 @@ private:
 
 // ---------------------------------------------------------------------------------------------------- load
 
-/// A progress bar on standard error, if that is a terminal.
-class ProgressBar
-{
-public:
-    explicit ProgressBar(const Settings& settings, std::size_t total)
-        : mTotal(total), mIsShown(!settings.quiet && !settings.isJson() && isatty(STDERR_FILENO) != 0)
-    {
-    }
-    ~ProgressBar()
-    {
-        if (mIsShown)
-            std::fprintf(stderr, "\r\x1b[K");
-    }
-
-    ProgressBar(const ProgressBar&) = delete;
-    ProgressBar& operator=(const ProgressBar&) = delete;
-
-    void show(std::size_t done) const
-    {
-        if (!mIsShown)
-            return;
-        constexpr std::size_t width = 40;
-        const std::size_t full = mTotal == 0 ? width : done * width / mTotal;
-        const std::string bar = std::string(full, '#') + std::string(width - full, '.');
-        std::fprintf(stderr, "\r[%s] %zu of %zu", bar.c_str(), done, mTotal);
-    }
-
-private:
-    const std::size_t mTotal;
-    const bool mIsShown;
-};
-
 class Load : public IVerb
 {
 public:
@@ -151,7 +107,8 @@ public:
                             "Also restores timers and counters if \"dump --all\" has written them. A timer\n"
                             "that was running continues from its saved time. --replace forgets keys that\n"
                             "are not in the file. It forgets timers or counters only if the file has a\n"
-                            "list of them, even an empty one.");
+                            "list of them, even an empty one. If the broker refuses something, load\n"
+                            "exits with 1, and --replace forgets nothing.");
         command.add_option("FILE", mFile, "The file, or - for standard input")->required();
         command.add_flag("--dry-run", mDryRun, "Only read and check the file");
         command.add_flag("--replace", mReplace, "Remove the names that are not in the file");
@@ -163,14 +120,11 @@ public:
         std::size_t removed = 0;
         if (!mDryRun)
         {
-            Device device(settings);
-            post(settings, device, backup.values);
-            if (backup.counters)
-                setCounters(device, *backup.counters);
-            if (backup.timers)
-                setTimers(settings, *backup.timers);
+            Restore restore(settings, backup);
             if (mReplace)
-                removed = removeOthers(settings, device, backup);
+                removed = restore.replace();
+            else
+                restore.post();
         }
         if (!settings.quiet)
             print(settings, backup.names(), removed);
@@ -189,86 +143,6 @@ private:
         object["loaded"] = static_cast<Json::UInt64>(loaded);
         object["removed"] = static_cast<Json::UInt64>(removed);
         output.json(object);
-    }
-
-    // Too many unconfirmed posts would be dropped on the way.
-    static void setCounters(Device& device, const Inquiry::Counters& counters)
-    {
-        constexpr std::size_t unconfirmed = 250;
-        std::size_t posted = 0;
-        for (const auto& [name, number] : counters)
-        {
-            device.setCounter(name, number);
-            if (++posted % unconfirmed == 0)
-                device.confirm();
-        }
-        device.confirm();
-    }
-
-    static void setTimers(const Settings& settings, const Inquiry::Timers& timers)
-    {
-        check("the broker refused", "timers", Inquiry::setTimers(settings, timers));
-    }
-
-    // Removes only names that this client may see.
-    static std::size_t removeOthers(const Settings& settings, Device& device, const Backup& backup)
-    {
-        const StatusMap values = device.ask([](StatusManager& manager) { return manager.getClientInfo(); });
-        std::size_t removed = remove(settings, Inquiry::Kind::Values, values, backup.values);
-        if (backup.timers)
-            removed += remove(settings, Inquiry::Kind::Timers, Inquiry::timers(settings), *backup.timers);
-        if (backup.counters)
-            removed +=
-                remove(settings, Inquiry::Kind::Counters, Inquiry::counters(settings), *backup.counters);
-        return removed;
-    }
-
-    template <typename Map>
-    static std::size_t remove(const Settings& settings, Inquiry::Kind kind, const Map& there, const Map& kept)
-    {
-        std::vector<std::string> others;
-        for (const auto& [name, value] : there)
-        {
-            if (kept.find(name) == kept.end())
-                others.push_back(name);
-        }
-        const std::vector<std::string> gone = Inquiry::forget(settings, kind, others);
-        const std::set<std::string> isGone(gone.begin(), gone.end());
-        const auto hasGone = [&](const std::string& name) { return isGone.count(Text::valid(name)) != 0; };
-        others.erase(std::remove_if(others.begin(), others.end(), hasGone), others.end());
-        check("the policy denied the removal of", "names", others);
-        return gone.size();
-    }
-
-    static void check(const std::string& problem, const std::string& what,
-                      const std::vector<std::string>& refused)
-    {
-        if (!refused.empty())
-            throw Failure(ExitCode::Failed, problem + " " + std::to_string(refused.size()) + " " + what +
-                                                ", for example \"" + refused.front() + "\"");
-    }
-
-    // Confirms each batch before the next one, so that none is dropped on the way.
-    static void post(const Settings& settings, Device& device, const StatusMap& values)
-    {
-        constexpr std::size_t batchBytes = std::size_t{32} * 1024;
-        const ProgressBar progress(settings, values.size());
-        StatusMap batch;
-        std::size_t bytes = 0;
-        std::size_t done = 0;
-        for (const auto& [key, value] : values)
-        {
-            batch.emplace_hint(batch.end(), key, value);
-            bytes += key.size() + value.size();
-            ++done;
-            if (bytes < batchBytes && done != values.size())
-                continue;
-            device.post(batch);
-            device.confirm();
-            progress.show(done);
-            batch.clear();
-            bytes = 0;
-        }
     }
 
     std::string mFile;

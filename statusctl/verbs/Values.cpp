@@ -16,6 +16,7 @@
 #include "statusctl/text/Text.h"
 #include "statusctl/verbs/DetailsText.h"
 #include "statusctl/verbs/Names.h"
+#include "statusctl/verbs/Taken.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -189,7 +190,7 @@ private:
 
     static void post(Device& device, const StatusMap& values)
     {
-        const StatusKeys keys = keysOf(values);
+        const StatusKeys keys = Names::keysOf(values);
         const StatusMap before = device.values(keys);
         device.post(values);
         device.confirm();
@@ -220,30 +221,14 @@ private:
         return values;
     }
 
-    static StatusKeys keysOf(const StatusMap& values)
-    {
-        StatusKeys keys;
-        for (const auto& [key, value] : values)
-            keys.push_back(key);
-        return keys;
-    }
-
-    // The broker does not answer posts. If a value is unchanged although another one was wanted, the post was
-    // refused.
     static void checkTaken(const StatusMap& wanted, const StatusMap& before, const StatusMap& after)
     {
-        const auto valueIn = [](const StatusMap& values, const std::string& key)
-        {
-            const auto found = values.find(key);
-            return found == values.end() ? std::nullopt : std::optional(found->second);
-        };
-        Names::List refused;
+        const Names::List refused = Taken::refused(wanted, before, after);
         Names::List taken;
         for (const auto& [key, value] : wanted)
         {
-            const auto now = valueIn(after, key);
-            const bool isRefused = now != Text::valid(value) && now == valueIn(before, key);
-            (isRefused ? refused : taken).push_back(key);
+            if (std::find(refused.begin(), refused.end(), key) == refused.end())
+                taken.push_back(key);
         }
         if (!refused.empty())
             throw Failure(ExitCode::Failed,

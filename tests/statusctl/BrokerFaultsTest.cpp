@@ -141,6 +141,25 @@ TEST(BrokerFaultsTest, aBadReplyIsExitCode5)
     }
 }
 
+TEST(BrokerFaultsTest, aTimerIsLoadedOnlyIfTheAnswerIsItsTime)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    const auto load = [&](const std::string& answer)
+    {
+        broker.answerWith(
+            [answer](const std::string& request) -> std::optional<ScriptedBroker::Frames> {
+                return ScriptedBroker::Frames{request.find("Sync") == std::string::npos ? answer : "SyncAck"};
+            });
+        return statusctl({"load", "-"},
+                         R"({"values":{},"timers":{"t":{"elapsed":5,"lastStarted":0,"running":false}}})");
+    };
+    EXPECT_EQ(load("5"), success("1\n"));
+    EXPECT_EQ(load("{}").code, 1);
+    for (const char* answer : {"", "{\"t\":5}", "-5", "5x", "[]"})
+        EXPECT_EQ(load(answer),
+                  failure(5, std::string("statusctl: load: bad reply from the broker: ") + answer));
+}
+
 // The broker reports this to clients that connect shortly after its start, and to every client after a loss.
 TEST(BrokerFaultsTest, aBrokerThatMayHaveLostEarlierPostsIsUsedAndItsWordIsNoBadReply)
 {
@@ -176,6 +195,27 @@ TEST(BrokerFaultsTest, namesOfStatisticsThatAreNotUtf8LeaveJsonValid)
     EXPECT_EQ(statusctl({"-j", "stats"}), success("{\"a\uFFFD\":1}\n"));
 }
 
+// The remedy names a client of the reply.
+TEST(BrokerFaultsTest, textsOfDoctorAreEscaped)
+{
+    ScriptedBroker broker(ScriptedBroker::FirstAnswer::AtOnce);
+    broker.answerWith(
+        [](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            if (request.find("Sync") != std::string::npos)
+                return ScriptedBroker::Frames{"SyncAck"};
+            if (request.find("getBrokerClients") != std::string::npos)
+                return ScriptedBroker::Frames{"{\"complete\":1,\"clients\":[{\"uid\":7,\"refusals\":1,"
+                                              "\"service\":\"a\\u001b[31m\xff\"}]}"};
+            return ScriptedBroker::Frames{R"({"policy.denied":1})"};
+        });
+    const Outcome plain = statusctl({"doctor"});
+    EXPECT_EQ(plain.output.find('\x1b'), std::string::npos) << plain;
+    EXPECT_NE(plain.output.find("may 7:a\\x1b[31m\\xff ACTION"), std::string::npos) << plain;
+    const Outcome json = statusctl({"-j", "doctor"});
+    EXPECT_NE(json.output.find("may 7:a\\u001b[31m\uFFFD ACTION"), std::string::npos) << json;
+}
+
 // A value may contain any bytes; JSON must stay valid.
 TEST(BrokerFaultsTest, aValueThatIsNotUtf8IsBase64InJsonAndEscapedInText)
 {
@@ -200,20 +240,32 @@ TEST(PostsTest, setIsOnePostOfAllPairs)
     EXPECT_EQ(broker.posts().size(), 1U);
 }
 
+// Frames as the real broker sends them.
+static ScriptedBroker::Frames framesOf(const std::string& message)
+{
+    constexpr std::size_t most = 512;
+    ScriptedBroker::Frames frames;
+    for (std::size_t begin = 0; begin < message.size(); begin += most)
+        frames.push_back(message.substr(begin, most));
+    return frames;
+}
+
 TEST(PostsTest, loadConfirmsEachBatchBeforeTheNext)
 {
-    ScriptedBroker broker;
-    std::atomic<std::size_t> barriers{0};
-    broker.answerWith(
-        [&](const std::string&) -> std::optional<ScriptedBroker::Frames>
-        {
-            ++barriers;
-            return ScriptedBroker::Frames{"SyncAck"};
-        });
     std::string values;
     for (int number = 0; number < 400; ++number) // 40 KiB
         values +=
             (number == 0 ? "\"" : ",\"") + std::to_string(number) + "\":\"" + std::string(100, 'x') + "\"";
+    ScriptedBroker broker;
+    std::atomic<std::size_t> barriers{0};
+    broker.answerWith(
+        [&](const std::string& request) -> std::optional<ScriptedBroker::Frames>
+        {
+            if (request.find("Sync") == std::string::npos)
+                return framesOf("{" + values + "}");
+            ++barriers;
+            return ScriptedBroker::Frames{"SyncAck"};
+        });
     EXPECT_EQ(statusctl({"load", "-"}, "{\"values\":{" + values + "}}"), success("400\n"));
     EXPECT_GE(barriers, 3U) << "one at the start, and one for each of two batches";
 }

@@ -177,10 +177,11 @@ TEST(DiagnosisTest, clientsThatWereRefusedSomethingAreNamedWithTheCommandThatExp
     clients[2].refusals = 1;
     const Findings findings = Diagnosis::ofRefused(clients);
     ASSERT_EQ(checksOf(findings), "refused ");
-    EXPECT_EQ(findings[0].problem, "refused clients: lampd (process 12) of "
-                                   "1000:lampd.service, 9 times, a program of 1001, 1 times");
-    EXPECT_EQ(findings[0].remedy, "to explain: \"sudo statusctl may 1000:lampd.service post NAME\"; "
-                                  "the broker's log shows the names");
+    EXPECT_EQ(findings[0].problem, "clients that were refused something, because it was beyond a limit, "
+                                   "malformed or denied: lampd (process 12) of 1000:lampd.service, 9 times, "
+                                   "a program of 1001, 1 time");
+    EXPECT_EQ(findings[0].remedy, "the broker's log shows the reasons; \"sudo statusctl may "
+                                  "1000:lampd.service ACTION NAME\" explains a denial");
     clients.resize(1);
     EXPECT_EQ(checksOf(Diagnosis::ofRefused(clients)), "");
 }

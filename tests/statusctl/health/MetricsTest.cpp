@@ -192,12 +192,22 @@ TEST(MetricsTest, whateverByteIsInANameEveryLineIsValid)
 
 TEST(MetricsTest, valuesThatAreNumbersAreExportedAsTheyAre)
 {
-    EXPECT_EQ(exported({{"a", "21"}, {"b", "-3.5"}, {"c", "1e6"}, {"d", "0"}, {"e", "12345678901234567890"}}),
+    EXPECT_EQ(exported({{"a", "21"},
+                        {"b", "-3.5"},
+                        {"c", "1e6"},
+                        {"d", "0"},
+                        {"e", "12345678901234567890"},
+                        {"f", "1e+06"},
+                        {"g", "-2.5E+07"},
+                        {"h", "1e-05"}}),
               "statusbroker_value{key=\"a\"} 21\n"
               "statusbroker_value{key=\"b\"} -3.5\n"
               "statusbroker_value{key=\"c\"} 1e6\n"
               "statusbroker_value{key=\"d\"} 0\n"
               "statusbroker_value{key=\"e\"} 12345678901234567890\n"
+              "statusbroker_value{key=\"f\"} 1e+06\n"
+              "statusbroker_value{key=\"g\"} -2.5E+07\n"
+              "statusbroker_value{key=\"h\"} 1e-05\n"
               "statusbroker_values_left_out 0\n");
 }
 
@@ -205,8 +215,9 @@ TEST(MetricsTest, valuesThatAreNoNumbersAreNotExported)
 {
     int number = 0;
     StatusMap values;
-    for (const char* text : {"", "open", "nan", "inf", "-inf", "infinity", "0x1f", "1e999", "+5", "5 ", " 5",
-                             "5\n", "1,5", "1.2.3", "--1", "-", "e5", "5 1"})
+    for (const char* text :
+         {"",    "open",  "nan", "inf", "-inf", "infinity", "0x1f", "1e999", "+5",  "5 ",  " 5",   "5\n",
+          "1,5", "1.2.3", "--1", "-",   "e5",   "5 1",      "+1e5", "1e",    "1e+", "1+5", "1e++5"})
         values["key" + std::to_string(number++)] = text;
     values["long"] = std::string(41, '1');
     EXPECT_EQ(exported(values), "statusbroker_values_left_out 0\n");

@@ -70,6 +70,8 @@ TEST(JsonTest, valuesOfAnotherShapeAreRefusedWithTheReason)
     EXPECT_EQ(reasonToRefuse(R"({"values":[]})"), "\"values\" is not an object");
     EXPECT_EQ(reasonToRefuse(R"({"values":{"a":1}})"), "the value of \"a\" is not a string");
     EXPECT_EQ(reasonToRefuse(R"({"base64":{"a":"!"}})"), "the value of \"a\" is not base64");
+    EXPECT_EQ(reasonToRefuse(R"({"values":{"a":"1"},"base64":{"a":"/w=="}})"),
+              "\"a\" is in \"values\" and in \"base64\"");
 }
 
 TEST(JsonTest, aTextThatIsNotUtf8GetsAnotherName)

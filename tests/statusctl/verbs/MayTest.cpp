@@ -59,11 +59,11 @@ TEST_F(MayTest, doctorNamesAClientThatWasDeniedSomethingAndTheCommandThatExplain
         [&]
         {
             outcome = statusctl({"doctor"});
-            return outcome.output.find("problem: refused clients: ") != std::string::npos;
+            return outcome.output.find("problem: clients that were refused something") != std::string::npos;
         }))
         << outcome;
     EXPECT_EQ(outcome.code, 1) << outcome;
-    EXPECT_NE(outcome.output.find(", 1 times"), std::string::npos) << outcome;
+    EXPECT_NE(outcome.output.find(", 1 time\n"), std::string::npos) << outcome;
     EXPECT_NE(outcome.output.find("statusctl may " + user), std::string::npos) << outcome;
 }
 

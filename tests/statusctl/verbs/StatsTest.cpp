@@ -119,6 +119,14 @@ TEST_F(StatsTest, aFileIsWrittenInsteadOfStandardOutput)
     EXPECT_TRUE(has(statusctl({"stats", "--output", "-"}).output, "stored.keys"));
 }
 
+TEST_F(StatsTest, anEmptyFileNameIsWrongUsage)
+{
+    const Outcome outcome = statusctl(writing(""));
+    EXPECT_EQ(outcome.code, 2) << outcome;
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_TRUE(has(outcome.errors, "a file name must not be empty")) << outcome;
+}
+
 // A reader with the old file open keeps reading the old text.
 TEST_F(StatsTest, aFileTakesThePlaceOfTheOldOneWhole)
 {
@@ -151,6 +159,47 @@ TEST_F(StatsTest, aLinkStaysOneAndItsFileIsReplaced)
     EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
     EXPECT_TRUE(has(readFile(mFolder / "real/file"), "statusbroker_"));
     EXPECT_EQ(filesIn("real"), Words{"file"});
+}
+
+TEST_F(StatsTest, aLinkToNoFileStaysOneAndItsFileIsCreated)
+{
+    fs::create_directory(mFolder / "real");
+    fs::create_symlink("real/file", mFolder / "link");
+    EXPECT_EQ(statusctl(writing(mFolder / "link")), success(""));
+    EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
+    EXPECT_TRUE(has(readFile(mFolder / "real/file"), "statusbroker_"));
+    EXPECT_EQ(filesIn("real"), Words{"file"});
+}
+
+TEST_F(StatsTest, aLinkToItselfIsAFailure)
+{
+    fs::create_symlink("link", mFolder / "link");
+    EXPECT_EQ(statusctl(writing(mFolder / "link")),
+              failure(1, "statusctl: stats: cannot write " + mFolder / "link" +
+                             ": Too many levels of symbolic links"));
+    EXPECT_TRUE(fs::is_symlink(mFolder / "link"));
+}
+
+TEST_F(StatsTest, aLongFileNameIsNoFailure)
+{
+    const std::string name(255, 'n');
+    EXPECT_EQ(statusctl(writing(mFolder / name)), success(""));
+    EXPECT_EQ(filesIn("."), Words{name});
+}
+
+// Other programs write to the same file, before and after.
+TEST_F(StatsTest, standardOutputIsWrittenToWhereItIsAFile)
+{
+    fs::create_symlink("/dev/stdout", mFolder / "link");
+    for (const std::string& name : Words{"/dev/stdout", "/dev/fd/1", "/proc/self/fd/1", mFolder / "link"})
+    {
+        const std::string all = mFolder / "all";
+        EXPECT_EQ(inShell("exec > '" + all + "'; trap 'echo footer' EXIT; echo header;", writing(name)),
+                  success(""));
+        const std::string text = readFile(all);
+        EXPECT_EQ(text.find("header\n# HELP statusbroker_"), 0U) << name;
+        EXPECT_EQ(text.substr(text.rfind('\n', text.size() - 2)), "\nfooter\n") << name;
+    }
 }
 
 // Root must not lose a device to a file. Tested with a pipe: a failure must not cost a device.

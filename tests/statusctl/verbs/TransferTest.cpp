@@ -199,12 +199,88 @@ TEST_F(TransferTest, whatThePolicyKeepsIsAFailureOfReplaceAndOfTimers)
     BrokerProcess policed({"--policy", mFolder / "policy"});
     statusctl({"set", "kept.a", "1", "kept.b", "2", "c", "3"});
     EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{}})"),
-              failure(1, "statusctl: load: the policy denied the removal of 2 names, for example "
+              failure(1, "statusctl: load: not found, or denied by the policy: 2 names, for example "
                          "\"kept.a\""));
     EXPECT_EQ(statusctl({"dump"}), success("kept.a=1\nkept.b=2\n"));
     const std::string timer = R"({"elapsed":5,"lastStarted":0,"running":false})";
     EXPECT_EQ(
         statusctl({"load", "-"}, R"({"values":{},"timers":{"kept.t":)" + timer + R"(,"u":)" + timer + "}}"),
-        failure(1, "statusctl: load: the broker refused 1 timers, for example \"kept.t\""));
+        failure(1, "statusctl: load: the broker refused 1 timer, for example \"kept.t\" (see its log)"));
     EXPECT_EQ(statusctl({"timer", "list"}), success("u=5\n"));
+}
+
+// ---- refusals
+
+TEST_F(TransferTest, loadNamesWhatTheBrokerRefuses)
+{
+    mBroker.stop();
+    BrokerProcess broker({"--max-keys=2", "--max-counters=1"});
+    const std::string text = R"({"values":{"a":"1","b":"2","c":"3","d":"4"},"counters":{"p":1,"q":2}})";
+    EXPECT_EQ(statusctl({"load", "-"}, text),
+              failure(1, "statusctl: load: the broker refused 2 values, for example \"c\" (see its log); the "
+                         "broker refused 1 counter, for example \"q\" (see its log)"));
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("a=1\nb=2\ncounter p=1\n"));
+    const Outcome outcome = statusctl({"--json", "load", "-"}, text);
+    EXPECT_NE(outcome.errors.find(R"("refused":["c","d"],"refusedCounters":["q"])"), std::string::npos)
+        << outcome;
+}
+
+TEST_F(TransferTest, loadNamesWhatThePolicyDenies)
+{
+    writeFile(mFolder / "policy", "[[rule]]\nuser = " + std::to_string(geteuid()) +
+                                      "\ndeny = [\"post\", \"counter\"]\nkeys = \"kept.*\"\n");
+    mBroker.stop();
+    BrokerProcess policed({"--policy", mFolder / "policy"});
+    EXPECT_EQ(statusctl({"load", "-"}, R"({"values":{"kept.v":"1"},"counters":{"kept.c":1}})").code, 1);
+    EXPECT_EQ(statusctl({"load", "-"}, R"({"values":{"v":"1"},"counters":{"c":1}})"), success("2\n"));
+}
+
+TEST_F(TransferTest, replaceRemovesNothingUnlessTheBrokerHasTakenAll)
+{
+    mBroker.stop();
+    BrokerProcess broker({"--max-keys=3", "--max-counters=2"});
+    statusctl({"set", "a", "1", "b", "2", "c", "3"});
+    statusctl({"counter", "set", "p", "1"});
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{"x":"1"},"counters":{}})"),
+              failure(1, "statusctl: load: the broker refused 1 value, for example \"x\" (see its log); "
+                         "nothing was removed"));
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{},"counters":{"x":1,"y":2,"z":3}})").code,
+              1);
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("a=1\nb=2\nc=3\ncounter p=1\ncounter x=1\n"));
+}
+
+// The transport cannot take a message of exactly 512 bytes. Other programs can create such a name.
+TEST_F(TransferTest, aNameThatCannotBeSentDoesNotKeepTheOthersFromBeingLoaded)
+{
+    const std::string name(486, 'n');
+    const std::string timer = R"({"elapsed":5,"lastStarted":0,"running":false})";
+    const std::string text =
+        R"({"values":{"a":"1"},"counters":{")" + name + R"(":1,"z":2},"timers":{"t":)" + timer + "}}";
+    EXPECT_EQ(statusctl({"load", "-"}, text),
+              failure(1, "statusctl: load: cannot send 1 counter, for example \"" + name +
+                             "\" (the transport cannot take a message of exactly 512 bytes; make it a byte "
+                             "longer or shorter)"));
+    EXPECT_EQ(statusctl({"dump", "--all"}), success("a=1\ntimer t=5\ncounter z=2\n"));
+}
+
+// What is there already need not be sent.
+TEST_F(TransferTest, aNameThatCannotBeSentIsNoFailureWhereItsValueIsThere)
+{
+    mBroker.stop();
+    BrokerProcess broker({"--max-key-bytes=1000"});
+    const std::string name(486, 'n');
+    statusctl({"counter", "add", name});
+    statusctl({"set", "b", "2"});
+    EXPECT_EQ(statusctl({"load", "--replace", "-"}, R"({"values":{},"counters":{")" + name + R"(":1}})"),
+              success("1 loaded, 1 removed\n"));
+}
+
+TEST_F(TransferTest, aValueThatCannotBeSentDoesNotKeepTheOthersFromBeingLoaded)
+{
+    const Outcome outcome =
+        statusctl({"load", "-"}, R"({"values":{"a":"1","z":"3"},"base64":{"raw":"//4="}})");
+    EXPECT_EQ(outcome.code, 1);
+    EXPECT_NE(outcome.errors.find("cannot send 1 value, for example \"raw\" ("), std::string::npos)
+        << outcome;
+    EXPECT_EQ(statusctl({"dump"}), success("a=1\nz=3\n"));
 }
