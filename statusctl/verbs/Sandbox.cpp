@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -61,9 +62,18 @@ private:
         if (getppid() == parent && nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO)
         {
             setsid(); // keys of the terminal must not signal the broker
+            leaveDevice();
             execlp(program.c_str(), program.c_str(), "--log-level=2", nullptr);
         }
         _exit(noProgram);
+    }
+
+    // The environment may be a service's: with the state file of the device's broker, and with the socket of
+    // the service manager. Neither is meant for this broker.
+    static void leaveDevice()
+    {
+        for (const char* name : {"STATUSBROKER_STATE", "NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+            unsetenv(name);
     }
 
     const pid_t mPid;

@@ -1,8 +1,12 @@
 // sandbox, next to a real broker.
 
 #include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "tests/statusctl/Tool.h"
@@ -38,6 +42,14 @@ protected:
     // A shell in the sandbox, which finds the tool as $0.
     static Words shell(const std::string& line) { return sandboxed({"sh", "-c", line, STATUSCTL}); }
 
+    // The tool's command, run by another program: a shell, or env.
+    static Words runBy(Words program, const Words& words)
+    {
+        const Words tool = commandOf(words);
+        program.insert(program.end(), tool.begin(), tool.end());
+        return program;
+    }
+
     static bool isThere(pid_t process) { return kill(process, 0) == 0; }
 
     BrokerProcess mBroker;
@@ -51,6 +63,33 @@ TEST_F(SandboxTest, aCommandHasABrokerOfItsOwn)
     EXPECT_EQ(statusctl(shell("$0 get door --default none; $0 set door shut lamp on; $0 dump")),
               success("none\ndoor=shut\nlamp=on\n"));
     EXPECT_EQ(statusctl({"dump"}), success("door=open\n"));
+}
+
+TEST_F(SandboxTest, theBrokerDoesNotUseTheDevicesStateFile)
+{
+    const TemporaryFolder folder;
+    const std::string file = folder / "state";
+    TestProcess tool(
+        runBy({"/usr/bin/env", "STATUSBROKER_STATE=" + file}, shell("$0 set door open; $0 get door")));
+    EXPECT_EQ(tool.readRest(), "open\n");
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST_F(SandboxTest, theBrokerDoesNotReportToTheServiceManager)
+{
+    const TemporaryFolder folder;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, (folder / "notify").c_str(), sizeof address.sun_path - 1);
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    TestProcess tool(
+        runBy({"/usr/bin/env", "NOTIFY_SOCKET=" + (folder / "notify")}, shell("$0 set door open")));
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    char message = 0;
+    EXPECT_EQ(recv(manager, &message, sizeof message, 0), -1);
+    close(manager);
 }
 
 TEST_F(SandboxTest, twoRunSideBySide)
@@ -112,10 +151,8 @@ TEST_F(SandboxTest, nothingIsLeftBehind)
 // The shell's "exec" turned the shell's process into the tool.
 TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 {
-    Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
-    const Words tool = commandOf(sandboxed({"true"}));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    const Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
+    TestProcess process(runBy(command, sandboxed({"true"})));
     const pid_t child = std::stoi(process.readLine().value_or("0"));
     EXPECT_EQ(process.waitForExit(), 0) << process.errors();
     ASSERT_GT(child, 0);
@@ -159,10 +196,7 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
     trial.insert(trial.end(), {"unshare", "--user", "--net", "test", "-x", STATUSCTL});
     if (geteuid() != 0 || TestProcess(trial).waitForExit() != 0)
         GTEST_SKIP() << "needs root, and a kernel that lets users create namespaces";
-    Words command = asNobody;
-    const Words tool = commandOf(shell("id -u; $0 set door open; $0 get door; exit 5"));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    TestProcess process(runBy(asNobody, shell("id -u; $0 set door open; $0 get door; exit 5")));
     EXPECT_EQ(process.readRest(), "12345\nopen\n") << process.errors();
     EXPECT_EQ(process.waitForExit(), 5) << process.errors();
 }
@@ -170,10 +204,8 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
 TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
 {
     const std::string forbid = "echo 0 >/proc/sys/user/max_net_namespaces || exit 99; exec \"$@\"";
-    Words command{"/usr/bin/env", "unshare", "--user", "--map-root-user", "sh", "-c", forbid, "sh"};
-    const Words tool = commandOf(sandboxed({"echo", "run"}));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    const Words command{"/usr/bin/env", "unshare", "--user", "--map-root-user", "sh", "-c", forbid, "sh"};
+    TestProcess process(runBy(command, sandboxed({"echo", "run"})));
     EXPECT_EQ(process.readRest(), "");
     const std::optional<int> code = process.waitForExit();
     if (code == 99)
