@@ -80,6 +80,11 @@ private:
     posix_spawnattr_t mAttributes{};
 };
 
+[[noreturn]] void failToWait()
+{
+    throw Failure(ExitCode::Failed, std::string("cannot wait for the command: ") + strerror(errno));
+}
+
 } // namespace
 
 ChildCommand::ChildCommand(const std::vector<std::string>& words)
@@ -102,13 +107,16 @@ ChildCommand::ChildCommand(const std::vector<std::string>& words)
 
 int ChildCommand::wait() const
 {
-    siginfo_t ignored;
-    while (waitid(P_PID, static_cast<id_t>(mPid), &ignored, WEXITED | WNOWAIT) < 0 && errno == EINTR)
+    siginfo_t ended;
+    while (waitid(P_PID, static_cast<id_t>(mPid), &ended, WEXITED | WNOWAIT) < 0)
     {
+        if (errno != EINTR)
+            failToWait();
     }
     running = 0; // once waited for, the kernel may reuse the process id
     int status = 0;
-    waitpid(mPid, &status, 0);
+    if (waitpid(mPid, &status, 0) != mPid)
+        failToWait();
     takeSignals(); // no child is left to pass them on to
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

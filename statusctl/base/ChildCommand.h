@@ -20,6 +20,7 @@ public:
     ChildCommand& operator=(const ChildCommand&) = delete;
 
     /// Returns the child's exit code, or 128 plus the signal's number if a signal ended it.
+    /// @throws Failure if the kernel reports nothing about the child: this process ignores SIGCHLD
     int wait() const;
 
 private:

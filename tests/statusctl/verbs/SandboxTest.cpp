@@ -116,6 +116,12 @@ TEST_F(SandboxTest, theExitCodeIsTheCommands)
               failure(127, "statusctl: sandbox: cannot run \"no-such-program\": No such file or directory"));
 }
 
+TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
+{
+    TestProcess tool(runBy({"/usr/bin/env", "--ignore-signal=CHLD"}, shell("exit 7")));
+    EXPECT_EQ(tool.waitForExit(), 7) << tool.errors();
+}
+
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1})
