@@ -85,6 +85,26 @@ private:
     throw Failure(ExitCode::Failed, std::string("cannot wait for the command: ") + strerror(errno));
 }
 
+// Waits until a child has ended, and leaves it as a zombie.
+pid_t nextEnded()
+{
+    siginfo_t ended{};
+    while (waitid(P_ALL, 0, &ended, WEXITED | WNOWAIT) != 0)
+    {
+        if (errno != EINTR)
+            failToWait();
+    }
+    return ended.si_pid;
+}
+
+int reap(pid_t zombie)
+{
+    int status = 0;
+    if (waitpid(zombie, &status, 0) != zombie)
+        failToWait();
+    return status;
+}
+
 } // namespace
 
 ChildCommand::ChildCommand(const std::vector<std::string>& words)
@@ -105,18 +125,12 @@ ChildCommand::ChildCommand(const std::vector<std::string>& words)
     passSignalsOn();
 }
 
-int ChildCommand::wait() const
+int ChildCommand::wait(const OtherEnded& otherEnded) const
 {
-    siginfo_t ended;
-    while (waitid(P_PID, static_cast<id_t>(mPid), &ended, WEXITED | WNOWAIT) < 0)
-    {
-        if (errno != EINTR)
-            failToWait();
-    }
-    running = 0; // once waited for, the kernel may reuse the process id
-    int status = 0;
-    if (waitpid(mPid, &status, 0) != mPid)
-        failToWait();
+    for (pid_t ended = nextEnded(); ended != mPid; ended = nextEnded())
+        otherEnded(ended, reap(ended));
+    running = 0; // once reaped, the kernel may reuse the process id
+    const int status = reap(mPid);
     takeSignals(); // no child is left to pass them on to
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

@@ -1,6 +1,7 @@
 #ifndef STATUSCTL_BASE_CHILDCOMMAND_H
 #define STATUSCTL_BASE_CHILDCOMMAND_H
 
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -19,9 +20,15 @@ public:
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;
 
+    /// Called with another child of this process that has ended, and its status as waitpid() reports it.
+    using OtherEnded = std::function<void(pid_t child, int status)>;
+
+    /// Meanwhile reaps all other children that end. A process may have some that it did not start: children
+    /// of the program that it has replaced, and orphans (see Descendants).
+    ///
     /// Returns the child's exit code, or 128 plus the signal's number if a signal ended it.
     /// @throws Failure if the kernel reports nothing about the child: this process ignores SIGCHLD
-    int wait() const;
+    int wait(const OtherEnded& otherEnded = [](pid_t, int) {}) const;
 
 private:
     pid_t mPid = -1;

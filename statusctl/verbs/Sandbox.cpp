@@ -17,6 +17,7 @@
 #include "statusctl/base/PrivateNetwork.h"
 #include "statusctl/device/Ports.h"
 #include "statusctl/text/Duration.h"
+#include "statusctl/text/Report.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -41,6 +42,8 @@ public:
             std::this_thread::sleep_for(pause);
         }
     }
+
+    pid_t pid() const { return mPid; }
 
 private:
     static pid_t start(const std::string& program)
@@ -106,10 +109,22 @@ public:
         enterPrivateNetwork();
         const Descendants descendants;
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
-        return static_cast<ExitCode>(ChildCommand(settings.command).wait());
+        // The command continues: its purpose may be to see how clients do without a broker.
+        const auto notice = [&](pid_t child, int status)
+        {
+            if (child == broker.pid())
+                report(settings, Failure(ExitCode::Failed, "the broker has ended " + reason(status)));
+        };
+        return static_cast<ExitCode>(ChildCommand(settings.command).wait(notice));
     }
 
 private:
+    static std::string reason(int status)
+    {
+        return WIFSIGNALED(status) ? "by signal " + std::to_string(WTERMSIG(status))
+                                   : "with exit code " + std::to_string(WEXITSTATUS(status));
+    }
+
     // Installed together, the two have the same version.
     static std::string usualBroker()
     {

@@ -154,6 +154,24 @@ TEST_F(SandboxTest, nothingIsLeftBehind)
     EXPECT_EQ(processes.size(), 2U) << outcome;
 }
 
+// Tests often wait in this way until a daemon has ended.
+TEST_F(SandboxTest, aProcessThatEndsWhileTheCommandRunsIsGone)
+{
+    const Outcome outcome =
+        statusctl(shell("orphan=$(sh -c 'sleep 0.1 >/dev/null & echo $!'); n=0;"
+                        "while kill -0 $orphan && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done 2>&1;"
+                        "[ $n -lt 500 ]"));
+    EXPECT_EQ(outcome.code, 0) << outcome;
+}
+
+TEST_F(SandboxTest, theEndOfTheBrokerIsReported)
+{
+    const std::string end = "read -r broker others </proc/$PPID/task/$PPID/children; kill -KILL $broker;"
+                            "n=0; while kill -0 $broker && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done "
+                            "2>/dev/null; exit 3";
+    EXPECT_EQ(statusctl(shell(end)), failure(3, "statusctl: sandbox: the broker has ended by signal 9"));
+}
+
 // The shell's "exec" turned the shell's process into the tool.
 TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 {
