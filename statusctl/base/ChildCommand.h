@@ -8,14 +8,24 @@
 
 /// Runs another program and waits for it. One at a time.
 ///
-/// Passes SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1 and SIGUSR2 on to the child. SIGINT and SIGQUIT from the
-/// terminal are not passed on: the terminal sends them to both processes.
+/// Passes all signals on to the child that would end this process, except SIGKILL and the signals of a crash.
+/// SIGINT and SIGQUIT from the terminal are not passed on: the terminal sends them to both processes.
 class ChildCommand
 {
 public:
-    /// Starts the program, searching PATH.
+    /// If this process dies without ending the child, as by SIGKILL. Processes that the child has started
+    /// continue in both cases.
+    enum class AtOurDeath
+    {
+        Continues,
+        Dies,
+    };
+
+    /// Starts the program, searching PATH. If the child shall die with us, the calling thread must be the one
+    /// that ends last: the kernel looks at the thread.
     /// @throws Failure if it cannot be started, with a shell's exit codes: 127 for no such program, else 126
-    explicit ChildCommand(const std::vector<std::string>& words);
+    explicit ChildCommand(const std::vector<std::string>& words,
+                          AtOurDeath atOurDeath = AtOurDeath::Continues);
 
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;
@@ -31,6 +41,8 @@ public:
     int wait(const OtherEnded& otherEnded = [](pid_t, int) {}) const;
 
 private:
+    void checkStarted(const std::string& program, int failure) const;
+
     pid_t mPid = -1;
 };
 

@@ -95,7 +95,9 @@ public:
             "sandboxes run side by side, and beside the device's own broker. The command reaches no other\n"
             "machine, and no IP service of this machine. The broker begins without values, keeps nothing,\n"
             "has no policy, and logs levels 0 to 2. Needs no rights if the kernel lets users create\n"
-            "namespaces. Exits as the command does, and ends all processes that the command leaves.");
+            "namespaces. Passes signals on to the command, exits as the command does, and ends all "
+            "processes\n"
+            "that the command leaves.");
         command
             .add_option("--broker", mBroker,
                         "The broker's program; default: beside statusctl, or in the PATH")
@@ -115,7 +117,8 @@ public:
             if (child == broker.pid())
                 report(settings, Failure(ExitCode::Failed, "the broker has ended " + reason(status)));
         };
-        return static_cast<ExitCode>(ChildCommand(settings.command).wait(notice));
+        return static_cast<ExitCode>(
+            ChildCommand(settings.command, ChildCommand::AtOurDeath::Dies).wait(notice));
     }
 
 private:

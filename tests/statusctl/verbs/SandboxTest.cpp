@@ -124,10 +124,11 @@ TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
 
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
-    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1})
+    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
+                             SIGXCPU, SIGXFSZ, SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX})
     {
         TestProcess tool(commandOf(
-            shell("trap 'exit 3' TERM HUP INT QUIT USR1; echo begun; while :; do sleep 0.01; done")));
+            shell("trap 'exit 3' " + std::to_string(number) + "; echo begun; while :; do sleep 0.01; done")));
         EXPECT_EQ(tool.readLine(), "begun");
         tool.signal(number);
         EXPECT_EQ(tool.waitForExit(), 3) << number;
@@ -164,12 +165,24 @@ TEST_F(SandboxTest, aProcessThatEndsWhileTheCommandRunsIsGone)
     EXPECT_EQ(outcome.code, 0) << outcome;
 }
 
+// Returns when the broker is gone.
+constexpr char endBroker[] =
+    "read -r broker others </proc/$PPID/task/$PPID/children; kill -KILL $broker; n=0;"
+    "while kill -0 $broker && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done 2>/dev/null; exit 3";
+
 TEST_F(SandboxTest, theEndOfTheBrokerIsReported)
 {
-    const std::string end = "read -r broker others </proc/$PPID/task/$PPID/children; kill -KILL $broker;"
-                            "n=0; while kill -0 $broker && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done "
-                            "2>/dev/null; exit 3";
-    EXPECT_EQ(statusctl(shell(end)), failure(3, "statusctl: sandbox: the broker has ended by signal 9"));
+    EXPECT_EQ(statusctl(shell(endBroker)),
+              failure(3, "statusctl: sandbox: the broker has ended by signal 9"));
+}
+
+// The kernel sends the tool SIGPIPE for that.
+TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
+{
+    TestProcess tool(commandOf(shell(std::string("read -r go;") + endBroker)));
+    tool.closeErrors();
+    tool.writeLine("go");
+    EXPECT_EQ(tool.waitForExit(), 3);
 }
 
 // The shell's "exec" turned the shell's process into the tool.
@@ -193,6 +206,16 @@ TEST_F(SandboxTest, theBrokerDiesWithTheTool)
     tool.signal(SIGKILL);
     tool.waitForExit();
     EXPECT_TRUE(eventually([&] { return !isThere(broker); }));
+}
+
+TEST_F(SandboxTest, theCommandDiesWithTheTool)
+{
+    TestProcess tool(commandOf(shell("echo $$; read -r line")));
+    const pid_t command = std::stoi(tool.readLine().value_or("0"));
+    ASSERT_GT(command, 0);
+    tool.signal(SIGKILL);
+    tool.waitForExit();
+    EXPECT_TRUE(eventually([&] { return !isThere(command); }));
 }
 
 TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
