@@ -48,15 +48,11 @@ std::set<pid_t> children()
     return found;
 }
 
-// Fails for a child that became another user, as under sudo: this process may not kill it.
-bool end(pid_t child)
-{
-    return kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child;
-}
+constexpr char ownNetwork[] = "/proc/self/ns/net";
 
 } // namespace
 
-Descendants::Descendants() : mInherited(children())
+Descendants::Descendants() : mInherited(children()), mOuterNetwork(fs::read_symlink(ownNetwork).string())
 {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
@@ -70,10 +66,26 @@ Descendants::~Descendants()
     }
 }
 
+// Killing fails for a child that became another user, as under sudo.
 bool Descendants::endChildren() const
 {
     bool hasEnded = false;
     for (const pid_t child : children())
-        hasEnded = (mInherited.count(child) == 0 && end(child)) || hasEnded;
+    {
+        const bool isKilled = isOfSandbox(child) && kill(child, SIGKILL) == 0;
+        hasEnded = (isKilled && waitpid(child, nullptr, 0) == child) || hasEnded;
+    }
     return hasEnded;
+}
+
+// Networks within the sandbox belong to it. Without rights, this process may inspect its own user namespace
+// only: it gets EACCES for processes from outside.
+bool Descendants::isOfSandbox(pid_t child) const
+{
+    if (mInherited.count(child) != 0)
+        return false;
+    std::error_code error;
+    const fs::path network = fs::read_symlink("/proc/" + std::to_string(child) + "/ns/net", error);
+    const bool isEnding = error == std::errc::no_such_file_or_directory; // its children are not ours yet
+    return isEnding || (!error && network != mOuterNetwork);
 }

@@ -2,10 +2,15 @@
 #define STATUSCTL_BASE_DESCENDANTS_H
 
 #include <set>
+#include <string>
 #include <sys/types.h>
 
 /// While it lives, orphaned descendants become children of this process. Its destructor ends all children
-/// that this process has started since, with their descendants.
+/// that are in another network than this process was at the start, with their descendants. So create it
+/// before the private network.
+///
+/// This process may have replaced a shell that had started other processes. Their orphans become children of
+/// this process as well, but stay in the network of the start, and are left alone.
 class Descendants
 {
 public:
@@ -18,8 +23,10 @@ public:
 private:
     bool endChildren() const;
 
-    // The children at the start: this process may have replaced a shell that had started some.
-    const std::set<pid_t> mInherited;
+    bool isOfSandbox(pid_t child) const;
+
+    const std::set<pid_t> mInherited; // the children at the start
+    const std::string mOuterNetwork;
 };
 
 #endif

@@ -108,8 +108,8 @@ public:
     {
         if (settings.command.empty())
             throw Failure(ExitCode::WrongUsage, "missing command (usage: sandbox -- COMMAND)");
-        enterPrivateNetwork();
         const Descendants descendants;
+        enterPrivateNetwork();
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
         // The command continues: its purpose may be to see how clients do without a broker.
         const auto notice = [&](pid_t child, int status)

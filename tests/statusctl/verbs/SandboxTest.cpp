@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -194,6 +195,34 @@ TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
     EXPECT_EQ(process.waitForExit(), 0) << process.errors();
     ASSERT_GT(child, 0);
     EXPECT_EQ(kill(child, SIGKILL), 0);
+}
+
+// The shell's child ends while the tool runs, so the kernel makes the sleep the tool's child.
+TEST_F(SandboxTest, aDaemonOfAnEarlierChildIsLeftAlone)
+{
+    const TemporaryFolder folder;
+    const std::string start = "(read -r go <" + (folder / "go") + "; sleep 1000 >/dev/null 2>&1 & echo $! >" +
+                              (folder / "pid") + ") & exec \"$@\"";
+    const std::string wait = "echo go >" + (folder / "go") + "; read -r daemon <" + (folder / "pid") +
+                             "; while [ $(cut -d' ' -f4 /proc/$daemon/stat) != $PPID ]; do sleep 0.01; done;"
+                             "echo $daemon";
+    ASSERT_EQ(mkfifo((folder / "go").c_str(), S_IRWXU), 0);
+    ASSERT_EQ(mkfifo((folder / "pid").c_str(), S_IRWXU), 0);
+    TestProcess tool(runBy({"/bin/sh", "-c", start, "sh"}, shell(wait)));
+    const pid_t daemon = std::stoi(tool.readLine().value_or("0"));
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(kill(daemon, SIGKILL), 0);
+}
+
+// As the command of a sandbox within this sandbox leaves it, if that sandbox is killed.
+TEST_F(SandboxTest, aProcessInANetworkWithinTheSandboxIsEnded)
+{
+    const Outcome outcome = statusctl(
+        shell("sh -c '" + std::string(geteuid() == 0 ? "unshare --net" : "unshare --user --net") +
+              " sh -c \"echo \\$\\$; exec sleep 1000 >/dev/null 2>&1\" &' | { read -r left; echo $left; }"));
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    EXPECT_FALSE(isThere(std::stoi("0" + outcome.output))) << outcome;
 }
 
 TEST_F(SandboxTest, theBrokerDiesWithTheTool)
