@@ -57,25 +57,40 @@ Descendants::Descendants() : mInherited(children()), mOuterNetwork(fs::read_syml
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
-// Ending a child makes its children ours, so this repeats until no child is left.
 Descendants::~Descendants()
 {
-    const SignalsBlocked blocked; // a signal would end this process before all children are ended
-    while (endChildren())
-    {
-    }
+    if (!mIsTried)
+        end();
 }
 
-// Killing fails for a child that became another user, as under sudo.
+// Ending a child makes its children ours, so this repeats until no child is left.
+bool Descendants::end(std::chrono::milliseconds patience)
+{
+    mIsTried = true;
+    const SignalsBlocked blocked; // a signal would end this process before all children are ended
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (endChildren())
+    {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+    }
+    return true;
+}
+
+// Returns false if there is nothing to do any more. Killing fails for a child that became another user, as
+// under sudo. Waits for no child: the kernel may hold it longer than the patience, as in a broken file
+// system.
 bool Descendants::endChildren() const
 {
-    bool hasEnded = false;
+    bool isChanging = false;
     for (const pid_t child : children())
     {
         const bool isKilled = isOfSandbox(child) && kill(child, SIGKILL) == 0;
-        hasEnded = (isKilled && waitpid(child, nullptr, 0) == child) || hasEnded;
+        isChanging = isKilled || isChanging;
+        if (isKilled)
+            waitpid(child, nullptr, WNOHANG);
     }
-    return hasEnded;
+    return isChanging;
 }
 
 // Networks within the sandbox belong to it. Without rights, this process may inspect its own user namespace
