@@ -53,6 +53,7 @@ ExitCode run(CommandLine& line, int argc, char** argv)
 int main(int argc, char** argv)
 {
     occupyStandardStreams();
+    std::signal(SIGCHLD, SIG_DFL); // if the parent ignored it, the kernel would drop children's exit codes
     std::signal(SIGPIPE, SIG_DFL); // end silently when the reader has gone, even if the parent ignored it
     CommandLine line;
     leave(run(line, argc, argv));

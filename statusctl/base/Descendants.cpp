@@ -48,32 +48,59 @@ std::set<pid_t> children()
     return found;
 }
 
-// Fails for a child that became another user, as under sudo: this process may not kill it.
-bool end(pid_t child)
-{
-    return kill(child, SIGKILL) == 0 && waitpid(child, nullptr, 0) == child;
-}
+constexpr char ownNetwork[] = "/proc/self/ns/net";
 
 } // namespace
 
-Descendants::Descendants() : mInherited(children())
+Descendants::Descendants() : mInherited(children()), mOuterNetwork(fs::read_symlink(ownNetwork).string())
 {
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
-// Ending a child makes its children ours, so this repeats until no child is left.
 Descendants::~Descendants()
 {
-    const SignalsBlocked blocked; // a signal would end this process before all children are ended
-    while (endChildren())
-    {
-    }
+    if (!mIsTried)
+        end();
 }
 
+// Ending a child makes its children ours, so this repeats until no child is left.
+bool Descendants::end(std::chrono::milliseconds patience)
+{
+    mIsTried = true;
+    const SignalsBlocked blocked; // a signal would end this process before all children are ended
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (endChildren())
+    {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
+    }
+    return true;
+}
+
+// Returns false if there is nothing to do any more. Killing fails for a child that became another user, as
+// under sudo. Waits for no child: the kernel may hold it longer than the patience, as in a broken file
+// system.
 bool Descendants::endChildren() const
 {
-    bool hasEnded = false;
+    bool isChanging = false;
     for (const pid_t child : children())
-        hasEnded = (mInherited.count(child) == 0 && end(child)) || hasEnded;
-    return hasEnded;
+    {
+        const bool isKilled = isOfSandbox(child) && kill(child, SIGKILL) == 0;
+        isChanging = isKilled || isChanging;
+        if (isKilled)
+            waitpid(child, nullptr, WNOHANG);
+    }
+    return isChanging;
+}
+
+// Networks within the sandbox belong to it. Without rights, this process may inspect its own user namespace
+// only: it gets EACCES for processes from outside.
+bool Descendants::isOfSandbox(pid_t child) const
+{
+    if (mInherited.count(child) != 0)
+        return false;
+    std::error_code error;
+    const fs::path network = fs::read_symlink("/proc/" + std::to_string(child) + "/ns/net", error);
+    const bool isEnding = error == std::errc::no_such_file_or_directory; // its children are not ours yet
+    return isEnding || (!error && network != mOuterNetwork);
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
@@ -16,6 +17,7 @@
 #include "statusctl/base/PrivateNetwork.h"
 #include "statusctl/device/Ports.h"
 #include "statusctl/text/Duration.h"
+#include "statusctl/text/Report.h"
 #include "statusctl/verbs/Verb.h"
 
 namespace
@@ -41,6 +43,8 @@ public:
         }
     }
 
+    pid_t pid() const { return mPid; }
+
 private:
     static pid_t start(const std::string& program)
     {
@@ -61,9 +65,18 @@ private:
         if (getppid() == parent && nothing >= 0 && dup2(nothing, STDIN_FILENO) == STDIN_FILENO)
         {
             setsid(); // keys of the terminal must not signal the broker
+            leaveDevice();
             execlp(program.c_str(), program.c_str(), "--log-level=2", nullptr);
         }
         _exit(noProgram);
+    }
+
+    // The environment may be a service's: with the state file of the device's broker, and with the socket of
+    // the service manager. Neither is meant for this broker.
+    static void leaveDevice()
+    {
+        for (const char* name : {"STATUSBROKER_STATE", "NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID"})
+            unsetenv(name);
     }
 
     const pid_t mPid;
@@ -82,7 +95,9 @@ public:
             "sandboxes run side by side, and beside the device's own broker. The command reaches no other\n"
             "machine, and no IP service of this machine. The broker begins without values, keeps nothing,\n"
             "has no policy, and logs levels 0 to 2. Needs no rights if the kernel lets users create\n"
-            "namespaces. Exits as the command does, and ends all processes that the command leaves.");
+            "namespaces. Passes signals on to the command, exits as the command does, and ends all "
+            "processes\n"
+            "that the command leaves.");
         command
             .add_option("--broker", mBroker,
                         "The broker's program; default: beside statusctl, or in the PATH")
@@ -93,13 +108,29 @@ public:
     {
         if (settings.command.empty())
             throw Failure(ExitCode::WrongUsage, "missing command (usage: sandbox -- COMMAND)");
+        Descendants descendants;
         enterPrivateNetwork();
-        const Descendants descendants;
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
-        return static_cast<ExitCode>(ChildCommand(settings.command).wait());
+        // The command continues: its purpose may be to see how clients do without a broker.
+        const auto notice = [&](pid_t child, int status)
+        {
+            if (child == broker.pid())
+                report(settings, Failure(ExitCode::Failed, "the broker has ended " + reason(status)));
+        };
+        const int code = ChildCommand(settings.command, ChildCommand::AtOurDeath::Dies).wait(notice);
+        if (!descendants.end())
+            report(settings, Failure(ExitCode::Failed, "cannot end all processes that the command has left: "
+                                                       "they start new ones too fast"));
+        return static_cast<ExitCode>(code);
     }
 
 private:
+    static std::string reason(int status)
+    {
+        return WIFSIGNALED(status) ? "by signal " + std::to_string(WTERMSIG(status))
+                                   : "with exit code " + std::to_string(WEXITSTATUS(status));
+    }
+
     // Installed together, the two have the same version.
     static std::string usualBroker()
     {

@@ -1,8 +1,13 @@
 // sandbox, next to a real broker.
 
 #include <csignal>
+#include <cstring>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include "tests/statusctl/Tool.h"
@@ -38,6 +43,14 @@ protected:
     // A shell in the sandbox, which finds the tool as $0.
     static Words shell(const std::string& line) { return sandboxed({"sh", "-c", line, STATUSCTL}); }
 
+    // The tool's command, run by another program: a shell, or env.
+    static Words runBy(Words program, const Words& words)
+    {
+        const Words tool = commandOf(words);
+        program.insert(program.end(), tool.begin(), tool.end());
+        return program;
+    }
+
     static bool isThere(pid_t process) { return kill(process, 0) == 0; }
 
     BrokerProcess mBroker;
@@ -51,6 +64,33 @@ TEST_F(SandboxTest, aCommandHasABrokerOfItsOwn)
     EXPECT_EQ(statusctl(shell("$0 get door --default none; $0 set door shut lamp on; $0 dump")),
               success("none\ndoor=shut\nlamp=on\n"));
     EXPECT_EQ(statusctl({"dump"}), success("door=open\n"));
+}
+
+TEST_F(SandboxTest, theBrokerDoesNotUseTheDevicesStateFile)
+{
+    const TemporaryFolder folder;
+    const std::string file = folder / "state";
+    TestProcess tool(
+        runBy({"/usr/bin/env", "STATUSBROKER_STATE=" + file}, shell("$0 set door open; $0 get door")));
+    EXPECT_EQ(tool.readRest(), "open\n");
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST_F(SandboxTest, theBrokerDoesNotReportToTheServiceManager)
+{
+    const TemporaryFolder folder;
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, (folder / "notify").c_str(), sizeof address.sun_path - 1);
+    const int manager = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    ASSERT_EQ(bind(manager, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    TestProcess tool(
+        runBy({"/usr/bin/env", "NOTIFY_SOCKET=" + (folder / "notify")}, shell("$0 set door open")));
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    char message = 0;
+    EXPECT_EQ(recv(manager, &message, sizeof message, 0), -1);
+    close(manager);
 }
 
 TEST_F(SandboxTest, twoRunSideBySide)
@@ -77,12 +117,19 @@ TEST_F(SandboxTest, theExitCodeIsTheCommands)
               failure(127, "statusctl: sandbox: cannot run \"no-such-program\": No such file or directory"));
 }
 
+TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
+{
+    TestProcess tool(runBy({"/usr/bin/env", "--ignore-signal=CHLD"}, shell("exit 7")));
+    EXPECT_EQ(tool.waitForExit(), 7) << tool.errors();
+}
+
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
-    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1})
+    for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
+                             SIGXCPU, SIGXFSZ, SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX})
     {
         TestProcess tool(commandOf(
-            shell("trap 'exit 3' TERM HUP INT QUIT USR1; echo begun; while :; do sleep 0.01; done")));
+            shell("trap 'exit 3' " + std::to_string(number) + "; echo begun; while :; do sleep 0.01; done")));
         EXPECT_EQ(tool.readLine(), "begun");
         tool.signal(number);
         EXPECT_EQ(tool.waitForExit(), 3) << number;
@@ -109,17 +156,73 @@ TEST_F(SandboxTest, nothingIsLeftBehind)
     EXPECT_EQ(processes.size(), 2U) << outcome;
 }
 
+// Tests often wait in this way until a daemon has ended.
+TEST_F(SandboxTest, aProcessThatEndsWhileTheCommandRunsIsGone)
+{
+    const Outcome outcome =
+        statusctl(shell("orphan=$(sh -c 'sleep 0.1 >/dev/null & echo $!'); n=0;"
+                        "while kill -0 $orphan && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done 2>&1;"
+                        "[ $n -lt 500 ]"));
+    EXPECT_EQ(outcome.code, 0) << outcome;
+}
+
+// Returns when the broker is gone.
+constexpr char endBroker[] =
+    "read -r broker others </proc/$PPID/task/$PPID/children; kill -KILL $broker; n=0;"
+    "while kill -0 $broker && [ $n -lt 500 ]; do sleep 0.01; n=$((n + 1)); done 2>/dev/null; exit 3";
+
+TEST_F(SandboxTest, theEndOfTheBrokerIsReported)
+{
+    EXPECT_EQ(statusctl(shell(endBroker)),
+              failure(3, "statusctl: sandbox: the broker has ended by signal 9"));
+}
+
+// The kernel sends the tool SIGPIPE for that.
+TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
+{
+    TestProcess tool(commandOf(shell(std::string("read -r go;") + endBroker)));
+    tool.closeErrors();
+    tool.writeLine("go");
+    EXPECT_EQ(tool.waitForExit(), 3);
+}
+
 // The shell's "exec" turned the shell's process into the tool.
 TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 {
-    Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
-    const Words tool = commandOf(sandboxed({"true"}));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    const Words command{"/bin/sh", "-c", "sleep 1000 >/dev/null 2>&1 & echo $!; exec \"$@\"", "sh"};
+    TestProcess process(runBy(command, sandboxed({"true"})));
     const pid_t child = std::stoi(process.readLine().value_or("0"));
     EXPECT_EQ(process.waitForExit(), 0) << process.errors();
     ASSERT_GT(child, 0);
     EXPECT_EQ(kill(child, SIGKILL), 0);
+}
+
+// The shell's child ends while the tool runs, so the kernel makes the sleep the tool's child.
+TEST_F(SandboxTest, aDaemonOfAnEarlierChildIsLeftAlone)
+{
+    const TemporaryFolder folder;
+    const std::string start = "(read -r go <" + (folder / "go") + "; sleep 1000 >/dev/null 2>&1 & echo $! >" +
+                              (folder / "pid") + ") & exec \"$@\"";
+    const std::string wait = "echo go >" + (folder / "go") + "; read -r daemon <" + (folder / "pid") +
+                             "; while [ $(cut -d' ' -f4 /proc/$daemon/stat) != $PPID ]; do sleep 0.01; done;"
+                             "echo $daemon";
+    ASSERT_EQ(mkfifo((folder / "go").c_str(), S_IRWXU), 0);
+    ASSERT_EQ(mkfifo((folder / "pid").c_str(), S_IRWXU), 0);
+    TestProcess tool(runBy({"/bin/sh", "-c", start, "sh"}, shell(wait)));
+    const pid_t daemon = std::stoi(tool.readLine().value_or("0"));
+    EXPECT_EQ(tool.waitForExit(), 0) << tool.errors();
+    ASSERT_GT(daemon, 0);
+    EXPECT_EQ(kill(daemon, SIGKILL), 0);
+}
+
+// As the command of a sandbox within this sandbox leaves it, if that sandbox is killed.
+TEST_F(SandboxTest, aProcessInANetworkWithinTheSandboxIsEnded)
+{
+    const Outcome outcome = statusctl(
+        shell("sh -c '" + std::string(geteuid() == 0 ? "unshare --net" : "unshare --user --net") +
+              " sh -c \"echo \\$\\$; exec sleep 1000 >/dev/null 2>&1\" &' | { read -r left; echo $left; }"));
+    EXPECT_EQ(outcome.code, 0) << outcome;
+    EXPECT_FALSE(isThere(std::stoi("0" + outcome.output))) << outcome;
 }
 
 TEST_F(SandboxTest, theBrokerDiesWithTheTool)
@@ -132,6 +235,16 @@ TEST_F(SandboxTest, theBrokerDiesWithTheTool)
     tool.signal(SIGKILL);
     tool.waitForExit();
     EXPECT_TRUE(eventually([&] { return !isThere(broker); }));
+}
+
+TEST_F(SandboxTest, theCommandDiesWithTheTool)
+{
+    TestProcess tool(commandOf(shell("echo $$; read -r line")));
+    const pid_t command = std::stoi(tool.readLine().value_or("0"));
+    ASSERT_GT(command, 0);
+    tool.signal(SIGKILL);
+    tool.waitForExit();
+    EXPECT_TRUE(eventually([&] { return !isThere(command); }));
 }
 
 TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
@@ -159,10 +272,7 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
     trial.insert(trial.end(), {"unshare", "--user", "--net", "test", "-x", STATUSCTL});
     if (geteuid() != 0 || TestProcess(trial).waitForExit() != 0)
         GTEST_SKIP() << "needs root, and a kernel that lets users create namespaces";
-    Words command = asNobody;
-    const Words tool = commandOf(shell("id -u; $0 set door open; $0 get door; exit 5"));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    TestProcess process(runBy(asNobody, shell("id -u; $0 set door open; $0 get door; exit 5")));
     EXPECT_EQ(process.readRest(), "12345\nopen\n") << process.errors();
     EXPECT_EQ(process.waitForExit(), 5) << process.errors();
 }
@@ -170,10 +280,8 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
 TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
 {
     const std::string forbid = "echo 0 >/proc/sys/user/max_net_namespaces || exit 99; exec \"$@\"";
-    Words command{"/usr/bin/env", "unshare", "--user", "--map-root-user", "sh", "-c", forbid, "sh"};
-    const Words tool = commandOf(sandboxed({"echo", "run"}));
-    command.insert(command.end(), tool.begin(), tool.end());
-    TestProcess process(command);
+    const Words command{"/usr/bin/env", "unshare", "--user", "--map-root-user", "sh", "-c", forbid, "sh"};
+    TestProcess process(runBy(command, sandboxed({"echo", "run"})));
     EXPECT_EQ(process.readRest(), "");
     const std::optional<int> code = process.waitForExit();
     if (code == 99)
