@@ -269,3 +269,22 @@ TEST(PostsTest, loadConfirmsEachBatchBeforeTheNext)
     EXPECT_EQ(statusctl({"load", "-"}, "{\"values\":{" + values + "}}"), success("400\n"));
     EXPECT_GE(barriers, 3U) << "one at the start, and one for each of two batches";
 }
+
+// Too many unconfirmed posts would be dropped on the way.
+TEST(PostsTest, replayConfirmsManyPostsInTime)
+{
+    ScriptedBroker broker;
+    std::atomic<std::size_t> barriers{0};
+    broker.answerWith(
+        [&](const std::string&) -> std::optional<ScriptedBroker::Frames>
+        {
+            ++barriers;
+            return ScriptedBroker::Frames{"SyncAck"};
+        });
+    std::string lines;
+    for (int number = 0; number < 600; ++number)
+        lines += R"({"kind":"initial","name":"a","time":"2026-05-28T20:26:40.123456Z","value":"1"})"
+                 "\n";
+    EXPECT_EQ(statusctl({"replay", "-"}, lines), success("600\n"));
+    EXPECT_GE(barriers, 4U) << "one at the start, one for each 250 posts, and one at the end";
+}

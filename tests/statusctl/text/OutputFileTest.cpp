@@ -14,7 +14,8 @@ mode_t modeBefore = 0; // of the file that fchmod() has last changed
 
 } // namespace
 
-// Takes the place of the C library's function.
+// Takes the place of the C library's function, whose parameters have reserved names.
+// NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name)
 extern "C" int fchmod(int file, mode_t mode) noexcept
 {
     struct stat status
