@@ -48,6 +48,12 @@ std::set<pid_t> children()
     return found;
 }
 
+// Reaps a child that has ended. Returns false if there is none.
+bool reapOne()
+{
+    return waitpid(-1, nullptr, WNOHANG) > 0;
+}
+
 constexpr char ownNetwork[] = "/proc/self/ns/net";
 
 } // namespace
@@ -57,25 +63,35 @@ Descendants::Descendants() : mInherited(children()), mOuterNetwork(fs::read_syml
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
-// Ending a child makes its children ours, so this repeats until no child is left.
 Descendants::~Descendants()
 {
-    const SignalsBlocked blocked; // a signal would end this process before all children are ended
-    while (endChildren())
-    {
-    }
+    if (!mIsTried)
+        end();
 }
 
-// Killing fails for a child that became another user, as under sudo.
-bool Descendants::endChildren() const
+// Ending a child makes its children ours, so this repeats until no child is left. It waits for no single
+// child: the kernel may hold one longer than the patience, as in a broken file system. First it reaps: a look
+// into /proc takes longer for each zombie, and meanwhile new ones come.
+bool Descendants::end(std::chrono::milliseconds patience)
 {
-    bool hasEnded = false;
-    for (const pid_t child : children())
+    mIsTried = true;
+    const SignalsBlocked blocked; // a signal would end this process before all children are ended
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (reapOne() || killChildren())
     {
-        const bool isKilled = isOfSandbox(child) && kill(child, SIGKILL) == 0;
-        hasEnded = (isKilled && waitpid(child, nullptr, 0) == child) || hasEnded;
+        if (std::chrono::steady_clock::now() >= deadline)
+            return false;
     }
-    return hasEnded;
+    return true;
+}
+
+// Returns false if there was none to kill. Killing fails for a child that became another user, as under sudo.
+bool Descendants::killChildren() const
+{
+    bool isAnyKilled = false;
+    for (const pid_t child : children())
+        isAnyKilled = (isOfSandbox(child) && kill(child, SIGKILL) == 0) || isAnyKilled;
+    return isAnyKilled;
 }
 
 // Networks within the sandbox belong to it. Without rights, this process may inspect its own user namespace

@@ -108,7 +108,7 @@ public:
     {
         if (settings.command.empty())
             throw Failure(ExitCode::WrongUsage, "missing command (usage: sandbox -- COMMAND)");
-        const Descendants descendants;
+        Descendants descendants;
         enterPrivateNetwork();
         const OwnBroker broker(mBroker.empty() ? usualBroker() : mBroker, settings);
         // The command continues: its purpose may be to see how clients do without a broker.
@@ -117,8 +117,11 @@ public:
             if (child == broker.pid())
                 report(settings, Failure(ExitCode::Failed, "the broker has ended " + reason(status)));
         };
-        return static_cast<ExitCode>(
-            ChildCommand(settings.command, ChildCommand::AtOurDeath::Dies).wait(notice));
+        const int code = ChildCommand(settings.command, ChildCommand::AtOurDeath::Dies).wait(notice);
+        if (!descendants.end())
+            report(settings, Failure(ExitCode::Failed, "cannot end all processes that the command has left: "
+                                                       "they start new ones too fast"));
+        return static_cast<ExitCode>(code);
     }
 
 private:
