@@ -10,6 +10,7 @@
 ///
 /// Passes all signals on to the child that would end this process, except SIGKILL and the signals of a crash.
 /// SIGINT and SIGQUIT from the terminal are not passed on: the terminal sends them to both processes.
+/// Signals that are ignored stay ignored, also in the child.
 class ChildCommand
 {
 public:

@@ -125,6 +125,8 @@ TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
 
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
+    for (const int number : {SIGINT, SIGQUIT, SIGHUP})
+        std::signal(number, SIG_DFL); // the tests' caller may ignore them
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
                              SIGXCPU, SIGXFSZ, SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX})
     {
@@ -134,6 +136,15 @@ TEST_F(SandboxTest, signalsReachTheCommand)
         tool.signal(number);
         EXPECT_EQ(tool.waitForExit(), 3) << number;
     }
+}
+
+// A shell without job control ignores them for commands before "&".
+TEST_F(SandboxTest, signalsThatAreIgnoredAtTheStartStayIgnored)
+{
+    const std::string line = "for i in INT QUIT HUP; do kill -$i $PPID; kill -$i $$; done; echo alive";
+    TestProcess tool(runBy({"/bin/sh", "-c", "trap '' INT QUIT HUP; exec \"$@\"", "sh"}, shell(line)));
+    EXPECT_EQ(tool.readLine(), "alive");
+    EXPECT_EQ(tool.waitForExit(), 0);
 }
 
 // Neither the broker nor any descendant of the command.
