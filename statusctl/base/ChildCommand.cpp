@@ -204,12 +204,16 @@ void ChildCommand::checkStarted(const std::string& program, int failure) const
                   "cannot run \"" + program + "\": " + strerror(error));
 }
 
+ChildCommand::~ChildCommand()
+{
+    takeSignals();
+}
+
 int ChildCommand::wait(const OtherEnded& otherEnded) const
 {
     for (pid_t ended = nextEnded(); ended != mPid; ended = nextEnded())
         otherEnded(ended, reap(ended));
     running = 0; // once reaped, the kernel may reuse the process id
     const int status = reap(mPid);
-    takeSignals(); // no child is left to pass them on to
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

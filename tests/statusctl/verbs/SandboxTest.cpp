@@ -197,6 +197,16 @@ TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
     EXPECT_EQ(tool.waitForExit(), 3);
 }
 
+// The signal comes again and again, until the tool ends its sender.
+TEST_F(SandboxTest, aSignalAfterTheCommandsEndDoesNotKeepItFromEndingTheRest)
+{
+    const Outcome outcome = statusctl(shell(
+        "trap 'exit 3' TERM; sh -c 'trap \"\" TERM; echo $$; while kill -TERM $1; do :; done' sh $PPID &"
+        "while :; do sleep 0.01; done"));
+    EXPECT_EQ(outcome.code, 3) << outcome;
+    EXPECT_FALSE(isThere(std::stoi("0" + outcome.output))) << outcome;
+}
+
 // The shell's "exec" turned the shell's process into the tool.
 TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 {
