@@ -272,7 +272,19 @@ TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
 {
     EXPECT_EQ(statusctl({"sandbox", "--broker", "/bin/false", "--", "echo", "run"}),
               failure(1, "statusctl: sandbox: cannot start the broker \"/bin/false\""));
-    EXPECT_EQ(statusctl({"-t", "300ms", "sandbox", "--broker", "/bin/cat", "--", "echo", "run"}).code, 1);
+}
+
+TEST_F(SandboxTest, aBrokerThatIsNotReadyInTimeIsAFailureAndIsEnded)
+{
+    const TemporaryFolder folder;
+    const std::string broker = folder / "broker";
+    writeFile(broker, "#!/bin/sh\necho $$ >" + (folder / "pid") + "\nexec sleep 1000\n");
+    ASSERT_EQ(chmod(broker.c_str(), S_IRWXU), 0);
+    EXPECT_EQ(statusctl({"-t", "1s", "sandbox", "--broker", broker, "--", "echo", "run"}),
+              failure(124, "statusctl: sandbox: the broker was not ready within 1 s"));
+    const pid_t process = std::stoi("0" + readFile(folder / "pid"));
+    ASSERT_GT(process, 0);
+    EXPECT_FALSE(isThere(process));
 }
 
 TEST_F(SandboxTest, aCommandIsNeeded)
