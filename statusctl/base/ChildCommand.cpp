@@ -56,6 +56,22 @@ void passOn(int signal, siginfo_t* info, void*)
     errno = before;
 }
 
+bool isIgnored(int signal)
+{
+    struct sigaction how
+    {
+    };
+    return sigaction(signal, nullptr, &how) == 0 && how.sa_handler == SIG_IGN;
+}
+
+// A signal that the caller ignores stays ignored, here and in the program. A shell without job control
+// ignores SIGINT and SIGQUIT for commands before "&", and nohup ignores SIGHUP.
+void handle(int signal, const struct sigaction& how)
+{
+    if (!isIgnored(signal))
+        sigaction(signal, &how, nullptr);
+}
+
 void passSignalsOn()
 {
     struct sigaction how
@@ -63,18 +79,20 @@ void passSignalsOn()
     };
     how.sa_sigaction = passOn;
     how.sa_flags = SA_RESTART | SA_SIGINFO;
-    forEachPassed([&](int signal) { sigaction(signal, &how, nullptr); });
+    forEachPassed([&](int signal) { handle(signal, how); });
 }
 
 void takeSignals()
 {
-    forEachPassed([](int signal) { std::signal(signal, SIG_DFL); });
+    struct sigaction how
+    {
+    };
+    how.sa_handler = SIG_DFL;
+    forEachPassed([&](int signal) { handle(signal, how); });
 }
 
-// The program begins with default signal handling and no signal blocked.
-void resetSignals()
+void unblockSignals()
 {
-    takeSignals();
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -108,7 +126,7 @@ private:
 // Runs in the new process. Other threads of the old one may have held locks, so this allocates nothing.
 [[noreturn]] void become(char* const* arguments, int failure)
 {
-    resetSignals();
+    unblockSignals();
     execvp(arguments[0], arguments);
     const int error = errno;
     (void)!write(failure, &error, sizeof error); // without it, the exit code tells enough
@@ -186,12 +204,16 @@ void ChildCommand::checkStarted(const std::string& program, int failure) const
                   "cannot run \"" + program + "\": " + strerror(error));
 }
 
+ChildCommand::~ChildCommand()
+{
+    takeSignals();
+}
+
 int ChildCommand::wait(const OtherEnded& otherEnded) const
 {
     for (pid_t ended = nextEnded(); ended != mPid; ended = nextEnded())
         otherEnded(ended, reap(ended));
     running = 0; // once reaped, the kernel may reuse the process id
     const int status = reap(mPid);
-    takeSignals(); // no child is left to pass them on to
     return WIFEXITED(status) ? WEXITSTATUS(status) : bySignal + WTERMSIG(status);
 }

@@ -10,6 +10,8 @@
 ///
 /// Passes all signals on to the child that would end this process, except SIGKILL and the signals of a crash.
 /// SIGINT and SIGQUIT from the terminal are not passed on: the terminal sends them to both processes.
+/// Between the end of the child and the destructor they have no effect.
+/// Signals that are ignored stay ignored, also in the child.
 class ChildCommand
 {
 public:
@@ -26,6 +28,8 @@ public:
     /// @throws Failure if it cannot be started, with a shell's exit codes: 127 for no such program, else 126
     explicit ChildCommand(const std::vector<std::string>& words,
                           AtOurDeath atOurDeath = AtOurDeath::Continues);
+
+    ~ChildCommand();
 
     ChildCommand(const ChildCommand&) = delete;
     ChildCommand& operator=(const ChildCommand&) = delete;

@@ -48,6 +48,12 @@ std::set<pid_t> children()
     return found;
 }
 
+// Reaps a child that has ended. Returns false if there is none.
+bool reapOne()
+{
+    return waitpid(-1, nullptr, WNOHANG) > 0;
+}
+
 constexpr char ownNetwork[] = "/proc/self/ns/net";
 
 } // namespace
@@ -63,13 +69,15 @@ Descendants::~Descendants()
         end();
 }
 
-// Ending a child makes its children ours, so this repeats until no child is left.
+// Ending a child makes its children ours, so this repeats until no child is left. It waits for no single
+// child: the kernel may hold one longer than the patience, as in a broken file system. First it reaps: a look
+// into /proc takes longer for each zombie, and meanwhile new ones come.
 bool Descendants::end(std::chrono::milliseconds patience)
 {
     mIsTried = true;
     const SignalsBlocked blocked; // a signal would end this process before all children are ended
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    while (endChildren())
+    while (reapOne() || killChildren())
     {
         if (std::chrono::steady_clock::now() >= deadline)
             return false;
@@ -77,20 +85,13 @@ bool Descendants::end(std::chrono::milliseconds patience)
     return true;
 }
 
-// Returns false if there is nothing to do any more. Killing fails for a child that became another user, as
-// under sudo. Waits for no child: the kernel may hold it longer than the patience, as in a broken file
-// system.
-bool Descendants::endChildren() const
+// Returns false if there was none to kill. Killing fails for a child that became another user, as under sudo.
+bool Descendants::killChildren() const
 {
-    bool isChanging = false;
+    bool isAnyKilled = false;
     for (const pid_t child : children())
-    {
-        const bool isKilled = isOfSandbox(child) && kill(child, SIGKILL) == 0;
-        isChanging = isKilled || isChanging;
-        if (isKilled)
-            waitpid(child, nullptr, WNOHANG);
-    }
-    return isChanging;
+        isAnyKilled = (isOfSandbox(child) && kill(child, SIGKILL) == 0) || isAnyKilled;
+    return isAnyKilled;
 }
 
 // Networks within the sandbox belong to it. Without rights, this process may inspect its own user namespace

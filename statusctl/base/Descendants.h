@@ -27,7 +27,7 @@ public:
     Descendants& operator=(const Descendants&) = delete;
 
 private:
-    bool endChildren() const;
+    bool killChildren() const;
     bool isOfSandbox(pid_t child) const;
 
     const std::set<pid_t> mInherited; // the children at the start

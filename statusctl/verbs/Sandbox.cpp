@@ -117,7 +117,9 @@ public:
             if (child == broker.pid())
                 report(settings, Failure(ExitCode::Failed, "the broker has ended " + reason(status)));
         };
-        const int code = ChildCommand(settings.command, ChildCommand::AtOurDeath::Dies).wait(notice);
+        // Until all processes are ended, it keeps signals from ending this one.
+        const ChildCommand command(settings.command, ChildCommand::AtOurDeath::Dies);
+        const int code = command.wait(notice);
         if (!descendants.end())
             report(settings, Failure(ExitCode::Failed, "cannot end all processes that the command has left: "
                                                        "they start new ones too fast"));

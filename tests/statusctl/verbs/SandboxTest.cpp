@@ -125,6 +125,8 @@ TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
 
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
+    for (const int number : {SIGINT, SIGQUIT, SIGHUP})
+        std::signal(number, SIG_DFL); // the tests' caller may ignore them
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
                              SIGXCPU, SIGXFSZ, SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX})
     {
@@ -134,6 +136,15 @@ TEST_F(SandboxTest, signalsReachTheCommand)
         tool.signal(number);
         EXPECT_EQ(tool.waitForExit(), 3) << number;
     }
+}
+
+// A shell without job control ignores them for commands before "&".
+TEST_F(SandboxTest, signalsThatAreIgnoredAtTheStartStayIgnored)
+{
+    const std::string line = "for i in INT QUIT HUP; do kill -$i $PPID; kill -$i $$; done; echo alive";
+    TestProcess tool(runBy({"/bin/sh", "-c", "trap '' INT QUIT HUP; exec \"$@\"", "sh"}, shell(line)));
+    EXPECT_EQ(tool.readLine(), "alive");
+    EXPECT_EQ(tool.waitForExit(), 0);
 }
 
 // Neither the broker nor any descendant of the command.
@@ -184,6 +195,16 @@ TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
     tool.closeErrors();
     tool.writeLine("go");
     EXPECT_EQ(tool.waitForExit(), 3);
+}
+
+// The signal comes again and again, until the tool ends its sender.
+TEST_F(SandboxTest, aSignalAfterTheCommandsEndDoesNotKeepItFromEndingTheRest)
+{
+    const Outcome outcome = statusctl(shell(
+        "trap 'exit 3' TERM; sh -c 'trap \"\" TERM; echo $$; while kill -TERM $1; do :; done' sh $PPID &"
+        "while :; do sleep 0.01; done"));
+    EXPECT_EQ(outcome.code, 3) << outcome;
+    EXPECT_FALSE(isThere(std::stoi("0" + outcome.output))) << outcome;
 }
 
 // The shell's "exec" turned the shell's process into the tool.
@@ -251,7 +272,19 @@ TEST_F(SandboxTest, aBrokerThatCannotBeStartedIsAFailure)
 {
     EXPECT_EQ(statusctl({"sandbox", "--broker", "/bin/false", "--", "echo", "run"}),
               failure(1, "statusctl: sandbox: cannot start the broker \"/bin/false\""));
-    EXPECT_EQ(statusctl({"-t", "300ms", "sandbox", "--broker", "/bin/cat", "--", "echo", "run"}).code, 1);
+}
+
+TEST_F(SandboxTest, aBrokerThatIsNotReadyInTimeIsAFailureAndIsEnded)
+{
+    const TemporaryFolder folder;
+    const std::string broker = folder / "broker";
+    writeFile(broker, "#!/bin/sh\necho $$ >" + (folder / "pid") + "\nexec sleep 1000\n");
+    ASSERT_EQ(chmod(broker.c_str(), S_IRWXU), 0);
+    EXPECT_EQ(statusctl({"-t", "1s", "sandbox", "--broker", broker, "--", "echo", "run"}),
+              failure(124, "statusctl: sandbox: the broker was not ready within 1 s"));
+    const pid_t process = std::stoi("0" + readFile(folder / "pid"));
+    ASSERT_GT(process, 0);
+    EXPECT_FALSE(isThere(process));
 }
 
 TEST_F(SandboxTest, aCommandIsNeeded)
