@@ -62,7 +62,8 @@ public:
 
     /// The client has gone.
     /// @param canComeBack false: no other client takes its place
-    /// @param since the earliest time at which it may have ended: a client of its service that connected later
+    /// @param since the earliest time at which it may have ended: a client of its service that connected
+    /// later
     ///              may take its place
     void gone(Posters::Id client, bool canComeBack, TimePoint since, TimePoint now);
 
