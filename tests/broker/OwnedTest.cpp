@@ -248,7 +248,8 @@ TEST_F(Owned, valuesOfAServiceGoOnWithAProcessThatCameBeforeTheLastPostsOfTheFor
     const OwnerProcess restarted("net.c", "up", &group);
     broker->process().signal(SIGCONT);
     ASSERT_TRUE(restarted.isAccepted());
-    // A slow device needs this time for the former's posts. Nothing happens at its end that could be waited for.
+    // A slow device needs this time for the former's posts. Nothing happens at its end that could be waited
+    // for.
     broker->process().suspend();
     std::this_thread::sleep_for(std::chrono::milliseconds(300));
     broker->process().signal(SIGCONT);
@@ -256,7 +257,7 @@ TEST_F(Owned, valuesOfAServiceGoOnWithAProcessThatCameBeforeTheLastPostsOfTheFor
     ASSERT_TRUE(
         eventually([&] { return statistic("clients.posts") == 2; })); // this test's, and the restarted
     awaitAnotherEnd();
-    EXPECT_EQ(value("net.a"), reply("up"));
+    EXPECT_EQ(value("net.a"), reply("up")) << broker->process().errors();
 }
 
 TEST_F(Owned, inAuditModeMarksAreOnlyLogged)
