@@ -12,8 +12,6 @@
 namespace StatusC
 {
 
-using Orvane::EventAgent;
-using Orvane::SmartPtr;
 using status::Deadline;
 using status::ManagerAccess;
 
@@ -26,6 +24,14 @@ Deadline deadlineOf(int timeoutMs)
 {
     return status::deadlineIn(timeoutMs < 0 ? std::chrono::milliseconds::max()
                                             : std::chrono::milliseconds(timeoutMs));
+}
+
+std::size_t bytesOf(const StatusKeys& names)
+{
+    std::size_t bytes = 0;
+    for (const std::string& name : names)
+        bytes += name.size();
+    return bytes;
 }
 
 } // namespace
@@ -62,7 +68,7 @@ private:
 Handle::Handle(StatusManager& manager)
     : mManager(manager), mProcess(Process::instance()), mInbox(std::make_shared<Inbox>()),
       mListener(std::make_shared<Listener>(mInbox)),
-      mLeave(makeTask(&manager, [&manager, listener = mListener]
+      mLeave(makeTask(&manager, [&manager, listener = mListener, share = mProcess.allowance().take(0)]
                       { ManagerAccess::removeListener(manager, listener.get()); })),
       mLossesTold(mProcess.losses())
 {
@@ -78,32 +84,24 @@ void Handle::close() noexcept
     }
     catch (const std::bad_alloc&)
     {
-        // The listener stays registered, but passes nothing on. It must live: this is the only such case.
-        static_cast<void>(new (std::nothrow) SmartPtr<EventAgent>(mLeave));
+        mLeave->AddRef(); // for ever: the listener stays registered, but passes nothing on
     }
+    mProcess.asker().removeAgentsByReceiver(this);
     const Lock lock(mMutex);
     mClosed = true;
     for (const auto& question : mWaiting)
         question->end(Item{STATUS_ANSWER, STATUS_ECLOSED});
 }
 
-// ------------------------------------------------------------------------------------------------------
-// posts
+// ----------------------------------------------------------------------------------------------------- posts
 
-void Handle::post(const std::string& document, std::function<void(StatusManager&)> action, uint32_t delayMs)
+void Handle::post(const std::string& document, Action action, uint32_t delayMs)
 {
     checkSendable(document);
-    const auto task =
-        makeTask(&mManager, [&manager = mManager, action = std::move(action),
-                             share = mProcess.postAllowance().take(document.size())] { action(manager); });
-    if (delayMs == 0)
-        managersThread().post(task.get());
-    else
-        managersThread().postDelayed(task.get(), delayMs);
+    postTask(document.size(), std::move(action), delayMs);
 }
 
-// --------------------------------------------------------------------------------------------------
-// questions
+// ------------------------------------------------------------------------------------------------- questions
 
 Item Handle::ask(Question question, int timeoutMs)
 {
@@ -131,17 +129,18 @@ void Handle::askLater(Question question, uint64_t tag)
     mInbox->expectAnswer();
     try
     {
-        const auto task = makeTask(this,
-                                   [self = shared_from_this(), question = std::move(question), tag,
-                                    answer = Items{Item{STATUS_ANSWER}}]() mutable
-                                   {
-                                       if (self->mInbox->isClosed())
-                                           return;
-                                       answer.front() = self->answerTo(question);
-                                       answer.front().tag = tag;
-                                       self->tellLoss(question, answer.front());
-                                       self->mInbox->pushAnswer(answer);
-                                   });
+        const auto task =
+            makeTask(this,
+                     [self = shared_from_this(), share = mProcess.allowance().take(bytesOf(question.names)),
+                      question = std::move(question), tag, answer = Items{Item{STATUS_ANSWER}}]() mutable
+                     {
+                         if (self->mInbox->isClosed())
+                             return;
+                         answer.front() = self->answerTo(question);
+                         answer.front().tag = tag;
+                         self->tellLoss(question, answer.front());
+                         self->mInbox->pushAnswer(answer);
+                     });
         mProcess.asker().post(task.get());
     }
     catch (...)
@@ -165,8 +164,7 @@ void Handle::tellLoss(const Question& question, Item& answer) noexcept
         answer.result = STATUS_ELOST;
 }
 
-// ----------------------------------------------------------------------------------------------
-// subscriptions
+// --------------------------------------------------------------------------------------------- subscriptions
 
 void Handle::subscribe(const StatusKeys& keys)
 {
@@ -177,7 +175,8 @@ void Handle::subscribe(const StatusKeys& keys)
         ticket = mInbox->subscribe(keys);
         const auto task =
             makeTask(&mManager,
-                     [self = shared_from_this(), ticket, keys, synced = Items{Item{STATUS_SYNCED}}]() mutable
+                     [self = shared_from_this(), share = mProcess.allowance().take(bytesOf(keys)), ticket,
+                      keys, synced = Items{Item{STATUS_SYNCED}}]() mutable
                      {
                          if (self->mInbox->isClosed())
                              return;
@@ -212,28 +211,18 @@ Item Handle::firstValues(Inbox::Ticket ticket, const StatusKeys& keys) noexcept
 
 void Handle::unsubscribe(const StatusKeys& keys)
 {
-    const auto task = makeTask(&mManager,
-                               [&manager = mManager, listener = mListener, inbox = mInbox, keys]
-                               {
-                                   if (!inbox->isClosed())
-                                       manager.unregisterForStatus(listener.get(), keys);
-                               });
-    managersThread().post(task.get());
+    postWhileOpen(keys, [listener = mListener, keys](StatusManager& manager)
+                  { manager.unregisterForStatus(listener.get(), keys); });
     mInbox->unsubscribe(keys);
 }
 
 void Handle::subscribeEvents(const EventKeys& names)
 {
-    const auto task = makeTask(&mManager,
-                               [&manager = mManager, listener = mListener, inbox = mInbox, names]
-                               {
-                                   if (!inbox->isClosed())
-                                       manager.registerForEvent(listener.get(), names);
-                               });
     const EventKeys added = mInbox->subscribeEvents(names);
     try
     {
-        managersThread().post(task.get());
+        postWhileOpen(names, [listener = mListener, names](StatusManager& manager)
+                      { manager.registerForEvent(listener.get(), names); });
     }
     catch (...)
     {
@@ -244,14 +233,32 @@ void Handle::subscribeEvents(const EventKeys& names)
 
 void Handle::unsubscribeEvents(const EventKeys& names)
 {
-    const auto task = makeTask(&mManager,
-                               [&manager = mManager, listener = mListener, inbox = mInbox, names]
-                               {
-                                   if (!inbox->isClosed())
-                                       manager.unregisterForEvent(listener.get(), names);
-                               });
-    managersThread().post(task.get());
+    postWhileOpen(names, [listener = mListener, names](StatusManager& manager)
+                  { manager.unregisterForEvent(listener.get(), names); });
     mInbox->unsubscribeEvents(names);
+}
+
+// -------------------------------------------------------------------------------------- the manager's thread
+
+// After close() the listener is not registered any more.
+void Handle::postWhileOpen(const StatusKeys& names, Action action)
+{
+    postTask(bytesOf(names),
+             [inbox = mInbox, action = std::move(action)](StatusManager& manager)
+             {
+                 if (!inbox->isClosed())
+                     action(manager);
+             });
+}
+
+void Handle::postTask(std::size_t bytes, Action action, uint32_t delayMs)
+{
+    const auto task = makeTask(&mManager, [&manager = mManager, action = std::move(action),
+                                           share = mProcess.allowance().take(bytes)] { action(manager); });
+    if (delayMs == 0)
+        managersThread().post(task.get());
+    else
+        managersThread().postDelayed(task.get(), delayMs);
 }
 
 Orvane::EventThread& Handle::managersThread() const

@@ -2,6 +2,7 @@
 #define C_HANDLE_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <list>
@@ -31,8 +32,10 @@ public:
     /// Ends everything; see status_close(). Once.
     void close() noexcept;
 
+    using Action = std::function<void(StatusManager&)>;
+
     /// Runs `action` on the manager's thread, `delayMs` later. `document` is the message that it will send.
-    void post(const std::string& document, std::function<void(StatusManager&)> action, uint32_t delayMs = 0);
+    void post(const std::string& document, Action action, uint32_t delayMs = 0);
 
     /// Asks, and waits at most `timeoutMs`. @returns a successful answer
     Item ask(Question question, int timeoutMs);
@@ -51,6 +54,8 @@ private:
     Item answerTo(const Question& question) noexcept;
     void tellLoss(const Question& question, Item& answer) noexcept;
     Item firstValues(Inbox::Ticket ticket, const StatusKeys& keys) noexcept;
+    void postWhileOpen(const StatusKeys& names, Action action);
+    void postTask(std::size_t bytes, Action action, uint32_t delayMs = 0);
     Orvane::EventThread& managersThread() const;
 
     StatusManager& mManager;

@@ -104,8 +104,7 @@ uint64_t Inbox::dropped() noexcept
     return mDropped;
 }
 
-// ----------------------------------------------------------------------------------------------------
-// answers
+// --------------------------------------------------------------------------------------------------- answers
 
 void Inbox::expectAnswer()
 {
@@ -140,8 +139,7 @@ void Inbox::pushAnswer(Items& answer) noexcept
     adjustDescriptor();
 }
 
-// ----------------------------------------------------------------------------------------------
-// subscriptions
+// --------------------------------------------------------------------------------------------- subscriptions
 
 Inbox::Ticket Inbox::subscribe(const StatusKeys& keys)
 {
@@ -223,8 +221,7 @@ void Inbox::unsubscribeEvents(const EventKeys& names) noexcept
                             { return item.kind == STATUS_EVENT && mEvents.count(item.key) == 0; });
 }
 
-// ----------------------------------------------------------------------------------------------------
-// updates
+// --------------------------------------------------------------------------------------------------- updates
 
 void Inbox::pushChange(const std::string& key, std::string value) noexcept
 {

@@ -45,7 +45,7 @@ public:
 
     uint64_t dropped() noexcept;
 
-    // ------------------------------------------------------------------------------- questions and answers
+    // --------------------------------------------------------------------------------- questions and answers
 
     /// Counts an answer that will be pushed. @throws Failure(STATUS_EFULL)
     void expectAnswer();
@@ -55,8 +55,7 @@ public:
     /// wait already, it comes without its values.
     void pushAnswer(Items& answer) noexcept;
 
-    // ------------------------------------------------------------------------------------------
-    // subscriptions
+    // ----------------------------------------------------------------------------------------- subscriptions
 
     /// Subscribes to the keys. Changes of new ones are ignored until open().
     Ticket subscribe(const StatusKeys& keys);

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include "c/PostAllowance.h"
+#include "c/Allowance.h"
 #include "common/EventThread.h"
 #include "statusmanager/StatusManager.h"
 
@@ -29,7 +29,7 @@ public:
     /// Asks the questions, one after another. A question may block it as long as the broker is silent.
     Orvane::EventThread& asker() { return mAsker; }
 
-    PostAllowance& postAllowance() { return mPostAllowance; }
+    Allowance& allowance() { return mAllowance; }
 
     /// Whether the broker still answers the manager. Waits for the broker without a time limit. Asker's
     /// thread or manager's thread.
@@ -41,7 +41,7 @@ public:
 private:
     Process() = default;
 
-    PostAllowance mPostAllowance;
+    Allowance mAllowance;
     std::atomic<uint64_t> mLosses{0};
     Orvane::EventThread mAsker{"StatusQuestions", 0};
 };

@@ -176,8 +176,7 @@ int askForNumber(const status_t* status, int kind, const char* name, int timeout
 
 } // namespace
 
-// --------------------------------------------------------------------------------------------------
-// lifecycle
+// ------------------------------------------------------------------------------------------------- lifecycle
 
 int status_open(int timeout_ms, status_t** status)
 {
@@ -205,8 +204,7 @@ int status_close(status_t* status)
         });
 }
 
-// ------------------------------------------------------------------------------------------------------
-// posts
+// ----------------------------------------------------------------------------------------------------- posts
 
 int status_post(status_t* status, const char* key, const char* value)
 {
@@ -242,8 +240,7 @@ int status_post_event(status_t* status, const char* name, const char* value, uin
                   });
 }
 
-// ------------------------------------------------------------------------------------------ waiting
-// questions
+// ----------------------------------------------------------------------------------------- waiting questions
 
 int status_get(status_t* status, const char* key, int timeout_ms, char** value)
 {
@@ -284,8 +281,7 @@ int status_sync(status_t* status, int timeout_ms)
     return doWith(status, [&](Handle& handle) { handle.ask(Question{STATUS_ASK_SYNC}, timeout_ms); });
 }
 
-// -------------------------------------------------------------------------------------------- other
-// questions
+// ------------------------------------------------------------------------------------------- other questions
 
 int status_ask(status_t* status, int question, const char* name, uint64_t tag)
 {
@@ -297,8 +293,7 @@ int status_ask_many(status_t* status, const char* const* keys, size_t count, uin
     return doWith(status, [&](Handle& handle) { handle.askLater(questionIn(keys, count), tag); });
 }
 
-// ----------------------------------------------------------------------------------------------
-// subscriptions
+// --------------------------------------------------------------------------------------------- subscriptions
 
 int status_subscribe(status_t* status, const char* const* keys, size_t count)
 {
@@ -320,8 +315,7 @@ int status_unsubscribe_events(status_t* status, const char* const* names, size_t
     return doWith(status, [&](Handle& handle) { handle.unsubscribeEvents(namesIn(names, count)); });
 }
 
-// ------------------------------------------------------------------------------------------- timers,
-// counters
+// ------------------------------------------------------------------------------------------ timers, counters
 
 int status_timer_start(status_t* status, const char* name)
 {
@@ -387,8 +381,7 @@ int status_counter_set(status_t* status, const char* name, uint32_t value)
                   });
 }
 
-// -------------------------------------------------------------------------------------------------- the
-// queue
+// ------------------------------------------------------------------------------------------------- the queue
 
 int status_fd(status_t* status)
 {
@@ -423,8 +416,7 @@ int64_t status_dropped(status_t* status)
     return result == STATUS_OK ? dropped : result;
 }
 
-// -----------------------------------------------------------------------------------------------------
-// others
+// ---------------------------------------------------------------------------------------------------- others
 
 const char* status_strerror(int result)
 {

@@ -75,10 +75,12 @@ extern "C"
 /// The most bytes of names and values in answers that wait in the queue of one status_t. One longer answer is
 /// accepted if it is the only one.
 #define STATUS_ANSWERS_BYTES 8388608
-/// The most posts of the process that have not been sent, delayed events included.
-#define STATUS_POSTS_MOST 10000
-/// The most bytes of these posts.
-#define STATUS_POSTS_BYTES 4194304
+/// The most calls of the process that wait in the library because the broker is slow or silent: posts,
+/// delayed events included, questions of status_ask(), and begins and ends of subscriptions. Each open
+/// status_t counts as one, too.
+#define STATUS_PENDING_MOST 10000
+/// The most bytes of the texts of these calls.
+#define STATUS_PENDING_BYTES 4194304
 
     /// Results of functions. The numbers never change.
     enum status_result
@@ -153,8 +155,7 @@ extern "C"
         STATUS_ASK_SYNC = 7           ///< As status_sync(); the name must be null.
     };
 
-    // -------------------------------------------------------------------------------------------------
-    // lifecycle
+    // --------------------------------------------------------------------------------------------- lifecycle
 
     /// Connects to the broker. The first call of the process connects, and needs a broker that answers; later
     /// calls return at once. After a time-out the attempt continues in the background: a later call waits for
@@ -173,8 +174,7 @@ extern "C"
     /// @returns 0; STATUS_EINVAL, STATUS_ECLOSED, STATUS_EFORKED
     STATUS_EXPORT int status_close(status_t* status);
 
-    // -----------------------------------------------------------------------------------------------------
-    // posts
+    // ------------------------------------------------------------------------------------------------- posts
     //
     // All posts return at once: the library sends them in the background. If the broker takes them slower
     // than they are made, they wait in this process; STATUS_EFULL tells that the limit is reached. Then wait
@@ -201,8 +201,7 @@ extern "C"
     STATUS_EXPORT int status_post_event(status_t* status, const char* name, const char* value,
                                         uint32_t delay_ms);
 
-    // ------------------------------------------------------------------------------------- questions that
-    // wait
+    // ----------------------------------------------------------------------------------- questions that wait
     //
     // The library asks one question of the process at a time. A question waits for its turn and for its
     // answer no longer than its time-out. If its turn has not come by then, it is never asked. If it is under
@@ -243,7 +242,7 @@ extern "C"
     ///          again.
     STATUS_EXPORT int status_sync(status_t* status, int timeout_ms) STATUS_CHECKED;
 
-    // ------------------------------------------------------------------------- questions that do not wait
+    // ---------------------------------------------------------------------------- questions that do not wait
 
     /// Asks a question and returns at once. The answer comes through status_next(), whenever the broker gives
     /// it: an item of the kind STATUS_ANSWER, whose result is what the waiting function would have returned.
@@ -259,8 +258,7 @@ extern "C"
     STATUS_EXPORT int status_ask_many(status_t* status, const char* const* keys, size_t count,
                                       uint64_t tag) STATUS_CHECKED;
 
-    // ---------------------------------------------------------------------------------------------
-    // subscriptions
+    // ----------------------------------------------------------------------------------------- subscriptions
     //
     // All return at once. Results: 0; STATUS_EINVAL, STATUS_ETOOLONG, STATUS_EUTF8, STATUS_EFULL,
     // STATUS_ENOMEM, STATUS_ECLOSED, STATUS_EFORKED.
@@ -284,8 +282,7 @@ extern "C"
     /// Ends the subscription to events, as status_unsubscribe().
     STATUS_EXPORT int status_unsubscribe_events(status_t* status, const char* const* names, size_t count);
 
-    // ----------------------------------------------------------------------------------------- timers,
-    // counters
+    // -------------------------------------------------------------------------------------- timers, counters
     //
     // The broker keeps them for the whole device. The first use of a name makes the timer or counter.
 
@@ -320,8 +317,7 @@ extern "C"
     /// Sets a counter. Results as of a post.
     STATUS_EXPORT int status_counter_set(status_t* status, const char* name, uint32_t value);
 
-    // ------------------------------------------------------------------------------------------------- the
-    // queue
+    // --------------------------------------------------------------------------------------------- the queue
 
     /// Returns a descriptor that is readable (POLLIN) exactly while status_next() has something to return.
     /// Only wait for it with poll(), epoll, or an event loop: do not read, write or close it. It lives until
@@ -347,8 +343,7 @@ extern "C"
     /// @returns the number; STATUS_EINVAL, STATUS_ECLOSED, STATUS_EFORKED
     STATUS_EXPORT int64_t status_dropped(status_t* status);
 
-    // ----------------------------------------------------------------------------------------------------
-    // others
+    // ------------------------------------------------------------------------------------------------ others
 
     /// Explains a result of these functions in English.
     /// @returns a text that lives until the process ends; never null. Works always, also in a forked child.

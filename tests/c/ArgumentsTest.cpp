@@ -186,8 +186,7 @@ TEST_F(Arguments, anythingElseIsNoOpenStatus)
     EXPECT_EQ(status_close(foreign), STATUS_ECLOSED);
 }
 
-// ----------------------------------------------------------------------------- messages that cannot be
-// carried
+// --------------------------------------------------------------------------- messages that cannot be carried
 
 TEST_F(Arguments, aMessageThatWouldLoseItsEndIsRefused)
 {

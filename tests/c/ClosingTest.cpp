@@ -51,6 +51,8 @@ protected:
     {
         if (mHolder.joinable())
             mHolder.join();
+        // A question that was under way at a close still uses the device.
+        EXPECT_EQ(Opened().sync(), STATUS_OK);
     }
 
     // A fake whose thread can be kept busy, like the thread of a manager that waits for the broker.

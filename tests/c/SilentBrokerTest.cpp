@@ -8,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "common/TrackedNew.h"
 #include "statusmanager/StatusManager.h"
 #include "tests/c/Opened.h"
 #include "tests/support/LogCapture.h"
@@ -21,6 +22,15 @@ using namespace std::chrono_literals;
 using Frames = ScriptedBroker::Frames;
 
 constexpr int shortMs = 30;
+
+// The number of agents and other tracked objects that exist.
+unsigned liveTracked()
+{
+    unsigned count = 0;
+    for (const auto* site = Orvane::AllocationSite::first(); site != nullptr; site = site->next())
+        count += site->live();
+    return count;
+}
 
 class SilentBroker : public testing::Test
 {
@@ -85,17 +95,10 @@ TEST_F(SilentBroker, aQuestionWhoseTurnDoesNotComeIsNeverAsked)
 TEST_F(SilentBroker, questionsThatTimeOutLeaveNothingBehind)
 {
     leaveQuestionUnderWay();
-    const auto live = []
-    {
-        unsigned count = 0;
-        for (const auto* site = Orvane::AllocationSite::first(); site != nullptr; site = site->next())
-            count += site->live();
-        return count;
-    };
-    const unsigned objects = live();
+    const unsigned objects = liveTracked();
     for (int count = 0; count < 200; ++count)
         EXPECT_EQ(opened.resultOfGet("door", 1), STATUS_ETIMEOUT);
-    EXPECT_EQ(live(), objects);
+    EXPECT_EQ(liveTracked(), objects);
     answerWithDoor("new");
     broker.reply({"{}"});
     EXPECT_EQ(opened.get("door"), "new");
@@ -143,14 +146,14 @@ TEST_F(SilentBroker, nothingElseWaitsForIt)
 
 TEST_F(SilentBroker, postsThatCannotBeSentAreLimited)
 {
+    const Opened another;
     leaveQuestionUnderWay();
     int posts = 0;
     int result = STATUS_OK;
-    while ((result = status_post(opened, "k", "v")) == STATUS_OK && posts <= STATUS_POSTS_MOST)
+    while ((result = status_post(opened, "k", "v")) == STATUS_OK && posts <= STATUS_PENDING_MOST)
         ++posts;
     EXPECT_EQ(result, STATUS_EFULL);
-    EXPECT_EQ(posts, STATUS_POSTS_MOST);
-    const Opened another; // the limit is the process's
+    EXPECT_EQ(posts, STATUS_PENDING_MOST - 2); // the open ones count, too
     EXPECT_EQ(status_post_event(another, "bell", "", 1000), STATUS_EFULL);
     answerWithDoor("open");
     broker.reply({"{}"});
@@ -165,10 +168,45 @@ TEST_F(SilentBroker, postsThatCannotBeSentAreLimitedInBytes)
     int posts = 0;
     while (status_post(opened, "k", value.c_str()) == STATUS_OK && posts <= 1000)
         ++posts;
-    EXPECT_EQ(posts, STATUS_POSTS_BYTES / (STATUS_VALUE_BYTES + 23));
+    EXPECT_EQ(posts, STATUS_PENDING_BYTES / (STATUS_VALUE_BYTES + 23));
     answerWithDoor("open");
     broker.reply({"{}"});
     EXPECT_EQ(opened.sync(), STATUS_OK);
+}
+
+TEST_F(SilentBroker, subscriptionsThatCannotBeMadeAreLimited)
+{
+    leaveQuestionUnderWay();
+    int calls = 0;
+    while (opened.unsubscribeEvents({"bell"}) == STATUS_OK && calls <= STATUS_PENDING_MOST)
+        ++calls;
+    EXPECT_EQ(calls, STATUS_PENDING_MOST - 1); // the open status counts, too
+    EXPECT_EQ(opened.unsubscribe({"door"}), STATUS_EFULL);
+    EXPECT_EQ(opened.subscribeEvents({"bell"}), STATUS_EFULL);
+    status_t* another = nullptr;
+    EXPECT_EQ(status_open(patienceMs, &another), STATUS_EFULL);
+    answerWithDoor("open");
+    broker.reply({"{}"});
+    EXPECT_EQ(opened.sync(), STATUS_OK);
+    EXPECT_EQ(opened.subscribeEvents({"bell"}), STATUS_OK);
+}
+
+TEST_F(SilentBroker, aClosedStatusLeavesNoQuestionBehind)
+{
+    leaveQuestionUnderWay();
+    const auto askAndClose = []
+    {
+        const Opened another;
+        for (int count = 0; count < 10; ++count)
+            EXPECT_EQ(status_ask(another, STATUS_ASK_ALL, nullptr, 0), STATUS_OK);
+    };
+    askAndClose();
+    const unsigned objects = liveTracked();
+    askAndClose();
+    EXPECT_EQ(liveTracked(), objects + 2); // only the begin and the end of its listener's registration wait
+    answerWithDoor("new");
+    broker.reply({"{}"});
+    EXPECT_EQ(opened.get("door"), "new");
 }
 
 TEST_F(SilentBroker, aQuestionUnderWayEndsWhenItsStatusIsClosed)
@@ -221,7 +259,7 @@ TEST_F(SilentBroker, lostPostsAreToldAlsoAfterAQuestionAboutNothing)
     EXPECT_EQ(opened.sync(), STATUS_OK);
 }
 
-// ------------------------------------------------------------------------------------------------ no broker
+// ------------------------------------------------------------------------------------------------- no broker
 
 namespace
 {

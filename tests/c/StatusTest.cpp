@@ -125,8 +125,7 @@ TEST_F(StatusTest, aNegativeTimeOutIsNoLimit)
     EXPECT_EQ(another.sync(-1000), STATUS_OK);
 }
 
-// ----------------------------------------------------------------------------------------------
-// subscriptions
+// --------------------------------------------------------------------------------------------- subscriptions
 
 TEST_F(StatusTest, aSubscriptionBeginsWithTheValuesThereAre)
 {
@@ -213,8 +212,7 @@ TEST_F(StatusTest, eachOpenStatusHasItsOwnSubscriptions)
     EXPECT_FALSE(another.isReadable());
 }
 
-// ------------------------------------------------------------------------------------- questions without
-// wait
+// -------------------------------------------------------------------------------- questions that do not wait
 
 TEST_F(StatusTest, anAnswerBringsTheTagBack)
 {
@@ -267,8 +265,7 @@ TEST_F(StatusTest, answersThatAreNotTakenComeWithoutValuesBeyondTheirLimit)
     EXPECT_EQ(opened.take().values.size(), 100U);
 }
 
-// -------------------------------------------------------------------------------------------------
-// unanswered
+// ------------------------------------------------------------------------------------------------ unanswered
 
 TEST_F(StatusTest, aManagerThatCanAskNoMoreIsUnusable)
 {
@@ -285,8 +282,7 @@ TEST_F(StatusTest, aManagerThatCanAskNoMoreIsUnusable)
     EXPECT_EQ(status_post(opened, "door", "open"), STATUS_OK);
 }
 
-// ----------------------------------------------------------------------------------------------------
-// threads
+// --------------------------------------------------------------------------------------------------- threads
 
 TEST_F(StatusTest, threadsMayShareAStatus)
 {
@@ -318,8 +314,7 @@ TEST_F(StatusTest, threadsMayShareAStatus)
     EXPECT_EQ(device.getCounterValue("starts"), threads * rounds);
 }
 
-// ------------------------------------------------------------------------------------------------------
-// texts
+// ----------------------------------------------------------------------------------------------------- texts
 
 TEST(StatusResults, haveTexts)
 {

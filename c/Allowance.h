@@ -1,5 +1,5 @@
-#ifndef C_POSTALLOWANCE_H
-#define C_POSTALLOWANCE_H
+#ifndef C_ALLOWANCE_H
+#define C_ALLOWANCE_H
 
 #include <cstddef>
 #include <mutex>
@@ -11,15 +11,15 @@
 namespace StatusC
 {
 
-/// Limits the posts of the process that have not been sent. Any thread.
-class PostAllowance
+/// Limits the calls of the process that wait in the library; see STATUS_PENDING_MOST. Any thread.
+class Allowance
 {
 public:
-    /// A post's part of the allowance; the destructor returns it.
+    /// A call's part of the allowance; the destructor returns it.
     class Share
     {
     public:
-        Share(PostAllowance& allowance, std::size_t bytes) : mAllowance(&allowance), mBytes(bytes) {}
+        Share(Allowance& allowance, std::size_t bytes) : mAllowance(&allowance), mBytes(bytes) {}
         Share(Share&& other) noexcept
             : mAllowance(std::exchange(other.mAllowance, nullptr)), mBytes(other.mBytes)
         {
@@ -32,7 +32,7 @@ public:
         }
 
     private:
-        PostAllowance* mAllowance;
+        Allowance* mAllowance;
         std::size_t mBytes;
     };
 
@@ -40,9 +40,9 @@ public:
     Share take(std::size_t bytes)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        if (mPosts >= STATUS_POSTS_MOST || mBytes + bytes > STATUS_POSTS_BYTES)
+        if (mCalls >= STATUS_PENDING_MOST || mBytes + bytes > STATUS_PENDING_BYTES)
             throw Failure{STATUS_EFULL};
-        ++mPosts;
+        ++mCalls;
         mBytes += bytes;
         return Share(*this, bytes);
     }
@@ -51,12 +51,12 @@ private:
     void giveBack(std::size_t bytes)
     {
         const std::lock_guard<std::mutex> lock(mMutex);
-        --mPosts;
+        --mCalls;
         mBytes -= bytes;
     }
 
     std::mutex mMutex;
-    std::size_t mPosts = 0;
+    std::size_t mCalls = 0;
     std::size_t mBytes = 0;
 };
 
