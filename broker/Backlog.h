@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Since when a connection has had more to read than the broker has read. The end of a peer shows only behind
 /// everything that the peer has sent, so the peer may have ended when its backlog began. No sockets: it gets

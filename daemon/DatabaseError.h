@@ -1,5 +1,5 @@
-#ifndef BROKER_STATE_DATABASEERROR_H
-#define BROKER_STATE_DATABASEERROR_H
+#ifndef DAEMON_DATABASEERROR_H
+#define DAEMON_DATABASEERROR_H
 
 #include <stdexcept>
 #include <string>

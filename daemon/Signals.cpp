@@ -1,4 +1,4 @@
-#include "broker/Signals.h"
+#include "daemon/Signals.h"
 
 #include <cerrno>
 #include <csignal>

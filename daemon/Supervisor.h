@@ -1,24 +1,25 @@
-#ifndef BROKER_SUPERVISOR_H
-#define BROKER_SUPERVISOR_H
+#ifndef DAEMON_SUPERVISOR_H
+#define DAEMON_SUPERVISOR_H
 
 #include <optional>
 #include <string>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
-/// Reports the broker's condition to the service manager, if there is one. Never waits for it.
+/// Reports the daemon's condition to the service manager, if there is one. Never waits for it.
 class Supervisor
 {
 public:
-    Supervisor();
+    /// @param name of the daemon, for the log; must outlive this object
+    explicit Supervisor(const char* name);
 
     /// Reports that everything is bound and loaded. Repeated until the service manager's socket has room:
-    /// without the report it would end the broker.
+    /// without the report it would end the daemon.
     /// @param status a line for the operator
     void ready(const std::string& status);
     void stopping();
 
-    /// When to report next. First it reports that the broker is ready, as long as that could not be sent.
+    /// When to report next. First it reports that the daemon is ready, as long as that could not be sent.
     /// Then it feeds the watchdog, if there is one.
     std::optional<TimePoint> nextTelling() const { return mNextReadiness ? mNextReadiness : mNextFeeding; }
 
@@ -29,6 +30,7 @@ private:
     void tellReadiness();
     void feed(TimePoint now);
 
+    const char* const mName;
     std::string mReadiness;
     std::optional<TimePoint> mNextReadiness; ///< nothing once it has been sent
     std::chrono::microseconds mInterval{0};

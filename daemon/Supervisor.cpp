@@ -1,4 +1,4 @@
-#include "broker/Supervisor.h"
+#include "daemon/Supervisor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +21,7 @@ OV_LOG_CONTROL_WORDS;
 namespace
 {
 
-// How long to wait until the next attempt to report that the broker is ready.
+// How long to wait until the next attempt to report that the daemon is ready.
 constexpr std::chrono::milliseconds retryPause{100};
 
 std::string_view environment(const char* name)
@@ -72,7 +72,7 @@ bool tell(std::string_view message)
 
 } // namespace
 
-Supervisor::Supervisor()
+Supervisor::Supervisor(const char* name) : mName(name)
 {
     const uint64_t microseconds = numberFromEnvironment("WATCHDOG_USEC");
     if (microseconds == 0 || !isWatchdogOurs())
@@ -88,7 +88,7 @@ void Supervisor::ready(const std::string& status)
     mReadiness = "READY=1\nSTATUS=" + status;
     tellReadiness();
     if (mNextReadiness)
-        OV_LOG(2, "Could not report to the service manager yet that the broker is ready");
+        OV_LOG(2, "Could not report to the service manager yet that %s is ready", mName);
 }
 
 void Supervisor::stopping()

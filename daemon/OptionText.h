@@ -1,5 +1,5 @@
-#ifndef BROKER_BASE_OPTIONTEXT_H
-#define BROKER_BASE_OPTIONTEXT_H
+#ifndef DAEMON_OPTIONTEXT_H
+#define DAEMON_OPTIONTEXT_H
 
 #include <cstdint>
 #include <optional>

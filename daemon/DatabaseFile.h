@@ -1,5 +1,5 @@
-#ifndef BROKER_STATE_DATABASEFILE_H
-#define BROKER_STATE_DATABASEFILE_H
+#ifndef DAEMON_DATABASEFILE_H
+#define DAEMON_DATABASEFILE_H
 
 #include <cstddef>
 #include <sqlite3.h>
@@ -7,14 +7,12 @@
 #include <string_view>
 #include <sys/stat.h>
 
-#include "broker/base/Limits.h"
-
-/// Opens the state file. Nothing in it, or beside it, is trusted.
+/// Opens a daemon's file. Nothing in it, or beside it, is trusted.
 namespace DatabaseFile
 {
 
-/// No name and no value is longer, whatever limits the broker is given. So a longer row was not written by a
-/// broker.
+/// No name and no value is longer, whatever limits a daemon is given. So a longer row was not written by a
+/// daemon.
 constexpr std::size_t longestName = std::size_t{1024} * 1024;
 constexpr std::size_t longestText = 64 * longestName;
 
@@ -39,7 +37,7 @@ private:
 std::string direct(const std::string& path);
 
 /// @throws DatabaseError if the path exists and is not a regular file. SQLite also opens the files beside the
-///     state file.
+///     it.
 void refuseUnlessRegular(const std::string& path);
 
 // ---- Each returns SQLite's handle, which must be closed even if it is in error; null if memory is short.
@@ -53,7 +51,8 @@ sqlite3* openForReading(const std::string& path);
 sqlite3* openUnwritable(const std::string& path);
 
 /// Call this before reading anything. The file's content is data, no matter which program wrote it.
-void harden(sqlite3* database, const Limits& limits);
+/// @param valueBytes the longest text beside a name that the daemon accepts
+void harden(sqlite3* database, std::size_t valueBytes);
 
 /// Makes SQLite refuse longer texts, both its own and the file's.
 void limitLength(sqlite3* database, std::size_t bytes);

@@ -1,5 +1,5 @@
-#ifndef BROKER_BASE_DESCRIPTOR_H
-#define BROKER_BASE_DESCRIPTOR_H
+#ifndef DAEMON_DESCRIPTOR_H
+#define DAEMON_DESCRIPTOR_H
 
 #include <unistd.h>
 #include <utility>

@@ -1,5 +1,5 @@
-#ifndef BROKER_POLICY_GLOB_H
-#define BROKER_POLICY_GLOB_H
+#ifndef DAEMON_GLOB_H
+#define DAEMON_GLOB_H
 
 #include <string>
 #include <string_view>

@@ -1,5 +1,5 @@
-#ifndef BROKER_BASE_SYSTEMCLOCK_H
-#define BROKER_BASE_SYSTEMCLOCK_H
+#ifndef DAEMON_SYSTEMCLOCK_H
+#define DAEMON_SYSTEMCLOCK_H
 
 #include <cstdint>
 #include <ctime>

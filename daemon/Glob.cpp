@@ -1,4 +1,4 @@
-#include "broker/policy/Glob.h"
+#include "daemon/Glob.h"
 
 #include <cstddef>
 

@@ -1,5 +1,5 @@
-#ifndef BROKER_LASTWORDS_H
-#define BROKER_LASTWORDS_H
+#ifndef DAEMON_LASTWORDS_H
+#define DAEMON_LASTWORDS_H
 
 #include <string>
 

@@ -1,9 +1,9 @@
-#include "broker/state/DatabaseFile.h"
+#include "daemon/DatabaseFile.h"
 
 #include <algorithm>
 #include <filesystem>
 
-#include "broker/state/DatabaseError.h"
+#include "daemon/DatabaseError.h"
 
 namespace
 {
@@ -59,7 +59,7 @@ std::string DatabaseFile::direct(const std::string& path)
     return ignored ? path : (folder / given.filename()).string();
 }
 
-// Any other file could make the broker wait in open(), or be a device that must not be written. SQLite opens
+// Any other file could make the daemon wait in open(), or be a device that must not be written. SQLite opens
 // the files beside it, too.
 void DatabaseFile::refuseUnlessRegular(const std::string& path)
 {
@@ -94,14 +94,14 @@ sqlite3* DatabaseFile::openUnwritable(const std::string& path)
     return openFile(immutable(path), SQLITE_OPEN_READONLY | SQLITE_OPEN_URI);
 }
 
-void DatabaseFile::harden(sqlite3* database, const Limits& limits)
+void DatabaseFile::harden(sqlite3* database, std::size_t valueBytes)
 {
     constexpr std::size_t others = 65536; // for the other columns, and SQLite's own texts
     sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_TRIGGER, 0, nullptr);
     sqlite3_db_config(database, SQLITE_DBCONFIG_ENABLE_VIEW, 0, nullptr);
-    limitLength(database, longestName + std::min(limits.valueBytes, longestText) + others);
+    limitLength(database, longestName + std::min(valueBytes, longestText) + others);
     sqlite3_limit(database, SQLITE_LIMIT_ATTACHED, 0);
 }
 

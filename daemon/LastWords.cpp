@@ -1,4 +1,4 @@
-#include "broker/LastWords.h"
+#include "daemon/LastWords.h"
 
 #include <climits>
 #include <poll.h>

@@ -1,5 +1,5 @@
-#ifndef BROKER_SIGNALS_H
-#define BROKER_SIGNALS_H
+#ifndef DAEMON_SIGNALS_H
+#define DAEMON_SIGNALS_H
 
 /// SIGTERM, SIGINT and SIGHUP as a pollable descriptor. Create it before any thread is started, so that no
 /// thread receives them.

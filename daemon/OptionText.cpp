@@ -1,4 +1,4 @@
-#include "broker/base/OptionText.h"
+#include "daemon/OptionText.h"
 
 #include <charconv>
 #include <cstddef>
