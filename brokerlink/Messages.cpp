@@ -1,4 +1,4 @@
-#include "statusctl/device/Messages.h"
+#include "brokerlink/Messages.h"
 
 #include <cerrno>
 

@@ -1,5 +1,5 @@
-#ifndef STATUSCTL_DEVICE_MESSAGES_H
-#define STATUSCTL_DEVICE_MESSAGES_H
+#ifndef BROKERLINK_MESSAGES_H
+#define BROKERLINK_MESSAGES_H
 
 #include <optional>
 #include <string>
