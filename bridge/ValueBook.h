@@ -65,12 +65,21 @@ private:
         bool isGone = false; // the device does not have the key any more
     };
     using Entries = std::map<std::string, Entry>;
+    using Waiting = std::pair<TimePoint, const std::string*>;
+
+    struct Earlier // and then by the key
+    {
+        bool operator()(const Waiting& left, const Waiting& right) const
+        {
+            return left.first == right.first ? *left.second < *right.second : left.first < right.first;
+        }
+    };
 
     void enqueue(Entries::value_type& entry, TimePoint now);
 
     IntervalOf mIntervalOf;
     Entries mEntries;
-    std::set<std::pair<TimePoint, const std::string*>> mQueue;
+    std::set<Waiting, Earlier> mQueue;
     Entry mTaken; // of a key that is gone
     std::string mTakenKey;
 };
