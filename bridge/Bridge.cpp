@@ -47,19 +47,43 @@ void Bridge::turn(int signals)
     std::vector<pollfd> items{{signals, POLLIN, 0}, {mUplink.descriptor(), mUplink.wanted(), 0}};
     for (const int descriptor : mFeed.descriptors())
         items.push_back({descriptor, POLLIN, 0});
+    if (mPoster)
+        items.push_back({mPoster->descriptor(), POLLIN, 0});
     const TimePoint before = Clock::now();
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(std::max(due(before), before) - before);
-    poll(items.data(), items.size(), mFeed.hasMore() ? 0 : static_cast<int>(wait.count()));
+    poll(items.data(), items.size(), hasMore() ? 0 : static_cast<int>(wait.count()));
     const TimePoint now = Clock::now();
     mFeed.work(now);
     mUplink.work(items[1].revents, now);
+    post(now);
     mSupervisor.tellWhatIsDue(now);
+}
+
+bool Bridge::hasMore()
+{
+    return mFeed.hasMore() || (mPoster && mPoster->hasMore());
+}
+
+// What the server wants. Without a configuration for that, nothing is connected to the broker's port for
+// posts.
+void Bridge::post(TimePoint now)
+{
+    const bool isAllowed = !mOptions.desiredKeys.empty() || !mOptions.commands.empty();
+    if (!mPoster && isAllowed)
+        mPoster.emplace([this](TimePoint then) { return mUplink.nextBatch(then); },
+                        [this](const BrokerProtocol::Members& values) { mUplink.posted(values); });
+    if (!mPoster)
+        return;
+    mPoster->work(now);
+    if (mPoster->isIdle() && mUplink.hasWork())
+        mPoster->post(now);
 }
 
 TimePoint Bridge::due(TimePoint now)
 {
     const TimePoint supervisor = mSupervisor.nextTelling().value_or(TimePoint::max());
-    return std::min({mUplink.due(now), mFeed.due(), supervisor});
+    const TimePoint poster = mPoster ? mPoster->due() : TimePoint::max();
+    return std::min({mUplink.due(now), mFeed.due(), poster, supervisor});
 }
 
 void Bridge::handle(int signal, TimePoint now)

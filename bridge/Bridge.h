@@ -6,6 +6,7 @@
 
 #include "bridge/BridgeOptions.h"
 #include "bridge/BrokerFeed.h"
+#include "bridge/BrokerPoster.h"
 #include "bridge/Uplink.h"
 #include "bridge/ValueBook.h"
 #include "daemon/Signals.h"
@@ -30,6 +31,8 @@ private:
     void onBrokerLost() override;
 
     void turn(int signals);
+    void post(TimePoint now);
+    bool hasMore();
     TimePoint due(TimePoint now);
     void handle(int signal, TimePoint now);
     void reload(TimePoint now);
@@ -41,6 +44,7 @@ private:
     ValueBook mBook;
     Uplink mUplink;
     BrokerFeed mFeed;
+    std::optional<BrokerPoster> mPoster; // only if the server may change something
     bool mIsReady = false;
     bool mIsEnding = false;
 };

@@ -15,6 +15,7 @@ namespace
 constexpr const char* schema =
     "CREATE TABLE numbers (name TEXT PRIMARY KEY, value INTEGER NOT NULL) WITHOUT ROWID;"
     "CREATE TABLE topics (topic TEXT PRIMARY KEY) WITHOUT ROWID;"
+    "CREATE TABLE applied (key TEXT PRIMARY KEY, version INTEGER NOT NULL) WITHOUT ROWID;"
     "CREATE TABLE events (id INTEGER PRIMARY KEY, time INTEGER NOT NULL, name TEXT NOT NULL, value TEXT NOT "
     "NULL);";
 

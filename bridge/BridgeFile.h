@@ -40,7 +40,8 @@ private:
     int mBound = 0;
 };
 
-/// The bridge's file: the session number, the topics that the server keeps, and events that wait.
+/// The bridge's file: the session number, the topics that the server keeps, events that wait, and the
+/// versions of desired values that were applied.
 ///
 /// No fault of the file keeps the bridge from working. An unreadable file is moved aside, and a new one is
 /// started. If writing fails, that is logged, and tried again once a second, and success is logged. Nothing

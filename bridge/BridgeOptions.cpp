@@ -66,14 +66,23 @@ Setting text(std::string BridgeOptions::*member)
             }};
 }
 
+void addGlob(std::vector<Glob>& list, const std::string& value)
+{
+    if (const std::string error = Glob::errorIn(value); !error.empty())
+        refuse(quoted(value) + ": " + error);
+    list.emplace_back(value);
+}
+
 Setting globs(NameRules BridgeOptions::*rules, std::vector<Glob> NameRules::*list)
 {
     return {[rules, list](BridgeOptions& options, const std::string& value)
-            {
-                if (const std::string error = Glob::errorIn(value); !error.empty())
-                    refuse(quoted(value) + ": " + error);
-                (options.*rules.*list).emplace_back(value);
-            },
+            { addGlob(options.*rules.*list, value); },
+            true};
+}
+
+Setting globs(std::vector<Glob> BridgeOptions::*list)
+{
+    return {[list](BridgeOptions& options, const std::string& value) { addGlob(options.*list, value); },
             true};
 }
 
@@ -160,6 +169,8 @@ const std::map<std::string, Setting>& settings()
         {"events", globs(&O::events, &NameRules::include)},
         {"exclude-events", globs(&O::events, &NameRules::exclude)},
         {"interval", {setInterval, true}},
+        {"desired-keys", globs(&O::desiredKeys)},
+        {"commands", globs(&O::commands)},
         {"batch", {[](O& options, const std::string& value) {
              options.batch = std::chrono::seconds(numberIn(value, 0, hour));
          }}},
@@ -191,6 +202,8 @@ std::string mistakeIn(const BridgeOptions& options)
         return "a certificate is of no use with insecure = true";
     if (options.user.empty() && !options.passwordFile.empty())
         return "a password-file is of no use without a user";
+    if (!options.isVersion5 && !options.commands.empty())
+        return "commands need mqtt = 5, which lets them expire";
     return {};
 }
 

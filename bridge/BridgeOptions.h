@@ -38,6 +38,8 @@ struct BridgeOptions
     NameRules keys;
     NameRules events;
     std::vector<IntervalRule> intervals;
+    std::vector<Glob> desiredKeys;           ///< keys that the server may set; none: off
+    std::vector<Glob> commands;              ///< events that the server may cause; none: off
     std::chrono::milliseconds batch{1000};   ///< in the layout Document
     std::chrono::seconds rebirthPause{10};   ///< between two births that the server asks for
     std::chrono::seconds onlineExpiry{3600}; ///< 0: none

@@ -196,13 +196,17 @@ void MqttLink::setCallbacks()
                                                          [](int each) { return each < firstFailure; });
                                          static_cast<MqttLink*>(self)->mReceiver.onSubscribed(isGranted);
                                      });
-    mosquitto_message_callback_set(
+    mosquitto_message_v5_callback_set(
         client,
-        [](mosquitto*, void* self, const mosquitto_message* message)
+        [](mosquitto*, void* self, const mosquitto_message* message, const mosquitto_property* properties)
         {
+            uint32_t expiry = 0;
+            const bool expires = mosquitto_property_read_int32(properties, MQTT_PROP_MESSAGE_EXPIRY_INTERVAL,
+                                                               &expiry, false) != nullptr;
             const std::string payload(static_cast<const char*>(message->payload),
                                       static_cast<std::size_t>(message->payloadlen));
-            static_cast<MqttLink*>(self)->mReceiver.onMessage(message->topic, payload);
+            static_cast<MqttLink*>(self)->mReceiver.onMessage(
+                {message->topic, payload, message->retain, expires ? std::optional(expiry) : std::nullopt});
         });
 }
 
@@ -283,7 +287,9 @@ void MqttLink::check(int result)
 
 void MqttLink::subscribe(const std::string& topic)
 {
-    check(mosquitto_subscribe(mSearch->client.get(), nullptr, topic.c_str(), quality));
+    // Otherwise the server would hide that a new message is to be retained.
+    check(mosquitto_subscribe_v5(mSearch->client.get(), nullptr, topic.c_str(), quality,
+                                 MQTT_SUB_OPT_RETAIN_AS_PUBLISHED, nullptr));
 }
 
 std::optional<int> MqttLink::publish(const Message& message)

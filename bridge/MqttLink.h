@@ -20,6 +20,15 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// A message from the server.
+struct ReceivedMessage
+{
+    std::string topic;
+    std::string payload;
+    bool isRetained = false;        ///< the server keeps it, or did
+    std::optional<uint32_t> expiry; ///< seconds that are left of its time
+};
+
 /// Gets the events of a connection. Called only by MqttLink's operations, on their thread. Must not destroy
 /// the link.
 class IMqttReceiver
@@ -33,7 +42,7 @@ public:
     /// The server has taken a message.
     /// @param refusal the reason why it was refused; empty: it was not
     virtual void onAcknowledged(int message, const std::string& refusal) = 0;
-    virtual void onMessage(const std::string& topic, const std::string& payload) = 0;
+    virtual void onMessage(const ReceivedMessage& message) = 0;
 
 protected:
     ~IMqttReceiver() = default;
@@ -45,6 +54,8 @@ protected:
 class MqttLink
 {
 public:
+    using Received = ReceivedMessage;
+
     struct Message
     {
         std::string topic;

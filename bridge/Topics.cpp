@@ -1,5 +1,6 @@
 #include "bridge/Topics.h"
 
+#include <charconv>
 #include <mosquitto.h>
 
 namespace
@@ -41,6 +42,44 @@ std::string Topics::encode(std::string_view name)
 {
     std::string level = encodeWith(name, false);
     return isUtf8ForTopics(level) ? level : encodeWith(name, true);
+}
+
+std::optional<std::string> Topics::decode(std::string_view level)
+{
+    std::string name;
+    for (std::size_t i = 0; i < level.size(); ++i)
+    {
+        if (level[i] != '%')
+        {
+            name += level[i];
+            continue;
+        }
+        unsigned letter = 0;
+        const char* const first = level.data() + i + 1;
+        constexpr int hexadecimal = 16;
+        if (level.size() - i < 3 || std::from_chars(first, first + 2, letter, hexadecimal).ptr != first + 2)
+            return std::nullopt;
+        name += static_cast<char>(letter);
+        i += 2;
+    }
+    return encode(name) == level ? std::optional(name) : std::nullopt;
+}
+
+std::optional<std::string> Topics::desiredKeyOf(const std::string& topic) const
+{
+    const std::string root = desired("");
+    return topic.compare(0, root.size(), root) == 0 ? decode(std::string_view(topic).substr(root.size()))
+                                                    : std::nullopt;
+}
+
+std::optional<std::string> Topics::commandOf(const std::string& topic) const
+{
+    const std::string root = command("");
+    const std::size_t slash = topic.find('/', root.size());
+    const bool isCommand = topic.compare(0, root.size(), root) == 0 && slash != std::string::npos &&
+                           topic.find('/', slash + 1) == std::string::npos;
+    return isCommand ? decode(std::string_view(topic).substr(root.size(), slash - root.size()))
+                     : std::nullopt;
 }
 
 std::string Topics::errorInPrefix(const std::string& prefix)

@@ -22,6 +22,18 @@ public:
     std::string birth() const { return mRoot + "birth"; }
     std::string data() const { return mRoot + "data"; }
     std::string rebirth() const { return mRoot + "cmd/rebirth"; }
+    std::string desired(const std::string& level) const { return mRoot + "desired/" + level; }
+    std::string reported(const std::string& key) const { return mRoot + "reported/" + encode(key); }
+    std::string command(const std::string& levels) const { return mRoot + "cmd/" + levels; }
+
+    /// The key of a topic `desired/KEY`; nothing for other topics.
+    std::optional<std::string> desiredKeyOf(const std::string& topic) const;
+
+    /// The name in a topic `cmd/NAME/ID`; nothing for other topics.
+    std::optional<std::string> commandOf(const std::string& topic) const;
+
+    /// Reverts encode(). Returns nothing for a text that encode() never returns.
+    static std::optional<std::string> decode(std::string_view level);
 
     /// A name as one level of a topic. The letters / + # %, control characters and a leading $ become %XX,
     /// and so do other letters that a server may refuse.

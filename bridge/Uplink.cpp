@@ -77,7 +77,8 @@ EventRing::Limits limitsOf(const BridgeOptions& options)
 
 Uplink::Uplink(const BridgeOptions& options, ValueBook& book)
     : mOptions(options), mBook(book), mTopics(options.prefix, options.device), mFile(options.file),
-      mRecord(mFile), mRing(mFile, limitsOf(options)), mBackoff(randomUpTo, options.longestPause)
+      mRecord(mFile), mRing(mFile, limitsOf(options)), mDown(options, mFile),
+      mBackoff(randomUpTo, options.longestPause)
 {
     mSession = mFile.numberOf("session");
 }
@@ -110,7 +111,7 @@ TimePoint Uplink::due(TimePoint now) const
         return now;
     if (mStage != Stage::Online || room() == 0)
         return due;
-    due = std::min(due, mNextOnline);
+    due = mDown.hasAnswer() ? now : std::min(due, mNextOnline);
     if (roomForValues() > 0)
         due = std::min(due, valuesDue());
     if (mRing.size() > eventsUnderWay())
@@ -237,25 +238,29 @@ void Uplink::advance(TimePoint now)
 // A late will of an earlier session can hide this session, so the bridge watches its own topic.
 void Uplink::subscribe()
 {
-    mSubscriptionsLeft = isDocument() ? 2 : 1;
-    mLink->subscribe(mTopics.online());
+    std::vector<std::string> topics = mDown.subscriptions(mTopics);
+    topics.push_back(mTopics.online());
     if (isDocument())
-        mLink->subscribe(mTopics.rebirth());
+        topics.push_back(mTopics.rebirth());
+    mSubscriptionsLeft = static_cast<int>(topics.size());
+    for (const std::string& topic : topics)
+        mLink->subscribe(topic);
 }
 
-void Uplink::onMessage(const std::string& topic, const std::string& payload)
+void Uplink::onMessage(const MqttLink::Received& message)
 {
-    if (topic == mTopics.rebirth())
+    mDown.take(mTopics, message, Clock::now());
+    if (message.topic == mTopics.rebirth())
         mIsBirthWanted = true;
-    if (topic != mTopics.online())
+    if (message.topic != mTopics.online())
         return;
-    const int64_t session = sessionIn(payload);
+    const int64_t session = sessionIn(message.payload);
     if (session > mSession)
     {
         mSession = session;
         mIsOvertaken = true;
     }
-    else if (mStage == Stage::Online && (session < mSession || payload == condition(false)))
+    else if (mStage == Stage::Online && (session < mSession || message.payload == condition(false)))
         mNextOnline = std::min(mNextOnline, Clock::now() + onlinePause);
 }
 
@@ -338,6 +343,7 @@ void Uplink::sendWhatIsDue(TimePoint now)
         sendBatch(now);
     else
         sendValues(now);
+    sendAnswers();
     sendEvents(now);
 }
 
@@ -354,6 +360,8 @@ void Uplink::sendOnline(TimePoint now)
     std::string text = condition(true);
     text.insert(text.size() - 1,
                 "," + member("time", seconds()) + "," + member("eventsDropped", mRing.dropped()));
+    if (!mOptions.commands.empty())
+        text.insert(text.size() - 1, "," + member("commandsRefused", static_cast<int64_t>(mDown.refused())));
     const auto expiry = mOptions.isVersion5 ? mOptions.onlineExpiry : std::chrono::seconds(0);
     send({mTopics.online(), text, true, static_cast<uint32_t>(expiry.count())});
     mNextOnline = expiry.count() == 0 ? TimePoint::max() : now + expiry / 3;
@@ -443,6 +451,17 @@ void Uplink::sendEvents(TimePoint now)
         mEventAllowance -= 1;
         if (!send(message, {{}, id}))
             mRing.acknowledged(id);
+    }
+}
+
+void Uplink::sendAnswers()
+{
+    while (room() > 0)
+    {
+        const std::optional<MqttLink::Message> answer = mDown.nextAnswer();
+        if (!answer)
+            return;
+        send(*answer);
     }
 }
 

@@ -10,6 +10,7 @@
 #include "bridge/Backoff.h"
 #include "bridge/BridgeFile.h"
 #include "bridge/BridgeOptions.h"
+#include "bridge/Downlink.h"
 #include "bridge/EventRing.h"
 #include "bridge/MqttLink.h"
 #include "bridge/TopicRecord.h"
@@ -34,6 +35,11 @@ public:
     void setHasState(bool has) { mHasState = has; }
 
     void addEvent(const std::string& name, const std::string& value);
+
+    /// What the server wants to be posted: see Downlink.
+    bool hasWork() const { return mDown.hasWork(); }
+    Downlink::Batch nextBatch(TimePoint now) { return mDown.nextBatch(now); }
+    void posted(const Downlink::Values& values) { mDown.posted(mTopics, values); }
 
     /// What to poll; -1: nothing.
     int descriptor() const { return mLink ? mLink->descriptor() : -1; }
@@ -73,7 +79,7 @@ private:
     void onAccepted(unsigned receiveMaximum) override;
     void onSubscribed(bool isGranted) override;
     void onAcknowledged(int message, const std::string& refusal) override;
-    void onMessage(const std::string& topic, const std::string& payload) override;
+    void onMessage(const MqttLink::Received& message) override;
 
     void open(TimePoint now);
     void lost(const std::string& reason, TimePoint now);
@@ -88,6 +94,7 @@ private:
     void sendBatch(TimePoint now);
     void sendBirth(TimePoint now);
     void sendEvents(TimePoint now);
+    void sendAnswers();
     void sendValue(const std::string& key, const std::string& value);
     void sendDeletion(const std::string& topic);
     bool send(const MqttLink::Message& message) { return send(message, Sent()); }
@@ -107,6 +114,7 @@ private:
     BridgeFile mFile;
     TopicRecord mRecord;
     EventRing mRing;
+    Downlink mDown;
     Backoff mBackoff;
     std::optional<MqttLink> mLink;
     Stage mStage = Stage::Away;

@@ -30,11 +30,11 @@ MqttServer::MqttServer(const std::string& options)
     mkdir(data.c_str(), 0777);
     chmod((mFolder / ".").c_str(), 0755);
     chmod(data.c_str(), 0777);
-    writeFile(mFolder / "server.conf",
-              "per_listener_settings false\nlistener " + std::to_string(mPort) +
-                  " 127.0.0.1\npersistence true\npersistence_location " + data +
-                  "/\nautosave_on_changes true\nautosave_interval 1\nlog_type notice\nlog_type information\nlog_type error\n" +
-                  options);
+    writeFile(mFolder / "server.conf", "per_listener_settings false\nlistener " + std::to_string(mPort) +
+                                           " 127.0.0.1\npersistence true\npersistence_location " + data +
+                                           "/\nautosave_on_changes true\nautosave_interval 1\nlog_type "
+                                           "notice\nlog_type information\nlog_type error\n" +
+                                           options);
     start();
 }
 
