@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include "c/Failure.h"
+#include "statusmanager/StatusManagerProxy.h"
 
 namespace StatusC
 {
@@ -34,15 +35,26 @@ void Process::claim()
     checkNotForked();
 }
 
-// The first sync() is false once after posts may have been lost. If the second one fails as well, the manager
-// cannot ask at all: without a time limit, a silent broker makes it wait instead.
+// sync() is false once after posts may have been lost: several times in a row, if several brokers end
+// quickly. If it is false each time, the manager cannot ask at all: without a time limit, a silent broker
+// makes it wait instead.
 bool Process::isAnswered(StatusManager& manager)
 {
     constexpr int noTimeLimit = -1;
-    if (manager.sync(noTimeLimit))
-        return true;
-    ++mLosses;
-    return manager.sync(noTimeLimit);
+    constexpr int mostAttempts = 5;
+    for (int attempt = 0; attempt != mostAttempts; ++attempt)
+    {
+        if (manager.sync(noTimeLimit))
+            return true;
+        countLoss();
+    }
+    return false;
+}
+
+uint64_t Process::losses(StatusManager& manager) const
+{
+    const auto* const client = dynamic_cast<const StatusManagerProxy*>(&manager);
+    return mLosses + (client == nullptr ? 0 : client->lostPosts());
 }
 
 } // namespace StatusC
