@@ -1,5 +1,6 @@
 #include "c/Process.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include "c/Failure.h"
@@ -11,7 +12,8 @@ namespace StatusC
 namespace
 {
 
-std::atomic<pid_t> owner{0}; // the process that has opened a status
+std::atomic<pid_t> owner{0};      // the process that has opened a status
+std::atomic<bool> isChild{false}; // this process is a child of it, or a later descendant
 
 } // namespace
 
@@ -24,15 +26,19 @@ Process& Process::instance()
 void Process::checkNotForked()
 {
     const pid_t pid = owner;
-    if (pid != 0 && pid != getpid())
+    if (isChild || (pid != 0 && pid != getpid()))
         throw Failure{STATUS_EFORKED};
 }
 
 void Process::claim()
 {
-    pid_t none = 0;
-    owner.compare_exchange_strong(none, getpid());
     checkNotForked();
+    pid_t none = 0;
+    if (!owner.compare_exchange_strong(none, getpid()))
+        return;
+    // A descendant may get the number of the owner, after its end or in another namespace. Without memory for
+    // this, the number alone must do.
+    static_cast<void>(pthread_atfork(nullptr, nullptr, [] { isChild = true; }));
 }
 
 // sync() is false once after posts may have been lost: several times in a row, if several brokers end
