@@ -31,10 +31,17 @@ void Listener::onEventUpdate(std::string name, std::string value)
 
 bool Listener::subscribe(StatusManager& manager, const StatusKeys& keys)
 {
+    manager.registerListener(this, &mDispatcher); // once
     manager.unregisterForStatus(this, keys); // the manager tells the values of newly subscribed keys only
     mHasGotValues = false;
     manager.registerForStatus(this, keys);
     return mHasGotValues;
+}
+
+void Listener::subscribeEvents(StatusManager& manager, const EventKeys& names)
+{
+    manager.registerListener(this, &mDispatcher); // once
+    manager.registerForEvent(this, names);
 }
 
 } // namespace StatusC

@@ -314,6 +314,25 @@ TEST_F(StatusTest, threadsMayShareAStatus)
     EXPECT_EQ(device.getCounterValue("starts"), threads * rounds);
 }
 
+// There is room for one call only, so one of two simultaneous calls may fail.
+TEST_F(StatusTest, aSubscriptionThatFailsTakesNothingFromAnotherThreads)
+{
+    constexpr uint32_t hour = 3600000;
+    for (int count = 2; count < STATUS_PENDING_MOST; ++count) // the open status counts, too
+        ASSERT_EQ(status_post_event(opened, "later", "", hour), STATUS_OK);
+    for (int round = 0; round < 500; ++round)
+    {
+        int result = STATUS_EFULL;
+        std::thread other([&] { result = opened.subscribeEvents({"bell"}); });
+        const int ownResult = opened.subscribeEvents({"bell"});
+        other.join();
+        device.occur("bell");
+        const bool isSubscribed = result == STATUS_OK || ownResult == STATUS_OK;
+        ASSERT_EQ(opened.takeNow().kind, isSubscribed ? static_cast<int>(STATUS_EVENT) : 0);
+        EXPECT_TRUE(eventually([&] { return opened.unsubscribeEvents({"bell"}) == STATUS_OK; }));
+    }
+}
+
 // ----------------------------------------------------------------------------------------------------- texts
 
 TEST(StatusResults, haveTexts)
