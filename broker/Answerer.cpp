@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "broker/PolicyInquiry.h"
-#include "broker/base/OptionText.h"
+#include "daemon/OptionText.h"
 
 namespace
 {

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Since when a connection has had more to read than the broker has read. The end of a peer shows only behind
 /// everything that the peer has sent, so the peer may have ended when its backlog began. No sockets: it gets

@@ -16,8 +16,8 @@
 #include "broker/Questions.h"
 #include "broker/Schedule.h"
 #include "broker/Statistics.h"
-#include "broker/Supervisor.h"
 #include "broker/base/Refusals.h"
+#include "daemon/Supervisor.h"
 
 /// The broker: takes posts, answers requests, publishes changes. Everything runs on the calling thread.
 class Broker
@@ -83,7 +83,7 @@ private:
     Answerer mAnswerer;
     Questions mQuestions;
     IntakePause mPause{mLoop.started};
-    Supervisor mSupervisor;
+    Supervisor mSupervisor{"the broker"};
 };
 
 #endif

@@ -5,7 +5,7 @@
 #include <deque>
 #include <optional>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Remembers the revision from which a new subscriber must catch up.
 ///

@@ -6,9 +6,9 @@
 #include <iostream>
 #include <sstream>
 
-#include "broker/LastWords.h"
 #include "broker/OptionTable.h"
-#include "broker/base/OptionText.h"
+#include "daemon/LastWords.h"
+#include "daemon/OptionText.h"
 
 namespace
 {

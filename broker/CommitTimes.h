@@ -1,7 +1,7 @@
 #ifndef BROKER_COMMITTIMES_H
 #define BROKER_COMMITTIMES_H
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// When to write the state file although no value changed: to record that time passes, or to retry a failed
 /// write.

@@ -1,18 +1,10 @@
 #ifndef BROKER_CONFIGFILE_H
 #define BROKER_CONFIGFILE_H
 
-#include <stdexcept>
 #include <string>
 
 #include "broker/Options.h"
-
-/// A mistake in a configuration file, in one line: "FILE:LINE: reason", or "FILE: reason" if it concerns no
-/// single line.
-class ConfigError : public std::runtime_error
-{
-public:
-    using std::runtime_error::runtime_error;
-};
+#include "daemon/ConfigText.h"
 
 /// Reads a configuration: lines of "name = value", with the names of the option table. Ignores empty lines
 /// and comments. A comment begins with a # at the beginning of a line or after a blank. Accepts limits that

@@ -6,7 +6,7 @@
 #include <tuple>
 #include <utility>
 
-#include "broker/base/SystemClock.h"
+#include "daemon/SystemClock.h"
 #include "protocol/BrokerDocuments.h"
 
 namespace

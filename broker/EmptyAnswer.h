@@ -1,7 +1,7 @@
 #ifndef BROKER_EMPTYANSWER_H
 #define BROKER_EMPTYANSWER_H
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Decides about the question that follows an empty answer, which the client may not have asked for.
 ///

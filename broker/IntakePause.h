@@ -3,7 +3,7 @@
 
 #include <algorithm>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Decides when to leave posts unread for a while. So a subscriber that is merely slower than a burst still
 /// gets all of it. Requests are served meanwhile.

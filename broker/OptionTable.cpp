@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "broker/base/OptionText.h"
+#include "daemon/OptionText.h"
 
 using namespace OptionText;
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Finds out whether a post connection still holds a post of its own client. It is used where the barrier
 /// waits only briefly or not at all. On busy cores the kernel may deliver a client's "Sync" before a post

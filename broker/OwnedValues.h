@@ -9,9 +9,9 @@
 #include <string_view>
 #include <vector>
 
-#include "broker/base/Clock.h"
 #include "broker/policy/Policy.h"
 #include "broker/state/DeviceState.h"
+#include "daemon/Clock.h"
 
 /// Marks values when their owner has gone. The policy names such values; the client that posted one last owns
 /// it. A value is marked if neither its owner nor another client of the same service returns within the grace

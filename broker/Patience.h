@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// How long requests wait for one post connection to answer a PING.
 ///

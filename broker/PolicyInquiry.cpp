@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "broker/base/OptionText.h"
+#include "daemon/OptionText.h"
 
 namespace
 {

@@ -4,8 +4,8 @@
 #include <string>
 #include <utility>
 
-#include "broker/base/OptionText.h"
 #include "broker/wire/Ping.h"
+#include "daemon/OptionText.h"
 #include "protocol/Words.h"
 
 using namespace std::string_view_literals;

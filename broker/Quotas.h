@@ -6,11 +6,11 @@
 #include <optional>
 #include <sys/types.h>
 
-#include "broker/base/Clock.h"
 #include "broker/base/Refusals.h"
 #include "broker/policy/Policy.h"
 #include "broker/state/Shares.h"
 #include "broker/wire/Connection.h"
+#include "daemon/Clock.h"
 
 /// A user's connections, and what it may still post now.
 struct UserAccount

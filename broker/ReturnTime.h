@@ -1,7 +1,7 @@
 #ifndef BROKER_RETURNTIME_H
 #define BROKER_RETURNTIME_H
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// The time within which the clients of an earlier broker reconnect. Posts may have died with that broker. So
 /// a first "Sync" in this time waits until it is clear whether its client is one of them.

@@ -5,7 +5,7 @@
 #include <functional>
 #include <vector>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// The loop's tasks, each with its time.
 class Schedule

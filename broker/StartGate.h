@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Decides when the first "Sync" of a client is answered.
 ///

@@ -1,7 +1,7 @@
 #ifndef BROKER_STARTPROBE_H
 #define BROKER_STARTPROBE_H
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Whether a starting client has had enough turns to notice the broker's subscription.
 ///

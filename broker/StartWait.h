@@ -1,7 +1,7 @@
 #ifndef BROKER_STARTWAIT_H
 #define BROKER_STARTWAIT_H
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// How long starting clients wait for one post connection to show that posts can arrive. It shows that by its
 /// handshake, and then by the answer to the PING behind its subscription.

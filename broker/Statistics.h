@@ -6,7 +6,7 @@
 #include <map>
 #include <string>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Durations of something that happens many times.
 class Durations

@@ -9,10 +9,10 @@
 
 #include "broker/Broker.h"
 #include "broker/CommandLine.h"
-#include "broker/LastWords.h"
 #include "broker/PolicyOption.h"
-#include "broker/Signals.h"
 #include "common/Logging.h"
+#include "daemon/LastWords.h"
+#include "daemon/Signals.h"
 
 OV_LOG_CONTROL_WORDS;
 

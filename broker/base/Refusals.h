@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Why the broker did not do what came from outside.
 enum class Refusal

@@ -7,7 +7,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 namespace
 {

@@ -6,12 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "broker/base/Clock.h"
 #include "broker/peer/Identity.h"
 #include "broker/peer/OwnerQuery.h"
 #include "broker/peer/Processes.h"
 #include "broker/peer/Services.h"
 #include "broker/peer/Users.h"
+#include "daemon/Clock.h"
 
 /// Finds out which client is at the other end of a connection. It finds user and service at once. It looks
 /// for the process little by little, so that nothing waits for the search.

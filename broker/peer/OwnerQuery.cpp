@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 namespace
 {

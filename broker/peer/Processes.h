@@ -11,8 +11,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "broker/base/Clock.h"
-#include "broker/base/Descriptor.h"
+#include "daemon/Clock.h"
+#include "daemon/Descriptor.h"
 
 /// Finds the processes that have a socket, for people to read, never for decisions. A process may hand a
 /// socket on, end, or give itself any program name. Where the broker may not look into another user's

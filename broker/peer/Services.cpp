@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 namespace
 {

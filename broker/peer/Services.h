@@ -7,7 +7,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "broker/base/Clock.h"
+#include "daemon/Clock.h"
 
 /// Finds the systemd service that a control group belongs to. A control group's id is the number of its
 /// folder in the kernel's tree. So this walks the folders and remembers them.

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <utility>
 
-#include "broker/base/Descriptor.h"
 #include "broker/peer/Owner.h"
 #include "broker/peer/SocketPair.h"
+#include "daemon/Descriptor.h"
 
 /// Asks the kernel for one socket, through NETLINK_SOCK_DIAG. That takes a microsecond and needs no
 /// privileges. It asks for exactly this connection: a dump filtered by port would also return sockets of

@@ -8,7 +8,7 @@
 #include <pwd.h>
 #include <sys/stat.h>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 namespace
 {

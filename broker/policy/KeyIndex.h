@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "broker/policy/Glob.h"
+#include "daemon/Glob.h"
 
 /// Finds the first of many globs that matches a name, without trying them one by one.
 ///

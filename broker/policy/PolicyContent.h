@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "broker/policy/Action.h"
-#include "broker/policy/Glob.h"
+#include "daemon/Glob.h"
 
 /// A client as rules see it.
 struct Subject

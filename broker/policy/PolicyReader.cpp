@@ -4,11 +4,11 @@
 #include <string_view>
 #include <utility>
 
-#include "broker/base/OptionText.h"
 #include "broker/policy/PolicyCollector.h"
 #include "broker/policy/PolicyText.h"
 #include "broker/policy/PolicyToml.h"
 #include "broker/policy/PolicyValues.h"
+#include "daemon/OptionText.h"
 
 using OptionText::quoted;
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "broker/base/OptionText.h"
+#include "daemon/OptionText.h"
 
 using OptionText::quoted;
 

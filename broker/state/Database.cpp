@@ -5,8 +5,8 @@
 #include <limits>
 #include <sys/stat.h>
 
-#include "broker/state/DatabaseFile.h"
 #include "broker/state/PosterText.h"
+#include "daemon/DatabaseFile.h"
 
 namespace
 {
@@ -139,7 +139,7 @@ Database::Database(sqlite3* opened, const Limits& limits) : mLimits(limits), mDa
     if (!mDatabase || sqlite3_errcode(mDatabase.get()) != SQLITE_OK)
         fail("open");
     mIsOpenForWriting = sqlite3_db_readonly(mDatabase.get(), "main") == 0;
-    DatabaseFile::harden(mDatabase.get(), limits);
+    DatabaseFile::harden(mDatabase.get(), limits.valueBytes);
     foldInOnClose(false); // an unreadable file stays as it is
     execute("PRAGMA mmap_size = 0; PRAGMA cell_size_check = ON", "open");
 }

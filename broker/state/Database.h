@@ -10,11 +10,11 @@
 #include <sys/types.h>
 
 #include "broker/base/Limits.h"
-#include "broker/state/DatabaseError.h"
 #include "broker/state/LogCheck.h"
 #include "broker/state/Rows.h"
 #include "broker/state/SavedState.h"
 #include "broker/state/StateSync.h"
+#include "daemon/DatabaseError.h"
 
 /// The state file as an SQLite database. Every operation throws DatabaseError.
 ///

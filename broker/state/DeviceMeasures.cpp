@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "broker/base/SystemClock.h"
 #include "broker/state/DeviceState.h"
+#include "daemon/SystemClock.h"
 
 namespace
 {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "broker/base/SystemClock.h"
+#include "daemon/SystemClock.h"
 
 using BrokerProtocol::Member;
 

@@ -5,9 +5,9 @@
 #include <tuple>
 #include <utility>
 
-#include "broker/base/SystemClock.h"
 #include "broker/state/DeviceState.h"
 #include "broker/state/PosterText.h"
+#include "daemon/SystemClock.h"
 
 void DeviceState::restore(const SavedState& state)
 {

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <vector>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 namespace
 {

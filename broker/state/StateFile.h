@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "broker/base/Clock.h"
 #include "broker/state/Database.h"
 #include "broker/state/SavedState.h"
 #include "broker/state/StateSync.h"
+#include "daemon/Clock.h"
 
 /// A moment of this boot. Timers continue over a restart of the broker, but not of the device.
 struct BootMoment

@@ -7,14 +7,14 @@
 #include <string_view>
 #include <sys/uio.h>
 
-#include "broker/base/Clock.h"
-#include "broker/base/Descriptor.h"
 #include "broker/base/Progress.h"
 #include "broker/base/Refusals.h"
 #include "broker/peer/Identity.h"
 #include "broker/wire/FrameReader.h"
 #include "broker/wire/Handshake.h"
 #include "broker/wire/Poller.h"
+#include "daemon/Clock.h"
+#include "daemon/Descriptor.h"
 
 class PolicyClass;
 struct UserAccount;

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <netinet/in.h>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 /// A port of 127.0.0.1 that accepts connections.
 class Listener

@@ -6,7 +6,7 @@
 #include <sys/epoll.h>
 #include <vector>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 
 /// The owner of a polled descriptor. The kind says which class it is.
 class Pollable

@@ -9,11 +9,11 @@
 #include <memory>
 #include <vector>
 
-#include "broker/base/Clock.h"
 #include "broker/peer/Identities.h"
 #include "broker/wire/Connection.h"
 #include "broker/wire/Listener.h"
 #include "broker/wire/Poller.h"
+#include "daemon/Clock.h"
 
 /// A port and its connections. Peer derives from Connection and is constructed from (Descriptor, Kind,
 /// TimePoint).

@@ -2,20 +2,18 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
-#include <cstring>
 #include <utility>
 
+#include "brokerlink/LinkMonitor.h"
+#include "brokerlink/Messages.h"
 #include "protocol/ClientDocuments.h"
 #include "statusctl/base/Failure.h"
-#include "statusctl/device/Messages.h"
 #include "statusctl/text/Duration.h"
 
 namespace
 {
 
 constexpr const char* requests = "tcp://127.0.0.1:5555";
-constexpr const char* events = "inproc://link";
 
 // Turn 0 is before the first connection, so odd turns are connected.
 bool isUp(unsigned turn)
@@ -103,27 +101,18 @@ void BrokerLink::watch()
     {
         zmq::socket_t link(mContext, zmq::socket_type::req);
         link.set(zmq::sockopt::linger, 0);
-        if (zmq_socket_monitor(link.handle(), events,
-                               ZMQ_EVENT_HANDSHAKE_SUCCEEDED | ZMQ_EVENT_DISCONNECTED) != 0)
-            throw zmq::error_t();
-        zmq::socket_t monitor(mContext, zmq::socket_type::pair);
-        monitor.set(zmq::sockopt::linger, 0);
-        monitor.connect(events);
+        LinkMonitor monitor(mContext, link, "link");
         link.connect(requests);
-        while (const std::optional<std::string> event = Messages::receive(monitor))
-            take(*event);
+        for (;;)
+            take(monitor.receive());
     }
     catch (const zmq::error_t&) // thrown after end(). Without sockets there is nothing to report either
     {
     }
 }
 
-// A monitor event begins with its number.
-void BrokerLink::take(const std::string& event)
+void BrokerLink::take(bool hasCome)
 {
-    uint16_t number = 0;
-    std::memcpy(&number, event.data(), sizeof(number));
-    const bool hasCome = number == ZMQ_EVENT_HANDSHAKE_SUCCEEDED;
     if (hasCome == isUp(mTurn)) // another attempt of the same connection
         return;
     if (++mTurn == 1)

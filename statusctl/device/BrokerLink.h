@@ -39,7 +39,7 @@ public:
 
 private:
     void watch();
-    void take(const std::string& event);
+    void take(bool hasCome);
     std::optional<std::string> ask(const std::string& request, const std::function<bool()>& isWanted);
 
     const std::function<void(bool)> mTell;

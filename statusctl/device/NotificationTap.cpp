@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "statusctl/device/Messages.h"
+#include "brokerlink/NotificationSocket.h"
 
 NotificationTap::NotificationTap(std::function<void(BrokerProtocol::Notification)> receive)
     : mReceive(std::move(receive)), mThread([this] { run(); })
@@ -21,15 +21,12 @@ void NotificationTap::run()
     bool isFirst = true;
     try
     {
-        zmq::socket_t socket(mContext, zmq::socket_type::sub);
-        socket.set(zmq::sockopt::linger, 0);
-        socket.set(zmq::sockopt::subscribe, "");
-        socket.connect("tcp://127.0.0.1:5557");
+        NotificationSocket socket(mContext);
+        socket.connect();
         for (;;)
         {
             using Kind = BrokerProtocol::Notification::Kind;
-            BrokerProtocol::Notification notification =
-                BrokerProtocol::readNotification(Messages::receive(socket).value_or(""));
+            BrokerProtocol::Notification notification = socket.receive();
             if (notification.kind == Kind::StatusUpdate || notification.kind == Kind::EventUpdate)
                 mReceive(std::move(notification));
             if (std::exchange(isFirst, false))

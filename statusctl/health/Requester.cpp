@@ -5,10 +5,10 @@
 #include <limits>
 #include <utility>
 
+#include "brokerlink/Messages.h"
 #include "protocol/Words.h"
 #include "statusctl/base/Failure.h"
 #include "statusctl/device/Device.h"
-#include "statusctl/device/Messages.h"
 #include "statusctl/text/Duration.h"
 #include "statusctl/text/Json.h"
 

@@ -11,7 +11,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "broker/base/Descriptor.h"
+#include "daemon/Descriptor.h"
 #include "tests/support/Loopback.h"
 #include "tests/support/Wait.h"
 

@@ -29,7 +29,7 @@ ifeq ($(BR2_PACKAGE_STATUSMANAGER_BROKER),y)
 STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BROKER=ON
 STATUSMANAGER_DEPENDENCIES += cli11 sqlite tomlplusplus
 
-define STATUSMANAGER_USERS
+define STATUSMANAGER_BROKER_USER
 	statusbroker -1 statusbroker -1 * - - - Status broker
 endef
 
@@ -37,7 +37,9 @@ endef
 define STATUSMANAGER_INSTALL_INIT_SYSV
 	$(INSTALL) -D -m 0755 $(@D)/packaging/sysvinit/statusbroker \
 		$(TARGET_DIR)/etc/init.d/S50statusbroker
-	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
+	rm -f $(TARGET_DIR)/usr/lib/systemd/system/statusbridge.service \
+		$(TARGET_DIR)/usr/lib/sysusers.d/statusbridge.conf \
+		$(TARGET_DIR)/usr/lib/systemd/system/statusbroker.service \
 		$(TARGET_DIR)/usr/lib/sysusers.d/statusbroker.conf \
 		$(TARGET_DIR)/usr/share/statusbroker/allow-set-time.conf \
 		$(TARGET_DIR)/usr/share/statusbroker/early-boot.conf \
@@ -47,6 +49,22 @@ endef
 else
 STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BROKER=OFF
 endif
+
+ifeq ($(BR2_PACKAGE_STATUSMANAGER_BRIDGE),y)
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BRIDGE=ON
+STATUSMANAGER_DEPENDENCIES += cppzmq mosquitto sqlite
+
+define STATUSMANAGER_BRIDGE_USER
+	statusbridge -1 statusbridge -1 * - - - Status bridge
+endef
+else
+STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_BRIDGE=OFF
+endif
+
+define STATUSMANAGER_USERS
+$(STATUSMANAGER_BROKER_USER)
+$(STATUSMANAGER_BRIDGE_USER)
+endef
 
 ifeq ($(BR2_PACKAGE_STATUSMANAGER_TOOL),y)
 STATUSMANAGER_CONF_OPTS += -DSTATUSMANAGER_BUILD_TOOL=ON

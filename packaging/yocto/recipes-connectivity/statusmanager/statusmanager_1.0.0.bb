@@ -18,9 +18,11 @@ DEPENDS = "zeromq jsoncpp nlohmann-json"
 
 inherit cmake pkgconfig systemd update-rc.d useradd
 
-# Without the broker the device needs another one; without the tool it has no statusctl.
+# Without the broker the device needs another one; without the tool it has no statusctl. The bridge to an MQTT server needs
+# meta-networking.
 PACKAGECONFIG ??= "broker tool"
 PACKAGECONFIG[broker] = "-DSTATUSMANAGER_BUILD_BROKER=ON,-DSTATUSMANAGER_BUILD_BROKER=OFF,cli11 sqlite3 tomlplusplus"
+PACKAGECONFIG[bridge] = "-DSTATUSMANAGER_BUILD_BRIDGE=ON,-DSTATUSMANAGER_BUILD_BRIDGE=OFF,cppzmq mosquitto sqlite3"
 PACKAGECONFIG[tool] = "-DSTATUSMANAGER_BUILD_TOOL=ON,-DSTATUSMANAGER_BUILD_TOOL=OFF,cppzmq cli11 ncurses"
 
 # The examples are for a developer's machine, and so are the tests, which want its network ports. Programs find their
@@ -35,7 +37,7 @@ EXTRA_OECMAKE = " \
 do_install:append() {
     if [ -d ${D}${nonarch_libdir}/systemd/system ] && [ "${systemd_system_unitdir}" != "${nonarch_libdir}/systemd/system" ]; then
         install -d ${D}${systemd_system_unitdir}
-        mv ${D}${nonarch_libdir}/systemd/system/statusbroker.service ${D}${systemd_system_unitdir}/
+        mv ${D}${nonarch_libdir}/systemd/system/*.service ${D}${systemd_system_unitdir}/
         rmdir ${D}${nonarch_libdir}/systemd/system ${D}${nonarch_libdir}/systemd
     fi
     if ${STATUSMANAGER_NEEDS_SCRIPT}; then
@@ -45,11 +47,12 @@ do_install:append() {
 STATUSMANAGER_NEEDS_SCRIPT = "${@'true' if bb.utils.contains('PACKAGECONFIG', 'broker', True, False, d) and \
     bb.utils.contains('DISTRO_FEATURES', 'sysvinit', True, False, d) else 'false'}"
 
-PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers statusbroker statusctl statusctl-completions"
+PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers libstatusmanager-c statusbroker statusbridge statusctl statusctl-completions"
 
 FILES:libveskcommon = "${libdir}/libveskcommon.so.*"
 FILES:libstatusmanager = "${libdir}/libstatusmanager.so.*"
 FILES:libstatushelpers = "${libdir}/libstatushelpers.so.*"
+FILES:libstatusmanager-c = "${libdir}/libstatusmanager-c.so.*"
 FILES:statusbroker = " \
     ${bindir}/statusbroker \
     ${sysconfdir}/statusbroker.conf \
@@ -58,6 +61,12 @@ FILES:statusbroker = " \
     ${nonarch_libdir}/sysusers.d/statusbroker.conf \
     ${libexecdir}/statusbroker \
     ${datadir}/statusbroker \
+"
+FILES:statusbridge = " \
+    ${bindir}/statusbridge \
+    ${systemd_system_unitdir}/statusbridge.service \
+    ${nonarch_libdir}/sysusers.d/statusbridge.conf \
+    ${datadir}/statusbridge \
 "
 FILES:statusctl = "${bindir}/statusctl"
 FILES:statusctl-completions = "${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish"
@@ -68,20 +77,27 @@ FILES:${PN}-doc = "${mandir}"
 ALLOW_EMPTY:${PN} = "1"
 RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
+    ${@bb.utils.contains('PACKAGECONFIG', 'bridge', 'statusbridge', '', d)} \
     ${@bb.utils.contains('PACKAGECONFIG', 'tool', 'statusctl', '', d)} \
 "
 RDEPENDS:${PN}-dev = " \
-    libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV}) \
+    libstatusmanager-c (= ${EXTENDPKGV}) libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) \
+    libveskcommon (= ${EXTENDPKGV}) \
 "
 
 CONFFILES:statusbroker = "${sysconfdir}/statusbroker.conf"
-SYSTEMD_PACKAGES = "${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)}"
+SYSTEMD_PACKAGES = " \
+    ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
+    ${@bb.utils.contains('PACKAGECONFIG', 'bridge', 'statusbridge', '', d)} \
+"
 SYSTEMD_SERVICE:statusbroker = "statusbroker.service"
-INITSCRIPT_PACKAGES = "${SYSTEMD_PACKAGES}"
+SYSTEMD_SERVICE:statusbridge = "statusbridge.service"
+INITSCRIPT_PACKAGES = "${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)}"
 INITSCRIPT_NAME:statusbroker = "statusbroker"
 INITSCRIPT_PARAMS:statusbroker = "defaults 20"
-USERADD_PACKAGES = "statusbroker"
+USERADD_PACKAGES = "statusbroker statusbridge"
 USERADD_PARAM:statusbroker = "--system --no-create-home --home-dir / --shell /sbin/nologin --user-group statusbroker"
+USERADD_PARAM:statusbridge = "--system --no-create-home --home-dir / --shell /sbin/nologin --user-group statusbridge"
 
 # For tools on the machine that builds, and in an SDK. There is no init there; zeromq and the others are needed likewise.
 BBCLASSEXTEND = "native nativesdk"

@@ -1,0 +1,65 @@
+#ifndef BRIDGE_BRIDGEOPTIONS_H
+#define BRIDGE_BRIDGEOPTIONS_H
+
+#include <chrono>
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "bridge/NameRules.h"
+
+/// The bridge's configuration.
+struct BridgeOptions
+{
+    enum class Layout
+    {
+        Keys,     ///< a retained message for each key
+        Document, ///< one retained message with all keys, and messages with changes
+    };
+
+    std::string server;
+    int port = 0; ///< 0: the usual one
+    std::string device;
+    std::string prefix = "fleet";
+    std::string clientId; ///< empty: the device
+    bool isVersion5 = true;
+    std::chrono::seconds keepAlive{60};
+    std::chrono::seconds longestPause{300};
+
+    bool isInsecure = false;
+    std::string ca = "/etc/ssl/certs"; ///< a file, or a folder
+    std::string certificate;
+    std::string key;
+    std::string alpn;
+    std::string user;
+    std::string passwordFile;
+
+    Layout layout = Layout::Keys;
+    NameRules keys;
+    NameRules events;
+    std::vector<IntervalRule> intervals;
+    std::vector<Glob> desiredKeys;           ///< keys that the server may set; none: off
+    std::vector<Glob> commands;              ///< events that the server may cause; none: off
+    std::chrono::milliseconds batch{1000};   ///< in the layout Document
+    std::chrono::seconds rebirthPause{10};   ///< between two births that the server asks for
+    std::chrono::seconds onlineExpiry{3600}; ///< 0: none
+
+    std::string file; ///< empty: nothing is kept
+    std::size_t mostEvents = 10000;
+    std::size_t mostEventBytes = std::size_t{4} * 1024 * 1024;
+    unsigned eventRate = 50; ///< events per second
+    int logLevel = 5;
+
+    int effectivePort() const;
+    const std::string& effectiveClientId() const { return clientId.empty() ? device : clientId; }
+
+    /// Reads a configuration in the format of ConfigText. If it names no file, the environment variable
+    /// STATUSBRIDGE_FILE does. Throws ConfigError.
+    static BridgeOptions parse(const std::string& text, const std::string& fileName);
+    static BridgeOptions readFile(const std::string& fileName);
+};
+
+/// Reads a password: the content of a file without the line end. Throws ConfigError.
+std::string readPassword(const std::string& fileName);
+
+#endif
