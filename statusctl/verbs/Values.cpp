@@ -154,8 +154,7 @@ public:
                 if (mIsWhile)
                     takeCommand();
                 if (mWords.size() % 2 != 0)
-                    throw CLI::ValidationError("missing value after \"" + mWords.back() +
-                                               "\" (usage: set KEY VALUE...)");
+                    failWithoutValue(mWords.back());
                 Names::checkExact(keys(), mIsLiteral);
                 if (inputs() > 1)
                     throw CLI::ValidationError("only one value can be read from standard input");
@@ -177,6 +176,15 @@ public:
     }
 
 private:
+    [[noreturn]] static void failWithoutValue(const std::string& key)
+    {
+        const std::size_t equals = key.find('=');
+        throw CLI::ValidationError("missing value after \"" + key + "\" (usage: set KEY VALUE...)" +
+                                   (equals == std::string::npos ? ""
+                                                                : "; write: set " + key.substr(0, equals) +
+                                                                      " " + key.substr(equals + 1)));
+    }
+
     // Takes the words behind the pair.
     void takeCommand()
     {
