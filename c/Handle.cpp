@@ -235,7 +235,7 @@ void Handle::unsubscribe(const StatusKeys& keys)
 {
     const Lock lock(mSubscribing);
     postWhileOpen(keys, [listener = mListener, keys](StatusManager& manager)
-                  { manager.unregisterForStatus(listener.get(), keys); });
+                  { listener->unsubscribe(manager, keys); });
     mInbox->unsubscribe(keys);
 }
 
@@ -259,7 +259,7 @@ void Handle::unsubscribeEvents(const EventKeys& names)
 {
     const Lock lock(mSubscribing);
     postWhileOpen(names, [listener = mListener, names](StatusManager& manager)
-                  { manager.unregisterForEvent(listener.get(), names); });
+                  { listener->unsubscribeEvents(manager, names); });
     mInbox->unsubscribeEvents(names);
 }
 

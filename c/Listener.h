@@ -26,8 +26,10 @@ public:
     /// Subscribes, and thereby passes the present values to the inbox. Manager's thread.
     /// @returns whether there were any
     bool subscribe(StatusManager& manager, const StatusKeys& keys);
-    /// Manager's thread.
+    // Manager's thread, these too.
     void subscribeEvents(StatusManager& manager, const EventKeys& names);
+    void unsubscribe(StatusManager& manager, const StatusKeys& keys);
+    void unsubscribeEvents(StatusManager& manager, const EventKeys& names);
 
 private:
     class InPlace : public Orvane::EventDispatcher
@@ -37,9 +39,12 @@ private:
         void post(Orvane::EventAgent* agent) override;
     };
 
+    void join(StatusManager& manager);
+
     const std::shared_ptr<Inbox> mInbox;
     InPlace mDispatcher;
-    bool mHasGotValues = false; // manager's thread
+    bool mHasGotValues = false; // manager's thread, both
+    bool mHasJoined = false;
 };
 
 } // namespace StatusC

@@ -146,17 +146,24 @@ bool canEnterContainer()
 }
 
 // The first process of a container opens, and begins another container. Both processes have the number 1.
+// LeakSanitizer cannot look at a process after it has entered, so only processes that end by _exit() enter.
 void forksIntoAContainer()
 {
-    ASSERT_TRUE(canEnterContainer());
+    const auto opensAndForks = []
+    {
+        status::FakeStatusManager device;
+        const Opened opened;
+        if (!canEnterContainer())
+            return false;
+        expectInChild([&] { return getpid() == 1 && isRefusedEverywhere(opened); });
+        return !testing::Test::HasFailure();
+    };
     expectInChild(
-        []
+        [&]
         {
-            status::FakeStatusManager device;
-            const Opened opened;
             if (!canEnterContainer())
                 return false;
-            expectInChild([&] { return getpid() == 1 && isRefusedEverywhere(opened); });
+            expectInChild(opensAndForks);
             return !testing::Test::HasFailure();
         });
 }

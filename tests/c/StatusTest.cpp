@@ -16,6 +16,9 @@ namespace
 class StatusTest : public testing::Test
 {
 protected:
+    // A question that was under way at a close would still use the device.
+    void TearDown() override { static_cast<void>(opened.sync()); }
+
     status::FakeStatusManager device;
     Opened opened;
 };
