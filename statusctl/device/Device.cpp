@@ -207,6 +207,13 @@ void Device::confirm()
         throw Failure(ExitCode::Failed, "the broker did not confirm the posts");
 }
 
+void Device::leaveTime()
+{
+    constexpr std::chrono::milliseconds longest = std::chrono::seconds(1);
+    mUnconfirmed = 0;
+    mManager->sync(static_cast<int>(longest.count()));
+}
+
 void Device::unregister(IStatusUpdateListener* listener)
 {
     const Deadline deadline(mSettings.requestTimeout(), [this] { leave(); });

@@ -1,11 +1,9 @@
 // get, set and reset: they take keys by name.
 
 #include <algorithm>
-#include <chrono>
 #include <iterator>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "statusctl/base/ChildCommand.h"
@@ -142,7 +140,7 @@ public:
             ->required();
         command.add_flag(
             "--no-sync", mNoSync,
-            "Do not wait until the broker has taken the values: faster, but without confirmation");
+            "Wait at most a second until the broker has taken the values, and do not check them");
         command.add_flag(
             "--while", mIsWhile,
             "After one pair: run COMMAND, and stay connected until it ends. "
@@ -168,7 +166,7 @@ public:
         if (mNoSync)
         {
             device.post(values);
-            leaveTime();
+            device.leaveTime();
         }
         else
             post(device, values);
@@ -243,13 +241,6 @@ private:
                           "the broker refused " + Names::inQuotes(refused) +
                               (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) + "; see its log",
                           {{"refused", refused}, {"taken", taken}});
-    }
-
-    // Gives the library's threads time to hand the post to the kernel.
-    static void leaveTime()
-    {
-        constexpr std::chrono::milliseconds enough{50};
-        std::this_thread::sleep_for(enough);
     }
 
     std::vector<std::string> mWords;
