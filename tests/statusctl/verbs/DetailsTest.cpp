@@ -10,6 +10,7 @@
 #include "statusctl/text/Timestamp.h"
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ProgramName.h"
 #include "tests/support/ScriptedBroker.h"
 #include "tests/support/ZmtpPeer.h"
 
@@ -64,7 +65,7 @@ TEST(DetailsTest, showPrintsAllThatIsKnown)
     ZmtpPeer posting(ZmtpPeer::postPort);
     ASSERT_TRUE(posting.shakeHands());
     ASSERT_TRUE(posting.write(ZmtpPeer::message(R"({"postStatus":{"door":"open"}})")));
-    const std::string us = "process " + std::to_string(getpid()) + " (ToolTest)";
+    const std::string us = "process " + std::to_string(getpid()) + " (" + kernelNameOf("ToolTest") + ")";
     EXPECT_TRUE(eventually([&] { return statusctl({"show", "door"}).output.find(us) != std::string::npos; }));
     const Outcome outcome = statusctl({"show", "door"});
     std::istringstream lines(outcome.output);
