@@ -256,7 +256,7 @@ void Connections::forgetPoster(PostConnection& connection)
     const Identity& identity = connection.identity;
     mOnPosterGone(connection.poster,
                   !identity.service.empty() || identity.search != Identity::Search::CutShort,
-                  connection.backlog.earliestEnd(Clock::now()));
+                  connection.backlog.earliestEnd(Clock::now(), mPosts.looks()));
     mState.posters().release(std::exchange(connection.poster, Posters::nobody));
 }
 

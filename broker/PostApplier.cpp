@@ -55,7 +55,7 @@ void PostApplier::apply(const PostConnection& client, std::string_view post)
 // empty.
 void PostApplier::refuse(std::string_view post)
 {
-    const bool isCutOff = post.size() % BrokerProtocol::maxFrameBytes == 0;
+    const bool isCutOff = BrokerProtocol::losesItsEnd(post.size());
     mRefusals.report(
         Refusal::MalformedPost, "Malformed post [%.*s] refused%s", excerptLength(post), post.data(),
         isCutOff ? ", which seems to lack its last 512 bytes: its length is a multiple of that" : "");

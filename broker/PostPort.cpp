@@ -145,7 +145,7 @@ void PostPort::read(PostConnection& connection, TimePoint now)
     connection.bytesSincePong += count;
     mReceived += count;
     connection.pongs.read(count, now);
-    connection.backlog.read(count == most && connection.arrivals() != 0, now);
+    connection.backlog.read(count == most && connection.arrivals() != 0, now, looks());
     std::string_view bytes(mBuffer.data(), count);
     FrameReader::Item item;
     bool opened = false;

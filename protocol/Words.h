@@ -135,6 +135,14 @@ constexpr const char* syncLostWord = "SyncLost";
 /// Messages travel in frames of at most this many bytes.
 constexpr std::size_t maxFrameBytes = 512;
 
+/// Whether a message of this length would lose its end. libstatusmanager computes the length of the last
+/// frame so that a message of whole frames loses the last one. Clients in the field send like this, so it
+/// must stay. See docs/protocol.md.
+constexpr bool losesItsEnd(std::size_t messageBytes)
+{
+    return messageBytes % maxFrameBytes == 0;
+}
+
 /// The broker's addresses.
 constexpr uint16_t requestPort = 5555;
 constexpr uint16_t postPort = 5556;

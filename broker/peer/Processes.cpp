@@ -148,7 +148,7 @@ void Processes::note(Found& found)
 std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) const
 {
     constexpr int mostDescriptors = 1024; // one process must not delay others
-    constexpr int fewDescriptors = 32;    // read even when the time is over: others may have used it
+    constexpr int fewDescriptors = 32;    // always read: other programs may have used the time
     const TimePoint end = Clock::now() + std::chrono::milliseconds(1);
     const Descriptor process = openFolder(AT_FDCWD, mProc + "/" + std::to_string(pid));
     std::set<uint64_t> sockets;

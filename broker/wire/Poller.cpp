@@ -37,6 +37,7 @@ std::size_t Poller::wait(std::chrono::microseconds limit)
     const int count = epoll_wait(mPoll.number(), mEvents.data(), static_cast<int>(mEvents.size()), timeout);
     if (count < 0 && errno != EINTR)
         throw std::system_error(errno, std::generic_category(), "epoll_wait");
+    mLooks += count < 0 ? 0 : 1;
     return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 

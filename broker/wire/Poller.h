@@ -57,6 +57,10 @@ public:
     /// Waits at most `limit`, rounded up to whole milliseconds; negative: without limit. Returns the number
     /// of events.
     std::size_t wait(std::chrono::microseconds limit);
+
+    /// How often wait() has looked at the descriptors.
+    uint64_t looks() const { return mLooks; }
+
     Event event(std::size_t index) const
     {
         return {static_cast<Pollable*>(mEvents[index].data.ptr), mEvents[index].events};
@@ -66,6 +70,7 @@ private:
     void control(int operation, int descriptor, uint32_t what, Pollable* owner);
 
     Descriptor mPoll;
+    uint64_t mLooks = 0;
     std::vector<epoll_event> mEvents = std::vector<epoll_event>(128);
 };
 

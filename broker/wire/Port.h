@@ -68,6 +68,9 @@ public:
     uint64_t accepted() const { return mAccepted; }
     uint64_t arrived() const { return mAccepted + mListener.waiting(); }
 
+    /// How often the broker has looked at its connections.
+    uint64_t looks() const { return mPoller.looks(); }
+
     /// Closes the connection at once; the object lives until collect().
     void close(Peer& peer)
     {

@@ -7,10 +7,10 @@
 #include <thread>
 
 #include "protocol/ClientDocuments.h"
+#include "protocol/Utf8.h"
 #include "statusctl/device/Ports.h"
 #include "statusctl/text/Duration.h"
 #include "statusctl/text/Report.h"
-#include "statusctl/text/Text.h"
 
 namespace
 {
@@ -28,16 +28,9 @@ std::optional<Failure> unreachable()
                                               "); is statusbroker running?");
 }
 
-// The library sends the last frame of a message with length % maxFrameBytes bytes. A message whose length is
-// a multiple of maxFrameBytes loses its end.
-bool isTaken(const std::string& message)
-{
-    return message.size() % BrokerProtocol::maxFrameBytes != 0;
-}
-
 void checkTaken(const std::string& message)
 {
-    if (!isTaken(message))
+    if (BrokerProtocol::losesItsEnd(message.size()))
         throw Unsendable("the transport cannot take a message of exactly " + std::to_string(message.size()) +
                          " bytes; make it a byte longer or shorter");
 }
@@ -46,7 +39,7 @@ void checkTaken(const std::string& message)
 // or value.
 void checkUtf8(const std::string& text)
 {
-    if (!Text::isUtf8(text))
+    if (!Utf8::isValid(text))
         throw Unsendable("\"" + text.substr(0, 40) +
                          "\" is not UTF-8; encode it, since only UTF-8 can be posted");
 }
@@ -57,7 +50,7 @@ template <typename Texts, typename Write, typename Send>
 void sendInParts(const Texts& texts, std::size_t most, Write write, Send send)
 {
     const std::string message = write(texts);
-    if (isTaken(message) && message.size() <= most)
+    if (!BrokerProtocol::losesItsEnd(message.size()) && message.size() <= most)
         return send(texts);
     if (texts.size() == 1)
     {

@@ -4,6 +4,7 @@
 #include <json/writer.h>
 #include <memory>
 
+#include "protocol/Utf8.h"
 #include "statusctl/base/Failure.h"
 #include "statusctl/text/Text.h"
 
@@ -39,7 +40,7 @@ std::string JsonText::write(const Json::Value& value, Settings::Json style)
 
 void JsonText::set(Json::Value& object, const std::string& name, const std::string& text)
 {
-    if (Text::isUtf8(text))
+    if (Utf8::isValid(text))
         object[name] = text;
     else
         object[name + base64Suffix] = Text::base64(text);
@@ -63,7 +64,7 @@ Json::Value JsonText::ofValues(const StatusMap& values)
     root["values"] = Json::Value(Json::objectValue);
     for (const auto& [key, value] : values)
     {
-        if (Text::isUtf8(value))
+        if (Utf8::isValid(value))
             root["values"][Text::valid(key)] = value;
         else
             root["base64"][Text::valid(key)] = Text::base64(value);

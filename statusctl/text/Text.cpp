@@ -7,15 +7,12 @@
 #include <iterator>
 #include <string_view>
 
+#include "protocol/Utf8.h"
+
 namespace
 {
 
-struct Character
-{
-    std::size_t bytes;
-    bool isUtf8;
-    uint32_t code; // the byte itself if it is not UTF-8
-};
+using Utf8::Character;
 
 struct Range
 {
@@ -61,58 +58,13 @@ bool isIn(const Range (&ranges)[Count], const Character& character)
                        { return character.code >= range.first && character.code <= range.last; });
 }
 
-bool isContinuation(char byte)
-{
-    return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U;
-}
-
-// The length of a character with this first byte; 0 if no character begins so.
-std::size_t lengthOf(unsigned char first)
-{
-    if (first < 0x80)
-        return 1;
-    if (first >= 0xC2 && first < 0xE0)
-        return 2;
-    if (first >= 0xE0 && first < 0xF0)
-        return 3;
-    return first >= 0xF0 && first < 0xF5 ? 4 : 0;
-}
-
-// Overlong, a half of a surrogate pair, or beyond the last character.
-bool isForbidden(std::size_t length, uint32_t code)
-{
-    constexpr std::array<uint32_t, 5> least{0, 0, 0x80, 0x800, 0x10000};
-    return code < least.at(length) || (code >= 0xD800 && code < 0xE000) || code > 0x10FFFF;
-}
-
-// The character at this position. A byte that belongs to no character counts as itself.
-Character characterAt(std::string_view text, std::size_t at)
-{
-    const auto first = static_cast<unsigned char>(text[at]);
-    const std::size_t length = lengthOf(first);
-    if (length == 1)
-        return {1, true, first};
-    if (length == 0 || at + length > text.size())
-        return {1, false, first};
-    uint32_t code = first & (0x7FU >> length);
-    for (std::size_t next = at + 1; next < at + length; ++next)
-    {
-        if (!isContinuation(text[next]))
-            return {1, false, first};
-        code = code << 6U | (static_cast<unsigned char>(text[next]) & 0x3FU);
-    }
-    if (isForbidden(length, code))
-        return {1, false, first};
-    return {length, true, code};
-}
-
 template <typename Replace>
 std::string rewritten(const std::string& text, Replace replace)
 {
     std::string result;
     for (std::size_t at = 0; at < text.size();)
     {
-        const Character character = characterAt(text, at);
+        const Character character = Utf8::characterAt(text, at);
         result += replace(character, text.substr(at, character.bytes));
         at += character.bytes;
     }
@@ -168,18 +120,6 @@ std::string jsonEscapeOf(uint32_t code)
 constexpr std::string_view base64Digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 } // namespace
-
-bool Text::isUtf8(const std::string& text)
-{
-    for (std::size_t at = 0; at < text.size();)
-    {
-        const Character character = characterAt(text, at);
-        if (!character.isUtf8)
-            return false;
-        at += character.bytes;
-    }
-    return true;
-}
 
 std::string Text::valid(const std::string& text)
 {

@@ -8,8 +8,6 @@
 namespace Text
 {
 
-bool isUtf8(const std::string& text);
-
 /// Replaces each byte that is not UTF-8 by U+FFFD.
 std::string valid(const std::string& text);
 

@@ -16,16 +16,9 @@ namespace status
 namespace
 {
 
-// libstatusmanager computes the length of the last frame so that a message of whole frames loses the last
-// one. Clients in the field send like this, so it must stay. See docs/protocol.md.
-bool losesItsEnd(const std::string& message)
-{
-    return message.size() % BrokerProtocol::maxFrameBytes == 0;
-}
-
 bool isRefused(const char* function, const std::string& message)
 {
-    if (!losesItsEnd(message))
+    if (!BrokerProtocol::losesItsEnd(message.size()))
         return false;
     ov_log_print(2, function, OV_LOG_FILE, __LINE__,
                  "Not posted: its message has %zu bytes, a multiple of %zu, and would lose its end",
@@ -39,7 +32,7 @@ std::optional<std::string> find(const std::string& key, StatusManager& manager)
 {
     // getClientInfoValue() would not distinguish an unknown key from a reset one.
     StatusKeys keys{key};
-    if (losesItsEnd(BrokerProtocol::writeList(Key::getClientInfoValues, keys)))
+    if (BrokerProtocol::losesItsEnd(BrokerProtocol::writeList(Key::getClientInfoValues, keys).size()))
         keys.push_back(key); // the same question with another length
     const StatusMap values = manager.getClientInfoValues(keys);
     const auto found = values.find(key);

@@ -40,8 +40,9 @@ bool isCountedThread()
         return true;
     std::array<char, 16> name{};
     prctl(PR_GET_NAME, name.data());
-    // The managers' threads by their kernel names, and the name for threads of tests.
-    constexpr std::array<const char*, 3> names{"StatusManager", "ProcessStatusMe", "counted"};
+    // The libraries' threads by their kernel names, and the name for threads of tests.
+    constexpr std::array<const char*, 4> names{"StatusManager", "ProcessStatusMe", "StatusQuestions",
+                                               "counted"};
     return std::any_of(names.begin(), names.end(),
                        [&](const char* each) { return std::strcmp(each, name.data()) == 0; });
 }
@@ -57,14 +58,15 @@ struct Range
 // The address ranges of the code whose malloc() calls count.
 struct Libraries
 {
-    std::array<Range, 3> code{};
+    std::array<Range, 4> code{};
     std::size_t count = 0;
 
     Libraries() { dl_iterate_phdr(&Libraries::add, this); }
 
     static int add(dl_phdr_info* info, std::size_t, void* self)
     {
-        constexpr std::array<const char*, 3> names{"libveskcommon.", "libstatusmanager.", "libjsoncpp."};
+        constexpr std::array<const char*, 4> names{"libveskcommon.", "libstatusmanager.",
+                                                   "libstatusmanager-c.", "libjsoncpp."};
         auto* libraries = static_cast<Libraries*>(self);
         if (std::none_of(names.begin(), names.end(),
                          [&](const char* name) { return std::strstr(info->dlpi_name, name) != nullptr; }))

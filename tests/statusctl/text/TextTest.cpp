@@ -27,17 +27,6 @@ std::string inHexadecimal(const std::string& bytes)
 
 } // namespace
 
-TEST(TextTest, utf8IsToldFromOtherBytes)
-{
-    EXPECT_TRUE(Text::isUtf8(""));
-    EXPECT_TRUE(Text::isUtf8("Tür \xe2\x82\xac \xf0\x9f\x9a\xaa"));
-    EXPECT_FALSE(Text::isUtf8("\xff"));
-    EXPECT_FALSE(Text::isUtf8("\xe2\x82"));         // cut short
-    EXPECT_FALSE(Text::isUtf8("\xc0\xaf"));         // overlong
-    EXPECT_FALSE(Text::isUtf8("\xed\xa0\x80"));     // a surrogate
-    EXPECT_FALSE(Text::isUtf8("\xf4\x90\x80\x80")); // beyond Unicode
-}
-
 TEST(TextTest, validReplacesEachByteThatIsNoUtf8)
 {
     EXPECT_EQ(Text::valid("a\xff\xfe z"), "a\xef\xbf\xbd\xef\xbf\xbd z");

@@ -47,11 +47,12 @@ do_install:append() {
 STATUSMANAGER_NEEDS_SCRIPT = "${@'true' if bb.utils.contains('PACKAGECONFIG', 'broker', True, False, d) and \
     bb.utils.contains('DISTRO_FEATURES', 'sysvinit', True, False, d) else 'false'}"
 
-PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers statusbroker statusbridge statusctl statusctl-completions"
+PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers libstatusmanager-c statusbroker statusbridge statusctl statusctl-completions"
 
 FILES:libveskcommon = "${libdir}/libveskcommon.so.*"
 FILES:libstatusmanager = "${libdir}/libstatusmanager.so.*"
 FILES:libstatushelpers = "${libdir}/libstatushelpers.so.*"
+FILES:libstatusmanager-c = "${libdir}/libstatusmanager-c.so.*"
 FILES:statusbroker = " \
     ${bindir}/statusbroker \
     ${sysconfdir}/statusbroker.conf \
@@ -80,7 +81,8 @@ RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'tool', 'statusctl', '', d)} \
 "
 RDEPENDS:${PN}-dev = " \
-    libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) libveskcommon (= ${EXTENDPKGV}) \
+    libstatusmanager-c (= ${EXTENDPKGV}) libstatushelpers (= ${EXTENDPKGV}) libstatusmanager (= ${EXTENDPKGV}) \
+    libveskcommon (= ${EXTENDPKGV}) \
 "
 
 CONFFILES:statusbroker = "${sysconfdir}/statusbroker.conf"
