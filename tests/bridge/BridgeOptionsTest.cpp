@@ -25,6 +25,20 @@ std::string errorIn(const std::string& text)
     }
 }
 
+TEST(BridgeOptionsTest, discoveryNamesAKeyAUnitAndAClass)
+{
+    const BridgeOptions options = BridgeOptions::parse(
+        "server = s\ndevice = d\ndiscovery = speed km/h speed\ndiscovery = door - door\ndiscovery = lamp\n",
+        "f");
+    ASSERT_EQ(options.discovery.size(), 3U);
+    EXPECT_EQ(options.discovery[0].unit, "km/h");
+    EXPECT_EQ(options.discovery[1].unit, "");
+    EXPECT_EQ(options.discovery[1].deviceClass, "door");
+    EXPECT_THROW(BridgeOptions::parse("server = s\ndevice = d\ndiscovery = a b c d\n", "f"), ConfigError);
+    EXPECT_THROW(BridgeOptions::parse("server = s\ndevice = d\nlayout = document\ndiscovery = a\n", "f"),
+                 ConfigError);
+}
+
 } // namespace
 
 TEST(BridgeOptionsTest, serverAndDeviceAreEnough)
