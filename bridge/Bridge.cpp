@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "common/Logging.h"
+#include "daemon/CodePages.h"
 
 OV_LOG_CONTROL_WORDS;
 
@@ -57,6 +58,17 @@ void Bridge::turn(int signals)
     mUplink.work(items[1].revents, now);
     post(now);
     mSupervisor.tellWhatIsDue(now);
+    releaseUnusedCode(now);
+}
+
+// The start, and each connection, use much code of the libraries that is hardly used any more.
+void Bridge::releaseUnusedCode(TimePoint now)
+{
+    constexpr std::chrono::seconds pace{10};
+    if (now < mNextRelease || !mUplink.isOnline())
+        return;
+    mNextRelease = now + pace;
+    releaseCodePages();
 }
 
 bool Bridge::hasMore()

@@ -34,6 +34,7 @@ private:
     void post(TimePoint now);
     bool hasMore();
     TimePoint due(TimePoint now);
+    void releaseUnusedCode(TimePoint now);
     void handle(int signal, TimePoint now);
     void reload(TimePoint now);
     void logOptions() const;
@@ -46,6 +47,7 @@ private:
     BrokerFeed mFeed;
     std::optional<BrokerPoster> mPoster; // only if the server may change something
     bool mIsReady = false;
+    TimePoint mNextRelease{}; // of code that is not used
     bool mIsEnding = false;
 };
 

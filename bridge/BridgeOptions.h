@@ -7,9 +7,18 @@
 #include <vector>
 
 #include "bridge/NameRules.h"
+#include "mqttlink/ServerOptions.h"
+
+/// A key that Home Assistant shows.
+struct DiscoveryRule
+{
+    std::string key;
+    std::string unit;        ///< may be empty
+    std::string deviceClass; ///< may be empty
+};
 
 /// The bridge's configuration.
-struct BridgeOptions
+struct BridgeOptions : ServerOptions
 {
     enum class Layout
     {
@@ -17,27 +26,15 @@ struct BridgeOptions
         Document, ///< one retained message with all keys, and messages with changes
     };
 
-    std::string server;
-    int port = 0; ///< 0: the usual one
     std::string device;
-    std::string prefix = "fleet";
-    std::string clientId; ///< empty: the device
-    bool isVersion5 = true;
-    std::chrono::seconds keepAlive{60};
     std::chrono::seconds longestPause{300};
-
-    bool isInsecure = false;
-    std::string ca = "/etc/ssl/certs"; ///< a file, or a folder
-    std::string certificate;
-    std::string key;
-    std::string alpn;
-    std::string user;
-    std::string passwordFile;
 
     Layout layout = Layout::Keys;
     NameRules keys;
     NameRules events;
     std::vector<IntervalRule> intervals;
+    std::vector<DiscoveryRule> discovery;
+    std::string discoveryPrefix = "homeassistant";
     std::vector<Glob> desiredKeys;           ///< keys that the server may set; none: off
     std::vector<Glob> commands;              ///< events that the server may cause; none: off
     std::chrono::milliseconds batch{1000};   ///< in the layout Document
@@ -50,7 +47,6 @@ struct BridgeOptions
     unsigned eventRate = 50; ///< events per second
     int logLevel = 5;
 
-    int effectivePort() const;
     const std::string& effectiveClientId() const { return clientId.empty() ? device : clientId; }
 
     /// Reads a configuration in the format of ConfigText. If it names no file, the environment variable
@@ -58,8 +54,5 @@ struct BridgeOptions
     static BridgeOptions parse(const std::string& text, const std::string& fileName);
     static BridgeOptions readFile(const std::string& fileName);
 };
-
-/// Reads a password: the content of a file without the line end. Throws ConfigError.
-std::string readPassword(const std::string& fileName);
 
 #endif

@@ -12,9 +12,9 @@
 #include "bridge/BridgeFile.h"
 #include "bridge/BridgeOptions.h"
 #include "bridge/BrokerPoster.h"
-#include "bridge/MqttLink.h"
-#include "bridge/Topics.h"
 #include "daemon/Clock.h"
+#include "mqttlink/MqttLink.h"
+#include "mqttlink/Topics.h"
 
 /// What the server wants of the device: desired values, and commands. Decides what is posted, and answers.
 /// Nothing in a message is trusted.

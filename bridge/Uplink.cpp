@@ -6,8 +6,10 @@
 #include <utility>
 #include <vector>
 
+#include "bridge/Discovery.h"
 #include "common/Logging.h"
 #include "daemon/SystemClock.h"
+#include "mqttlink/ServerName.h"
 #include "protocol/ClientDocuments.h"
 
 OV_LOG_CONTROL_WORDS;
@@ -47,6 +49,11 @@ int64_t sessionIn(const std::string& payload)
     if (at != std::string::npos)
         std::from_chars(payload.data() + at + name.size(), payload.data() + payload.size(), session);
     return session;
+}
+
+bool isOfflineIn(const std::string& payload)
+{
+    return payload.find("\"online\":false") != std::string::npos;
 }
 
 // {"<first>,"<name>":"<value>"}
@@ -165,7 +172,8 @@ void Uplink::open(TimePoint now)
     mUnderWay.clear();
     try
     {
-        mLink.emplace(mOptions, MqttLink::Message{mTopics.online(), condition(false)},
+        mLink.emplace(mOptions, ServerName::pick(mOptions.server, mOptions.device),
+                      mOptions.effectiveClientId(), MqttLink::Message{mTopics.online(), condition(false)},
                       static_cast<IMqttReceiver&>(*this));
     }
     catch (const MqttError& error)
@@ -260,7 +268,7 @@ void Uplink::onMessage(const MqttLink::Received& message)
         mSession = session;
         mIsOvertaken = true;
     }
-    else if (mStage == Stage::Online && (session < mSession || message.payload == condition(false)))
+    else if (mStage == Stage::Online && (session < mSession || isOfflineIn(message.payload)))
         mNextOnline = std::min(mNextOnline, Clock::now() + onlinePause);
 }
 
@@ -292,6 +300,12 @@ void Uplink::beginFilling()
     mRecord.add(mTopics.online());
     mDeletions = mRecord.topics();
     mDeletions.erase(mTopics.online());
+    mDescriptions = Discovery::messagesOf(mOptions, mTopics, STATUSBRIDGE_VERSION);
+    for (const auto& [topic, description] : mDescriptions)
+    {
+        mRecord.add(topic);
+        mDeletions.erase(topic);
+    }
     if (isDocument())
     {
         mRecord.add(mTopics.birth());
@@ -313,6 +327,11 @@ void Uplink::beginFilling()
 
 void Uplink::fill(TimePoint now)
 {
+    while (room() > 0 && !mDescriptions.empty())
+    {
+        const auto description = mDescriptions.extract(mDescriptions.begin());
+        send({description.key(), description.mapped()});
+    }
     if (isDocument() && mIsBirthWanted && room() > 0)
         sendBirth(now);
     while (!isDocument() && room() > 0)
@@ -329,6 +348,7 @@ void Uplink::fill(TimePoint now)
         return;
     mStage = Stage::Online;
     mOnlineSince = now;
+    mSince = seconds();
     mEventAllowance = 0;
     mAllowanceSince = now;
     OV_LOG(5, "Online at %s, session %lld", mOptions.server.c_str(), static_cast<long long>(mSession));
@@ -350,7 +370,7 @@ void Uplink::sendWhatIsDue(TimePoint now)
 std::string Uplink::condition(bool isOnline) const
 {
     if (!isOnline)
-        return R"({"online":false,)" + member("session", mSession) + "}";
+        return R"({"online":false,)" + member("session", mSession) + "," + member("time", seconds()) + "}";
     return R"({"online":true,)" + member("session", mSession) + "," +
            R"("version":")" STATUSBRIDGE_VERSION R"("})";
 }
@@ -358,8 +378,8 @@ std::string Uplink::condition(bool isOnline) const
 void Uplink::sendOnline(TimePoint now)
 {
     std::string text = condition(true);
-    text.insert(text.size() - 1,
-                "," + member("time", seconds()) + "," + member("eventsDropped", mRing.dropped()));
+    text.insert(text.size() - 1, "," + member("since", mSince) + "," + member("time", seconds()) + "," +
+                                     member("eventsDropped", mRing.dropped()));
     if (!mOptions.commands.empty())
         text.insert(text.size() - 1, "," + member("commandsRefused", static_cast<int64_t>(mDown.refused())));
     const auto expiry = mOptions.isVersion5 ? mOptions.onlineExpiry : std::chrono::seconds(0);

@@ -7,15 +7,15 @@
 #include <set>
 #include <string>
 
-#include "bridge/Backoff.h"
 #include "bridge/BridgeFile.h"
 #include "bridge/BridgeOptions.h"
 #include "bridge/Downlink.h"
 #include "bridge/EventRing.h"
-#include "bridge/MqttLink.h"
 #include "bridge/TopicRecord.h"
-#include "bridge/Topics.h"
 #include "bridge/ValueBook.h"
+#include "mqttlink/Backoff.h"
+#include "mqttlink/MqttLink.h"
+#include "mqttlink/Topics.h"
 
 /// Brings the device's values and events to the server, over any number of connections. Never waits: the
 /// caller polls and calls work().
@@ -54,6 +54,8 @@ public:
     /// Says that the device goes offline, and disconnects.
     void close(TimePoint now);
     bool isClosed() const { return mStage == Stage::Closed; }
+
+    bool isOnline() const { return mStage == Stage::Online; }
 
 private:
     enum class Stage
@@ -125,12 +127,14 @@ private:
     TimePoint mNextAttempt{};
     TimePoint mDeadline{}; // of the stages before Online, and of Closing
     TimePoint mOnlineSince{};
+    int64_t mSince = 0;      // the same in seconds since the Unix epoch
     std::size_t mWindow = 0; // messages that may be under way
     int mSubscriptionsLeft = 0;
     std::map<int, Sent> mUnderWay;
     std::string mLastFilled;
     bool mIsFirst = true; // nothing is filled yet
     std::set<std::string> mDeletions;
+    std::map<std::string, std::string> mDescriptions; // that are to be sent
     TimePoint mNextOnline = TimePoint::max();
     bool mIsOvertaken = false; // by a session with a higher number
     int64_t mSequence = 0;     // in the layout Document

@@ -1,8 +1,8 @@
 // Fuzzes the bridge's configuration file.
 
 #include "bridge/BridgeOptions.h"
-#include "bridge/ServerName.h"
-#include "bridge/Topics.h"
+#include "mqttlink/ServerName.h"
+#include "mqttlink/Topics.h"
 #include "daemon/ConfigText.h"
 #include "fuzz/Fuzz.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-/// The options that all commands share.
+/// The options that all commands share. statusfleet has the same.
 struct Settings
 {
     enum class Json
@@ -16,6 +16,7 @@ struct Settings
         Pretty, ///< indented; streams are always one object a line
     };
 
+    std::string program = "statusctl";
     std::string verb; ///< empty until the command is known
     std::optional<std::chrono::milliseconds> timeout;
     Json json = Json::Off;

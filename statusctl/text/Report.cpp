@@ -39,7 +39,7 @@ void report(const Settings& settings, const Failure& failure)
     }
     else
     {
-        line = "statusctl: " + (settings.verb.empty() ? "" : settings.verb + ": ") +
+        line = settings.program + ": " + (settings.verb.empty() ? "" : settings.verb + ": ") +
                Text::escaped(failure.what());
     }
     std::fprintf(stderr, "%s\n", line.c_str());

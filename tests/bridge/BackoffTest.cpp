@@ -1,4 +1,4 @@
-#include "bridge/Backoff.h"
+#include "mqttlink/Backoff.h"
 
 #include <gtest/gtest.h>
 

@@ -3,6 +3,7 @@
 
 #include "protocol/ClientDocuments.h"
 #include "tests/bridge/BridgeFixture.h"
+#include "tests/bridge/CuttingProxy.h"
 
 namespace
 {
@@ -12,7 +13,7 @@ class BridgeChaosTest : public BridgeTest
 protected:
     void SetUp() override
     {
-        BridgeTest::SetUp();
+        mServerPort = mNetwork.port();
         mBroker->stop();
         startBroker();
         startBridge();
@@ -37,8 +38,10 @@ protected:
 
     void killSomething()
     {
-        const unsigned victim = random(3);
-        if (victim == 0)
+        const unsigned victim = random(4);
+        if (victim == 3)
+            disturbNetwork();
+        else if (victim == 0)
         {
             mServer.stop(SIGKILL);
             mServer.start();
@@ -55,6 +58,22 @@ protected:
         }
     }
 
+    // The next kind of disturbance, or an undisturbed network, ends the one before.
+    void disturbNetwork()
+    {
+        constexpr std::size_t mostBytes = 3000;
+        mNetwork.pass();
+        const unsigned kind = random(4);
+        if (kind == 0)
+            mNetwork.cutAfter(random(mostBytes));
+        else if (kind == 1)
+            mNetwork.stall();
+        else if (kind == 2)
+            mNetwork.delay(std::chrono::milliseconds(random(50)));
+        else
+            mNetwork.cutAll();
+    }
+
     /// The device's values that are not reset.
     static Values valuesOnDevice()
     {
@@ -65,20 +84,22 @@ protected:
         return values;
     }
 
+    CuttingProxy mNetwork{mServer.port()};
     const unsigned mSeed = std::random_device()();
     std::mt19937 mRandom{mSeed};
 };
 
-TEST_F(BridgeChaosTest, afterKillsInRandomOrderTheServerHasTheDevicesState)
+TEST_F(BridgeChaosTest, afterKillsAndCutsInRandomOrderTheServerHasTheDevicesState)
 {
     SCOPED_TRACE("seed " + std::to_string(mSeed));
-    constexpr int rounds = 12;
+    constexpr int rounds = 16;
     for (int round = 0; round < rounds; ++round)
     {
         for (unsigned changes = random(30); changes > 0; --changes)
             changeSomething();
         killSomething();
     }
+    mNetwork.pass();
     post("last", "1");
     MqttObserver observer(mServer.port());
     EXPECT_TRUE(

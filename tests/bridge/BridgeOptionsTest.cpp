@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <regex>
 
 #include "daemon/ConfigText.h"
 #include "tests/support/TemporaryFolder.h"
@@ -22,6 +23,20 @@ std::string errorIn(const std::string& text)
     {
         return error.what();
     }
+}
+
+TEST(BridgeOptionsTest, discoveryNamesAKeyAUnitAndAClass)
+{
+    const BridgeOptions options = BridgeOptions::parse(
+        "server = s\ndevice = d\ndiscovery = speed km/h speed\ndiscovery = door - door\ndiscovery = lamp\n",
+        "f");
+    ASSERT_EQ(options.discovery.size(), 3U);
+    EXPECT_EQ(options.discovery[0].unit, "km/h");
+    EXPECT_EQ(options.discovery[1].unit, "");
+    EXPECT_EQ(options.discovery[1].deviceClass, "door");
+    EXPECT_THROW(BridgeOptions::parse("server = s\ndevice = d\ndiscovery = a b c d\n", "f"), ConfigError);
+    EXPECT_THROW(BridgeOptions::parse("server = s\ndevice = d\nlayout = document\ndiscovery = a\n", "f"),
+                 ConfigError);
 }
 
 } // namespace
@@ -111,4 +126,36 @@ TEST(BridgeOptionsTest, aPasswordEndsWithItsLine)
     const TemporaryFolder folder;
     writeFile(folder / "secret", "geheim \r\n");
     EXPECT_EQ(readPassword(folder / "secret"), "geheim ");
+}
+
+TEST(BridgeOptionsTest, theDeliveredExampleIsValidAndShowsTheDefaults)
+{
+    const std::string example = readFile(DELIVERED_CONFIG);
+    const BridgeOptions plain = BridgeOptions::parse(example, "example");
+    EXPECT_EQ(plain.server, "mqtt.example.org");
+    const std::string all = std::regex_replace(example, std::regex("(^|\n)#([a-z-]+ = )"), "$1$2");
+    EXPECT_NE(all, example);
+    const BridgeOptions options = BridgeOptions::parse(all, "example");
+    EXPECT_EQ(options.effectivePort(), plain.effectivePort());
+    EXPECT_EQ(options.prefix, plain.prefix);
+    EXPECT_EQ(options.keepAlive, plain.keepAlive);
+    EXPECT_EQ(options.longestPause, plain.longestPause);
+    EXPECT_EQ(options.ca, plain.ca);
+    EXPECT_EQ(options.isInsecure, plain.isInsecure);
+    EXPECT_EQ(options.layout, plain.layout);
+    EXPECT_EQ(options.batch, plain.batch);
+    EXPECT_EQ(options.rebirthPause, plain.rebirthPause);
+    EXPECT_EQ(options.onlineExpiry, plain.onlineExpiry);
+    EXPECT_EQ(options.mostEvents, plain.mostEvents);
+    EXPECT_EQ(options.mostEventBytes, plain.mostEventBytes);
+    EXPECT_EQ(options.eventRate, plain.eventRate);
+    EXPECT_EQ(options.logLevel, plain.logLevel);
+}
+
+TEST(BridgeOptionsTest, theExamplesInTheDeliveredExampleAreValid)
+{
+    const std::string example = readFile(DELIVERED_CONFIG);
+    const std::string all = std::regex_replace(example, std::regex("(^|\n)# Example: "), "$1");
+    EXPECT_EQ(errorIn(all), "");
+    EXPECT_TRUE(NameRules::matchesAny(BridgeOptions::parse(all, "example").commands, "do.wash"));
 }

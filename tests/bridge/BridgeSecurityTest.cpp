@@ -1,60 +1,13 @@
-#include <cstdlib>
-#include <sys/stat.h>
+#include <algorithm>
 
-#include "tests/bridge/BridgeFixture.h"
+#include "tests/bridge/ScriptedServer.h"
+#include "tests/bridge/SecureFixture.h"
+#include "tests/support/ProcessMemory.h"
 
 namespace
 {
 
-/// A server with TLS, which demands the device's certificate or a password, and gives each device its own
-/// topics.
-class BridgeSecurityTest : public BridgeFixture
-{
-protected:
-    void SetUp() override
-    {
-        chmod((mFolder / ".").c_str(), 0755);
-        run("req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=ca "
-            "-keyout " +
-            at("ca.key") + " -out " + at("ca.crt"));
-        makeCertificate("server", "localhost");
-        makeCertificate("truck", "truck");
-        writeFile(at("acl"), "pattern readwrite fleet/%u/#\nuser observer\ntopic readwrite #\n");
-        chmod(at("acl").c_str(), 0644);
-    }
-
-    std::string at(const std::string& name) const { return mFolder / name; }
-
-    static void run(const std::string& arguments)
-    {
-        const std::string command = std::string(OPENSSL) + " " + arguments + " >/dev/null 2>&1";
-        ASSERT_EQ(std::system(command.c_str()), 0) << command;
-    }
-
-    void makeCertificate(const std::string& name, const std::string& subject)
-    {
-        run("req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=" + subject + " -keyout " +
-            at(name + ".key") + " -out " + at(name + ".csr"));
-        run("x509 -req -days 2 -in " + at(name + ".csr") + " -CA " + at("ca.crt") + " -CAkey " +
-            at("ca.key") + " -CAcreateserial -out " + at(name + ".crt"));
-        chmod(at(name + ".key").c_str(), 0644);
-    }
-
-    void startServer(const std::string& more)
-    {
-        mServer.emplace("cafile " + at("ca.crt") + "\ncertfile " + at("server.crt") + "\nkeyfile " +
-                        at("server.key") + "\n" + more);
-        mServerPort = mServer->port();
-    }
-
-    std::string withCertificate() const
-    {
-        return "ca = " + at("ca.crt") + "\ncertificate = " + at("truck.crt") + "\nkey = " + at("truck.key") +
-               "\n";
-    }
-
-    std::optional<MqttServer> mServer;
-};
+using BridgeSecurityTest = SecureFixture;
 
 TEST_F(BridgeSecurityTest, theServersCertificateIsChecked)
 {
@@ -97,6 +50,60 @@ TEST_F(BridgeSecurityTest, aRenewedCertificateIsTakenOverAtReload)
     makeCertificate("truck", "renewed");
     mBridge->signal(SIGHUP);
     EXPECT_TRUE(mServer->process().waitForError("u'renewed'"));
+}
+
+TEST_F(BridgeSecurityTest, itNeedsLessThanEightMebibytesAtWork)
+{
+    startServer("require_certificate true\nuse_identity_as_username true\nacl_file " + at("acl") + "\n");
+    startBridge(withCertificate());
+    ASSERT_TRUE(mBridge->waitForError("Online at"));
+    makeCertificate("observer", "observer");
+    MqttObserver observer(mServerPort, at("ca.crt"), at("observer"));
+    for (int i = 0; i < 200; ++i)
+        post("key" + std::to_string(i), "1");
+    postEvent("bell", "rang");
+    ASSERT_TRUE(observer.waitForValue("fleet/truck/status/key199", "1"));
+    ASSERT_TRUE(observer.waitFor([&] { return !observer.payloadsOf("fleet/truck/event/bell").empty(); }));
+    const std::string process = std::to_string(mBridge->pid());
+    int changes = 0;
+    constexpr std::size_t most = std::size_t{8} * 1024 * 1024;
+    const auto isSmall = [&]
+    {
+        post("key0", std::to_string(++changes));
+        return !isMemoryTelling || memoryOf(process, "VmRSS") < most;
+    };
+    EXPECT_TRUE(observer.waitFor(isSmall)) << memoryOf(process, "VmRSS");
+}
+
+TEST_F(BridgeSecurityTest, aKeyMayBeReadByAnEngine)
+{
+    startServer("require_certificate true\nuse_identity_as_username true\n");
+    setenv("OPENSSL_ENGINES", TEST_ENGINES, 1);
+    std::string key = readFile(at("truck.key"));
+    std::reverse(key.begin(), key.end()); // as only the engine reads it
+    writeFile(at("truck.key"), key);
+    startBridge("ca = " + at("ca.crt") + "\ncertificate = " + at("truck.crt") +
+                "\nkey-engine = testengine\nkey = " + at("truck.key") + "\n");
+    EXPECT_TRUE(mBridge->waitForError("Online at"));
+}
+
+TEST_F(BridgeSecurityTest, anUnknownEngineIsReported)
+{
+    startServer("require_certificate true\n");
+    startBridge("ca = " + at("ca.crt") + "\ncertificate = " + at("truck.crt") +
+                "\nkey-engine = nobody\nkey = " + at("truck.key") + "\n");
+    EXPECT_TRUE(mBridge->waitForError("OpenSSL has no engine nobody"));
+}
+
+// The extension in the first message of TLS: its number, three lengths, and the name.
+TEST_F(BridgeSecurityTest, theProtocolWithinTlsIsAskedFor)
+{
+    ScriptedServer server;
+    server.takesPackets = false;
+    mServerPort = server.port();
+    startBridge("ca = " + at("ca.crt") + "\nalpn = mqtt\n");
+    const std::string extension("\0\x10\0\x07\0\x05\x04mqtt", 11);
+    EXPECT_TRUE(server.waitFor([&] { return server.unread().find(extension) != std::string::npos; }));
 }
 
 TEST_F(BridgeSecurityTest, thePasswordComesFromAFileAndIsNeverLogged)

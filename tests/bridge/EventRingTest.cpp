@@ -1,6 +1,8 @@
 #include "bridge/EventRing.h"
 
+#include <csignal>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "tests/support/TemporaryFolder.h"
 
@@ -169,6 +171,34 @@ TEST_F(EventRingTest, afterAFileThatCannotBeWrittenEventsOfMemoryAreWritten)
     EXPECT_FALSE(ring.hasUnwritten());
     EXPECT_EQ(takeAll(ring), "cde");
     EXPECT_EQ(ring.dropped(), 2);
+}
+
+// A limit of the file's size looks like a full disk.
+TEST_F(EventRingTest, whileTheDiskIsFullFewEventsWaitInMemoryAndAreWrittenLater)
+{
+    signal(SIGXFSZ, SIG_IGN);
+    BridgeFile file(path);
+    EventRing ring(file, limits(100));
+    add(ring, "a");
+    const rlimit before = []
+    {
+        rlimit all{};
+        getrlimit(RLIMIT_FSIZE, &all);
+        return all;
+    }();
+    const rlimit full{1, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    add(ring, "b");
+    EXPECT_FALSE(file.isOpen());
+    add(ring, "cde");
+    EXPECT_EQ(ring.dropped(), 1); // three have room
+    EXPECT_EQ(takeAll(ring), "cde");
+    setrlimit(RLIMIT_FSIZE, &before);
+    file.reopen(Clock::now() + std::chrono::seconds(2));
+    ring.commit();
+    EXPECT_FALSE(ring.hasUnwritten());
+    ring.rewind();
+    EXPECT_EQ(takeAll(ring), "acde");
 }
 
 } // namespace

@@ -2,8 +2,8 @@
 #include <map>
 
 #include "bridge/NameRules.h"
-#include "bridge/ServerName.h"
-#include "bridge/Topics.h"
+#include "mqttlink/ServerName.h"
+#include "mqttlink/Topics.h"
 
 TEST(TopicsTest, aKeyIsOneLevelBelowTheDevice)
 {

@@ -18,11 +18,12 @@ DEPENDS = "zeromq jsoncpp nlohmann-json"
 
 inherit cmake pkgconfig systemd update-rc.d useradd
 
-# Without the broker the device needs another one; without the tool it has no statusctl. The bridge to an MQTT server needs
-# meta-networking.
+# Without the broker the device needs another one; without the tool it has no statusctl. The bridge to an MQTT server, and
+# the fleet's desk, need meta-networking.
 PACKAGECONFIG ??= "broker tool"
 PACKAGECONFIG[broker] = "-DSTATUSMANAGER_BUILD_BROKER=ON,-DSTATUSMANAGER_BUILD_BROKER=OFF,cli11 sqlite3 tomlplusplus"
 PACKAGECONFIG[bridge] = "-DSTATUSMANAGER_BUILD_BRIDGE=ON,-DSTATUSMANAGER_BUILD_BRIDGE=OFF,cppzmq mosquitto sqlite3"
+PACKAGECONFIG[fleet] = "-DSTATUSMANAGER_BUILD_FLEET=ON,-DSTATUSMANAGER_BUILD_FLEET=OFF,cli11 mosquitto sqlite3"
 PACKAGECONFIG[tool] = "-DSTATUSMANAGER_BUILD_TOOL=ON,-DSTATUSMANAGER_BUILD_TOOL=OFF,cppzmq cli11 ncurses"
 
 # The examples are for a developer's machine, and so are the tests, which want its network ports. Programs find their
@@ -47,7 +48,7 @@ do_install:append() {
 STATUSMANAGER_NEEDS_SCRIPT = "${@'true' if bb.utils.contains('PACKAGECONFIG', 'broker', True, False, d) and \
     bb.utils.contains('DISTRO_FEATURES', 'sysvinit', True, False, d) else 'false'}"
 
-PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers libstatusmanager-c statusbroker statusbridge statusctl statusctl-completions"
+PACKAGES =+ "libveskcommon libstatusmanager libstatushelpers libstatusmanager-c statusbroker statusbridge statusfleet statusctl statusctl-completions"
 
 FILES:libveskcommon = "${libdir}/libveskcommon.so.*"
 FILES:libstatusmanager = "${libdir}/libstatusmanager.so.*"
@@ -68,6 +69,7 @@ FILES:statusbridge = " \
     ${nonarch_libdir}/sysusers.d/statusbridge.conf \
     ${datadir}/statusbridge \
 "
+FILES:statusfleet = "${bindir}/statusfleet"
 FILES:statusctl = "${bindir}/statusctl"
 FILES:statusctl-completions = "${datadir}/bash-completion ${datadir}/zsh ${datadir}/fish"
 FILES:${PN}-dev = "${includedir} ${libdir}/lib*.so ${libdir}/cmake ${libdir}/pkgconfig"
@@ -78,6 +80,7 @@ ALLOW_EMPTY:${PN} = "1"
 RDEPENDS:${PN} = "libstatusmanager \
     ${@bb.utils.contains('PACKAGECONFIG', 'broker', 'statusbroker', '', d)} \
     ${@bb.utils.contains('PACKAGECONFIG', 'bridge', 'statusbridge', '', d)} \
+    ${@bb.utils.contains('PACKAGECONFIG', 'fleet', 'statusfleet', '', d)} \
     ${@bb.utils.contains('PACKAGECONFIG', 'tool', 'statusctl', '', d)} \
 "
 RDEPENDS:${PN}-dev = " \

@@ -1,5 +1,5 @@
-#ifndef BRIDGE_TOPICS_H
-#define BRIDGE_TOPICS_H
+#ifndef MQTTLINK_TOPICS_H
+#define MQTTLINK_TOPICS_H
 
 #include <optional>
 #include <string>

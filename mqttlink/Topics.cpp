@@ -1,4 +1,4 @@
-#include "bridge/Topics.h"
+#include "mqttlink/Topics.h"
 
 #include <charconv>
 #include <mosquitto.h>

@@ -1,5 +1,5 @@
-#ifndef BRIDGE_MQTTLINK_H
-#define BRIDGE_MQTTLINK_H
+#ifndef MQTTLINK_MQTTLINK_H
+#define MQTTLINK_MQTTLINK_H
 
 #include <chrono>
 #include <cstdint>
@@ -10,8 +10,8 @@
 #include <string>
 #include <thread>
 
-#include "bridge/BridgeOptions.h"
 #include "daemon/Descriptor.h"
+#include "mqttlink/ServerOptions.h"
 
 /// Why a connection to the server cannot be made, or was lost.
 class MqttError : public std::runtime_error
@@ -66,8 +66,11 @@ public:
 
     /// Begins to connect. Throws MqttError if the options are wrong, for example if a certificate cannot be
     /// read.
-    /// @param will what the server publishes when the connection is lost
-    MqttLink(const BridgeOptions& options, const Message& will, IMqttReceiver& receiver);
+    /// @param host     the server's name, or its address
+    /// @param clientId by which the server knows this client
+    /// @param will     what the server publishes when the connection is lost
+    MqttLink(const ServerOptions& options, const std::string& host, const std::string& clientId,
+             const std::optional<Message>& will, IMqttReceiver& receiver);
 
     /// Ends the connection at once. If the search for the address still runs, its thread is left to itself.
     ~MqttLink();
@@ -103,11 +106,12 @@ private:
         void operator()(mosquitto* client) const { mosquitto_destroy(client); }
     };
 
-    void prepare(const BridgeOptions& options, const Message& will);
-    void secure(const BridgeOptions& options);
-    void authenticate(const BridgeOptions& options);
+    void prepare(const ServerOptions& options, const std::optional<Message>& will);
+    void secure(const ServerOptions& options);
+    void useEngine(const std::string& name);
+    void authenticate(const ServerOptions& options);
     void setCallbacks();
-    void startSearch(const BridgeOptions& options);
+    void startSearch(const ServerOptions& options, const std::string& host);
     void finishSearch();
     void readAll();
     void check(int result);

@@ -1,4 +1,4 @@
-#include "bridge/MqttLink.h"
+#include "mqttlink/MqttLink.h"
 
 #include <algorithm>
 #include <array>
@@ -10,8 +10,6 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
-
-#include "bridge/ServerName.h"
 
 namespace
 {
@@ -92,15 +90,16 @@ struct MqttLink::Search
     }
 };
 
-MqttLink::MqttLink(const BridgeOptions& options, const Message& will, IMqttReceiver& receiver)
+MqttLink::MqttLink(const ServerOptions& options, const std::string& host, const std::string& clientId,
+                   const std::optional<Message>& will, IMqttReceiver& receiver)
     : mReceiver(receiver), mSearch(std::make_shared<Search>())
 {
-    mosquitto* const client = mosquitto_new(options.effectiveClientId().c_str(), true, this);
+    mosquitto* const client = mosquitto_new(clientId.c_str(), true, this);
     if (client == nullptr)
         throw MqttError(std::generic_category().message(errno));
     mSearch->client.reset(client);
     prepare(options, will);
-    startSearch(options);
+    startSearch(options, host);
 }
 
 MqttLink::~MqttLink()
@@ -109,21 +108,22 @@ MqttLink::~MqttLink()
         mSearch->client.reset(); // calls nothing back any more
 }
 
-void MqttLink::prepare(const BridgeOptions& options, const Message& will)
+void MqttLink::prepare(const ServerOptions& options, const std::optional<Message>& will)
 {
     mosquitto* const client = mSearch->client.get();
     require(mosquitto_int_option(client, MOSQ_OPT_PROTOCOL_VERSION,
                                  options.isVersion5 ? MQTT_PROTOCOL_V5 : MQTT_PROTOCOL_V311));
     require(mosquitto_int_option(client, MOSQ_OPT_TCP_NODELAY, 1));
-    require(mosquitto_will_set(client, will.topic.c_str(), static_cast<int>(will.payload.size()),
-                               will.payload.data(), quality, will.isRetained));
+    if (will)
+        require(mosquitto_will_set(client, will->topic.c_str(), static_cast<int>(will->payload.size()),
+                                   will->payload.data(), quality, will->isRetained));
     if (!options.isInsecure)
         secure(options);
     authenticate(options);
     setCallbacks();
 }
 
-void MqttLink::secure(const BridgeOptions& options)
+void MqttLink::secure(const ServerOptions& options)
 {
     mosquitto* const client = mSearch->client.get();
     requireReadable(options.ca);
@@ -134,6 +134,8 @@ void MqttLink::secure(const BridgeOptions& options)
         requireReadable(options.certificate);
         requireReadable(options.key);
     }
+    if (!options.keyEngine.empty())
+        useEngine(options.keyEngine);
     require(mosquitto_tls_set(client, hasFolder ? nullptr : options.ca.c_str(),
                               hasFolder ? options.ca.c_str() : nullptr,
                               hasCertificate ? options.certificate.c_str() : nullptr,
@@ -142,7 +144,15 @@ void MqttLink::secure(const BridgeOptions& options)
         require(mosquitto_string_option(client, MOSQ_OPT_TLS_ALPN, options.alpn.c_str()));
 }
 
-void MqttLink::authenticate(const BridgeOptions& options)
+void MqttLink::useEngine(const std::string& name)
+{
+    mosquitto* const client = mSearch->client.get();
+    if (mosquitto_string_option(client, MOSQ_OPT_TLS_ENGINE, name.c_str()) != MOSQ_ERR_SUCCESS)
+        throw MqttError("OpenSSL has no engine " + name);
+    require(mosquitto_string_option(client, MOSQ_OPT_TLS_KEYFORM, "engine"));
+}
+
+void MqttLink::authenticate(const ServerOptions& options)
 {
     if (options.user.empty())
         return;
@@ -210,9 +220,9 @@ void MqttLink::setCallbacks()
         });
 }
 
-void MqttLink::startSearch(const BridgeOptions& options)
+void MqttLink::startSearch(const ServerOptions& options, const std::string& host)
 {
-    mSearch->host = ServerName::pick(options.server, options.device);
+    mSearch->host = host;
     mSearch->port = options.effectivePort();
     mSearch->keepAlive = static_cast<int>(options.keepAlive.count());
     if (!mSearch->finished.isOpen())
@@ -245,6 +255,7 @@ void MqttLink::finishSearch()
     if (read(mSearch->finished.number(), &count, sizeof(count)) != sizeof(count))
         return;
     mIsSearching = false;
+    mSearch->finished.close();
     errno = mSearch->error;
     check(mSearch->result);
 }

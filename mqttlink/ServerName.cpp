@@ -1,4 +1,4 @@
-#include "bridge/ServerName.h"
+#include "mqttlink/ServerName.h"
 
 #include "daemon/OptionText.h"
 
@@ -33,6 +33,11 @@ std::optional<Row> rowIn(const std::string& name)
     return Row{begin, end + 1, *first, *last};
 }
 
+std::string nameOf(const std::string& name, const Row& row, uint64_t number)
+{
+    return name.substr(0, row.begin) + std::to_string(number) + name.substr(row.end);
+}
+
 // FNV-1a. It must never change: devices would go to other servers.
 uint64_t hashOf(const std::string& text)
 {
@@ -58,8 +63,16 @@ std::string ServerName::errorIn(const std::string& name)
 std::string ServerName::pick(const std::string& name, const std::string& device)
 {
     const std::optional<Row> row = rowIn(name);
+    return row ? nameOf(name, *row, row->first + hashOf(device) % (row->last - row->first + 1)) : name;
+}
+
+std::vector<std::string> ServerName::all(const std::string& name)
+{
+    const std::optional<Row> row = rowIn(name);
     if (!row)
-        return name;
-    const uint64_t number = row->first + hashOf(device) % (row->last - row->first + 1);
-    return name.substr(0, row->begin) + std::to_string(number) + name.substr(row->end);
+        return {name};
+    std::vector<std::string> names;
+    for (uint64_t number = row->first; number <= row->last; ++number)
+        names.push_back(nameOf(name, *row, number));
+    return names;
 }

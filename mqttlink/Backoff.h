@@ -1,5 +1,5 @@
-#ifndef BRIDGE_BACKOFF_H
-#define BRIDGE_BACKOFF_H
+#ifndef MQTTLINK_BACKOFF_H
+#define MQTTLINK_BACKOFF_H
 
 #include <algorithm>
 #include <chrono>
