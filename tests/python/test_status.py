@@ -4,6 +4,7 @@ import asyncio
 import gc
 import math
 import weakref
+from typing import Dict, List
 
 import pytest
 from conftest import Device
@@ -11,6 +12,7 @@ from support import MOMENT, asynchronous, eventually, next_other_than, until_syn
 
 import statusmanager
 from statusmanager import Change, Event, Status, Synced
+from statusmanager.testing import FakeDevice
 
 
 @asynchronous
@@ -180,10 +182,7 @@ async def test_wait_for_returns_the_value_that_is_there(device: Device) -> None:
 @asynchronous
 async def test_wait_for_returns_a_later_value(device: Device) -> None:
     async with statusmanager.connect() as status:
-        waits = [
-            asyncio.ensure_future(status.wait_for("net", lambda value, end=str(end): value == end, timeout=math.inf))
-            for end in range(3)
-        ]
+        waits = [asyncio.ensure_future(status.wait_for("net", end.__eq__, timeout=math.inf)) for end in "012"]
         await asyncio.sleep(0)
         for number in range(3):
             device.post({"net": str(number)})
@@ -237,7 +236,7 @@ async def test_timers_run(device: Device) -> None:
         timer = status.timer("work")
         assert await timer.started() is None
         await timer.restart()
-        if isinstance(device, statusmanager.testing.FakeDevice):
+        if isinstance(device, FakeDevice):
             device.advance(1)
 
         async def has_run() -> bool:
@@ -266,7 +265,8 @@ async def test_counters_count(device: Device) -> None:
 @asynchronous
 async def test_posts_and_questions_refuse_wrong_texts(device: Device) -> None:
     async with statusmanager.connect() as status:
-        for values in ({}, {"": "x"}, {"door\0": "x"}, {"door": "x\0"}):
+        wrong: List[Dict[str, str]] = [{}, {"": "x"}, {"door\0": "x"}, {"door": "x\0"}]
+        for values in wrong:
             with pytest.raises(statusmanager.InvalidArgumentError):
                 await status.post(values)
         with pytest.raises(statusmanager.TooLongError):

@@ -1,5 +1,6 @@
 """A real broker for tests."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -14,6 +15,7 @@ from statusmanager.items import Event
 
 _READY = "statusmanager.testing.ready"
 _END_SECONDS = 30
+_LOOK_SECONDS = 0.2
 
 
 class BrokerError(Exception):
@@ -37,7 +39,11 @@ class Broker:
         self._output = tempfile.TemporaryFile()
 
     def __enter__(self) -> "Broker":
-        self.start()
+        try:
+            self.start()
+        except BaseException:
+            self._output.close()
+            raise
         return self
 
     def __exit__(self, *_: object) -> None:
@@ -54,8 +60,8 @@ class Broker:
         until = time.monotonic() + timeout
         try:
             with self._connect(until) as status:
-                _wait_until_synced(status, until)
-                _wait_for_events(status, until)
+                self._wait_until_synced(status, until)
+                self._wait_for_events(status, until)
         except BaseException:
             self.kill()
             raise
@@ -88,13 +94,33 @@ class Broker:
 
     def _connect(self, until: float) -> BlockingStatus:
         while True:
-            if self._process is None or self._process.poll() is not None:
-                raise BrokerError(f"the broker did not start:\n{self.log}")
-            try:
-                return connect_blocking(timeout=0.1)
-            except StatusTimeoutError:
-                if time.monotonic() >= until:
-                    raise BrokerError(f"the broker does not answer:\n{self.log}") from None
+            self._check_start(until)
+            with contextlib.suppress(StatusTimeoutError):
+                return connect_blocking(timeout=_LOOK_SECONDS)
+
+    # A process that was connected to an earlier broker learns that posts may have been lost.
+    def _wait_until_synced(self, status: BlockingStatus, until: float) -> None:
+        while True:
+            self._check_start(until)
+            with contextlib.suppress(StatusTimeoutError, LostError):
+                return status.sync(timeout=_LOOK_SECONDS)
+
+    # The library connects to the notifications in the background, and misses events from before.
+    def _wait_for_events(self, status: BlockingStatus, until: float) -> None:
+        with status.watch(events=[_READY], timeout=_LOOK_SECONDS / 10) as watch:
+            while True:
+                self._check_start(until)
+                status.event(_READY)
+                with contextlib.suppress(StatusTimeoutError):
+                    while not isinstance(next(watch), Event):
+                        pass
+                    return
+
+    def _check_start(self, until: float) -> None:
+        if self._process is None or self._process.poll() is not None:
+            raise BrokerError(f"the broker did not start:\n{self.log}")
+        if time.monotonic() >= until:
+            raise BrokerError(f"the broker did not answer in time:\n{self.log}")
 
     def _signal(self, number: int) -> None:
         if self._process:
@@ -116,26 +142,3 @@ class Broker:
 
 def _ending_with_this_process() -> List[str]:
     return ["setpriv", "--pdeathsig", "KILL", "--"] if shutil.which("setpriv") else []
-
-
-# A process that was connected to an earlier broker learns that posts may have been lost.
-def _wait_until_synced(status: BlockingStatus, until: float) -> None:
-    while True:
-        try:
-            return status.sync(timeout=until - time.monotonic())
-        except LostError:
-            continue
-
-
-# The library connects to the notifications in the background, and misses events from before.
-def _wait_for_events(status: BlockingStatus, until: float) -> None:
-    with status.watch(events=[_READY], timeout=0.02) as watch:
-        while time.monotonic() < until:
-            status.event(_READY)
-            try:
-                while not isinstance(next(watch), Event):
-                    pass
-                return
-            except StatusTimeoutError:
-                continue
-    raise BrokerError("no event came from the broker")
