@@ -177,30 +177,32 @@ class LibraryHandle:
     def dropped(self) -> int:
         return self._call("status_dropped")
 
+    # The path of every change: without calls that the interpreter would have to make.
     def take(self, most: int) -> List[Item]:
         items: List[Item] = []
+        take, free, status, append = self._next, self._free, self._status, items.append
         pointer = POINTER(_Item)()
         reference = byref(pointer)
-        while len(items) < most and not self._failure:
-            result = self._next(self._status, reference)
-            if result == 0:
-                break
-            if result < 0:
-                self._failure = error_of(result)
+        for _ in range(0 if self._failure else most):
+            result = take(status, reference)
+            if result != 1:
+                self._failure = error_of(result) if result < 0 else None
                 break
             item = pointer[0]
             kind = item.kind
             if kind == _CHANGE:
-                items.append(Change(_decoded(item.key), _decoded(item.value)))
+                append(Change(str(item.key, "utf-8", "replace"), str(item.value, "utf-8", "replace")))
             elif kind == _EVENT:
-                items.append(Event(_decoded(item.key), _decoded(item.value)))
+                append(Event(str(item.key, "utf-8", "replace"), str(item.value, "utf-8", "replace")))
             elif kind == _ANSWER:
-                items.append(_answer(item))
+                append(_answer(item))
             elif kind == _SYNCED and item.result == 0:
-                items.append(Synced())
+                append(Synced())
             elif kind == _SYNCED:
                 self._failure = error_of(item.result)
-            self._free(pointer)
+            free(pointer)
+            if self._failure:
+                break
         # What was taken before a failure comes first.
         if self._failure and not items:
             failure, self._failure = self._failure, None
