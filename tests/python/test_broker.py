@@ -92,6 +92,32 @@ async def test_posts_wait_for_room_no_longer_than_the_timeout(statusbroker: Brok
 
 
 @asynchronous
+async def test_posts_find_room_when_the_broker_continues(statusbroker: Broker) -> None:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
+        statusbroker.pause()
+        posted = 0
+
+        async def post_without_end() -> None:
+            nonlocal posted
+            while True:
+                await status.post({"door": f"{posted:060000}"})
+                posted += 1
+
+        posts = asyncio.ensure_future(post_without_end())
+        await asyncio.sleep(0)  # returns when the task waits for the first time
+        before = posted
+        statusbroker.resume()
+
+        async def has_continued() -> bool:
+            return posted > before or posts.done()
+
+        await eventually(has_continued)
+        posts.cancel()
+        with pytest.raises(asyncio.CancelledError):
+            await posts
+
+
+@asynchronous
 async def test_a_slow_watch_misses_values_but_never_the_latest_and_counts_events(statusbroker: Broker) -> None:
     async with statusmanager.connect() as status:
         watch = status.watch("number", events=["bell"])

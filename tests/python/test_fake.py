@@ -108,3 +108,5 @@ async def test_nothing_comes_to_a_wait_that_has_ended(fake_device: FakeDevice) -
         fake_device.post({"net": "end"})
         assert await other == "end"
         assert seen == ["up"]
+        fake_device.post({"net": "later"})
+        assert status._handle.take(1) == []  # the key is no longer subscribed
