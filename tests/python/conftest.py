@@ -3,6 +3,7 @@
 from typing import Iterator, Mapping, Protocol
 
 import pytest
+from support import DEADLINE
 
 import statusmanager
 from statusmanager import BlockingStatus
@@ -20,17 +21,17 @@ class Device(Protocol):
 
 @pytest.fixture(params=["fake", "broker"])
 def device(request: pytest.FixtureRequest) -> Iterator[Device]:
-    """Provide a device, to which statusmanager.connect() leads."""
+    """Provide a device, to which statusmanager.connect(timeout=DEADLINE) leads."""
     if request.param == "fake":
         yield request.getfixturevalue("fake_device")
         return
     request.getfixturevalue("statusbroker")
-    with statusmanager.connect_blocking() as other:
+    with statusmanager.connect_blocking(timeout=DEADLINE) as other:
         yield other
 
 
 @pytest.fixture
 def status(device: Device) -> Iterator[BlockingStatus]:
     """Provide a blocking client of the device."""
-    with statusmanager.connect_blocking() as status:
+    with statusmanager.connect_blocking(timeout=DEADLINE) as status:
         yield status

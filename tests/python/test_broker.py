@@ -19,11 +19,11 @@ from statusmanager.testing import Broker, BrokerError
 async def test_values_are_shared_with_other_processes(statusbroker: Broker) -> None:
     program = """
 import statusmanager
-with statusmanager.connect_blocking() as status:
+with statusmanager.connect_blocking(timeout=30) as status:
     status.post({"door": "open"})
     status.sync()
 """
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch("door")
         await until_synced(watch)
         process = await asyncio.create_subprocess_exec(sys.executable, "-c", program)
@@ -33,7 +33,7 @@ with statusmanager.connect_blocking() as status:
 
 @asynchronous
 async def test_a_client_survives_a_restart_of_the_broker(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"door": "open"})
         watch = status.watch("door")
         first = await until_synced(watch)
@@ -51,14 +51,14 @@ async def test_a_client_survives_a_restart_of_the_broker(statusbroker: Broker) -
 
 @asynchronous
 async def test_questions_to_a_silent_broker_time_out_and_can_be_cancelled(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         statusbroker.pause()
         questions = [asyncio.ensure_future(status.get("door")) for _ in range(20)]
         with pytest.raises(statusmanager.StatusTimeoutError):
             await status.counter("c").get(timeout=MOMENT)
         for question in questions:
             question.cancel()
-        with statusmanager.connect_blocking() as other, pytest.raises(statusmanager.StatusTimeoutError):
+        with statusmanager.connect_blocking(timeout=DEADLINE) as other, pytest.raises(statusmanager.StatusTimeoutError):
             other.get("door", timeout=MOMENT)
         statusbroker.resume()
         await status.post({"door": "open"})
@@ -67,7 +67,7 @@ async def test_questions_to_a_silent_broker_time_out_and_can_be_cancelled(status
 
 @asynchronous
 async def test_unanswered_questions_have_a_limit(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         statusbroker.pause()
         questions = [asyncio.ensure_future(status.get("door")) for _ in range(256)]
         await asyncio.sleep(0)
@@ -119,7 +119,7 @@ async def test_posts_find_room_when_the_broker_continues(statusbroker: Broker) -
 
 @asynchronous
 async def test_a_slow_watch_misses_values_but_never_the_latest_and_counts_events(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch("number", events=["bell"])
         await until_synced(watch)
         for number in range(6000):
@@ -142,7 +142,7 @@ async def test_a_slow_watch_misses_values_but_never_the_latest_and_counts_events
 
 @asynchronous
 async def test_a_message_that_would_lose_its_end_is_refused(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         refused = 0
         for length in range(512):
             try:
@@ -154,7 +154,7 @@ async def test_a_message_that_would_lose_its_end_is_refused(statusbroker: Broker
 
 @asynchronous
 async def test_more_than_64_at_once_are_refused(statusbroker: Broker) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         with pytest.raises(statusmanager.LimitError):
             _ = [status.watch("door") for _ in range(65)]
         _ = None
@@ -163,7 +163,7 @@ async def test_more_than_64_at_once_are_refused(statusbroker: Broker) -> None:
 
 
 def test_a_child_is_told_to_connect_itself(statusbroker: Broker) -> None:
-    with statusmanager.connect_blocking() as status:
+    with statusmanager.connect_blocking(timeout=DEADLINE) as status:
         status.post({"door": "open"})
         child = os.fork()
         if child == 0:
@@ -180,7 +180,7 @@ def test_a_child_is_told_to_connect_itself(statusbroker: Broker) -> None:
 
 
 def test_a_signal_ends_a_wait(statusbroker: Broker) -> None:
-    with statusmanager.connect_blocking() as status:
+    with statusmanager.connect_blocking(timeout=DEADLINE) as status:
         timer = threading.Timer(MOMENT, os.kill, (os.getpid(), signal.SIGINT))
         timer.start()
         with pytest.raises(KeyboardInterrupt):
@@ -202,7 +202,7 @@ def test_a_broker_that_does_not_start_is_reported(statusbroker: Broker) -> None:
 
 
 def test_events_come_in_their_order(statusbroker: Broker) -> None:
-    with statusmanager.connect_blocking() as status, status.watch(events=["n"], timeout=DEADLINE) as watch:
+    with statusmanager.connect_blocking(timeout=DEADLINE) as status, status.watch(events=["n"], timeout=DEADLINE) as watch:
         next(watch)
         for number in range(1000):
             status.event("n", str(number))

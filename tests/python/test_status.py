@@ -8,7 +8,7 @@ from typing import Dict, List
 
 import pytest
 from conftest import Device
-from support import MOMENT, asynchronous, eventually, next_other_than, until_synced
+from support import DEADLINE, MOMENT, asynchronous, eventually, next_other_than, until_synced
 
 import statusmanager
 from statusmanager import Change, Event, Status, Synced
@@ -17,7 +17,7 @@ from statusmanager.testing import FakeDevice
 
 @asynchronous
 async def test_a_posted_value_can_be_asked_for(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"door": "open", "window": 'Tür "1"\n'})
         assert await status.get("door") == "open"
         assert await status.get("window") == 'Tür "1"\n'
@@ -25,7 +25,7 @@ async def test_a_posted_value_can_be_asked_for(device: Device) -> None:
 
 @asynchronous
 async def test_an_unknown_key_is_none_and_a_reset_one_is_empty(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         assert await status.get("door") is None
         await status.reset("door")
         assert await status.get("door") == ""
@@ -33,7 +33,7 @@ async def test_an_unknown_key_is_none_and_a_reset_one_is_empty(device: Device) -
 
 @asynchronous
 async def test_several_values_come_in_a_dictionary(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"a": "1", "b": "2", "c": "3"})
         assert await status.get_many("a", "c", "unknown") == {"a": "1", "c": "3"}
         assert await status.get_all() == {"a": "1", "b": "2", "c": "3"}
@@ -48,7 +48,7 @@ async def test_await_connects_without_a_block(device: Device) -> None:
 
 @asynchronous
 async def test_a_watch_brings_first_values_then_synced_then_changes(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"door": "open", "other": "1"})
         await status.sync()
         watch = status.watch("door", "unknown")
@@ -60,7 +60,7 @@ async def test_a_watch_brings_first_values_then_synced_then_changes(device: Devi
 
 @asynchronous
 async def test_a_watch_brings_events(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch(events=["bell"])
         assert await watch.__anext__() == Synced()
         device.event("other", "1")
@@ -71,7 +71,7 @@ async def test_a_watch_brings_events(device: Device) -> None:
 
 @asynchronous
 async def test_two_watches_of_a_key_bring_the_same(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watches = [status.watch("door"), status.watch("door")]
         for watch in watches:
             assert await until_synced(watch) == [Synced()]
@@ -82,7 +82,7 @@ async def test_two_watches_of_a_key_bring_the_same(device: Device) -> None:
 
 @asynchronous
 async def test_a_watch_loses_nothing_when_a_task_that_waits_is_cancelled(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch(events=["number"])
         assert await watch.__anext__() == Synced()
         for number in range(50):
@@ -99,7 +99,7 @@ async def test_a_watch_loses_nothing_when_a_task_that_waits_is_cancelled(device:
 
 @asynchronous
 async def test_a_watch_that_always_has_something_lets_other_tasks_run(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch("number")
         turns = 0
 
@@ -121,7 +121,7 @@ async def test_a_watch_that_always_has_something_lets_other_tasks_run(device: De
 
 @asynchronous
 async def test_a_second_task_cannot_iterate_over_a_watch(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         watch = status.watch("door")
         await until_synced(watch)
         task = asyncio.ensure_future(watch.__anext__())
@@ -134,7 +134,7 @@ async def test_a_second_task_cannot_iterate_over_a_watch(device: Device) -> None
 
 @asynchronous
 async def test_a_watch_ends_with_its_last_reference(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"door": "open"})
         async for item in (watch := status.watch("door")):
             assert item in (Change("door", "open"), Synced())
@@ -147,7 +147,7 @@ async def test_a_watch_ends_with_its_last_reference(device: Device) -> None:
 
 @asynchronous
 async def test_close_ends_watches_and_calls_that_wait(device: Device) -> None:
-    status = await statusmanager.connect()
+    status = await statusmanager.connect(timeout=DEADLINE)
     watch = status.watch("door")
     await until_synced(watch)
 
@@ -174,14 +174,14 @@ async def test_close_ends_watches_and_calls_that_wait(device: Device) -> None:
 
 @asynchronous
 async def test_wait_for_returns_the_value_that_is_there(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"net": "up"})
         assert await status.wait_for("net", lambda value: value == "up") == "up"
 
 
 @asynchronous
 async def test_wait_for_returns_a_later_value(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         waits = [asyncio.ensure_future(status.wait_for("net", end.__eq__, timeout=math.inf)) for end in "012"]
         await asyncio.sleep(0)
         for number in range(3):
@@ -191,7 +191,7 @@ async def test_wait_for_returns_a_later_value(device: Device) -> None:
 
 @asynchronous
 async def test_wait_for_ends_in_time(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         with pytest.raises(statusmanager.StatusTimeoutError):
             await status.wait_for("net", lambda value: True, timeout=MOMENT)
         with pytest.raises(TimeoutError):
@@ -200,7 +200,7 @@ async def test_wait_for_ends_in_time(device: Device) -> None:
 
 @asynchronous
 async def test_wait_for_raises_what_the_predicate_raises(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"net": "up"})
         with pytest.raises(ZeroDivisionError):
             await status.wait_for("net", lambda value: bool(1 // 0))
@@ -209,7 +209,7 @@ async def test_wait_for_raises_what_the_predicate_raises(device: Device) -> None
 
 @asynchronous
 async def test_many_calls_can_wait_at_once(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         waits = [asyncio.ensure_future(status.wait_for(f"key.{n}", bool)) for n in range(100)]
         await asyncio.sleep(0)
         device.post({f"key.{n}": str(n) for n in range(100)})
@@ -218,7 +218,7 @@ async def test_many_calls_can_wait_at_once(device: Device) -> None:
 
 @asynchronous
 async def test_questions_can_be_asked_at_once_and_cancelled(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({f"key.{n}": str(n) for n in range(100)})
         questions = [asyncio.ensure_future(status.get(f"key.{n}")) for n in range(100)]
         await asyncio.sleep(0)
@@ -232,7 +232,7 @@ async def test_questions_can_be_asked_at_once_and_cancelled(device: Device) -> N
 
 @asynchronous
 async def test_timers_run(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         timer = status.timer("work")
         assert await timer.started() is None
         await timer.restart()
@@ -253,7 +253,7 @@ async def test_timers_run(device: Device) -> None:
 
 @asynchronous
 async def test_counters_count(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         counter = status.counter("restarts")
         assert await counter.get() == 0
         assert await counter.increment() == 1
@@ -264,7 +264,7 @@ async def test_counters_count(device: Device) -> None:
 
 @asynchronous
 async def test_posts_and_questions_refuse_wrong_texts(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         wrong: List[Dict[str, str]] = [{}, {"": "x"}, {"door\0": "x"}, {"door": "x\0"}]
         for values in wrong:
             with pytest.raises(statusmanager.InvalidArgumentError):
@@ -288,13 +288,13 @@ async def test_posts_and_questions_refuse_wrong_texts(device: Device) -> None:
 
 @asynchronous
 async def test_names_and_values_have_any_length_up_to_their_limits(device: Device) -> None:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         await status.post({"ü" * 127: "ß" * 32767})
         assert await status.get("ü" * 127) == "ß" * 32767
 
 
 async def _closed() -> Status:
-    async with statusmanager.connect() as status:
+    async with statusmanager.connect(timeout=DEADLINE) as status:
         return status
 
 
@@ -306,6 +306,6 @@ def test_a_status_does_not_outlive_its_loop_in_harm(device: Device) -> None:
 
 
 async def _left_open() -> Status:
-    status = await statusmanager.connect()
+    status = await statusmanager.connect(timeout=DEADLINE)
     await status.post({"door": "open"})
     return status

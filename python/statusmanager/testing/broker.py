@@ -50,7 +50,7 @@ class Broker:
         self.kill()
         self._output.close()
 
-    def start(self, timeout: float = 10) -> None:
+    def start(self, timeout: float = 30) -> None:
         """Start the broker, and wait until this process gets answers and events from it."""
         if self._process:
             raise BrokerError("the broker runs already")
