@@ -182,8 +182,8 @@ def test_a_child_is_told_to_connect_itself(statusbroker: Broker) -> None:
 def test_a_signal_ends_a_wait(statusbroker: Broker) -> None:
     with statusmanager.connect_blocking(timeout=DEADLINE) as status:
         timer = threading.Timer(MOMENT, os.kill, (os.getpid(), signal.SIGINT))
-        timer.start()
         with pytest.raises(KeyboardInterrupt):
+            timer.start()
             status.wait_for("door", lambda value: False, timeout=DEADLINE)
         timer.join()
 
