@@ -70,9 +70,8 @@ Handle::Handle(StatusManager& manager)
       mListener(std::make_shared<Listener>(mInbox)),
       mLeave(makeTask(&manager, [&manager, listener = mListener, share = mProcess.allowance().take(0)]
                       { ManagerAccess::removeListener(manager, listener.get()); })),
-      mLossesTold(mProcess.losses())
+      mLossesTold(mProcess.losses(manager))
 {
-    mManager.registerListener(mListener.get(), &mListener->dispatcher());
 }
 
 void Handle::close() noexcept
@@ -98,7 +97,21 @@ void Handle::close() noexcept
 void Handle::post(const std::string& document, Action action, uint32_t delayMs)
 {
     checkSendable(document);
-    postTask(document.size(), std::move(action), delayMs);
+    postTask(
+        document.size(),
+        [&process = mProcess, action = std::move(action)](StatusManager& manager)
+        {
+            try
+            {
+                action(manager);
+            }
+            catch (const std::bad_alloc&)
+            {
+                process.countLoss();
+                throw; // to be logged
+            }
+        },
+        delayMs);
 }
 
 // ------------------------------------------------------------------------------------------------- questions
@@ -110,8 +123,12 @@ Item Handle::ask(Question question, int timeoutMs)
         throw Failure{STATUS_ETIMEOUT};
     const auto waiting = std::make_shared<WaitingQuestion>();
     const Wait wait(*this, waiting);
-    const auto task = makeTask(this, [self = shared_from_this(), waiting, question]
-                               { waiting->end(self->answerTo(question)); });
+    const auto task = makeTask(this,
+                               [self = shared_from_this(), waiting, question]
+                               {
+                                   if (!self->mInbox->isClosed())
+                                       waiting->end(self->answerTo(question));
+                               });
     mProcess.asker().post(task.get());
     if (!waiting->wait(deadline))
     {
@@ -159,8 +176,11 @@ void Handle::tellLoss(const Question& question, Item& answer) noexcept
 {
     if (question.kind != STATUS_ASK_SYNC || answer.result != STATUS_OK)
         return;
-    const uint64_t losses = mProcess.losses();
-    if (mLossesTold.exchange(losses) != losses)
+    const uint64_t losses = mProcess.losses(mManager);
+    uint64_t told = mLossesTold;
+    while (told < losses && !mLossesTold.compare_exchange_weak(told, losses))
+        continue;
+    if (told < losses)
         answer.result = STATUS_ELOST;
 }
 
@@ -168,6 +188,7 @@ void Handle::tellLoss(const Question& question, Item& answer) noexcept
 
 void Handle::subscribe(const StatusKeys& keys)
 {
+    const Lock lock(mSubscribing);
     mInbox->expectAnswer();
     Inbox::Ticket ticket = 0;
     try
@@ -205,24 +226,27 @@ Item Handle::firstValues(Inbox::Ticket ticket, const StatusKeys& keys) noexcept
     }
     catch (const std::bad_alloc&)
     {
+        mInbox->miss(); // keys that were subscribed before may have no subscription any more
         return Item{STATUS_SYNCED, STATUS_ENOMEM};
     }
 }
 
 void Handle::unsubscribe(const StatusKeys& keys)
 {
+    const Lock lock(mSubscribing);
     postWhileOpen(keys, [listener = mListener, keys](StatusManager& manager)
-                  { manager.unregisterForStatus(listener.get(), keys); });
+                  { listener->unsubscribe(manager, keys); });
     mInbox->unsubscribe(keys);
 }
 
 void Handle::subscribeEvents(const EventKeys& names)
 {
+    const Lock lock(mSubscribing);
     const EventKeys added = mInbox->subscribeEvents(names);
     try
     {
         postWhileOpen(names, [listener = mListener, names](StatusManager& manager)
-                      { manager.registerForEvent(listener.get(), names); });
+                      { listener->subscribeEvents(manager, names); });
     }
     catch (...)
     {
@@ -233,8 +257,9 @@ void Handle::subscribeEvents(const EventKeys& names)
 
 void Handle::unsubscribeEvents(const EventKeys& names)
 {
+    const Lock lock(mSubscribing);
     postWhileOpen(names, [listener = mListener, names](StatusManager& manager)
-                  { manager.unregisterForEvent(listener.get(), names); });
+                  { listener->unsubscribeEvents(manager, names); });
     mInbox->unsubscribeEvents(names);
 }
 
@@ -246,8 +271,17 @@ void Handle::postWhileOpen(const StatusKeys& names, Action action)
     postTask(bytesOf(names),
              [inbox = mInbox, action = std::move(action)](StatusManager& manager)
              {
-                 if (!inbox->isClosed())
+                 if (inbox->isClosed())
+                     return;
+                 try
+                 {
                      action(manager);
+                 }
+                 catch (const std::bad_alloc&)
+                 {
+                     inbox->miss();
+                     throw; // to be logged
+                 }
              });
 }
 

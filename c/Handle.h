@@ -64,6 +64,9 @@ private:
     const std::shared_ptr<Listener> mListener;
     Orvane::SmartPtr<Orvane::EventAgent> mLeave; // made early, because close() must not need memory
     std::atomic<uint64_t> mLossesTold;
+    // Held by each change of the subscriptions, so that the inbox and the manager get the changes in the same
+    // order.
+    std::mutex mSubscribing;
 
     std::mutex mMutex; // guards all below
     Waiting mWaiting;

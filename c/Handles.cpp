@@ -12,6 +12,9 @@ namespace
 
 using Lock = std::lock_guard<std::mutex>;
 
+// Beyond, a status_t* has no room for it. Then use 1 comes again, after so many that nobody has an old one.
+constexpr std::uintptr_t lastUse = UINTPTR_MAX / STATUS_OPEN_MOST;
+
 // No object is there: the number is never used as an address.
 status_t* written(std::uintptr_t use, std::size_t at)
 {
@@ -58,7 +61,7 @@ std::shared_ptr<Handle> Handles::remove(const status_t* status)
     Place& place = placeOf(status);
     const Lock lock(place.mutex);
     place.require(status);
-    ++place.use;
+    place.use = place.use % lastUse + 1;
     return std::exchange(place.handle, nullptr);
 }
 

@@ -135,6 +135,8 @@ void Inbox::pushAnswer(Items& answer) noexcept
         item.result = STATUS_EFULL;
     }
     mAnswerBytes += bytesOf(item);
+    if (item.kind == STATUS_SYNCED)
+        ++mSynced;
     mQueue.splice(mQueue.end(), answer, std::prev(answer.end()));
     adjustDescriptor();
 }
@@ -233,10 +235,8 @@ void Inbox::pushChange(const std::string& key, std::string value) noexcept
     Subscribed& subscribed = known->second;
     if (isFull() && subscribed.isWaiting)
     {
-        count(*subscribed.latest, -1);
-        update.splice(update.end(), mQueue, subscribed.latest);
-        update.back().value.swap(value);
-        return pushUpdate(update);
+        replaceLatest(subscribed, value);
+        return;
     }
     try
     {
@@ -245,13 +245,25 @@ void Inbox::pushChange(const std::string& key, std::string value) noexcept
     }
     catch (const std::bad_alloc&)
     {
-        mHasMissed = true;
-        return adjustDescriptor();
+        return missNow();
     }
     update.back().value = std::move(value);
     pushUpdate(update);
     subscribed.latest = std::prev(mQueue.end());
+    subscribed.syncedBefore = mSynced;
     subscribed.isWaiting = true;
+}
+
+// The newer value comes last, like every change. But it stays before the end of first values, which without
+// it would not be all that there are.
+void Inbox::replaceLatest(Subscribed& subscribed, std::string& value) noexcept
+{
+    Item& latest = *subscribed.latest;
+    count(latest, -1);
+    latest.value.swap(value);
+    count(latest, 1);
+    if (subscribed.syncedBefore == mSynced)
+        mQueue.splice(mQueue.end(), mQueue, subscribed.latest);
 }
 
 void Inbox::pushEvent(std::string name, std::string value) noexcept
@@ -271,12 +283,23 @@ void Inbox::pushEvent(std::string name, std::string value) noexcept
     }
     catch (const std::bad_alloc&)
     {
-        mHasMissed = true;
-        return adjustDescriptor();
+        return missNow();
     }
     update.back().key = std::move(name);
     update.back().value = std::move(value);
     pushUpdate(update);
+}
+
+void Inbox::miss() noexcept
+{
+    const Lock lock(mMutex);
+    missNow();
+}
+
+void Inbox::missNow() noexcept
+{
+    mHasMissed = true;
+    adjustDescriptor();
 }
 
 void Inbox::requireOpen() const

@@ -72,20 +72,25 @@ public:
     // Updates. If there is no memory, take() reports it.
     void pushChange(const std::string& key, std::string value) noexcept;
     void pushEvent(std::string name, std::string value) noexcept;
+    /// Updates may be lost for want of memory.
+    void miss() noexcept;
 
 private:
     struct Subscribed
     {
         Ticket since; // the first subscribe() after which there was no unsubscribe()
         bool isOpen = false;
-        bool isWaiting = false;   // `latest` is valid
-        Items::iterator latest{}; // the key's last change in the queue
+        bool isWaiting = false;    // `latest` is valid
+        Items::iterator latest{};  // the key's last change in the queue
+        uint64_t syncedBefore = 0; // mSynced when the change came
     };
     using Keys = std::map<std::string, Subscribed>;
 
     void requireOpen() const;
     bool isFull() const;
     void pushUpdate(Items& update);
+    void replaceLatest(Subscribed& subscribed, std::string& value) noexcept;
+    void missNow() noexcept;
     void count(const Item& item, int sign) noexcept;
     template <class Matches>
     Items removeUpdates(Matches matches) noexcept;
@@ -95,12 +100,13 @@ private:
     int mDescriptor;
     bool mIsReadable = false;
     bool mClosed = false;
-    bool mHasMissed = false; // an update was lost for want of memory
+    bool mHasMissed = false; // updates may be lost for want of memory
     Items mQueue;
     std::size_t mUpdates = 0; // changes and events in the queue
     std::size_t mUpdateBytes = 0;
     std::size_t mAnswerBytes = 0;
     std::size_t mExpected = 0; // answers that are expected, or wait in the queue
+    uint64_t mSynced = 0;      // ends of first values that were ever in the queue
     uint64_t mDropped = 0;
     Ticket mLastTicket = 0;
     Keys mKeys;

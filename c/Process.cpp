@@ -1,8 +1,10 @@
 #include "c/Process.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include "c/Failure.h"
+#include "statusmanager/StatusManagerProxy.h"
 
 namespace StatusC
 {
@@ -10,7 +12,8 @@ namespace StatusC
 namespace
 {
 
-std::atomic<pid_t> owner{0}; // the process that has opened a status
+std::atomic<pid_t> owner{0};      // the process that has opened a status
+std::atomic<bool> isChild{false}; // this process is a child of it, or a later descendant
 
 } // namespace
 
@@ -23,26 +26,41 @@ Process& Process::instance()
 void Process::checkNotForked()
 {
     const pid_t pid = owner;
-    if (pid != 0 && pid != getpid())
+    if (isChild || (pid != 0 && pid != getpid()))
         throw Failure{STATUS_EFORKED};
 }
 
 void Process::claim()
 {
-    pid_t none = 0;
-    owner.compare_exchange_strong(none, getpid());
     checkNotForked();
+    pid_t none = 0;
+    if (!owner.compare_exchange_strong(none, getpid()))
+        return;
+    // A descendant may get the number of the owner, after its end or in another namespace. Without memory for
+    // this, the number alone must do.
+    static_cast<void>(pthread_atfork(nullptr, nullptr, [] { isChild = true; }));
 }
 
-// The first sync() is false once after posts may have been lost. If the second one fails as well, the manager
-// cannot ask at all: without a time limit, a silent broker makes it wait instead.
+// sync() is false once after posts may have been lost: several times in a row, if several brokers end
+// quickly. If it is false each time, the manager cannot ask at all: without a time limit, a silent broker
+// makes it wait instead.
 bool Process::isAnswered(StatusManager& manager)
 {
     constexpr int noTimeLimit = -1;
-    if (manager.sync(noTimeLimit))
-        return true;
-    ++mLosses;
-    return manager.sync(noTimeLimit);
+    constexpr int mostAttempts = 5;
+    for (int attempt = 0; attempt != mostAttempts; ++attempt)
+    {
+        if (manager.sync(noTimeLimit))
+            return true;
+        countLoss();
+    }
+    return false;
+}
+
+uint64_t Process::losses(StatusManager& manager) const
+{
+    const auto* const client = dynamic_cast<const StatusManagerProxy*>(&manager);
+    return mLosses + (client == nullptr ? 0 : client->lostPosts());
 }
 
 } // namespace StatusC

@@ -35,8 +35,10 @@ public:
     /// thread or manager's thread.
     bool isAnswered(StatusManager& manager);
 
-    /// How often the broker has reported that posts of this process may have been lost.
-    uint64_t losses() const { return mLosses; }
+    /// How often it became known that posts of this process may have been lost. Never less than before.
+    uint64_t losses(StatusManager& manager) const;
+    /// A post of this process is lost.
+    void countLoss() noexcept { ++mLosses; }
 
 private:
     Process() = default;

@@ -188,5 +188,6 @@ void PostFlow::countDropped()
         mDropped = 0;
     mIsDropping = true;
     ++mDropped;
+    ++mLost;
     mLastDrop = Clock::now();
 }

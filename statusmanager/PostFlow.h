@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 struct zmq_msg_t;
@@ -57,6 +58,12 @@ public:
     /// Posts dropped since dropping last began.
     unsigned dropped() const { return mDropped; }
 
+    /// Counts a post that could not be sent at all.
+    void countUnsent() { ++mLost; }
+
+    /// All posts that were dropped or could not be sent. Any thread.
+    uint64_t lost() const { return mLost; }
+
 private:
     struct Frame;
     using Count = std::atomic<unsigned>;
@@ -78,6 +85,7 @@ private:
     bool mIsDropping = false;
     bool mWasDropping = false; ///< when takeNews() was last called
     unsigned mDropped = 0;
+    std::atomic<uint64_t> mLost{0};
     Clock::time_point mLastDrop;
     /// Shared, because libzmq may release the last posts after this object is gone.
     std::shared_ptr<Count> mReleased = std::make_shared<Count>(0);

@@ -299,8 +299,16 @@ void StatusManagerProxy::sendPost(std::string message)
     OV_TRACE(7);
     OV_LOG(6, "Sending post message [%s]", message.c_str());
     if (!sendOnSocket(mPostSocket, message))
+    {
         OV_LOG(0, "Failed to send command [%s]", message.c_str());
+        mPostFlow->countUnsent();
+    }
     logDropping();
+}
+
+uint64_t StatusManagerProxy::lostPosts() const
+{
+    return mPostFlow->lost();
 }
 
 // Returns how long it waited.

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 
 #include "statusmanager/StatusManager.h"
@@ -56,6 +57,11 @@ public:
     /// with pauses of 10 ms. A time-out leaves the request socket in the middle of an exchange: later queries
     /// and syncs of this process fail.
     bool sync(int timeoutMs) override;
+
+    /// Returns how many posts of this process were lost inside it: the broker did not take posts as fast as
+    /// they were made, or there was no memory to send one. sync() does not report these. A post counts
+    /// before a later query or sync() returns. Any thread, while the manager lives.
+    uint64_t lostPosts() const;
 
     /// Ends the notify loop and closes everything. The loop reads its stop flag once per message, so the
     /// destructor waits until the broker next publishes something. Until then the manager continues to work:

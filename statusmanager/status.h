@@ -18,7 +18,8 @@
 ///   A function that fails has done nothing and has left its results unchanged.
 /// - **Threads.** Any thread may call any function at any time, also several threads with the same status_t.
 ///   Calls of one thread keep their order. The library calls none of the program's code, and its own threads
-///   block signals. A thread is not cancelled (pthread_cancel()) inside a call, but after it.
+///   block signals. A thread is not cancelled (pthread_cancel()) inside a call, but after it. Signal handlers
+///   must not call these functions.
 /// - **Waiting.** Only functions with a `timeout_ms` wait, and no longer than that many milliseconds of the
 ///   monotonic clock. A negative time-out means no limit. With 0 a question is not even asked: the result is
 ///   STATUS_ETIMEOUT.
@@ -176,9 +177,10 @@ extern "C"
 
     // ------------------------------------------------------------------------------------------------- posts
     //
-    // All posts return at once: the library sends them in the background. If the broker takes them slower
-    // than they are made, they wait in this process; STATUS_EFULL tells that the limit is reached. Then wait
-    // with status_sync(), or post again later. Results of all: 0; STATUS_EINVAL, STATUS_ETOOLONG,
+    // All posts return at once: the library sends them in the background, and meanwhile they wait in this
+    // process. STATUS_EFULL tells that the limit is reached. Then wait with status_sync(), or post again
+    // later. If the broker takes no posts for a second, or too few, the library drops posts. The next
+    // status_sync() returns STATUS_ELOST. Results of all: 0; STATUS_EINVAL, STATUS_ETOOLONG,
     // STATUS_EUTF8, STATUS_EUNSENDABLE, STATUS_EFULL, STATUS_ENOMEM, STATUS_ECLOSED, STATUS_EFORKED.
 
     /// Posts a value. Subscribers are told only if the value changed.
@@ -236,10 +238,9 @@ extern "C"
                                      status_values_t** values) STATUS_CHECKED;
 
     /// Waits until the broker has taken all posts that this thread made before.
-    /// @returns also STATUS_ELOST: the broker was restarted or has closed a connection, and posts of this
-    /// process
-    ///          may have been lost. Each open status is told once. Post the important values again, and sync
-    ///          again.
+    /// @returns also STATUS_ELOST: posts of this process may have been lost, because the broker was restarted
+    ///          or closed a connection, did not take posts for too long, or because there was no memory. Each
+    ///          open status is told once. Post the important values again, and sync again.
     STATUS_EXPORT int status_sync(status_t* status, int timeout_ms) STATUS_CHECKED;
 
     // ---------------------------------------------------------------------------- questions that do not wait
@@ -330,8 +331,8 @@ extern "C"
     ///
     /// If the queue is full (STATUS_QUEUED_MOST, STATUS_QUEUED_BYTES) because the program takes items slower
     /// than they come, a new value of a key replaces the latest one of that key that is waiting, so values in
-    /// between are lost, but never the latest value. A new event is dropped and counted (status_dropped()).
-    /// Answers are never lost.
+    /// between are lost, but never the latest value. One value of each other subscribed key still finds room.
+    /// A new event is dropped and counted (status_dropped()). Answers are never lost.
     /// @param item gets the item; release it with status_free()
     /// @returns 1 if there was an item, 0 if there is none now; STATUS_EINVAL, STATUS_ECLOSED,
     /// STATUS_EFORKED;

@@ -22,7 +22,8 @@ void set(int socket, int level, int option, int value)
 
 [[noreturn]] void fail(uint16_t port, int error)
 {
-    throw std::runtime_error("cannot bind tcp://127.0.0.1:" + std::to_string(port) + ": " + strerror(error));
+    throw std::runtime_error("cannot bind tcp://127.0.0.1:" + std::to_string(port) + ": " + strerror(error) +
+                             (error == EADDRINUSE ? "; see \"statusctl doctor\"" : ""));
 }
 
 } // namespace

@@ -20,7 +20,8 @@ namespace
     throw Failure(ExitCode::Failed,
                   std::string("cannot create a private network: ") + what + ": " + std::strerror(errno) +
                       "; run it as root, or let users create namespaces (see user.max_user_namespaces, "
-                      "user.max_net_namespaces, and the rules of the container or of AppArmor)");
+                      "user.max_net_namespaces, and the rules of the container or of AppArmor; in a chroot "
+                      "only root may)");
 }
 
 bool write(const char* file, const std::string& text)

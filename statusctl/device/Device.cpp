@@ -18,12 +18,13 @@ namespace
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-std::optional<Failure> unreachable()
+// Nothing if the broker is reachable. `beginning` is followed by the reason.
+std::optional<Failure> unreachable(const std::string& beginning = "no broker")
 {
     const std::optional<Ports::Port> closed = Ports::firstClosed();
     if (!closed)
         return std::nullopt;
-    return Failure(ExitCode::Unreachable, "no broker: nothing listens on port " +
+    return Failure(ExitCode::Unreachable, beginning + ": nothing listens on port " +
                                               std::to_string(closed->number) + " (" + closed->purpose +
                                               "); is statusbroker running?");
 }
@@ -94,11 +95,12 @@ void Device::checkReachable()
 void Device::waitForBroker() const
 {
     constexpr milliseconds pace{50};
-    while (const std::optional<Failure> failure = unreachable())
+    const std::string late =
+        mSettings.timeout ? "no broker within " + Duration::writeExactly(*mSettings.timeout) : "";
+    while (const std::optional<Failure> failure = unreachable(late))
     {
         if (mSettings.timeout && steady_clock::now() - mBegin >= *mSettings.timeout)
-            throw Failure(failure->code(), "timed out after " + Duration::writeExactly(*mSettings.timeout) +
-                                               ": " + failure->what());
+            throw Failure(*failure);
         std::this_thread::sleep_for(std::min(pace, mSettings.timeout.value_or(pace)));
     }
 }
@@ -203,6 +205,13 @@ void Device::confirm()
     constexpr int noLimit = -1; // a sync that times out closes the request channel for good
     if (!ask([](StatusManager& manager) { return manager.sync(noLimit); }))
         throw Failure(ExitCode::Failed, "the broker did not confirm the posts");
+}
+
+void Device::leaveTime()
+{
+    constexpr std::chrono::milliseconds longest = std::chrono::seconds(1);
+    mUnconfirmed = 0;
+    mManager->sync(static_cast<int>(longest.count()));
 }
 
 void Device::unregister(IStatusUpdateListener* listener)

@@ -72,6 +72,10 @@ public:
     /// Returns when the broker has taken all posts so far.
     void confirm();
 
+    /// Gives the posts so far time to leave: returns when the broker has taken them, after a second at the
+    /// latest, and does not tell. After a wait in vain, nothing can be asked any more.
+    void leaveTime();
+
     /// As StatusManager::unregisterListener().
     void unregister(IStatusUpdateListener* listener);
 

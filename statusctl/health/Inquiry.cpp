@@ -96,7 +96,7 @@ BrokerProtocol::Statistics Inquiry::statistics(const Settings& settings)
 std::vector<Client> Inquiry::clients(const Settings& settings)
 {
     namespace Member = BrokerProtocol::ClientMember;
-    constexpr std::chrono::milliseconds patience{500};
+    constexpr std::chrono::seconds patience{2};
     constexpr std::chrono::milliseconds pause{10};
     const std::string request = BrokerProtocol::writeText(BrokerProtocol::Key::getBrokerClients, "null");
     const auto end = std::chrono::steady_clock::now() + patience;

@@ -18,7 +18,8 @@ namespace Inquiry
 /// @throws Failure if no broker listens, if it does not answer in time, or does not know the request
 BrokerProtocol::Statistics statistics(const Settings& settings);
 
-/// The clients of the broker, the oldest first. Waits up to 500 ms while the broker looks for processes.
+/// The clients of the broker, the oldest first. Waits up to 2 s while the broker looks for processes: a busy
+/// machine may take that long.
 /// @throws Failure as statistics()
 std::vector<BrokerProtocol::Client> clients(const Settings& settings);
 

@@ -63,6 +63,11 @@ Condition Condition::read(const std::string& text, bool isLiteral)
     return *condition;
 }
 
+bool Condition::hasNoKey(const std::string& text)
+{
+    return text.find_first_of("=<>") == 0 || text.compare(0, 2, "!=") == 0;
+}
+
 Condition Condition::readWithoutOperator(const std::string& text)
 {
     static const std::string exists = " exists";

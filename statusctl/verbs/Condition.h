@@ -15,6 +15,9 @@ public:
     /// @throws CLI::ValidationError for any other text: "wait" would wait for ever
     static Condition read(const std::string& text, bool isLiteral);
 
+    /// Whether the text begins with an operator.
+    static bool hasNoKey(const std::string& text);
+
     const std::string& key() const { return mKey; }
 
     bool holds(const Value& value) const;

@@ -30,7 +30,7 @@ public:
             const auto found =
                 command->get_subcommands([&](const CLI::App* each) { return each->get_name() == word; });
             if (found.empty())
-                fail(word, name);
+                fail(word, *command, name);
             command = found.front();
             name += " " + word;
         }
@@ -41,9 +41,9 @@ public:
     }
 
 private:
-    [[noreturn]] static void fail(const std::string& word, const std::string& name)
+    [[noreturn]] static void fail(const std::string& word, const CLI::App& command, const std::string& name)
     {
-        throw Failure(ExitCode::WrongUsage, "unknown command \"" + word + "\" (see " + name + " --help)");
+        throw Failure(ExitCode::WrongUsage, Verbs::unknown(word, command) + " (see " + name + " --help)");
     }
 
     CLI::App& mApp;
@@ -66,7 +66,7 @@ public:
                             "read them.");
         command.add_option("SHELL", mShell, "bash, zsh or fish")
             ->required()
-            ->check(CLI::IsMember({"bash", "zsh", "fish"}).description(""));
+            ->check(Verbs::oneOf({"bash", "zsh", "fish"}));
     }
 
     ExitCode run(const Settings& settings) override

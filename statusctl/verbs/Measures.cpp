@@ -136,17 +136,16 @@ public:
                             "statusctl counter set restarts 0\n"
                             "statusctl counter list");
         command.require_subcommand(1);
-        constexpr uint32_t most = 1000000;
         add(command, "get", "Print its value", &Counters::get);
         add(command, "add", "Count up and print the value after", &Counters::count)
-            .add_option(
-                "N", mNumber,
-                "Count so many times, each with a request, so that no count of another client is lost")
-            ->check(CLI::Range(1U, most));
+            .add_option("N", mNumber,
+                        "Count N times, at most 1000000, each with a request, so that no count of another "
+                        "client is lost")
+            ->check(Verbs::wholeNumber(1, 1000000));
         add(command, "set", "Set the counter", &Counters::set)
-            .add_option("N", mNumber)
+            .add_option("N", mNumber, "The value, at most 4294967295")
             ->required()
-            ->check(CLI::Range(uint32_t{0}, uint32_t{UINT32_MAX}).description(""));
+            ->check(Verbs::wholeNumber(0, UINT32_MAX));
         CLI::App& list = *command.add_subcommand("list", "Print all counters, as NAME=VALUE");
         command.callback(
             [this, &list]

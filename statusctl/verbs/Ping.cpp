@@ -16,9 +16,9 @@ public:
         CLI::App& command = Verbs::describe(app, "ping", "Measure the answer time of the broker",
                                             "statusctl ping\n"
                                             "statusctl ping -n 1000");
-        command.add_option("-n", mCount, "Number of requests")
+        command.add_option("-n", mCount, "Number of requests, at most 1000000")
             ->type_name("COUNT")
-            ->check(CLI::Range(1U, 1000000U))
+            ->check(Verbs::wholeNumber(1, 1000000))
             ->capture_default_str();
     }
 

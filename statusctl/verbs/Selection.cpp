@@ -1,6 +1,7 @@
 #include "statusctl/verbs/Selection.h"
 
 #include "statusctl/verbs/Names.h"
+#include "statusctl/verbs/Verb.h"
 
 namespace
 {
@@ -24,10 +25,10 @@ Selection::Selection(CLI::App& command)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
     command.add_option("--only", mOnly, "Follow only values, or only events: all of them if none is named")
         ->type_name("status|event")
-        ->check(CLI::IsMember({onlyStatus, onlyEvents}).description(""));
+        ->check(Verbs::oneOf({onlyStatus, onlyEvents}));
     command.add_option("-n", mCount, "Exit after so many changes and events")
         ->type_name("COUNT")
-        ->check(CLI::Range(uint64_t{1}, uint64_t{UINT64_MAX}).description(""));
+        ->check(Verbs::wholeNumber(1));
 }
 
 void Selection::check() const

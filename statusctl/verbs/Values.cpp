@@ -1,11 +1,9 @@
 // get, set and reset: they take keys by name.
 
 #include <algorithm>
-#include <chrono>
 #include <iterator>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "statusctl/base/ChildCommand.h"
@@ -142,7 +140,7 @@ public:
             ->required();
         command.add_flag(
             "--no-sync", mNoSync,
-            "Do not wait until the broker has taken the values: faster, but without confirmation");
+            "Wait at most a second until the broker has taken the values, and do not check them");
         command.add_flag(
             "--while", mIsWhile,
             "After one pair: run COMMAND, and stay connected until it ends. "
@@ -154,8 +152,7 @@ public:
                 if (mIsWhile)
                     takeCommand();
                 if (mWords.size() % 2 != 0)
-                    throw CLI::ValidationError("missing value after \"" + mWords.back() +
-                                               "\" (usage: set KEY VALUE...)");
+                    failWithoutValue(mWords.back());
                 Names::checkExact(keys(), mIsLiteral);
                 if (inputs() > 1)
                     throw CLI::ValidationError("only one value can be read from standard input");
@@ -169,7 +166,7 @@ public:
         if (mNoSync)
         {
             device.post(values);
-            leaveTime();
+            device.leaveTime();
         }
         else
             post(device, values);
@@ -177,6 +174,15 @@ public:
     }
 
 private:
+    [[noreturn]] static void failWithoutValue(const std::string& key)
+    {
+        const std::size_t equals = key.find('=');
+        throw CLI::ValidationError("missing value after \"" + key + "\" (usage: set KEY VALUE...)" +
+                                   (equals == std::string::npos ? ""
+                                                                : "; write: set " + key.substr(0, equals) +
+                                                                      " " + key.substr(equals + 1)));
+    }
+
     // Takes the words behind the pair.
     void takeCommand()
     {
@@ -235,13 +241,6 @@ private:
                           "the broker refused " + Names::inQuotes(refused) +
                               (taken.empty() ? "" : " and took " + Names::inQuotes(taken)) + "; see its log",
                           {{"refused", refused}, {"taken", taken}});
-    }
-
-    // Gives the library's threads time to hand the post to the kernel.
-    static void leaveTime()
-    {
-        constexpr std::chrono::milliseconds enough{50};
-        std::this_thread::sleep_for(enough);
     }
 
     std::vector<std::string> mWords;

@@ -3,9 +3,11 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "statusctl/base/Failure.h"
 #include "statusctl/base/Settings.h"
@@ -55,6 +57,16 @@ std::unique_ptr<IVerb> addHelp(CLI::App& app);
 /// @param details  more than the summary says; lines of at most 100 characters
 CLI::App& describe(CLI::App& app, const std::string& name, const std::string& summary,
                    const std::string& examples, const std::string& details = "");
+
+/// @returns that the word is no command of `app`, and perhaps which command was meant
+std::string unknown(const std::string& word, const CLI::App& app);
+
+/// The argument must be a whole number.
+/// @param most the largest number; the largest of 64 bits stands for no limit
+CLI::Validator wholeNumber(uint64_t least, uint64_t most = UINT64_MAX);
+
+/// The argument must be one of at least two words.
+CLI::Validator oneOf(const std::vector<std::string>& words);
 
 /// Adds an option that takes a duration.
 CLI::Option* addDuration(CLI::App& command, const std::string& names,

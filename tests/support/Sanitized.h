@@ -9,4 +9,12 @@ constexpr bool isSanitized = true;
 constexpr bool isSanitized = false;
 #endif
 
+/// Whether the thread sanitizer delays signals. It runs a handler only in those waiting functions that it
+/// knows, and waitid() is not among them.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool areSignalsDelayed = true;
+#else
+constexpr bool areSignalsDelayed = false;
+#endif
+
 #endif

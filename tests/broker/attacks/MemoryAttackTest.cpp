@@ -2,6 +2,7 @@
 
 #include "tests/broker/attacks/Attack.h"
 #include "tests/broker/attacks/UnderAttack.h"
+#include "tests/support/ProcessMemory.h"
 #include "tests/support/WireFrames.h"
 
 namespace
@@ -196,7 +197,9 @@ TEST_P(MemoryAttackTest, theBrokersMemoryStaysBoundedAndOthersAreServed)
     const BrokerMemory memory(broker.process().pid());
     {
         Attack attack(GetParam().peers);
-        EXPECT_TRUE(attack.isUnderWay(GetParam().bytes));
+        // Where memory tells nothing, the broker is slow, and a part of the flood serves as well.
+        constexpr std::size_t part = isMemoryTelling ? 1 : 16;
+        EXPECT_TRUE(attack.isUnderWay(GetParam().bytes / part));
         EXPECT_TRUE(isCounted(GetParam().counted)) << "all were refused";
         bystander.expectServed();
         EXPECT_TRUE(eventually([&] { return isNewcomerServed(); }));

@@ -33,6 +33,11 @@ Bystander::~Bystander()
     mThread.stop();
 }
 
+bool Bystander::wasClosedForMemory()
+{
+    return brokerStatistic(mRequester, "limit.memory") != 0;
+}
+
 void Bystander::expectServed(int times)
 {
     using std::chrono::milliseconds;
@@ -40,13 +45,13 @@ void Bystander::expectServed(int times)
     {
         const std::string value = std::to_string(++mNumber);
         mClient->postStatus("bystander", value);
-        // A broker that gets little of the processor may report that it cannot vouch for a post. It may
-        // confirm the next post.
+        // A broker that gets little of the processor cannot vouch for a post within a second while others
+        // flood it, and says so each time. The post must arrive even so.
         const auto isConfirmed = [&]
         { return mClient->sync(static_cast<int>(milliseconds(testDeadline).count())); };
-        ASSERT_TRUE(
-            eventually([&] { return isConfirmed() || brokerStatistic(mRequester, "limit.memory") != 0; }));
-        ASSERT_TRUE(eventually([&] { return mClient->getClientInfoValue("bystander") == value; }));
+        const auto hasArrived = [&] { return mClient->getClientInfoValue("bystander") == value; };
+        ASSERT_TRUE(eventually([&] { return isConfirmed() || hasArrived() || wasClosedForMemory(); }));
+        ASSERT_TRUE(eventually(hasArrived));
         ASSERT_TRUE(mListener.waitForValue("bystander", value));
     }
 }

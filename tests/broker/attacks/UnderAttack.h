@@ -68,11 +68,14 @@ public:
     Bystander(const Bystander&) = delete;
     Bystander& operator=(const Bystander&) = delete;
 
-    /// Posts this many values. Each must be confirmed, read back, and reach the listener. A post may stay
-    /// unconfirmed if posters were closed for lack of memory: then the lost posts could be anyone's.
+    /// Posts this many values. Each must be read back, and reach the listener. It must be confirmed unless
+    /// the broker has not read it within a second, or has closed posters for lack of memory: then the lost
+    /// posts could be anyone's.
     void expectServed(int times = 20);
 
 private:
+    bool wasClosedForMemory();
+
     RawRequester& mRequester;
     int mNumber = 0;
     Orvane::EventThread mThread{"bystander", 0};

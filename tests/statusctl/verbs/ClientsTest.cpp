@@ -7,6 +7,7 @@
 #include "statusctl/text/Json.h"
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ProgramName.h"
 #include "tests/support/ScriptedBroker.h"
 #include "tests/support/Wait.h"
 #include "tests/support/ZmtpPeer.h"
@@ -22,8 +23,8 @@ Outcome clientsWithProcesses(const Words& words)
         [&]
         {
             outcome = statusctl(words);
-            return outcome.output.find("ToolTest") != std::string::npos &&
-                   outcome.output.find("statusctl") != std::string::npos;
+            return outcome.output.find(kernelNameOf("ToolTest")) != std::string::npos &&
+                   outcome.output.find(kernelNameOf("statusctl")) != std::string::npos;
         });
     return outcome;
 }
@@ -45,9 +46,9 @@ TEST(ClientsTest, theClientsOfTheBrokerArePrintedAsATable)
     std::getline(lines, first);
     std::getline(lines, second);
     EXPECT_EQ(titles.substr(0, 16), "SERVICE  PROGRAM") << outcome;
-    EXPECT_NE(first.find(" ToolTest "), std::string::npos) << outcome;
+    EXPECT_NE(first.find(' ' + kernelNameOf("ToolTest") + ' '), std::string::npos) << outcome;
     EXPECT_NE(first.find(' ' + std::to_string(getpid()) + ' '), std::string::npos) << outcome;
-    EXPECT_NE(second.find(" statusctl "), std::string::npos) << outcome;
+    EXPECT_NE(second.find(' ' + kernelNameOf("statusctl") + ' '), std::string::npos) << outcome;
 }
 
 TEST(ClientsTest, asJsonTheyAreObjectsInAList)
@@ -61,7 +62,7 @@ TEST(ClientsTest, asJsonTheyAreObjectsInAList)
     const Json::Value client = answer["clients"][0U];
     EXPECT_EQ(client["pid"].asInt(), getpid());
     EXPECT_EQ(client["uid"].asUInt(), getuid());
-    EXPECT_EQ(client["program"], "ToolTest");
+    EXPECT_EQ(client["program"], kernelNameOf("ToolTest"));
     EXPECT_EQ(client["connections"], 1);
     EXPECT_EQ(client["since"].asString().size(), std::string("2026-11-21T07:12:01.123456Z").size())
         << outcome;

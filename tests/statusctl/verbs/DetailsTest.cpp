@@ -1,6 +1,7 @@
 // show, get --long and dump --long, with a real broker and with a scripted broker.
 
 #include <gtest/gtest.h>
+#include <mutex>
 #include <set>
 #include <sstream>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include "statusctl/text/Timestamp.h"
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/ProgramName.h"
 #include "tests/support/ScriptedBroker.h"
 #include "tests/support/ZmtpPeer.h"
 
@@ -28,17 +30,26 @@ class DetailsScript
 public:
     explicit DetailsScript(std::string answer)
     {
-        broker.answerWith(
+        mBroker.answerWith(
             [this,
              answer = std::move(answer)](const std::string& request) -> std::optional<ScriptedBroker::Frames>
             {
-                requests.push_back(request);
+                const std::lock_guard<std::mutex> lock(mMutex);
+                mRequests.push_back(request);
                 return ScriptedBroker::Frames{answer};
             });
     }
 
-    ScriptedBroker broker{ScriptedBroker::FirstAnswer::AtOnce};
-    std::vector<std::string> requests;
+    std::vector<std::string> requests()
+    {
+        const std::lock_guard<std::mutex> lock(mMutex);
+        return mRequests;
+    }
+
+private:
+    std::mutex mMutex;
+    std::vector<std::string> mRequests;
+    ScriptedBroker mBroker{ScriptedBroker::FirstAnswer::AtOnce}; // its thread ends first
 };
 
 constexpr const char* oneKey =
@@ -54,7 +65,7 @@ TEST(DetailsTest, showPrintsAllThatIsKnown)
     ZmtpPeer posting(ZmtpPeer::postPort);
     ASSERT_TRUE(posting.shakeHands());
     ASSERT_TRUE(posting.write(ZmtpPeer::message(R"({"postStatus":{"door":"open"}})")));
-    const std::string us = "process " + std::to_string(getpid()) + " (ToolTest)";
+    const std::string us = "process " + std::to_string(getpid()) + " (" + kernelNameOf("ToolTest") + ")";
     EXPECT_TRUE(eventually([&] { return statusctl({"show", "door"}).output.find(us) != std::string::npos; }));
     const Outcome outcome = statusctl({"show", "door"});
     std::istringstream lines(outcome.output);
@@ -166,9 +177,10 @@ TEST(DetailsTest, manyKeysAreAskedForInSeveralRequests)
     for (int key = 0; key < 2001; ++key)
         words.push_back("k" + std::to_string(key));
     EXPECT_EQ(statusctl(words).code, 3);
-    ASSERT_EQ(script.requests.size(), 3U);
+    const std::vector<std::string> requests = script.requests();
+    ASSERT_EQ(requests.size(), 3U);
     std::set<std::string> asked;
-    for (const std::string& request : script.requests)
+    for (const std::string& request : requests)
     {
         const Json::Value keys = JsonText::readObject(request).value_or(Json::Value())["getStatusDetails"];
         EXPECT_LE(keys.size(), 1000U);

@@ -12,6 +12,7 @@
 
 #include "tests/statusctl/Tool.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/Sanitized.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace
@@ -125,6 +126,8 @@ TEST_F(SandboxTest, theExitCodeIsTheCommandsAlsoIfTheCallerIgnoresItsChildren)
 
 TEST_F(SandboxTest, signalsReachTheCommand)
 {
+    if (areSignalsDelayed)
+        GTEST_SKIP() << "this build delays signals";
     for (const int number : {SIGINT, SIGQUIT, SIGHUP})
         std::signal(number, SIG_DFL); // the tests' caller may ignore them
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
@@ -200,6 +203,8 @@ TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
 // The signal comes again and again, until the tool ends its sender.
 TEST_F(SandboxTest, aSignalAfterTheCommandsEndDoesNotKeepItFromEndingTheRest)
 {
+    if (areSignalsDelayed)
+        GTEST_SKIP() << "this build delays signals";
     const Outcome outcome = statusctl(shell(
         "trap 'exit 3' TERM; sh -c 'trap \"\" TERM; echo $$; while kill -TERM $1; do :; done' sh $PPID &"
         "while :; do sleep 0.01; done"));
