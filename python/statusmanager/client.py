@@ -105,7 +105,7 @@ class Status:
     async def sync(self, *, timeout: Optional[float] = None) -> None:
         """Wait until the broker has all posts made before.
 
-        Raises LostError, once, if posts may have been lost because the broker was restarted.
+        Raises LostError, once, if posts may have been lost: the broker was restarted, or took them too slowly.
         """
         await self._ask(Question.SYNC, (), timeout)
 

@@ -195,7 +195,7 @@ def test_a_missing_library_is_named() -> None:
     assert "ImportError: libnone.so was not found; Debian's package is libstatusmanager-c1" in ended.stderr
 
 
-def test_a_broker_that_does_not_start_is_reported(statusbroker: Broker) -> None:
+def test_a_broker_that_does_not_start_is_reported() -> None:
     with pytest.raises(BrokerError, match="did not start"):
         with Broker("/bin/false"):
             pass
