@@ -159,11 +159,11 @@ extern "C"
     // --------------------------------------------------------------------------------------------- lifecycle
 
     /// Connects to the broker. The first call of the process connects, and needs a broker that answers; later
-    /// calls return at once. After a time-out the attempt continues in the background: a later call waits for
-    /// the same attempt. The first call that succeeds starts the library's threads, which run until the
-    /// process ends.
-    /// @param timeout_ms the longest wait. With 0 it only begins an attempt, or takes the result of an
-    /// earlier one.
+    /// calls need none, and return within moments. After a time-out the attempt continues in the background:
+    /// a later call waits for the same attempt. The first call that succeeds starts the library's threads,
+    /// which run until the process ends.
+    /// @param timeout_ms the longest wait. With 0 it only begins an attempt, also in a process that is
+    ///                   connected, or takes the result of an earlier attempt.
     /// @param status     gets the open status, which the caller ends with status_close()
     /// @returns 0; STATUS_EINVAL, STATUS_ETIMEOUT, STATUS_EFULL, STATUS_ENOMEM, STATUS_ESYSTEM,
     /// STATUS_EFORKED
