@@ -1,8 +1,8 @@
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <openssl/engine.h>
 #include <openssl/pem.h>
+#include <sstream>
 #include <string>
 
 // Stands for a security chip: an engine of OpenSSL whose key files have their bytes in reverse order.
@@ -12,8 +12,9 @@ namespace
 
 EVP_PKEY* loadKey(ENGINE*, const char* name, UI_METHOD*, void*)
 {
-    std::ifstream file(name);
-    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::stringstream content;
+    content << std::ifstream(name).rdbuf();
+    std::string text = content.str();
     std::reverse(text.begin(), text.end());
     BIO* const bytes = BIO_new_mem_buf(text.data(), static_cast<int>(text.size()));
     EVP_PKEY* const key = PEM_read_bio_PrivateKey(bytes, nullptr, nullptr, nullptr);

@@ -182,17 +182,54 @@ protected:
         return mView.find(device.options().device);
     }
 
-    // How many devices are not on the server as they are.
-    std::size_t differences() const
+    static bool isSame(const SimulatedDevice& device, const DeviceView* view)
+    {
+        return view != nullptr && view->isOnline && view->values == device.values();
+    }
+
+    // How many devices are not in the view as they are.
+    std::size_t differences(const FleetView& view) const
     {
         const auto& devices = mFleet.devices();
-        return static_cast<std::size_t>(std::count_if(devices.begin(), devices.end(),
-                                                      [&](const SimulatedDevice& device)
-                                                      {
-                                                          const DeviceView* const view = viewOf(device);
-                                                          return view == nullptr || !view->isOnline ||
-                                                                 view->values != device.values();
-                                                      }));
+        return static_cast<std::size_t>(
+            std::count_if(devices.begin(), devices.end(), [&](const SimulatedDevice& device)
+                          { return !isSame(device, view.find(device.options().device)); }));
+    }
+
+    std::size_t differences() const { return differences(mView); }
+
+    // What differs, for the message of a failure.
+    std::string describe(const FleetView& view) const
+    {
+        std::string text = std::to_string(differences(view)) + " devices differ:";
+        for (const SimulatedDevice& device : mFleet.devices())
+        {
+            const DeviceView* const found = view.find(device.options().device);
+            if (isSame(device, found))
+                continue;
+            text += "\n" + device.options().device;
+            if (found == nullptr)
+            {
+                text += " is unknown";
+                continue;
+            }
+            text += found->isOnline ? " is online" : " is offline";
+            text += ", session " + std::to_string(found->session) + ", values of session " +
+                    std::to_string(found->valuesSession) + " up to " + std::to_string(found->sequence);
+            for (const auto& [key, value] : device.values())
+            {
+                const auto other = found->values.find(key);
+                if (other == found->values.end() || other->second != value)
+                    text += "\n  " + key + " is " + value.substr(0, 20) + ", but there " +
+                            (other == found->values.end() ? "it is not" : other->second.substr(0, 20));
+            }
+            for (const auto& [key, value] : found->values)
+            {
+                if (device.values().count(key) == 0)
+                    text += "\n  " + key + " is only there, as " + value.substr(0, 20);
+            }
+        }
+        return text;
     }
 
     // Events that are neither on the server nor counted as dropped. An event that has arrived may be dropped,
@@ -260,11 +297,11 @@ TEST_F(FleetTest, afterCutsKillsAndRestartsTheServerHasEachDevice)
     }
     mNetwork.pass();
     startAll();
-    EXPECT_TRUE(runUntil([this] { return differences() == 0; })) << differences() << " devices differ";
+    EXPECT_TRUE(runUntil([this] { return differences() == 0; })) << describe(mView);
     // `online` counts what was dropped up to the beginning of a session.
     mNetwork.cutAll();
     EXPECT_TRUE(runUntil([this] { return missingEvents() == 0 && differences() == 0; }))
-        << missingEvents() << " events are missing, " << differences() << " devices differ";
+        << missingEvents() << " events are missing, " << describe(mView);
     askForBirths();
 
     // What a new reader gets.
@@ -273,17 +310,13 @@ TEST_F(FleetTest, afterCutsKillsAndRestartsTheServerHasEachDevice)
                          [&](const std::string& topic, const std::string& payload) {
                              view.take({topic, payload, false, std::nullopt});
                          });
-    const auto isSame = [&](const SimulatedDevice& device)
-    {
-        const DeviceView* const found = view.find(device.options().device);
-        return found != nullptr && found->isOnline && found->values == device.values();
-    };
     EXPECT_TRUE(runUntil(
         [&]
         {
             reader.work();
-            return std::all_of(mFleet.devices().begin(), mFleet.devices().end(), isSame);
-        }));
+            return differences(view) == 0;
+        }))
+        << "A new reader: " << describe(view) << "\nThe observer: " << describe(mView);
     int64_t events = 0;
     int64_t dropped = 0;
     for (const SimulatedDevice& device : mFleet.devices())
