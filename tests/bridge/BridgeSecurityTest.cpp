@@ -49,7 +49,7 @@ TEST_F(BridgeSecurityTest, aRenewedCertificateIsTakenOverAtReload)
     ASSERT_TRUE(mBridge->waitForError("Online at"));
     makeCertificate("truck", "renewed");
     mBridge->signal(SIGHUP);
-    EXPECT_TRUE(mServer->process().waitForError("u'renewed'"));
+    EXPECT_TRUE(mServer->waitForLog("u'renewed'"));
 }
 
 TEST_F(BridgeSecurityTest, itNeedsLessThanEightMebibytesAtWork)

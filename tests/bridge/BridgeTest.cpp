@@ -20,9 +20,9 @@ bool saysOffline(MqttObserver& observer, int64_t session)
 }
 
 // How often a bridge has connected to a server.
-std::size_t connections(MqttServer& server)
+std::size_t connections(const MqttServer& server)
 {
-    const std::string log = server.process().errors();
+    const std::string log = server.log();
     const std::string line = " as truck (";
     std::size_t count = 0;
     for (std::size_t at = log.find(line); at != std::string::npos; at = log.find(line, at + 1))
@@ -414,7 +414,7 @@ TEST_F(BridgeTest, itSpeaksTheOlderVersionOnRequest)
     MqttObserver observer(mServer.port());
     ASSERT_TRUE(waitForStatus(observer, {{"door", "open"}}));
     EXPECT_TRUE(waitUntilOnline(observer));
-    EXPECT_TRUE(mServer.process().waitForError("as truck (p2"));
+    EXPECT_TRUE(mServer.waitForLog("as truck (p2"));
 }
 
 TEST_F(BridgeTest, aWrongConfigurationEndsItWithItsLine)

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <cstdio>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -33,20 +34,33 @@ MqttServer::MqttServer(const std::string& options)
     writeFile(mFolder / "server.conf", "per_listener_settings false\nlistener " + std::to_string(mPort) +
                                            " 127.0.0.1\npersistence true\npersistence_location " + data +
                                            "/\nautosave_on_changes true\nautosave_interval 1\nlog_type "
-                                           "notice\nlog_type information\nlog_type error\n" +
-                                           options);
+                                           "notice\nlog_type information\nlog_type error\nlog_dest file " +
+                                           data + "/log\n" + options);
     start();
 }
 
+// It logs to a file: a pipe that nobody reads gets full, and a server that waits for room in it serves
+// nobody.
 void MqttServer::start()
 {
+    std::remove((mFolder / "data/log").c_str());
     mProcess.emplace(std::vector<std::string>{MOSQUITTO, "-c", mFolder / "server.conf"});
-    if (!mProcess->waitForError("running"))
-        throw std::runtime_error("the server did not start: " + mProcess->errors());
+    if (!waitForLog("running"))
+        throw std::runtime_error("the server did not start: " + log());
 }
 
 void MqttServer::stop(int signal)
 {
     mProcess->signal(signal);
     mProcess->waitForExit();
+}
+
+std::string MqttServer::log() const
+{
+    return readFile(mFolder / "data/log");
+}
+
+bool MqttServer::waitForLog(const std::string& text) const
+{
+    return eventually([&] { return log().find(text) != std::string::npos; });
 }

@@ -19,7 +19,12 @@ public:
     explicit MqttServer(const std::string& options = "allow_anonymous true\n");
 
     int port() const { return mPort; }
-    TestProcess& process() { return *mProcess; }
+
+    /// What it has logged since its start.
+    std::string log() const;
+
+    /// Waits until it has logged the text.
+    bool waitForLog(const std::string& text) const;
 
     void start();
     void stop(int signal);
