@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <mosquitto.h>
+#include <optional>
 #include <string>
 
 /// Reads what a server has, over every restart of it: the server keeps what comes meanwhile. Has no thread:
@@ -27,6 +28,9 @@ private:
         void operator()(mosquitto* client) const { mosquitto_destroy(client); }
     };
 
+    std::optional<bool> workOnce();
+
+    const std::string mTopics;
     Take mTake;
     std::unique_ptr<mosquitto, Destroyer> mClient;
 };
