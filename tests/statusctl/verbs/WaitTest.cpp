@@ -23,7 +23,7 @@ Outcome tooLate(const std::string& why)
 }
 
 // What the tool says when its time is over, without the time: a busy machine may need more than a short one
-// to reach the broker at all.
+// to reach the broker and get its values.
 Outcome waitInVain(const Words& conditions)
 {
     Outcome outcome;
@@ -32,7 +32,8 @@ Outcome waitInVain(const Words& conditions)
         Words words{"-t", std::to_string(time.count()) + "ms", "wait"};
         words.insert(words.end(), conditions.begin(), conditions.end());
         outcome = statusctl(words);
-        if (outcome.errors.find("no broker within") == std::string::npos)
+        if (outcome.errors.find("no broker within") == std::string::npos &&
+            outcome.errors.find("no values from the broker") == std::string::npos)
             break;
     }
     outcome.errors =
