@@ -79,7 +79,7 @@ TEST_F(ClientsTest, theConnectionsOfAProcessAreOneClient)
 
 TEST_F(ClientsTest, anotherProcessIsAnotherClient)
 {
-    TestProcess other({TESTCLIENT});
+    TestProcess other({TESTCLIENT, "watch", "k"}); // until its input ends
     EXPECT_TRUE(eventually([&] { return clients().size() == 2; }));
     const Json::Value all = clients();
     EXPECT_EQ(all[0U]["pid"].asInt(), getpid());

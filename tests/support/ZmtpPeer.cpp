@@ -201,9 +201,13 @@ std::optional<std::string> ZmtpPeer::receiveText(std::chrono::milliseconds deadl
     return text;
 }
 
+// A connection that has said nothing for a second, which happens to a busy test, gets an empty answer. Like
+// any client, this one asks again then.
 std::string ZmtpPeer::ask(const std::string& text)
 {
-    return write(request(text)) ? receiveText().value_or("") : "";
+    const auto askOnce = [&] { return write(request(text)) ? receiveText().value_or("") : ""; };
+    const std::string answer = askOnce();
+    return answer.empty() && !mIsEnded ? askOnce() : answer;
 }
 
 bool ZmtpPeer::isClosed(std::chrono::milliseconds deadline)

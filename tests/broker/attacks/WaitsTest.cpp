@@ -16,13 +16,13 @@ using std::chrono::milliseconds;
 class Dawdler
 {
 public:
-    Dawdler() : mPeer(ZmtpPeer::postPort)
+    explicit Dawdler(milliseconds pause) : mPeer(ZmtpPeer::postPort)
     {
         EXPECT_TRUE(mPeer.shakeHands() && mPeer.write(WireFrames::header(1000 * 1000, 0)));
         mThread = std::thread(
-            [this]
+            [this, pause]
             {
-                while (!mEnd.wait(milliseconds(1)))
+                while (!mEnd.wait(pause))
                     mPeer.write("x");
             });
     }
@@ -138,11 +138,12 @@ protected:
 
 using Dawdlers = std::vector<std::unique_ptr<Dawdler>>;
 
+// All together send as much as one, because what they send is work for the machine, too.
 Dawdlers dawdlers(int count)
 {
     Dawdlers all;
-    while (count-- > 0)
-        all.push_back(std::make_unique<Dawdler>());
+    for (int number = 0; number < count; ++number)
+        all.push_back(std::make_unique<Dawdler>(milliseconds(count)));
     return all;
 }
 
