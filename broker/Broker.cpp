@@ -208,6 +208,7 @@ std::size_t Broker::takeEvents(std::chrono::microseconds limit)
 {
     const std::size_t events = mLoop.poller.wait(limit);
     const TimePoint now = Clock::now();
+    mLoop.awake = now;
     mLoop.hasWorked = mLoop.hasWorked || events != 0;
     for (std::size_t index = 0; index < events; ++index)
         dispatch(mLoop.poller.event(index), now);
@@ -257,7 +258,7 @@ void Broker::doRound()
     pauseIntake(now);
     relieveMemory();
     mConnections.collect();
-    const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
+    const auto taken = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - mLoop.awake);
     mLoop.rounds.add(static_cast<uint64_t>(taken.count()));
     if (std::exchange(mLoop.hasWorked, false) && mLoop.nextTrim == TimePoint::max())
         mLoop.nextTrim = begin + trimPause;

@@ -50,6 +50,7 @@ private:
         bool hasWorked = false;     ///< memory may have been freed
         bool isEnding = false;
         const TimePoint started = Clock::now();
+        TimePoint awake{}; ///< when the round's events had come
         TimePoint nextHeartbeat{};
         TimePoint nextTrim = TimePoint::max();
         TimePoint nextLook{}; ///< at which connections make progress

@@ -112,10 +112,20 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
     }
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
         read(connection, now);
-    // Send its first values now, so that it follows the log before the next post.
     if (connection.state == NotifyConnection::State::Behind && !connection.isFull)
-        send(connection, now);
+        sendFirst(connection, now);
     update(connection);
+}
+
+// Sends its first values now, so that it follows the log before the next post. If many subscribe at once,
+// those for which there are many values have their turns in flush() instead.
+void NotifyPort::sendFirst(NotifyConnection& connection, TimePoint now)
+{
+    if (mFirstTime >= flushTurn && nextMissed(connection) != nullptr)
+        return;
+    const TimePoint begin = Clock::now();
+    send(connection, now);
+    mFirstTime += Clock::now() - begin;
 }
 
 void NotifyPort::read(NotifyConnection& connection, TimePoint now)
@@ -204,6 +214,7 @@ void NotifyPort::publish(std::string_view message, uint64_t revision, uint64_t e
 
 void NotifyPort::flush(TimePoint now)
 {
+    mFirstTime = Clock::duration::zero();
     flushFollowers(now);
     flushOthers(now);
     mLog.trim();
@@ -359,19 +370,28 @@ bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
     for (std::size_t looked = 0; looked < turnBytes;)
     {
         const DeviceState::Value* value = nextMissed(connection);
-        if (value == nullptr)
+        const bool isLast = value == nullptr;
+        if (!isLast)
+            looked += collectMissed(connection, value);
+        if ((isLast || connection.outputBytes() >= missedBytes) && !flushMissed(connection, now))
+            return false;
+        if (isLast)
         {
             follow(connection);
             return true;
         }
-        looked += collectMissed(connection, value);
-        const bool hadOutput = connection.hasOutput();
-        if (!connection.flush())
-            return false;
-        if (hadOutput)
-            connection.tookAt = now;
     }
+    flushMissed(connection, now);
     return false;
+}
+
+bool NotifyPort::flushMissed(NotifyConnection& connection, TimePoint now)
+{
+    const bool hadOutput = connection.hasOutput();
+    const bool isDone = connection.flush();
+    if (hadOutput && isDone)
+        connection.tookAt = now;
+    return isDone;
 }
 
 // Continues with the remembered value, if it has not changed since. Otherwise this takes a search.

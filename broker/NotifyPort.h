@@ -102,7 +102,9 @@ private:
     bool sendMatching(NotifyConnection& connection);
     void copyFiltered(NotifyConnection& connection, NotificationLog::Position end);
     void tellAgain(NotifyConnection& connection, TimePoint now);
+    void sendFirst(NotifyConnection& connection, TimePoint now);
     bool sendMissed(NotifyConnection& connection, TimePoint now);
+    static bool flushMissed(NotifyConnection& connection, TimePoint now);
     const DeviceState::Value* nextMissed(const NotifyConnection& connection) const;
     std::size_t collectMissed(NotifyConnection& connection, const DeviceState::Value* value);
     void follow(NotifyConnection& connection);
@@ -127,8 +129,9 @@ private:
     uint64_t mPublished = 0;
     uint64_t mMissedEvents = 0;
     uint64_t mFallenBehind = 0;
-    std::size_t mNext = 0;     ///< the subscriber whose turn is next
-    bool mHasLeftOver = false; ///< more could be sent, but the time was up
+    Clock::duration mFirstTime{}; ///< spent on first values since the last flush()
+    std::size_t mNext = 0;        ///< the subscriber whose turn is next
+    bool mHasLeftOver = false;    ///< more could be sent, but the time was up
     std::vector<char> mBuffer;
     NotificationFilter mFilter{mGuard, mLog};
 };

@@ -4,6 +4,7 @@
 
 #include "protocol/CommandForms.h"
 #include "protocol/CommandParser.h"
+#include "protocol/EscapedText.h"
 #include "protocol/PlainScanner.h"
 
 namespace BrokerProtocol
@@ -227,7 +228,7 @@ void appendText(std::string& to, std::string_view text)
 {
     if (!PlainText::isPlain(text))
     {
-        to += escaped(text);
+        EscapedText::append(to, text);
         return;
     }
     to += '"';

@@ -139,26 +139,6 @@ bool parse(std::string_view message, Command& command, std::vector<char>& unesca
     return true;
 }
 
-// DEL is the one character that the library escapes although clients and earlier brokers do not.
-void unescapeRubouts(std::string& document)
-{
-    constexpr std::string_view escape = "\\u007f";
-    std::size_t to = 0;
-    for (std::size_t from = 0; from < document.size();)
-    {
-        if (document.compare(from, escape.size(), escape) == 0)
-        {
-            document[to++] = '\x7f';
-            from += escape.size();
-            continue;
-        }
-        const bool isEscape = document[from] == '\\'; // the escaped character may be a backslash
-        for (std::size_t size = isEscape ? 2 : 1; size > 0; --size)
-            document[to++] = document[from++];
-    }
-    document.resize(to);
-}
-
 } // namespace
 
 bool parsePost(std::string_view message, Command& command, std::vector<char>& unescaped)
@@ -174,14 +154,6 @@ bool parseRequest(std::string_view message, Command& command, std::vector<char>&
 bool parseUpdate(std::string_view message, Command& command, std::vector<char>& unescaped)
 {
     return parse(message, command, unescaped, updateForms);
-}
-
-std::string escaped(std::string_view text)
-{
-    using Json = nlohmann::json;
-    std::string document = Json(text).dump(-1, ' ', true, Json::error_handler_t::replace);
-    unescapeRubouts(document);
-    return document;
 }
 
 } // namespace BrokerProtocol

@@ -1,13 +1,12 @@
 #ifndef PROTOCOL_COMMANDPARSER_H
 #define PROTOCOL_COMMANDPARSER_H
 
-#include <string>
 #include <string_view>
 #include <vector>
 
 #include "protocol/BrokerDocuments.h"
 
-/// Reads and writes messages and texts that are not plain, with a JSON library. Rarely used, and large.
+/// Reads messages that are not plain, with a JSON library. Rarely used, and large.
 namespace BrokerProtocol
 {
 
@@ -17,9 +16,6 @@ namespace BrokerProtocol
 bool parsePost(std::string_view message, Command& command, std::vector<char>& unescaped);
 bool parseRequest(std::string_view message, Command& command, std::vector<char>& unescaped);
 bool parseUpdate(std::string_view message, Command& command, std::vector<char>& unescaped);
-
-/// The text as a JSON string, with quotes. Bytes that are not UTF-8 become U+FFFD.
-std::string escaped(std::string_view text);
 
 } // namespace BrokerProtocol
 

@@ -20,6 +20,7 @@
 #include "broker/wire/FrameReader.h"
 #include "common/EventAgent.h"
 #include "common/EventDispatcher.h"
+#include "protocol/BrokerDocuments.h"
 #include "protocol/ClientDocuments.h"
 
 using namespace Orvane;
@@ -60,6 +61,22 @@ uint64_t writePost(unsigned times)
         {
             while (count-- != 0)
                 BrokerProtocol::writeMap(Key::postStatus, values);
+        },
+        times);
+}
+
+// A text without a single plain character, as anybody may post it.
+uint64_t writeForeignText(unsigned times)
+{
+    std::string text;
+    for (unsigned characters = 100; characters > 0; --characters)
+        text += "\u00e9";
+    std::string document;
+    return measure(
+        [&](unsigned count)
+        {
+            for (; count-- != 0; document.clear())
+                BrokerProtocol::appendText(document, text);
         },
         times);
 }
@@ -240,6 +257,7 @@ struct Operation
 
 constexpr Operation operations[] = {
     {"writePost", writePost},
+    {"writeForeignText", writeForeignText},
     {"readFrame", readFrame},
     {"handlePost", handlePost},
     {"handlePostWithPolicy", handlePostWithPolicy},

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <regex>
 
 #include "tests/bridge/BridgeFixture.h"
 #include "tests/bridge/ScriptedServer.h"
@@ -132,6 +133,15 @@ TEST_F(BridgeWireTest, atMostTwentyMessagesAreUnderWay)
     EXPECT_EQ(server.mostUnderWay(), 20U);
 }
 
+// Whether the broker has handled all posts, and has nothing left for any client.
+static bool haveAllBeenSentEverything()
+{
+    RawRequester requester;
+    return requester.ask("Sync") == "SyncAck" &&
+           !std::regex_search(requester.ask(R"({"getBrokerClients":"null"})"),
+                              std::regex(R"("queued":[1-9])"));
+}
+
 TEST_F(BridgeWireTest, whileTheServerIsSilentTheBrokerIsFollowedAndOnlyTheLatestValueWaits)
 {
     ScriptedServer& server = startServer();
@@ -142,8 +152,8 @@ TEST_F(BridgeWireTest, whileTheServerIsSilentTheBrokerIsFollowedAndOnlyTheLatest
     constexpr int changes = 30000; // more than the broker keeps for a subscriber that does not read
     for (int i = 0; i < changes; ++i)
         post("key" + std::to_string(i % 50), large + std::to_string(i));
-    RawRequester().ask("Sync");
     ASSERT_TRUE(server.waitFor([&] { return server.underWay() == 20; }));
+    ASSERT_TRUE(eventually([] { return haveAllBeenSentEverything(); }));
     const std::size_t before = server.packets().size();
     server.acknowledges = true;
     server.acknowledgeAll();
