@@ -166,9 +166,19 @@ std::vector<PolicySource> sourcesIn(const std::string& path, Errors& errors)
     return sources;
 }
 
-void finish(LoadedPolicy& loaded, const std::vector<PolicySource>& sources, const PolicyNames& names)
+// A file that was emptied by accident is valid, too.
+void warnOfNothing(PolicyContent& content, const std::string& path)
+{
+    const bool isDefault = content.rules.size() == 1 && content.rules.back().place.empty();
+    if (isDefault && content.quotas.empty() && content.ties.empty())
+        content.warnings.push_back(path + ": the policy says nothing, so everybody may do everything");
+}
+
+void finish(LoadedPolicy& loaded, const std::string& path, const std::vector<PolicySource>& sources,
+            const PolicyNames& names)
 {
     PolicyContent content = readPolicy(sources, names, loaded.errors);
+    warnOfNothing(content, path);
     if (loaded.errors.empty())
         loaded.policy = std::make_unique<const Policy>(std::move(content));
 }
@@ -194,12 +204,12 @@ LoadedPolicy guarded(const std::string& path, Function function)
 
 LoadedPolicy makePolicy(const std::vector<PolicySource>& sources, const PolicyNames& names)
 {
-    return guarded(sources.empty() ? "policy" : sources.front().name,
-                   [&](LoadedPolicy& loaded) { finish(loaded, sources, names); });
+    const std::string name = sources.empty() ? "policy" : sources.front().name;
+    return guarded(name, [&](LoadedPolicy& loaded) { finish(loaded, name, sources, names); });
 }
 
 LoadedPolicy loadPolicy(const std::string& path, const PolicyNames& names)
 {
-    return guarded(path,
-                   [&](LoadedPolicy& loaded) { finish(loaded, sourcesIn(path, loaded.errors), names); });
+    return guarded(path, [&](LoadedPolicy& loaded)
+                   { finish(loaded, path, sourcesIn(path, loaded.errors), names); });
 }

@@ -106,14 +106,18 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
         opened = true;
         result = mReader.next(bytes, mostBytes, item);
     }
-    while (result == Result::Command && answerPing(item.body))
+    bool hasAnswered = false;
+    for (; result == Result::Command && answerPing(item.body); hasAnswered = true)
         result = mReader.next(bytes, mostBytes, item);
+    if (hasAnswered)
+        flush();
     if (result == Result::Violation || result == Result::Endless)
         kill();
     return isDead() && result != Result::Endless ? Result::NeedsMore : result;
 }
 
-// Returns whether the command is a PING. A peer that reads no answers gets none.
+// Returns whether the command is a PING. A peer that reads no answers gets none. The answers to many PINGs
+// leave together, with the caller's flush().
 bool Connection::answerPing(std::string_view command)
 {
     constexpr std::string_view ping = "\4PING"sv;
@@ -122,8 +126,10 @@ bool Connection::answerPing(std::string_view command)
     constexpr std::size_t mostWaiting = 1024;
     if (command.substr(0, ping.size()) != ping)
         return false;
-    if (command.size() >= ping.size() + timeToLive && outputBytes() < mostWaiting)
-        sendCommand(std::string("\4PONG").append(command.substr(ping.size() + timeToLive, longestContext)));
+    if (outputBytes() >= mostWaiting)
+        flush();
+    if (command.size() >= ping.size() + timeToLive && outputBytes() < mostWaiting && !isDead() && !mIsDeaf)
+        appendCommand(std::string("\4PONG").append(command.substr(ping.size() + timeToLive, longestContext)));
     return true;
 }
 
@@ -145,6 +151,11 @@ void Connection::sendCommand(std::string_view command)
     std::string bytes;
     FrameWriter::frame([&](std::string_view part) { bytes += part; }, command, FrameWriter::commandFlag);
     send(bytes);
+}
+
+void Connection::appendCommand(std::string_view command)
+{
+    FrameWriter::frame([&](std::string_view part) { mOutput += part; }, command, FrameWriter::commandFlag);
 }
 
 bool Connection::flush()

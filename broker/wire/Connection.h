@@ -133,6 +133,7 @@ private:
     };
 
     bool answerPing(std::string_view command);
+    void appendCommand(std::string_view command);
     std::size_t sent(ssize_t result);
     std::size_t taken(ssize_t result, uint64_t& counter);
 

@@ -89,6 +89,16 @@ TEST_F(PolicyFilesTest, mayBeReachedThroughLinks)
     EXPECT_FALSE(mayPost(load()));
 }
 
+TEST_F(PolicyFilesTest, thatSayNothingAreWarnedOf)
+{
+    const std::string warning = ": the policy says nothing, so everybody may do everything";
+    EXPECT_EQ(load().policy->warnings(), Lines{folder / "" + warning});
+    write("empty", "");
+    EXPECT_EQ(load("empty").policy->warnings(), Lines{folder / "empty" + warning});
+    write("default", "default = \"allow\"\n");
+    EXPECT_EQ(load("default").policy->warnings(), Lines{});
+}
+
 TEST_F(PolicyFilesTest, allMistakesAreTold)
 {
     write("a.policy", "default = 1\n");

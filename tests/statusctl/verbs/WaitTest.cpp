@@ -32,8 +32,8 @@ Outcome waitInVain(const Words& conditions)
         Words words{"-t", std::to_string(time.count()) + "ms", "wait"};
         words.insert(words.end(), conditions.begin(), conditions.end());
         outcome = statusctl(words);
-        if (outcome.errors.find("no broker within") == std::string::npos &&
-            outcome.errors.find("no values from the broker") == std::string::npos)
+        const std::regex notThere("no broker within|no (values|answer) from the broker");
+        if (!std::regex_search(outcome.errors, notThere))
             break;
     }
     outcome.errors =
