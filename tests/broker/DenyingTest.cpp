@@ -3,6 +3,7 @@
 #include <csignal>
 
 #include "tests/broker/PolicedBroker.h"
+#include "tests/support/ProgramName.h"
 
 class Denying : public PolicedBroker
 {
@@ -41,7 +42,7 @@ TEST_F(Denying, refusalsAreCountedAndLoggedWithTheClientAndTheRule)
     post(R"({"postStatus":{"secret.a":"1","secret.b":"2"}})");
     EXPECT_EQ(statistic("policy.denied"), 2U);
     EXPECT_TRUE(isInLog("Denied post of [secret.a], by " + (folder / "policy") + ":1 ["));
-    EXPECT_TRUE(isInLog("process " + std::to_string(getpid()) + " (DenyingTest)]"));
+    EXPECT_TRUE(isInLog("process " + std::to_string(getpid()) + " (" + kernelNameOf("DenyingTest") + ")]"));
     EXPECT_NE(ask(R"({"getBrokerClients":"null"})").find(R"("refusals":2)"), std::string::npos);
 }
 

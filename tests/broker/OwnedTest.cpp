@@ -12,6 +12,7 @@
 
 #include "tests/broker/PolicedBroker.h"
 #include "tests/broker/peer/ServiceGroup.h"
+#include "tests/support/ProgramName.h"
 
 namespace
 {
@@ -164,7 +165,8 @@ TEST_F(Owned, valuesAreMarkedWhenTheirOwnerHasGoneAndListenersAreTold)
     EXPECT_EQ(value("net.a"), reply("offline"));
     EXPECT_EQ(statistic("policy.ownersGone"), 1U);
     EXPECT_TRUE(isInLog("Set [net.a] and 0 others to [offline], by ")) << broker->process().errors();
-    EXPECT_TRUE(isInLog(", process " + std::to_string(pid) + " (OwnedTest)")) << broker->process().errors();
+    EXPECT_TRUE(isInLog(", process " + std::to_string(pid) + " (" + kernelNameOf("OwnedTest") + ")"))
+        << broker->process().errors();
 }
 
 TEST_F(Owned, valuesWithoutATextAreReset)

@@ -7,6 +7,7 @@
 #include "statusctl/text/Json.h"
 #include "tests/broker/PolicedBroker.h"
 #include "tests/support/AsUser.h"
+#include "tests/support/ProgramName.h"
 
 namespace
 {
@@ -39,7 +40,7 @@ TEST_F(StatusDetails, nameTheClientThatPosted)
     const Json::Value door = detailsOf(R"("door")")["door"];
     EXPECT_EQ(door["value"], "open");
     EXPECT_EQ(door["poster"]["uid"].asUInt(), geteuid());
-    EXPECT_EQ(door["poster"]["program"], "StatusDetailsTe"); // the kernel keeps only this much
+    EXPECT_EQ(door["poster"]["program"], kernelNameOf("StatusDetailsTe")); // the kernel keeps only this much
     EXPECT_FALSE(door.isMember("changer")) << door;
     EXPECT_EQ(door["posts"], 1);
     EXPECT_EQ(door["changes"], 1);
