@@ -22,6 +22,9 @@ constexpr std::size_t longestPrefix = 255;
 // Values that a subscriber missed go out in messages of about this size.
 constexpr std::size_t missedBytes = std::size_t{64} * 1024;
 
+// Messages with one value each leave together, about as many bytes at once.
+constexpr std::size_t gatheredBytes = std::size_t{8} * 1024;
+
 // The cost of a short value beyond its bytes.
 constexpr std::size_t perValue = 32;
 
@@ -118,10 +121,10 @@ void NotifyPort::serve(NotifyConnection& connection, uint32_t what, TimePoint no
 }
 
 // Sends its first values now, so that it follows the log before the next post. If many subscribe at once,
-// those for which there are many values have their turns in flush() instead.
+// those that lack any have their turns in flush() instead, and miss the events until then.
 void NotifyPort::sendFirst(NotifyConnection& connection, TimePoint now)
 {
-    if (mFirstTime >= flushTurn && nextMissed(connection) != nullptr)
+    if (mFirstTime >= flushTurn && mState.hasChangedSince(connection.revision))
         return;
     const TimePoint begin = Clock::now();
     send(connection, now);
@@ -373,7 +376,7 @@ bool NotifyPort::sendMissed(NotifyConnection& connection, TimePoint now)
         const bool isLast = value == nullptr;
         if (!isLast)
             looked += collectMissed(connection, value);
-        if ((isLast || connection.outputBytes() >= missedBytes) && !flushMissed(connection, now))
+        if ((isLast || connection.outputBytes() >= gatheredBytes) && !flushMissed(connection, now))
             return false;
         if (isLast)
         {

@@ -183,6 +183,12 @@ public:
     /// The value that changed first after this revision; null if there is none. Follow `newer` for the next.
     const Value* changedSince(uint64_t revision) const;
 
+    /// Whether there is one. Takes no search.
+    bool hasChangedSince(uint64_t revision) const
+    {
+        return mNewest != nullptr && mNewest->revision > revision;
+    }
+
     std::size_t keys() const { return mValues.size() - mForgotten; }
     std::size_t storedBytes() const { return mStoredBytes; }
     std::size_t timers() const { return mTimers.size(); }

@@ -7,6 +7,7 @@
 #include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <utility>
 
 #include "broker/wire/FrameWriter.h"
 
@@ -51,6 +52,7 @@ std::size_t Connection::receive(char* buffer, std::size_t size)
     const ssize_t count = recv(descriptor(), buffer, size, 0);
     if (count == 0)
         kill();
+    mMayHaveRoom = true;
     return taken(count, mReceivedBytes);
 }
 
@@ -106,10 +108,9 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
         opened = true;
         result = mReader.next(bytes, mostBytes, item);
     }
-    bool hasAnswered = false;
-    for (; result == Result::Command && answerPing(item.body); hasAnswered = true)
+    while (result == Result::Command && answerPing(item.body))
         result = mReader.next(bytes, mostBytes, item);
-    if (hasAnswered)
+    if (result != Result::Command && std::exchange(mHasAnswered, false))
         flush();
     if (result == Result::Violation || result == Result::Endless)
         kill();
@@ -117,7 +118,7 @@ FrameReader::Result Connection::next(std::string_view& bytes, std::size_t mostBy
 }
 
 // Returns whether the command is a PING. A peer that reads no answers gets none. The answers to many PINGs
-// leave together, with the caller's flush().
+// leave together; if the kernel has no room, it is asked again only after the next read.
 bool Connection::answerPing(std::string_view command)
 {
     constexpr std::string_view ping = "\4PING"sv;
@@ -126,10 +127,13 @@ bool Connection::answerPing(std::string_view command)
     constexpr std::size_t mostWaiting = 1024;
     if (command.substr(0, ping.size()) != ping)
         return false;
-    if (outputBytes() >= mostWaiting)
-        flush();
+    if (outputBytes() >= mostWaiting && mMayHaveRoom)
+        mMayHaveRoom = flush();
     if (command.size() >= ping.size() + timeToLive && outputBytes() < mostWaiting && !isDead() && !mIsDeaf)
+    {
         appendCommand(std::string("\4PONG").append(command.substr(ping.size() + timeToLive, longestContext)));
+        mHasAnswered = true;
+    }
     return true;
 }
 

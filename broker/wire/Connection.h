@@ -144,8 +144,10 @@ private:
     Handshake mHandshake;
     FrameReader mReader;
     std::string mOutput;
-    std::size_t mSent = 0; ///< bytes of the output
-    bool mIsDeaf = false;  ///< the peer takes nothing more
+    std::size_t mSent = 0;     ///< bytes of the output
+    bool mHasAnswered = false; ///< a PING, and the answer has not been sent
+    bool mMayHaveRoom = true;  ///< not tried in vain since the last read
+    bool mIsDeaf = false;      ///< the peer takes nothing more
     uint64_t mReceivedBytes = 0;
     uint64_t mSentBytes = 0;
 };

@@ -360,6 +360,15 @@ TEST(BrokersWriting, everyTextIsReadByClientsAsItWas)
         EXPECT_EQ(readStatusValueReply(written(appendStatusValueReply, value)), value);
 }
 
+TEST(BrokersWriting, textsBeyondAsciiAreEscapedInLowerCase)
+{
+    EXPECT_EQ(written(appendText, std::string("\0\x1f\x7f/", 4)), "\"\\u0000\\u001f\x7f/\"");
+    EXPECT_EQ(written(appendText, "\b\f\n\r\t\"\\"), R"("\b\f\n\r\t\"\\")");
+    EXPECT_EQ(written(appendText, "\xc2\x80\xef\xbf\xbf"), R"("\u0080\uffff")");
+    EXPECT_EQ(written(appendText, "\xf0\x90\x80\x80\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf"),
+              R"("\ud800\udc00\ud83d\ude00\udbff\udfff")");
+}
+
 TEST(BrokersWriting, bytesThatAreNotUtf8AreReadByClientsAsReplacementCharacters)
 {
     EXPECT_EQ(readStatusValueReply(written(appendStatusValueReply, "\xff")), "\xef\xbf\xbd");

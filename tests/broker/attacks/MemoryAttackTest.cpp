@@ -181,12 +181,16 @@ protected:
     // that it cannot vouch for the newcomer's post, and reports that. Then the post may still arrive.
     bool isNewcomerServed()
     {
-        TestProcess newcomer({TESTCLIENT, "set", "newcomer", "v"});
+        const std::string value = std::to_string(++mNewcomers);
+        TestProcess newcomer({TESTCLIENT, "set", "newcomer", value});
         const std::optional<int> exit = newcomer.waitForExit();
         EXPECT_TRUE(exit == EXIT_SUCCESS || exit == EXIT_FAILURE) << "the newcomer hangs";
         return exit == EXIT_SUCCESS || statistic("limit.memory") != 0 ||
-               requester.ask(R"({"getClientInfoValue":"newcomer"})") == reply("v");
+               requester.ask(R"({"getClientInfoValue":"newcomer"})") == reply(value);
     }
+
+private:
+    int mNewcomers = 0;
 };
 
 } // namespace
