@@ -172,7 +172,7 @@ TEST_F(BridgeWireTest, eventsThatWaitAreSentBehindTheValuesAtALimitedRate)
     ScriptedServer& server = startServer();
     server.kicksAfterAccepting = true;
     startBridge("insecure = true\nevent-rate = 1\n");
-    ASSERT_TRUE(server.waitFor([&] { return server.connections() > 0; }));
+    ASSERT_TRUE(mBridge->waitForError("Following"));
     constexpr std::size_t events = 6;
     for (std::size_t i = 0; i < events; ++i)
         postEvent("bell", "rang");
