@@ -134,7 +134,7 @@ void NotifyPort::sendFirst(NotifyConnection& connection, TimePoint now)
 void NotifyPort::read(NotifyConnection& connection, TimePoint now)
 {
     const Refusals::From from(mRefusals, connection);
-    const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
+    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(mBuffer.size()));
     std::string_view bytes(mBuffer.data(), count);
     if (count != 0 && !finishMessage(connection)) // a PONG must not get into the message
     {
@@ -249,18 +249,27 @@ void NotifyPort::refillFollowers(TimePoint now)
     flushFollowers(now);
 }
 
+// Those that follow lack little, so they do not wait for the first values of others.
 void NotifyPort::flushOthers(TimePoint now)
 {
-    mHasLeftOver = false;
+    const bool areFollowersLeft = flushSome(NotifyConnection::State::Following, mNextFollower, now);
+    const bool areOthersLeft = flushSome(NotifyConnection::State::Behind, mNextBehind, now);
+    mHasLeftOver = areFollowersLeft || areOthersLeft;
+}
+
+// Returns whether the time was over before each of them had its turn.
+bool NotifyPort::flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now)
+{
+    bool hasLeftOver = false;
     TimePoint time = Clock::now();
     const TimePoint end = time + flushTurn;
     TimePoint sliceEnd = time + flushSlice;
     const std::size_t count = mSubscribers.size();
-    for (std::size_t looked = 0; looked < count && !mHasLeftOver; ++looked)
+    for (std::size_t looked = 0; looked < count && !hasLeftOver; ++looked)
     {
-        mNext = mNext < mSubscribers.size() ? mNext : 0;
-        NotifyConnection& connection = *mSubscribers[mNext];
-        if (!connection.followsAll() && isToBeSent(connection))
+        next = next < mSubscribers.size() ? next : 0;
+        NotifyConnection& connection = *mSubscribers[next];
+        if (connection.state == state && !connection.followsAll() && isToBeSent(connection))
         {
             send(connection, now);
             update(connection);
@@ -272,10 +281,11 @@ void NotifyPort::flushOthers(TimePoint now)
                 sliceEnd = time + flushSlice;
             }
             // When a connection has gone, another is at its index.
-            mHasLeftOver = mSubscribers.size() != count || time >= end;
+            hasLeftOver = mSubscribers.size() != count || time >= end;
         }
-        ++mNext;
+        ++next;
     }
+    return hasLeftOver;
 }
 
 bool NotifyPort::isToBeSent(const NotifyConnection& connection) const

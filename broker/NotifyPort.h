@@ -92,6 +92,7 @@ private:
     void flushFollowers(TimePoint now);
     void refillFollowers(TimePoint now);
     void flushOthers(TimePoint now);
+    bool flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now);
     bool isToBeSent(const NotifyConnection& connection) const;
     void send(NotifyConnection& connection, TimePoint now);
     bool sendWhatItLacks(NotifyConnection& connection, TimePoint now);
@@ -129,9 +130,10 @@ private:
     uint64_t mPublished = 0;
     uint64_t mMissedEvents = 0;
     uint64_t mFallenBehind = 0;
-    Clock::duration mFirstTime{}; ///< spent on first values since the last flush()
-    std::size_t mNext = 0;        ///< the subscriber whose turn is next
-    bool mHasLeftOver = false;    ///< more could be sent, but the time was up
+    Clock::duration mFirstTime{};  ///< spent on first values since the last flush()
+    std::size_t mNextFollower = 0; ///< the subscriber whose turn is next
+    std::size_t mNextBehind = 0;   ///< the same of those that are behind
+    bool mHasLeftOver = false;     ///< more could be sent, but the time was up
     std::vector<char> mBuffer;
     NotificationFilter mFilter{mGuard, mLog};
 };

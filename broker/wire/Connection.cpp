@@ -29,6 +29,13 @@ bool getInfo(int socket, tcp_info& info)
 
 } // namespace
 
+bool Connection::hasEnded(const Descriptor& socket)
+{
+    char first = 0;
+    const ssize_t count = recv(socket.number(), &first, sizeof(first), MSG_PEEK);
+    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
+}
+
 Connection::Connection(Descriptor socket, Handshake::Kind kind, TimePoint now)
     : Pollable(Pollable::Kind::Connection), mSocket(std::move(socket)), mKind(kind), mAcceptedAt(now),
       mHandshake(kind)

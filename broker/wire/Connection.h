@@ -24,6 +24,9 @@ struct UserAccount;
 class Connection : public Pollable, public Refused
 {
 public:
+    /// Whether the peer of a socket has ended the connection without a word.
+    static bool hasEnded(const Descriptor& socket);
+
     Connection(Descriptor socket, Handshake::Kind kind, TimePoint now);
     virtual ~Connection() = default;
 

@@ -38,7 +38,8 @@ std::size_t Poller::wait(std::chrono::microseconds limit)
     if (count < 0 && errno != EINTR)
         throw std::system_error(errno, std::generic_category(), "epoll_wait");
     mLooks += count < 0 ? 0 : 1;
-    return count < 0 ? 0 : static_cast<std::size_t>(count);
+    mReported = count < 0 ? 0 : static_cast<std::size_t>(count);
+    return mReported;
 }
 
 void Poller::control(int operation, int descriptor, uint32_t what, Pollable* owner)

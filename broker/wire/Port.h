@@ -41,16 +41,23 @@ public:
     }
 
     /// Accepts up to `count` waiting connections. Returns whether it took them all, so that more may wait.
+    /// Connections that have ended meanwhile cost little. For a while, they do not count.
     bool accept(std::size_t count, TimePoint now)
     {
+        constexpr std::chrono::milliseconds longestClearing{2};
+        const TimePoint endOfClearing = Clock::now() + longestClearing;
         bool outOfDescriptors = false;
         sockaddr_in address{};
-        for (; count != 0; --count)
+        while (count != 0)
         {
             Descriptor socket = mListener.accept(address, outOfDescriptors);
             if (!socket.isOpen())
                 break;
             ++mAccepted;
+            const bool hasEnded = Connection::hasEnded(socket);
+            count -= hasEnded && Clock::now() < endOfClearing ? 0U : 1U;
+            if (hasEnded)
+                continue;
             const bool hasRoom = mPeers.size() < most();
             if (!hasRoom)
                 onFull();
@@ -154,6 +161,14 @@ protected:
     /// Acts on what the peer has sent.
     virtual void update(Peer& peer) = 0;
 
+    /// How much to read from a connection now. If many have something to say, each has its turn soon.
+    std::size_t shareOfTurn(std::size_t most) const
+    {
+        constexpr std::size_t bytesOfAllTurns = std::size_t{256} * 1024;
+        constexpr std::size_t fewest = 512;
+        return std::clamp(bytesOfAllTurns / (mPoller.reported() + 1), fewest, most);
+    }
+
     /// Asks the poller for the events that the connection waits for now.
     void poll(Peer& peer, uint32_t what)
     {
@@ -191,6 +206,7 @@ private:
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
             peer.polled = EPOLLIN;
+            mPoller.reserve(mPeers.size());
             onAccepted(peer);
             return true;
         }

@@ -114,6 +114,29 @@ TEST_F(PortTest, oneThatBreaksTheProtocolBehindItsHandshakeMakesRoom)
     EXPECT_EQ(port.peers().size(), 1U);
 }
 
+// A crowd that only connects does not delay a client behind it for long.
+TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
+{
+    constexpr unsigned crowd = 100;
+    for (unsigned number = 0; number < crowd; ++number)
+        connectToIt();
+    const Descriptor client = connectToIt();
+    unsigned turns = 0;
+    for (; port.peers().empty() && turns < crowd; ++turns)
+        port.accept(1, Clock::now());
+    EXPECT_LT(turns, crowd / 2);
+    ASSERT_EQ(port.peers().size(), 1U);
+    EXPECT_EQ(port.accepted(), crowd + 1);
+    EXPECT_FALSE(isClosed(client));
+}
+
+TEST_F(PortTest, oneThatHasSpokenAndEndedIsRead)
+{
+    say(connectToIt(), ZmtpPeer::greeting());
+    port.accept(1, Clock::now());
+    EXPECT_EQ(port.peers().size(), 1U);
+}
+
 // ------------------------------------------------------------------------------------- options of the system
 
 namespace
@@ -338,6 +361,23 @@ TEST_F(SubscribersTest, aFollowerIsSentMoreWhileOthersLookForWhatTheyWant)
     for (const Subscriber& other : others)
         notifyPort.serve(*other.connection, EPOLLOUT, Clock::now());
     EXPECT_EQ(timesSentToAFollower(Clock::now() - std::chrono::seconds(10)), alone) << "it has stopped";
+}
+
+// Many that subscribe to a broker that was started just now get all values at first.
+TEST_F(SubscribersTest, oneThatFollowsAPartDoesNotWaitForTheFirstValuesOfOthers)
+{
+    const Subscriber follower = subscribe({"x"});
+    for (int number = 0; number < 9000; ++number)
+        state.post({{"key" + std::to_string(number), "a value of some length"}});
+    notifyPort.catchUp().disconnected(0, Clock::now(), std::chrono::seconds(30));
+    std::vector<Subscriber> others;
+    while (others.size() < 100)
+        others.push_back(subscribe({"{"}));
+    notifyPort.flush(Clock::now()); // some others have their turn
+    publish(1, 10);
+    notifyPort.flush(Clock::now());
+    EXPECT_EQ(follower.connection->position, notifyPort.log().end());
+    EXPECT_EQ(notifyPort.due(), TimePoint::min()) << "some others still wait";
 }
 
 TEST_F(SubscribersTest, oneThatIsSentNothingIsNotWaitedFor)
