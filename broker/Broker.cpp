@@ -121,7 +121,10 @@ void Broker::planTasks()
     mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
     mLoop.schedule.add([this]
                        { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); },
-                       [](TimePoint) {});                                       // every round takes some
+                       [](TimePoint) {}); // every round takes some
+    mLoop.schedule.add([this]
+                       { return mConnections.requests().hasLong() ? TimePoint::min() : TimePoint::max(); },
+                       [](TimePoint) {});                                       // every round sends some
     mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {});      // every round decides
     mLoop.schedule.add([this] { return mForgetting.due(); }, [](TimePoint) {}); // every round drops
     mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
@@ -254,6 +257,7 @@ void Broker::doRound()
     mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
     mConnections.notify().flush(now);
+    mConnections.requests().sendLong(Clock::now() + turn);
     mForgetting.dropWhatAllKnow(now);
     pauseIntake(now);
     relieveMemory();
@@ -338,7 +342,8 @@ void Broker::finish()
            (mConnections.notify().hasOutput() || mConnections.requests().hasOutput()))
     {
         mConnections.notify().flush(Clock::now());
-        takeEvents(outputPause);
+        mConnections.requests().sendLong(Clock::now() + turn);
+        takeEvents(mConnections.requests().hasLong() ? std::chrono::milliseconds(0) : outputPause);
     }
     mConnections.requests().sayGoodbye(begin + longestEnd);
     mConnections.finish();

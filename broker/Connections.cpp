@@ -48,13 +48,30 @@ pid_t pidOf(const Identity& identity)
     return identity.isShared ? 0 : identity.pid;
 }
 
-// If a process is unknown, user and control group must match. An unknown user matches no other.
-bool mayBeOfOneProcess(const Identity& one, const Identity& other)
+// Whether enough is known of both to compare them.
+bool areComparable(const Identity& one, const Identity& other)
+{
+    return (pidOf(one) != 0 && pidOf(other) != 0) || (one.owner.isKnown() && other.owner.isKnown());
+}
+
+// If a process is unknown, user and control group show a difference.
+bool areOfDifferentProcesses(const Identity& one, const Identity& other)
 {
     if (pidOf(one) != 0 && pidOf(other) != 0)
-        return pidOf(one) == pidOf(other);
-    return one.owner.isKnown() && other.owner.isKnown() && one.owner.uid() == other.owner.uid() &&
-           one.owner.cgroup() == other.owner.cgroup();
+        return pidOf(one) != pidOf(other);
+    return areComparable(one, other) &&
+           (one.owner.uid() != other.owner.uid() || one.owner.cgroup() != other.owner.cgroup());
+}
+
+bool mayBeOfOneProcess(const Identity& one, const Identity& other)
+{
+    return areComparable(one, other) && !areOfDifferentProcesses(one, other);
+}
+
+PostPort::Concerns mayBePosterOf(const RequestConnection& client)
+{
+    return [&client](const PostConnection& poster)
+    { return !areOfDifferentProcesses(client.identity, poster.identity); };
 }
 
 // Keeps the connections that most likely belong to a client: it opens its connections at about the same time.
@@ -318,6 +335,19 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
             probes.push_back(std::move(probe));
     }
     return probes;
+}
+
+TimePoint Connections::endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened)
+{
+    const TimePoint end = mPosts.endOfWait(barrier, isSync, opened, mayBePosterOf(client));
+    if (end > opened)
+        mIdentities.seek(client.identity); // to know better next time
+    return end;
+}
+
+bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barrier) const
+{
+    return mPosts.isUnreadBefore(barrier, mayBePosterOf(client));
 }
 
 void Connections::enterPoster(PostConnection& connection)

@@ -84,6 +84,15 @@ public:
     std::vector<std::shared_ptr<const OwnProbe>> askOwnPosters(RequestConnection& client, uint64_t barrier,
                                                                TimePoint now);
 
+    /// Until when a request waits at most for its client's posts before the barrier; TimePoint::min() if they
+    /// have come. It does not wait for posts that are certainly of another process, whoever floods the
+    /// broker.
+    /// @param opened when the barrier opened
+    TimePoint endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened);
+
+    /// Whether such posts had arrived before the barrier, and are still unread.
+    bool isUnreadBefore(const RequestConnection& client, uint64_t barrier) const;
+
     void closeForMemory(Connection& connection);
 
     /// Destroys closed connections. Nothing may point to them any more.

@@ -86,12 +86,15 @@ public:
     /// @returns the probe, which outlives the connection; null if there is nothing to wait for
     std::shared_ptr<const OwnProbe> askOwn(PostConnection& connection, uint64_t barrier, TimePoint now);
 
+    /// Whether a request waits for the posts of a connection.
+    using Concerns = std::function<bool(const PostConnection&)>;
+
     /// Until when to wait at most for posts before the barrier; TimePoint::min() if all have come.
     /// @param opened when the barrier opened
-    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened) const;
+    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened, const Concerns& concerns) const;
 
     /// Whether data that had arrived before the barrier is still unread.
-    bool isUnreadBefore(uint64_t barrier) const;
+    bool isUnreadBefore(uint64_t barrier, const Concerns& concerns) const;
 
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;

@@ -8,8 +8,8 @@
 namespace
 {
 
-// Requests up to this length are answered at once. A longer one asks for many values, and takes its turn
-// behind them.
+// Requests up to this length are answered at once. A longer one asks for many values. It takes its turn
+// behind them, and so does a client whose last answer was long.
 constexpr std::size_t cheapBytes = 1024;
 
 // How often to look at a held start, and at one that has been held for long.
@@ -80,14 +80,14 @@ void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
         }
         const Waiting answered = std::move(*each);
         each = queue.erase(each);
-        answerOne(answered, mPosts.isUnreadBefore(answered.barrier));
+        answerOne(answered, mConnections.isUnreadBefore(*answered.connection, answered.barrier));
         isTimeOver = Clock::now() >= end;
     }
 }
 
 TimePoint Questions::endOfWait(const Waiting& each) const
 {
-    const TimePoint end = mPosts.endOfWait(each.barrier, each.isSync, each.opened);
+    const TimePoint end = mConnections.endOfWait(*each.connection, each.barrier, each.isSync, each.opened);
     const bool mayLack = std::any_of(each.own.begin(), each.own.end(),
                                      [&](const auto& probe) { return probe->lacks(each.barrier); });
     return mayLack ? std::max(end, each.opened + OwnProbe::longest) : end;
@@ -121,7 +121,7 @@ void Questions::sortNew(TimePoint now)
         each.barrier = barrier;
         if (each.isSync)
             each.own = mConnections.askOwnPosters(*each.connection, barrier, now);
-        const bool isDear = each.connection->request.size() > cheapBytes;
+        const bool isDear = each.connection->request.size() > cheapBytes || each.connection->isLongAnswered;
         (isDear ? mDear : mWaiting).push_back(std::move(each));
     }
 }
@@ -145,7 +145,8 @@ void Questions::answerAll()
     sortNew(now);
     for (Queue* queue : {&mWaiting, &mDear})
         for (const Waiting& each : std::exchange(*queue, {}))
-            answerOne(each, mPosts.endOfWait(each.barrier, each.isSync, each.opened) > now);
+            answerOne(each,
+                      mConnections.endOfWait(*each.connection, each.barrier, each.isSync, each.opened) > now);
     for (RequestConnection* connection : std::exchange(mStarting, {}))
         acknowledge(*connection, mayHaveLostPosts(*connection));
 }

@@ -23,7 +23,7 @@ constexpr int sendBufferBytes = 32 * 1024;
 constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
 
 // Sent to one connection before the others have their turn.
-constexpr std::size_t turnBytes = std::size_t{32} * 1024;
+constexpr std::size_t longTurnBytes = std::size_t{32} * 1024;
 
 // Memory that stays allocated for the next request.
 constexpr std::size_t keptBytes = 1024;
@@ -64,6 +64,7 @@ void RequestPort::onClose(RequestConnection& connection)
     mGuard.dismiss(connection);
     removeFrom(mSilent, &connection);
     removeFrom(mHeld, &connection);
+    removeFrom(mLong, &connection);
     mOnClose(connection);
     mBudget.update(connection.accounted, 0);
 }
@@ -71,7 +72,7 @@ void RequestPort::onClose(RequestConnection& connection)
 void RequestPort::serve(RequestConnection& connection, uint32_t what, TimePoint now)
 {
     if ((what & EPOLLOUT) != 0)
-        send(connection);
+        send(connection, 0);
     if ((what & ~static_cast<uint32_t>(EPOLLOUT)) != 0)
         read(connection, now);
     update(connection);
@@ -83,7 +84,7 @@ void RequestPort::read(RequestConnection& connection, TimePoint now)
         return readProbe(connection);
     if (connection.isAsking && (connection.polled & EPOLLIN) != 0)
         return poll(connection, connection.polled & ~static_cast<uint32_t>(EPOLLIN));
-    const std::size_t count = connection.receive(mBuffer.data(), mBuffer.size());
+    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(mBuffer.size()));
     take(connection, {mBuffer.data(), count}, now);
 }
 
@@ -197,12 +198,27 @@ void RequestPort::reply(RequestConnection& connection, Reply reply)
 {
     connection.reply = std::move(reply);
     connection.startProbe = StartProbe(); // a late PONG is ignored
-    send(connection);
+    connection.isLongAnswered = send(connection, pieceBytes) >= pieceBytes;
     update(connection);
 }
 
-// Sends as much of the reply as the kernel takes. When all of it is sent, the next request is read.
-void RequestPort::send(RequestConnection& connection)
+void RequestPort::sendLong(TimePoint end)
+{
+    while (!mLong.empty())
+    {
+        RequestConnection& connection = *mLong.front();
+        mLong.pop_front();
+        connection.isInTurn = false;
+        send(connection, longTurnBytes);
+        update(connection);
+        if (Clock::now() >= end)
+            return;
+    }
+}
+
+// Sends the waiting output, and about this much more of the reply. Returns how much more. When all of it is
+// sent, the next request is read.
+std::size_t RequestPort::send(RequestConnection& connection, std::size_t most)
 {
     Reply::Shows shows;
     if (!Guard::answersWithAll(connection))
@@ -213,7 +229,7 @@ void RequestPort::send(RequestConnection& connection)
         };
     std::string piece;
     std::size_t sent = 0;
-    while (connection.flush() && connection.reply && sent < turnBytes)
+    while (connection.flush() && connection.reply && sent < most)
     {
         piece.clear();
         const bool isLast = connection.reply->produce(mState, shows, pieceBytes, piece);
@@ -222,8 +238,18 @@ void RequestPort::send(RequestConnection& connection)
         connection.send(piece);
         sent += piece.size();
     }
-    if (connection.reply || connection.hasOutput() || !connection.isAsking || connection.isDead())
-        return;
+    if (connection.hasOutput() || !connection.isAsking || connection.isDead())
+        return sent;
+    if (!connection.reply)
+        finish(connection);
+    else if (!std::exchange(connection.isInTurn, true))
+        mLong.push_back(&connection);
+    return sent;
+}
+
+// The reply is sent.
+void RequestPort::finish(RequestConnection& connection)
+{
     connection.isAsking = false;
     if (connection.request.capacity() > keptBytes)
         std::string().swap(connection.request);
@@ -294,7 +320,7 @@ void RequestPort::update(RequestConnection& connection)
     mBudget.update(connection.accounted, connection.heldBytes());
     const uint32_t reading = connection.polled & EPOLLIN;
     poll(connection, (connection.isAsking ? reading : static_cast<uint32_t>(EPOLLIN)) |
-                         (connection.hasOutput() || connection.reply ? EPOLLOUT : 0U));
+                         (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 
 bool RequestPort::hasOutput() const

@@ -28,8 +28,10 @@ public:
     TimePoint openedAt{};
     TimePoint readyAt{}; ///< when the end of its handshake arrived
     TimePoint askedAt{};
-    std::optional<Reply> reply; ///< the part that was not yet handed to the connection
-    std::string unread;         ///< received behind the request
+    std::optional<Reply> reply;  ///< the part that was not yet handed to the connection
+    bool isInTurn = false;       ///< more of it is to be produced
+    bool isLongAnswered = false; ///< its last answer was long
+    std::string unread;          ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered
     bool isReturning = false; ///< its first message is not "Sync", or came too late for a new client
@@ -73,6 +75,13 @@ public:
     void serve(RequestConnection& connection, uint32_t what, TimePoint now);
     void reply(RequestConnection& connection, Reply reply);
 
+    /// Produces and sends more of long answers, in turn, until this time. An answer's first piece leaves at
+    /// once. So a short one does not wait for the long ones of others.
+    void sendLong(TimePoint end);
+
+    /// Whether more of a long answer can be sent.
+    bool hasLong() const { return !mLong.empty(); }
+
     /// Sends a PING if the connection's start probe has one due. The connection must have a question.
     void probe(RequestConnection& connection);
 
@@ -109,7 +118,8 @@ private:
     void ask(RequestConnection& connection);
     void sendEmptyAnswer(RequestConnection& connection, TimePoint now);
     void releaseHeld(TimePoint now);
-    void send(RequestConnection& connection);
+    std::size_t send(RequestConnection& connection, std::size_t most);
+    void finish(RequestConnection& connection);
     void update(RequestConnection& connection) override;
 
     MemoryBudget& mBudget;
@@ -122,6 +132,7 @@ private:
     ConnectionLimit mLimit;
     std::deque<RequestConnection*> mSilent; // since their handshake, oldest first
     std::vector<RequestConnection*> mHeld;  // a question is held, behind an empty answer
+    std::deque<RequestConnection*> mLong;   // in turn
     uint64_t mProbed = 0;
     std::vector<char> mBuffer;
 };

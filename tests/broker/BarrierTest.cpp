@@ -57,7 +57,16 @@ public:
     }
 };
 
-// A poster in its own process.
+// So many posts that a query behind them waits for the poster's PONG.
+std::string manyPosts()
+{
+    std::string posts;
+    for (int number = 0; posts.size() < std::size_t{64} * 1024; ++number)
+        posts += ZmtpPeer::message(postOf("k", std::to_string(number)));
+    return posts + ZmtpPeer::message(postOf("k", "before"));
+}
+
+// A poster in its own process. It answers no PING.
 class PosterProcess
 {
 public:
@@ -82,6 +91,9 @@ public:
 
     pid_t pid() const { return mPid; }
 
+    // Makes many posts.
+    void post() { EXPECT_EQ(write(mPipe[1], "p", 1), 1); }
+
     // Ends the process. Returns whether it was pinged.
     bool isPinged()
     {
@@ -98,7 +110,9 @@ private:
         close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
         Poster poster;
         char letter = 0;
-        if (testing::Test::HasFailure() || ::read(end, &letter, 1) != 1)
+        while (::read(end, &letter, 1) == 1 && letter == 'p')
+            EXPECT_TRUE(poster.write(manyPosts()));
+        if (testing::Test::HasFailure() || letter != 'x')
             _exit(EXIT_FAILURE);
         _exit(poster.read(1, quiet).empty() ? EXIT_SUCCESS : EXIT_FAILURE);
     }
@@ -158,6 +172,30 @@ protected:
         bool isRight;
         steady_clock::duration time;
     };
+
+    // Whether a request behind the posts of another process, which answers no PING, is answered before this
+    // time. Each try has another such process, as the broker soon stops waiting for one.
+    bool isAnsweredBesideOthersPosts(const std::string& request, milliseconds limit)
+    {
+        ZmtpPeer subscriber(ZmtpPeer::notifyPort);
+        EXPECT_TRUE(subscriber.shakeHands());
+        EXPECT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
+        EXPECT_TRUE(isKnown(getpid()));
+        bool isAnswered = false;
+        for (int tries = 5; tries != 0 && !isAnswered; --tries)
+        {
+            PosterProcess other;
+            EXPECT_TRUE(isKnown(other.pid())); // before it posts: any request would wait behind its posts
+            other.post();
+            EXPECT_TRUE(
+                eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
+            const auto begin = steady_clock::now();
+            requester.send({request});
+            EXPECT_TRUE(requester.receive());
+            isAnswered = steady_clock::now() - begin < limit;
+        }
+        return isAnswered;
+    }
 
     // A query waits for a limited time, in which a busy machine need not run the process that is waited for.
     // So a wrong answer counts only if it came early; otherwise the test asks again.
@@ -297,10 +335,7 @@ TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
     ZmtpPeer subscriber(ZmtpPeer::notifyPort);
     ASSERT_TRUE(subscriber.shakeHands());
     ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
-    std::string posts;
-    for (int number = 0; posts.size() < std::size_t{64} * 1024; ++number)
-        posts += ZmtpPeer::message(postOf("k", std::to_string(number)));
-    posts += ZmtpPeer::message(postOf("k", "before"));
+    const std::string posts = manyPosts();
     expectUnlessLate(
         20ms,
         [&]
@@ -318,6 +353,18 @@ TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
             return Answered{requester.receive() == std::vector<std::string>{reply("after")},
                             steady_clock::now() - begin};
         });
+}
+
+// They may be so many that they hold the broker up all the time. In vain, a query waits 25 ms at first.
+TEST_F(BarrierTest, aQueryDoesNotWaitForThePostsOfAnotherProcess)
+{
+    EXPECT_TRUE(isAnsweredBesideOthersPosts(R"({"getClientInfoValue":"k"})", 12ms));
+}
+
+// In vain, a "Sync" waits 250 ms at first.
+TEST_F(BarrierTest, aSyncDoesNotWaitForThePostsOfAnotherProcess)
+{
+    EXPECT_TRUE(isAnsweredBesideOthersPosts("Sync", 125ms));
 }
 
 // Holds even if the broker has so much to read that it reads the posts of some clients late.

@@ -5,11 +5,52 @@
 #include <memory>
 #include <vector>
 
+#include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/RawClient.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
 {
+
+using Peers = std::vector<std::unique_ptr<ZmtpPeer>>;
+
+// Clients whose first question has been answered.
+Peers peersThatAsked(int count, const std::string& question)
+{
+    Peers peers;
+    for (int number = 0; number < count; ++number)
+    {
+        peers.push_back(std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort));
+        EXPECT_TRUE(peers.back()->shakeHands());
+        EXPECT_NE(peers.back()->ask(question), "") << "its handshake is over";
+    }
+    return peers;
+}
+
+// Posts values of the same length, and waits for them.
+void postValues(ZmtpPeer& requester, int count, std::size_t length)
+{
+    RawPoster poster;
+    const std::string value(length, 'v');
+    for (int number = 0; number < count; ++number)
+        poster.post(postOf("k" + std::to_string(number), value));
+    const std::string last = R"({"getClientInfoValue":"k)" + std::to_string(count - 1) + "\"}";
+    ASSERT_TRUE(eventually([&] { return requester.ask(last) == reply(value); }));
+}
+
+// The sum of the numbers with this name.
+uint64_t sumOf(const std::string& text, const std::string& name)
+{
+    uint64_t sum = 0;
+    const std::string member = '"' + name + "\":";
+    for (std::size_t at = text.find(member); at != std::string::npos; at = text.find(member, at))
+    {
+        at += member.size();
+        sum += std::stoull(text.substr(at, 20));
+    }
+    return sum;
+}
 
 std::string requestOfManyValues()
 {
@@ -28,13 +69,7 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeLongOnesThatCameBefore)
     ZmtpPeer requester(ZmtpPeer::requestPort);
     ASSERT_TRUE(requester.shakeHands());
     ASSERT_NE(requester.ask(shortRequest), "");
-    std::vector<std::unique_ptr<ZmtpPeer>> peers;
-    for (int count = 0; count < 20; ++count)
-    {
-        peers.push_back(std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort));
-        ASSERT_TRUE(peers.back()->shakeHands());
-        ASSERT_NE(peers.back()->ask(R"({"getCounterValue":"c"})"), "") << "its handshake is over";
-    }
+    const Peers peers = peersThatAsked(20, R"({"getCounterValue":"c"})");
     broker.process().suspend();
     for (const auto& peer : peers)
         ASSERT_TRUE(peer->write(requestOfManyValues()));
@@ -45,4 +80,48 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeLongOnesThatCameBefore)
     EXPECT_EQ(statistics.find("requests.getClientInfoValues"), std::string::npos) << "none is counted yet";
     for (const auto& peer : peers)
         EXPECT_EQ(peer->receiveText(), "{}");
+}
+
+TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereLong)
+{
+    BrokerProcess broker;
+    const std::string shortRequest = R"({"getBrokerStatistics":"null"})";
+    const std::string longRequest = R"({"getClientInfoValue":"k0"})";
+    ZmtpPeer requester(ZmtpPeer::requestPort);
+    ASSERT_TRUE(requester.shakeHands());
+    postValues(requester, 1, 30000);
+    const Peers peers = peersThatAsked(20, longRequest);
+    const uint64_t before = sumOf(requester.ask(shortRequest), "requests.getClientInfoValue");
+    ASSERT_GE(before, peers.size());
+    broker.process().suspend();
+    for (const auto& peer : peers)
+        ASSERT_TRUE(peer->write(ZmtpPeer::request(longRequest)));
+    ASSERT_TRUE(requester.write(ZmtpPeer::request(shortRequest)));
+    broker.process().signal(SIGCONT);
+    EXPECT_EQ(sumOf(requester.receiveText().value_or(""), "requests.getClientInfoValue"), before)
+        << "none is answered yet";
+    for (const auto& peer : peers)
+        EXPECT_GT(peer->receiveText().value_or("").size(), 30000U);
+}
+
+// Only the first piece of each long answer leaves before it.
+TEST(TurnsTest, aShortRequestIsAnsweredBeforeTheRestOfLongAnswers)
+{
+    BrokerProcess broker;
+    const std::string shortRequest = R"({"getBrokerClients":"null"})";
+    ZmtpPeer requester(ZmtpPeer::requestPort);
+    ASSERT_TRUE(requester.shakeHands());
+    postValues(requester, 1000, 200);
+    const Peers peers = peersThatAsked(30, R"({"getCounterValue":"c"})");
+    const uint64_t before = sumOf(requester.ask(shortRequest), "sent");
+    broker.process().suspend();
+    for (const auto& peer : peers)
+        ASSERT_TRUE(peer->write(ZmtpPeer::request(R"({"getClientInfo":"null"})")));
+    ASSERT_TRUE(requester.write(ZmtpPeer::request(shortRequest)));
+    broker.process().signal(SIGCONT);
+    const uint64_t sent = sumOf(requester.receiveText().value_or(""), "sent") - before;
+    EXPECT_GT(sent, peers.size() * std::size_t{4} * 1024);
+    EXPECT_LT(sent, peers.size() * std::size_t{16} * 1024);
+    for (const auto& peer : peers)
+        EXPECT_GT(peer->receiveText().value_or("").size(), 200000U);
 }
