@@ -213,8 +213,10 @@ std::size_t Broker::takeEvents(std::chrono::microseconds limit)
     const TimePoint now = Clock::now();
     mLoop.awake = now;
     mLoop.hasWorked = mLoop.hasWorked || events != 0;
+    mConnections.noteCrowds(events);
     for (std::size_t index = 0; index < events; ++index)
         dispatch(mLoop.poller.event(index), now);
+    mConnections.noteCrowds(0);
     return events;
 }
 

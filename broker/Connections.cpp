@@ -48,30 +48,24 @@ pid_t pidOf(const Identity& identity)
     return identity.isShared ? 0 : identity.pid;
 }
 
-// Whether enough is known of both to compare them.
-bool areComparable(const Identity& one, const Identity& other)
+// If a process is unknown, user and control group must match. An unknown user matches no other.
+bool mayBeOfOneProcess(const Identity& one, const Identity& other)
 {
-    return (pidOf(one) != 0 && pidOf(other) != 0) || (one.owner.isKnown() && other.owner.isKnown());
+    if (pidOf(one) != 0 && pidOf(other) != 0)
+        return pidOf(one) == pidOf(other);
+    return one.owner.isKnown() && other.owner.isKnown() && one.owner.uid() == other.owner.uid() &&
+           one.owner.cgroup() == other.owner.cgroup();
 }
 
-// If a process is unknown, user and control group show a difference.
+// User and control group are those of the moment when the socket was made, and a process may change them. So
+// they count only if the processes were looked for in vain.
 bool areOfDifferentProcesses(const Identity& one, const Identity& other)
 {
     if (pidOf(one) != 0 && pidOf(other) != 0)
         return pidOf(one) != pidOf(other);
-    return areComparable(one, other) &&
-           (one.owner.uid() != other.owner.uid() || one.owner.cgroup() != other.owner.cgroup());
-}
-
-bool mayBeOfOneProcess(const Identity& one, const Identity& other)
-{
-    return areComparable(one, other) && !areOfDifferentProcesses(one, other);
-}
-
-PostPort::Concerns mayBePosterOf(const RequestConnection& client)
-{
-    return [&client](const PostConnection& poster)
-    { return !areOfDifferentProcesses(client.identity, poster.identity); };
+    const auto isOver = [](const Identity& each) { return each.search == Identity::Search::Over; };
+    return isOver(one) && isOver(other) && one.owner.isKnown() && other.owner.isKnown() &&
+           !mayBeOfOneProcess(one, other);
 }
 
 // Keeps the connections that most likely belong to a client: it opens its connections at about the same time.
@@ -131,6 +125,23 @@ void Connections::listen()
     mPosts.listen();
     mNotify.listen();
     mRequests.listen();
+}
+
+void Connections::noteCrowds(std::size_t events)
+{
+    std::size_t requesters = 0;
+    std::size_t subscribers = 0;
+    for (std::size_t index = 0; index < events; ++index)
+    {
+        const Poller::Event event = mEnvironment.poller.event(index);
+        if (event.owner->pollableKind() != Pollable::Kind::Connection || (event.what & EPOLLIN) == 0)
+            continue;
+        const Handshake::Kind kind = static_cast<const Connection&>(*event.owner).kind();
+        requesters += kind == Handshake::Kind::Request ? 1U : 0U;
+        subscribers += kind == Handshake::Kind::Notify ? 1U : 0U;
+    }
+    mRequests.setCrowd(requesters); // posts have turns of their own
+    mNotify.setCrowd(subscribers);
 }
 
 void Connections::serve(Connection& connection, uint32_t what, TimePoint now)
@@ -339,15 +350,27 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
 
 TimePoint Connections::endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened)
 {
-    const TimePoint end = mPosts.endOfWait(barrier, isSync, opened, mayBePosterOf(client));
-    if (end > opened)
-        mIdentities.seek(client.identity); // to know better next time
-    return end;
+    return mPosts.endOfWait(barrier, isSync, opened,
+                            [&](PostConnection& poster)
+                            {
+                                seekBoth(client.identity, poster.identity);
+                                return !areOfDifferentProcesses(client.identity, poster.identity);
+                            });
 }
 
 bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barrier) const
 {
-    return mPosts.isUnreadBefore(barrier, mayBePosterOf(client));
+    return mPosts.isUnreadBefore(barrier, [&](const PostConnection& poster)
+                                 { return !areOfDifferentProcesses(client.identity, poster.identity); });
+}
+
+void Connections::seekBoth(Identity& one, Identity& other)
+{
+    for (Identity* each : {&one, &other})
+    {
+        if (each->search == Identity::Search::None)
+            mIdentities.seek(*each);
+    }
 }
 
 void Connections::enterPoster(PostConnection& connection)

@@ -46,6 +46,10 @@ public:
     /// Connections are accepted from now on.
     void listen();
 
+    /// Tells the ports how many of their connections have something to say.
+    /// @param events reported by the poller; 0: the round's events are handled
+    void noteCrowds(std::size_t events);
+
     /// Something can be read from a connection, or written to it, or it has ended.
     void serve(Connection& connection, uint32_t what, TimePoint now);
 
@@ -85,8 +89,7 @@ public:
                                                                TimePoint now);
 
     /// Until when a request waits at most for its client's posts before the barrier; TimePoint::min() if they
-    /// have come. It does not wait for posts that are certainly of another process, whoever floods the
-    /// broker.
+    /// have come. It does not wait for posts of another process. Starts the search for unknown processes.
     /// @param opened when the barrier opened
     TimePoint endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened);
 
@@ -121,6 +124,7 @@ public:
 
 private:
     void close(Connection& connection);
+    void seekBoth(Identity& one, Identity& other);
     void enterPoster(PostConnection& connection);
     void forgetPoster(PostConnection& connection);
     void describePoster(PostConnection& connection);

@@ -13,7 +13,9 @@ using namespace std::string_view_literals;
 namespace
 {
 
+// Read at a time, and the fewest if many speak.
 constexpr std::size_t bufferBytes = 4096;
+constexpr std::size_t fewestBytes = 512;
 
 // The library subscribes once, to everything; tools subscribe to a few prefixes.
 constexpr std::size_t mostPrefixes = 16;
@@ -134,7 +136,7 @@ void NotifyPort::sendFirst(NotifyConnection& connection, TimePoint now)
 void NotifyPort::read(NotifyConnection& connection, TimePoint now)
 {
     const Refusals::From from(mRefusals, connection);
-    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(mBuffer.size()));
+    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(fewestBytes, mBuffer.size()));
     std::string_view bytes(mBuffer.data(), count);
     if (count != 0 && !finishMessage(connection)) // a PONG must not get into the message
     {
@@ -252,17 +254,17 @@ void NotifyPort::refillFollowers(TimePoint now)
 // Those that follow lack little, so they do not wait for the first values of others.
 void NotifyPort::flushOthers(TimePoint now)
 {
-    const bool areFollowersLeft = flushSome(NotifyConnection::State::Following, mNextFollower, now);
-    const bool areOthersLeft = flushSome(NotifyConnection::State::Behind, mNextBehind, now);
+    const TimePoint end = Clock::now() + flushTurn;
+    const bool areFollowersLeft = flushSome(NotifyConnection::State::Following, mNextFollower, now, end);
+    const bool areOthersLeft = flushSome(NotifyConnection::State::Behind, mNextBehind, now, end);
     mHasLeftOver = areFollowersLeft || areOthersLeft;
 }
 
-// Returns whether the time was over before each of them had its turn.
-bool NotifyPort::flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now)
+// Serves at least one. Returns whether the time was over before each of them had its turn.
+bool NotifyPort::flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now, TimePoint end)
 {
     bool hasLeftOver = false;
     TimePoint time = Clock::now();
-    const TimePoint end = time + flushTurn;
     TimePoint sliceEnd = time + flushSlice;
     const std::size_t count = mSubscribers.size();
     for (std::size_t looked = 0; looked < count && !hasLeftOver; ++looked)

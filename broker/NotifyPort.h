@@ -92,7 +92,7 @@ private:
     void flushFollowers(TimePoint now);
     void refillFollowers(TimePoint now);
     void flushOthers(TimePoint now);
-    bool flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now);
+    bool flushSome(NotifyConnection::State state, std::size_t& next, TimePoint now, TimePoint end);
     bool isToBeSent(const NotifyConnection& connection) const;
     void send(NotifyConnection& connection, TimePoint now);
     bool sendWhatItLacks(NotifyConnection& connection, TimePoint now);

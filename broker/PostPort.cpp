@@ -356,25 +356,6 @@ bool PostPort::needsOwnProbe(const PostConnection& connection)
            (connection.bytesSincePong == 0 || connection.pongs.isShorterThan(OwnProbe::longest));
 }
 
-TimePoint PostPort::endOfWait(uint64_t barrier, bool isSync, TimePoint opened, const Concerns& concerns) const
-{
-    TimePoint end = TimePoint::min();
-    for (const PostConnection* connection : mAwaited)
-    {
-        const TimePoint endOfThis = connection->pongs.endFor(barrier, isSync, opened);
-        if (endOfThis > end && concerns(*connection))
-            end = endOfThis;
-    }
-    return end;
-}
-
-bool PostPort::isUnreadBefore(uint64_t barrier, const Concerns& concerns) const
-{
-    return std::any_of(mAwaited.begin(), mAwaited.end(),
-                       [&](const PostConnection* connection)
-                       { return connection->pongs.isUnreadBefore(barrier) && concerns(*connection); });
-}
-
 TimePoint PostPort::due() const
 {
     TimePoint due = Port::due();

@@ -1,6 +1,7 @@
 #ifndef BROKER_POSTPORT_H
 #define BROKER_POSTPORT_H
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -86,15 +87,31 @@ public:
     /// @returns the probe, which outlives the connection; null if there is nothing to wait for
     std::shared_ptr<const OwnProbe> askOwn(PostConnection& connection, uint64_t barrier, TimePoint now);
 
-    /// Whether a request waits for the posts of a connection.
-    using Concerns = std::function<bool(const PostConnection&)>;
-
     /// Until when to wait at most for posts before the barrier; TimePoint::min() if all have come.
     /// @param opened when the barrier opened
-    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened, const Concerns& concerns) const;
+    /// @param concerns tells of a PostConnection& whether its posts are waited for
+    template <class Concerns>
+    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened, Concerns&& concerns) const
+    {
+        TimePoint end = TimePoint::min();
+        for (PostConnection* connection : mAwaited)
+        {
+            const TimePoint endOfThis = connection->pongs.endFor(barrier, isSync, opened);
+            if (endOfThis > end && concerns(*connection))
+                end = endOfThis;
+        }
+        return end;
+    }
 
     /// Whether data that had arrived before the barrier is still unread.
-    bool isUnreadBefore(uint64_t barrier, const Concerns& concerns) const;
+    /// @param concerns as above
+    template <class Concerns>
+    bool isUnreadBefore(uint64_t barrier, Concerns&& concerns) const
+    {
+        return std::any_of(mAwaited.begin(), mAwaited.end(),
+                           [&](const PostConnection* connection)
+                           { return connection->pongs.isUnreadBefore(barrier) && concerns(*connection); });
+    }
 
     TimePoint due() const override;
     void doWhatIsDue(TimePoint now) override;

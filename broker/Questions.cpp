@@ -8,8 +8,8 @@
 namespace
 {
 
-// Requests up to this length are answered at once. A longer one asks for many values. It takes its turn
-// behind them, and so does a client whose last answer was long.
+// Requests up to this length are answered at once. A longer one asks for many values, and takes its turn
+// behind them. So does a client one of whose last answers was long.
 constexpr std::size_t cheapBytes = 1024;
 
 // How often to look at a held start, and at one that has been held for long.
@@ -121,7 +121,8 @@ void Questions::sortNew(TimePoint now)
         each.barrier = barrier;
         if (each.isSync)
             each.own = mConnections.askOwnPosters(*each.connection, barrier, now);
-        const bool isDear = each.connection->request.size() > cheapBytes || each.connection->isLongAnswered;
+        const bool isDear =
+            each.connection->request.size() > cheapBytes || each.connection->answersBehind != 0;
         (isDear ? mDear : mWaiting).push_back(std::move(each));
     }
 }

@@ -13,7 +13,9 @@ using namespace std::string_view_literals;
 namespace
 {
 
+// Read at a time, and the fewest if many ask.
 constexpr std::size_t bufferBytes = std::size_t{16} * 1024;
+constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 
 // The kernel holds this much for a client that does not read. A thousand such clients must not use up its
 // memory. The kernel doubles the number.
@@ -24,6 +26,9 @@ constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
 
 // Sent to one connection before the others have their turn.
 constexpr std::size_t longTurnBytes = std::size_t{32} * 1024;
+
+// After a long answer, this many short ones are needed before the client is no longer answered behind others.
+constexpr unsigned mostAnswersBehind = 8;
 
 // Memory that stays allocated for the next request.
 constexpr std::size_t keptBytes = 1024;
@@ -84,7 +89,7 @@ void RequestPort::read(RequestConnection& connection, TimePoint now)
         return readProbe(connection);
     if (connection.isAsking && (connection.polled & EPOLLIN) != 0)
         return poll(connection, connection.polled & ~static_cast<uint32_t>(EPOLLIN));
-    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(mBuffer.size()));
+    const std::size_t count = connection.receive(mBuffer.data(), shareOfTurn(fewestBytes, mBuffer.size()));
     take(connection, {mBuffer.data(), count}, now);
 }
 
@@ -198,7 +203,7 @@ void RequestPort::reply(RequestConnection& connection, Reply reply)
 {
     connection.reply = std::move(reply);
     connection.startProbe = StartProbe(); // a late PONG is ignored
-    connection.isLongAnswered = send(connection, pieceBytes) >= pieceBytes;
+    send(connection, pieceBytes);
     update(connection);
 }
 
@@ -216,9 +221,9 @@ void RequestPort::sendLong(TimePoint end)
     }
 }
 
-// Sends the waiting output, and about this much more of the reply. Returns how much more. When all of it is
-// sent, the next request is read.
-std::size_t RequestPort::send(RequestConnection& connection, std::size_t most)
+// Sends the waiting output, and about this much more of the reply. When all of it is sent, the next request
+// is read.
+void RequestPort::send(RequestConnection& connection, std::size_t most)
 {
     Reply::Shows shows;
     if (!Guard::answersWithAll(connection))
@@ -238,19 +243,23 @@ std::size_t RequestPort::send(RequestConnection& connection, std::size_t most)
         connection.send(piece);
         sent += piece.size();
     }
+    connection.answerBytes += sent;
     if (connection.hasOutput() || !connection.isAsking || connection.isDead())
-        return sent;
+        return;
     if (!connection.reply)
         finish(connection);
     else if (!std::exchange(connection.isInTurn, true))
         mLong.push_back(&connection);
-    return sent;
 }
 
 // The reply is sent.
 void RequestPort::finish(RequestConnection& connection)
 {
     connection.isAsking = false;
+    if (std::exchange(connection.answerBytes, 0) >= pieceBytes)
+        connection.answersBehind = mostAnswersBehind;
+    else if (connection.answersBehind != 0)
+        --connection.answersBehind;
     if (connection.request.capacity() > keptBytes)
         std::string().swap(connection.request);
     const std::string unread = std::exchange(connection.unread, {});

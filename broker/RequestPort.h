@@ -30,8 +30,9 @@ public:
     TimePoint askedAt{};
     std::optional<Reply> reply;  ///< the part that was not yet handed to the connection
     bool isInTurn = false;       ///< more of it is to be produced
-    bool isLongAnswered = false; ///< its last answer was long
-    std::string unread;          ///< received behind the request
+    std::size_t answerBytes = 0; ///< of the answer, so far
+    unsigned answersBehind = 0; ///< how many of its next answers wait behind those of others, as one was long
+    std::string unread;         ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered
     bool isReturning = false; ///< its first message is not "Sync", or came too late for a new client
@@ -118,7 +119,7 @@ private:
     void ask(RequestConnection& connection);
     void sendEmptyAnswer(RequestConnection& connection, TimePoint now);
     void releaseHeld(TimePoint now);
-    std::size_t send(RequestConnection& connection, std::size_t most);
+    void send(RequestConnection& connection, std::size_t most);
     void finish(RequestConnection& connection);
     void update(RequestConnection& connection) override;
 

@@ -16,7 +16,7 @@ struct Identity
     bool isServiceKnown = false; ///< whether it is known which service it is, or that there is none
     bool isServiceOpen = false;  ///< the service can be looked for only later
 
-    // ---- For people only.
+    // ---- For people, and to know whose posts to wait for; never for what the peer may do.
     pid_t pid = 0;         ///< 0: unknown
     std::string program;   ///< empty: unknown
     bool isShared = false; ///< other processes have the socket, too

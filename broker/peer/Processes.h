@@ -14,9 +14,9 @@
 #include "daemon/Clock.h"
 #include "daemon/Descriptor.h"
 
-/// Finds the processes that have a socket, for people to read, never for decisions. A process may hand a
-/// socket on, end, or give itself any program name. Where the broker may not look into another user's
-/// processes, it finds none.
+/// Finds the processes that have a socket, for people to read, and to know whose posts to wait for. They
+/// never decide what a client may do: a process may hand a socket on, end, or give itself any program name.
+/// Where the broker may not look into another user's processes, it finds none.
 ///
 /// The kernel cannot be asked for the process of a socket. So this looks at the descriptors of all processes,
 /// a few at a time.

@@ -38,8 +38,7 @@ std::size_t Poller::wait(std::chrono::microseconds limit)
     if (count < 0 && errno != EINTR)
         throw std::system_error(errno, std::generic_category(), "epoll_wait");
     mLooks += count < 0 ? 0 : 1;
-    mReported = count < 0 ? 0 : static_cast<std::size_t>(count);
-    return mReported;
+    return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 void Poller::control(int operation, int descriptor, uint32_t what, Pollable* owner)

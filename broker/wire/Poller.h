@@ -61,9 +61,6 @@ public:
     /// How often wait() has looked at the descriptors.
     uint64_t looks() const { return mLooks; }
 
-    /// How many events the last wait() has reported.
-    std::size_t reported() const { return mReported; }
-
     Event event(std::size_t index) const
     {
         return {static_cast<Pollable*>(mEvents[index].data.ptr), mEvents[index].events};
@@ -74,7 +71,6 @@ private:
 
     Descriptor mPoll;
     uint64_t mLooks = 0;
-    std::size_t mReported = 0;
     std::vector<epoll_event> mEvents = std::vector<epoll_event>(128);
 };
 

@@ -7,6 +7,7 @@
 #include <exception>
 #include <list>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "broker/peer/Identities.h"
@@ -124,6 +125,9 @@ public:
         }
     }
 
+    /// How many of its connections have something to say now; 0: unknown.
+    void setCrowd(std::size_t crowd) { mCrowd = crowd; }
+
     const std::vector<std::unique_ptr<Peer>>& peers() const { return mPeers; }
 
     std::size_t openPeers() const
@@ -162,11 +166,10 @@ protected:
     virtual void update(Peer& peer) = 0;
 
     /// How much to read from a connection now. If many have something to say, each has its turn soon.
-    std::size_t shareOfTurn(std::size_t most) const
+    std::size_t shareOfTurn(std::size_t fewest, std::size_t most) const
     {
         constexpr std::size_t bytesOfAllTurns = std::size_t{256} * 1024;
-        constexpr std::size_t fewest = 512;
-        return std::clamp(bytesOfAllTurns / (mPoller.reported() + 1), fewest, most);
+        return std::clamp(bytesOfAllTurns / (mCrowd + 1), fewest, most);
     }
 
     /// Asks the poller for the events that the connection waits for now.
@@ -206,7 +209,7 @@ private:
             peer.opening = mOpening.insert(mOpening.end(), &peer);
             mPoller.add(peer.descriptor(), EPOLLIN, &peer);
             peer.polled = EPOLLIN;
-            mPoller.reserve(mPeers.size());
+            mPoller.reserve(3 * mPeers.size()); // for three such ports
             onAccepted(peer);
             return true;
         }
@@ -235,7 +238,9 @@ private:
     // still. Otherwise it is closed. Returns whether it stays.
     bool letOpen(Peer& peer, TimePoint now)
     {
+        const std::size_t crowd = std::exchange(mCrowd, 0); // all that has come decides
         read(peer, now);
+        mCrowd = crowd;
         if (peer.opening == mOpening.end())
             update(peer);
         else
@@ -255,6 +260,7 @@ private:
     Identities& mIdentities;
     Listener mListener;
     uint64_t mAccepted = 0;
+    std::size_t mCrowd = 0;
     const Handshake::Kind mKind;
     std::vector<std::unique_ptr<Peer>> mPeers;
     std::vector<std::unique_ptr<Peer>> mClosed; // until nothing can point to them

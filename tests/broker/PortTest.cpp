@@ -44,7 +44,11 @@ namespace
 class PortTest : public testing::Test
 {
 protected:
-    PortTest() { port.listen(); }
+    PortTest()
+    {
+        roomToWatch = 1000;
+        port.listen();
+    }
 
     static Descriptor connectToIt()
     {
@@ -60,6 +64,20 @@ protected:
     static void say(const Descriptor& peer, const std::string& bytes)
     {
         EXPECT_EQ(send(peer.number(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
+    }
+
+    // Ends its side, and waits until the other side knows.
+    static void endConnection(const Descriptor& peer)
+    {
+        EXPECT_EQ(shutdown(peer.number(), SHUT_WR), 0);
+        EXPECT_TRUE(eventually(
+            [&]
+            {
+                tcp_info info{};
+                socklen_t size = sizeof(info);
+                EXPECT_EQ(getsockopt(peer.number(), IPPROTO_TCP, TCP_INFO, &info, &size), 0);
+                return info.tcpi_state == TCP_FIN_WAIT2;
+            }));
     }
 
     static bool isClosed(const Descriptor& peer)
@@ -118,8 +136,9 @@ TEST_F(PortTest, oneThatBreaksTheProtocolBehindItsHandshakeMakesRoom)
 TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
 {
     constexpr unsigned crowd = 100;
-    for (unsigned number = 0; number < crowd; ++number)
-        connectToIt();
+    std::deque<Descriptor> ended;
+    while (ended.size() < crowd)
+        endConnection(ended.emplace_back(connectToIt()));
     const Descriptor client = connectToIt();
     unsigned turns = 0;
     for (; port.peers().empty() && turns < crowd; ++turns)
@@ -132,9 +151,12 @@ TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
 
 TEST_F(PortTest, oneThatHasSpokenAndEndedIsRead)
 {
-    say(connectToIt(), ZmtpPeer::greeting());
+    const Descriptor client = connectToIt();
+    say(client, ZmtpPeer::greeting());
+    endConnection(client);
     port.accept(1, Clock::now());
-    EXPECT_EQ(port.peers().size(), 1U);
+    ASSERT_EQ(port.peers().size(), 1U);
+    EXPECT_EQ(port.peers().front()->arrivals(), ZmtpPeer::greeting().size());
 }
 
 // ------------------------------------------------------------------------------------- options of the system

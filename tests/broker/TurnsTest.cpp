@@ -29,9 +29,10 @@ Peers peersThatAsked(int count, const std::string& question)
 }
 
 // Posts values of the same length, and waits for them.
-void postValues(ZmtpPeer& requester, int count, std::size_t length)
+void postValues(int count, std::size_t length)
 {
     RawPoster poster;
+    RawRequester requester;
     const std::string value(length, 'v');
     for (int number = 0; number < count; ++number)
         poster.post(postOf("k" + std::to_string(number), value));
@@ -89,7 +90,7 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereL
     const std::string longRequest = R"({"getClientInfoValue":"k0"})";
     ZmtpPeer requester(ZmtpPeer::requestPort);
     ASSERT_TRUE(requester.shakeHands());
-    postValues(requester, 1, 30000);
+    postValues(1, 30000);
     const Peers peers = peersThatAsked(20, longRequest);
     const uint64_t before = sumOf(requester.ask(shortRequest), "requests.getClientInfoValue");
     ASSERT_GE(before, peers.size());
@@ -104,24 +105,30 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereL
         EXPECT_GT(peer->receiveText().value_or("").size(), 30000U);
 }
 
-// Only the first piece of each long answer leaves before it.
+// Only the first piece of each long answer leaves before it. A broker that is stopped may look at the short
+// request first when it goes on, or may lose the processor for a whole turn: then the test asks again.
 TEST(TurnsTest, aShortRequestIsAnsweredBeforeTheRestOfLongAnswers)
 {
     BrokerProcess broker;
     const std::string shortRequest = R"({"getBrokerClients":"null"})";
     ZmtpPeer requester(ZmtpPeer::requestPort);
     ASSERT_TRUE(requester.shakeHands());
-    postValues(requester, 1000, 200);
-    const Peers peers = peersThatAsked(30, R"({"getCounterValue":"c"})");
-    const uint64_t before = sumOf(requester.ask(shortRequest), "sent");
-    broker.process().suspend();
-    for (const auto& peer : peers)
-        ASSERT_TRUE(peer->write(ZmtpPeer::request(R"({"getClientInfo":"null"})")));
-    ASSERT_TRUE(requester.write(ZmtpPeer::request(shortRequest)));
-    broker.process().signal(SIGCONT);
-    const uint64_t sent = sumOf(requester.receiveText().value_or(""), "sent") - before;
-    EXPECT_GT(sent, peers.size() * std::size_t{4} * 1024);
-    EXPECT_LT(sent, peers.size() * std::size_t{16} * 1024);
-    for (const auto& peer : peers)
-        EXPECT_GT(peer->receiveText().value_or("").size(), 200000U);
+    postValues(1000, 200);
+    EXPECT_TRUE(eventually(
+        [&]
+        {
+            const Peers peers = peersThatAsked(30, R"({"getCounterValue":"c"})");
+            const uint64_t before = sumOf(requester.ask(shortRequest), "sent");
+            EXPECT_NE(peers.front()->ask(R"({"getCounterValue":"c"})"), "") << "the broker has looked again";
+            broker.process().suspend();
+            for (const auto& peer : peers)
+                EXPECT_TRUE(peer->write(ZmtpPeer::request(R"({"getClientInfo":"null"})")));
+            EXPECT_TRUE(requester.write(ZmtpPeer::request(shortRequest)));
+            broker.process().signal(SIGCONT);
+            const uint64_t sent = sumOf(requester.receiveText().value_or(""), "sent") - before;
+            for (const auto& peer : peers)
+                EXPECT_GT(peer->receiveText().value_or("").size(), 200000U);
+            return sent > peers.size() * std::size_t{4} * 1024 &&
+                   sent < peers.size() * std::size_t{16} * 1024;
+        }));
 }
