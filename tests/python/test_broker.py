@@ -6,6 +6,7 @@ import signal
 import subprocess
 import sys
 import threading
+from typing import Optional
 
 import pytest
 from support import DEADLINE, MOMENT, asynchronous, eventually, next_other_than, until_synced
@@ -77,10 +78,18 @@ async def test_unanswered_questions_have_a_limit(statusbroker: Broker) -> None:
         assert await asyncio.gather(*questions) == [None] * 256
 
 
+async def ask_in_vain(status: statusmanager.Status) -> "asyncio.Future[Optional[str]]":
+    """Ask a broker that is paused. Until the answer comes, the process sends no posts, so their room fills."""
+    question = asyncio.ensure_future(status.get("door", timeout=DEADLINE))
+    await asyncio.sleep(0)  # the question is sent
+    return question
+
+
 @asynchronous
 async def test_posts_wait_for_room_no_longer_than_the_timeout(statusbroker: Broker) -> None:
     async with statusmanager.connect(timeout=0.1) as status:
         statusbroker.pause()
+        question = await ask_in_vain(status)
 
         async def post_without_end() -> None:
             while True:
@@ -89,22 +98,31 @@ async def test_posts_wait_for_room_no_longer_than_the_timeout(statusbroker: Brok
         with pytest.raises(statusmanager.LimitError):
             await post_without_end()
         statusbroker.resume()
+        await question
 
 
 @asynchronous
 async def test_posts_find_room_when_the_broker_continues(statusbroker: Broker) -> None:
     async with statusmanager.connect(timeout=DEADLINE) as status:
         statusbroker.pause()
+        question = await ask_in_vain(status)
         posted = 0
+        is_posting = False
 
         async def post_without_end() -> None:
-            nonlocal posted
+            nonlocal posted, is_posting
             while True:
+                is_posting = True
                 await status.post({"door": f"{posted:060000}"})
+                is_posting = False
                 posted += 1
+                await asyncio.sleep(0)  # a post that finds room leaves no time to others
+
+        async def is_waiting() -> bool:
+            return is_posting
 
         posts = asyncio.ensure_future(post_without_end())
-        await asyncio.sleep(0)  # returns when the task waits for the first time
+        await eventually(is_waiting)
         before = posted
         statusbroker.resume()
 
@@ -115,6 +133,7 @@ async def test_posts_find_room_when_the_broker_continues(statusbroker: Broker) -
         posts.cancel()
         with pytest.raises(asyncio.CancelledError):
             await posts
+        await question
 
 
 @asynchronous
