@@ -85,7 +85,8 @@ class Status:
         """Post values; watchers on the whole device get them together. The empty value is a reset.
 
         Returns before the broker has them. Waits only while too many posts are on the way, and raises LimitError if
-        that takes longer than the time-out of connect().
+        that takes longer than the time-out of connect(). Otherwise other tasks get no turn: a task that posts without
+        end awaits something else, too, such as asyncio.sleep(0).
         """
         await self._send(lambda: self._handle.post(values))
 
