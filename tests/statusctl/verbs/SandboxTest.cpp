@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,6 +15,7 @@
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/Sanitized.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Wait.h"
 
 namespace
 {
@@ -24,6 +26,16 @@ bool canSandbox()
     TestProcess trial({"/usr/bin/env", "unshare", geteuid() == 0 ? "--net" : "--user", "true"});
     return trial.waitForExit() == 0;
 }
+
+// Whether descendants whose parent has ended can become a process's children. An emulator may not know of
+// that.
+bool canAdopt()
+{
+    int isReaper = 0;
+    return prctl(PR_GET_CHILD_SUBREAPER, &isReaper) == 0;
+}
+
+constexpr char cannotAdopt[] = "this machine does not know subreapers";
 
 class SandboxTest : public testing::Test
 {
@@ -128,6 +140,8 @@ TEST_F(SandboxTest, signalsReachTheCommand)
 {
     if (areSignalsDelayed)
         GTEST_SKIP() << "this build delays signals";
+    if (isEmulated)
+        GTEST_SKIP() << "the emulator keeps signals for itself";
     for (const int number : {SIGINT, SIGQUIT, SIGHUP})
         std::signal(number, SIG_DFL); // the tests' caller may ignore them
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
@@ -144,6 +158,8 @@ TEST_F(SandboxTest, signalsReachTheCommand)
 // A shell without job control ignores them for commands before "&".
 TEST_F(SandboxTest, signalsThatAreIgnoredAtTheStartStayIgnored)
 {
+    if (isEmulated)
+        GTEST_SKIP() << "the emulator keeps signals for itself";
     const std::string line = "for i in INT QUIT HUP; do kill -$i $PPID; kill -$i $$; done; echo alive";
     TestProcess tool(runBy({"/bin/sh", "-c", "trap '' INT QUIT HUP; exec \"$@\"", "sh"}, shell(line)));
     EXPECT_EQ(tool.readLine(), "alive");
@@ -153,6 +169,8 @@ TEST_F(SandboxTest, signalsThatAreIgnoredAtTheStartStayIgnored)
 // Neither the broker nor any descendant of the command.
 TEST_F(SandboxTest, nothingIsLeftBehind)
 {
+    if (!canAdopt())
+        GTEST_SKIP() << cannotAdopt;
     const TemporaryFolder folder;
     const std::string pipe = folder / "pipe";
     const Outcome outcome = statusctl(
@@ -203,6 +221,8 @@ TEST_F(SandboxTest, aReportThatNobodyReadsEndsNeitherToolNorCommand)
 // The signal comes again and again, until the tool ends its sender.
 TEST_F(SandboxTest, aSignalAfterTheCommandsEndDoesNotKeepItFromEndingTheRest)
 {
+    if (!canAdopt())
+        GTEST_SKIP() << cannotAdopt;
     if (areSignalsDelayed)
         GTEST_SKIP() << "this build delays signals";
     const Outcome outcome = statusctl(shell(
@@ -226,6 +246,8 @@ TEST_F(SandboxTest, childrenThatTheToolHadBeforeAreLeftAlone)
 // The shell's child ends while the tool runs, so the kernel makes the sleep the tool's child.
 TEST_F(SandboxTest, aDaemonOfAnEarlierChildIsLeftAlone)
 {
+    if (!canAdopt())
+        GTEST_SKIP() << cannotAdopt;
     const TemporaryFolder folder;
     const std::string start = "(read -r go <" + (folder / "go") + "; sleep 1000 >/dev/null 2>&1 & echo $! >" +
                               (folder / "pid") + ") & exec \"$@\"";
@@ -244,6 +266,8 @@ TEST_F(SandboxTest, aDaemonOfAnEarlierChildIsLeftAlone)
 // As the command of a sandbox within this sandbox leaves it, if that sandbox is killed.
 TEST_F(SandboxTest, aProcessInANetworkWithinTheSandboxIsEnded)
 {
+    if (!canAdopt())
+        GTEST_SKIP() << cannotAdopt;
     const Outcome outcome = statusctl(
         shell("sh -c '" + std::string(geteuid() == 0 ? "unshare --net" : "unshare --user --net") +
               " sh -c \"echo \\$\\$; exec sleep 1000 >/dev/null 2>&1\" &' | { read -r left; echo $left; }"));
