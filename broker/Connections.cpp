@@ -334,14 +334,15 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
     std::vector<PostConnection*> posters;
     for (const auto& peer : mPosts.peers())
     {
-        if (PostPort::needsOwnProbe(*peer) && mayBeOfOneProcess(client.identity, peer->identity))
-            posters.push_back(peer.get());
+        if (!PostPort::needsOwnProbe(*peer) || !mayBeOfOneProcess(client.identity, peer->identity))
+            continue;
+        mIdentities.seek(peer->identity); // of all: one pass through the processes finds many as fast as one
+        posters.push_back(peer.get());
     }
     keepNearest(posters, mostOwnPosters, client.postsArrived.value_or(0));
     std::vector<std::shared_ptr<const OwnProbe>> probes;
     for (PostConnection* poster : posters)
     {
-        mIdentities.seek(poster->identity);
         if (auto probe = mPosts.askOwn(*poster, barrier, now))
             probes.push_back(std::move(probe));
     }

@@ -4,6 +4,7 @@
 #include <json/writer.h>
 #include <memory>
 #include <unistd.h>
+#include <vector>
 
 #include "statusctl/text/Json.h"
 #include "tests/broker/Messages.h"
@@ -75,6 +76,33 @@ TEST_F(ClientsTest, theConnectionsOfAProcessAreOneClient)
     EXPECT_EQ(found["pid"].asInt(), getpid());
     EXPECT_EQ(found["program"], kernelNameOf("ClientsTest"));
     EXPECT_EQ(found["uid"].asUInt(), getuid());
+}
+
+// Otherwise the broker would look through all processes again and again while many silent clients are there.
+TEST_F(ClientsTest, aSyncLooksForTheProcessesOfAllWhosePostsItMayWaitForInOnePass)
+{
+    std::vector<std::unique_ptr<ZmtpPeer>> silent;
+    for (int number = 0; number < 100; ++number)
+    {
+        silent.push_back(std::make_unique<ZmtpPeer>(ZmtpPeer::postPort));
+        ASSERT_TRUE(silent.back()->shakeHands());
+        ASSERT_TRUE(silent.back()->write(ZmtpPeer::pong("subscribed")));
+    }
+    ASSERT_NE(asking.ask("Sync"), ""); // the first one waits until all are subscribed
+    ASSERT_NE(asking.ask("Sync"), "");
+    // A new poster's process is looked for in a later pass.
+    ZmtpPeer later(ZmtpPeer::postPort);
+    ASSERT_TRUE(later.shakeHands());
+    ASSERT_TRUE(later.write(ZmtpPeer::message(postOf("k", "v"))));
+    ASSERT_TRUE(eventually(
+        [&]
+        {
+            const std::string details = asking.ask(R"({"getStatusDetails":["k"]})");
+            return details.find("\"pid\":" + std::to_string(getpid())) != std::string::npos;
+        }));
+    const Json::Value answer = ask();
+    EXPECT_EQ(answer["complete"], 1);
+    EXPECT_EQ(answer["clients"][0U]["connections"], 102) << answer;
 }
 
 TEST_F(ClientsTest, anotherProcessIsAnotherClient)
