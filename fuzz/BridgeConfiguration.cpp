@@ -1,10 +1,10 @@
 // Fuzzes the bridge's configuration file.
 
 #include "bridge/BridgeOptions.h"
-#include "mqttlink/ServerName.h"
-#include "mqttlink/Topics.h"
 #include "daemon/ConfigText.h"
 #include "fuzz/Fuzz.h"
+#include "mqttlink/ServerName.h"
+#include "mqttlink/Topics.h"
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

@@ -190,10 +190,10 @@ protected:
     // How many devices are not in the view as they are.
     std::size_t differences(const FleetView& view) const
     {
+        const auto differs = [&](const SimulatedDevice& device)
+        { return !isSame(device, view.find(device.options().device)); };
         const auto& devices = mFleet.devices();
-        return static_cast<std::size_t>(
-            std::count_if(devices.begin(), devices.end(), [&](const SimulatedDevice& device)
-                          { return !isSame(device, view.find(device.options().device)); }));
+        return static_cast<std::size_t>(std::count_if(devices.begin(), devices.end(), differs));
     }
 
     std::size_t differences() const { return differences(mView); }
