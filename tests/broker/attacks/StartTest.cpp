@@ -168,15 +168,13 @@ TEST_F(Starts, areDelayedALittleLongerInTheBrokersFirstSeconds)
 TEST_F(Starts, ofAHundredClientsAtOnceLoseNoPost)
 {
     StartedBroker broker;
-    constexpr int count = 100;
+    constexpr int count = isEmulated ? 20 : 100; // more emulated ones answer too late for the broker
     std::vector<std::unique_ptr<TestProcess>> clients;
     for (int number = 0; number < count; ++number)
         clients.push_back(std::make_unique<TestProcess>(
             Frames{TESTCLIENT, "set", "k" + std::to_string(number), std::to_string(number)}));
-    // A hundred emulated clients answer so late that the broker may not confirm that it has a client's posts.
-    constexpr int unconfirmed = isEmulated ? EXIT_FAILURE : EXIT_SUCCESS;
     for (const auto& client : clients)
-        EXPECT_LE(client->waitForExit().value_or(EXIT_FAILURE + 1), unconfirmed);
+        EXPECT_EQ(client->waitForExit(), 0);
     for (int number = 0; number < count; ++number)
         EXPECT_EQ(valueOf(broker.requester, "k" + std::to_string(number)), reply(std::to_string(number)));
 }

@@ -27,15 +27,15 @@ bool canSandbox()
     return trial.waitForExit() == 0;
 }
 
-// Whether descendants whose parent has ended can become a process's children. An emulator may not know of
-// that.
+// Whether a process can take over descendants whose parent has ended. May be false: the emulator has no
+// subreapers. Every kernel since 3.4 has, so the tests of that always run natively.
 bool canAdopt()
 {
     int isReaper = 0;
     return prctl(PR_GET_CHILD_SUBREAPER, &isReaper) == 0;
 }
 
-constexpr char cannotAdopt[] = "this machine does not know subreapers";
+constexpr char cannotAdopt[] = "the emulator has no subreapers";
 
 class SandboxTest : public testing::Test
 {
@@ -140,13 +140,13 @@ TEST_F(SandboxTest, signalsReachTheCommand)
 {
     if (areSignalsDelayed)
         GTEST_SKIP() << "this build delays signals";
-    if (isEmulated)
-        GTEST_SKIP() << "the emulator keeps signals for itself";
     for (const int number : {SIGINT, SIGQUIT, SIGHUP})
         std::signal(number, SIG_DFL); // the tests' caller may ignore them
     for (const int number : {SIGTERM, SIGHUP, SIGINT, SIGQUIT, SIGUSR1, SIGALRM, SIGVTALRM, SIGPROF, SIGPIPE,
                              SIGXCPU, SIGXFSZ, SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX})
     {
+        if (isEmulated && (number == SIGRTMIN || number == SIGRTMAX))
+            continue; // the emulator keeps them for itself
         TestProcess tool(commandOf(
             shell("trap 'exit 3' " + std::to_string(number) + "; echo begun; while :; do sleep 0.01; done")));
         EXPECT_EQ(tool.readLine(), "begun");
@@ -155,12 +155,12 @@ TEST_F(SandboxTest, signalsReachTheCommand)
     }
 }
 
-// A shell without job control ignores them for commands before "&".
+// A shell without job control ignores them for commands before "&". The emulator catches all signals, so the
+// programs that it starts ignore none.
 TEST_F(SandboxTest, signalsThatAreIgnoredAtTheStartStayIgnored)
 {
-    if (isEmulated)
-        GTEST_SKIP() << "the emulator keeps signals for itself";
-    const std::string line = "for i in INT QUIT HUP; do kill -$i $PPID; kill -$i $$; done; echo alive";
+    const std::string command = isEmulated ? "" : " kill -$i $$;";
+    const std::string line = "for i in INT QUIT HUP; do kill -$i $PPID;" + command + " done; echo alive";
     TestProcess tool(runBy({"/bin/sh", "-c", "trap '' INT QUIT HUP; exec \"$@\"", "sh"}, shell(line)));
     EXPECT_EQ(tool.readLine(), "alive");
     EXPECT_EQ(tool.waitForExit(), 0);
