@@ -97,7 +97,7 @@ void CuttingProxy::run()
         }
         if (mIsStalled)
             continue;
-        std::this_thread::sleep_for(mDelay.load());
+        std::this_thread::sleep_for(mDelay.load()); // plays a slow network
         forwardAll(items);
         if (items[1].revents != 0)
             accept();

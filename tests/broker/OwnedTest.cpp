@@ -237,7 +237,7 @@ TEST_F(Owned, valuesOfAServiceGoOnWithAnotherProcessOfIt)
     EXPECT_EQ(value("net.c"), reply("up"));
 }
 
-// The broker sees the end of the first process only after all its posts.
+// The broker sees the end of the first process only after all its posts. May be skipped, as the test above.
 TEST_F(Owned, valuesOfAServiceGoOnWithAProcessThatCameBeforeTheLastPostsOfTheFormerWereRead)
 {
     const ServiceGroup group("one");

@@ -71,7 +71,7 @@ async def test_unanswered_questions_have_a_limit(statusbroker: Broker) -> None:
     async with statusmanager.connect(timeout=DEADLINE) as status:
         statusbroker.pause()
         questions = [asyncio.ensure_future(status.get("door")) for _ in range(256)]
-        await asyncio.sleep(0)
+        await asyncio.sleep(0)  # one turn of the loop, in which they are all asked
         with pytest.raises(statusmanager.LimitError):
             await status.get("door")
         statusbroker.resume()

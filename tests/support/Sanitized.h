@@ -10,7 +10,8 @@ constexpr bool isSanitized = false;
 #endif
 
 /// Whether the thread sanitizer delays signals. It runs a handler only in those waiting functions that it
-/// knows, and waitid() is not among them.
+/// knows, and waitid() is not among them. Tests of such handlers are skipped then; they always run without a
+/// sanitizer, and with the others.
 #if defined(__SANITIZE_THREAD__)
 constexpr bool areSignalsDelayed = true;
 #else

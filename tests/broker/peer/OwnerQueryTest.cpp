@@ -338,7 +338,9 @@ TEST(OwnerQueryRoadsTest, aSandboxWithoutNetlinkIsNoticed)
               0);
 }
 
-// Like a kernel without the module tcp_diag: the socket can be opened, but no connection is ever found.
+// Like a kernel without the module tcp_diag: the socket can be opened, but no connection is ever found. May
+// be skipped: the emulator has no such sockets, and only root may enter a network namespace. The build server
+// tests as root, natively.
 TEST(OwnerQueryRoadsTest, aKernelThatFindsNoConnectionAtAllIsNotAsked)
 {
     if (isEmulated)
@@ -356,7 +358,8 @@ TEST(OwnerQueryRoadsTest, aKernelThatFindsNoConnectionAtAllIsNotAsked)
               0);
 }
 
-// Only for the way that depends on the namespace: the tables are always those of the process's namespace.
+// Only for the way that depends on the namespace: the tables are always those of the process's namespace. May
+// be skipped, as the test above.
 TEST(OwnerQueryRoadsTest, aConnectionOfAnotherNetworkNamespaceIsUnknown)
 {
     if (isEmulated)

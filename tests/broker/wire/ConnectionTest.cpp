@@ -124,6 +124,7 @@ TEST_F(ConnectionTest, anotherThatTakesNothingAnyMoreIsDead)
     EXPECT_TRUE(connection.isDead());
 }
 
+// May be skipped, as the first test.
 TEST_F(ConnectionTest, tellsWhenTheLastBytesArrivedHoweverLateTheyAreRead)
 {
     if (isEmulated)

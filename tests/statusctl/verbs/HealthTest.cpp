@@ -174,6 +174,7 @@ TEST(DoctorTest, namesTheProgramOnAPort)
 
 TEST_F(HealthTest, doctorTellsThatTheBrokerIsStoppedAndWhatToDo)
 {
+    // May be skipped: the doctor finds a stopped broker by its name. The test always runs natively.
     if (isEmulated)
         GTEST_SKIP() << "the kernel knows only the emulator's name";
     mBroker.process().suspend();

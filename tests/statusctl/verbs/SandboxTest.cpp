@@ -20,7 +20,8 @@
 namespace
 {
 
-// The tests themselves need a namespace for that.
+// The tests themselves need a namespace for that. They are skipped where the kernel keeps namespaces to root;
+// as root they always run, as on the build server.
 bool canSandbox()
 {
     TestProcess trial({"/usr/bin/env", "unshare", geteuid() == 0 ? "--net" : "--user", "true"});
@@ -322,8 +323,8 @@ TEST_F(SandboxTest, aCommandIsNeeded)
               failure(2, "statusctl: sandbox: missing command (usage: sandbox -- COMMAND)"));
 }
 
-// Only root can become another user. ThreadSanitizer runs a thread of its own, and a process with several
-// threads may not enter a user namespace.
+// May be skipped: only root can become another user. ThreadSanitizer runs a thread of its own, and a process
+// with several threads may not enter a user namespace.
 TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
 {
 #ifdef __SANITIZE_THREAD__
@@ -339,6 +340,7 @@ TEST_F(SandboxTest, aUserWithoutRightsStaysTheSame)
     EXPECT_EQ(process.waitForExit(), 5) << process.errors();
 }
 
+// May be skipped: in containers, this limit of the kernel may be read-only.
 TEST_F(SandboxTest, aKernelThatDoesNotLetItIsNamedWithWhatToDo)
 {
     const std::string forbid = "echo 0 >/proc/sys/user/max_net_namespaces || exit 99; exec \"$@\"";
