@@ -44,9 +44,6 @@ Listener::Listener(uint16_t port, int sendBuffer)
 
 void Listener::listen()
 {
-    // ZeroMQ's peers speak first. Whoever says nothing costs the broker nothing until the kernel passes it
-    // on, after about a second.
-    set(mSocket.number(), IPPROTO_TCP, TCP_DEFER_ACCEPT, 1);
     if (::listen(mSocket.number(), backlog) != 0)
         fail(ntohs(mAddress.sin_port), errno);
 }

@@ -66,13 +66,6 @@ protected:
         EXPECT_EQ(send(peer.number(), bytes.data(), bytes.size(), 0), static_cast<ssize_t>(bytes.size()));
     }
 
-    static Descriptor connectAndSay(const std::string& bytes)
-    {
-        Descriptor peer = connectToIt();
-        say(peer, bytes);
-        return peer;
-    }
-
     // Ends its side, and waits until the other side knows.
     static void endConnection(const Descriptor& peer)
     {
@@ -109,8 +102,8 @@ TEST_F(PortTest, aConnectionThatTheSystemCannotWatchIsClosedAndTheNextOnesComeLa
 {
     for (const int room : {0, 1}) // of the two pollers that watch it
     {
-        const Descriptor refused = connectAndSay("\xff");
-        const Descriptor waiting = connectAndSay("\xff");
+        const Descriptor refused = connectToIt();
+        const Descriptor waiting = connectToIt();
         roomToWatch = room;
         EXPECT_FALSE(port.accept(PostPort::fewAtATime, Clock::now()));
         EXPECT_TRUE(port.peers().empty());
@@ -129,9 +122,10 @@ TEST_F(PortTest, aConnectionThatTheSystemCannotWatchIsClosedAndTheNextOnesComeLa
 TEST_F(PortTest, oneThatBreaksTheProtocolBehindItsHandshakeMakesRoom)
 {
     limits.connections = 1;
-    const Descriptor breaking = connectAndSay(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + "\x80\1xx");
+    const Descriptor breaking = connectToIt();
     port.accept(PostPort::fewAtATime, Clock::now());
-    const Descriptor next = connectAndSay("\xff");
+    say(breaking, ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + "\x80\1xx");
+    const Descriptor next = connectToIt();
     port.accept(PostPort::fewAtATime, Clock::now());
     EXPECT_TRUE(isClosed(breaking));
     EXPECT_FALSE(isClosed(next));
@@ -145,7 +139,7 @@ TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
     std::deque<Descriptor> ended;
     while (ended.size() < crowd)
         endConnection(ended.emplace_back(connectToIt()));
-    const Descriptor client = connectAndSay("\xff");
+    const Descriptor client = connectToIt();
     unsigned turns = 0;
     for (; port.peers().empty() && turns < crowd; ++turns)
         port.accept(1, Clock::now());
@@ -157,28 +151,12 @@ TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
 
 TEST_F(PortTest, oneThatHasSpokenAndEndedIsRead)
 {
-    const Descriptor client = connectAndSay(ZmtpPeer::greeting());
+    const Descriptor client = connectToIt();
+    say(client, ZmtpPeer::greeting());
     endConnection(client);
     port.accept(1, Clock::now());
     ASSERT_EQ(port.peers().size(), 1U);
     EXPECT_EQ(port.peers().front()->arrivals(), ZmtpPeer::greeting().size());
-}
-
-TEST_F(PortTest, oneThatSaysNothingWaitsInTheKernel)
-{
-    constexpr std::chrono::milliseconds soon{500}; // the kernel passes it on after a second
-    const TimePoint begin = Clock::now();
-    const Descriptor client = connectToIt();
-    port.accept(PostPort::fewAtATime, Clock::now());
-    const bool isAccepted = port.accepted() != 0;
-    EXPECT_TRUE(!isAccepted || Clock::now() - begin > soon);
-    say(client, "\xff");
-    EXPECT_TRUE(eventually(
-        [this]
-        {
-            port.accept(PostPort::fewAtATime, Clock::now());
-            return port.peers().size() == 1;
-        }));
 }
 
 // ------------------------------------------------------------------------------------- options of the system
@@ -194,17 +172,10 @@ int optionOf(int socket, int level, int option)
     return value;
 }
 
-// A peer that has sent its greeting.
-class GreetingPeer : public ZmtpPeer
-{
-public:
-    explicit GreetingPeer(uint16_t port) : ZmtpPeer(port) { EXPECT_TRUE(write(greeting())); }
-};
-
 template <class AnyPort>
 void expectNoDelay(AnyPort& port, uint16_t number)
 {
-    const GreetingPeer peer(number);
+    const ZmtpPeer peer(number);
     port.accept(1, Clock::now());
     ASSERT_EQ(port.peers().size(), 1U);
     EXPECT_EQ(optionOf(port.peers().front()->descriptor(), IPPROTO_TCP, TCP_NODELAY), 1) << number;
@@ -258,14 +229,18 @@ protected:
         NotifyConnection* connection;
     };
 
+    // A connection that has sent nothing yet.
+    Subscriber connectOne()
+    {
+        auto peer = std::make_unique<ZmtpPeer>(ZmtpPeer::notifyPort);
+        notifyPort.accept(1, Clock::now());
+        return {std::move(peer), notifyPort.peers().back().get()};
+    }
+
     Subscriber subscribe(const std::vector<std::string>& prefixes)
     {
-        Subscriber subscriber{std::make_unique<ZmtpPeer>(ZmtpPeer::notifyPort), nullptr};
-        EXPECT_TRUE(subscriber.peer->write(ZmtpPeer::greeting() + ZmtpPeer::ready("SUB")));
-        notifyPort.accept(1, Clock::now());
-        subscriber.connection = notifyPort.peers().back().get();
-        const std::string opening = ZmtpPeer::openingOf(ZmtpPeer::notifyPort);
-        EXPECT_EQ(subscriber.peer->read(opening.size()), opening);
+        Subscriber subscriber = connectOne();
+        EXPECT_TRUE(subscriber.peer->shakeHands());
         for (const std::string& prefix : prefixes)
             subscriber.peer->write(ZmtpPeer::subscribe(prefix));
         EXPECT_TRUE(eventually(
@@ -331,7 +306,7 @@ TEST_F(SubscribersTest, theSystemHoldsMuchForEachOfAFewAndNoMoreThanABoundForAll
 {
     constexpr std::size_t forAll = std::size_t{16} * 1024 * 1024;
     constexpr std::size_t count = 400;
-    std::deque<GreetingPeer> subscribers;
+    std::deque<ZmtpPeer> subscribers;
     while (subscribers.size() < count)
     {
         subscribers.emplace_back(ZmtpPeer::notifyPort);
@@ -348,7 +323,7 @@ TEST_F(SubscribersTest, theSystemHoldsMuchForEachOfAFewAndNoMoreThanABoundForAll
 
 TEST_F(SubscribersTest, theSystemHoldsMuchAgainForTheRestWhenManyHaveLeft)
 {
-    std::deque<GreetingPeer> subscribers;
+    std::deque<ZmtpPeer> subscribers;
     while (subscribers.size() < 100)
     {
         subscribers.emplace_back(ZmtpPeer::notifyPort);
@@ -364,7 +339,7 @@ TEST_F(SubscribersTest, theSystemHoldsMuchAgainForTheRestWhenManyHaveLeft)
 
 TEST_F(SubscribersTest, theSystemHoldsMuchForEachThatReadsAmongManyHoweverManyDidBefore)
 {
-    std::deque<GreetingPeer> others;
+    std::deque<ZmtpPeer> others;
     while (others.size() < 300)
     {
         others.emplace_back(ZmtpPeer::notifyPort);
