@@ -39,7 +39,11 @@ public:
         mSince = now;
     }
 
+    /// PONG has come, and no question since.
+    bool isPonged() const { return mStage == Stage::Ponged; }
+
     /// A question has come.
+    /// @param now when it came; matters only if isPonged()
     Verdict asked(TimePoint now)
     {
         const Stage stage = mStage;

@@ -175,7 +175,8 @@ void RequestPort::take(RequestConnection& connection, FrameReader::Result result
         connection.isReturning = isReturning(connection, now);
     connection.hasAsked = true;
     removeFrom(mHeld, &connection);
-    switch (connection.emptyAnswer.asked(connection.lastArrival(now)))
+    const bool isTimeNeeded = connection.emptyAnswer.isPonged(); // asking the kernel costs a system call
+    switch (connection.emptyAnswer.asked(isTimeNeeded ? connection.lastArrival(now) : now))
     {
     case EmptyAnswer::Verdict::Drop:
         return;
@@ -293,7 +294,8 @@ void RequestPort::sendEmptyAnswer(RequestConnection& connection, TimePoint now)
 {
     if (!connection.hasAsked)
         read(connection, now);
-    if (!connection.hasAsked && !connection.isUnfinished() && connection.knowsPing())
+    if (!connection.hasAsked && !connection.isUnfinished() && connection.knowsPing() &&
+        !connection.isDealer())
     {
         connection.emptyAnswer.sent();
         // In this order: a question that arrives before PONG was then sent before the empty answer arrived,

@@ -69,6 +69,7 @@ public:
     }
 
     bool knowsPing() const { return mHandshake.knowsPing(); }
+    bool isDealer() const { return mHandshake.isDealer(); }
 
     /// Reads once, as much as fits into the buffer. next() takes the bytes apart.
     /// @returns how many bytes; fewer than fit if no more had arrived

@@ -16,6 +16,7 @@ constexpr std::size_t minorVersionAt = 11;
 constexpr std::size_t mechanismAt = 12;
 constexpr std::size_t mechanismBytes = 20;
 constexpr std::string_view mechanism = "NULL"sv;
+constexpr std::string_view dealer = "DEALER"sv;
 
 std::string openingWith(std::string_view socketType)
 {
@@ -45,7 +46,7 @@ bool fits(Handshake::Kind kind, std::string_view socketType)
     switch (kind)
     {
     case Handshake::Kind::Request:
-        return isOneOf(socketType, {"REQ", "DEALER"});
+        return isOneOf(socketType, {"REQ", dealer});
     case Handshake::Kind::Post:
         return isOneOf(socketType, {"PUB", "XPUB"});
     case Handshake::Kind::Notify:
@@ -128,7 +129,7 @@ bool Handshake::isGood(std::size_t position, unsigned char byte)
     return true; // the rest is padding
 }
 
-bool Handshake::acceptsReady(std::string_view command) const
+bool Handshake::acceptsReady(std::string_view command)
 {
     constexpr std::string_view ready = "\5READY"sv;
     if (command.substr(0, ready.size()) != ready)
@@ -141,8 +142,10 @@ bool Handshake::acceptsReady(std::string_view command) const
         std::string_view value;
         if (!takeProperty(command, name, value))
             return false;
-        if (isSocketType(name))
-            isFitting = fits(mKind, value);
+        if (!isSocketType(name))
+            continue;
+        isFitting = fits(mKind, value);
+        mIsDealer = value == dealer;
     }
     return isFitting;
 }

@@ -39,10 +39,13 @@ public:
     Result takeGreeting(std::string_view& bytes);
 
     /// Whether the command is a READY with a matching socket type.
-    bool acceptsReady(std::string_view command) const;
+    bool acceptsReady(std::string_view command);
 
     /// A peer with version 3.0 may not know PING.
     bool knowsPing() const { return mMinorVersion >= 1; }
+
+    /// A REQ ignores what comes before it has asked. A DEALER takes everything for an answer.
+    bool isDealer() const { return mIsDealer; }
 
 private:
     bool isGood(std::size_t position, unsigned char byte);
@@ -50,6 +53,7 @@ private:
     const Kind mKind;
     std::size_t mGreeted = 0; ///< bytes of the greeting received
     unsigned mMinorVersion = 0;
+    bool mIsDealer = false;
 };
 
 #endif
