@@ -156,8 +156,10 @@ void Questions::answerAll()
 
 void Questions::start(TimePoint now)
 {
+    if (mStarting.empty())
+        return;
     const uint64_t news = mPosts.startNews() + mRequests.probed() + mPosts.arrived();
-    if (mStarting.empty() || (now < mNextLook && news == mNewsSeen))
+    if (now < mNextLook && news == mNewsSeen)
         return;
     mNewsSeen = news;
     const bool isLong = std::all_of(mStarting.begin(), mStarting.end(),
