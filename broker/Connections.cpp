@@ -6,6 +6,7 @@
 #include <tuple>
 #include <utility>
 
+#include "broker/peer/SameProcess.h"
 #include "daemon/SystemClock.h"
 #include "protocol/BrokerDocuments.h"
 
@@ -23,50 +24,6 @@ constexpr std::chrono::milliseconds longestEnding{100};
 
 // The most post connections that are probed for one "Sync".
 constexpr std::size_t mostOwnPosters = 16;
-
-// Connections with the same key belong to the same client: they have the same process. If a process is
-// unknown, user and control group must match. A connection of an unknown user stands alone.
-using ClientKey = std::tuple<std::optional<uid_t>, uint64_t, pid_t, const Connection*>;
-
-ClientKey keyOf(const Connection& connection)
-{
-    const Identity& identity = connection.identity;
-    const bool isAlone = !identity.owner.isKnown() && identity.pid == 0;
-    return {identity.owner.uid(), identity.owner.cgroup().value_or(0), identity.pid,
-            isAlone ? &connection : nullptr};
-}
-
-// Compares the program, too: after a process has ended, another may get its number.
-bool isSameProcess(const BrokerProtocol::Poster& poster, const Identity& identity)
-{
-    return poster.pid != 0 && static_cast<uint32_t>(identity.pid) == poster.pid &&
-           identity.program == poster.program;
-}
-
-pid_t pidOf(const Identity& identity)
-{
-    return identity.isShared ? 0 : identity.pid;
-}
-
-// If a process is unknown, user and control group must match. An unknown user matches no other.
-bool mayBeOfOneProcess(const Identity& one, const Identity& other)
-{
-    if (pidOf(one) != 0 && pidOf(other) != 0)
-        return pidOf(one) == pidOf(other);
-    return one.owner.isKnown() && other.owner.isKnown() && one.owner.uid() == other.owner.uid() &&
-           one.owner.cgroup() == other.owner.cgroup();
-}
-
-// User and control group are those of the moment when the socket was made, and a process may change them. So
-// they count only if the processes were looked for in vain.
-bool areOfDifferentProcesses(const Identity& one, const Identity& other)
-{
-    if (pidOf(one) != 0 && pidOf(other) != 0)
-        return pidOf(one) != pidOf(other);
-    const auto isOver = [](const Identity& each) { return each.search == Identity::Search::Over; };
-    return isOver(one) && isOver(other) && one.owner.isKnown() && other.owner.isKnown() &&
-           !mayBeOfOneProcess(one, other);
-}
 
 // Keeps the connections that most likely belong to a client: it opens its connections at about the same time.
 void keepNearest(std::vector<PostConnection*>& posters, std::size_t most, uint64_t number)
@@ -318,7 +275,7 @@ std::optional<Posters::Id> Connections::successorOf(Posters::Id gone, TimePoint 
         const bool isUnseen =
             poster.pid == 0 && identity.search == Identity::Search::Over && identity.pid == 0;
         const bool isUncertain = identity.search != Identity::Search::Over || identity.isShared;
-        const bool isItself = isSameProcess(poster, identity) ||
+        const bool isItself = isOfProcess(identity, static_cast<pid_t>(poster.pid), poster.program) ||
                               (!isOfService && poster.pid != 0 && isUncertain && hasSocket(identity));
         if (isItself || (isNew && (isOfService || isUnseen)))
             return peer->poster;
@@ -334,7 +291,7 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
     std::vector<PostConnection*> posters;
     for (const auto& peer : mPosts.peers())
     {
-        if (!PostPort::needsOwnProbe(*peer) || !mayBeOfOneProcess(client.identity, peer->identity))
+        if (!PostPort::needsOwnProbe(*peer) || !mayBeSameProcess(client.identity, peer->identity))
             continue;
         mIdentities.seek(peer->identity); // of all: one pass through the processes finds many as fast as one
         posters.push_back(peer.get());
@@ -355,14 +312,14 @@ TimePoint Connections::endOfWait(RequestConnection& client, uint64_t barrier, bo
                             [&](PostConnection& poster)
                             {
                                 seekBoth(client.identity, poster.identity);
-                                return !areOfDifferentProcesses(client.identity, poster.identity);
+                                return !areDifferentProcesses(client.identity, poster.identity);
                             });
 }
 
 bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barrier) const
 {
     return mPosts.isUnreadBefore(barrier, [&](const PostConnection& poster)
-                                 { return !areOfDifferentProcesses(client.identity, poster.identity); });
+                                 { return !areDifferentProcesses(client.identity, poster.identity); });
 }
 
 void Connections::seekBoth(Identity& one, Identity& other)
@@ -389,12 +346,14 @@ void Connections::appendClients(std::string& to, TimePoint now)
 std::vector<Client> Connections::clients(TimePoint now)
 {
     const uint64_t wallNow = microsecondsOf(CLOCK_REALTIME);
-    std::map<ClientKey, Client> clients;
+    // A connection without a key stands alone.
+    std::map<std::pair<std::optional<ClientKey>, const Connection*>, Client> clients;
     forEach(
         [&](Connection& connection)
         {
             mIdentities.seek(connection.identity);
-            const auto [place, isNew] = clients.try_emplace(keyOf(connection));
+            const std::optional<ClientKey> key = clientKeyOf(connection.identity);
+            const auto [place, isNew] = clients.try_emplace({key, key ? nullptr : &connection});
             Client& client = place->second;
             if (isNew)
                 client = begin(connection.identity);
