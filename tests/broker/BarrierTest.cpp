@@ -70,12 +70,12 @@ std::string manyPosts()
 class PosterProcess
 {
 public:
-    PosterProcess()
+    explicit PosterProcess(uid_t user = getuid())
     {
         if (pipe(mPipe) != 0 || (mPid = fork()) < 0)
             throw std::runtime_error("cannot create a process");
         if (mPid == 0)
-            run();
+            run(user);
         close(mPipe[0]);
     }
 
@@ -104,8 +104,9 @@ public:
     }
 
 private:
-    [[noreturn]] void run()
+    [[noreturn]] void run(uid_t user)
     {
+        EXPECT_EQ(setresuid(user, user, user), 0);
         const int end = dup2(mPipe[0], STDIN_FILENO);
         close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
         Poster poster;
@@ -158,13 +159,28 @@ private:
 class BarrierTest : public testing::Test
 {
 protected:
+    explicit BarrierTest(const std::vector<std::string>& launcher = {}) : broker({}, launcher) {}
+
+    std::string clients() { return requester.ask(R"({"getBrokerClients":"null"})"); }
+
     // Waits until the broker knows this process.
     bool isKnown(pid_t pid)
     {
         const std::string member = "\"pid\":" + std::to_string(pid) + ',';
+        return eventually([&] { return clients().find(member) != std::string::npos; });
+    }
+
+    // Waits until the broker has looked for the processes of all its clients, also of a client of this user.
+    bool areAllLookedFor(uid_t user)
+    {
+        const std::string member = "\"uid\":" + std::to_string(user) + ',';
         return eventually(
             [&]
-            { return requester.ask(R"({"getBrokerClients":"null"})").find(member) != std::string::npos; });
+            {
+                const std::string all = clients();
+                return all.find(member) != std::string::npos &&
+                       all.find(R"("complete":1)") != std::string::npos;
+            });
     }
 
     struct Answered
@@ -175,17 +191,19 @@ protected:
 
     // Whether a request behind the posts of another process, which answers no PING, is answered before this
     // time. Each try has another such process, as the broker soon stops waiting for one.
-    bool isAnsweredBesideOthersPosts(const std::string& request, milliseconds limit)
+    // @param awaitKnown waits until the broker knows all that it can know of the other process
+    template <class AwaitKnown>
+    bool isAnsweredBesideOthersPosts(const std::string& request, milliseconds limit, uid_t otherUser,
+                                     AwaitKnown awaitKnown)
     {
         ZmtpPeer subscriber(ZmtpPeer::notifyPort);
         EXPECT_TRUE(subscriber.shakeHands());
         EXPECT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
-        EXPECT_TRUE(isKnown(getpid()));
         bool isAnswered = false;
         for (int tries = 5; tries != 0 && !isAnswered; --tries)
         {
-            PosterProcess other;
-            EXPECT_TRUE(isKnown(other.pid())); // before it posts: any request would wait behind its posts
+            PosterProcess other(otherUser);
+            EXPECT_TRUE(awaitKnown(other)); // before it posts: any request would wait behind its posts
             other.post();
             EXPECT_TRUE(
                 eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
@@ -195,6 +213,13 @@ protected:
             isAnswered = steady_clock::now() - begin < limit;
         }
         return isAnswered;
+    }
+
+    bool isAnsweredBesideOthersPosts(const std::string& request, milliseconds limit)
+    {
+        EXPECT_TRUE(isKnown(getpid()));
+        return isAnsweredBesideOthersPosts(request, limit, getuid(),
+                                           [&](const PosterProcess& other) { return isKnown(other.pid()); });
     }
 
     // A query waits for a limited time, in which a busy machine need not run the process that is waited for.
@@ -211,12 +236,82 @@ protected:
             }));
     }
 
+    // @param awaitKnown waits until the broker knows all that it should know of the poster
+    template <class AwaitKnown>
+    void expectQueriesToWaitForTheirPoster(AwaitKnown awaitKnown)
+    {
+        ZmtpPeer subscriber(ZmtpPeer::notifyPort);
+        ASSERT_TRUE(subscriber.shakeHands());
+        ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
+        const std::string posts = manyPosts();
+        expectUnlessLate(
+            20ms,
+            [&]
+            {
+                Poster poster;
+                EXPECT_TRUE(awaitKnown());
+                EXPECT_TRUE(poster.write(posts));
+                EXPECT_TRUE(eventually(
+                    [&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
+                const auto begin = steady_clock::now();
+                requester.send({R"({"getClientInfoValue":"k"})"});
+                const std::string context = poster.awaitPing();
+                EXPECT_NE(context, "");
+                const std::string after = ZmtpPeer::message(postOf("k", "after"));
+                EXPECT_TRUE(poster.write(after + ZmtpPeer::pong(context)));
+                return Answered{requester.receive() == std::vector<std::string>{reply("after")},
+                                steady_clock::now() - begin};
+            });
+    }
+
     void SetUp() override { requester.ask("Sync"); } // the first Sync is special
 
     void expectAnswer() { EXPECT_EQ(requester.receive(), std::vector<std::string>{"SyncAck"}); }
 
     BrokerProcess broker;
     RawRequester requester;
+};
+
+constexpr uid_t anotherUser = 12345;
+
+// Runs a command without any capability. It may not look at processes that have some.
+const std::vector<std::string> withoutCapabilities{"/usr/bin/setpriv", "--bounding-set=-all",
+                                                   "--inh-caps=-all"};
+
+// Whether that works, and this process may be another user.
+bool mayChangeRights()
+{
+    std::vector<std::string> trial = withoutCapabilities;
+    trial.emplace_back("/bin/true");
+    static const bool mayChange = asUser(anotherUser, [] {}) && TestProcess(trial).waitForExit() == 0;
+    return mayChange;
+}
+
+// The broker may not look for processes, as in its unit.
+class BlindBarrierTest : public BarrierTest
+{
+protected:
+    BlindBarrierTest() : BarrierTest(mayChangeRights() ? withoutCapabilities : std::vector<std::string>()) {}
+
+    void SetUp() override
+    {
+        if (!mayChangeRights())
+            GTEST_SKIP() << "this process may not change its rights";
+        BarrierTest::SetUp();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_TRUE(!mayChangeRights() || clients().find("\"pid\"") == std::string::npos)
+            << "it has found a process";
+    }
+
+    bool isAnsweredBesideOthersPosts(const std::string& request, milliseconds limit)
+    {
+        return BarrierTest::isAnsweredBesideOthersPosts(request, limit, anotherUser,
+                                                        [this](const PosterProcess& /*other*/)
+                                                        { return areAllLookedFor(anotherUser); });
+    }
 };
 
 } // namespace
@@ -332,27 +427,7 @@ TEST_F(BarrierTest, aQueryDoesNotPingPostersFromWhichNothingHasCome)
 // More of its client's earlier posts may be under way.
 TEST_F(BarrierTest, aQueryWaitsForAPosterFromWhichMuchHasCome)
 {
-    ZmtpPeer subscriber(ZmtpPeer::notifyPort);
-    ASSERT_TRUE(subscriber.shakeHands());
-    ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
-    const std::string posts = manyPosts();
-    expectUnlessLate(
-        20ms,
-        [&]
-        {
-            Poster poster;
-            EXPECT_TRUE(poster.write(posts));
-            EXPECT_TRUE(
-                eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
-            const auto begin = steady_clock::now();
-            requester.send({R"({"getClientInfoValue":"k"})"});
-            const std::string context = poster.awaitPing();
-            EXPECT_NE(context, "");
-            const std::string after = ZmtpPeer::message(postOf("k", "after"));
-            EXPECT_TRUE(poster.write(after + ZmtpPeer::pong(context)));
-            return Answered{requester.receive() == std::vector<std::string>{reply("after")},
-                            steady_clock::now() - begin};
-        });
+    expectQueriesToWaitForTheirPoster([] { return true; });
 }
 
 // A process may have made its sockets as different users. The broker waits until it knows better.
@@ -392,6 +467,23 @@ TEST_F(BarrierTest, aQueryDoesNotWaitForThePostsOfAnotherProcess)
 TEST_F(BarrierTest, aSyncDoesNotWaitForThePostsOfAnotherProcess)
 {
     EXPECT_TRUE(isAnsweredBesideOthersPosts("Sync", 125ms));
+}
+
+// May be skipped, like all tests of this suite: only root may take capabilities away, and become another
+// user. The build server tests as root, so they always run there.
+TEST_F(BlindBarrierTest, aQueryDoesNotWaitForThePostsOfAnotherUser)
+{
+    EXPECT_TRUE(isAnsweredBesideOthersPosts(R"({"getClientInfoValue":"k"})", 12ms));
+}
+
+TEST_F(BlindBarrierTest, aSyncDoesNotWaitForThePostsOfAnotherUser)
+{
+    EXPECT_TRUE(isAnsweredBesideOthersPosts("Sync", 125ms));
+}
+
+TEST_F(BlindBarrierTest, aQueryWaitsForAPosterOfItsUser)
+{
+    expectQueriesToWaitForTheirPoster([this] { return areAllLookedFor(getuid()); });
 }
 
 // Holds even if the broker has so much to read that it reads the posts of some clients late. A slower broker

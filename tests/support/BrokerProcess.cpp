@@ -7,16 +7,20 @@ namespace
 {
 
 // STATUSBROKER is the path of a broker that cannot set the clock: see tests/broker/CMakeLists.txt.
-std::vector<std::string> commandOf(const std::vector<std::string>& options)
+std::vector<std::string> commandOf(const std::vector<std::string>& options,
+                                   const std::vector<std::string>& launcher)
 {
-    std::vector<std::string> command{STATUSBROKER};
+    std::vector<std::string> command = launcher;
+    command.emplace_back(STATUSBROKER);
     command.insert(command.end(), options.begin(), options.end());
     return command;
 }
 
 } // namespace
 
-BrokerProcess::BrokerProcess(const std::vector<std::string>& options) : mProcess(commandOf(options))
+BrokerProcess::BrokerProcess(const std::vector<std::string>& options,
+                             const std::vector<std::string>& launcher)
+    : mProcess(commandOf(options, launcher))
 {
     const bool serving = eventually(
         [this]

@@ -11,7 +11,9 @@
 class BrokerProcess
 {
 public:
-    explicit BrokerProcess(const std::vector<std::string>& options = {});
+    /// @param launcher a command that runs the broker, such as setpriv with its options; empty: none
+    explicit BrokerProcess(const std::vector<std::string>& options = {},
+                           const std::vector<std::string>& launcher = {});
 
     TestProcess& process() { return mProcess; }
 
