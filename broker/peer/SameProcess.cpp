@@ -23,8 +23,10 @@ bool isSearched(const Identity& identity)
 
 bool mayBeSameProcess(const Identity& one, const Identity& other)
 {
+    if (one.pid != 0 && one.pid == other.pid)
+        return true; // whoever else has its sockets
     if (onlyProcessOf(one) != 0 && onlyProcessOf(other) != 0)
-        return onlyProcessOf(one) == onlyProcessOf(other);
+        return false;
     return areKnown(one.owner, other.owner) && one.owner.uid() == other.owner.uid() &&
            one.owner.cgroup() == other.owner.cgroup();
 }

@@ -94,6 +94,13 @@ TEST(SameProcessTest, differentProcessesAreDifferentWhoeverMadeTheirSockets)
     EXPECT_EQ(judge(found(ofNobody()), found(ofNobody(), process + 1)), Judgement::Different);
 }
 
+// It may have made one socket as another user, and a child may have got it.
+TEST(SameProcessTest, aProcessThatSharesASocketIsStillItself)
+{
+    EXPECT_EQ(judge(shared(ofUser()), found(ofUser(user + 1, group + 1))), Judgement::Same);
+    EXPECT_EQ(judge(shared(ofUser()), shared(ofUser(user + 1))), Judgement::Same);
+}
+
 // The lowest of the processes that have the socket need not be the one that uses it.
 TEST(SameProcessTest, theNumberOfASharedProcessShowsNothing)
 {
