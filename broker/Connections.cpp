@@ -291,7 +291,8 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
     std::vector<PostConnection*> posters;
     for (const auto& peer : mPosts.peers())
     {
-        if (!PostPort::needsOwnProbe(*peer) || !mayBeSameProcess(client.identity, peer->identity))
+        if (!PostPort::needsOwnProbe(*peer) || !mayBeSameProcess(client.identity, peer->identity) ||
+            !mayBeOf(client, *peer))
             continue;
         mIdentities.seek(peer->identity); // of all: one pass through the processes finds many as fast as one
         posters.push_back(peer.get());
@@ -312,14 +313,21 @@ TimePoint Connections::endOfWait(RequestConnection& client, uint64_t barrier, bo
                             [&](PostConnection& poster)
                             {
                                 seekBoth(client.identity, poster.identity);
-                                return !areDifferentProcesses(client.identity, poster.identity);
+                                return mayBeOf(client, poster);
                             });
 }
 
-bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barrier) const
+bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barrier)
 {
-    return mPosts.isUnreadBefore(barrier, [&](const PostConnection& poster)
-                                 { return !areDifferentProcesses(client.identity, poster.identity); });
+    return mPosts.isUnreadBefore(barrier,
+                                 [&](const PostConnection& poster) { return mayBeOf(client, poster); });
+}
+
+// Others that connect all the time would otherwise hold up a client until their processes are found.
+bool Connections::mayBeOf(const RequestConnection& client, const PostConnection& poster)
+{
+    return !areDifferentProcesses(client.identity, poster.identity) &&
+           !mIdentities.isNotOf(client.identity, poster.identity, poster.acceptedAt());
 }
 
 void Connections::seekBoth(Identity& one, Identity& other)

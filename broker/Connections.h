@@ -94,7 +94,7 @@ public:
     TimePoint endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened);
 
     /// Whether such posts had arrived before the barrier, and are still unread.
-    bool isUnreadBefore(const RequestConnection& client, uint64_t barrier) const;
+    bool isUnreadBefore(const RequestConnection& client, uint64_t barrier);
 
     void closeForMemory(Connection& connection);
 
@@ -125,6 +125,7 @@ public:
 private:
     void close(Connection& connection);
     void seekBoth(Identity& one, Identity& other);
+    bool mayBeOf(const RequestConnection& client, const PostConnection& poster);
     void enterPoster(PostConnection& connection);
     void forgetPoster(PostConnection& connection);
     void describePoster(PostConnection& connection);

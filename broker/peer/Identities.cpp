@@ -71,6 +71,13 @@ void Identities::forget(Identity& identity)
     identity.search = isUnderWay ? Identity::Search::CutShort : Identity::Search::Over;
 }
 
+bool Identities::isNotOf(const Identity& known, const Identity& sought, TimePoint acceptedAt)
+{
+    return sought.search != Identity::Search::Over && known.search == Identity::Search::Over &&
+           known.pid != 0 && !known.isShared &&
+           mSockets.lacks(known.pid, known.program, sought.owner.inode(), acceptedAt);
+}
+
 std::vector<Processes::Found> Identities::seekOn(TimePoint now)
 {
     std::vector<Processes::Found> found = mProcesses.work(turn);

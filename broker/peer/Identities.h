@@ -8,6 +8,7 @@
 
 #include "broker/peer/Identity.h"
 #include "broker/peer/OwnerQuery.h"
+#include "broker/peer/ProcessSockets.h"
 #include "broker/peer/Processes.h"
 #include "broker/peer/Services.h"
 #include "broker/peer/Users.h"
@@ -55,8 +56,13 @@ public:
     /// See Processes::socketsOf().
     std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const
     {
-        return mProcesses.socketsOf(pid, program);
+        return mProcesses.socketsOf(pid, program).inodes;
     }
+
+    /// Whether the process of `known` certainly does not have the connection of `sought`, whose process is
+    /// still being looked for.
+    /// @param acceptedAt when the broker accepted the connection of `sought`
+    bool isNotOf(const Identity& known, const Identity& sought, TimePoint acceptedAt);
 
     /// Whether the kernel reports the user and the service in which a socket was made.
     bool tellsUsers() const { return mOwners.road() != OwnerQuery::Road::None; }
@@ -86,6 +92,7 @@ private:
     Services mServices;
     Users mUsers;
     Processes mProcesses;
+    ProcessSockets mSockets{mProcesses};
     TimePoint mNext{}; ///< when to continue
 };
 

@@ -145,13 +145,13 @@ void Processes::note(Found& found)
     found.program = programOf(mProcess);
 }
 
-std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) const
+Processes::Sockets Processes::socketsOf(pid_t pid, const std::string& program) const
 {
     constexpr int mostDescriptors = 1024; // one process must not delay others
     constexpr int fewDescriptors = 32;    // always read: other programs may have used the time
     const TimePoint end = Clock::now() + std::chrono::milliseconds(1);
     const Descriptor process = openFolder(AT_FDCWD, mProc + "/" + std::to_string(pid));
-    std::set<uint64_t> sockets;
+    Sockets sockets;
     if (!process.isOpen() || programOf(process) != program)
         return sockets;
     const Folder descriptors = folderAt(process.number(), "fd");
@@ -159,10 +159,11 @@ std::set<uint64_t> Processes::socketsOf(pid_t pid, const std::string& program) c
          descriptors && count < mostDescriptors && (count < fewDescriptors || Clock::now() < end); ++count)
     {
         const dirent* entry = readdir(descriptors.get());
-        if (entry == nullptr)
+        sockets.areAll = entry == nullptr;
+        if (sockets.areAll)
             break;
         if (const uint64_t inode = socketAt(descriptors.get(), entry->d_name); inode != 0)
-            sockets.insert(inode);
+            sockets.inodes.insert(inode);
     }
     return sockets;
 }

@@ -51,9 +51,15 @@ public:
     /// @returns the sockets that were looked for everywhere; only at the end of a pass
     std::vector<Found> work(Clock::duration atMost);
 
-    /// The sockets of a process that runs this program; none if it runs another program by now. For a process
-    /// with very many descriptors, only some of its sockets. Looks at once, apart from the searches.
-    std::set<uint64_t> socketsOf(pid_t pid, const std::string& program) const;
+    struct Sockets
+    {
+        std::set<uint64_t> inodes;
+        bool areAll = false; ///< false for a process with very many descriptors, and if there was none to see
+    };
+
+    /// The sockets of a process that runs this program; none if it runs another program by now. Looks at
+    /// once, apart from the searches.
+    Sockets socketsOf(pid_t pid, const std::string& program) const;
 
     /// A name with a "?" for every byte that is not printable ASCII.
     static std::string printable(std::string name);

@@ -1,11 +1,9 @@
 #include "broker/peer/Processes.h"
 
-#include <filesystem>
-#include <gtest/gtest.h>
 #include <sys/prctl.h>
 
 #include "tests/broker/peer/Ends.h"
-#include "tests/support/TemporaryFolder.h"
+#include "tests/broker/peer/ProcessesFixture.h"
 
 namespace
 {
@@ -13,17 +11,9 @@ namespace
 using std::chrono::seconds;
 using Found = Processes::Found;
 
-class ProcessesTest : public testing::Test
+class ProcessesTest : public ProcessesFixture
 {
 protected:
-    void addProcess(const std::string& pid, const std::string& name, const std::vector<std::string>& links)
-    {
-        std::filesystem::create_directories(proc / (pid + "/fd"));
-        writeFile(proc / (pid + "/comm"), name);
-        for (const std::string& link : links)
-            std::filesystem::create_symlink(link, proc / (pid + "/fd/" + std::to_string(mNext++)));
-    }
-
     Found find(uint64_t inode)
     {
         EXPECT_TRUE(processes.want(inode));
@@ -31,12 +21,6 @@ protected:
         EXPECT_EQ(found.size(), 1U);
         return found.empty() ? Found() : found[0];
     }
-
-    TemporaryFolder proc;
-    Processes processes{proc / ""};
-
-private:
-    int mNext = 0;
 };
 
 } // namespace
@@ -184,15 +168,15 @@ TEST_F(ProcessesTest, theSocketsOfAProcessAreToldAtOnce)
 {
     addProcess("7", "first\n", {"/dev/null", "socket:[98]", "pipe:[97]", "socket:[99]"});
     addProcess("8", "second\n", {"socket:[96]"});
-    EXPECT_EQ(processes.socketsOf(7, "first"), (std::set<uint64_t>{98, 99}));
+    EXPECT_EQ(processes.socketsOf(7, "first").inodes, (std::set<uint64_t>{98, 99}));
     EXPECT_FALSE(processes.hasWork());
 }
 
 TEST_F(ProcessesTest, aProcessThatRunsAnotherProgramIsAnotherOne)
 {
     addProcess("7", "first\n", {"socket:[98]"});
-    EXPECT_EQ(processes.socketsOf(7, "second"), std::set<uint64_t>());
-    EXPECT_EQ(processes.socketsOf(8, "first"), std::set<uint64_t>());
+    EXPECT_EQ(processes.socketsOf(7, "second").inodes, std::set<uint64_t>());
+    EXPECT_EQ(processes.socketsOf(8, "first").inodes, std::set<uint64_t>());
 }
 
 TEST_F(ProcessesTest, ofAProcessWithVeryManySocketsOnlySomeAreTold)
@@ -202,7 +186,7 @@ TEST_F(ProcessesTest, ofAProcessWithVeryManySocketsOnlySomeAreTold)
     for (int inode = 1; inode <= many; ++inode)
         links.push_back("socket:[" + std::to_string(inode) + "]");
     addProcess("7", "first\n", links);
-    const std::size_t told = processes.socketsOf(7, "first").size();
+    const std::size_t told = processes.socketsOf(7, "first").inodes.size();
     EXPECT_GT(told, 0U);
     EXPECT_LT(told, static_cast<std::size_t>(many));
 }

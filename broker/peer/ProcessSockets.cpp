@@ -1,0 +1,31 @@
+#include "broker/peer/ProcessSockets.h"
+
+#include <algorithm>
+
+namespace
+{
+
+constexpr int pauseFactor = 20;
+
+// A look that took longer was interrupted.
+constexpr std::chrono::milliseconds longestLook{5};
+
+} // namespace
+
+bool ProcessSockets::lacks(pid_t pid, const std::string& program, uint64_t inode, TimePoint acceptedAt)
+{
+    auto look = mLooks.find(pid);
+    if (look == mLooks.end() || look->second.begin <= acceptedAt || look->second.program != program)
+    {
+        const TimePoint begin = Clock::now();
+        if (begin < mEndOfPause)
+            return false;
+        if (mLooks.size() >= mostLooks)
+            mLooks.clear();
+        look = mLooks.insert_or_assign(pid, Look{program, mProcesses.socketsOf(pid, program), begin}).first;
+        const TimePoint end = Clock::now();
+        mEndOfPause = end + pauseFactor * std::min<Clock::duration>(end - begin, longestLook);
+    }
+    const Processes::Sockets& sockets = look->second.sockets;
+    return inode != 0 && sockets.areAll && sockets.inodes.count(inode) == 0;
+}
