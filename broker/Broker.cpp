@@ -14,7 +14,7 @@ namespace
 {
 
 // How long to take posts, and then to answer requests, before other work.
-constexpr std::chrono::milliseconds turn{5};
+constexpr std::chrono::milliseconds turn{3};
 
 // When asked to stop, the broker serves until nothing has arrived for a while, within these limits.
 constexpr std::chrono::milliseconds finishQuiet{50};

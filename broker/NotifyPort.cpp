@@ -34,7 +34,7 @@ constexpr std::size_t perValue = 32;
 constexpr std::size_t turnBytes = std::size_t{256} * 1024;
 
 // How long subscribers that cost more have their turn, and how long followers of everything wait meanwhile.
-constexpr std::chrono::milliseconds flushTurn{5};
+constexpr std::chrono::milliseconds flushTurn{3};
 constexpr std::chrono::microseconds flushSlice{500};
 
 // How long a closed subscriber may take to come back. The bytes that the kernel held for it are lost, too, so

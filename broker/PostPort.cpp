@@ -22,9 +22,11 @@ constexpr std::size_t turnShare = 8;
 constexpr std::size_t bytesOfAllTurns = std::size_t{1024} * 1024;
 constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 
-// If one read of a connection takes longer, the connection is read after the others. It delays all of them,
-// and many such connections must not delay a client that posts little.
+// If one read of a connection takes longer, or leaves more of an unfinished message, the connection is read
+// after the others. It delays all of them, or takes their memory, and many such connections must not delay a
+// client that posts little.
 constexpr std::chrono::milliseconds heavyTime{3};
+constexpr std::size_t heavyBytes = std::size_t{4} * 1024;
 
 // How long a barrier may read by itself; the rest is read in turn.
 constexpr std::chrono::milliseconds longestTaking{5};
@@ -133,7 +135,14 @@ void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end,
         connection.isReady = false;
         read(connection, Clock::now());
         update(connection);
-    } while (Clock::now() < end && mReceived < most && !mBudget.isExceeded());
+    } while (Clock::now() < end && mReceived < most && hasMemory(&connections == &mHeavy));
+}
+
+// If memory is short, the broker still reads those that hold little. Otherwise they would wait for all
+// others.
+bool PostPort::hasMemory(bool isForHeavy) const
+{
+    return isForHeavy ? !mBudget.isExceeded() : !mBudget.isFull();
 }
 
 // Reads once.
@@ -164,7 +173,8 @@ void PostPort::read(PostConnection& connection, TimePoint now)
     }
     if (connection.pingToSend != 0 && !connection.pongs.isUnread())
         sendPing(connection);
-    connection.isHeavy = Clock::now() - now > heavyTime;
+    const bool isLong = connection.isUnfinished() && connection.heldBytes() > heavyBytes;
+    connection.isHeavy = isLong || Clock::now() - now > heavyTime;
 }
 
 // Sends the subscription, and a PING whose answer shows that the client has the subscription.
@@ -296,7 +306,7 @@ void PostPort::takeArrivals(const std::vector<PostConnection*>& connections, Tim
 {
     for (PostConnection* connection : connections)
     {
-        if (const TimePoint time = Clock::now(); time < end && !mBudget.isExceeded())
+        if (const TimePoint time = Clock::now(); time < end && hasMemory(connection->isHeavy))
         {
             read(*connection, time);
             update(*connection);

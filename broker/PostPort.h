@@ -167,6 +167,7 @@ private:
     void takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end);
     void makeReady(PostConnection& connection);
     void takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most);
+    bool hasMemory(bool isForHeavy) const;
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void sendPing(PostConnection& connection);

@@ -1,5 +1,6 @@
 // Ports in this process: how they handle a system without memory for connections, and which options they set.
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <deque>
@@ -17,6 +18,7 @@
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
 #include "broker/policy/PolicyFiles.h"
+#include "tests/support/WireFrames.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
@@ -93,7 +95,8 @@ protected:
     Identities identities;
     Guard guard{identities, refusals, std::make_unique<const Policy>()};
     const PortEnvironment environment{poller, identities, budget, limits, refusals, guard};
-    PostPort port{environment, [](PostConnection&, std::string_view) {}};
+    std::size_t posts = 0;
+    PostPort port{environment, [this](PostConnection&, std::string_view) { ++posts; }};
 };
 
 } // namespace
@@ -157,6 +160,100 @@ TEST_F(PortTest, oneThatHasSpokenAndEndedIsRead)
     port.accept(1, Clock::now());
     ASSERT_EQ(port.peers().size(), 1U);
     EXPECT_EQ(port.peers().front()->arrivals(), ZmtpPeer::greeting().size());
+}
+
+// ---------------------------------------------------------------------------------------- the order of
+// reading
+
+namespace
+{
+
+class ReadingTest : public PortTest
+{
+protected:
+    static constexpr std::size_t many = 20;
+    static constexpr std::size_t someBytes = 8192;
+
+    // A peer that has completed its handshake, and said this.
+    void connectOne(const std::string& said)
+    {
+        peers.emplace_back(ZmtpPeer::postPort);
+        EXPECT_TRUE(peers.back().write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + said));
+        port.accept(1, Clock::now());
+        ASSERT_EQ(port.peers().size(), peers.size());
+    }
+
+    // They are in the middle of a long message, whose next part has come.
+    void connectUnfinished()
+    {
+        const std::string part(someBytes, 'x');
+        while (peers.size() < many)
+            connectOne(WireFrames::header(1000000, 0) + part);
+        takeAll();
+        for (ZmtpPeer& peer : peers)
+            EXPECT_TRUE(peer.write(part));
+    }
+
+    void takeAll() { take(Clock::now() + std::chrono::seconds(30)); }
+
+    void take(TimePoint end)
+    {
+        for (const auto& connection : port.peers())
+            port.serve(*connection, EPOLLIN);
+        port.takePosts(end);
+    }
+
+    std::size_t unread() const
+    {
+        return static_cast<std::size_t>(std::count_if(port.peers().begin(), port.peers().end(),
+                                                      [](const auto& connection)
+                                                      { return connection->arrivals() != 0; }));
+    }
+
+    // Others hold as much.
+    void use(std::size_t bytes) { budget.update(mOthers, bytes); }
+
+    std::deque<ZmtpPeer> peers;
+
+private:
+    std::size_t mOthers = 0;
+};
+
+} // namespace
+
+TEST_F(ReadingTest, aPostIsReadBeforeTheRestOfLongMessages)
+{
+    connectUnfinished();
+    connectOne(ZmtpPeer::message("post"));
+    take(Clock::now()); // the turn is over at once
+    EXPECT_EQ(posts, 1U);
+    EXPECT_GT(unread(), many / 2);
+}
+
+TEST_F(ReadingTest, shortPostsAreReadAlsoIfMemoryIsShort)
+{
+    while (peers.size() < many)
+        connectOne(ZmtpPeer::message("post"));
+    use(limits.memory + 1);
+    takeAll();
+    EXPECT_EQ(posts, many);
+}
+
+TEST_F(ReadingTest, longMessagesAreNotReadOnIfMemoryIsShort)
+{
+    connectUnfinished();
+    use(limits.memory + 1);
+    takeAll();
+    EXPECT_EQ(unread(), many - 1) << "one is always read, so that nothing stands still";
+}
+
+TEST_F(ReadingTest, notEvenShortPostsAreReadFarBeyondTheLimitOfMemory)
+{
+    while (peers.size() < many)
+        connectOne(ZmtpPeer::message("post"));
+    use(2 * limits.memory);
+    takeAll();
+    EXPECT_EQ(posts, 1U) << "one is always read, so that nothing stands still";
 }
 
 // ------------------------------------------------------------------------------------- options of the system
