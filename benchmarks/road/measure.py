@@ -7,33 +7,22 @@ The rounds are interleaved, so that other load on the machine affects all system
 import argparse
 import json
 import os
-import platform
 import subprocess
 import sys
 import tempfile
 import time
 
 import report
+from machine import machine
 from processes import RunFailed
 from systems import ALL
 from workloads import WORKLOADS, Sizes
-
-
-def first_line_with(path, word):
-    with open(path, encoding="ascii", errors="replace") as file:
-        return next((line.split(":", 1)[1].strip() for line in file if line.startswith(word)), "unknown")
 
 
 def version_of(package):
     shown = subprocess.run(["dpkg-query", "--show", "--showformat=${Version}", package], capture_output=True,
                            text=True, check=False)
     return shown.stdout if shown.returncode == 0 else "unknown"
-
-
-def machine():
-    memory = int(first_line_with("/proc/meminfo", "MemTotal").split()[0])
-    return {"cpu": first_line_with("/proc/cpuinfo", "model name"), "cores": os.cpu_count(),
-            "memoryMiB": memory // 1024, "kernel": platform.release(), "load": os.getloadavg()[0]}
 
 
 def versions(systems):

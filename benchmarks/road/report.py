@@ -6,6 +6,8 @@ import re
 import statistics
 
 import plots
+from documents import renew, table
+from machine import described
 
 FLOOR = "json"
 
@@ -94,11 +96,6 @@ def cell(spread):
     return median if low == high else f"{median} ({low} to {high})"
 
 
-def lines(header, rows):
-    return "\n".join(["| " + " | ".join(row) + " |" for row in
-                      [header, ["---"] + ["---:"] * (len(header) - 1)] + rows])
-
-
 def comparison(measured):
     rows = []
     for workload, metric, label, unit in ROWS:
@@ -107,7 +104,7 @@ def comparison(measured):
             continue
         ratio = measured.ratio(workload, "product", metric)
         rows.append([f"{label}, {unit}" if unit else label, *cells, f"{ratio:.2f}" if ratio is not None else "-"])
-    return lines(["", *measured.titles.values(), "statusbroker / JSON floor"], rows) if rows else ""
+    return table(["", *measured.titles.values(), "statusbroker / JSON floor"], rows) if rows else ""
 
 
 def growth(measured):
@@ -117,7 +114,7 @@ def growth(measured):
         names = measured.growth_names(prefix)
         if names:
             header = [what, *[f"{int(name.removeprefix(prefix)):,}" for name in names]]
-            parts.append(lines(header, [
+            parts.append(table(header, [
                 [measured.titles[system], *[cell(measured.spread("growth", system, name)) for name in names]]
                 for system in measured.titles if measured.values("growth", system, names[0])]))
     return "\n\n".join(parts)
@@ -223,7 +220,7 @@ TARGETS = (
 def targets(measured):
     judged = [(what, judge(measured)) for what, judge in TARGETS]
     rows = [[what, *found[:2], "yes" if found[2] else "**no**"] for what, found in judged if found]
-    return lines(["what", "target", "measured", "met"], rows) if rows else ""
+    return table(["what", "target", "measured", "met"], rows) if rows else ""
 
 
 # ----------------------------------------------------------------------------------------------- documents
@@ -232,9 +229,7 @@ def targets(measured):
 def circumstances(measured):
     machine, sizes = measured.results["machine"], measured.results["sizes"]
     packages = ", ".join(f"{name} {version}" for name, version in measured.results["versions"].items())
-    return (f"Measured on {measured.results['date']}: {machine['cpu']}, {machine['cores']} cores, "
-            f"{machine['memoryMiB']:,} MiB of memory, Linux {machine['kernel']}; load at the start "
-            f"{machine['load']:.1f}. {packages}. {measured.results['rounds']} rounds, bursts of {sizes['burst']:,} posts, "
+    return (f"Measured on {measured.results['date']}: {described(machine)}. {packages}. {measured.results['rounds']} rounds, bursts of {sizes['burst']:,} posts, "
             f"{sizes['fan_out']:,} to 8 processes, {sizes['seconds']} s at 1,000 posts/s, {sizes['queries']:,} queries.\n\n"
             "Each number is the median of the rounds, with the lowest and the highest.")
 
@@ -258,14 +253,4 @@ def write_documents(results, docs):
         "comparison": "\n\n".join(part for part in (comparison(measured), failures(measured)) if part),
         "growth": growth(measured),
     } | {name: f"![{title}](performance/{name}.svg)" for name, title in names.items()}
-    path = os.path.join(docs, "performance.md")
-    with open(path, encoding="utf-8") as file:
-        text = file.read()
-    for name, section in sections.items():
-        mark = re.compile(rf"(<!-- measured: begin {name} -->\n).*?(<!-- measured: end {name} -->)", re.DOTALL)
-        text, places = mark.subn(lambda found, section=section: f"{found[1]}{section}\n{found[2]}", text)
-        if places != 1:
-            raise SystemExit(f"bench: {path} has no one place for '{name}'")
-    with open(path, "w", encoding="utf-8") as file:
-        file.write(text)
-    print(f"Wrote {path}")
+    renew(os.path.join(docs, "performance.md"), sections)

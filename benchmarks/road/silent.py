@@ -5,11 +5,10 @@ import itertools
 import resource
 import socket
 
-PEERS = ((5555, b"REQ"), (5556, b"PUB"), (5557, b"SUB"))
+import zmtp
+
 SPARE_DESCRIPTORS = 200
 
-# ZMTP 3.1.
-GREETING = b"\xff" + bytes(8) + b"\x7f\x03\x01" + b"NULL".ljust(20, b"\0") + bytes(32)
 COMMAND_HEADER = 2
 
 
@@ -28,11 +27,10 @@ def receive(connection, count):
     return received
 
 
-def connect(port, socket_type):
-    connection = socket.create_connection(("127.0.0.1", port), timeout=10)
-    ready = b"\x05READY\x0bSocket-Type" + len(socket_type).to_bytes(4, "big") + socket_type
-    connection.sendall(GREETING + b"\x04" + bytes([len(ready)]) + ready)
-    receive(connection, len(GREETING))
+def connect(socket_type):
+    connection = socket.create_connection(("127.0.0.1", zmtp.PORTS[socket_type]), timeout=10)
+    connection.sendall(zmtp.GREETING + zmtp.ready(socket_type))
+    receive(connection, len(zmtp.GREETING))
     receive(connection, receive(connection, COMMAND_HEADER)[1])
     return connection
 
@@ -42,6 +40,6 @@ def silent_connections(count):
     """Spreads the connections over the ports, so that no port exceeds its limit."""
     allow_descriptors(count)
     with contextlib.ExitStack() as stack:
-        for peer in itertools.islice(itertools.cycle(PEERS), count):
-            stack.enter_context(connect(*peer))
+        for socket_type in itertools.islice(itertools.cycle(zmtp.PORTS), count):
+            stack.enter_context(connect(socket_type))
         yield
