@@ -28,6 +28,9 @@ constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 constexpr std::chrono::milliseconds heavyTime{3};
 constexpr std::size_t heavyBytes = std::size_t{4} * 1024;
 
+// Their part of a turn, also if the others have more to say.
+constexpr std::chrono::milliseconds timeOfHeavy{1};
+
 // How long a barrier may read by itself; the rest is read in turn.
 constexpr std::chrono::milliseconds longestTaking{5};
 
@@ -119,7 +122,7 @@ void PostPort::makeReady(PostConnection& connection)
 void PostPort::takePosts(TimePoint end)
 {
     const uint64_t most = mReceived + mLimits.notifyBytes / turnShare;
-    takeSome(mReady, end, most);
+    takeSome(mReady, mHeavy.empty() ? end : end - timeOfHeavy, most);
     takeSome(mHeavy, end, most);
 }
 
@@ -149,7 +152,8 @@ bool PostPort::hasMemory(bool isForHeavy) const
 void PostPort::read(PostConnection& connection, TimePoint now)
 {
     const Refusals::From from(mRefusals, connection);
-    const std::size_t most = std::clamp(bytesOfAllTurns / (mReady.size() + 1), fewestBytes, mBuffer.size());
+    const std::size_t others = (connection.isHeavy ? mHeavy : mReady).size();
+    const std::size_t most = std::clamp(bytesOfAllTurns / (others + 1), fewestBytes, mBuffer.size());
     const std::size_t count = connection.receive(mBuffer.data(), most);
     connection.bytesSincePong += count;
     mReceived += count;
@@ -395,7 +399,8 @@ void PostPort::readStarting(TimePoint now)
     for (std::size_t index = peers().size(); index-- > 0 && Clock::now() < end;)
     {
         PostConnection& connection = *peers()[index];
-        if (isSubscribed(connection, now) || connection.startWait.isOver() || connection.arrivals() == 0)
+        if (isSubscribed(connection, now) || connection.startWait.isOver() || connection.arrivals() == 0 ||
+            !hasMemory(connection.isHeavy))
             continue;
         read(connection, now);
         update(connection);

@@ -165,7 +165,7 @@ void Questions::start(TimePoint now)
     const bool isLong = std::all_of(mStarting.begin(), mStarting.end(),
                                     [=](const auto* each) { return now - each->askedAt > longStart; });
     mNextLook = now + (isLong ? longStartPause : startPause);
-    if (!acceptPosts(now))
+    if (!acceptPosts())
         return;
     mPosts.readStarting(now);
     const std::size_t posts = mPosts.subscribed(now);
@@ -194,7 +194,7 @@ bool Questions::hadItsTurns(RequestConnection& connection, TimePoint now)
 
 // A client opens its post connection before its request connection, so that one has arrived by now. Returns
 // false if there was no time to accept all of them.
-bool Questions::acceptPosts(TimePoint now)
+bool Questions::acceptPosts()
 {
     uint64_t arrived = 0;
     for (RequestConnection* connection : mStarting)
@@ -206,7 +206,8 @@ bool Questions::acceptPosts(TimePoint now)
     if (arrived <= mPosts.accepted())
         return true;
     const uint64_t lacking = arrived - mPosts.accepted();
-    const bool areMore = mPosts.accept(static_cast<std::size_t>(std::min(lacking, manyConnections)), now);
+    const bool areMore =
+        mPosts.accept(static_cast<std::size_t>(std::min(lacking, manyConnections)), Clock::now());
     return !areMore || lacking <= manyConnections;
 }
 

@@ -75,7 +75,7 @@ bool Identities::isNotOf(const Identity& known, const Identity& sought, TimePoin
 {
     return sought.search != Identity::Search::Over && known.search == Identity::Search::Over &&
            known.pid != 0 && !known.isShared &&
-           mSockets.lacks(known.pid, known.program, sought.owner.inode(), acceptedAt);
+           mSockets.lacks(sought.owner.inode(), acceptedAt, known.pid, known.program, known.owner.inode());
 }
 
 std::vector<Processes::Found> Identities::seekOn(TimePoint now)

@@ -12,7 +12,8 @@ constexpr std::chrono::milliseconds longestLook{5};
 
 } // namespace
 
-bool ProcessSockets::lacks(pid_t pid, const std::string& program, uint64_t inode, TimePoint acceptedAt)
+bool ProcessSockets::lacks(uint64_t inode, TimePoint acceptedAt, pid_t pid, const std::string& program,
+                           uint64_t own)
 {
     auto look = mLooks.find(pid);
     if (look == mLooks.end() || look->second.begin <= acceptedAt || look->second.program != program)
@@ -27,5 +28,5 @@ bool ProcessSockets::lacks(pid_t pid, const std::string& program, uint64_t inode
         mEndOfPause = end + pauseFactor * std::min<Clock::duration>(end - begin, longestLook);
     }
     const Processes::Sockets& sockets = look->second.sockets;
-    return inode != 0 && sockets.areAll && sockets.inodes.count(inode) == 0;
+    return inode != 0 && sockets.areAll && sockets.inodes.count(own) != 0 && sockets.inodes.count(inode) == 0;
 }

@@ -21,10 +21,12 @@ public:
     /// @param processes lives as long as this
     explicit ProcessSockets(const Processes& processes) : mProcesses(processes) {}
 
-    /// Whether it is certain that the process with this number and program does not have the socket. Looks at
-    /// once, for about a millisecond at most, unless there is a pause.
-    /// @param acceptedAt when the connection with this socket was accepted
-    bool lacks(pid_t pid, const std::string& program, uint64_t inode, TimePoint acceptedAt);
+    /// Whether it is certain that a process does not have a socket. Looks at once, for about a millisecond at
+    /// most, unless there is a pause.
+    /// @param own a socket that the process with this number and program has. If it is not seen, nothing is
+    /// certain: the process may be another one by now, or its descriptors may be hidden
+    /// @param acceptedAt when the connection with the socket was accepted
+    bool lacks(uint64_t inode, TimePoint acceptedAt, pid_t pid, const std::string& program, uint64_t own);
 
 private:
     struct Look

@@ -179,8 +179,12 @@ protected:
     {
         peers.emplace_back(ZmtpPeer::postPort);
         EXPECT_TRUE(peers.back().write(ZmtpPeer::greeting() + ZmtpPeer::ready("PUB") + said));
-        port.accept(1, Clock::now());
-        ASSERT_EQ(port.peers().size(), peers.size());
+        EXPECT_TRUE(eventually(
+            [this]
+            {
+                port.accept(1, Clock::now());
+                return port.peers().size() == peers.size();
+            }));
     }
 
     // They are in the middle of a long message, whose next part has come.
@@ -192,12 +196,14 @@ protected:
         takeAll();
         for (ZmtpPeer& peer : peers)
             EXPECT_TRUE(peer.write(part));
+        EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
     }
 
     void takeAll() { take(Clock::now() + std::chrono::seconds(30)); }
 
     void take(TimePoint end)
     {
+        EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
         for (const auto& connection : port.peers())
             port.serve(*connection, EPOLLIN);
         port.takePosts(end);

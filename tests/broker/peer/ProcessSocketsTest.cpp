@@ -9,11 +9,15 @@ namespace
 class ProcessSocketsTest : public ProcessesFixture
 {
 protected:
-    // Of a connection that was accepted just now.
+    static constexpr uint64_t own = 98;
+
+    // Of a connection that was accepted before the test.
     bool lacks(pid_t pid, const std::string& program, uint64_t inode)
     {
-        return sockets.lacks(pid, program, inode, Clock::now() - std::chrono::milliseconds(1));
+        return sockets.lacks(inode, begin, pid, program, own);
     }
+
+    const TimePoint begin = Clock::now();
 
     ProcessSockets sockets{processes};
 };
@@ -45,30 +49,40 @@ TEST_F(ProcessSocketsTest, nothingIsCertainOfAProcessWithVeryManyDescriptors)
     EXPECT_FALSE(lacks(7, "first", 99));
 }
 
+// A process whose first thread has ended shows none of its descriptors.
+TEST_F(ProcessSocketsTest, nothingIsCertainOfAProcessThatShowsNotEvenItsOwnSocket)
+{
+    addProcess("7", "first\n", {});
+    EXPECT_FALSE(lacks(7, "first", 99));
+}
+
 // The process may have made the socket after the look.
 TEST_F(ProcessSocketsTest, aLookCountsForConnectionsThatWereAcceptedBeforeIt)
 {
-    const TimePoint before = Clock::now();
     addProcess("7", "first\n", {"socket:[98]"});
-    ASSERT_TRUE(sockets.lacks(7, "first", 99, before));
+    ASSERT_TRUE(lacks(7, "first", 99));
     const TimePoint after = Clock::now();
     addProcess("7", "first\n", {"socket:[99]"});
-    EXPECT_TRUE(sockets.lacks(7, "first", 99, before)) << "it has not looked again";
-    EXPECT_TRUE(eventually([&] { return sockets.lacks(7, "first", 97, after); })) << "it has looked again";
-    EXPECT_FALSE(sockets.lacks(7, "first", 99, after));
+    EXPECT_TRUE(lacks(7, "first", 99)) << "it has not looked again";
+    EXPECT_TRUE(eventually([&] { return sockets.lacks(97, after, 7, "first", own); }))
+        << "it has looked again";
+    EXPECT_FALSE(sockets.lacks(99, after, 7, "first", own));
 }
 
+// The pauses are 20 times as long as the looks, and 10 times as long as the shortest one at least.
 TEST_F(ProcessSocketsTest, betweenTwoLooksThereIsAPause)
 {
-    addProcess("7", "first\n", std::vector<std::string>(500, "socket:[98]"));
-    addProcess("8", "second\n", {});
+    addProcess("7", "first\n", std::vector<std::string>(20, "socket:[98]"));
+    Clock::duration shortest = Clock::duration::max();
+    for (int count = 0; count < 50; ++count)
+    {
+        const TimePoint before = Clock::now();
+        ASSERT_TRUE(processes.socketsOf(7, "first").areAll);
+        shortest = std::min(shortest, Clock::now() - before);
+    }
     int looks = 0;
-    const auto begin = std::chrono::steady_clock::now();
-    while (looks < 10)
-        looks += lacks(looks % 2 == 0 ? 7 : 8, looks % 2 == 0 ? "first" : "second", 99) ? 1 : 0;
-    const auto withPauses = std::chrono::steady_clock::now() - begin;
-    const auto again = std::chrono::steady_clock::now();
-    for (looks = 0; looks < 5; ++looks)
-        EXPECT_EQ(processes.socketsOf(7, "first").inodes.size(), 1U);
-    EXPECT_GT(withPauses, 4 * (std::chrono::steady_clock::now() - again));
+    const TimePoint start = Clock::now();
+    while (Clock::now() - start < std::chrono::milliseconds(100))
+        looks += sockets.lacks(99, Clock::now(), 7, "first", own) ? 1 : 0; // each needs a look of its own
+    EXPECT_LE(looks * 10 * shortest, Clock::now() - start);
 }
