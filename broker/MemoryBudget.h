@@ -21,7 +21,8 @@ public:
     /// Whether this many more bytes may be held.
     bool allows(std::size_t more) const { return mHeld + more <= mLimit; }
     bool isExceeded() const { return mHeld > mLimit; }
-    /// Whether even little more would be too much. Until then, what soon takes no memory any more may be read.
+    /// Whether even little more would be too much. Until then, the broker may read what soon takes no memory
+    /// any more.
     bool isFull() const { return mHeld > mLimit + mLimit / 16; }
     /// Whether more than half is used.
     bool isTight() const { return mHeld > mLimit / 2; }

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""One crowd of one attack, until SIGTERM or the time is over: attacker.py ATTACK NUMBER SECONDS
+"""Plays one crowd of an attack. It stops at SIGTERM, or when the time is over, and prints what it has sent.
 
-Prints what it has done.
+    attacker.py ATTACK NUMBER SECONDS
 """
 
 import json

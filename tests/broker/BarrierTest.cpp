@@ -287,7 +287,9 @@ bool mayChangeRights()
     return mayChange;
 }
 
-// The broker may not look for processes, as in its unit.
+// The broker may not look for processes, as in its unit. May be skipped: only root may become another user
+// and take capabilities away. The build server tests as root, so the tests always run there. Elsewhere
+// SameProcessTest judges the same connections without a broker.
 class BlindBarrierTest : public BarrierTest
 {
 protected:
