@@ -1,17 +1,15 @@
 #include "broker/peer/Identities.h"
 
-#include <algorithm>
 #include <netinet/tcp.h>
 #include <optional>
+
+#include "broker/peer/Rest.h"
 
 namespace
 {
 
-// The search for processes takes at most a turn of a round. Then it rests for 20 times what it took. A turn
-// that took longer than longestTurn was interrupted, so the excess does not count.
+// How long one step of the search for processes takes at most.
 constexpr std::chrono::milliseconds turn{1};
-constexpr std::chrono::milliseconds longestTurn{5};
-constexpr int restFactor = 20;
 
 // The peer may have reset the connection before it was accepted. Then its data can still be read, but its
 // pair of addresses is free. The kernel may have answered about another client, which has made a connection
@@ -81,8 +79,7 @@ bool Identities::isNotOf(const Identity& known, const Identity& sought, TimePoin
 std::vector<Processes::Found> Identities::seekOn(TimePoint now)
 {
     std::vector<Processes::Found> found = mProcesses.work(turn);
-    const TimePoint end = Clock::now();
-    mNext = end + restFactor * std::min<Clock::duration>(end - now, longestTurn);
+    mNext = endOfRest(now, Clock::now());
     return found;
 }
 

@@ -1,16 +1,6 @@
 #include "broker/peer/ProcessSockets.h"
 
-#include <algorithm>
-
-namespace
-{
-
-constexpr int pauseFactor = 20;
-
-// A look that took longer was interrupted.
-constexpr std::chrono::milliseconds longestLook{5};
-
-} // namespace
+#include "broker/peer/Rest.h"
 
 bool ProcessSockets::lacks(uint64_t inode, TimePoint acceptedAt, pid_t pid, const std::string& program,
                            uint64_t own)
@@ -24,8 +14,7 @@ bool ProcessSockets::lacks(uint64_t inode, TimePoint acceptedAt, pid_t pid, cons
         if (mLooks.size() >= mostLooks)
             mLooks.clear();
         look = mLooks.insert_or_assign(pid, Look{program, mProcesses.socketsOf(pid, program), begin}).first;
-        const TimePoint end = Clock::now();
-        mEndOfPause = end + pauseFactor * std::min<Clock::duration>(end - begin, longestLook);
+        mEndOfPause = endOfRest(begin, Clock::now());
     }
     const Processes::Sockets& sockets = look->second.sockets;
     return inode != 0 && sockets.areAll && sockets.inodes.count(own) != 0 && sockets.inodes.count(inode) == 0;
