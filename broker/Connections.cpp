@@ -103,6 +103,10 @@ void Connections::noteCrowds(std::size_t events)
 
 void Connections::serve(Connection& connection, uint32_t what, TimePoint now)
 {
+    // A peer that is gone takes no answers and no notifications, but its posts count. Thus a crowd that asks
+    // and vanishes costs little.
+    if ((what & EPOLLHUP) != 0 && connection.kind() != Handshake::Kind::Post)
+        return close(connection);
     switch (connection.kind())
     {
     case Handshake::Kind::Post:

@@ -9,7 +9,7 @@ namespace
 {
 
 // Requests up to this length are answered at once. A longer one asks for many values, and takes its turn
-// behind them. So does a client one of whose last answers was long.
+// behind them. So does a client one of whose last answers was long, and a new one: its first may be.
 constexpr std::size_t cheapBytes = 1024;
 
 // How often to look at a held start, and at one that has been held for long.

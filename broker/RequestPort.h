@@ -31,7 +31,8 @@ public:
     std::optional<Reply> reply;  ///< the part that was not yet handed to the connection
     bool isInTurn = false;       ///< more of it is to be produced
     std::size_t answerBytes = 0; ///< of the answer, so far
-    unsigned answersBehind = 0; ///< how many of its next answers wait behind those of others, as one was long
+    /// How many of its next answers wait behind those of others: one was long, or the first may be.
+    unsigned answersBehind = 1;
     std::string unread;         ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered

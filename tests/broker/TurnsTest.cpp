@@ -105,6 +105,53 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereL
         EXPECT_GT(peer->receiveText().value_or("").size(), 30000U);
 }
 
+// The answers would delay others.
+TEST(TurnsTest, oneThatIsGoneIsNotAnswered)
+{
+    BrokerProcess broker;
+    ZmtpPeer requester(ZmtpPeer::requestPort);
+    ASSERT_TRUE(requester.shakeHands());
+    const Peers peers = peersThatAsked(20, R"({"getCounterValue":"c"})");
+    broker.process().suspend();
+    for (const auto& peer : peers)
+    {
+        ASSERT_TRUE(peer->write(ZmtpPeer::request(R"({"getTimerElapsed":"t"})")));
+        peer->reset();
+    }
+    broker.process().signal(SIGCONT);
+    EXPECT_TRUE(eventually(
+        [&] { return sumOf(requester.ask(R"({"getBrokerStatistics":"null"})"), "clients.requests") == 1; }));
+    const std::string statistics = requester.ask(R"({"getBrokerStatistics":"null"})");
+    EXPECT_EQ(sumOf(statistics, "requests.getCounterValue"), peers.size());
+    EXPECT_EQ(sumOf(statistics, "requests.getTimerElapsed"), 0U);
+}
+
+// A crowd that asks for long answers and connects again would otherwise be new again.
+TEST(TurnsTest, aClientThatGotShortAnswersIsAnsweredBeforeNewOnes)
+{
+    BrokerProcess broker;
+    const std::string shortRequest = R"({"getBrokerStatistics":"null"})";
+    const std::string otherRequest = R"({"getCounterValue":"c"})";
+    ZmtpPeer requester(ZmtpPeer::requestPort);
+    ASSERT_TRUE(requester.shakeHands());
+    ASSERT_NE(requester.ask(shortRequest), "");
+    Peers peers;
+    for (int number = 0; number < 20; ++number)
+    {
+        peers.push_back(std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort));
+        ASSERT_TRUE(peers.back()->shakeHands());
+    }
+    broker.process().suspend();
+    for (const auto& peer : peers)
+        ASSERT_TRUE(peer->write(ZmtpPeer::request(otherRequest)));
+    ASSERT_TRUE(requester.write(ZmtpPeer::request(shortRequest)));
+    broker.process().signal(SIGCONT);
+    EXPECT_EQ(sumOf(requester.receiveText().value_or(""), "requests.getCounterValue"), 0U)
+        << "none is answered yet";
+    for (const auto& peer : peers)
+        EXPECT_NE(peer->receiveText().value_or(""), "");
+}
+
 // Only the first piece of each long answer leaves before it. A broker that is stopped may look at the short
 // request first when it goes on, or may lose the processor for a whole turn: then the test asks again.
 TEST(TurnsTest, aShortRequestIsAnsweredBeforeTheRestOfLongAnswers)
