@@ -53,6 +53,7 @@ bool Reply::produce(const DeviceState& state, const Shows& shows, std::size_t by
     mHasBegun = true;
     extend(state, shows, bytes);
     std::string_view text = mText;
+    to.reserve(to.size() + text.size() + (text.size() / frameBytes + 1) * FrameWriter::longHeader);
     for (; text.size() > frameBytes; text.remove_prefix(frameBytes))
         FrameWriter::frame(append, text.substr(0, frameBytes), FrameWriter::moreFlag);
     if (mIsComplete)

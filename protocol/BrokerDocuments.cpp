@@ -268,6 +268,9 @@ void appendList(std::string& to, const char* key, const std::vector<std::string_
 
 void appendStatusValueReply(std::string& to, std::string_view value)
 {
+    // Otherwise the quote behind a long value would need another, twice as large piece of memory.
+    constexpr std::size_t nameAndPunctuation = 32;
+    to.reserve(to.size() + value.size() + nameAndPunctuation);
     to += '{';
     appendText(to, Key::statusValue);
     to += ':';

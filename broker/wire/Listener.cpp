@@ -56,12 +56,7 @@ Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)
         Descriptor connection(accept4(mSocket.number(), reinterpret_cast<sockaddr*>(&peer), &size,
                                       SOCK_NONBLOCK | SOCK_CLOEXEC));
         if (connection.isOpen())
-        {
-            // Otherwise each message would wait for the acknowledgement of the previous one, which the client
-            // delays.
-            set(connection.number(), IPPROTO_TCP, TCP_NODELAY, 1);
             return connection;
-        }
         if (errno == EINTR || errno == ECONNABORTED)
             continue;
         outOfDescriptors = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
