@@ -96,7 +96,13 @@ protected:
     Guard guard{identities, refusals, std::make_unique<const Policy>()};
     const PortEnvironment environment{poller, identities, budget, limits, refusals, guard};
     std::size_t posts = 0;
-    PostPort port{environment, [this](PostConnection&, std::string_view) { ++posts; }};
+    TimePoint busyUntil; // with the first post
+    PostPort port{environment, [this](PostConnection&, std::string_view)
+                  {
+                      ++posts;
+                      while (Clock::now() < busyUntil)
+                          continue;
+                  }};
 };
 
 } // namespace
@@ -234,6 +240,18 @@ TEST_F(ReadingTest, aPostIsReadBeforeTheRestOfLongMessages)
     take(Clock::now()); // the turn is over at once
     EXPECT_EQ(posts, 1U);
     EXPECT_GT(unread(), many / 2);
+}
+
+TEST_F(ReadingTest, aPartOfTheTurnIsLeftForLongMessagesAlsoIfOthersHaveMoreToSay)
+{
+    connectUnfinished();
+    while (peers.size() < 2 * many)
+        connectOne(ZmtpPeer::message("post"));
+    const TimePoint end = Clock::now() + std::chrono::milliseconds(500);
+    busyUntil = end - std::chrono::microseconds(900);
+    take(end);
+    EXPECT_EQ(posts, 1U);
+    EXPECT_LT(unread(), 2 * many - posts) << "the long messages had their turn";
 }
 
 TEST_F(ReadingTest, shortPostsAreReadAlsoIfMemoryIsShort)
