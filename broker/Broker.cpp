@@ -118,15 +118,13 @@ void Broker::planTasks()
                        [this](TimePoint now) { mConnections.notify().doWhatIsDue(now); });
     mLoop.schedule.add([this] { return mConnections.due(); },
                        [this](TimePoint now) { mConnections.doWhatIsDue(now); });
-    mLoop.schedule.add([this] { return mQuestions.due(); }, [](TimePoint) {}); // every round answers
-    mLoop.schedule.add([this]
-                       { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); },
-                       [](TimePoint) {}); // every round takes some
-    mLoop.schedule.add([this]
-                       { return mConnections.requests().hasLong() ? TimePoint::min() : TimePoint::max(); },
-                       [](TimePoint) {});                                       // every round sends some
-    mLoop.schedule.add([this] { return mPause.due(); }, [](TimePoint) {});      // every round decides
-    mLoop.schedule.add([this] { return mForgetting.due(); }, [](TimePoint) {}); // every round drops
+    mLoop.schedule.addRound([this] { return mQuestions.due(); });
+    mLoop.schedule.addRound(
+        [this] { return mConnections.posts().hasPosts() ? TimePoint::min() : TimePoint::max(); });
+    mLoop.schedule.addRound(
+        [this] { return mConnections.requests().hasLong() ? TimePoint::min() : TimePoint::max(); });
+    mLoop.schedule.addRound([this] { return mPause.due(); });
+    mLoop.schedule.addRound([this] { return mForgetting.due(); });
     mLoop.schedule.add([this] { return mBudget.isTight() ? mLoop.nextLook : TimePoint::max(); },
                        [this](TimePoint now)
                        {

@@ -296,7 +296,7 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
     for (const auto& peer : mPosts.peers())
     {
         if (!PostPort::needsOwnProbe(*peer) || !mayBeSameProcess(client.identity, peer->identity) ||
-            !mayBeOf(client, *peer))
+            mIdentities.isNotOf(client.identity, peer->identity, peer->acceptedAt()))
             continue;
         mIdentities.seek(peer->identity); // of all: one pass through the processes finds many as fast as one
         posters.push_back(peer.get());

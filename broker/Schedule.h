@@ -17,12 +17,17 @@ public:
     /// @param due returns when to run the task next; TimePoint::max(): not now
     void add(Due due, Task task) { mTasks.push_back({std::move(due), std::move(task)}); }
 
-    /// When the next task is due.
+    /// The same for work that every round of the loop does by itself: only the round must come in time.
+    void addRound(Due due) { mRounds.push_back(std::move(due)); }
+
+    /// When the next task or round is due.
     TimePoint next() const
     {
         TimePoint next = TimePoint::max();
         for (const Entry& entry : mTasks)
             next = std::min(next, entry.due());
+        for (const Due& due : mRounds)
+            next = std::min(next, due());
         return next;
     }
 
@@ -43,6 +48,7 @@ private:
     };
 
     std::vector<Entry> mTasks;
+    std::vector<Due> mRounds;
 };
 
 #endif

@@ -57,6 +57,16 @@ TEST_F(ScheduleTest, theEarliestTaskIsTheNext)
     EXPECT_EQ(schedule.next(), start + 1s);
 }
 
+TEST_F(ScheduleTest, aRoundMayBeDueBeforeTheEarliestTask)
+{
+    TimePoint round = start + 1s;
+    schedule.addRound([&] { return round; });
+    one.due = start + 2s;
+    EXPECT_EQ(schedule.next(), start + 1s);
+    round = start + 3s;
+    EXPECT_EQ(schedule.next(), start + 2s);
+}
+
 TEST_F(ScheduleTest, onlyWhatIsDueIsDone)
 {
     one.due = start;
