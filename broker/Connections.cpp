@@ -91,7 +91,8 @@ void Connections::noteCrowds(std::size_t events)
     for (std::size_t index = 0; index < events; ++index)
     {
         const Poller::Event event = mEnvironment.poller.event(index);
-        if (event.owner->pollableKind() != Pollable::Kind::Connection || (event.what & EPOLLIN) == 0)
+        if (event.owner->pollableKind() != Pollable::Kind::Connection ||
+            (event.what & (EPOLLIN | EPOLLHUP)) != EPOLLIN)
             continue;
         const Handshake::Kind kind = static_cast<const Connection&>(*event.owner).kind();
         requesters += kind == Handshake::Kind::Request ? 1U : 0U;

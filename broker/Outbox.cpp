@@ -8,6 +8,9 @@ namespace
 // Changes are committed in batches: at most this many bytes of notifications wait for a commit.
 constexpr std::size_t batchBytes = std::size_t{256} * 1024;
 
+// So many bytes of answers wait for a commit. They leave together, and delay other work by as much.
+constexpr std::size_t mostAnswerBytes = std::size_t{1024} * 1024;
+
 } // namespace
 
 Outbox::Outbox(const Options& options, DeviceState& state, NotifyPort& notify, RequestPort& requests)
@@ -38,7 +41,13 @@ void Outbox::reply(RequestConnection& connection, Reply reply)
 {
     if (!mStateFile)
         return mRequests.reply(connection, std::move(reply));
+    mAnswerBytes += reply.heldBytes() + Reply::pieceBytes;
     mAnswers.push_back({&connection, std::move(reply)});
+}
+
+bool Outbox::isFull() const
+{
+    return mAnswerBytes >= mostAnswerBytes;
 }
 
 void Outbox::settle()
@@ -56,10 +65,11 @@ void Outbox::settle()
     mNotifications.clear();
     mBytes = 0;
     // One by one: replying may close a connection, or bring the next question.
+    mAnswerBytes = 0;
     while (!mAnswers.empty())
     {
-        Answer answer = std::move(mAnswers.back());
-        mAnswers.pop_back();
+        Answer answer = std::move(mAnswers.front());
+        mAnswers.pop_front();
         mRequests.reply(*answer.connection, std::move(answer.reply));
     }
 }

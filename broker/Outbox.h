@@ -2,6 +2,7 @@
 #define BROKER_OUTBOX_H
 
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <vector>
@@ -24,6 +25,9 @@ public:
     /// @param events how many events the notification holds
     void publish(const std::string& notification, uint64_t events);
     void reply(RequestConnection& connection, Reply reply);
+
+    /// Whether so much waits for the commit that nothing more should be answered before.
+    bool isFull() const;
 
     /// Commits, publishes and replies. Without a file, nothing is left to do: publish() and reply() act at
     /// once.
@@ -68,7 +72,8 @@ private:
     std::optional<StateFile> mStateFile;
     std::vector<Notification> mNotifications;
     std::size_t mBytes = 0; ///< of the notifications
-    std::vector<Answer> mAnswers;
+    std::deque<Answer> mAnswers;
+    std::size_t mAnswerBytes = 0; ///< of these and of their first pieces, which are produced when they leave
     CommitTimes mTimes;
 };
 

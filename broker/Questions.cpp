@@ -8,10 +8,6 @@
 namespace
 {
 
-// Requests up to this length are answered at once. A longer one asks for many values, and takes its turn
-// behind them. So does a client one of whose last answers was long, and a new one: its first may be.
-constexpr std::size_t cheapBytes = 1024;
-
 // How often to look at a held start, and at one that has been held for long.
 constexpr std::chrono::milliseconds startPause{1};
 constexpr std::chrono::milliseconds longStart{600};
@@ -81,7 +77,7 @@ void Questions::answerSome(Queue& queue, TimePoint now, TimePoint end)
         const Waiting answered = std::move(*each);
         each = queue.erase(each);
         answerOne(answered, mConnections.isUnreadBefore(*answered.connection, answered.barrier));
-        isTimeOver = Clock::now() >= end;
+        isTimeOver = Clock::now() >= end || mOutbox.isFull();
     }
 }
 
@@ -121,9 +117,8 @@ void Questions::sortNew(TimePoint now)
         each.barrier = barrier;
         if (each.isSync)
             each.own = mConnections.askOwnPosters(*each.connection, barrier, now);
-        const bool isDear =
-            each.connection->request.size() > cheapBytes || each.connection->answersBehind != 0;
-        (isDear ? mDear : mWaiting).push_back(std::move(each));
+        const bool isBehind = each.connection->turn.isBehind(each.connection->request.size());
+        (isBehind ? mDear : mWaiting).push_back(std::move(each));
     }
 }
 
@@ -146,8 +141,12 @@ void Questions::answerAll()
     sortNew(now);
     for (Queue* queue : {&mWaiting, &mDear})
         for (const Waiting& each : std::exchange(*queue, {}))
+        {
             answerOne(each,
                       mConnections.endOfWait(*each.connection, each.barrier, each.isSync, each.opened) > now);
+            if (mOutbox.isFull())
+                mOutbox.settle();
+        }
     for (RequestConnection* connection : std::exchange(mStarting, {}))
         acknowledge(*connection, mayHaveLostPosts(*connection));
 }

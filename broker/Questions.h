@@ -74,7 +74,7 @@ private:
     StartGate mGate;
     std::vector<RequestConnection*> mNew;
     Queue mWaiting;                            // for posts
-    Queue mDear;                               // answers that take long
+    Queue mDear;                               // whose answers may be long
     std::vector<RequestConnection*> mStarting; // oldest first
     TimePoint mNextLook{};                     // at starting clients
     uint64_t mNewsSeen = 0;                    // of the start news, at the last look

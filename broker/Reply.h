@@ -39,6 +39,9 @@ public:
         Measure, ///< a timer or a counter
     };
 
+    /// Produced at a time. As much may wait for a client that does not read.
+    static constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
+
     /// Appends frames of the message, about this many bytes. Returns true when the message is complete.
     /// @param shows whether a name is visible to the client; empty: all names are
     using Shows = std::function<bool(Kind, std::string_view)>;

@@ -21,14 +21,8 @@ constexpr std::size_t fewestBytes = std::size_t{4} * 1024;
 // memory. The kernel doubles the number.
 constexpr int sendBufferBytes = 32 * 1024;
 
-// Produced at a time. As much may wait for a client that does not read.
-constexpr std::size_t pieceBytes = std::size_t{8} * 1024;
-
 // Sent to one connection before the others have their turn.
 constexpr std::size_t longTurnBytes = std::size_t{32} * 1024;
-
-// After a long answer, this many short ones are needed before the client is no longer answered behind others.
-constexpr unsigned mostAnswersBehind = 8;
 
 // Memory that stays allocated for the next request.
 constexpr std::size_t keptBytes = 1024;
@@ -204,7 +198,7 @@ void RequestPort::reply(RequestConnection& connection, Reply reply)
 {
     connection.reply = std::move(reply);
     connection.startProbe = StartProbe(); // a late PONG is ignored
-    send(connection, pieceBytes);
+    send(connection, Reply::pieceBytes);
     update(connection);
 }
 
@@ -238,7 +232,7 @@ void RequestPort::send(RequestConnection& connection, std::size_t most)
     while (connection.flush() && connection.reply && sent < most)
     {
         piece.clear();
-        const bool isLast = connection.reply->produce(mState, shows, pieceBytes, piece);
+        const bool isLast = connection.reply->produce(mState, shows, Reply::pieceBytes, piece);
         if (isLast)
             connection.reply.reset();
         connection.send(piece);
@@ -257,10 +251,7 @@ void RequestPort::send(RequestConnection& connection, std::size_t most)
 void RequestPort::finish(RequestConnection& connection)
 {
     connection.isAsking = false;
-    if (std::exchange(connection.answerBytes, 0) >= pieceBytes)
-        connection.answersBehind = mostAnswersBehind;
-    else if (connection.answersBehind != 0)
-        --connection.answersBehind;
+    connection.turn.answered(std::exchange(connection.answerBytes, 0));
     if (connection.request.capacity() > keptBytes)
         std::string().swap(connection.request);
     const std::string unread = std::exchange(connection.unread, {});

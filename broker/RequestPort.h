@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "broker/AnswerTurn.h"
 #include "broker/ConnectionLimit.h"
 #include "broker/EmptyAnswer.h"
 #include "broker/PortEnvironment.h"
@@ -31,9 +32,8 @@ public:
     std::optional<Reply> reply;  ///< the part that was not yet handed to the connection
     bool isInTurn = false;       ///< more of it is to be produced
     std::size_t answerBytes = 0; ///< of the answer, so far
-    /// How many of its next answers wait behind those of others: one was long, or the first may be.
-    unsigned answersBehind = 1;
-    std::string unread;         ///< received behind the request
+    AnswerTurn turn;
+    std::string unread; ///< received behind the request
 
     bool isStarted = false;   ///< its first "Sync" has been answered
     bool isReturning = false; ///< its first message is not "Sync", or came too late for a new client

@@ -3,15 +3,26 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/TemporaryFolder.h"
 #include "tests/support/ZmtpPeer.h"
 
 namespace
 {
+
+// With a state file, as delivered, answers wait for the commit.
+class TurnsTest : public testing::TestWithParam<bool>
+{
+protected:
+    TemporaryFolder folder;
+    BrokerProcess broker{GetParam() ? std::vector<std::string>{"--state", folder / "state"}
+                                    : std::vector<std::string>{}};
+};
 
 using Peers = std::vector<std::unique_ptr<ZmtpPeer>>;
 
@@ -63,9 +74,8 @@ std::string requestOfManyValues()
 
 } // namespace
 
-TEST(TurnsTest, aShortRequestIsAnsweredBeforeLongOnesThatCameBefore)
+TEST_P(TurnsTest, aShortRequestIsAnsweredBeforeLongOnesThatCameBefore)
 {
-    BrokerProcess broker;
     const std::string shortRequest = R"({"getBrokerStatistics":"null"})";
     ZmtpPeer requester(ZmtpPeer::requestPort);
     ASSERT_TRUE(requester.shakeHands());
@@ -83,9 +93,8 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeLongOnesThatCameBefore)
         EXPECT_EQ(peer->receiveText(), "{}");
 }
 
-TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereLong)
+TEST_P(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereLong)
 {
-    BrokerProcess broker;
     const std::string shortRequest = R"({"getBrokerStatistics":"null"})";
     const std::string longRequest = R"({"getClientInfoValue":"k0"})";
     ZmtpPeer requester(ZmtpPeer::requestPort);
@@ -106,9 +115,8 @@ TEST(TurnsTest, aShortRequestIsAnsweredBeforeThoseOfClientsWhoseLastAnswersWereL
 }
 
 // The answers would delay others.
-TEST(TurnsTest, oneThatIsGoneIsNotAnswered)
+TEST_P(TurnsTest, oneThatIsGoneIsNotAnswered)
 {
-    BrokerProcess broker;
     ZmtpPeer requester(ZmtpPeer::requestPort);
     ASSERT_TRUE(requester.shakeHands());
     const Peers peers = peersThatAsked(20, R"({"getCounterValue":"c"})");
@@ -127,9 +135,8 @@ TEST(TurnsTest, oneThatIsGoneIsNotAnswered)
 }
 
 // A crowd that asks for long answers and connects again would otherwise be new again.
-TEST(TurnsTest, aClientThatGotShortAnswersIsAnsweredBeforeNewOnes)
+TEST_P(TurnsTest, aClientThatGotShortAnswersIsAnsweredBeforeNewOnes)
 {
-    BrokerProcess broker;
     const std::string shortRequest = R"({"getBrokerStatistics":"null"})";
     const std::string otherRequest = R"({"getCounterValue":"c"})";
     ZmtpPeer requester(ZmtpPeer::requestPort);
@@ -152,9 +159,12 @@ TEST(TurnsTest, aClientThatGotShortAnswersIsAnsweredBeforeNewOnes)
         EXPECT_NE(peer->receiveText().value_or(""), "");
 }
 
+INSTANTIATE_TEST_SUITE_P(StateFile, TurnsTest, testing::Bool(),
+                         [](const auto& test) { return test.param ? "with" : "without"; });
+
 // Only the first piece of each long answer leaves before it. A broker that is stopped may look at the short
 // request first when it goes on, or may lose the processor for a whole turn: then the test asks again.
-TEST(TurnsTest, aShortRequestIsAnsweredBeforeTheRestOfLongAnswers)
+TEST(LongAnswersTest, aShortRequestIsAnsweredBeforeTheRestOfLongAnswers)
 {
     BrokerProcess broker;
     const std::string shortRequest = R"({"getBrokerClients":"null"})";
