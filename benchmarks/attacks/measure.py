@@ -65,7 +65,7 @@ class Scene:
     def __init__(self, system, newcomers, folder, stack):
         self.folder = folder
         self.stack = stack
-        process, _ = system.start(folder)
+        process, _ = system.start(folder, "--state", os.path.join(folder, "state"))  # as delivered
         stack.callback(process.stop)
         self.broker = Broker(process)
         self.newcomers = [self.client("observer.py") for _ in range(newcomers)]

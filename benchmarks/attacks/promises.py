@@ -8,7 +8,7 @@ from documents import table
 ENOUGH = 200  # measurements; with fewer, the longest one counts as the 99th percentile
 BOUNDS = {"start": 500, "query": 50, "sync": 100, "delivery": 100, "peak": 32, "after": 8, "end": 2}
 COLUMNS = ["attack", "idle, MiB", "peak, MiB", "3 s later, MiB", "longest start, ms", "query, p50, ms", "query, p99, ms",
-           "sync, p99, ms", "delivery, p99, ms", "not confirmed", "met"]
+           "sync, p99, ms", "delivery, p99, ms", "end, s", "not confirmed", "met"]
 
 
 @dataclasses.dataclass
@@ -33,7 +33,7 @@ class Outcome:
     def row(self, title):
         cost = self.cost()
         numbers = (self.idle, self.peak, self.after, cost["start"], percentile(self.times["query"], 0.5), cost["query"],
-                   cost["sync"], cost["delivery"])
+                   cost["sync"], cost["delivery"], cost["end"])
         syncs = len(self.times["sync"]) + len(self.starts)
         unconfirmed = self.times["unconfirmed"] + sum(one["unconfirmed"] for one in self.starts)
         missed = ", ".join(self.missed())

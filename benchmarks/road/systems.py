@@ -62,11 +62,11 @@ class Product(System):
     def broker_program(self):
         return os.path.join(self.build, "broker/statusbroker")
 
-    def start(self, folder):
+    def start(self, folder, *options):
         taken = [port for port in PRODUCT_PORTS if accepts(port)]
         if taken:
             raise SystemExit(f"bench: the product's port {taken[0]} is in use; stop what uses it")
-        broker = Process([self.broker_program()], folder)
+        broker = Process([self.broker_program(), *options], folder)
         broker.wait_for_log("Serving")
         return broker, []
 
