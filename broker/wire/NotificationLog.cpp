@@ -56,6 +56,10 @@ std::size_t NotificationLog::heldBytes(Position position) const
 
 const NotificationLog::Message& NotificationLog::messageAt(Position position) const
 {
+    // At the very beginning no message ends, but none contains the position either.
+    static constexpr Message beginning{0, 0, 0};
+    if (position == 0)
+        return beginning;
     const auto message = findMessage(position);
     return message == mMessages.end() ? mLast : *message;
 }

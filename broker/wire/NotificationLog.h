@@ -42,7 +42,7 @@ public:
         uint64_t eventsUpTo; ///< including its own
     };
 
-    /// The message that contains a position, or ends there.
+    /// The message that contains a position, or ends there; an empty one at the beginning of the log.
     const Message& messageAt(Position position) const;
 
     /// The message that contains a position, or begins there; null at the end.
