@@ -27,8 +27,8 @@ public:
     static constexpr std::chrono::seconds longestWait{30};
 
     /// How long to remember a client that seems to be served: the subscription may have been another
-    /// client's.
-    static constexpr std::chrono::seconds graceTime{1};
+    /// client's, and on a busy machine its own may take seconds.
+    static constexpr std::chrono::seconds graceTime{10};
 
     /// Clients acknowledged within this time are recorded as one group, at its beginning. So any number of
     /// clients needs only a bounded record.
