@@ -312,6 +312,20 @@ std::vector<std::shared_ptr<const OwnProbe>> Connections::askOwnPosters(RequestC
     return probes;
 }
 
+uint64_t Connections::openBarrier(const std::vector<RequestConnection*>& clients, bool isSync, TimePoint now)
+{
+    return mPosts.openBarrier(isSync, now,
+                              [&](PostConnection& poster)
+                              {
+                                  return std::any_of(clients.begin(), clients.end(),
+                                                     [&](RequestConnection* client)
+                                                     {
+                                                         seekBoth(client->identity, poster.identity);
+                                                         return mayBeOf(*client, poster);
+                                                     });
+                              });
+}
+
 TimePoint Connections::endOfWait(RequestConnection& client, uint64_t barrier, bool isSync, TimePoint opened)
 {
     return mPosts.endOfWait(barrier, isSync, opened,

@@ -82,6 +82,10 @@ public:
             enterPoster(connection);
     }
 
+    /// Opens a barrier behind everything that these clients have posted by now; see PostPort. Starts the
+    /// search for unknown processes.
+    uint64_t openBarrier(const std::vector<RequestConnection*>& clients, bool isSync, TimePoint now);
+
     /// Asks the post connections that may belong to the same client whether a post is under way, where the
     /// barrier does not find out. Starts the search for the client's process, to choose better next time.
     /// @returns the probes to wait for; they outlive the connections

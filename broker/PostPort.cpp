@@ -249,7 +249,7 @@ void PostPort::takeOwnPong(PostConnection& connection, uint64_t barrier, std::si
 
 // ------------------------------------------------------------------------------------------------- barrier
 
-uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
+uint64_t PostPort::openBarrier(bool isSync, TimePoint now, const Concerns& concerns)
 {
     takeArrivals();
     ++mBarrier;
@@ -262,11 +262,13 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now)
     for (PostConnection* connection : mTouched)
     {
         const bool isBehind = connection->bytesSincePong >= fewBytes || connection->isUnfinished();
-        if (isSync || isBehind)
+        if ((isSync || isBehind) && concerns(*connection))
             want(*connection, !isBehind, now);
     }
     for (PostConnection* connection : std::exchange(mUnread, {}))
     {
+        if (!concerns(*connection))
+            continue;
         connection->pongs.wasNotRead();
         want(*connection, false, now);
     }

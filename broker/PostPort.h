@@ -75,9 +75,13 @@ public:
     /// Whether connections wait to be read.
     bool hasPosts() const { return !mReady.empty() || !mHeavy.empty(); }
 
+    using Concerns = std::function<bool(PostConnection&)>;
+
     /// Opens a barrier behind everything that clients have posted by now, and reads what has arrived of it.
     /// @param isSync waits also for connections that have received only little
-    uint64_t openBarrier(bool isSync, TimePoint now);
+    /// @param concerns whether a connection's posts are waited for. If not, it gets no PING: in the moment in
+    /// which its client ends, a PING would reset the connection, and its last posts would be lost.
+    uint64_t openBarrier(bool isSync, TimePoint now, const Concerns& concerns);
 
     /// Whether a "Sync" waits for the connection only briefly or not at all: nothing has come from it since
     /// its last PONG, or it has little patience left. Then a "Sync" of its own client probes it with a PING.
@@ -90,8 +94,8 @@ public:
     /// Until when to wait at most for posts before the barrier; TimePoint::min() if all have come.
     /// @param opened when the barrier opened
     /// @param concerns tells of a PostConnection& whether its posts are waited for
-    template <class Concerns>
-    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened, Concerns&& concerns) const
+    template <class MayConcern>
+    TimePoint endOfWait(uint64_t barrier, bool isSync, TimePoint opened, MayConcern&& concerns) const
     {
         TimePoint end = TimePoint::min();
         for (PostConnection* connection : mAwaited)
@@ -105,8 +109,8 @@ public:
 
     /// Whether data that had arrived before the barrier is still unread.
     /// @param concerns as above
-    template <class Concerns>
-    bool isUnreadBefore(uint64_t barrier, Concerns&& concerns) const
+    template <class MayConcern>
+    bool isUnreadBefore(uint64_t barrier, MayConcern&& concerns) const
     {
         return std::any_of(mAwaited.begin(), mAwaited.end(),
                            [&](const PostConnection* connection)

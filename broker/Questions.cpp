@@ -93,6 +93,7 @@ TimePoint Questions::endOfWait(const Waiting& each) const
 void Questions::sortNew(TimePoint now)
 {
     std::vector<Waiting> behindPosts;
+    std::vector<RequestConnection*> clients;
     bool hasSync = false;
     for (RequestConnection* connection : mNew)
     {
@@ -105,13 +106,16 @@ void Questions::sortNew(TimePoint now)
             mNextLook = TimePoint();
         }
         else
+        {
             behindPosts.push_back({connection, 0, isSync, now, {}});
+            clients.push_back(connection);
+        }
         hasSync = hasSync || isSync;
     }
     mNew.clear();
     if (behindPosts.empty())
         return;
-    const uint64_t barrier = mPosts.openBarrier(hasSync, now);
+    const uint64_t barrier = mConnections.openBarrier(clients, hasSync, now);
     for (Waiting& each : behindPosts)
     {
         each.barrier = barrier;
@@ -142,8 +146,7 @@ void Questions::answerAll()
     for (Queue* queue : {&mWaiting, &mDear})
         for (const Waiting& each : std::exchange(*queue, {}))
         {
-            answerOne(each,
-                      mConnections.endOfWait(*each.connection, each.barrier, each.isSync, each.opened) > now);
+            answerOne(each, endOfWait(each) > now);
             if (mOutbox.isFull())
                 mOutbox.settle();
         }

@@ -465,6 +465,23 @@ TEST_F(BarrierTest, aQueryDoesNotWaitForThePostsOfAnotherProcess)
     EXPECT_TRUE(isAnsweredBesideOthersPosts(R"({"getClientInfoValue":"k"})", 12ms));
 }
 
+// In the moment in which its client ends, a PING would reset the connection, and its last posts would be
+// lost.
+TEST_F(BarrierTest, aRequestPingsNoPosterOfAnotherProcess)
+{
+    EXPECT_TRUE(isKnown(getpid()));
+    ZmtpPeer subscriber(ZmtpPeer::notifyPort);
+    ASSERT_TRUE(subscriber.shakeHands());
+    ASSERT_TRUE(subscriber.write(ZmtpPeer::subscribe("")));
+    PosterProcess other;
+    ASSERT_TRUE(isKnown(other.pid()));
+    other.post();
+    ASSERT_TRUE(eventually([&] { return subscriber.receiveText() == R"({"statusUpdate":{"k":"before"}})"; }));
+    EXPECT_EQ(valueOf(requester, "k"), reply("before"));
+    EXPECT_EQ(requester.ask("Sync"), "SyncAck");
+    EXPECT_FALSE(other.isPinged());
+}
+
 // In vain, a "Sync" waits 250 ms at first.
 TEST_F(BarrierTest, aSyncDoesNotWaitForThePostsOfAnotherProcess)
 {
