@@ -342,6 +342,21 @@ bool Connections::isUnreadBefore(const RequestConnection& client, uint64_t barri
                                  [&](const PostConnection& poster) { return mayBeOf(client, poster); });
 }
 
+bool Connections::canPost(RequestConnection& client, TimePoint now)
+{
+    mIdentities.seek(client.identity);
+    return client.identity.search != Identity::Search::UnderWay &&
+           std::any_of(mPosts.peers().begin(), mPosts.peers().end(),
+                       [&](const auto& peer)
+                       {
+                           if (!PostPort::isSubscribed(*peer, now))
+                               return false;
+                           mIdentities.seek(peer->identity);
+                           return peer->identity.search != Identity::Search::UnderWay &&
+                                  mayBeSameProcess(client.identity, peer->identity);
+                       });
+}
+
 // Others that connect all the time would otherwise hold up a client until their processes are found.
 bool Connections::mayBeOf(const RequestConnection& client, const PostConnection& poster)
 {

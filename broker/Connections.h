@@ -100,6 +100,10 @@ public:
     /// Whether such posts had arrived before the barrier, and are still unread.
     bool isUnreadBefore(const RequestConnection& client, uint64_t barrier);
 
+    /// Whether the client has a post connection on which posts can arrive, as far as the broker knows by now.
+    /// Starts the search for unknown processes; while it lasts, the client has none.
+    bool canPost(RequestConnection& client, TimePoint now);
+
     void closeForMemory(Connection& connection);
 
     /// Destroys closed connections. Nothing may point to them any more.

@@ -49,12 +49,6 @@ constexpr std::chrono::milliseconds subscriptionTime{15};
 constexpr char ownLetter = 'o';
 constexpr std::string_view subscribedContext = "subscribed"sv;
 
-bool isSubscribed(const PostConnection& connection, TimePoint now)
-{
-    return connection.isSubscribed || (connection.isOpen() && !connection.knowsPing() &&
-                                       now - connection.acceptedAt() >= subscriptionTime);
-}
-
 template <class List, class T>
 void removeFrom(List& list, T* element)
 {
@@ -420,6 +414,12 @@ PostPort::Unsubscribed PostPort::unsubscribed(TimePoint now)
         first = std::min(first, connection->number);
     }
     return result;
+}
+
+bool PostPort::isSubscribed(const PostConnection& connection, TimePoint now)
+{
+    return connection.isSubscribed || (connection.isOpen() && !connection.knowsPing() &&
+                                       now - connection.acceptedAt() >= subscriptionTime);
 }
 
 std::size_t PostPort::subscribed(TimePoint now) const

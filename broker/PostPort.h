@@ -139,6 +139,9 @@ public:
     /// posts.
     uint64_t startNews() const { return mStartNews; }
 
+    /// Whether posts can arrive on the connection: its client has the subscription.
+    static bool isSubscribed(const PostConnection& connection, TimePoint now);
+
     /// How many connections can deliver posts.
     std::size_t subscribed(TimePoint now) const;
 

@@ -16,6 +16,11 @@ constexpr std::chrono::milliseconds longStartPause{20};
 // The most connections accepted at a time for a start.
 constexpr uint64_t manyConnections = 256;
 
+// A client whose attempts to connect its post connection were ignored tries again after one, three and seven
+// seconds. It is given up then. For some time more, it gets no confirmation.
+constexpr std::chrono::seconds longestConnecting{8};
+constexpr std::chrono::seconds memoryOfCrowds{2 * longestConnecting};
+
 // How long subscribers of an earlier broker may take to come back. They may lack its last changes.
 constexpr std::chrono::seconds restartMemory{30};
 
@@ -132,7 +137,8 @@ void Questions::answerOne(const Waiting& each, bool isTooEarly)
     RequestConnection& connection = *each.connection;
     const Refusals::From from(mRefusals, connection);
     if (each.isSync)
-        acknowledge(connection, isTooEarly || connection.lossesKnown != mPosts.losses());
+        acknowledge(connection, isTooEarly || connection.lossesKnown != mPosts.losses() ||
+                                    isPosterIgnored(connection, Clock::now()));
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
@@ -181,6 +187,8 @@ void Questions::start(TimePoint now)
         if ((!areSubscribed || unsubscribed.givenUp <= arrived || clients > posts) &&
             !hadItsTurns(*connection, now))
             continue;
+        if (isPosterIgnored(*connection, now) && now - connection->askedAt < longestConnecting)
+            continue;
         if ((isReturnOver || !isDuringReturn(*connection)) &&
             mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
             startOne(*connection);
@@ -192,6 +200,13 @@ bool Questions::hadItsTurns(RequestConnection& connection, TimePoint now)
 {
     mRequests.probe(connection);
     return connection.startProbe.isOver(connection.askedAt, now);
+}
+
+// When a crowd fills the queue of waiting post connections, the kernel ignores the attempts of others. So the
+// client's request connection may be here, and its post connection not: its posts would be lost.
+bool Questions::isPosterIgnored(RequestConnection& connection, TimePoint now)
+{
+    return mPosts.lastFull() + memoryOfCrowds > now && !mConnections.canPost(connection, now);
 }
 
 // A client opens its post connection before its request connection, so that one has arrived by now. Returns
@@ -217,7 +232,7 @@ void Questions::startOne(RequestConnection& connection)
 {
     removeFrom(mStarting, &connection);
     mNotify.catchUp().acknowledged(mState.revision(), Clock::now());
-    acknowledge(connection, mayHaveLostPosts(connection));
+    acknowledge(connection, mayHaveLostPosts(connection) || isPosterIgnored(connection, Clock::now()));
 }
 
 // Whether its first "Sync" comes from a client of an earlier broker, with which posts may have died. A new

@@ -53,6 +53,7 @@ private:
     void answerSome(Queue& queue, TimePoint now, TimePoint end);
     void start(TimePoint now);
     bool hadItsTurns(RequestConnection& connection, TimePoint now);
+    bool isPosterIgnored(RequestConnection& connection, TimePoint now);
     bool acceptPosts();
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;

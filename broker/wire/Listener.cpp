@@ -66,10 +66,22 @@ Descriptor Listener::accept(sockaddr_in& peer, bool& outOfDescriptors)
 
 std::size_t Listener::waiting() const
 {
+    const std::optional<Queue> queue = this->queue();
+    return queue ? queue->waiting : backlog; // incomplete emulation: the most that may wait
+}
+
+bool Listener::isFull() const
+{
+    const std::optional<Queue> queue = this->queue();
+    return queue && queue->waiting >= queue->most;
+}
+
+std::optional<Listener::Queue> Listener::queue() const
+{
     tcp_info info{};
     socklen_t size = sizeof(info);
-    constexpr std::size_t needed = offsetof(tcp_info, tcpi_unacked) + sizeof(info.tcpi_unacked);
+    constexpr std::size_t needed = offsetof(tcp_info, tcpi_sacked) + sizeof(info.tcpi_sacked);
     if (getsockopt(mSocket.number(), IPPROTO_TCP, TCP_INFO, &info, &size) != 0 || size < needed)
-        return backlog;       // incomplete emulation: the most that may wait
-    return info.tcpi_unacked; // the kernel's place for this number in a listening socket
+        return std::nullopt;
+    return Queue{info.tcpi_unacked, info.tcpi_sacked}; // the kernel's places for them in a listening socket
 }

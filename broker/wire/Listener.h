@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <netinet/in.h>
+#include <optional>
 
 #include "daemon/Descriptor.h"
 
@@ -31,7 +32,20 @@ public:
     /// How many connections wait.
     std::size_t waiting() const;
 
+    /// Whether as many wait as the kernel lets. It then ignores more attempts, which clients repeat after a
+    /// second, and later.
+    bool isFull() const;
+
 private:
+    struct Queue
+    {
+        std::size_t waiting;
+        std::size_t most;
+    };
+
+    // Nothing where the system emulates this incompletely.
+    std::optional<Queue> queue() const;
+
     sockaddr_in mAddress{};
     Descriptor mSocket;
 };

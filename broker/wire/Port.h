@@ -47,6 +47,7 @@ public:
     {
         constexpr std::chrono::milliseconds longestClearing{2};
         const TimePoint endOfClearing = Clock::now() + longestClearing;
+        noteFull(now);
         bool outOfDescriptors = false;
         sockaddr_in address{};
         while (count != 0)
@@ -69,8 +70,13 @@ public:
         }
         if (outOfDescriptors)
             rest(now);
+        if (count == 0)
+            noteFull(now); // more may have come meanwhile
         return count == 0;
     }
+
+    /// When so many connections waited last that the kernel ignored attempts of others.
+    TimePoint lastFull() const { return mLastFull; }
 
     /// How many connections were accepted so far, and how many including the waiting ones.
     uint64_t accepted() const { return mAccepted; }
@@ -190,6 +196,12 @@ protected:
     }
 
 private:
+    void noteFull(TimePoint now)
+    {
+        if (mListener.isFull())
+            mLastFull = now;
+    }
+
     // Returns false if there is no memory for the connection, here or in the system.
     bool add(Descriptor socket, const sockaddr_in& address, TimePoint now)
     {
@@ -260,6 +272,7 @@ private:
     Identities& mIdentities;
     Listener mListener;
     uint64_t mAccepted = 0;
+    TimePoint mLastFull{};
     std::size_t mCrowd = 0;
     const Handshake::Kind mKind;
     std::vector<std::unique_ptr<Peer>> mPeers;

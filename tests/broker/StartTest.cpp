@@ -1,10 +1,16 @@
 // When the real broker answers the first "Sync" of a client, with handwritten peers.
 
+#include <atomic>
 #include <csignal>
 #include <gtest/gtest.h>
+#include <memory>
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <thread>
 
 #include "broker/StartProbe.h"
+#include "daemon/Descriptor.h"
 #include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/ZmtpPeer.h"
@@ -26,6 +32,67 @@ TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
     ASSERT_TRUE(requester.receive());
     EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(45))
         << "it does not answer the PING behind its subscription";
+}
+
+namespace
+{
+
+// So many wait at the post port that the kernel ignores the attempts of others.
+void fillTheQueueOfPosters()
+{
+    for (int count = 0; count <= 4096; ++count)
+    {
+        const Descriptor peer(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(ZmtpPeer::postPort);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_TRUE(peer.isOpen());
+        (void)connect(peer.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    }
+}
+
+// A client's first post would be lost if its post connection came later than the answer to its "Sync".
+class CrowdTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        broker.process().suspend();
+        fillTheQueueOfPosters();
+        broker.process().signal(SIGCONT);
+        request = std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort);
+        ASSERT_TRUE(request->shakeHands());
+        ASSERT_TRUE(request->write(ZmtpPeer::request("Sync")));
+    }
+
+    BrokerProcess broker;
+    std::unique_ptr<ZmtpPeer> request;
+};
+
+} // namespace
+
+TEST_F(CrowdTest, aClientWhosePostConnectionMayHaveBeenIgnoredIsNotStartedBeforeItIsHere)
+{
+    EXPECT_EQ(request->receiveText(std::chrono::milliseconds(1500)), std::nullopt);
+    ZmtpPeer post(ZmtpPeer::postPort);
+    ASSERT_TRUE(post.shakeHands());
+    EXPECT_EQ(post.receiveText(), "\1") << "the subscription, which a PING follows";
+    std::atomic<bool> isOver{false};
+    std::thread answering(
+        [&]
+        {
+            while (!isOver)
+                post.receive(std::chrono::milliseconds(10)); // answers the PINGs
+        });
+    EXPECT_EQ(request->receiveText(), "SyncAck");
+    isOver = true;
+    answering.join();
+}
+
+TEST_F(CrowdTest, oneWithoutAPostConnectionIsStartedWithoutAConfirmation)
+{
+    EXPECT_EQ(request->receiveText(), "SyncLost");
 }
 
 namespace
