@@ -56,6 +56,11 @@ Listener::Listener(uint16_t port, int) : mSocket(eventfd(0, EFD_NONBLOCK | EFD_S
 
 void Listener::listen() {}
 
+bool Listener::isFull() const
+{
+    return false;
+}
+
 std::size_t Listener::waiting() const
 {
     for (const Waiting& port : ports)
