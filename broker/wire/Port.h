@@ -75,7 +75,8 @@ public:
         return count == 0;
     }
 
-    /// When so many connections waited last that the kernel ignored attempts of others.
+    /// When so many connections waited last that the kernel ignored attempts of others; TimePoint::min() if
+    /// that has never been so.
     TimePoint lastFull() const { return mLastFull; }
 
     /// How many connections were accepted so far, and how many including the waiting ones.
@@ -272,7 +273,7 @@ private:
     Identities& mIdentities;
     Listener mListener;
     uint64_t mAccepted = 0;
-    TimePoint mLastFull{};
+    TimePoint mLastFull = TimePoint::min(); // the clock may have begun just now
     std::size_t mCrowd = 0;
     const Handshake::Kind mKind;
     std::vector<std::unique_ptr<Peer>> mPeers;

@@ -18,6 +18,8 @@
 #include "broker/PostPort.h"
 #include "broker/RequestPort.h"
 #include "broker/policy/PolicyFiles.h"
+#include "tests/support/Crowd.h"
+#include "tests/support/Wait.h"
 #include "tests/support/WireFrames.h"
 #include "tests/support/ZmtpPeer.h"
 
@@ -156,6 +158,20 @@ TEST_F(PortTest, oneThatHasEndedWithoutAWordTakesNoTurn)
     ASSERT_EQ(port.peers().size(), 1U);
     EXPECT_EQ(port.accepted(), crowd + 1);
     EXPECT_FALSE(isClosed(client));
+}
+
+// May be skipped: the emulator passes on only the first bytes of TCP_INFO. The test always runs natively.
+TEST_F(PortTest, knowsWhenTheKernelIgnoredAttemptsToConnect)
+{
+    if (isEmulated)
+        GTEST_SKIP() << "the emulator does not pass on TCP_INFO";
+    const Descriptor client = connectToIt();
+    port.accept(1, Clock::now());
+    EXPECT_EQ(port.lastFull(), TimePoint::min());
+    fillQueueOf(ZmtpPeer::postPort);
+    const TimePoint now = Clock::now();
+    port.accept(1, now);
+    EXPECT_EQ(port.lastFull(), now);
 }
 
 TEST_F(PortTest, oneThatHasSpokenAndEndedIsRead)

@@ -4,15 +4,14 @@
 #include <csignal>
 #include <gtest/gtest.h>
 #include <memory>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 
 #include "broker/StartProbe.h"
-#include "daemon/Descriptor.h"
 #include "tests/broker/Messages.h"
 #include "tests/support/BrokerProcess.h"
+#include "tests/support/Crowd.h"
+#include "tests/support/Wait.h"
 #include "tests/support/ZmtpPeer.h"
 
 TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
@@ -37,29 +36,17 @@ TEST(StartTest, waitsForAPostConnectionThatArrivedBeforeWithACrowd)
 namespace
 {
 
-// So many wait at the post port that the kernel ignores the attempts of others.
-void fillTheQueueOfPosters()
-{
-    for (int count = 0; count <= 4096; ++count)
-    {
-        const Descriptor peer(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(ZmtpPeer::postPort);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ASSERT_TRUE(peer.isOpen());
-        (void)connect(peer.number(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
-    }
-}
-
-// A client's first post would be lost if its post connection came later than the answer to its "Sync".
+// A client's first post would be lost if its post connection came later than the answer to its "Sync". May be
+// skipped: the emulator passes on only the first bytes of TCP_INFO. The tests always run natively.
 class CrowdTest : public testing::Test
 {
 protected:
     void SetUp() override
     {
+        if (isEmulated)
+            GTEST_SKIP() << "the emulator does not pass on TCP_INFO";
         broker.process().suspend();
-        fillTheQueueOfPosters();
+        fillQueueOf(ZmtpPeer::postPort);
         broker.process().signal(SIGCONT);
         request = std::make_unique<ZmtpPeer>(ZmtpPeer::requestPort);
         ASSERT_TRUE(request->shakeHands());
