@@ -17,7 +17,7 @@ constexpr std::chrono::milliseconds longStartPause{20};
 constexpr uint64_t manyConnections = 256;
 
 // A client whose attempts to connect its post connection were ignored tries again after one, three and seven
-// seconds. It is given up then. For some time more, it gets no confirmation.
+// seconds. Then it is started without a confirmation.
 constexpr std::chrono::seconds longestConnecting{8};
 constexpr std::chrono::seconds memoryOfCrowds{2 * longestConnecting};
 
@@ -137,8 +137,8 @@ void Questions::answerOne(const Waiting& each, bool isTooEarly)
     RequestConnection& connection = *each.connection;
     const Refusals::From from(mRefusals, connection);
     if (each.isSync)
-        acknowledge(connection, isTooEarly || connection.lossesKnown != mPosts.losses() ||
-                                    isPosterIgnored(connection, Clock::now()));
+        acknowledge(connection,
+                    isTooEarly || connection.lossesKnown != mPosts.losses() || wasUnconfirmed(connection));
     else if (connection.isTooLong)
         mOutbox.reply(connection, Reply(Answerer::refusal));
     else
@@ -157,7 +157,7 @@ void Questions::answerAll()
                 mOutbox.settle();
         }
     for (RequestConnection* connection : std::exchange(mStarting, {}))
-        acknowledge(*connection, mayHaveLostPosts(*connection));
+        acknowledge(*connection, mayHaveLostPosts(*connection) || isPosterIgnored(*connection, now));
 }
 
 // --------------------------------------------------------------------------------------------------- start
@@ -187,7 +187,7 @@ void Questions::start(TimePoint now)
         if ((!areSubscribed || unsubscribed.givenUp <= arrived || clients > posts) &&
             !hadItsTurns(*connection, now))
             continue;
-        if (isPosterIgnored(*connection, now) && now - connection->askedAt < longestConnecting)
+        if (now - connection->askedAt < longestConnecting && isPosterIgnored(*connection, now))
             continue;
         if ((isReturnOver || !isDuringReturn(*connection)) &&
             mGate.opens(connection->askedAt, areSubscribed, clients, posts, now))
@@ -206,7 +206,22 @@ bool Questions::hadItsTurns(RequestConnection& connection, TimePoint now)
 // client's request connection may be here, and its post connection not: its posts would be lost.
 bool Questions::isPosterIgnored(RequestConnection& connection, TimePoint now)
 {
-    return mPosts.lastFull() + memoryOfCrowds > now && !mConnections.canPost(connection, now);
+    return mPosts.lastFull() + memoryOfCrowds > now && lacksPoster(connection, now);
+}
+
+// Posts from before its post connection are lost. So its next "Sync" is not confirmed either.
+bool Questions::wasUnconfirmed(RequestConnection& connection)
+{
+    if (!connection.isUnconfirmed)
+        return false;
+    connection.isUnconfirmed = lacksPoster(connection, Clock::now());
+    return true;
+}
+
+bool Questions::lacksPoster(RequestConnection& connection, TimePoint now)
+{
+    connection.hasPoster = connection.hasPoster || mConnections.canPost(connection, now);
+    return !connection.hasPoster;
 }
 
 // A client opens its post connection before its request connection, so that one has arrived by now. Returns
@@ -232,7 +247,8 @@ void Questions::startOne(RequestConnection& connection)
 {
     removeFrom(mStarting, &connection);
     mNotify.catchUp().acknowledged(mState.revision(), Clock::now());
-    acknowledge(connection, mayHaveLostPosts(connection) || isPosterIgnored(connection, Clock::now()));
+    connection.isUnconfirmed = isPosterIgnored(connection, Clock::now());
+    acknowledge(connection, connection.isUnconfirmed || mayHaveLostPosts(connection));
 }
 
 // Whether its first "Sync" comes from a client of an earlier broker, with which posts may have died. A new

@@ -54,6 +54,8 @@ private:
     void start(TimePoint now);
     bool hadItsTurns(RequestConnection& connection, TimePoint now);
     bool isPosterIgnored(RequestConnection& connection, TimePoint now);
+    bool wasUnconfirmed(RequestConnection& connection);
+    bool lacksPoster(RequestConnection& connection, TimePoint now);
     bool acceptPosts();
     void startOne(RequestConnection& connection);
     bool mayHaveLostPosts(const RequestConnection& connection) const;

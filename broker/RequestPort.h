@@ -35,9 +35,11 @@ public:
     AnswerTurn turn;
     std::string unread; ///< received behind the request
 
-    bool isStarted = false;   ///< its first "Sync" has been answered
-    bool isReturning = false; ///< its first message is not "Sync", or came too late for a new client
-    uint64_t lossesKnown = 0; ///< the last loss of posts that was reported to it
+    bool isStarted = false;     ///< its first "Sync" has been answered
+    bool hasPoster = false;     ///< posts can arrive from its client
+    bool isUnconfirmed = false; ///< it was started without a post connection, which may have been ignored
+    bool isReturning = false;   ///< its first message is not "Sync", or came too late for a new client
+    uint64_t lossesKnown = 0;   ///< the last loss of posts that was reported to it
     /// How many post connections had arrived before its first "Sync" was read. Its own is among them.
     std::optional<uint64_t> postsArrived;
     StartProbe startProbe;

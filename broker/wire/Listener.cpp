@@ -73,7 +73,7 @@ std::size_t Listener::waiting() const
 bool Listener::isFull() const
 {
     const std::optional<Queue> queue = this->queue();
-    return queue && queue->waiting >= queue->most;
+    return queue && queue->most != 0 && queue->waiting >= queue->most; // 0: incomplete emulation
 }
 
 std::optional<Listener::Queue> Listener::queue() const

@@ -47,11 +47,11 @@ public:
     {
         constexpr std::chrono::milliseconds longestClearing{2};
         const TimePoint endOfClearing = Clock::now() + longestClearing;
-        noteFull(now);
         bool outOfDescriptors = false;
         sockaddr_in address{};
         while (count != 0)
         {
+            noteFull(now); // each time, as only accepting makes room
             Descriptor socket = mListener.accept(address, outOfDescriptors);
             if (!socket.isOpen())
                 break;
@@ -70,8 +70,6 @@ public:
         }
         if (outOfDescriptors)
             rest(now);
-        if (count == 0)
-            noteFull(now); // more may have come meanwhile
         return count == 0;
     }
 

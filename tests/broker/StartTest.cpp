@@ -77,9 +77,13 @@ TEST_F(CrowdTest, aClientWhosePostConnectionMayHaveBeenIgnoredIsNotStartedBefore
     answering.join();
 }
 
-TEST_F(CrowdTest, oneWithoutAPostConnectionIsStartedWithoutAConfirmation)
+TEST_F(CrowdTest, oneWithoutAPostConnectionIsNotConfirmedBeforeTheSecondSyncBehindItsConnection)
 {
     EXPECT_EQ(request->receiveText(), "SyncLost");
+    EXPECT_EQ(request->ask("Sync"), "SyncLost") << "its posts may still be lost";
+    RawPoster post;
+    EXPECT_EQ(request->ask("Sync"), "SyncLost") << "its earlier posts are lost";
+    EXPECT_TRUE(eventually([this] { return request->ask("Sync") == "SyncAck"; }));
 }
 
 namespace
