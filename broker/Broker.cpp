@@ -256,6 +256,7 @@ void Broker::doRound()
     mQuestions.answer(now, now + turn);
     mLoop.schedule.doWhatIsDue(now);
     mOutbox.settle();
+    takeHeavyPosts(begin + turn);
     mConnections.notify().flush(now);
     mConnections.requests().sendLong(Clock::now() + turn);
     mForgetting.dropWhatAllKnow(now);
@@ -266,6 +267,15 @@ void Broker::doRound()
     mLoop.rounds.add(static_cast<uint64_t>(taken.count()));
     if (std::exchange(mLoop.hasWorked, false) && mLoop.nextTrim == TimePoint::max())
         mLoop.nextTrim = begin + trimPause;
+}
+
+// Behind the answers: storing one long post may take many milliseconds.
+void Broker::takeHeavyPosts(TimePoint end)
+{
+    if (!mConnections.posts().hasHeavyPosts())
+        return;
+    mConnections.posts().takeHeavyPosts(end);
+    mOutbox.settle();
 }
 
 void Broker::pauseIntake(TimePoint now)

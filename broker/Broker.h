@@ -67,6 +67,7 @@ private:
     void dispatch(const Poller::Event& event, TimePoint now);
     void acceptAt(const Pollable* port, TimePoint now);
     void doRound();
+    void takeHeavyPosts(TimePoint end);
     void pauseIntake(TimePoint now);
     void relieveMemory();
     void addNumbers(Statistics::Numbers& numbers) const;

@@ -115,13 +115,17 @@ void PostPort::makeReady(PostConnection& connection)
 
 void PostPort::takePosts(TimePoint end)
 {
-    const uint64_t most = mReceived + mLimits.notifyBytes / turnShare;
-    takeSome(mReady, mHeavy.empty() ? end : end - timeOfHeavy, most);
-    takeSome(mHeavy, end, most);
+    mMostReceived = mReceived + mLimits.notifyBytes / turnShare;
+    takeSome(mReady, mHeavy.empty() ? end : end - timeOfHeavy);
+}
+
+void PostPort::takeHeavyPosts(TimePoint end)
+{
+    takeSome(mHeavy, std::max(end, Clock::now() + timeOfHeavy));
 }
 
 // Reads at least one connection, if there is one.
-void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most)
+void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end)
 {
     do
     {
@@ -132,7 +136,7 @@ void PostPort::takeSome(std::deque<PostConnection*>& connections, TimePoint end,
         connection.isReady = false;
         read(connection, Clock::now());
         update(connection);
-    } while (Clock::now() < end && mReceived < most && hasMemory(&connections == &mHeavy));
+    } while (Clock::now() < end && mReceived < mMostReceived && hasMemory(&connections == &mHeavy));
 }
 
 // If memory is short, the broker still reads those that hold little. Otherwise they would wait for all
@@ -245,7 +249,7 @@ void PostPort::takeOwnPong(PostConnection& connection, uint64_t barrier, std::si
 
 uint64_t PostPort::openBarrier(bool isSync, TimePoint now, const Concerns& concerns)
 {
-    takeArrivals();
+    takeArrivals(concerns);
     ++mBarrier;
     const auto isClean = [](PostConnection* connection)
     {
@@ -287,15 +291,19 @@ void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
 }
 
 // Reads each connection once, heavy ones last. If more has come than that, or time or memory is short, a PING
-// finds the end.
-void PostPort::takeArrivals()
+// finds the end. Heavy ones whose posts are not waited for have their turn later: a long post takes long to
+// apply and to store.
+void PostPort::takeArrivals(const Concerns& concerns)
 {
     std::vector<PostConnection*> light;
     std::vector<PostConnection*> heavy;
     for (std::size_t count = mArrivals.wait(std::chrono::microseconds(0)), index = 0; index < count; ++index)
     {
         auto& connection = static_cast<PostConnection&>(*mArrivals.event(index).owner);
-        (connection.isHeavy ? heavy : light).push_back(&connection);
+        if (!connection.isHeavy)
+            light.push_back(&connection);
+        else if (concerns(connection))
+            heavy.push_back(&connection);
     }
     const TimePoint end = Clock::now() + longestTaking; // the round may have begun long ago
     takeArrivals(light, end);

@@ -69,8 +69,14 @@ public:
     void serve(PostConnection& connection, uint32_t what);
 
     /// Reads from the connections in turn, until this time or until nothing is left. Stops after a part of
-    /// the notification log's capacity, so that slow subscribers can be served.
+    /// the notification log's capacity, so that slow subscribers can be served. Leaves out those whose posts
+    /// take long.
     void takePosts(TimePoint end);
+
+    /// Reads from those, behind takePosts(): requests are answered first. Takes its time even if others have
+    /// used it up.
+    void takeHeavyPosts(TimePoint end);
+    bool hasHeavyPosts() const { return !mHeavy.empty(); }
 
     /// Whether connections wait to be read.
     bool hasPosts() const { return !mReady.empty() || !mHeavy.empty(); }
@@ -170,10 +176,10 @@ private:
     void lose();
     void takePong(PostConnection& connection, std::string_view context, std::size_t behind, TimePoint now);
     void takeOwnPong(PostConnection& connection, uint64_t barrier, std::size_t behind, TimePoint now);
-    void takeArrivals();
+    void takeArrivals(const Concerns& concerns);
     void takeArrivals(const std::vector<PostConnection*>& connections, TimePoint end);
     void makeReady(PostConnection& connection);
-    void takeSome(std::deque<PostConnection*>& connections, TimePoint end, uint64_t most);
+    void takeSome(std::deque<PostConnection*>& connections, TimePoint end);
     bool hasMemory(bool isForHeavy) const;
     void want(PostConnection& connection, bool isForSync, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
@@ -193,6 +199,7 @@ private:
     uint64_t mLosses = 0;
     TimePoint mLastLoss{};
     uint64_t mReceived = 0;                ///< bytes, on all connections
+    uint64_t mMostReceived = 0;            ///< at the end of a turn
     std::deque<PostConnection*> mReady;    // to be read, in turn
     std::deque<PostConnection*> mHeavy;    // read after mReady
     std::vector<PostConnection*> mUnread;  // data has arrived that there was no time to read

@@ -66,6 +66,9 @@ std::string manyPosts()
     return posts + ZmtpPeer::message(postOf("k", "before"));
 }
 
+// The broker reads the rest of an unfinished post of this length behind what others say.
+constexpr std::size_t longBytes = std::size_t{32} * 1024;
+
 // A poster in its own process. It answers no PING.
 class PosterProcess
 {
@@ -94,6 +97,19 @@ public:
     // Makes many posts.
     void post() { EXPECT_EQ(write(mPipe[1], "p", 1), 1); }
 
+    // Begins a long value of "long".
+    void beginLongPost() { EXPECT_EQ(write(mPipe[1], "b", 1), 1); }
+
+    // Returns when the rest of it has been sent.
+    void endLongPost()
+    {
+        int status = 0;
+        EXPECT_EQ(write(mPipe[1], "e", 1), 1);
+        EXPECT_EQ(waitpid(mPid, &status, WUNTRACED), mPid);
+        EXPECT_TRUE(WIFSTOPPED(status));
+        EXPECT_EQ(kill(mPid, SIGCONT), 0);
+    }
+
     // Ends the process. Returns whether it was pinged.
     bool isPinged()
     {
@@ -110,9 +126,17 @@ private:
         const int end = dup2(mPipe[0], STDIN_FILENO);
         close_range(STDERR_FILENO + 1, UINT_MAX, 0); // so that it inherits no connection of the test
         Poster poster;
+        const std::string longPost = ZmtpPeer::message(postOf("long", std::string(longBytes, 'x')));
         char letter = 0;
-        while (::read(end, &letter, 1) == 1 && letter == 'p')
-            EXPECT_TRUE(poster.write(manyPosts()));
+        while (::read(end, &letter, 1) == 1 && letter != 'x')
+        {
+            if (letter == 'p')
+                EXPECT_TRUE(poster.write(manyPosts()));
+            else if (letter == 'b')
+                EXPECT_TRUE(poster.write(longPost.substr(0, longBytes / 2)));
+            else
+                EXPECT_TRUE(poster.write(longPost.substr(longBytes / 2)) && raise(SIGSTOP) == 0);
+        }
         if (testing::Test::HasFailure() || letter != 'x')
             _exit(EXIT_FAILURE);
         _exit(poster.read(1, quiet).empty() ? EXIT_SUCCESS : EXIT_FAILURE);
@@ -463,6 +487,24 @@ TEST_F(BarrierTest, aQueryWaitsForAPosterThatMayBeItsClientsThoughAnotherUserMad
 TEST_F(BarrierTest, aQueryDoesNotWaitForThePostsOfAnotherProcess)
 {
     EXPECT_TRUE(isAnsweredBesideOthersPosts(R"({"getClientInfoValue":"k"})", 12ms));
+}
+
+// Storing one may take many milliseconds.
+TEST_F(BarrierTest, aQueryIsAnsweredBeforeTheLongPostsOfAnotherProcess)
+{
+    const auto held = [this] { return brokerStatistic(requester, "memory.connections"); };
+    EXPECT_TRUE(isKnown(getpid()));
+    PosterProcess other;
+    ASSERT_TRUE(isKnown(other.pid()));
+    const uint64_t before = held();
+    other.beginLongPost();
+    ASSERT_TRUE(eventually([&] { return held() >= before + longBytes / 2 - 100; }));
+    broker.process().suspend();
+    other.endLongPost();
+    requester.send({R"({"getClientInfoValue":"long"})"});
+    broker.process().signal(SIGCONT);
+    EXPECT_EQ(requester.receive(), std::vector<std::string>{reply("")});
+    EXPECT_TRUE(eventually([&] { return valueOf(requester, "long") == reply(std::string(longBytes, 'x')); }));
 }
 
 // In the moment in which its client ends, a PING would reset the connection, and its last posts would be
