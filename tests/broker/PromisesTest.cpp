@@ -198,7 +198,7 @@ TEST(SyncBarrier, nothingIsStaleAfterSyncOnBusyCores)
     BrokerProcess broker;
     ProxyClient client;
     const BusyCores busy;
-    expectNothingStaleAfterSync(broker.process(), *client, 10000);
+    expectNothingStaleAfterSync(broker.process(), *client, 3000);
 }
 
 // A sync with a time limit waits for the posts as long as a sync without, if it has the time.
