@@ -32,7 +32,7 @@ public:
 
     /// How many connections one call of accept() should take, so that a crowd of them does not delay the
     /// others.
-    static constexpr std::size_t fewAtATime = 32;
+    static constexpr std::size_t fewAtATime = 16;
 
     /// Connections are accepted from now on.
     void listen()
@@ -45,7 +45,7 @@ public:
     /// Connections that have ended meanwhile cost little. For a while, they do not count.
     bool accept(std::size_t count, TimePoint now)
     {
-        constexpr std::chrono::milliseconds longestClearing{2};
+        constexpr std::chrono::milliseconds longestClearing{1};
         const TimePoint endOfClearing = Clock::now() + longestClearing;
         bool outOfDescriptors = false;
         sockaddr_in address{};
