@@ -20,6 +20,7 @@
 #include "tests/support/AsUser.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/UnreadBytes.h"
 #include "tests/support/ZmtpPeer.h"
 
 using namespace std::chrono_literals;
@@ -502,6 +503,7 @@ TEST_F(BarrierTest, aQueryIsAnsweredBeforeTheLongPostsOfAnotherProcess)
     broker.process().suspend();
     other.endLongPost();
     requester.send({R"({"getClientInfoValue":"long"})"});
+    ASSERT_TRUE(eventually([] { return unreadBytes(ZmtpPeer::requestPort) != 0; }));
     broker.process().signal(SIGCONT);
     EXPECT_EQ(requester.receive(), std::vector<std::string>{reply("")});
     EXPECT_TRUE(eventually([&] { return valueOf(requester, "long") == reply(std::string(longBytes, 'x')); }));

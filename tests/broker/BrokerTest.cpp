@@ -2,13 +2,12 @@
 // end.
 
 #include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <gtest/gtest.h>
 
 #include "broker/base/Refusals.h"
 #include "tests/support/BrokerProcess.h"
 #include "tests/support/RawClient.h"
+#include "tests/support/UnreadBytes.h"
 
 namespace
 {
@@ -38,21 +37,6 @@ class NotificationTest : public BrokerTest
 protected:
     RawSubscriber subscriber{poster};
 };
-
-// Whether the kernel holds unread bytes for a connection to this local port.
-bool hasUnreadBytes(unsigned int port)
-{
-    std::ifstream table("/proc/net/tcp");
-    for (std::string line; std::getline(table, line);)
-    {
-        unsigned int localPort = 0;
-        unsigned int unread = 0;
-        const int read = sscanf(line.c_str(), " %*d: %*8x:%x %*8x:%*x %*x %*8x:%8x", &localPort, &unread);
-        if (read == 2 && localPort == port && unread != 0)
-            return true;
-    }
-    return false;
-}
 
 std::size_t linesWith(const std::string& text, const std::string& part)
 {
@@ -137,7 +121,7 @@ TEST(BrokerEnd, theEndIsAnsweredToWhatWasReceived)
     broker.process().suspend();       // both arrive while it is stopped
     poster.post(R"({"postStatus":{"k":"last"}})");
     requester.send({valueRequest("k")});
-    ASSERT_TRUE(eventually([] { return hasUnreadBytes(5555) && hasUnreadBytes(5556); }));
+    ASSERT_TRUE(eventually([] { return unreadBytes(5555) != 0 && unreadBytes(5556) != 0; }));
     broker.process().signal(SIGTERM);
     broker.process().signal(SIGCONT);
     EXPECT_EQ(requester.receive(), std::vector<std::string>{valueReply("last")});
