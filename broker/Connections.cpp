@@ -353,7 +353,7 @@ bool Connections::canPost(RequestConnection& client, TimePoint now)
                                return false;
                            mIdentities.seek(peer->identity);
                            return peer->identity.search != Identity::Search::UnderWay &&
-                                  mayBeSameProcess(client.identity, peer->identity);
+                                  mayBePosterOf(client.identity, peer->identity);
                        });
 }
 

@@ -38,6 +38,9 @@ public:
 
     bool owes() const { return mAnswered < mAsked; }
 
+    /// Whether the answer can still end a wait.
+    bool isAwaited(TimePoint now) const { return owes() && !isSilent(now); }
+
     /// Whether it was asked for this barrier and has not answered.
     bool lacks(uint64_t barrier) const { return mAsked >= barrier && mAnswered < barrier; }
 

@@ -109,7 +109,7 @@ void PostPort::serve(PostConnection& connection, uint32_t what)
 void PostPort::makeReady(PostConnection& connection)
 {
     if (!connection.isReady)
-        (connection.isHeavy ? mHeavy : mReady).push_back(&connection);
+        (connection.isHeavy && !connection.isAwaited(Clock::now()) ? mHeavy : mReady).push_back(&connection);
     connection.isReady = true;
 }
 
@@ -338,9 +338,15 @@ void PostPort::ping(PostConnection& connection, TimePoint now)
     awaitAnswer(connection);
 }
 
-// Reads the answer even while the port is paused.
+// Reads the answer even while the port is paused, and before requests are answered.
 void PostPort::awaitAnswer(PostConnection& connection)
 {
+    const auto heavy = std::find(mHeavy.begin(), mHeavy.end(), &connection);
+    if (heavy != mHeavy.end())
+    {
+        mHeavy.erase(heavy);
+        mReady.push_back(&connection);
+    }
     poll(connection, EPOLLIN | (connection.hasOutput() ? EPOLLOUT : 0U));
 }
 

@@ -38,6 +38,12 @@ public:
 
     bool owesPong() const { return pongs.owes() || (ownProbe && ownProbe->owes()); }
 
+    /// Whether a request waits for its PONG.
+    bool isAwaited(TimePoint now) const
+    {
+        return pongs.isAwaited() || (ownProbe && ownProbe->isAwaited(now));
+    }
+
     // ---- Start. Posts can arrive once the PING behind the subscription is answered.
     uint64_t number = 0; ///< in the order of arrival
     bool isSubscribed = false;
@@ -70,7 +76,7 @@ public:
 
     /// Reads from the connections in turn, until this time or until nothing is left. Stops after a part of
     /// the notification log's capacity, so that slow subscribers can be served. Leaves out those whose posts
-    /// take long.
+    /// take long, unless a request waits for them.
     void takePosts(TimePoint end);
 
     /// Reads from those, behind takePosts(): requests are answered first. Takes its time even if others have
@@ -201,7 +207,7 @@ private:
     uint64_t mReceived = 0;                ///< bytes, on all connections
     uint64_t mMostReceived = 0;            ///< at the end of a turn
     std::deque<PostConnection*> mReady;    // to be read, in turn
-    std::deque<PostConnection*> mHeavy;    // read after mReady
+    std::deque<PostConnection*> mHeavy;    // read after mReady; no request waits for them
     std::vector<PostConnection*> mUnread;  // data has arrived that there was no time to read
     std::vector<PostConnection*> mTouched; // data has come since their last PONG
     std::vector<PostConnection*> mAwaited; // their answers to a PING are awaited

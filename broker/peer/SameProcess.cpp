@@ -31,6 +31,12 @@ bool mayBeSameProcess(const Identity& one, const Identity& other)
            one.owner.cgroup() == other.owner.cgroup();
 }
 
+bool mayBePosterOf(const Identity& client, const Identity& poster)
+{
+    return mayBeSameProcess(client, poster) ||
+           (!client.owner.isKnown() && !areDifferentProcesses(client, poster));
+}
+
 // User and control group are those of the moment when the socket was made, and a process may change them. So
 // they count only if the processes were looked for in vain.
 bool areDifferentProcesses(const Identity& one, const Identity& other)

@@ -17,6 +17,10 @@
 /// other.
 bool mayBeSameProcess(const Identity& one, const Identity& other);
 
+/// The same for a client that lacks a poster as long as none is found: a client of an unknown user would lack
+/// one for ever, so any poster that may be its own counts.
+bool mayBePosterOf(const Identity& client, const Identity& poster);
+
 /// Whether the broker has found out that different processes made the two connections. Users and control
 /// groups count only after both processes have been looked for. An unknown user shows nothing.
 bool areDifferentProcesses(const Identity& one, const Identity& other);

@@ -216,9 +216,7 @@ protected:
         while (peers.size() < many)
             connectOne(WireFrames::header(1000000, 0) + part);
         takeAll();
-        for (ZmtpPeer& peer : peers)
-            EXPECT_TRUE(peer.write(part));
-        EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
+        writeToAll(part);
     }
 
     void takeAll() { take(Clock::now() + std::chrono::seconds(30)); }
@@ -232,9 +230,21 @@ protected:
     void takeShort(TimePoint end)
     {
         EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
+        makeReady();
+        port.takePosts(end);
+    }
+
+    void makeReady()
+    {
         for (const auto& connection : port.peers())
             port.serve(*connection, EPOLLIN);
-        port.takePosts(end);
+    }
+
+    void writeToAll(const std::string& part)
+    {
+        for (ZmtpPeer& peer : peers)
+            EXPECT_TRUE(peer.write(part));
+        EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
     }
 
     void openBarrier(bool concerns)
@@ -296,6 +306,26 @@ TEST_F(ReadingTest, aBarrierReadsShortPostsAndNoLongMessagesThatDoNotConcernIt)
     openBarrier(false);
     EXPECT_EQ(posts, 1U);
     EXPECT_EQ(unread(), many);
+}
+
+// Their PONGs may stand behind what is unread.
+TEST_F(ReadingTest, longMessagesThatARequestWaitsForAreReadBeforeTheAnswers)
+{
+    connectUnfinished();
+    openBarrier(true);
+    writeToAll("more");
+    takeShort(Clock::now() + std::chrono::seconds(30));
+    EXPECT_EQ(unread(), 0U);
+}
+
+TEST_F(ReadingTest, aLongMessageThatARequestBeginsToWaitForIsNotLeftBehind)
+{
+    connectUnfinished();
+    makeReady(); // for behind the answers
+    openBarrier(true);
+    writeToAll("more");
+    port.takePosts(Clock::now() + std::chrono::seconds(30));
+    EXPECT_EQ(unread(), 0U);
 }
 
 TEST_F(ReadingTest, shortPostsAreReadAlsoIfMemoryIsShort)

@@ -13,7 +13,7 @@
 inline void fillQueueOf(uint16_t port)
 {
     constexpr int longestQueue = 4096;
-    for (int count = 0; count <= longestQueue; ++count)
+    for (int count = 0; count < 2 * longestQueue; ++count) // an attempt may end before it is in the queue
     {
         const Descriptor peer(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         sockaddr_in address{};

@@ -88,6 +88,20 @@ TEST(SameProcessTest, theSameProcessIsTheSameWhoeverMadeItsSockets)
     EXPECT_EQ(judge(found(ofUser()), found(ofNobody())), Judgement::Same);
 }
 
+TEST(SameProcessTest, aClientOfAnUnknownUserMayHaveAnyPosterThatIsNotOfAnotherProcess)
+{
+    EXPECT_TRUE(mayBePosterOf(searched(ofNobody()), searched(ofNobody())));
+    EXPECT_TRUE(mayBePosterOf(searched(ofNobody()), found(ofUser())));
+    EXPECT_FALSE(mayBePosterOf(found(ofNobody()), found(ofNobody(), process + 1)));
+}
+
+TEST(SameProcessTest, aClientOfAKnownUserHasNoPosterOfAnotherUser)
+{
+    EXPECT_TRUE(mayBePosterOf(searched(ofUser()), searched(ofUser())));
+    EXPECT_FALSE(mayBePosterOf(searched(ofUser()), searched(ofUser(user + 1))));
+    EXPECT_FALSE(mayBePosterOf(searched(ofUser()), searched(ofNobody())));
+}
+
 TEST(SameProcessTest, differentProcessesAreDifferentWhoeverMadeTheirSockets)
 {
     EXPECT_EQ(judge(found(ofUser()), found(ofUser(), process + 1)), Judgement::Different);
