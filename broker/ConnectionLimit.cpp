@@ -17,9 +17,8 @@ void ConnectionLimit::added(std::size_t inUse, TimePoint now)
 
 void ConnectionLimit::full()
 {
-    mRefusals.report(
-        Refusal::Connections,
-        "All %zu connections to the %s port are in use: a new one replaces one that has not spoken, or "
-        "is refused",
-        mLimit, mName);
+    mRefusals.report(Refusal::Connections,
+                     "All %zu connections to the %s port are in use: a new one replaces one that has not "
+                     "shaken hands, or is refused",
+                     mLimit, mName);
 }

@@ -13,24 +13,36 @@ constexpr std::chrono::milliseconds longestPause{1000};
 
 std::string Forgetting::forget(const Connection& client, BrokerProtocol::Command& command)
 {
-    using BrokerProtocol::Operation;
     if (!mGuard.quotas().mayPost(client))
         command.texts.clear();
     Quotas::charge(client, command.texts.size()); // denied names count, too, as each is work
     mGuard.keepAllowed(client, Action::Forget, command.texts, [](std::string_view name) { return name; });
-    std::vector<std::string_view> gone;
     if (!command.texts.empty() && !mOutbox.mayForget())
+    {
         mRefusals.report(Refusal::Memory,
                          "Forgetting names refused: too many wait for the state file to be written");
-    else if (command.operation == Operation::ForgetStatus)
-        gone = forgetValues(command.texts);
-    else if (command.operation == Operation::ForgetTimers)
-        gone = mState.forgetTimers(command.texts);
-    else
-        gone = mState.forgetCounters(command.texts);
+        command.texts.clear();
+    }
+    const std::vector<std::string_view> gone = forgetNames(command);
     std::string answer;
     BrokerProtocol::appendList(answer, BrokerProtocol::Key::forgotten, gone);
     return answer;
+}
+
+std::vector<std::string_view> Forgetting::forgetNames(const BrokerProtocol::Command& command)
+{
+    using BrokerProtocol::Operation;
+    switch (command.operation)
+    {
+    case Operation::ForgetStatus:
+        return forgetValues(command.texts);
+    case Operation::ForgetTimers:
+        return mState.forgetTimers(command.texts);
+    case Operation::ForgetCounters:
+        return mState.forgetCounters(command.texts);
+    default:
+        return {}; // names are never removed by mistake
+    }
 }
 
 std::vector<std::string_view> Forgetting::forgetValues(const std::vector<std::string_view>& keys)

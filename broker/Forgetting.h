@@ -40,6 +40,7 @@ public:
     TimePoint due() const { return mState.forgotten() == 0 ? TimePoint::max() : mNextLook; }
 
 private:
+    std::vector<std::string_view> forgetNames(const BrokerProtocol::Command& command);
     std::vector<std::string_view> forgetValues(const std::vector<std::string_view>& keys);
 
     Guard& mGuard;

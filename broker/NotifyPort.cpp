@@ -4,6 +4,7 @@
 #include <array>
 #include <numeric>
 
+#include "broker/base/RemoveFrom.h"
 #include "broker/wire/FrameWriter.h"
 #include "protocol/BrokerDocuments.h"
 #include "protocol/Words.h"
@@ -205,8 +206,7 @@ void NotifyPort::cancel(NotifyConnection& connection, std::string_view prefix)
 void NotifyPort::becomeIdle(NotifyConnection& connection)
 {
     connection.state = NotifyConnection::State::Idle;
-    mSubscribers.erase(std::remove(mSubscribers.begin(), mSubscribers.end(), &connection),
-                       mSubscribers.end());
+    removeFrom(mSubscribers, &connection);
 }
 
 // ------------------------------------------------------------------------------------------------- sending

@@ -4,6 +4,7 @@
 #include <string>
 #include <utility>
 
+#include "broker/base/RemoveFrom.h"
 #include "broker/wire/Ping.h"
 #include "daemon/OptionText.h"
 #include "protocol/Words.h"
@@ -48,12 +49,6 @@ constexpr std::chrono::milliseconds subscriptionTime{15};
 // text.
 constexpr char ownLetter = 'o';
 constexpr std::string_view subscribedContext = "subscribed"sv;
-
-template <class List, class T>
-void removeFrom(List& list, T* element)
-{
-    list.erase(std::remove(list.begin(), list.end(), element), list.end());
-}
 
 } // namespace
 

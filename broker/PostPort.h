@@ -53,7 +53,7 @@ public:
     Posters::Id poster = Posters::nobody;
 
     bool isReady = false; ///< to be read
-    bool isHeavy = false; ///< reading it took long
+    bool isHeavy = false; ///< its last read took long, or left much of an unfinished message
     Backlog backlog;      ///< of what is to be read
 };
 
@@ -61,7 +61,7 @@ public:
 ///
 /// Posts and requests travel on two connections, so a request can overtake the posts that its client made
 /// before it. So the broker answers a request behind a barrier: it first takes in everything that has arrived
-/// on post connections. Where much has come since the last look, more may be on its way, in the client's
+/// on post connections. Where much has come since the last PONG, more may be on its way, in the client's
 /// kernel or its libzmq. So the broker sends a PING on that connection. The answer comes behind all posts
 /// that the client had let go of, and the broker waits for it.
 class PostPort : public Port<PostConnection>
@@ -75,8 +75,8 @@ public:
     void serve(PostConnection& connection, uint32_t what);
 
     /// Reads from the connections in turn, until this time or until nothing is left. Stops after a part of
-    /// the notification log's capacity, so that slow subscribers can be served. Leaves out those whose posts
-    /// take long, unless a request waits for them.
+    /// the notification log's capacity, so that slow subscribers can be served. Leaves out heavy
+    /// ones, unless a request waits for them.
     void takePosts(TimePoint end);
 
     /// Reads from those, behind takePosts(): requests are answered first. Takes its time even if others have

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "broker/base/RemoveFrom.h"
 #include "protocol/Words.h"
 
 namespace
@@ -23,12 +24,6 @@ constexpr std::chrono::seconds memoryOfCrowds{2 * longestConnecting};
 
 // How long subscribers of an earlier broker may take to come back. They may lack its last changes.
 constexpr std::chrono::seconds restartMemory{30};
-
-template <class List>
-void removeFrom(List& list, RequestConnection* connection)
-{
-    list.erase(std::remove(list.begin(), list.end(), connection), list.end());
-}
 
 } // namespace
 

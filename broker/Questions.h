@@ -31,8 +31,6 @@ public:
     /// Answers every waiting request: the broker ends.
     void answerAll();
 
-    bool isEmpty() const { return mNew.empty() && mWaiting.empty() && mDear.empty() && mStarting.empty(); }
-
     /// When to call answer() although nothing has arrived.
     TimePoint due() const;
 

@@ -5,6 +5,7 @@
 #include <string_view>
 #include <unistd.h>
 
+#include "broker/base/RemoveFrom.h"
 #include "broker/wire/Ping.h"
 #include "protocol/Words.h"
 
@@ -38,12 +39,6 @@ constexpr std::string_view emptyContext = "empty"sv;
 // The context of the PING to a starting client, and its answer as the bytes of the wire.
 constexpr std::string_view probeContext = "start"sv;
 constexpr std::string_view probeAnswer = "\4\12\4PONGstart"sv;
-
-template <class List>
-void removeFrom(List& list, RequestConnection* connection)
-{
-    list.erase(std::remove(list.begin(), list.end(), connection), list.end());
-}
 
 } // namespace
 

@@ -4,13 +4,14 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "broker/StartWait.h"
 #include "daemon/Clock.h"
 
 /// Decides when the first "Sync" of a client is answered.
 ///
 /// A client's post socket drops everything until the broker's subscription has reached it. It looks for the
-/// subscription at most about every 3 ms. So the answer is held until every post connection accepted earlier
-/// has confirmed the subscription, and until the socket looks again.
+/// subscription at most about every 3 ms. So the answer is held until the socket looks again, and until every
+/// post connection that had arrived by then has confirmed the subscription, except those given up.
 ///
 /// A new client connects its post socket before its request socket, so its post connection is among them. But
 /// a client of an earlier broker reconnects both sockets at times of their own, every 100 to 200 ms. So a new
@@ -26,12 +27,12 @@ public:
 
     /// How long to wait for a missing post connection. While the broker is young, clients of an earlier
     /// broker may still reconnect.
-    static constexpr std::chrono::milliseconds patience{50};
-    static constexpr std::chrono::milliseconds patienceWhenYoung{500};
+    static constexpr std::chrono::milliseconds startWait = StartWait::longest;
+    static constexpr std::chrono::milliseconds youngStartWait{500};
     static constexpr std::chrono::seconds youth{2};
 
     /// Clients of an earlier broker have reconnected all their sockets by then.
-    static constexpr std::chrono::milliseconds returnTime{250};
+    static constexpr std::chrono::milliseconds returnPause{250};
 
     /// How long to remember how many post connections are missing for good.
     static constexpr std::chrono::seconds memory{10};
@@ -47,13 +48,13 @@ public:
     /// @param posts post connections that have the subscription
     bool opens(TimePoint asked, bool areSubscribed, std::size_t clients, std::size_t posts, TimePoint now)
     {
-        if (!areSubscribed || now - asked < settleTime || now - mBrokerStart < returnTime)
+        if (!areSubscribed || now - asked < settleTime || now - mBrokerStart < returnPause)
             return false;
         const std::size_t missing = clients > posts ? clients - posts : 0;
         forgetSome(missing, now);
         if (missing <= mMissing)
             return true;
-        const std::chrono::milliseconds limit = isYoung(asked) ? patienceWhenYoung : patience;
+        const std::chrono::milliseconds limit = isYoung(asked) ? youngStartWait : startWait;
         if (now - asked < limit)
             return false;
         mMissing = missing;

@@ -27,7 +27,7 @@ struct Form
     Shape shape;
 };
 
-// In the order of Operation.
+// In the order of Operation, as are the requests: nameOf() finds a form by its place.
 inline constexpr std::array<Form, 9> postForms{{
     {Key::updateSystemTime, Operation::UpdateSystemTime, Shape::Number},
     {Key::postStatus, Operation::PostStatus, Shape::Members},
@@ -59,6 +59,21 @@ inline constexpr std::array<Form, 17> requestForms{{
     {Key::getCounters, Operation::GetCounters, Shape::Text},
     {Key::setTimer, Operation::SetTimer, Shape::Texts},
 }};
+
+template <std::size_t count>
+constexpr bool areInOrder(const std::array<Form, count>& forms, Operation first, Operation last)
+{
+    auto expected = static_cast<std::size_t>(first);
+    for (const Form& form : forms)
+    {
+        if (static_cast<std::size_t>(form.operation) != expected++)
+            return false;
+    }
+    return expected == static_cast<std::size_t>(last) + 1;
+}
+
+static_assert(areInOrder(postForms, Operation::UpdateSystemTime, Operation::SetCounterValue));
+static_assert(areInOrder(requestForms, Operation::GetClientInfo, Operation::SetTimer));
 
 // A notification is read as the post that it reports.
 inline constexpr std::array<Form, 2> updateForms{{

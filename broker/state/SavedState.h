@@ -7,8 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "statusmanager/StatusTypes.h"
-
 /// The state of the device, or a changed part of it, as plain values for storage.
 struct SavedState
 {
@@ -42,7 +40,7 @@ struct SavedState
         std::size_t size() const { return values.size() + timers.size() + counters.size(); }
     };
 
-    StatusMap values;
+    std::map<std::string, std::string> values;
     std::map<std::string, Detail> details; ///< of values; details that are not here are unknown
     std::map<std::string, Timer> timers;
     std::map<std::string, uint32_t> counters;

@@ -68,8 +68,6 @@ public:
 
     /// Saves these changes with the next commit.
     void remember(const SavedState& changes);
-    template <typename Keeps>
-    void mergeDetails(const SavedState& changes, const Keeps& keeps);
 
     /// The last commit. It also checks that the file is in place, and retries at once what has just failed.
     void commitLast(const BootMoment& now = BootMoment::now());
@@ -118,6 +116,8 @@ private:
     void missed();
     void dropped();
 
+    template <typename Keeps>
+    void mergeDetails(const SavedState& changes, const Keeps& keeps);
     bool isKept(const std::string& name) const;
     Found open(std::chrono::milliseconds patience, const BootMoment& now);
     Found openFile(std::chrono::milliseconds patience, const BootMoment& now);

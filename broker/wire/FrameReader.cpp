@@ -2,12 +2,15 @@
 
 #include <algorithm>
 
+#include "broker/wire/FrameWriter.h"
+
 namespace
 {
 
-constexpr unsigned moreFlag = 1;
-constexpr unsigned longFlag = 2;
-constexpr unsigned commandFlag = 4;
+using FrameWriter::commandFlag;
+using FrameWriter::longFlag;
+using FrameWriter::moreFlag;
+constexpr unsigned knownFlags = moreFlag | longFlag | commandFlag;
 
 // Long enough for READY with all its properties, and for subscriptions.
 constexpr uint64_t longestCommand = 2048;
@@ -71,7 +74,7 @@ FrameReader::Result FrameReader::beginFrame(std::size_t mostBytes)
     mFrameSize = 0;
     for (std::size_t at = 1; at < mHeaderSize; ++at)
         mFrameSize = mFrameSize << 8 | static_cast<unsigned char>(mHeader[at]);
-    if ((flags & ~(moreFlag | longFlag | commandFlag)) != 0)
+    if ((flags & ~knownFlags) != 0)
         return Result::Violation;
     if (mIsCommand && (mHasMore || mFrameSize > longestCommand))
         return Result::Violation;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "broker/state/StateFile.h"
+#include "statusmanager/StatusTypes.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Wait.h"

@@ -61,7 +61,7 @@ TEST_F(ConnectionLimitTest, countsWhatFindsNoRoom)
     EXPECT_EQ(refusals.count(Refusal::Connections), 2U);
     EXPECT_TRUE(
         log.has(2, "All 100 connections to the post port are in use: a new one replaces one that has not "
-                   "spoken, or is refused"));
+                   "shaken hands, or is refused"));
 }
 
 TEST_F(ConnectionLimitTest, followsAChangeOfTheLimit)

@@ -24,8 +24,8 @@ protected:
     // Makes the gate wait in vain for the post connections of this many clients.
     void missInVain(std::size_t missing, TimePoint now)
     {
-        EXPECT_FALSE(gate.opens(now, true, missing, 0, now + StartGate::patience - 1us));
-        EXPECT_TRUE(gate.opens(now, true, missing, 0, now + StartGate::patience));
+        EXPECT_FALSE(gate.opens(now, true, missing, 0, now + StartGate::startWait - 1us));
+        EXPECT_TRUE(gate.opens(now, true, missing, 0, now + StartGate::startWait));
     }
 
     StartGate gate{brokerStart};
@@ -55,16 +55,16 @@ TEST_F(StartGateTest, isHeldWhileThereAreFewerPostConnectionsThanClients)
 
 TEST_F(StartGateTest, aClientWithoutAPostConnectionIsHeldForItsBound)
 {
-    EXPECT_FALSE(opens(StartGate::patience - 1us, true, 1, 0));
-    EXPECT_TRUE(opens(StartGate::patience, true, 1, 0));
+    EXPECT_FALSE(opens(StartGate::startWait - 1us, true, 1, 0));
+    EXPECT_TRUE(opens(StartGate::startWait, true, 1, 0));
 }
 
 TEST_F(StartGateTest, isHeldLongerByAYoungBrokerWhoseClientsMayStillComeBack)
 {
     const TimePoint asked = grownUp - 1us;
-    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patience));
-    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung - 1us));
-    EXPECT_TRUE(gate.opens(asked, true, 1, 0, asked + StartGate::patienceWhenYoung));
+    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::startWait));
+    EXPECT_FALSE(gate.opens(asked, true, 1, 0, asked + StartGate::youngStartWait - 1us));
+    EXPECT_TRUE(gate.opens(asked, true, 1, 0, asked + StartGate::youngStartWait));
     EXPECT_TRUE(gate.opens(asked, true, 1, 1, asked + StartGate::settleTime))
         << "no longer when all are there";
 }
@@ -97,6 +97,6 @@ TEST_F(StartGateTest, whatHasNotBeenMissingForAWhileIsWaitedForAgain)
 TEST_F(StartGateTest, nobodyIsAnsweredBeforeClientsOfAnEarlierBrokerCanBeBack)
 {
     const TimePoint asked = brokerStart + 1ms;
-    EXPECT_FALSE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnTime - 1us));
-    EXPECT_TRUE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnTime));
+    EXPECT_FALSE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnPause - 1us));
+    EXPECT_TRUE(gate.opens(asked, true, 1, 1, brokerStart + StartGate::returnPause));
 }
