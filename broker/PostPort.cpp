@@ -256,14 +256,12 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now, const Concerns& conce
     {
         const bool isBehind = connection->bytesSincePong >= fewBytes || connection->isUnfinished();
         if ((isSync || isBehind) && concerns(*connection))
-            want(*connection, !isBehind, now);
+            want(*connection, !isBehind, true, now);
     }
     for (PostConnection* connection : std::exchange(mUnread, {}))
     {
-        if (!concerns(*connection))
-            continue;
-        connection->pongs.wasNotRead();
-        want(*connection, false, now);
+        if (concerns(*connection))
+            want(*connection, false, false, now);
     }
     const auto isGivenUp = [](PostConnection* connection)
     {
@@ -274,11 +272,13 @@ uint64_t PostPort::openBarrier(bool isSync, TimePoint now, const Concerns& conce
     return mBarrier;
 }
 
-void PostPort::want(PostConnection& connection, bool isForSync, TimePoint now)
+void PostPort::want(PostConnection& connection, bool isForSync, bool wasRead, TimePoint now)
 {
     if (!connection.isOpen() || !connection.knowsPing())
         return;
     const bool isAwaited = connection.pongs.isAwaited();
+    if (!wasRead)
+        connection.pongs.wasNotRead();
     connection.pongs.want(mBarrier, isForSync, connection.arrivals(), mPatience.left(now), now);
     ping(connection, now);
     if (!isAwaited && connection.pongs.isAwaited())

@@ -187,7 +187,7 @@ private:
     void makeReady(PostConnection& connection);
     void takeSome(std::deque<PostConnection*>& connections, TimePoint end);
     bool hasMemory(bool isForHeavy) const;
-    void want(PostConnection& connection, bool isForSync, TimePoint now);
+    void want(PostConnection& connection, bool isForSync, bool wasRead, TimePoint now);
     void ping(PostConnection& connection, TimePoint now);
     void sendPing(PostConnection& connection);
     void awaitAnswer(PostConnection& connection);

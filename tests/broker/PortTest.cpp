@@ -259,9 +259,16 @@ protected:
         EXPECT_TRUE(eventually([this] { return unread() == peers.size(); }));
     }
 
-    void openBarrier(bool concerns)
+    uint64_t openBarrier(bool concerns)
     {
-        port.openBarrier(false, Clock::now(), [=](PostConnection& /*connection*/) { return concerns; });
+        return port.openBarrier(false, Clock::now(),
+                                [=](PostConnection& /*connection*/) { return concerns; });
+    }
+
+    // Until when a query waits behind the barrier.
+    TimePoint endOfWait(uint64_t barrier, TimePoint opened) const
+    {
+        return port.endOfWait(barrier, false, opened, [](PostConnection& /*connection*/) { return true; });
     }
 
     std::size_t unread() const
@@ -344,6 +351,24 @@ TEST_F(ReadingTest, aLongMessageThatARequestBeginsToWaitForIsNotLeftBehind)
     openBarrier(true);
     writeToAll("more");
     expectAllReadBeforeTheAnswers();
+}
+
+// It is not its fault that they are unread.
+TEST_F(ReadingTest, aRequestWaitsForWhatIsUnreadAlsoOfAConnectionThatIsNotWaitedForOtherwise)
+{
+    connectOne(WireFrames::header(1000000, 0) + std::string(someBytes, 'x'));
+    takeAll();
+    openBarrier(true);
+    const TimePoint now = Clock::now();
+    for (int overdue = 1; overdue <= 2; ++overdue)
+        port.doWhatIsDue(now + overdue * std::chrono::seconds(10));
+    EXPECT_EQ(endOfWait(openBarrier(true), now), TimePoint::min()) << "it does not answer";
+
+    writeToAll("more");
+    use(limits.memory + 1);
+    const uint64_t barrier = openBarrier(true);
+    EXPECT_TRUE(port.isUnreadBefore(barrier, [](const PostConnection& /*connection*/) { return true; }));
+    EXPECT_GT(endOfWait(barrier, now), now);
 }
 
 TEST_F(ReadingTest, shortPostsAreReadAlsoIfMemoryIsShort)
