@@ -59,8 +59,17 @@ bool Reply::produce(const DeviceState& state, const Shows& shows, std::size_t by
     if (mIsComplete)
         FrameWriter::frame(append, text, 0);
     else
-        mText.erase(0, mText.size() - text.size());
+        keep(text.size());
     return mIsComplete;
+}
+
+// Keeps the end of the text. Many readers may be slow, so none of them holds the room of a long value.
+void Reply::keep(std::size_t bytes)
+{
+    if (mText.capacity() > 2 * pieceBytes)
+        std::string(mText, mText.size() - bytes).swap(mText);
+    else
+        mText.erase(0, mText.size() - bytes);
 }
 
 // Extends the text by one more frame, since the last frame is held back.

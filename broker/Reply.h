@@ -65,6 +65,7 @@ private:
     Reply(Values values, std::vector<std::string_view> keys);
 
     void extend(const DeviceState& state, const Shows& shows, std::size_t bytes);
+    void keep(std::size_t bytes);
     const char* key() const;
     void begin();
     bool appendNext(const DeviceState& state, const Shows& shows);

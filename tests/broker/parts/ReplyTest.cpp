@@ -127,6 +127,19 @@ TEST_F(ReplyTest, isProducedPieceByPiece)
     EXPECT_GT(pieces, 40U);
 }
 
+// Hundreds of clients may ask for all values and read nothing.
+TEST_F(ReplyTest, holdsLittleBehindALongValue)
+{
+    Map values = numbered(1000, 100);
+    values["first"] = std::string(60000, 'v');
+    post(values);
+    Reply reply = Reply::ofAll();
+    std::string bytes;
+    EXPECT_FALSE(reply.produce(state, {}, Reply::pieceBytes, bytes));
+    EXPECT_GT(bytes.size(), 60000U);
+    EXPECT_LT(reply.heldBytes(), 1000U);
+}
+
 TEST_F(ReplyTest, countsTheKeysThatItHolds)
 {
     std::vector<std::string> keys;
