@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include "c/Failure.h"
 #include "statusmanager/StatusManagerProxy.h"
 
 namespace StatusC
@@ -23,16 +22,14 @@ Process& Process::instance()
     return process;
 }
 
-void Process::checkNotForked()
+bool Process::isForked() noexcept
 {
     const pid_t pid = owner;
-    if (isChild || (pid != 0 && pid != getpid()))
-        throw Failure{STATUS_EFORKED};
+    return isChild || (pid != 0 && pid != getpid());
 }
 
 void Process::claim()
 {
-    checkNotForked();
     pid_t none = 0;
     if (!owner.compare_exchange_strong(none, getpid()))
         return;

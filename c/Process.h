@@ -19,11 +19,10 @@ public:
     /// @throws std::system_error without a thread
     static Process& instance();
 
-    /// Whether this process may use the library: its threads do not exist in a forked child. Needs no lock,
-    /// because in a child a lock may be held for ever.
-    /// @throws Failure(STATUS_EFORKED)
-    static void checkNotForked();
-    /// From now on, children are refused. @throws as checkNotForked()
+    /// Whether this process is a forked child, in which the library's threads do not exist. Needs neither a
+    /// lock nor memory, because in a child a lock, also that of the allocator, may be held for ever.
+    static bool isForked() noexcept;
+    /// From now on, children are refused.
     static void claim();
 
     /// Asks the questions, one after another. A question may block it as long as the broker is silent.

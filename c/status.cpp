@@ -43,10 +43,11 @@ private:
 template <class Action>
 auto guarded(Action action) noexcept -> decltype(action())
 {
+    if (Process::isForked())
+        return STATUS_EFORKED;
     const NotCancelled notCancelled;
     try
     {
-        Process::checkNotForked();
         return action();
     }
     catch (const Failure& failure)
